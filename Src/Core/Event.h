@@ -1,0 +1,148 @@
+// CEvent: the one record for every unit of work. CEventQueue: its FIFO. CEventFreeList: where records rest.
+#pragma once
+
+#include <cstdint>
+
+#include <Infra/Mutex.h>
+#include <Infra/Semaphore.h>
+
+namespace Orvex::Reticor {
+
+// What `CEvent::m_key` says. 0 or more is a socket handle, below EVENT_KEY_TIMER_LIMIT a timer's id.
+constexpr int64_t EVENT_KEY_MESSAGE = -50;
+constexpr int64_t EVENT_KEY_SERIAL = -51;
+constexpr int64_t EVENT_KEY_POLL = -75;
+constexpr int64_t EVENT_KEY_DRAIN = -76;
+constexpr int64_t EVENT_KEY_HEARTBEAT = -80;
+constexpr int64_t EVENT_KEY_TIMER_LIMIT = -101;
+
+struct CEvent;
+
+/// The idle time-out of a socket record, and its node in the list of CSockTimer.
+struct SockTimerNode {
+    int32_t m_set_time;       ///< Time-out in milliseconds, 0 for none.
+    uint32_t m_sequence;      ///< Tells this registration of the number from earlier ones.
+    int64_t m_sock_deadline;  ///< On the clock of CSockTimer; 0 when paused or unset.
+    CEvent* m_timer_owner;    ///< The record itself.
+    CEvent* m_timer_prev;
+    CEvent* m_timer_next;
+};
+
+/// One record, told apart by `m_key`. `m_key`, `m_mutex`, `m_obj_id` and `m_next` are common to all kinds; the
+/// rest is a union of three layouts. Records are recycled, not freed, and keep their old values while they rest.
+struct CEvent {
+    int64_t m_key = 0;
+
+    /// Guards the socket layout. Not used by the other kinds.
+    Infra::CMutex m_mutex;
+
+    /// Socket and timer: id of the owning handler. Message: id of the sender.
+    int64_t m_obj_id = 0;
+
+    union {
+        struct {
+            uint32_t m_event_mask;  ///< Directions wanted, SOCK_*.
+            int16_t m_revents;      ///< To be delivered, REVENT_*; not 0 means in flight.
+            uint16_t m_mux_state;   ///< What the multiplexer knows of the socket, MUX_*.
+        };
+        int64_t m_receiver = 0;  ///< Message.
+        uint64_t m_expire;       ///< Timer: absolute, microseconds.
+    };
+
+    union {
+        SockTimerNode m_timer;
+        struct {
+            int64_t m_attach;
+            uint32_t m_msg;
+        };
+        struct {
+            uint64_t m_delay;      ///< Timer: period in microseconds.
+            int32_t m_heap_place;  ///< Timer: place in the heap's array.
+        };
+    };
+
+    /// Link in a queue or in the free list.
+    CEvent* m_next = nullptr;
+
+    CEvent() : m_timer{0, 0, 0, nullptr, nullptr, nullptr} {}
+    CEvent(const CEvent&) = delete;
+    CEvent& operator=(const CEvent&) = delete;
+};
+
+/// The FIFO of records. Nothing is allocated: a record links through its own field.
+///
+/// Thread safety: every operation on any thread. The semaphore holds one count for each record pushed with a
+/// post; it is posted inside `m_mutex` and waited for outside, so that who destroys a queue after taking the last
+/// record of it never meets a poster that is still inside.
+class CEventQueue {
+public:
+    CEventQueue() = default;
+    /// Deletes the records that are still queued.
+    ~CEventQueue();
+
+    CEventQueue(const CEventQueue&) = delete;
+    CEventQueue& operator=(const CEventQueue&) = delete;
+
+    /// Appends the chain that starts with `ev` and posts once for each of its records. The chain ends where
+    /// `m_next` is null: who pushes a single record uses PushOne, or clears the link first.
+    void Push(CEvent* ev);
+
+    /// Appends one record, whatever its link says.
+    void PushOne(CEvent* ev);
+
+    /// As Push, without a post.
+    void PushSilent(CEvent* ev);
+
+    /// Puts one record ahead of all others and posts once.
+    void PushFront(CEvent* ev);
+
+    /// Waits for a record and takes the first one. Null, with a line in the log, if somebody posted without one.
+    CEvent* Pop();
+
+    /// The first record, or null. Takes no count of the semaphore, so it is for queues that are pushed in silence
+    /// and for teardown.
+    CEvent* TryPop();
+
+protected:
+    int append(CEvent* ev) INFRA_REQUIRES(m_mutex);
+    CEvent* take() INFRA_REQUIRES(m_mutex);
+
+    CEvent* m_head INFRA_GUARDED_BY(m_mutex) = nullptr;
+    CEvent* m_tail INFRA_GUARDED_BY(m_mutex) = nullptr;
+    Infra::CMutex m_mutex;
+    Infra::CSemaphore m_sem{0};
+
+    friend struct EventQueueProbe;  // tests
+};
+
+/// The records that rest. One instance for the process: `eventFreeList()`.
+class CEventFreeList {
+public:
+    constexpr CEventFreeList() = default;
+    /// Deletes the records in the list.
+    ~CEventFreeList();
+
+    CEventFreeList(const CEventFreeList&) = delete;
+    CEventFreeList& operator=(const CEventFreeList&) = delete;
+
+    /// A record with the values of its last life, but for `m_next`, which is null. Allocates only while the list
+    /// is empty.
+    CEvent* Get();
+
+    void Put(CEvent* ev);
+
+    /// Puts every record of a chain.
+    void PutChain(CEvent* ev);
+
+private:
+    CEvent* m_head INFRA_GUARDED_BY(m_mutex) = nullptr;
+    Infra::CMutex m_mutex;
+};
+
+/// The process's free list, with a small stock of records per thread in front of it. It lives until the process
+/// ends: threads of the library may still run while static objects are destroyed.
+CEvent* getEvent();
+void putEvent(CEvent* ev);
+void putEventChain(CEvent* ev);
+
+}  // namespace Orvex::Reticor

@@ -1,0 +1,66 @@
+// CNetThread: starts and ends the library, and its pools of worker threads.
+#pragma once
+
+#include <Reticor/Export.h>
+
+namespace Orvex::Reticor {
+
+extern "C" {
+
+/// `CNetThread::CreateThreadPool(threads, file_io != 0)`.
+RETICOR_API int CreateThreadPool(unsigned int threads, int file_io);
+
+/// `CNetThread::DestroyThreadPool()`.
+RETICOR_API int DestroyThreadPool();
+
+/// `CNetThread::SetRecvThreadPriority(priority, policy, stack)`.
+RETICOR_API int SetRecvThreadPriority(int priority, int policy, int stack);
+
+}  // extern "C"
+
+/// The door through which a product starts and ends the library. All operations are static.
+///
+/// The public pool is shared and counted: the first `CreateThreadPool` starts the library, each further one
+/// counts one user more, and the last `DestroyThreadPool` stops everything. Up to 63 private pools keep the
+/// library up as well.
+///
+/// Thread safety: any thread, but never from inside a `handle_*` call: creating and destroying pools,
+/// `TraversalSock`, `EnableR3` and `DisableR3` share one lock, which is held while the threads of a pool are
+/// joined. A worker that destroys its own pool ends the process with an assertion that says so.
+class RETICOR_API CNetThread {
+public:
+    CNetThread() = delete;
+
+    /// Starts the library and its public pool, or counts one user more. `threads` workers, raised to a multiple
+    /// of the processor count; 0 is logged as an error and raised likewise (on one processor such a pool has no
+    /// workers). `file_io` also starts the file workers. `threads` counts only in the call that creates the
+    /// pool. Blocks for the start of the threads. Result: 0, or -1 if the library cannot start.
+    static int CreateThreadPool(unsigned int threads, bool file_io);
+
+    /// Starts a private pool, and the library if need be. Result: the pool's index, 1 to 63, for
+    /// `CNetHandler(int)`; -1 if the library cannot start or 63 private pools exist.
+    static int CreatePrivatePool(unsigned int threads, bool file_io);
+
+    /// Ends one use of the public pool, and with the last one (and no private pool alive) the library: blocks
+    /// until all its threads have ended. Handlers of the pool should be closed before. Result: 0; -1 if there
+    /// is no pool.
+    static int DestroyThreadPool();
+
+    /// Ends a private pool; blocks until its threads have ended. Result: 0; -1 if `index` is not the index of a
+    /// private pool.
+    static int DestroyPrivatePool(int index);
+
+    /// Scheduling values of the next pool that is created; afterwards they are back at 64, 0, 0. `priority` is
+    /// 1, 64 (the default) or 127, `policy` 0 (the default) or 1 for round robin, `stack` a size in bytes or 0
+    /// for the system's default. Result: 0; -1, with a line at level 2, for other values.
+    static int SetThreadPriority(int priority, int policy, int stack);
+
+    /// Scheduling values of the stream receiver threads, used when the library starts the next time. Only
+    /// `policy` is checked. Result as above.
+    static int SetRecvThreadPriority(int priority, int policy, int stack);
+
+    /// Logs every registered socket of every pool at level 4. Result: the number of sockets listed.
+    static int TraversalSock();
+};
+
+}  // namespace Orvex::Reticor
