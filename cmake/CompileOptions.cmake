@@ -1,0 +1,42 @@
+# How our own sources are compiled. Everything here is private to our targets, so that nothing leaks into a
+# product that links the libraries or builds them as a sub-project.
+
+# Language and warnings, for every target of ours.
+add_library(reticor_options INTERFACE)
+target_compile_features(reticor_options INTERFACE cxx_std_17)
+target_compile_options(reticor_options INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion
+  $<$<BOOL:${RETICOR_WERROR}>:-Werror>
+  $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
+  # Assertions are part of the behaviour in every build type.
+  -UNDEBUG
+  # Log lines and assertions name sources from the project's root: Src/Core/Event.cpp.
+  -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
+
+if(RETICOR_SANITIZE)
+  target_compile_options(reticor_options INTERFACE
+    -fsanitize=${RETICOR_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  target_link_options(reticor_options INTERFACE -fsanitize=${RETICOR_SANITIZE})
+endif()
+if(RETICOR_COVERAGE)
+  target_compile_options(reticor_options INTERFACE --coverage -fprofile-update=atomic)
+  target_link_options(reticor_options INTERFACE --coverage)
+endif()
+
+# Objects of a library: hidden unless marked, position-independent. Calls inside the library are bound
+# inside it: nobody replaces a function of ours from outside.
+function(reticor_library_objects name)
+  target_link_libraries(${name} PRIVATE reticor_options PUBLIC Threads::Threads)
+  target_compile_options(${name} PRIVATE -fno-semantic-interposition)
+  set_target_properties(${name} PROPERTIES
+    CXX_EXTENSIONS OFF
+    CXX_VISIBILITY_PRESET hidden
+    VISIBILITY_INLINES_HIDDEN ON
+    POSITION_INDEPENDENT_CODE ON)
+endfunction()
+
+# A program of ours (test, example, benchmark).
+function(reticor_program name)
+  target_link_libraries(${name} PRIVATE reticor_options Threads::Threads)
+  set_target_properties(${name} PROPERTIES CXX_EXTENSIONS OFF)
+endfunction()

@@ -1,0 +1,24 @@
+# Headers, libraries, the package config for find_package(Reticor) and the pkg-config files.
+include(CMakePackageConfigHelpers)
+
+install(DIRECTORY include/ foundation/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+  FILES_MATCHING PATTERN "*.h")
+install(TARGETS orvex_infra reticor EXPORT ReticorTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+
+set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/Reticor)
+install(EXPORT ReticorTargets NAMESPACE Orvex:: DESTINATION ${package_dir})
+configure_package_config_file(cmake/ReticorConfig.cmake.in ${PROJECT_BINARY_DIR}/ReticorConfig.cmake
+  INSTALL_DESTINATION ${package_dir})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/ReticorConfigVersion.cmake
+  COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/ReticorConfig.cmake ${PROJECT_BINARY_DIR}/ReticorConfigVersion.cmake
+  DESTINATION ${package_dir})
+
+# The prefix is taken from where the file lies, so an installed tree can be moved.
+set(pkgconfig_dir ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+file(RELATIVE_PATH pkgconfig_to_prefix ${CMAKE_INSTALL_PREFIX}/${pkgconfig_dir} ${CMAKE_INSTALL_PREFIX})
+foreach(package orvex-infra reticor)
+  configure_file(cmake/${package}.pc.in ${PROJECT_BINARY_DIR}/${package}.pc @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/${package}.pc DESTINATION ${pkgconfig_dir})
+endforeach()
