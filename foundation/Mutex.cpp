@@ -1,0 +1,219 @@
+#include <Infra/Mutex.h>
+
+#include <unistd.h>
+
+#include <cassert>
+#include <cerrno>
+
+#include "Futex.h"
+
+namespace Orvex::Infra {
+
+namespace {
+
+// Values of CMutex::m_state.
+constexpr uint32_t FREE = 0;
+constexpr uint32_t HELD = 1;
+constexpr uint32_t HELD_WITH_SLEEPERS = 2;
+
+// Bits of CReadWriteMutex::m_gate. Readers pass while it is 0.
+constexpr uint32_t GATE_CLOSED = 1;         // a writer holds the lock or waits for readers to leave
+constexpr uint32_t GATE_WRITER_SLEEPS = 2;  // the writer sleeps on some slot: a leaving reader wakes it
+constexpr uint32_t GATE_READERS_SLEEP = 4;  // readers sleep on the gate: the leaving writer wakes them
+
+// How often a lock looks again before it sleeps: about two microseconds, less than a sleep and a wake-up
+// cost, and longer than the short stretches for which the library holds its locks.
+constexpr int SPINS = 60;
+
+// One byte per thread, whose address names the thread. The initial-exec model reads it without a call.
+__attribute__((tls_model("initial-exec"))) thread_local char t_identity = 0;
+
+// Slot number of the thread plus one; 0 while it has none.
+__attribute__((tls_model("initial-exec"))) thread_local uint32_t t_slot = 0;
+
+std::atomic<uint32_t> g_next_slot{0};
+
+int count_processors() noexcept {
+    const int saved_errno = errno;
+    const long count = ::sysconf(_SC_NPROCESSORS_ONLN);
+    errno = saved_errno;
+    return count > 1 ? static_cast<int>(count) : 1;
+}
+
+// Spinning waits for a holder that runs on another processor; with one processor there is none.
+int spin_limit() noexcept {
+    static std::atomic<int> limit{-1};
+    int value = limit.load(std::memory_order_relaxed);
+    if (value < 0) {
+        value = count_processors() > 1 ? SPINS : 0;
+        limit.store(value, std::memory_order_relaxed);
+    }
+    return value;
+}
+
+}  // namespace
+
+bool CMutex::heldByThisThread() const noexcept {
+    return m_owner.load(std::memory_order_relaxed) == &t_identity;
+}
+
+bool CMutex::enter() noexcept {
+    if (heldByThisThread()) {
+        ++m_depth;
+        return true;
+    }
+    uint32_t expected = FREE;
+    if (!m_state.compare_exchange_strong(expected, HELD, std::memory_order_acquire,
+                                         std::memory_order_relaxed)) {
+        enter_contended();
+    }
+    m_owner.store(&t_identity, std::memory_order_relaxed);
+    m_depth = 1;
+    return true;
+}
+
+bool CMutex::tryEnter() noexcept {
+    if (heldByThisThread()) {
+        ++m_depth;
+        return true;
+    }
+    uint32_t expected = FREE;
+    if (!m_state.compare_exchange_strong(expected, HELD, std::memory_order_acquire,
+                                         std::memory_order_relaxed)) {
+        return false;
+    }
+    m_owner.store(&t_identity, std::memory_order_relaxed);
+    m_depth = 1;
+    return true;
+}
+
+bool CMutex::leave() noexcept {
+    assert(heldByThisThread() && "CMutex::leave on a thread that does not hold the lock");
+    if (--m_depth > 0) {
+        return true;
+    }
+    m_owner.store(nullptr, std::memory_order_relaxed);
+    // From the exchange on another thread may enter, leave and destroy the lock: only its address is used
+    // after it.
+    if (m_state.exchange(FREE, std::memory_order_release) == HELD_WITH_SLEEPERS) {
+        Detail::futexWake(m_state, 1);
+    }
+    return true;
+}
+
+void CMutex::enter_contended() noexcept {
+    for (int spins = spin_limit(); spins > 0; --spins) {
+        uint32_t state = m_state.load(std::memory_order_relaxed);
+        if (state == HELD_WITH_SLEEPERS) {
+            break;  // Others have given up spinning already.
+        }
+        if (state == FREE && m_state.compare_exchange_weak(state, HELD, std::memory_order_acquire,
+                                                           std::memory_order_relaxed)) {
+            return;
+        }
+        Detail::spinPause();
+    }
+    // A thread that has slept cannot know whether others still sleep, so it takes the lock in the state that
+    // makes it wake one when it leaves.
+    while (m_state.exchange(HELD_WITH_SLEEPERS, std::memory_order_acquire) != FREE) {
+        Detail::futexWait(m_state, HELD_WITH_SLEEPERS);
+    }
+}
+
+// How a reader and a writer find out about each other: the reader counts itself and then looks at the gate,
+// the writer closes the gate and then looks at the counts, all in sequentially consistent order. So at least
+// one of them sees the other: the reader backs off, or the writer waits. The same argument, with "takes
+// itself off and then looks at the gate" against "says that it sleeps and then looks at the count", shows
+// that no wake-up is lost.
+
+CReadWriteMutex::Slot& CReadWriteMutex::slot_of_this_thread() noexcept {
+    if (t_slot == 0) {
+        t_slot = g_next_slot.fetch_add(1, std::memory_order_relaxed) % SLOT_COUNT + 1;
+    }
+    return m_slots[t_slot - 1];
+}
+
+bool CReadWriteMutex::enterReading() noexcept INFRA_NO_THREAD_SAFETY_ANALYSIS {
+    assert(!writtenByThisThread() && "CReadWriteMutex::enterReading on the thread that holds it for writing");
+    Slot& slot = slot_of_this_thread();
+    for (;;) {
+        slot.readers.fetch_add(1, std::memory_order_seq_cst);
+        if (m_gate.load(std::memory_order_seq_cst) == 0) {
+            return true;
+        }
+        leave_slot(slot);
+        wait_for_writer();
+    }
+}
+
+bool CReadWriteMutex::enterWriting() noexcept INFRA_NO_THREAD_SAFETY_ANALYSIS {
+    assert(!writtenByThisThread() && "CReadWriteMutex::enterWriting on the thread that holds it for writing");
+    m_writer.enter();
+    m_gate.fetch_or(GATE_CLOSED, std::memory_order_seq_cst);
+    for (Slot& slot : m_slots) {
+        wait_for_readers(slot);
+    }
+    return true;
+}
+
+bool CReadWriteMutex::leave() noexcept INFRA_NO_THREAD_SAFETY_ANALYSIS {
+    if (!writtenByThisThread()) {
+        leave_slot(slot_of_this_thread());
+        return true;
+    }
+    // Order matters: with the gate opened last, a next writer could close it while this one still means to
+    // open it.
+    const uint32_t gate = m_gate.exchange(0, std::memory_order_seq_cst);
+    if ((gate & GATE_READERS_SLEEP) != 0) {
+        Detail::futexWake(m_gate);
+    }
+    m_writer.leave();
+    return true;
+}
+
+void CReadWriteMutex::leave_slot(Slot& slot) noexcept {
+    const uint32_t before = slot.readers.fetch_sub(1, std::memory_order_seq_cst);
+    assert(before > 0 && "CReadWriteMutex::leave on a thread that does not hold the lock");
+    if (before == 1 && (m_gate.load(std::memory_order_seq_cst) & GATE_WRITER_SLEEPS) != 0) {
+        Detail::futexWake(slot.readers, 1);
+    }
+}
+
+// Returns when the gate was seen open; it may be closed again by then.
+void CReadWriteMutex::wait_for_writer() noexcept {
+    for (int spins = spin_limit(); spins > 0; --spins) {
+        if (m_gate.load(std::memory_order_relaxed) == 0) {
+            return;
+        }
+        Detail::spinPause();
+    }
+    uint32_t gate = m_gate.load(std::memory_order_relaxed);
+    while (gate != 0) {
+        if ((gate & GATE_READERS_SLEEP) == 0 &&
+            !m_gate.compare_exchange_weak(gate, gate | GATE_READERS_SLEEP, std::memory_order_seq_cst)) {
+            continue;
+        }
+        Detail::futexWait(m_gate, gate | GATE_READERS_SLEEP);
+        gate = m_gate.load(std::memory_order_relaxed);
+    }
+}
+
+// Returns when no reader is left in the slot; later ones find the gate closed and back off.
+void CReadWriteMutex::wait_for_readers(Slot& slot) noexcept {
+    for (int spins = spin_limit(); spins > 0; --spins) {
+        if (slot.readers.load(std::memory_order_seq_cst) == 0) {
+            return;
+        }
+        Detail::spinPause();
+    }
+    m_gate.fetch_or(GATE_WRITER_SLEEPS, std::memory_order_seq_cst);
+    for (;;) {
+        const uint32_t readers = slot.readers.load(std::memory_order_seq_cst);
+        if (readers == 0) {
+            return;
+        }
+        Detail::futexWait(slot.readers, readers);
+    }
+}
+
+}  // namespace Orvex::Infra

@@ -1,0 +1,17 @@
+#include <Infra/Time.h>
+
+#include <time.h>
+
+namespace Orvex::Infra {
+
+uint64_t CTime::getCurrentMicroSecond() noexcept {
+    timespec now;
+    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1000000 + static_cast<uint64_t>(now.tv_nsec) / 1000;
+}
+
+uint64_t CTime::getCurrentMilliSecond() noexcept {
+    return getCurrentMicroSecond() / 1000;
+}
+
+}  // namespace Orvex::Infra

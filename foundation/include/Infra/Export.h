@@ -1,0 +1,17 @@
+// INFRA_API marks what the shared library exports; everything else is hidden.
+// INFRA_CONSTINIT in front of a static object makes the compiler refuse a start-up initialiser.
+#pragma once
+
+#if defined(__GNUC__)
+#define INFRA_API __attribute__((visibility("default")))
+#else
+#define INFRA_API
+#endif
+
+#if defined(__clang__)
+#define INFRA_CONSTINIT [[clang::require_constant_initialization]]
+#elif defined(__GNUC__) && __GNUC__ >= 10
+#define INFRA_CONSTINIT __constinit
+#else
+#define INFRA_CONSTINIT
+#endif

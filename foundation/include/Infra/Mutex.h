@@ -1,0 +1,137 @@
+// CMutex, CReadWriteMutex: the locks of the library, and the guards that hold them for a scope.
+//
+// Both can be static objects: they are constant-initialised, so that they work before main, and their
+// destructors are trivial, so that threads which still run while the process exits never meet a destroyed
+// lock. Neither allocates, neither changes errno. Neither is fair.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <type_traits>
+
+#include <Infra/Export.h>
+#include <Infra/ThreadAnnotations.h>
+
+namespace Orvex::Infra {
+
+// A recursive mutual exclusion lock: the holder may enter again, so that a callback which runs under an
+// object's lock may call back into the same object, and must leave as often as it entered. An uncontended
+// enter or leave makes no system call. Never destroy it while it is held.
+class INFRA_API INFRA_CAPABILITY("mutex") CMutex {
+public:
+    constexpr CMutex() noexcept = default;
+    CMutex(const CMutex&) = delete;
+    CMutex& operator=(const CMutex&) = delete;
+
+    // Blocks until the calling thread holds the lock. Always true.
+    bool enter() noexcept INFRA_ACQUIRE();
+    // Gives up one entry of the calling thread. Always true; fires an assertion if the caller is not the
+    // holder.
+    bool leave() noexcept INFRA_RELEASE();
+    // Takes the lock if it is free or already the caller's, and returns true; else returns false at once.
+    bool tryEnter() noexcept INFRA_TRY_ACQUIRE(true);
+
+    // For assertions: exact for the calling thread's own hold, whatever other threads do meanwhile.
+    bool heldByThisThread() const noexcept;
+
+private:
+    void enter_contended() noexcept;
+
+    // 0 free, 1 held, 2 held and somebody may sleep on this word.
+    std::atomic<uint32_t> m_state{0};
+    // Entries of the holder; touched by the holder alone.
+    uint32_t m_depth = 0;
+    // Names the holder. Others may read a stale value, but never their own name unless they hold the lock.
+    std::atomic<const void*> m_owner{nullptr};
+};
+
+// A lock for many readers or one writer, made for data that is read all the time and seldom written.
+//
+// Readers neither wait for each other nor write to a common cache line: each thread counts itself in one of a
+// few slots, always the same one. The price is paid by writers, who look at every slot, and in size (about
+// 600 bytes). A waiting writer goes before new readers. For that reason a thread that reads must not enter
+// reading again: with a writer waiting in between it would wait for itself. A thread must leave what it has
+// entered itself; a hold cannot be handed to another thread. Entering either way while the calling thread
+// holds writing fires an assertion.
+class INFRA_API INFRA_CAPABILITY("mutex") CReadWriteMutex {
+public:
+    constexpr CReadWriteMutex() noexcept = default;
+    CReadWriteMutex(const CReadWriteMutex&) = delete;
+    CReadWriteMutex& operator=(const CReadWriteMutex&) = delete;
+
+    // Blocks while a writer holds the lock or waits for it. Always true.
+    bool enterReading() noexcept INFRA_ACQUIRE_SHARED();
+    // Blocks until no other thread holds the lock in either way. Always true.
+    bool enterWriting() noexcept INFRA_ACQUIRE();
+    // Ends either kind of hold of the calling thread. Always true; fires an assertion if it sees that there
+    // is none.
+    bool leave() noexcept INFRA_RELEASE_GENERIC();
+
+    // For assertions.
+    bool writtenByThisThread() const noexcept { return m_writer.heldByThisThread(); }
+
+private:
+    static constexpr std::size_t CACHE_LINE = 64;
+    static constexpr std::size_t SLOT_COUNT = 8;
+
+    struct alignas(CACHE_LINE) Slot {
+        std::atomic<uint32_t> readers{0};
+    };
+
+    Slot& slot_of_this_thread() noexcept;
+    void leave_slot(Slot& slot) noexcept;
+    void wait_for_writer() noexcept;
+    void wait_for_readers(Slot& slot) noexcept;
+
+    // Bits of m_gate: see the source.
+    alignas(CACHE_LINE) std::atomic<uint32_t> m_gate{0};
+    // Held by the one writer that has closed the gate, from enterWriting to leave.
+    CMutex m_writer;
+    Slot m_slots[SLOT_COUNT];
+};
+
+static_assert(std::is_trivially_destructible_v<CMutex>, "a static lock must survive exit()");
+static_assert(std::is_trivially_destructible_v<CReadWriteMutex>, "a static lock must survive exit()");
+
+// Holds a CMutex from its construction to the end of its scope.
+class INFRA_SCOPED_CAPABILITY CGuard {
+public:
+    explicit CGuard(CMutex& mutex) noexcept INFRA_ACQUIRE(mutex) : m_mutex(mutex) { m_mutex.enter(); }
+    ~CGuard() INFRA_RELEASE() { m_mutex.leave(); }
+    CGuard(const CGuard&) = delete;
+    CGuard& operator=(const CGuard&) = delete;
+
+private:
+    CMutex& m_mutex;
+};
+
+// Reads under a CReadWriteMutex from its construction to the end of its scope.
+class INFRA_SCOPED_CAPABILITY CReadGuard {
+public:
+    explicit CReadGuard(CReadWriteMutex& mutex) noexcept INFRA_ACQUIRE_SHARED(mutex) : m_mutex(mutex) {
+        m_mutex.enterReading();
+    }
+    ~CReadGuard() INFRA_RELEASE() { m_mutex.leave(); }
+    CReadGuard(const CReadGuard&) = delete;
+    CReadGuard& operator=(const CReadGuard&) = delete;
+
+private:
+    CReadWriteMutex& m_mutex;
+};
+
+// Writes under a CReadWriteMutex from its construction to the end of its scope.
+class INFRA_SCOPED_CAPABILITY CWriteGuard {
+public:
+    explicit CWriteGuard(CReadWriteMutex& mutex) noexcept INFRA_ACQUIRE(mutex) : m_mutex(mutex) {
+        m_mutex.enterWriting();
+    }
+    ~CWriteGuard() INFRA_RELEASE() { m_mutex.leave(); }
+    CWriteGuard(const CWriteGuard&) = delete;
+    CWriteGuard& operator=(const CWriteGuard&) = delete;
+
+private:
+    CReadWriteMutex& m_mutex;
+};
+
+}  // namespace Orvex::Infra
