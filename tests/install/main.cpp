@@ -69,6 +69,7 @@ public:
         g_step.post();
         return 0;
     }
+    void tell_itself(unsigned msg, long attach) { Notify(GetID(), msg, attach); }
     void stop() {
         RemoveSock(m_acceptor);
         Close();
@@ -101,7 +102,7 @@ int main() {
         return 2;
     g_step.pend();
     std::puts("the timer ran");
-    server->Notify(server->GetID(), 1000, 42);
+    server->tell_itself(1000, 42);
     g_step.pend();
     if (!echo(server->address()))
         return 3;
