@@ -1,0 +1,15 @@
+// The general allocator as the core sees it: two functions, so that a test can count blocks and let memory
+// run out. Both are weak: a program that is linked from the library's objects may define its own.
+#pragma once
+
+#include <cstddef>
+
+namespace Orvex::Reticor {
+
+/// `size` bytes, aligned for any object, or null if there is no memory. Any thread.
+void* generalAllocate(std::size_t size) noexcept;
+
+/// Gives back what generalAllocate gave. Null is ignored. Any thread.
+void generalFree(void* p) noexcept;
+
+}  // namespace Orvex::Reticor

@@ -1,0 +1,28 @@
+// CountingAllocator: takes the place of the core's general allocator in these tests, counts what it gives and
+// gets back, and fails on demand.
+#pragma once
+
+#include <cstddef>
+
+namespace Orvex::Testing {
+
+struct CountingAllocator {
+    /// Blocks that were given and have not come back.
+    static long blocksInUse();
+
+    /// Blocks that have come back since the program began.
+    static long blocksFreed();
+
+    /// The size that was asked for last.
+    static std::size_t lastSize();
+
+    /// Lets every allocation of the process fail while it lives.
+    struct NoMemory {
+        NoMemory();
+        ~NoMemory();
+        NoMemory(const NoMemory&) = delete;
+        NoMemory& operator=(const NoMemory&) = delete;
+    };
+};
+
+}  // namespace Orvex::Testing
