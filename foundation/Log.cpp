@@ -108,8 +108,6 @@ public:
     ~ErrnoKept() { errno = m_errno; }
     ErrnoKept(const ErrnoKept&) = delete;
     ErrnoKept& operator=(const ErrnoKept&) = delete;
-    // For formats with %m.
-    void restore() const noexcept { errno = m_errno; }
 
 private:
     const int m_errno;
@@ -146,7 +144,6 @@ void logMember(int level, const char* file, const char* pretty, int line, const 
     const ErrnoKept kept;
     LineText text;
     text.append("[%s:%d] this:%p tid:%d, ", file, line, self, CThread::getCurrentThreadID());
-    kept.restore();
     std::va_list arguments;
     va_start(arguments, format);
     text.append(format, arguments);
@@ -158,7 +155,6 @@ void logStatic(int level, const char* file, const char* pretty, int line, const 
     const ErrnoKept kept;
     LineText text;
     text.append("[%s:%d] tid:%d, ", file, line, CThread::getCurrentThreadID());
-    kept.restore();
     std::va_list arguments;
     va_start(arguments, format);
     text.append(format, arguments);

@@ -1,0 +1,63 @@
+// What the kernel knows about a thread of this process: whether it sleeps, how often it has, its name.
+#pragma once
+
+#include <dirent.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <string>
+
+namespace Orvex::Testing {
+
+inline int kernelThreadId() {
+    return static_cast<int>(::syscall(SYS_gettid));
+}
+
+inline std::ifstream openTaskFile(int thread_id, const char* file) {
+    return std::ifstream("/proc/self/task/" + std::to_string(thread_id) + "/" + file);
+}
+
+// Whether the thread is asleep in futex(2), where the locks, the semaphore and pause() wait.
+inline bool sleepsInFutex(int thread_id) {
+    long number = -1;
+    return static_cast<bool>(openTaskFile(thread_id, "syscall") >> number) && number == SYS_futex;
+}
+
+// How often the thread went to sleep of its own accord.
+inline long voluntarySleeps(int thread_id) {
+    std::ifstream status = openTaskFile(thread_id, "status");
+    const std::string key = "voluntary_ctxt_switches:";
+    for (std::string line; std::getline(status, line);) {
+        if (line.compare(0, key.size(), key) == 0) {
+            return std::atol(line.c_str() + key.size());
+        }
+    }
+    return -1;
+}
+
+inline std::string kernelThreadName(int thread_id) {
+    std::string name;
+    std::ifstream comm = openTaskFile(thread_id, "comm");
+    std::getline(comm, name);
+    return name;
+}
+
+// Threads of this process, the caller included.
+inline int kernelThreadCount() {
+    DIR* const tasks = ::opendir("/proc/self/task");
+    if (tasks == nullptr) {
+        return -1;
+    }
+    int count = 0;
+    while (const dirent* const entry = ::readdir(tasks)) {
+        count += entry->d_name[0] != '.' ? 1 : 0;
+    }
+    ::closedir(tasks);
+    return count;
+}
+
+}  // namespace Orvex::Testing
