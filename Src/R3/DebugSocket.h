@@ -1,0 +1,49 @@
+// CDebugSocket: the flags that choose which steps of the socket event flow are traced, and the gate they
+// form.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+namespace Orvex::Reticor {
+
+/// All state is static. The console command sets the flags, the event path reads them; each is an atomic of
+/// its own that is read and written relaxed, so a change reaches the workers soon and in no order with
+/// others.
+///
+/// A site prints its line if all its tests pass: the class test (by what was asked for, or by what is ready),
+/// the density test, and the match. Sites leave out the first or the second, never the match, which is false
+/// in one test while nothing is traced.
+///
+/// Thread safety: any thread.
+class CDebugSocket {
+public:
+    static std::atomic<bool> socket_all;                ///< Trace all socket events.
+    static std::atomic<bool> socket_read;               ///< Trace read events.
+    static std::atomic<bool> socket_write;              ///< Trace write events.
+    static std::atomic<bool> socket_exception;          ///< Trace exception events.
+    static std::atomic<bool> socket_fd;                 ///< Filter by `socket_fd_num`.
+    static std::atomic<int64_t> socket_fd_num;          ///< The socket to follow.
+    static std::atomic<bool> socket_nethandler;         ///< Filter by `socket_nethandler_num`.
+    static std::atomic<int64_t> socket_nethandler_num;  ///< The id of the handler to follow.
+    static std::atomic<bool> socket_off;      ///< In spite of its name: lines print while it is true.
+    static std::atomic<bool> socket_dendity;  ///< Print the lines of dense sites too.
+
+    /// The class test of a site that is asked for directions: `type` has 1 for read, 2 for write.
+    static bool passesType(unsigned int type);
+
+    /// The class test of a site that delivers: `revents` as in a socket's record.
+    static bool passesRevents(int revents);
+
+    /// The test of the sites that print often.
+    static bool passesDensity() { return on(socket_dendity); }
+
+    /// The test of every site: whether a line about this socket and this handler is wanted.
+    static bool matches(int64_t socket, int64_t handler);
+
+private:
+    static bool on(const std::atomic<bool>& flag) { return flag.load(std::memory_order_relaxed); }
+    static bool anyClass();
+};
+
+}  // namespace Orvex::Reticor
