@@ -1,0 +1,24 @@
+// What a process and its threads have used so far, read from the kernel's own accounts.
+#pragma once
+
+#include <sys/types.h>
+#include <cstdint>
+#include <string>
+
+namespace Bench {
+
+// Nanoseconds of processor time of all living threads of a process, its kernel work included. Unlike the
+// ticks of /proc/PID/stat this has the scheduler's resolution. Threads that have ended are not counted.
+std::uint64_t processCpuNs(pid_t pid);
+
+// Times that the threads of this name (at most 15 characters count) went to sleep of their own accord, which
+// is also how often they were woken. Negative if the process has no such thread.
+std::int64_t voluntarySwitches(pid_t pid, const std::string& threadName);
+
+// Processor time of the calling process, ended threads included.
+std::uint64_t ownCpuNs();
+
+// CLOCK_MONOTONIC in nanoseconds.
+std::uint64_t nowNs();
+
+}  // namespace Bench
