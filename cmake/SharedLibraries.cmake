@@ -15,8 +15,10 @@ function(reticor_shared_library name alias output objects)
     INSTALL_RPATH $ORIGIN
     LINK_DEPENDS ${map})
   # What a source uses must be linked. Sanitizer builds are exempt: there the program brings the run time.
-  target_link_options(${name} PRIVATE -Wl,-z,relro,-z,now -Wl,--version-script=${map}
-    $<$<NOT:$<BOOL:${RETICOR_SANITIZE}>>:-Wl,-z,defs>)
+  target_link_options(${name} PRIVATE -Wl,-z,relro,-z,now -Wl,--version-script=${map})
+  if(NOT RETICOR_SANITIZE)
+    target_link_options(${name} PRIVATE -Wl,-z,defs)
+  endif()
 endfunction()
 
 reticor_shared_library(orvex_infra Infra OrvexInfra infra_objects)
