@@ -26,45 +26,44 @@ struct SockTimerNode {
     CEvent* m_timer_owner;    ///< The record itself.
     CEvent* m_timer_prev;
     CEvent* m_timer_next;
+    uint32_t m_close_count;  ///< Of the number, when the kernel was last told of this socket.
 };
 
-/// One record, told apart by `m_key`. `m_key`, `m_mutex`, `m_obj_id` and `m_next` are common to all kinds; the
-/// rest is a union of three layouts. Records are recycled, not freed, and keep their old values while they rest.
+/// One record, told apart by `m_key`. `m_key`, `m_mutex`, `m_obj_id` and `m_next` are common to all kinds,
+/// the others share their places. All that a message needs stands in the first 64 bytes. Records are
+/// recycled, not freed, and keep their old values while they rest.
 struct CEvent {
     int64_t m_key = 0;
 
-    /// Guards the socket layout. Not used by the other kinds.
+    /// Guards the fields of a socket. Not used by the other kinds.
     Infra::CMutex m_mutex;
 
     /// Socket and timer: id of the owning handler. Message: id of the sender.
     int64_t m_obj_id = 0;
 
+    /// Link in a queue or in the free list.
+    CEvent* m_next = nullptr;
+
     union {
-        struct {
-            uint32_t m_event_mask;  ///< Directions wanted, SOCK_*.
-            int16_t m_revents;      ///< To be delivered, REVENT_*; not 0 means in flight.
-            uint16_t m_mux_state;   ///< What the multiplexer knows of the socket, MUX_*.
-        };
-        int64_t m_receiver = 0;  ///< Message.
+        uint32_t m_event_mask = 0;  ///< Socket: directions wanted, SOCK_*.
+        uint32_t m_msg;             ///< Message: the number.
+        int32_t m_heap_place;       ///< Timer: place in the heap's array.
+    };
+    int16_t m_revents = 0;     ///< Socket: to be delivered, REVENT_*; not 0 means in flight.
+    uint16_t m_mux_state = 0;  ///< Socket: what the multiplexer knows of it, MUX_*.
+
+    union {
+        int64_t m_receiver = 0;  ///< Message: id of the receiver.
         uint64_t m_expire;       ///< Timer: absolute, microseconds.
     };
 
     union {
-        SockTimerNode m_timer;
-        struct {
-            int64_t m_attach;
-            uint32_t m_msg;
-        };
-        struct {
-            uint64_t m_delay;      ///< Timer: period in microseconds.
-            int32_t m_heap_place;  ///< Timer: place in the heap's array.
-        };
+        SockTimerNode m_timer;  ///< Socket.
+        int64_t m_attach;       ///< Message: the attachment.
+        uint64_t m_delay;       ///< Timer: period in microseconds.
     };
 
-    /// Link in a queue or in the free list.
-    CEvent* m_next = nullptr;
-
-    CEvent() : m_timer{0, 0, 0, nullptr, nullptr, nullptr} {}
+    CEvent() : m_timer{} {}
     CEvent(const CEvent&) = delete;
     CEvent& operator=(const CEvent&) = delete;
 };
@@ -72,8 +71,8 @@ struct CEvent {
 /// The FIFO of records. Nothing is allocated: a record links through its own field.
 ///
 /// Thread safety: every operation on any thread. The semaphore holds one count for each record pushed with a
-/// post; it is posted inside `m_mutex` and waited for outside, so that who destroys a queue after taking the last
-/// record of it never meets a poster that is still inside.
+/// post; it is posted inside `m_mutex` and waited for outside, so that who destroys a queue after taking the
+/// last record of it never meets a poster that is still inside.
 class CEventQueue {
 public:
     CEventQueue() = default;
@@ -96,11 +95,12 @@ public:
     /// Puts one record ahead of all others and posts once.
     void PushFront(CEvent* ev);
 
-    /// Waits for a record and takes the first one. Null, with a line in the log, if somebody posted without one.
+    /// Waits for a record and takes the first one. Null, with a line in the log, if somebody posted without
+    /// one.
     CEvent* Pop();
 
-    /// The first record, or null. Takes no count of the semaphore, so it is for queues that are pushed in silence
-    /// and for teardown.
+    /// The first record, or null. Takes no count of the semaphore, so it is for queues that are pushed in
+    /// silence and for teardown.
     CEvent* TryPop();
 
 protected:
@@ -115,7 +115,7 @@ protected:
     friend struct EventQueueProbe;  // tests
 };
 
-/// The records that rest. One instance for the process: `eventFreeList()`.
+/// The records that rest. The process has one, behind `getEvent` and `putEvent`.
 class CEventFreeList {
 public:
     constexpr CEventFreeList() = default;
@@ -125,22 +125,25 @@ public:
     CEventFreeList(const CEventFreeList&) = delete;
     CEventFreeList& operator=(const CEventFreeList&) = delete;
 
-    /// A record with the values of its last life, but for `m_next`, which is null. Allocates only while the list
-    /// is empty.
+    /// A record with the values of its last life, but for `m_next`, which is null. Allocates only while the
+    /// list is empty.
     CEvent* Get();
+
+    /// A chain of up to `most` records, or null.
+    CEvent* GetBatch(int most);
 
     void Put(CEvent* ev);
 
-    /// Puts every record of a chain.
-    void PutChain(CEvent* ev);
+    /// Puts a chain whose ends are given.
+    void PutChain(CEvent* first, CEvent* last);
 
 private:
     CEvent* m_head INFRA_GUARDED_BY(m_mutex) = nullptr;
     Infra::CMutex m_mutex;
 };
 
-/// The process's free list, with a small stock of records per thread in front of it. It lives until the process
-/// ends: threads of the library may still run while static objects are destroyed.
+/// Take from and give to the process's free list, through a small stock of records that each thread keeps: a
+/// record put and taken again on one thread is the same one. The list lives until the process ends.
 CEvent* getEvent();
 void putEvent(CEvent* ev);
 void putEventChain(CEvent* ev);

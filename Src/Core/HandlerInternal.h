@@ -11,7 +11,8 @@ namespace Orvex::Reticor {
 
 class CNetHandler;
 
-/// What the object table of a pool holds of a handler. The id comes first: the table reads its key from there.
+/// What the object table of a pool holds of a handler. The id comes first: the table reads its key from
+/// there.
 struct ObjectEntry {
     int64_t m_id = 0;
     CNetHandler* m_owner = nullptr;
@@ -35,6 +36,9 @@ struct HandlerInternal {
     std::atomic<int64_t> m_sock{0};
     /// Receiver of the short posting forms. Set and read without a lock.
     std::atomic<int64_t> m_default_rcer{0};
+
+    /// The state word in the destructor, when nobody else can reach the object any more.
+    uint16_t state_at_end() const INFRA_NO_THREAD_SAFETY_ANALYSIS { return __m_magic; }
 };
 
 }  // namespace Orvex::Reticor

@@ -17,8 +17,8 @@ struct HandlerInternal;
 /// construction (from a `Create` or `Init` of the derived class), never from the derived constructor: a call
 /// from a worker would race with the virtual table that is still being set up.
 ///
-/// Life: the creator never deletes a handler. It calls `Close`; when the last reference is gone `handle_close`
-/// runs once, and the override deletes the object there.
+/// Life: the creator never deletes a handler. It calls `Close`; when the last reference is gone
+/// `handle_close` runs once, and the override deletes the object there.
 ///
 ///  1. Serving. Sockets, timers and messages are delivered; each delivery holds a reference of its own.
 ///  2. Closing. `Close` was called: `RegisterSock` and `SetTimer` give -1 from now on.
@@ -31,10 +31,10 @@ struct HandlerInternal;
 /// pool until they are removed, so remove them in or before `Close`.
 ///
 /// Thread safety: every operation can be called from any thread, also from inside a `handle_*` call, as long
-/// as the caller knows the object alive (it is inside one of its calls, or holds a reference). `handle_*` calls
-/// run with no lock of the library held, and they are not serialised: calls for one socket never overlap, nor
-/// do those for one timer, but a socket, a timer and any number of messages can be served at the same time on
-/// different workers. A derived class guards its own state.
+/// as the caller knows the object alive (it is inside one of its calls, or holds a reference). `handle_*`
+/// calls run with no lock of the library held, and they are not serialised: calls for one socket never
+/// overlap, nor do those for one timer, but a socket, a timer and any number of messages can be served at the
+/// same time on different workers. A derived class guards its own state.
 ///
 /// No `handle_*` override may create or destroy a pool, nor call `CNetThread::EnableR3`, `DisableR3`,
 /// `TraversalSock` or wait for somebody who does: destroying a pool waits for its workers.
@@ -54,8 +54,8 @@ public:
     CNetHandler(const CNetHandler&) = delete;
     CNetHandler& operator=(const CNetHandler&) = delete;
 
-    /// A socket is ready to read (data, end of stream, or an error to be read). Level-triggered: a handler that
-    /// neither reads nor unregisters is called again at once.
+    /// A socket is ready to read (data, end of stream, or an error to be read). Level-triggered: a handler
+    /// that neither reads nor unregisters is called again at once.
     ///
     /// The result steers the socket's idle time-out alone, never the registration: 0 runs the stored time-out
     /// again from the start, a positive number sets a new one of that many microseconds, a negative number
@@ -69,8 +69,8 @@ public:
     /// A socket has out-of-band data. Hides readability and writability of the same moment.
     virtual int handle_exception(int fd);
 
-    /// Nothing happened on a socket registered for reading during its time-out. It stays registered, without a
-    /// time-out; call `RegisterSock` again to have another. The result is ignored.
+    /// Nothing happened on a socket registered for reading during its time-out. It stays registered, without
+    /// a time-out; call `RegisterSock` again to have another. The result is ignored.
     virtual int handle_input_timeout(int fd);
 
     /// The same for a socket that is registered for writing and not for reading.
@@ -79,8 +79,8 @@ public:
     /// Never called by the library; free for derived classes.
     virtual int handle_exception_timeout(int fd);
 
-    /// A timer expired. A negative result ends the timer, 0 runs it again after the same period, a positive one
-    /// after that many microseconds, which becomes the new period. The period counts from the return.
+    /// A timer expired. A negative result ends the timer, 0 runs it again after the same period, a positive
+    /// one after that many microseconds, which becomes the new period. The period counts from the return.
     virtual int64_t handle_timeout(long id);
 
     /// The last reference is gone: delete `self` here and return 0. Runs once, on the thread that dropped the
@@ -91,9 +91,10 @@ public:
     /// library's own close message and never arrives here. The result is ignored.
     virtual int handle_message(long sender, unsigned int msg, long attach);
 
-    /// Ends the object. Safe to call any number of times from any thread that knows the object alive; all calls
-    /// but the first do nothing. Does not wait: `handle_close` follows on a worker, or on the thread that drops
-    /// the last reference. After the call the object may be gone unless the caller holds a reference.
+    /// Ends the object. Safe to call any number of times from any thread that knows the object alive; all
+    /// calls but the first do nothing. Does not wait: `handle_close` follows on a worker, or on the thread
+    /// that drops the last reference. After the call the object may be gone unless the caller holds a
+    /// reference.
     virtual void Close();
 
     /// Takes a reference. Only while the object is known alive.
@@ -110,30 +111,30 @@ public:
     /// closed handler finds nothing.
     long GetID();
 
-    /// The receiver of the short `Notify`, `NotifySerial` and `NotifyIO` forms. 0, as it is at the start, is no
-    /// valid receiver.
+    /// The receiver of the short `Notify`, `NotifySerial` and `NotifyIO` forms. 0, as it is at the start, is
+    /// no valid receiver.
     void SetDefaultRcer(long id);
 
-    /// Ends the write interest of a socket that also reads, and removes the registration of one that does not.
-    /// A socket that is not registered in this handler's pool is left alone. Always 0.
+    /// Ends the write interest of a socket that also reads, and removes the registration of one that does
+    /// not. A socket that is not registered in this handler's pool is left alone. Always 0.
     int CheckSock(CSock& sock);
 
 protected:
-    /// Watches `sock` for the directions in `mask`: 1 read, 2 write, 4 exception. `timeout` is the idle time-out
-    /// in microseconds, counted in whole milliseconds; below 1000 there is none. It fires after at least that
-    /// time and at most about a second later.
+    /// Watches `sock` for the directions in `mask`: 1 read, 2 write, 4 exception. `timeout` is the idle
+    /// time-out in microseconds, counted in whole milliseconds; below 1000 there is none. It fires after at
+    /// least that time and at most about a second later.
     ///
-    /// On a socket that is registered already, the directions are added, the socket moves to this handler, and
-    /// the time-out is replaced (0 cancels it). The socket stays the caller's and must stay open until
+    /// On a socket that is registered already, the directions are added, the socket moves to this handler,
+    /// and the time-out is replaced (0 cancels it). The socket stays the caller's and must stay open until
     /// `RemoveSock`. A connecting socket is registered for writing alone; add reading after
     /// `CSockStream::GetConnectStatus` gave 0, since the error of a failed connect can be read only once.
     ///
-    /// Result: 0; -1 if this handler is closed or the handle is negative. A pool watches up to 4095 sockets for
-    /// reading, and 4096 each for writing and for exceptions; one more is ignored in silence.
+    /// Result: 0; -1 if this handler is closed or the handle is negative. A pool watches up to 4095 sockets
+    /// for reading, and 4096 each for writing and for exceptions; one more is ignored in silence.
     int RegisterSock(CSock& sock, unsigned int mask, int timeout);
 
-    /// Ends the interest in the directions of `mask`. The registration stays, if need be with nothing to watch.
-    /// Without read and write the time-out ends too. Always 0.
+    /// Ends the interest in the directions of `mask`. The registration stays, if need be with nothing to
+    /// watch. Without read and write the time-out ends too. Always 0.
     int UnregisterSock(CSock& sock, unsigned int mask);
 
     /// Ends the registration. Call it before closing the socket. After it returns no new call is made for the
@@ -141,22 +142,22 @@ protected:
     int RemoveSock(CSock& sock);
 
     /// Arms a timer: `handle_timeout` after `us` microseconds, 3000 at least and 24 hours at most, with a
-    /// resolution of about 5 ms. What repeats it is the result of `handle_timeout`. Result: the timer's id, or -1
-    /// if this handler is closed.
+    /// resolution of about 5 ms. What repeats it is the result of `handle_timeout`. Result: the timer's id,
+    /// or -1 if this handler is closed.
     long SetTimer(int64_t us);
 
-    /// Ends a timer that is waiting. One that is on its way or running is not found: end it by a negative result
-    /// of `handle_timeout`. Unknown ids are ignored.
+    /// Ends a timer that is waiting. One that is on its way or running is not found: end it by a negative
+    /// result of `handle_timeout`. Unknown ids are ignored.
     void DestroyTimer(long id);
 
-    /// Posts a message to the handler with id `receiver`, with this one as sender. Returns at once, never fails
-    /// towards the sender; a receiver that is gone drops the message without a trace. `attach` is an opaque
-    /// number; what it may point to is between sender and receiver.
+    /// Posts a message to the handler with id `receiver`, with this one as sender. Returns at once, never
+    /// fails towards the sender; a receiver that is gone drops the message without a trace. `attach` is an
+    /// opaque number; what it may point to is between sender and receiver.
     ///
     /// `Notify`: any worker of the receiver's pool; started in order, but two messages can run side by side.
-    /// `NotifySerial`: strictly one after the other for the whole pool. `reserved` is not used. Do not rely on
-    /// promptness after the last message of a burst.
-    /// `NotifyIO`: a file worker, for work that blocks; never delivered while no file workers run.
+    /// `NotifySerial`: strictly one after the other for the whole pool. `reserved` is not used. Do not rely
+    /// on promptness after the last message of a burst. `NotifyIO`: a file worker, for work that blocks;
+    /// never delivered while no file workers run.
     void Notify(long receiver, unsigned int msg, long attach);
     void Notify(unsigned int msg, long attach);
     void NotifySerial(long receiver, unsigned int msg, long attach, unsigned int reserved);

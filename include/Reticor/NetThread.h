@@ -31,10 +31,10 @@ class RETICOR_API CNetThread {
 public:
     CNetThread() = delete;
 
-    /// Starts the library and its public pool, or counts one user more. `threads` workers, raised to a multiple
-    /// of the processor count; 0 is logged as an error and raised likewise (on one processor such a pool has no
-    /// workers). `file_io` also starts the file workers. `threads` counts only in the call that creates the
-    /// pool. Blocks for the start of the threads. Result: 0, or -1 if the library cannot start.
+    /// Starts the library and its public pool, or counts one user more. `threads` workers, raised to a
+    /// multiple of the processor count; 0 is logged as an error and raised likewise (on one processor such a
+    /// pool has no workers). `file_io` also starts the file workers. `threads` counts only in the call that
+    /// creates the pool. Blocks for the start of the threads. Result: 0, or -1 if the library cannot start.
     static int CreateThreadPool(unsigned int threads, bool file_io);
 
     /// Starts a private pool, and the library if need be. Result: the pool's index, 1 to 63, for
@@ -46,18 +46,26 @@ public:
     /// is no pool.
     static int DestroyThreadPool();
 
-    /// Ends a private pool; blocks until its threads have ended. Result: 0; -1 if `index` is not the index of a
-    /// private pool.
+    /// Ends a private pool; blocks until its threads have ended. Result: 0; -1 if `index` is not the index of
+    /// a private pool.
     static int DestroyPrivatePool(int index);
 
-    /// Scheduling values of the next pool that is created; afterwards they are back at 64, 0, 0. `priority` is
-    /// 1, 64 (the default) or 127, `policy` 0 (the default) or 1 for round robin, `stack` a size in bytes or 0
-    /// for the system's default. Result: 0; -1, with a line at level 2, for other values.
+    /// Scheduling values of the next pool that is created; afterwards they are back at 64, 0, 0. `priority`
+    /// is 1, 64 (the default) or 127, `policy` 0 (the default) or 1 for round robin, `stack` a size in bytes
+    /// or 0 for the system's default. Result: 0; -1, with a line at level 2, for other values.
     static int SetThreadPriority(int priority, int policy, int stack);
 
     /// Scheduling values of the stream receiver threads, used when the library starts the next time. Only
     /// `policy` is checked. Result as above.
     static int SetRecvThreadPriority(int priority, int policy, int stack);
+
+    /// Switches the debug server on, on port 42323, or counts one holder more. The public pool must exist; an
+    /// assertion says so. Result: 0; -1, with a line at level 2, if the server cannot start.
+    static int EnableR3();
+
+    /// Ends one use of the debug server, and with the last one the server. The public pool must exist.
+    /// Result: 0, or the result of `R3ServerExit`.
+    static int DisableR3();
 
     /// Logs every registered socket of every pool at level 4. Result: the number of sockets listed.
     static int TraversalSock();

@@ -23,8 +23,8 @@ RETICOR_API void R3Printf(const char* format, ...) __attribute__((format(printf,
 /// thread. `R3ServerExit` empties the box; what is registered after that starts a new one.
 RETICOR_API int R3Register(void* func, const char* name, const char* help);
 
-/// Starts the debug server. It is switched off in this configuration: the call logs a line at level 4 and gives
-/// -1, whatever its arguments.
+/// Starts the debug server. It is switched off in this configuration: the call logs a line at level 4 and
+/// gives -1, whatever its arguments.
 RETICOR_API int R3ServerStart(unsigned short port, const char* name, bool open);
 
 /// Ends the debug server if it runs, and empties the command box. Always 0.

@@ -1,0 +1,13 @@
+// The run-time class name of a handler, for trace lines.
+#pragma once
+
+#include <string>
+
+namespace Orvex::Reticor {
+
+class CNetHandler;
+
+/// The readable name of the most derived class of a live handler. Allocates: for lines that are printed only.
+std::string className(const CNetHandler& handler);
+
+}  // namespace Orvex::Reticor

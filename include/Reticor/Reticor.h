@@ -1,0 +1,15 @@
+// Everything that Reticor offers.
+#pragma once
+
+#include <Reticor/NetHandler.h>
+#include <Reticor/NetThread.h>
+#include <Reticor/R3.h>
+#include <Reticor/Sock.h>
+#include <Reticor/SockAcceptor.h>
+#include <Reticor/SockAddr.h>
+#include <Reticor/SockAddrIPv4.h>
+#include <Reticor/SockAddrIPv6.h>
+#include <Reticor/SockAddrStorage.h>
+#include <Reticor/SockStream.h>
+#include <Reticor/StrParser.h>
+#include <Reticor/TsMemory.h>
