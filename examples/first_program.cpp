@@ -1,3 +1,4 @@
+// The first program of README.md: three ticks of a timer, on a worker thread, and a clean end.
 #include <cstdio>
 
 #include <Infra/Semaphore.h>

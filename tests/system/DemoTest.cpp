@@ -1,0 +1,159 @@
+// script/demo and its clients: the verdict is what the demo is for, so it must be right both ways.
+#include <sys/socket.h>
+
+#include <netinet/in.h>
+#include <unistd.h>
+#include <string>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "support/Eventually.h"
+#include "system/ServerProgram.h"
+
+using namespace Orvex::Testing;
+
+namespace {
+
+std::vector<std::string> demo(const std::vector<std::string>& options) {
+    std::vector<std::string> words{RETICOR_SOURCE_DIR "/script/demo", "--built", RETICOR_BUILD_DIR};
+    words.insert(words.end(), options.begin(), options.end());
+    return words;
+}
+
+std::string lastLine(const std::string& text) {
+    const size_t end = text.find_last_not_of('\n');
+    const size_t begin = text.rfind('\n', end);
+    return text.substr(begin + 1, end - begin);
+}
+
+/// Sends back what it gets from its first client, but for what `change` does with it. False from `change`
+/// closes.
+template <typename Change>
+class CrookedServer {
+public:
+    explicit CrookedServer(Change change) : m_listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof address;
+        bind(m_listener, reinterpret_cast<sockaddr*>(&address), length);
+        listen(m_listener, 16);
+        getsockname(m_listener, reinterpret_cast<sockaddr*>(&address), &length);
+        m_port = ntohs(address.sin_port);
+        m_thread = std::thread([this, change] { serve(change); });
+    }
+    ~CrookedServer() {
+        m_thread.join();
+        close(m_listener);
+    }
+    std::string port() const { return std::to_string(m_port); }
+
+private:
+    void serve(Change change) {
+        const int client = accept(m_listener, nullptr, nullptr);
+        std::string bytes(4096, '\0');
+        for (;;) {
+            const ssize_t got = recv(client, bytes.data(), bytes.size(), 0);
+            if (got <= 0)
+                break;
+            std::string answer = bytes.substr(0, static_cast<size_t>(got));
+            if (!change(answer))
+                break;
+            send(client, answer.data(), answer.size(), MSG_NOSIGNAL);
+        }
+        close(client);
+    }
+
+    int m_listener;
+    int m_port = 0;
+    std::thread m_thread;
+};
+
+std::string drive(const std::string& port, int& result) {
+    ChildProcess load(
+        {RETICOR_BUILD_DIR "/tools/demo_load", "--port", port, "--connections", "1", "--seconds", "20"});
+    const std::string text = load.exchange("");
+    result = load.wait();
+    return lastLine(text);
+}
+
+}  // namespace
+
+TEST(DemoTest, EndsWithTheVerdictThatEveryByteWasVerified) {
+    ChildProcess program(demo({"--seconds", "2"}));
+    const std::string text = program.exchange("");
+    EXPECT_EQ(program.wait(), 0) << text;
+    EXPECT_NE(text.find("requests/s"), std::string::npos) << text;
+    const std::string verdict = lastLine(text);
+    EXPECT_EQ(verdict.rfind("verdict: PASS: 1000 connections, ", 0), 0U) << verdict;
+    EXPECT_NE(verdict.find("every byte came back and was verified"), std::string::npos) << verdict;
+}
+
+TEST(DemoTest, GivesItsVerdictWhenItIsInterrupted) {
+    ChildProcess program(demo({"--seconds", "600", "--connections", "50"}));
+    std::string line;
+    while ((line = program.readLine()).find("50 ") == std::string::npos ||
+           line.find("1.0s") == std::string::npos) {
+        ASSERT_EQ(line.find("verdict"), std::string::npos) << line;
+    }
+    program.signal(SIGINT);
+    const std::string verdict = lastLine(program.exchange(""));
+    EXPECT_EQ(verdict.rfind("verdict: PASS (stopped early): 50 connections, ", 0), 0U) << verdict;
+    EXPECT_EQ(program.wait(), 0);
+}
+
+TEST(DemoTest, FindsAByteThatDiffers) {
+    size_t seen = 0;
+    CrookedServer server([&](std::string& answer) {
+        seen += answer.size();
+        if (seen > 100000)
+            answer.back() = static_cast<char>(answer.back() ^ 1);
+        return true;
+    });
+    int result = 0;
+    const std::string verdict = drive(server.port(), result);
+    EXPECT_EQ(result, 1);
+    EXPECT_NE(verdict.find("verdict: FAIL: 1 of 1 connections lost, 1 wrong answers"), std::string::npos)
+        << verdict;
+}
+
+TEST(DemoTest, FindsAByteTooMany) {
+    size_t seen = 0;
+    CrookedServer server([&](std::string& answer) {
+        seen += answer.size();
+        if (seen > 100000)
+            answer += 'x';
+        return true;
+    });
+    int result = 0;
+    const std::string verdict = drive(server.port(), result);
+    EXPECT_EQ(result, 1);
+    EXPECT_NE(verdict.find("1 wrong answers"), std::string::npos) << verdict;
+}
+
+TEST(DemoTest, FindsAConnectionThatIsLost) {
+    size_t seen = 0;
+    CrookedServer server([&](std::string& answer) { return (seen += answer.size()) < 100000; });
+    int result = 0;
+    const std::string verdict = drive(server.port(), result);
+    EXPECT_EQ(result, 1);
+    EXPECT_NE(verdict.find("verdict: FAIL: 1 of 1 connections lost, 0 wrong answers, 64 of"),
+              std::string::npos)
+        << verdict;
+}
+
+TEST(DemoTest, SaysThatNobodyListens) {
+    const int idle = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    ASSERT_EQ(bind(idle, reinterpret_cast<sockaddr*>(&address), length), 0);
+    ASSERT_EQ(getsockname(idle, reinterpret_cast<sockaddr*>(&address), &length), 0);
+    int result = 0;
+    const std::string verdict = drive(std::to_string(ntohs(address.sin_port)), result);
+    EXPECT_EQ(result, 1);
+    EXPECT_NE(verdict.find("Connection refused"), std::string::npos) << verdict;
+    close(idle);
+}

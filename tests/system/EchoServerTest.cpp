@@ -1,0 +1,283 @@
+// The echo server as a whole program: with clients that were written elsewhere, with thousands of
+// connections, out of descriptors, and to its end.
+#include <sys/resource.h>
+#include <unistd.h>
+#include <chrono>
+#include <list>
+
+#include <gtest/gtest.h>
+
+#include "support/Eventually.h"
+#include "support/SeededRandom.h"
+#include "system/ServerProgram.h"
+#include "system/TcpClient.h"
+
+using namespace Orvex::Testing;
+
+namespace {
+
+constexpr size_t kMiB = 1 << 20;
+
+std::string randomBytes(size_t count) {
+    SeededRandom random;
+    std::string bytes(count, '\0');
+    for (char& byte : bytes)
+        byte = static_cast<char>(random.between(0, 255));
+    return bytes;
+}
+
+void allowDescriptors(unsigned long count) {
+    rlimit limit{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    ASSERT_GE(limit.rlim_max, count)
+        << "this machine lets no process open so many descriptors: see ulimit -Hn";
+    limit.rlim_cur = limit.rlim_max;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+}
+
+std::string address(const ServerProgram& server) {
+    return server.host() + ":" + std::to_string(server.port());
+}
+
+/// Milliseconds since the object was made.
+class StopWatch {
+public:
+    long elapsed_ms() const {
+        const auto time = std::chrono::steady_clock::now() - m_begin;
+        return static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(time).count());
+    }
+
+private:
+    const std::chrono::steady_clock::time_point m_begin = std::chrono::steady_clock::now();
+};
+
+}  // namespace
+
+// Its input ends before the answer has come: the client closes its direction and goes on reading.
+TEST(EchoServerTest, ServesSocatThatClosesItsDirectionFirst) {
+    ServerProgram server("echo_server");
+    const std::string bytes = randomBytes(kMiB);
+    ChildProcess socat({"socat", "-t", "30", "-", "TCP:" + address(server)});
+    EXPECT_TRUE(socat.exchange(bytes) == bytes);
+    EXPECT_EQ(socat.wait(), 0);
+    EXPECT_EQ(server.end(), 0);
+}
+
+TEST(EchoServerTest, ServesNcatThatClosesItsDirectionFirst) {
+    ServerProgram server("echo_server");
+    const std::string bytes = randomBytes(kMiB);
+    ChildProcess ncat({"ncat", server.host(), std::to_string(server.port())});
+    EXPECT_TRUE(ncat.exchange(bytes) == bytes);
+    EXPECT_EQ(ncat.wait(), 0);
+    EXPECT_EQ(server.end(), 0);
+}
+
+TEST(EchoServerTest, ServesSocatThatReadsSlowly) {
+    ServerProgram server("echo_server");
+    const std::string bytes = randomBytes(kMiB);
+    ChildProcess socat({"socat", "-t", "30", "-b", "2048", "-", "TCP:" + address(server) + ",rcvbuf=4096"});
+    EXPECT_TRUE(socat.exchange(bytes, true) == bytes);
+    EXPECT_EQ(socat.wait(), 0);
+    EXPECT_EQ(server.end(), 0);
+}
+
+TEST(EchoServerTest, AnswersAConversationLineByLine) {
+    ServerProgram server("echo_server");
+    ChildProcess ncat({"ncat", server.host(), std::to_string(server.port())});
+    for (int i = 0; i < 20; ++i) {
+        const std::string line = "line " + std::to_string(i);
+        ncat.write(line + "\n");
+        ASSERT_EQ(ncat.readLine(), line);
+    }
+    EXPECT_EQ(ncat.exchange(""), "");
+    EXPECT_EQ(ncat.wait(), 0);
+    EXPECT_EQ(server.end(), 0);
+}
+
+// What a client does not take must not pile up in the server: it stops reading, and the client cannot send.
+TEST(EchoServerTest, StopsReadingFromAClientThatDoesNotRead) {
+    ServerProgram server("echo_server");
+    const std::string bytes = randomBytes(32 * kMiB);
+    TcpClient client(server.port(), "127.0.0.1", 4096);
+    const size_t sent = client.sendUntilStuck(bytes, scaledMs(500));
+    EXPECT_LT(sent, bytes.size());
+    EXPECT_TRUE(client.receive(sent) == bytes.substr(0, sent));
+    EXPECT_TRUE(client.echoes("and now on"));
+    EXPECT_EQ(server.end(), 0);
+}
+
+TEST(EchoServerTest, ClosesAnIdleConnectionAndKeepsABusyOne) {
+    const int idle_ms = scaledMs(1500);
+    ServerProgram server("echo_server", {"--idle-timeout", std::to_string(idle_ms)});
+    TcpClient busy(server.port());
+    TcpClient idle(server.port());
+    ASSERT_TRUE(idle.echoes("once"));
+    const StopWatch silence;
+    EXPECT_EVENTUALLY(busy.echoes("again") && idle.isClosed());
+    EXPECT_GE(silence.elapsed_ms(), idle_ms - 1);
+    EXPECT_TRUE(busy.echoes("still here"));
+    EXPECT_EQ(server.end(), 0);
+}
+
+TEST(EchoServerTest, ClosesAConnectionThatHasNeverSaidAnything) {
+    ServerProgram server("echo_server", {"--idle-timeout", "200"});
+    TcpClient client(server.port());
+    EXPECT_EQ(client.receiveAll(), "");
+    EXPECT_TRUE(client.wasClosed());
+    EXPECT_EQ(server.end(), 0);
+}
+
+// There the time-out comes to handle_output_timeout: the server waits for room, and not for bytes.
+TEST(EchoServerTest, ClosesAClientThatTakesNothing) {
+    ServerProgram server("echo_server", {"--idle-timeout", "300"});
+    const std::string bytes = randomBytes(32 * kMiB);
+    TcpClient client(server.port(), "127.0.0.1", 4096);
+    ASSERT_LT(client.sendUntilStuck(bytes, scaledMs(200)), bytes.size());
+    const size_t before = server.descriptors();
+    EXPECT_EVENTUALLY(server.descriptors() == before - 1);
+    client.receiveAll();
+    EXPECT_TRUE(client.wasClosed());
+    EXPECT_EQ(server.end(), 0);
+}
+
+TEST(EchoServerTest, ServesFourThousandConnectionsAtOnce) {
+    constexpr int kConnections = 4000;
+    allowDescriptors(kConnections + 100);
+    ServerProgram server("echo_server", {"--threads", "2"});
+    const size_t before = server.descriptors();
+    std::list<TcpClient> clients;
+    for (int i = 0; i < kConnections; ++i) {
+        clients.emplace_back(server.port());
+        ASSERT_TRUE(clients.back().isConnected()) << "connection " << i;
+        ASSERT_TRUE(clients.back().send("hello from " + std::to_string(i) + "\n"));
+    }
+    for (int round = 0; round < 2; ++round) {
+        int number = 0;
+        for (TcpClient& client : clients) {
+            ASSERT_EQ(client.receiveLine(), "hello from " + std::to_string(number)) << "round " << round;
+            ASSERT_TRUE(client.send("hello from " + std::to_string(number++) + "\n"));
+        }
+    }
+    EXPECT_EQ(server.descriptors(), before + kConnections);
+    clients.clear();
+    EXPECT_EVENTUALLY(server.descriptors() == before);
+    EXPECT_TRUE(TcpClient(server.port()).echoes("and one more"));
+    EXPECT_EQ(server.end(), 0);
+}
+
+// More than a pool can watch: those beyond wait in the listener's queue until one of the others leaves.
+TEST(EchoServerTest, LetsConnectionsWaitThatItsPoolHasNoPlaceFor) {
+    constexpr int kPlaces = 4089;  // of the 4090 members one is the listener
+    allowDescriptors(kPlaces + 200);
+    ServerProgram server("echo_server");
+    const size_t before = server.descriptors();
+    std::list<TcpClient> clients;
+    for (int i = 0; i < kPlaces; ++i)
+        clients.emplace_back(server.port());
+    EXPECT_EVENTUALLY(server.descriptors() == before + kPlaces);
+    TcpClient late(server.port());
+    ASSERT_TRUE(late.send("late"));
+    EXPECT_TRUE(clients.back().echoes("all places are taken"));
+    EXPECT_EQ(server.descriptors(), before + kPlaces);
+    clients.pop_front();
+    EXPECT_EQ(late.receive(4), "late");
+    EXPECT_EQ(server.end(), 0);
+}
+
+TEST(EchoServerTest, SurvivesRunningOutOfDescriptors) {
+    constexpr size_t kDescriptors = 64;
+    constexpr size_t kConnections = 200;
+    ServerProgram server("echo_server", {}, kDescriptors);
+    std::list<TcpClient> clients;
+    for (size_t i = 0; i < kConnections; ++i) {
+        clients.emplace_back(server.port());
+        ASSERT_TRUE(clients.back().isConnected()) << "the system completes connections without the server";
+    }
+    EXPECT_EVENTUALLY(server.descriptors() == kDescriptors);
+    EXPECT_TRUE(clients.front().echoes("served while others wait"));
+
+    // Connections wait, and the listener stays ready: yet the server has next to nothing to do.
+    const long before_us = server.processorTime_us();
+    const StopWatch watch;
+    while (watch.elapsed_ms() < 2000)
+        usleep(50000);
+    const long used_us = server.processorTime_us() - before_us;
+    EXPECT_LT(used_us, watch.elapsed_ms() * 1000 / 50) << "us in " << watch.elapsed_ms() << " ms";
+
+    // Those who leave make room, until everybody has been served.
+    for (size_t served = 0; !clients.empty(); ++served) {
+        ASSERT_TRUE(clients.front().echoes("number " + std::to_string(served)));
+        clients.pop_front();
+    }
+    EXPECT_TRUE(TcpClient(server.port()).echoes("as before"));
+    EXPECT_EQ(server.end(), 0);
+}
+
+TEST(EchoServerTest, GivesEveryDescriptorBack) {
+    ServerProgram server("echo_server");
+    const size_t before = server.descriptors();
+    const size_t threads = server.threads();
+    for (int i = 0; i < 300; ++i) {
+        TcpClient client(server.port());
+        ASSERT_TRUE(client.echoes("number " + std::to_string(i)));
+        if (i % 3 == 0)
+            client.reset();
+    }
+    EXPECT_EVENTUALLY(server.descriptors() == before);
+    EXPECT_EQ(server.threads(), threads);
+    EXPECT_EQ(server.end(), 0);
+}
+
+TEST(EchoServerTest, EndsOnSigtermWithConnectionsOpen) {
+    ServerProgram server("echo_server");
+    std::list<TcpClient> clients;
+    for (int i = 0; i < 50; ++i) {
+        clients.emplace_back(server.port());
+        ASSERT_TRUE(clients.back().echoes("hello"));
+    }
+    EXPECT_EQ(server.end(SIGTERM), 0);
+    for (TcpClient& client : clients) {
+        EXPECT_EQ(client.receiveAll(), "");
+        EXPECT_TRUE(client.wasClosed());
+    }
+    EXPECT_FALSE(TcpClient(server.port()).isConnected());
+}
+
+TEST(EchoServerTest, EndsOnSigintUnderLoad) {
+    ServerProgram server("echo_server", {"--threads", "2"});
+    const std::string bytes = randomBytes(kMiB);
+    std::list<TcpClient> clients;
+    for (int i = 0; i < 8; ++i) {
+        clients.emplace_back(server.port());
+        clients.back().sendUntilStuck(bytes, 0);
+    }
+    EXPECT_EQ(server.end(SIGINT), 0);
+}
+
+TEST(EchoServerTest, EndsBeforeAnybodyHasConnected) {
+    EXPECT_EQ(ServerProgram("echo_server").end(), 0);
+}
+
+TEST(EchoServerTest, ServesBothFamiliesOnOneListener) {
+    ServerProgram server("echo_server", {"--host", "::"});
+    EXPECT_EQ(server.host(), "[::]");
+    EXPECT_TRUE(TcpClient(server.port(), "127.0.0.1").echoes("IPv4"));
+    EXPECT_TRUE(TcpClient(server.port(), "::1").echoes("IPv6"));
+    EXPECT_EQ(server.end(), 0);
+}
+
+TEST(EchoServerTest, SaysThatItsPortIsTaken) {
+    ServerProgram server("echo_server");
+    ChildProcess second({RETICOR_EXAMPLES_DIR "/echo_server", "--port", std::to_string(server.port())});
+    EXPECT_EQ(second.readLine(), "");
+    EXPECT_EQ(second.wait(), 1);
+    EXPECT_EQ(server.end(), 0);
+}
+
+TEST(EchoServerTest, RefusesOptionsThatMakeNoSense) {
+    for (const char* option : {"--port=70000", "--threads=0", "--idle-timeout=-1", "--surprise"}) {
+        ChildProcess server({RETICOR_EXAMPLES_DIR "/echo_server", option});
+        EXPECT_EQ(server.exchange(""), "") << option;
+        EXPECT_GT(server.wait(), 0) << option;
+    }
+}

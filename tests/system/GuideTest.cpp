@@ -1,0 +1,145 @@
+// The samples of docs/guide.md, compiled as they are printed, and run.
+#include <sys/resource.h>
+#include <sys/socket.h>
+
+#include <netinet/in.h>
+#include <unistd.h>
+#include <ctime>
+#include <list>
+
+#include <gtest/gtest.h>
+
+#include "support/Eventually.h"
+#include "system/TcpClient.h"
+
+#include "guide.inc"  // made of the page
+
+namespace {
+
+using Orvex::Testing::TcpClient;
+
+class GuideTest : public testing::Test {
+protected:
+    void SetUp() override { ASSERT_EQ(CreateThreadPool(2, 0), 0); }
+    void TearDown() override { EXPECT_EQ(DestroyThreadPool(), 0); }
+
+    CSemaphore m_gone{0};
+};
+
+/// A port of this machine where nobody listens, and nobody can as long as this lives.
+class DeadPort {
+public:
+    DeadPort() : m_fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        m_address.sin_family = AF_INET;
+        m_address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof m_address;
+        EXPECT_EQ(bind(m_fd, reinterpret_cast<sockaddr*>(&m_address), length), 0);
+        EXPECT_EQ(getsockname(m_fd, reinterpret_cast<sockaddr*>(&m_address), &length), 0);
+    }
+    ~DeadPort() { close(m_fd); }
+    unsigned short number() const { return ntohs(m_address.sin_port); }
+
+private:
+    int m_fd;
+    sockaddr_in m_address{};
+};
+
+}  // namespace
+
+TEST_F(GuideTest, PulseBeatsAsOftenAsItWasAskedTo) {
+    std::atomic<int> beats{0};
+    Pulse::Create(m_gone, beats, 10);
+    m_gone.pend();
+    EXPECT_EQ(beats, 10);
+}
+
+TEST_F(GuideTest, AskerLearnsTheSumFromAdder) {
+    std::atomic<long> sum{0};
+    auto* adder = new Adder(m_gone);
+    (new Asker(m_gone, adder->GetID(), 100, sum))->start();
+    m_gone.pend();
+    EXPECT_EQ(sum, 5050);
+    adder->Close();
+    m_gone.pend();
+}
+
+TEST_F(GuideTest, CallerHearsWhatDoorSays) {
+    auto* door = new Door(m_gone);
+    ASSERT_TRUE(door->open(CSockAddrIPv4("127.0.0.1", 0)));
+    Caller::Result result;
+    Caller::Create(m_gone, CSockAddrIPv4("127.0.0.1", static_cast<unsigned short>(door->port())), result);
+    m_gone.pend();
+    EXPECT_EQ(result.outcome, Caller::Outcome::Done);
+    EXPECT_EQ(result.answer, "welcome, 127.0.0.1\n");
+    door->shut();
+    m_gone.pend();
+}
+
+TEST_F(GuideTest, CallerLearnsThatItWasRefused) {
+    const DeadPort port;
+    Caller::Result result;
+    Caller::Create(m_gone, CSockAddrIPv4("127.0.0.1", port.number()), result);
+    m_gone.pend();
+    EXPECT_EQ(result.outcome, Caller::Outcome::Refused);
+    EXPECT_EQ(result.answer, "");
+}
+
+TEST_F(GuideTest, OneListenerServesBothFamilies) {
+    auto* door = new Door(m_gone);
+    ASSERT_TRUE(openForEverybody(*door, 0));
+    TcpClient four(door->port(), "127.0.0.1");
+    EXPECT_EQ(four.receiveLine(), "welcome, ::ffff:127.0.0.1");
+    TcpClient six(door->port(), "::1");
+    EXPECT_EQ(six.receiveLine(), "welcome, ::1");
+    auto* second = new Door(m_gone);
+    EXPECT_FALSE(second->open(CSockAddrIPv4("0.0.0.0", static_cast<unsigned short>(door->port()))));
+    second->shut();
+    door->shut();
+    m_gone.pend();
+    m_gone.pend();
+}
+
+TEST_F(GuideTest, DoorRestsWhileThereAreNoDescriptors) {
+    auto* door = new Door(m_gone);
+    ASSERT_TRUE(door->open(CSockAddrIPv4("127.0.0.1", 0)));
+    const int port = door->port();
+    rlimit limit{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    limit.rlim_cur = 128;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+
+    std::list<int> taken;
+    for (int fd; (fd = dup(STDERR_FILENO)) >= 0;) {
+        taken.push_back(fd);
+    }
+    close(taken.back());
+    taken.pop_back();
+    TcpClient client(port);  // has the last one
+    ASSERT_TRUE(client.isConnected());
+    const clock_t before = clock();
+    EXPECT_TRUE(client.isSilentFor(500));
+    EXPECT_LT(clock() - before, CLOCKS_PER_SEC / 10) << "it is called in a circle";
+    for (const int fd : taken) {
+        close(fd);
+    }
+    EXPECT_EQ(client.receiveLine(), "welcome, 127.0.0.1");
+    door->shut();
+    m_gone.pend();
+}
+
+TEST_F(GuideTest, HandlersRunOnAPrivatePool) {
+    CSemaphore gone{0};
+    const int result = onPrivatePool(2, [&](int pool) {
+        EXPECT_GT(pool, 0);
+        auto* handler = new Sample(gone, pool);
+        handler->Close();
+        gone.pend();
+    });
+    EXPECT_EQ(result, 0);
+}
+
+TEST_F(GuideTest, SinkCountsErrors) {
+    ErrorCount count;
+    EXPECT_EQ(CNetThread::DestroyPrivatePool(63), -1);  // none there: one line at level 2
+    EXPECT_EQ(count.errors(), 1);
+}
