@@ -172,11 +172,11 @@ void Unsent::keep(const char* bytes, std::size_t count) {
 }
 
 bool Unsent::flush(int fd) {
-    ssize_t sent = send(fd, m_bytes.data() + m_begin, m_bytes.size() - m_begin, MSG_NOSIGNAL);
+    ssize_t sent = send(fd, data(), size(), MSG_NOSIGNAL);
     if (sent < 0) {
         return errno == EAGAIN || errno == EINTR;
     }
-    m_begin += static_cast<std::size_t>(sent);
+    drop(static_cast<std::size_t>(sent));
     return true;
 }
 

@@ -69,8 +69,11 @@ void runHandOverLoops(const EchoOptions& options, const std::function<void(HandO
 class Unsent {
 public:
     bool empty() const { return m_begin == m_bytes.size(); }
+    const char* data() const { return m_bytes.data() + m_begin; }
+    std::size_t size() const { return m_bytes.size() - m_begin; }
     void keep(const char* bytes, std::size_t count);
-    // False if the connection is broken; true with empty() telling whether all is sent.
+    void drop(std::size_t sent) { m_begin += sent; }
+    // Sends what it can. False if the connection is broken; true with empty() telling whether all is sent.
     bool flush(int fd);
 
 private:

@@ -1,0 +1,138 @@
+// Echo server on Reticor: a handler per connection, all on one pool, so any worker serves any connection.
+#include <netinet/in.h>
+
+#include <Reticor/NetHandler.h>
+#include <Reticor/NetThread.h>
+#include <Reticor/SockAcceptor.h>
+#include <Reticor/SockAddrIPv4.h>
+#include <Reticor/SockStream.h>
+
+#include "common/Alive.h"
+#include "common/EchoServer.h"
+
+namespace {
+
+using namespace Orvex::Reticor;
+
+constexpr unsigned kRead = 1;  // directions of RegisterSock
+constexpr unsigned kWrite = 2;
+
+Bench::Alive alive;
+
+// Calls for one socket never overlap, and nobody but its socket calls this handler: it needs no lock.
+class Connection : public CNetHandler {
+public:
+    // The connection may be served, closed and gone before this returns.
+    static void serve(int fd) {
+        auto* self = new Connection;
+        self->m_stream.Attach(fd);
+        self->m_stream.SetSockNoDelay(true);
+        self->RegisterSock(self->m_stream, kRead, 0);
+    }
+
+    int handle_input(int) override {
+        thread_local char room[Bench::kReadRoom];
+        const int got = m_stream.Recv(room, sizeof room);
+        if (got <= 0) {
+            return got < 0 ? end() : 0;
+        }
+        const int sent = m_stream.Send(room, static_cast<unsigned>(got));
+        if (sent < 0) {
+            return end();
+        }
+        if (sent < got) {
+            m_unsent.keep(room + sent, static_cast<std::size_t>(got - sent));
+            RegisterSock(m_stream, kWrite, 0);
+            UnregisterSock(m_stream, kRead);
+        }
+        return 0;
+    }
+
+    int handle_output(int) override {
+        const int sent = m_stream.Send(m_unsent.data(), static_cast<unsigned>(m_unsent.size()));
+        if (sent < 0) {
+            return end();
+        }
+        m_unsent.drop(static_cast<std::size_t>(sent));
+        if (m_unsent.empty()) {
+            RegisterSock(m_stream, kRead, 0);
+            UnregisterSock(m_stream, kWrite);
+        }
+        return 0;
+    }
+
+    int handle_close(CNetHandler* self) override {
+        delete self;
+        alive.leave();
+        return 0;
+    }
+
+private:
+    Connection() { alive.enter(); }
+
+    int end() {
+        RemoveSock(m_stream);
+        m_stream.Close();
+        Close();
+        return -1;
+    }
+
+    CSockStream m_stream;
+    Bench::Unsent m_unsent;
+};
+
+class Listener : public CNetHandler {
+public:
+    Listener() { alive.enter(); }
+
+    bool open(std::uint16_t port) {
+        return m_acceptor.Open(CSockAddrIPv4("127.0.0.1", port)) == 0 &&
+               RegisterSock(m_acceptor, kRead, 0) == 0;
+    }
+
+    int handle() { return m_acceptor.GetHandle(); }
+
+    int handle_input(int) override {
+        CSockStream stream;
+        while (m_acceptor.Accept(stream, nullptr) == 0) {
+            Connection::serve(stream.Detach());
+        }
+        return 0;
+    }
+
+    // The acceptor's number is closed with the object, when no call can be running any more.
+    void end() {
+        RemoveSock(m_acceptor);
+        Close();
+    }
+
+    int handle_close(CNetHandler* self) override {
+        delete self;
+        alive.leave();
+        return 0;
+    }
+
+private:
+    CSockAcceptor m_acceptor;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Bench::EchoOptions options = Bench::parseEchoOptions(argc, argv, "echo server on Reticor");
+    Bench::blockTerminationSignals();
+    if (CNetThread::CreateThreadPool(options.threads, false) != 0) {
+        return 1;
+    }
+    auto* listener = new Listener;
+    if (!listener->open(options.port)) {
+        return 1;
+    }
+    Bench::announcePort(listener->handle());
+    Bench::waitForTermination();
+    listener->end();
+    const bool allGone =
+        alive.waitForNone();  // the load has closed its connections before it sent the signal
+    CNetThread::DestroyThreadPool();
+    return allGone ? 0 : 1;
+}
