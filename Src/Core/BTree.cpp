@@ -23,7 +23,7 @@ Record* make() {
     return memory != nullptr ? new (memory) Record : nullptr;
 }
 
-int64_t keyOf(const KeyNode* key_node) {
+int64_t keyIn(const KeyNode* key_node) {
     return BTree::keyOf(key_node->m_data);
 }
 
@@ -87,7 +87,7 @@ void prepend(Node* from, Node* to) {
 /// The first keynode with this key or a greater one, or null.
 KeyNode* notBelow(const Node* node, int64_t key) {
     KeyNode* key_node = node->m_head;
-    while (key_node != nullptr && keyOf(key_node) < key) {
+    while (key_node != nullptr && keyIn(key_node) < key) {
         key_node = key_node->m_next;
     }
     return key_node;
@@ -101,7 +101,7 @@ Node* childAt(const Node* node, const KeyNode* key_node) {
 /// The child in which a new `key` belongs: behind its equals, if there are any.
 Node* childForNew(const Node* node, int64_t key) {
     const KeyNode* key_node = node->m_head;
-    while (key_node != nullptr && keyOf(key_node) <= key) {
+    while (key_node != nullptr && keyIn(key_node) <= key) {
         key_node = key_node->m_next;
     }
     return childAt(node, key_node);
@@ -111,14 +111,14 @@ int64_t smallestBelow(const Node* node) {
     while (node->m_leaf == 0) {
         node = node->m_head->m_left;
     }
-    return keyOf(node->m_head);
+    return keyIn(node->m_head);
 }
 
 int64_t greatestBelow(const Node* node) {
     while (node->m_leaf == 0) {
         node = node->m_right;
     }
-    return keyOf(lastOf(node));
+    return keyIn(lastOf(node));
 }
 
 void* takeFrom(Node* leaf, KeyNode* key_node) {
@@ -176,7 +176,7 @@ void BTree::freeBelow(Node* node) {
     }
     while (KeyNode* key_node = node->m_head) {
         freeBelow(key_node->m_left);
-        if (keyOf(key_node) > 0) {
+        if (keyIn(key_node) > 0) {
             delete static_cast<CEvent*>(key_node->m_data);
         }
         takeFrom(node, key_node);
@@ -190,7 +190,7 @@ void BTree::freeBelow(Node* node) {
 void* BTree::find(int64_t key) const {
     for (const Node* node = m_root; node != nullptr;) {
         KeyNode* key_node = notBelow(node, key);
-        if (key_node != nullptr && keyOf(key_node) == key) {
+        if (key_node != nullptr && keyIn(key_node) == key) {
             return key_node->m_data;
         }
         node = childAt(node, key_node);
@@ -277,7 +277,7 @@ BTree::Node* BTree::split(Node* child, Node* parent, int64_t key) {
         place = place->m_next;
     }
     link(parent, place, median);
-    return key < keyOf(median) ? left : child;
+    return key < keyIn(median) ? left : child;
 }
 
 // ---- removal ---------------------------------------------------------------------------------------------
@@ -295,7 +295,7 @@ void* BTree::RemoveLocked(int64_t key) {
 void* BTree::removeBelow(Node* node, int64_t key) {
     while (node != nullptr && node->m_head != nullptr) {
         KeyNode* key_node = notBelow(node, key);
-        if (key_node != nullptr && keyOf(key_node) == key) {
+        if (key_node != nullptr && keyIn(key_node) == key) {
             return node->m_leaf != 0 ? takeFrom(node, key_node) : removeFromInner(node, key_node);
         }
         Node* child = childAt(node, key_node);
