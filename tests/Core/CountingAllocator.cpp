@@ -11,6 +11,7 @@ std::atomic<long> s_given{0};
 std::atomic<long> s_freed{0};
 std::atomic<std::size_t> s_last_size{0};
 std::atomic<bool> s_no_memory{false};
+std::atomic<long> s_grace{0};
 
 }  // namespace
 
@@ -18,7 +19,7 @@ namespace Orvex::Reticor {
 
 void* generalAllocate(std::size_t size) noexcept {
     s_last_size = size;
-    if (s_no_memory) {
+    if (s_no_memory && --s_grace < 0) {
         return nullptr;
     }
     ++s_given;
@@ -48,7 +49,8 @@ std::size_t CountingAllocator::lastSize() {
     return s_last_size;
 }
 
-CountingAllocator::NoMemory::NoMemory() {
+CountingAllocator::NoMemory::NoMemory(long grace) {
+    s_grace = grace;
     s_no_memory = true;
 }
 

@@ -16,9 +16,9 @@ struct CountingAllocator {
     /// The size that was asked for last.
     static std::size_t lastSize();
 
-    /// Lets every allocation of the process fail while it lives.
+    /// Lets every allocation of the process fail while it lives, after the first `grace` ones.
     struct NoMemory {
-        NoMemory();
+        explicit NoMemory(long grace = 0);
         ~NoMemory();
         NoMemory(const NoMemory&) = delete;
         NoMemory& operator=(const NoMemory&) = delete;
