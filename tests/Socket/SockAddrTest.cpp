@@ -1,0 +1,100 @@
+#include <Reticor/SockAddr.h>
+
+#include <netinet/in.h>
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <type_traits>
+
+#include <Reticor/SockAddrIPv4.h>
+#include <Reticor/SockAddrIPv6.h>
+#include <Reticor/SockAddrStorage.h>
+
+namespace Orvex::Reticor {
+namespace {
+
+// A product's own address class: neither of the known types.
+class CUnknownAddr : public CSockAddr {
+public:
+    struct sockaddr* GetAddr(struct sockaddr* addr) const override {
+        return addr;
+    }
+    unsigned GetAddrLen() const override { return 0; }
+    bool IsValid() const override { return true; }
+};
+
+static_assert(std::is_abstract_v<CSockAddr> && std::has_virtual_destructor_v<CSockAddr>);
+static_assert(SOCKADDR_TYPE_UNKNOWN == 0 && SOCKADDR_TYPE_IPV4 == 1 && SOCKADDR_TYPE_IPV6 == 2 &&
+              SOCKADDR_TYPE_STORAGE == 3);
+
+TEST(SockAddr, TypeCodesTellTheClasses) {
+    EXPECT_EQ(CUnknownAddr().GetType(), 0u);
+    EXPECT_EQ(CSockAddrIPv4().GetType(), 1u);
+    EXPECT_EQ(CSockAddrIPv6().GetType(), 2u);
+    EXPECT_EQ(CSockAddrStorage().GetType(), 3u);
+}
+
+TEST(SockAddr, CopyingThroughTheBaseCopiesTheTypeCodeOnly) {
+    CSockAddrIPv4 target(0x0A000001u, 80);
+    const CUnknownAddr source;
+    static_cast<CSockAddr&>(target) = source;
+    EXPECT_EQ(target.GetType(), 0u);
+    EXPECT_EQ(target.GetIp(), 0x0A000001u);
+    EXPECT_EQ(target.GetPort(), 80);
+    const CUnknownAddr copy(source);
+    EXPECT_EQ(copy.GetType(), 0u);
+}
+
+TEST(SockAddr, ReservedPortsAreTheListedOnesAndNoOthers) {
+    const auto expected = [](unsigned port) {
+        switch (port) {
+            case 1900:
+            case 3800:
+            case 5000:
+            case 5050:
+            case 9999:
+            case 37776:
+            case 37777:
+            case 37778:
+            case 39999:
+                return true;
+            default:
+                return port <= 1024 || (port >= 37780 && port <= 37880) || (port >= 8090 && port <= 8121);
+        }
+    };
+    CSockAddrIPv4 addr;
+    for (unsigned port = 0; port <= 65535; ++port) {
+        addr.SetPort(static_cast<unsigned short>(port));
+        ASSERT_EQ(addr.IsReserved(), expected(port)) << port;
+    }
+}
+
+TEST(SockAddr, ReservedRangesIncludeBothEnds) {
+    const auto reserved = [](unsigned short port) { return CSockAddrIPv4(0x7F000001u, port).IsReserved(); };
+    EXPECT_TRUE(reserved(0));
+    EXPECT_TRUE(reserved(1024));
+    EXPECT_FALSE(reserved(1025));
+    EXPECT_FALSE(reserved(8089));
+    EXPECT_TRUE(reserved(8090));
+    EXPECT_TRUE(reserved(8121));
+    EXPECT_FALSE(reserved(8122));
+    EXPECT_TRUE(reserved(37778));
+    EXPECT_FALSE(reserved(37779));
+    EXPECT_TRUE(reserved(37780));
+    EXPECT_TRUE(reserved(37880));
+    EXPECT_FALSE(reserved(37881));
+}
+
+TEST(SockAddr, OnlyIPv4AddressesHaveReservedPorts) {
+    constexpr unsigned short reserved[] = {80, 1024, 1900, 8100, 37800, 39999};
+    for (const unsigned short port : reserved) {
+        EXPECT_TRUE(CSockAddrIPv4("127.0.0.1", port).IsReserved());
+        EXPECT_FALSE(CSockAddrIPv6("::1", port).IsReserved());
+        EXPECT_FALSE(CSockAddrStorage("127.0.0.1", port).IsReserved());
+    }
+    EXPECT_FALSE(CUnknownAddr().IsReserved());
+}
+
+}  // namespace
+}  // namespace Orvex::Reticor
