@@ -1,16 +1,14 @@
 // CStrParser: internet addresses and host names.
 #include <Reticor/StrParser.h>
 
-#include <arpa/inet.h>
-#include <netdb.h>
 #include <netinet/in.h>
-#include <sys/socket.h>
 
 #include <algorithm>
 #include <climits>
 #include <cstdio>
 #include <cstring>
 
+#include "Socket/IpLiteral.h"
 #include "Tool/StrParserState.h"
 
 namespace Orvex::Reticor {
@@ -20,6 +18,8 @@ namespace {
 /// `out` of ConsumeIpAddr is at least this long, and ReplaceIpAddr works with this much.
 constexpr unsigned SHORTEST_OUT = 7;
 constexpr unsigned REPLACED_OUT = 128;
+/// Longer than any address with the longest name of an interface as its scope.
+constexpr unsigned LONGEST_LITERAL = 255;
 
 /// A cursor of its own over what is left, and the buffer to be filled.
 struct Reader {
@@ -115,28 +115,18 @@ bool take_name(Reader& in) {
 /// must not happen to a text from a stranger. The system's reader of literals knows scopes, inet_pton does
 /// not.
 int family_of(const char* text, size_t len) {
-    char literal[NI_MAXHOST];
+    char literal[LONGEST_LITERAL + 1];
     if (len >= sizeof literal) {
         return -1;
     }
     memcpy(literal, text, len);
     literal[len] = '\0';
-    in_addr ipv4;
-    if (strchr(literal, ':') == nullptr) {
-        return inet_pton(AF_INET, literal, &ipv4) == 1 ? 4 : -1;
-    }
-    addrinfo hints{};
-    hints.ai_family = AF_INET6;
-    hints.ai_socktype = SOCK_STREAM;
-    hints.ai_flags = AI_NUMERICHOST;
-    addrinfo* list = nullptr;
-    if (getaddrinfo(literal, nullptr, &hints, &list) != 0) {
-        return -1;
-    }
     sockaddr_in6 ipv6;
-    memcpy(&ipv6, list->ai_addr, sizeof ipv6);
-    freeaddrinfo(list);
-    return IN6_IS_ADDR_V4MAPPED(&ipv6.sin6_addr) ? 4 : 6;
+    if (parseIPv6Literal(literal, ipv6)) {
+        return IN6_IS_ADDR_V4MAPPED(&ipv6.sin6_addr) ? 4 : 6;
+    }
+    in_addr ipv4;
+    return parseIPv4Literal(literal, ipv4) ? 4 : -1;
 }
 
 }  // namespace

@@ -114,9 +114,8 @@ public:
     // char, from -128 to 127, so for foreign bytes the pointer must stand in the middle of 256 entries:
     //
     //     unsigned char entries[256] = {};
-    //     unsigned char* const table = entries + 128;
-    //     table[','] = table[';'] = 1;
-    //     parser.ConsumeUntil(table);
+    //     entries[128 + ','] = entries[128 + ';'] = 1;
+    //     parser.ConsumeUntil(entries + 128);
 
     /// To the next `c`.
     int ConsumeUntil(char c);
