@@ -9,22 +9,8 @@
 #include <vector>
 
 #include "Core/CountingAllocator.h"
+#include "Core/Probes.h"
 #include "support/SeededRandom.h"
-
-namespace Orvex::Reticor {
-
-struct ObjectIdProbe {
-    static uint32_t capacity(CObjectId& ids) {
-        Infra::CGuard guard(ids.m_mutex);
-        return ids.m_capacity;
-    }
-    static uint32_t count(CObjectId& ids) {
-        Infra::CGuard guard(ids.m_mutex);
-        return ids.m_count;
-    }
-};
-
-}  // namespace Orvex::Reticor
 
 namespace {
 

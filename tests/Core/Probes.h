@@ -14,6 +14,7 @@
 
 #include "Core/Event.h"
 #include "Core/HandlerInternal.h"
+#include "Core/ObjectId.h"
 #include "Core/PoolTable.h"
 #include "Core/Select_win.h"
 #include "Core/SockRecord.h"
@@ -72,6 +73,17 @@ struct WorkQueueProbe {
     static void pretendGuard(CWorkQueue& queue, bool guarded) {
         Infra::CGuard guard(queue.m_mutex);
         queue.m_guard = guarded;
+    }
+};
+
+struct ObjectIdProbe {
+    static uint32_t capacity(CObjectId& ids) {
+        Infra::CGuard guard(ids.m_mutex);
+        return ids.m_capacity;
+    }
+    static uint32_t count(CObjectId& ids) {
+        Infra::CGuard guard(ids.m_mutex);
+        return ids.m_count;
     }
 };
 
@@ -162,6 +174,11 @@ struct HandlerProbe {
     // Sockets that are counted on the handler, and references on it.
     static int64_t sockets(CNetHandler& handler) { return state(handler).m_sock.load(); }
     static int64_t references(CNetHandler& handler) { return state(handler).m_ref.load(); }
+    static bool closeCalled(CNetHandler& handler) {
+        HandlerInternal& internal = state(handler);
+        Infra::CGuard guard(internal.m_mutex);
+        return internal.m_close_called != 0;
+    }
 };
 
 }  // namespace Orvex::Reticor
