@@ -37,8 +37,9 @@ public:
     bool join(long id, const std::string& name, size_t& position) {
         CGuard guard(m_mutex);
         for (const auto& entry : m_names) {
-            if (entry.second == name)
+            if (entry.second == name) {
                 return false;
+            }
         }
         m_names[id] = name;
         position = m_first + m_lines.size();
@@ -60,8 +61,9 @@ public:
         }
         std::vector<long> others;
         for (const auto& entry : m_names) {
-            if (entry.first != from)
+            if (entry.first != from) {
                 others.push_back(entry.first);
+            }
         }
         return others;
     }
@@ -76,8 +78,9 @@ public:
         }
         for (; position < m_first + m_lines.size(); ++position) {
             const Line& line = m_lines[position - m_first];
-            if (line.from != reader)
+            if (line.from != reader) {
                 text += line.text;
+            }
         }
         return text;
     }
@@ -85,8 +88,9 @@ public:
     std::string who() {
         CGuard guard(m_mutex);
         std::string text = "* here:";
-        for (const auto& entry : m_names)
+        for (const auto& entry : m_names) {
             text += " " + entry.second;
+        }
         return text + "\n";
     }
 
@@ -114,12 +118,14 @@ public:
 
     int handle_input(int) override {
         CGuard guard(m_mutex);
-        if (!m_sock.IsValid())
+        if (!m_sock.IsValid()) {
             return -1;
+        }
         char buffer[4096];
         const int got = m_sock.Recv(buffer, sizeof buffer);
-        if (got < 0)
+        if (got < 0) {
             return hangUp();
+        }
         m_input.append(buffer, static_cast<size_t>(got));
         size_t end;
         while (m_sock.IsValid() && (end = m_input.find('\n')) != std::string::npos) {
@@ -127,8 +133,9 @@ public:
             m_input.erase(0, end + 1);
             onLine(line);
         }
-        if (m_input.size() > kMaxLine)
+        if (m_input.size() > kMaxLine) {
             return hangUp();
+        }
         return flush();
     }
 
@@ -139,8 +146,9 @@ public:
 
     int handle_message(long, unsigned int msg, long) override {
         CGuard guard(m_mutex);
-        if (msg == kStop)
+        if (msg == kStop) {
             return end();
+        }
         return msg == kNews ? flush() : 0;
     }
 
@@ -152,8 +160,9 @@ private:
         CGuard guard(m_mutex);
         m_sock.Attach(peer.Detach());
         m_pending = "your name?\n";
-        if (RegisterSock(m_sock, kRead, 0) < 0)
+        if (RegisterSock(m_sock, kRead, 0) < 0) {
             end();
+        }
         flush();
     }
 
@@ -162,16 +171,18 @@ private:
         std::string result;
         for (const char c : text) {
             const auto byte = static_cast<unsigned char>(c);
-            if (byte >= 32 && byte != 127)
+            if (byte >= 32 && byte != 127) {
                 result += c;
+            }
         }
         return result;
     }
 
     static bool isName(const std::string& text) {
         for (const char c : text) {
-            if (std::isalnum(static_cast<unsigned char>(c)) == 0 && c != '-' && c != '_')
+            if (std::isalnum(static_cast<unsigned char>(c)) == 0 && c != '-' && c != '_') {
                 return false;
+            }
         }
         return !text.empty() && text.size() <= kMaxName;
     }
@@ -200,40 +211,57 @@ private:
     }
 
     void say(const std::string& text) {
-        for (const long id : m_room.say(GetID(), text))
+        for (const long id : m_room.say(GetID(), text)) {
             Notify(id, kNews, 0);
+        }
     }
 
-    /// Sends what is pending, with the room's news behind it if there is room for them. Reading goes on when
-    /// all is sent: who does not listen is not listened to.
+    /// Sends what is pending and what is new in the room, until there is no more or the client takes no more.
+    /// Reading goes on when all is sent: who does not listen is not listened to.
     int flush() INFRA_REQUIRES(m_mutex) {
-        if (!m_sock.IsValid())
+        if (!m_sock.IsValid()) {
             return -1;
-        if (!m_name.empty() && m_pending.size() < kMaxPending)
-            m_pending += m_room.read(GetID(), m_position);
-        const int sent = m_sock.Send(m_pending.data(), static_cast<unsigned>(m_pending.size()));
-        if (sent < 0)
-            return hangUp();
-        m_pending.erase(0, static_cast<size_t>(sent));
-        if (m_writing != m_pending.empty())
+        }
+        for (takeNews(); !m_pending.empty(); takeNews()) {
+            const int sent = m_sock.Send(m_pending.data(), static_cast<unsigned>(m_pending.size()));
+            if (sent < 0) {
+                return hangUp();
+            }
+            if (sent == 0) {
+                break;
+            }
+            m_pending.erase(0, static_cast<size_t>(sent));
+        }
+        if (m_writing != m_pending.empty()) {
             return 0;
+        }
         m_writing = !m_pending.empty();
         RegisterSock(m_sock, m_writing ? kWrite : kRead, 0);
         UnregisterSock(m_sock, m_writing ? kRead : kWrite);
         return 0;
     }
 
+    void takeNews() INFRA_REQUIRES(m_mutex) {
+        if (!m_name.empty() && m_pending.size() < kMaxPending) {
+            m_pending += m_room.read(GetID(), m_position);
+        }
+    }
+
     int hangUp() INFRA_REQUIRES(m_mutex) {
-        if (!m_sock.IsValid()) return -1;
+        if (!m_sock.IsValid()) {
+            return -1;
+        }
         m_room.leave(GetID());
-        if (!m_name.empty())
+        if (!m_name.empty()) {
             say("* " + m_name + " left");
+        }
         return end();
     }
 
     int end() INFRA_REQUIRES(m_mutex) {
-        if (!m_sock.IsValid())
+        if (!m_sock.IsValid()) {
             return -1;
+        }
         m_room.leave(GetID());
         RemoveSock(m_sock);
         m_sock.Close();
@@ -264,8 +292,9 @@ int main(int argc, char** argv) {
 
     EndSignals signals;
     raiseDescriptorLimit();
-    if (CreateThreadPool(1, 0) != 0)
+    if (CreateThreadPool(1, 0) != 0) {
         return 1;
+    }
     Roster roster;
     Room room;
     const int result = serve(roster, signals, CSockAddrStorage(host.c_str(), port),

@@ -33,27 +33,33 @@ public:
 
     int handle_input(int) override {
         CGuard guard(m_mutex);
-        if (!m_sock.IsValid())
+        if (!m_sock.IsValid()) {
             return -1;
+        }
         char buffer[16384];
         const int got = m_sock.Recv(buffer, sizeof buffer);
-        if (got < 0)
+        if (got < 0) {
             return end();  // the client has closed, or is gone
+        }
         const int sent = m_sock.Send(buffer, static_cast<unsigned>(got));
-        if (sent < 0)
+        if (sent < 0) {
             return end();
-        if (sent < got)
+        }
+        if (sent < got) {
             keep(buffer + sent, buffer + got);
+        }
         return 0;  // the idle time-out starts anew
     }
 
     int handle_output(int) override {
         CGuard guard(m_mutex);
-        if (!m_sock.IsValid())
+        if (!m_sock.IsValid()) {
             return -1;
+        }
         const int sent = m_sock.Send(m_pending.data(), static_cast<unsigned>(m_pending.size()));
-        if (sent < 0)
+        if (sent < 0) {
             return end();
+        }
         m_pending.erase(0, static_cast<size_t>(sent));
         if (m_pending.empty()) {
             RegisterSock(m_sock, kRead, m_idle_us);
@@ -74,8 +80,9 @@ private:
         CGuard guard(m_mutex);
         m_sock.Attach(peer.Detach());
         m_sock.SetSockNoDelay(true);
-        if (RegisterSock(m_sock, kRead, m_idle_us) < 0)
+        if (RegisterSock(m_sock, kRead, m_idle_us) < 0) {
             end();
+        }
     }
 
     /// Reading pauses until all of this has been sent. Write is added before read is taken away, since a
@@ -92,8 +99,9 @@ private:
     }
 
     int end() INFRA_REQUIRES(m_mutex) {
-        if (!m_sock.IsValid())
+        if (!m_sock.IsValid()) {
             return -1;
+        }
         RemoveSock(m_sock);  // before Close, while the number still is this socket's
         m_sock.Close();
         Close();  // handle_close follows when the last call of this handler has returned
@@ -127,8 +135,9 @@ int main(int argc, char** argv) {
 
     EndSignals signals;
     raiseDescriptorLimit();
-    if (CreateThreadPool(threads, 0) != 0)
+    if (CreateThreadPool(threads, 0) != 0) {
         return 1;
+    }
     Roster roster;
     const int idle_us = idle_ms * 1000;
     const int result = serve(roster, signals, CSockAddrStorage(host.c_str(), port),

@@ -15,10 +15,10 @@ public:
 
     int64_t handle_timeout(long) override {  // runs on a worker of the pool
         std::printf("tick %d\n", ++m_ticks);
-        if (m_ticks < 3)
-            return 0;  // again, after the same time
-        Close();       // this handler ends ...
-        return -1;     // ... and so does its timer
+        if (m_ticks == 3) {
+            Close();
+        }
+        return m_ticks == 3 ? -1 : 0;  // below 0: no more; 0: again, after the same time
     }
 
     int handle_close(CNetHandler* self) override {  // the last reference is gone
@@ -32,8 +32,9 @@ private:
 };
 
 int main() {
-    if (Reticor::CreateThreadPool(2, 0) != 0)
+    if (Reticor::CreateThreadPool(2, 0) != 0) {
         return 1;
+    }
     (new Ticker)->start();
     g_gone.pend();
     return Reticor::DestroyThreadPool();

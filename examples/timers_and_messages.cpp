@@ -45,15 +45,19 @@ public:
     }
 
     int64_t handle_timeout(long id) override {
-        if (id == m_never)
+        if (id == m_never) {
             std::printf("this hour was short\n");
+        }
         std::printf("timer: tick %d\n", ++m_ticks);
-        if (m_ticks < 3)
+        if (m_ticks < 3) {
             return 0;
-        if (m_ticks == 3)
+        }
+        if (m_ticks == 3) {
             return 5000;
-        if (m_ticks < 5)
+        }
+        if (m_ticks < 5) {
             return 0;
+        }
         DestroyTimer(m_never);  // the one that waits; this one ends by its result
         g_step.post();
         return -1;
@@ -71,13 +75,16 @@ public:
 
     int handle_message(long, unsigned int msg, long attach) override {
         if (msg == kPlain) {
-            if (++m_plain == kBurst)
+            if (++m_plain == kBurst) {
                 g_step.post();
+            }
         } else if (msg == kSerial) {
-            if (attach == m_serial)
+            if (attach == m_serial) {
                 ++m_serial;
-            if (attach == kBurst - 1)
+            }
+            if (attach == kBurst - 1) {
                 g_step.post();
+            }
         }
         return 0;
     }
@@ -101,10 +108,12 @@ public:
 
     void burst(unsigned msg) {
         for (long i = 0; i < kBurst; ++i) {
-            if (msg == kPlain)
+            if (msg == kPlain) {
                 Notify(msg, i);
-            if (msg == kSerial)
+            }
+            if (msg == kSerial) {
                 NotifySerial(msg, i, 0);
+            }
         }
     }
 };
@@ -139,8 +148,9 @@ void showMessages() {
 }  // namespace
 
 int main() {
-    if (CreateThreadPool(2, 0) != 0)
+    if (CreateThreadPool(2, 0) != 0) {
         return 1;
+    }
     showTimers();
     showMessages();
     return DestroyThreadPool();

@@ -19,8 +19,9 @@ public:
         std::uint64_t seen = 0;
         for (std::size_t i = 0; i < m_counts.size(); ++i) {
             seen += m_counts[i];
-            if (seen > wanted)
+            if (seen > wanted) {
                 return static_cast<double>(std::min(upperEnd(i), m_max)) / 1000;
+            }
         }
         return max();
     }
@@ -31,14 +32,16 @@ private:
     static constexpr unsigned kSteps = 32;  // per doubling
 
     static std::size_t bucket(std::uint64_t ns) {
-        if (ns < kSteps)
+        if (ns < kSteps) {
             return ns;
+        }
         const auto exponent = static_cast<unsigned>(63 - __builtin_clzll(ns)) - 5;
         return kSteps * exponent + (ns >> exponent);
     }
     static std::uint64_t upperEnd(std::size_t index) {
-        if (index < kSteps)
+        if (index < kSteps) {
             return index;
+        }
         const std::size_t exponent = index / kSteps - 1;
         return (static_cast<std::uint64_t>(index - kSteps * exponent) + 1) << exponent;
     }

@@ -15,18 +15,16 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <chrono>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
 #include <CLI/CLI.hpp>
 
+#include "Clocks.h"
 #include "Histogram.h"
 #include "Requests.h"
 
@@ -46,24 +44,6 @@ struct Options {
     double seconds = 10;
     pid_t pid = 0;
 };
-
-uint64_t now() {
-    const auto time = std::chrono::steady_clock::now().time_since_epoch();
-    return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(time).count());
-}
-
-/// Processor time of all threads of a process, in ns; 0 if it cannot be read.
-uint64_t processorTime(pid_t pid) {
-    uint64_t sum = 0;
-    std::error_code error;
-    const std::filesystem::path tasks = "/proc/" + std::to_string(pid) + "/task";
-    for (const auto& task : std::filesystem::directory_iterator(tasks, error)) {
-        uint64_t time = 0;
-        std::ifstream(task.path() / "schedstat") >> time;
-        sum += time;
-    }
-    return sum;
-}
 
 enum class State { Idle, Connecting, Connected, Lost };
 
@@ -141,13 +121,16 @@ private:
 
 Load::~Load() {
     for (const Client& client : m_clients) {
-        if (client.fd >= 0)
+        if (client.fd >= 0) {
             close(client.fd);
+        }
     }
-    if (m_signals >= 0)
+    if (m_signals >= 0) {
         close(m_signals);
-    if (m_epoll >= 0)
+    }
+    if (m_epoll >= 0) {
         close(m_epoll);
+    }
 }
 
 bool Load::resolve() {
@@ -199,8 +182,9 @@ bool Load::open() {
 }
 
 void Load::watch(Client& client, uint32_t interest) {
-    if (client.interest == interest)
+    if (client.interest == interest) {
         return;
+    }
     epoll_event event{};
     event.events = interest;
     event.data.ptr = &client;
@@ -211,20 +195,25 @@ void Load::watch(Client& client, uint32_t interest) {
 void Load::lose(Client& client, const char* why, int error) {
     if (m_firstTrouble.empty()) {
         m_firstTrouble = "connection " + std::to_string(client.index) + ": " + why;
-        if (error != 0)
+        if (error != 0) {
             m_firstTrouble += std::string(", ") + std::strerror(error);
+        }
     }
-    if (client.state == State::Connecting)
+    if (client.state == State::Connecting) {
         --m_connecting;
-    if (client.state == State::Connected)
+    }
+    if (client.state == State::Connected) {
         --m_connected;
-    if (client.underWay)
+    }
+    if (client.underWay) {
         --m_underWay;
+    }
     ++m_lost;
     client.underWay = false;
     client.state = State::Lost;
-    if (client.fd >= 0)
+    if (client.fd >= 0) {
         close(client.fd);
+    }
     client.fd = -1;
 }
 
@@ -254,8 +243,9 @@ void Load::connected(Client& client) {
     int error = 0;
     socklen_t length = sizeof error;
     getsockopt(client.fd, SOL_SOCKET, SO_ERROR, &error, &length);
-    if (error != 0)
+    if (error != 0) {
         return lose(client, "connect", error);
+    }
     client.state = State::Connected;
     --m_connecting;
     ++m_connected;
@@ -275,8 +265,9 @@ void Load::send(Client& client) {
     const char* bytes = m_requests.bytes(client.index, client.number);
     const ssize_t sent =
         ::send(client.fd, bytes + client.sent, m_requests.size() - client.sent, MSG_NOSIGNAL);
-    if (sent < 0 && errno != EAGAIN && errno != EINTR)
+    if (sent < 0 && errno != EAGAIN && errno != EINTR) {
         return lose(client, "send", errno);
+    }
     if (sent > 0) {
         client.sent += static_cast<size_t>(sent);
         m_bytesSent += static_cast<uint64_t>(sent);
@@ -286,12 +277,15 @@ void Load::send(Client& client) {
 
 void Load::receive(Client& client) {
     const ssize_t got = recv(client.fd, m_room.data(), m_room.size(), 0);
-    if (got < 0 && (errno == EAGAIN || errno == EINTR))
+    if (got < 0 && (errno == EAGAIN || errno == EINTR)) {
         return;
-    if (got < 0)
+    }
+    if (got < 0) {
         return lose(client, "receive", errno);
-    if (got == 0)
+    }
+    if (got == 0) {
         return lose(client, "closed by the server", 0);
+    }
     verify(client, m_room.data(), static_cast<size_t>(got));
 }
 
@@ -304,8 +298,9 @@ void Load::verify(Client& client, const char* bytes, size_t count) {
     }
     client.received += count;
     m_bytesVerified += count;
-    if (client.received == m_requests.size())
+    if (client.received == m_requests.size()) {
         answered(client);
+    }
 }
 
 void Load::answered(Client& client) {
@@ -315,15 +310,17 @@ void Load::answered(Client& client) {
     ++client.number;
     client.underWay = false;
     --m_underWay;
-    if (m_running)
+    if (m_running) {
         start(client);
+    }
 }
 
 void Load::takeSignal() {
     signalfd_siginfo info;
     while (read(m_signals, &info, sizeof info) == sizeof info) {
-        if (!m_stopped)
+        if (!m_stopped) {
             m_stoppedAt = now();
+        }
         m_stopped = true;
         m_impatient = now() - m_stoppedAt > kSecond / 2;  // one Ctrl-C can arrive as two signals
     }
@@ -346,10 +343,12 @@ void Load::poll(uint64_t until) {
             connected(client);
             continue;
         }
-        if (client.state == State::Connected && (event.events & EPOLLOUT) != 0)
+        if (client.state == State::Connected && (event.events & EPOLLOUT) != 0) {
             send(client);
-        if (client.state == State::Connected && (event.events & ~uint32_t{EPOLLOUT}) != 0)
+        }
+        if (client.state == State::Connected && (event.events & ~uint32_t{EPOLLOUT}) != 0) {
             receive(client);
+        }
     }
 }
 
@@ -361,8 +360,9 @@ void Load::connectAll() {
         connectMore();
     }
     for (Client& client : m_clients) {
-        if (client.state == State::Connecting && !m_stopped)
+        if (client.state == State::Connecting && !m_stopped) {
             lose(client, "connect", ETIMEDOUT);
+        }
     }
 }
 
@@ -399,24 +399,28 @@ void Load::measure() {
     m_rowProcessor = processorTime(m_options.pid);
     m_running = true;
     for (Client& client : m_clients) {
-        if (client.state == State::Connected)
+        if (client.state == State::Connected) {
             start(client);
+        }
     }
     const uint64_t end = m_begin + static_cast<uint64_t>(m_options.seconds * static_cast<double>(kSecond));
     while (now() < end && !m_stopped && m_connected > 0) {
         poll(std::min(end, m_rowBegin + kSecond));
-        if (now() >= m_rowBegin + kSecond)
+        if (now() >= m_rowBegin + kSecond) {
             printRow();
+        }
     }
     m_running = false;
 }
 
 void Load::drain() {
     const uint64_t deadline = now() + kPatience;
-    while (m_underWay > 0 && now() < deadline && !m_impatient)
+    while (m_underWay > 0 && now() < deadline && !m_impatient) {
         poll(deadline);
-    if (m_row.total() > 0)
+    }
+    if (m_row.total() > 0) {
         printRow();
+    }
 }
 
 int Load::printVerdict() const {
@@ -452,11 +456,13 @@ int Load::printVerdict() const {
 }
 
 int Load::run() {
-    if (!open())
+    if (!open()) {
         return 1;
+    }
     connectAll();
-    if (!m_stopped && m_connected > 0)
+    if (!m_stopped && m_connected > 0) {
         measure();
+    }
     drain();
     return printVerdict();
 }

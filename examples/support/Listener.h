@@ -35,8 +35,9 @@ public:
     void leave(long id) {
         CGuard guard(m_mutex);
         m_ids.erase(id);
-        if (m_ids.empty())
+        if (m_ids.empty()) {
             m_empty.post();
+        }
     }
     size_t size() {
         CGuard guard(m_mutex);
@@ -91,8 +92,9 @@ public:
         auto* self = new Listener(roster, std::move(create));
         self->AddRef();  // keeps it until DecRef, whatever start and Close bring about on other threads
         const bool started = self->start(local);
-        if (!started)
+        if (!started) {
             self->Close();
+        }
         self->DecRef();
         return started ? self : nullptr;
     }
@@ -116,19 +118,22 @@ public:
             m_listener.Close();
         }
         for (long id : m_roster.ids()) {
-            if (id != GetID())
+            if (id != GetID()) {
                 Notify(id, kStop, 0);  // one that has gone meanwhile drops it without a trace
+            }
         }
         Close();
     }
 
     int handle_input(int) override {
         CGuard guard(m_mutex);
-        if (!m_listener.IsValid())
+        if (!m_listener.IsValid()) {
             return -1;
+        }
         for (int i = 0; i < kAcceptsPerCall; ++i) {
-            if (m_roster.size() >= kMaxMembers)
+            if (m_roster.size() >= kMaxMembers) {
                 return rest();
+            }
             CSockStream peer;
             if (m_listener.Accept(peer, nullptr) < 0) {
                 const bool exhausted =
@@ -142,8 +147,9 @@ public:
 
     int64_t handle_timeout(long) override {
         CGuard guard(m_mutex);
-        if (m_listener.IsValid())
+        if (m_listener.IsValid()) {
             RegisterSock(m_listener, kRead, 0);
+        }
         return -1;  // this timer is done
     }
 
@@ -193,8 +199,9 @@ private:
 /// Lets this process open as many descriptors as the system allows it: one is needed per connection.
 inline void raiseDescriptorLimit() {
     rlimit limit{};
-    if (getrlimit(RLIMIT_NOFILE, &limit) != 0)
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
         return;
+    }
     limit.rlim_cur = limit.rlim_max;
     setrlimit(RLIMIT_NOFILE, &limit);
 }

@@ -82,8 +82,9 @@ TEST(ChatTest, PutsLinesTogetherFromPieces) {
     Guest ann(chat, "ann");
     Guest bob(chat, "bob");
     EXPECT_EQ(ann.receiveLine(), "* bob joined");
-    for (const char* piece : {"one li", "ne\ntwo lines\nthr", "e", "e\n"})
+    for (const char* piece : {"one li", "ne\ntwo lines\nthr", "e", "e\n"}) {
         bob.send(piece);
+    }
     EXPECT_EQ(ann.receiveLine(), "bob: one line");
     EXPECT_EQ(ann.receiveLine(), "bob: two lines");
     EXPECT_EQ(ann.receiveLine(), "bob: three");
@@ -145,8 +146,9 @@ TEST(ChatTest, ShowsEverybodyAllLinesInOneOrder) {
         EXPECT_EQ(second.receiveLine(), "* guest" + std::to_string(i) + " joined");
     }
     for (int line = 0; line < kLines; ++line) {
-        for (Guest& guest : guests)
+        for (Guest& guest : guests) {
             ASSERT_TRUE(guest.send(std::to_string(line) + "\n"));
+        }
     }
     std::vector<int> next(kGuests, 0);
     for (int i = 0; i < kGuests * kLines; ++i) {
@@ -182,10 +184,12 @@ TEST(ChatTest, LetsASlowReaderMissLines) {
     int seen = 0;
     int missed = 0;
     for (std::string line; line != "talker: the end"; line = slow.receiveLine()) {
-        if (line.rfind("* you missed ", 0) == 0)
+        if (line.rfind("* you missed ", 0) == 0) {
             missed += std::stoi(line.substr(13));
-        if (line.rfind("talker: ", 0) == 0)
+        }
+        if (line.rfind("talker: ", 0) == 0) {
             ++seen;
+        }
         ASSERT_FALSE(slow.wasClosed());
     }
     EXPECT_GT(missed, 0);

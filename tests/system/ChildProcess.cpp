@@ -30,13 +30,15 @@ constexpr int kLimit_ms = 30000;
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     dup2(input, STDIN_FILENO);
     dup2(output, STDOUT_FILENO);
+    close_range(STDERR_FILENO + 1, ~0U, 0);  // what the test itself was handed is none of the program's
     if (descriptors != 0) {
         const rlimit limit{descriptors, descriptors};
         setrlimit(RLIMIT_NOFILE, &limit);
     }
     std::vector<char*> arguments;
-    for (const std::string& word : command)
+    for (const std::string& word : command) {
         arguments.push_back(const_cast<char*>(word.c_str()));
+    }
     arguments.push_back(nullptr);
     execvp(arguments[0], arguments.data());
     _exit(127);
@@ -63,8 +65,9 @@ ChildProcess::ChildProcess(const std::vector<std::string>& command, unsigned lon
     }
     ::signal(SIGPIPE, SIG_IGN);  // a program that ends early fails the test by what it returns
     m_pid = fork();
-    if (m_pid == 0)
+    if (m_pid == 0) {
         become(command, descriptors, input[0], output[1]);
+    }
     close(input[0]);
     close(output[1]);
     m_input = input[1];
@@ -78,10 +81,12 @@ ChildProcess::~ChildProcess() {
         kill(m_pid, SIGKILL);
         waitpid(m_pid, nullptr, 0);
     }
-    if (m_input >= 0)
+    if (m_input >= 0) {
         close(m_input);
-    if (m_output >= 0)
+    }
+    if (m_output >= 0) {
         close(m_output);
+    }
 }
 
 /// Takes some output; false if it has ended, or nothing came in time.
@@ -94,8 +99,9 @@ bool ChildProcess::fill(int limit_ms) {
     }
     char room[65536];
     const ssize_t got = read(m_output, room, sizeof room);
-    if (got > 0)
+    if (got > 0) {
         m_read.append(room, static_cast<size_t>(got));
+    }
     return got > 0;
 }
 
@@ -110,8 +116,9 @@ std::string ChildProcess::readLine() {
 
 void ChildProcess::feed(const std::string& input, size_t& given) {
     const ssize_t written = ::write(m_input, input.data() + given, input.size() - given);
-    if (written > 0)
+    if (written > 0) {
         given += static_cast<size_t>(written);
+    }
     if (given == input.size() || (written < 0 && errno != EAGAIN && errno != EINTR)) {
         close(m_input);
         m_input = -1;
@@ -130,14 +137,17 @@ std::string ChildProcess::exchange(const std::string& input, bool slowly) {
             ADD_FAILURE() << "nothing moves after " << given << " bytes in, " << m_read.size() << " out";
             break;
         }
-        if (m_input >= 0 && ready[0].revents != 0)
+        if (m_input >= 0 && ready[0].revents != 0) {
             feed(input, given);
+        }
         reading = reading || count == 0 || m_input < 0;
-        if (ready[1].revents == 0)
+        if (ready[1].revents == 0) {
             continue;
+        }
         const ssize_t got = read(m_output, room.data(), room.size());
-        if (got <= 0)
+        if (got <= 0) {
             break;
+        }
         m_read.append(room.data(), static_cast<size_t>(got));
     }
     return std::exchange(m_read, std::string());
@@ -155,8 +165,9 @@ void ChildProcess::write(const std::string& input) {
             ADD_FAILURE() << "write: " << std::strerror(errno);
             return;
         }
-        if (written > 0)
+        if (written > 0) {
             given += static_cast<size_t>(written);
+        }
     }
 }
 

@@ -31,14 +31,16 @@ TcpClient::TcpClient(int port, const std::string& host, int receive_bytes) {
     hints.ai_socktype = SOCK_STREAM;
     hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
     addrinfo* found = nullptr;
-    if (getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found) != 0)
+    if (getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found) != 0) {
         return;
+    }
     m_fd = socket(found->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const timeval time = limit();
     setsockopt(m_fd, SOL_SOCKET, SO_RCVTIMEO, &time, sizeof time);
     setsockopt(m_fd, SOL_SOCKET, SO_SNDTIMEO, &time, sizeof time);
-    if (receive_bytes > 0)
+    if (receive_bytes > 0) {
         setsockopt(m_fd, SOL_SOCKET, SO_RCVBUF, &receive_bytes, sizeof receive_bytes);
+    }
     if (connect(m_fd, found->ai_addr, found->ai_addrlen) != 0) {
         close(m_fd);
         m_fd = -1;
@@ -47,8 +49,9 @@ TcpClient::TcpClient(int port, const std::string& host, int receive_bytes) {
 }
 
 TcpClient::~TcpClient() {
-    if (m_fd >= 0)
+    if (m_fd >= 0) {
         close(m_fd);
+    }
 }
 
 TcpClient::TcpClient(TcpClient&& other) noexcept
@@ -58,8 +61,9 @@ bool TcpClient::send(const std::string& bytes) {
     size_t sent = 0;
     while (sent < bytes.size()) {
         const ssize_t count = ::send(m_fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
-        if (count <= 0)
+        if (count <= 0) {
             return false;
+        }
         sent += static_cast<size_t>(count);
     }
     return true;
@@ -69,14 +73,17 @@ size_t TcpClient::sendUntilStuck(const std::string& bytes, int patience_ms) {
     size_t sent = 0;
     while (sent < bytes.size()) {
         pollfd ready{m_fd, POLLOUT, 0};
-        if (poll(&ready, 1, patience_ms) <= 0)
+        if (poll(&ready, 1, patience_ms) <= 0) {
             break;
+        }
         const ssize_t count =
             ::send(m_fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
-        if (count < 0 && errno != EAGAIN)
+        if (count < 0 && errno != EAGAIN) {
             break;
-        if (count > 0)
+        }
+        if (count > 0) {
             sent += static_cast<size_t>(count);
+        }
     }
     return sent;
 }
@@ -84,8 +91,9 @@ size_t TcpClient::sendUntilStuck(const std::string& bytes, int patience_ms) {
 bool TcpClient::fill() {
     char room[65536];
     const ssize_t got = recv(m_fd, room, sizeof room, 0);
-    if (got > 0)
+    if (got > 0) {
         m_read.append(room, static_cast<size_t>(got));
+    }
     m_over = got == 0 || (got < 0 && errno == ECONNRESET);
     return got > 0;
 }
