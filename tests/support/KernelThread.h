@@ -46,6 +46,21 @@ inline std::string kernelThreadName(int thread_id) {
     return name;
 }
 
+// The kernel's number of the first thread of that name (which the kernel cuts to 15 characters); 0 if there
+// is none.
+inline int kernelThreadByName(const std::string& name) {
+    DIR* const tasks = ::opendir("/proc/self/task");
+    int found = 0;
+    while (const dirent* const entry = tasks != nullptr && found == 0 ? ::readdir(tasks) : nullptr) {
+        const int thread_id = std::atoi(entry->d_name);
+        found = thread_id > 0 && kernelThreadName(thread_id) == name ? thread_id : 0;
+    }
+    if (tasks != nullptr) {
+        ::closedir(tasks);
+    }
+    return found;
+}
+
 // Threads of this process, the caller included.
 inline int kernelThreadCount() {
     DIR* const tasks = ::opendir("/proc/self/task");
