@@ -354,13 +354,19 @@ void CMultiplexer::mark(CEvent* ev, int16_t revents, Ready& ready) {
 
 /// A report without a record. Usually its socket was removed a moment ago, and the report is the last. But
 /// the kernel goes on about a closed number while a copy of the descriptor lives elsewhere, and there is no
-/// way to name it any more: a report that comes again has the whole instance built anew.
+/// way to name it any more: a report that comes again has the whole instance built anew. Several copies may
+/// take turns, so the report that is waited for stands while others pass, each time for longer.
 void CMultiplexer::stray(int fd, uint64_t mark_seen, bool number_known) {
     if (!number_known && ::epoll_ctl(m_epoll, EPOLL_CTL_DEL, fd, nullptr) == 0) {
         return;
     }
-    m_rebuild = m_rebuild || m_last_stray == mark_seen;
-    m_last_stray = mark_seen;
+    if (mark_seen == m_stray) {
+        m_rebuild = true;
+    } else if (++m_strays_passed >= m_stray_patience) {
+        m_stray = mark_seen;
+        m_strays_passed = 0;
+        m_stray_patience = std::min(2 * m_stray_patience, STRAY_PATIENCE_LIMIT);
+    }
 }
 
 /// Puts every record into a new instance. The tree's write lock keeps records from coming and going; who
@@ -368,7 +374,9 @@ void CMultiplexer::stray(int fd, uint64_t mark_seen, bool number_known) {
 /// after that.
 void CMultiplexer::rebuild() {
     m_rebuild = false;
-    m_last_stray = WAKE_MARK;
+    m_stray = WAKE_MARK;
+    m_strays_passed = 0;
+    m_stray_patience = 1;
     const int fresh = ::epoll_create1(EPOLL_CLOEXEC);
     if (fresh == -1) {
         return;

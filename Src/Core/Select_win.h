@@ -97,6 +97,7 @@ private:
     static constexpr size_t CHUNK = 1024;
     static constexpr uint64_t WAKE_MARK = ~uint64_t{0};
     static constexpr int BLIND_WAIT_MS = 200;
+    static constexpr int STRAY_PATIENCE_LIMIT = 4096;
 
     /// What one pass found ready, linked through m_next.
     struct Ready {
@@ -154,7 +155,9 @@ private:
 
     // Of the thread in Wait.
     std::array<epoll_event, BATCH> m_reports;
-    uint64_t m_last_stray = WAKE_MARK;
+    uint64_t m_stray = WAKE_MARK;  ///< A report without a record; the next one like it is a lasting one.
+    int m_strays_passed = 0;       ///< Others since then.
+    int m_stray_patience = 1;      ///< How many of them before m_stray gives way.
     bool m_rebuild = false;
 
     friend struct MultiplexerProbe;  // tests
