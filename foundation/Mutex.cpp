@@ -57,34 +57,34 @@ bool CMutex::heldByThisThread() const noexcept {
     return m_owner.load(std::memory_order_relaxed) == &t_identity;
 }
 
+// The exchange comes first, and the question whether the lock is the caller's own only after it has failed: a
+// look at the owner beforehand would fetch the cache line twice from another processor, once to read and once
+// to write.
 bool CMutex::enter() noexcept {
-    if (heldByThisThread()) {
-        ++m_depth;
-        return true;
-    }
-    uint32_t expected = FREE;
-    if (!m_state.compare_exchange_strong(expected, HELD, std::memory_order_acquire,
-                                         std::memory_order_relaxed)) {
+    if (!tryEnter()) {
         enter_contended();
+        take_over();
     }
-    m_owner.store(&t_identity, std::memory_order_relaxed);
-    m_depth = 1;
     return true;
 }
 
 bool CMutex::tryEnter() noexcept {
+    uint32_t expected = FREE;
+    if (m_state.compare_exchange_strong(expected, HELD, std::memory_order_acquire,
+                                        std::memory_order_relaxed)) {
+        take_over();
+        return true;
+    }
     if (heldByThisThread()) {
         ++m_depth;
         return true;
     }
-    uint32_t expected = FREE;
-    if (!m_state.compare_exchange_strong(expected, HELD, std::memory_order_acquire,
-                                         std::memory_order_relaxed)) {
-        return false;
-    }
+    return false;
+}
+
+void CMutex::take_over() noexcept {
     m_owner.store(&t_identity, std::memory_order_relaxed);
     m_depth = 1;
-    return true;
 }
 
 bool CMutex::leave() noexcept {

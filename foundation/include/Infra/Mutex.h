@@ -37,6 +37,7 @@ public:
 
 private:
     void enter_contended() noexcept;
+    void take_over() noexcept;
 
     // 0 free, 1 held, 2 held and somebody may sleep on this word.
     std::atomic<uint32_t> m_state{0};
