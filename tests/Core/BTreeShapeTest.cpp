@@ -143,9 +143,9 @@ TEST(BTreeShape, DuplicateOfAnInnerKeyGoesIntoTheChildBehindIt) {
 TEST(BTreeShape, AscendingInDescendingOutLeavesAnEmptyLeaf) {
     for (const int order : {4, 6, 8}) {
         PlainTree tree(order);
-        tree.insertAll(ascending(1, 500));
+        tree.insertAll(ascending(1, 200));
         EXPECT_EQ(tree.faults(), "");
-        for (int64_t key = 500; key >= 1; --key) {
+        for (int64_t key = 200; key >= 1; --key) {
             ASSERT_EQ(tree.remove(key)->m_key, key);
             ASSERT_EQ(tree.faults(), "");
         }
@@ -156,11 +156,11 @@ TEST(BTreeShape, AscendingInDescendingOutLeavesAnEmptyLeaf) {
 TEST(BTreeShape, DescendingInAscendingOutLeavesAnEmptyLeaf) {
     for (const int order : {4, 6, 8}) {
         PlainTree tree(order);
-        for (int64_t key = 500; key >= 1; --key) {
+        for (int64_t key = 200; key >= 1; --key) {
             tree.insert(key);
         }
         EXPECT_EQ(tree.faults(), "");
-        for (int64_t key = 1; key <= 500; ++key) {
+        for (int64_t key = 1; key <= 200; ++key) {
             ASSERT_EQ(tree.remove(key)->m_key, key);
             ASSERT_EQ(tree.faults(), "");
         }
@@ -351,7 +351,7 @@ void compareWithModel(int order, int64_t span, int steps) {
     std::vector<Payload*> present(static_cast<size_t>(span), nullptr);
     unsigned int removals = 2;  // One step in so many removes.
     for (int step = 0; step < steps; ++step) {
-        if (step % 500 == 0) {
+        if (step % 250 == 0) {
             removals = random.between(1U, 6U);
         }
         const int64_t key = random.between(int64_t{0}, span - 1) - span / 2;
@@ -370,13 +370,13 @@ void compareWithModel(int order, int64_t span, int steps) {
 }
 
 TEST(BTreeShape, AnyMixOfChangesGivesTheShapeOfTheModelInOrder4) {
-    compareWithModel(4, 200, 6000);
+    compareWithModel(4, 200, 2500);
 }
 TEST(BTreeShape, AnyMixOfChangesGivesTheShapeOfTheModelInOrder6) {
-    compareWithModel(6, 300, 6000);
+    compareWithModel(6, 300, 2500);
 }
 TEST(BTreeShape, AnyMixOfChangesGivesTheShapeOfTheModelInOrder8) {
-    compareWithModel(8, 500, 6000);
+    compareWithModel(8, 500, 2500);
 }
 
 TEST(BTreeShape, LargeTreeGivesTheShapeOfTheModel) {
