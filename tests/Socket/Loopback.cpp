@@ -60,6 +60,13 @@ LoopbackPair::LoopbackPair() {
                 acceptInto(acceptor, server) && waitFor(client.GetHandle(), POLLOUT);
 }
 
+void LoopbackPair::shrink() {
+    for (CSockStream* stream : {&client, &server}) {
+        stream->SetSockSendBuf(16 * 1024);
+        stream->SetSockRecvBuf(16 * 1024);
+    }
+}
+
 std::size_t fill(CSockStream& stream) {
     static const std::string chunk = pattern(64 * 1024);
     std::size_t total = 0;

@@ -24,6 +24,8 @@ bool acceptInto(Reticor::CSockAcceptor& acceptor, Reticor::CSockStream& stream);
 // Two connected streams, both non-blocking.
 struct LoopbackPair {
     LoopbackPair();
+    // Fixes small buffers at both ends, so that a megabyte is more than they take.
+    void shrink();
 
     Reticor::CSockStream client;
     Reticor::CSockStream server;
