@@ -36,11 +36,11 @@ std::vector<std::size_t> randomOrder(std::size_t count, Random& random) {
 }
 
 double perCall(std::uint64_t beginNs, std::size_t calls) {
-    return static_cast<double>(nowNs() - beginNs) / static_cast<double>(calls);
+    return static_cast<double>(threadCpuNs() - beginNs) / static_cast<double>(calls);
 }
 
 double armAll(const TimerUse& use, const std::vector<std::uint64_t>& delays) {
-    const std::uint64_t begin = nowNs();
+    const std::uint64_t begin = threadCpuNs();
     for (std::size_t place = 0; place < delays.size(); ++place) {
         use.arm(place, delays[place]);
     }
@@ -48,7 +48,7 @@ double armAll(const TimerUse& use, const std::vector<std::uint64_t>& delays) {
 }
 
 double cancelAll(const TimerUse& use, const std::vector<std::size_t>& order) {
-    const std::uint64_t begin = nowNs();
+    const std::uint64_t begin = threadCpuNs();
     for (std::size_t place : order) {
         use.cancel(place);
     }
@@ -60,7 +60,7 @@ double churn(const TimerOptions& options, const TimerUse& use, Random& random) {
     std::uniform_int_distribution<std::size_t> anyPlace(0, options.pending - 1);
     std::vector<std::size_t> places(options.churn);
     std::generate(places.begin(), places.end(), [&] { return anyPlace(random); });
-    const std::uint64_t begin = nowNs();
+    const std::uint64_t begin = threadCpuNs();
     for (std::size_t i = 0; i < options.churn; ++i) {
         use.cancel(places[i]);
         use.arm(places[i], delays[i]);

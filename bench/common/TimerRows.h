@@ -27,7 +27,7 @@ struct TimerUse {
     std::function<std::int64_t(double seconds)> wakeUps;
 };
 
-// Measures and prints the figures as JSON.
+// Measures and prints the figures as JSON. Times are processor time of the calling thread.
 void runTimers(const TimerOptions& options, const TimerUse& use);
 
 }  // namespace Bench

@@ -56,6 +56,10 @@ std::uint64_t ownCpuNs() {
     return read(CLOCK_PROCESS_CPUTIME_ID);
 }
 
+std::uint64_t threadCpuNs() {
+    return read(CLOCK_THREAD_CPUTIME_ID);
+}
+
 std::uint64_t nowNs() {
     return read(CLOCK_MONOTONIC);
 }

@@ -18,6 +18,9 @@ std::int64_t voluntarySwitches(pid_t pid, const std::string& threadName);
 // Processor time of the calling process, ended threads included.
 std::uint64_t ownCpuNs();
 
+// Processor time of the calling thread, system calls included: what other programs take does not count.
+std::uint64_t threadCpuNs();
+
 // CLOCK_MONOTONIC in nanoseconds.
 std::uint64_t nowNs();
 

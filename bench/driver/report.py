@@ -1,0 +1,174 @@
+"""The results as a page of tables and as plots."""
+
+import statistics
+
+import plots
+import targets
+from rows import NAMES
+from tools import KINDS
+
+# Columns of the tables: figure, heading, format, whether the ratio to the base stands beside it.
+ECHO_COLUMNS = [
+    ("requests_per_s", "requests/s", "{:,.0f}", True), ("server_cpu_us_per_request", "server CPU us", "{:.2f}", True),
+    ("p50_us", "p50 us", "{:,.0f}", False), ("p99_us", "p99 us", "{:,.0f}", False),
+    ("server_cores", "server cores", "{:.2f}", False),
+]
+SYSCALL_COLUMNS = [("all", "all", "{:.2f}", True)] + [(kind, kind, "{:.2f}", False) for kind in KINDS]
+TABLES = {
+    "echo": ("epoll", ECHO_COLUMNS),
+    "syscalls": ("epoll", SYSCALL_COLUMNS),
+    "timers": ("libevent", [("arm_ns", "arm ns", "{:.0f}", False), ("cancel_ns", "cancel ns", "{:.0f}", False),
+                            ("churn_pair_ns", "cancel and arm ns, 10,000 pending", "{:.0f}", False),
+                            ("idle_wakeups", "wake-ups while idle", "{:.0f}", False)]),
+}
+MESSAGE_COLUMNS = [
+    ("ns_per_message", "ns/message", "{:.0f}", True), ("cpu_ns_per_message", "CPU ns/message", "{:.0f}", True),
+    ("allocations_per_message", "allocations/message", "{:.4f}", False),
+    ("first_us", "first begins after us", "{:.0f}", False), ("first_us_worst", "worst us", "{:.0f}", False),
+]
+
+HEADINGS = {
+    "echo": ("Echo", "Ratios in brackets are to plain epoll. Server CPU is user and kernel time of the server per "
+             "request. One load process with one thread keeps one request under way per active connection, compares "
+             "every byte, and shares the processors with the server; so absolute figures hold for this arrangement "
+             "alone. With one connection the figure is a matter of where the scheduler places the two processes: on "
+             "two processors each request waits for two of them to wake from idle, which takes longer than the work. "
+             "The rows on one processor leave that out and compare the length of the path."),
+    "syscalls": ("System calls per request", "Counted by `{counter}` on the server's threads while the load runs, in "
+                 "runs of their own, since counting slows what is counted."),
+    "messages": ("Messages", "One producer that is no worker posts to 1000 receivers on two workers as fast as it can; "
+                 "serial messages run one after the other (asio: a strand). CPU is that of the whole process. Ratios "
+                 "are to asio. Allocations are calls of malloc and its kin in a third pass over the same messages; "
+                 "TBB brings an allocator of its own, which is not seen. Burst: 100,000 messages onto a pool whose "
+                 "workers sleep, the median of the bursts."),
+    "timers": ("Timers", "A million timers are armed with random delays from one to 20 hours and cancelled in random "
+               "order; with 10,000 pending, a random one is cancelled and armed anew. The peers' timers are structures "
+               "that the caller laid out beforehand and belong to one thread; ours are ids that any thread may arm and "
+               "cancel, and each arm makes one. Times are processor time of the arming thread."),
+    "micro": ("Single operations", "Nanoseconds per item, or per round where a round has no items; with several "
+              "threads that of one thread."),
+}
+
+
+def median(values):
+    return statistics.median(values)
+
+
+def medians_of(results):
+    return {row: {implementation: {metric: median(values) for metric, values in metrics.items()}
+                  for implementation, metrics in stored["samples"].items()}
+            for row, stored in results["rows"].items()}
+
+
+def write(results, order, directory):
+    """README.md and the plots. `order` is that of the rows."""
+    names = [name for name in order if name in results["rows"]]
+    if not names:
+        return
+    rows = {name: results["rows"][name] for name in names}
+    medians = medians_of(results)
+    pictures = plots.draw(medians, {name: row["title"] for name, row in rows.items()}, directory)
+    page = ["# Benchmarks", "", *preface(rows), "", *target_table(medians, rows)]
+    for group in ("echo", "syscalls", "messages", "timers", "micro"):
+        members = {name: row for name, row in rows.items() if row["group"] == group}
+        if members:
+            page += ["", *section(group, members, medians, pictures.get(group, []))]
+    (directory / "README.md").write_text("\n".join(page) + "\n")
+
+
+def distinct(values):
+    return list(dict.fromkeys(values))
+
+
+def preface(rows):
+    """Machine, command, number of runs, and how quiet it was."""
+    machines = distinct(describe(row["machine"]) for row in rows.values())
+    commands = distinct(f"`{row['command'].strip()}` ({row['date']}, commit {row['commit']}, runs: {row['runs']})"
+                        for row in rows.values())
+    others = [value for row in rows.values() for metrics in row["samples"].values() for value in metrics["neighbours"]]
+    lines = ["Written by `script/bench`, which builds everything and measures Reticor and its peers in turn: in each",
+             "run every row, in each row every implementation, in an order that changes from run to run. The figures",
+             "are medians of the runs; the ranges in the tables are the lowest and the highest run.", "",
+             "- Machine: " + "; ".join(machines),
+             "- Command: " + "; ".join(commands),
+             f"- Other programs kept {median(others):.2f} processors busy at the median of all measurements, "
+             f"{max(others):.2f} at the worst. Where it is more than a tenth, ratios near 1 mean little."]
+    if any(row["quick"] for row in rows.values()):
+        lines.append("- Some rows come from `--quick`, which only shows that everything works.")
+    return lines
+
+
+def describe(machine):
+    kind = "virtual machine" if machine["virtual"] else "machine"
+    return (f"{kind} with {machine['processors']} processors ({machine['processor']}), {machine['memory_gib']} GiB, "
+            f"{machine['system']}")
+
+
+def target_table(medians, rows):
+    found = targets.reached(medians, {name: row["title"] for name, row in rows.items()})
+    if not found:
+        return []
+    missed = sum(not target.holds for target in found)
+    lines = ["## Targets", "", f"{len(found) - missed} of {len(found)} are reached.", "",
+             "| Work | Figure | Target | Reached | |", "|---|---|---:|---:|---|"]
+    for target in found:
+        sign = ">=" if target.at_least else "<="
+        unit = " " + target.unit if target.unit else ""
+        lines.append(f"| {target.work} | {target.what} | {sign} {target.limit:g}{unit} | {target.reached:.3g}{unit} | "
+                     f"{'yes' if target.holds else '**no**'} |")
+    return lines
+
+
+def section(group, rows, medians, pictures):
+    heading, text = HEADINGS[group]
+    counter = next(iter(rows.values()))["counted_with"]
+    lines = [f"## {heading}", "", text.format(counter=counter)]
+    for picture, caption in pictures:
+        lines += ["", f"![{caption}]({picture})"]
+    for name, row in rows.items():
+        if group == "micro":
+            lines += ["", f"### {row['title']}", "", *micro_table(row)]
+        elif group == "messages":
+            for kind, title in (("stream", "2 million messages"), ("serial", "Serial messages"), ("burst", "Bursts")):
+                lines += ["", f"### {title}", "", *table(row, medians[name], "asio", MESSAGE_COLUMNS, kind + ".")]
+        else:
+            base, columns = TABLES[group]
+            title = [] if len(rows) == 1 else ["", f"### {row['title']}"]
+            lines += [*title, "", *table(row, medians[name], base, columns)]
+    return lines
+
+
+def table(row, medians, base, columns, prefix=""):
+    """A line per implementation. Columns that nobody has are left out."""
+    implementations = [name for name in NAMES if any(key.startswith(prefix) for key in medians.get(name, {}))]
+    columns = [column for column in columns if any(prefix + column[0] in medians[name] for name in implementations)]
+    lines = ["| |" + "".join(f" {heading} |" for _, heading, _, _ in columns), "|---|" + "---:|" * len(columns)]
+    for name in implementations:
+        cells = [cell(row["samples"][name], medians, name, base, prefix + metric, style, with_ratio)
+                 for metric, _, style, with_ratio in columns]
+        lines.append(f"| {NAMES[name]} | " + " | ".join(cells) + " |")
+    return lines
+
+
+def cell(samples, medians, name, base, metric, style, with_ratio):
+    values = samples.get(metric)
+    if not values:
+        return ""
+    text = style.format(median(values))
+    if with_ratio and len(values) > 1:
+        text += f" ({style.format(min(values))} to {style.format(max(values))})"
+    bottom = medians.get(base, {}).get(metric)
+    if with_ratio and bottom and name != base:
+        text += f" [{median(values) / bottom:.2f}]"
+    return text
+
+
+def micro_table(row):
+    (metrics,) = row["samples"].values()
+    lines = ["| | ns | lowest to highest |", "|---|---:|---:|"]
+    for name, values in metrics.items():
+        if name == "neighbours":
+            continue
+        shown = name.replace("/real_time", "").replace("|", "\\|")
+        lines.append(f"| `{shown}` | {median(values):.1f} | {min(values):.1f} to {max(values):.1f} |")
+    return lines

@@ -1,0 +1,145 @@
+"""What is measured: a row is one kind of work, done by Reticor and by its peers."""
+
+import dataclasses
+import os
+
+from tools import EchoServer, calls_per_request
+
+NAMES = {
+    "epoll": "plain epoll", "libevent": "libevent", "libuv": "libuv", "asio": "asio", "tbb": "TBB",
+    "reticor": "Reticor",
+}
+ECHO = ["epoll", "libevent", "libuv", "asio", "reticor"]
+
+
+@dataclasses.dataclass(frozen=True)
+class Scale:
+    """How much work one measurement is."""
+    seconds: float
+    warm_up: float
+    messages: int
+    bursts: int
+    timers: int
+    idle_seconds: float
+    micro_seconds: float
+
+
+FULL = Scale(seconds=2, warm_up=0.5, messages=2000000, bursts=20, timers=1000000, idle_seconds=3, micro_seconds=0.2)
+QUICK = Scale(seconds=0.5, warm_up=0.2, messages=200000, bursts=5, timers=1000000, idle_seconds=1,
+              micro_seconds=0.02)
+
+
+class EchoRow:
+    """Requests per second, latency and processor time per request of an echo server under closed-loop load."""
+    group = "echo"
+
+    def __init__(self, name, title, connections, active, size, one_cpu=False):
+        self.name, self.title, self.implementations = name, title, ECHO
+        self.load = ["--connections", connections, "--active", active, "--size", size]
+        self.cpus = {min(os.sched_getaffinity(0))} if one_cpu else None
+
+    def program(self, implementation):
+        return "echo_" + implementation
+
+    def measure(self, tools, implementation, scale):
+        with EchoServer(tools, implementation, self.cpus) as server:
+            return tools.json("echo_load", "--port", server.port, "--server-pid", server.pid, *self.load,
+                              "--seconds", scale.seconds, "--warm-up", scale.warm_up, cpus=self.cpus)
+
+
+class SyscallRow:
+    """System calls of an echo server per request. The load's own calls do not count."""
+    group = "syscalls"
+
+    def __init__(self, name, title, connections):
+        self.name, self.title, self.implementations = name, title, ECHO
+        self.connections = connections
+
+    def program(self, implementation):
+        return "echo_" + implementation
+
+    def measure(self, tools, implementation, scale):
+        with EchoServer(tools, implementation) as server:
+            load = ["--port", server.port, "--connections", self.connections, "--size", 64,
+                    "--seconds", scale.seconds, "--warm-up", 0]
+            result, calls = tools.counter(tools, server.pid, load)
+        return calls_per_request(calls, result["requests_total"])
+
+
+class ProgramRow:
+    """A program per implementation that does the whole row and prints its figures."""
+
+    def __init__(self, name, title, implementations, arguments):
+        self.group = self.name = name
+        self.title, self.implementations, self.arguments = title, implementations, arguments
+
+    def program(self, implementation):
+        return f"{self.name}_{implementation}"
+
+    def measure(self, tools, implementation, scale):
+        return flat(tools.json(self.program(implementation), *self.arguments(scale)))
+
+
+class MicroRow:
+    """A Google Benchmark program; it has ours and the peers in itself, told apart by the benchmarks' names."""
+    group = "micro"
+
+    def __init__(self, program):
+        self.name = "micro-" + program.removesuffix("Bench").lower()
+        self.title, self.implementations = program, [program]
+
+    def program(self, implementation):
+        return implementation
+
+    def measure(self, tools, implementation, scale):
+        result = tools.json(implementation, "--benchmark_format=json",
+                            f"--benchmark_min_time={scale.micro_seconds}")
+        return {entry["name"]: nanoseconds(entry) for entry in result["benchmarks"]
+                if not entry.get("error_occurred")}
+
+
+def nanoseconds(entry):
+    """What one item, or one round where there are no items, costs one thread."""
+    if "items_per_second" in entry:
+        return 1e9 / entry["items_per_second"] * entry.get("threads", 1)
+    unit = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}[entry["time_unit"]]
+    if entry["name"].find("/real_time") >= 0:
+        return entry["real_time"] * unit * entry.get("threads", 1)
+    return entry["cpu_time"] * unit
+
+
+def flat(nested):
+    """{"a": {"b": 1}} as {"a.b": 1}."""
+    result = {}
+    for key, value in nested.items():
+        if isinstance(value, dict):
+            result.update({f"{key}.{inner}": number for inner, number in flat(value).items()})
+        else:
+            result[key] = value
+    return result
+
+
+def message_arguments(scale):
+    return ["--messages", scale.messages, "--bursts", scale.bursts]
+
+
+def timer_arguments(scale):
+    return ["--many", scale.timers, "--churn", scale.timers, "--idle-seconds", scale.idle_seconds]
+
+
+def all_rows(micro_programs):
+    return [
+        EchoRow("echo-64b-1", "64 B, 1 connection", 1, 1, 64),
+        EchoRow("echo-64b-1-one-cpu", "64 B, 1 connection, server and load on one processor", 1, 1, 64, True),
+        EchoRow("echo-64b-64", "64 B, 64 connections", 64, 64, 64),
+        EchoRow("echo-64b-64-one-cpu", "64 B, 64 connections, server and load on one processor", 64, 64, 64, True),
+        EchoRow("echo-64b-1000", "64 B, 1000 connections", 1000, 1000, 64),
+        EchoRow("echo-64b-16-16", "64 B, 16 connections", 16, 16, 64),
+        EchoRow("echo-64b-4000-16", "64 B, 4000 connections, 16 of them active", 4000, 16, 64),
+        EchoRow("echo-16k-64", "16 KiB, 64 connections", 64, 64, 16384),
+        SyscallRow("syscalls-1", "1 connection", 1),
+        SyscallRow("syscalls-64", "64 connections", 64),
+        ProgramRow("messages", "Messages", ["asio", "tbb", "reticor"], message_arguments),
+        ProgramRow("timers", "Timers", ["libuv", "libevent", "reticor"], timer_arguments),
+        *[MicroRow(program) for program in micro_programs],
+    ]

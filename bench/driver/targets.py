@@ -1,0 +1,110 @@
+"""What we want to reach, each with the figure that was reached."""
+
+import dataclasses
+
+PEERS = ["epoll", "libevent", "libuv", "asio"]
+
+
+@dataclasses.dataclass(frozen=True)
+class Target:
+    """`reached` is in `unit`; it holds if it is on the right side of `limit`."""
+    work: str
+    what: str
+    reached: float
+    limit: float
+    at_least: bool = False
+    unit: str = ""
+
+    @property
+    def holds(self):
+        return self.reached >= self.limit if self.at_least else self.reached <= self.limit
+
+
+class Medians:
+    """medians(row, implementation, metric), or None where something was not measured."""
+
+    def __init__(self, medians):
+        self.medians = medians
+
+    def get(self, row, implementation, metric):
+        return self.medians.get(row, {}).get(implementation, {}).get(metric)
+
+    def ratio(self, row, metric, implementation, base, base_row=None):
+        top = self.get(row, implementation, metric)
+        bottom = self.get(base_row or row, base, metric)
+        return None if top is None or not bottom else top / bottom
+
+
+def reached(medians, titles):
+    """All targets of which the figures are there."""
+    found = Medians(medians)
+    targets = [*echo(found, titles), *syscalls(found, titles), *messages(found), *timers(found), *micro(found)]
+    return [target for target in targets if target.reached is not None]
+
+
+# Against the peers, with several connections; and the rows with one, where only the processor time is a target.
+ECHO_MANY = ["echo-64b-64", "echo-64b-1000", "echo-64b-4000-16", "echo-16k-64"]
+ECHO_ONE = ["echo-64b-1", "echo-64b-1-one-cpu"]
+
+
+def echo(found, titles):
+    for row in ECHO_MANY:
+        best = max((found.get(row, peer, "requests_per_s") or 0 for peer in PEERS), default=0)
+        work = "Echo, " + titles.get(row, row)
+        yield Target(work, "requests/s against asio", found.ratio(row, "requests_per_s", "reticor", "asio"), 1,
+                     at_least=True)
+        if best and found.get(row, "reticor", "requests_per_s"):
+            yield Target(work, "requests/s against the best peer", found.get(row, "reticor", "requests_per_s") / best,
+                         1, at_least=True)
+    for row in ECHO_MANY + ECHO_ONE:
+        yield Target("Echo, " + titles.get(row, row), "server CPU per request against plain epoll",
+                     found.ratio(row, "server_cpu_us_per_request", "reticor", "epoll"),
+                     1.15 if row in ECHO_ONE else 1.10)
+    yield Target("Echo, 4000 open against 16 open, 16 active", "requests/s",
+                 found.ratio("echo-64b-4000-16", "requests_per_s", "reticor", "reticor", "echo-64b-16-16"), 0.95,
+                 at_least=True)
+
+
+def syscalls(found, titles):
+    for row, limit in (("syscalls-1", 3.3), ("syscalls-64", 2.7)):
+        work = "System calls per request, " + titles.get(row, "")
+        yield Target(work, "all", found.get(row, "reticor", "all"), limit)
+        yield Target(work, "futex", found.get(row, "reticor", "futex"), 0.1)
+
+
+def messages(found):
+    for kind, name in (("stream", "Messages to 1000 receivers"), ("serial", "Serial messages")):
+        for metric, what in (("ns_per_message", "time"), ("cpu_ns_per_message", "CPU")):
+            yield Target(name, what + " per message against asio",
+                         found.ratio("messages", f"{kind}.{metric}", "reticor", "asio"), 1)
+        yield Target(name, "heap allocations per message once warm",
+                     found.get("messages", "reticor", f"{kind}.allocations_per_message"), 0.001)
+    yield Target("Burst of 100,000 messages on an idle pool", "first one begins after",
+                 found.get("messages", "reticor", "burst.first_us"), 100, unit="us")
+
+
+def timers(found):
+    for metric, what, limit in (("arm_ns", "arm, up to a million pending", 150),
+                                ("cancel_ns", "cancel in random order, up to a million pending", 600),
+                                ("churn_pair_ns", "cancel and arm, 10,000 pending", 150)):
+        yield Target("Timers", what, found.get("timers", "reticor", metric), limit, unit="ns")
+    yield Target("Timers", "wake-ups of the timer thread, 10,000 armed an hour ahead",
+                 found.get("timers", "reticor", "idle_wakeups"), 0)
+
+
+def micro(found):
+    def own(row, metric):
+        return next((figures.get(metric) for figures in found.medians.get(row, {}).values()), None)
+
+    one = own("micro-handlerlookup", "Lookup/real_time/threads:1")
+    two = own("micro-handlerlookup", "Lookup/real_time/threads:2")
+    if one and two:
+        yield Target("Finding handlers among 10,000", "two threads against one, per lookup", two / one, 2)
+    for order in ("Pair", "Lifo", "Fifo"):
+        for size in (64, 1500, 4096, 65536):
+            times = {name: own("micro-tsmemory", f"{order}/{size}/{name}")
+                     for name in ("reticor", "glibc", "jemalloc", "mimalloc")}
+            peers = [value for name, value in times.items() if value and name != "reticor"]
+            if times["reticor"] and peers:
+                yield Target(f"TsMalloc and TsFree, {order.lower()}, {size} B", "time against the best peer",
+                             times["reticor"] / min(peers), 1)
