@@ -175,9 +175,7 @@ void CMultiplexer::Rearm(CEvent* ev, bool owner_found) {
 void CMultiplexer::Forget(CEvent* ev) {
     book_remove(ev);
     if (muxForm(ev) == MuxForm::always) {
-        Infra::CGuard guard(m_list_mutex);
-        m_always.erase(std::find(m_always.begin(), m_always.end(), ev));
-        m_always_count.fetch_sub(1, std::memory_order_relaxed);
+        leave_always(ev);
     } else if (muxForm(ev) != MuxForm::out) {
         // A number that was closed has left the kernel's set by itself.
         ::epoll_ctl(m_epoll, EPOLL_CTL_DEL, static_cast<int>(ev->m_key), nullptr);
@@ -198,15 +196,18 @@ void CMultiplexer::set_kernel_state(CEvent* ev, MuxForm form, uint32_t armed) {
 /// it does so already and the number was not closed meanwhile, unless `force` is set.
 void CMultiplexer::arm(CEvent* ev, uint32_t admitted, bool force) {
     const int fd = static_cast<int>(ev->m_key);
+    const uint32_t closes = closeCount(fd);
+    const bool same_number = !force && ev->m_timer.m_close_count == closes;
     const MuxForm form = muxForm(ev);
     if (form == MuxForm::always) {
-        clearFlag(ev, MUX_FORCE);
-        WakeUp();  // the wait only looks while such a socket is idle
-        return;
+        if (same_number) {
+            WakeUp();  // the wait only looks while such a socket is idle
+            return;
+        }
+        leave_always(ev);  // the number may name something else now
     }
     const MuxForm wanted = admitted != 0 ? MuxForm::level : MuxForm::parked;
-    const uint32_t closes = closeCount(fd);
-    if (!force && form == wanted && muxArmed(ev) == admitted && ev->m_timer.m_close_count == closes) {
+    if (same_number && form == wanted && muxArmed(ev) == admitted) {
         return;
     }
     ev->m_timer.m_close_count = closes;
@@ -249,6 +250,13 @@ void CMultiplexer::set_always(CEvent* ev) {
     }
     m_always_count.fetch_add(1, std::memory_order_relaxed);
     WakeUp();
+}
+
+void CMultiplexer::leave_always(CEvent* ev) {
+    set_kernel_state(ev, MuxForm::out, 0);
+    Infra::CGuard guard(m_list_mutex);
+    m_always.erase(std::find(m_always.begin(), m_always.end(), ev));
+    m_always_count.fetch_sub(1, std::memory_order_relaxed);
 }
 
 /// A condition that nobody asked for would be reported for ever: from here on only its changes are.
@@ -434,7 +442,7 @@ void CMultiplexer::collect_always(Ready& ready) {
     for (CEvent* ev : always) {
         RecordPin pin = RecordPin::Enter(ev);
         const int16_t revents = delivered(EPOLLIN | EPOLLOUT, muxBook(ev));
-        if (!inFlight(ev) && revents != 0 && !hasFlag(ev, MUX_ORPHAN)) {
+        if (muxForm(ev) == MuxForm::always && !inFlight(ev) && revents != 0 && !hasFlag(ev, MUX_ORPHAN)) {
             mark(ev, revents, ready);
         }
     }

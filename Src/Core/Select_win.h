@@ -117,6 +117,7 @@ private:
     bool tell_kernel(CEvent* ev, int fd, uint32_t events);
     void park(CEvent* ev);
     void set_always(CEvent* ev);
+    void leave_always(CEvent* ev);
     void set_kernel_state(CEvent* ev, MuxForm form, uint32_t armed);
 
     // The wait.
