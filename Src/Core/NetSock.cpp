@@ -353,7 +353,8 @@ void CNetSock::finish(CEvent* record, int ret, bool owner_found, bool slow) {
     setRevents(record, 0);
     clearFlag(record, MUX_BUSY | MUX_SLOW);
     setFlag(record, slow ? MUX_SLOW : 0);
-    pool->m_mux.Rearm(record, owner_found);
+    // A registration meanwhile has named an owner that this delivery did not look for.
+    pool->m_mux.Rearm(record, owner_found || hasFlag(record, MUX_FORCE));
     const int stored = event->m_timer.m_set_time;
     if (ret == 0 && stored > 0) {
         reset_timer(record, stored);
