@@ -275,31 +275,32 @@ CNetSock::Registration CNetSock::Look(CNetHandler* handler, CSock& sock) {
 // ---- delivery ------------------------------------------------------------------------------------------
 
 int CNetSock::handle_netevent(CEvent* event, bool timed) {
-    bool owner_found = true;
+    int64_t missing_owner = 0;
     int ret;
     bool slow = false;
     if (timed || hasFlagNow(event, MUX_SLOW)) {
         const uint64_t begin = Infra::CTime::getCurrentMicroSecond();
-        ret = deliver(event, owner_found);
+        ret = deliver(event, missing_owner);
         slow = Infra::CTime::getCurrentMicroSecond() - begin > SLOW_CALL_US;
     } else {
-        ret = deliver(event, owner_found);
+        ret = deliver(event, missing_owner);
     }
     trace_delivered(event, ret);
-    finish(event, ret, owner_found, slow);
+    finish(event, ret, missing_owner, slow);
     return 0;
 }
 
-int CNetSock::deliver(CEvent* event, bool& owner_found) {
+int CNetSock::deliver(CEvent* event, int64_t& missing_owner) {
     const bool timed_out = (reventsNow(event) & (REVENT_READ_TIMEOUT | REVENT_WRITE_TIMEOUT)) != 0;
-    return timed_out ? handle_timeout(event, owner_found) : handle_net(event, owner_found);
+    return timed_out ? handle_timeout(event, missing_owner) : handle_net(event, missing_owner);
 }
 
 // m_revents is read anew at each test: a removal in between replaces it, and selects no further call.
-int CNetSock::handle_net(CEvent* event, bool& owner_found) {
-    HandlerPin handler = PoolTable::FindHandler(Infra::relaxedLoad(event->m_obj_id));
+int CNetSock::handle_net(CEvent* event, int64_t& missing_owner) {
+    const int64_t owner = Infra::relaxedLoad(event->m_obj_id);
+    HandlerPin handler = PoolTable::FindHandler(owner);
     if (!handler) {
-        owner_found = false;
+        missing_owner = owner;
         return -1;
     }
     trace_call("net", "begin", event, handler);
@@ -319,10 +320,11 @@ int CNetSock::handle_net(CEvent* event, bool& owner_found) {
     return ret;
 }
 
-int CNetSock::handle_timeout(CEvent* event, bool& owner_found) {
-    HandlerPin handler = PoolTable::FindHandler(Infra::relaxedLoad(event->m_obj_id));
+int CNetSock::handle_timeout(CEvent* event, int64_t& missing_owner) {
+    const int64_t owner = Infra::relaxedLoad(event->m_obj_id);
+    HandlerPin handler = PoolTable::FindHandler(owner);
     if (!handler) {
-        owner_found = false;
+        missing_owner = owner;
         return -1;
     }
     trace_call("timeout", "begin", event, handler);
@@ -337,7 +339,7 @@ int CNetSock::handle_timeout(CEvent* event, bool& owner_found) {
 }
 
 // The second half of a delivery: the record is idle again, or, if its removal is pending, freed.
-void CNetSock::finish(CEvent* record, int ret, bool owner_found, bool slow) {
+void CNetSock::finish(CEvent* record, int ret, int64_t missing_owner, bool slow) {
     RecordPin event = RecordPin::Enter(record);
     CThreadPool* pool = pool_of(event->m_obj_id);
     if (event->m_event_mask & SOCK_REMOVED) {
@@ -353,8 +355,8 @@ void CNetSock::finish(CEvent* record, int ret, bool owner_found, bool slow) {
     setRevents(record, 0);
     clearFlag(record, MUX_BUSY | MUX_SLOW);
     setFlag(record, slow ? MUX_SLOW : 0);
-    // A registration meanwhile has named an owner that this delivery did not look for.
-    pool->m_mux.Rearm(record, owner_found || hasFlag(record, MUX_FORCE));
+    // A registration meanwhile may have named an owner that this delivery did not look for.
+    pool->m_mux.Rearm(record, event->m_obj_id != missing_owner);
     const int stored = event->m_timer.m_set_time;
     if (ret == 0 && stored > 0) {
         reset_timer(record, stored);

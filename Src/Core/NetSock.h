@@ -46,10 +46,11 @@ private:
     static void register_new_event(CNetHandler* handler, CSock& sock, unsigned int type, int time_out);
     static void modify_exist_event(CNetHandler* handler, RecordPin event, CSock& sock, unsigned int type,
                                    int time_out);
-    static int handle_net(CEvent* event, bool& owner_found);
-    static int handle_timeout(CEvent* event, bool& owner_found);
-    static int deliver(CEvent* event, bool& owner_found);
-    static void finish(CEvent* record, int ret, bool owner_found, bool slow);
+    // These three set `missing_owner` to the id of an owner that was not found.
+    static int handle_net(CEvent* event, int64_t& missing_owner);
+    static int handle_timeout(CEvent* event, int64_t& missing_owner);
+    static int deliver(CEvent* event, int64_t& missing_owner);
+    static void finish(CEvent* record, int ret, int64_t missing_owner, bool slow);
     static bool free_removed(CEvent* record, CThreadPool& pool);
     static void reset_timer(CEvent* event, int time_out);
     static void remove_sock(RecordPin event, CThreadPool& pool);
