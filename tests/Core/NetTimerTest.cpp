@@ -256,7 +256,7 @@ TEST_F(NetTimerTest, TimersThatAreFarAwayCostNoWakeUps) {
 
 TEST_F(NetTimerTest, ASoonerTimerWakesTheThreadThatSleepsToAFarOne) {
     const long far = handler->SetTimer(3600000000);
-    const int thread = sleepingTimerThread();
+    sleepingTimerThread();
     handler->SetTimer(3000);
     EXPECT_EVENTUALLY(life->timeouts == 1);
     handler->DestroyTimer(far);
