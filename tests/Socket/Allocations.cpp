@@ -1,3 +1,4 @@
+// Allocations: operator new of this test program.
 #include "Socket/Allocations.h"
 
 #include <cstdlib>

@@ -1,3 +1,4 @@
+// CloseCount: every close in the library moves the counter of its number.
 #include "Socket/CloseCount.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// CGetHostByName: which questions reach the name service, and what becomes of the answers.
 #include "Socket/GetHostByName.h"
 
 #include <arpa/inet.h>

@@ -1,3 +1,4 @@
+// IpLiteral: numeric texts, with and without scope.
 #include "Socket/IpLiteral.h"
 
 #include <arpa/inet.h>

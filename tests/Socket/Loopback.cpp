@@ -1,3 +1,4 @@
+// Loopback: helpers of the socket tests.
 #include "Socket/Loopback.h"
 
 #include <fcntl.h>

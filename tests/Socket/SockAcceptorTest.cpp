@@ -1,3 +1,4 @@
+// CSockAcceptor: listening, accepting, peers of both families, running out of descriptors.
 #include <Reticor/SockAcceptor.h>
 
 #include <netinet/in.h>

@@ -1,3 +1,4 @@
+// CSockAddrIPv4: texts, records, validity and equality.
 #include <Reticor/SockAddrIPv4.h>
 
 #include <arpa/inet.h>

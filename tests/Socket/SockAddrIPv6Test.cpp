@@ -1,3 +1,4 @@
+// CSockAddrIPv6: texts with scopes, mapped addresses, validity and equality.
 #include <Reticor/SockAddrIPv6.h>
 
 #include <arpa/inet.h>

@@ -1,3 +1,4 @@
+// SockAddrRecord: which family a socket is opened in.
 #include "Socket/SockAddrRecord.h"
 
 #include <netinet/in.h>

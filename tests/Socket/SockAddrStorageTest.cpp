@@ -1,3 +1,4 @@
+// CSockAddrStorage: either family, with the text it was given.
 #include <Reticor/SockAddrStorage.h>
 
 #include <arpa/inet.h>

@@ -1,3 +1,4 @@
+// CSockAddr: type codes, copying through the base, reserved ports.
 #include <Reticor/SockAddr.h>
 
 #include <netinet/in.h>

@@ -1,3 +1,4 @@
+// SockError: texts of errors, and errno on its way to the caller.
 #include "Socket/SockError.h"
 
 #include <netdb.h>

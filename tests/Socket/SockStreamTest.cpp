@@ -1,3 +1,4 @@
+// CSockStream: connecting, sending, receiving, options. Its waits are in SockStreamWaitTest.cpp.
 #include <Reticor/SockStream.h>
 
 #include <limits.h>

@@ -1,4 +1,4 @@
-// Send_n and Recv_n of CSockStream, which wait on their own.
+// CSockStream: Send_n and Recv_n, which wait on their own.
 #include <Reticor/SockStream.h>
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// CSock: owning, closing and handing over a handle, blocking mode, addresses.
 #include <Reticor/Sock.h>
 
 #include <fcntl.h>

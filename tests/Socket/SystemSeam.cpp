@@ -1,3 +1,4 @@
+// SystemSeam: the calls of the C library that this test program stands in front of.
 #include "Socket/SystemSeam.h"
 
 #include <arpa/inet.h>
