@@ -1,0 +1,388 @@
+// CNetThread: set-up, counting, private pools, scheduling values and teardown.
+#include <Reticor/NetThread.h>
+
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <malloc.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <Infra/Thread.h>
+#include <Reticor/R3.h>
+
+#include "Core/Message.h"
+#include "Core/ObjectId.h"
+#include "Core/PoolTable.h"
+#include "Core/Probes.h"
+#include "R3/FuncBox.h"
+#include "support/Eventually.h"
+#include "support/KernelThread.h"
+#include "support/LogCapture.h"
+#include "support/TestHandler.h"
+#include "support/ThreadFault.h"
+
+namespace Orvex::Reticor {
+namespace {
+
+using Testing::HandlerLife;
+using Testing::LogCapture;
+using Testing::TestHandler;
+
+constexpr int PRIVATE_POOLS = 63;
+
+int openDescriptors() {
+    DIR* dir = ::opendir("/proc/self/fd");
+    int count = 0;
+    while (::readdir(dir) != nullptr) {
+        ++count;
+    }
+    ::closedir(dir);
+    return count;
+}
+
+// A handler of the pool gets a message and is closed again.
+void expectPoolWorks(int pool) {
+    auto* handler = new TestHandler(pool);
+    const std::shared_ptr<HandlerLife> life = handler->life;
+    handler->Notify(handler->GetID(), 1, 0);
+    EXPECT_EVENTUALLY(life->messages == 1);
+    handler->Close();
+    EXPECT_EVENTUALLY(life->closes == 1);
+}
+
+// ---- counting ------------------------------------------------------------------------------------------
+
+TEST(NetThread, TwoCreationsNeedTwoDestructionsAndTheSecondsArgumentsHaveNoEffect) {
+    LogCapture log;
+    EXPECT_EQ(0, CNetThread::CreateThreadPool(2, false));
+    CThreadPool* const pool = PoolTable::Get(0);
+    const int workers = ThreadPoolProbe::workers(*pool);
+    EXPECT_EQ(0, CNetThread::CreateThreadPool(50, false));
+    EXPECT_EQ(pool, PoolTable::Get(0));
+    EXPECT_EQ(workers, ThreadPoolProbe::workers(*pool));
+    EXPECT_EQ(0, CNetThread::DestroyThreadPool());
+    EXPECT_EQ(pool, PoolTable::Get(0));
+    expectPoolWorks(0);
+    EXPECT_EQ(0, CNetThread::DestroyThreadPool());
+    EXPECT_EQ(nullptr, PoolTable::Get(0));
+    EXPECT_EQ(
+        1u, log.count(4, "-                 Reticor Version:Unknown, Compiled Date:.                  -\n"));
+}
+
+TEST(NetThread, ThePlainFunctionsDoTheSame) {
+    EXPECT_EQ(0, CreateThreadPool(2, 0));
+    expectPoolWorks(0);
+    EXPECT_EQ(0, SetRecvThreadPriority(5, 1, 0));
+    EXPECT_EQ(-1, SetRecvThreadPriority(64, 2, 0));
+    EXPECT_EQ(0, SetRecvThreadPriority(64, 0, 0));
+    EXPECT_EQ(0, DestroyThreadPool());
+    EXPECT_EQ(nullptr, PoolTable::Get(0));
+}
+
+TEST(NetThread, NoThreadsIsLoggedAndStillSucceeds) {
+    LogCapture log;
+    EXPECT_EQ(0, CNetThread::CreateThreadPool(0, false));
+    EXPECT_EQ(1u, log.count(2, "Invalid thread num 0, Please check it!\n")) << log.dump();
+    EXPECT_EQ(0, CNetThread::DestroyThreadPool());
+}
+
+TEST(NetThread, DestroyingBeforeAnyCreationIsLoggedAndCountsDown) {
+    LogCapture log;
+    EXPECT_EQ(-1, CNetThread::DestroyThreadPool());
+    EXPECT_EQ(1u, log.count(2, "The private pool 0 not exist! Can't close it!\n")) << log.dump();
+    EXPECT_EQ(0u, log.lines().front().start.find("[Src/Core/NetThread.cpp:"));
+    // The count is one lower now: set-up takes it to 0, the creation to 1, and one destruction does not end
+    // it.
+    EXPECT_EQ(0, CNetThread::CreateThreadPool(2, false));
+    EXPECT_EQ(0, CNetThread::CreateThreadPool(2, false));
+    EXPECT_EQ(0, CNetThread::DestroyThreadPool());
+    EXPECT_EQ(nullptr, PoolTable::Get(0));
+}
+
+TEST(NetThread, AfterAFullTeardownEverythingIsSetUpAgain) {
+    for (int round = 0; round < 3; ++round) {
+        ASSERT_EQ(0, CNetThread::CreateThreadPool(2, false));
+        expectPoolWorks(0);
+        ASSERT_EQ(0, CNetThread::DestroyThreadPool());
+        EXPECT_EQ(nullptr, PoolTable::Get(0));
+    }
+}
+
+// ---- private pools -------------------------------------------------------------------------------------
+
+TEST(NetThread, APrivatePoolSetsTheLibraryUpAndTakesItDown) {
+    const int pool = CNetThread::CreatePrivatePool(2, false);
+    EXPECT_EQ(1, pool);
+    EXPECT_NE(nullptr, PoolTable::Get(0));
+    expectPoolWorks(pool);
+    EXPECT_EQ(0, CNetThread::DestroyPrivatePool(pool));
+    EXPECT_EQ(nullptr, PoolTable::Get(pool));
+    EXPECT_EQ(nullptr, PoolTable::Get(0));
+}
+
+TEST(NetThread, APrivatePoolKeepsTheLibraryUp) {
+    ASSERT_EQ(0, CNetThread::CreateThreadPool(2, false));
+    const int pool = CNetThread::CreatePrivatePool(2, false);
+    EXPECT_EQ(0, CNetThread::DestroyThreadPool());
+    EXPECT_NE(nullptr, PoolTable::Get(0));
+    expectPoolWorks(pool);
+    expectPoolWorks(0);
+    EXPECT_EQ(0, CNetThread::DestroyPrivatePool(pool));
+    EXPECT_EQ(nullptr, PoolTable::Get(0));
+}
+
+TEST(NetThread, TheLowestEmptySlotIsTaken) {
+    ASSERT_EQ(0, CNetThread::CreateThreadPool(2, false));
+    EXPECT_EQ(1, CNetThread::CreatePrivatePool(2, false));
+    EXPECT_EQ(2, CNetThread::CreatePrivatePool(2, false));
+    EXPECT_EQ(3, CNetThread::CreatePrivatePool(2, false));
+    EXPECT_EQ(0, CNetThread::DestroyPrivatePool(2));
+    EXPECT_EQ(2, CNetThread::CreatePrivatePool(2, false));
+    for (int pool : {1, 2, 3}) {
+        EXPECT_EQ(0, CNetThread::DestroyPrivatePool(pool));
+    }
+    EXPECT_EQ(0, CNetThread::DestroyThreadPool());
+}
+
+TEST(NetThread, SixtyThreePrivatePoolsWorkAndTheSixtyFourthIsRefused) {
+    ASSERT_EQ(0, CNetThread::CreateThreadPool(2, false));
+    for (int pool = 1; pool <= PRIVATE_POOLS; ++pool) {
+        ASSERT_EQ(pool, CNetThread::CreatePrivatePool(2, false));
+    }
+    LogCapture log(2);
+    EXPECT_EQ(-1, CNetThread::CreatePrivatePool(2, false));
+    EXPECT_EQ(1u, log.count(2, "No more private pool can be created!\n")) << log.dump();
+    for (int pool = 0; pool <= PRIVATE_POOLS; ++pool) {
+        expectPoolWorks(pool);
+    }
+    for (int pool = 1; pool <= PRIVATE_POOLS; ++pool) {
+        ASSERT_EQ(0, CNetThread::DestroyPrivatePool(pool));
+    }
+    EXPECT_EQ(0, CNetThread::DestroyThreadPool());
+    EXPECT_EQ(nullptr, PoolTable::Get(0));
+}
+
+TEST(NetThread, DestroyingAPoolThatCannotBePrivateIsMinusOneWithoutALine) {
+    LogCapture log;
+    for (int index : {0, 64, -1, 1000}) {
+        EXPECT_EQ(-1, CNetThread::DestroyPrivatePool(index));
+    }
+    EXPECT_EQ(0u, log.lines().size()) << log.dump();
+}
+
+TEST(NetThread, DestroyingAnEmptySlotIsLogged) {
+    ASSERT_EQ(0, CNetThread::CreateThreadPool(2, false));
+    LogCapture log(2);
+    EXPECT_EQ(-1, CNetThread::DestroyPrivatePool(63));
+    EXPECT_EQ(1u, log.count(2, "The private pool 63 not exist! Can't close it!\n")) << log.dump();
+    EXPECT_EQ(0, CNetThread::DestroyThreadPool());
+}
+
+TEST(NetThread, HandlersOfDifferentPoolsReachEachOther) {
+    ASSERT_EQ(0, CNetThread::CreateThreadPool(2, false));
+    const int pool = CNetThread::CreatePrivatePool(2, false);
+    auto* here = new TestHandler(0);
+    auto* there = new TestHandler(pool);
+    const std::shared_ptr<HandlerLife> lives[] = {here->life, there->life};
+    there->on_message = [&](long sender, unsigned int msg, long attach) {
+        there->Notify(sender, msg, attach + 1);
+        return 0;
+    };
+    std::atomic<long> answer{0};
+    here->on_message = [&](long, unsigned int, long attach) {
+        answer = attach;
+        return 0;
+    };
+    here->Notify(there->GetID(), 1, 41);
+    EXPECT_EVENTUALLY(answer == 42);
+    here->Close();
+    there->Close();
+    EXPECT_EVENTUALLY(lives[0]->closes == 1 && lives[1]->closes == 1);
+    EXPECT_EQ(0, CNetThread::DestroyPrivatePool(pool));
+    EXPECT_EQ(0, CNetThread::DestroyThreadPool());
+}
+
+// ---- scheduling values ---------------------------------------------------------------------------------
+
+TEST(NetThread, WrongSchedulingValuesAreLoggedAndRefused) {
+    LogCapture log;
+    EXPECT_EQ(-1, CNetThread::SetThreadPriority(50, 0, 0));
+    EXPECT_EQ(1u,
+              log.count(2, "Orvex::Reticor::CNetThread::SetThreadPriority : Thread priority set error!\n"))
+        << log.dump();
+    EXPECT_EQ(-1, CNetThread::SetThreadPriority(64, 2, 0));
+    EXPECT_EQ(1u, log.count(2, "Orvex::Reticor::CNetThread::SetThreadPriority : Thread policy set error!\n"))
+        << log.dump();
+    EXPECT_EQ(-1, CNetThread::SetRecvThreadPriority(64, -1, 0));
+    EXPECT_EQ(1u,
+              log.count(2, "Orvex::Reticor::CNetThread::SetRecvThreadPriority : Thread policy set error!\n"))
+        << log.dump();
+    EXPECT_EQ(0, CNetThread::SetRecvThreadPriority(4711, 1, 0));  // the priority is taken as given
+    EXPECT_EQ(0, CNetThread::SetRecvThreadPriority(64, 0, 0));
+    for (int priority : {1, 64, 127}) {
+        EXPECT_EQ(0, CNetThread::SetThreadPriority(priority, 0, 0));
+    }
+    EXPECT_EQ(0, CNetThread::SetThreadPriority(64, 1, 0));
+    EXPECT_EQ(0, CNetThread::SetThreadPriority(64, 0, 0));
+}
+
+// The nice value of a thread of that name, field 19 of stat in proc(5).
+int niceOf(const std::string& thread_name) {
+    int thread = 0;
+    EXPECT_EVENTUALLY((thread = Testing::kernelThreadByName(thread_name)) != 0);
+    std::string stat;
+    std::getline(Testing::openTaskFile(thread, "stat"), stat);
+    std::istringstream fields(stat.substr(stat.rfind(')') + 2));
+    std::string field;
+    for (int i = 3; i <= 19; ++i) {
+        fields >> field;
+    }
+    return std::atoi(field.c_str());
+}
+
+TEST(NetThread, SchedulingValuesHoldForTheNextPoolAlone) {
+    ASSERT_EQ(0, CNetThread::CreateThreadPool(2, false));
+    ASSERT_EQ(0, CNetThread::SetThreadPriority(50, 0, 0) + 1);
+    ASSERT_EQ(0, CNetThread::SetThreadPriority(1, 0, 0));
+    ASSERT_EQ(1, CNetThread::CreatePrivatePool(2, false));
+    ASSERT_EQ(2, CNetThread::CreatePrivatePool(2, false));
+    const int usual = niceOf("Reticor2");
+    EXPECT_EVENTUALLY(niceOf("Reticor1") > usual);
+    EXPECT_EQ(niceOf("Reticor0"), usual);
+    EXPECT_EQ(0, CNetThread::DestroyPrivatePool(1));
+    EXPECT_EQ(0, CNetThread::DestroyPrivatePool(2));
+    EXPECT_EQ(0, CNetThread::DestroyThreadPool());
+}
+
+// ---- faults --------------------------------------------------------------------------------------------
+
+TEST(NetThread, WithoutTheSocketTimersThreadSetUpFailsAndCanBeTriedAgain) {
+    LogCapture log;
+    {
+        Testing::ThreadFault fault(0);
+        EXPECT_EQ(-1, CNetThread::CreateThreadPool(2, false));
+    }
+    EXPECT_EQ(1u, log.count(2, "CNetThread::check_on_init, CNetSock init environment failed!\n"))
+        << log.dump();
+    EXPECT_EQ(nullptr, PoolTable::Get(0));
+    EXPECT_EQ(0, CNetThread::CreateThreadPool(2, false));
+    expectPoolWorks(0);
+    EXPECT_EQ(0, CNetThread::DestroyThreadPool());
+}
+
+TEST(NetThread, WithoutTheTimerThreadSetUpFailsAndLeavesNoThread) {
+    LogCapture log;
+    {
+        Testing::ThreadFault fault(1);
+        EXPECT_EQ(-1, CNetThread::CreatePrivatePool(2, false));
+    }
+    EXPECT_EQ(1u, log.count(2, "CNetThread::check_on_init, CNetTimer init failed!\n")) << log.dump();
+    EXPECT_EVENTUALLY(Testing::kernelThreadCount() == 1);
+    EXPECT_EQ(0, CNetThread::CreateThreadPool(2, false));
+    expectPoolWorks(0);
+    EXPECT_EQ(0, CNetThread::DestroyThreadPool());
+}
+
+class NetThreadDeathTest : public ::testing::Test {};
+
+TEST_F(NetThreadDeathTest, AWorkerThatDestroysItsOwnPoolIsStoppedByAnAssertion) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(
+        {
+            CNetThread::CreateThreadPool(2, false);
+            auto* handler = new TestHandler;
+            handler->on_message = [](long, unsigned int, long) { return CNetThread::DestroyThreadPool(); };
+            handler->Notify(handler->GetID(), 1, 0);
+            ::sleep(60);
+        },
+        "Assertion `.*thread.*' failed");
+}
+
+TEST_F(NetThreadDeathTest, TheDebugServerNeedsThePublicPool) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(CNetThread::EnableR3(), "Assertion `sm_pub_pool_ref' failed");
+    EXPECT_DEATH(CNetThread::DisableR3(), "Assertion `sm_pub_pool_ref' failed");
+}
+
+TEST(NetThread, TheDebugServerIsSwitchedOff) {
+    ASSERT_EQ(0, CNetThread::CreateThreadPool(2, false));
+    LogCapture log;
+    EXPECT_EQ(-1, CNetThread::EnableR3());
+    EXPECT_EQ(1u, log.count(4, "R3 has been disable.\n")) << log.dump();
+    EXPECT_EQ(1u, log.count(2, "R3ServerStart failed!!\n\n")) << log.dump();
+    EXPECT_EQ(0, CNetThread::DestroyThreadPool());
+}
+
+TEST(NetThread, TheServersEndEmptiesTheCommandBox) {
+    ASSERT_NE(nullptr, g_r3_funcbox);
+    EXPECT_EQ(0, R3ServerExit());
+    EXPECT_EQ(nullptr, g_r3_funcbox);
+    EXPECT_EQ(0, R3ServerExit());
+    EXPECT_EQ(0, R3Register(reinterpret_cast<void*>(&openDescriptors), "later", nullptr));
+    ASSERT_NE(nullptr, g_r3_funcbox);
+    EXPECT_EQ(1, g_r3_funcbox->Count());
+    R3ServerExit();
+}
+
+// ---- many lives ----------------------------------------------------------------------------------------
+
+TEST(NetThread, TwoHundredLivesLeaveNoThreadNoDescriptorAndNoByteBehind) {
+    auto live = [] {
+        ASSERT_EQ(0, CNetThread::CreateThreadPool(2, false));
+        expectPoolWorks(0);
+        auto* handler = new TestHandler;
+        const std::shared_ptr<HandlerLife> life = handler->life;
+        handler->SetTimer(60000000);
+        handler->Close();
+        EXPECT_EVENTUALLY(life->closes == 1);
+        ASSERT_EQ(0, CNetThread::DestroyThreadPool());
+    };
+    for (int warm = 0; warm < 20; ++warm) {
+        live();
+    }
+    EXPECT_EVENTUALLY(Testing::kernelThreadCount() == 1);
+    const int descriptors = openDescriptors();
+    const size_t bytes = ::mallinfo2().uordblks;
+    for (int round = 0; round < 180; ++round) {
+        live();
+    }
+    EXPECT_EVENTUALLY(Testing::kernelThreadCount() == 1);
+    EXPECT_EQ(descriptors, openDescriptors());
+    // The system keeps a little per thread for reuse; a leak of one record a life would be 180 of them.
+    EXPECT_LT(::mallinfo2().uordblks, bytes + 180 * sizeof(CEvent) / 2);
+}
+
+TEST(NetThread, PoolsComeAndGoUnderLoadFromOthers) {
+    ASSERT_EQ(0, CNetThread::CreateThreadPool(2, false));
+    auto* handler = new TestHandler;
+    const std::shared_ptr<HandlerLife> life = handler->life;
+    std::atomic<bool> stop{false};
+    std::atomic<long> foreign{(-100L * 256 + 1) * 256};
+    std::thread sender([&] {
+        while (!stop) {
+            CMessage::Notify(-500, foreign, 1, 0, false);
+            CMessage::NotifySerial(-500, foreign, 1, 0, 0);
+            handler->Notify(handler->GetID(), 1, 0);
+            std::this_thread::yield();
+        }
+    });
+    for (int round = 0; round < 30; ++round) {
+        const int pool = CNetThread::CreatePrivatePool(2, false);
+        ASSERT_EQ(1, pool);
+        ASSERT_EQ(0, CNetThread::DestroyPrivatePool(pool));
+    }
+    stop = true;
+    sender.join();
+    handler->Close();
+    EXPECT_EVENTUALLY(life->closes == 1);
+    EXPECT_EQ(0, CNetThread::DestroyThreadPool());
+}
+
+}  // namespace
+}  // namespace Orvex::Reticor
