@@ -131,11 +131,11 @@ TEST(EchoServerTest, ClosesAConnectionThatHasNeverSaidAnything) {
 // There the time-out comes to handle_output_timeout: the server waits for room, and not for bytes.
 TEST(EchoServerTest, ClosesAClientThatTakesNothing) {
     ServerProgram server("echo_server", {"--idle-timeout", "300"});
+    const size_t before = server.descriptors();
     const std::string bytes = randomBytes(32 * kMiB);
     TcpClient client(server.port(), "127.0.0.1", 4096);
     ASSERT_LT(client.sendUntilStuck(bytes, scaledMs(200)), bytes.size());
-    const size_t before = server.descriptors();
-    EXPECT_EVENTUALLY(server.descriptors() == before - 1);
+    EXPECT_EVENTUALLY(server.descriptors() == before);
     client.receiveAll();
     EXPECT_TRUE(client.wasClosed());
     EXPECT_EQ(server.end(), 0);
@@ -190,6 +190,11 @@ TEST(EchoServerTest, SurvivesRunningOutOfDescriptors) {
     constexpr size_t kDescriptors = 64;
     constexpr size_t kConnections = 200;
     ServerProgram server("echo_server", {}, kDescriptors);
+    // Every way through the server is gone once before: a sanitizer checks an object's type at the first
+    // time, and needs descriptors for that.
+    const size_t before = server.descriptors();
+    EXPECT_TRUE(TcpClient(server.port()).echoes("nothing is scarce yet"));
+    EXPECT_EVENTUALLY(server.descriptors() == before);
     std::list<TcpClient> clients;
     for (size_t i = 0; i < kConnections; ++i) {
         clients.emplace_back(server.port());
