@@ -54,6 +54,10 @@ public:
     void expect(std::uint64_t count);
     // Ends the process if they are not all there within a minute, or were doubled, mixed up or out of order.
     void waitForAll();
+    // While held, every worker that takes a message stops at it, so that all that is posted is pending
+    // together.
+    void hold() { m_held = true; }
+    void release();
     // When the first message since `expect` was delivered, by nowNs().
     std::uint64_t firstNs() const { return m_firstNs.load(); }
 
@@ -72,8 +76,10 @@ private:
     std::atomic<long> m_lastValue{0};
     std::atomic<bool> m_disorder{false};
     std::atomic<std::size_t> m_incomplete{0};
+    std::atomic<bool> m_held{false};  // stored under m_mutex where somebody may wait for it
     std::mutex m_mutex;
     std::condition_variable m_complete;
+    std::condition_variable m_released;
 };
 
 // How one library posts message `value` to `receiver`, so that the board's `deliver` (or for serial posts

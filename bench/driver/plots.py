@@ -19,15 +19,15 @@ def draw(medians, titles, directory):
     if not shutil.which("gnuplot"):
         return {}
     found = {}
-    for group, name, caption, unit, categories, series, stacked in wanted(medians, titles):
+    for group, name, caption, unit, categories, series, style in wanted(medians, titles):
         if categories and series:
-            bars(directory / f"{name}.svg", caption, unit, categories, series, stacked)
+            bars(directory / f"{name}.svg", caption, unit, categories, series, style)
             found.setdefault(group, []).append((f"{name}.svg", caption))
     return found
 
 
 def wanted(medians, titles):
-    """(group, file, caption, unit, categories, {series: values}, stacked) of every plot."""
+    """(group, file, caption, unit, categories, {series: values}, style) of every plot."""
     echo = [row for row in titles if row.startswith("echo-") and "epoll" in medians[row]]
     labels = [short(row) for row in echo]
     for metric, name, caption in (("requests_per_s", "echo-requests", "Echo: requests/s, plain epoll is 1"),
@@ -35,7 +35,7 @@ def wanted(medians, titles):
                                    "Echo: server CPU per request, plain epoll is 1")):
         series = {implementation: [ratio(medians[row], implementation, metric) for row in echo]
                   for implementation in ECHO}
-        yield "echo", name, caption, "ratio", labels, series, False
+        yield "echo", name, caption, "ratio", labels, series, "clustered"
     yield syscall_plot(medians)
     yield message_plot(medians)
     yield timer_plot(medians)
@@ -56,7 +56,7 @@ def syscall_plot(medians):
     labels = [f"{NAMES[name]}\\n{row.removeprefix('syscalls-')}" for row, name in bars_of]
     series = {kind: [medians[row][name].get(kind, 0) for row, name in bars_of] for kind in KINDS}
     return ("syscalls", "syscalls", "System calls per request, with 1 and with 64 connections", "calls", labels,
-            series, True)
+            series, "stacked")
 
 
 def message_plot(medians):
@@ -64,14 +64,14 @@ def message_plot(medians):
     metrics = {"stream.ns_per_message": "stream\\ntime", "stream.cpu_ns_per_message": "stream\\nCPU",
                "serial.ns_per_message": "serial\\ntime", "serial.cpu_ns_per_message": "serial\\nCPU"}
     series = {name: [figures[name].get(metric) for metric in metrics] for name in NAMES if name in figures}
-    return "messages", "messages", "Messages: ns per message", "ns", list(metrics.values()), series, False
+    return "messages", "messages", "Messages: ns per message", "ns", list(metrics.values()), series, "clustered"
 
 
 def timer_plot(medians):
     figures = medians.get("timers", {})
     metrics = {"arm_ns": "arm", "cancel_ns": "cancel", "churn_pair_ns": "cancel and arm\\n10,000 pending"}
     series = {name: [figures[name].get(metric) for metric in metrics] for name in NAMES if name in figures}
-    return "timers", "timers", "Timers: ns per operation", "ns", list(metrics.values()), series, False
+    return "timers", "timers", "Timers: ns per operation", "ns", list(metrics.values()), series, "clustered"
 
 
 def memory_plot(medians):
@@ -79,18 +79,20 @@ def memory_plot(medians):
     uses = [f"{order}/{size}" for order in ("Lifo", "Fifo") for size in (64, 1500, 4096, 65536)]
     allocators = ["glibc", "jemalloc", "mimalloc", "reticor"]
     series = {name: [figures.get(f"{use}/{name}") for use in uses] for name in allocators} if figures else {}
-    return ("micro", "memory", "TsMalloc and TsFree: ns per block", "ns",
-            [use.replace("/", "\\n") + " B" for use in uses], series, False)
+    return ("micro", "memory", "TsMalloc and TsFree: ns per block, logarithmic", "ns",
+            [use.replace("/", "\\n") + " B" for use in uses], series, "logarithmic")
 
 
-def bars(path, caption, unit, categories, series, stacked):
-    """Clustered or stacked bars; None is a gap."""
+def bars(path, caption, unit, categories, series, style):
+    """Bars in clusters (perhaps on a logarithmic scale) or in stacks; None is a gap."""
+    stacked = style == "stacked"
     lines = [
         "set terminal svg size 960,420 font 'sans,12' background '#ffffff'",
         f"set output '{path}'",
         f"set title '{caption}'",
         f"set ylabel '{unit}'",
-        "set yrange [0:*]",
+        "set bmargin 3.5",
+        "set logscale y; set yrange [1:*]" if style == "logarithmic" else "set yrange [0:*]",
         "set grid ytics lc rgb '#dddddd'",
         "set style data histograms",
         "set style histogram " + ("rowstacked" if stacked else "clustered gap 1.5"),
@@ -104,14 +106,9 @@ def bars(path, caption, unit, categories, series, stacked):
         values = " ".join("?" if values[i] is None else f"{values[i]:.6g}" for values in series.values())
         lines.append(f'"{category}" {values}')
     lines += ["END", "set datafile missing '?'"]
-    columns = [f"$data using {i}{':xtic(1)' if i == 2 else ''} title '{escaped(NAMES.get(name, name))}' "
+    columns = [f"$data using {i}{':xtic(1)' if i == 2 else ''} title '{NAMES.get(name, name)}' noenhanced "
                f"lc rgb '{COLOURS[name]}'" for i, name in enumerate(series, 2)]
     if unit == "ratio":
         columns.append("1 with lines lc rgb '#000000' dt 2 notitle")
     lines.append("plot " + ", ".join(columns))
     subprocess.run(["gnuplot"], input="\n".join(lines) + "\n", text=True, check=True)
-
-
-def escaped(name):
-    """gnuplot takes an underscore for a subscript."""
-    return name.replace("_", "\\\\_")

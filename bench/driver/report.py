@@ -38,9 +38,9 @@ HEADINGS = {
                  "runs of their own, since counting slows what is counted."),
     "messages": ("Messages", "One producer that is no worker posts to 1000 receivers on two workers as fast as it can; "
                  "serial messages run one after the other (asio: a strand). CPU is that of the whole process. Ratios "
-                 "are to asio. Allocations are calls of malloc and its kin in a third pass over the same messages; "
-                 "TBB brings an allocator of its own, which is not seen. Burst: 100,000 messages onto a pool whose "
-                 "workers sleep, the median of the bursts."),
+                 "are to asio. Allocations are calls of malloc and its kin, in windows of 10,000 messages after one "
+                 "window was pending as a whole; TBB brings an allocator of its own, which is not seen. Burst: 100,000 "
+                 "messages onto a pool whose workers sleep, the median of the bursts."),
     "timers": ("Timers", "A million timers are armed with random delays from one to 20 hours and cancelled in random "
                "order; with 10,000 pending, a random one is cancelled and armed anew. The peers' timers are structures "
                "that the caller laid out beforehand and belong to one thread; ours are ids that any thread may arm and "
