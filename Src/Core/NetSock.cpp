@@ -342,12 +342,12 @@ int CNetSock::handle_timeout(CEvent* event, int64_t& missing_owner) {
 void CNetSock::finish(CEvent* record, int ret, int64_t missing_owner, bool slow) {
     RecordPin event = RecordPin::Enter(record);
     CThreadPool* pool = pool_of(event->m_obj_id);
-    if (event->m_event_mask & SOCK_REMOVED) {
+    while (event->m_event_mask & SOCK_REMOVED) {
         event.Leave();
         if (free_removed(record, *pool)) {
             return;
         }
-        event = RecordPin::Enter(record);
+        event = RecordPin::Enter(record);  // not removed a moment ago, but perhaps again by now
     }
     if (event->m_revents & REVENT_REMOVED) {
         ret = 0;  // removed and registered again while the handler ran
