@@ -1,3 +1,4 @@
+// The report of a failed assertion, in the words of assert(3).
 #include <Infra/Assert.h>
 
 #include <unistd.h>

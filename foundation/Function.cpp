@@ -1,3 +1,4 @@
+// What function objects of all types share: the kind last called, and the complaint about a wrong one.
 #include <Infra/Function.h>
 
 #include <cstdio>

@@ -1,3 +1,4 @@
+// Log lines: formatting, the threshold, and the way to the sink.
 #include <Infra/Log.h>
 
 #include <unistd.h>

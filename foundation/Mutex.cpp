@@ -1,3 +1,4 @@
+// CMutex and CReadWriteMutex, on futexes.
 #include <Infra/Mutex.h>
 
 #include <unistd.h>

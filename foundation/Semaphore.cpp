@@ -1,3 +1,4 @@
+// CSemaphore, on one word and a futex.
 #include <Infra/Semaphore.h>
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// CThread and CThreadLite: start, end, pause and lease.
 #include <Infra/Thread.h>
 
 #include <signal.h>

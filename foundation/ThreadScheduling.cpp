@@ -1,3 +1,4 @@
+// What a thread asks the kernel for itself: name, nice value, real-time policy.
 #include "ThreadScheduling.h"
 
 #include <pthread.h>

@@ -1,3 +1,4 @@
+// CTime: readings of the monotonic clock.
 #include <Infra/Time.h>
 
 #include <time.h>

@@ -1,3 +1,4 @@
+// BTreeModel: the plain tree. BTreeText: a tree as text, and its invariants.
 #include "Core/BTreeModel.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// CountingAllocator, in the place of the general allocator.
 #include "Core/CountingAllocator.h"
 
 #include <atomic>

@@ -1,3 +1,4 @@
+// EpollSeam: stands before the calls of epoll and keeps what was asked of the kernel.
 #include "Core/EpollSeam.h"
 
 #include <dlfcn.h>

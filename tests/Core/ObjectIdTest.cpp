@@ -1,3 +1,4 @@
+// Ids of objects: the order of issue, the ring of returned ids, generations.
 #include "Core/ObjectId.h"
 
 #include <gtest/gtest.h>

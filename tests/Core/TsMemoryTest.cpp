@@ -1,3 +1,4 @@
+// CTsMemory: size classes, tables of threads and the shared one, and what happens without memory.
 #include <Reticor/TsMemory.h>
 
 #include <gtest/gtest.h>

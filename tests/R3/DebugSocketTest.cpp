@@ -1,3 +1,4 @@
+// CDebugSocket: which steps of a socket event are traced for which flags.
 #include "R3/DebugSocket.h"
 
 #include <gtest/gtest.h>

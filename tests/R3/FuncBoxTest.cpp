@@ -1,3 +1,4 @@
+// TFuncBox: entering, finding, listing and calling debug commands.
 #include "R3/FuncBox.h"
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// R3Printf: what reaches the daemon, and what is dropped.
 #include <Reticor/R3.h>
 
 #include <gmock/gmock.h>

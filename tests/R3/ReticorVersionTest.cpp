@@ -1,3 +1,4 @@
+// The command `reticorversion`.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// The report of a failed assertion.
 #include <Infra/Assert.h>
 
 #include <gtest/gtest.h>

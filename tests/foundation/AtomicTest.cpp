@@ -1,3 +1,4 @@
+// Relaxed reads and writes of plain fields.
 #include <Infra/Atomic.h>
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// Function names in log lines, from what the compilers call them.
 #include <Infra/Log.h>
 
 #include <gtest/gtest.h>

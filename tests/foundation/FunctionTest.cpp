@@ -1,3 +1,4 @@
+// Function objects: kinds, calls, copies and the complaint about an empty one.
 #include <Infra/Function.h>
 
 #include <gtest/gtest.h>

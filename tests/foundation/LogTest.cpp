@@ -1,3 +1,4 @@
+// Log lines: levels, starts, sinks, and errno left alone.
 #include <Infra/Log.h>
 
 #include <fcntl.h>

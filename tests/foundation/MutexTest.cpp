@@ -1,3 +1,4 @@
+// CMutex: exclusion, re-entry, tryEnter, and use before main and behind exit.
 #if defined(__clang__)
 // These tests enter and leave in all the ways that the analysis is there to refuse.
 #pragma clang diagnostic ignored "-Wthread-safety-analysis"

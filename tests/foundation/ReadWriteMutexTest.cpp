@@ -1,3 +1,4 @@
+// CReadWriteMutex: readers side by side, one writer, and who goes first.
 #if defined(__clang__)
 // These tests enter and leave in all the ways that the analysis is there to refuse.
 #pragma clang diagnostic ignored "-Wthread-safety-analysis"

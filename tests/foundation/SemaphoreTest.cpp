@@ -1,3 +1,4 @@
+// CSemaphore: counts, waits, deadlines and wake-ups.
 #include <Infra/Semaphore.h>
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// The liveness lease of a thread: renewal, lapse, log line and hook.
 #include <Infra/Thread.h>
 
 #include <gtest/gtest.h>
@@ -35,7 +36,10 @@ std::vector<std::string> hookNames() {
 
 class ThreadLeaseTest : public testing::Test {
 protected:
-    ThreadLeaseTest() { CThread::setLeaseHook(&hook); }
+    ThreadLeaseTest() {
+        g_hook_names.clear();
+        CThread::setLeaseHook(&hook);
+    }
     ~ThreadLeaseTest() override {
         thread.destroyThread();
         CThread::setLeaseHook(nullptr);

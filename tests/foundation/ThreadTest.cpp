@@ -1,3 +1,4 @@
+// CThread: start, end, restart, cancellation, sleep and signals.
 #include <Infra/Thread.h>
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// CTime against the clock of the system.
 #include <Infra/Time.h>
 
 #include <gtest/gtest.h>

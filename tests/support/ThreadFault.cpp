@@ -1,3 +1,4 @@
+// Stands before pthread_create and lets it fail when a test says so.
 #include "support/ThreadFault.h"
 
 #include <dlfcn.h>
