@@ -331,7 +331,7 @@ int CNetSock::handle_timeout(CEvent* event, int64_t& missing_owner) {
     const int fd = static_cast<int>(event->m_key);
     if (reventsNow(event) & REVENT_READ_TIMEOUT) {
         handler->handle_input_timeout(fd);
-    } else {
+    } else if (reventsNow(event) & REVENT_WRITE_TIMEOUT) {
         handler->handle_output_timeout(fd);
     }
     trace_call("timeout", "end", event, handler);
