@@ -274,19 +274,37 @@ TEST_F(NetSockStatesTest, RemoveDuringATimeoutStopsItsCall) {
     EXPECT_EQ(nullptr, record());
 }
 
-// A sink that runs a step at the first line it gets. The trace of handle_netevent stands exactly between the
-// look-up of the handler and the second half.
-struct StepInTrace {
-    std::function<void()> step;
-    Infra::LogSink sink{&write, this};
+// While it lives, the first line of the trace that contains a text runs a step, on the thread that logs:
+// trace lines stand at points that a test cannot reach otherwise.
+class StepInTrace {
+public:
+    StepInTrace(const char* text, std::function<void()> step) : m_text(text), m_step(std::move(step)) {
+        CDebugSocket::socket_all = true;
+        CDebugSocket::socket_dendity = true;
+        m_level = Infra::setLogLevel(3);
+        m_before = Infra::setLogSink(&m_sink);
+    }
+    ~StepInTrace() {
+        Infra::setLogSink(m_before);
+        Infra::setLogLevel(m_level);
+        CDebugSocket::socket_all = false;
+        CDebugSocket::socket_dendity = false;
+        EXPECT_FALSE(m_step) << "the step was not made";
+    }
 
-    static void write(void* context, const Infra::LogLine&) {
-        const std::function<void()> once =
-            std::exchange(static_cast<StepInTrace*>(context)->step, std::function<void()>());
-        if (once) {
-            once();
+private:
+    static void write(void* context, const Infra::LogLine& line) {
+        StepInTrace* const self = static_cast<StepInTrace*>(context);
+        if (self->m_step && std::string(line.text).find(self->m_text) != std::string::npos) {
+            std::exchange(self->m_step, nullptr)();
         }
     }
+
+    const char* const m_text;
+    std::function<void()> m_step;
+    Infra::LogSink m_sink{&write, this};
+    int m_level = 0;
+    const Infra::LogSink* m_before = nullptr;
 };
 
 TEST_F(NetSockStatesTest, HandlerThatComesAfterTheOldOneWasNotFoundIsCalledAllTheSame) {
@@ -296,19 +314,35 @@ TEST_F(NetSockStatesTest, HandlerThatComesAfterTheOldOneWasNotFoundIsCalledAllTh
     pair.write();
     const std::vector<CEvent*> ready = rig.poll();
     ASSERT_EQ(1u, ready.size());
-
-    StepInTrace in_between{[this] { add(second, SOCK_READ); }};
-    CDebugSocket::socket_all = true;
-    const int level = Infra::setLogLevel(3);
-    const Infra::LogSink* const before = Infra::setLogSink(&in_between.sink);
-    rig.serve(ready[0]);
-    Infra::setLogSink(before);
-    Infra::setLogLevel(level);
-    CDebugSocket::socket_all = false;
-    EXPECT_FALSE(in_between.step) << "the step was made";
-
+    {
+        // The line between the look-up of the handler and the second half.
+        StepInTrace step("CNetSock::handle_netevent", [this] { add(second, SOCK_READ); });
+        rig.serve(ready[0]);
+    }
     EXPECT_EQ(1u, rig.pollAndServe());
     EXPECT_EQ(1, second->life->inputs);
+}
+
+TEST_F(NetSockStatesTest, RemoveBetweenTheTestsOfATimeoutMakesNoCallOfEitherKind) {
+    add(handler, SOCK_READ, 1000);
+    const std::vector<CEvent*> due = rig.tick(2);
+    ASSERT_EQ(1u, due.size());
+    {
+        StepInTrace step("handle sock timeout begin", [this] { handler->RemoveSock(pair.near); });
+        rig.serve(due[0]);
+    }
+    EXPECT_EQ(0, handler->life->calls());
+    EXPECT_EQ(nullptr, record());
+}
+
+TEST_F(NetSockStatesTest, RemoveBetweenTheTestsOfADeliveryMakesNoCall) {
+    CEvent* const ev = bringInFlight(SOCK_READ | SOCK_WRITE);
+    {
+        StepInTrace step("handle sock event begin", [this] { handler->RemoveSock(pair.near); });
+        rig.serve(ev);
+    }
+    EXPECT_EQ(0, handler->life->calls());
+    EXPECT_EQ(nullptr, record());
 }
 
 }  // namespace

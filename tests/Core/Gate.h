@@ -1,0 +1,42 @@
+// Gate: holds the threads that come by until the test opens it.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+
+#include "support/Eventually.h"
+
+namespace Orvex::Testing {
+
+class Gate {
+public:
+    // Waits here until the gate is open.
+    void pass() {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        ++m_arrived;
+        m_changed.notify_all();
+        m_changed.wait(lock, [this] { return m_open; });
+    }
+
+    // Waits until so many threads have come by, or the deadline is over.
+    bool awaitArrivals(int count) {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        return m_changed.wait_for(lock, std::chrono::milliseconds(scaledMs(10000)),
+                                  [&] { return m_arrived >= count; });
+    }
+
+    void open() {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_open = true;
+        m_changed.notify_all();
+    }
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    int m_arrived = 0;
+    bool m_open = false;
+};
+
+}  // namespace Orvex::Testing
