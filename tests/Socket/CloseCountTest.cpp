@@ -35,8 +35,10 @@ TEST(CloseCount, ClosingRaisesTheCountOfThatNumberOnly) {
 TEST(CloseCount, NumbersShareCountersModuloTheTable) {
     const int handle = newHandle();
     const std::uint32_t before = closeCount(handle + 4096);
+    const std::uint32_t other = closeCount(handle + 2048);
     closeCounted(handle);
     EXPECT_EQ(closeCount(handle + 4096), before + 1);
+    EXPECT_EQ(closeCount(handle + 2048), other);
 }
 
 TEST(CloseCount, DeadNumbersAreReportedAndHarmless) {

@@ -211,6 +211,7 @@ TEST(SockStreamSendN, UrgentDataIsAnException) {
     ASSERT_EQ(::send(pair.server.GetHandle(), "!", 1, MSG_OOB), 1);
     ASSERT_TRUE(waitFor(pair.client.GetHandle(), POLLPRI));
     const LogCapture log;
+    EXPECT_EQ(pair.client.Send_n("x", 1, 0), 0) << "without waiting nobody looks";
     EXPECT_EQ(pair.client.Send_n("x", 1, a_minute_us), -1);
     EXPECT_THAT(texts(log),
                 ElementsAre("2 Orvex::Reticor::CSockStream::Send_n : Send_n error, socket exception!\n"));
