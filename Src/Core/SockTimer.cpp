@@ -18,7 +18,12 @@ int CSockTimer::Start() {
     m_thread =
         new Infra::CThreadLite(Infra::TFunction1<void, Infra::CThreadLite&>(&CSockTimer::thread_proc, this),
                                "Sock_Timer_Thread", 64, 0, 0);
-    return m_thread->createThread() ? 0 : -1;
+    if (m_thread->createThread()) {
+        return 0;
+    }
+    delete m_thread;
+    m_thread = nullptr;
+    return -1;
 }
 
 void CSockTimer::Stop() {
