@@ -378,16 +378,18 @@ void Load::printRow() {
     const uint64_t processor = processorTime(m_options.pid);
     const uint64_t used = processor > m_rowProcessor ? processor - m_rowProcessor : 0;
     m_processor += used;
-    char cpu[32] = "-";
-    if (m_options.pid != 0 && m_row.total() > 0) {
-        std::snprintf(cpu, sizeof cpu, "%.2f",
-                      static_cast<double>(used) / 1000 / static_cast<double>(m_row.total()));
+    if (seconds > 0.2) {  // what is shorter tells nothing
+        char cpu[32] = "-";
+        if (m_options.pid != 0 && m_row.total() > 0) {
+            std::snprintf(cpu, sizeof cpu, "%.2f",
+                          static_cast<double>(used) / 1000 / static_cast<double>(m_row.total()));
+        }
+        std::printf("%5.1fs %12zu %12.0f %10.0f %10.0f %10.0f %10.0f %12s\n",
+                    static_cast<double>(time - m_begin) / kSecond, m_connected,
+                    static_cast<double>(m_row.total()) / seconds, m_row.percentile(0.5),
+                    m_row.percentile(0.99), m_row.percentile(0.999), m_row.max(), cpu);
+        std::fflush(stdout);
     }
-    std::printf("%5.1fs %12zu %12.0f %10.0f %10.0f %10.0f %10.0f %12s\n",
-                static_cast<double>(time - m_begin) / kSecond, m_connected,
-                static_cast<double>(m_row.total()) / seconds, m_row.percentile(0.5), m_row.percentile(0.99),
-                m_row.percentile(0.999), m_row.max(), cpu);
-    std::fflush(stdout);
     m_row = Histogram();
     m_rowBegin = time;
     m_rowProcessor = processor;

@@ -93,6 +93,7 @@ ChildProcess::~ChildProcess() {
 bool ChildProcess::fill(int limit_ms) {
     pollfd ready{m_output, POLLIN, 0};
     if (poll(&ready, 1, limit_ms) <= 0) {
+        m_closed = true;
         ADD_FAILURE() << "the program printed nothing for " << limit_ms
                       << " ms, after: " << m_read.substr(0, 1000);
         return false;
@@ -102,6 +103,7 @@ bool ChildProcess::fill(int limit_ms) {
     if (got > 0) {
         m_read.append(room, static_cast<size_t>(got));
     }
+    m_closed = got == 0;
     return got > 0;
 }
 

@@ -27,6 +27,9 @@ public:
     /// The next line of its output, without the line end; what is left if the output ends.
     std::string readLine();
 
+    /// Whether a read has come to the end of its output, or given up.
+    bool hasEnded() const { return m_closed; }
+
     /// Writes `input`, closes the program's input, and returns all that it still prints. Takes no output, if
     /// `slowly`, before the program has stopped to take input, and then little at a time.
     std::string exchange(const std::string& input, bool slowly = false);
@@ -54,6 +57,7 @@ private:
     int m_input = -1;
     int m_output = -1;
     std::string m_read;  // and not yet returned
+    bool m_closed = false;
     bool m_ended = false;
     int m_result = 0;
 };
