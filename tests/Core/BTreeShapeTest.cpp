@@ -140,6 +140,13 @@ TEST(BTreeShape, DuplicateOfAnInnerKeyGoesIntoTheChildBehindIt) {
     EXPECT_EQ(tree.shape(), "((1 2 3) 4 (4 5 6 7 8))");
 }
 
+TEST(BTreeShape, DuplicateOfTheMedianGoesIntoTheUpperHalf) {
+    PlainTree tree(8);
+    tree.insertAll(ascending(1, 7));
+    tree.insert(4);
+    EXPECT_EQ(tree.shape(), "((1 2 3) 4 (4 5 6 7))");
+}
+
 TEST(BTreeShape, AscendingInDescendingOutLeavesAnEmptyLeaf) {
     for (const int order : {4, 6, 8}) {
         PlainTree tree(order);
@@ -440,8 +447,10 @@ TEST(BTreeMemory, RemovalNeedsNone) {
 }
 
 TEST(BTreeMemory, InsertionWithoutMemoryIsRefusedAndLeavesASoundTree) {
+    const long at_first = CountingAllocator::blocksInUse();
     for (const long grace : {0L, 1L, 2L, 3L}) {
         for (int64_t size = 0; size < 60; ++size) {
+            ASSERT_EQ(CountingAllocator::blocksInUse(), at_first) << "before size " << size;
             PlainTree tree(4);
             tree.insertAll(ascending(1, size));
             const long before = CountingAllocator::blocksInUse();

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <utility>
 
 #include "Core/GeneralAllocator.h"
 
@@ -13,6 +14,8 @@ std::atomic<long> s_freed{0};
 std::atomic<std::size_t> s_last_size{0};
 std::atomic<bool> s_no_memory{false};
 std::atomic<long> s_grace{0};
+std::atomic<long> s_until_step{-1};  // Allocations that pass before the step; below 0 there is none.
+std::function<void()>* s_step = nullptr;
 
 }  // namespace
 
@@ -20,6 +23,9 @@ namespace Orvex::Reticor {
 
 void* generalAllocate(std::size_t size) noexcept {
     s_last_size = size;
+    if (s_until_step >= 0 && s_until_step-- == 0) {
+        (*s_step)();
+    }
     if (s_no_memory && --s_grace < 0) {
         return nullptr;
     }
@@ -48,6 +54,12 @@ long CountingAllocator::blocksFreed() {
 
 std::size_t CountingAllocator::lastSize() {
     return s_last_size;
+}
+
+void CountingAllocator::runAtAllocation(long grace, std::function<void()> step) {
+    delete s_step;
+    s_step = new std::function<void()>(std::move(step));
+    s_until_step = grace;
 }
 
 CountingAllocator::NoMemory::NoMemory(long grace) {

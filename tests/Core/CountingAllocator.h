@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 
 namespace Orvex::Testing {
 
@@ -23,6 +24,9 @@ struct CountingAllocator {
         NoMemory(const NoMemory&) = delete;
         NoMemory& operator=(const NoMemory&) = delete;
     };
+
+    /// Runs `step` once inside one of the next allocations, after `grace` others have passed.
+    static void runAtAllocation(long grace, std::function<void()> step);
 };
 
 }  // namespace Orvex::Testing

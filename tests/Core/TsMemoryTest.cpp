@@ -10,6 +10,8 @@
 #include <vector>
 
 #include "Core/CountingAllocator.h"
+#include "support/Eventually.h"
+#include "support/KernelThread.h"
 #include "support/SeededRandom.h"
 
 namespace Orvex::Reticor {
@@ -21,6 +23,7 @@ struct TsMemoryProbe {
         Infra::CGuard guard(CTsMemory::m_key_mutex);
         return CTsMemory::mem_pool_key;
     }
+    static Infra::CMutex& poolMutex() { return CTsMemory::m_pool_mutex; }
     static mem_head* shared() { return CTsMemory::m_mem_pool; }
     static const mem_head& classAt(int index) { return CTsMemory::m_mem_template[index]; }
 };
@@ -508,6 +511,28 @@ TEST_F(TsMemory, WorkersThatStartTogetherShareOneTableAndLoseNone) {
     }
 }
 
+TEST_F(TsMemory, WorkerThatComesSecondWithTheSharedTableGivesItsOwnBack) {
+    CTsMemory::DestroyMemPool();
+    const long before = CountingAllocator::blocksInUse();
+    mem_head* of_the_first = nullptr;
+    std::thread second([&of_the_first] {
+        // Its own table is the first allocation. The shared one is the second, and somebody is quicker.
+        CountingAllocator::runAtAllocation(1, [&of_the_first] {
+            onPlainThread([] {
+                CTsMemory::CreateMemPool();
+                CTsMemory::DestroyThreadMemPool();
+            });
+            of_the_first = TsMemoryProbe::shared();
+        });
+        CTsMemory::CreateMemPool();
+        CTsMemory::DestroyThreadMemPool();
+    });
+    second.join();
+    EXPECT_NE(of_the_first, nullptr);
+    EXPECT_EQ(TsMemoryProbe::shared(), of_the_first);
+    EXPECT_EQ(CountingAllocator::blocksInUse(), before + 1);
+}
+
 TEST_F(TsMemory, ThreadsExchangeBlocksThroughTheSharedTable) {
     std::vector<std::thread> threads;
     std::atomic<void*> mailbox{nullptr};
@@ -543,6 +568,25 @@ TEST_F(TsMemory, SharedTableMayGoWhileOthersUseIt) {
     }
     stop = true;
     user.join();
+}
+
+TEST_F(TsMemory, ThreadThatWaitedForTheSharedTableSeesThatItHasGone) {
+    CTsMemory::Free(CTsMemory::Malloc(64));
+    std::atomic<int> thread_id{0};
+    std::thread other;
+    {
+        Orvex::Infra::CGuard guard(TsMemoryProbe::poolMutex());
+        other = std::thread([&thread_id] {
+            thread_id = Orvex::Testing::kernelThreadId();
+            void* block = CTsMemory::Malloc(64);
+            EXPECT_EQ(headerOf(block).index, 7);
+            std::memset(block, 1, 64);
+            CTsMemory::Free(block);
+        });
+        EXPECT_EVENTUALLY(thread_id != 0 && Orvex::Testing::sleepsInFutex(thread_id));
+        CTsMemory::DestroyMemPool();
+    }
+    other.join();
 }
 
 TEST_F(TsMemory, ObjectsOfTheClassHoldNothing) {
