@@ -6,6 +6,7 @@
 #include <atomic>
 #include <thread>
 
+#include "Core/FastClock.h"
 #include "Core/Probes.h"
 #include "Core/SocketPair.h"
 #include "support/PoolFixture.h"
@@ -15,26 +16,6 @@ namespace Orvex::Testing {
 namespace {
 
 using namespace Reticor;
-
-// Runs the clock of the socket timer as fast as the processor allows, beside the timer's own thread.
-class FastClock {
-public:
-    FastClock()
-        : m_thread([this] {
-              while (!m_stop) {
-                  SockTimerProbe::pass(sockTimer());
-                  std::this_thread::yield();
-              }
-          }) {}
-    ~FastClock() {
-        m_stop = true;
-        m_thread.join();
-    }
-
-private:
-    std::atomic<bool> m_stop{false};
-    std::thread m_thread;
-};
 
 // One socket, two handlers that read it empty, and what they saw.
 class Contested {
