@@ -26,6 +26,11 @@ public:
                                   [&] { return m_arrived >= count; });
     }
 
+    int arrived() const {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return m_arrived;
+    }
+
     void open() {
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_open = true;
@@ -33,7 +38,7 @@ public:
     }
 
 private:
-    std::mutex m_mutex;
+    mutable std::mutex m_mutex;
     std::condition_variable m_changed;
     int m_arrived = 0;
     bool m_open = false;

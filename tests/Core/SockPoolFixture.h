@@ -48,7 +48,7 @@ protected:
     }
     void TearDown() override {
         handler->RemoveSock(pair.near);
-        EXPECT_EVENTUALLY(ThreadPoolProbe::sockets(pool()).empty());
+        EXPECT_EVENTUALLY(Reticor::ThreadPoolProbe::sockets(pool()).empty());
         EXPECT_TRUE(Reticor::SockTimerProbe::listed(Reticor::sockTimer()).empty());
         closeAndWait(handler);
         PoolFixture::TearDown();
@@ -60,8 +60,6 @@ protected:
     void add(unsigned int mask, int time_out_us = 0) {
         ASSERT_EQ(0, handler->RegisterSock(pair.near, mask, time_out_us));
     }
-
-    using ThreadPoolProbe = Reticor::ThreadPoolProbe;
 
     SocketPair pair;
     TestHandler* handler = nullptr;

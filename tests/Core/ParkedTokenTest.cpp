@@ -1,0 +1,265 @@
+// The poll token that its holder parks while it serves a record: who else is served meanwhile, and that an
+// idle pool sleeps.
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <thread>
+
+#include "Core/SockPoolFixture.h"
+#include "support/KernelThread.h"
+
+namespace Orvex::Testing {
+namespace {
+
+using namespace Reticor;
+
+// Echoes on `pair`, and blocks in the call once it was told to and the token is parked over it.
+class ParkedTokenTest : public SockPoolFixture {
+protected:
+    // One to block, one to poll, and somebody to serve messages and timers.
+    ParkedTokenTest() { workers = 4; }
+
+    void SetUp() override {
+        SockPoolFixture::SetUp();
+        handler->on_input = [this](int fd) {
+            SocketPair::drain(fd);
+            if (block && WorkQueueProbe::parked(pool().m_event) != nullptr) {
+                gate.pass();
+            }
+            EXPECT_EQ(1, ::send(fd, "y", 1, MSG_NOSIGNAL));
+            return 0;
+        };
+        add(SOCK_READ);
+    }
+
+    // One request and its answer, as a client sees it.
+    void request() {
+        pair.write();
+        awaitAnswer();
+    }
+    void awaitAnswer() { EXPECT_EVENTUALLY(SocketPair::drain(pair.far.GetHandle()) > 0); }
+
+    // Requests until the handler blocks with the token parked over its call.
+    bool blockOnceParked() {
+        block = true;
+        return eventually([this] {
+            pair.write();
+            while (SocketPair::drain(pair.far.GetHandle()) == 0) {
+                if (gate.arrived() > 0) {
+                    return true;
+                }
+                std::this_thread::yield();
+            }
+            return false;
+        });
+    }
+
+    static uint64_t parkings() { return WorkQueueProbe::parkings(pool().m_event); }
+
+    std::atomic<bool> block{false};
+    Gate gate;
+};
+
+TEST_F(ParkedTokenTest, OneRequestAtATimeIsServedOverAParkedToken) {
+    const uint64_t before = parkings();
+    EXPECT_EVENTUALLY([&] {
+        request();
+        return parkings() > before + 20;
+    }());
+}
+
+TEST_F(ParkedTokenTest, HandlerThatBlocksOverAParkedTokenDoesNotStopOtherSockets) {
+    SocketPair others[2];
+    for (SocketPair& other : others) {
+        ASSERT_EQ(0, handler->RegisterSock(other.near, SOCK_READ, 0));
+    }
+    ASSERT_TRUE(blockOnceParked());
+    block = false;
+    for (int i = 0; i < 20; ++i) {
+        for (SocketPair& other : others) {
+            other.write();
+            ASSERT_EVENTUALLY(SocketPair::drain(other.far.GetHandle()) > 0);
+        }
+    }
+    EXPECT_NE(ThreadPoolProbe::pollToken(pool()), WorkQueueProbe::parked(pool().m_event));
+    gate.open();
+    awaitAnswer();
+    request();
+    for (SocketPair& other : others) {
+        handler->RemoveSock(other.near);
+    }
+}
+
+TEST_F(ParkedTokenTest, MessagesAndTimersAreServedBehindAParkedTokenWhoseHolderBlocks) {
+    ASSERT_TRUE(blockOnceParked());
+    handler->Notify(handler->GetID(), 1, 0);
+    handler->SetTimer(3000);
+    EXPECT_EVENTUALLY(handler->life->messages == 1);
+    EXPECT_EVENTUALLY(handler->life->timeouts == 1);
+    EXPECT_EQ(nullptr, WorkQueueProbe::parked(pool().m_event)) << "a push takes the token along";
+    gate.open();
+    awaitAnswer();
+    block = false;
+    request();
+}
+
+TEST_F(ParkedTokenTest, RecordWhoseCallsTakeLongIsNotParkedOn) {
+    handler->on_input = [](int fd) {
+        SocketPair::drain(fd);
+        Infra::CThread::sleep(1);
+        EXPECT_EQ(1, ::send(fd, "y", 1, MSG_NOSIGNAL));
+        return 0;
+    };
+    const uint64_t before = parkings();
+    for (int i = 0; i < 50; ++i) {
+        request();
+    }
+    EXPECT_LE(parkings() - before, 1u) << "only the first surprise";
+}
+
+std::vector<int> workerThreads() {
+    std::vector<int> found;
+    DIR* const tasks = ::opendir("/proc/self/task");
+    while (const dirent* const entry = ::readdir(tasks)) {
+        const int id = std::atoi(entry->d_name);
+        if (id > 0 && kernelThreadName(id) == "Reticor0") {
+            found.push_back(id);
+        }
+    }
+    ::closedir(tasks);
+    return found;
+}
+
+long sleepsOf(const std::vector<int>& threads) {
+    long sum = 0;
+    for (const int id : threads) {
+        sum += voluntarySleeps(id);
+    }
+    return sum;
+}
+
+TEST_F(ParkedTokenTest, IdlePoolMakesNoWakeUps) {
+    for (int i = 0; i < 50; ++i) {
+        request();
+    }
+    const std::vector<int> workers_now = workerThreads();
+    ASSERT_EQ(ThreadPoolProbe::workers(pool()), static_cast<int>(workers_now.size()));
+    EXPECT_EVENTUALLY(!WorkQueueProbe::guarded(pool().m_event));
+    const long before = sleepsOf(workers_now);
+    Infra::CThread::sleep(300);
+    // A heartbeat may come by. A guard that stayed would wake three hundred times.
+    EXPECT_LE(sleepsOf(workers_now) - before, 15);
+    const uint64_t parkings_before = parkings();
+    request();
+    EXPECT_LE(parkings() - parkings_before, 1u) << "the first event after that finds a pool that works";
+}
+
+TEST_F(ParkedTokenTest, TokenIsAlwaysSomewhereUnderMixedLoad) {
+    SocketPair others[4];
+    for (SocketPair& other : others) {
+        ASSERT_EQ(0, handler->RegisterSock(other.near, SOCK_READ, 0));
+    }
+    std::atomic<bool> stop{false};
+    std::thread messages([&] {
+        while (!stop) {
+            handler->Notify(handler->GetID(), 1, 0);
+            std::this_thread::yield();
+        }
+    });
+    for (int i = 0; i < 2000; ++i) {
+        SocketPair& one = others[i % 4];
+        one.write();
+        ASSERT_EVENTUALLY(SocketPair::drain(one.far.GetHandle()) > 0);
+    }
+    stop = true;
+    messages.join();
+    for (SocketPair& other : others) {
+        handler->RemoveSock(other.near);
+    }
+}
+
+// ---- the end of a pool -----------------------------------------------------------------------------------
+
+class ParkedTokenEndTest : public PoolFixture {
+protected:
+    static CThreadPool& poolAt(int index) { return *PoolTable::Get(index); }
+};
+
+TEST_F(ParkedTokenEndTest, PoolEndsWhileAHandlerBlocksOverAParkedToken) {
+    for (int round = 0; round < 5; ++round) {
+        const int index = CNetThread::CreatePrivatePool(2, false);
+        ASSERT_GT(index, 0);
+        TestHandler* const handler = new TestHandler(index);
+        SocketPair pair;
+        Gate gate;
+        handler->on_input = [&](int fd) {
+            SocketPair::drain(fd);
+            if (WorkQueueProbe::parked(poolAt(index).m_event) != nullptr) {
+                handler->RemoveSock(pair.near);
+                gate.pass();
+            }
+            return 0;
+        };
+        ASSERT_EQ(0, handler->RegisterSock(pair.near, SOCK_READ, 0));
+        ASSERT_EVENTUALLY([&] {
+            pair.poke();
+            return gate.arrived() > 0;
+        }());
+        const std::shared_ptr<HandlerLife> life = handler->life;
+        const long id = handler->GetID();
+        handler->Close();
+        EXPECT_EVENTUALLY(!PoolTable::FindHandler(id));
+        std::atomic<int> thread_id{0};
+        std::thread destroyer([&] {
+            thread_id = kernelThreadId();
+            EXPECT_EQ(0, CNetThread::DestroyPrivatePool(index));
+        });
+        EXPECT_EVENTUALLY(thread_id != 0 && sleepsInFutex(thread_id));
+        EXPECT_EQ(0, life->closes);
+        gate.open();
+        destroyer.join();
+        EXPECT_EQ(1, life->closes);
+    }
+}
+
+TEST_F(ParkedTokenEndTest, PoolOfManyWorkersEndsInTheMiddleOfTraffic) {
+    for (int round = 0; round < 30; ++round) {
+        const int index = CNetThread::CreatePrivatePool(8, false);
+        ASSERT_GT(index, 0);
+        SocketPair pairs[4];
+        TestHandler* const handler = new TestHandler(index);
+        const std::shared_ptr<HandlerLife> life = handler->life;
+        handler->on_input = [](int fd) {
+            SocketPair::drain(fd);
+            return 0;
+        };
+        for (SocketPair& pair : pairs) {
+            ASSERT_EQ(0, handler->RegisterSock(pair.near, SOCK_READ, 1000000));
+        }
+        std::thread traffic([&] {
+            for (int i = 0; i < 50 * round; ++i) {
+                pairs[i % 4].poke();
+            }
+        });
+        for (SocketPair& pair : pairs) {
+            handler->RemoveSock(pair.near);
+            handler->RegisterSock(pair.near, SOCK_READ, 0);
+        }
+        handler->AddRef();
+        EXPECT_EQ(0, CNetThread::DestroyPrivatePool(index));
+        traffic.join();
+        for (int i = 0; i < 4; ++i) {
+            handler->DecSock();
+        }
+        handler->Close();
+        handler->DecRef();
+        handler->DecRef();  // the pool's own, which went without a word
+        EXPECT_EQ(1, life->closes);
+    }
+}
+
+}  // namespace
+}  // namespace Orvex::Testing
