@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <string>
@@ -23,6 +24,8 @@ namespace Orvex::Infra {
 namespace {
 
 using namespace Testing;
+
+thread_local volatile char t_large_thread_data[256 * 1024];
 
 // What a library thread with these values finds about itself.
 struct Found {
@@ -177,6 +180,9 @@ TEST(ThreadSchedulingTest, InvalidStackSizeFallsBackToTheDefault) {
     const std::size_t usual = lookFrom("Default").stack;
     EXPECT_EQ(usual, lookFrom("One", 64, 0, 1).stack);
     EXPECT_EQ(usual, lookFrom("Negative", 64, 0, -4096).stack);
+    // Large enough for the attribute, but not for this program's thread-local data.
+    t_large_thread_data[0] = 1;
+    EXPECT_TRUE(lookFrom("Smallest", 64, 0, static_cast<int>(PTHREAD_STACK_MIN)).ran);
 }
 
 // The address space really runs out here, so that the system itself refuses.
@@ -187,13 +193,8 @@ TEST(ThreadSchedulingTest, StackThatFindsNoRoomFailsTheStartAndALaterOneSucceeds
     CThreadLite thread({&Found::look, &found}, "Large", 64, 0, STACK);
     rlimit before{};
     ASSERT_EQ(0, ::getrlimit(RLIMIT_AS, &before));
-    unsigned long long pages = 0;
-    FILE* const sizes = std::fopen("/proc/self/statm", "r");
-    ASSERT_NE(nullptr, sizes);
-    ASSERT_EQ(1, std::fscanf(sizes, "%llu", &pages));
-    std::fclose(sizes);
     rlimit tight = before;
-    tight.rlim_cur = pages * static_cast<unsigned long long>(::getpagesize()) + STACK / 2;
+    tight.rlim_cur = static_cast<rlim_t>(addressSpace()) + STACK / 2;
     ASSERT_EQ(0, ::setrlimit(RLIMIT_AS, &tight));
     EXPECT_FALSE(thread.createThread());
     ASSERT_EQ(0, ::setrlimit(RLIMIT_AS, &before));

@@ -165,15 +165,20 @@ TEST(ThreadTest, CanBeStartedAgainAfterEachWayToEnd) {
     EXPECT_EVENTUALLY(kernelThreadCount() == at_rest);
 }
 
+// A run that is not joined keeps its stack, 8 MiB of address space as a rule.
 TEST(ThreadTest, StartAfterANaturalEndJoinsTheEarlierRun) {
     const int at_rest = threadsAtRest();
     Body body;
     CThreadLite thread(once(body), "Once");
-    for (int run = 1; run <= 50; ++run) {
+    constexpr int RUNS = 100;
+    constexpr long ALLOWED_GROWTH = 300L * 1024 * 1024;
+    const long size_before = addressSpace();
+    for (int run = 1; run <= RUNS; ++run) {
         ASSERT_TRUE(thread.createThread());
         ASSERT_EVENTUALLY(thread.isThreadOver());
         EXPECT_EQ(run, body.ends);
     }
+    EXPECT_LT(addressSpace() - size_before, ALLOWED_GROWTH);
     thread.destroyThread();
     EXPECT_EVENTUALLY(kernelThreadCount() == at_rest);
 }
@@ -200,6 +205,17 @@ TEST(ThreadTest, DeletionJoinsARunningThreadAndOneThatIsOver) {
     ASSERT_EVENTUALLY(thread->isThreadOver());
     thread.reset();
     EXPECT_EVENTUALLY(kernelThreadCount() == at_rest);
+}
+
+// The thread's first step may come when the deletion is under way: the whole object must still be there.
+TEST(ThreadTest, CanBeDeletedRightAfterItsStart) {
+    for (int round = 0; round < 300; ++round) {
+        Body body;
+        auto thread = std::make_unique<CThreadLite>(looping(body), "Runner");
+        ASSERT_TRUE(thread->createThread());
+        thread.reset();
+        ASSERT_EQ(1, body.ends);
+    }
 }
 
 // The owner may delete the object as soon as it is over: the thread must not touch it after saying so. ASan

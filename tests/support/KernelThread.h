@@ -75,4 +75,11 @@ inline int kernelThreadCount() {
     return count;
 }
 
+// Bytes of address space that this process has mapped.
+inline long addressSpace() {
+    long pages = 0;
+    std::ifstream("/proc/self/statm") >> pages;
+    return pages * ::sysconf(_SC_PAGESIZE);
+}
+
 }  // namespace Orvex::Testing

@@ -1,8 +1,9 @@
 // CSemaphore: a counting semaphore that costs no system call while nobody waits.
 //
 // Any thread may post and pend. Like the locks it can be a static object: constant-initialised, trivially
-// destroyed. It allocates nothing and does not change errno. Never destroy it while a thread waits in it; a
-// post whose count was already taken may still be returning.
+// destroyed. It allocates nothing and does not change errno. Never destroy it while a thread waits in it; but
+// whoever took the last count may destroy it at once, even if the thread that posted it has not yet returned
+// from post().
 #pragma once
 
 #include <atomic>
