@@ -45,31 +45,42 @@ constexpr int classOf(unsigned int size) {
     return static_cast<int>(last / 16384) + LARGE_BASE;
 }
 
-/// Where in a table the heads of the small classes stand, in bytes, for every 4 bytes of size. Their limits
-/// are all multiples of 4.
-struct SmallHeads {
-    uint16_t m_offset[SMALL_LIMIT / 4];
+/// Where in a table the head for a size stands, in bytes: by every 4 bytes of the small sizes and by every
+/// 4096 of the others. The limits of all classes are multiples of those.
+struct HeadOffsets {
+    uint16_t m_small[SMALL_LIMIT / 4];
+    uint16_t m_large[LARGEST / 4096];
 };
 
-constexpr SmallHeads makeSmallHeads() {
-    SmallHeads heads{};
-    for (unsigned int i = 0; i < SMALL_LIMIT / 4; ++i) {
-        heads.m_offset[i] =
-            static_cast<uint16_t>(static_cast<std::size_t>(classOf(i * 4 + 1)) * sizeof(mem_head));
-    }
-    return heads;
+constexpr uint16_t offsetFor(unsigned int size) {
+    return static_cast<uint16_t>(static_cast<std::size_t>(classOf(size)) * sizeof(mem_head));
 }
 
-constexpr SmallHeads s_small_heads = makeSmallHeads();
+constexpr HeadOffsets makeHeadOffsets() {
+    HeadOffsets offsets{};
+    for (unsigned int i = 0; i < SMALL_LIMIT / 4; ++i) {
+        offsets.m_small[i] = offsetFor((i + 1) * 4);
+    }
+    for (unsigned int i = 0; i < LARGEST / 4096; ++i) {
+        offsets.m_large[i] = offsetFor((i + 1) * 4096);
+    }
+    return offsets;
+}
+
+constexpr HeadOffsets s_head_offsets = makeHeadOffsets();
 
 /// The head in `classes` for `size`. Null for 0 and for what is above LARGEST.
 inline mem_head* headFor(mem_head* classes, unsigned int size) {
     const unsigned int last = size - 1;  // 0 wraps round to the largest number.
+    unsigned int offset = 0;
     if (__builtin_expect(last < SMALL_LIMIT, 1)) {
-        char* first = reinterpret_cast<char*>(classes);
-        return reinterpret_cast<mem_head*>(first + s_small_heads.m_offset[last / 4]);
+        offset = s_head_offsets.m_small[last / 4];
+    } else if (last < LARGEST) {
+        offset = s_head_offsets.m_large[last / 4096];
+    } else {
+        return nullptr;
     }
-    return last < LARGEST ? classes + classOf(size) : nullptr;
+    return reinterpret_cast<mem_head*>(reinterpret_cast<char*>(classes) + offset);
 }
 
 // A table in use has one more head in front of its classes, at the index NO_CLASS. That head keeps nothing,
