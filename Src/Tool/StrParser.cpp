@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cassert>
-#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
@@ -13,10 +12,6 @@
 namespace Orvex::Reticor {
 
 namespace {
-
-void* allocate_block(void* old, size_t size) {
-    return old != nullptr ? realloc(old, size) : calloc(1, size);
-}
 
 int compare_case(const char* a, const char* b, size_t n) {
     for (size_t i = 0; i < n; ++i) {
@@ -30,34 +25,43 @@ int compare_case(const char* a, const char* b, size_t n) {
 
 }  // namespace
 
-void* (*TEST_allocate_block)(void* old, size_t size) = allocate_block;
+void* (*TEST_allocate_block)(void* old, size_t size) = realloc;
 
-void CStrParser::State::copy(int start, int n, char* out, unsigned out_len) const {
+char* new_block(size_t len) {
+    if (len > STR_PARSER_MAX_LEN) {
+        return nullptr;
+    }
+    auto* block = static_cast<char*>(TEST_allocate_block(nullptr, len + STR_PARSER_PADDING));
+    if (block != nullptr) {
+        memset(block + len, 0, STR_PARSER_PADDING);
+    }
+    return block;
+}
+
+void CStrParser::State::copy(const char* start, int n, char* out, unsigned out_len) {
     if (out == nullptr || out_len == 0) {
         return;
     }
     size_t copied = std::min<size_t>(static_cast<size_t>(n), out_len - 1);
     if (copied > 0) {
-        memcpy(out, m_text + start, copied);
+        memcpy(out, start, copied);
     }
     out[copied] = '\0';
 }
 
 // The new block is filled before the old one goes: `text` may lie in it.
 int CStrParser::State::attach(const char* text, size_t len) {
-    char* block = nullptr;
-    if (len <= STR_PARSER_MAX_LEN) {
-        block = static_cast<char*>(TEST_allocate_block(nullptr, len + STR_PARSER_PADDING));
-    }
+    char* block = new_block(len);
     if (block != nullptr) {
         memcpy(block, text, len);
     }
     free(m_text);
     m_text = block;
-    m_len = m_held = block != nullptr ? static_cast<int>(len) : 0;
+    m_len = block != nullptr ? static_cast<int>(len) : 0;
+    m_end = m_text + m_len;
     m_block = block != nullptr ? len + STR_PARSER_PADDING : 0;
-    m_offset = 0;
     m_status = block != nullptr ? 0 : -1;
+    set_offset(0);
     return m_status;
 }
 
@@ -70,8 +74,10 @@ int CStrParser::State::append(const char* text) {
         return -1;
     }
     size_t needed = len + STR_PARSER_PADDING;
+    size_t end = static_cast<size_t>(held());
     if (needed > m_block) {
-        auto inside = reinterpret_cast<uintptr_t>(text) - reinterpret_cast<uintptr_t>(m_text);
+        int saved = offset();
+        size_t inside = address(text) - address(m_text);
         bool own = m_text != nullptr && inside < m_block;
         auto* block = static_cast<char*>(TEST_allocate_block(m_text, needed));
         if (block == nullptr) {
@@ -79,12 +85,14 @@ int CStrParser::State::append(const char* text) {
         }
         m_text = block;
         m_block = needed;
+        set_offset(saved);
         text = own ? block + inside : text;
     }
     memmove(m_text + m_len, text, n);
-    memset(m_text + m_held, 0, static_cast<size_t>(m_len - m_held));
+    memset(m_text + end, 0, static_cast<size_t>(m_len) - end);
     memset(m_text + len, 0, m_block - len);
-    m_len = m_held = static_cast<int>(len);
+    m_len = static_cast<int>(len);
+    m_end = m_text + len;
     return m_len;
 }
 
@@ -130,34 +138,34 @@ int CStrParser::GetStatus() const {
 }
 
 int CStrParser::GetCurOffset() const {
-    return m_state->m_offset;
+    return m_state->offset();
 }
 
 char CStrParser::GetCurChar() const {
-    return m_state->at(m_state->m_offset);
+    return m_state->at(m_state->offset());
 }
 
 char CStrParser::CheckPrevChar() const {
-    return m_state->at(m_state->m_offset - 1);
+    return m_state->at(m_state->offset() - 1);
 }
 
 void CStrParser::ResetAll() {
-    m_state->m_offset = 0;
+    m_state->set_offset(0);
     m_state->m_status = 0;
 }
 
 void CStrParser::ResetToLineHead() {
-    m_state->m_offset = GetCurLineHead();
+    m_state->set_offset(GetCurLineHead());
 }
 
 int CStrParser::LocateOffset(int offset) {
     int last = m_state->m_len - 1;
-    m_state->m_offset = offset < 0 ? 0 : std::min(offset, last);
-    return m_state->m_offset;
+    m_state->set_offset(offset < 0 ? 0 : std::min(offset, last));
+    return m_state->offset();
 }
 
 int CStrParser::GetLineNum() const {
-    return static_cast<int>(std::count(m_state->m_text, m_state->m_text + m_state->m_held, '\n'));
+    return static_cast<int>(std::count<const char*>(m_state->m_text, m_state->m_end, '\n'));
 }
 
 unsigned CStrParser::GetCurLinelength() const {
@@ -165,7 +173,7 @@ unsigned CStrParser::GetCurLinelength() const {
     int head = GetCurLineHead();
     int tail = GetCurLineTail();
     if (s.at(tail) != '\n') {
-        return static_cast<unsigned>(s.m_held - head);
+        return static_cast<unsigned>(s.held() - head);
     }
     // The '\r' counts only inside the line: a cursor after the last '\n' has that '\n' alone for its line.
     if (tail > head && s.at(tail - 1) == '\r') {
@@ -177,20 +185,18 @@ unsigned CStrParser::GetCurLinelength() const {
 // The walk starts before the cursor, so a cursor on a '\n' belongs to the line that this one ends.
 int CStrParser::GetCurLineHead() const {
     const State& s = *m_state;
-    int before = std::min(s.m_offset, s.m_held);
+    int before = std::min(s.offset(), s.held());
     const void* found = before > 0 ? memrchr(s.m_text, '\n', static_cast<size_t>(before)) : nullptr;
     if (found == nullptr) {
         return 0;
     }
-    int index = static_cast<int>(static_cast<const char*>(found) - s.m_text);
-    return index + 1 < s.m_held ? index + 1 : index;
+    int index = s.index_of(static_cast<const char*>(found));
+    return index + 1 < s.held() ? index + 1 : index;
 }
 
 int CStrParser::GetCurLineTail() const {
-    const State& s = *m_state;
-    int left = s.left();
-    const void* found = left > 0 ? memchr(s.here(), '\n', static_cast<size_t>(left)) : nullptr;
-    return found != nullptr ? static_cast<int>(static_cast<const char*>(found) - s.m_text) : s.m_held - 1;
+    const char* found = m_state->find('\n');
+    return found != nullptr ? m_state->index_of(found) : m_state->held() - 1;
 }
 
 int CStrParser::Compare(const char* s) const {
@@ -208,10 +214,12 @@ int CStrParser::CompareCase(const char* s) const {
 }
 
 int CStrParser::Expect(char c) {
-    if (m_state->left() == 0 || *m_state->here() != c) {
+    State& s = *m_state;
+    if (s.left() == 0 || *s.here() != c) {
         return -1;
     }
-    return ++m_state->m_offset;
+    ++s.m_cursor;
+    return s.offset();
 }
 
 int CStrParser::ExpectEOL() {
@@ -219,31 +227,33 @@ int CStrParser::ExpectEOL() {
     if (s.left() == 0) {
         return -1;
     }
-    int saved = s.m_offset;
-    if (*s.here() == '\r' && ++s.m_offset == s.m_held) {
+    bool carriage_return = *s.here() == '\r';
+    if (carriage_return && s.left() == 1) {
+        ++s.m_cursor;
         return -1;
     }
-    if (*s.here() != '\n') {
-        s.m_offset = saved;
+    const char* byte = s.here() + (carriage_return ? 1 : 0);
+    if (*byte != '\n') {
         return -1;
     }
-    return ++s.m_offset;
+    s.move_to(byte + 1);
+    return s.offset();
 }
 
 int CStrParser::LocateString(const char* s) {
-    return LocateString(s, m_state->m_offset, m_state->m_held);
+    return LocateString(s, m_state->offset(), m_state->held());
 }
 
 int CStrParser::LocateStringCase(const char* s) {
-    return LocateStringCase(s, m_state->m_offset, m_state->m_held);
+    return LocateStringCase(s, m_state->offset(), m_state->held());
 }
 
 int CStrParser::LocateStringInLine(const char* s) {
-    return LocateString(s, m_state->m_offset, GetCurLineTail() + 1);
+    return LocateString(s, m_state->offset(), GetCurLineTail() + 1);
 }
 
 int CStrParser::LocateStringInLineCase(const char* s) {
-    return LocateStringCase(s, m_state->m_offset, GetCurLineTail() + 1);
+    return LocateStringCase(s, m_state->offset(), GetCurLineTail() + 1);
 }
 
 int CStrParser::LocateString(const char* s, int from, int to) {
@@ -265,8 +275,8 @@ int CStrParser::State::locate(const char* s, int from, int to, Search search) {
     if (found == nullptr) {
         return -1;
     }
-    m_offset = static_cast<int>(found - text);
-    return m_offset;
+    set_offset(static_cast<int>(found - text));
+    return offset();
 }
 
 unsigned char* CStrParser::MemMem(unsigned char* hay, int hay_len, unsigned char* needle, int needle_len) {

@@ -137,7 +137,7 @@ int CStrParser::ConsumeIpAddr(char* out, unsigned out_len, int* family) {
         return -1;
     }
     memset(out, 0, out_len);
-    Reader in{s.here(), s.here() + s.left(), out, out_len};
+    Reader in{s.here(), s.end_of_left(), out, out_len};
     bool taken = take_quad(in);
     if (!taken) {
         taken = in.is('[') ? take_bracketed(in) : take_bare(in) || take_name(in);
@@ -145,7 +145,7 @@ int CStrParser::ConsumeIpAddr(char* out, unsigned out_len, int* family) {
     if (!taken) {
         return -1;
     }
-    s.m_offset = static_cast<int>(in.at - s.m_text);
+    s.move_to(in.at);
     size_t len = strnlen(out, out_len);
     if (len == 0) {
         return -1;
@@ -161,10 +161,10 @@ int CStrParser::ReplaceIpAddr(const char* s) {
     if (s == nullptr) {
         return -1;
     }
-    int start = state.m_offset;
+    int start = state.offset();
     char address[REPLACED_OUT];
     int len = ConsumeIpAddr(address, sizeof address, nullptr);
-    state.m_offset = start;
+    state.set_offset(start);
     return len == -1 ? -1 : ReplaceInPlace(start, start + len - 1, s);
 }
 

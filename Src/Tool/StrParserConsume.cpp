@@ -1,6 +1,10 @@
 // CStrParser: what passes bytes, words and lines.
 #include <Reticor/StrParser.h>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include <algorithm>
 #include <cstring>
 
@@ -10,21 +14,25 @@ namespace Orvex::Reticor {
 
 namespace {
 
-/// Index of the first byte in [from, to) that `stop` takes, `to` if there is none.
-template <typename Stop>
-int first_of(const char* text, int from, int to, Stop stop) {
-    while (from < to && !stop(text[from])) {
-        ++from;
+/// The first `c` or '\n', `end` if there is none. The names in front of a ':' are too short for two calls of
+/// memchr to pay, and their lengths too irregular for a loop over bytes; sixteen at a time take one step for
+/// most of them.
+const char* find_in_line(const char* byte, const char* end, char c) {
+#if defined(__SSE2__)
+    for (; end - byte >= 16; byte += 16) {
+        __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(byte));
+        __m128i found =
+            _mm_or_si128(_mm_cmpeq_epi8(block, _mm_set1_epi8(c)), _mm_cmpeq_epi8(block, _mm_set1_epi8('\n')));
+        unsigned bits = static_cast<unsigned>(_mm_movemask_epi8(found));
+        if (bits != 0) {
+            return byte + __builtin_ctz(bits);
+        }
     }
-    return from;
-}
-
-int index_of(const char* text, int from, int to, char c) {
-    if (from >= to) {
-        return to;
+#endif
+    while (byte != end && *byte != c && *byte != '\n') {
+        ++byte;
     }
-    const void* found = memchr(text + from, c, static_cast<size_t>(to - from));
-    return found != nullptr ? static_cast<int>(static_cast<const char*>(found) - text) : to;
+    return byte;
 }
 
 }  // namespace
@@ -32,12 +40,8 @@ int index_of(const char* text, int from, int to, char c) {
 // Bytes left come first everywhere: the cursor may stand outside the text, where there is nothing to pass.
 
 int CStrParser::ConsumeUntil(char c) {
-    State& s = *m_state;
-    if (s.left() == 0) {
-        return -1;
-    }
-    int stop = index_of(s.m_text, s.m_offset, s.m_held, c);
-    return stop < s.m_held ? s.move_to(stop) : -1;
+    const char* byte = m_state->find(c);
+    return byte != nullptr ? m_state->move_to(byte) : -1;
 }
 
 int CStrParser::ConsumeUntil(const unsigned char* table) {
@@ -57,13 +61,9 @@ int CStrParser::ConsumeUntilHexDigit() {
 
 int CStrParser::ConsumeUntilinLine(char c) {
     State& s = *m_state;
-    int saved = s.m_offset;
-    int passed = s.pass_until([c](char here) { return here == c || here == '\n'; });
-    if (passed != -1 && *s.here() != c) {
-        s.m_offset = saved;
-        return -1;
-    }
-    return passed;
+    const char* const end = s.end_of_left();
+    const char* byte = find_in_line(s.here(), end, c);
+    return byte != end && *byte == c ? s.move_to(byte) : -1;
 }
 
 int CStrParser::ConsumeUntilinLine(const unsigned char* table) {
@@ -76,25 +76,27 @@ int CStrParser::ConsumeUntilinLine(const unsigned char* table) {
 
 int CStrParser::ConsumeUntilNextLine() {
     State& s = *m_state;
-    int passed = ConsumeUntil('\n');
-    if (passed == -1) {
+    const char* byte = s.find('\n');
+    if (byte == nullptr) {
         return -1;
     }
-    if (s.m_offset == s.m_held - 1) {
-        return s.m_offset;
+    if (byte + 1 == s.m_end) {
+        s.move_to(byte);
+        return s.offset();
     }
-    ++s.m_offset;
-    return passed + 1;
+    return s.move_to(byte + 1);
 }
 
 int CStrParser::GetThru(char c) {
     State& s = *m_state;
-    int passed = ConsumeUntil(c);
-    if (passed == -1 || s.m_offset == s.m_held - 1) {
-        return passed;
+    const char* byte = s.find(c);
+    if (byte == nullptr) {
+        return -1;
     }
-    ++s.m_offset;
-    return passed + 1;
+    if (byte + 1 == s.m_end) {
+        return s.move_to(byte);
+    }
+    return s.move_to(byte + 1);
 }
 
 int CStrParser::GetThruEOL() {
@@ -102,52 +104,52 @@ int CStrParser::GetThruEOL() {
 }
 
 int CStrParser::ConsumeWhitespace() {
-    State& s = *m_state;
-    int end = s.m_offset + s.left();
-    return s.move_to(first_of(s.m_text, s.m_offset, end, [](char c) { return !is_blank(c); }));
+    return m_state->move_to(m_state->first_of([](char c) { return !is_blank(c); }));
 }
 
 int CStrParser::ConsumeWhitespaceInLine() {
-    State& s = *m_state;
-    int end = s.m_offset + s.left();
-    return s.move_to(
-        first_of(s.m_text, s.m_offset, end, [](char c) { return !is_blank(c) || c == '\r' || c == '\n'; }));
+    return m_state->move_to(m_state->first_of([](char c) { return !is_blank_in_line(c); }));
 }
 
 int CStrParser::ConsumeWord(char* out, unsigned out_len) {
     State& s = *m_state;
-    int start = s.m_offset;
-    int passed = s.move_to(first_of(s.m_text, start, start + s.left(), [](char c) { return !is_word(c); }));
-    s.copy(start, passed, out, out_len);
+    const char* start = s.here();
+    int passed = s.move_to(s.first_of([](char c) { return !is_word(c); }));
+    State::copy(start, passed, out, out_len);
     return passed;
 }
 
 int CStrParser::ConsumeLength(unsigned len, char* out, unsigned out_len) {
     State& s = *m_state;
-    int start = s.m_offset;
-    int passed = static_cast<int>(std::min(len, static_cast<unsigned>(s.left())));
-    s.m_offset += passed;
-    s.copy(start, passed, out, out_len);
+    const char* start = s.here();
+    int passed = static_cast<int>(std::min<size_t>(len, s.left()));
+    s.m_cursor += static_cast<unsigned>(passed);
+    State::copy(start, passed, out, out_len);
     return passed;
 }
 
 int CStrParser::ConsumeSentence(const char* delims, char* out, unsigned out_len) {
     State& s = *m_state;
-    if (delims == nullptr || s.m_offset > s.m_held) {
+    if (delims == nullptr || s.offset() > s.held()) {
         return -1;
     }
-    int start = s.m_offset;
-    int end = start + s.left();
-    // strchr would take the byte 0 for a delimiter: it finds the terminator of `delims`.
+    const char* const start = s.here();
+    const char* const end = s.end_of_left();
+    const char* stop = end;
+    // The terminator of `delims` must not count as a delimiter, since the text may hold NUL bytes.
     size_t count = strlen(delims);
-    int stop = count == 1 ? index_of(s.m_text, start, end, *delims)
-                          : first_of(s.m_text, start, end,
-                                     [=](char c) { return memchr(delims, c, count) != nullptr; });
-    s.m_offset = stop < end ? stop + 1 : stop;
-    if (stop > start) {
-        s.copy(start, stop - start, out, out_len);
+    if (count == 1) {
+        stop = s.find(*delims);
+        stop = stop != nullptr ? stop : end;
+    } else if (count > 1) {
+        stop = s.first_of([=](char c) { return memchr(delims, c, count) != nullptr; });
     }
-    return stop - start;
+    int passed = static_cast<int>(stop - start);
+    s.move_to(stop != end ? stop + 1 : end);
+    if (passed > 0) {
+        State::copy(start, passed, out, out_len);
+    }
+    return passed;
 }
 
 // Leaves the cursor on the start of the line that was found, and gives its offset; -1 if there is none.
@@ -157,22 +159,20 @@ int CStrParser::ConsumeSentence(const char* delims, char* out, unsigned out_len)
 // which makes that byte a last candidate, and the search ends when the cursor no longer moves.
 int CStrParser::FindLineWithHead(const char* head) {
     State& s = *m_state;
-    bool candidate = s.m_offset == 0;
-    if (s.m_offset > 1) {
-        --s.m_offset;
+    const size_t head_len = strlen(head);
+    bool candidate = s.offset() == 0;
+    if (s.offset() > 1) {
+        --s.m_cursor;
     }
     while (s.left() > 0) {
-        int before = s.m_offset;
-        if (!candidate && GetThruEOL() == -1) {
+        int passed = candidate ? 0 : GetThruEOL();
+        if (passed == -1 || s.left() < head_len) {
             return -1;
         }
-        if (!s.left_for(head)) {
-            return -1;
+        if (strncmp(s.here(), head, head_len) == 0) {
+            return s.offset();
         }
-        if (strncmp(s.here(), head, strlen(head)) == 0) {
-            return s.m_offset;
-        }
-        if (!candidate && s.m_offset == before) {
+        if (passed == 0 && !candidate) {
             return -1;
         }
         candidate = false;
@@ -180,16 +180,22 @@ int CStrParser::FindLineWithHead(const char* head) {
     return -1;
 }
 
+int CStrParser::PassLine() {
+    State& s = *m_state;
+    int tail = GetCurLineTail();
+    s.set_offset(tail < s.held() - 1 ? tail + 1 : tail);
+    return tail;
+}
+
 int CStrParser::GetLineWithHead(const char* head, char* out, unsigned out_len) {
     State& s = *m_state;
-    int saved = s.m_offset;
+    int saved = s.offset();
     int start = head != nullptr ? FindLineWithHead(head) : -1;
     if (start == -1) {
-        s.m_offset = saved;
+        s.set_offset(saved);
         return -1;
     }
-    int tail = GetCurLineTail();
-    s.m_offset = tail < s.m_held - 1 ? tail + 1 : tail;
+    int tail = PassLine();
     if (out == nullptr || out_len == 0) {
         return 0;
     }
@@ -202,7 +208,7 @@ int CStrParser::GetLineWithHead(const char* head, char* out, unsigned out_len) {
     }
     // Parked on the last '\n', the "line" may begin behind its own end.
     int len = std::max(tail - start + 1, 0);
-    s.copy(start, len, out, out_len);
+    State::copy(s.m_text + start, len, out, out_len);
     return len;
 }
 
@@ -211,19 +217,15 @@ int CStrParser::GetLineNumWithHead(const char* head) {
     if (head == nullptr) {
         return -1;
     }
-    State& s = *m_state;
-    int saved = s.m_offset;
+    int saved = m_state->offset();
     int count = 0;
     int last = -1;
-    int start = FindLineWithHead(head);
-    while (start > last) {
+    for (int start = FindLineWithHead(head); start > last; start = FindLineWithHead(head)) {
         ++count;
         last = start;
-        int tail = GetCurLineTail();
-        s.m_offset = tail < s.m_held - 1 ? tail + 1 : tail;
-        start = FindLineWithHead(head);
+        PassLine();
     }
-    s.m_offset = saved;
+    m_state->set_offset(saved);
     return count;
 }
 

@@ -66,11 +66,11 @@ template <typename State, typename Value>
 Value consume(State& s, int last, Value failure) {
     Value value = failure;
     s.m_status = -1;
-    if (last == -1 || !parse(s.here(), s.m_text + std::min(last + 1, s.m_held), value)) {
+    if (last == -1 || !parse(s.here(), s.m_text + std::min(last + 1, s.held()), value)) {
         return failure;
     }
     s.m_status = 0;
-    s.m_offset = last + 1;
+    s.set_offset(last + 1);
     return value;
 }
 
@@ -81,7 +81,7 @@ Value consume(State& s, int last, Value failure) {
 // which that index is outside the text, refuse.
 int CStrParser::GetDigitalEnd(int start, int end) const {
     const State& s = *m_state;
-    if (start < 0 || start > end || end >= s.m_held) {
+    if (start < 0 || start > end || end >= s.held()) {
         return -1;
     }
     bool digits = false;
@@ -102,7 +102,7 @@ int CStrParser::GetDigitalEnd(int start, int end) const {
 }
 
 int CStrParser::NumberAtCursor() const {
-    return m_state->left() > 0 ? GetDigitalEnd(m_state->m_offset, m_state->m_held - 1) : -1;
+    return m_state->left() > 0 ? GetDigitalEnd(m_state->offset(), m_state->held() - 1) : -1;
 }
 
 long long CStrParser::ConsumeInt64() {
@@ -144,9 +144,11 @@ unsigned CStrParser::ConsumeHexUint32() {
         return 0;
     }
     unsigned value = 0;
-    for (; s.m_offset < s.m_held && hex_value(*s.here()) >= 0; ++s.m_offset) {
-        value = value * 16 + static_cast<unsigned>(hex_value(*s.here()));
+    const char* const end = s.first_of([](char c) { return hex_value(c) < 0; });
+    for (const char* digit = s.here(); digit != end; ++digit) {
+        value = value * 16 + static_cast<unsigned>(hex_value(*digit));
     }
+    s.move_to(end);
     s.m_status = 0;
     return value;
 }
@@ -154,7 +156,7 @@ unsigned CStrParser::ConsumeHexUint32() {
 // Memory is needed only to grow. `s` may lie in the text itself.
 int CStrParser::ReplaceInPlace(int start, int end, const char* s) {
     State& state = *m_state;
-    if (start < 0 || end >= state.m_held || s == nullptr) {
+    if (start < 0 || end >= state.held() || s == nullptr) {
         return -1;
     }
     size_t n = strlen(s);
@@ -164,12 +166,12 @@ int CStrParser::ReplaceInPlace(int start, int end, const char* s) {
     }
     memmove(state.m_text + start, s, n);
     if (n < old) {
-        int rest = state.m_held - 1 - end;
+        size_t rest = static_cast<size_t>(state.held() - 1 - end);
         state.m_len -= static_cast<int>(old - n);
-        state.m_held -= static_cast<int>(old - n);
+        state.m_end -= old - n;
         if (rest > 0) {
-            memmove(state.m_text + start + n, state.m_text + end + 1, static_cast<size_t>(rest));
-            state.m_text[state.m_held] = '\0';
+            memmove(state.m_text + start + n, state.m_text + end + 1, rest);
+            state.m_text[state.held()] = '\0';
         }
     }
     return static_cast<int>(n);
@@ -180,33 +182,33 @@ int CStrParser::ReplaceInPlace(int start, int end, const char* s) {
 int CStrParser::GrowInPlace(int start, int end, const char* s, size_t n) {
     State& state = *m_state;
     size_t head = static_cast<size_t>(start);
-    size_t rest = static_cast<size_t>(state.m_held - 1 - end);
+    size_t rest = static_cast<size_t>(state.held() - 1 - end);
     size_t len = static_cast<size_t>(state.m_len) + n - static_cast<size_t>(end - start + 1);
     state.m_len = static_cast<int>(std::min(len, STR_PARSER_MAX_LEN));
-    char* block = nullptr;
-    if (len <= STR_PARSER_MAX_LEN) {
-        block = static_cast<char*>(TEST_allocate_block(nullptr, len + STR_PARSER_PADDING));
-    }
+    char* block = new_block(len);
     if (block == nullptr) {
         return -1;
     }
     memcpy(block, state.m_text, head);
     memcpy(block + head, s, n);
     memcpy(block + head + n, state.m_text + end + 1, rest);
+    memset(block + head + n + rest, 0, len - head - n - rest);
     if (block[len - 1] != '\n') {
         memcpy(block + len, "\r\n", 2);
         state.m_len += 2;
     }
+    int saved = state.offset();
     free(state.m_text);
     state.m_text = block;
-    state.m_held = state.m_len;
+    state.m_end = block + state.m_len;
+    state.set_offset(saved);
     state.m_block = len + STR_PARSER_PADDING;
     return static_cast<int>(n);
 }
 
 int CStrParser::ReplaceNumber(const char* digits) {
     int last = NumberAtCursor();
-    return last == -1 ? -1 : ReplaceInPlace(m_state->m_offset, last, digits);
+    return last == -1 ? -1 : ReplaceInPlace(m_state->offset(), last, digits);
 }
 
 int CStrParser::ReplaceInt64(long long value) {
@@ -250,17 +252,17 @@ int CStrParser::ReplaceDouble(double value) {
 
 int CStrParser::ReplaceLength(int len, const char* s) {
     State& state = *m_state;
-    size_t count = static_cast<size_t>(std::clamp(len, 0, state.left()));
+    size_t count = std::min(static_cast<size_t>(std::max(len, 0)), state.left());
     size_t n = s != nullptr ? strnlen(s, count) : 0;
     if (count > 0) {
-        char* to = state.m_text + state.m_offset;
+        char* to = state.m_text + state.offset();
         if (n > 0) {
             memmove(to, s, n);
         }
         memset(to + n, ' ', count - n);
-        state.m_offset += static_cast<int>(count);
+        state.move_to(to + count);
     }
-    return state.m_offset;
+    return state.offset();
 }
 
 }  // namespace Orvex::Reticor

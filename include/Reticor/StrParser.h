@@ -234,6 +234,7 @@ private:
     int LocateString(const char* s, int from, int to);
     int LocateStringCase(const char* s, int from, int to);
     int FindLineWithHead(const char* head);
+    int PassLine();
     int GetDigitalEnd(int start, int end) const;
     int NumberAtCursor() const;
     int ReplaceNumber(const char* digits);
