@@ -32,7 +32,7 @@ struct __attribute__((visibility("hidden"))) CStrParser::State {
     /// arithmetic in between: a walk through a text is one chain of such steps. As a number it may stand
     /// outside the block.
     uintptr_t m_cursor = 0;
-    int m_len = 0;  ///< Bytes of text, as callers are told.
+    int m_len = 0;  ///< What `GetStringLen` gives.
     int m_status = 0;
     size_t m_block = 0;  ///< Bytes of the block.
 
