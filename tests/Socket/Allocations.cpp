@@ -1,6 +1,7 @@
 // Allocations: operator new of this test program.
 #include "Socket/Allocations.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <new>
 
@@ -15,7 +16,11 @@ thread_local bool no_memory = false;
 
 void* allocate(std::size_t size) noexcept {
     ++count_of_allocations;
-    return no_memory ? nullptr : std::malloc(size != 0 ? size : 1);
+    if (no_memory) {
+        errno = ENOMEM;  // as malloc leaves it
+        return nullptr;
+    }
+    return std::malloc(size != 0 ? size : 1);
 }
 
 std::size_t allocationCount() {

@@ -31,9 +31,11 @@ TEST(SockError, TextLeavesErrnoAlone) {
     EXPECT_EQ(errno, EPIPE);
 }
 
-TEST(SockError, WithoutMemoryTheTextIsEmpty) {
+TEST(SockError, WithoutMemoryTheTextIsEmptyAndErrnoLeftAlone) {
     const Testing::NoMemory no_memory;
+    errno = EPIPE;
     EXPECT_TRUE(GetSockErrorText(EAFNOSUPPORT).empty());
+    EXPECT_EQ(errno, EPIPE);
 }
 
 TEST(SockError, ThreadsDoNotShareTheirTexts) {

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
+#include <signal.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
@@ -17,10 +18,12 @@
 #include <functional>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <Infra/Time.h>
 
 #include "Socket/Loopback.h"
+#include "Socket/SystemSeam.h"
 #include "support/Eventually.h"
 #include "support/LogCapture.h"
 
@@ -61,6 +64,7 @@ public:
         : m_thread([this, call = std::move(call)] {
               m_kernel_id = Infra::CThread::getCurrentThreadID();
               m_outcome = timed(call);
+              m_over = true;
           }) {}
     ~Waiter() { outcome(); }
 
@@ -70,6 +74,16 @@ public:
     }
     bool waitUntilAsleep() const { return Interrupter::waitUntilAsleep(kernelId()); }
     bool interrupt(int times) { return m_interrupter.interrupt(m_thread.native_handle(), kernelId(), times); }
+    // Whether the call has returned.
+    bool over() const { return m_over; }
+    // A signal to a call that may be over any moment; false if it is.
+    bool interruptOnce() {
+        if (m_over) {
+            return false;
+        }
+        ::pthread_kill(m_thread.native_handle(), SIGUSR1);
+        return true;
+    }
     Outcome outcome() {
         if (m_thread.joinable()) {
             m_thread.join();
@@ -80,6 +94,7 @@ public:
 private:
     Interrupter m_interrupter;
     std::atomic<int> m_kernel_id{0};
+    std::atomic<bool> m_over{false};
     Outcome m_outcome{};
     std::thread m_thread;
 };
@@ -134,6 +149,22 @@ TEST(SockStreamSendN, OutOfTimeReturnsACountBelowTheLength) {
     EXPECT_LT(outcome.result, static_cast<int>(bytes.size()));
     EXPECT_GE(outcome.elapsed_us, 30000);
     EXPECT_THAT(texts(log), IsEmpty());
+}
+
+TEST(SockStreamSendN, TimeoutCoversTheWholeCallAndNotEachWait) {
+    LoopbackPair pair;
+    ASSERT_TRUE(pair.connected);
+    pair.shrink();
+    const std::string bytes = Testing::pattern(1024 * 1024);
+    Waiter waiter([&] { return sendAll(pair.client, bytes, 300000); });
+    // A peer that makes room all the time, and would need seconds for everything.
+    while (!waiter.over()) {
+        char buffer[8 * 1024];
+        pair.server.Recv(buffer, sizeof buffer);
+        ::poll(nullptr, 0, 20);
+    }
+    EXPECT_GT(waiter.outcome().result, 0);
+    EXPECT_LT(waiter.outcome().result, static_cast<int>(bytes.size()));
 }
 
 TEST(SockStreamSendN, GoesOnAfterInterruptions) {
@@ -260,6 +291,17 @@ TEST(SockStreamRecvN, WaitsForBytesAndGoesOnAfterInterruptions) {
     EXPECT_EQ(byte, 'z');
 }
 
+TEST(SockStreamRecvN, InterruptionsDoNotProlongTheWait) {
+    LoopbackPair pair;
+    ASSERT_TRUE(pair.connected);
+    char byte = 0;
+    Waiter waiter([&] { return pair.client.Recv_n(&byte, 1, 200000); });
+    EXPECT_EVENTUALLY(waiter.interruptOnce() || waiter.over());
+    EXPECT_EVENTUALLY(!waiter.interruptOnce() && waiter.over());
+    EXPECT_EQ(waiter.outcome().result, 0);
+    EXPECT_GE(waiter.outcome().elapsed_us, 200000);
+}
+
 TEST(SockStreamRecvN, ClosedPeerGivesZeroAtOnce) {
     LoopbackPair pair;
     ASSERT_TRUE(pair.connected);
@@ -322,6 +364,35 @@ TEST(SockStreamRecvN, UrgentDataIsAnException) {
     EXPECT_EQ(pair.client.Recv_n(&byte, 1, a_minute_us), -1);
     EXPECT_THAT(texts(log),
                 ElementsAre("2 Orvex::Reticor::CSockStream::Recv_n : Recv_n error, socket exception!\n"));
+}
+
+TEST(SockStreamWaits, LimitIsTheTimeThatIsLeftToTheMicrosecond) {
+    LoopbackPair pair;
+    ASSERT_TRUE(pair.connected);
+    pair.shrink();
+    Testing::fill(pair.client);
+    char byte = 0;
+    {
+        const Testing::WaitRecorder recorder;
+        EXPECT_EQ(pair.client.Recv_n(&byte, 1, 1234), 0);
+        EXPECT_EQ(pair.client.Send_n("x", 1, 2345), 0);
+        ASSERT_GE(recorder.limits().size(), 2u);
+        EXPECT_EQ(recorder.limits()[0], 1234000);
+        EXPECT_EQ(recorder.limits().back(), 2345000);
+    }
+    const Testing::WaitRecorder recorder;
+    Waiter receiver([&] { return pair.client.Recv_n(&byte, 1, a_minute_us); });
+    EXPECT_TRUE(receiver.interrupt(1));
+    EXPECT_EVENTUALLY(recorder.limits().size() == 2);
+    Waiter sender([&] { return pair.client.Send_n("x", 1, a_minute_us); });
+    EXPECT_TRUE(sender.interrupt(1));
+    EXPECT_EVENTUALLY(recorder.limits().size() == 4);
+    closeWithReset(pair.server);  // ends both; either may be the one to get the error
+    const std::vector<long long> limits = recorder.limits();
+    EXPECT_EQ(limits[0], a_minute_us * 1000LL);
+    EXPECT_LT(limits[1], limits[0]);
+    EXPECT_EQ(limits[2], a_minute_us * 1000LL);
+    EXPECT_LT(limits[3], limits[2]);
 }
 
 TEST(SockStreamWaits, WorkAtDescriptor5000) {

@@ -4,6 +4,8 @@
 #include <arpa/inet.h>
 #include <dlfcn.h>
 #include <netdb.h>
+#include <poll.h>
+#include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
@@ -38,6 +40,9 @@ struct ResolverState {
 
 std::mutex resolver_mutex;
 ResolverState* resolver_state = nullptr;
+
+std::mutex waits_mutex;
+std::vector<long long>* recorded_waits = nullptr;
 
 thread_local int planned_errors[static_cast<int>(SystemCall::count_of_calls)] = {};
 
@@ -84,6 +89,28 @@ bool decide(const char* host, const addrinfo* hints, addrinfo** result, int* cod
     }
     *code = EAI_NONAME;
     return !numeric_only && question.first != "localhost";
+}
+
+void recordWait(const timespec& limit) {
+    const std::lock_guard<std::mutex> guard(waits_mutex);
+    if (recorded_waits != nullptr) {
+        recorded_waits->push_back(limit.tv_sec * 1000000000LL + limit.tv_nsec);
+    }
+}
+
+WaitRecorder::WaitRecorder() {
+    const std::lock_guard<std::mutex> guard(waits_mutex);
+    recorded_waits = new std::vector<long long>;
+}
+
+WaitRecorder::~WaitRecorder() {
+    const std::lock_guard<std::mutex> guard(waits_mutex);
+    delete std::exchange(recorded_waits, nullptr);
+}
+
+std::vector<long long> WaitRecorder::limits() const {
+    const std::lock_guard<std::mutex> guard(waits_mutex);
+    return *recorded_waits;
 }
 
 FailNext::FailNext(SystemCall call, int error) : m_call(call) {
@@ -174,6 +201,14 @@ int ioctl(int fd, unsigned long request, ...) noexcept {
     va_end(arguments);
     static auto* const real = realFunction<int(int, unsigned long, void*)>("ioctl");
     return real(fd, request, argument);
+}
+
+int ppoll(pollfd* entries, nfds_t count, const timespec* limit, const sigset_t* mask) {
+    if (limit != nullptr) {
+        Orvex::Testing::recordWait(*limit);
+    }
+    static auto* const real = realFunction<decltype(::ppoll)>("ppoll");
+    return real(entries, count, limit, mask);
 }
 
 int setsockopt(int fd, int level, int option, const void* value, socklen_t length) noexcept {

@@ -23,6 +23,17 @@ private:
     const SystemCall m_call;
 };
 
+// Records the limits, in nanoseconds, of the calls of ppoll on all threads while it lives. One at a time.
+class WaitRecorder {
+public:
+    WaitRecorder();
+    ~WaitRecorder();
+    WaitRecorder(const WaitRecorder&) = delete;
+    WaitRecorder& operator=(const WaitRecorder&) = delete;
+
+    std::vector<long long> limits() const;
+};
+
 struct ResolverCall {
     std::string host;
     int family;
