@@ -9,20 +9,23 @@ namespace Orvex::Reticor {
 
 /// Reads a request with headers word by word and line by line, and replaces a number or an address in place.
 ///
-///     CStrParser parser("CSeq: 302\r\n");
-///     if (parser.GetLineWithHead("CSeq:", nullptr, 0) != -1) { ... }
-///     parser.ResetAll();
-///     parser.ConsumeUntilDigit();
-///     unsigned cseq = parser.ConsumeUint32();    // GetStatus() == 0: it was a number
+///     CStrParser parser("CSeq: 302\r\nScale: 1.0\r\n");
+///     if (parser.LocateString("CSeq:") != -1 && parser.ConsumeUntilDigit() != -1) {
+///         unsigned cseq = parser.ConsumeUint32();  // GetStatus() is 0: there was a number
+///     }
 ///
 /// Threads: a parser belongs to one thread at a time; it has no lock. Nothing blocks, and nothing is logged.
-/// Ownership: the text is copied; buffers that are passed in stay the caller's, and may be part of the text
-/// of the very same parser wherever they are only read. Errors: results, never exceptions. -1 unless another
-/// value is named, and `GetStatus` for the numbers, whose results cannot tell. A null pointer for a text that
-/// is searched or compared gives -1. Only `Attach` asserts. Lengths and offsets are counts of bytes. The
-/// longest text is INT_MAX - 16 bytes; what would be longer fails as if there were no memory. The parser's
-/// own record of some 40 bytes is taken with `new` by the constructors, which end the process if even that
-/// cannot be had.
+///
+/// Ownership: the text is copied. Buffers that are passed in stay the caller's, and may be part of the text
+/// of the very same parser wherever they are only read.
+///
+/// Errors: results, never exceptions. -1 unless another value is named, and `GetStatus` for the numbers,
+/// whose results cannot tell. A null pointer for a text that is searched or compared gives -1. Only `Attach`
+/// asserts. The parser's own record of some 50 bytes is taken with `new` by the constructors, which end the
+/// process if even that cannot be had.
+///
+/// Lengths and offsets are counts of bytes. The longest text is INT_MAX - 16 bytes; what would be longer
+/// fails as if there were no memory.
 ///
 /// Lines end at '\n'. A '\r' before it belongs to the line, save where a comment says otherwise. Characters
 /// are classified as ASCII whatever the process's locale is: bytes above 127 are no blanks, digits or
