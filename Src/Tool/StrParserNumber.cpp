@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <charconv>
 #include <climits>
-#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <system_error>
@@ -45,19 +44,14 @@ bool parse(const char* first, const char* last, unsigned long long& value) {
 
 // A value too small for a double is a zero, one too large is refused.
 bool parse(const char* first, const char* last, double& value) {
-    value = 0.0;
     std::from_chars_result result = std::from_chars(first, last, value, std::chars_format::fixed);
-    if (result.ec == std::errc::invalid_argument) {
-        return false;
+    if (result.ec != std::errc::result_out_of_range) {
+        return result.ec == std::errc();
     }
-    if (result.ec == std::errc::result_out_of_range) {
-        const char* digits = *first == '-' ? first + 1 : first;
-        const char* point = std::find(digits, last, '.');
-        bool large = std::any_of(digits, point, [](char c) { return c != '0'; });
-        value = *first == '-' ? -0.0 : 0.0;
-        return !large;
-    }
-    return !std::isinf(value);
+    const char* digits = *first == '-' ? first + 1 : first;
+    const char* point = std::find(digits, last, '.');
+    value = *first == '-' ? -0.0 : 0.0;
+    return std::all_of(digits, point, [](char c) { return c == '0'; });
 }
 
 /// Takes the number from the cursor of `s` to index `last`, which may be one past the text. -1: there is

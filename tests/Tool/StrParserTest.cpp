@@ -133,6 +133,15 @@ TEST(StrParser, AppendWithoutMemoryChangesNothing) {
     EXPECT_EQ(0, p.GetStatus());
 }
 
+TEST(StrParser, AppendTakesTheRoomThatAShorterEndLeftAndClearsWhatIsBehind) {
+    CStrParser p(std::string(120, 'h').c_str());
+    ASSERT_EQ(1, p.ReplaceIpAddr("1"));
+    ASSERT_EQ('h', p.GetString()[1]);
+    NoMemory none;
+    EXPECT_EQ(2, p.Append("z"));
+    EXPECT_EQ("1z" + std::string(128, '\0'), std::string(p.GetString(), 130));
+}
+
 TEST(StrParserDeathTest, AttachAssertsItsText) {
     testing::FLAGS_gtest_death_test_style = "threadsafe";
     CStrParser p;
@@ -450,6 +459,20 @@ TEST(StrParser, AfterAFailedGrowthTheTextCanBeChangedAgain) {
     }
     EXPECT_EQ(13, p.Append("x"));
     EXPECT_EQ(std::string("n=77;\0\0\r\n\0\0\0x", 13), text_of(p));
+}
+
+TEST(StrParser, AppendBehindAFailedGrowthFillsTheGapWithZeros) {
+    CStrParser p("1;hhhhhh");
+    p.LocateOffset(2);
+    ASSERT_EQ(0, p.ReplaceIpAddr(""));
+    p.LocateOffset(0);
+    {
+        NoMemory none;
+        p.ReplaceInt32(1234);
+    }
+    ASSERT_EQ(5, p.GetStringLen());
+    EXPECT_EQ(6, p.Append("x"));
+    EXPECT_EQ(std::string("1;\0\0\0x", 6), text_of(p));
 }
 
 }  // namespace
