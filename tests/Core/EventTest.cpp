@@ -139,8 +139,8 @@ TEST(EventQueue, TheLineIsWrittenWithTheQueueUnlocked) {
     const Infra::LogSink sink = {[](void*, const Infra::LogLine&) {
                                      std::thread([] {
                                          Infra::CMutex& mutex = EventQueueProbe::mutex(*seen);
-                                         free_for_others = mutex.tryEnter();
-                                         if (free_for_others) {
+                                         if (mutex.tryEnter()) {
+                                             free_for_others = true;
                                              mutex.leave();
                                          }
                                      }).join();
