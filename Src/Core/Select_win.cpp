@@ -327,7 +327,7 @@ void CMultiplexer::report(const epoll_event& report, Ready& ready) {
     CEvent** place = slot(static_cast<size_t>(fd));
     CEvent* ev = place != nullptr ? *place : nullptr;
     if (ev == nullptr || mark_of(ev) != mark_seen) {
-        stray(fd, mark_seen, ev != nullptr);
+        stray(mark_seen);
         return;
     }
     RecordPin pin = RecordPin::Enter(ev);
@@ -364,10 +364,7 @@ void CMultiplexer::mark(CEvent* ev, int16_t revents, Ready& ready) {
 /// the kernel goes on about a closed number while a copy of the descriptor lives elsewhere, and there is no
 /// way to name it any more: a report that comes again has the whole instance built anew. Several copies may
 /// take turns, so the report that is waited for stands while others pass, each time for longer.
-void CMultiplexer::stray(int fd, uint64_t mark_seen, bool number_known) {
-    if (!number_known && ::epoll_ctl(m_epoll, EPOLL_CTL_DEL, fd, nullptr) == 0) {
-        return;
-    }
+void CMultiplexer::stray(uint64_t mark_seen) {
     if (mark_seen == m_stray) {
         m_rebuild = true;
     } else if (++m_strays_passed >= m_stray_patience) {

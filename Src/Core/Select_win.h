@@ -124,7 +124,7 @@ private:
     int harvest();
     void collect(int reports, Ready& ready);
     void report(const epoll_event& report, Ready& ready);
-    void stray(int fd, uint64_t mark, bool number_known);
+    void stray(uint64_t mark_seen);
     void quieten(CEvent* ev);
     void collect_always(Ready& ready);
     bool always_pending();
