@@ -27,12 +27,12 @@ TEST_F(NetSockTest, TimeoutIsCutToWholeMilliseconds) {
 
 TEST_F(NetSockTest, SecondRegisterForWriteOnAReadSocketGivesMask3AndRebindsItToTheCaller) {
     TestHandler* const second = new TestHandler;
+    second->on_input = handler->on_input;
     add(SOCK_READ);
     pair.fill();
     ASSERT_EQ(0, second->RegisterSock(pair.near, SOCK_WRITE, 0));
     EXPECT_EQ(3u, look().mask);
     EXPECT_EQ(second->GetID(), look().owner);
-    second->on_input = handler->on_input;
     pair.write();
     EXPECT_EVENTUALLY(second->life->inputs > 0);
     EXPECT_EQ(0, handler->life->calls());
