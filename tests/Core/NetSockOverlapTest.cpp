@@ -72,6 +72,7 @@ TEST_F(NetSockOverlapTest, CallsForOneSocketNeverOverlapAlsoAcrossItsTimeouts) {
     }
     EXPECT_GT(handler->life->inputs, 0);
     EXPECT_GT(handler->life->outputs, 0);
+    removeAndWait(pair.near);
 }
 
 TEST_F(NetSockOverlapTest, TwoSocketsOfOneHandlerAreServedAtTheSameTime) {
@@ -88,7 +89,7 @@ TEST_F(NetSockOverlapTest, TwoSocketsOfOneHandlerAreServedAtTheSameTime) {
     other.write();
     EXPECT_TRUE(gate.awaitArrivals(2));
     gate.open();
-    handler->RemoveSock(other.near);
+    removeAndWait(other.near);
 }
 
 TEST_F(NetSockOverlapTest, SocketOverlapsWithMessagesAndTimersAndTimeoutsOfOthersOfItsHandler) {
@@ -113,7 +114,7 @@ TEST_F(NetSockOverlapTest, SocketOverlapsWithMessagesAndTimersAndTimeoutsOfOther
     EXPECT_EQ(0, handler->life->inputs);
     gate.open();
     EXPECT_EVENTUALLY(handler->life->inputs == 1);
-    handler->RemoveSock(other.near);
+    removeAndWait(other.near);
 }
 
 TEST_F(NetSockOverlapTest, SlowHandlerHoldsUpItsOwnSocketAlone) {
@@ -143,7 +144,7 @@ TEST_F(NetSockOverlapTest, SlowHandlerHoldsUpItsOwnSocketAlone) {
     gate.open();
     EXPECT_EVENTUALLY(bytes == 3 * 100 + 101) << "and nothing of its own is lost";
     for (SocketPair& other : others) {
-        handler->RemoveSock(other.near);
+        removeAndWait(other.near);
     }
 }
 

@@ -36,8 +36,7 @@ TEST_F(NetSockTest, SecondRegisterForWriteOnAReadSocketGivesMask3AndRebindsItToT
     pair.write();
     EXPECT_EVENTUALLY(second->life->inputs > 0);
     EXPECT_EQ(0, handler->life->calls());
-    handler->RemoveSock(pair.near);
-    EXPECT_EVENTUALLY(!look().exists);
+    removeAndWait(pair.near);
     closeAndWait(second);
 }
 
@@ -220,8 +219,7 @@ TEST_F(NetSockTest, HandlesOfStandardStreamsAreRegisteredWithAWarning) {
         const int before = handler->life->inputs;
         on_stream.write();
         EXPECT_EVENTUALLY(handler->life->inputs == before + 1);
-        handler->RemoveSock(sock);
-        EXPECT_EVENTUALLY(!lookAt(pool(), number).exists);
+        removeAndWait(sock);
         ASSERT_EQ(number, ::dup2(saved, number));
         ::close(saved);
     }

@@ -89,7 +89,7 @@ TEST_F(ParkedTokenTest, HandlerThatBlocksOverAParkedTokenDoesNotStopOtherSockets
     awaitAnswer();
     request();
     for (SocketPair& other : others) {
-        handler->RemoveSock(other.near);
+        removeAndWait(other.near);
     }
 }
 
@@ -177,7 +177,7 @@ TEST_F(ParkedTokenTest, TokenIsAlwaysSomewhereUnderMixedLoad) {
     stop = true;
     messages.join();
     for (SocketPair& other : others) {
-        handler->RemoveSock(other.near);
+        removeAndWait(other.near);
     }
 }
 

@@ -181,7 +181,7 @@ TEST_F(SelectWinQuietTest, OrphanedCopyDoesNotSpin) {
     ASSERT_EQ(0, handler->RegisterSock(other.near, SOCK_READ, 0));
     other.write();
     EXPECT_EVENTUALLY(handler->life->inputs == 1);
-    handler->RemoveSock(other.near);
+    removeAndWait(other.near);
     ::close(copy);
 }
 
@@ -202,10 +202,8 @@ TEST_F(SelectWinQuietTest, RegularFileIsServedAgainAndAgainUntilItIsRemoved) {
     EXPECT_EVENTUALLY(handler->life->inputs > 100);
     add(SOCK_READ);
     pair.write();
-    handler->RemoveSock(file);
-    EXPECT_EVENTUALLY(!lookAt(pool(), fd).exists);
-    handler->RemoveSock(pair.near);
-    EXPECT_EVENTUALLY(!look().exists);
+    removeAndWait(file);
+    removeAndWait(pair.near);
     EXPECT_LE(waitsMeanwhile(), FEW);
     ::close(fd);
 }

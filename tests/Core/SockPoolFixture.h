@@ -61,6 +61,13 @@ protected:
         ASSERT_EQ(0, handler->RegisterSock(pair.near, mask, time_out_us));
     }
 
+    // Removes the socket, and waits until the last call for it is over.
+    void removeAndWait(Reticor::CSock& sock) {
+        const int fd = sock.GetHandle();
+        handler->RemoveSock(sock);
+        EXPECT_EVENTUALLY(!lookAt(pool(), fd).exists);
+    }
+
     SocketPair pair;
     TestHandler* handler = nullptr;
 };
