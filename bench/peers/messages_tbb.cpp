@@ -1,10 +1,11 @@
 // The message rows on TBB: enqueue into an arena of as many workers as the others have. A task_group would
 // make the producer a worker too as soon as it waits. There is no serial row: an arena has no order.
-#include "common/AllocationCounter.h"
-#include "common/MessageBoard.h"
-
 #include <tbb/global_control.h>
 #include <tbb/task_arena.h>
+
+// Behind the headers of the system, which declare what it defines.
+#include "common/AllocationCounter.h"
+#include "common/MessageBoard.h"
 
 int main(int argc, char** argv) {
     Bench::MessageOptions options = Bench::parseMessageOptions(argc, argv, "messages on a TBB arena");
