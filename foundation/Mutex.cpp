@@ -12,11 +12,6 @@ namespace Orvex::Infra {
 
 namespace {
 
-// Values of CMutex::m_state.
-constexpr uint32_t FREE = 0;
-constexpr uint32_t HELD = 1;
-constexpr uint32_t HELD_WITH_SLEEPERS = 2;
-
 // Bits of CReadWriteMutex::m_gate. Readers pass while it is 0.
 constexpr uint32_t GATE_CLOSED = 1;         // a writer holds the lock or waits for readers to leave
 constexpr uint32_t GATE_WRITER_SLEEPS = 2;  // the writer sleeps on some slot: a leaving reader wakes it
@@ -25,9 +20,6 @@ constexpr uint32_t GATE_READERS_SLEEP = 4;  // readers sleep on the gate: the le
 // How often a lock looks again before it sleeps: about two microseconds, less than a sleep and a wake-up
 // cost, and longer than the short stretches for which the library holds its locks.
 constexpr int SPINS = 60;
-
-// One byte per thread, whose address names the thread. The initial-exec model reads it without a call.
-__attribute__((tls_model("initial-exec"))) thread_local char t_identity = 0;
 
 // Slot number of the thread plus one; 0 while it has none.
 __attribute__((tls_model("initial-exec"))) thread_local uint32_t t_slot = 0;
@@ -54,52 +46,14 @@ int spin_limit() noexcept {
 
 }  // namespace
 
-bool CMutex::heldByThisThread() const noexcept {
-    return m_owner.load(std::memory_order_relaxed) == &t_identity;
-}
-
-// The exchange comes first, and the question whether the lock is the caller's own only after it has failed: a
-// look at the owner beforehand would fetch the cache line twice from another processor, once to read and once
-// to write.
-bool CMutex::enter() noexcept {
-    if (!tryEnter()) {
-        enter_contended();
-        take_over();
-    }
-    return true;
-}
-
-bool CMutex::tryEnter() noexcept {
-    uint32_t expected = FREE;
-    if (m_state.compare_exchange_strong(expected, HELD, std::memory_order_acquire,
-                                        std::memory_order_relaxed)) {
-        take_over();
-        return true;
-    }
-    if (heldByThisThread()) {
-        ++m_depth;
-        return true;
-    }
-    return false;
-}
-
-void CMutex::take_over() noexcept {
-    m_owner.store(&t_identity, std::memory_order_relaxed);
-    m_depth = 1;
-}
-
-bool CMutex::leave() noexcept {
+// Out of line: an entry of several, or a mistake.
+void CMutex::leave_once() noexcept {
     assert(heldByThisThread() && "CMutex::leave on a thread that does not hold the lock");
-    if (--m_depth > 0) {
-        return true;
-    }
-    m_owner.store(nullptr, std::memory_order_relaxed);
-    // From the exchange on another thread may enter, leave and destroy the lock: only its address is used
-    // after it.
-    if (m_state.exchange(FREE, std::memory_order_release) == HELD_WITH_SLEEPERS) {
-        Detail::futexWake(m_state, 1);
-    }
-    return true;
+    --m_depth;
+}
+
+void CMutex::wake_sleeper() noexcept {
+    Detail::futexWake(m_state, 1);
 }
 
 void CMutex::enter_contended() noexcept {

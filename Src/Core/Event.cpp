@@ -31,6 +31,15 @@ int CEventQueue::append(CEvent* ev) {
     return count;
 }
 
+void CEventQueue::put_front(CEvent* ev) {
+    // m_head is null in an empty queue, so the link is right in both cases.
+    ev->m_next = m_head;
+    if (m_head == nullptr) {
+        m_tail = ev;
+    }
+    m_head = ev;
+}
+
 CEvent* CEventQueue::take() {
     CEvent* ev = m_head;
     if (ev != nullptr) {
@@ -60,12 +69,7 @@ void CEventQueue::PushSilent(CEvent* ev) {
 
 void CEventQueue::PushFront(CEvent* ev) {
     Infra::CGuard guard(m_mutex);
-    // m_head is null in an empty queue, so the link is right in both cases.
-    ev->m_next = m_head;
-    if (m_head == nullptr) {
-        m_tail = ev;
-    }
-    m_head = ev;
+    put_front(ev);
     m_sem.post();
 }
 

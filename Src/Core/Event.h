@@ -47,7 +47,6 @@ struct CEvent {
     union {
         uint32_t m_event_mask = 0;  ///< Socket: directions wanted, SOCK_*.
         uint32_t m_msg;             ///< Message: the number.
-        int32_t m_heap_place;       ///< Timer: place in the heap's array.
     };
     int16_t m_revents = 0;     ///< Socket: to be delivered, REVENT_*; not 0 means in flight.
     uint16_t m_mux_state = 0;  ///< Socket: what the multiplexer knows of it, MUX_*.
@@ -105,6 +104,7 @@ public:
 
 protected:
     int append(CEvent* ev) INFRA_REQUIRES(m_mutex);
+    void put_front(CEvent* ev) INFRA_REQUIRES(m_mutex);
     CEvent* take() INFRA_REQUIRES(m_mutex);
 
     CEvent* m_head INFRA_GUARDED_BY(m_mutex) = nullptr;

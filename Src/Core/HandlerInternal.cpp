@@ -15,14 +15,9 @@ void CNetHandler::DecRef() {
     if (internal->m_ref.fetch_sub(1, std::memory_order_acq_rel) - 1 != 0) {
         return;
     }
-    {
-        Infra::CGuard guard(internal->m_mutex);
-        if (internal->m_close_called != 0) {
-            return;
-        }
-        internal->m_close_called = 1;
+    if (internal->m_close_called.exchange(1, std::memory_order_acq_rel) == 0) {
+        handle_close(this);
     }
-    handle_close(this);
 }
 
 void CNetHandler::AddSock() {

@@ -35,7 +35,7 @@ void CNetHandler::open_object(int pool) {
 
 CNetHandler::~CNetHandler() {
     // Nobody else knows the object any more: the name only gives the assertion its text.
-    const uint16_t __m_magic = m_internal->state_at_end();
+    const uint16_t __m_magic = m_internal->__m_magic.load(std::memory_order_relaxed);
     assert(__m_magic == 0x0202);
     if (m_internal->m_sock.load(std::memory_order_relaxed) > 0) {
         INFRA_LOG(2,
@@ -48,26 +48,22 @@ CNetHandler::~CNetHandler() {
 }
 
 void CNetHandler::Close() {
-    long id;
-    {
-        Infra::CGuard guard(m_internal->m_mutex);
-        if (m_internal->__m_magic != HANDLER_OPEN) {
-            return;
-        }
-        m_internal->__m_magic = HANDLER_CLOSED;
-        id = GetID();
+    const long id = GetID();
+    if (m_internal->__m_magic.exchange(HANDLER_CLOSED, std::memory_order_acq_rel) == HANDLER_OPEN) {
+        CMessage::NotifyClose(id);
+        // From here on the object may be gone.
     }
-    CMessage::NotifyClose(id);
-    // From here on the object may be gone.
 }
 
+// The reference comes first: it keeps the object alive over the work, and a racing Close is seen either before or
+// after it.
 bool CNetHandler::enter_open() {
-    Infra::CGuard guard(m_internal->m_mutex);
-    if (m_internal->__m_magic != HANDLER_OPEN) {
-        return false;
-    }
     AddRef();
-    return true;
+    if (m_internal->__m_magic.load(std::memory_order_acquire) == HANDLER_OPEN) {
+        return true;
+    }
+    DecRef();
+    return false;
 }
 
 int CNetHandler::RegisterSock(CSock& sock, unsigned int mask, int timeout) {

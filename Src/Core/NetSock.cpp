@@ -19,9 +19,6 @@ namespace {
 
 using Flags = CDebugSocket;
 
-/// A call that took longer is not worth keeping the poll token over.
-constexpr uint64_t SLOW_CALL_US = 50;
-
 bool tracing() {
     return Infra::logEnabled(3);
 }
@@ -41,7 +38,7 @@ CThreadPool* pool_of(int64_t id) {
 /// The lines of a call into a handler, at its begin and its end: `what` is the operation.
 void trace_call(const char* what, const char* moment, const CEvent* event, const HandlerPin& handler) {
     const int revents = reventsNow(event);
-    if (tracing() && Flags::passesRevents(revents) && Flags::passesDensity() &&
+    if (Flags::passesRevents(revents) && Flags::passesDensity() &&
         Flags::matches(event->m_key, Infra::relaxedLoad(event->m_obj_id))) {
         const bool timeout = what[0] == 't';
         INFRA_LOG_PLAIN(
@@ -63,7 +60,7 @@ void trace_remove(const char* where, CNetHandler* handler, int64_t fd) {
 }
 
 void trace_delivered(CEvent* event, int ret) {
-    if (tracing() && Flags::passesRevents(reventsNow(event)) &&
+    if (Flags::passesRevents(reventsNow(event)) &&
         Flags::matches(event->m_key, Infra::relaxedLoad(event->m_obj_id))) {
         RecordPin pin = RecordPin::Enter(event);
         INFRA_LOG_PLAIN(3,
@@ -274,19 +271,13 @@ CNetSock::Registration CNetSock::Look(CNetHandler* handler, CSock& sock) {
 
 // ---- delivery ------------------------------------------------------------------------------------------
 
-int CNetSock::handle_netevent(CEvent* event, bool timed) {
+int CNetSock::handle_netevent(CEvent* event) {
     int64_t missing_owner = 0;
-    int ret;
-    bool slow = false;
-    if (timed || hasFlagNow(event, MUX_SLOW)) {
-        const uint64_t begin = Infra::CTime::getCurrentMicroSecond();
-        ret = deliver(event, missing_owner);
-        slow = Infra::CTime::getCurrentMicroSecond() - begin > SLOW_CALL_US;
-    } else {
-        ret = deliver(event, missing_owner);
+    const int ret = deliver(event, missing_owner);
+    if (tracing()) {
+        trace_delivered(event, ret);
     }
-    trace_delivered(event, ret);
-    finish(event, ret, missing_owner, slow);
+    finish(event, ret, missing_owner);
     return 0;
 }
 
@@ -303,7 +294,9 @@ int CNetSock::handle_net(CEvent* event, int64_t& missing_owner) {
         missing_owner = owner;
         return -1;
     }
-    trace_call("net", "begin", event, handler);
+    if (tracing()) {
+        trace_call("net", "begin", event, handler);
+    }
     const int fd = static_cast<int>(event->m_key);
     int ret = -1;
     if (reventsNow(event) & REVENT_EXCEPT) {
@@ -316,7 +309,9 @@ int CNetSock::handle_net(CEvent* event, int64_t& missing_owner) {
             ret = handler->handle_output(fd);
         }
     }
-    trace_call("net", "end", event, handler);
+    if (tracing()) {
+        trace_call("net", "end", event, handler);
+    }
     return ret;
 }
 
@@ -327,19 +322,23 @@ int CNetSock::handle_timeout(CEvent* event, int64_t& missing_owner) {
         missing_owner = owner;
         return -1;
     }
-    trace_call("timeout", "begin", event, handler);
+    if (tracing()) {
+        trace_call("timeout", "begin", event, handler);
+    }
     const int fd = static_cast<int>(event->m_key);
     if (reventsNow(event) & REVENT_READ_TIMEOUT) {
         handler->handle_input_timeout(fd);
     } else if (reventsNow(event) & REVENT_WRITE_TIMEOUT) {
         handler->handle_output_timeout(fd);
     }
-    trace_call("timeout", "end", event, handler);
+    if (tracing()) {
+        trace_call("timeout", "end", event, handler);
+    }
     return -1;
 }
 
 // The second half of a delivery: the record is idle again, or, if its removal is pending, freed.
-void CNetSock::finish(CEvent* record, int ret, int64_t missing_owner, bool slow) {
+void CNetSock::finish(CEvent* record, int ret, int64_t missing_owner) {
     RecordPin event = RecordPin::Enter(record);
     CThreadPool* pool = pool_of(event->m_obj_id);
     while (event->m_event_mask & SOCK_REMOVED) {
@@ -353,8 +352,7 @@ void CNetSock::finish(CEvent* record, int ret, int64_t missing_owner, bool slow)
         ret = 0;  // removed and registered again while the handler ran
     }
     setRevents(record, 0);
-    clearFlag(record, MUX_BUSY | MUX_SLOW);
-    setFlag(record, slow ? MUX_SLOW : 0);
+    clearFlag(record, MUX_BUSY);
     // A registration meanwhile may have named an owner that this delivery did not look for.
     pool->m_mux.Rearm(record, event->m_obj_id != missing_owner);
     const int stored = event->m_timer.m_set_time;

@@ -37,9 +37,8 @@ public:
     };
     static Registration Look(CNetHandler* handler, CSock& sock);
 
-    /// Serves a record in flight: calls the handler, then watches the socket again or frees the record. With
-    /// `timed` set the time of the call is taken, and a slow one remembered in the record. Always 0.
-    static int handle_netevent(CEvent* event, bool timed = false);
+    /// Serves a record in flight: calls the handler, then watches the socket again or frees the record. Always 0.
+    static int handle_netevent(CEvent* event);
 
 private:
     static int check_valid(int fd);
@@ -50,7 +49,7 @@ private:
     static int handle_net(CEvent* event, int64_t& missing_owner);
     static int handle_timeout(CEvent* event, int64_t& missing_owner);
     static int deliver(CEvent* event, int64_t& missing_owner);
-    static void finish(CEvent* record, int ret, int64_t missing_owner, bool slow);
+    static void finish(CEvent* record, int ret, int64_t missing_owner);
     static bool free_removed(CEvent* record, CThreadPool& pool);
     static void reset_timer(CEvent* event, int time_out);
     static void remove_sock(RecordPin event, CThreadPool& pool);

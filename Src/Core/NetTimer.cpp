@@ -52,6 +52,21 @@ uint64_t plan() {
     return g_timer.m_planned;
 }
 
+/// There is a new soonest timer: tells the thread, and wakes it if it would look too late.
+void announce_top() {
+    Infra::CGuard guard(g_timer.m_lock);
+    // The heap is asked again under the lock, since others may have armed sooner ones, or ended this one, meanwhile.
+    const uint64_t soonest = CNetTimer::heap().Peek();
+    if (soonest == 0) {
+        return;
+    }
+    g_timer.m_next_expire = soonest;
+    if (g_timer.m_planned == 0 || grid_point(soonest) < g_timer.m_planned) {
+        g_timer.m_planned = grid_point(soonest);
+        g_timer.m_sem.post();
+    }
+}
+
 /// Everything that is due goes to the pools, each chain with one push.
 void tick(uint64_t now) {
     DueChains& due = g_timer.m_due;
@@ -144,15 +159,9 @@ long CNetTimer::set_timer(CEvent* ev) {
         INFRA_LOG_STATIC(2, "Set timer's value is too big,it will be reduce to 24h.\n");
         ev->m_delay = LONGEST_US;
     }
-    const uint64_t expire = now + ev->m_delay - EARLY_US;
-    ev->m_expire = expire;
-    Infra::CGuard guard(g_timer.m_lock);
+    ev->m_expire = now + ev->m_delay - EARLY_US;
     if (heap().Insert(ev) != 0) {
-        g_timer.m_next_expire = expire;
-        if (g_timer.m_planned == 0 || grid_point(expire) < g_timer.m_planned) {
-            g_timer.m_planned = grid_point(expire);
-            g_timer.m_sem.post();
-        }
+        announce_top();
     }
     return id;
 }

@@ -92,6 +92,9 @@ bool CMultiplexer::take_place(int direction) {
 
 void CMultiplexer::book_add(CEvent* ev) {
     uint32_t book = muxBook(ev);
+    if (((ev->m_event_mask & SOCK_DIRECTIONS) & ~book) == 0) {
+        return;
+    }
     for (int direction = 0; direction < 3; ++direction) {
         const uint32_t bit = SOCK_READ << direction;
         if ((ev->m_event_mask & bit) && !(book & bit) && take_place(direction)) {
@@ -103,13 +106,25 @@ void CMultiplexer::book_add(CEvent* ev) {
 }
 
 void CMultiplexer::book_remove(CEvent* ev) {
+    Places freed{};
+    leave_places(ev, freed);
+    give_back(freed);
+}
+
+void CMultiplexer::leave_places(CEvent* ev, Places& freed) {
     const uint32_t book = muxBook(ev);
-    for (int direction = 0; direction < 3; ++direction) {
-        if (book & (SOCK_READ << direction)) {
-            m_places[direction].fetch_sub(1, std::memory_order_relaxed);
-        }
+    for (size_t direction = 0; direction < freed.size(); ++direction) {
+        freed[direction] += book >> direction & 1;
     }
     clearFlag(ev, static_cast<uint16_t>(SOCK_DIRECTIONS << MUX_BOOK_SHIFT));
+}
+
+void CMultiplexer::give_back(const Places& freed) {
+    for (size_t direction = 0; direction < freed.size(); ++direction) {
+        if (freed[direction] != 0) {
+            m_places[direction].fetch_sub(static_cast<int>(freed[direction]), std::memory_order_relaxed);
+        }
+    }
 }
 
 // ---- operations on a record ------------------------------------------------------------------------------
@@ -271,7 +286,8 @@ void CMultiplexer::quieten(CEvent* ev) {
 
 // ---- the wait ------------------------------------------------------------------------------------------
 
-CEvent* CMultiplexer::Wait(CEvent* token) {
+void CMultiplexer::Wait(CEvent* token) {
+    m_pace.TokenBack();
     Ready ready;
     if (m_epoll == -1) {
         m_blind.pend();
@@ -281,11 +297,7 @@ CEvent* CMultiplexer::Wait(CEvent* token) {
     if (m_rebuild) {
         rebuild();
     }
-    if (ready.count == 1 && !ready.slow && m_queue.Park(token)) {
-        return ready.head;
-    }
-    m_queue.PushReady(ready.head, ready.count, token);
-    return nullptr;
+    m_queue.PushReady(ready.head, ready.count, token, m_pace.WorkersFor(ready.count));
 }
 
 /// The number of reports; 0 for an interruption or a failure.
@@ -319,6 +331,7 @@ void CMultiplexer::collect(int reports, Ready& ready) {
         collect_always(ready);
     }
     m_sock_tree.Unlock();
+    give_back(ready.freed);
 }
 
 void CMultiplexer::report(const epoll_event& report, Ready& ready) {
@@ -348,9 +361,8 @@ void CMultiplexer::report(const epoll_event& report, Ready& ready) {
 void CMultiplexer::mark(CEvent* ev, int16_t revents, Ready& ready) {
     setRevents(ev, revents);
     ev->m_timer.m_sock_deadline = 0;  // an idle time-out rests while the socket is in flight
-    RemoveEvent(ev);
+    leave_places(ev, ready.freed);
     ev->m_next = nullptr;
-    ready.slow = hasFlag(ev, MUX_SLOW);
     if (ready.head == nullptr) {
         ready.head = ev;
     } else {

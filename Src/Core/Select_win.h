@@ -13,6 +13,7 @@
 #include <Infra/Semaphore.h>
 
 #include "Core/BTree.h"
+#include "Core/ServePace.h"
 #include "Core/SockRecord.h"
 #include "Core/WorkQueue.h"
 
@@ -66,10 +67,8 @@ public:
     /// served all the same, as far as the system lets us, and WakeUp works more slowly.
     int Init();
 
-    /// One pass: waits until a socket is ready or WakeUp was called. Pushes what is ready, and `token` behind
-    /// it, and returns null. Or, with one record ready and the queue ready to keep the token, returns that
-    /// record for the caller to serve.
-    CEvent* Wait(CEvent* token);
+    /// One pass: waits until a socket is ready or WakeUp was called, and pushes what is ready, and `token` behind it.
+    void Wait(CEvent* token);
 
     /// Ends a wait that is under way, or the next one.
     void WakeUp();
@@ -99,18 +98,23 @@ private:
     static constexpr int BLIND_WAIT_MS = 200;
     static constexpr int STRAY_PATIENCE_LIMIT = 4096;
 
+    /// A number for each of the sets: read, write, exception.
+    using Places = std::array<uint32_t, 3>;
+
     /// What one pass found ready, linked through m_next.
     struct Ready {
         CEvent* head = nullptr;
         CEvent* tail = nullptr;
         int count = 0;
-        bool slow = false;  ///< The last one's handler took long the last time.
+        Places freed{};  ///< Given back once for the whole pass.
     };
 
     // The book.
     bool take_place(int direction);
     void book_add(CEvent* ev);
     void book_remove(CEvent* ev);
+    static void leave_places(CEvent* ev, Places& freed);
+    void give_back(const Places& freed);
 
     // The kernel.
     void arm(CEvent* ev, uint32_t admitted, bool force);
@@ -155,6 +159,7 @@ private:
     std::atomic<int> m_always_count{0};
 
     // Of the thread in Wait.
+    ServePace m_pace;
     std::array<epoll_event, BATCH> m_reports;
     uint64_t m_stray = WAKE_MARK;  ///< A report without a record; the next one like it is a lasting one.
     int m_strays_passed = 0;       ///< Others since then.

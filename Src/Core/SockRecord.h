@@ -33,9 +33,8 @@ constexpr unsigned int MUX_ARMED_SHIFT = 3;  ///< What the kernel was told to wa
 constexpr unsigned int MUX_FORM_SHIFT = 6;   ///< A MuxForm, three bits.
 constexpr uint16_t MUX_BUSY = 1 << 9;  ///< In flight with nothing to deliver: a time-out without a direction.
 constexpr uint16_t MUX_FORCE = 1 << 10;   ///< Tell the kernel again, whatever it was told before.
-constexpr uint16_t MUX_SLOW = 1 << 11;    ///< The last call took long: hand the token over, do not park it.
-constexpr uint16_t MUX_LISTED = 1 << 12;  ///< On the list of the socket timer.
-constexpr uint16_t MUX_ORPHAN = 1 << 13;  ///< The handler was not found when the socket was ready.
+constexpr uint16_t MUX_LISTED = 1 << 11;  ///< On the list of the socket timer.
+constexpr uint16_t MUX_ORPHAN = 1 << 12;  ///< The handler was not found when the socket was ready.
 
 /// How the kernel holds a socket.
 enum class MuxForm : uint16_t {
@@ -67,10 +66,6 @@ inline void setFlag(CEvent* ev, uint16_t flag) {
 }
 inline void clearFlag(CEvent* ev, uint16_t flag) {
     Infra::relaxedStore(ev->m_mux_state, ev->m_mux_state & ~flag);
-}
-/// The flag as it is now, for the worker that serves the record and has not entered its mutex.
-inline bool hasFlagNow(const CEvent* ev, uint16_t flag) {
-    return (Infra::relaxedLoad(ev->m_mux_state) & flag) != 0;
 }
 inline bool hasFlag(const CEvent* ev, uint16_t flag) {
     return (ev->m_mux_state & flag) != 0;

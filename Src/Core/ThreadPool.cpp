@@ -100,7 +100,7 @@ void CThreadPool::Stop() {
     // Ends the wait of the token's holder. It queues the token and leaves, which lets the next worker go the
     // same way: the token empties the pool.
     m_mux.WakeUp();
-    m_event.Kick();
+    m_event.WakeAll();
     for (Infra::CThreadLite* thread : m_threads) {
         thread->destroyThread();
         delete thread;

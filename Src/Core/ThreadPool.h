@@ -102,7 +102,6 @@ private:
     // WorkerLoop.cpp
     void ThreadProc(Infra::CThreadLite& thread);
     void serve(CEvent* ev, Infra::CThreadLite& thread);
-    void poll(CEvent* token, Infra::CThreadLite& thread);
     void drain(CEvent* token, Infra::CThreadLite& thread);
     CEvent* next_serial();
     void unexpected(CEvent* ev);

@@ -1,6 +1,8 @@
 // TimerHeap: the armed timers of all pools, soonest first.
 #include "Core/TimerHeap.h"
 
+#include <algorithm>
+
 #include "Core/ObjectId.h"
 
 namespace Orvex::Reticor {
@@ -12,85 +14,70 @@ TimerHeap::TimerHeap() {
 // ---- the table of ids ------------------------------------------------------------------------------------
 
 // The upper bits of the ids of a pool count down by one, so they index an array of chunks.
-CEvent** TimerHeap::id_slot(int64_t id, bool grow) {
-    const int pool = INDEX_OF_ID(static_cast<long>(id));
+CEvent** TimerHeap::slot_of(int64_t id, bool grow) {
+    const size_t pool = static_cast<size_t>(INDEX_OF_ID(static_cast<long>(id)));
     if (pool >= PoolTable::POOL_LIMIT) {
         return nullptr;
     }
-    std::vector<Chunk>& chunks = m_by_id[static_cast<size_t>(pool)];
+    std::vector<Chunk>& chunks = m_by_id[pool];
     const size_t place = CObjectId::place_of(id);
     const size_t chunk = place / CHUNK;
-    if (chunk >= chunks.size()) {
+    if (chunk >= chunks.size() || !chunks[chunk]) {
         if (!grow) {
             return nullptr;
         }
-        chunks.resize(chunk + 1);
-    }
-    if (!chunks[chunk]) {
-        if (!grow) {
-            return nullptr;
-        }
+        chunks.resize(std::max(chunk + 1, chunks.size()));
         chunks[chunk] = std::make_unique<CEvent*[]>(CHUNK);
     }
     return &chunks[chunk][place % CHUNK];
 }
 
+/// The record of an entry whose timer is still armed. An id comes back with another generation, and one timer is
+/// armed again with a later expiry, so id and expiry together name one arming.
+CEvent* TimerHeap::armed(const Entry& entry) {
+    CEvent** slot = slot_of(entry.id, false);
+    CEvent* ev = slot != nullptr ? *slot : nullptr;
+    return ev != nullptr && ev->m_key == entry.id && ev->m_expire == entry.expire ? ev : nullptr;
+}
+
+void TimerHeap::disarm(CEvent* ev) {
+    *slot_of(ev->m_key, true) = nullptr;
+    --m_count;
+}
+
 // ---- the heap ------------------------------------------------------------------------------------------
 
-void TimerHeap::put(size_t place, const Entry& entry) {
-    m_array[place] = entry;
-    entry.record->m_heap_place = static_cast<int32_t>(place);
-}
-
-void TimerHeap::sift_up(size_t place, const Entry& entry) {
-    while (place > 0) {
-        const size_t parent = (place + 1) / 2 - 1;
-        if (m_array[parent].expire <= entry.expire) {
-            break;
-        }
-        put(place, m_array[parent]);
-        place = parent;
-    }
-    put(place, entry);
-}
-
-void TimerHeap::sift_down(size_t place, const Entry& entry) {
-    const size_t count = m_array.size();
-    for (size_t child = 2 * place + 1; child < count; child = 2 * place + 1) {
-        if (child + 1 < count && m_array[child + 1].expire < m_array[child].expire) {
-            ++child;
-        }
-        if (entry.expire <= m_array[child].expire) {
-            break;
-        }
-        put(place, m_array[child]);
-        place = child;
-    }
-    put(place, entry);
-}
-
-CEvent* TimerHeap::remove_at(size_t place) {
-    CEvent* record = m_array[place].record;
-    *id_slot(record->m_key, true) = nullptr;
-    const Entry last = m_array.back();
+void TimerHeap::pop_top() {
+    std::pop_heap(m_array.begin(), m_array.end(), later);
     m_array.pop_back();
-    if (place < m_array.size()) {
-        if (place > 0 && m_array[(place + 1) / 2 - 1].expire > last.expire) {
-            sift_up(place, last);
-        } else {
-            sift_down(place, last);
-        }
+}
+
+void TimerHeap::drop_dead_top() {
+    while (!m_array.empty() && armed(m_array.front()) == nullptr) {
+        pop_top();
     }
-    return record;
+}
+
+void TimerHeap::sweep() {
+    if (m_array.size() < 2 * m_count + FIRST_CAPACITY) {
+        return;
+    }
+    m_array.erase(std::remove_if(m_array.begin(), m_array.end(),
+                                 [this](const Entry& entry) INFRA_NO_THREAD_SAFETY_ANALYSIS {
+                                     return armed(entry) == nullptr;
+                                 }),
+                  m_array.end());
+    std::make_heap(m_array.begin(), m_array.end(), later);
 }
 
 uint64_t TimerHeap::Insert(CEvent* ev) {
     Infra::CGuard guard(m_mutex);
-    *id_slot(ev->m_key, true) = ev;
-    const Entry entry{ev->m_expire, ev};
-    m_array.push_back(entry);
-    sift_up(m_array.size() - 1, entry);
-    return m_array.front().record == ev ? entry.expire : 0;
+    *slot_of(ev->m_key, true) = ev;
+    ++m_count;
+    const uint64_t top = m_array.empty() ? ~uint64_t{0} : m_array.front().expire;
+    m_array.push_back({ev->m_expire, ev->m_key});
+    std::push_heap(m_array.begin(), m_array.end(), later);
+    return ev->m_expire < top ? ev->m_expire : 0;
 }
 
 uint64_t TimerHeap::Peek() {
@@ -101,7 +88,12 @@ uint64_t TimerHeap::Peek() {
 void TimerHeap::PopDue(uint64_t limit, DueChains& due) {
     Infra::CGuard guard(m_mutex);
     while (!m_array.empty() && m_array.front().expire <= limit) {
-        CEvent* ev = remove_at(0);
+        CEvent* ev = armed(m_array.front());
+        pop_top();
+        if (ev == nullptr) {
+            continue;
+        }
+        disarm(ev);
         const size_t index = static_cast<size_t>(INDEX_OF_ID(static_cast<long>(ev->m_obj_id)));
         if (due.m_chain[index] == nullptr) {
             due.m_active[static_cast<size_t>(due.m_active_num++)] = static_cast<int>(index);
@@ -109,41 +101,46 @@ void TimerHeap::PopDue(uint64_t limit, DueChains& due) {
         ev->m_next = due.m_chain[index];
         due.m_chain[index] = ev;
     }
+    drop_dead_top();
 }
 
 CEvent* TimerHeap::RemoveById(long id) {
-    Infra::CGuard guard(m_mutex);
     if (id >= EVENT_KEY_TIMER_LIMIT) {
         return nullptr;
     }
-    CEvent** slot = id_slot(id, false);
-    if (slot == nullptr || *slot == nullptr || (*slot)->m_key != id) {
+    Infra::CGuard guard(m_mutex);
+    CEvent** slot = slot_of(id, false);
+    CEvent* ev = slot != nullptr ? *slot : nullptr;
+    if (ev == nullptr || ev->m_key != id) {
         return nullptr;
     }
-    return remove_at(static_cast<size_t>((*slot)->m_heap_place));
+    disarm(ev);
+    drop_dead_top();
+    sweep();
+    return ev;
 }
 
 CEvent* TimerHeap::RemovePool(int index) {
     Infra::CGuard guard(m_mutex);
     CEvent* chain = nullptr;
-    const std::vector<Entry> all = std::move(m_array);
-    m_array.clear();
-    for (const Entry& entry : all) {
-        if (INDEX_OF_ID(static_cast<long>(entry.record->m_key)) == index) {
-            entry.record->m_next = chain;
-            chain = entry.record;
-        } else {
-            m_array.push_back(entry);
-            sift_up(m_array.size() - 1, entry);
+    for (Chunk& chunk : m_by_id[static_cast<size_t>(index)]) {
+        for (size_t place = 0; chunk && place < CHUNK; ++place) {
+            if (CEvent* ev = chunk[place]) {
+                ev->m_next = chain;
+                chain = ev;
+                --m_count;
+            }
         }
     }
     m_by_id[static_cast<size_t>(index)].clear();
+    drop_dead_top();
+    sweep();
     return chain;
 }
 
 int TimerHeap::Count() {
     Infra::CGuard guard(m_mutex);
-    return static_cast<int>(m_array.size());
+    return static_cast<int>(m_count);
 }
 
 }  // namespace Orvex::Reticor

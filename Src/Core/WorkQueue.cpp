@@ -1,25 +1,30 @@
-// CWorkQueue: the main queue of a pool, which also keeps the poll token while its holder serves a record.
+// CWorkQueue: the main queue of a pool, which knows its sleeping workers and wakes no more of them than pays.
 #include "Core/WorkQueue.h"
 
-#include <Infra/Log.h>
+#include <algorithm>
 
 namespace Orvex::Reticor {
 
-int CWorkQueue::append_parked() {
-    if (m_parked == nullptr) {
-        return 0;
-    }
-    CEvent* token = m_parked;
-    m_parked = nullptr;
-    token->m_next = nullptr;
-    return append(token);
+// ---- pushing -------------------------------------------------------------------------------------------
+
+/// Gives out up to `most` wake-ups: whoever is woken for them is no sleeper any more.
+int CWorkQueue::claim(int most) {
+    const int claimed = std::min(m_sleepers, most);
+    m_sleepers -= claimed;
+    return claimed;
+}
+
+void CWorkQueue::wake(int claimed) {
+    m_sem.post(claimed, claimed);
 }
 
 void CWorkQueue::Push(CEvent* ev) {
-    Infra::CGuard guard(m_mutex);
-    int count = append(ev);
-    count += append_parked();
-    m_sem.post(count, count);
+    int claimed;
+    {
+        Infra::CGuard guard(m_mutex);
+        claimed = claim(append(ev));
+    }
+    wake(claimed);
 }
 
 void CWorkQueue::PushOne(CEvent* ev) {
@@ -28,116 +33,94 @@ void CWorkQueue::PushOne(CEvent* ev) {
 }
 
 void CWorkQueue::PushFront(CEvent* ev) {
-    Infra::CGuard guard(m_mutex);
-    ev->m_next = m_head;
-    if (m_head == nullptr) {
-        m_tail = ev;
+    int claimed;
+    {
+        Infra::CGuard guard(m_mutex);
+        put_front(ev);
+        claimed = claim(1);
     }
-    m_head = ev;
-    const int count = 1 + append_parked();
-    m_sem.post(count, count);
+    wake(claimed);
 }
 
-void CWorkQueue::PushReady(CEvent* chain, int count, CEvent* token) {
+void CWorkQueue::PushReady(CEvent* chain, int count, CEvent* token, int wakes) {
     token->m_next = nullptr;
-    Infra::CGuard guard(m_mutex);
-    if (chain != nullptr) {
-        append(chain);
+    int claimed;
+    {
+        Infra::CGuard guard(m_mutex);
+        if (chain != nullptr) {
+            append(chain);
+        }
+        append(token);
+        claimed = claim(std::min(count, m_guard ? wakes : std::max(wakes, 1)));
     }
-    append(token);
-    m_sem.post(count + 1, count);
+    wake(claimed);
 }
 
-CEvent* CWorkQueue::take_one() {
-    CEvent* ev = TryPop();
-    if (ev == nullptr) {
-        INFRA_LOG(2, "sem_wait error unexpected!!\n");
+void CWorkQueue::WakeAll() {
+    int claimed;
+    {
+        Infra::CGuard guard(m_mutex);
+        claimed = claim(m_sleepers);
     }
-    return ev;
+    wake(claimed);
 }
+
+// ---- taking --------------------------------------------------------------------------------------------
 
 CEvent* CWorkQueue::PopWork() {
-    if (m_sem.pendFor(0)) {
-        return take_one();
-    }
-    if (become_guard()) {
-        return guard();
-    }
-    m_sem.pend();
-    return take_one();
-}
-
-bool CWorkQueue::become_guard() {
-    Infra::CGuard guard(m_mutex);
-    if (m_guard) {
-        return false;
-    }
-    m_guard = true;
-    return true;
-}
-
-CEvent* CWorkQueue::guard() {
-    uint64_t seen_parkings = ~uint64_t{0};
-    uint64_t seen_progress = ~uint64_t{0};
-    while (!m_sem.pendFor(GUARD_PERIOD_US)) {
-        CEvent* token = nullptr;
-        if (!keep_guarding(seen_parkings, seen_progress, token)) {
-            if (token != nullptr) {
-                return token;
-            }
-            m_sem.pend();
-            return take_one();
-        }
-    }
-    CEvent* ev;
+    bool guarding;
     {
-        Infra::CGuard lock(m_mutex);
-        m_guard = false;
-        ev = take();
-        // A push has put a parked token behind its record already, unless it was parked after another worker
-        // took that record. Nobody would watch it now.
-        if (const int count = append_parked()) {
-            m_sem.post(count, count);
+        Infra::CGuard guard(m_mutex);
+        if (CEvent* ev = take()) {
+            return ev;
+        }
+        ++m_sleepers;
+        guarding = !m_guard;
+        m_guard = true;
+    }
+    if (guarding) {
+        sleep_as_guard();
+    } else {
+        m_sem.pend();
+    }
+    return TryPop();
+}
+
+/// Returns when there is, or just was, something to take.
+void CWorkQueue::sleep_as_guard() {
+    uint64_t seen_progress = ~uint64_t{0};
+    bool overdue = false;
+    while (!m_sem.pendFor(GUARD_PERIOD_US)) {
+        if (end_guard(seen_progress, overdue)) {
+            if (!overdue) {
+                m_sem.pend();
+            }
+            return;
         }
     }
-    if (ev == nullptr) {
-        INFRA_LOG(2, "sem_wait error unexpected!!\n");
-    }
-    return ev;
-}
-
-bool CWorkQueue::keep_guarding(uint64_t& seen_parkings, uint64_t& seen_progress, CEvent*& token) {
     Infra::CGuard guard(m_mutex);
-    const uint64_t progress = m_progress.load(std::memory_order_relaxed);
-    const bool same_parking = m_parkings == seen_parkings;
-    if (m_parked != nullptr && same_parking) {
-        token = m_parked;
-        m_parked = nullptr;
-    } else if (m_parked != nullptr || !same_parking || progress != seen_progress) {
-        seen_parkings = m_parkings;
-        seen_progress = progress;
-        return true;
-    }
     m_guard = false;
-    return false;
 }
 
-bool CWorkQueue::Park(CEvent* token) {
-    Infra::CGuard guard(m_mutex);
-    if (m_head != nullptr || !m_guard) {
-        return false;
+/// A look of the guard. True if it is no guard any more: records are overdue, or the pool stands still.
+bool CWorkQueue::end_guard(uint64_t& seen_progress, bool& overdue) {
+    int claimed = 0;
+    {
+        Infra::CGuard guard(m_mutex);
+        const uint64_t progress = m_progress.load(std::memory_order_relaxed);
+        const bool idle = progress == seen_progress;
+        seen_progress = progress;
+        if (m_head == nullptr && !idle) {
+            return false;
+        }
+        m_guard = false;
+        // With no sleeper counted, a wake-up is on its way to this thread, and is waited for.
+        if (m_head != nullptr && claim(1) == 1) {
+            overdue = true;
+            claimed = m_head->m_next != nullptr ? claim(1) : 0;
+        }
     }
-    m_parked = token;
-    ++m_parkings;
-    return true;
-}
-
-bool CWorkQueue::Unpark(CEvent* token) {
-    Infra::CGuard guard(m_mutex);
-    if (m_parked != token) {
-        return false;
-    }
-    m_parked = nullptr;
+    wake(claimed);
     return true;
 }
 

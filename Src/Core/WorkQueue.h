@@ -1,4 +1,4 @@
-// CWorkQueue: the main queue of a pool, which also keeps the poll token while its holder serves a record.
+// CWorkQueue: the main queue of a pool, which knows its sleeping workers and wakes no more of them than pays.
 #pragma once
 
 #include <atomic>
@@ -8,63 +8,52 @@
 
 namespace Orvex::Reticor {
 
-/// A CEventQueue whose poller may keep the poll token over one record.
+/// A CEventQueue whose sleepers are counted under its mutex: pushing and taking a record touch nothing else while
+/// nobody sleeps, and a wake-up is given out once.
 ///
-/// The rule of a pool is that the token stands in the queue behind the records of its poll, so that another
-/// worker polls while a handler runs. With one ready socket at a time that hand-over costs more than the work
-/// itself: two wakes and two sleeps for each record. So the poller may *park* the token here, serve the
-/// record itself, and take the token back. Others are served in spite of a handler that blocks, because:
+/// A pushed record wakes a sleeper, with one exception: the poller's own push. The poller itself takes the next
+/// record, and where the handlers are quick, waking somebody for the one behind it costs more than serving it. So
+/// the poller says how many workers its batch is worth. Others are served in spite of a handler that blocks, because
+/// one idle worker is the *guard*: it looks every millisecond for a record that is still there, takes it, and
+/// wakes another for the rest. Without a guard the poller's push wakes one worker at least. A guard that sees
+/// the pool stand still sleeps without limit like the others, so an idle pool makes no wake-ups.
 ///
-///  1. Parking needs an empty queue and a *guard*: a worker that waits for work with a time limit. One guard
-///  is
-///     enough; all other idle workers wait without limit.
-///  2. A guard that finds the same parking at two looks takes the token and polls.
-///  3. Every push onto a queue with a parked token puts the token behind the pushed record, and wakes for
-///  both.
-///  4. A guard that sees the pool stand still waits without limit, so that an idle pool makes no wake-ups.
-///  The
-///     first record after that finds no guard, and the token goes through the queue.
+/// Thread safety: any thread. A push wakes after it has left the mutex, so the caller keeps the pool alive: it is one
+/// of the pool's threads, or holds the lock of the pool's slot.
 class CWorkQueue : public CEventQueue {
 public:
-    /// `progress` moves with every record that the pool takes; it tells a guard whether the pool is idle.
+    /// `progress` moves with every record that the pool takes; it tells the guard whether the pool is idle.
     explicit CWorkQueue(const std::atomic<uint64_t>& progress) : m_progress(progress) {}
 
-    // As in CEventQueue, and by rule 3.
+    // As in CEventQueue.
     void Push(CEvent* ev);
     void PushOne(CEvent* ev);
     void PushFront(CEvent* ev);
+    void PushSilent(CEvent* ev) = delete;
+    CEvent* Pop() = delete;
 
-    /// The poller's push: the ready chain (null if empty) of `count` records, and the token behind it. Wakes
-    /// one sleeper less than that makes records, since the caller itself takes the next one.
-    void PushReady(CEvent* chain, int count, CEvent* token);
+    /// The poller's push: the ready chain (null if empty) of `count` records, and the token behind it. Wakes up to
+    /// `wakes` sleepers for them, and no more than `count`.
+    void PushReady(CEvent* chain, int count, CEvent* token, int wakes);
 
-    /// A worker's Pop: waits for a record, or as guard for an overdue token.
+    /// A worker's Pop: waits for a record. Null after WakeAll.
     CEvent* PopWork();
 
-    /// Keeps the token here for its holder. False, and nothing is kept, if rule 1 does not hold.
-    bool Park(CEvent* token);
-
-    /// Gives the parked token back to its holder; false if it has gone to the queue or to the guard
-    /// meanwhile.
-    bool Unpark(CEvent* token);
-
-    /// Wakes one worker that sleeps although the queue has a record for it. A worker that leaves calls this:
-    /// it may have queued the token in the belief that it would take the next record itself.
-    void Kick() { m_sem.wakeOne(); }
+    /// Has every sleeper return. For the end of the pool: each worker that leaves calls it, since another may have
+    /// gone to sleep after the call before.
+    void WakeAll();
 
 private:
-    /// How long a guard waits between two looks. The token is overdue after two of them at most.
     static constexpr uint64_t GUARD_PERIOD_US = 1000;
 
-    int append_parked() INFRA_REQUIRES(m_mutex);
-    bool become_guard();
-    CEvent* guard();
-    bool keep_guarding(uint64_t& seen_parkings, uint64_t& seen_progress, CEvent*& token);
-    CEvent* take_one();
+    int claim(int most) INFRA_REQUIRES(m_mutex);
+    void wake(int claimed);
+    void sleep_as_guard();
+    bool end_guard(uint64_t& seen_progress, bool& overdue);
 
     const std::atomic<uint64_t>& m_progress;
-    CEvent* m_parked INFRA_GUARDED_BY(m_mutex) = nullptr;
-    uint64_t m_parkings INFRA_GUARDED_BY(m_mutex) = 0;
+    /// Workers that sleep, or are about to, and for whom no wake-up was given out.
+    int m_sleepers INFRA_GUARDED_BY(m_mutex) = 0;
     bool m_guard INFRA_GUARDED_BY(m_mutex) = false;
 
     friend struct WorkQueueProbe;  // tests

@@ -30,7 +30,7 @@ void CThreadPool::ThreadProc(Infra::CThreadLite& thread) {
     }
     // The next worker must be left neither in the wait nor asleep beside the token.
     m_mux.WakeUp();
-    m_event.Kick();
+    m_event.WakeAll();
     CTsMemory::DestroyThreadMemPool();
 }
 
@@ -43,7 +43,7 @@ void CThreadPool::serve(CEvent* ev, Infra::CThreadLite& thread) {
     } else if (key < EVENT_KEY_TIMER_LIMIT) {
         CNetTimer::handle_timer(ev);
     } else if (key == EVENT_KEY_POLL) {
-        poll(ev, thread);
+        m_mux.Wait(ev);
     } else if (key == EVENT_KEY_DRAIN) {
         drain(ev, thread);
     } else if (key == EVENT_KEY_HEARTBEAT) {
@@ -57,23 +57,6 @@ void CThreadPool::unexpected(CEvent* ev) {
     INFRA_LOG(2, "Exist unexpected event, Please check it, key : [%d]!\n", static_cast<int>(ev->m_key));
     putEvent(ev);
     assert(0);
-}
-
-// The holder of the token polls until the token leaves its hands: into the queue behind what was ready, or,
-// parked over a record that took too long, to the queue's guard.
-void CThreadPool::poll(CEvent* token, Infra::CThreadLite& thread) {
-    while (CEvent* ready = m_mux.Wait(token)) {
-        m_loop_count.fetch_add(1, std::memory_order_relaxed);
-        CNetSock::handle_netevent(ready, true);
-        if (!m_event.Unpark(token)) {
-            return;
-        }
-        m_loop_count.fetch_add(1, std::memory_order_relaxed);
-        if (!thread.looping()) {
-            m_event.PushOne(token);
-            return;
-        }
-    }
 }
 
 void CThreadPool::drain(CEvent* token, Infra::CThreadLite& thread) {

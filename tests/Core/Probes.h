@@ -175,9 +175,7 @@ struct HandlerProbe {
     static int64_t sockets(CNetHandler& handler) { return state(handler).m_sock.load(); }
     static int64_t references(CNetHandler& handler) { return state(handler).m_ref.load(); }
     static bool closeCalled(CNetHandler& handler) {
-        HandlerInternal& internal = state(handler);
-        Infra::CGuard guard(internal.m_mutex);
-        return internal.m_close_called != 0;
+        return state(handler).m_close_called.load() != 0;
     }
 };
 

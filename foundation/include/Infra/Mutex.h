@@ -25,22 +25,71 @@ public:
     CMutex& operator=(const CMutex&) = delete;
 
     // Blocks until the calling thread holds the lock. Always true.
-    bool enter() noexcept INFRA_ACQUIRE();
+    bool enter() noexcept INFRA_ACQUIRE() {
+        if (!take_free() && !enter_again()) {
+            enter_contended();
+            take_over();
+        }
+        return true;
+    }
     // Gives up one entry of the calling thread. Always true; fires an assertion if the caller is not the
     // holder.
-    bool leave() noexcept INFRA_RELEASE();
+    bool leave() noexcept INFRA_RELEASE() {
+        if (m_depth != 1 || !heldByThisThread()) {
+            leave_once();
+            return true;
+        }
+        m_owner.store(nullptr, std::memory_order_relaxed);
+        // From the exchange on another thread may enter, leave and destroy the lock: only its address is used
+        // after it.
+        if (m_state.exchange(FREE, std::memory_order_release) == HELD_WITH_SLEEPERS) {
+            wake_sleeper();
+        }
+        return true;
+    }
     // Takes the lock if it is free or already the caller's, and returns true; else returns false at once.
-    bool tryEnter() noexcept INFRA_TRY_ACQUIRE(true);
+    bool tryEnter() noexcept INFRA_TRY_ACQUIRE(true) { return take_free() || enter_again(); }
 
     // For assertions: exact for the calling thread's own hold, whatever other threads do meanwhile.
-    bool heldByThisThread() const noexcept;
+    bool heldByThisThread() const noexcept { return m_owner.load(std::memory_order_relaxed) == this_thread(); }
 
 private:
-    void enter_contended() noexcept;
-    void take_over() noexcept;
+    // Values of m_state.
+    static constexpr uint32_t FREE = 0;
+    static constexpr uint32_t HELD = 1;
+    static constexpr uint32_t HELD_WITH_SLEEPERS = 2;
 
-    // 0 free, 1 held, 2 held and somebody may sleep on this word.
-    std::atomic<uint32_t> m_state{0};
+    // An address that no other running thread has.
+    static const void* this_thread() noexcept { return __builtin_thread_pointer(); }
+
+    bool take_free() noexcept {
+        uint32_t expected = FREE;
+        if (!m_state.compare_exchange_strong(expected, HELD, std::memory_order_acquire,
+                                             std::memory_order_relaxed)) {
+            return false;
+        }
+        take_over();
+        return true;
+    }
+    // The question comes only after the exchange has failed: a look at the owner beforehand would fetch the
+    // cache line twice from another processor, once to read and once to write.
+    bool enter_again() noexcept {
+        if (!heldByThisThread()) {
+            return false;
+        }
+        ++m_depth;
+        return true;
+    }
+    void take_over() noexcept {
+        m_owner.store(this_thread(), std::memory_order_relaxed);
+        m_depth = 1;
+    }
+    void enter_contended() noexcept;
+    void leave_once() noexcept;
+    void wake_sleeper() noexcept;
+
+    // FREE, HELD, or held while somebody may sleep on this word.
+    std::atomic<uint32_t> m_state{FREE};
     // Entries of the holder; touched by the holder alone.
     uint32_t m_depth = 0;
     // Names the holder. Others may read a stale value, but never their own name unless they hold the lock.
