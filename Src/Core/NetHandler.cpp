@@ -55,8 +55,8 @@ void CNetHandler::Close() {
     }
 }
 
-// The reference comes first: it keeps the object alive over the work, and a racing Close is seen either before or
-// after it.
+// The reference comes first: it keeps the object alive over the work, and a racing Close is seen either
+// before or after it.
 bool CNetHandler::enter_open() {
     AddRef();
     if (m_internal->__m_magic.load(std::memory_order_acquire) == HANDLER_OPEN) {

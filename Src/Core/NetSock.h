@@ -37,7 +37,8 @@ public:
     };
     static Registration Look(CNetHandler* handler, CSock& sock);
 
-    /// Serves a record in flight: calls the handler, then watches the socket again or frees the record. Always 0.
+    /// Serves a record in flight: calls the handler, then watches the socket again or frees the record.
+    /// Always 0.
     static int handle_netevent(CEvent* event);
 
 private:

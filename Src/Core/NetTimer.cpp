@@ -55,7 +55,8 @@ uint64_t plan() {
 /// There is a new soonest timer: tells the thread, and wakes it if it would look too late.
 void announce_top() {
     Infra::CGuard guard(g_timer.m_lock);
-    // The heap is asked again under the lock, since others may have armed sooner ones, or ended this one, meanwhile.
+    // The heap is asked again under the lock, since others may have armed sooner ones, or ended this one,
+    // meanwhile.
     const uint64_t soonest = CNetTimer::heap().Peek();
     if (soonest == 0) {
         return;

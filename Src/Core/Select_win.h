@@ -67,7 +67,8 @@ public:
     /// served all the same, as far as the system lets us, and WakeUp works more slowly.
     int Init();
 
-    /// One pass: waits until a socket is ready or WakeUp was called, and pushes what is ready, and `token` behind it.
+    /// One pass: waits until a socket is ready or WakeUp was called, and pushes what is ready, and `token`
+    /// behind it.
     void Wait(CEvent* token);
 
     /// Ends a wait that is under way, or the next one.

@@ -8,8 +8,8 @@
 
 namespace Orvex::Reticor {
 
-/// Estimates how long the handlers of a pool take for one ready socket, from the time that passes until the poll
-/// token comes back from behind a batch. Quick handlers are served by the worker that polled; for each
+/// Estimates how long the handlers of a pool take for one ready socket, from the time that passes until the
+/// poll token comes back from behind a batch. Quick handlers are served by the worker that polled; for each
 /// WORTH_A_WORKER_US of work another one is woken.
 ///
 /// Thread safety: for the holder of the poll token.
@@ -19,8 +19,8 @@ public:
     void TokenBack() {
         if (m_timed) {
             const uint64_t took_ns = (Infra::CTime::getCurrentMicroSecond() - m_begin_us) * 1000;
-            // A sliding mean, falling faster than it rises: one batch during which the system ran something else
-            // must not look like slow handlers.
+            // A sliding mean, falling faster than it rises: one batch during which the system ran something
+            // else must not look like slow handlers.
             const uint64_t sample = std::min(took_ns / static_cast<uint64_t>(m_batch), LONGEST_NS);
             m_record_ns = sample < m_record_ns ? (m_record_ns + sample) / 2 : (7 * m_record_ns + sample) / 8;
         }
@@ -38,7 +38,8 @@ public:
 
 private:
     static constexpr uint64_t WORTH_A_WORKER_US = 50;
-    static constexpr uint32_t TIMED_EACH = 8;  ///< One batch in so many is timed; a clock costs as much as a lock.
+    static constexpr uint32_t TIMED_EACH =
+        8;  ///< One batch in so many is timed; a clock costs as much as a lock.
     static constexpr uint64_t LONGEST_NS = 200000;
 
     uint64_t m_record_ns = WORTH_A_WORKER_US * 1000;  ///< Unknown at first: as if each were worth a worker.

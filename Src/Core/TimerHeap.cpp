@@ -32,8 +32,8 @@ CEvent** TimerHeap::slot_of(int64_t id, bool grow) {
     return &chunks[chunk][place % CHUNK];
 }
 
-/// The record of an entry whose timer is still armed. An id comes back with another generation, and one timer is
-/// armed again with a later expiry, so id and expiry together name one arming.
+/// The record of an entry whose timer is still armed. An id comes back with another generation, and one timer
+/// is armed again with a later expiry, so id and expiry together name one arming.
 CEvent* TimerHeap::armed(const Entry& entry) {
     CEvent** slot = slot_of(entry.id, false);
     CEvent* ev = slot != nullptr ? *slot : nullptr;
@@ -63,9 +63,8 @@ void TimerHeap::sweep() {
         return;
     }
     m_array.erase(std::remove_if(m_array.begin(), m_array.end(),
-                                 [this](const Entry& entry) INFRA_NO_THREAD_SAFETY_ANALYSIS {
-                                     return armed(entry) == nullptr;
-                                 }),
+                                 [this](const Entry& entry)
+                                     INFRA_NO_THREAD_SAFETY_ANALYSIS { return armed(entry) == nullptr; }),
                   m_array.end());
     std::make_heap(m_array.begin(), m_array.end(), later);
 }

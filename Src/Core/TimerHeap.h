@@ -13,8 +13,8 @@
 
 namespace Orvex::Reticor {
 
-/// The records that one tick found due, one chain for each pool. Chains grow at their front: within one tick and one
-/// pool, the timer that was due last runs first.
+/// The records that one tick found due, one chain for each pool. Chains grow at their front: within one tick
+/// and one pool, the timer that was due last runs first.
 struct DueChains {
     std::array<CEvent*, PoolTable::POOL_LIMIT> m_chain{};  ///< By pool index; all null between ticks.
     std::array<int, PoolTable::POOL_LIMIT> m_active{};     ///< The indexes with a chain, by first appearance.
@@ -23,9 +23,9 @@ struct DueChains {
 
 /// A binary min-heap by expiry, and a table that leads from a timer's id to its record.
 ///
-/// A timer is armed if the table says so. Ending one takes it out of the table alone, so that a million armed timers
-/// cost nothing to one that is cancelled; its entry stays in the heap as a dead one until it comes to the top, or
-/// until the dead ones outnumber the others and are swept out.
+/// A timer is armed if the table says so. Ending one takes it out of the table alone, so that a million armed
+/// timers cost nothing to one that is cancelled; its entry stays in the heap as a dead one until it comes to
+/// the top, or until the dead ones outnumber the others and are swept out.
 ///
 /// Thread safety: any thread.
 class TimerHeap {

@@ -8,18 +8,19 @@
 
 namespace Orvex::Reticor {
 
-/// A CEventQueue whose sleepers are counted under its mutex: pushing and taking a record touch nothing else while
-/// nobody sleeps, and a wake-up is given out once.
+/// A CEventQueue whose sleepers are counted under its mutex: pushing and taking a record touch nothing else
+/// while nobody sleeps, and a wake-up is given out once.
 ///
-/// A pushed record wakes a sleeper, with one exception: the poller's own push. The poller itself takes the next
-/// record, and where the handlers are quick, waking somebody for the one behind it costs more than serving it. So
-/// the poller says how many workers its batch is worth. Others are served in spite of a handler that blocks, because
-/// one idle worker is the *guard*: it looks every millisecond for a record that is still there, takes it, and
-/// wakes another for the rest. Without a guard the poller's push wakes one worker at least. A guard that sees
-/// the pool stand still sleeps without limit like the others, so an idle pool makes no wake-ups.
+/// A pushed record wakes a sleeper, with one exception: the poller's own push. The poller itself takes the
+/// next record, and where the handlers are quick, waking somebody for the one behind it costs more than
+/// serving it. So the poller says how many workers its batch is worth. Others are served in spite of a
+/// handler that blocks, because one idle worker is the *guard*: it looks every millisecond for a record that
+/// is still there, takes it, and wakes another for the rest. Without a guard the poller's push wakes one
+/// worker at least. A guard that sees the pool stand still sleeps without limit like the others, so an idle
+/// pool makes no wake-ups.
 ///
-/// Thread safety: any thread. A push wakes after it has left the mutex, so the caller keeps the pool alive: it is one
-/// of the pool's threads, or holds the lock of the pool's slot.
+/// Thread safety: any thread. A push wakes after it has left the mutex, so the caller keeps the pool alive:
+/// it is one of the pool's threads, or holds the lock of the pool's slot.
 class CWorkQueue : public CEventQueue {
 public:
     /// `progress` moves with every record that the pool takes; it tells the guard whether the pool is idle.
@@ -32,15 +33,15 @@ public:
     void PushSilent(CEvent* ev) = delete;
     CEvent* Pop() = delete;
 
-    /// The poller's push: the ready chain (null if empty) of `count` records, and the token behind it. Wakes up to
-    /// `wakes` sleepers for them, and no more than `count`.
+    /// The poller's push: the ready chain (null if empty) of `count` records, and the token behind it. Wakes
+    /// up to `wakes` sleepers for them, and no more than `count`.
     void PushReady(CEvent* chain, int count, CEvent* token, int wakes);
 
     /// A worker's Pop: waits for a record. Null after WakeAll.
     CEvent* PopWork();
 
-    /// Has every sleeper return. For the end of the pool: each worker that leaves calls it, since another may have
-    /// gone to sleep after the call before.
+    /// Has every sleeper return. For the end of the pool: each worker that leaves calls it, since another may
+    /// have gone to sleep after the call before.
     void WakeAll();
 
 private:

@@ -57,22 +57,13 @@ struct EventQueueProbe {
 };
 
 struct WorkQueueProbe {
-    static CEvent* parked(CWorkQueue& queue) {
-        Infra::CGuard guard(queue.m_mutex);
-        return queue.m_parked;
-    }
-    static uint64_t parkings(CWorkQueue& queue) {
-        Infra::CGuard guard(queue.m_mutex);
-        return queue.m_parkings;
-    }
     static bool guarded(CWorkQueue& queue) {
         Infra::CGuard guard(queue.m_mutex);
         return queue.m_guard;
     }
-    // Says that a guard watches the queue, without one.
-    static void pretendGuard(CWorkQueue& queue, bool guarded) {
+    static int sleepers(CWorkQueue& queue) {
         Infra::CGuard guard(queue.m_mutex);
-        queue.m_guard = guarded;
+        return queue.m_sleepers;
     }
 };
 
@@ -174,9 +165,7 @@ struct HandlerProbe {
     // Sockets that are counted on the handler, and references on it.
     static int64_t sockets(CNetHandler& handler) { return state(handler).m_sock.load(); }
     static int64_t references(CNetHandler& handler) { return state(handler).m_ref.load(); }
-    static bool closeCalled(CNetHandler& handler) {
-        return state(handler).m_close_called.load() != 0;
-    }
+    static bool closeCalled(CNetHandler& handler) { return state(handler).m_close_called.load() != 0; }
 };
 
 }  // namespace Orvex::Reticor

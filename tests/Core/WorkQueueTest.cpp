@@ -1,17 +1,17 @@
-// CWorkQueue: the parked token, the guard that watches it, and the counts of each push.
+// CWorkQueue: who is woken by which push, and the guard that looks for what nobody took.
 #include "Core/WorkQueue.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
-#include <cstdio>
+#include <memory>
 #include <thread>
+#include <vector>
 
 #include "Core/Probes.h"
 #include "support/Eventually.h"
 #include "support/KernelThread.h"
-#include "support/LogCapture.h"
 
 namespace Orvex::Testing {
 namespace {
@@ -26,15 +26,9 @@ protected:
         }
     }
 
-    // Lets the queue keep the token, as it does while a guard waits.
-    void park() {
-        WorkQueueProbe::pretendGuard(queue, true);
-        ASSERT_TRUE(queue.Park(&token));
-    }
     Records queued() { return EventQueueProbe::records(queue); }
-    int counts() { return EventQueueProbe::takeCounts(queue); }
-    CEvent* parked() { return WorkQueueProbe::parked(queue); }
     bool guarded() { return WorkQueueProbe::guarded(queue); }
+    int sleepers() { return WorkQueueProbe::sleepers(queue); }
 
     std::atomic<uint64_t> progress{0};
     CWorkQueue queue{progress};
@@ -71,81 +65,7 @@ private:
     std::thread m_thread;
 };
 
-// ---- parking ---------------------------------------------------------------------------------------------
-
-TEST_F(WorkQueueTest, ParkingNeedsAGuard) {
-    EXPECT_FALSE(queue.Park(&token));
-    EXPECT_EQ(nullptr, parked());
-    EXPECT_FALSE(queue.Unpark(&token));
-    WorkQueueProbe::pretendGuard(queue, true);
-    EXPECT_TRUE(queue.Park(&token));
-    EXPECT_EQ(&token, parked());
-    EXPECT_EQ(1u, WorkQueueProbe::parkings(queue));
-    EXPECT_TRUE(queued().empty());
-    EXPECT_EQ(0, counts());
-}
-
-TEST_F(WorkQueueTest, ParkingNeedsAnEmptyQueue) {
-    WorkQueueProbe::pretendGuard(queue, true);
-    queue.PushOne(&a);
-    EXPECT_FALSE(queue.Park(&token));
-    EXPECT_EQ(nullptr, parked());
-    queue.TryPop();
-    EXPECT_TRUE(queue.Park(&token));
-}
-
-TEST_F(WorkQueueTest, HolderGetsTheTokenBackOnce) {
-    park();
-    EXPECT_TRUE(queue.Unpark(&token));
-    EXPECT_EQ(nullptr, parked());
-    EXPECT_FALSE(queue.Unpark(&token));
-    EXPECT_TRUE(queue.Park(&token));
-    EXPECT_EQ(2u, WorkQueueProbe::parkings(queue));
-}
-
-TEST_F(WorkQueueTest, EveryPushPutsTheTokenBehindItsRecordsAndCountsIt) {
-    park();
-    token.m_next = &c;  // a link from earlier
-    queue.PushOne(&a);
-    EXPECT_EQ((Records{&a, &token}), queued());
-    EXPECT_EQ(2, counts());
-    EXPECT_FALSE(queue.Unpark(&token));
-    queue.TryPop();
-    queue.TryPop();
-
-    park();
-    a.m_next = &b;
-    b.m_next = nullptr;
-    queue.Push(&a);
-    EXPECT_EQ((Records{&a, &b, &token}), queued());
-    EXPECT_EQ(3, counts());
-    EXPECT_TRUE(EventQueueProbe::tailIsLast(queue));
-}
-
-TEST_F(WorkQueueTest, PushToTheFrontPutsTheTokenBehindEverything) {
-    park();
-    queue.PushFront(&a);
-    EXPECT_EQ((Records{&a, &token}), queued());
-    EXPECT_EQ(2, counts());
-    queue.PushFront(&b);
-    EXPECT_EQ((Records{&b, &a, &token}), queued());
-    EXPECT_EQ(1, counts());
-    EXPECT_TRUE(EventQueueProbe::tailIsLast(queue));
-}
-
-TEST_F(WorkQueueTest, PollersPushIsTheReadyChainAndTheTokenBehindIt) {
-    token.m_next = &c;
-    a.m_next = &b;
-    b.m_next = nullptr;
-    queue.PushReady(&a, 2, &token);
-    EXPECT_EQ((Records{&a, &b, &token}), queued());
-    EXPECT_EQ(3, counts());
-    while (queue.TryPop() != nullptr) {
-    }
-    queue.PushReady(nullptr, 0, &token);
-    EXPECT_EQ(Records{&token}, queued());
-    EXPECT_EQ(1, counts());
-}
+// ---- order ---------------------------------------------------------------------------------------------
 
 TEST_F(WorkQueueTest, RecordsComeOutInTheOrderOfTheirPush) {
     queue.PushOne(&a);
@@ -155,183 +75,209 @@ TEST_F(WorkQueueTest, RecordsComeOutInTheOrderOfTheirPush) {
     EXPECT_EQ(&a, queue.PopWork());
     EXPECT_EQ(&b, queue.PopWork());
     EXPECT_FALSE(guarded()) << "who finds work waits for nothing";
+    EXPECT_EQ(0, sleepers());
 }
 
-// ---- waiting ---------------------------------------------------------------------------------------------
+TEST_F(WorkQueueTest, PollersPushIsTheReadyChainAndTheTokenBehindIt) {
+    token.m_next = &c;  // a link from earlier
+    a.m_next = &b;
+    b.m_next = nullptr;
+    queue.PushReady(&a, 2, &token, 2);
+    EXPECT_EQ((Records{&a, &b, &token}), queued());
+    while (queue.TryPop() != nullptr) {
+    }
+    queue.PushReady(nullptr, 0, &token, 0);
+    EXPECT_EQ(Records{&token}, queued());
+    EXPECT_TRUE(EventQueueProbe::tailIsLast(queue));
+}
 
-TEST_F(WorkQueueTest, GuardThatFindsTheSameParkingAtTwoLooksTakesTheToken) {
-    Worker guard(queue);
-    ASSERT_EVENTUALLY([&] {
-        ++progress;  // the pool is busy, so the guard stays
-        return queue.Park(&token);
-    }());
-    EXPECT_EQ(&token, guard.join());
-    EXPECT_EQ(nullptr, parked());
-    EXPECT_FALSE(queue.Unpark(&token)) << "the holder knows by this that it has gone";
+TEST_F(WorkQueueTest, PushOfAnOldChainEndGoesNoFurther) {
+    a.m_next = &b;  // left over from the free list
+    queue.PushOne(&a);
+    EXPECT_EQ(Records{&a}, queued());
+}
+
+// ---- wake-ups ------------------------------------------------------------------------------------------
+
+TEST_F(WorkQueueTest, EachPushWakesOneSleeperForEachRecord) {
+    Worker first(queue), second(queue), third(queue);
+    EXPECT_EVENTUALLY(sleepers() == 3);
+    queue.PushOne(&a);
+    EXPECT_EVENTUALLY(sleepers() == 2);
+    b.m_next = &c;
+    c.m_next = nullptr;
+    queue.Push(&b);
+    Records got{first.join(), second.join(), third.join()};
+    std::sort(got.begin(), got.end());
+    Records all{&a, &b, &c};
+    std::sort(all.begin(), all.end());
+    EXPECT_EQ(all, got);
+    EXPECT_EQ(0, sleepers());
+}
+
+TEST_F(WorkQueueTest, PollersPushWithoutAGuardWakesOneWhateverItIsWorth) {
+    Worker sleeper(queue);
+    EXPECT_EVENTUALLY(sleepers() == 1 && !guarded());
+    a.m_next = nullptr;
+    queue.PushReady(&a, 1, &token, 0);
+    EXPECT_EQ(&a, sleeper.join());
+}
+
+TEST_F(WorkQueueTest, PollersPushWakesNoMoreThanItHasRecords) {
+    Worker first(queue), second(queue), third(queue);
+    EXPECT_EVENTUALLY(sleepers() == 3);
+    a.m_next = nullptr;
+    queue.PushReady(&a, 1, &token, 100);
+    EXPECT_EQ(2, sleepers());
+    queue.PushReady(nullptr, 0, &b, 100);
+    EXPECT_EQ(2, sleepers()) << "the token alone is for the poller itself";
+    queue.WakeAll();
+    first.join();
+    second.join();
+    third.join();
+}
+
+TEST_F(WorkQueueTest, WakeAllHasEverySleeperReturnWithWhatThereIs) {
+    Worker first(queue), second(queue);
+    EXPECT_EVENTUALLY(sleepers() == 2);
+    queue.WakeAll();
+    EXPECT_EQ(nullptr, first.join());
+    EXPECT_EQ(nullptr, second.join());
+    EXPECT_EQ(0, sleepers());
     EXPECT_FALSE(guarded());
+    queue.PushOne(&a);
+    EXPECT_EQ(&a, queue.PopWork()) << "no wake-up is left over";
+}
+
+// ---- the guard -----------------------------------------------------------------------------------------
+
+// Keeps the pool busy in the eyes of its guard.
+class Busy {
+public:
+    explicit Busy(std::atomic<uint64_t>& progress)
+        : m_thread([this, &progress] {
+              while (!m_stop) {
+                  ++progress;
+                  std::this_thread::yield();
+              }
+          }) {}
+    ~Busy() {
+        m_stop = true;
+        m_thread.join();
+    }
+
+private:
+    std::atomic<bool> m_stop{false};
+    std::thread m_thread;
+};
+
+TEST_F(WorkQueueTest, GuardTakesWhatThePollerWokeNobodyFor) {
+    Busy busy(progress);
+    Worker guard(queue);
+    EXPECT_EVENTUALLY(sleepers() == 1);
+    ASSERT_TRUE(guarded());
+    a.m_next = nullptr;
+    queue.PushReady(&a, 1, &token, 0);
+    EXPECT_EQ(&a, guard.join()) << "and the poller never came back for it";
+    EXPECT_FALSE(guarded());
+    EXPECT_EQ(Records{&token}, queued());
+}
+
+TEST_F(WorkQueueTest, GuardWakesAnotherForTheRest) {
+    Busy busy(progress);
+    Worker guard(queue);
+    EXPECT_EVENTUALLY(guarded());
+    Worker other(queue);
+    EXPECT_EVENTUALLY(sleepers() == 2);
+    a.m_next = nullptr;
+    queue.PushReady(&a, 1, &token, 0);
+    Records got{guard.join(), other.join()};
+    EXPECT_NE(got.end(), std::find(got.begin(), got.end(), &a));
+    EXPECT_NE(got.end(), std::find(got.begin(), got.end(), &token));
 }
 
 TEST_F(WorkQueueTest, GuardThatSeesThePoolStandStillWaitsWithoutLimitAndWakesNoMore) {
     Worker worker(queue);
-    EXPECT_EVENTUALLY(!guarded() && sleepsInFutex(worker.id()));
+    EXPECT_EVENTUALLY(!guarded() && sleepers() == 1 && sleepsInFutex(worker.id()));
     const long sleeps = voluntarySleeps(worker.id());
     Infra::CThread::sleep(100);
     EXPECT_EQ(sleeps, voluntarySleeps(worker.id()));
-    EXPECT_FALSE(queue.Park(&token)) << "and nobody would watch a token";
     queue.PushOne(&a);
     EXPECT_EQ(&a, worker.join());
 }
 
 TEST_F(WorkQueueTest, OneGuardIsEnough) {
-    WorkQueueProbe::pretendGuard(queue, true);
-    Worker worker(queue);
-    EXPECT_EVENTUALLY(sleepsInFutex(worker.id()));
-    const long sleeps = voluntarySleeps(worker.id());
-    for (int i = 0; i < 50; ++i) {
-        ++progress;
-        Infra::CThread::sleep(1);
-    }
-    EXPECT_EQ(sleeps, voluntarySleeps(worker.id())) << "the second one waits without limit";
-    queue.PushOne(&a);
-    EXPECT_EQ(&a, worker.join());
-    EXPECT_TRUE(guarded());
+    Busy busy(progress);
+    Worker guard(queue);
+    EXPECT_EVENTUALLY(guarded());
+    Worker second(queue);
+    EXPECT_EVENTUALLY(sleepers() == 2 && sleepsInFutex(second.id()));
+    const long sleeps = voluntarySleeps(second.id());
+    Infra::CThread::sleep(50);
+    EXPECT_EQ(sleeps, voluntarySleeps(second.id())) << "the second one waits without limit";
+    queue.WakeAll();
 }
 
 TEST_F(WorkQueueTest, GuardServesARecordAndGuardsNoLonger) {
+    Busy busy(progress);
     Worker guard(queue);
-    ASSERT_EVENTUALLY([&] {
-        ++progress;
-        return guarded();
-    }());
+    EXPECT_EVENTUALLY(guarded());
     queue.PushOne(&a);
     EXPECT_EQ(&a, guard.join());
     EXPECT_FALSE(guarded());
 }
 
-TEST_F(WorkQueueTest, PushOntoAParkedTokenWakesForBoth) {
-    Worker guard(queue);
-    ASSERT_EVENTUALLY([&] {
-        ++progress;
-        return guarded();
-    }());
-    Worker other(queue);
-    Records got;
-    if (queue.Park(&token)) {
-        queue.PushOne(&a);
-        got = {guard.join(), other.join()};
-        EXPECT_NE(got.end(), std::find(got.begin(), got.end(), &token));
-        EXPECT_NE(got.end(), std::find(got.begin(), got.end(), &a));
-        return;
-    }
-    // The guard left in this moment, since the pool stood still.
-    a.m_next = nullptr;
-    queue.PushReady(&a, 1, &token);
-    queue.Kick();
-    guard.join();
-    other.join();
-}
-
-TEST_F(WorkQueueTest, GuardThatLeavesPutsAParkedTokenInTheQueue) {
-    LogCapture log(2);
-    Worker guard(queue);
-    ASSERT_EVENTUALLY([&] {
-        ++progress;
-        const Infra::CGuard hold(EventQueueProbe::mutex(queue));
-        if (!queue.Park(&token)) {
-            return false;
-        }
-        // A count whose record somebody else took: the guard wakes for nothing.
-        EventQueueProbe::addCounts(queue, 1);
-        return true;
-    }());
-    CEvent* const got = guard.join();
-    EXPECT_EQ(nullptr, parked());
-    if (got == nullptr) {
-        EXPECT_EQ(Records{&token}, queued());
-        EXPECT_EQ(1, counts());
-        EXPECT_EQ(1u, log.count(2, "sem_wait error unexpected!!\n")) << log.dump();
-    } else {
-        EXPECT_EQ(&token, got) << "it had looked twice by then";
-    }
-}
-
-TEST_F(WorkQueueTest, PollerThatFoundNothingWakesNobodyAndALeavingWorkerDoes) {
-    WorkQueueProbe::pretendGuard(queue, true);
-    Worker sleeper(queue);
-    EXPECT_EVENTUALLY(sleepsInFutex(sleeper.id()));
-    queue.PushReady(nullptr, 0, &token);
-    Infra::CThread::sleep(30);
-    EXPECT_FALSE(sleeper.over()) << "the poller takes the token itself";
-    queue.Kick();  // unless it leaves
-    EXPECT_EQ(&token, sleeper.join());
-}
-
-TEST_F(WorkQueueTest, PostWithoutARecordIsANullAndALine) {
-    LogCapture log(2);
-    EventQueueProbe::addCounts(queue, 1);
-    EXPECT_EQ(nullptr, queue.PopWork());
-    EXPECT_EQ(1u, log.count(2, "sem_wait error unexpected!!\n")) << log.dump();
-}
-
-// However parking, pushing, guarding and taking back meet: each record and the token come out once.
-TEST_F(WorkQueueTest, TokenIsNeitherLostNorDoubledUnderRace) {
+// However pushes, looks of the guard and wake-ups meet: each record comes out once, and nobody sleeps beside
+// one.
+TEST_F(WorkQueueTest, NoRecordIsLostDoubledOrLeftBehindUnderRace) {
     constexpr int ROUNDS = 20000;
-    std::atomic<int> tokens{0};
-    std::atomic<int> records{0};
+    std::vector<std::unique_ptr<CEvent>> records;
+    for (int i = 0; i < 3 * ROUNDS; ++i) {
+        records.push_back(std::make_unique<CEvent>());
+        records.back()->m_key = i;
+    }
+    std::vector<std::atomic<int>> seen(records.size());
+    std::atomic<int> taken{0};
     std::atomic<bool> stop{false};
-    CEvent quit[2];
-    const auto work = [&] {
-        for (;;) {
-            CEvent* const ev = queue.PopWork();
-            ++progress;
-            if (ev == &quit[0] || ev == &quit[1]) {
-                return;
-            }
-            ++(ev == &token ? tokens : records);
-        }
-    };
-    std::thread first(work), second(work);
-    std::thread pusher([&] {
-        while (!stop) {
-            if (records % 2 == 0) {
-                const int before = records;
-                queue.PushOne(&a);
-                while (records == before) {
-                    std::this_thread::yield();
+    std::vector<std::thread> workers;
+    for (int i = 0; i < 3; ++i) {
+        workers.emplace_back([&] {
+            while (!stop) {
+                if (CEvent* ev = queue.PopWork()) {
+                    ++progress;
+                    ++seen[static_cast<size_t>(ev->m_key)];
+                    ++taken;
                 }
-                ++records;  // even again: this one has been seen
+            }
+            queue.WakeAll();
+        });
+    }
+    std::thread poller([&] {
+        for (size_t i = 0; i < ROUNDS; ++i) {
+            CEvent* ready = records[3 * i].get();
+            ready->m_next = nullptr;
+            queue.PushReady(ready, 1, records[3 * i + 1].get(), static_cast<int>(i % 2));
+            if (i % 64 == 0) {
+                std::this_thread::yield();
             }
         }
     });
-    int parkings = 0;
-    for (int i = 0; i < ROUNDS; ++i) {
-        ++progress;
-        const int before = tokens;
-        if (queue.Park(&token)) {
-            ++parkings;
-            if (i % 3 == 0) {
-                std::this_thread::yield();
-            }
-            if (queue.Unpark(&token)) {
-                ASSERT_EQ(before, tokens);
-                continue;
-            }
-        } else {
-            queue.PushReady(nullptr, 0, &token);
-            queue.Kick();
-        }
-        ASSERT_EVENTUALLY(tokens == before + 1);
+    for (size_t i = 0; i < ROUNDS; ++i) {
+        i % 2 ? queue.PushOne(records[3 * i + 2].get()) : queue.PushFront(records[3 * i + 2].get());
     }
+    poller.join();
+    EXPECT_EVENTUALLY(taken == 3 * ROUNDS);
     stop = true;
-    pusher.join();
-    queue.PushOne(&quit[0]);
-    queue.PushOne(&quit[1]);
-    first.join();
-    second.join();
+    queue.WakeAll();
+    for (std::thread& worker : workers) {
+        worker.join();
+    }
+    for (const std::atomic<int>& count : seen) {
+        ASSERT_EQ(1, count);
+    }
     EXPECT_TRUE(queued().empty());
-    EXPECT_EQ(nullptr, parked());
-    EXPECT_EQ(0, counts());
-    std::printf("parked %d of %d times\n", parkings, ROUNDS);
+    EXPECT_EQ(0, sleepers());
+    EXPECT_EQ(0, EventQueueProbe::takeCounts(queue));
 }
 
 }  // namespace

@@ -51,7 +51,9 @@ public:
     bool tryEnter() noexcept INFRA_TRY_ACQUIRE(true) { return take_free() || enter_again(); }
 
     // For assertions: exact for the calling thread's own hold, whatever other threads do meanwhile.
-    bool heldByThisThread() const noexcept { return m_owner.load(std::memory_order_relaxed) == this_thread(); }
+    bool heldByThisThread() const noexcept {
+        return m_owner.load(std::memory_order_relaxed) == this_thread();
+    }
 
 private:
     // Values of m_state.
