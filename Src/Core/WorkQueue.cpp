@@ -88,40 +88,41 @@ CEvent* CWorkQueue::PopWork() {
 
 /// Returns when there is, or just was, something to take.
 void CWorkQueue::sleep_as_guard() {
-    uint64_t seen_progress = ~uint64_t{0};
-    bool overdue = false;
+    Watch watch;
     while (!m_sem.pendFor(GUARD_PERIOD_US)) {
-        if (end_guard(seen_progress, overdue)) {
-            if (!overdue) {
+        switch (look(watch)) {
+            case Look::again:
+                break;
+            case Look::overdue:
+                return;
+            case Look::idle:
                 m_sem.pend();
-            }
-            return;
+                return;
         }
     }
     Infra::CGuard guard(m_mutex);
     m_guard = false;
 }
 
-/// A look of the guard. True if it is no guard any more: records are overdue, or the pool stands still.
-bool CWorkQueue::end_guard(uint64_t& seen_progress, bool& overdue) {
+/// A look of the guard: whether records are overdue, or the pool has stood still for a while.
+CWorkQueue::Look CWorkQueue::look(Watch& watch) {
     int claimed = 0;
     {
         Infra::CGuard guard(m_mutex);
         const uint64_t progress = m_progress.load(std::memory_order_relaxed);
-        const bool idle = progress == seen_progress;
-        seen_progress = progress;
-        if (m_head == nullptr && !idle) {
-            return false;
+        watch.idle_looks = progress == watch.seen_progress ? watch.idle_looks + 1 : 0;
+        watch.seen_progress = progress;
+        // With no sleeper counted, a wake-up is on its way to this thread, and is waited for.
+        if (m_head == nullptr || claim(1) == 0) {
+            const bool idle = watch.idle_looks >= IDLE_LOOKS || m_head != nullptr;
+            m_guard = !idle;
+            return idle ? Look::idle : Look::again;
         }
         m_guard = false;
-        // With no sleeper counted, a wake-up is on its way to this thread, and is waited for.
-        if (m_head != nullptr && claim(1) == 1) {
-            overdue = true;
-            claimed = m_head->m_next != nullptr ? claim(1) : 0;
-        }
+        claimed = m_head->m_next != nullptr ? claim(1) : 0;
     }
     wake(claimed);
-    return true;
+    return Look::overdue;
 }
 
 }  // namespace Orvex::Reticor

@@ -46,11 +46,20 @@ public:
 
 private:
     static constexpr uint64_t GUARD_PERIOD_US = 1000;
+    static constexpr int IDLE_LOOKS = 8;
+
+    enum class Look { again, overdue, idle };
+
+    /// What a guard remembers from look to look.
+    struct Watch {
+        uint64_t seen_progress = ~uint64_t{0};
+        int idle_looks = 0;
+    };
 
     int claim(int most) INFRA_REQUIRES(m_mutex);
     void wake(int claimed);
     void sleep_as_guard();
-    bool end_guard(uint64_t& seen_progress, bool& overdue);
+    Look look(Watch& watch);
 
     const std::atomic<uint64_t>& m_progress;
     /// Workers that sleep, or are about to, and for whom no wake-up was given out.
