@@ -15,113 +15,6 @@ namespace {
 
 using namespace Reticor;
 
-<<<<<<< HEAD:tests/Core/ParkedTokenTest.cpp
-// Echoes on `pair`, and blocks in the call once it was told to and the token is parked over it.
-class ParkedTokenTest : public SockPoolFixture {
-protected:
-    // One to block, one to poll, and somebody to serve messages and timers.
-    ParkedTokenTest() { workers = 4; }
-
-    void SetUp() override {
-        SockPoolFixture::SetUp();
-        handler->on_input = [this](int fd) {
-            SocketPair::drain(fd);
-            if (block && WorkQueueProbe::parked(pool().m_event) != nullptr) {
-                gate.pass();
-            }
-            EXPECT_EQ(1, ::send(fd, "y", 1, MSG_NOSIGNAL));
-            return 0;
-        };
-        add(SOCK_READ);
-    }
-
-    // One request and its answer, as a client sees it.
-    void request() {
-        pair.write();
-        awaitAnswer();
-    }
-    void awaitAnswer() { EXPECT_EVENTUALLY(SocketPair::drain(pair.far.GetHandle()) > 0); }
-
-    // Requests until the handler blocks with the token parked over its call.
-    bool blockOnceParked() {
-        block = true;
-        return eventually([this] {
-            pair.write();
-            while (SocketPair::drain(pair.far.GetHandle()) == 0) {
-                if (gate.arrived() > 0) {
-                    return true;
-                }
-                std::this_thread::yield();
-            }
-            return false;
-        });
-    }
-
-    static uint64_t parkings() { return WorkQueueProbe::parkings(pool().m_event); }
-
-    std::atomic<bool> block{false};
-    Gate gate;
-};
-
-TEST_F(ParkedTokenTest, OneRequestAtATimeIsServedOverAParkedToken) {
-    const uint64_t before = parkings();
-    EXPECT_EVENTUALLY([&] {
-        request();
-        return parkings() > before + 20;
-    }());
-}
-
-TEST_F(ParkedTokenTest, HandlerThatBlocksOverAParkedTokenDoesNotStopOtherSockets) {
-    SocketPair others[2];
-    for (SocketPair& other : others) {
-        ASSERT_EQ(0, handler->RegisterSock(other.near, SOCK_READ, 0));
-    }
-    ASSERT_TRUE(blockOnceParked());
-    block = false;
-    for (int i = 0; i < 20; ++i) {
-        for (SocketPair& other : others) {
-            other.write();
-            ASSERT_EVENTUALLY(SocketPair::drain(other.far.GetHandle()) > 0);
-        }
-    }
-    EXPECT_NE(ThreadPoolProbe::pollToken(pool()), WorkQueueProbe::parked(pool().m_event));
-    gate.open();
-    awaitAnswer();
-    request();
-    for (SocketPair& other : others) {
-        removeAndWait(other.near);
-    }
-}
-
-TEST_F(ParkedTokenTest, MessagesAndTimersAreServedBehindAParkedTokenWhoseHolderBlocks) {
-    ASSERT_TRUE(blockOnceParked());
-    handler->Notify(handler->GetID(), 1, 0);
-    handler->SetTimer(3000);
-    EXPECT_EVENTUALLY(handler->life->messages == 1);
-    EXPECT_EVENTUALLY(handler->life->timeouts == 1);
-    EXPECT_EQ(nullptr, WorkQueueProbe::parked(pool().m_event)) << "a push takes the token along";
-    gate.open();
-    awaitAnswer();
-    block = false;
-    request();
-}
-
-TEST_F(ParkedTokenTest, RecordWhoseCallsTakeLongIsNotParkedOn) {
-    handler->on_input = [](int fd) {
-        SocketPair::drain(fd);
-        Infra::CThread::sleep(1);
-        EXPECT_EQ(1, ::send(fd, "y", 1, MSG_NOSIGNAL));
-        return 0;
-    };
-    const uint64_t before = parkings();
-    for (int i = 0; i < 50; ++i) {
-        request();
-    }
-    EXPECT_LE(parkings() - before, 1u) << "only the first surprise";
-}
-
-=======
->>>>>>> 21019a7 (Tests: the queue with counted sleepers and its guard):tests/Core/PollHandOverTest.cpp
 std::vector<int> workerThreads() {
     std::vector<int> found;
     DIR* const tasks = ::opendir("/proc/self/task");
@@ -209,7 +102,7 @@ TEST_F(PollHandOverTest, HandlerThatBlocksDoesNotStopOtherSockets) {
     awaitAnswer();
     request();
     for (SocketPair& other : others) {
-        handler->RemoveSock(other.near);
+        removeAndWait(other.near);
     }
 }
 
@@ -243,7 +136,7 @@ TEST_F(PollHandOverTest, SlowHandlersOfOneBatchRunSideBySide) {
     }
     EXPECT_EVENTUALLY(handler->life->inputs == 3);
     for (SocketPair& other : others) {
-        handler->RemoveSock(other.near);
+        removeAndWait(other.near);
     }
 }
 
