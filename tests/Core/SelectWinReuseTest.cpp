@@ -15,7 +15,6 @@ using namespace Reticor;
 using Calls = std::vector<EpollCall>;
 
 constexpr uint32_t IN = EPOLLIN;
-constexpr uint32_t PARKED = EPOLLONESHOT;
 constexpr char REBUILD_LINE[] =
     "a closed socket is still reported, its descriptor was copied: watching all sockets anew\n";
 
