@@ -40,7 +40,7 @@ int64_t CObjectId::fresh() {
 int64_t CObjectId::reuse() {
     const int64_t id = m_ring[m_read];
     m_ring[m_read] = 0;
-    m_read = (m_read + 1) % m_capacity;
+    m_read = next_place(m_read);
     --m_count;
     const int64_t generation = (id + 1) & 0xFF;
     return (id & ~int64_t{0xFF}) | generation;
@@ -52,7 +52,7 @@ void CObjectId::Release(long id) {
         return;
     }
     m_ring[m_write] = id;
-    m_write = (m_write + 1) % m_capacity;
+    m_write = next_place(m_write);
     ++m_count;
 }
 

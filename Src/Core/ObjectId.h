@@ -49,6 +49,9 @@ public:
 
 private:
     bool make_room() INFRA_REQUIRES(m_mutex);
+    uint32_t next_place(uint32_t place) const INFRA_REQUIRES(m_mutex) {
+        return place + 1 == m_capacity ? 0 : place + 1;
+    }
     int64_t fresh() INFRA_REQUIRES(m_mutex);
     int64_t reuse() INFRA_REQUIRES(m_mutex);
 

@@ -13,42 +13,48 @@ TimerHeap::TimerHeap() {
 
 // ---- the table of ids ------------------------------------------------------------------------------------
 
-// The upper bits of the ids of a pool count down by one, so they index an array of chunks.
-CEvent** TimerHeap::slot_of(int64_t id, bool grow) {
+// The upper bits of the ids of a pool count down by one, so they index an array of chunks. Null where no
+// timer of that id can be.
+inline CEvent** TimerHeap::slot_of(int64_t id) {
     const size_t pool = static_cast<size_t>(INDEX_OF_ID(static_cast<long>(id)));
     if (pool >= PoolTable::POOL_LIMIT) {
         return nullptr;
     }
-    std::vector<Chunk>& chunks = m_by_id[pool];
+    const std::vector<Chunk>& chunks = m_by_id[pool];
     const size_t place = CObjectId::place_of(id);
     const size_t chunk = place / CHUNK;
-    if (chunk >= chunks.size() || !chunks[chunk]) {
-        if (!grow) {
-            return nullptr;
-        }
-        chunks.resize(std::max(chunk + 1, chunks.size()));
-        chunks[chunk] = std::make_unique<CEvent*[]>(CHUNK);
+    return chunk < chunks.size() && chunks[chunk] ? &chunks[chunk][place % CHUNK] : nullptr;
+}
+
+/// For an id of a pool, which has a slot from its first timer on.
+CEvent** TimerHeap::make_slot(int64_t id) {
+    if (CEvent** slot = slot_of(id)) {
+        return slot;
     }
-    return &chunks[chunk][place % CHUNK];
+    std::vector<Chunk>& chunks = m_by_id[static_cast<size_t>(INDEX_OF_ID(static_cast<long>(id)))];
+    const size_t place = CObjectId::place_of(id);
+    chunks.resize(std::max(place / CHUNK + 1, chunks.size()));
+    chunks[place / CHUNK] = std::make_unique<CEvent*[]>(CHUNK);
+    return slot_of(id);
 }
 
 /// The record of an entry whose timer is still armed. An id comes back with another generation, and one timer
 /// is armed again with a later expiry, so id and expiry together name one arming.
-CEvent* TimerHeap::armed(const Entry& entry) {
-    CEvent** slot = slot_of(entry.id, false);
+inline CEvent* TimerHeap::armed(const Entry& entry) {
+    CEvent** slot = slot_of(entry.id);
     CEvent* ev = slot != nullptr ? *slot : nullptr;
     return ev != nullptr && ev->m_key == entry.id && ev->m_expire == entry.expire ? ev : nullptr;
 }
 
 void TimerHeap::disarm(CEvent* ev) {
-    *slot_of(ev->m_key, true) = nullptr;
+    *slot_of(ev->m_key) = nullptr;
     --m_count;
 }
 
 // ---- the heap ------------------------------------------------------------------------------------------
 
 void TimerHeap::pop_top() {
-    std::pop_heap(m_array.begin(), m_array.end(), later);
+    std::pop_heap(m_array.begin(), m_array.end(), Later());
     m_array.pop_back();
 }
 
@@ -66,16 +72,16 @@ void TimerHeap::sweep() {
                                  [this](const Entry& entry)
                                      INFRA_NO_THREAD_SAFETY_ANALYSIS { return armed(entry) == nullptr; }),
                   m_array.end());
-    std::make_heap(m_array.begin(), m_array.end(), later);
+    std::make_heap(m_array.begin(), m_array.end(), Later());
 }
 
 uint64_t TimerHeap::Insert(CEvent* ev) {
     Infra::CGuard guard(m_mutex);
-    *slot_of(ev->m_key, true) = ev;
+    *make_slot(ev->m_key) = ev;
     ++m_count;
     const uint64_t top = m_array.empty() ? ~uint64_t{0} : m_array.front().expire;
     m_array.push_back({ev->m_expire, ev->m_key});
-    std::push_heap(m_array.begin(), m_array.end(), later);
+    std::push_heap(m_array.begin(), m_array.end(), Later());
     return ev->m_expire < top ? ev->m_expire : 0;
 }
 
@@ -108,7 +114,7 @@ CEvent* TimerHeap::RemoveById(long id) {
         return nullptr;
     }
     Infra::CGuard guard(m_mutex);
-    CEvent** slot = slot_of(id, false);
+    CEvent** slot = slot_of(id);
     CEvent* ev = slot != nullptr ? *slot : nullptr;
     if (ev == nullptr || ev->m_key != id) {
         return nullptr;

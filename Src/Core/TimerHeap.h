@@ -55,13 +55,16 @@ private:
         uint64_t expire;
         int64_t id;
     };
-    static bool later(const Entry& a, const Entry& b) { return a.expire > b.expire; }
+    struct Later {
+        bool operator()(const Entry& a, const Entry& b) const { return a.expire > b.expire; }
+    };
 
     using Chunk = std::unique_ptr<CEvent*[]>;
     static constexpr size_t CHUNK = 1024;
     static constexpr size_t FIRST_CAPACITY = 200;
 
-    CEvent** slot_of(int64_t id, bool grow) INFRA_REQUIRES(m_mutex);
+    CEvent** slot_of(int64_t id) INFRA_REQUIRES(m_mutex);
+    CEvent** make_slot(int64_t id) INFRA_REQUIRES(m_mutex);
     CEvent* armed(const Entry& entry) INFRA_REQUIRES(m_mutex);
     void disarm(CEvent* ev) INFRA_REQUIRES(m_mutex);
     void pop_top() INFRA_REQUIRES(m_mutex);
