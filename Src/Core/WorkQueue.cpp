@@ -83,7 +83,21 @@ CEvent* CWorkQueue::PopWork() {
     } else {
         m_sem.pend();
     }
-    return TryPop();
+    return take_woken();
+}
+
+/// The take of a worker that was asleep. If it leaves records behind with nobody on guard, it wakes another
+/// one: its own record may block, and the poll token stand behind it.
+CEvent* CWorkQueue::take_woken() {
+    CEvent* ev;
+    int claimed;
+    {
+        Infra::CGuard guard(m_mutex);
+        ev = take();
+        claimed = m_head != nullptr && !m_guard ? claim(1) : 0;
+    }
+    wake(claimed);
+    return ev;
 }
 
 /// Returns when there is, or just was, something to take.
@@ -106,22 +120,17 @@ void CWorkQueue::sleep_as_guard() {
 
 /// A look of the guard: whether records are overdue, or the pool has stood still for a while.
 CWorkQueue::Look CWorkQueue::look(Watch& watch) {
-    int claimed = 0;
-    {
-        Infra::CGuard guard(m_mutex);
-        const uint64_t progress = m_progress.load(std::memory_order_relaxed);
-        watch.idle_looks = progress == watch.seen_progress ? watch.idle_looks + 1 : 0;
-        watch.seen_progress = progress;
-        // With no sleeper counted, a wake-up is on its way to this thread, and is waited for.
-        if (m_head == nullptr || claim(1) == 0) {
-            const bool idle = watch.idle_looks >= IDLE_LOOKS || m_head != nullptr;
-            m_guard = !idle;
-            return idle ? Look::idle : Look::again;
-        }
-        m_guard = false;
-        claimed = m_head->m_next != nullptr ? claim(1) : 0;
+    Infra::CGuard guard(m_mutex);
+    const uint64_t progress = m_progress.load(std::memory_order_relaxed);
+    watch.idle_looks = progress == watch.seen_progress ? watch.idle_looks + 1 : 0;
+    watch.seen_progress = progress;
+    // With no sleeper counted, a wake-up is on its way to this thread, and is waited for.
+    if (m_head == nullptr || claim(1) == 0) {
+        const bool idle = watch.idle_looks >= IDLE_LOOKS || m_head != nullptr;
+        m_guard = !idle;
+        return idle ? Look::idle : Look::again;
     }
-    wake(claimed);
+    m_guard = false;
     return Look::overdue;
 }
 

@@ -15,9 +15,9 @@ namespace Orvex::Reticor {
 /// next record, and where the handlers are quick, waking somebody for the one behind it costs more than
 /// serving it. So the poller says how many workers its batch is worth. Others are served in spite of a
 /// handler that blocks, because one idle worker is the *guard*: it looks every millisecond for a record that
-/// is still there, takes it, and wakes another for the rest. Without a guard the poller's push wakes one
-/// worker at least. A guard that sees the pool stand still sleeps without limit like the others, so an idle
-/// pool makes no wake-ups.
+/// is still there, and takes it. Without a guard the poller's push wakes one worker at least. And whoever was
+/// asleep and leaves records behind with no guard wakes another. A guard that sees the pool stand still
+/// sleeps without limit like the others, so an idle pool makes no wake-ups.
 ///
 /// Thread safety: any thread. A push wakes after it has left the mutex, so the caller keeps the pool alive:
 /// it is one of the pool's threads, or holds the lock of the pool's slot.
@@ -58,6 +58,7 @@ private:
 
     int claim(int most) INFRA_REQUIRES(m_mutex);
     void wake(int claimed);
+    CEvent* take_woken();
     void sleep_as_guard();
     Look look(Watch& watch);
 
