@@ -11,12 +11,25 @@ namespace Orvex::Testing {
 
 class Gate {
 public:
+    Gate() = default;
+    // Opens, and waits until the last thread is through.
+    ~Gate() {
+        open();
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_changed.wait(lock, [this] { return m_inside == 0; });
+    }
+    Gate(const Gate&) = delete;
+    Gate& operator=(const Gate&) = delete;
+
     // Waits here until the gate is open.
     void pass() {
         std::unique_lock<std::mutex> lock(m_mutex);
         ++m_arrived;
+        ++m_inside;
         m_changed.notify_all();
         m_changed.wait(lock, [this] { return m_open; });
+        --m_inside;
+        m_changed.notify_all();
     }
 
     // Waits until so many threads have come by, or the deadline is over.
@@ -41,6 +54,7 @@ private:
     mutable std::mutex m_mutex;
     std::condition_variable m_changed;
     int m_arrived = 0;
+    int m_inside = 0;
     bool m_open = false;
 };
 

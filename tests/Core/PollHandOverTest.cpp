@@ -140,6 +140,42 @@ TEST_F(PollHandOverTest, SlowHandlersOfOneBatchRunSideBySide) {
     }
 }
 
+TEST_F(PollHandOverTest, SeveralHandlersThatBlockOutOfOneBatchDoNotStopOtherSockets) {
+    SocketPair other;
+    ASSERT_EQ(0, handler->RegisterSock(other.near, SOCK_READ, 0));
+    for (int i = 0; i < 300; ++i) {
+        request();  // the handlers are known to be quick
+    }
+    // A second number for the same socket: one byte makes both ready at once.
+    BorrowedSock twin(::fcntl(pair.fd(), F_DUPFD_CLOEXEC, 0));
+    handler->RemoveSock(pair.near);
+    EXPECT_EVENTUALLY(!look().exists);
+    handler->on_input = [&](int fd) {
+        if (fd != other.fd()) {
+            gate.pass();
+        }
+        SocketPair::drain(fd);
+        return 0;
+    };
+    ASSERT_EQ(0, handler->RegisterSock(twin, SOCK_READ, 0));
+    add(SOCK_READ);
+    // All workers sleep, and none on guard.
+    EXPECT_EVENTUALLY(!WorkQueueProbe::guarded(pool().m_event));
+    pair.write();
+    ASSERT_TRUE(gate.awaitArrivals(2));
+    other.write();
+    const uint64_t begin = Infra::CTime::getCurrentMilliSecond();
+    EXPECT_EVENTUALLY(handler->life->inputs > 300);
+    // A heartbeat comes by every five seconds, and sets a pool going that stood still.
+    EXPECT_LT(Infra::CTime::getCurrentMilliSecond() - begin, static_cast<uint64_t>(scaledMs(2000)));
+    gate.open();
+    const int number = twin.GetHandle();
+    removeAndWait(twin);
+    ::close(number);
+    removeAndWait(other.near);
+    removeAndWait(pair.near);
+}
+
 TEST_F(PollHandOverTest, OneRequestAtATimeWakesNobody) {
     for (int i = 0; i < 2000; ++i) {
         request();

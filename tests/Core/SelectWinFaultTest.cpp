@@ -147,6 +147,7 @@ TEST_F(SelectWinQuietTest, SlowHandlerWithDataWaitingDoesNotSpin) {
     ASSERT_TRUE(gate.awaitArrivals(1));
     EXPECT_LE(waitsMeanwhile(), FEW);
     gate.open();
+    removeAndWait(pair.near);
 }
 
 TEST_F(SelectWinQuietTest, DataForAHandlerThatHasGoneDoesNotSpin) {
