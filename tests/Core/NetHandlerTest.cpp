@@ -74,8 +74,8 @@ TEST_F(NetHandlerTest, AFullRunFromTheFirstMessageToTheEnd) {
     EXPECT_EQ(2, references);
     EXPECT_EVENTUALLY(HandlerProbe::references(*handler) == 1);
     handler->Close();
-    EXPECT_EVENTUALLY(life->deleted == 1);
-    EXPECT_EQ(1, life->closes);
+    EXPECT_EVENTUALLY(life->closes == 1);
+    EXPECT_EQ(1, life->deleted);
     CMessage::Notify(-500, id, 7, 43, false);  // accepted, and dropped by a worker
     EXPECT_FALSE(PoolTable::FindHandler(id));
 }
