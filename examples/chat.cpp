@@ -160,7 +160,7 @@ private:
         CGuard guard(m_mutex);
         m_sock.Attach(peer.Detach());
         m_pending = "your name?\n";
-        if (RegisterSock(m_sock, kRead, 0) < 0) {
+        if (RegisterSock(m_sock, SOCK_READ, 0) < 0) {
             end();
         }
         flush();
@@ -236,8 +236,8 @@ private:
             return 0;
         }
         m_writing = !m_pending.empty();
-        RegisterSock(m_sock, m_writing ? kWrite : kRead, 0);
-        UnregisterSock(m_sock, m_writing ? kRead : kWrite);
+        RegisterSock(m_sock, m_writing ? SOCK_WRITE : SOCK_READ, 0);
+        UnregisterSock(m_sock, m_writing ? SOCK_READ : SOCK_WRITE);
         return 0;
     }
 

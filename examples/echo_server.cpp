@@ -62,8 +62,8 @@ public:
         }
         m_pending.erase(0, static_cast<size_t>(sent));
         if (m_pending.empty()) {
-            RegisterSock(m_sock, kRead, m_idle_us);
-            UnregisterSock(m_sock, kWrite);
+            RegisterSock(m_sock, SOCK_READ, m_idle_us);
+            UnregisterSock(m_sock, SOCK_WRITE);
         }
         return 0;
     }
@@ -80,7 +80,7 @@ private:
         CGuard guard(m_mutex);
         m_sock.Attach(peer.Detach());
         m_sock.SetSockNoDelay(true);
-        if (RegisterSock(m_sock, kRead, m_idle_us) < 0) {
+        if (RegisterSock(m_sock, SOCK_READ, m_idle_us) < 0) {
             end();
         }
     }
@@ -89,8 +89,8 @@ private:
     /// socket without either loses its time-out.
     void keep(const char* from, const char* to) INFRA_REQUIRES(m_mutex) {
         m_pending.assign(from, to);
-        RegisterSock(m_sock, kWrite, m_idle_us);
-        UnregisterSock(m_sock, kRead);
+        RegisterSock(m_sock, SOCK_WRITE, m_idle_us);
+        UnregisterSock(m_sock, SOCK_READ);
     }
 
     int stop() {

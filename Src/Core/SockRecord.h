@@ -5,15 +5,13 @@
 #include <utility>
 
 #include <Infra/Atomic.h>
+#include <Reticor/NetHandler.h>
 
 #include "Core/Event.h"
 
 namespace Orvex::Reticor {
 
-// m_event_mask: what the owner asked for. Not the same bits as in m_revents.
-constexpr uint32_t SOCK_READ = 1;
-constexpr uint32_t SOCK_WRITE = 2;
-constexpr uint32_t SOCK_EXCEPT = 4;
+// m_event_mask: what the owner asked for, SOCK_READ and its fellows. Not the same bits as in m_revents.
 constexpr uint32_t SOCK_DIRECTIONS = SOCK_READ | SOCK_WRITE | SOCK_EXCEPT;
 constexpr uint32_t SOCK_REMOVED = 32;  ///< The record dies when its worker has finished.
 

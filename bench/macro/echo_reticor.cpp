@@ -14,9 +14,6 @@ namespace {
 
 using namespace Orvex::Reticor;
 
-constexpr unsigned kRead = 1;  // directions of RegisterSock
-constexpr unsigned kWrite = 2;
-
 Bench::Alive alive;
 
 // Calls for one socket never overlap, and nobody but its socket calls this handler: it needs no lock.
@@ -27,7 +24,7 @@ public:
         auto* self = new Connection;
         self->m_stream.Attach(fd);
         self->m_stream.SetSockNoDelay(true);
-        self->RegisterSock(self->m_stream, kRead, 0);
+        self->RegisterSock(self->m_stream, SOCK_READ, 0);
     }
 
     int handle_input(int) override {
@@ -42,8 +39,8 @@ public:
         }
         if (sent < got) {
             m_unsent.keep(room + sent, static_cast<std::size_t>(got - sent));
-            RegisterSock(m_stream, kWrite, 0);
-            UnregisterSock(m_stream, kRead);
+            RegisterSock(m_stream, SOCK_WRITE, 0);
+            UnregisterSock(m_stream, SOCK_READ);
         }
         return 0;
     }
@@ -55,8 +52,8 @@ public:
         }
         m_unsent.drop(static_cast<std::size_t>(sent));
         if (m_unsent.empty()) {
-            RegisterSock(m_stream, kRead, 0);
-            UnregisterSock(m_stream, kWrite);
+            RegisterSock(m_stream, SOCK_READ, 0);
+            UnregisterSock(m_stream, SOCK_WRITE);
         }
         return 0;
     }
@@ -87,7 +84,7 @@ public:
 
     bool open(std::uint16_t port) {
         return m_acceptor.Open(CSockAddrIPv4("127.0.0.1", port)) == 0 &&
-               RegisterSock(m_acceptor, kRead, 0) == 0;
+               RegisterSock(m_acceptor, SOCK_READ, 0) == 0;
     }
 
     int handle() { return m_acceptor.GetHandle(); }

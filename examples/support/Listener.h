@@ -22,8 +22,7 @@ namespace example {
 using namespace Orvex::Reticor;
 using Orvex::Infra::CGuard;
 
-constexpr unsigned kRead = 1, kWrite = 2;  // directions of RegisterSock
-constexpr unsigned kStop = 100;            // message to a Member: end
+constexpr unsigned kStop = 100;  // message to a Member: end
 
 /// The handlers that are open. Outlives them all, so that main can wait for the last one.
 class Roster {
@@ -148,7 +147,7 @@ public:
     int64_t handle_timeout(long) override {
         CGuard guard(m_mutex);
         if (m_listener.IsValid()) {
-            RegisterSock(m_listener, kRead, 0);
+            RegisterSock(m_listener, SOCK_READ, 0);
         }
         return -1;  // this timer is done
     }
@@ -163,11 +162,11 @@ private:
     bool start(const CSockAddr& local) {
         enter();
         CGuard guard(m_mutex);
-        return m_listener.Open(local) == 0 && RegisterSock(m_listener, kRead, 0) == 0;
+        return m_listener.Open(local) == 0 && RegisterSock(m_listener, SOCK_READ, 0) == 0;
     }
 
     int rest() INFRA_REQUIRES(m_mutex) {
-        UnregisterSock(m_listener, kRead);
+        UnregisterSock(m_listener, SOCK_READ);
         SetTimer(kRest_us);
         return 0;
     }

@@ -10,6 +10,11 @@ namespace Orvex::Reticor {
 class CSock;
 struct HandlerInternal;
 
+/// Directions in which a handler watches a socket; add them up.
+constexpr unsigned int SOCK_READ = 1;
+constexpr unsigned int SOCK_WRITE = 2;
+constexpr unsigned int SOCK_EXCEPT = 4;  ///< Out-of-band data.
+
 /// An object that is called back on the worker threads of one pool.
 ///
 /// Derive from it, override the `handle_*` operations that matter, and create it with `new`. From the end of
@@ -120,7 +125,7 @@ public:
     int CheckSock(CSock& sock);
 
 protected:
-    /// Watches `sock` for the directions in `mask`: 1 read, 2 write, 4 exception. `timeout` is the idle
+    /// Watches `sock` for the directions in `mask`. `timeout` is the idle
     /// time-out in microseconds, counted in whole milliseconds; below 1000 there is none. It fires after at
     /// least that time and at most about a second later.
     ///

@@ -33,8 +33,10 @@ public:
 
     /// Starts the library and its public pool, or counts one user more. `threads` workers, raised to a
     /// multiple of the processor count; 0 is logged as an error and raised likewise (on one processor such a
-    /// pool has no workers). `file_io` also starts the file workers. `threads` counts only in the call that
-    /// creates the pool. Blocks for the start of the threads. Result: 0, or -1 if the library cannot start.
+    /// pool has no workers). One worker usually waits for sockets, so of N workers N - 1 can be in calls that
+    /// block before messages and timers have to wait. `threads` counts only in the call that creates the
+    /// pool. `file_io` asks for file workers; this version has none, and the argument has no effect. Blocks
+    /// for the start of the threads. Result: 0, or -1 if the library cannot start.
     static int CreateThreadPool(unsigned int threads, bool file_io);
 
     /// Starts a private pool, and the library if need be. Result: the pool's index, 1 to 63, for
