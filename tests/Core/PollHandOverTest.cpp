@@ -9,6 +9,7 @@
 
 #include "Core/SockPoolFixture.h"
 #include "support/KernelThread.h"
+#include "support/SeededRandom.h"
 
 namespace Orvex::Testing {
 namespace {
@@ -273,6 +274,18 @@ TEST_F(PollHandOverEndTest, PoolEndsWhileAHandlerBlocksInThePoller) {
         gate.open();
         destroyer.join();
         EXPECT_EQ(1, life->closes);
+    }
+}
+
+TEST_F(PollHandOverEndTest, PoolEndsWhileItsWorkersGoToSleep) {
+    SeededRandom random;
+    for (int round = 0; round < 200; ++round) {
+        const int index = CNetThread::CreatePrivatePool(8, false);
+        ASSERT_GT(index, 0);
+        for (int spin = random.between(0, 2000); spin > 0; --spin) {
+            kernelThreadId();
+        }
+        ASSERT_EQ(0, CNetThread::DestroyPrivatePool(index));
     }
 }
 

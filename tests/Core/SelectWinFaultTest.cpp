@@ -165,6 +165,21 @@ TEST_F(SelectWinQuietTest, DataForAHandlerThatHasGoneDoesNotSpin) {
     EXPECT_EVENTUALLY(handler->life->inputs == 1);
 }
 
+TEST_F(SelectWinQuietTest, FileOfAHandlerThatHasGoneDoesNotSpin) {
+    LogCapture log(3);
+    BorrowedSock file(::open("/proc/self/exe", O_RDONLY | O_CLOEXEC));
+    TestHandler* const gone = new TestHandler;
+    ASSERT_EQ(0, gone->RegisterSock(file, SOCK_READ, 0));
+    gone->DecSock();
+    handler->AddSock();
+    closeAndWait(gone);
+    EXPECT_TRUE(log.eventuallyContainsMatching(3, "pool 0: the handler of ready socket \\d+ is gone, .*\n"));
+    EXPECT_LE(waitsMeanwhile(), FEW);
+    const int number = file.GetHandle();
+    removeAndWait(file);
+    ::close(number);
+}
+
 TEST_F(SelectWinQuietTest, OrphanedCopyDoesNotSpin) {
     LogCapture log(3);
     add(SOCK_READ);
