@@ -18,7 +18,7 @@ int PoolTable::PushEvent(int index, CEvent* ev) {
     {
         Infra::CReadGuard guard(sm_pool_mutex[index]);
         if (CThreadPool* pool = Get(index)) {
-            pool->m_event.Push(ev);
+            pool->Push(ev);
             return 0;
         }
     }
@@ -30,7 +30,7 @@ int PoolTable::PushFrontEvent(int index, CEvent* ev) {
     {
         Infra::CReadGuard guard(sm_pool_mutex[index]);
         if (CThreadPool* pool = Get(index)) {
-            pool->m_event.PushFront(ev);
+            pool->PushFront(ev);
             return 0;
         }
     }

@@ -290,7 +290,7 @@ void CMultiplexer::Wait(CEvent* token) {
     m_pace.TokenBack();
     Ready ready;
     if (m_epoll == -1) {
-        m_blind.pend();
+        m_queue.PollerMayWait() ? m_blind.pend() : m_blind.pend(0);
     } else {
         collect(harvest(), ready);
     }
@@ -303,7 +303,8 @@ void CMultiplexer::Wait(CEvent* token) {
 /// The number of reports; 0 for an interruption or a failure.
 int CMultiplexer::harvest() {
     int limit = m_pipe.m_read_fd == -1 ? BLIND_WAIT_MS : -1;
-    if (m_always_count.load(std::memory_order_relaxed) != 0 && always_pending()) {
+    if (!m_queue.PollerMayWait() ||
+        (m_always_count.load(std::memory_order_relaxed) != 0 && always_pending())) {
         limit = 0;
     }
     const int reports = ::epoll_wait(m_epoll, m_reports.data(), BATCH, limit);

@@ -69,7 +69,8 @@ void CThreadPool::queue_token(int64_t key, CEvent** keep) {
     if (keep != nullptr) {
         *keep = token;
     }
-    m_event.PushOne(token);
+    token->m_next = nullptr;
+    Push(token);
 }
 
 void CThreadPool::start_daemon(int priority, int policy, int stack) {
@@ -152,6 +153,18 @@ void CThreadPool::DetachObject(int64_t id) {
     entry->m_owner->DecRef();
 }
 
+void CThreadPool::Push(CEvent* ev) {
+    if (m_event.Push(ev)) {
+        m_mux.WakeUp();
+    }
+}
+
+void CThreadPool::PushFront(CEvent* ev) {
+    if (m_event.PushFront(ev)) {
+        m_mux.WakeUp();
+    }
+}
+
 void CThreadPool::PushSerial(CEvent* ev) {
     Infra::CGuard guard(m_serial_mutex);
     m_event_serial.PushSilent(ev);
@@ -172,7 +185,8 @@ void CThreadPool::DaemonProc(Infra::CThreadLite& thread) {
         CEvent* beat = getEvent();
         m_heartbeat.store(beat, std::memory_order_relaxed);
         beat->m_key = EVENT_KEY_HEARTBEAT;
-        m_event.PushOne(beat);
+        beat->m_next = nullptr;
+        Push(beat);
         thread.pause(HEARTBEAT_REST_MS);
         m_daemon_sem.pend(HEARTBEAT_WAIT_MS);
     }

@@ -50,6 +50,11 @@ public:
     /// Logs every registered socket whose handler is open, at level 4. Result: how many.
     int TraversalSock();
 
+    // Push on the main queue, for a worker that sleeps there or waits for sockets. The caller keeps the pool
+    // alive.
+    void Push(CEvent* ev);
+    void PushFront(CEvent* ev);
+
     /// Puts a serial record in line, and queues the drain token if no drain is under way.
     void PushSerial(CEvent* ev);
 

@@ -18,28 +18,43 @@ void CWorkQueue::wake(int claimed) {
     m_sem.post(claimed, claimed);
 }
 
-void CWorkQueue::Push(CEvent* ev) {
+/// True once for each wait of the poller.
+bool CWorkQueue::claim_poller() {
+    if (!m_poller_waits.load(std::memory_order_relaxed)) {
+        return false;
+    }
+    m_poller_waits.store(false, std::memory_order_relaxed);
+    return true;
+}
+
+bool CWorkQueue::Push(CEvent* ev) {
     int claimed;
+    bool poller;
     {
         Infra::CGuard guard(m_mutex);
         claimed = claim(append(ev));
+        poller = claimed == 0 && claim_poller();
     }
     wake(claimed);
+    return poller;
 }
 
-void CWorkQueue::PushOne(CEvent* ev) {
+bool CWorkQueue::PushOne(CEvent* ev) {
     ev->m_next = nullptr;
-    Push(ev);
+    return Push(ev);
 }
 
-void CWorkQueue::PushFront(CEvent* ev) {
+bool CWorkQueue::PushFront(CEvent* ev) {
     int claimed;
+    bool poller;
     {
         Infra::CGuard guard(m_mutex);
         put_front(ev);
         claimed = claim(1);
+        poller = claimed == 0 && claim_poller();
     }
     wake(claimed);
+    return poller;
 }
 
 void CWorkQueue::PushReady(CEvent* chain, int count, CEvent* token, int wakes) {
@@ -51,6 +66,7 @@ void CWorkQueue::PushReady(CEvent* chain, int count, CEvent* token, int wakes) {
             append(chain);
         }
         append(token);
+        m_poller_waits.store(false, std::memory_order_relaxed);
         claimed = claim(std::min(count, m_guard ? wakes : std::max(wakes, 1)));
     }
     wake(claimed);
@@ -67,11 +83,19 @@ void CWorkQueue::WakeAll() {
 
 // ---- taking --------------------------------------------------------------------------------------------
 
+CEvent* CWorkQueue::take_record() {
+    CEvent* ev = take();
+    if (ev != nullptr && ev->m_key == EVENT_KEY_POLL) {
+        m_poller_waits.store(m_head == nullptr, std::memory_order_relaxed);
+    }
+    return ev;
+}
+
 CEvent* CWorkQueue::PopWork() {
     bool guarding;
     {
         Infra::CGuard guard(m_mutex);
-        if (CEvent* ev = take()) {
+        if (CEvent* ev = take_record()) {
             return ev;
         }
         ++m_sleepers;
@@ -93,7 +117,7 @@ CEvent* CWorkQueue::take_woken() {
     int claimed;
     {
         Infra::CGuard guard(m_mutex);
-        ev = take();
+        ev = take_record();
         claimed = m_head != nullptr && !m_guard ? claim(1) : 0;
     }
     wake(claimed);

@@ -26,10 +26,11 @@ public:
     /// `progress` moves with every record that the pool takes; it tells the guard whether the pool is idle.
     explicit CWorkQueue(const std::atomic<uint64_t>& progress) : m_progress(progress) {}
 
-    // As in CEventQueue.
-    void Push(CEvent* ev);
-    void PushOne(CEvent* ev);
-    void PushFront(CEvent* ev);
+    // As in CEventQueue. True if nobody sleeps here but the poller waits for sockets: the caller ends that
+    // wait, so that the poller takes the record. It is told once for each wait.
+    bool Push(CEvent* ev);
+    bool PushOne(CEvent* ev);
+    bool PushFront(CEvent* ev);
     void PushSilent(CEvent* ev) = delete;
     CEvent* Pop() = delete;
 
@@ -39,6 +40,10 @@ public:
 
     /// A worker's Pop: waits for a record. Null after WakeAll.
     CEvent* PopWork();
+
+    /// Whether the holder of the token may wait for sockets without limit. Not while records stand behind the
+    /// token: all others may be in long calls.
+    bool PollerMayWait() const { return m_poller_waits.load(std::memory_order_relaxed); }
 
     /// Has every sleeper return. For the end of the pool: each worker that leaves calls it, since another may
     /// have gone to sleep after the call before.
@@ -57,6 +62,8 @@ private:
     };
 
     int claim(int most) INFRA_REQUIRES(m_mutex);
+    bool claim_poller() INFRA_REQUIRES(m_mutex);
+    CEvent* take_record() INFRA_REQUIRES(m_mutex);
     void wake(int claimed);
     CEvent* take_woken();
     void sleep_as_guard();
@@ -66,6 +73,9 @@ private:
     /// Workers that sleep, or are about to, and for whom no wake-up was given out.
     int m_sleepers INFRA_GUARDED_BY(m_mutex) = 0;
     bool m_guard INFRA_GUARDED_BY(m_mutex) = false;
+    /// The token was taken from a queue that was empty behind it, and nothing was pushed since without a
+    /// sleeper to wake. Written under the mutex.
+    std::atomic<bool> m_poller_waits{false};
 
     friend struct WorkQueueProbe;  // tests
 };

@@ -33,8 +33,8 @@ public:
 
     /// Starts the library and its public pool, or counts one user more. `threads` workers, raised to a
     /// multiple of the processor count; 0 is logged as an error and raised likewise (on one processor such a
-    /// pool has no workers). One worker usually waits for sockets, so of N workers N - 1 can be in calls that
-    /// block before messages and timers have to wait. `threads` counts only in the call that creates the
+    /// pool has no workers). While all of them are in calls that block, nothing else is served. `threads`
+    /// counts only in the call that creates the
     /// pool. `file_io` asks for file workers; this version has none, and the argument has no effect. Blocks
     /// for the start of the threads. Result: 0, or -1 if the library cannot start.
     static int CreateThreadPool(unsigned int threads, bool file_io);

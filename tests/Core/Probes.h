@@ -61,6 +61,11 @@ struct WorkQueueProbe {
         Infra::CGuard guard(queue.m_mutex);
         return queue.m_guard;
     }
+    // As if the token had just been taken from an empty queue.
+    static void letPollerWait(CWorkQueue& queue) {
+        Infra::CGuard guard(queue.m_mutex);
+        queue.m_poller_waits.store(true);
+    }
     static int sleepers(CWorkQueue& queue) {
         Infra::CGuard guard(queue.m_mutex);
         return queue.m_sleepers;

@@ -284,6 +284,7 @@ public:
     explicit Waiter(StillPool& rig)
         : m_thread([this, &rig] {
               m_id = kernelThreadId();
+              WorkQueueProbe::letPollerWait(rig.pool().m_event);
               rig.mux().Wait(rig.token());
               m_over = true;
           }) {

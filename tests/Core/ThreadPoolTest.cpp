@@ -166,8 +166,6 @@ TEST_F(RunningPoolTest, WhileAllWorkersAreInLongCallsSocketsAreNotPolled) {
         handler->Notify(handler->GetID(), 1, 0);
     }
     // The last worker waits for sockets; it comes out of that, and takes the last message.
-    EXPECT_EVENTUALLY(busy == all - 1);
-    pool().m_mux.WakeUp();
     EXPECT_EVENTUALLY(busy == all);
     EXPECT_EQ(1, ::send(ends[1], "x", 1, MSG_NOSIGNAL));
     for (int i = 0; i < 3; ++i) {
@@ -263,6 +261,44 @@ TEST_F(RunningPoolTest, TheListingCanBeWhatEndsAnOwner) {
     Infra::setLogSink(before);
     EXPECT_EVENTUALLY(life->deleted == 1);
     EXPECT_EQ(0, pool().TraversalSock());
+}
+
+TEST(ThreadPool, TheOnlyWorkerServesMessagesAndTimersBetweenItsWaits) {
+    CThreadPool* pool = new CThreadPool(5, 1, 64, 0, 0, 1);
+    PoolTable::Set(5, pool);
+    ASSERT_EQ(1, ThreadPoolProbe::workers(*pool));
+    auto* handler = new TestHandler(5);
+    const std::shared_ptr<HandlerLife> life = handler->life;
+    const uint64_t begin = Infra::CTime::getCurrentMicroSecond();
+    for (int i = 0; i < 100; ++i) {
+        handler->Notify(handler->GetID(), 1, 0);
+        handler->NotifySerial(handler->GetID(), 1, 0, 0);
+        EXPECT_EVENTUALLY(life->messages == 2 * (i + 1));
+    }
+    // A heartbeat comes by every five seconds, and would set the worker going too.
+    EXPECT_LT(Infra::CTime::getCurrentMicroSecond() - begin,
+              static_cast<uint64_t>(Testing::scaledMs(4000)) * 1000);
+    handler->Close();
+    EXPECT_EVENTUALLY(life->closes == 1);
+    pool->Stop();
+    PoolTable::Set(5, nullptr);
+    delete pool;
+}
+
+TEST_F(RunningPoolTest, AMessageEndsTheWaitForSocketsWhenAllOthersAreBusy) {
+    auto* handler = new TestHandler;
+    std::atomic<int> busy{0};
+    const int all = ThreadPoolProbe::workers(pool());
+    handler->on_message = [&](long, unsigned int, long) {
+        ++busy;
+        EXPECT_EVENTUALLY(busy == all);
+        return 0;
+    };
+    for (int i = 0; i < all; ++i) {
+        handler->Notify(handler->GetID(), 1, 0);
+    }
+    EXPECT_EVENTUALLY(handler->life->messages == all);
+    closeAndWait(handler);
 }
 
 // ---- the end -------------------------------------------------------------------------------------------
