@@ -198,8 +198,8 @@ TEST_F(PollHandOverTest, IdlePoolMakesNoWakeUps) {
     for (int i = 0; i < 50; ++i) {
         request();
     }
+    ASSERT_EVENTUALLY(static_cast<int>(workerThreads().size()) == ThreadPoolProbe::workers(pool()));
     const std::vector<int> workers_now = workerThreads();
-    ASSERT_EQ(ThreadPoolProbe::workers(pool()), static_cast<int>(workers_now.size()));
     EXPECT_EVENTUALLY(!WorkQueueProbe::guarded(pool().m_event));
     const long before = sleepsOf(workers_now);
     Infra::CThread::sleep(300);
