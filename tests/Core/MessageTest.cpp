@@ -189,16 +189,16 @@ TEST_F(MessageTest, PlainMessagesStartInTheOrderOfPosting) {
         }
         return 0;
     };
-    for (int i = 0; i < WORKERS - 2; ++i) {
+    for (int i = 0; i < WORKERS - 1; ++i) {
         handler->Notify(id(), 1, 0);
     }
-    EXPECT_EVENTUALLY(busy == WORKERS - 2);
+    EXPECT_EVENTUALLY(busy == WORKERS - 1);
     for (long i = 0; i < 500; ++i) {
         handler->Notify(id(), 2, i);
     }
     EXPECT_EVENTUALLY(life->messages == 500);
     go = true;
-    EXPECT_EVENTUALLY(life->messages == 500 + WORKERS - 2);
+    EXPECT_EVENTUALLY(life->messages == 500 + WORKERS - 1);
     for (long i = 0; i < 500; ++i) {
         ASSERT_EQ(i, order[static_cast<size_t>(i)]);
     }

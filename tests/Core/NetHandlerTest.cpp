@@ -44,7 +44,7 @@ struct Pair {
     int far;
 };
 
-// One worker waits for sockets, so four leave three for calls that block each other.
+// Enough for calls that block each other.
 class NetHandlerTest : public PoolFixture {
 protected:
     NetHandlerTest() { workers = 4; }
@@ -215,22 +215,25 @@ TEST_F(NetHandlerTest, TheDefaultHandleCloseLeavesTheObjectAllocated) {
 TEST_F(NetHandlerTest, TheCloseMessageOvertakesWhatWaitsAndDropsIt) {
     auto* handler = new TestHandler;
     const Life life = handler->life;
-    std::atomic<bool> go{false};
-    handler->on_message = [&](long, unsigned int, long) {
-        EXPECT_EVENTUALLY(go);
+    const long id = handler->GetID();
+    std::atomic<long> allowed{-1};  // calls up to this one may end
+    handler->on_message = [&](long, unsigned int, long attach) {
+        EXPECT_EVENTUALLY(attach <= allowed);
         return 0;
     };
-    const int busy = ThreadPoolProbe::workers(*PoolTable::Get(0)) - 1;
+    const int busy = ThreadPoolProbe::workers(*PoolTable::Get(0));
     for (int i = 0; i < busy; ++i) {
-        handler->Notify(handler->GetID(), 1, 0);
+        handler->Notify(id, 1, i);
     }
     EXPECT_EVENTUALLY(HandlerProbe::references(*handler) == 1 + busy);
     for (int i = 0; i < 10; ++i) {
-        handler->Notify(handler->GetID(), 1, 0);
-        handler->NotifySerial(handler->GetID(), 1, 0, 0);
+        handler->Notify(id, 1, 0);
+        handler->NotifySerial(id, 1, 0, 0);
     }
     handler->Close();
-    go = true;
+    allowed = 0;  // one worker is free, and finds the close message first
+    EXPECT_EVENTUALLY(!PoolTable::FindHandler(id));
+    allowed = busy;
     EXPECT_EVENTUALLY(life->closes == 1);
     EXPECT_EQ(busy, life->messages);
 }
