@@ -51,12 +51,7 @@ CMultiplexer::CMultiplexer(int pool_index, BTree& sock_tree, CWorkQueue& queue)
 }
 
 CMultiplexer::~CMultiplexer() {
-    for (int* fd : {&m_pipe.m_read_fd, &m_pipe.m_write_fd}) {
-        if (*fd != -1) {
-            CWINPipe::Close(*fd);
-            *fd = -1;
-        }
-    }
+    close_pipe();
     if (m_epoll != -1) {
         ::close(m_epoll);
     }
@@ -64,17 +59,30 @@ CMultiplexer::~CMultiplexer() {
 
 int CMultiplexer::Init() {
     m_epoll = ::epoll_create1(EPOLL_CLOEXEC);
-    if (m_epoll == -1 || !m_pipe.CreatePipe(false)) {
+    if (m_epoll == -1 || !m_pipe.CreatePipe(false) || !watch_pipe(m_epoll)) {
         INFRA_LOG(2, "%s :CreatePipe failed!\n", INFRA_FUNCTION);
+        close_pipe();
         return -1;
     }
-    epoll_event interest{};
-    interest.events = EPOLLIN;
-    interest.data.u64 = WAKE_MARK;
-    ::epoll_ctl(m_epoll, EPOLL_CTL_ADD, m_pipe.m_read_fd, &interest);
     // The wake end has a place in the read set for the life of the pool.
     m_places[0].store(1, std::memory_order_relaxed);
     return 0;
+}
+
+bool CMultiplexer::watch_pipe(int epoll) {
+    epoll_event interest{};
+    interest.events = EPOLLIN;
+    interest.data.u64 = WAKE_MARK;
+    return ::epoll_ctl(epoll, EPOLL_CTL_ADD, m_pipe.m_read_fd, &interest) == 0;
+}
+
+void CMultiplexer::close_pipe() {
+    for (int* fd : {&m_pipe.m_read_fd, &m_pipe.m_write_fd}) {
+        if (*fd != -1) {
+            CWINPipe::Close(*fd);
+            *fd = -1;
+        }
+    }
 }
 
 // ---- the book ------------------------------------------------------------------------------------------
@@ -399,15 +407,13 @@ void CMultiplexer::rebuild() {
     if (fresh == -1) {
         return;
     }
+    if (m_pipe.m_read_fd != -1 && !watch_pipe(fresh)) {
+        ::close(fresh);  // without the wake end the wait could not be ended
+        return;
+    }
     INFRA_LOG(3, "a closed socket is still reported, its descriptor was copied: watching all sockets anew\n");
     m_sock_tree.WriteLock();
     const int old = m_epoll.exchange(fresh);
-    if (m_pipe.m_read_fd != -1) {
-        epoll_event interest{};
-        interest.events = EPOLLIN;
-        interest.data.u64 = WAKE_MARK;
-        ::epoll_ctl(fresh, EPOLL_CTL_ADD, m_pipe.m_read_fd, &interest);
-    }
     m_sock_tree.ForEach([this](void* payload) {
         CEvent* ev = static_cast<CEvent*>(payload);
         RecordPin pin = RecordPin::Enter(ev);

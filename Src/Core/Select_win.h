@@ -136,6 +136,8 @@ private:
     void mark(CEvent* ev, int16_t revents, Ready& ready);
     void drain_pipe();
     void rebuild();
+    bool watch_pipe(int epoll);
+    void close_pipe();
     CEvent** slot(size_t number);
 
     /// Guards the always-ready list. A leaf.
