@@ -19,6 +19,7 @@ std::mutex s_mutex;
 std::vector<EpollCall> s_calls;
 std::atomic<int> s_fd{-1};
 std::atomic<uint64_t> s_waits{0};
+thread_local int t_fault = 0;
 
 template <typename Function>
 Function* realFunction(const char* name) {
@@ -36,6 +37,10 @@ int passOn(int epoll, epoll_event* events, int most, int timeout) {
 }
 
 int recorded(int epoll, int op, int fd, epoll_event* event) {
+    if (const int error = std::exchange(t_fault, 0)) {
+        errno = error;
+        return -1;
+    }
     if (fd != s_fd.load(std::memory_order_relaxed)) {
         return passOn(epoll, op, fd, event);
     }
@@ -72,6 +77,14 @@ std::vector<EpollCall> EpollRecorder::calls() const {
 std::vector<EpollCall> EpollRecorder::take() {
     const std::lock_guard<std::mutex> guard(s_mutex);
     return std::exchange(s_calls, {});
+}
+
+EpollFault::EpollFault(int error) {
+    t_fault = error;
+}
+
+EpollFault::~EpollFault() {
+    t_fault = 0;
 }
 
 uint64_t epollWaits() {

@@ -48,6 +48,15 @@ public:
     std::vector<EpollCall> take();
 };
 
+// Makes the next epoll_ctl on the calling thread fail with `error`.
+class EpollFault {
+public:
+    explicit EpollFault(int error);
+    ~EpollFault();
+    EpollFault(const EpollFault&) = delete;
+    EpollFault& operator=(const EpollFault&) = delete;
+};
+
 // How often this program has called epoll_wait.
 uint64_t epollWaits();
 

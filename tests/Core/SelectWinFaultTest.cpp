@@ -69,6 +69,19 @@ TEST(SelectWinFaultTest, WithoutAWakePairThePoolServesSocketsMessagesAndTimersAn
     }
 }
 
+TEST(SelectWinFaultTest, WakePairThatTheKernelDoesNotWatchIsNone) {
+    LogCapture log;
+    {
+        EpollFault fault(ENOSPC);
+        ASSERT_EQ(0, CNetThread::CreateThreadPool(2, false));
+    }
+    expectLines(log);
+    CThreadPool& pool = *PoolTable::Get(0);
+    EXPECT_EQ(-1, MultiplexerProbe::pipe(pool.m_mux).m_read_fd);
+    EXPECT_EQ(-1, MultiplexerProbe::pipe(pool.m_mux).m_write_fd);
+    EXPECT_EQ(0, CNetThread::DestroyThreadPool());
+}
+
 TEST(SelectWinFaultTest, WithoutAWakePairThePollerLooksRoundSeldom) {
     LogCapture quiet(1);
     ShortPool pool(1);

@@ -1,8 +1,5 @@
-// CMultiplexer: descriptors that are closed, copied and reused while they are registered, files, and handlers
-// that have gone.
+// CMultiplexer: descriptors that are closed, copied and reused while they are registered.
 #include <gtest/gtest.h>
-
-#include <cstdlib>
 
 #include "Core/EpollSeam.h"
 #include "Core/SocketPair.h"
@@ -200,6 +197,25 @@ TEST_F(SelectWinReuseTest, OrphanedCopyHasTheInstanceRebuiltOnceWithALineAndOthe
     ::close(copy);
 }
 
+TEST_F(SelectWinReuseTest, RebuildThatCannotWatchTheWakeEndKeepsTheOldInstanceAndTriesAgain) {
+    SocketPair gone;
+    add(gone.near);
+    const int before = rig.epoll();
+    const int copy = orphan(gone);
+    LogCapture log;
+    rig.poll();
+    {
+        EpollFault fault(ENOMEM);
+        rig.poll();
+        EXPECT_EQ(before, rig.epoll());
+        EXPECT_TRUE(log.lines().empty()) << log.dump();
+    }
+    EXPECT_TRUE(fallsSilent());
+    EXPECT_NE(before, rig.epoll());
+    EXPECT_EQ(1u, log.count(3, REBUILD_LINE)) << log.dump();
+    ::close(copy);
+}
+
 TEST_F(SelectWinReuseTest, ManyOrphansTogetherDoNotKeepThePollerBusy) {
     std::vector<std::unique_ptr<SocketPair>> pairs;
     std::vector<int> copies;
@@ -237,155 +253,6 @@ TEST_F(SelectWinReuseTest, LastReportsOfRemovedSocketsRebuildNothing) {
     EXPECT_EQ(before, rig.epoll());
     EXPECT_EQ(Calls{}, kernel.take()) << "the number may be anybody's by now";
     EXPECT_TRUE(log.lines().empty()) << log.dump();
-}
-
-// ---- files ---------------------------------------------------------------------------------------------
-
-class RegularFile : public CSock {
-public:
-    RegularFile() {
-        char name[] = "/tmp/reticor_file_XXXXXX";
-        m_handle = ::mkostemp(name, O_CLOEXEC);
-        ::unlink(name);
-    }
-};
-
-TEST_F(SelectWinReuseTest, RegularFileIsAlwaysReadyButNeverInFlightTwice) {
-    RegularFile file;
-    EpollRecorder kernel(file.GetHandle());
-    add(file, SOCK_READ | SOCK_WRITE);
-    EXPECT_EQ((Calls{failed(EPOLL_CTL_ADD, IN | EPOLLOUT, EPERM)}), kernel.take());
-    EXPECT_EQ(1, MultiplexerProbe::pipePending(rig.mux())) << "a wait that is under way has to look";
-    for (int i = 0; i < 3; ++i) {
-        const std::vector<CEvent*> ready = rig.poll();
-        ASSERT_EQ(1u, ready.size());
-        EXPECT_EQ(5, ready[0]->m_revents);
-        EXPECT_TRUE(rig.poll().empty());
-        rig.serve(ready[0]);
-    }
-    EXPECT_EQ(3, handler->life->inputs);
-    EXPECT_EQ(3, handler->life->outputs);
-    handler->UnregisterSock(file, SOCK_READ);
-    EXPECT_EQ(1u, rig.pollAndServe());
-    EXPECT_EQ(3, handler->life->inputs);
-    handler->UnregisterSock(file, SOCK_WRITE);
-    EXPECT_TRUE(rig.poll().empty());
-    handler->RemoveSock(file);
-    EXPECT_EQ(0u, MultiplexerProbe::alwaysReady(rig.mux()));
-}
-
-TEST_F(SelectWinReuseTest, RegularFileRegisteredForExceptionsAloneIsNeverReady) {
-    RegularFile file;
-    add(file, SOCK_EXCEPT);
-    EXPECT_TRUE(rig.poll().empty());
-    EXPECT_TRUE(rig.poll().empty());
-    handler->RemoveSock(file);
-}
-
-TEST_F(SelectWinReuseTest, FileRemovedInFlightAndRegisteredAgainIsAlwaysReadyAgain) {
-    RegularFile file;
-    add(file);
-    const std::vector<CEvent*> ready = rig.poll();
-    ASSERT_EQ(1u, ready.size());
-    handler->RemoveSock(file);
-    EXPECT_EQ(0u, MultiplexerProbe::alwaysReady(rig.mux()));
-    add(file);
-    rig.serve(ready[0]);
-    EXPECT_EQ(1u, MultiplexerProbe::alwaysReady(rig.mux()));
-    EXPECT_EQ(1u, rig.pollAndServe());
-    handler->RemoveSock(file);
-}
-
-TEST_F(SelectWinReuseTest, SocketThatTakesTheNumberOfAFileIsWatchedAsASocketOnceRegistered) {
-    SocketPair pair;
-    RegularFile file;
-    const int number = file.GetHandle();
-    add(file);
-    EXPECT_EQ(number, ::dup3(pair.fd(), number, O_CLOEXEC));
-    add(file);
-    EXPECT_EQ(0u, MultiplexerProbe::alwaysReady(rig.mux()));
-    EXPECT_TRUE(rig.poll().empty()) << "nothing to read";
-    pair.write();
-    EXPECT_EQ(1u, rig.pollAndServe());
-    EXPECT_EQ(1, handler->life->inputs);
-    handler->RemoveSock(file);
-}
-
-TEST_F(SelectWinReuseTest, FileThatTakesTheNumberOfASocketIsAlwaysReadyOnceRegistered) {
-    SocketPair pair;
-    RegularFile file;
-    const int number = pair.fd();
-    add(pair.near);
-    EXPECT_EQ(number, ::dup3(file.GetHandle(), number, O_CLOEXEC));
-    add(pair.near);
-    EXPECT_EQ(1u, MultiplexerProbe::alwaysReady(rig.mux()));
-    EXPECT_EQ(1u, rig.pollAndServe());
-    EXPECT_EQ(1u, rig.pollAndServe());
-    handler->RemoveSock(pair.near);
-}
-
-// ---- handlers that have gone ---------------------------------------------------------------------------
-
-class SelectWinOrphanTest : public SelectWinReuseTest {
-protected:
-    std::string goneLine() const {
-        return "pool " + std::to_string(StillPool::INDEX) + ": the handler of ready socket " +
-               std::to_string(pair.fd()) + " is gone, the socket rests until it is registered again\n";
-    }
-    // Registers the socket with a handler that is closed without a word to the socket.
-    void abandon() {
-        TestHandler* const owner = new TestHandler(StillPool::INDEX);
-        EXPECT_EQ(0, owner->RegisterSock(pair.near, SOCK_READ, 0));
-        rig.close(owner);
-    }
-
-    SocketPair pair;
-};
-
-TEST_F(SelectWinOrphanTest, SocketOfAHandlerThatHasGoneRestsWithOneLineAndKeepsItsPlace) {
-    abandon();
-    pair.write();
-    LogCapture log;
-    EXPECT_EQ(1u, rig.pollAndServe());
-    EXPECT_EQ(1u, log.count(3, goneLine())) << log.dump();
-    EXPECT_EQ(0, epollReports(rig.epoll())) << "data is waiting, and nobody could be called";
-    EXPECT_TRUE(rig.poll().empty());
-    EXPECT_EQ(2, rig.places(0));
-    pair.write();
-    pair.far.Close();
-    EXPECT_TRUE(rig.poll().empty());
-    EXPECT_EQ(0, epollReports(rig.epoll()));
-    EXPECT_EQ(1u, log.lines().size()) << log.dump();
-
-    add(pair.near);
-    EXPECT_EQ(1u, rig.pollAndServe());
-    EXPECT_EQ(1, handler->life->inputs) << "its new handler hears of it";
-    handler->RemoveSock(pair.near);
-}
-
-TEST_F(SelectWinOrphanTest, FileOfAHandlerThatHasGoneRestsToo) {
-    RegularFile file;
-    TestHandler* const owner = new TestHandler(StillPool::INDEX);
-    EXPECT_EQ(0, owner->RegisterSock(file, SOCK_READ, 0));
-    rig.close(owner);
-    EXPECT_EQ(1u, rig.pollAndServe());
-    EXPECT_TRUE(rig.poll().empty());
-    EXPECT_TRUE(rig.poll().empty());
-    handler->RemoveSock(file);
-}
-
-TEST_F(SelectWinOrphanTest, HandlerThatTakesTheSocketBetweenCallAndSecondHalfHearsOfIt) {
-    abandon();
-    pair.write();
-    const std::vector<CEvent*> ready = rig.poll();
-    ASSERT_EQ(1u, ready.size());
-    add(pair.near);  // before the worker looks for the handler
-    rig.serve(ready[0]);
-    EXPECT_EQ(1, handler->life->inputs);
-    pair.write();
-    EXPECT_EQ(1u, rig.pollAndServe());
-    EXPECT_EQ(2, handler->life->inputs);
-    handler->RemoveSock(pair.near);
 }
 
 }  // namespace
