@@ -222,11 +222,12 @@ TEST(BTreeLock, ThreadsChangeAndLookUpSideBySide) {
     constexpr int64_t SPAN = 64;  // Keys of each changing thread.
     BTree tree(4);
     std::atomic<bool> stop{false};
+    std::deque<CEvent> sets[2];  // they outlive the finder, which may be at a record that was removed
     std::vector<std::thread> threads;
     SeededRandom random;
     for (int64_t t = 0; t < 2; ++t) {
-        threads.emplace_back([&tree, t, mine = random.fork()]() mutable {
-            std::deque<CEvent> records(SPAN);
+        threads.emplace_back([&tree, &records = sets[t], t, mine = random.fork()]() mutable {
+            records.resize(SPAN);
             for (int64_t i = 0; i < SPAN; ++i) {
                 records[static_cast<size_t>(i)].m_key = t * SPAN + i;
             }
