@@ -1,0 +1,96 @@
+// A stream behind a link of limited bandwidth.
+#include <Reticor/SimulatorStream.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstddef>
+#include <cstdint>
+#include <new>
+
+#include <Infra/Time.h>
+#include <Reticor/SockStream.h>
+
+namespace Orvex::Reticor {
+
+namespace {
+
+constexpr std::uint64_t window_ms = 1000;
+
+}  // namespace
+
+struct CSimulatorStream::Record {
+    unsigned m_bytes_per_window = 0;
+    std::uint64_t m_sent = 0;  // in the present window
+    std::uint64_t m_window_start_ms = Infra::CTime::getCurrentMilliSecond();
+    CSockStream* m_real = nullptr;  // not owned
+};
+
+CSimulatorStream::CSimulatorStream()
+    : CSock(-1, SOCK_TYPE_SIMULATOR), m_record(new (std::nothrow) Record()) {}
+
+CSimulatorStream::~CSimulatorStream() {
+    m_handle = -1;  // It is the real socket's, who closes it.
+}
+
+void CSimulatorStream::SetRealSocket(CSockStream* real) {
+    if (!m_record) {
+        return;
+    }
+    m_record->m_real = real;
+    m_handle = real != nullptr ? real->GetHandle() : -1;
+}
+
+int CSimulatorStream::SetBandWidth(unsigned mbit) {
+    if (m_record) {
+        m_record->m_bytes_per_window = mbit * 1024 * 1024 / 8;
+    }
+    return 0;
+}
+
+int CSimulatorStream::Send(const char* data, unsigned len) {
+    if (!m_record) {
+        return 0;
+    }
+    Record& record = *m_record;
+    const std::uint64_t now_ms = Infra::CTime::getCurrentMilliSecond();
+    if (now_ms - record.m_window_start_ms > window_ms) {
+        record.m_window_start_ms = now_ms;
+        record.m_sent = 0;
+    }
+    if (record.m_sent >= record.m_bytes_per_window) {
+        return 0;
+    }
+    const std::uint64_t left = record.m_bytes_per_window - record.m_sent;
+    if (len > left) {
+        len = static_cast<unsigned>(left);
+    }
+    // A window is below half of what an int holds, so the length fits.
+    const int sent = record.m_real != nullptr ? record.m_real->Send(data, len) : static_cast<int>(len);
+    if (sent >= 1) {
+        record.m_sent += static_cast<std::uint64_t>(sent);
+    }
+    return sent;
+}
+
+int CSimulatorStream::WriteV(const struct iovec* vec, int count) {
+    if (vec == nullptr) {
+        return -1;
+    }
+    int total = 0;
+    for (int i = 0; i < count; ++i) {
+        const struct iovec& piece = vec[i];
+        if (piece.iov_base == nullptr && piece.iov_len == 0) {
+            continue;  // Nothing to send is no error, but a null address would be one to Send.
+        }
+        const auto length = static_cast<unsigned>(std::min<std::size_t>(piece.iov_len, UINT_MAX));
+        const int sent = Send(static_cast<const char*>(piece.iov_base), length);
+        // An error hides the bytes that went before it: a connection that failed has lost them anyway.
+        total = sent < 0 ? sent : total + sent;
+        if (sent < 0 || static_cast<std::size_t>(sent) < piece.iov_len) {
+            break;
+        }
+    }
+    return total;
+}
+
+}  // namespace Orvex::Reticor
