@@ -146,6 +146,12 @@ int CSockStream::WriteV(const struct iovec* vector, int count) {
     if (vector == nullptr) {
         return -1;
     }
+    // The kernel takes no more than IOV_MAX pieces. If those were all empty the result would be 0, which
+    // means "not now", and the caller would offer the same list for ever.
+    while (count > IOV_MAX && vector->iov_len == 0) {
+        ++vector;
+        --count;
+    }
     // sendmsg and not writev, which knows no flags and would raise SIGPIPE.
     msghdr message{};
     message.msg_iov = const_cast<iovec*>(vector);

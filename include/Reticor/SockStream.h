@@ -47,7 +47,8 @@ public:
     int Send(const char* buf, unsigned len);
 
     /// Sends `count` pieces with one sendmsg(2), at most IOV_MAX of them. Results as for Send; a count short
-    /// of the total is normal, also where `count` is above IOV_MAX. Blocks only in blocking mode.
+    /// of the total is normal, also where `count` is above IOV_MAX. Pieces may be empty, with any address: a
+    /// 0 still means that nothing can be sent now, unless all are. Blocks only in blocking mode.
     int WriteV(const struct iovec* vector, int count);
 
     /// Receives up to `len` bytes, more than 0, with one recv(2). Returns the bytes received; 0 if nothing is
