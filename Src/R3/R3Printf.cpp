@@ -14,6 +14,10 @@ namespace {
 
 constexpr int TEXT_LIMIT = 4096;  ///< Bytes of a text, with its end mark.
 
+/// Whether this thread is on its way to the daemon's client. What that way does prints too when it is traced,
+/// and would come here again without end.
+thread_local bool t_printing = false;
+
 }  // namespace
 
 void R3Printf(const char* format, ...) {
@@ -22,9 +26,10 @@ void R3Printf(const char* format, ...) {
         return;
     }
     const R3PrintHook print = __atomic_load_n(&g_r3_print, __ATOMIC_RELAXED);
-    if (print == nullptr) {
+    if (print == nullptr || t_printing) {
         return;
     }
+    t_printing = true;
     const int saved_errno = errno;
     char text[TEXT_LIMIT];
     va_list arguments;
@@ -35,6 +40,7 @@ void R3Printf(const char* format, ...) {
         print(daemon, text);
     }
     errno = saved_errno;
+    t_printing = false;
 }
 
 }  // namespace Orvex::Reticor

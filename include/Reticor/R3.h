@@ -7,7 +7,8 @@ namespace Orvex::Reticor {
 
 /// Prints a line to the client of the debug server, in the manner of printf. While no server runs it returns
 /// at once and formats nothing. A text that is empty, or of 4096 bytes and more, is dropped; so is one that
-/// is printed while no client is connected. `errno` is left alone.
+/// is printed while no client is connected, and one that printing itself gives rise to. `errno` is left
+/// alone.
 ///
 /// Thread safety: any thread, at any time, but not beside `R3ServerExit` of a running server.
 RETICOR_API void R3Printf(const char* format, ...) __attribute__((format(printf, 1, 2)));

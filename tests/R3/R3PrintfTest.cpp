@@ -85,6 +85,24 @@ TEST(R3Printf, LeavesErrnoAlone) {
     EXPECT_THAT(daemon.texts(), ElementsAre("printed 1\n"));
 }
 
+// The way to the client prints too when it is traced; it must not lead back to its own beginning.
+TEST(R3Printf, PrintMadeWhilePrintingIsDropped) {
+    static int s_prints;
+    s_prints = 0;
+    DaemonStandIn daemon;
+    g_r3_print = [](Orvex::Reticor::CR3Daemon*, const char* text) {
+        ++s_prints;
+        R3Printf("trace of print %d\n", s_prints);
+        if (text[0] == 'a') {
+            std::thread([] { R3Printf("b\n"); }).join();
+        }
+    };
+    R3Printf("a\n");
+    EXPECT_EQ(s_prints, 2);
+    R3Printf("c\n");
+    EXPECT_EQ(s_prints, 3) << "a later print of this thread comes through";
+}
+
 TEST(R3Printf, AnyThreadMayPrintWhileOthersDo) {
     DaemonStandIn daemon;
     std::vector<std::thread> threads;
