@@ -8,6 +8,7 @@
 namespace Orvex::Reticor {
 
 class CSock;
+class OwnerDoor;
 struct HandlerInternal;
 
 /// Directions in which a handler watches a socket; add them up.
@@ -179,6 +180,9 @@ protected:
     void Free(void* p);
 
 private:
+    /// Registers a socket on the handler that owns it for a helper object, such as CStreamSender.
+    friend class OwnerDoor;
+
     void open_object(int pool);
     bool enter_open();
 

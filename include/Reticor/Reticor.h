@@ -4,6 +4,7 @@
 #include <Reticor/NetHandler.h>
 #include <Reticor/NetThread.h>
 #include <Reticor/R3.h>
+#include <Reticor/SimulatorStream.h>
 #include <Reticor/Sock.h>
 #include <Reticor/SockAcceptor.h>
 #include <Reticor/SockAddr.h>
@@ -11,5 +12,8 @@
 #include <Reticor/SockAddrIPv6.h>
 #include <Reticor/SockAddrStorage.h>
 #include <Reticor/SockStream.h>
+#include <Reticor/SslAcceptor.h>
+#include <Reticor/SslStream.h>
 #include <Reticor/StrParser.h>
+#include <Reticor/StreamSender.h>
 #include <Reticor/TsMemory.h>

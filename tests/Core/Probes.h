@@ -146,8 +146,8 @@ struct ThreadPoolProbe {
     }
 };
 
-// CNetHandler keeps its state private and has no friends. An explicit instantiation may name a private
-// member.
+// CNetHandler keeps its state private and has no friend for tests. An explicit instantiation may name a
+// private member.
 namespace ProbeDetail {
 
 struct HandlerState {
