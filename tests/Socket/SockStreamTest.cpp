@@ -351,6 +351,17 @@ TEST(SockStreamWriteV, AtMostIovMaxPiecesGoOutInOneCall) {
     EXPECT_EQ(Testing::receive(pair.server, IOV_MAX), bytes.substr(0, IOV_MAX));
 }
 
+TEST(SockStreamWriteV, EmptyPiecesAheadOfTheKernelsLimitDoNotLookLikeAFullSocket) {
+    LoopbackPair pair;
+    ASSERT_TRUE(pair.connected);
+    std::vector<iovec> pieces(3 * IOV_MAX, iovec{nullptr, 0});
+    pieces.push_back({const_cast<char*>("behind"), 6});
+    EXPECT_EQ(pair.client.WriteV(pieces.data(), static_cast<int>(pieces.size())), 6);
+    EXPECT_EQ(Testing::receive(pair.server, 6), "behind");
+    pieces.pop_back();
+    EXPECT_EQ(pair.client.WriteV(pieces.data(), static_cast<int>(pieces.size())), 0);
+}
+
 TEST(SockStreamWriteV, NegativeCountIsAnError) {
     LoopbackPair pair;
     ASSERT_TRUE(pair.connected);
