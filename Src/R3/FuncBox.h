@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstdint>
 
+#include <Infra/Mutex.h>
 #include <Reticor/R3.h>
 
 namespace Orvex::Reticor {
@@ -18,10 +19,16 @@ struct TFuncEntry {
     const char* help;  ///< One line, or null. Not owned.
 };
 
-/// The commands, in the order in which they were registered. Nothing is ever removed.
+/// Guards the one box and what is in any box. Nothing else is taken while it is held.
+extern Infra::CMutex g_r3_funcbox_mutex;
+
+/// The commands, in the order in which they were registered. Nothing is ever removed, and an entry does not
+/// change, so an entry that was found is good for as long as its box.
 ///
-/// Thread safety: none. The box is filled by static objects while the library is loaded, on one thread, and
-/// only read afterwards.
+/// Ownership: counted. A box is made with one reference; `R3ServerExit` drops that one of the global box
+/// while a client of the debug server may still be searching it, with a reference of its own.
+///
+/// Thread safety: any thread.
 class TFuncBox {
 public:
     static constexpr int CAPACITY = 1024;
@@ -33,18 +40,54 @@ public:
     /// The command of exactly that name, or null.
     const TFuncEntry* Find(const char* name) const;
 
-    int Count() const { return m_count; }
+    int Count() const;
 
-    /// The entry at `index`, which is from 0 to below Count().
+    /// The entry at `index`, which is from 0 to below CAPACITY; empty from Count() on.
     const TFuncEntry& At(int index) const { return m_entries[index]; }
 
+    void AddRef();
+    void Release();
+
 private:
-    int32_t m_count = 0;
-    TFuncEntry m_entries[CAPACITY] = {};  ///< Filled from index 0 upward.
+    int32_t m_count INFRA_GUARDED_BY(g_r3_funcbox_mutex) = 0;
+    TFuncEntry m_entries[CAPACITY] = {};  ///< Filled from index 0 upward, under the mutex.
+    int32_t m_references INFRA_GUARDED_BY(g_r3_funcbox_mutex) = 1;
 };
 
-/// The one box. Null until the first registration, and again after `R3ServerExit`, which deletes it.
+/// The one box, with a reference of its own. Null until the first registration, and again after
+/// `R3ServerExit`.
 extern TFuncBox* g_r3_funcbox;
+
+/// A reference on a box, or nothing.
+class FuncBoxRef {
+public:
+    FuncBoxRef() = default;
+    explicit FuncBoxRef(TFuncBox* box) : m_box(box) {
+        if (m_box != nullptr) {
+            m_box->AddRef();
+        }
+    }
+    ~FuncBoxRef() {
+        if (m_box != nullptr) {
+            m_box->Release();
+        }
+    }
+    FuncBoxRef(const FuncBoxRef&) = delete;
+    FuncBoxRef& operator=(const FuncBoxRef&) = delete;
+
+    /// Takes over the reference that the caller holds. Only while this object is empty.
+    void adopt(TFuncBox* box) { m_box = box; }
+    TFuncBox* get() const { return m_box; }
+
+private:
+    TFuncBox* m_box = nullptr;
+};
+
+/// The one box, made if there is none, with a reference for the caller. Null if there is no memory for it.
+TFuncBox* acquireFuncBox();
+
+/// Drops the global reference. Somebody else's may keep the box.
+void dropFuncBox();
 
 /// Registers a command from a static object:
 /// `const R3Command s_command(&printVersion, "reticorversion", HELP_RETICORVERSION);`

@@ -12,8 +12,7 @@ int R3ServerStart(unsigned short, const char*, bool) {
 }
 
 int R3ServerExit() {
-    delete g_r3_funcbox;
-    g_r3_funcbox = nullptr;
+    dropFuncBox();
     return 0;
 }
 
