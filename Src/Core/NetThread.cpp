@@ -16,6 +16,7 @@
 #include "Core/PoolTable.h"
 #include "Core/SockTimer.h"
 #include "Core/ThreadPool.h"
+#include "R3/Debug.h"
 
 namespace Orvex::Reticor {
 
@@ -81,6 +82,11 @@ int set_up(unsigned int threads) INFRA_REQUIRES(sm_mutex) {
 int check_on_init(unsigned int threads) INFRA_REQUIRES(sm_mutex) {
     if (sm_pool_num == NOT_SET_UP && set_up(threads) != 0) {
         return -1;
+    }
+    // The line has always stood for success, and who watches the log of a product counts on it; a failure
+    // tells of itself.
+    if (InitConsoleDebug()) {
+        INFRA_LOG_STATIC(2, "InitConsoleDebug Failed! Will not to able use console commands.\n");
     }
     return sm_pub_pool_ref;
 }
@@ -226,7 +232,11 @@ int CNetThread::EnableR3() {
 int CNetThread::DisableR3() {
     Infra::CGuard guard(sm_mutex);
     assert(sm_pub_pool_ref);
-    return --sm_r3_ref != 0 ? 0 : R3ServerExit();
+    // Without a holder there is no server to end, and the count stays where it is.
+    if (sm_r3_ref == 0 || --sm_r3_ref != 0) {
+        return 0;
+    }
+    return R3ServerExit();
 }
 
 extern "C" {

@@ -64,6 +64,9 @@ public:
     /// `threads` raised to a multiple of `cpus`; on one processor as it is.
     static int workerCount(unsigned int threads, unsigned int cpus);
 
+    /// Logs a frame at level 4 that names the library. Which version it is, `reticorversion` tells.
+    static void Version();
+
 private:
     std::vector<Infra::CThreadLite*> m_threads;  ///< The workers; owned.
     int m_thread_num;
@@ -97,7 +100,6 @@ public:
 private:
     CEventQueue m_event_serial;
 
-    void Version();
     void start_daemon(int priority, int policy, int stack);
     void start_workers(int priority, int policy, int stack);
     void queue_token(int64_t key, CEvent** keep);

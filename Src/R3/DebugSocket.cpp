@@ -1,6 +1,8 @@
 // CDebugSocket: the flags as they are at load, and the gate.
 #include "R3/DebugSocket.h"
 
+#include <Infra/Log.h>
+
 namespace Orvex::Reticor {
 
 std::atomic<bool> CDebugSocket::socket_all{false};
@@ -23,6 +25,55 @@ constexpr int REVENTS_WRITE = 0x204;  ///< Ready to write, or the write time-out
 constexpr int REVENTS_EXCEPTION = 8;
 
 }  // namespace
+
+void CDebugSocket::follow(std::atomic<bool>& flag, std::atomic<int64_t>& number, bool on, int64_t value) {
+    set(flag, on);
+    number.store(value, std::memory_order_relaxed);
+}
+
+void CDebugSocket::setAll(bool on) {
+    for (std::atomic<bool>* flag : {&socket_all, &socket_read, &socket_write, &socket_exception}) {
+        set(*flag, on);
+    }
+    follow(socket_fd, socket_fd_num, on, -1);
+    follow(socket_nethandler, socket_nethandler_num, on, 0);
+    set(socket_dendity, on);
+}
+
+bool CDebugSocket::DebugControl(int type, bool on, long long value) {
+    switch (type) {
+        case 0:
+            set(socket_all, on);
+            return true;
+        case 1:
+            set(socket_read, on);
+            return true;
+        case 2:
+            set(socket_write, on);
+            return true;
+        case 3:
+            set(socket_exception, on);
+            return true;
+        case 4:
+            follow(socket_fd, socket_fd_num, on, value);
+            return true;
+        case 5:
+            follow(socket_nethandler, socket_nethandler_num, on, value);
+            return true;
+        case 6:
+            set(socket_off, on);
+            return true;
+        case 7:
+            setAll(on);
+            return true;
+        case 8:
+            set(socket_dendity, on);
+            return true;
+        default:
+            INFRA_LOG_PLAIN(2, "Set DebugControl Failed.\n");
+            return false;
+    }
+}
 
 bool CDebugSocket::anyClass() {
     return on(socket_all) || on(socket_read) || on(socket_write) || on(socket_exception);

@@ -29,6 +29,17 @@ public:
     static std::atomic<bool> socket_off;      ///< In spite of its name: lines print while it is true.
     static std::atomic<bool> socket_dendity;  ///< Print the lines of dense sites too.
 
+    /// Sets flags, each with a store of its own. False, with a line at level 2, for another `type`.
+    ///
+    /// | `type` | sets |
+    /// |---|---|
+    /// | 0, 1, 2, 3 | `socket_all`, `socket_read`, `socket_write`, `socket_exception` |
+    /// | 4, 5 | `socket_fd`, `socket_nethandler`, and the number that belongs to it to `value` |
+    /// | 6 | `socket_off` |
+    /// | 7 | all flags but `socket_off`, and both numbers to their first values |
+    /// | 8 | `socket_dendity` |
+    static bool DebugControl(int type, bool on, long long value);
+
     /// The class test of a site that is asked for directions: `type` has 1 for read, 2 for write.
     static bool passesType(unsigned int type);
 
@@ -43,6 +54,9 @@ public:
 
 private:
     static bool on(const std::atomic<bool>& flag) { return flag.load(std::memory_order_relaxed); }
+    static void set(std::atomic<bool>& flag, bool value) { flag.store(value, std::memory_order_relaxed); }
+    static void follow(std::atomic<bool>& flag, std::atomic<int64_t>& number, bool on, int64_t value);
+    static void setAll(bool on);
     static bool anyClass();
 };
 
