@@ -1,6 +1,7 @@
 // Everything that Reticor offers.
 #pragma once
 
+#include <Reticor/NTimer.h>
 #include <Reticor/NetHandler.h>
 #include <Reticor/NetThread.h>
 #include <Reticor/R3.h>

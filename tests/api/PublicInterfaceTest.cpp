@@ -155,6 +155,41 @@ TEST_F(PublicInterface, DebugCommandCanBeRegistered) {
     Reticor::R3Printf("nobody listens to %d\n", 1);
 }
 
+// Derives from an exported class, and overrides the operation that the library calls.
+class CTicked : public Reticor::CNTimerEvent {
+public:
+    CTicked(Infra::CSemaphore& step, Infra::CSemaphore& closed) : m_step(step), m_closed(closed) {}
+    int handle_timer_event() override {
+        m_step.post();
+        return CNTimerEvent::handle_timer_event();
+    }
+    int handle_close(CNetHandler* self) override {
+        Infra::CSemaphore& closed = m_closed;
+        delete self;
+        closed.post();
+        return 0;
+    }
+
+private:
+    Infra::CSemaphore& m_step;
+    Infra::CSemaphore& m_closed;
+};
+
+TEST_F(PublicInterface, TimerCallsItsEvents) {
+    Infra::CSemaphore step(0);
+    Infra::CSemaphore closed(0);
+    Reticor::CNTimer* const timer = Reticor::CNTimer::Create(5000);
+    ASSERT_NE(nullptr, timer);
+    auto* const event = new CTicked(step, closed);
+    timer->PushTimerEvent(event);
+    event->Start();
+    EXPECT_EQ(0, step.pend(WAIT_MS));
+    EXPECT_EQ(0, step.pend(WAIT_MS));
+    event->Stop();
+    timer->Close();
+    EXPECT_EQ(0, closed.pend(WAIT_MS));
+}
+
 TEST(Addresses, HoldBothFamilies) {
     EXPECT_EQ(80, Reticor::CSockAddrIPv4("127.0.0.1", 80).GetPort());
     EXPECT_TRUE(Reticor::CSockAddrIPv6("::1", 80).IsValid());

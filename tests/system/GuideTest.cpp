@@ -53,6 +53,11 @@ TEST_F(GuideTest, PulseBeatsAsOftenAsItWasAskedTo) {
     EXPECT_EQ(beats, 10);
 }
 
+TEST_F(GuideTest, CountdownEndsItselfAndItsTimer) {
+    countDown(m_gone, 3);
+    m_gone.pend();
+}
+
 TEST_F(GuideTest, AskerLearnsTheSumFromAdder) {
     std::atomic<long> sum{0};
     auto* adder = new Adder(m_gone);

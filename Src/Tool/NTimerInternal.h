@@ -1,0 +1,60 @@
+// What CNTimer and CNTimerEvent keep behind their pointers, and the arithmetic of the tick's grid.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include <Infra/Mutex.h>
+#include <Infra/ThreadAnnotations.h>
+
+namespace Orvex::Reticor {
+
+class CNTimerEvent;
+
+/// States of a CNTimerEvent.
+enum NTimerEventState : int32_t {
+    EVENT_CLOSED = 0,   ///< Waits for the next pass to unlink it.
+    EVENT_CREATED = 1,  ///< Not on a timer.
+    EVENT_READY = 2,    ///< Pushed, never started.
+    EVENT_RUNNING = 3,  ///< Called on every tick.
+    EVENT_STOPPED = 4,  ///< Stays in the list, is not called.
+    EVENT_CLOSING = 5,  ///< Passing state inside Close.
+};
+
+struct NTimerEventInternal {
+    /// Serialises the transitions. Comes behind the timer's mutex.
+    Infra::CMutex m_mutex;
+    /// The next in the list of the timer, whose mutex guards it.
+    CNTimerEvent* m_next = nullptr;
+    /// Changed under m_mutex, but for the last step to EVENT_CLOSED; the passes of the timer read it without.
+    std::atomic<int32_t> m_state{EVENT_CREATED};
+};
+
+struct NTimerInternal {
+    // The grid belongs to the tick, which never overlaps itself: these three need no lock.
+    uint64_t m_start = 0;    ///< Origin of the grid, us.
+    int64_t m_ticks = 0;     ///< Taken since m_start.
+    long long m_period = 0;  ///< us; any value.
+
+    /// Held across a whole pass, with every call of a handler. Comes before the mutexes of the events.
+    Infra::CMutex m_mutex;
+    CNTimerEvent* m_head INFRA_GUARDED_BY(m_mutex) = nullptr;  ///< First pushed.
+    CNTimerEvent* m_tail INFRA_GUARDED_BY(m_mutex) = nullptr;  ///< Last pushed.
+    long m_tick_timer INFRA_GUARDED_BY(m_mutex) = 0;
+    long m_sweep_timer INFRA_GUARDED_BY(m_mutex) = 0;  ///< Lets closed events go if the period is long.
+
+    /// One pass along the list: unlinks and closes what is closed, and with `fire` calls what runs.
+    void scan(bool fire) INFRA_REQUIRES(m_mutex);
+    /// Closes every event, whatever its state. By the destructor: without the lock, since nobody else knows
+    /// the timer any more.
+    void close_all() INFRA_NO_THREAD_SAFETY_ANALYSIS;
+    /// The delay from `now` to the next grid point. Gives the grid up, and begins a new one at `now`, when
+    /// that is more than 20 periods away in either direction. At least 2000.
+    int64_t next_delay(uint64_t now);
+
+private:
+    void close_leading() INFRA_REQUIRES(m_mutex);
+    CNTimerEvent* close_behind(CNTimerEvent* ev, CNTimerEvent* last) INFRA_REQUIRES(m_mutex);
+};
+
+}  // namespace Orvex::Reticor
