@@ -21,6 +21,13 @@ TABLES = {
                             ("churn_pair_ns", "cancel and arm ns, 10,000 pending", "{:.0f}", False),
                             ("idle_wakeups", "wake-ups while idle", "{:.0f}", False)]),
 }
+TICK_COLUMNS = [
+    ("cpu_ns_per_event", "CPU ns per event and tick", "{:.1f}", False),
+    ("process_us_per_tick", "CPU us per tick, whole process", "{:.0f}", False), ("ticks", "ticks", "{:.0f}", False),
+    ("p50_us", "late by us, p50", "{:.0f}", False), ("p99_us", "p99", "{:.0f}", False),
+    ("max_us", "max", "{:.0f}", False), ("drift_us", "drift us", "{:.0f}", False),
+    ("drift_ticks", "drift in ticks", "{:.0f}", False),
+]
 MESSAGE_COLUMNS = [
     ("ns_per_message", "ns/message", "{:.0f}", True), ("cpu_ns_per_message", "CPU ns/message", "{:.0f}", True),
     ("allocations_per_message", "allocations/message", "{:.4f}", False),
@@ -45,6 +52,13 @@ HEADINGS = {
                "order; with 10,000 pending, a random one is cancelled and armed anew. The peers' timers are structures "
                "that the caller laid out beforehand and belong to one thread; ours are ids that any thread may arm and "
                "cancel, and each arm makes one. Times are processor time of the arming thread."),
+    "ticks": ("Ticks", "One timer of 20 ms; its events count their calls and do nothing else. CPU per event is the "
+              "worker's time from the first event of a tick to the last, divided by the events; CPU per tick is that of "
+              "the whole process when it does nothing but tick, most of it for waking and for going to sleep again. "
+              "With every worker busy 32 messages of 20 us each are always under way. Lateness is that of a tick's "
+              "first call against `start + n * period`; below zero it came early, which timers may by 3 ms at most. "
+              "Its median is a matter of where in the 5 ms grid of the timers the start happened to lie. Drift "
+              "compares the medians of both halves, and counts ticks against grid points."),
     "micro": ("Single operations", "Nanoseconds per item, or per round where a round has no items; with several "
               "threads that of one thread."),
 }
@@ -69,7 +83,7 @@ def write(results, order, directory):
     medians = medians_of(results)
     pictures = plots.draw(medians, {name: row["title"] for name, row in rows.items()}, directory)
     page = ["# Benchmarks", "", *preface(rows), "", *target_table(medians, rows)]
-    for group in ("echo", "syscalls", "messages", "timers", "micro"):
+    for group in ("echo", "syscalls", "messages", "timers", "ticks", "micro"):
         members = {name: row for name, row in rows.items() if row["group"] == group}
         if members:
             page += ["", *section(group, members, medians, pictures.get(group, []))]
@@ -131,6 +145,10 @@ def section(group, rows, medians, pictures):
         elif group == "messages":
             for kind, title in (("stream", "2 million messages"), ("serial", "Serial messages"), ("burst", "Bursts")):
                 lines += ["", f"### {title}", "", *table(row, medians[name], "asio", MESSAGE_COLUMNS, kind + ".")]
+        elif group == "ticks":
+            for phase, title in (("one", "One event"), ("many", "1000 events"),
+                                 ("loaded", "1000 events, every worker busy")):
+                lines += ["", f"### {title}", "", *table(row, medians[name], None, TICK_COLUMNS, phase + ".")]
         else:
             base, columns = TABLES[group]
             title = [] if len(rows) == 1 else ["", f"### {row['title']}"]

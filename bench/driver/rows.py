@@ -21,11 +21,13 @@ class Scale:
     bursts: int
     timers: int
     idle_seconds: float
+    tick_seconds: float
     micro_seconds: float
 
 
-FULL = Scale(seconds=2, warm_up=0.5, messages=2000000, bursts=20, timers=1000000, idle_seconds=3, micro_seconds=0.2)
-QUICK = Scale(seconds=0.5, warm_up=0.2, messages=200000, bursts=5, timers=1000000, idle_seconds=1,
+FULL = Scale(seconds=2, warm_up=0.5, messages=2000000, bursts=20, timers=1000000, idle_seconds=3, tick_seconds=10,
+             micro_seconds=0.2)
+QUICK = Scale(seconds=0.5, warm_up=0.2, messages=200000, bursts=5, timers=1000000, idle_seconds=1, tick_seconds=1,
               micro_seconds=0.02)
 
 
@@ -127,6 +129,10 @@ def timer_arguments(scale):
     return ["--many", scale.timers, "--churn", scale.timers, "--idle-seconds", scale.idle_seconds]
 
 
+def tick_arguments(scale):
+    return ["--idle-seconds", scale.tick_seconds / 2, "--loaded-seconds", scale.tick_seconds]
+
+
 def all_rows(micro_programs):
     return [
         EchoRow("echo-64b-1", "64 B, 1 connection", 1, 1, 64),
@@ -141,5 +147,6 @@ def all_rows(micro_programs):
         SyscallRow("syscalls-64", "64 connections", 64),
         ProgramRow("messages", "Messages", ["asio", "tbb", "reticor"], message_arguments),
         ProgramRow("timers", "Timers", ["libuv", "libevent", "reticor"], timer_arguments),
+        ProgramRow("ticks", "Ticks", ["reticor"], tick_arguments),
         *[MicroRow(program) for program in micro_programs],
     ]

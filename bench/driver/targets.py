@@ -38,7 +38,8 @@ class Medians:
 def reached(medians, titles):
     """All targets of which the figures are there."""
     found = Medians(medians)
-    targets = [*echo(found, titles), *syscalls(found, titles), *messages(found), *timers(found), *micro(found)]
+    targets = [*echo(found, titles), *syscalls(found, titles), *messages(found), *timers(found),
+               *ticks(found), *micro(found)]
     return [target for target in targets if target.reached is not None]
 
 
@@ -92,10 +93,24 @@ def timers(found):
                  found.get("timers", "reticor", "idle_wakeups"), 0)
 
 
+def ticks(found):
+    work = "1000 events on one timer of 20 ms"
+    for phase, what in (("many", "nothing else to do"), ("loaded", "every worker busy")):
+        yield Target(work, f"CPU per event and tick, {what}",
+                     found.get("ticks", "reticor", phase + ".cpu_ns_per_event"), 100, unit="ns")
+    yield Target(work, "ticks off the grid after 10 s, every worker busy",
+                 found.get("ticks", "reticor", "loaded.drift_ticks"), 0)
+
+
 def micro(found):
     def own(row, metric):
         return next((figures.get(metric) for figures in found.medians.get(row, {}).values()), None)
 
+    for walk, what in (("SplitHeaders", "names and values"), ("SplitReceived", "names and values, text just received"),
+                       ("WalkLines", "lines"), ("FindHeader", "last header by its head")):
+        by_hand, parser = (own("micro-strparser", f"BM_{walk}_{way}") for way in ("Memchr", "StrParser"))
+        if by_hand and parser:
+            yield Target("Header walk, 20 lines", f"{what}: time against a loop of memchr", parser / by_hand, 2)
     one = own("micro-handlerlookup", "Lookup/real_time/threads:1")
     two = own("micro-handlerlookup", "Lookup/real_time/threads:2")
     if one and two:
