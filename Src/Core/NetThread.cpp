@@ -17,6 +17,7 @@
 #include "Core/SockTimer.h"
 #include "Core/ThreadPool.h"
 #include "R3/Debug.h"
+#include "Tool/SenderHandler.h"
 
 namespace Orvex::Reticor {
 
@@ -75,6 +76,7 @@ int set_up(unsigned int threads) INFRA_REQUIRES(sm_mutex) {
     PoolTable::Set(0, new_pool(0, threads));
     sm_pool_num = 1;
     ++sm_pub_pool_ref;
+    CSenderHandler::Resume();
     return 0;
 }
 
@@ -108,6 +110,7 @@ int ReleaseAll() INFRA_REQUIRES(sm_mutex) {
     if (sm_pool_num != 1 || sm_pub_pool_ref != 1) {
         return 0;
     }
+    CSenderHandler::Suspend();
     CNetTimer::Exit();
     StopSockTimer();
     CThreadPool* pool = retire(0);

@@ -1,6 +1,9 @@
 // Everything that Reticor offers.
 #pragma once
 
+#include <Reticor/MediaBuffer.h>
+#include <Reticor/MediaPacket.h>
+#include <Reticor/MediaStreamSender.h>
 #include <Reticor/NTimer.h>
 #include <Reticor/NetHandler.h>
 #include <Reticor/NetThread.h>

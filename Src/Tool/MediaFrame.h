@@ -1,0 +1,95 @@
+// CFrame: the packets of one frame as a ready-made gather list that all senders share.
+#pragma once
+
+#include <sys/uio.h>
+
+#include <atomic>
+#include <cstdint>
+
+#include <Reticor/MediaPacket.h>
+#include <Reticor/R3.h>
+
+namespace Orvex::Reticor {
+
+struct MediaSenderState;
+
+/// Whether buffers, frames and senders print what they do; set by the command "MediaBufferPrt".
+extern std::atomic<int32_t> g_media_print;
+
+inline bool mediaPrinting() {
+    return g_media_print.load(std::memory_order_relaxed) != 0;
+}
+
+/// The two halves of a level word. The channel of a word whose top byte is 128 or more is negative.
+constexpr int channelOf(int level_word) {
+    return level_word >> 24;
+}
+constexpr int levelOf(int level_word) {
+    return static_cast<int>(static_cast<uint32_t>(level_word) << 8) >> 8;
+}
+
+/// One frame. It is empty, then filling, then live from its last packet on (m_valid 1), then expired or
+/// deleted. Created and deleted by CMediaBuffer alone, touched by it and by CMediaStreamSender.
+///
+/// Thread safety: none of its own; all fields are guarded by the mutex of the buffer that owns the frame.
+///
+/// Running out of memory for a frame ends the process.
+class CFrame {
+public:
+    static constexpr uint32_t BUFFER_INCREMENT = 32;
+    static constexpr int AGE_NEW = -1;
+    static constexpr int AGE_EXPIRED = -100;
+
+    CFrame();
+    /// Releases all packets, in order, and the information packet.
+    virtual ~CFrame();
+    CFrame(const CFrame&) = delete;
+    CFrame& operator=(const CFrame&) = delete;
+
+    /// Takes a packet, which is the frame's to release from now on. Always 0.
+    int Put(CMediaPacket* packet, int len, int mark, int level);
+    /// Takes the information packet in place of an earlier one, which is released. Always 0.
+    int PutInfo(CMediaPacket* packet, int arg);
+    /// Releases everything and makes the frame an empty one, the arrays keep their size.
+    void Clear();
+
+    int channel() const { return channelOf(m_level); }
+    int level() const { return levelOf(m_level); }
+    /// The frame's channel as a bit of the senders' masks. A complete frame's channel is 0 to 7.
+    uint8_t channel_bit() const { return static_cast<uint8_t>(1U << (channel() & 31)); }
+    bool is_key() const { return (m_key_mask & channel_bit()) != 0; }
+    /// Packets arrive: neither complete nor expired.
+    bool is_filling() const { return m_valid == 0 && m_age == AGE_NEW; }
+    /// Complete without a byte: nobody can be sent such a frame.
+    bool is_hollow() const { return m_valid != 0 && m_frame_len < 1; }
+
+    iovec* m_iovec;           ///< m_packet_cap entries. A sender may patch one for the time of one write.
+    CMediaPacket** m_packet;  ///< m_packet_cap entries.
+    int64_t m_frame_len = 0;
+    /// Bytes that were written by the senders that are in the middle of the frame, all together.
+    int64_t m_sent_len = 0;
+    uint32_t m_packet_cap = BUFFER_INCREMENT;
+    uint32_t m_packet_num = 0;
+    int32_t m_mark = 0;   ///< Of the last packet.
+    int32_t m_level = 1;  ///< The level word of the last packet.
+    int32_t m_valid = 0;  ///< 1 from completion to expiry.
+    int32_t m_age = AGE_NEW;
+    uint8_t m_key_mask = 0;
+    CFrame* m_next = nullptr;
+    CMediaPacket* m_info_packet = nullptr;
+    int32_t m_info_arg = 0;
+    /// Senders that took the frame and did not finish it, those that left meanwhile included. As long as it
+    /// is not 0 the frame does not expire. It can be off in both directions for senders that leave, join
+    /// twice or hand their socket over, so nothing that is about memory goes by it: see m_standing.
+    int32_t m_sender_count = 0;
+
+    /// The senders whose cursor is in this frame, on a list or not.
+    MediaSenderState* m_standing = nullptr;
+    uint64_t m_begin = 0;          ///< Position of the first byte in the buffer's stream.
+    uint64_t m_ordinal = 0;        ///< Number on its channel, from 1 on.
+    uint64_t m_channel_begin = 0;  ///< Bytes that its channel has had before it.
+    uint64_t m_complete_us = 0;    ///< When it became complete.
+    uint32_t m_hollow_steps = 0;   ///< Sending steps since then, for a frame without a byte.
+};
+
+}  // namespace Orvex::Reticor

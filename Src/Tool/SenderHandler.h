@@ -1,0 +1,87 @@
+// CSenderHandler: the process's one timer that lets the senders of all registered buffers go on.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include <Infra/Mutex.h>
+#include <Reticor/NetHandler.h>
+
+namespace Orvex::Reticor {
+
+/// What the timer calls.
+class SendTarget_IF {
+public:
+    virtual void do_send() = 0;
+
+protected:
+    ~SendTarget_IF() = default;
+};
+
+/// Marks the calling thread as working under the lock of a target, call-backs of the product included. The
+/// list's lock is taken before the targets' locks, so such a thread must not come back to the list.
+class TargetStepMark {
+public:
+    TargetStepMark() { ++depth(); }
+    ~TargetStepMark() { --depth(); }
+    TargetStepMark(const TargetStepMark&) = delete;
+    TargetStepMark& operator=(const TargetStepMark&) = delete;
+
+    /// Asserts that the calling thread bears no mark.
+    static void assert_none();
+
+private:
+    static int& depth();
+};
+
+/// The handler exists while a target is registered, and at most one period longer. All of its targets share
+/// one timer, whose interval is that of the target that started it.
+///
+/// Locks: the list's lock is held over a whole sweep, and taken before any lock of a target.
+class CSenderHandler : public CNetHandler {
+public:
+    CSenderHandler();
+    explicit CSenderHandler(uint64_t interval);
+
+    /// Registers a target, and starts the timer if it does not run. `interval` is in milliseconds. 0 is the
+    /// only type in use. A null target is ignored.
+    static void Add(int type, SendTarget_IF* target);
+    static void Add(int type, SendTarget_IF* target, uint64_t interval);
+    /// Takes the first record of the target away, if there is one. When it returns, the timer does not touch
+    /// the target any more.
+    static void Remove(int type, SendTarget_IF* target);
+
+    /// For the library's teardown, before the pools go: the timer ends, targets stay registered, and until
+    /// Resume new ones are only listed.
+    static void Suspend();
+    /// For the library's set-up, when the public pool stands: starts the timer if there are targets.
+    static void Resume();
+
+    int64_t handle_timeout(long id) override;
+    int handle_close(CNetHandler* self) override;
+
+private:
+    struct Record {
+        int32_t type;
+        SendTarget_IF* target;
+        bool enabled;
+    };
+
+    static void add(int type, SendTarget_IF* target, uint64_t interval);
+    static void start(uint64_t interval) INFRA_REQUIRES(m_list_mutex);
+    ~CSenderHandler() override = default;
+
+    /// Never destroyed: a timer may still run while static objects are.
+    static std::vector<Record>& sender_list() INFRA_REQUIRES(m_list_mutex);
+
+    static Infra::CMutex m_list_mutex;
+    static bool m_started INFRA_GUARDED_BY(m_list_mutex);
+    static bool m_suspended INFRA_GUARDED_BY(m_list_mutex);
+    static CSenderHandler* m_handler INFRA_GUARDED_BY(m_list_mutex);  ///< The running one; null if none.
+    static uint64_t m_last_interval INFRA_GUARDED_BY(m_list_mutex);   ///< Of the last start; milliseconds.
+
+    long m_timer_id = 0;  ///< Guarded by the list's lock: the first tick may come before SetTimer returns.
+    const uint64_t m_interval;  ///< Milliseconds.
+};
+
+}  // namespace Orvex::Reticor

@@ -1,0 +1,144 @@
+// CMediaBuffer: one producer's frames for any number of senders of different speed.
+#pragma once
+
+#include <cstdint>
+
+#include <Reticor/Export.h>
+#include <Reticor/MediaPacket.h>
+
+namespace Orvex::Reticor {
+
+class CFrame;
+class CMediaStreamSender;
+struct MediaBufferState;
+
+/// What a buffer holds. Totals count from the construction on, `byte_total` from the last time that the
+/// buffer ran empty of senders.
+struct MediaBufferStats {
+    std::uint64_t byte_total = 0;      ///< Bytes put.
+    std::uint32_t frames = 0;          ///< Complete frames held.
+    std::uint64_t bytes = 0;           ///< Their bytes.
+    std::uint32_t senders = 0;         ///< Senders on the list.
+    std::uint64_t expired_frames = 0;  ///< Frames thrown away for their age.
+    std::uint64_t expired_bytes = 0;
+    /// Bytes by which the slowest sender's position lags what was let go already: by so much frames are let
+    /// go too late.
+    std::uint64_t debt_bytes = 0;
+    /// Frames that cannot grow too old though no sender stands on them.
+    std::uint32_t pinned_frames = 0;
+    std::uint64_t pinned_bytes = 0;
+};
+
+/// Stands between one producer and its CMediaStreamSenders. The producer hands in packets; the buffer groups
+/// them into frames, offers each complete frame to every sender, keeps it until the slowest one is past it,
+/// and throws frames away by age and importance when senders fall behind. Writing happens inside Put, on the
+/// producer's thread, and never blocks: a slow client cannot stall the producer. Nothing is copied; see
+/// docs/media.md for the whole.
+///
+/// A new sender begins at a key frame: a frame of the lowest level that its channel has had so far.
+///
+/// Age counts in ticks: one for each complete frame and one for each do_send between frames, while senders
+/// are attached. A frame of level L that no sender stands on goes when it is (11 - L) * 10 ticks old.
+///
+/// Thread safety: every operation may be called from any thread. All work of a buffer, the writes to all its
+/// sockets included, is done under one lock, for which other callers wait.
+///
+/// Call-backs (Release and GetBuffer of packets, Put of taps, send procedures) run with that lock held. They
+/// must not take a lock under which the product calls the buffer. From inside one, AddSender and DelSender
+/// are noted and done when the operation ends, and a sender that is to go writes nothing more; taps can be
+/// added and removed, and the getters work. Put, do_send, Clear, EnableAutoSend and DisableAutoSend of any
+/// buffer whose operation is in progress assert, as does the destruction of any buffer; so does switching
+/// auto-send of another one. A tap may put into another buffer, as long as the taps form no circle.
+class RETICOR_API CMediaBuffer {
+public:
+    CMediaBuffer();
+    /// Releases all packets. Senders and taps should be off the lists: those that are not are let go as by
+    /// Clear.
+    virtual ~CMediaBuffer();
+    CMediaBuffer(const CMediaBuffer&) = delete;
+    CMediaBuffer& operator=(const CMediaBuffer&) = delete;
+
+    /// Takes a packet of `len` bytes, 0 or more, into the frame that is being filled. `mark` and `level`: see
+    /// MEDIA_MARK_LAST and mediaLevel. A level beyond 1 to 10 is clamped; the word that counts for a frame is
+    /// that of its last packet, whose channel must be 0 to 7. With MEDIA_MARK_LAST the frame is complete and
+    /// is offered to the senders before the call returns, or released at once if there are none. A frame of
+    /// no bytes is sent to nobody. Always 0.
+    int Put(CMediaPacket* packet, int len, int mark, int level);
+
+    /// The whole of it, for do_send: with a null packet the senders go on with what is there, if the last
+    /// frame is complete; `force_remark` makes that a tick. Always 0.
+    int put(CMediaPacket* packet, int len, int mark, int level, bool force_remark);
+
+    /// Gives the frame that is being filled a packet and a number for the senders' procedures
+    /// (CMediaStreamSender::AttachSendProc). The packet is released with the frame, an earlier one at once. A
+    /// null packet changes nothing. Always 0.
+    int PutFrameInfo(CMediaPacket* packet, int arg);
+
+    /// Lets all senders go on with what is there. Does nothing while a frame is half filled.
+    void do_send();
+
+    /// Puts a sender, which must have a socket, at the head of the list. Its own state stays: one that was on
+    /// the list before goes on where it stood. The list holds a reference on it. A sender that is on this
+    /// list already is left there with a log line at level 3; one that is on another buffer's asserts.
+    void AddSender(CMediaStreamSender* sender);
+
+    /// Takes a sender off. When the call returns its socket is not used any more. Without senders the buffer
+    /// lets all complete frames go. One that is not on the list is ignored.
+    void DelSender(CMediaStreamSender* sender);
+
+    /// Puts a tap at the head of the list. It stays the caller's; take it off before it goes away. A tap that
+    /// is on this list already is left there with a log line at level 3; one on another buffer's asserts.
+    void AddLevel2Buffer(CLevel2Buffer_IF* tap);
+    /// Takes a tap off. One that is not on the list is ignored.
+    void DelLevel2Buffer(CLevel2Buffer_IF* tap);
+
+    /// Releases all frames and empties both lists, with log lines at level 3. Nobody is told.
+    void Clear();
+
+    /// Lets the process's shared timer call do_send, each `interval` milliseconds, 100 unless given; the
+    /// interval is that of the buffer that started the timer. A pool must exist. A new client that comes
+    /// between two frames then begins in the middle of a group of frames, unless it has a resume policy.
+    void EnableAutoSend();
+    void EnableAutoSend(unsigned long long interval);
+    /// Ends that. When the call returns the timer does not touch the buffer any more.
+    void DisableAutoSend();
+
+    /// Frames that some sender may still want, as of the last frame or tick. Takes no lock.
+    int GetBufferNum();
+
+    /// Bytes held, up to the first frame without any.
+    unsigned long long GetBufferSize();
+
+    /// Reads the counters, under the lock, by a walk over frames and senders.
+    MediaBufferStats GetStats();
+
+private:
+    friend struct MediaBufferState;
+
+    void accept(CMediaPacket* packet, int len, int mark, int level);
+    void show_taps(CMediaPacket* packet, int len, int mark, int level);
+    void complete_frame(int level_word);
+    void sending_step(bool has_packet, bool ages);
+    int send_packet();
+    bool join(CMediaStreamSender* sender);
+    void drop_failed(CMediaStreamSender* sender);
+    void discard_passed(std::uint64_t should_discard);
+    void remark_all_frames();
+    void check_valid_frames();
+    void expire_hollow_frames();
+    void rebuild_frame_list();
+    void take_over(CMediaStreamSender* sender);
+    bool on_list(const CMediaStreamSender* sender) const;
+    void add_sender(CMediaStreamSender* sender);
+    void del_sender(CMediaStreamSender* sender);
+    void unlink_sender(CMediaStreamSender* sender);
+    void del_level2_buffer(CLevel2Buffer_IF* tap);
+    void drop_complete_frames();
+    CFrame* unlink_head();
+    void delete_frame(CFrame* frame);
+    void begin_list();
+
+    MediaBufferState* m_state;  ///< Owned.
+};
+
+}  // namespace Orvex::Reticor

@@ -1,0 +1,169 @@
+// CMediaStreamSender: one client of a CMediaBuffer.
+#pragma once
+
+#include <cstdint>
+
+#include <Infra/Function.h>
+#include <Reticor/Export.h>
+#include <Reticor/NetHandler.h>
+
+namespace Orvex::Reticor {
+
+class CFrame;
+class CMediaBuffer;
+class CMediaPacket;
+class CSock;
+struct MediaSenderState;
+
+/// The message that CMediaStreamSender posts when its socket has failed or stalled.
+constexpr unsigned int MEDIA_MSG_SOCKET_FAILED = 2;
+
+/// What has become of one client. Counters only rise, from Create on.
+struct MediaSenderStats {
+    std::uint64_t frames = 0;  ///< Frames delivered whole.
+    std::uint64_t bytes = 0;   ///< Bytes of frames that the socket took.
+    /// Bytes of the buffer's stream that lie before the sender. Frames that were thrown away under a sender
+    /// without a resume policy stay in here for as long as it is attached.
+    std::uint64_t backlog_bytes = 0;
+    std::uint64_t lag_us = 0;      ///< Age of the frame that it stands on; 0 when it has caught up.
+    std::uint64_t blocked_us = 0;  ///< Time since the first write that would block, without a finished frame.
+    /// Frames that were gone when their turn came: too old for their level, or lost to other data that
+    /// blocked. Counted when the next frame of the channel goes out.
+    std::uint64_t holes = 0;
+    std::uint64_t hole_frames = 0;
+    std::uint64_t hole_bytes = 0;
+    /// What the resume policy stepped over, holes not included; and how often it resumed after a gap of
+    /// either kind.
+    std::uint64_t skips = 0;
+    std::uint64_t skipped_frames = 0;
+    std::uint64_t skipped_bytes = 0;
+    bool joined = false;  ///< It has a place in the stream.
+    bool listed = false;  ///< It is on a buffer's list.
+};
+
+/// What the attachment of a skip message says.
+struct MediaSkip {
+    std::uint64_t frames;  ///< Frames that the client did not get, up to 2^23 - 1.
+    std::uint64_t bytes;   ///< Their bytes, up to 2^40 - 1.
+
+    static constexpr MediaSkip of(long attach) {
+        return {static_cast<std::uint64_t>(attach) >> 40,
+                static_cast<std::uint64_t>(attach) & 0xFFFFFFFFFFULL};
+    }
+};
+
+/// Writes the frames of a CMediaBuffer to one socket, at the socket's own speed, and never blocks. It has no
+/// thread and watches no readiness: it writes when the buffer tells it to, which is when a frame is complete
+/// and on each tick of the shared timer (CMediaBuffer::EnableAutoSend).
+///
+/// Life: Create, Attach, WaitException, perhaps SetSendChannel and SetSendTimeout, CMediaBuffer::AddSender;
+/// frames flow; then always in this order, whatever has happened: CMediaBuffer::DelSender, Detach, close the
+/// socket, Close. The list holds a reference, so a sender that is closed while it is on a list lives on, and
+/// goes on writing, until it is taken off. A socket must not be closed or deleted before DelSender: the next
+/// frame would go to whoever has got its number.
+///
+/// A sender that is taken off and added again goes on where it stood. Of a frame that was let go meanwhile it
+/// has kept the unwritten rest if it was in the middle, and ends it before it takes a new one.
+///
+/// Thread safety: operations may be called from any thread, and none blocks longer than the buffer's lock is
+/// held. Attach and Detach are for a sender that is on no list. The setters take no lock: the value is used
+/// from the next frame or write on.
+class RETICOR_API CMediaStreamSender : public CNetHandler {
+public:
+    /// A sender that is attached to nothing. A pool must exist.
+    static CMediaStreamSender* Create();
+
+    /// Takes `stream`, of type SOCK_TYPE_STREAM, SOCK_TYPE_DGRAM, SOCK_TYPE_SSL_STREAM or
+    /// SOCK_TYPE_SIMULATOR; sending to another type asserts. The socket stays the caller's and is never
+    /// closed here. A frame larger than a datagram makes a datagram socket fail, and so does an answer of the
+    /// peer's host that nobody listens there. Always 0.
+    int Attach(CSock* stream);
+
+    /// Gives the socket back, null if there was none. A sender on a list must have a socket: the next frame
+    /// asserts otherwise.
+    CSock* Detach();
+
+    /// For the buffer: writes what the socket takes, `frame` being the frame on offer. Gives the position in
+    /// the stream, or -1 when the socket failed. `size` is not used.
+    long long Send(CFrame* frame, unsigned long long size);
+
+    /// Keeps up to 4096 bytes in all that go out between two frames, before the next one. What does not fit
+    /// whole is dropped in silence; a `len` below 1 is ignored. While such bytes are blocked no frame is
+    /// begun, and a sender that had caught up loses the frames that are offered meanwhile.
+    void SendOtherData(const char* data, int len);
+
+    /// For handing the socket to another writer without tearing a packet: copies the unwritten rest of a
+    /// packet that is half on the wire to `buffer` and counts it as written. Gives its length; 0 if no packet
+    /// is half-written; -1, and nothing changes, if it is longer than `len`. Call DelSender first, then this,
+    /// write the bytes, use the socket, and AddSender to go on.
+    int GetTailPacket(char* buffer, int len);
+
+    /// `proc` is called each time that this sender has finished a frame, with the packet and the number of
+    /// CMediaBuffer::PutFrameInfo (null and 0 without) and the frame's length in bytes. It runs with the
+    /// buffer's lock held: see CMediaBuffer for what it must not do. It may be replaced from inside. An
+    /// object that it is bound to must outlive a call that has already begun. Always true.
+    bool AttachSendProc(Infra::TFunction3<void, CMediaPacket*, int, int> proc);
+    bool DetachSendProc();
+
+    /// Reports a stall when for this many seconds the socket has taken no whole frame. 0xFFFFFFFF at the
+    /// start, which is never. A stalled sender stays on its list and goes on trying.
+    void SetSendTimeout(unsigned int seconds);
+
+    /// Chooses channels, 0 to 7; beyond that it asserts. The first call leaves that channel alone, further
+    /// ones add to it, -1 chooses all, as at the start.
+    void SetSendChannel(int channel);
+    /// Takes a channel, 0 to 7, out of the choice.
+    void DisableSendChannel(int channel);
+
+    /// The handler `id` gets one message MEDIA_MSG_SOCKET_FAILED, attachment 0, when the socket fails (the
+    /// sender is off its list then) or stalls (it is still on it): answer both with the order above. 0 is
+    /// nobody. Reported once; call again for another report.
+    void WaitException(long id);
+
+    /// Lets a client that is slow see a whole picture: at the beginning of a frame, one that is older than
+    /// `max_lag_ms` or that does not follow the last one on its channel makes the sender step ahead to the
+    /// next key frame of that channel that is not too old. The client joins at a complete key frame only, and
+    /// leaves no slack in the buffer. 0, as at the start, is off: frames go out until they are too old for
+    /// their level, gaps or not.
+    void SetResumePolicy(unsigned max_lag_ms);
+
+    /// The handler `id` gets a message `msg` when the resume policy has stepped over a gap and the next frame
+    /// goes out; MediaSkip::of reads the attachment. 0 is nobody.
+    void WaitSkip(long id, unsigned int msg);
+
+    /// Reads the counters, under the buffer's lock.
+    MediaSenderStats GetStats();
+
+    int handle_close(CNetHandler* self) override;
+
+private:
+    friend class CMediaBuffer;
+    friend struct MediaSenderState;
+
+    /// What a part of a sending step came to: the socket failed, nothing is left to do, or there is more.
+    enum class Progress { failed, done, more };
+
+    CMediaStreamSender();
+    ~CMediaStreamSender() override;
+
+    long long send(CFrame* frame);
+    Progress choose_frame(CSock* stream, CFrame* frame);
+    Progress write_frame(CSock* stream);
+    Progress finish_frame(CSock* stream);
+    void begin_frame();
+    void pass_written(std::uint64_t written);
+    void end_frame();
+    void count_gap(int channel);
+    void socket_blocked(const char* where);
+    void socket_failed(const char* where);
+    int check_other_data(CSock* stream);
+    CFrame* get_next_frame(CFrame* frame);
+    bool need_send(CFrame* frame);
+    bool resumes_at(CFrame* frame);
+    void step_over(CFrame* frame);
+    void call_send_proc(CFrame* frame);
+
+    MediaSenderState* m_state;  ///< Owned.
+};
+
+}  // namespace Orvex::Reticor
