@@ -68,7 +68,7 @@ void CSenderHandler::start(uint64_t interval) {
     m_started = true;
     m_last_interval = interval;
     // Beyond a day the timer cuts it; here it only must not wrap.
-    const uint64_t period_us = std::min<uint64_t>(interval, INT64_MAX / 1000) * 1000;
+    const uint64_t period_us = std::min<uint64_t>(m_handler->m_interval, INT64_MAX / 1000) * 1000;
     m_handler->m_timer_id = m_handler->SetTimer(static_cast<int64_t>(period_us));
 }
 
