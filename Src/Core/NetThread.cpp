@@ -94,14 +94,14 @@ int check_on_init(unsigned int threads) INFRA_REQUIRES(sm_mutex) {
 }
 
 /// Ends the pool's threads with no slot lock held and the slot still filled, so that a handler on its way
-/// finds its pool; then takes away what other threads hold of the pool; then clears the slot. The pool's
-/// memory is the caller's to free.
+/// finds its pool; then takes away what other threads hold of the pool's sockets; then clears the slot, and
+/// takes away its timers, to which none can be added any more. The pool's memory is the caller's to free.
 CThreadPool* retire(int index) INFRA_REQUIRES(sm_mutex) {
     CThreadPool* pool = PoolTable::Get(index);
     pool->Stop();
     sockTimer().UnlinkAll(pool->m_sock_tree);
-    CNetTimer::DropPool(index);
     PoolTable::Set(index, nullptr);
+    CNetTimer::DropPool(index);
     return pool;
 }
 

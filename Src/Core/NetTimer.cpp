@@ -57,7 +57,7 @@ void announce_top() {
     Infra::CGuard guard(g_timer.m_lock);
     // The heap is asked again under the lock, since others may have armed sooner ones, or ended this one,
     // meanwhile.
-    const uint64_t soonest = CNetTimer::heap().Peek();
+    const uint64_t soonest = CNetTimer::heap().Soonest();
     if (soonest == 0) {
         return;
     }
@@ -95,6 +95,19 @@ void thread_proc(Infra::CThreadLite& thread) {
             tick(now);
         }
     }
+}
+
+/// A period within the limits, in microseconds.
+uint64_t fit(uint64_t delay) {
+    if (delay > LONGEST_US) {
+        INFRA_LOG_STATIC(2, "Set timer's value is too big,it will be reduce to 24h.\n");
+        return LONGEST_US;
+    }
+    return std::max(delay, SHORTEST_US);
+}
+
+uint64_t expiry(uint64_t delay) {
+    return Infra::CTime::getCurrentMicroSecond() + delay - EARLY_US;
 }
 
 void print_timer(const HandlerPin& handler, const char* moment) {
@@ -141,37 +154,27 @@ int CNetTimer::Exit() {
 }
 
 long CNetTimer::SetTimer(long handler_id, int64_t us) {
-    const long id = PoolTable::AllocId(INDEX_OF_ID(handler_id));
-    if (id == 0) {
-        return -1;
+    const uint64_t delay = fit(static_cast<uint64_t>(us));
+    bool first = false;
+    const long id = heap().Arm({0, handler_id, expiry(delay), delay}, first);
+    if (first) {
+        announce_top();
     }
-    CEvent* ev = getEvent();
-    ev->m_key = id;
-    ev->m_obj_id = handler_id;
-    ev->m_delay = static_cast<uint64_t>(us);
-    return set_timer(ev);
+    return id != 0 ? id : -1;
 }
 
 long CNetTimer::set_timer(CEvent* ev) {
     const long id = static_cast<long>(ev->m_key);
-    const uint64_t now = Infra::CTime::getCurrentMicroSecond();
-    ev->m_delay = std::max(ev->m_delay, SHORTEST_US);
-    if (ev->m_delay > LONGEST_US) {
-        INFRA_LOG_STATIC(2, "Set timer's value is too big,it will be reduce to 24h.\n");
-        ev->m_delay = LONGEST_US;
-    }
-    ev->m_expire = now + ev->m_delay - EARLY_US;
-    if (heap().Insert(ev) != 0) {
+    const uint64_t delay = fit(ev->m_delay);
+    if (heap().Rearm({id, ev->m_obj_id, expiry(delay), delay})) {
         announce_top();
     }
+    putEvent(ev);
     return id;
 }
 
 void CNetTimer::DestroyTimer(long id) {
-    if (CEvent* ev = heap().RemoveById(id)) {
-        PoolTable::ReleaseId(id);
-        putEvent(ev);
-    }
+    heap().RemoveById(id);
 }
 
 int CNetTimer::handle_timer(CEvent* ev) {
@@ -183,7 +186,7 @@ int CNetTimer::handle_timer(CEvent* ev) {
         print_timer(handler, "end");
     }
     if (result < 0) {
-        PoolTable::ReleaseId(id);
+        heap().Release(id);
         putEvent(ev);
         return 0;
     }
@@ -195,7 +198,7 @@ int CNetTimer::handle_timer(CEvent* ev) {
 }
 
 void CNetTimer::DropPool(int index) {
-    putEventChain(heap().RemovePool(index));
+    heap().RemovePool(index);
 }
 
 }  // namespace Orvex::Reticor

@@ -26,7 +26,7 @@ public:
     /// Arms a timer of the handler. Result: its id.
     static long SetTimer(long handler_id, int64_t us);
 
-    /// Arms a record for its period. The record may have fired, and be somebody else's, when this returns.
+    /// Arms the timer of a record again, for its period, and gives the record back. Result: the timer's id.
     static long set_timer(CEvent* ev);
 
     /// Ends a timer that is in the heap; does nothing for others.
@@ -36,7 +36,8 @@ public:
     /// Result 0.
     static int handle_timer(CEvent* ev);
 
-    /// Takes all timers of a pool out of the heap, at the pool's end. Their ids go with the pool's allocator.
+    /// Takes all timers of a pool out of the heap, after the pool's slot was cleared. Their ids go with the
+    /// pool's allocator.
     static void DropPool(int index);
 
     /// The process's heap.

@@ -42,8 +42,7 @@ int64_t CObjectId::reuse() {
     m_ring[m_read] = 0;
     m_read = next_place(m_read);
     --m_count;
-    const int64_t generation = (id + 1) & 0xFF;
-    return (id & ~int64_t{0xFF}) | generation;
+    return next_generation(id);
 }
 
 void CObjectId::Release(long id) {

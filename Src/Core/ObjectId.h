@@ -34,6 +34,9 @@ public:
     /// number that is no id gives a place that is far too large.
     static size_t place_of(int64_t id) { return static_cast<size_t>(FIRST_COUNTER - (id >> COUNTER_SHIFT)); }
 
+    /// The id that is given out after `id`, in the same place.
+    static int64_t next_generation(int64_t id) { return (id & ~int64_t{0xFF}) | ((id + 1) & 0xFF); }
+
     explicit CObjectId(int index);
     ~CObjectId();
 

@@ -14,6 +14,7 @@
 
 #include "Core/HandlerInternal.h"
 #include "Core/Message.h"
+#include "Core/NetTimer.h"
 #include "Core/ObjectId.h"
 #include "Core/PoolTable.h"
 #include "Core/Probes.h"
@@ -441,10 +442,9 @@ TEST_F(NetHandlerTest, MemoryOfTheWorkerAndSharedMemoryAreWritable) {
 TEST_F(NetHandlerTest, AnArmedTimerOfAClosedHandlerMakesNoCallAndGivesItsIdBack) {
     auto* handler = new TestHandler;
     const Life life = handler->life;
-    const uint32_t waiting = ObjectIdProbe::count(PoolTable::Get(0)->m_ids);
     EXPECT_LT(handler->SetTimer(300000), -101);
     closeAndWait(handler);
-    EXPECT_EVENTUALLY(ObjectIdProbe::count(PoolTable::Get(0)->m_ids) == waiting + 2);
+    EXPECT_EVENTUALLY(TimerHeapProbe::waitingIds(CNetTimer::heap(), 0) == 1);
     EXPECT_EQ(0, life->timeouts);
 }
 

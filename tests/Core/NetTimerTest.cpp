@@ -58,13 +58,11 @@ protected:
         armed.before = now();
         const long id = handler->SetTimer(us);
         armed.after = now();
-        CEvent* ev = CNetTimer::heap().RemoveById(id);
-        EXPECT_NE(nullptr, ev);
-        if (ev != nullptr) {
-            armed.delay = ev->m_delay;
-            armed.expire = ev->m_expire;
-            PoolTable::ReleaseId(id);
-            putEvent(ev);
+        const std::optional<ArmedTimer> timer = CNetTimer::heap().RemoveById(id);
+        EXPECT_TRUE(timer);
+        if (timer) {
+            armed.delay = timer->delay;
+            armed.expire = timer->expire;
         }
         return armed;
     }
@@ -147,18 +145,17 @@ TEST_F(NetTimerTest, APositiveResultIsThePeriodOfAllFurtherExpiries) {
     handler->on_timeout = [](long) -> int64_t { return 5000000; };
     const long id = handler->SetTimer(3000);
     EXPECT_EVENTUALLY(life->timeouts == 1);
-    CEvent* ev = nullptr;
-    EXPECT_EVENTUALLY((ev = CNetTimer::heap().RemoveById(id)) != nullptr);
-    ASSERT_NE(nullptr, ev);
-    EXPECT_EQ(5000000u, ev->m_delay);
-    // A result of 0 keeps it: the record carries the period.
+    EXPECT_EVENTUALLY(CNetTimer::heap().Count() == 1);
+    // A result of 0 keeps it: the timer carries the period.
     handler->on_timeout = [](long) -> int64_t { return 0; };
-    CNetTimer::handle_timer(ev);
-    ev = CNetTimer::heap().RemoveById(id);
-    ASSERT_NE(nullptr, ev);
-    EXPECT_EQ(5000000u, ev->m_delay);
-    PoolTable::ReleaseId(id);
-    putEvent(ev);
+    DueChains due;
+    CNetTimer::heap().PopDue(now() + 6000000, due);
+    ASSERT_NE(nullptr, due.m_chain[0]);
+    EXPECT_EQ(5000000u, due.m_chain[0]->m_delay);
+    CNetTimer::handle_timer(due.m_chain[0]);
+    const std::optional<ArmedTimer> timer = CNetTimer::heap().RemoveById(id);
+    ASSERT_TRUE(timer);
+    EXPECT_EQ(5000000u, timer->delay);
 }
 
 TEST_F(NetTimerTest, ATimerIsNeverCalledMoreThanTwoMillisecondsEarly) {
@@ -178,24 +175,51 @@ TEST_F(NetTimerTest, ATimerIsNeverCalledMoreThanTwoMillisecondsEarly) {
 }
 
 TEST_F(NetTimerTest, ATimerOfAClosedHandlerMakesNoCallAndGivesItsIdBack) {
-    CObjectId& ids = PoolTable::Get(0)->m_ids;
-    const uint32_t waiting = ObjectIdProbe::count(ids);
     handler->SetTimer(200000);
     closeAndWait(handler);
     handler = nullptr;
-    EXPECT_EVENTUALLY(ObjectIdProbe::count(ids) == waiting + 2);
+    EXPECT_EVENTUALLY(TimerHeapProbe::waitingIds(CNetTimer::heap(), 0) == 1);
     EXPECT_EQ(0, life->timeouts);
 }
 
 TEST_F(NetTimerTest, DestroyTimerEndsAnArmedTimerAndGivesItsIdBack) {
-    CObjectId& ids = PoolTable::Get(0)->m_ids;
-    const uint32_t waiting = ObjectIdProbe::count(ids);
     const long id = handler->SetTimer(60000000);
     handler->DestroyTimer(id);
     EXPECT_EQ(0, CNetTimer::heap().Count());
-    EXPECT_EQ(waiting + 1, ObjectIdProbe::count(ids));
+    EXPECT_EQ(1u, TimerHeapProbe::waitingIds(CNetTimer::heap(), 0));
     handler->DestroyTimer(id);  // gone: nothing happens
-    EXPECT_EQ(waiting + 1, ObjectIdProbe::count(ids));
+    EXPECT_EQ(1u, TimerHeapProbe::waitingIds(CNetTimer::heap(), 0));
+}
+
+// A late DestroyTimer of an old timer must not reach a new one.
+TEST_F(NetTimerTest, AnIdWaitsBehind1024OthersAndComesBackWithAnotherGeneration) {
+    const long first = handler->SetTimer(60000000);
+    handler->DestroyTimer(first);
+    for (int i = 0; i < 1024; ++i) {
+        const long id = handler->SetTimer(60000000);
+        ASSERT_NE(first >> 16, id >> 16) << i;
+        handler->DestroyTimer(id);
+    }
+    const long again = handler->SetTimer(60000000);
+    EXPECT_EQ(first + 1, again);
+    handler->DestroyTimer(first);
+    EXPECT_EQ(1, CNetTimer::heap().Count());
+    handler->DestroyTimer(again);
+}
+
+// Timers keep few ids to themselves; handlers get the others.
+TEST_F(NetTimerTest, IdsOfManyTimersGoBackToThePool) {
+    const uint32_t waiting = ObjectIdProbe::count(PoolTable::Get(0)->m_ids);
+    std::vector<long> ids;
+    for (int i = 0; i < 5000; ++i) {
+        ids.push_back(handler->SetTimer(60000000));
+    }
+    for (long id : ids) {
+        handler->DestroyTimer(id);
+    }
+    EXPECT_EQ(5000u, TimerHeapProbe::waitingIds(CNetTimer::heap(), 0) +
+                         ObjectIdProbe::count(PoolTable::Get(0)->m_ids) - waiting);
+    EXPECT_LE(TimerHeapProbe::waitingIds(CNetTimer::heap(), 0), 2048u);
 }
 
 TEST_F(NetTimerTest, DestroyTimerOfAnUnknownIdDoesNothing) {
@@ -286,8 +310,6 @@ TEST_F(NetTimerTest, EveryTimerOfManyFiresOnce) {
 }
 
 TEST_F(NetTimerTest, ArmingAndDestroyingFromManyThreadsLosesNothing) {
-    CObjectId& ids = PoolTable::Get(0)->m_ids;
-    const uint32_t waiting = ObjectIdProbe::count(ids);
     std::atomic<int> destroyed{0};
     handler->on_timeout = [](long) -> int64_t { return -1; };
     std::vector<std::thread> threads;
@@ -296,12 +318,7 @@ TEST_F(NetTimerTest, ArmingAndDestroyingFromManyThreadsLosesNothing) {
             for (int i = 0; i < 500; ++i) {
                 const long id = handler->SetTimer(3000 + i);
                 if (i % 2 == 0) {
-                    CEvent* ev = CNetTimer::heap().RemoveById(id);
-                    if (ev != nullptr) {
-                        ++destroyed;
-                        PoolTable::ReleaseId(id);
-                        putEvent(ev);
-                    }
+                    destroyed += CNetTimer::heap().RemoveById(id) ? 1 : 0;
                 }
             }
         });
@@ -310,7 +327,7 @@ TEST_F(NetTimerTest, ArmingAndDestroyingFromManyThreadsLosesNothing) {
         thread.join();
     }
     EXPECT_EVENTUALLY(life->timeouts + destroyed == 1500);
-    EXPECT_EVENTUALLY(ObjectIdProbe::count(ids) >= waiting + 1);
+    EXPECT_EVENTUALLY(TimerHeapProbe::waitingIds(CNetTimer::heap(), 0) > 0);
     EXPECT_EVENTUALLY(CNetTimer::heap().Count() == 0);
 }
 

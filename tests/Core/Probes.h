@@ -20,9 +20,24 @@
 #include "Core/SockRecord.h"
 #include "Core/SockTimer.h"
 #include "Core/ThreadPool.h"
+#include "Core/TimerHeap.h"
 #include "Core/WorkQueue.h"
 
 namespace Orvex::Reticor {
+
+struct TimerHeapProbe {
+    /// Entries of the heap and the buckets, dead ones included.
+    static std::size_t entries(TimerHeap& heap) {
+        Infra::CGuard guard(heap.m_mutex);
+        return heap.m_array.size() + heap.m_later.Size();
+    }
+
+    /// Ids of a pool that wait for their next timer.
+    static std::size_t waitingIds(TimerHeap& heap, int pool) {
+        Infra::CGuard guard(heap.m_mutex);
+        return heap.m_pool[static_cast<std::size_t>(pool)].ids.Count();
+    }
+};
 
 struct EventQueueProbe {
     static std::vector<CEvent*> records(CEventQueue& queue) {
