@@ -9,11 +9,14 @@
 
 namespace Orvex::Reticor {
 
+unsigned SockAddrRecord::familyTypeOf(const CSockAddr& addr) {
+    const unsigned kept_as = addr.GetType();
+    return kept_as == SOCKADDR_TYPE_STORAGE ? static_cast<const CSockAddrStorage&>(addr).GetInputType()
+                                            : kept_as;
+}
+
 SockAddrRecord::SockAddrRecord(const CSockAddr& addr) {
-    unsigned kept_as = addr.GetType();
-    if (kept_as == SOCKADDR_TYPE_STORAGE) {
-        kept_as = static_cast<const CSockAddrStorage&>(addr).GetInputType();
-    }
+    const unsigned kept_as = familyTypeOf(addr);
     if (kept_as != SOCKADDR_TYPE_IPV4 && kept_as != SOCKADDR_TYPE_IPV6) {
         return;
     }

@@ -11,6 +11,10 @@ class CSockAddr;
 struct SockAddrRecord {
     explicit SockAddrRecord(const CSockAddr& addr);
 
+    // The family of an address as `type` has it below, or what its class says if that is no known one; for an
+    // empty storage address 0. The address need not have a record.
+    static unsigned familyTypeOf(const CSockAddr& addr);
+
     // Whether a socket can be opened for the address.
     bool hasFamily() const { return type != 0; }
     // AF_INET or AF_INET6; only if hasFamily().

@@ -15,6 +15,7 @@
 #include <Reticor/SockAddrIPv4.h>
 #include <Reticor/SockAddrIPv6.h>
 #include <Reticor/SockAddrStorage.h>
+#include <Reticor/SockDgram.h>
 #include <Reticor/SockStream.h>
 #include <Reticor/SslAcceptor.h>
 #include <Reticor/SslStream.h>

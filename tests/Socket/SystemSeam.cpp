@@ -45,11 +45,17 @@ std::mutex waits_mutex;
 std::vector<long long>* recorded_waits = nullptr;
 
 thread_local int planned_errors[static_cast<int>(SystemCall::count_of_calls)] = {};
+thread_local int calls_before[static_cast<int>(SystemCall::count_of_calls)] = {};
 
 }  // namespace
 
 // 0 if the call goes through.
 int takePlannedError(SystemCall call) {
+    int& before = calls_before[static_cast<int>(call)];
+    if (before > 0) {
+        --before;
+        return 0;
+    }
     return std::exchange(planned_errors[static_cast<int>(call)], 0);
 }
 
@@ -113,12 +119,14 @@ std::vector<long long> WaitRecorder::limits() const {
     return *recorded_waits;
 }
 
-FailNext::FailNext(SystemCall call, int error) : m_call(call) {
+FailNext::FailNext(SystemCall call, int error, int after) : m_call(call) {
     planned_errors[static_cast<int>(call)] = error;
+    calls_before[static_cast<int>(call)] = after;
 }
 
 FailNext::~FailNext() {
-    takePlannedError(m_call);
+    planned_errors[static_cast<int>(m_call)] = 0;
+    calls_before[static_cast<int>(m_call)] = 0;
 }
 
 ResolverSeam::ResolverSeam() {
@@ -227,6 +235,24 @@ int listen(int fd, int backlog) noexcept {
     }
     static auto* const real = realFunction<decltype(::listen)>("listen");
     return real(fd, backlog);
+}
+
+ssize_t sendto(int fd, const void* data, size_t length, int flags, const sockaddr* to, socklen_t to_length) {
+    if (const int error = takePlannedError(SystemCall::sendto)) {
+        errno = error;
+        return -1;
+    }
+    static auto* const real = realFunction<decltype(::sendto)>("sendto");
+    return real(fd, data, length, flags, to, to_length);
+}
+
+ssize_t sendmsg(int fd, const msghdr* message, int flags) {
+    if (const int error = takePlannedError(SystemCall::sendmsg)) {
+        errno = error;
+        return -1;
+    }
+    static auto* const real = realFunction<decltype(::sendmsg)>("sendmsg");
+    return real(fd, message, flags);
 }
 
 }  // extern "C"
