@@ -22,14 +22,11 @@ class NTimerTest : public Testing::NTimerStand {};
 
 TEST_F(NTimerTest, ATimerHasTheTimerOfItsTickAndOneOfASecond) {
     EXPECT_EQ(2, CNetTimer::heap().Count());
-    CEvent* tick_record = CNetTimer::heap().RemoveById(NTimerProbe::tickId(*timer));
-    CEvent* sweep_record = CNetTimer::heap().RemoveById(NTimerProbe::sweepId(*timer));
-    ASSERT_NE(nullptr, tick_record);
-    ASSERT_NE(nullptr, sweep_record);
-    EXPECT_EQ(static_cast<uint64_t>(MINUTE_US), tick_record->m_delay);
-    EXPECT_EQ(1000000U, sweep_record->m_delay);
-    CNetTimer::heap().Insert(tick_record);
-    CNetTimer::heap().Insert(sweep_record);
+    const auto tick_timer = CNetTimer::heap().RemoveById(NTimerProbe::tickId(*timer));
+    const auto sweep_timer = CNetTimer::heap().RemoveById(NTimerProbe::sweepId(*timer));
+    ASSERT_TRUE(tick_timer && sweep_timer);
+    EXPECT_EQ(static_cast<uint64_t>(MINUTE_US), tick_timer->delay);
+    EXPECT_EQ(1000000U, sweep_timer->delay);
 }
 
 TEST_F(NTimerTest, TheTickIsArmedBeforeTheSweep) {
