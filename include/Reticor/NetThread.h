@@ -61,12 +61,14 @@ public:
     /// `policy` is checked. Result as above.
     static int SetRecvThreadPriority(int priority, int policy, int stack);
 
-    /// Switches the debug server on, on port 42323, or counts one holder more. The public pool must exist; an
-    /// assertion says so. Result: 0; -1, with a line at level 2, if the server cannot start.
+    /// Switches the debug server on, on port 42323 or above and for clients of this machine, or counts one
+    /// holder more. The public pool must exist; an assertion says so. Result: 0; -1, with a line at level 2,
+    /// if the server cannot start, which is so unless it was built in (`R3ServerStart`).
     static int EnableR3();
 
-    /// Ends one use of the debug server, and with the last one the server. The public pool must exist.
-    /// Result: 0, or the result of `R3ServerExit`.
+    /// Ends one use of the debug server, and with the last one the server. Without a use nothing happens. The
+    /// public pool must exist, so call this before the last `DestroyThreadPool`. Result: 0, or the result of
+    /// `R3ServerExit`.
     static int DisableR3();
 
     /// Logs every registered socket of every pool at level 4. Result: the number of sockets listed.
