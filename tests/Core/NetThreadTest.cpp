@@ -319,15 +319,6 @@ TEST_F(NetThreadDeathTest, TheDebugServerNeedsThePublicPool) {
     EXPECT_DEATH(CNetThread::DisableR3(), "Assertion `sm_pub_pool_ref' failed");
 }
 
-TEST(NetThread, TheDebugServerIsSwitchedOff) {
-    ASSERT_EQ(0, CNetThread::CreateThreadPool(2, false));
-    LogCapture log;
-    EXPECT_EQ(-1, CNetThread::EnableR3());
-    EXPECT_EQ(1u, log.count(4, "R3 has been disable.\n")) << log.dump();
-    EXPECT_EQ(1u, log.count(2, "R3ServerStart failed!!\n\n")) << log.dump();
-    EXPECT_EQ(0, CNetThread::DestroyThreadPool());
-}
-
 TEST(NetThread, TheServersEndEmptiesTheCommandBox) {
     ASSERT_NE(nullptr, g_r3_funcbox);
     EXPECT_EQ(0, R3ServerExit());

@@ -109,7 +109,7 @@ TEST(FuncBox, SecondRegistrationOfANameIsRefusedAndTheFirstStays) {
     EXPECT_STREQ(box.At(1).help, "first");
     ASSERT_EQ(log.lines().size(), 1U) << log.dump();
     EXPECT_TRUE(log.contains(2, "TFuncBox::Register already exist!\n"));
-    EXPECT_NE(log.lines()[0].start.find("[Src/R3/FuncBox.cpp:"), std::string::npos);
+    EXPECT_NE(log.lines()[0].start.find("Src/R3/FuncBox.cpp:"), std::string::npos);
     char self[32];
     std::snprintf(self, sizeof(self), "this:%p tid:", static_cast<void*>(&box));
     EXPECT_NE(log.lines()[0].start.find(self), std::string::npos);
