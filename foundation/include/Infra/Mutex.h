@@ -101,8 +101,8 @@ private:
 // A lock for many readers or one writer, made for data that is read all the time and seldom written.
 //
 // Readers neither wait for each other nor write to a common cache line: each thread counts itself in one of a
-// few slots, always the same one. The price is paid by writers, who look at every slot, and in size (about
-// 600 bytes). A waiting writer goes before new readers. For that reason a thread that reads must not enter
+// few slots, always the same one. The price is paid by writers, who look at every slot, and in size (more
+// than a kilobyte). A waiting writer goes before new readers. For that reason a thread that reads must not enter
 // reading again: with a writer waiting in between it would wait for itself. A thread must leave what it has
 // entered itself; a hold cannot be handed to another thread. Entering either way while the calling thread
 // holds writing fires an assertion.
@@ -124,7 +124,8 @@ public:
     bool writtenByThisThread() const noexcept { return m_writer.heldByThisThread(); }
 
 private:
-    static constexpr std::size_t CACHE_LINE = 64;
+    // Two lines, since processors fetch and pass on lines in pairs.
+    static constexpr std::size_t CACHE_LINE = 128;
     static constexpr std::size_t SLOT_COUNT = 8;
 
     struct alignas(CACHE_LINE) Slot {
