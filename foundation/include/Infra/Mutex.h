@@ -102,9 +102,9 @@ private:
 //
 // Readers neither wait for each other nor write to a common cache line: each thread counts itself in one of a
 // few slots, always the same one. The price is paid by writers, who look at every slot, and in size (more
-// than a kilobyte). A waiting writer goes before new readers. For that reason a thread that reads must not enter
-// reading again: with a writer waiting in between it would wait for itself. A thread must leave what it has
-// entered itself; a hold cannot be handed to another thread. Entering either way while the calling thread
+// than a kilobyte). A waiting writer goes before new readers. For that reason a thread that reads must not
+// enter reading again: with a writer waiting in between it would wait for itself. A thread must leave what it
+// has entered itself; a hold cannot be handed to another thread. Entering either way while the calling thread
 // holds writing fires an assertion.
 class INFRA_API INFRA_CAPABILITY("mutex") CReadWriteMutex {
 public:
