@@ -1,5 +1,5 @@
-// CMediaStreamSender: the operations, and the sending of frames. Its state's care for frames that go away is
-// in MediaSenderState.cpp.
+// CMediaStreamSender: life, settings and counters. The sending of frames is in MediaSending.cpp, what becomes
+// of a sender whose frame goes away in MediaSenderState.cpp.
 #include "Tool/MediaStreamSender.h"
 
 #include <cassert>
