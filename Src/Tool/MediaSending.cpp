@@ -7,6 +7,7 @@
 
 #include <Infra/Log.h>
 #include <Reticor/SimulatorStream.h>
+#include <Reticor/SockDgram.h>
 #include <Reticor/SockStream.h>
 #include <Reticor/SslStream.h>
 
@@ -24,6 +25,8 @@ int writeVector(CSock* stream, const iovec* vector, int count) {
     switch (stream->GetType()) {
         case SOCK_TYPE_STREAM:
             return static_cast<CSockStream*>(stream)->WriteV(vector, count);
+        case SOCK_TYPE_DGRAM:
+            return static_cast<CSockDgram*>(stream)->WriteV(vector, count);
         case SOCK_TYPE_SSL_STREAM:
             return static_cast<CSslStream*>(stream)->WriteV(vector, count);
         case SOCK_TYPE_SIMULATOR:
@@ -38,6 +41,8 @@ int writeBytes(CSock* stream, const char* data, unsigned len) {
     switch (stream->GetType()) {
         case SOCK_TYPE_STREAM:
             return static_cast<CSockStream*>(stream)->Send(data, len);
+        case SOCK_TYPE_DGRAM:
+            return static_cast<CSockDgram*>(stream)->Send(data, len, nullptr);
         case SOCK_TYPE_SSL_STREAM:
             return static_cast<CSslStream*>(stream)->Send(data, len);
         case SOCK_TYPE_SIMULATOR:

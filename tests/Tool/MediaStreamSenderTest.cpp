@@ -2,6 +2,8 @@
 #include "Tool/MediaStreamSender.h"
 
 #include <Reticor/SimulatorStream.h>
+#include <Reticor/SockAddrIPv4.h>
+#include <Reticor/SockDgram.h>
 #include <Reticor/SslStream.h>
 
 #include "Tool/MediaFixture.h"
@@ -455,6 +457,64 @@ TEST_F(MediaStreamSender, ASecureSocketWithoutTlsFails) {
     buffer->AddSender(a.sender);
     tick();
     EXPECT_EQ(a.state().m_list, nullptr);
+}
+
+// A datagram socket on loopback that receives, and one that is connected to it.
+struct DatagramPair {
+    DatagramPair() {
+        CSockAddrIPv4 any("127.0.0.1", 0);
+        EXPECT_EQ(far.Open(&any), 0);
+        CSockAddrIPv4 address;
+        EXPECT_EQ(far.GetLocalAddr(&address), 0);
+        EXPECT_EQ(near.Open(nullptr), 0);
+        EXPECT_EQ(near.SetRemote(&address), 0);
+    }
+    std::string receive() {
+        char bytes[70000];
+        const int length = far.Recv(bytes, sizeof bytes, nullptr);
+        return std::string(bytes, static_cast<std::size_t>(std::max(length, 0)));
+    }
+    CSockDgram far;
+    CSockDgram near;
+};
+
+TEST_F(MediaStreamSender, AFrameIsOneDatagram) {
+    DatagramPair pair;
+    MediaClient& a = client();
+    a.sender->Attach(&pair.near);
+    buffer->AddSender(a.sender);
+    const std::string first = putFrame({3, 0, 4});
+    EXPECT_EQ(pair.receive(), first);
+    a.sender->SendOtherData("other", 5);
+    std::string second;
+    for (int i = 0; i < 1500; ++i) {
+        second += put(2, i == 1499 ? 1 : 0);
+    }
+    EXPECT_EQ(pair.receive(), "other");
+    EXPECT_EQ(pair.receive(), second) << "also with more packets than the kernel takes at once";
+    EXPECT_EQ(a.sender->GetStats().frames, 2U);
+}
+
+TEST_F(MediaStreamSender, AFrameThatNoDatagramHoldsMakesTheSenderFail) {
+    LogCapture log(3);
+    DatagramPair pair;
+    MediaClient& a = client();
+    a.sender->Attach(&pair.near);
+    buffer->AddSender(a.sender);
+    put(65507);
+    EXPECT_NE(a.state().m_list, nullptr);
+    put(65508);
+    EXPECT_EQ(a.state().m_list, nullptr);
+}
+
+TEST_F(MediaStreamSender, ADatagramClientThatIsGoneFails) {
+    LogCapture log(3);
+    DatagramPair pair;
+    MediaClient& a = client();
+    a.sender->Attach(&pair.near);
+    buffer->AddSender(a.sender);
+    pair.far.Close();
+    EXPECT_EVENTUALLY((put(10), a.state().m_list == nullptr)) << "the answer that nobody listens comes later";
 }
 
 TEST_F(MediaStreamSender, AFrameOfFiveThousandPacketsArrivesWholeAndInOrder) {
