@@ -215,7 +215,7 @@ TEST_F(RtspOptionsTest, ABadRequestIsTheLastOne) {
           "DESCRIBE * RTSP/1.0\r\nCSeq: 3\r\n\r\n", "OPTIONS\t* RTSP/1.0\r\nCSeq: 3\r\n\r\n"}) {
         EXPECT_EQ(askInVain(text), bad + "CSeq: 3\r\n" + close) << text;
     }
-    EXPECT_EQ(askInVain(std::string("OPTIONS *\0 RTSP/1.0\r\nCSeq: 3\r\n\r\n", 34)),
+    EXPECT_EQ(askInVain(std::string("OPTIONS *\0 RTSP/1.0\r\nCSeq: 3\r\n\r\n", 32)),
               bad + "CSeq: 3\r\n" + close);
     EXPECT_EQ(askInVain("OPTIONS * RTSP/2.0\r\nCSeq: 3\r\n\r\n" + request("OPTIONS", 1)),
               "RTSP/1.0 505 RTSP Version Not Supported\r\nCSeq: 3\r\n" + close);
