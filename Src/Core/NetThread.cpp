@@ -17,6 +17,7 @@
 #include "Core/SockTimer.h"
 #include "Core/ThreadPool.h"
 #include "R3/Debug.h"
+#include "Tool/ReceiverGroup.h"
 #include "Tool/SenderHandler.h"
 
 namespace Orvex::Reticor {
@@ -39,8 +40,8 @@ struct Scheduling {
     }
 };
 
-/// Serialises all creating and destroying of pools, TraversalSock, EnableR3 and DisableR3. Held while the
-/// threads of a pool are joined, so nothing that a handler may call can take it.
+/// Serialises all creating and destroying of pools, TraversalSock, SetRcvPriority, EnableR3 and DisableR3.
+/// Held while the threads of a pool are joined, so nothing that a handler may call can take it.
 Infra::CMutex sm_mutex;
 
 /// Pools alive; NOT_SET_UP before set-up and after teardown.
@@ -73,6 +74,7 @@ int set_up(unsigned int threads) INFRA_REQUIRES(sm_mutex) {
         CleanupSocketLibrary();
         return -1;
     }
+    ReceiverGroup::Setup(sm_cpu_num, g_receivers.priority, g_receivers.policy, g_receivers.stack);
     PoolTable::Set(0, new_pool(0, threads));
     sm_pool_num = 1;
     ++sm_pub_pool_ref;
@@ -110,6 +112,7 @@ int ReleaseAll() INFRA_REQUIRES(sm_mutex) {
     if (sm_pool_num != 1 || sm_pub_pool_ref != 1) {
         return 0;
     }
+    ReceiverGroup::Teardown();
     CSenderHandler::Suspend();
     CNetTimer::Exit();
     StopSockTimer();
@@ -208,6 +211,12 @@ int CNetThread::SetRecvThreadPriority(int priority, int policy, int stack) {
     }
     g_receivers.store(priority, policy, stack);
     return 0;
+}
+
+void CNetThread::SetRcvPriority(int level) {
+    constexpr int periods_ms[] = {10, 20, 25, 30};
+    Infra::CGuard guard(sm_mutex);
+    ReceiverGroup::SetPeriod(level >= 0 && level <= 3 ? periods_ms[level] : 20);
 }
 
 int CNetThread::TraversalSock() {

@@ -61,6 +61,10 @@ public:
     /// `policy` is checked. Result as above.
     static int SetRecvThreadPriority(int priority, int policy, int stack);
 
+    /// The receive period of stream receivers: level 0 is 10 ms, 2 is 25 ms, 3 is 30 ms, any other is 20 ms.
+    /// Call it before the library starts, which is when the threads take their tick over.
+    static void SetRcvPriority(int level);
+
     /// Switches the debug server on, on port 42323 or above and for clients of this machine, or counts one
     /// holder more. The public pool must exist; an assertion says so. Result: 0; -1, with a line at level 2,
     /// if the server cannot start, which is so unless it was built in (`R3ServerStart`).

@@ -3,6 +3,7 @@
 
 #include <Reticor/MediaBuffer.h>
 #include <Reticor/MediaPacket.h>
+#include <Reticor/MediaStreamReceiver.h>
 #include <Reticor/MediaStreamSender.h>
 #include <Reticor/NTimer.h>
 #include <Reticor/NetHandler.h>

@@ -1,0 +1,53 @@
+// MediaReceiverState: what a CMediaStreamReceiver knows, and its pace.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include <Infra/Mutex.h>
+#include <Reticor/MediaStreamReceiver.h>
+
+namespace Orvex::Reticor {
+
+/// In the order of their meaning; the numbers are fixed.
+enum : int32_t {
+    RECEIVER_CLOSED = 0,   ///< Waits for its thread to drop it, which ends the object: touch it no more.
+    RECEIVER_CREATED = 1,  ///< On no thread.
+    RECEIVER_RUNNING = 2,
+    RECEIVER_STOPPED = 3,  ///< Still on its thread.
+    RECEIVER_CLOSING = 4,  ///< For a moment, inside Close.
+};
+
+struct MediaReceiverState {
+    static constexpr uint64_t NOT_SEEN = ~uint64_t{0};
+
+    /// What becomes of a unit whose media time is known: sets the clock by the first one, and tells after how
+    /// many ticks of `period_us` the next one is due; 0 or less means at once.
+    void pace(long long media_us, uint64_t now_us, int64_t period_us) INFRA_REQUIRES(m_mutex);
+
+    /// Handler to tell of failure and of the end. Set and read without a lock, as is m_mode.
+    std::atomic<long> m_exception_id{0};
+    std::atomic<receiver_mode> m_mode{receiver_active};
+    /// Scaled media time of the first unit since the start.
+    uint64_t m_first_time INFRA_GUARDED_BY(m_mutex) = NOT_SEEN;
+    /// Microsecond clock at that first unit.
+    uint64_t m_start_time INFRA_GUARDED_BY(m_mutex) = 0;
+    /// Wall time played, in microseconds.
+    uint64_t m_elapsed INFRA_GUARDED_BY(m_mutex) = 0;
+    int64_t m_start_offset INFRA_GUARDED_BY(m_mutex) = 0;
+    /// Ticks to skip before the next call of the paced callback. The receiver's thread alone touches it.
+    int32_t m_wait_ticks = 1;
+    float m_speed INFRA_GUARDED_BY(m_mutex) = 1.0F;
+    Infra::CMutex m_mutex;
+    /// Link of the thread's list, guarded by the thread's mutex.
+    CMediaStreamReceiver* m_next = nullptr;
+    /// Changed under m_mutex, but for the last change, and read by the thread without it. Whoever has stored
+    /// RECEIVER_CLOSED has no right to the object any more.
+    std::atomic<int32_t> m_state{RECEIVER_CREATED};
+};
+
+/// `media_us` divided by `speed`, in single precision, cut to a whole number. What no 64-bit number holds (an
+/// infinity, no number at all) gives INT64_MIN, as the machine's own conversion does.
+int64_t scaleMediaTime(long long media_us, float speed);
+
+}  // namespace Orvex::Reticor
