@@ -3,12 +3,12 @@
 import shutil
 import subprocess
 
-from rows import ECHO, NAMES
+from rows import ECHO, FANOUT, NAMES
 from tools import KINDS
 
 COLOURS = {
     "epoll": "#7f7f7f", "libevent": "#d9a441", "libuv": "#5b9a57", "asio": "#4c78a8", "tbb": "#9467bd",
-    "reticor": "#c03a2b", "glibc": "#7f7f7f", "jemalloc": "#d9a441", "mimalloc": "#4c78a8",
+    "gstreamer": "#5b9a57", "reticor": "#c03a2b", "glibc": "#7f7f7f", "jemalloc": "#d9a441", "mimalloc": "#4c78a8",
     "wait": "#7f7f7f", "receive": "#4c78a8", "send": "#5b9a57", "epoll_ctl": "#d9a441", "futex": "#c03a2b",
     "other": "#c7c7c7",
 }
@@ -37,6 +37,7 @@ def wanted(medians, titles):
                   for implementation in ECHO}
         yield "echo", name, caption, "ratio", labels, series, "clustered"
     yield syscall_plot(medians)
+    yield from fanout_plots(medians)
     yield message_plot(medians)
     yield timer_plot(medians)
     yield memory_plot(medians)
@@ -49,6 +50,18 @@ def short(row):
 def ratio(figures, implementation, metric):
     own, base = figures.get(implementation, {}).get(metric), figures["epoll"].get(metric)
     return own / base if own and base else None
+
+
+def fanout_plots(medians):
+    labels = {"fanout-100": "100 clients\\n20 KB", "fanout-1000": "1000 clients\\n4 KB",
+              "fanout-slow": "70 fast, 30 slow\\n20 KB", "fanout-full": "50 clients\\n64 KB, full speed"}
+    rows = [row for row in labels if "epoll" in medians.get(row, {})]
+    for metric, name, caption in (
+            ("server_cpu_us_per_frame", "fanout-cpu", "Fan-out: server CPU per delivered frame, plain epoll is 1"),
+            ("fast.p99_us", "fanout-delay", "Fan-out: p99 delay, plain epoll is 1")):
+        series = {implementation: [ratio(medians[row], implementation, metric) for row in rows]
+                  for implementation in FANOUT}
+        yield "fanout", name, caption, "ratio", [labels[row] for row in rows], series, "clustered"
 
 
 def syscall_plot(medians):

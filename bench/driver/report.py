@@ -13,10 +13,22 @@ ECHO_COLUMNS = [
     ("p50_us", "p50 us", "{:,.0f}", False), ("p99_us", "p99 us", "{:,.0f}", False),
     ("server_cores", "server cores", "{:.2f}", False),
 ]
+FANOUT_COLUMNS = [
+    ("server_cpu_us_per_frame", "server CPU us per frame and client", "{:.2f}", True),
+    ("frames_per_s", "frames/s", "{:,.0f}", True),
+    ("fast.p50_us", "delay p50 us", "{:,.0f}", False), ("fast.p99_us", "delay p99 us", "{:,.0f}", True),
+    ("fast.missing", "missing", "{:,.0f}", False),
+    ("slow.p50_us", "slow clients: age p50 us", "{:,.0f}", False), ("slow.p99_us", "age p99 us", "{:,.0f}", False),
+    ("server_resident_kib", "resident KiB", "{:,.0f}", False), ("server_cores", "server cores", "{:.2f}", False),
+    ("load_cores", "load cores", "{:.2f}", False),
+]
 SYSCALL_COLUMNS = [("all", "all", "{:.2f}", True)] + [(kind, kind, "{:.2f}", False) for kind in KINDS]
 TABLES = {
     "echo": ("epoll", ECHO_COLUMNS),
     "syscalls": ("epoll", SYSCALL_COLUMNS),
+    "fanout": ("epoll", FANOUT_COLUMNS),
+    "fanout-counts": ("epoll", SYSCALL_COLUMNS + [("allocations", "allocations", "{:.4f}", False),
+                                                  ("copied", "bytes copied per byte", "{:.4f}", False)]),
     "timers": ("libevent", [("arm_ns", "arm ns", "{:.0f}", False), ("cancel_ns", "cancel ns", "{:.0f}", False),
                             ("churn_pair_ns", "cancel and arm ns, 10,000 pending", "{:.0f}", False),
                             ("idle_wakeups", "wake-ups while idle", "{:.0f}", False)]),
@@ -43,6 +55,17 @@ HEADINGS = {
              "The rows on one processor leave that out and compare the length of the path."),
     "syscalls": ("System calls per request", "Counted by `{counter}` on the server's threads while the load runs, in "
                  "runs of their own, since counting slows what is counted."),
+    "fanout": ("Fan-out", "One producer, one delivery thread, many clients on the loopback device; the server has one "
+               "processor and the load the other one. Ratios in brackets are to plain epoll. A frame is counted for "
+               "each client that got it whole; the load, one thread, compares every byte. Delay is from the making of "
+               "a frame, which its header tells, until a client has its last byte. Clients at a fixed rate and those "
+               "that never read have a receive buffer of 16 KiB. SO_SNDBUF is 128 KiB on every client. A server "
+               "leaves out frames for a client that lags by more than a second: Reticor, plain epoll and libevent go "
+               "on at the next fresh key frame, GStreamer (multifdsink) at the newest one that it has."),
+    "fanout-counts": ("What a delivered frame costs besides time", "Per frame and client. System calls are counted by "
+                      "`{counter}` on the server's threads; allocations (malloc and its kin) and copies in user space "
+                      "(memcpy and its kin, 512 bytes and more) by a library that is loaded into the server, in a run "
+                      "of its own. libevent and GStreamer get each frame in one piece, which is put together once."),
     "messages": ("Messages", "One producer that is no worker posts to 1000 receivers on two workers as fast as it can; "
                  "serial messages run one after the other (asio: a strand). CPU is that of the whole process. Ratios "
                  "are to asio. Allocations are calls of malloc and its kin, in windows of 10,000 messages after one "
@@ -83,7 +106,7 @@ def write(results, order, directory):
     medians = medians_of(results)
     pictures = plots.draw(medians, {name: row["title"] for name, row in rows.items()}, directory)
     page = ["# Benchmarks", "", *preface(rows), "", *target_table(medians, rows)]
-    for group in ("echo", "syscalls", "messages", "timers", "ticks", "micro"):
+    for group in ("echo", "syscalls", "fanout", "fanout-counts", "messages", "timers", "ticks", "micro"):
         members = {name: row for name, row in rows.items() if row["group"] == group}
         if members:
             page += ["", *section(group, members, medians, pictures.get(group, []))]

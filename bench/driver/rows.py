@@ -2,14 +2,16 @@
 
 import dataclasses
 import os
+import tempfile
 
-from tools import EchoServer, calls_per_request
+from tools import Server, calls_per_request
 
 NAMES = {
     "epoll": "plain epoll", "libevent": "libevent", "libuv": "libuv", "asio": "asio", "tbb": "TBB",
-    "reticor": "Reticor",
+    "gstreamer": "GStreamer", "reticor": "Reticor",
 }
 ECHO = ["epoll", "libevent", "libuv", "asio", "reticor"]
+FANOUT = ["epoll", "libevent", "gstreamer", "reticor"]
 
 
 @dataclasses.dataclass(frozen=True)
@@ -23,12 +25,14 @@ class Scale:
     idle_seconds: float
     tick_seconds: float
     micro_seconds: float
+    fanout_seconds: float
+    fanout_settle: float  # 1 lets every client begin at a key frame and slow ones fall behind as far as they will
 
 
 FULL = Scale(seconds=2, warm_up=0.5, messages=2000000, bursts=20, timers=1000000, idle_seconds=3, tick_seconds=10,
-             micro_seconds=0.2)
+             micro_seconds=0.2, fanout_seconds=2.5, fanout_settle=1)
 QUICK = Scale(seconds=0.5, warm_up=0.2, messages=200000, bursts=5, timers=1000000, idle_seconds=1, tick_seconds=1,
-              micro_seconds=0.02)
+              micro_seconds=0.02, fanout_seconds=0.8, fanout_settle=1)
 
 
 class EchoRow:
@@ -44,7 +48,7 @@ class EchoRow:
         return "echo_" + implementation
 
     def measure(self, tools, implementation, scale):
-        with EchoServer(tools, implementation, self.cpus) as server:
+        with Server(tools, "echo_" + implementation, "--threads", 2, cpus=self.cpus) as server:
             return tools.json("echo_load", "--port", server.port, "--server-pid", server.pid, *self.load,
                               "--seconds", scale.seconds, "--warm-up", scale.warm_up, cpus=self.cpus)
 
@@ -61,11 +65,75 @@ class SyscallRow:
         return "echo_" + implementation
 
     def measure(self, tools, implementation, scale):
-        with EchoServer(tools, implementation) as server:
+        with Server(tools, "echo_" + implementation, "--threads", 2) as server:
             load = ["--port", server.port, "--connections", self.connections, "--size", 64,
                     "--seconds", scale.seconds, "--warm-up", 0]
-            result, calls = tools.counter(tools, server.pid, load)
+            result, calls = tools.counter(tools, server.pid, "echo_load", load)
         return calls_per_request(calls, result["requests_total"])
+
+
+class FanoutRow:
+    """One live stream to many clients: processor time per delivered frame, delay, memory. The server has a
+    processor of its own, and so has the load."""
+    group = "fanout"
+
+    def __init__(self, name, title, stream, clients, settle=1.2, seconds=1.0, implementations=FANOUT):
+        self.name, self.title, self.implementations = name, title, implementations
+        self.stream, self.clients, self.settle, self.seconds = stream, clients, settle, seconds
+
+    def program(self, implementation):
+        return "fanout_server" if implementation == "reticor" else "fanout_" + implementation
+
+    def measure(self, tools, implementation, scale):
+        server_cpus, load_cpus = processor_each()
+        with Server(tools, self.program(implementation), *self.stream.server(), cpus=server_cpus) as server:
+            return flat(tools.json("fanout_load", *self.load(server, scale), cpus=load_cpus))
+
+    def load(self, server, scale):
+        return ["--port", server.port, "--server-pid", server.pid, *self.stream.load(), *self.clients,
+                "--warm-up", self.settle * scale.fanout_settle, "--seconds", self.seconds * scale.fanout_seconds]
+
+
+class FanoutCountRow(FanoutRow):
+    """What a delivered frame costs a server besides time: system calls, allocations, copies. The calls are
+    counted in one run, and what happens inside the process in another one."""
+    group = "fanout-counts"
+
+    def measure(self, tools, implementation, scale):
+        server_cpus, load_cpus = processor_each()
+        with Server(tools, self.program(implementation), *self.stream.server(), cpus=server_cpus) as server:
+            load = self.load(server, scale)
+            result, calls = tools.counter(tools, server.pid, "fanout_load", load, load_cpus, window=True)
+        figures = calls_per_request(calls, result["counted"])
+        with tempfile.NamedTemporaryFile() as counts:
+            inside = {"LD_PRELOAD": tools.path("CountInside.so"), "COUNT_INSIDE": counts.name}
+            with Server(tools, self.program(implementation), *self.stream.server(), cpus=server_cpus,
+                        environment=inside) as server:
+                load = [*self.load(server, scale), "--counts", counts.name]
+                result = tools.json("fanout_load", *load, cpus=load_cpus)
+        figures["allocations"] = result["allocations_per_frame"]
+        figures["copied"] = result["copied_per_byte"]
+        return figures
+
+
+def processor_each():
+    """One processor for the server and another one, if there is one, for the load."""
+    allowed = sorted(os.sched_getaffinity(0))
+    return {allowed[0]}, {allowed[-1]}
+
+
+@dataclasses.dataclass(frozen=True)
+class Stream:
+    """What a fan-out server sends."""
+    fps: int
+    frame_bytes: int
+    gop: int = 25
+
+    def load(self):
+        return ["--frame-bytes", self.frame_bytes, "--gop", self.gop]
+
+    def server(self):
+        return ["--fps", self.fps, *self.load(), "--sndbuf", 131072]
 
 
 class ProgramRow:
@@ -145,6 +213,16 @@ def all_rows(micro_programs):
         EchoRow("echo-16k-64", "16 KiB, 64 connections", 64, 64, 16384),
         SyscallRow("syscalls-1", "1 connection", 1),
         SyscallRow("syscalls-64", "64 connections", 64),
+        FanoutRow("fanout-100", "100 clients, 25 frames/s of 20 KB", Stream(25, 20000), ["--fast", 100]),
+        FanoutRow("fanout-1000", "1000 clients, 25 frames/s of 4 KB", Stream(25, 4000), ["--fast", 1000]),
+        FanoutRow("fanout-slow", "25 frames/s of 20 KB; 70 fast clients, 20 that read 100 KB/s, 10 that never read",
+                  Stream(25, 20000), ["--fast", 70, "--slow", 20, "--stuck", 10], settle=5, seconds=1.6),
+        FanoutRow("fanout-fast", "25 frames/s of 20 KB; the 70 fast clients alone", Stream(25, 20000), ["--fast", 70],
+                  implementations=["epoll", "reticor"]),
+        FanoutRow("fanout-full", "50 clients, frames of 64 KB as fast as they go", Stream(0, 65536), ["--fast", 50],
+                  settle=0.4, seconds=0.8),
+        FanoutCountRow("fanout-counts", "100 clients, 25 frames/s of 20 KB", Stream(25, 20000), ["--fast", 100],
+                       settle=1.2, seconds=0.4),
         ProgramRow("messages", "Messages", ["asio", "tbb", "reticor"], message_arguments),
         ProgramRow("timers", "Timers", ["libuv", "libevent", "reticor"], timer_arguments),
         ProgramRow("ticks", "Ticks", ["reticor"], tick_arguments),

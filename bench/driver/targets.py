@@ -38,8 +38,8 @@ class Medians:
 def reached(medians, titles):
     """All targets of which the figures are there."""
     found = Medians(medians)
-    targets = [*echo(found, titles), *syscalls(found, titles), *messages(found), *timers(found),
-               *ticks(found), *micro(found)]
+    targets = [*echo(found, titles), *syscalls(found, titles), *fanout(found, titles), *messages(found),
+               *timers(found), *ticks(found), *micro(found)]
     return [target for target in targets if target.reached is not None]
 
 
@@ -71,6 +71,52 @@ def syscalls(found, titles):
         work = "System calls per request, " + titles.get(row, "")
         yield Target(work, "all", found.get(row, "reticor", "all"), limit)
         yield Target(work, "futex", found.get(row, "reticor", "futex"), 0.1)
+
+
+def fanout(found, titles):
+    """`least` and `most` of the peers that link a library; plain epoll is the yardstick."""
+    def peers(row, metric):
+        return [value for value in (found.get(row, peer, metric) for peer in ("libevent", "gstreamer")) if value]
+
+    def against(value, others, choose):
+        return value / choose(others) if value is not None and others else None
+
+    cpu, p99, rate = "server_cpu_us_per_frame", "fast.p99_us", "frames_per_s"
+    for row in ("fanout-100", "fanout-1000"):
+        work = "Fan-out, " + titles.get(row, row)
+        yield Target(work, "server CPU per delivered frame against plain epoll",
+                     found.ratio(row, cpu, "reticor", "epoll"), 1.05)
+        yield Target(work, "server CPU per delivered frame against the better of libevent and GStreamer",
+                     against(found.get(row, "reticor", cpu), peers(row, cpu), min), 1)
+        yield Target(work, "p99 delay against plain epoll", found.ratio(row, p99, "reticor", "epoll"), 1)
+    slow, full = "fanout-slow", "fanout-full"
+    work = "Fan-out, " + titles.get(slow, slow)
+    yield Target(work, "frames that fast clients missed", found.get(slow, "reticor", "fast.missing"), 0)
+    yield Target(work, "p99 delay of fast clients against a run without the others",
+                 found.ratio(slow, p99, "reticor", "reticor", "fanout-fast"), 1.1)
+    yield Target(work, "median age of frames at slow clients", seconds(found.get(slow, "reticor", "slow.p50_us")), 3,
+                 unit="s")
+    yield Target(work, "resident memory above that with 100 fast clients",
+                 mebibytes(found.get(slow, "reticor", "server_resident_kib"),
+                           found.get("fanout-100", "reticor", "server_resident_kib")), 8, unit="MiB")
+    work = "Fan-out, " + titles.get(full, full)
+    yield Target(work, "frames/s against plain epoll", found.ratio(full, rate, "reticor", "epoll"), 0.97, at_least=True)
+    yield Target(work, "frames/s against the better of libevent and GStreamer",
+                 against(found.get(full, "reticor", rate), peers(full, rate), max), 1, at_least=True)
+    counts = "fanout-counts"
+    work = "A delivered frame, " + titles.get(counts, counts)
+    yield Target(work, "payload bytes copied in user space, per byte", found.get(counts, "reticor", "copied"), 0)
+    # Allocations are those of the whole process: less than one a second is none per frame and client.
+    yield Target(work, "heap allocations", found.get(counts, "reticor", "allocations"), 0.001)
+    yield Target(work, "write calls", found.get(counts, "reticor", "send"), 1)
+
+
+def seconds(us):
+    return None if us is None else us / 1e6
+
+
+def mebibytes(kib, base):
+    return None if kib is None or base is None else (kib - base) / 1024
 
 
 def messages(found):

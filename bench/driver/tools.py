@@ -48,14 +48,14 @@ class Tools:
         return json.loads(done.stdout)
 
 
-class EchoServer:
-    """One of the echo servers, from its "port N" line to its clean end."""
+class Server:
+    """A server under measurement, from its "port N" line to its clean end."""
 
-    def __init__(self, tools, implementation, cpus=None):
-        command = [tools.path("echo_" + implementation), "--port", "0", "--threads", "2"]
+    def __init__(self, tools, program, *arguments, cpus=None, environment=None):
+        command = [tools.path(program), "--port", "0", *map(str, arguments)]
         self.errors = tempfile.TemporaryFile(mode="w+")
         self.process = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=self.errors, text=True,
-                                        preexec_fn=bound_to(cpus))
+                                        preexec_fn=bound_to(cpus), env={**os.environ, **(environment or {})})
 
     def __enter__(self):
         words = self.process.stdout.readline().split()
@@ -98,12 +98,19 @@ def perf_counts():
     return done.returncode == 0 and re.match(r"[1-9]\d*,", done.stderr) is not None
 
 
-def count_with_perf(tools, pid, load):
-    """Runs the load and counts the server's calls meanwhile. Returns the load's JSON and calls by name."""
+def count_with_perf(tools, pid, program, load, cpus=None, window=False):
+    """Runs the load and counts the server's calls meanwhile. Returns the load's JSON and calls by name. With
+    `window` the load is told a pipe by which it says from when to when."""
     events = ["raw_syscalls:sys_enter"] + ["syscalls:sys_enter_" + name for name in CALLS]
-    with tempfile.NamedTemporaryFile(mode="r") as counts:
-        wrapper = ["perf", "stat", "-x,", "-o", counts.name, "-p", str(pid), "-e", ",".join(events), "--"]
-        result = tools.json("echo_load", *load, wrapper=wrapper)
+    with tempfile.NamedTemporaryFile(mode="r") as counts, tempfile.TemporaryDirectory() as directory:
+        wrapper = ["perf", "stat", "-x,", "-o", counts.name, "-p", str(pid), "-e", ",".join(events)]
+        if window:
+            pipe = os.path.join(directory, "control")
+            os.mkfifo(pipe)
+            wrapper += ["-D", "-1", "--control", "fifo:" + pipe]
+            load = [*load, "--control", pipe]
+        result = tools.json(program, *load, wrapper=[*wrapper, "--"], cpus=cpus)
+        result["counted"] = result.get("frames") if window else None
         calls = collections.Counter()
         for line in counts:
             fields = line.split(",")
@@ -112,14 +119,16 @@ def count_with_perf(tools, pid, load):
     return result, calls
 
 
-def count_with_strace(tools, pid, load):
-    """The same with strace, which slows a server until it batches: its counts come out too low."""
+def count_with_strace(tools, pid, program, load, cpus=None, window=False):
+    """The same with strace, which slows a server until it batches: its counts come out too low. It has no
+    window: connections and the end are counted too."""
     with tempfile.NamedTemporaryFile(mode="r") as counts:
         tracer = subprocess.Popen(["strace", "-f", "-c", "-p", str(pid), "-o", counts.name],
                                   stderr=subprocess.DEVNULL)
         try:
             time.sleep(0.5)  # until it has attached to every thread
-            result = tools.json("echo_load", *load)
+            result = tools.json(program, *load, cpus=cpus)
+            result["counted"] = result.get("frames_total") if window else None
         finally:
             tracer.send_signal(signal.SIGINT)
             tracer.wait()
