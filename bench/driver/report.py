@@ -38,7 +38,7 @@ TICK_COLUMNS = [
     ("process_us_per_tick", "CPU us per tick, whole process", "{:.0f}", False), ("ticks", "ticks", "{:.0f}", False),
     ("p50_us", "late by us, p50", "{:.0f}", False), ("p99_us", "p99", "{:.0f}", False),
     ("max_us", "max", "{:.0f}", False), ("drift_us", "drift us", "{:.0f}", False),
-    ("drift_ticks", "drift in ticks", "{:.0f}", False),
+    ("drift_steps", "drift in steps of 5 ms", "{:.0f}", False),
 ]
 MESSAGE_COLUMNS = [
     ("ns_per_message", "ns/message", "{:.0f}", True), ("cpu_ns_per_message", "CPU ns/message", "{:.0f}", True),
@@ -81,7 +81,7 @@ HEADINGS = {
               "With every worker busy 32 messages of 20 us each are always under way. Lateness is that of a tick's "
               "first call against `start + n * period`; below zero it came early, which timers may by 3 ms at most. "
               "Its median is a matter of where in the 5 ms grid of the timers the start happened to lie. Drift "
-              "compares the medians of both halves, and counts ticks against grid points."),
+              "is the median of the last tenth of the ticks less that of the first."),
     "micro": ("Single operations", "Nanoseconds per item, or per round where a round has no items; with several "
               "threads that of one thread."),
 }
