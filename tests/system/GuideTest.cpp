@@ -9,6 +9,8 @@
 
 #include <gtest/gtest.h>
 
+#include <Infra/Time.h>
+
 #include "support/Eventually.h"
 #include "system/TcpClient.h"
 
@@ -130,6 +132,72 @@ TEST_F(GuideTest, DoorRestsWhileThereAreNoDescriptors) {
     EXPECT_EQ(client.receiveLine(), "welcome, 127.0.0.1");
     door->shut();
     m_gone.pend();
+}
+
+TEST_F(GuideTest, GiverSendsEverythingToASlowReader) {
+    CSockAcceptor acceptor;
+    acceptor.SetBlockOpt(true);
+    ASSERT_EQ(acceptor.Open(CSockAddrIPv4("127.0.0.1", 0)), 0);
+    CSockAddrIPv4 local;
+    ASSERT_EQ(acceptor.GetLocalAddr(&local), 0);
+    TcpClient client(local.GetPort(), "127.0.0.1", 4096);
+    CSockStream peer;
+    ASSERT_EQ(acceptor.Accept(peer, nullptr), 0);
+    peer.SetBlockOpt(false);
+    std::string bytes;
+    while (bytes.size() < 6000000) {
+        bytes += std::to_string(bytes.size()) + " ";
+    }
+    Giver::Create(m_gone, peer, bytes);
+    EXPECT_TRUE(client.receiveAll() == bytes);
+    EXPECT_TRUE(client.wasClosed());
+    m_gone.pend();
+}
+
+TEST_F(GuideTest, GiverEndsWhenItsReaderHangsUp) {
+    CSockAcceptor acceptor;
+    acceptor.SetBlockOpt(true);
+    ASSERT_EQ(acceptor.Open(CSockAddrIPv4("127.0.0.1", 0)), 0);
+    CSockAddrIPv4 local;
+    ASSERT_EQ(acceptor.GetLocalAddr(&local), 0);
+    TcpClient client(local.GetPort());
+    CSockStream peer;
+    ASSERT_EQ(acceptor.Accept(peer, nullptr), 0);
+    peer.SetBlockOpt(false);
+    Giver::Create(m_gone, peer, std::string(50000000, 'g'));
+    EXPECT_EQ(client.receive(10000).size(), 10000u);
+    client.reset();
+    m_gone.pend();
+}
+
+TEST_F(GuideTest, MeterAnswersInBothFamilies) {
+    for (const char* ip : {"127.0.0.1", "::1"}) {
+        auto* meter = new Meter(m_gone);
+        ASSERT_TRUE(meter->open(CSockAddrStorage(ip, 0)));
+        const CSockAddrStorage remote(ip, static_cast<unsigned short>(meter->port()));
+        CSockDgram sock;
+        sock.SetBlockOpt(true);
+        const CSockAddrStorage any(ip, 0);
+        ASSERT_EQ(sock.Open(&any), 0);
+        ASSERT_EQ(sock.SetRemote(&remote), 0);
+        char answer[16] = "";
+        EXPECT_EQ(sock.Send("seventeen letters", 17, nullptr), 17);
+        EXPECT_EQ(sock.Recv(answer, sizeof answer, nullptr), 2);
+        EXPECT_STREQ(answer, "17");
+        sock.Send("end", 3, nullptr);
+        m_gone.pend();
+    }
+}
+
+TEST_F(GuideTest, PlayerPlaysInRealTimeAndFaster) {
+    for (const float speed : {1.0F, 4.0F}) {
+        std::atomic<int> played{0};
+        const uint64_t begin = Orvex::Infra::CTime::getCurrentMilliSecond();
+        Player::Create(m_gone, played, 6, speed);
+        m_gone.pend();
+        EXPECT_EQ(played, 6);
+        EXPECT_GE(static_cast<float>(Orvex::Infra::CTime::getCurrentMilliSecond() - begin), 100 / speed);
+    }
 }
 
 TEST_F(GuideTest, HandlersRunOnAPrivatePool) {
