@@ -1,0 +1,56 @@
+// KeyFrames: start codes and the byte behind them.
+
+#include "media_relay/KeyFrames.h"
+
+namespace relay {
+
+void KeyFrameFinder::begin(Codec codec) {
+    *this = KeyFrameFinder();
+    m_codec = codec;
+    m_decided = codec == Codec::Other;
+}
+
+void KeyFrameFinder::put(const uint8_t* bytes, size_t size) {
+    for (size_t i = 0; i < size && !m_decided; ++i) {
+        m_last = m_last << 8 | bytes[i];
+        if (m_pictureBytes > 0) {
+            if (--m_pictureBytes == 0) {
+                decide(m_parameters && (bytes[i] >> 3 & 7) == 1);
+            }
+        } else if (m_last >> 8 == 1) {
+            onStart(bytes[i]);
+        }
+    }
+}
+
+void KeyFrameFinder::onStart(uint8_t header) {
+    if (m_codec == Codec::Mpeg2) {
+        onMpeg2(header);
+    } else if (m_codec == Codec::H264) {
+        const unsigned type = header & 0x1FU;
+        m_parameters = m_parameters || type == 7;
+        if (type == 1 || type == 2 || type == 5) {
+            decide(type == 5 || m_parameters);
+        }
+    } else if (m_codec == Codec::H265) {
+        const unsigned type = header >> 1 & 0x3FU;
+        if (type < 32) {
+            decide(type >= 16 && type <= 23);
+        }
+    }
+}
+
+void KeyFrameFinder::onMpeg2(uint8_t header) {
+    if (header == 0xB3) {
+        m_parameters = true;
+    } else if (header == 0x00) {
+        m_pictureBytes = 2;  // a number of ten bits, and then the type
+    }
+}
+
+void KeyFrameFinder::decide(bool key) {
+    m_decided = true;
+    m_key = key;
+}
+
+}  // namespace relay

@@ -1,0 +1,35 @@
+// KeyFrames: tells whether a decoder can begin with a picture.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "media_relay/TsSections.h"
+
+namespace relay {
+
+/// Reads the bytes of one access unit, in pieces of any size, up to its first picture.
+class KeyFrameFinder {
+public:
+    /// A new access unit begins.
+    void begin(Codec codec);
+    void put(const uint8_t* bytes, size_t size);
+
+    /// An instantaneous refresh (H.264 IDR, H.265 IRAP), a picture behind a parameter set (H.264 SPS), an
+    /// intra picture behind a sequence header (MPEG-2).
+    bool isKeyFrame() const { return m_key; }
+
+private:
+    void onStart(uint8_t header);
+    void onMpeg2(uint8_t header);
+    void decide(bool key);
+
+    Codec m_codec = Codec::Other;
+    uint32_t m_last = 0xFFFFFFFF;  // four bytes
+    int m_pictureBytes = 0;        // MPEG-2: to the byte that tells the picture's type
+    bool m_parameters = false;     // a parameter set or sequence header was there
+    bool m_decided = false;
+    bool m_key = false;
+};
+
+}  // namespace relay

@@ -1,0 +1,99 @@
+// LiveStream: one producer, one buffer, many senders.
+
+#include "media_relay/LiveStream.h"
+
+#include <algorithm>
+
+namespace relay {
+
+using namespace Orvex::Reticor;
+using Orvex::Infra::CGuard;
+
+namespace {
+
+constexpr unsigned kRetry_ms = 40;  // a client that took no more is tried again so soon, frame or no frame
+
+}  // namespace
+
+LiveStream::LiveStream() {
+    m_buffer.EnableAutoSend(kRetry_ms);
+}
+
+void LiveStream::put(Frame&& frame) {
+    CGuard guard(m_mutex);
+    ++m_totals.frames;
+    if (frame.entry) {
+        ++m_totals.keyFrames;
+        admit();
+    }
+    const int level = mediaLevel(static_cast<int>(frame.channel), static_cast<int>(frame.level));
+    for (auto& packet : frame.packets) {
+        const int size = packet->size();
+        const bool last = &packet == &frame.packets.back();
+        m_totals.bytes += static_cast<uint64_t>(size);
+        m_buffer.Put(packet.release(), size, last ? MEDIA_MARK_LAST : MEDIA_MARK_MORE, level);
+    }
+}
+
+/// The frame that is about to be put is the first of those who wait.
+void LiveStream::admit() {
+    for (Place& place : m_places) {
+        if (place.stage == Stage::Waiting) {
+            place.stage = Stage::Sending;
+            m_buffer.AddSender(place.client->sender());
+        }
+    }
+}
+
+bool LiveStream::join(const std::shared_ptr<Client>& client, size_t limit) {
+    CGuard guard(m_mutex);
+    if (m_places.size() >= limit) {
+        return false;
+    }
+    ++m_totals.clients;
+    m_places.push_back({client, Stage::Joined});
+    return true;
+}
+
+std::vector<LiveStream::Place>::iterator LiveStream::find(const std::shared_ptr<Client>& client) {
+    return std::find_if(m_places.begin(), m_places.end(),
+                        [&](const Place& place) { return place.client == client; });
+}
+
+void LiveStream::begin(const std::shared_ptr<Client>& client) {
+    CGuard guard(m_mutex);
+    find(client)->stage = Stage::Waiting;
+}
+
+void LiveStream::leave(const std::shared_ptr<Client>& client) {
+    CGuard guard(m_mutex);
+    const auto place = find(client);
+    if (place->stage == Stage::Sending) {
+        m_buffer.DelSender(client->sender());
+    }
+    m_places.erase(place);
+}
+
+LiveStream::Totals LiveStream::totals() {
+    CGuard guard(m_mutex);
+    return m_totals;
+}
+
+std::vector<std::shared_ptr<Client>> LiveStream::clients() {
+    CGuard guard(m_mutex);
+    std::vector<std::shared_ptr<Client>> clients;
+    for (const Place& place : m_places) {
+        clients.push_back(place.client);
+    }
+    return clients;
+}
+
+bool LiveStream::isDrained() {
+    const std::vector<std::shared_ptr<Client>> all = clients();
+    return std::all_of(all.begin(), all.end(), [](const std::shared_ptr<Client>& client) {
+        const MediaSenderStats stats = client->sender()->GetStats();
+        return !stats.joined || stats.lag_us == 0;  // it stands on no frame
+    });
+}
+
+}  // namespace relay

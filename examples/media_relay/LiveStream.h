@@ -1,0 +1,79 @@
+// LiveStream: the frames of one input on their way to all clients.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include <Infra/Mutex.h>
+#include <Reticor/MediaBuffer.h>
+#include <Reticor/MediaStreamSender.h>
+
+#include "media_relay/Client.h"
+#include "media_relay/Packets.h"
+
+namespace relay {
+
+/// A frame in the making: its packets are written one behind the other.
+struct Frame {
+    std::vector<std::unique_ptr<DataPacket>> packets;  // one at least, none of them empty
+    unsigned channel = 0;
+    unsigned level = 1;  // 1 is the most important, and the last that the buffer drops
+    bool entry = false;  // a new client can begin here
+};
+
+/// The media buffer, and the list of those who wait for a frame to begin with.
+///
+/// The buffer lets a new client in at a key frame of any channel. Here one may begin with a picture alone,
+/// not with the piece of sound before it; so clients wait in a list of our own, and the producer hands them
+/// to the buffer within the frame that they are to begin with.
+///
+/// Threads: `put` is the producer's alone, all else is for any thread. The mutex comes before the buffer's
+/// own.
+class LiveStream {
+public:
+    struct Totals {
+        uint64_t frames = 0;  // that were put
+        uint64_t keyFrames = 0;
+        uint64_t bytes = 0;
+        uint64_t clients = 0;  // that ever came
+    };
+
+    LiveStream();
+
+    void put(Frame&& frame);
+
+    /// Takes a client in, which gets nothing yet. False if `limit` clients are there.
+    bool join(const std::shared_ptr<Client>& client, size_t limit);
+
+    /// From the next frame to begin with on, it gets all.
+    void begin(const std::shared_ptr<Client>& client);
+
+    /// After it returns nothing is sent to the client's socket.
+    void leave(const std::shared_ptr<Client>& client);
+
+    Totals totals();
+    Orvex::Reticor::MediaBufferStats bufferStats() { return m_buffer.GetStats(); }
+    std::vector<std::shared_ptr<Client>> clients();
+
+    /// Whether every client has all there is.
+    bool isDrained();
+
+private:
+    enum class Stage { Joined, Waiting, Sending };
+
+    struct Place {
+        std::shared_ptr<Client> client;
+        Stage stage;
+    };
+
+    std::vector<Place>::iterator find(const std::shared_ptr<Client>& client) INFRA_REQUIRES(m_mutex);
+    void admit() INFRA_REQUIRES(m_mutex);
+
+    Orvex::Reticor::CMediaBuffer m_buffer;
+    Orvex::Infra::CMutex m_mutex;
+    std::vector<Place> m_places INFRA_GUARDED_BY(m_mutex);
+    Totals m_totals INFRA_GUARDED_BY(m_mutex);
+};
+
+}  // namespace relay

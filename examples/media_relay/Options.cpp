@@ -1,0 +1,119 @@
+// Options: the command line of media_relay.
+
+#include "media_relay/Options.h"
+
+#include <CLI/CLI.hpp>
+
+#include <Reticor/StrParser.h>
+
+namespace relay {
+
+namespace {
+
+using Orvex::Reticor::CStrParser;
+
+/// "239.1.2.3:5004" or "[ff15::1]:5004". The result is empty, or what is wrong.
+std::string parseTarget(const std::string& text, std::string& ip, unsigned short& port) {
+    CStrParser parser((text + "\n").c_str());  // a number at the very end would leave the cursor behind it
+    char address[64] = {};
+    int family = -1;
+    if (parser.ConsumeIpAddr(address, sizeof address, &family) < 1 || family == -1 ||
+        parser.Expect(':') == -1) {
+        return "is no IP:PORT";
+    }
+    const unsigned number = parser.ConsumeUint32();
+    if (parser.GetStatus() != 0 || parser.GetCurChar() != '\n' || number < 1 || number > 65535) {
+        return "has no port from 1 to 65535";
+    }
+    ip = address;
+    port = static_cast<unsigned short>(number);
+    return "";
+}
+
+/// "640x360": even numbers, since colours are stored for squares of two pixels.
+std::string parseSize(const std::string& text, unsigned& width, unsigned& height) {
+    CStrParser parser((text + "\n").c_str());
+    const unsigned x = parser.ConsumeUint32();
+    const bool good = parser.GetStatus() == 0 && parser.Expect('x') != -1;
+    const unsigned y = parser.ConsumeUint32();
+    if (!good || parser.GetStatus() != 0 || parser.GetCurChar() != '\n' || x < 160 || x > 3840 || y < 120 ||
+        y > 2160 || x % 2 != 0 || y % 2 != 0) {
+        return "is no size like 640x360, of even numbers from 160x120 to 3840x2160";
+    }
+    width = x;
+    height = y;
+    return "";
+}
+
+void addInput(CLI::App& app, Options& options, std::string& size) {
+    app.add_option("--input", options.input,
+                   "file with an MPEG transport stream, - for standard input, or test for a test picture")
+        ->capture_default_str();
+    app.add_flag("--loop", options.loop, "play the file again and again");
+    app.add_option("--speed", options.speed, "how fast the input plays")
+        ->check(CLI::Range(0.01, 100.0))
+        ->capture_default_str();
+    app.add_option("--size", size, "of the test picture")->capture_default_str();
+    app.add_option("--fps", options.fps, "test pictures per second")
+        ->check(CLI::Range(1, 100))
+        ->capture_default_str();
+}
+
+void addClients(CLI::App& app, Options& options) {
+    app.add_option("--max-clients", options.maxClients, "live clients at a time; more get 503")
+        ->check(CLI::Range(1, 4000))
+        ->capture_default_str();
+    app.add_option("--stall-timeout", options.stallTimeout_s,
+                   "s after which a client that takes nothing is dropped")
+        ->check(CLI::Range(1, 86400))
+        ->capture_default_str();
+    app.add_option(
+           "--max-lag", options.maxLag_ms,
+           "ms that a slow client may be late, before it goes on at a fresh key frame; 0 is no limit but "
+           "the buffer's own")
+        ->check(CLI::Range(0, 3600000))
+        ->capture_default_str();
+    app.add_option("--request-timeout", options.requestTimeout_s, "s for a request to come in whole")
+        ->check(CLI::Range(1, 3600))
+        ->capture_default_str();
+    app.add_option("--sndbuf", options.sendBuffer, "bytes that the kernel may hold for a client")
+        ->check(CLI::Range(4096, 16777216))
+        ->capture_default_str();
+}
+
+}  // namespace
+
+int readOptions(int argc, char** argv, Options& options) {
+    std::string target;
+    std::string size = "640x360";
+    CLI::App app{"Sends one live picture to any number of clients over HTTP, whatever their speed."};
+    app.add_option("--host", options.host, "address to listen on; :: is every address, IPv4 and IPv6")
+        ->capture_default_str();
+    app.add_option("--port", options.port, "port to listen on; 0 is any that is free")->capture_default_str();
+    app.add_option("--threads", options.threads, "workers, raised to a multiple of the processors")
+        ->check(CLI::Range(1, 1024))
+        ->capture_default_str();
+    addInput(app, options, size);
+    addClients(app, options);
+    app.add_option("--multicast", target, "IP:PORT that the transport stream is sent to over UDP as well");
+    app.add_option("--multicast-if", options.multicastInterface, "IPv4 address of the interface for that");
+    app.add_option("--multicast-ttl", options.multicastTtl, "routers that it may pass")
+        ->check(CLI::Range(0, 255))
+        ->capture_default_str();
+    app.add_flag("--verbose", options.verbose, "also log connections that break");
+    CLI11_PARSE(app, argc, argv);
+
+    std::string wrong;
+    if (!target.empty()) {
+        wrong = parseTarget(target, options.multicastIp, options.multicastPort);
+        wrong = wrong.empty() && options.isTest() ? "needs a transport stream as --input" : wrong;
+        wrong = wrong.empty() ? wrong : "--multicast: " + target + " " + wrong;
+    }
+    if (wrong.empty()) {
+        wrong = parseSize(size, options.width, options.height);
+        wrong = wrong.empty() ? wrong : "--size: " + size + " " + wrong;
+    }
+    return wrong.empty() ? -1 : app.exit(CLI::ValidationError(wrong));
+}
+
+}  // namespace relay

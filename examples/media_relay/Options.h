@@ -1,0 +1,35 @@
+// Options: what the command line says.
+#pragma once
+
+#include <string>
+
+namespace relay {
+
+struct Options {
+    std::string host = "127.0.0.1";
+    unsigned short port = 7009;
+    unsigned threads = 1;
+    std::string input = "test";  // "test", "-", or the name of a file
+    bool loop = false;
+    double speed = 1.0;
+    unsigned maxClients = 100;
+    unsigned stallTimeout_s = 10;
+    unsigned maxLag_ms = 1000;  // 0: a slow client gets what is left of the buffer
+    unsigned requestTimeout_s = 10;
+    unsigned sendBuffer = 131072;  // bytes of the kernel's, per client
+    std::string multicastIp;       // empty: no multicast
+    unsigned short multicastPort = 0;
+    std::string multicastInterface;
+    unsigned multicastTtl = 1;
+    unsigned width = 640;  // of the test picture
+    unsigned height = 360;
+    unsigned fps = 25;
+    bool verbose = false;
+
+    bool isTest() const { return input == "test"; }
+};
+
+/// Fills `options`. If the program is to go on, the result is -1; else it is main's.
+int readOptions(int argc, char** argv, Options& options);
+
+}  // namespace relay

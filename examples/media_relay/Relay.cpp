@@ -1,0 +1,164 @@
+// Relay: start, end, and the status line.
+
+#include "media_relay/Relay.h"
+
+#include <unistd.h>
+#include <csignal>
+#include <cstdio>
+
+#include <Infra/Log.h>
+#include <Infra/Time.h>
+
+#include "media_relay/Session.h"
+#include "media_relay/TestSource.h"
+#include "media_relay/TsSource.h"
+
+namespace relay {
+
+using namespace Orvex::Reticor;
+using Orvex::Infra::CGuard;
+using Orvex::Infra::CTime;
+
+namespace {
+
+constexpr int64_t kTick_us = 500000;
+constexpr uint64_t kDrain_us = 5000000;  // for clients to get what is left, once the input has ended
+
+/// Calls Relay::tick.
+class Ticker : public example::Member {
+public:
+    static void Create(Relay& relay) {
+        auto* self = new Ticker(relay);
+        self->enter();
+        self->SetTimer(kTick_us);
+    }
+    int64_t handle_timeout(long) override {
+        m_relay.tick();
+        return 0;
+    }
+    int handle_message(long, unsigned int msg, long) override {
+        if (msg == example::kStop) {
+            Close();
+        }
+        return 0;
+    }
+
+private:
+    explicit Ticker(Relay& relay) : Member(relay.roster()), m_relay(relay) {}
+
+    Relay& m_relay;
+};
+
+}  // namespace
+
+int Relay::run(example::EndSignals& signals, int fd) {
+    if (!m_options.multicastIp.empty() &&
+        !m_multicast.open(m_options.multicastIp, m_options.multicastPort, m_options.multicastInterface,
+                          m_options.multicastTtl)) {
+        return 1;
+    }
+    const CSockAddrStorage local(m_options.host.c_str(), m_options.port);
+    example::Listener* const listener =
+        example::Listener::Open(m_roster, local, [this](CSockStream& peer) { Session::Create(*this, peer); });
+    if (listener != nullptr) {
+        announce(listener->address());
+        if (!m_options.verbose) {
+            Orvex::Infra::setLogLevel(1);  // clients that hang up are no news
+        }
+        Ticker::Create(*this);
+        startSource(fd);
+        signals.wait();
+        if (isatty(STDOUT_FILENO) != 0) {
+            std::printf("\n");
+        }
+        listener->stop();
+    }
+    m_roster.waitUntilEmpty();
+    CGuard guard(m_mutex);
+    return listener != nullptr ? m_result : 1;
+}
+
+void Relay::announce(const std::string& address) const {
+    std::printf("listening on %s\n", address.c_str());
+    std::printf("page: http://%s/\n", address.c_str());
+    std::printf("live: http://%s/%s\n", address.c_str(), m_options.isTest() ? "live.mjpg" : "live.ts");
+    std::fflush(stdout);
+}
+
+void Relay::startSource(int fd) {
+    Source* source = nullptr;
+    if (m_options.isTest()) {
+        source =
+            TestSource::Create(m_roster, m_stream, *this, m_options.width, m_options.height, m_options.fps);
+    } else {
+        MulticastOutput* const multicast = m_options.multicastIp.empty() ? nullptr : &m_multicast;
+        source = TsSource::Create(m_roster, m_stream, *this, fd, m_options.loop, multicast);
+    }
+    source->start(m_options.speed);
+}
+
+void Relay::count(uint64_t Counters::*counter) {
+    CGuard guard(m_mutex);
+    ++(m_counters.*counter);
+}
+
+void Relay::onSourceView(const SourceView& view) {
+    CGuard guard(m_mutex);
+    m_source = view;
+}
+
+void Relay::onSourceEnd(const std::string& error) {
+    if (!error.empty()) {
+        std::fprintf(stderr, "media_relay: %s\n", error.c_str());
+    }
+    CGuard guard(m_mutex);
+    m_ended_us = CTime::getCurrentMicroSecond();
+    m_result = error.empty() ? 0 : 1;
+}
+
+bool Relay::isOver() {
+    uint64_t ended_us = 0;
+    {
+        CGuard guard(m_mutex);
+        ended_us = m_ended_us;
+    }
+    return ended_us != 0 && (m_stream.isDrained() || CTime::getCurrentMicroSecond() > ended_us + kDrain_us);
+}
+
+void Relay::tick() {
+    for (const auto& client : m_stream.clients()) {
+        client->sample();
+    }
+    if (!m_signalled && isOver()) {
+        m_signalled = true;
+        kill(getpid(), SIGTERM);  // main waits for a signal, whoever sends it
+    }
+    if (++m_ticks % 2 == 0 && isatty(STDOUT_FILENO) != 0) {
+        printStatus();
+    }
+}
+
+void Relay::printStatus() {
+    const MediaBufferStats buffer = m_stream.bufferStats();
+    const LiveStream::Totals totals = m_stream.totals();
+    double rate = 0;
+    uint64_t lost = 0;
+    size_t clients = 0;
+    for (const auto& client : m_stream.clients()) {
+        const Client::View view = client->view();
+        rate += view.rate;
+        lost += view.sender.hole_frames + view.sender.skipped_frames;
+        ++clients;
+    }
+    CGuard guard(m_mutex);
+    std::printf(
+        "\r\033[K%7.1f s  %ju frames/s  %zu clients  %.2f MB/s out  buffer %u frames, %.2f MB  "
+        "dropped %ju frames, %ju clients",
+        m_source.seconds, static_cast<uintmax_t>(totals.frames - m_lastFrames), clients, rate / 1e6,
+        buffer.frames, static_cast<double>(buffer.bytes) / 1e6, static_cast<uintmax_t>(lost),
+        static_cast<uintmax_t>(m_counters.stalled));
+    std::fflush(stdout);
+    m_lastFrames = totals.frames;
+}
+
+}  // namespace relay

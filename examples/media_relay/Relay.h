@@ -1,0 +1,72 @@
+// Relay: the whole of the program but its doors: the live stream, its input, and the counters.
+#pragma once
+
+#include <string>
+
+#include <Infra/Mutex.h>
+
+#include "media_relay/LiveStream.h"
+#include "media_relay/MulticastOutput.h"
+#include "media_relay/Options.h"
+#include "media_relay/Source.h"
+#include "support/Listener.h"
+
+namespace relay {
+
+/// What has become of requests and clients.
+struct Counters {
+    uint64_t requests = 0;
+    uint64_t bad = 0;      // answered with 4xx
+    uint64_t refused = 0;  // one client too many
+    uint64_t left = 0;     // live clients that went
+    uint64_t stalled = 0;  // live clients that were dropped, since they took nothing
+};
+
+class Relay : public SourceListener {
+public:
+    explicit Relay(const Options& options) : m_options(options) {}
+
+    /// Plays the input `fd` (none for the test picture) to whoever comes, until a signal ends it or the input
+    /// has ended. The result is main's.
+    int run(example::EndSignals& signals, int fd);
+
+    const Options& options() const { return m_options; }
+    example::Roster& roster() { return m_roster; }
+    LiveStream& stream() { return m_stream; }
+
+    /// Adds one to a counter.
+    void count(uint64_t Counters::*counter);
+
+    /// /stats.json.
+    std::string json();
+
+    /// Every half second, on a worker.
+    void tick();
+
+    void onSourceView(const SourceView& view) override;
+    void onSourceEnd(const std::string& error) override;
+
+private:
+    bool openMulticast();
+    void startSource(int fd);
+    void announce(const std::string& address) const;
+    void printStatus();
+    bool isOver();
+
+    const Options m_options;
+    example::Roster m_roster;
+    LiveStream m_stream;
+    MulticastOutput m_multicast;
+
+    Orvex::Infra::CMutex m_mutex;  // innermost
+    Counters m_counters INFRA_GUARDED_BY(m_mutex);
+    SourceView m_source INFRA_GUARDED_BY(m_mutex);
+    uint64_t m_ended_us INFRA_GUARDED_BY(m_mutex) = 0;  // when the input ended; 0 while it plays
+    int m_result INFRA_GUARDED_BY(m_mutex) = 0;
+
+    unsigned m_ticks = 0;  // and what follows: of the ticker alone
+    uint64_t m_lastFrames = 0;
+    bool m_signalled = false;
+};
+
+}  // namespace relay

@@ -1,0 +1,278 @@
+// Session: request, answer, live stream, and an end for each of them.
+
+#include "media_relay/Session.h"
+
+#include <sys/socket.h>
+#include <cstdio>
+#include <utility>
+
+#include "media_relay/Page.h"
+#include "media_relay/TestSource.h"
+
+namespace relay {
+
+using namespace Orvex::Reticor;
+using Orvex::Infra::CGuard;
+
+namespace {
+
+constexpr size_t kMaxIgnored = 65536;     // a client that goes on talking is put out
+constexpr int64_t kAnswer_us = 10000000;  // for a client to take a page
+constexpr int64_t kLinger_us = 2000000;   // for it to close
+constexpr unsigned kSendBlock = 32768;    // bytes, in which a CStreamSender counts its room
+constexpr char kPlain[] = "text/plain";
+
+const char* reason(int status) {
+    switch (status) {
+        case 200:
+            return "OK";
+        case 404:
+            return "Not Found";
+        case 405:
+            return "Method Not Allowed";
+        case 408:
+            return "Request Timeout";
+        case 414:
+            return "URI Too Long";
+        case 431:
+            return "Request Header Fields Too Large";
+        case 503:
+            return "Service Unavailable";
+        default:
+            return "Bad Request";
+    }
+}
+
+std::string responseHead(int status, const std::string& type) {
+    return "HTTP/1.1 " + std::to_string(status) + " " + reason(status) + "\r\nContent-Type: " + type +
+           "\r\nConnection: close\r\nCache-Control: no-store\r\n";
+}
+
+std::string liveHead(bool test) {
+    if (!test) {
+        return responseHead(200, "video/mp2t") + "\r\n";
+    }
+    const std::string boundary = kPictureBoundary;
+    return responseHead(200, "multipart/x-mixed-replace; boundary=" + boundary) + "\r\n--" + boundary +
+           "\r\n";
+}
+
+}  // namespace
+
+Session::Session(Relay& relay) : Member(relay.roster()), m_relay(relay) {}
+
+void Session::Create(Relay& relay, CSockStream& peer) {
+    auto* self = new Session(relay);
+    self->AddRef();  // the client may hang up, and the handler end, while start still runs
+    self->start(peer);
+    self->DecRef();
+}
+
+void Session::start(CSockStream& peer) {
+    enter();
+    CGuard guard(m_mutex);
+    m_sock.Attach(peer.Detach());
+    limit(int64_t{m_relay.options().requestTimeout_s} * 1000000);
+    if (RegisterSock(m_sock, SOCK_READ, 0) < 0) {
+        end();
+    }
+}
+
+/// A time limit for the state that begins; the one before is over.
+void Session::limit(int64_t us) {
+    m_timer = SetTimer(us);
+}
+
+int Session::handle_input(int) {
+    CGuard guard(m_mutex);
+    if (!m_sock.IsValid()) {
+        return -1;
+    }
+    char buffer[8192];
+    const int got = m_sock.Recv(buffer, sizeof buffer);
+    if (got < 0) {
+        return end();  // the client has gone
+    }
+    if (m_state == State::Reading) {
+        read(buffer, static_cast<size_t>(got));
+    } else {
+        m_ignored += static_cast<size_t>(got);
+        if (m_ignored > kMaxIgnored) {
+            return end();
+        }
+    }
+    return -1;
+}
+
+void Session::read(const char* bytes, size_t size) {
+    HttpRequest request;
+    const int status = m_reader.put(bytes, size, request);
+    if (status == 0) {
+        return;
+    }
+    m_relay.count(&Counters::requests);
+    if (status != 200) {
+        fail(status);
+    } else {
+        serve(request);
+    }
+}
+
+void Session::serve(const HttpRequest& request) {
+    m_withBody = request.method != "HEAD";
+    const char* const live = m_relay.options().isTest() ? "/live.mjpg" : "/live.ts";
+    if (m_withBody && request.method != "GET") {
+        fail(405);
+    } else if (request.path == "/") {
+        answer(200, "text/html; charset=utf-8", kPage);
+    } else if (request.path == "/stats.json") {
+        answer(200, "application/json", m_relay.json());
+    } else if (request.path == live) {
+        watch();
+    } else {
+        fail(404);
+    }
+}
+
+/// Once the head of the answer is out, the socket is written to by the media sender alone.
+void Session::watch() {
+    if (!m_withBody) {
+        answer(200, m_relay.options().isTest() ? "multipart/x-mixed-replace" : "video/mp2t", "");
+        return;
+    }
+    const Options& options = m_relay.options();
+    CMediaStreamSender* const sender = CMediaStreamSender::Create();
+    const auto number = static_cast<unsigned>(m_relay.stream().totals().clients + 1);
+    auto client = std::make_shared<Client>(sender, number, peerAddress());
+    sender->Attach(&m_sock);
+    sender->WaitException(GetID());
+    sender->SetSendTimeout(options.stallTimeout_s);
+    sender->SetResumePolicy(options.maxLag_ms);
+    m_sock.SetSockSendBuf(options.sendBuffer);
+    m_sock.SetSockNoDelay(true);
+    if (!m_relay.stream().join(client, options.maxClients)) {
+        sender->Detach();
+        sender->Close();
+        fail(503);
+        return;
+    }
+    m_state = State::Watching;
+    m_client = client;
+    const std::string head = liveHead(options.isTest());
+    const int sent = m_sock.Send(head.data(), static_cast<unsigned>(head.size()));
+    if (sent < 0) {
+        end();
+        return;
+    }
+    sender->SendOtherData(head.data() + sent,
+                          static_cast<int>(head.size()) - sent);  // before the first frame
+    m_relay.stream().begin(client);
+}
+
+void Session::fail(int status) {
+    m_relay.count(status == 503 ? &Counters::refused : &Counters::bad);
+    answer(status, kPlain, std::to_string(status) + " " + reason(status) + "\n");
+}
+
+void Session::answer(int status, const char* type, std::string_view body) {
+    m_state = State::Answering;
+    limit(kAnswer_us);
+    std::string text = responseHead(status, type);
+    text += "Content-Length: " + std::to_string(body.size()) + "\r\n";
+    text += status == 405 ? "Allow: GET, HEAD\r\n" : status == 503 ? "Retry-After: 10\r\n" : "";
+    text += "\r\n";
+    text += m_withBody ? body : "";
+    m_page = CStreamSender::Create();
+    m_page->AddRef();
+    m_page->SetBufferSize(static_cast<unsigned>(text.size()) / kSendBlock + 1);
+    m_page->Attach(this, &m_sock);
+    m_page->WaitException(GetID());
+    if (m_page->Put(text.data(), static_cast<unsigned>(text.size())) == 0) {
+        m_page->WaitSendFinish(GetID());
+    }
+}
+
+int Session::handle_output(int fd) {
+    CGuard guard(m_mutex);
+    return m_sock.IsValid() && m_page != nullptr ? m_page->handle_output(fd) : -1;
+}
+
+int64_t Session::handle_timeout(long id) {
+    CGuard guard(m_mutex);
+    if (!m_sock.IsValid() || id != m_timer) {
+        return -1;
+    }
+    if (m_state == State::Reading) {
+        m_relay.count(&Counters::requests);
+        fail(408);
+    } else if (m_state != State::Watching) {
+        end();
+    }
+    return -1;
+}
+
+int Session::handle_message(long, unsigned int msg, long) {
+    CGuard guard(m_mutex);
+    if (!m_sock.IsValid()) {
+        return -1;
+    }
+    if (msg == STREAM_SENDER_DRAINED) {
+        linger();
+    } else if (msg == MEDIA_MSG_SOCKET_FAILED) {
+        if (m_client != nullptr && m_client->sender()->GetStats().listed) {
+            m_relay.count(&Counters::stalled);  // a sender whose socket has failed is off the list by itself
+        }
+        end();
+    } else if (msg == example::kStop) {
+        end();
+    }
+    return 0;
+}
+
+void Session::linger() {
+    m_state = State::Lingering;
+    limit(kLinger_us);
+    shutdown(m_sock.GetHandle(), SHUT_WR);
+}
+
+/// Nobody writes to the socket after this.
+void Session::release() {
+    if (m_client != nullptr) {
+        m_relay.stream().leave(m_client);
+        m_relay.count(&Counters::left);
+        m_client->sender()->Detach();
+    }
+    if (m_page != nullptr) {
+        m_page->Detach();
+    }
+}
+
+int Session::end() {
+    if (!m_sock.IsValid()) {
+        return -1;
+    }
+    release();
+    RemoveSock(m_sock);
+    m_sock.Close();
+    if (m_client != nullptr) {
+        m_client->sender()->Close();
+        m_client.reset();
+    }
+    if (m_page != nullptr) {
+        m_page->Close();
+        m_page->DecRef();
+        m_page = nullptr;
+    }
+    Close();
+    return -1;
+}
+
+std::string Session::peerAddress() {
+    CSockAddrStorage peer;
+    char ip[128] = "?";
+    m_sock.GetRemoteAddr(&peer);
+    peer.GetIpStr(ip, sizeof ip);
+    return std::string(ip) + ":" + std::to_string(peer.GetPort());
+}
+
+}  // namespace relay

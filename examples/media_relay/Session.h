@@ -1,0 +1,68 @@
+// Session: one connection, from its request to its end.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include <Infra/Mutex.h>
+#include <Reticor/MediaStreamSender.h>
+#include <Reticor/SockStream.h>
+#include <Reticor/StreamSender.h>
+
+#include "media_relay/Client.h"
+#include "media_relay/HttpRequest.h"
+#include "media_relay/Relay.h"
+#include "support/Listener.h"
+
+namespace relay {
+
+/// Reads one request and answers it: with a page, which a CStreamSender writes, or with the live stream,
+/// which is a CMediaStreamSender's. Every answer ends with the connection.
+///
+/// Calls for its socket, its timer and its messages can meet: hence the mutex, which comes before all others
+/// of the program, and the look at the socket after entering it.
+class Session : public example::Member {
+public:
+    static void Create(Relay& relay, Orvex::Reticor::CSockStream& peer);
+
+    int handle_input(int fd) override;
+    int handle_output(int fd) override;
+    int64_t handle_timeout(long id) override;
+    int handle_message(long sender, unsigned int msg, long attach) override;
+
+private:
+    enum class State {
+        Reading,    // the request is not whole
+        Answering,  // a page is on its way
+        Lingering,  // all is sent; the client closes, so that no reset overtakes the answer
+        Watching,   // gets the live stream
+    };
+
+    explicit Session(Relay& relay);
+
+    void start(Orvex::Reticor::CSockStream& peer);
+    void read(const char* bytes, size_t size) INFRA_REQUIRES(m_mutex);
+    void serve(const HttpRequest& request) INFRA_REQUIRES(m_mutex);
+    void watch() INFRA_REQUIRES(m_mutex);
+    void answer(int status, const char* type, std::string_view body) INFRA_REQUIRES(m_mutex);
+    void fail(int status) INFRA_REQUIRES(m_mutex);
+    void linger() INFRA_REQUIRES(m_mutex);
+    void limit(int64_t us) INFRA_REQUIRES(m_mutex);
+    void release() INFRA_REQUIRES(m_mutex);
+    int end() INFRA_REQUIRES(m_mutex);
+    std::string peerAddress() INFRA_REQUIRES(m_mutex);
+
+    Relay& m_relay;
+    Orvex::Infra::CMutex m_mutex;
+    State m_state INFRA_GUARDED_BY(m_mutex) = State::Reading;
+    Orvex::Reticor::CSockStream m_sock INFRA_GUARDED_BY(m_mutex);
+    HttpReader m_reader INFRA_GUARDED_BY(m_mutex);
+    bool m_withBody INFRA_GUARDED_BY(m_mutex) = true;  // not for HEAD
+    size_t m_ignored INFRA_GUARDED_BY(m_mutex) = 0;    // bytes that came behind the request
+    long m_timer INFRA_GUARDED_BY(m_mutex) = 0;        // of the present state
+    Orvex::Reticor::CStreamSender* m_page INFRA_GUARDED_BY(m_mutex) = nullptr;  // a reference is ours
+    std::shared_ptr<Client> m_client INFRA_GUARDED_BY(m_mutex);                 // while watching
+};
+
+}  // namespace relay

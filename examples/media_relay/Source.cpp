@@ -1,0 +1,47 @@
+// Source: its place in the roster, and its clock.
+
+#include "media_relay/Source.h"
+
+namespace relay {
+
+using namespace Orvex::Reticor;
+
+Source::Source(example::Roster& roster, LiveStream& stream, SourceListener& listener)
+    : m_stream(stream), m_roster(roster), m_listener(listener) {
+    SetReceiveMode(receiver_passive);
+    m_roster.enter(GetID());
+}
+
+int Source::handle_close(CNetHandler* self) {
+    example::Roster& roster = m_roster;
+    const long id = GetID();
+    delete self;
+    roster.leave(id);
+    return 0;
+}
+
+int Source::handle_message(long, unsigned int msg, long) {
+    if (msg == example::kStop) {
+        Close();
+    }
+    return 0;
+}
+
+void Source::start(double speed) {
+    m_speed = static_cast<float>(speed);
+    StartReceive(0, m_speed);
+}
+
+void Source::restartClock() {
+    StopReceive();
+    StartReceive(0, m_speed);
+}
+
+void Source::end(const std::string& error) {
+    if (!m_ended) {
+        m_ended = true;
+        m_listener.onSourceEnd(error);
+    }
+}
+
+}  // namespace relay

@@ -1,0 +1,118 @@
+// TsClock: arithmetic on the 33 bits of time stamps and the 42 bits of the clock.
+
+#include "media_relay/TsClock.h"
+
+namespace relay {
+
+namespace {
+
+constexpr uint64_t kLongestStep = 2 * kTsClock;  // clock values stand at most 0.1 s apart; more is a jump
+constexpr uint64_t kStampWrap = uint64_t{1} << 33;
+
+/// A time stamp in five bytes, with marker bits between its parts.
+uint64_t readStamp(const uint8_t* at) {
+    return uint64_t{at[0] >> 1 & 7U} << 30 | uint64_t{at[1]} << 22 | uint64_t{at[2] >> 1} << 15 |
+           uint64_t{at[3]} << 7 | at[4] >> 1;
+}
+
+void writeStamp(uint8_t* at, uint64_t stamp) {
+    at[0] = static_cast<uint8_t>((at[0] & 0xF0) | (stamp >> 30 & 7) << 1 | 1);
+    at[1] = static_cast<uint8_t>(stamp >> 22);
+    at[2] = static_cast<uint8_t>((stamp >> 15 & 0x7F) << 1 | 1);
+    at[3] = static_cast<uint8_t>(stamp >> 7);
+    at[4] = static_cast<uint8_t>((stamp & 0x7F) << 1 | 1);
+}
+
+/// Whether the head of an elementary stream's packet holds flags and time stamps.
+bool hasStampHead(uint8_t stream) {
+    return stream == 0xBD || (stream >= 0xC0 && stream <= 0xEF) || stream == 0xFD;
+}
+
+}  // namespace
+
+uint64_t PcrClock::at(uint64_t pcr, bool jump) {
+    if (m_running) {
+        const uint64_t step = (pcr + kTsClockWrap - m_last) % kTsClockWrap;
+        if (jump || step > kLongestStep) {
+            ++m_jumps;
+        } else {
+            m_step = step;
+        }
+        m_ticks += m_step;
+    }
+    m_running = true;
+    m_last = pcr;
+    return time_us();
+}
+
+void TsLoop::again(uint64_t step) {
+    m_looped = true;
+    ++m_round;
+    m_shift = (m_last + step + kTsClockWrap - m_first) % kTsClockWrap;
+}
+
+void TsLoop::apply(uint8_t* bytes, bool isClock) {
+    const TsPacket packet(bytes);
+    if (isClock && !m_hasFirst) {
+        m_hasFirst = true;
+        m_first = packet.pcr();
+    }
+    countOn(bytes, packet);
+    if (m_looped) {
+        if (packet.hasPcr()) {
+            shiftClock(bytes, packet);
+        }
+        shiftStamps(bytes, packet);
+    }
+    if (isClock) {
+        m_last = packet.pcr();
+    }
+}
+
+void TsLoop::countOn(uint8_t* bytes, const TsPacket& packet) {
+    const unsigned pid = packet.pid();
+    if (packet.hasPayload() && m_counterRound[pid] != m_round) {
+        m_counterRound[pid] = m_round;
+        m_counterShift[pid] =
+            m_lastCounter[pid] == kNone
+                ? uint8_t{0}
+                : static_cast<uint8_t>((m_lastCounter[pid] + 17U - packet.counter()) & 0x0F);
+    }
+    const auto counter = static_cast<uint8_t>((packet.counter() + m_counterShift[pid]) & 0x0F);
+    bytes[3] = static_cast<uint8_t>((bytes[3] & 0xF0) | counter);
+    if (packet.hasPayload()) {
+        m_lastCounter[pid] = counter;
+    }
+}
+
+void TsLoop::shiftClock(uint8_t* bytes, const TsPacket& packet) const {
+    const uint64_t clock = (packet.pcr() + m_shift) % kTsClockWrap;
+    const uint64_t base = clock / 300;
+    const uint64_t extension = clock % 300;
+    bytes[6] = static_cast<uint8_t>(base >> 25);
+    bytes[7] = static_cast<uint8_t>(base >> 17);
+    bytes[8] = static_cast<uint8_t>(base >> 9);
+    bytes[9] = static_cast<uint8_t>(base >> 1);
+    bytes[10] = static_cast<uint8_t>((base & 1) << 7 | (bytes[10] & 0x7E) | extension >> 8);
+    bytes[11] = static_cast<uint8_t>(extension);
+}
+
+void TsLoop::shiftStamps(uint8_t* bytes, const TsPacket& packet) const {
+    const size_t begin = packet.payloadOffset();
+    if (!packet.startsUnit() || packet.payloadSize() < 14) {
+        return;
+    }
+    uint8_t* const head = bytes + begin;
+    if (head[0] != 0 || head[1] != 0 || head[2] != 1 || !hasStampHead(head[3]) || (head[6] & 0xC0) != 0x80) {
+        return;
+    }
+    const uint64_t shift = m_shift / 300;
+    if ((head[7] & 0x80) != 0) {
+        writeStamp(head + 9, (readStamp(head + 9) + shift) % kStampWrap);
+    }
+    if ((head[7] & 0xC0) == 0xC0 && packet.payloadSize() >= 19) {
+        writeStamp(head + 14, (readStamp(head + 14) + shift) % kStampWrap);
+    }
+}
+
+}  // namespace relay

@@ -1,0 +1,89 @@
+// TsDemuxer: takes one programme of a transport stream apart into access units.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <vector>
+
+#include "media_relay/KeyFrames.h"
+#include "media_relay/TsPacket.h"
+#include "media_relay/TsSections.h"
+
+namespace relay {
+
+/// A picture, or a piece of sound: all packets of its stream from one unit start to the next.
+struct AccessUnit {
+    StreamKind kind = StreamKind::Data;
+    bool key = false;             // a client can begin here
+    std::vector<uint8_t> tables;  // packets to be sent first; empty but for a key unit
+    std::vector<uint8_t> packets;
+};
+
+/// Whatever the input holds, memory is bounded: by the units under way, one per stream of the programme.
+class TsDemuxer {
+public:
+    class Sink {
+    public:
+        virtual ~Sink() = default;
+        virtual void onUnit(AccessUnit&& unit) = 0;
+    };
+
+    explicit TsDemuxer(Sink& sink) : m_sink(sink) {}
+
+    /// Takes a packet that is sound. `time_us` is the media time, by which units count as keys when the
+    /// stream itself names none for long.
+    void put(const TsPacket& packet, uint64_t time_us);
+
+    /// Hands out the units under way: nothing follows them.
+    void flush();
+
+    /// Whether the tables of a programme have been read.
+    bool hasProgram() const { return m_hasMap; }
+
+    /// Whether the packet carries the programme's clock.
+    bool isClock(const TsPacket& packet) const {
+        return m_hasMap && packet.hasPcr() && packet.pid() == m_map.pcrPid;
+    }
+
+    /// Units that were given up because they had no end.
+    uint64_t givenUp() const { return m_givenUp; }
+
+private:
+    struct Stream {
+        StreamEntry entry;
+        bool open = false;  // a unit is under way
+        bool key = false;   // by the flag of its first packet
+        KeyFrameFinder finder;
+        std::vector<uint8_t> packets;
+    };
+
+    void onAssociation(const std::vector<uint8_t>& section);
+    void onMap(const std::vector<uint8_t>& section);
+    void putStream(Stream& stream, const TsPacket& packet);
+    void putClock(const TsPacket& packet);
+    void append(Stream& stream, const TsPacket& packet);
+    void finish(Stream& stream);
+    bool isKey(const Stream& stream);
+    std::vector<uint8_t> tables();
+
+    Sink& m_sink;
+    SectionReader m_associationReader;
+    SectionReader m_mapReader;
+    unsigned m_program = 0;
+    unsigned m_mapPid = kTsNullPid;
+    std::vector<uint8_t> m_association;  // the section that clients get
+    std::vector<uint8_t> m_mapSection;
+    ProgramMap m_map;
+    bool m_hasMap = false;
+    bool m_hasVideo = false;
+    std::map<unsigned, Stream> m_streams;  // by PID
+    unsigned m_associationCounter = 0;
+    unsigned m_mapCounter = 0;
+    uint64_t m_time_us = 0;
+    uint64_t m_lastKey_us = 0;
+    bool m_anyKey = false;
+    uint64_t m_givenUp = 0;
+};
+
+}  // namespace relay

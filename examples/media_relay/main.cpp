@@ -1,0 +1,43 @@
+// media_relay: one live picture for any number of clients, whatever their speed. Try it with
+// `media_relay` and a browser, or with `media_relay --input FILE.ts --loop` and a player.
+//
+// What it teaches:
+//  - CMediaBuffer and CMediaStreamSender: one producer, clients of different speed, no byte copied for any of
+//    them, and what becomes of those who are too slow (LiveStream, Session::watch);
+//  - CMediaStreamReceiver: a callback at the pace of a media clock (Source and what is derived from it);
+//  - CStreamSender: an answer of any length on a socket that takes what it takes (Session::answer);
+//  - CStrParser: a request is foreign text (HttpRequest, Options);
+//  - the order in which a connection ends, whatever it was doing (Session::end).
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "media_relay/Relay.h"
+#include "media_relay/TsSource.h"
+
+using namespace relay;
+
+int main(int argc, char** argv) {
+    Options options;
+    const int result = readOptions(argc, argv, options);
+    if (result >= 0) {
+        return result;
+    }
+    const int fd = options.isTest() ? -1 : TsSource::open(options.input);
+    if (!options.isTest() && fd < 0) {
+        std::fprintf(stderr, "media_relay: %s: %s\n", options.input.c_str(), std::strerror(errno));
+        return 1;
+    }
+    example::EndSignals signals;
+    example::raiseDescriptorLimit();
+    if (Orvex::Reticor::CreateThreadPool(options.threads, 0) != 0) {
+        return 1;
+    }
+    int ended = 0;
+    {
+        Relay relay(options);
+        ended = relay.run(signals, fd);
+    }
+    Orvex::Reticor::DestroyThreadPool();
+    return ended;
+}
