@@ -217,10 +217,11 @@ int Session::handle_message(long, unsigned int msg, long) {
         return -1;
     }
     if (msg == STREAM_SENDER_DRAINED) {
-        linger();
+        awaitClose();
     } else if (msg == MEDIA_MSG_SOCKET_FAILED) {
         if (m_client != nullptr && m_client->sender()->GetStats().listed) {
             m_relay.count(&Counters::stalled);  // a sender whose socket has failed is off the list by itself
+            abandon();
         }
         end();
     } else if (msg == example::kStop) {
@@ -229,10 +230,17 @@ int Session::handle_message(long, unsigned int msg, long) {
     return 0;
 }
 
-void Session::linger() {
+void Session::awaitClose() {
     m_state = State::Lingering;
     limit(kLinger_us);
     shutdown(m_sock.GetHandle(), SHUT_WR);
+}
+
+/// The end will be a reset: the client takes nothing, and so would never come to an orderly end behind what
+/// the kernel still holds for it.
+void Session::abandon() {
+    const linger none{1, 0};
+    setsockopt(m_sock.GetHandle(), SOL_SOCKET, SO_LINGER, &none, sizeof none);
 }
 
 /// Nobody writes to the socket after this.

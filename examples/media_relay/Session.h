@@ -47,8 +47,9 @@ private:
     void watch() INFRA_REQUIRES(m_mutex);
     void answer(int status, const char* type, std::string_view body) INFRA_REQUIRES(m_mutex);
     void fail(int status) INFRA_REQUIRES(m_mutex);
-    void linger() INFRA_REQUIRES(m_mutex);
+    void awaitClose() INFRA_REQUIRES(m_mutex);
     void limit(int64_t us) INFRA_REQUIRES(m_mutex);
+    void abandon() INFRA_REQUIRES(m_mutex);
     void release() INFRA_REQUIRES(m_mutex);
     int end() INFRA_REQUIRES(m_mutex);
     std::string peerAddress() INFRA_REQUIRES(m_mutex);

@@ -11,8 +11,10 @@ constexpr uint64_t kStampWrap = uint64_t{1} << 33;
 
 /// A time stamp in five bytes, with marker bits between its parts.
 uint64_t readStamp(const uint8_t* at) {
-    return uint64_t{at[0] >> 1 & 7U} << 30 | uint64_t{at[1]} << 22 | uint64_t{at[2] >> 1} << 15 |
-           uint64_t{at[3]} << 7 | at[4] >> 1;
+    const uint64_t high = at[0] >> 1U & 7U;
+    const uint64_t middle = (at[1] * 256U + at[2]) >> 1U;
+    const uint64_t low = (at[3] * 256U + at[4]) >> 1U;
+    return high << 30 | middle << 15 | low;
 }
 
 void writeStamp(uint8_t* at, uint64_t stamp) {

@@ -6,5 +6,5 @@ target_link_libraries(media_relay PRIVATE PkgConfig::turbojpeg nlohmann_json::nl
 
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${CMAKE_CURRENT_LIST_DIR}/page.html)
 file(READ ${CMAKE_CURRENT_LIST_DIR}/page.html PAGE)
-configure_file(${CMAKE_CURRENT_LIST_DIR}/Page.cpp.in ${CMAKE_CURRENT_BINARY_DIR}/media_relay/Page.cpp @ONLY)
-target_sources(media_relay PRIVATE ${CMAKE_CURRENT_BINARY_DIR}/media_relay/Page.cpp)
+configure_file(${CMAKE_CURRENT_LIST_DIR}/Page.cpp.in ${PROJECT_BINARY_DIR}/generated/media_relay/Page.cpp @ONLY)
+target_sources(media_relay PRIVATE ${PROJECT_BINARY_DIR}/generated/media_relay/Page.cpp)
