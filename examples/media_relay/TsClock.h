@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstdint>
+#include <map>
 
 #include "media_relay/TsPacket.h"
 
@@ -20,14 +21,11 @@ public:
     bool isRunning() const { return m_running; }
     uint64_t jumps() const { return m_jumps; }
 
-    /// The last step that was none of a jump, in ticks of 27 MHz.
-    uint64_t step() const { return m_step; }
-
 private:
     bool m_running = false;
     uint64_t m_last = 0;
     uint64_t m_ticks = 0;
-    uint64_t m_step = 0;
+    uint64_t m_step = 0;  // the last one that was none of a jump
     uint64_t m_jumps = 0;
 };
 
@@ -37,9 +35,9 @@ class TsLoop {
 public:
     TsLoop() { m_lastCounter.fill(kNone); }
 
-    /// The next packet is the first one again. `step` is the time from the last clock value of the round that
-    /// ended to the first one of the next, in ticks of 27 MHz.
-    void again(uint64_t step);
+    /// The next packet is the first one again. The stream goes on when its longest part has ended: pictures
+    /// last as long as the one before them, and a piece of sound by its share of bytes.
+    void again();
 
     /// Changes a sound packet in place. `isClock`: it carries the programme's clock.
     void apply(uint8_t* bytes, bool isClock);
@@ -49,14 +47,26 @@ private:
 
     void countOn(uint8_t* bytes, const TsPacket& packet);
     void shiftClock(uint8_t* bytes, const TsPacket& packet) const;
-    void shiftStamps(uint8_t* bytes, const TsPacket& packet) const;
+    void shiftStamps(uint8_t* bytes, const TsPacket& packet);
+    void note(unsigned pid, uint64_t stamp);
+    uint64_t shiftFor(unsigned pid) const;
 
-    bool m_looped = false;
+    /// Decoding times of one PID, in ticks of 90 kHz, as they were put out.
+    struct Stamps {
+        uint64_t first = 0;  // of the first round
+        uint64_t last = 0;
+        uint64_t step = 0;   // from the one before to the last
+        uint64_t bytes = 0;  // of the last unit, and of the one before
+        uint64_t bytesBefore = 0;
+    };
+
     bool m_hasFirst = false;
+    unsigned m_clockPid = kTsNullPid;
     uint64_t m_first = 0;  // clock value at the beginning of the input
     uint64_t m_last = 0;   // the last one that was put out
     uint64_t m_shift = 0;  // added to all of the present round
     uint32_t m_round = 0;
+    std::map<unsigned, Stamps> m_stamps;
     std::array<uint8_t, kTsPids> m_lastCounter{};
     std::array<uint8_t, kTsPids> m_counterShift{};
     std::array<uint32_t, kTsPids> m_counterRound{};  // in which the shift was found

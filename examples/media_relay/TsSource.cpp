@@ -169,7 +169,7 @@ long long TsSource::onEnd() {
     m_demuxer.flush();
     if (m_loop && m_error == 0 && m_units > m_roundUnits && lseek(m_fd, 0, SEEK_SET) == 0) {
         m_framer.reset();
-        m_looper.again(m_clock.step());
+        m_looper.again();
         ++m_now.rounds;
         m_roundUnits = m_units;
         m_inputEnded = false;

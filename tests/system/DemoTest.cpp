@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "../tools/Multipart.h"
 #include "support/Eventually.h"
 #include "system/ServerProgram.h"
 
@@ -16,8 +17,9 @@ using namespace Orvex::Testing;
 namespace {
 
 std::vector<std::string> demo(const std::vector<std::string>& options) {
-    std::vector<std::string> words{RETICOR_SOURCE_DIR "/script/demo", "--built", RETICOR_BUILD_DIR};
+    std::vector<std::string> words{RETICOR_SOURCE_DIR "/script/demo"};
     words.insert(words.end(), options.begin(), options.end());
+    words.insert(words.end(), {"--built", RETICOR_BUILD_DIR});
     return words;
 }
 
@@ -82,8 +84,44 @@ std::string drive(const std::string& port, int& result) {
 
 }  // namespace
 
+// Long enough for the stalled client to be hung up on.
+TEST(DemoTest, RunsTheRelayAndVerifiesWhatEachClientGets) {
+    ChildProcess program(demo({"--seconds", "5"}));
+    const std::string text = program.exchange("");
+    EXPECT_EQ(program.wait(), 0) << text;
+    EXPECT_NE(text.find("http://127.0.0.1:"), std::string::npos) << text;
+    EXPECT_NE(text.find("frames/s"), std::string::npos) << text;
+    const std::string verdict = lastLine(text);
+    EXPECT_EQ(verdict.rfind("verdict: PASS: ", 0), 0U) << verdict;
+    EXPECT_NE(verdict.find("4 fast clients missed no frame"), std::string::npos) << verdict;
+    EXPECT_NE(verdict.find("stalled ones: 0 on, 1 dropped"), std::string::npos) << text;
+}
+
+TEST(DemoTest, GivesTheRelaysVerdictWhenItIsInterrupted) {
+    ChildProcess program(demo({"relay", "--seconds=600", "--fast", "2", "--slow", "0", "--stalled", "0"}));
+    while (program.readLine().find("frames/s") == std::string::npos && !program.hasEnded()) {
+    }
+    EXPECT_NE(program.readLine().find("1.0s"), std::string::npos);
+    program.signal(SIGINT);
+    const std::string verdict = lastLine(program.exchange(""));
+    EXPECT_EQ(verdict.rfind("verdict: PASS (stopped early): ", 0), 0U) << verdict;
+    EXPECT_EQ(program.wait(), 0);
+}
+
+TEST(DemoTest, FindsAPictureThatDiffers) {
+    MultipartReader good;
+    const std::string head =
+        "HTTP/1.1 200 OK\r\n\r\n--b\r\nContent-Length: 3\r\nX-Frame: 4\r\nX-Sum: e71fa2190541574b\r\n\r\n";
+    EXPECT_TRUE(good.put((head + "abc\r\n--b\r\n").data(), head.size() + 10));
+    EXPECT_EQ(good.frames(), 1U);
+    MultipartReader bad;
+    EXPECT_FALSE(bad.put((head + "abd").data(), head.size() + 3));
+    MultipartReader refused;
+    EXPECT_FALSE(refused.put("HTTP/1.1 503 x\r\n", 16));
+}
+
 TEST(DemoTest, EndsWithTheVerdictThatEveryByteWasVerified) {
-    ChildProcess program(demo({"--seconds", "2"}));
+    ChildProcess program(demo({"echo", "--seconds", "2"}));
     const std::string text = program.exchange("");
     EXPECT_EQ(program.wait(), 0) << text;
     EXPECT_NE(text.find("requests/s"), std::string::npos) << text;
@@ -93,7 +131,7 @@ TEST(DemoTest, EndsWithTheVerdictThatEveryByteWasVerified) {
 }
 
 TEST(DemoTest, GivesItsVerdictWhenItIsInterrupted) {
-    ChildProcess program(demo({"--seconds", "600", "--connections", "50"}));
+    ChildProcess program(demo({"echo", "--seconds", "600", "--connections", "50"}));
     while (program.readLine().find("requests/s") == std::string::npos && !program.hasEnded()) {
     }
     const std::string row = program.readLine();

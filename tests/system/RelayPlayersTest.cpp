@@ -1,0 +1,181 @@
+// media_relay and the programs that people use with it: players, and a browser.
+#include <algorithm>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "support/Eventually.h"
+#include "system/Browser.h"
+#include "system/RelayProgram.h"
+
+using namespace Orvex::Testing;
+using nlohmann::json;
+
+namespace {
+
+/// What ffprobe finds in some seconds of a stream, its complaints included.
+std::string probe(const std::string& url, int seconds, const std::string& entries) {
+    ChildProcess ffprobe({"sh", "-c",
+                          "exec ffprobe -v warning -read_intervals %+" + std::to_string(seconds) +
+                              " -count_frames -show_entries " + entries + " -of compact=p=0 '" + url +
+                              "' 2>&1"});
+    const std::string text = ffprobe.exchange("");
+    EXPECT_EQ(ffprobe.wait(), 0) << text;
+    return text;
+}
+
+/// Plays some seconds through the decoders; the result is what they complain of.
+std::string complaints(const std::string& url, const std::string& seconds) {
+    ChildProcess ffmpeg(
+        {"sh", "-c", "exec ffmpeg -v error -nostdin -i '" + url + "' -t " + seconds + " -f null - 2>&1"});
+    const std::string text = ffmpeg.exchange("");
+    EXPECT_EQ(ffmpeg.wait(), 0);
+    return text;
+}
+
+/// Number behind `name=` in the line of a stream of that codec.
+int field(const std::string& text, const std::string& codec, const std::string& name) {
+    const size_t line = text.find("codec_name=" + codec);
+    const size_t at = line == std::string::npos ? line : text.find(name + "=", line);
+    return at == std::string::npos ? -1 : std::atoi(text.c_str() + at + name.size() + 1);
+}
+
+/// Plays a file of that codec from somewhere in the middle of it.
+void playFromTheMiddle(const std::string& encoder, const std::string& codec) {
+    const TempFolder folder;
+    RelayProgram relay({"--input", makeStream(folder, encoder, 3), "--loop", "--speed", "4"});
+    ASSERT_EVENTUALLY(relay.stats()["input"]["frames"] > 10);
+    const std::string found = probe(relay.url("/live.ts"), 2, "stream=codec_name,nb_read_frames");
+    EXPECT_GE(field(found, codec, "nb_read_frames"), 49) << found;
+    EXPECT_LE(field(found, codec, "nb_read_frames"), 52) << found;
+    EXPECT_GE(field(found, "aac", "nb_read_frames"), 80) << found;
+    EXPECT_EQ(complaints(relay.url("/live.ts"), "2"), "");
+    EXPECT_EQ(relay.end(), 0);
+}
+
+}  // namespace
+
+TEST(RelayPlayersTest, PlaysH264FromTheMiddleWithoutAnError) {
+    playFromTheMiddle("libx264", "h264");
+}
+
+TEST(RelayPlayersTest, PlaysH265FromTheMiddleWithoutAnError) {
+    playFromTheMiddle("libx265", "hevc");
+}
+
+TEST(RelayPlayersTest, PlaysMpeg2FromTheMiddleWithoutAnError) {
+    playFromTheMiddle("mpeg2video", "mpeg2video");
+}
+
+// Clock, time stamps and counters go on where the file begins again: four rounds are one
+// stream. The sound of this file is longer than its picture, so a round lasts a little longer than one
+// second.
+TEST(RelayPlayersTest, PlaysALoopWithoutASeam) {
+    const TempFolder folder;
+    RelayProgram relay({"--input", makeStream(folder, "libx264", 1), "--loop", "--speed", "4"});
+    const std::string found = probe(relay.url("/live.ts"), 4, "stream=codec_name,nb_read_frames");
+    EXPECT_GE(field(found, "h264", "nb_read_frames"), 94) << found;
+    EXPECT_LE(field(found, "h264", "nb_read_frames"), 102) << found;
+    EXPECT_EQ(found.find("DTS"), std::string::npos) << found;
+    EXPECT_EQ(complaints(relay.url("/live.ts"), "4"), "");
+    EXPECT_GE(relay.stats()["input"]["rounds"], 3);
+    EXPECT_EQ(relay.end(), 0);
+}
+
+TEST(RelayPlayersTest, GivesThePlayerThatWasThereTheWholeFile) {
+    const TempFolder folder;
+    const std::string file = makeStream(folder, "libx264", 2);
+    ChildProcess relay({RETICOR_EXAMPLES_DIR "/media_relay", "--port", "0", "--input", "-"});
+    const std::string address = relay.readLine().substr(13);
+    ChildProcess ffprobe({"ffprobe", "-v", "error", "-count_packets", "-show_entries",
+                          "stream=codec_name,nb_read_packets", "-of", "compact=p=0",
+                          "http://" + address + "/live.ts"});
+    TcpClient watcher(std::stoi(address.substr(address.rfind(':') + 1)));
+    ASSERT_EVENTUALLY([&] {  // the input begins when the player waits for it
+        TcpClient client(std::stoi(address.substr(address.rfind(':') + 1)));
+        client.send("GET /stats.json HTTP/1.1\r\n\r\n");
+        return client.receiveAll().find("waiting") != std::string::npos;
+    }());
+    ChildProcess cat({"cat", file});
+    relay.exchange(cat.exchange(""));
+    EXPECT_EQ(relay.wait(), 0);  // the input has ended
+    const std::string found = ffprobe.exchange("");
+    EXPECT_EQ(field(found, "h264", "nb_read_packets"), 50) << found;
+    EXPECT_EQ(ffprobe.wait(), 0);
+}
+
+TEST(RelayPlayersTest, PlaysTheTestPicture) {
+    RelayProgram relay({"--fps", "50"});
+    const std::string found = probe(relay.url("/live.mjpg"), 1, "stream=codec_name,nb_read_frames");
+    EXPECT_GE(field(found, "mjpeg", "nb_read_frames"), 20) << found;
+    EXPECT_EQ(complaints(relay.url("/live.mjpg"), "0.5"), "");
+    EXPECT_EQ(relay.end(), 0);
+}
+
+TEST(RelayPlayersTest, AnswersCurl) {
+    RelayProgram relay({});
+    const auto curl = [&](const std::vector<std::string>& options, const std::string& path) {
+        std::vector<std::string> command{"curl", "-s", "-m", "20"};
+        command.insert(command.end(), options.begin(), options.end());
+        command.push_back(relay.url(path));
+        return ChildProcess(command).exchange("");
+    };
+    EXPECT_NE(curl({}, "/").find("<title>media_relay</title>"), std::string::npos);
+    EXPECT_TRUE(json::parse(curl({}, "/stats.json"))["buffer"].contains("frames"));
+    EXPECT_EQ(curl({"-o", "/dev/null", "-w", "%{http_code}"}, "/nothing"), "404");
+    EXPECT_EQ(curl({"-o", "/dev/null", "-w", "%{http_code}"}, "/live.ts"), "404");  // there is a test picture
+    EXPECT_EQ(curl({"-o", "/dev/null", "-w", "%{http_code}", "-d", "x=1"}, "/"), "405");
+    EXPECT_NE(curl({"-I"}, "/live.mjpg").find("multipart/x-mixed-replace"), std::string::npos);
+    ChildProcess live({"sh", "-c", "curl -s -m 20 " + relay.url("/live.mjpg") + " | head -c 100000"});
+    EXPECT_NE(live.exchange("").find("X-Frame: "), std::string::npos);
+    EXPECT_EQ(relay.end(), 0);
+}
+
+// The page as a person sees it: the picture moves, the plots draw, and a client that stalls is shown as such.
+TEST(RelayPlayersTest, ShowsThePageInABrowser) {
+    RelayProgram relay({"--size", "320x180", "--stall-timeout", "60"});
+    Browser browser(relay.url("/"));
+    EXPECT_TRUE(browser.becomesTrue(R"(
+        (() => {
+            const image = document.getElementById("picture");
+            if (!image || !image.complete && image.naturalWidth === 0) return false;
+            const canvas = document.createElement("canvas");
+            canvas.width = 320;
+            canvas.height = 180;
+            const context = canvas.getContext("2d");
+            context.drawImage(image, 0, 0);
+            const data = context.getImageData(0, 0, 320, 180).data;
+            let sum = 0;
+            for (let i = 0; i < data.length; ++i) sum = (sum * 31 + data[i]) | 0;
+            window.sums = (window.sums || new Set()).add(sum);
+            return window.sums.size >= 5;
+        })())"))
+        << "the picture does not move";
+    const std::string painted = R"(
+        ["rate", "backlog", "drops", "fill"].every(id => {
+            const canvas = document.getElementById(id);
+            const data = canvas.getContext("2d").getImageData(0, 0, canvas.width, canvas.height).data;
+            const colours = new Set();
+            for (let i = 0; i < data.length; i += 4) {
+                if (data[i + 3] > 200) colours.add(data[i] << 16 | data[i + 1] << 8 | data[i + 2]);
+            }
+            return colours.size >= 3;
+        }))";
+    EXPECT_TRUE(browser.becomesTrue(painted)) << "a plot does not draw";
+
+    const Viewer stalled(relay, "/live.mjpg", 4096);
+    EXPECT_TRUE(browser.becomesTrue(R"(document.querySelectorAll("#clients tr.stalled").length === 1)"))
+        << "the stalled client does not show";
+    EXPECT_TRUE(browser.becomesTrue(R"(document.querySelectorAll("#clients tr.live").length === 1)"))
+        << "the browser's own picture is no live client";
+    EXPECT_EQ(relay.end(), 0);
+}
+
+TEST(RelayPlayersTest, TellsABrowserHowToPlayATransportStream) {
+    const TempFolder folder;
+    RelayProgram relay({"--input", makeStream(folder, "libx264", 1), "--loop"});
+    Browser browser(relay.url("/"));
+    EXPECT_TRUE(browser.becomesTrue("document.getElementById('view').textContent.includes('" +
+                                    relay.url("/live.ts") + "')"));
+    EXPECT_EQ(relay.end(), 0);
+}

@@ -1,0 +1,367 @@
+// media_relay as a whole program: its door, its inputs, and what goes wrong with either.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "../tools/Multipart.h"
+#include "support/Eventually.h"
+#include "system/RelayProgram.h"
+
+using namespace Orvex::Testing;
+
+namespace {
+
+constexpr size_t kPacket = 188;
+
+std::string contents(const std::string& file) {
+    std::ifstream stream(file, std::ios::binary);
+    return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+}
+
+void write(const std::string& file, const std::string& bytes) {
+    std::ofstream(file, std::ios::binary) << bytes;
+}
+
+/// What the program says on both outputs until it ends, and how it ends.
+std::string runToEnd(const std::vector<std::string>& options, int& result) {
+    std::string command = "exec " RETICOR_EXAMPLES_DIR "/media_relay --port 0";
+    for (const std::string& option : options) {
+        command += " '" + option + "'";
+    }
+    ChildProcess relay({"sh", "-c", command + " 2>&1"});
+    const std::string text = relay.exchange("");
+    result = relay.wait();
+    return text;
+}
+
+/// Bytes that are no transport stream, and the same each time.
+std::string noise(size_t size) {
+    std::string bytes(size, '\0');
+    uint32_t state = 1;
+    for (char& byte : bytes) {
+        state = state * 1664525 + 1013904223;
+        byte = static_cast<char>(state >> 24);
+    }
+    return bytes;
+}
+
+/// Reads pictures until `frames` of them have been verified, or the first that is wrong.
+void readFrames(Viewer& viewer, MultipartReader& reader, uint64_t frames, size_t piece = 65536) {
+    while (reader.frames() < frames && reader.isGood()) {
+        const std::string bytes = viewer.receive(piece);
+        ASSERT_FALSE(bytes.empty()) << "after " << reader.frames() << " frames";
+        reader.put(bytes.data(), bytes.size());
+    }
+}
+
+unsigned pidOf(const std::string& packet) {
+    return (static_cast<unsigned char>(packet[1]) & 0x1FU) << 8 | static_cast<unsigned char>(packet[2]);
+}
+
+}  // namespace
+
+TEST(RelayTest, NumbersEveryPictureAndMissesNone) {
+    RelayProgram relay({"--fps", "100", "--size", "160x120"});
+    Viewer viewer(relay, "/live.mjpg");
+    MultipartReader reader;
+    readFrames(viewer, reader, 50);
+    EXPECT_TRUE(reader.isGood());
+    EXPECT_EQ(reader.missed(), 0U);
+    EXPECT_EQ(relay.end(), 0);
+}
+
+TEST(RelayTest, EndsOnASignalWhileClientsWatch) {
+    for (const int number : {SIGINT, SIGTERM}) {
+        RelayProgram relay({});
+        Viewer fast(relay, "/live.mjpg");
+        const Viewer stalled(relay, "/live.mjpg", 4096);
+        EXPECT_EQ(fast.receive(20000).size(), 20000U);
+        EXPECT_EQ(relay.end(number), 0);
+        fast.receiveAll();
+        EXPECT_TRUE(fast.wasClosed());
+    }
+}
+
+TEST(RelayTest, AnswersBadRequestsAndStaysUp) {
+    RelayProgram relay({});
+    const auto ask = [&](const std::string& request) {
+        TcpClient client(relay.port());
+        client.send(request);
+        client.finish();
+        return statusOf(client.receiveAll());
+    };
+    EXPECT_EQ(ask("GET / HTTP/1.1\r\n\r\n"), "HTTP/1.1 200 OK");
+    EXPECT_EQ(ask("GET / HTTP/1.0\nA: b\n\n"), "HTTP/1.1 200 OK");
+    EXPECT_EQ(ask("GET /?t=1 HTTP/1.1\r\n\r\n"), "HTTP/1.1 200 OK");
+    EXPECT_EQ(ask("GET /../etc/passwd HTTP/1.1\r\n\r\n"), "HTTP/1.1 404 Not Found");
+    EXPECT_EQ(ask("PUT / HTTP/1.1\r\n\r\n"), "HTTP/1.1 405 Method Not Allowed");
+    EXPECT_EQ(ask("GET /" + std::string(3000, 'a') + " HTTP/1.1\r\n\r\n"), "HTTP/1.1 414 URI Too Long");
+    for (const std::string request :
+         {"\r\n\r\n", "GET\r\n\r\n", "GET /\r\n\r\n", "GET / FTP/1.1\r\n\r\n", "GET x HTTP/1.1\r\n\r\n",
+          "GET / HTTP/1.1 x\r\n\r\n", "GET / HTTP/1.1\r\nno colon\r\n\r\n", "GET / HTTP/1.1\r\n: x\r\n\r\n",
+          "\x16\x03\x01\x02\x01\n\n"}) {
+        EXPECT_EQ(ask(request), "HTTP/1.1 400 Bad Request") << request;
+    }
+    EXPECT_EQ(relay.stats()["totals"]["bad_requests"], 12);
+    EXPECT_EQ(relay.end(), 0);
+}
+
+TEST(RelayTest, TakesARequestInPieces) {
+    RelayProgram relay({});
+    TcpClient client(relay.port());
+    for (const char letter : std::string("HEAD /stats.json HTTP/1.1\r\nHost: x\r\n\r\n")) {
+        ASSERT_TRUE(client.send(std::string(1, letter)));
+    }
+    const std::string answer = client.receiveAll();
+    EXPECT_EQ(statusOf(answer), "HTTP/1.1 200 OK");
+    EXPECT_EQ(answer.find("\r\n\r\n") + 4, answer.size()) << "a body";
+    EXPECT_EQ(relay.end(), 0);
+}
+
+TEST(RelayTest, RefusesARequestThatDoesNotEnd) {
+    RelayProgram relay({});
+    TcpClient client(relay.port());
+    client.sendUntilStuck("GET / HTTP/1.1\r\nCookie: " + std::string(65536, 'x'), 2000);
+    EXPECT_EQ(statusOf(client.receiveAll()), "HTTP/1.1 431 Request Header Fields Too Large");
+    EXPECT_EQ(statusOf(relay.get("/")), "HTTP/1.1 200 OK");
+    EXPECT_EQ(relay.end(), 0);
+}
+
+TEST(RelayTest, GivesUpOnClientsThatSayNothingOrHalf) {
+    RelayProgram relay({"--request-timeout", "1"});
+    TcpClient silent(relay.port());
+    TcpClient half(relay.port());
+    half.send("GET / HT");
+    EXPECT_EQ(statusOf(silent.receiveAll()), "HTTP/1.1 408 Request Timeout");
+    EXPECT_EQ(statusOf(half.receiveAll()), "HTTP/1.1 408 Request Timeout");
+    EXPECT_EQ(relay.end(), 0);
+}
+
+TEST(RelayTest, RefusesOneClientTooMany) {
+    RelayProgram relay({"--max-clients", "2"});
+    Viewer first(relay, "/live.mjpg");
+    {
+        Viewer second(relay, "/live.mjpg");
+        EXPECT_EQ(second.receiveLine(), "HTTP/1.1 200 OK\r");
+        EXPECT_EQ(first.receiveLine(), "HTTP/1.1 200 OK\r");
+        EXPECT_EQ(statusOf(relay.get("/live.mjpg")), "HTTP/1.1 503 Service Unavailable");
+    }
+    ASSERT_EVENTUALLY(relay.stats()["clients"].size() == 1U);
+    Viewer third(relay, "/live.mjpg");
+    EXPECT_EQ(third.receiveLine(), "HTTP/1.1 200 OK\r");
+    EXPECT_EQ(relay.stats()["totals"]["refused"], 1);
+    EXPECT_EQ(relay.end(), 0);
+}
+
+TEST(RelayTest, DropsAStalledClientAndHurtsNobodyElse) {
+    RelayProgram relay({"--fps", "50", "--stall-timeout", "1", "--sndbuf", "8192"});
+    const Viewer stalled(relay, "/live.mjpg", 4096);
+    Viewer fast(relay, "/live.mjpg");
+    MultipartReader reader;
+    bool shown = false;
+    while (relay.stats()["totals"]["stalled"] != 1 && !HasFailure()) {
+        readFrames(fast, reader, reader.frames() + 5);
+        const auto stats = relay.stats();
+        for (const auto& client : stats["clients"]) {
+            shown = shown || client["backlog_bytes"] > 50000;
+        }
+    }
+    EXPECT_TRUE(shown);
+    EXPECT_TRUE(reader.isGood());
+    EXPECT_EQ(reader.missed(), 0U);
+    EXPECT_EQ(relay.stats()["clients"].size(), 1U);
+    EXPECT_EQ(relay.end(), 0);
+}
+
+TEST(RelayTest, GivesASlowClientWholePicturesAndFewer) {
+    RelayProgram relay({"--fps", "50", "--max-lag", "200", "--sndbuf", "8192"});
+    Viewer slow(relay, "/live.mjpg", 4096);
+    Viewer fast(relay, "/live.mjpg");
+    MultipartReader slowReader;
+    MultipartReader fastReader;
+    while (slowReader.missed() < 20 && !HasFailure()) {
+        readFrames(fast, fastReader, fastReader.frames() + 5);  // at the pace of the picture
+        const std::string bytes = slow.receive(5000);
+        ASSERT_TRUE(slowReader.put(bytes.data(), bytes.size()));
+    }
+    EXPECT_EQ(fastReader.missed(), 0U);
+    const auto stats = relay.stats();
+    EXPECT_GE(stats["clients"][0]["dropped_frames"], 15);
+    EXPECT_GE(stats["clients"][0]["skips"], 1);
+    EXPECT_LT(stats["buffer"]["frames"], 40);
+    EXPECT_EQ(relay.end(), 0);
+}
+
+TEST(RelayTest, ServesAReaderOfSingleBytes) {
+    RelayProgram relay({"--size", "160x120", "--sndbuf", "4096"});
+    Viewer slow(relay, "/live.mjpg", 1);  // the kernel makes it as small as it can
+    MultipartReader reader;
+    readFrames(slow, reader, 3, 1);
+    EXPECT_TRUE(reader.isGood());
+    EXPECT_EQ(relay.end(), 0);
+}
+
+TEST(RelayTest, OutlivesClientsThatVanishInTheMiddleOfAFrame) {
+    RelayProgram relay({"--fps", "50"});
+    Viewer watcher(relay, "/live.mjpg");
+    const size_t before = relay.descriptors();
+    for (int i = 0; i < 20; ++i) {
+        Viewer viewer(relay, "/live.mjpg");
+        EXPECT_EQ(viewer.receive(1000).size(), 1000U);
+        if (i % 2 == 0) {
+            viewer.reset();
+        }
+    }
+    MultipartReader reader;
+    readFrames(watcher, reader, 20);
+    EXPECT_EQ(reader.missed(), 0U);
+    ASSERT_EVENTUALLY(relay.stats()["clients"].size() == 1U);
+    EXPECT_EVENTUALLY(relay.descriptors() <= before + 1);
+    EXPECT_EQ(relay.end(), 0);
+}
+
+TEST(RelayTest, BeginsATransportStreamWithTablesAndAKeyFrame) {
+    const TempFolder folder;
+    RelayProgram relay({"--input", makeStream(folder, "libx264", 2), "--loop", "--speed", "4"});
+    ASSERT_EVENTUALLY(relay.stats()["input"]["frames"] > 40);
+    Viewer viewer(relay, "/live.ts");
+    while (viewer.receiveLine() != "\r" && !viewer.wasClosed()) {
+    }
+    const std::string association = viewer.receive(kPacket);
+    const std::string map = viewer.receive(kPacket);
+    const std::string picture = viewer.receive(kPacket);
+    ASSERT_EQ(picture.size(), kPacket);
+    EXPECT_EQ(pidOf(association), 0U);
+    EXPECT_EQ(pidOf(map), 0x1000U);
+    EXPECT_EQ(pidOf(picture), 0x100U);
+    EXPECT_NE(picture[1] & 0x40, 0) << "no unit start";
+    EXPECT_NE(picture[5] & 0x40, 0) << "no random access";
+    EXPECT_EQ(relay.end(), 0);
+}
+
+TEST(RelayTest, EndsWithItsInput) {
+    const TempFolder folder;
+    const std::string file = makeStream(folder, "libx264", 1);
+    int result = -1;
+    const std::string text = runToEnd({"--input", file, "--speed", "10"}, result);
+    EXPECT_EQ(result, 0) << text;
+    EXPECT_NE(text.find("/live.ts\n"), std::string::npos) << text;
+}
+
+TEST(RelayTest, SaysWhatIsWrongWithItsInput) {
+    const TempFolder folder;
+    write(folder.file("noise"), noise(1000000));
+    write(folder.file("sync"), std::string(1000000, '\x47'));
+    write(folder.file("empty"), "");
+    write(folder.file("short"), std::string(100, '\x47'));
+    int result = 0;
+    for (const char* name : {"noise", "sync", "empty", "short"}) {
+        for (const bool loop : {false, true}) {
+            std::vector<std::string> options{"--input", folder.file(name)};
+            if (loop) {
+                options.emplace_back("--loop");
+            }
+            const std::string text = runToEnd(options, result);
+            EXPECT_EQ(result, 1) << name;
+            EXPECT_NE(text.find("holds no transport stream"), std::string::npos) << name << ": " << text;
+        }
+    }
+    EXPECT_NE(runToEnd({"--input", folder.file("none")}, result).find("No such file"), std::string::npos);
+    EXPECT_EQ(result, 1);
+    EXPECT_NE(runToEnd({"--input", folder.path()}, result).find("Is a directory"), std::string::npos);
+    EXPECT_EQ(result, 1);
+}
+
+TEST(RelayTest, RefusesOptionsThatMakeNoSense) {
+    int result = 0;
+    EXPECT_NE(runToEnd({"--multicast", "239.1.2.3:5004"}, result).find("needs a transport stream"),
+              std::string::npos);
+    EXPECT_NE(result, 0);
+    for (const char* target : {"239.1.2.3", "239.1.2.3:0", "239.1.2.3:70000", "name:5004", "239.1.2.3:5x"}) {
+        runToEnd({"--input", "x.ts", "--multicast", target}, result);
+        EXPECT_NE(result, 0) << target;
+        EXPECT_NE(result, 1) << target;  // not for the missing file
+    }
+    runToEnd({"--size", "641x360"}, result);
+    EXPECT_NE(result, 0);
+}
+
+TEST(RelayTest, FindsItsWayThroughGarbage) {
+    const TempFolder folder;
+    const std::string file = makeStream(folder, "libx264", 2);
+    const std::string bytes = contents(file);
+    const size_t half = bytes.size() / kPacket / 2 * kPacket;
+    const std::string garbage = noise(1000);
+    // Garbage in front and in the middle, and the last packet is cut.
+    write(file, garbage + bytes.substr(0, half) + garbage + bytes.substr(half, bytes.size() - half - 50));
+    RelayProgram relay({"--input", file, "--loop", "--speed", "8"});
+    ASSERT_EVENTUALLY(relay.stats()["input"]["rounds"] >= 1);
+    const auto input = relay.stats()["input"];
+    EXPECT_GE(input["skipped_bytes"], 2000);
+    EXPECT_LE(input["skipped_bytes"], 2000 * (1 + input["rounds"].get<int>()) + 400);
+    EXPECT_GE(input["frames"], 60);
+    EXPECT_EQ(relay.end(), 0);
+}
+
+// The file is open, so it may lose its name; one that is cut to nothing ends the relay with a clear word.
+TEST(RelayTest, PlaysOnWhenItsFileVanishesAndEndsWhenItIsEmptied) {
+    const TempFolder folder;
+    const std::string file = makeStream(folder, "libx264", 1);
+    const std::string other = folder.file("other.ts");
+    std::filesystem::create_hard_link(file, other);
+    ChildProcess relay(
+        {"sh", "-c",
+         "exec " RETICOR_EXAMPLES_DIR "/media_relay --port 0 --loop --speed 10 --input " + file + " 2>&1"});
+    const std::string line = relay.readLine();
+    const int port = std::atoi(line.c_str() + line.rfind(':') + 1);
+    const auto rounds = [&] {
+        TcpClient client(port);
+        client.send("GET /stats.json HTTP/1.1\r\n\r\n");
+        const std::string answer = client.receiveAll();
+        return std::atoi(answer.c_str() + answer.find("\"rounds\":") + 9);
+    };
+    std::filesystem::remove(file);
+    const int before = rounds();
+    EXPECT_EVENTUALLY(rounds() >= before + 2);
+    std::filesystem::resize_file(other, 0);
+    EXPECT_NE(relay.exchange("").find("holds no transport stream"), std::string::npos);
+    EXPECT_EQ(relay.wait(), 1);
+}
+
+TEST(RelayTest, SendsSevenPacketsADatagramToAMulticastGroup) {
+    const TempFolder folder;
+    const std::string file = makeStream(folder, "libx264", 1);
+    const int receiver = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    inet_pton(AF_INET, "239.255.77.7", &address.sin_addr);
+    socklen_t length = sizeof address;
+    ip_mreq group{address.sin_addr, {htonl(INADDR_LOOPBACK)}};
+    ASSERT_EQ(bind(receiver, reinterpret_cast<sockaddr*>(&address), length), 0);
+    ASSERT_EQ(getsockname(receiver, reinterpret_cast<sockaddr*>(&address), &length), 0);
+    ASSERT_EQ(setsockopt(receiver, IPPROTO_IP, IP_ADD_MEMBERSHIP, &group, sizeof group), 0);
+
+    RelayProgram relay({"--input", file, "--loop", "--speed", "2", "--multicast-if", "127.0.0.1",
+                        "--multicast", "239.255.77.7:" + std::to_string(ntohs(address.sin_port))});
+    const std::string bytes = contents(file).substr(0, 20 * 7 * kPacket);
+    std::string got;
+    while (got.size() < bytes.size()) {
+        pollfd ready{receiver, POLLIN, 0};
+        ASSERT_EQ(poll(&ready, 1, scaledMs(10000)), 1);
+        char datagram[2048];
+        ASSERT_EQ(recv(receiver, datagram, sizeof datagram, 0), static_cast<ssize_t>(7 * kPacket));
+        got.append(datagram, 7 * kPacket);
+    }
+    EXPECT_TRUE(got == bytes) << "not the bytes of the file";
+    close(receiver);
+    EXPECT_EQ(relay.end(), 0);
+}
