@@ -145,7 +145,7 @@ TEST(TsFramerTest, FindsPacketsWhateverThePieces) {
         const Bytes next = packet(kVideoPid, i, false, {static_cast<uint8_t>(i)});
         bytes.insert(bytes.end(), next.begin(), next.end());
     }
-    for (const size_t piece : {1, 187, 188, 189, 7000, 100000}) {
+    for (const size_t piece : {1U, 187U, 188U, 189U, 7000U, 100000U}) {
         uint64_t skipped = 1;
         const std::vector<Bytes> found = frame(bytes, piece, skipped);
         ASSERT_EQ(found.size(), 40U) << piece;

@@ -11,7 +11,8 @@ namespace Orvex::Testing {
 class TempFolder {
 public:
     TempFolder() {
-        std::string name = (std::filesystem::temp_directory_path() / "reticor-test-XXXXXX").string();
+        std::string name = (std::filesystem::temp_directory_path() / "reticor-test-").string();
+        name.append(6, 'X');  // mkdtemp puts letters of its own here
         m_path = mkdtemp(name.data()) != nullptr ? name : std::string();
     }
     ~TempFolder() {
