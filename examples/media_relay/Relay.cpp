@@ -102,6 +102,11 @@ void Relay::count(uint64_t Counters::*counter) {
     ++(m_counters.*counter);
 }
 
+unsigned Relay::takeNumber() {
+    CGuard guard(m_mutex);
+    return ++m_lastNumber;
+}
+
 void Relay::onSourceView(const SourceView& view) {
     CGuard guard(m_mutex);
     m_source = view;

@@ -37,6 +37,9 @@ public:
     /// Adds one to a counter.
     void count(uint64_t Counters::*counter);
 
+    /// A number for a client, which no other one has had.
+    unsigned takeNumber();
+
     /// /stats.json.
     std::string json();
 
@@ -63,6 +66,7 @@ private:
     SourceView m_source INFRA_GUARDED_BY(m_mutex);
     uint64_t m_ended_us INFRA_GUARDED_BY(m_mutex) = 0;  // when the input ended; 0 while it plays
     int m_result INFRA_GUARDED_BY(m_mutex) = 0;
+    unsigned m_lastNumber INFRA_GUARDED_BY(m_mutex) = 0;
 
     unsigned m_ticks = 0;  // and what follows: of the ticker alone
     uint64_t m_lastFrames = 0;

@@ -142,8 +142,7 @@ void Session::watch() {
     }
     const Options& options = m_relay.options();
     CMediaStreamSender* const sender = CMediaStreamSender::Create();
-    const auto number = static_cast<unsigned>(m_relay.stream().totals().clients + 1);
-    auto client = std::make_shared<Client>(sender, number, peerAddress());
+    const auto client = std::make_shared<Client>(sender, m_relay.takeNumber(), peerAddress());
     sender->Attach(&m_sock);
     sender->WaitException(GetID());
     sender->SetSendTimeout(options.stallTimeout_s);

@@ -229,6 +229,19 @@ TEST(RelayTest, OutlivesClientsThatVanishInTheMiddleOfAFrame) {
     EXPECT_EQ(relay.end(), 0);
 }
 
+TEST(RelayTest, PrintsALineEachSecondOnATerminal) {
+    ChildProcess terminal({"socat", "-u",
+                           "EXEC:timeout -s INT 2.3 " RETICOR_EXAMPLES_DIR "/media_relay --port 0,pty",
+                           "STDOUT"});
+    const std::string text = terminal.exchange("");
+    size_t lines = 0;
+    for (size_t at = 0; (at = text.find("frames/s", at)) != std::string::npos; ++at) {
+        ++lines;
+    }
+    EXPECT_GE(lines, 1U) << text;
+    EXPECT_LE(lines, 2U) << text;
+}
+
 TEST(RelayTest, BeginsATransportStreamWithTablesAndAKeyFrame) {
     const TempFolder folder;
     RelayProgram relay({"--input", makeStream(folder, "libx264", 2), "--loop", "--speed", "4"});
@@ -308,7 +321,7 @@ TEST(RelayTest, FindsItsWayThroughGarbage) {
     const auto input = relay.stats()["input"];
     EXPECT_GE(input["skipped_bytes"], 2000);
     EXPECT_LE(input["skipped_bytes"], 2000 * (1 + input["rounds"].get<int>()) + 400);
-    EXPECT_GE(input["frames"], 60);
+    EXPECT_GE(input["frames"], 50);
     EXPECT_EQ(relay.end(), 0);
 }
 
