@@ -163,8 +163,10 @@ int run(unsigned short port, Console& console) {
 
 int main(int argc, char** argv) {
     unsigned short port = 7007;
+    bool debug_server = false;
     CLI::App app{"A console on standard input, and an echo server to look into with it."};
     app.add_option("--port", port, "port to listen on; 0 is any that is free")->capture_default_str();
+    app.add_flag("--debug-server", debug_server, "start the library's telnet port, if it was built in");
     CLI11_PARSE(app, argc, argv);
 
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
@@ -178,7 +180,11 @@ int main(int argc, char** argv) {
     if (CreateThreadPool(1, 0) != 0) {
         return 1;
     }
+    const bool enabled = debug_server && CNetThread::EnableR3() == 0;
     const int result = run(port, *console);
+    if (enabled) {
+        CNetThread::DisableR3();
+    }
     DestroyThreadPool();
     Component::CComponentHelper::withdraw(local, "Console");
     return result;
