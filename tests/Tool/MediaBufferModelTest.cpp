@@ -11,7 +11,7 @@ using namespace Reticor;
 
 namespace {
 
-constexpr int ROUNDS = 400;
+constexpr int ROUNDS = 150;
 constexpr int STEPS = 400;
 
 // How a round goes.

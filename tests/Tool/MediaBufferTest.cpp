@@ -219,12 +219,13 @@ TEST_F(MediaBuffer, ASenderAtPositionZeroThatWroteNothingIsJoinedAgain) {
     EXPECT_EQ(a.state().m_send_total, 0U);
     put(10, 1, 5);
     EXPECT_EQ(a.state().m_frame, nullptr) << "the frame does not qualify: not joined, and so no frame";
+    EXPECT_EQ(first->m_sender_count, 1) << "stays raised";
     const CFrame* third = current();
     put(10, 1, 1);
     EXPECT_EQ(a.state().m_frame, third);
     EXPECT_EQ(a.state().m_send_total, 20U);
-    EXPECT_EQ(first->m_sender_count, 1) << "stays raised";
     EXPECT_EQ(third->m_sender_count, 1);
+    EXPECT_EQ(frames(), 2U) << "what lies before its place is let go";
 }
 
 TEST_F(MediaBuffer, DoSendWhileAFrameIsHalfFilledDoesNothing) {
