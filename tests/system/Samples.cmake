@@ -1,5 +1,6 @@
-# The C++ blocks of the documents become sources: those of docs/guide.md are included by GuideTest.cpp, the one of
-# README.md is the program readme_program. Included by tests/CMakeLists.txt.
+# The C++ blocks of the documents become sources: those of docs/guide.md are included by GuideTest.cpp, those of
+# docs/media.md by MediaGuideTest.cpp, the one of README.md is the program readme_program. Included by
+# tests/CMakeLists.txt.
 set(samples_dir ${PROJECT_BINARY_DIR}/samples)
 file(MAKE_DIRECTORY ${samples_dir})
 
@@ -13,7 +14,8 @@ function(reticor_samples document output)
 endfunction()
 
 reticor_samples(docs/guide.md guide.inc)
-add_custom_target(guide_samples DEPENDS ${samples_dir}/guide.inc)
+reticor_samples(docs/media.md media.inc)
+add_custom_target(guide_samples DEPENDS ${samples_dir}/guide.inc ${samples_dir}/media.inc)
 add_dependencies(tests_system guide_samples)
 target_include_directories(tests_system PRIVATE ${samples_dir})
 
