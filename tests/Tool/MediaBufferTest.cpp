@@ -3,6 +3,7 @@
 
 #include "R3/DaemonStandIn.h"
 #include "R3/FuncBox.h"
+#include "Tool/Allocations.h"
 #include "Tool/MediaFixture.h"
 
 namespace Orvex::Testing {
@@ -48,6 +49,38 @@ TEST_F(MediaBuffer, AFrameGoesToEverySenderAndIsReleasedOnce) {
     EXPECT_EQ(released, (std::vector<int>{0, 1, 2, 3}));
     EXPECT_EQ(frames(), 1U);
     EXPECT_EQ(buffer->GetBufferNum(), 0);
+}
+
+TEST_F(MediaBuffer, AClientMoreCostsOneWriteAndNoAllocation) {
+    const auto allocations_of_a_frame = [this] {
+        TestPacket& front = packet(8);
+        TestPacket& back = packet(100);
+        released.reserve(released.size() + 2);
+        const std::size_t before = allocationCount();
+        buffer->Put(&front, front.length(), 0, 1);
+        buffer->Put(&back, back.length(), 1, 1);
+        return allocationCount() - before;
+    };
+    joinedClient();
+    const auto roomy = [this] {
+        for (const auto& made : clients) {
+            made->sock.reserveWire(100000);
+            made->sock.clearCalls();
+        }
+    };
+    roomy();
+    allocations_of_a_frame();
+    const std::size_t with_one = allocations_of_a_frame();
+    for (int i = 0; i < 60; ++i) {
+        buffer->AddSender(client().sender);
+    }
+    roomy();
+    allocations_of_a_frame();
+    EXPECT_EQ(allocations_of_a_frame(), with_one);
+    for (const auto& made : clients) {
+        EXPECT_EQ(made->sock.calls(), (std::vector<std::size_t>{2, 2}))
+            << "both packets in one write, each time";
+    }
 }
 
 TEST_F(MediaBuffer, TheNewestSenderIsOfferedAFrameFirst) {

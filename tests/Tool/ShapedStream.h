@@ -39,6 +39,11 @@ public:
 
     const std::string& wire() const { return m_wire; }
     void clearWire() { m_wire.clear(); }
+    // So that taking so many bytes, in some calls, allocates nothing.
+    void reserveWire(std::size_t bytes) {
+        m_wire.reserve(bytes);
+        m_calls.reserve(100);
+    }
     // For each call that came, the number of its pieces.
     const std::vector<std::size_t>& calls() const { return m_calls; }
     void clearCalls() { m_calls.clear(); }
