@@ -61,7 +61,7 @@ bool MediaBufferState::is_held(const CFrame& frame) const {
 CMediaBuffer::CMediaBuffer() : m_state(new MediaBufferState(*this)) {
     std::fill(std::begin(m_state->m_min_level), std::end(m_state->m_min_level),
               MediaBufferState::LEVEL_LEAST);
-    m_state->m_frame_header = new CFrame;
+    m_state->m_frame_header = m_state->m_store.make();
     m_state->m_frame_header->Clear();
     m_state->m_current_frame = m_state->m_frame_header;
 }
@@ -94,7 +94,7 @@ int CMediaBuffer::PutFrameInfo(CMediaPacket* packet, int arg) {
 }
 
 void CMediaBuffer::begin_list() {
-    m_state->m_frame_header = new CFrame;
+    m_state->m_frame_header = m_state->m_store.make();
     m_state->m_current_frame = m_state->m_frame_header;
     ++m_state->m_frame_num;
 }
@@ -251,7 +251,7 @@ void CMediaBuffer::delete_frame(CFrame* frame) {
     if (frame->m_ordinal != 0 && frame->m_frame_len < 1) {
         --m_state->m_hollow_num;
     }
-    delete frame;
+    m_state->m_store.end(frame);
 }
 
 CFrame* CMediaBuffer::unlink_head() {

@@ -40,6 +40,7 @@ struct MediaBufferState final : SendTarget_IF, StepEnd_IF {
     CMediaBuffer& m_owner;
     const std::shared_ptr<MediaCore> m_core = std::make_shared<MediaCore>();
 
+    CFrameStore m_store;
     CFrame* m_frame_header = nullptr;   ///< The oldest.
     CFrame* m_current_frame = nullptr;  ///< The one that is being filled.
     CMediaStreamSender* m_sender_header = nullptr;

@@ -117,7 +117,7 @@ void CMediaBuffer::sending_step(bool has_packet, bool ages) {
     if (m_state->m_current_frame == nullptr) {
         begin_list();
     } else if (has_packet) {
-        CFrame* const next = new CFrame;
+        CFrame* const next = m_state->m_store.make();
         m_state->m_current_frame->m_next = next;
         m_state->m_current_frame = next;
         ++m_state->m_frame_num;

@@ -1,8 +1,11 @@
 // CFrame, and what is not pure of the classes that products derive from.
 #include "Tool/MediaFrame.h"
 
+#include <algorithm>
 #include <cassert>
 #include <cstdlib>
+#include <iterator>
+#include <new>
 #include <utility>
 
 #include "R3/FuncBox.h"
@@ -28,16 +31,15 @@ CLevel2Buffer_IF::CLevel2Buffer_IF(const CLevel2Buffer_IF&) = default;
 CLevel2Buffer_IF& CLevel2Buffer_IF::operator=(const CLevel2Buffer_IF&) = default;
 CLevel2Buffer_IF::~CLevel2Buffer_IF() = default;
 
-CFrame::CFrame()
-    : m_iovec(static_cast<iovec*>(std::malloc(BUFFER_INCREMENT * sizeof(iovec)))),
-      m_packet(static_cast<CMediaPacket**>(std::malloc(BUFFER_INCREMENT * sizeof(CMediaPacket*)))) {}
+// The first entries are written before they are read: clearing them would cost more than the rest of a frame.
+CFrame::CFrame() {}  // NOLINT
 
 CFrame::~CFrame() {
-    std::free(m_iovec);
-    if (m_packet != nullptr) {
-        for (uint32_t i = 0; i < m_packet_num; ++i) {
-            m_packet[i]->Release();
-        }
+    for (uint32_t i = 0; i < m_packet_num; ++i) {
+        m_packet[i]->Release();
+    }
+    if (m_iovec != m_first_iovec) {
+        std::free(m_iovec);
         std::free(m_packet);
     }
     if (CMediaPacket* info = std::exchange(m_info_packet, nullptr)) {
@@ -53,9 +55,7 @@ int CFrame::Put(CMediaPacket* packet, int len, int mark, int level) {
     }
     if (m_packet_num == m_packet_cap) {
         assert(m_packet_num % BUFFER_INCREMENT == 0);
-        m_packet_cap += BUFFER_INCREMENT;
-        m_iovec = static_cast<iovec*>(std::realloc(m_iovec, m_packet_cap * sizeof(iovec)));
-        m_packet = static_cast<CMediaPacket**>(std::realloc(m_packet, m_packet_cap * sizeof(CMediaPacket*)));
+        grow();
         if (mediaPrinting()) {
             R3Printf("%p Frame had put %d bytes data, %d packets!\n", static_cast<void*>(this),
                      static_cast<int>(m_frame_len), static_cast<int>(m_packet_num));
@@ -74,6 +74,18 @@ int CFrame::Put(CMediaPacket* packet, int len, int mark, int level) {
         m_age = AGE_NEW;
     }
     return 0;
+}
+
+void CFrame::grow() {
+    m_packet_cap += BUFFER_INCREMENT;
+    const bool first = m_iovec == m_first_iovec;
+    m_iovec = static_cast<iovec*>(std::realloc(first ? nullptr : m_iovec, m_packet_cap * sizeof(iovec)));
+    m_packet = static_cast<CMediaPacket**>(
+        std::realloc(first ? nullptr : m_packet, m_packet_cap * sizeof(CMediaPacket*)));
+    if (first) {
+        std::copy(std::begin(m_first_iovec), std::end(m_first_iovec), m_iovec);
+        std::copy(std::begin(m_first_packet), std::end(m_first_packet), m_packet);
+    }
 }
 
 int CFrame::PutInfo(CMediaPacket* packet, int arg) {
@@ -102,6 +114,45 @@ void CFrame::Clear() {
     m_sent_len = -1;
     m_next = nullptr;
     m_key_mask = 0;
+}
+
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define RETICOR_SEES_MEMORY_ENDS
+#endif
+#endif
+#if defined(RETICOR_SEES_MEMORY_ENDS) || defined(__SANITIZE_ADDRESS__)
+const uint32_t CFrameStore::SPARES_MOST = 0;
+#else
+const uint32_t CFrameStore::SPARES_MOST = 64;  // As many frames of the most usual level as grow old together.
+#endif
+
+CFrameStore::~CFrameStore() {
+    while (Spare* const spare = m_spares) {
+        m_spares = spare->next;
+        ::operator delete(spare);
+    }
+}
+
+CFrame* CFrameStore::make() {
+    void* memory = m_spares;
+    if (memory != nullptr) {
+        m_spares = m_spares->next;
+        --m_count;
+    } else {
+        memory = ::operator new(sizeof(CFrame));
+    }
+    return new (memory) CFrame;
+}
+
+void CFrameStore::end(CFrame* frame) {
+    frame->~CFrame();
+    if (m_count == SPARES_MOST) {
+        ::operator delete(frame);
+        return;
+    }
+    m_spares = new (static_cast<void*>(frame)) Spare{m_spares};
+    ++m_count;
 }
 
 }  // namespace Orvex::Reticor

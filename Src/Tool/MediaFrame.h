@@ -63,8 +63,9 @@ public:
     /// Complete without a byte: nobody can be sent such a frame.
     bool is_hollow() const { return m_valid != 0 && m_frame_len < 1; }
 
-    iovec* m_iovec;           ///< m_packet_cap entries. A sender may patch one for the time of one write.
-    CMediaPacket** m_packet;  ///< m_packet_cap entries.
+    iovec* m_iovec =
+        m_first_iovec;  ///< m_packet_cap entries. A sender may patch one for the time of one write.
+    CMediaPacket** m_packet = m_first_packet;  ///< m_packet_cap entries.
     int64_t m_frame_len = 0;
     /// Bytes that were written by the senders that are in the middle of the frame, all together.
     int64_t m_sent_len = 0;
@@ -90,6 +91,41 @@ public:
     uint64_t m_channel_begin = 0;  ///< Bytes that its channel has had before it.
     uint64_t m_complete_us = 0;    ///< When it became complete.
     uint32_t m_hollow_steps = 0;   ///< Sending steps since then, for a frame without a byte.
+
+private:
+    void grow();
+
+    /// Room for as many packets as a frame usually has, so that it is one piece of memory.
+    iovec m_first_iovec[BUFFER_INCREMENT];
+    CMediaPacket* m_first_packet[BUFFER_INCREMENT];
+};
+
+/// Memory of a buffer's frames that have gone, for its next ones: a stream that runs allocates nothing. The
+/// frames themselves are always constructed and destroyed.
+///
+/// Thread safety: none of its own; guarded by the mutex of the buffer that owns it.
+class CFrameStore {
+public:
+    /// 0 where a sanitizer looks for uses of memory after its end, which is then to see every end.
+    static const uint32_t SPARES_MOST;
+
+    CFrameStore() = default;
+    ~CFrameStore();
+    CFrameStore(const CFrameStore&) = delete;
+    CFrameStore& operator=(const CFrameStore&) = delete;
+
+    CFrame* make();
+    /// Destroys the frame, which releases its packets.
+    void end(CFrame* frame);
+
+private:
+    /// What is linked in place of a frame.
+    struct Spare {
+        Spare* next;
+    };
+
+    Spare* m_spares = nullptr;
+    uint32_t m_count = 0;
 };
 
 }  // namespace Orvex::Reticor
