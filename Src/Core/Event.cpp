@@ -82,6 +82,10 @@ CEvent* CEventQueue::Pop() {
     return ev;
 }
 
+CEvent* CEventQueue::PopNow() {
+    return m_sem.pendFor(0) ? TryPop() : nullptr;
+}
+
 CEvent* CEventQueue::TryPop() {
     Infra::CGuard guard(m_mutex);
     return take();

@@ -98,6 +98,9 @@ public:
     /// one.
     CEvent* Pop();
 
+    /// As Pop, but null at once if there is no record.
+    CEvent* PopNow();
+
     /// The first record, or null. Takes no count of the semaphore, so it is for queues that are pushed in
     /// silence and for teardown.
     CEvent* TryPop();

@@ -15,6 +15,7 @@
 #include "Core/ThreadPool.h"
 #include "R3/FuncBox.h"
 #include "R3/HelpText.h"
+#include "Tool/FileTask.h"
 
 namespace Orvex::Reticor {
 
@@ -76,6 +77,7 @@ void CMessage::Notify(long sender, long receiver, unsigned int msg, long attach,
     CEvent* ev = make_record(EVENT_KEY_MESSAGE, sender, receiver, msg, attach);
     if (io) {
         io_queue().Push(ev);
+        PostFileMessageTask();
     } else {
         PoolTable::PushEvent(INDEX_OF_ID(receiver), ev);
     }
@@ -96,10 +98,17 @@ void CMessage::NotifyClose(long id) {
 }
 
 int CMessage::HandleMessage(CEvent* ev) {
-    if (HandlerPin handler = PoolTable::FindHandler(ev->m_receiver)) {
+    deliver(ev, From::worker);
+    return 0;
+}
+
+void CMessage::deliver(CEvent* ev, From from) {
+    const bool outside = from == From::outside;
+    if (HandlerPin handler = outside ? PoolTable::FindHandlerFromOutside(ev->m_receiver)
+                                     : PoolTable::FindHandler(ev->m_receiver)) {
         print_message(handler, ev, Moment::begin);
         if (ev->m_msg == MSG_CLOSE && ev->m_obj_id == ev->m_receiver) {
-            PoolTable::Detach(ev->m_receiver);
+            outside ? PoolTable::DetachFromOutside(ev->m_receiver) : PoolTable::Detach(ev->m_receiver);
         } else {
             handler->handle_message(static_cast<long>(ev->m_obj_id), ev->m_msg,
                                     static_cast<long>(ev->m_attach));
@@ -107,12 +116,17 @@ int CMessage::HandleMessage(CEvent* ev) {
         print_message(handler, ev, Moment::end);
     }
     putEvent(ev);
-    return 0;
 }
 
 void CMessage::HandleIOMessage() {
-    if (CEvent* ev = io_queue().Pop()) {
-        HandleMessage(ev);
+    if (CEvent* ev = io_queue().PopNow()) {
+        deliver(ev, From::outside);
+    }
+}
+
+void CMessage::DropIOMessages() {
+    while (CEvent* ev = io_queue().PopNow()) {
+        putEvent(ev);
     }
 }
 

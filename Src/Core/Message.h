@@ -25,11 +25,21 @@ public:
     /// Calls the receiver, if it is still there, with no lock held, and gives the record back. Result 0.
     static int HandleMessage(CEvent* ev);
 
-    /// Takes one record of NotifyIO and handles it, on a file worker. Waits for the record.
+    /// Takes one record of NotifyIO, if there is one, and handles it as HandleMessage does, on a file worker.
     static void HandleIOMessage();
+
+    /// Gives the records of NotifyIO that nobody has taken back to the free list. Called before file workers
+    /// start and after they have ended: what was posted without workers is never delivered, and is not to be
+    /// taken for what is posted later.
+    static void DropIOMessages();
 
     /// Whether the workers print each message and timer they handle (command "threadpool").
     static bool printing();
+
+private:
+    /// Where the thread that handles a message comes from decides how it may look into pools.
+    enum class From { worker, outside };
+    static void deliver(CEvent* ev, From from);
 };
 
 }  // namespace Orvex::Reticor

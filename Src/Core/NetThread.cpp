@@ -17,6 +17,7 @@
 #include "Core/SockTimer.h"
 #include "Core/ThreadPool.h"
 #include "R3/Debug.h"
+#include "Tool/FileThread.h"
 #include "Tool/ReceiverGroup.h"
 #include "Tool/SenderHandler.h"
 
@@ -52,6 +53,8 @@ int sm_pub_pool_ref INFRA_GUARDED_BY(sm_mutex) = 0;
 unsigned int sm_r3_ref INFRA_GUARDED_BY(sm_mutex) = 0;
 /// Processors, read once at set-up.
 unsigned int sm_cpu_num INFRA_GUARDED_BY(sm_mutex) = 0;
+/// The file workers were started. Never cleared: they are started once in a process.
+bool sm_file_started INFRA_GUARDED_BY(sm_mutex) = false;
 
 Scheduling g_next_pool;
 Scheduling g_receivers;
@@ -82,19 +85,6 @@ int set_up(unsigned int threads) INFRA_REQUIRES(sm_mutex) {
     return 0;
 }
 
-/// -1, or the number of references on the public pool.
-int check_on_init(unsigned int threads) INFRA_REQUIRES(sm_mutex) {
-    if (sm_pool_num == NOT_SET_UP && set_up(threads) != 0) {
-        return -1;
-    }
-    // The line has always stood for success, and who watches the log of a product counts on it; a failure
-    // tells of itself.
-    if (InitConsoleDebug()) {
-        INFRA_LOG_STATIC(2, "InitConsoleDebug Failed! Will not to able use console commands.\n");
-    }
-    return sm_pub_pool_ref;
-}
-
 /// Ends the pool's threads with no slot lock held and the slot still filled, so that a handler on its way
 /// finds its pool; then takes away what other threads hold of the pool's sockets; then clears the slot, and
 /// takes away its timers, to which none can be added any more. The pool's memory is the caller's to free.
@@ -119,11 +109,40 @@ int ReleaseAll() INFRA_REQUIRES(sm_mutex) {
     CThreadPool* pool = retire(0);
     sm_pool_num = 0;
     sm_pub_pool_ref = 0;
+    if (sm_file_started) {
+        StopFileThreads();
+    }
+    EndFiles(*pool);
     delete pool;
     CTsMemory::DestroyMemPool();
     CleanupSocketLibrary();
     sm_pool_num = NOT_SET_UP;
     return 0;
+}
+
+int start_file_threads() INFRA_REQUIRES(sm_mutex) {
+    if (StartFileThreads(sm_cpu_num) < 0) {
+        ReleaseAll();
+        return -1;
+    }
+    sm_file_started = true;
+    return 0;
+}
+
+/// -1, or the number of references on the public pool.
+int check_on_init(unsigned int threads, bool file_io) INFRA_REQUIRES(sm_mutex) {
+    if (sm_pool_num == NOT_SET_UP && set_up(threads) != 0) {
+        return -1;
+    }
+    if (!sm_file_started && file_io && start_file_threads() != 0) {
+        return -1;
+    }
+    // The line has always stood for success, and who watches the log of a product counts on it; a failure
+    // tells of itself.
+    if (InitConsoleDebug()) {
+        INFRA_LOG_STATIC(2, "InitConsoleDebug Failed! Will not to able use console commands.\n");
+    }
+    return sm_pub_pool_ref;
 }
 
 int destroy_thread_pool(int index) INFRA_REQUIRES(sm_mutex) {
@@ -152,9 +171,9 @@ int lowest_free_slot() INFRA_REQUIRES(sm_mutex) {
 
 }  // namespace
 
-int CNetThread::CreateThreadPool(unsigned int threads, bool) {
+int CNetThread::CreateThreadPool(unsigned int threads, bool file_io) {
     Infra::CGuard guard(sm_mutex);
-    if (check_on_init(threads) == -1) {
+    if (check_on_init(threads, file_io) == -1) {
         return -1;
     }
     ++sm_pub_pool_ref;
@@ -162,9 +181,9 @@ int CNetThread::CreateThreadPool(unsigned int threads, bool) {
     return 0;
 }
 
-int CNetThread::CreatePrivatePool(unsigned int threads, bool) {
+int CNetThread::CreatePrivatePool(unsigned int threads, bool file_io) {
     Infra::CGuard guard(sm_mutex);
-    if (check_on_init(threads) == -1) {
+    if (check_on_init(threads, file_io) == -1) {
         return -1;
     }
     const int index = lowest_free_slot();

@@ -61,6 +61,18 @@ void PoolTable::Detach(int64_t id) {
     }
 }
 
+HandlerPin PoolTable::FindHandlerFromOutside(int64_t id) {
+    Infra::CReadGuard guard(sm_pool_mutex[INDEX_OF_ID(static_cast<long>(id))]);
+    return FindHandler(id);
+}
+
+void PoolTable::DetachFromOutside(int64_t id) {
+    // Keeps the detaching from being what drops the last reference, under the lock.
+    const HandlerPin pin = FindHandlerFromOutside(id);
+    Infra::CReadGuard guard(sm_pool_mutex[INDEX_OF_ID(static_cast<long>(id))]);
+    Detach(id);
+}
+
 long PoolTable::AllocId(int index) {
     CThreadPool* pool = Get(index);
     return pool != nullptr ? pool->m_ids.Alloc() : 0;

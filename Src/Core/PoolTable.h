@@ -46,6 +46,12 @@ public:
     /// Makes the handler with that id unreachable.
     static void Detach(int64_t id);
 
+    /// The same two for threads that are no worker of the pool and that nobody joins before the pool goes:
+    /// they hold the slot's lock over their look into the pool. The last reference of a handler is dropped
+    /// without it.
+    static HandlerPin FindHandlerFromOutside(int64_t id);
+    static void DetachFromOutside(int64_t id);
+
     /// An id from the allocator of a pool; 0 if there is no such pool.
     static long AllocId(int index);
 

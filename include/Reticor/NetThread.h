@@ -35,17 +35,19 @@ public:
     /// multiple of the processor count; 0 is logged as an error and raised likewise (on one processor such a
     /// pool has no workers). While all of them are in calls that block, nothing else is served. `threads`
     /// counts only in the call that creates the
-    /// pool. `file_io` asks for file workers; this version has none, and the argument has no effect. Blocks
-    /// for the start of the threads. Result: 0, or -1 if the library cannot start.
+    /// pool. `file_io` starts two file workers per processor, for `CNFile` and `NotifyIO`, if no call of the
+    /// process has done so yet: they serve all pools, live until the library goes down, and do not come again
+    /// when it is started anew. Blocks for the start of the threads. Result: 0, or -1 if the library cannot
+    /// start, or the system gives not one thread for the files.
     static int CreateThreadPool(unsigned int threads, bool file_io);
 
-    /// Starts a private pool, and the library if need be. Result: the pool's index, 1 to 63, for
-    /// `CNetHandler(int)`; -1 if the library cannot start or 63 private pools exist.
+    /// Starts a private pool, and the library and the file workers if need be. Result: the pool's index, 1 to
+    /// 63, for `CNetHandler(int)`; -1 if the library cannot start or 63 private pools exist.
     static int CreatePrivatePool(unsigned int threads, bool file_io);
 
     /// Ends one use of the public pool, and with the last one (and no private pool alive) the library: blocks
-    /// until all its threads have ended. Handlers of the pool should be closed before. Result: 0; -1 if there
-    /// is no pool.
+    /// until all its threads have ended and every file that has buffers was written out (`CNFile`). Handlers
+    /// of the pool should be closed before. Result: 0; -1 if there is no pool.
     static int DestroyThreadPool();
 
     /// Ends a private pool; blocks until its threads have ended. Result: 0; -1 if `index` is not the index of

@@ -1,13 +1,17 @@
 // Everything that Reticor offers.
 #pragma once
 
+#include <Reticor/DefaultStorDev.h>
+#include <Reticor/FileBuf.h>
 #include <Reticor/MediaBuffer.h>
 #include <Reticor/MediaPacket.h>
 #include <Reticor/MediaStreamReceiver.h>
 #include <Reticor/MediaStreamSender.h>
+#include <Reticor/NFile.h>
 #include <Reticor/NTimer.h>
 #include <Reticor/NetHandler.h>
 #include <Reticor/NetThread.h>
+#include <Reticor/PosixStorDev.h>
 #include <Reticor/R3.h>
 #include <Reticor/SimulatorStream.h>
 #include <Reticor/Sock.h>
@@ -20,6 +24,7 @@
 #include <Reticor/SockStream.h>
 #include <Reticor/SslAcceptor.h>
 #include <Reticor/SslStream.h>
+#include <Reticor/StorDev.h>
 #include <Reticor/StrParser.h>
 #include <Reticor/StreamSender.h>
 #include <Reticor/TsMemory.h>

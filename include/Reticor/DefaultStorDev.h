@@ -1,0 +1,60 @@
+// CDefaultStorDev: a storage device over the C library's stream files.
+#pragma once
+
+#include <Reticor/StorDev.h>
+
+namespace Orvex::Reticor {
+
+/// The device that `CNFile::Open` makes when it is given none: fopen(3) and its family, with the stream's own
+/// buffer.
+///
+/// Choose it for plain files that one side reads or writes in order, and where a product counts on stdio's
+/// ways. Choose `CPosixStorDev` where a full disk must be noticed by the write that meets it, where one file
+/// is read and written at a time, or where several descriptors work on one file: bytes here may wait in the
+/// stream's buffer until `Close`, and if they do not fit on the disk then, all that is left to say is a line
+/// at level 2 in the log.
+///
+/// A stream opened for appending ("a", "a+") writes at the end of the file whatever `Seek` said. Through a
+/// `CNFile` it is for `Write` alone: a block that was read, changed and written back would be appended.
+///
+/// A directory can be opened for reading, as fopen(3) has it, and reads as an empty file.
+///
+/// Threads: no lock of its own; one thread at a time. All operations may block but the constructors.
+class RETICOR_API CDefaultStorDev : public CNStorDev_IF {
+public:
+    CDefaultStorDev();
+    /// The copy shares the stream, which is closed when the last of them is gone.
+    CDefaultStorDev(const CDefaultStorDev& other);
+    /// Lets go of the own stream and shares the other's.
+    CDefaultStorDev& operator=(const CDefaultStorDev& other);
+    /// Closes the stream unless a copy shares it. A failure to write out what the stream still held is logged
+    /// at level 2.
+    ~CDefaultStorDev() override;
+
+    /// fopen(3) of the first 255 bytes of `path`, close-on-exec. Result: 0; -1 with a line at level 2.
+    int Open(const char* path, const char* mode) override;
+
+    /// Deletes the object, which must have been made by `new`.
+    void Close() override;
+
+    /// fwrite(3). Result: bytes taken, less than `len` or 0 where the disk is full; never -1. 0 without an
+    /// open stream.
+    int Write(const char* data, unsigned len) override;
+
+    /// fread(3). Result: bytes read; 0 at the end of the file and where reading fails. 0 without an open
+    /// stream.
+    int Read(char* dst, unsigned len) override;
+
+    /// Any 64-bit offset. `whence` 0 or 1; others give -1, as does a closed stream.
+    int Seek(long long offset, int whence) override;
+
+    /// stat(2) of the path: what is on the disk, not what the stream still holds. Result: 0; -1 with a line
+    /// at level 2.
+    int Stat(NFile_Info* info) override;
+
+private:
+    struct State;
+    State* m_state;  ///< Owned.
+};
+
+}  // namespace Orvex::Reticor
