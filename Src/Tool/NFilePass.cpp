@@ -54,14 +54,12 @@ int CNFile::State::write_pass(long long arg) {
         serve_rounds();
         return 1;
     }
-    {
-        Infra::CGuard guard(m_write_mutex);
-        m_flush_tasks += counted && outcome == Outcome::failed ? 1 : 0;
-        m_writing = false;
-    }
     if (outcome == Outcome::failed) {
         NoteTaskFailed();
+        Infra::CGuard guard(m_write_mutex);
+        m_flush_tasks += counted ? 1 : 0;
     }
+    end_pass(false, outcome, arg == 1);
     // Cut short is not to be tried again: somebody drops the buffers, or writes them out in another way.
     return outcome == Outcome::cut ? 1 : 0;
 }
@@ -89,7 +87,7 @@ bool CNFile::State::serve_rounds() {
             outcome = load();
         }
         if (outcome != Outcome::done) {
-            end_pass(load_here, outcome);
+            end_pass(load_here, outcome, false);
             return outcome == Outcome::cut;
         }
     }
@@ -118,13 +116,16 @@ bool CNFile::State::next_round(bool& load, int round) {
     return false;
 }
 
-void CNFile::State::end_pass(bool load_left, Outcome outcome) {
+/// A pass that the device did not let end. A load that is left, be it that the read task met this pass and is
+/// gone, needs somebody who tries again.
+void CNFile::State::end_pass(bool load_left, Outcome outcome, bool comes_again) {
     {
         Infra::CGuard guard(m_write_mutex);
         m_load_wanted = m_load_wanted || load_left;
+        load_left = m_load_wanted;
         m_writing = false;
     }
-    if (load_left && outcome == Outcome::failed) {
+    if (load_left && outcome == Outcome::failed && !comes_again) {
         post_flush();
     }
 }

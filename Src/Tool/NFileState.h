@@ -147,7 +147,7 @@ private:
     bool begin_write_pass(long long arg, bool& counted);
     bool begin_read_pass();
     bool next_round(bool& load, int round);
-    void end_pass(bool load_left, Outcome outcome);
+    void end_pass(bool load_left, Outcome outcome, bool comes_again);
     bool serve_rounds() INFRA_REQUIRES(m_pass_mutex);
     bool cut_short() const;
     bool seek_to(long long position) INFRA_REQUIRES(m_pass_mutex);
