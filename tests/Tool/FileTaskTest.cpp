@@ -111,13 +111,13 @@ TEST_F(FileTaskQueueTest, TheLastTaskOfAFileIsNotParked) {
 TEST_F(FileTaskQueueTest, ATaskThatFailsRestsTwiceAsLongEachTimeUpToAQuarterOfASecond) {
     FileTask* const task = put(ONE);
     uint64_t now = 1000;
-    for (const uint64_t ms : {1, 2, 4, 8, 16, 32, 64, 128, 250, 250, 250}) {
+    for (const unsigned ms : {1, 2, 4, 8, 16, 32, 64, 128, 250, 250, 250}) {
         ASSERT_EQ(task, queue.Get());
         queue.Rest(task, now);
         EXPECT_EQ(nullptr, queue.Get());
         uint64_t due = 0;
         ASSERT_TRUE(queue.BeginWatch(&due));
-        EXPECT_EQ(now + ms * 1000, due);
+        EXPECT_EQ(now + uint64_t{ms} * 1000, due);
         now = due;
         queue.EndWatch(due, now, false);
         EXPECT_EQ(1, posts());

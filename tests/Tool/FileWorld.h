@@ -208,9 +208,8 @@ struct FileClient {
 class TempFolder {
 public:
     TempFolder() {
-        char name[] = "/tmp/reticor-files-XXXXXX";
-        EXPECT_NE(nullptr, ::mkdtemp(name));
-        m_path = name;
+        m_path = "/tmp/reticor-files-" + std::string(6, 'X');  // which mkdtemp replaces
+        EXPECT_NE(nullptr, ::mkdtemp(m_path.data()));
     }
     ~TempFolder() { std::filesystem::remove_all(m_path); }
     TempFolder(const TempFolder&) = delete;
