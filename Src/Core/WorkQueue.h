@@ -51,7 +51,7 @@ public:
 
 private:
     static constexpr uint64_t GUARD_PERIOD_US = 1000;
-    static constexpr int IDLE_LOOKS = 8;
+    static constexpr int IDLE_LOOKS = 2;
 
     enum class Look { again, overdue, idle };
 
