@@ -2,6 +2,7 @@
 #include "Tool/ReceiverThread.h"
 
 #include <sched.h>
+#include <sys/resource.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -395,6 +396,55 @@ TEST(ReceiverLifecycle, LibraryThatGoesDownEndsTheCallsAndTheReceivers) {
     // The references kept them, whether or not the pool still came to their close messages.
     delete receiver;
     delete stopped;
+}
+
+// A callback that is on its way when the library goes down still has timers, sockets and the pool.
+TEST(ReceiverLifecycle, ReceiversStopBeforeAllElse) {
+    ASSERT_EQ(CNetThread::CreateThreadPool(2, false), 0);
+    auto* const handler = new TestHandler;
+    handler->on_timeout = [](long) -> int64_t { return -1; };
+    const auto handler_life = handler->life;
+    auto* const receiver = new TestReceiver;
+    receiver->AddRef();
+    std::atomic<int> destroyer_id{0};
+    std::atomic<bool> called{false};
+    receiver->on_input = [&] {
+        if (!called.exchange(true)) {
+            EXPECT_EVENTUALLY(destroyer_id != 0 && sleepsInFutex(destroyer_id));
+            handler->SetTimer(3000);
+            handler->Notify(handler->GetID(), 1, 0);
+            EXPECT_EVENTUALLY(handler_life->messages == 1 && handler_life->timeouts == 1);
+            handler->Close();
+            EXPECT_EVENTUALLY(handler_life->closes == 1);
+        }
+        return 0;
+    };
+    receiver->StartReceive(0, 1.0F);
+    EXPECT_EVENTUALLY(called);
+    std::thread destroyer([&] {
+        destroyer_id = kernelThreadId();
+        EXPECT_EQ(CNetThread::DestroyThreadPool(), 0);
+    });
+    destroyer.join();
+    delete receiver;
+}
+
+TEST(ReceiverLifecycle, ThreadsHaveThePriorityThatWasSetForThem) {
+    ASSERT_EQ(CNetThread::SetRecvThreadPriority(1, 0, 0), 0);
+    ASSERT_EQ(CNetThread::CreateThreadPool(2, false), 0);
+    auto* const receiver = new TestReceiver;
+    const auto life = receiver->life;
+    std::atomic<int> nice{0};
+    receiver->on_input = [&] {
+        nice = ::getpriority(PRIO_PROCESS, static_cast<id_t>(kernelThreadId()));
+        return 0;
+    };
+    receiver->StartReceive(0, 1.0F);
+    EXPECT_EVENTUALLY(life->inputs >= 1);
+    EXPECT_GT(nice, ::getpriority(PRIO_PROCESS, 0));
+    receiver->Close();
+    EXPECT_EVENTUALLY(life->closes == 1);
+    ASSERT_EQ(CNetThread::DestroyThreadPool(), 0);
 }
 
 TEST(ReceiverLifecycle, PeriodOfTheThreadsIsTakenOverWhenTheLibraryStarts) {

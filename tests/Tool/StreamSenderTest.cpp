@@ -320,6 +320,19 @@ TEST_F(StreamSenderTest, BlockThatIsExactlyFullStaysTheTail) {
     EXPECT_THAT(blocks(), ElementsAre(BLOCK, 1u));
 }
 
+TEST_F(StreamSenderTest, SocketThatTakesOneByteAtATimeGetsAllOfThem) {
+    attach();
+    backlog(BLOCK + 100);
+    for (unsigned sent = 1; sent <= BLOCK + 100; ++sent) {
+        sock.setRoom(1);
+        ASSERT_EQ(sender->handle_output(sock.GetHandle()), 0);
+        ASSERT_EQ(waiting(), BLOCK + 100 - sent);
+    }
+    EXPECT_TRUE(sock.wire() == text(BLOCK + 100));
+    EXPECT_THAT(blocks(), ElementsAre(0u, 0u));
+    EXPECT_EQ(mask(), 0);
+}
+
 TEST_F(StreamSenderTest, SocketWithoutRoomLeavesEverythingAsItIs) {
     attach();
     backlog(100);

@@ -86,6 +86,7 @@ public:
     ScopedProbe& operator=(const ScopedProbe&) = delete;
 
     CProbe* operator->() { return m_probe; }
+    CProbe* get() { return m_probe; }
     bool waited() { return m_step.pend(WAIT_MS) == 0; }
 
 private:
@@ -188,6 +189,73 @@ TEST_F(PublicInterface, TimerCallsItsEvents) {
     event->Stop();
     timer->Close();
     EXPECT_EQ(0, closed.pend(WAIT_MS));
+}
+
+// A paced receiver of a product: derived, called on a thread of the library's, deleted by itself.
+class CPaced : public Reticor::CMediaStreamReceiver {
+public:
+    CPaced(Infra::CSemaphore& step, Infra::CSemaphore& closed) : m_step(step), m_closed(closed) {}
+    long long handle_passive_input() override {
+        m_step.post();
+        return CMediaStreamReceiver::handle_passive_input();
+    }
+    int handle_close(CNetHandler* self) override {
+        Infra::CSemaphore& closed = m_closed;
+        delete self;
+        closed.post();
+        return 0;
+    }
+
+private:
+    Infra::CSemaphore& m_step;
+    Infra::CSemaphore& m_closed;
+};
+
+TEST_F(PublicInterface, ReceiverIsCalled) {
+    Infra::CSemaphore step(0);
+    Infra::CSemaphore closed(0);
+    auto* const receiver = new CPaced(step, closed);
+    receiver->SetReceiveMode(Reticor::receiver_passive);
+    receiver->StartReceive(0, 1.0F);
+    EXPECT_EQ(0, step.pend(WAIT_MS));
+    EXPECT_EQ(0, step.pend(WAIT_MS));
+    receiver->Close();
+    EXPECT_EQ(0, closed.pend(WAIT_MS));
+}
+
+TEST_F(PublicInterface, SenderDrainsToItsSocket) {
+    ScopedProbe probe;
+    Reticor::CSimulatorStream nowhere;
+    Reticor::CStreamSender* const sender = Reticor::CStreamSender::Create();
+    EXPECT_EQ(0, nowhere.SetBandWidth(1));
+    EXPECT_EQ(0, sender->Attach(probe.get(), &nowhere));
+    EXPECT_EQ(0, sender->Put("bytes", 5));
+    sender->WaitSendFinish(probe->GetID());
+    ASSERT_TRUE(probe.waited());
+    EXPECT_EQ(static_cast<long>(Reticor::STREAM_SENDER_DRAINED) * 1000, probe->m_last);
+    EXPECT_EQ(&nowhere, sender->Detach());
+    sender->Close();
+}
+
+TEST(Datagrams, GoBothWays) {
+    Reticor::CSockDgram sock;
+    Reticor::CSockAddrIPv4 address("127.0.0.1", 0);
+    sock.SetBlockOpt(true);
+    ASSERT_EQ(0, sock.Open(&address));
+    ASSERT_EQ(0, sock.GetLocalAddr(&address));
+    EXPECT_EQ(4, sock.Send("self", 4, &address));
+    char text[4];
+    Reticor::CSockAddrStorage from;
+    ASSERT_EQ(4, sock.Recv(text, 4, &from));
+    EXPECT_EQ("self", std::string(text, 4));
+    EXPECT_EQ(address.GetPort(), from.GetPort());
+}
+
+TEST(SecureSockets, LinkAndFail) {
+    Reticor::CSslStream stream;
+    Reticor::CSslAcceptor acceptor;
+    EXPECT_EQ(-1, stream.Connect(nullptr));
+    EXPECT_EQ(nullptr, acceptor.Accept(nullptr));
 }
 
 TEST(Addresses, HoldBothFamilies) {
