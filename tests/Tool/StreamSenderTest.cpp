@@ -504,7 +504,11 @@ TEST_F(StreamSenderTest, CapacityHasALimitOfTwoGigabytes) {
 TEST_F(StreamSenderTest, MoreBlocksThanTheKernelGathersAreDrainedInSeveralWrites) {
     attach();
     sender->SetBufferSize(1100);
-    const std::string bytes = text(1100 * BLOCK - 5);
+    std::string bytes(1100 * BLOCK - 5, 'b');
+    for (std::size_t block = 0; block < 1100; ++block) {
+        bytes[block * BLOCK] = static_cast<char>(block);
+        bytes[block * BLOCK + 1] = static_cast<char>(block >> 8);
+    }
     sock.setRoom(0);
     ASSERT_EQ(sender->Put(bytes.data(), static_cast<unsigned>(bytes.size())), 0);
     sock.setRoom(ShapedStream::UNLIMITED);
