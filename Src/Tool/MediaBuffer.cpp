@@ -143,6 +143,7 @@ void CMediaBuffer::add_sender(CMediaStreamSender* sender) {
     state.m_leaving = false;
     state.m_failed = false;
     state.m_next = m_state->m_sender_header;
+    state.m_next_state = state.m_next != nullptr ? state.m_next->m_state : nullptr;
     m_state->m_sender_header = sender;
     m_state->m_has_sender = true;
 }
@@ -175,12 +176,17 @@ bool CMediaBuffer::on_list(const CMediaStreamSender* sender) const {
 }
 
 void CMediaBuffer::del_sender(CMediaStreamSender* sender) {
-    CMediaStreamSender** link = &m_state->m_sender_header;
-    while (*link != nullptr && *link != sender) {
-        link = &(*link)->m_state->m_next;
+    CMediaStreamSender* before = nullptr;
+    CMediaStreamSender* entry = m_state->m_sender_header;
+    while (entry != nullptr && entry != sender) {
+        before = std::exchange(entry, entry->m_state->m_next);
     }
-    if (*link != nullptr) {
-        *link = sender->m_state->m_next;
+    if (entry != nullptr) {
+        const MediaSenderState& state = *sender->m_state;
+        (before != nullptr ? before->m_state->m_next : m_state->m_sender_header) = state.m_next;
+        if (before != nullptr) {
+            before->m_state->m_next_state = state.m_next_state;
+        }
         unlink_sender(sender);
     }
     if (m_state->m_sender_header != nullptr || !m_state->m_has_sender) {
@@ -194,6 +200,7 @@ void CMediaBuffer::del_sender(CMediaStreamSender* sender) {
 void CMediaBuffer::unlink_sender(CMediaStreamSender* sender) {
     MediaSenderState& state = *sender->m_state;
     state.m_next = nullptr;
+    state.m_next_state = nullptr;
     state.m_list = nullptr;
     state.m_leaving = false;
     state.uncount();

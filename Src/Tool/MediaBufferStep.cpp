@@ -144,6 +144,7 @@ int CMediaBuffer::send_packet() {
     CMediaStreamSender* sender = m_state->m_sender_header;
     while (sender != nullptr) {
         const MediaSenderState& state = *sender->m_state;
+        state.fetch_next();
         m_state->m_policy_only = m_state->m_policy_only && state.has_policy();
         if (state.m_leaving || !join(sender)) {
             sender = state.m_next;

@@ -168,10 +168,8 @@ void MediaSenderState::keep_rest(uint32_t end) {
 }
 
 void MediaSenderState::forget_order() {
-    for (int channel = 0; channel < CHANNELS; ++channel) {
-        m_last_ordinal[channel] = 0;
-        m_stepped_frames[channel] = 0;
-        m_stepped_bytes[channel] = 0;
+    for (Course& course : m_course) {
+        course = Course();
     }
 }
 

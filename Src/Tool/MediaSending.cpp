@@ -228,11 +228,12 @@ void CMediaStreamSender::begin_frame() {
     MediaSenderState& state = *m_state;
     const CFrame& frame = *state.m_frame;
     const int channel = frame.channel();
-    if (frame.m_ordinal != state.m_last_ordinal[channel] + 1) {
+    MediaSenderState::Course& course = state.m_course[channel];
+    if (frame.m_ordinal != course.m_last_ordinal + 1) {
         count_gap(channel);
     }
-    state.m_last_ordinal[channel] = frame.m_ordinal;
-    state.m_channel_end[channel] = frame.m_channel_begin + static_cast<uint64_t>(frame.m_frame_len);
+    course.m_last_ordinal = frame.m_ordinal;
+    course.m_end = frame.m_channel_begin + static_cast<uint64_t>(frame.m_frame_len);
     if (state.has_policy()) {
         state.m_send_total = frame.m_begin;
     }
@@ -241,13 +242,14 @@ void CMediaStreamSender::begin_frame() {
 void CMediaStreamSender::count_gap(int channel) {
     MediaSenderState& state = *m_state;
     const CFrame& frame = *state.m_frame;
-    const uint64_t stepped_frames = std::exchange(state.m_stepped_frames[channel], 0);
-    const uint64_t stepped_bytes = std::exchange(state.m_stepped_bytes[channel], 0);
-    if (state.m_last_ordinal[channel] == 0 || frame.m_ordinal <= state.m_last_ordinal[channel]) {
+    MediaSenderState::Course& course = state.m_course[channel];
+    const uint64_t stepped_frames = std::exchange(course.m_stepped_frames, 0);
+    const uint64_t stepped_bytes = std::exchange(course.m_stepped_bytes, 0);
+    if (course.m_last_ordinal == 0 || frame.m_ordinal <= course.m_last_ordinal) {
         return;  // It begins with this channel: what came before was never meant for it.
     }
-    const uint64_t frames = frame.m_ordinal - state.m_last_ordinal[channel] - 1;
-    const uint64_t bytes = frame.m_channel_begin - state.m_channel_end[channel];
+    const uint64_t frames = frame.m_ordinal - course.m_last_ordinal - 1;
+    const uint64_t bytes = frame.m_channel_begin - course.m_end;
     MediaSenderStats& stats = state.m_stats;
     stats.skipped_frames += stepped_frames;
     stats.skipped_bytes += stepped_bytes;
@@ -298,7 +300,8 @@ int CMediaStreamSender::check_other_data(CSock* stream) {
         return 0;  // The usual case costs no lock; bytes that arrive just now go at the next boundary.
     }
     Infra::CGuard guard(state.m_other_mutex);
-    const int written = writeBytes(stream, state.m_other_data, static_cast<unsigned>(state.m_other_len));
+    const int written =
+        writeBytes(stream, state.m_other_data.get(), static_cast<unsigned>(state.m_other_len));
     if (written == 0) {
         socket_blocked("check_other_data");
         return state.m_other_len;
@@ -308,7 +311,7 @@ int CMediaStreamSender::check_other_data(CSock* stream) {
         return written;
     }
     const int left = state.m_other_len - written;
-    std::memmove(state.m_other_data, state.m_other_data + written, static_cast<size_t>(left));
+    std::memmove(state.m_other_data.get(), state.m_other_data.get() + written, static_cast<size_t>(left));
     Infra::relaxedStore(state.m_other_len, left);
     state.m_block_count = 0;
     state.m_block_time = 0;
@@ -338,12 +341,12 @@ void CMediaStreamSender::step_over(CFrame* frame) {
         state.m_lost_mask = static_cast<uint8_t>(state.m_lost_mask | bit);
     }
     state.m_send_total += static_cast<uint64_t>(frame->m_frame_len);
-    const int channel = frame->channel();
+    MediaSenderState::Course& course = state.m_course[frame->channel()];
     if ((Infra::relaxedLoad(state.m_channel_mask) & bit) == 0) {
-        state.m_last_ordinal[channel] = 0;
+        course.m_last_ordinal = 0;
     } else {
-        ++state.m_stepped_frames[channel];
-        state.m_stepped_bytes[channel] += static_cast<uint64_t>(frame->m_frame_len);
+        ++course.m_stepped_frames;
+        course.m_stepped_bytes += static_cast<uint64_t>(frame->m_frame_len);
     }
 }
 
@@ -369,7 +372,7 @@ bool CMediaStreamSender::resumes_at(CFrame* frame) {
     MediaSenderState& state = *m_state;
     const uint8_t bit = frame->channel_bit();
     const bool late = state.now() > frame->m_complete_us + state.max_lag_us();
-    if (late || frame->m_ordinal != state.m_last_ordinal[frame->channel()] + 1) {
+    if (late || frame->m_ordinal != state.m_course[frame->channel()].m_last_ordinal + 1) {
         state.m_lost_mask = static_cast<uint8_t>(state.m_lost_mask | bit);
     }
     if ((state.m_lost_mask & bit) == 0) {

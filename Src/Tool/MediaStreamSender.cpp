@@ -84,7 +84,10 @@ void CMediaStreamSender::SendOtherData(const char* data, int len) {
     if (int64_t{state.m_other_len} + len > MediaSenderState::OTHER_SIZE) {
         return;
     }
-    std::memcpy(state.m_other_data + state.m_other_len, data, static_cast<size_t>(len));
+    if (!state.m_other_data) {
+        state.m_other_data.reset(new char[MediaSenderState::OTHER_SIZE]);
+    }
+    std::memcpy(state.m_other_data.get() + state.m_other_len, data, static_cast<size_t>(len));
     Infra::relaxedStore(state.m_other_len, state.m_other_len + len);
 }
 

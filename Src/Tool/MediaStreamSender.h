@@ -75,54 +75,75 @@ private:
 
 /// A sender's state. Guarded by the mutex of m_core but for what says otherwise. What each delivered frame
 /// touches comes first and close together.
-struct MediaSenderState {
+struct alignas(64) MediaSenderState {
     static constexpr int OTHER_SIZE = 4096;
     static constexpr uint64_t NO_TIMEOUT_S = 0xFFFFFFFF;
     static constexpr int CHANNELS = 8;
     static constexpr uint8_t ALL_CHANNELS = 255;
 
-    uint64_t m_send_total = 0;               ///< Position in the stream; 0: not joined.
-    CMediaStreamSender* m_next = nullptr;    ///< In the buffer's list.
-    CSock* m_stream = nullptr;               ///< Borrowed. Read and written without a lock.
-    CFrame* m_frame = nullptr;               ///< Null when it has caught up.
-    int32_t m_iovec_index = 0;               ///< Entry to write next.
-    int32_t m_iovec_offset = 0;              ///< Bytes of it that are written.
-    uint64_t m_frame_left = 0;               ///< Bytes of the frame still to write.
-    uint32_t m_block_count = 0;              ///< Writes in a row that would block.
-    int32_t m_other_len = 0;                 ///< Changed under m_other_mutex; read without it to see a 0.
-    uint64_t m_block_time = 0;               ///< us; of the first of them since the last finished frame.
-    uint64_t m_send_timeout = NO_TIMEOUT_S;  ///< s. No lock.
-    uint8_t m_channel_mask = ALL_CHANNELS;   ///< No lock.
-    uint8_t m_lost_mask = 0;                 ///< Channels that wait for a key frame.
-    bool m_joined = false;                   ///< Has been given a place in the stream.
-    bool m_counted = false;                  ///< m_frame's m_sender_count has this sender in it.
-    bool m_leaving = false;                  ///< To be taken off as soon as the operation ends.
-    bool m_failed = false;                   ///< Taken off by a socket failure.
+    /// How far it has come on one channel.
+    struct Course {
+        uint64_t m_last_ordinal = 0;    ///< Of the last frame begun; 0: none since it chose the channel.
+        uint64_t m_end = 0;             ///< Where that frame ended in the bytes of its channel.
+        uint64_t m_stepped_frames = 0;  ///< Stepped over since then.
+        uint64_t m_stepped_bytes = 0;
+    };
+
+    // One cache line, and a second one up to the first two counters; each frame touches them and a Course.
+    uint64_t m_send_total = 0;              ///< Position in the stream; 0: not joined.
+    CMediaStreamSender* m_next = nullptr;   ///< In the buffer's list.
+    CSock* m_stream = nullptr;              ///< Borrowed. Read and written without a lock.
+    CFrame* m_frame = nullptr;              ///< Null when it has caught up.
+    int32_t m_iovec_index = 0;              ///< Entry to write next.
+    int32_t m_iovec_offset = 0;             ///< Bytes of it that are written.
+    uint64_t m_frame_left = 0;              ///< Bytes of the frame still to write.
+    uint32_t m_block_count = 0;             ///< Writes in a row that would block.
+    int32_t m_other_len = 0;                ///< Changed under m_other_mutex; read without it to see a 0.
+    uint8_t m_channel_mask = ALL_CHANNELS;  ///< No lock.
+    uint8_t m_lost_mask = 0;                ///< Channels that wait for a key frame.
+    bool m_joined = false;                  ///< Has been given a place in the stream.
+    bool m_counted = false;                 ///< m_frame's m_sender_count has this sender in it.
+    bool m_leaving = false;                 ///< To be taken off as soon as the operation ends.
+    bool m_failed = false;                  ///< Taken off by a socket failure.
+
+    MediaSenderState* m_next_state = nullptr;  ///< That of m_next.
+    uint64_t m_block_time = 0;  ///< us; of the first write since the last finished frame that would block.
     /// Null without. Changed under m_other_mutex; read without it to see the null.
     Infra::TFunction3<void, CMediaPacket*, int, int>* m_send_proc = nullptr;
-    long m_exception_id = 0;    ///< No lock.
-    uint64_t m_max_lag_us = 0;  ///< The resume policy; 0: none. No lock.
-
+    uint64_t m_max_lag_us = 0;    ///< The resume policy; 0: none. No lock.
     MediaCore* m_list = nullptr;  ///< The core of the buffer whose list it is on, or null.
     CFrame* m_linked = nullptr;   ///< The frame whose chain of standing senders it is in.
-    MediaSenderState* m_standing_next = nullptr;
-    MediaSenderState** m_standing_link = nullptr;  ///< What points at it in that chain.
+    MediaSenderStats m_stats;
+
+    Course m_course[CHANNELS];
+
     CFrame* m_tail =
         nullptr;  ///< A private copy of what was left of a frame, owned; m_frame while it is set.
-
-    uint64_t m_last_ordinal[CHANNELS] = {};  ///< Of the last frame begun; 0: none since it chose the channel.
-    uint64_t m_channel_end[CHANNELS] = {};   ///< Where that frame ended in the bytes of its channel.
-    uint64_t m_stepped_frames[CHANNELS] = {};  ///< Stepped over by the policy since then.
-    uint64_t m_stepped_bytes[CHANNELS] = {};
-    long m_skip_id = 0;       ///< No lock.
-    unsigned m_skip_msg = 0;  ///< No lock.
-    MediaSenderStats m_stats;
+    MediaSenderState* m_standing_next = nullptr;
+    MediaSenderState** m_standing_link = nullptr;  ///< What points at it in that chain.
+    long m_exception_id = 0;                       ///< No lock.
+    uint64_t m_send_timeout = NO_TIMEOUT_S;        ///< s. No lock.
+    long m_skip_id = 0;                            ///< No lock.
+    unsigned m_skip_msg = 0;                       ///< No lock.
 
     /// Comes behind the core's mutex. Also guards changes of m_core.
     Infra::CMutex m_other_mutex;
     /// The buffer whose list it is on or was on last. Changes under m_other_mutex and the old core's mutex.
     std::shared_ptr<MediaCore> m_core INFRA_GUARDED_BY(m_other_mutex);
-    char m_other_data[OTHER_SIZE] INFRA_GUARDED_BY(m_other_mutex);
+    /// OTHER_SIZE bytes, from the first use on.
+    std::unique_ptr<char[]> m_other_data INFRA_GUARDED_BY(m_other_mutex);
+
+    /// What the next sender's turn will touch is on its way while this one's write is in the kernel, which
+    /// leaves little of it in the caches.
+    void fetch_next() const {
+        if (m_next_state != nullptr) {
+            const char* const lines = reinterpret_cast<const char*>(m_next_state);
+            __builtin_prefetch(lines, 1);
+            __builtin_prefetch(lines + 64, 1);
+            __builtin_prefetch(m_next_state->m_course, 1);
+            __builtin_prefetch(m_next);
+        }
+    }
 
     bool at_boundary() const { return m_iovec_index == 0 && m_iovec_offset == 0; }
     uint64_t max_lag_us() const { return Infra::relaxedLoad(m_max_lag_us); }

@@ -46,9 +46,9 @@ struct MediaBufferStats {
 /// Call-backs (Release and GetBuffer of packets, Put of taps, send procedures) run with that lock held. They
 /// must not take a lock under which the product calls the buffer. From inside one, AddSender and DelSender
 /// are noted and done when the operation ends, and a sender that is to go writes nothing more; taps can be
-/// added and removed, and the getters work. Put, do_send, Clear, EnableAutoSend and DisableAutoSend of any
-/// buffer whose operation is in progress assert, as does the destruction of any buffer; so does switching
-/// auto-send of another one. A tap may put into another buffer, as long as the taps form no circle.
+/// added and removed, and the getters work. Put, do_send and Clear of the same buffer assert there, and so do
+/// EnableAutoSend, DisableAutoSend and the destruction of any buffer. A tap may put into another buffer, as
+/// long as the taps form no circle.
 class RETICOR_API CMediaBuffer {
 public:
     CMediaBuffer();
