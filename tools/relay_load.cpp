@@ -33,9 +33,8 @@ using std::uint64_t;
 constexpr uint64_t kSecond = 1000000000;  // ns
 constexpr uint64_t kStep = kSecond / 50;  // how often a slow client reads
 constexpr int kSlowRoom = 16384;          // bytes that the kernel takes for a client that is not fast
-constexpr double kMaxGrowth = 16;  // MiB; what the relay's memory may grow by once all clients are there
-constexpr double kSettle = 2;      // s, before which memory still settles
-constexpr double kStallSlack = 4;  // s; a stalled client is gone so long after its time at the latest
+constexpr double kSettle = 2;             // s, before which memory still settles
+constexpr double kStallSlack = 4;         // s; a stalled client is gone so long after its time at the latest
 
 struct Options {
     std::string host = "127.0.0.1";
@@ -47,6 +46,7 @@ struct Options {
     double slowRate = 150000;  // bytes a second
     double stallTimeout = 3;   // s; the relay's
     double seconds = 15;
+    double memory = 16;  // MiB that the relay may grow by, once all clients are there
 };
 
 enum class Pace { Fast, Slow, Stalled };
@@ -353,7 +353,7 @@ std::string Load::complaint() const {
             return name + ", a stalled one, was not dropped";
         }
     }
-    return m_settled > 0 && m_highest - m_settled > kMaxGrowth ? "the relay's memory grows" : "";
+    return m_settled > 0 && m_highest - m_settled > m_options.memory ? "the relay's memory grows" : "";
 }
 
 int Load::printVerdict() const {
@@ -419,6 +419,8 @@ int main(int argc, char** argv) {
         ->check(CLI::Range(1000.0, 1e9))
         ->capture_default_str();
     app.add_option("--stall-timeout", options.stallTimeout, "s after which the relay drops a stalled client")
+        ->capture_default_str();
+    app.add_option("--memory", options.memory, "MiB that the relay may grow by, once all clients are there")
         ->capture_default_str();
     app.add_option("--seconds", options.seconds, "how long to watch")
         ->check(CLI::Range(0.1, 1e6))

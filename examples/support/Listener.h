@@ -48,8 +48,11 @@ public:
     }
 
     /// Returns when everybody has left. The listener enters first and leaves for good, and so the roster runs
-    /// empty once.
-    void waitUntilEmpty() { m_empty.pend(); }
+    /// empty once. The roster may go then.
+    void waitUntilEmpty() {
+        m_empty.pend();
+        CGuard guard(m_mutex);  // whoever left last is out of `leave` as well
+    }
 
 private:
     Orvex::Infra::CMutex m_mutex;
