@@ -1,8 +1,6 @@
 // FrameRing: the newest frames; see the header.
 #include "FrameRing.h"
 
-#include <cstring>
-
 #include "common/Usage.h"
 
 namespace Bench {
@@ -35,11 +33,6 @@ Frame& FrameRing::make() {
     header.sentNs = nowNs();
     header.level = static_cast<std::uint8_t>(frame.key ? kKeyLevel : kOtherLevel);
     header.write(frame.header);
-    if (m_layout == Layout::Whole) {
-        frame.whole.resize(frameSize());
-        std::memcpy(frame.whole.data(), frame.header, FrameHeader::kSize);
-        std::memcpy(frame.whole.data() + FrameHeader::kSize, frame.payload, m_options.frameBytes);
-    }
     return frame;
 }
 

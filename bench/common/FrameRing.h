@@ -20,17 +20,14 @@ struct Frame {
     unsigned holders = 0;
     unsigned char header[FrameHeader::kSize] = {};
     const char* payload = nullptr;  // a window of the table, not owned
-    std::vector<char> whole;        // header and payload in one piece, where that was asked for
 };
 
 // Belongs to one thread. A client keeps the number of the frame that it wants next; there is no queue per
 // client.
 class FrameRing {
 public:
-    enum class Layout { Pieces, Whole };
-
-    FrameRing(const FanoutOptions& options, const PayloadTable& table, Layout layout)
-        : m_options(options), m_table(table), m_layout(layout), m_slots(mostLag(options)) {}
+    FrameRing(const FanoutOptions& options, const PayloadTable& table)
+        : m_options(options), m_table(table), m_slots(mostLag(options)) {}
 
     std::size_t frameSize() const { return FrameHeader::kSize + m_options.frameBytes; }
 
@@ -59,7 +56,6 @@ private:
 
     const FanoutOptions m_options;
     const PayloadTable& m_table;
-    const Layout m_layout;
     std::uint64_t m_end = 0;
     std::vector<Frame*> m_slots;
     std::vector<Frame*> m_free;

@@ -65,7 +65,7 @@ HEADINGS = {
     "fanout-counts": ("What a delivered frame costs besides time", "Per frame and client. System calls are counted by "
                       "`{counter}` on the server's threads; allocations (malloc and its kin) and copies in user space "
                       "(memcpy and its kin, 512 bytes and more) by a library that is loaded into the server, in a run "
-                      "of its own. libevent and GStreamer get each frame in one piece, which is put together once."),
+                      "of its own. GStreamer gets each frame in one piece, which is put together once: its sink would join two pieces for each client."),
     "messages": ("Messages", "One producer that is no worker posts to 1000 receivers on two workers as fast as it can; "
                  "serial messages run one after the other (asio: a strand). CPU is that of the whole process. Ratios "
                  "are to asio. Allocations are calls of malloc and its kin, in windows of 10,000 messages after one "

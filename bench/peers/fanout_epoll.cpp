@@ -38,7 +38,7 @@ public:
           m_handOver(handOver),
           m_epoll(epoll_create1(EPOLL_CLOEXEC)),
           m_pace(options.fps),
-          m_ring(options, table, FrameRing::Layout::Pieces) {
+          m_ring(options, table) {
         epoll_event event{};
         event.events = EPOLLIN;  // data.ptr stays null, which tells new clients from known ones
         epoll_ctl(m_epoll, EPOLL_CTL_ADD, handOver.readEnd(), &event);

@@ -32,10 +32,7 @@ struct Client {
 class Loop {
 public:
     Loop(const Bench::FanoutOptions& options, const Bench::PayloadTable& table, Bench::HandOver& handOver)
-        : m_options(options),
-          m_handOver(handOver),
-          m_pace(options.fps),
-          m_ring(options, table, FrameRing::Layout::Whole) {
+        : m_options(options), m_handOver(handOver), m_pace(options.fps), m_ring(options, table) {
         event_config* config = event_config_new();
         event_config_set_flag(config, EVENT_BASE_FLAG_NOLOCK);  // a base belongs to its thread alone
         event_config_set_flag(config, EVENT_BASE_FLAG_PRECISE_TIMER);
@@ -169,8 +166,9 @@ private:
         client.next = m_ring.resume(client.next);
         for (std::uint64_t count = 0; count < kMostFrames && client.next < m_ring.end(); ++count) {
             Frame& frame = m_ring.at(client.next++);
-            m_ring.hold(frame);
-            evbuffer_add_reference(client.unsent, frame.whole.data(), frame.whole.size(), onReleased, &frame);
+            frame.holders += 2;  // a reference each to header and payload
+            evbuffer_add_reference(client.unsent, frame.header, sizeof frame.header, onReleased, &frame);
+            evbuffer_add_reference(client.unsent, frame.payload, m_options.frameBytes, onReleased, &frame);
         }
         return evbuffer_get_length(client.unsent) != 0;
     }
