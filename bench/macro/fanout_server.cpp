@@ -1,8 +1,11 @@
 // Fan-out server on Reticor: a media buffer per delivery thread, a sender per client, and frames whose
 // payload is a window of one table that all of them share, so that no byte of it is ever copied.
 #include <sched.h>
+#include <sys/epoll.h>
 #include <time.h>
+#include <unistd.h>
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <memory>
@@ -117,7 +120,10 @@ class Viewer;
 class Delivery {
 public:
     Delivery(const Bench::FanoutOptions& options, const Bench::PayloadTable& table)
-        : m_options(options), m_table(table), m_pace(options.fps) {}
+        : m_options(options), m_table(table), m_pace(options.fps), m_room(epoll_create1(EPOLL_CLOEXEC)) {}
+    ~Delivery() { close(m_room); }
+    Delivery(const Delivery&) = delete;
+    Delivery& operator=(const Delivery&) = delete;
 
     CMediaBuffer& buffer() { return m_buffer; }
 
@@ -131,6 +137,13 @@ public:
             m_stop = true;
         }
         m_thread.join();
+    }
+
+    // Edges alone are of interest: a client that is never full costs nothing, nor does one that stays full.
+    void watchRoom(int fd) {
+        epoll_event event{};
+        event.events = EPOLLOUT | EPOLLET;
+        epoll_ctl(m_room, EPOLL_CTL_ADD, fd, &event);
     }
 
     // False when the end has begun.
@@ -153,10 +166,10 @@ public:
     void endViewers();
 
 private:
-    // How long until blocked clients are tried again, between frames. With frames at a pace, the next one is
-    // an occasion too; without, nothing else moves the stream.
-    static constexpr std::uint64_t kRetryNs = 10000000;
-    static constexpr std::uint64_t kFullSpeedRetryNs = 100000;
+    // A step visits all clients, so room that several of them have at about the same time is used in one
+    // step.
+    static constexpr std::uint64_t kFullSpeedRestNs = 100000;
+    static constexpr std::uint64_t kPacedRestNs = 500000;
 
     void produce() {
         while (!m_stop) {
@@ -168,15 +181,22 @@ private:
                     sched_yield();  // the buffer's lock is free for a moment: for clients that come or go
                 }
             } else if (fullSpeed) {
-                sleepUntil(now + kFullSpeedRetryNs);
+                sleepUntil(now + kFullSpeedRestNs);
                 goOn();
-            } else if (m_buffer.GetBufferNum() > 0 && now + kRetryNs < m_pace.dueNs()) {
-                sleepUntil(now + kRetryNs);
+            } else if (waitForRoom(m_pace.dueNs() - now)) {
                 goOn();
-            } else {
-                sleepUntil(m_pace.dueNs());
+                sleepUntil(std::min(now + kPacedRestNs, m_pace.dueNs()));
             }
         }
+    }
+
+    // Waits until a blocked client has room again, if the buffer still has something for it; false when the
+    // time is up.
+    bool waitForRoom(std::uint64_t ns) {
+        std::array<epoll_event, 256> events;
+        const timespec time{static_cast<time_t>(ns / 1000000000), static_cast<long>(ns % 1000000000)};
+        return epoll_pwait2(m_room, events.data(), static_cast<int>(events.size()), &time, nullptr) > 0 &&
+               m_buffer.GetBufferNum() > 0;
     }
 
     // Lets clients go on with what they have not got yet, without making the frames older.
@@ -210,6 +230,7 @@ private:
     const Bench::FanoutOptions m_options;
     const Bench::PayloadTable& m_table;
     Bench::FramePace m_pace;
+    int m_room;          // epoll instance with all clients' sockets, which leave it when they are closed
     FrameStore m_store;  // outlives the buffer, which gives frames back when it ends
     CMediaBuffer m_buffer;
     std::uint64_t m_made = 0;
@@ -235,6 +256,7 @@ public:
         self->AddRef();  // it may end before this returns
         if (delivery.enter(self)) {
             delivery.buffer().AddSender(self->m_sender);
+            delivery.watchRoom(fd);
             self->RegisterSock(self->m_stream, SOCK_READ, 0);
         } else {
             self->end();
