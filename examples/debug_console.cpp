@@ -144,8 +144,7 @@ void writeLine(void*, const Orvex::Infra::LogLine& line) {
 const Orvex::Infra::LogSink s_standard_output = {&writeLine, nullptr};
 
 /// Serves until the input ends. The result is main's.
-int run(unsigned short port, Console& console) {
-    Roster roster;
+int run(Roster& roster, unsigned short port, Console& console) {
     Listener* listener = Listener::Open(roster, CSockAddrStorage("127.0.0.1", port),
                                         [&](CSockStream& peer) { Connection::Create(roster, peer); });
     if (listener != nullptr) {
@@ -181,7 +180,8 @@ int main(int argc, char** argv) {
         return 1;
     }
     const bool enabled = debug_server && CNetThread::EnableR3() == 0;
-    const int result = run(port, *console);
+    Roster roster;  // outlives the workers, the last of which may still be leaving it when run returns
+    const int result = run(roster, port, *console);
     if (enabled) {
         CNetThread::DisableR3();
     }

@@ -83,6 +83,15 @@ TEST_F(TelnetSessionTest, LineOfBlanksHasNoReply) {
     expectPrompt(client);
 }
 
+TEST_F(TelnetSessionTest, WhatALineCannotHoldIsNotEchoed) {
+    start();
+    TcpClient client = greeted();
+    const std::string kept(255, 'x');
+    converse(client, kept + std::string(45, 'y') + "\r\n", kept + "\r\n:: command not found\r\nR3>");
+    EXPECT_TRUE(client.send("\n"));  // a bare LF is nothing
+    expectPrompt(client);
+}
+
 TEST_F(TelnetSessionTest, AnswersOfATelnetClientAreSwallowed) {
     start();
     TcpClient client = greeted();
@@ -108,7 +117,7 @@ TEST_F(TelnetSessionTest, ByeEndsTheConnectionAndNothingFollows) {
 TEST_F(TelnetSessionTest, OnlyTheExactWordSaysBye) {
     start();
     TcpClient client = greeted();
-    for (const char* line : {"bye ", " bye", "Bye", "byebye"}) {
+    for (const char* line : {"bye ", " bye", "Bye", "BYE", "byebye"}) {
         converse(client, std::string(line) + "\r", std::string(line) + "\r\n:: command not found\r\nR3>");
     }
 }

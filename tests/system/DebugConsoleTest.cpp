@@ -13,6 +13,8 @@ using namespace Orvex::Testing;
 namespace {
 
 const std::string kFrame(79, '-');
+const std::string kTips = "-                             Reticor tips                               -";
+const std::string kDelivered = "CNetSock::handle_netevent";
 
 /// The program, behind the lines of its start.
 class DebugConsoleTest : public testing::Test {
@@ -27,25 +29,55 @@ protected:
         m_port = std::stoi(line.substr(line.rfind(':') + 1));
     }
 
-    /// Types a line; the reply is a frame around a message.
+    /// Types a line and waits until it has had its effect; the last message in a frame that it brought.
+    /// Traces that come in between are left out: they are of what began before.
     std::string ask(const std::string& line) {
-        m_console.write(line + "\n");
-        EXPECT_EQ(kFrame, m_console.readLine());
-        EXPECT_EQ("-                             Reticor tips                               -",
-                  m_console.readLine());
-        EXPECT_EQ(kFrame, m_console.readLine());
-        std::string message = m_console.readLine();
-        EXPECT_EQ(kFrame, m_console.readLine());
+        m_console.write(line + "\n?\n");
+        std::string message;
+        const std::vector<std::string> lines = linesTo("quit");  // what the console says to "?"
+        for (size_t i = 4; i < lines.size(); ++i) {
+            const bool framed = lines[i] == kFrame && lines[i - 2] == kFrame && lines[i - 4] == kFrame;
+            if (framed && lines[i - 3] == kTips) {
+                message = lines[i - 1];
+            }
+        }
         return message;
     }
 
-    /// The next lines, up to one that holds `last`.
+    /// The next lines, up to one that holds `last`. Traces do not break frames: those are of one call each,
+    /// but can stand between two lines of one, so they are taken out.
     std::vector<std::string> linesTo(const std::string& last) {
         std::vector<std::string> lines;
         do {
-            lines.push_back(m_console.readLine());
-        } while (lines.back().find(last) == std::string::npos && !m_console.hasEnded());
+            const std::string line = m_console.readLine();
+            if (line.rfind("<Reticor Debug>", 0) != 0) {
+                lines.push_back(line);
+            }
+        } while ((lines.empty() || lines.back().find(last) == std::string::npos) && !m_console.hasEnded());
         return lines;
+    }
+
+    /// The next trace that holds `text`.
+    std::string trace(const std::string& text) {
+        std::string line;
+        do {
+            line = m_console.readLine();
+        } while (line.find(text) == std::string::npos && !m_console.hasEnded());
+        return line;
+    }
+
+    /// A client whose connection is there for good: its first echo has come back.
+    TcpClient client() {
+        TcpClient connected(m_port);
+        EXPECT_TRUE(connected.echoes("before\n"));
+        return connected;
+    }
+
+    /// The number behind `name` in a trace.
+    static std::string numberIn(const std::string& line, const std::string& name) {
+        const size_t at = line.find(name);
+        return at == std::string::npos ? "none"
+                                       : line.substr(at + name.size(), line.find(',', at) - at - name.size());
     }
 
     int end() {
@@ -62,72 +94,79 @@ TEST_F(DebugConsoleTest, LibraryEntersItsCommand) {
     EXPECT_THAT(m_start, testing::Contains(testing::EndsWith(
                              "InitConsoleDebug Failed! Will not to able use console commands.")));
     m_console.write("what\n");
-    EXPECT_EQ("ntf: ntf [-h]", m_console.readLine());
-    EXPECT_EQ("quit", m_console.readLine());
+    EXPECT_EQ((std::vector<std::string>{"ntf: ntf [-h]", "quit"}), linesTo("quit"));
     EXPECT_THAT(ask("ntf -S"), testing::StartsWith("The command you entered is incorrect"));
     EXPECT_EQ(end(), 0);
 }
 
 TEST_F(DebugConsoleTest, TracesTheDeliveriesOfAnEcho) {
-    TcpClient client(m_port);
-    EXPECT_TRUE(client.echoes("before\n"));
+    TcpClient echo = client();
     EXPECT_EQ("Display socket event all processes.", ask("ntf -S -a"));
-    EXPECT_TRUE(client.echoes("traced\n"));
-    EXPECT_THAT(m_console.readLine(),
+    EXPECT_TRUE(echo.echoes("traced\n"));
+    EXPECT_THAT(trace(kDelivered),
                 testing::MatchesRegex(
                     "<Reticor Debug> Enter CNetSock::handle_netevent event->m_obj_id:-[0-9]+ socket:[0-9]+, "
                     "m_revents:1, m_event_mask:1 ret:0, m_set_time:0\\."));
     EXPECT_EQ("Turn off debugging.", ask("ntf -S -off"));
-    EXPECT_TRUE(client.echoes("after\n"));
-    EXPECT_EQ("Display socket event flow low density.", ask("ntf -S --less")) << "nothing came between";
+    EXPECT_EQ(end(), 0);
+}
+
+TEST_F(DebugConsoleTest, IsQuietAfterOff) {
+    TcpClient echo = client();
+    ask("ntf -S -a");
+    ask("ntf -S -off");
+    EXPECT_TRUE(echo.echoes("any delivery that began before is over now\n"));
+    ask("ntf -S -off");
+    EXPECT_TRUE(echo.echoes("not traced\n"));
+    EXPECT_TRUE(echo.echoes("nor this, and the one before is over\n"));
+    m_console.write("?\n");
+    int traces = 0;
+    for (std::string line; line != "quit" && !m_console.hasEnded();) {
+        line = m_console.readLine();
+        traces += line.find("<Reticor Debug>") != std::string::npos ? 1 : 0;
+    }
+    EXPECT_EQ(0, traces);
     EXPECT_EQ(end(), 0);
 }
 
 TEST_F(DebugConsoleTest, TracesEveryStepWithHighDensity) {
-    TcpClient client(m_port);
-    EXPECT_TRUE(client.echoes("before\n"));
+    TcpClient echo = client();
     ask("ntf -S --more");
     ask("ntf -S -r");
-    EXPECT_TRUE(client.echoes("traced\n"));
-    const std::vector<std::string> lines = linesTo("reset_timer");
-    ASSERT_EQ(4u, lines.size());
-    EXPECT_THAT(lines[0],
+    EXPECT_TRUE(echo.echoes("traced\n"));
+    const std::string begin = trace("::Connection handle sock event begin at ");
+    EXPECT_THAT(begin,
                 testing::MatchesRegex("<Reticor Debug> Enter CNetSock::handle_net  object:0x[0-9a-f]+, "
                                       "class:.*Connection handle sock event begin at [0-9]+ us, "
                                       "fd:[0-9]+,revents:1\\."));
-    EXPECT_THAT(lines[1], testing::HasSubstr("handle sock event end at"));
-    EXPECT_THAT(lines[2], testing::HasSubstr("CNetSock::handle_netevent"));
+    const std::string fd = numberIn(begin, "fd:");
+    EXPECT_THAT(trace("fd:" + fd + ","), testing::HasSubstr("handle sock event end at"));
+    EXPECT_THAT(trace("socket:" + fd), testing::HasSubstr(kDelivered));
+    EXPECT_THAT(trace("socket:" + fd), testing::HasSubstr("CNetSock::reset_timer timt_out:0"));
     EXPECT_EQ(end(), 0);
 }
 
 TEST_F(DebugConsoleTest, FollowsOneSocketAmongOthers) {
-    TcpClient client(m_port);
-    TcpClient other(m_port);
-    EXPECT_TRUE(client.echoes("one\n"));
-    EXPECT_TRUE(other.echoes("two\n"));
+    TcpClient followed = client();
+    TcpClient other = client();
+    ask("ntf -S --more");
     ask("ntf -S -r");
-    EXPECT_TRUE(client.echoes("one\n"));
-    const std::string line = m_console.readLine();
-    const size_t at = line.find("socket:");
-    ASSERT_NE(at, std::string::npos) << line;
-    const std::string fd = line.substr(at + 7, line.find(',', at) - at - 7);
-    m_console.write("ntf -S -fd " + fd + "\n");
-    linesTo("Display the event flow sent by this socket:" + fd + ".");
-    EXPECT_EQ(kFrame, m_console.readLine());
+    EXPECT_TRUE(followed.echoes("which one is it?\n"));
+    const std::string fd = numberIn(trace("::Connection handle sock event begin at "), "fd:");
+    EXPECT_EQ("Display the event flow sent by this socket:" + fd + ".", ask("ntf -S -fd " + fd));
     EXPECT_TRUE(other.echoes("not traced\n"));
-    EXPECT_TRUE(client.echoes("traced\n"));
-    EXPECT_THAT(m_console.readLine(), testing::HasSubstr("socket:" + fd + ","));
+    EXPECT_TRUE(followed.echoes("traced\n"));
+    EXPECT_EQ(fd, numberIn(trace("handle sock event begin at "), "fd:"));
     EXPECT_EQ("Turn off debugging.", ask("ntf -S -off"));
     EXPECT_EQ(end(), 0);
 }
 
 TEST_F(DebugConsoleTest, EndsWithItsInput) {
-    TcpClient client(m_port);
-    EXPECT_TRUE(client.echoes("there\n"));
+    TcpClient echo = client();
     EXPECT_EQ("", m_console.exchange(""));
     EXPECT_EQ(m_console.wait(), 0);
-    EXPECT_EQ("", client.receiveAll());
-    EXPECT_TRUE(client.wasClosed());
+    EXPECT_EQ("", echo.receiveAll());
+    EXPECT_TRUE(echo.wasClosed());
 }
 
 }  // namespace
