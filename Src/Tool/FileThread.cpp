@@ -75,6 +75,12 @@ void RunFileTask() {
     if (task == nullptr) {
         return;
     }
+    if (g_file_threads_stop.load()) {
+        // A pass that was cut short has let its file's next task go, which may be the one that closes: what
+        // is left is for teardown to write.
+        fileTasks().Put(task, false);
+        return;
+    }
     int result = DONE;
     TakeTaskFailed();
     if (task->m_file == nullptr) {

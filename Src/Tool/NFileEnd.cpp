@@ -56,7 +56,7 @@ void CNFile::State::end(CNFile& file, CThreadPool& pool) {
     State& state = *file.m_state;
     {
         Infra::CGuard guard(state.m_api_mutex);
-        if (state.m_buf_count.load() > 0) {
+        if (state.m_buf_count.load() > 0 && state.m_dev != nullptr) {
             state.m_ended.store(true);
             if (!state.write_out_at_end()) {
                 INFRA_LOG_STATIC(2, "file data could not be written at the end! %s\n", state.m_info.name);

@@ -40,6 +40,10 @@ TICK_COLUMNS = [
     ("max_us", "max", "{:.0f}", False), ("drift_us", "drift us", "{:.0f}", False),
     ("drift_steps", "drift in steps of 5 ms", "{:.0f}", False),
 ]
+FILE_COLUMNS = [
+    ("mib_per_s", "MiB/s", "{:,.0f}", True), ("p50_us", "one call p50 us", "{:.2f}", False),
+    ("p99_us", "p99 us", "{:.2f}", False), ("max_us", "longest us", "{:,.0f}", False),
+]
 MESSAGE_COLUMNS = [
     ("ns_per_message", "ns/message", "{:.0f}", True), ("cpu_ns_per_message", "CPU ns/message", "{:.0f}", True),
     ("allocations_per_message", "allocations/message", "{:.4f}", False),
@@ -82,6 +86,12 @@ HEADINGS = {
               "first call against `start + n * period`; below zero it came early, which timers may by 3 ms at most. "
               "Its median is a matter of where in the 5 ms grid of the timers the start happened to lie. Drift "
               "is the median of the last tenth of the ticks less that of the first."),
+    "files": ("Files", "One caller writes a file in pieces of 4 KiB and reads it back, once after the page cache was told "
+              "to let go of it and once warm; every piece is compared. The time is from opening to the end of closing. "
+              "Reticor's caller is a handler on a pool with CPosixStorDev and its usual four buffers of 128 KiB; libuv's "
+              "calls are made one after the other from its loop, and a call is the handing over of the request. "
+              "Ratios are to fwrite and fread. The slow device sleeps 50 ms in every call (fwrite: in every write "
+              "behind its buffer of 8 KiB) and keeps nothing; what counts there is how long the caller is held."),
     "micro": ("Single operations", "Nanoseconds per item, or per round where a round has no items; with several "
               "threads that of one thread."),
 }
@@ -106,7 +116,7 @@ def write(results, order, directory):
     medians = medians_of(results)
     pictures = plots.draw(medians, {name: row["title"] for name, row in rows.items()}, directory)
     page = ["# Benchmarks", "", *preface(rows), "", *target_table(medians, rows)]
-    for group in ("echo", "syscalls", "fanout", "fanout-counts", "messages", "timers", "ticks", "micro"):
+    for group in ("echo", "syscalls", "fanout", "fanout-counts", "messages", "timers", "ticks", "files", "micro"):
         members = {name: row for name, row in rows.items() if row["group"] == group}
         if members:
             page += ["", *section(group, members, medians, pictures.get(group, []))]
@@ -168,6 +178,11 @@ def section(group, rows, medians, pictures):
         elif group == "messages":
             for kind, title in (("stream", "2 million messages"), ("serial", "Serial messages"), ("burst", "Bursts")):
                 lines += ["", f"### {title}", "", *table(row, medians[name], "asio", MESSAGE_COLUMNS, kind + ".")]
+        elif group == "files":
+            lines += ["", f"### {row['title']}"]
+            for phase, title in (("write", "Writing"), ("cold", "Reading, cold"), ("warm", "Reading, warm")):
+                if any(key.startswith(phase) for figures in medians[name].values() for key in figures):
+                    lines += ["", f"{title}:", "", *table(row, medians[name], "stdio", FILE_COLUMNS, phase + ".")]
         elif group == "ticks":
             for phase, title in (("one", "One event"), ("many", "1000 events"),
                                  ("loaded", "1000 events, every worker busy")):

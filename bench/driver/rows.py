@@ -8,7 +8,7 @@ from tools import Server, calls_per_request
 
 NAMES = {
     "epoll": "plain epoll", "libevent": "libevent", "libuv": "libuv", "asio": "asio", "tbb": "TBB",
-    "gstreamer": "GStreamer", "reticor": "Reticor",
+    "gstreamer": "GStreamer", "stdio": "fwrite, fread", "posix": "pwrite, pread", "reticor": "Reticor",
 }
 ECHO = ["epoll", "libevent", "libuv", "asio", "reticor"]
 FANOUT = ["epoll", "libevent", "gstreamer", "reticor"]
@@ -26,13 +26,14 @@ class Scale:
     tick_seconds: float
     micro_seconds: float
     fanout_seconds: float
+    file_bytes: int
     fanout_settle: float  # 1 lets every client begin at a key frame and slow ones fall behind as far as they will
 
 
 FULL = Scale(seconds=2, warm_up=0.5, messages=2000000, bursts=20, timers=1000000, idle_seconds=3, tick_seconds=10,
-             micro_seconds=0.2, fanout_seconds=2.5, fanout_settle=1)
+             micro_seconds=0.2, fanout_seconds=2.5, file_bytes=1 << 30, fanout_settle=1)
 QUICK = Scale(seconds=0.5, warm_up=0.2, messages=200000, bursts=5, timers=1000000, idle_seconds=1, tick_seconds=1,
-              micro_seconds=0.02, fanout_seconds=0.8, fanout_settle=1)
+              micro_seconds=0.02, fanout_seconds=0.8, file_bytes=128 << 20, fanout_settle=1)
 
 
 class EchoRow:
@@ -201,6 +202,25 @@ def tick_arguments(scale):
     return ["--idle-seconds", scale.tick_seconds / 2, "--loaded-seconds", scale.tick_seconds]
 
 
+class FileRow(ProgramRow):
+    """A file on a disk, or a device that is slow at every call; one program for all rows."""
+
+    def __init__(self, name, title, implementations, arguments):
+        super().__init__(name, title, implementations, arguments)
+        self.group = "files"
+
+    def program(self, implementation):
+        return f"files_{implementation}"
+
+
+def file_arguments(scale):
+    return ["--bytes", scale.file_bytes, "--directory", os.environ.get("BENCH_FILES", "/var/tmp")]
+
+
+def slow_file_arguments(scale):
+    return ["--bytes", 2 << 20, "--slow-ms", 50]
+
+
 def all_rows(micro_programs):
     return [
         EchoRow("echo-64b-1", "64 B, 1 connection", 1, 1, 64),
@@ -226,5 +246,9 @@ def all_rows(micro_programs):
         ProgramRow("messages", "Messages", ["asio", "tbb", "reticor"], message_arguments),
         ProgramRow("timers", "Timers", ["libuv", "libevent", "reticor"], timer_arguments),
         ProgramRow("ticks", "Ticks", ["reticor"], tick_arguments),
+        FileRow("files", "1 GiB in pieces of 4 KiB, written and read back", ["stdio", "posix", "libuv", "reticor"],
+                file_arguments),
+        FileRow("files-slow", "2 MiB in pieces of 4 KiB to a device whose every call takes 50 ms", ["stdio", "reticor"],
+                slow_file_arguments),
         *[MicroRow(program) for program in micro_programs],
     ]

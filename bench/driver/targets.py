@@ -39,7 +39,7 @@ def reached(medians, titles):
     """All targets of which the figures are there."""
     found = Medians(medians)
     targets = [*echo(found, titles), *syscalls(found, titles), *fanout(found, titles), *messages(found),
-               *timers(found), *ticks(found), *micro(found)]
+               *timers(found), *ticks(found), *files(found), *micro(found)]
     return [target for target in targets if target.reached is not None]
 
 
@@ -146,6 +146,18 @@ def ticks(found):
                      found.get("ticks", "reticor", phase + ".cpu_ns_per_event"), 100, unit="ns")
     yield Target(work, "drift after 10 s in steps of 5 ms, every worker busy",
                  found.get("ticks", "reticor", "loaded.drift_steps"), 0)
+
+
+def files(found):
+    work = "1 GiB in pieces of 4 KiB"
+    yield Target(work, "bytes/s written against fwrite", found.ratio("files", "write.mib_per_s", "reticor", "stdio"), 0.9,
+                 at_least=True)
+    yield Target(work, "bytes/s read from a cold cache against fread",
+                 found.ratio("files", "cold.mib_per_s", "reticor", "stdio"), 0.7, at_least=True)
+    for phase, what in (("write", "Write"), ("cold", "Read, cold cache"), ("warm", "Read, warm cache")):
+        yield Target(work, f"p99 of one call, {what}", found.get("files", "reticor", phase + ".p99_us"), 5, unit="us")
+    yield Target("A device whose every call takes 50 ms", "longest call of the caller",
+                 found.get("files-slow", "reticor", "write.max_us"), 200, unit="us")
 
 
 def micro(found):

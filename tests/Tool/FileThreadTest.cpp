@@ -340,6 +340,22 @@ TEST_F(FileEnd, InTheNextLifeFilesWorkWithoutWorkersAndTheLogSaysSoOnce) {
     EXPECT_EQ(0, CNetThread::DestroyThreadPool());
 }
 
+// The pass of the closed file is cut short between two of its blocks.
+TEST_F(FileEnd, AClosedFileWhosePassIsCutShortLosesNothing) {
+    Gate gate;
+    CNFile* const file = open(disk, [&](unsigned) { return gate.pass(), MemoryDevice::LET_BE; });
+    const std::string bytes = Testing::pattern(4 * Testing::BLOCK);
+    file->Write(bytes.data(), 4 * Testing::BLOCK);
+    ASSERT_TRUE(gate.awaitArrivals(1));
+    file->Close();
+    std::thread ender([] { EXPECT_EQ(0, CNetThread::DestroyThreadPool()); });
+    EXPECT_EVENTUALLY(g_file_threads_stop.load());
+    gate.open();
+    ender.join();
+    EXPECT_EQ(1, disk->closes);
+    EXPECT_TRUE(bytes == disk->content());
+}
+
 // A worker may be in a device while the pool goes: what it does afterwards must find no pool, and do no harm.
 TEST_F(FileEnd, TheEndWaitsForTheDeviceCallThatIsRunning) {
     Gate gate;
