@@ -111,7 +111,7 @@ TEST_F(FileTaskQueueTest, TheLastTaskOfAFileIsNotParked) {
 TEST_F(FileTaskQueueTest, ATaskThatFailsRestsTwiceAsLongEachTimeUpToAQuarterOfASecond) {
     FileTask* const task = put(ONE);
     uint64_t now = 1000;
-    for (const unsigned ms : {1, 2, 4, 8, 16, 32, 64, 128, 250, 250, 250}) {
+    for (const unsigned ms : {1u, 2u, 4u, 8u, 16u, 32u, 64u, 128u, 250u, 250u, 250u}) {
         ASSERT_EQ(task, queue.Get());
         queue.Rest(task, now);
         EXPECT_EQ(nullptr, queue.Get());

@@ -1,6 +1,7 @@
 // The samples of docs/guide.md, compiled as they are printed, and run.
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 
 #include <netinet/in.h>
 #include <unistd.h>
@@ -215,4 +216,19 @@ TEST_F(GuideTest, SinkCountsErrors) {
     ErrorCount count;
     EXPECT_EQ(CNetThread::DestroyPrivatePool(63), -1);  // none there: one line at level 2
     EXPECT_EQ(count.errors(), 1);
+}
+
+TEST_F(GuideTest, ScribeWritesAllThatItWasTold) {
+    const std::string path = "/tmp/reticor-guide-" + std::to_string(getpid());
+    const std::string text = "all work and no play makes a dull file\n";
+    ASSERT_EQ(CreateThreadPool(2, 1), 0);  // the file workers live until the fixture lets the library go
+    Scribe::Create(m_gone, path, text, 50000);
+    m_gone.pend();
+    EXPECT_EQ(DestroyThreadPool(), 0);
+    struct stat found {};
+    EXPECT_EVENTUALLY(stat(path.c_str(), &found) == 0 &&
+                      found.st_size == static_cast<off_t>(50000 * text.size()));
+    unlink(path.c_str());
+    Scribe::Create(m_gone, "/no/such/folder", text, 1);
+    m_gone.pend();
 }
