@@ -108,7 +108,12 @@ def fanout(found, titles):
     yield Target(work, "payload bytes copied in user space, per byte", found.get(counts, "reticor", "copied"), 0)
     # Allocations are those of the whole process: less than one a second is none per frame and client.
     yield Target(work, "heap allocations", found.get(counts, "reticor", "allocations"), 0.001)
-    yield Target(work, "write calls", found.get(counts, "reticor", "send"), 1)
+    # To hundredths: perf does not begin and end to count at the very moment at which frames are.
+    yield Target(work, "write calls", hundredths(found.get(counts, "reticor", "send")), 1)
+
+
+def hundredths(value):
+    return None if value is None else round(value, 2)
 
 
 def seconds(us):

@@ -100,15 +100,16 @@ def perf_counts():
 
 def count_with_perf(tools, pid, program, load, cpus=None, window=False):
     """Runs the load and counts the server's calls meanwhile. Returns the load's JSON and calls by name. With
-    `window` the load is told a pipe by which it says from when to when."""
+    `window` the load is told pipes by which it says from when to when."""
     events = ["raw_syscalls:sys_enter"] + ["syscalls:sys_enter_" + name for name in CALLS]
     with tempfile.NamedTemporaryFile(mode="r") as counts, tempfile.TemporaryDirectory() as directory:
         wrapper = ["perf", "stat", "-x,", "-o", counts.name, "-p", str(pid), "-e", ",".join(events)]
         if window:
-            pipe = os.path.join(directory, "control")
-            os.mkfifo(pipe)
-            wrapper += ["-D", "-1", "--control", "fifo:" + pipe]
-            load = [*load, "--control", pipe]
+            control, answer = (os.path.join(directory, name) for name in ("control", "answer"))
+            os.mkfifo(control)
+            os.mkfifo(answer)
+            wrapper += ["-D", "-1", "--control", f"fifo:{control},{answer}"]
+            load = [*load, "--control", control, "--answer", answer]
         result = tools.json(program, *load, wrapper=[*wrapper, "--"], cpus=cpus)
         result["counted"] = result.get("frames") if window else None
         calls = collections.Counter()

@@ -39,6 +39,7 @@ struct Options {
     double seconds = 3;
     pid_t serverPid = 0;
     std::string control;  // the pipe to perf, which counts while frames are counted
+    std::string answer;   // and the one from it
     std::string counts;   // the file of bench/preload/CountInside.cpp
 };
 
@@ -295,7 +296,7 @@ void Load::runUntil(std::uint64_t endNs) {
 void Load::runToLull() {
     for (int tries = 0; tries < 20; ++tries) {
         const std::uint64_t before = m_total;
-        runUntil(Bench::nowNs() + 5000000);
+        runUntil(Bench::nowNs() + 10000000);
         if (m_total == before) {
             return;
         }
@@ -306,13 +307,15 @@ void Load::control(const char* command) const {
     if (m_options.control.empty()) {
         return;
     }
-    const int fd = open(m_options.control.c_str(), O_WRONLY | O_CLOEXEC);
+    const int to = open(m_options.control.c_str(), O_WRONLY | O_CLOEXEC);
+    const int from = open(m_options.answer.c_str(), O_RDONLY | O_CLOEXEC);
     const auto length = static_cast<ssize_t>(std::strlen(command));
-    if (fd < 0 || write(fd, command, std::strlen(command)) != length) {
-        die("cannot write to " + m_options.control);
+    char done[16];
+    if (to < 0 || write(to, command, std::strlen(command)) != length || read(from, done, sizeof done) <= 0) {
+        die("no answer from " + m_options.control);
     }
-    close(fd);
-    usleep(2000);  // until it has been read
+    close(to);
+    close(from);
 }
 
 InsideCounts Load::insideCounts() const {
@@ -402,6 +405,7 @@ int main(int argc, char** argv) {
     app.add_option("--seconds", options.seconds, "seconds measured");
     app.add_option("--server-pid", options.serverPid, "process whose processor time and memory is reported");
     app.add_option("--control", options.control, "pipe to perf, which counts only while frames are counted");
+    app.add_option("--answer", options.answer, "pipe by which perf says that it has done so");
     app.add_option("--counts", options.counts, "file in which that process counts allocations and copies");
     CLI11_PARSE(app, argc, argv);
     rlimit limit{};
