@@ -250,6 +250,25 @@ TEST_F(MediaResumePolicy, ViewersLeaveNoCountBehind) {
     EXPECT_EQ(buffer->GetStats().pinned_frames, 0U);
 }
 
+TEST_F(MediaResumePolicy, AFrameThatExpiresWhileHalfOfItIsOnAWireIsCountedOnceMore) {
+    MediaClient& a = joinedClient();
+    MediaClient& b = viewer(3600000);
+    put(30, 1, 1);
+    a.sock.setRoom(3);
+    put(10, 1, 1);  // where a stands
+    b.sock.setRoom(4);
+    put(10, 1, 10);
+    buffer->DelSender(b.sender);  // takes its count with it, and not the bytes it has written
+    tick(9);
+    EXPECT_EQ(buffer->GetBufferNum(), 2);
+    EXPECT_EQ(frames(), 3U);
+    tick();
+    EXPECT_EQ(buffer->GetBufferNum(), 2) << "expired in this pass";
+    EXPECT_EQ(frames(), 2U);
+    tick();
+    EXPECT_EQ(buffer->GetBufferNum(), 1);
+}
+
 TEST_F(MediaResumePolicy, AmongViewersAloneFramesExpireByWhoStandsOnThem) {
     MediaClient& a = joinedClient();
     MediaClient& b = client();

@@ -6,6 +6,7 @@
 
 #include "Core/Probes.h"
 #include "Tool/MediaFixture.h"
+#include "support/KernelThread.h"
 #include "support/PoolFixture.h"
 
 namespace Orvex::Reticor::ProbeDetail {
@@ -143,6 +144,16 @@ TEST_F(SenderHandler, TheSweepSurvivesTargetsThatChangeTheList) {
     running()->handle_timeout(timerOf(*running()));
 }
 
+TEST_F(SenderHandler, ASecondBuffersIntervalChangesNothing) {
+    CMediaBuffer second;
+    buffer->EnableAutoSend();
+    second.EnableAutoSend(50);
+    EXPECT_EQ(intervalOf(*running()), 100U);
+    buffer->DisableAutoSend();
+    second.DisableAutoSend();
+    EXPECT_EQ(running()->handle_timeout(timerOf(*running())), -1);
+}
+
 TEST_F(SenderHandler, ABufferIsRegisteredOnceAndItsEndTakesItOff) {
     MediaClient& a = joinedClient();
     buffer->EnableAutoSend(20);
@@ -212,7 +223,30 @@ TEST_F(SenderHandlerLive, TheTimerLetsBlockedSendersGoOn) {
     sender->Close();
 }
 
-// The first tick can come before the thread that arms the timer has stored its id.
+// The first tick can come before the thread that arms the timer has stored its id. It waits for that thread.
+TEST_F(SenderHandler, ATickThatComesBeforeTheTimersIdIsKnownIsNoStrangers) {
+    constexpr long ID = -12345;
+    CountingTarget target;
+    CSenderHandler::Add(0, &target);
+    CSenderHandler* const handler = running();
+    Infra::CMutex& list_mutex = *stateOf(ProbeDetail::HandlerListMutex{});
+    list_mutex.enter();
+    std::atomic<int> worker_id{0};
+    int64_t result = -2;
+    std::thread worker([&] {
+        worker_id = kernelThreadId();
+        result = handler->handle_timeout(ID);
+    });
+    EXPECT_EVENTUALLY(worker_id != 0 && sleepsInFutex(worker_id));
+    handler->*stateOf(ProbeDetail::HandlerTimer{}) = ID;
+    list_mutex.leave();
+    worker.join();
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(target.sends, 1);
+    CSenderHandler::Remove(0, &target);
+    handler->handle_timeout(ID);
+}
+
 TEST_F(SenderHandlerLive, AShortIntervalDoesNotLoseTheTimer) {
     for (int i = 0; i < 20; ++i) {
         CountingTarget target;
