@@ -48,7 +48,8 @@ void playFromTheMiddle(const std::string& encoder, const std::string& codec) {
     const std::string found = probe(relay.url("/live.ts"), 2, "stream=codec_name,nb_read_frames");
     EXPECT_GE(field(found, codec, "nb_read_frames"), 49) << found;
     EXPECT_LE(field(found, codec, "nb_read_frames"), 52) << found;
-    EXPECT_GE(field(found, "aac", "nb_read_frames"), 80) << found;
+    // 86 in two seconds; but what the file holds behind its pictures, up to 0.7 s, is not read any more.
+    EXPECT_GE(field(found, "aac", "nb_read_frames"), 55) << found;
     EXPECT_EQ(complaints(relay.url("/live.ts"), "2"), "");
     EXPECT_EQ(relay.end(), 0);
 }
