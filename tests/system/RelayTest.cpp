@@ -197,7 +197,7 @@ TEST(RelayTest, GivesASlowClientWholePicturesAndFewer) {
     const auto stats = relay.stats();
     EXPECT_GE(stats["clients"][0]["dropped_frames"], 15);
     EXPECT_GE(stats["clients"][0]["skips"], 1);
-    EXPECT_LT(stats["buffer"]["frames"], 40);
+    EXPECT_LE(stats["buffer"]["frames"], 102);  // a picture lives for a hundred ticks
     EXPECT_EQ(relay.end(), 0);
 }
 
