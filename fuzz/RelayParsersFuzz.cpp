@@ -1,0 +1,140 @@
+// Drives the parsers of examples/media_relay: the first byte chooses one. Any byte read or written outside of
+// what they were given ends the run.
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <utility>
+#include <vector>
+
+#include "media_relay/HttpRequest.h"
+#include "media_relay/TsClock.h"
+#include "media_relay/TsDemuxer.h"
+#include "media_relay/TsFramer.h"
+#include "media_relay/TsSections.h"
+
+using namespace relay;
+
+namespace {
+
+constexpr unsigned kMapPid = 0x20;
+constexpr size_t kShortPacket = 40;  // bytes of input that become a packet
+
+struct Sink : TsDemuxer::Sink {
+    void onUnit(AccessUnit&& unit) override {
+        if (unit.packets.empty() || unit.packets.size() % kTsPacketSize != 0 ||
+            unit.tables.size() % kTsPacketSize != 0) {
+            std::abort();
+        }
+    }
+};
+
+void take(TsDemuxer& demuxer, TsLoop& loop, PcrClock& clock, uint8_t* bytes) {
+    const TsPacket packet(bytes);
+    if (!packet.isSound()) {
+        return;
+    }
+    const bool isClock = demuxer.isClock(packet);
+    loop.apply(bytes, isClock);
+    if (isClock) {
+        clock.at(packet.pcr(), packet.isDiscontinuity());
+    }
+    demuxer.put(packet, clock.time_us());
+}
+
+/// The bytes as they are, in pieces.
+void driveBytes(const uint8_t* data, size_t size) {
+    Sink sink;
+    TsDemuxer demuxer(sink);
+    TsLoop loop;
+    PcrClock clock;
+    TsFramer framer;
+    while (size > 0) {
+        size_t room = 0;
+        uint8_t* const to = framer.room(room);
+        const size_t part = std::min({room, size, size_t{1} + data[0] * 4});
+        std::copy_n(data, part, to);
+        framer.filled(part);
+        data += part;
+        size -= part;
+        if (size == 0) {
+            framer.finish();
+        }
+        while (uint8_t* packet = framer.next()) {
+            take(demuxer, loop, clock, packet);
+        }
+    }
+    demuxer.flush();
+}
+
+/// Packets of a programme with pictures and sound, whose heads and first bytes are those of the input.
+void drivePackets(const uint8_t* data, size_t size) {
+    std::vector<uint8_t> map{2,    0xB0, 0,    0,    7,    0xC1, 0,    0,    0xE1, 0x00, 0xF0,
+                             0,    0x1B, 0xE1, 0x00, 0xF0, 0,    0x24, 0xE1, 0x01, 0xF0, 0,
+                             0x02, 0xE1, 0x02, 0xF0, 0,    0x0F, 0xE1, 0x03, 0xF0, 0};
+    map[2] = static_cast<uint8_t>(map.size() + 1);
+    const uint32_t sum = sectionChecksum(map.data(), map.size());
+    for (int shift = 24; shift >= 0; shift -= 8) {
+        map.push_back(static_cast<uint8_t>(sum >> shift));
+    }
+    std::vector<uint8_t> tables;
+    unsigned counter = 0;
+    appendSection(tables, 0, counter, makeAssociation(7, kMapPid));
+    appendSection(tables, kMapPid, counter, map);
+
+    Sink sink;
+    TsDemuxer demuxer(sink);
+    TsLoop loop;
+    PcrClock clock;
+    for (size_t at = 0; at < tables.size(); at += kTsPacketSize) {
+        take(demuxer, loop, clock, tables.data() + at);
+    }
+    for (; size >= kShortPacket; data += kShortPacket, size -= kShortPacket) {
+        std::vector<uint8_t> packet(data, data + kShortPacket);
+        packet.resize(kTsPacketSize, data[1]);
+        const unsigned pid = data[0] < 4 ? 0U : data[0] < 8 ? kMapPid : 0x100U + data[0] % 4;
+        packet[0] = kTsSync;
+        packet[1] = static_cast<uint8_t>((data[1] & 0x40U) | pid >> 8);
+        packet[2] = static_cast<uint8_t>(pid);
+        if (data[2] == 0) {
+            loop.again();
+        }
+        take(demuxer, loop, clock, packet.data());
+    }
+    demuxer.flush();
+}
+
+void driveTables(const uint8_t* data, size_t size) {
+    const std::vector<uint8_t> section(data, data + size);
+    unsigned program = 0;
+    unsigned pid = 0;
+    ProgramMap map;
+    parseAssociation(section, program, pid);
+    parseProgramMap(section, size > 4 ? section[3] * 256U + section[4] : 0U, map);
+}
+
+void driveRequest(const uint8_t* data, size_t size) {
+    HttpReader reader;
+    HttpRequest request;
+    int status = 0;
+    while (size > 0 && status == 0) {
+        const size_t part = std::min(size, size_t{1} + data[0] % 64);
+        status = reader.put(reinterpret_cast<const char*>(data), part, request);
+        data += part;
+        size -= part;
+    }
+    if (status == 200 && (request.path.empty() || request.path[0] != '/')) {
+        std::abort();
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    if (size == 0) {
+        return 0;
+    }
+    constexpr void (*kDrivers[])(const uint8_t*, size_t) = {driveBytes, drivePackets, driveTables,
+                                                            driveRequest};
+    kDrivers[data[0] % 4](data + 1, size - 1);
+    return 0;
+}
