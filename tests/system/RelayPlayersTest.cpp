@@ -1,5 +1,5 @@
 // media_relay and the programs that people use with it: players, and a browser.
-#include <algorithm>
+#include <fstream>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -81,6 +81,38 @@ TEST(RelayPlayersTest, PlaysALoopWithoutASeam) {
     EXPECT_EQ(complaints(relay.url("/live.ts"), "4"), "");
     EXPECT_GE(relay.stats()["input"]["rounds"], 3);
     EXPECT_EQ(relay.end(), 0);
+}
+
+// A client of half the stream's speed skips ahead to key frames. What it gets is less, and all of it can be
+// decoded.
+TEST(RelayPlayersTest, GivesASlowPlayerOnlyWhatDecodes) {
+    const TempFolder folder;
+    RelayProgram relay({"--input", makeStream(folder, "libx264", 4, 10, false), "--loop", "--speed", "4",
+                        "--sndbuf", "4096", "--max-lag", "200"});
+    Viewer slow(relay, "/live.ts", 4096);
+    while (slow.receiveLine() != "\r" && !slow.wasClosed()) {
+    }
+    const double before = relay.stats()["input"]["bytes"];
+    std::string bytes;
+    json stats = relay.stats();
+    while (stats["clients"][0]["dropped_frames"] < 50 && !HasFailure()) {
+        if (static_cast<double>(bytes.size()) < (stats["input"]["bytes"].get<double>() - before) / 2) {
+            bytes += slow.receive(3760);
+        }
+        stats = relay.stats();
+        ASSERT_EQ(stats["clients"].size(), 1U);
+    }
+    EXPECT_EQ(relay.end(), 0);
+
+    size_t end = 0;  // of the last picture that is whole
+    for (size_t at = 0; at + 188 <= bytes.size(); at += 188) {
+        const bool picture = (bytes[at + 1] & 0x1F) == 1 && bytes[at + 2] == 0;
+        end = picture && (bytes[at + 1] & 0x40) != 0 ? at : end;
+    }
+    ASSERT_GT(end, 188U * 100);
+    const std::string file = folder.file("slow.ts");
+    std::ofstream(file, std::ios::binary) << bytes.substr(0, end);
+    EXPECT_EQ(complaints(file, "100"), "");
 }
 
 TEST(RelayPlayersTest, GivesThePlayerThatWasThereTheWholeFile) {
