@@ -314,15 +314,27 @@ void CNFile::State::submit_all_buffer() {
     post_flush();
 }
 
+/// A running pass does it; waking a worker for a task that it would refuse is the dearest part of a call.
 void CNFile::State::post_write() {
+    {
+        Infra::CGuard guard(m_write_mutex);
+        if (m_writing) {
+            m_again = true;
+            return;
+        }
+    }
     PostFileTask(&m_file, FILE_TASK_WRITE, 0);
 }
 
-/// A write task that is tried until it succeeds, and pays message 6.
+/// A write task that is tried until it succeeds, and pays message 6; or a running pass that does the same.
 void CNFile::State::post_flush() {
     {
         Infra::CGuard guard(m_write_mutex);
         if (m_flush_tasks > 0) {
+            return;
+        }
+        if (m_writing) {
+            m_flush_wanted = true;
             return;
         }
         ++m_flush_tasks;

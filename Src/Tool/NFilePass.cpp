@@ -59,7 +59,7 @@ int CNFile::State::write_pass(long long arg) {
         Infra::CGuard guard(m_write_mutex);
         m_flush_tasks += counted ? 1 : 0;
     }
-    end_pass(false, outcome, arg == 1);
+    end_pass(Wanted(), outcome, arg == 1);
     // Cut short is not to be tried again: somebody drops the buffers, or writes them out in another way.
     return outcome == Outcome::cut ? 1 : 0;
 }
@@ -72,22 +72,21 @@ int CNFile::State::read_pass() {
     return serve_rounds() ? 1 : 0;
 }
 
-/// Serves what was asked for while the pass ran, and ends it. False if the device failed. A load that could
-/// not be made since the bytes before it could not be written is made by the next pass that can.
+/// Serves what was asked for while the pass ran, and ends it. False if the device failed.
 bool CNFile::State::serve_rounds() {
-    bool load_here = false;
-    for (int round = 0; next_round(load_here, round); ++round) {
+    Wanted wanted;
+    for (int round = 0; next_round(wanted, round); ++round) {
         Outcome outcome = write_out();
         if (outcome == Outcome::done) {
-            notify_stalled_read();
-            if (!load_here) {
-                continue;
+            if (wanted.flush) {
+                notify_write_message();
             }
-            load_here = false;
-            outcome = load();
+            notify_stalled_read();
+            outcome = wanted.load ? load() : outcome;
+            wanted = Wanted();
         }
         if (outcome != Outcome::done) {
-            end_pass(load_here, outcome, false);
+            end_pass(wanted, outcome, false);
             return outcome == Outcome::cut;
         }
     }
@@ -95,37 +94,40 @@ bool CNFile::State::serve_rounds() {
 }
 
 /// True if there is more to do; else the pass is over.
-bool CNFile::State::next_round(bool& load, int round) {
-    int task = FILE_TASK_WRITE;
+bool CNFile::State::next_round(Wanted& wanted, int round) {
     {
         Infra::CGuard guard(m_write_mutex);
-        const bool more = m_again || m_load_wanted;
+        const bool more = m_again || m_load_wanted || m_flush_wanted;
         if (more && round < MOST_ROUNDS) {
-            load = m_load_wanted;
+            wanted = {m_load_wanted, m_flush_wanted};
             m_again = false;
             m_load_wanted = false;
+            m_flush_wanted = false;
             return true;
         }
         m_writing = false;
         if (!more) {
             return false;
         }
-        task = m_load_wanted ? FILE_TASK_READ : FILE_TASK_WRITE;
+        // What is wanted stays noted for the task that goes on.
     }
-    PostFileTask(&m_file, task, 0);
+    PostFileTask(&m_file, FILE_TASK_READ, 0);
     return false;
 }
 
-/// A pass that the device did not let end. A load that is left, be it that the read task met this pass and is
-/// gone, needs somebody who tries again.
-void CNFile::State::end_pass(bool load_left, Outcome outcome, bool comes_again) {
+/// A pass that the device did not let end. What somebody waits for, be it that his task met this pass and is
+/// gone, needs a task that is tried again.
+void CNFile::State::end_pass(const Wanted& left, Outcome outcome, bool comes_again) {
+    bool waiting = false;
     {
         Infra::CGuard guard(m_write_mutex);
-        m_load_wanted = m_load_wanted || load_left;
-        load_left = m_load_wanted;
+        m_load_wanted = m_load_wanted || left.load;
+        waiting = m_load_wanted || m_flush_wanted || left.flush || m_again;
+        m_flush_wanted = false;
+        m_again = false;
         m_writing = false;
     }
-    if (load_left && outcome == Outcome::failed && !comes_again) {
+    if (waiting && outcome == Outcome::failed && !comes_again) {
         post_flush();
     }
 }

@@ -66,9 +66,10 @@ struct __attribute__((visibility("hidden"))) CNFile::State {
     std::atomic<bool> m_discard{false};
 
     Infra::CMutex m_write_mutex;
-    bool m_writing INFRA_GUARDED_BY(m_write_mutex) = false;      ///< A pass runs.
-    bool m_again INFRA_GUARDED_BY(m_write_mutex) = false;        ///< It is to look for writes once more.
-    bool m_load_wanted INFRA_GUARDED_BY(m_write_mutex) = false;  ///< It, or the next one, is to load.
+    bool m_writing INFRA_GUARDED_BY(m_write_mutex) = false;       ///< A pass runs.
+    bool m_again INFRA_GUARDED_BY(m_write_mutex) = false;         ///< It is to look for writes once more.
+    bool m_load_wanted INFRA_GUARDED_BY(m_write_mutex) = false;   ///< It, or the next one, is to load.
+    bool m_flush_wanted INFRA_GUARDED_BY(m_write_mutex) = false;  ///< It is to look again and pay message 6.
     /// Write tasks with argument 1 that are queued and have not begun: a further one would do nothing that
     /// these do not.
     int m_flush_tasks INFRA_GUARDED_BY(m_write_mutex) = 0;
@@ -125,6 +126,11 @@ struct __attribute__((visibility("hidden"))) CNFile::State {
 
 private:
     enum class Outcome { done, failed, cut };
+    /// What a round of a pass is asked for besides writing.
+    struct Wanted {
+        bool load = false;
+        bool flush = false;
+    };
 
     // The caller's side.
     bool hold_write_buffer() INFRA_REQUIRES(m_api_mutex);
@@ -146,8 +152,8 @@ private:
     // The worker's side.
     bool begin_write_pass(long long arg, bool& counted);
     bool begin_read_pass();
-    bool next_round(bool& load, int round);
-    void end_pass(bool load_left, Outcome outcome, bool comes_again);
+    bool next_round(Wanted& wanted, int round);
+    void end_pass(const Wanted& left, Outcome outcome, bool comes_again);
     bool serve_rounds() INFRA_REQUIRES(m_pass_mutex);
     bool cut_short() const;
     bool seek_to(long long position) INFRA_REQUIRES(m_pass_mutex);

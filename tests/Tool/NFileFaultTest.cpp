@@ -147,6 +147,30 @@ TEST_F(NFileFaultTest, ALoadWaitsForWritesThatFail) {
     closed(file);
 }
 
+// Blocks and callers that counted on a pass which then fails.
+TEST_F(NFileFaultTest, WhatWasLeftToAPassThatFailsIsTriedAgain) {
+    Gate gate;
+    MemoryDevice* const device = newDevice();
+    int failures = 2;
+    device->on_write = [&](unsigned) {
+        gate.pass();
+        return failures-- > 0 ? -1 : MemoryDevice::LET_BE;
+    };
+    CNFile* const file = open(device);
+    const std::string bytes = pattern(5 * BLOCK);
+    EXPECT_EQ(static_cast<int>(BLOCK), file->Write(bytes.data(), BLOCK));
+    std::thread worker([] { step(); });
+    ASSERT_TRUE(gate.awaitArrivals(1));
+    EXPECT_EQ(static_cast<int>(3 * BLOCK), write(*file, bytes.substr(BLOCK)));
+    gate.open();
+    worker.join();
+    EXPECT_EVENTUALLY(client->errors() == 1);
+    drain();
+    EXPECT_EVENTUALLY(client->rooms() == 1);
+    EXPECT_EQ(static_cast<int>(BLOCK), write(*file, bytes.substr(4 * BLOCK)));
+    EXPECT_TRUE(bytes == closed(file));
+}
+
 // The read task found a pass at work and left the load to it.
 TEST_F(NFileFaultTest, ALoadThatWasLeftToAPassThatFailsIsMadeAllTheSame) {
     Gate gate;

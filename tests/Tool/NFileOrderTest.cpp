@@ -201,12 +201,42 @@ TEST_F(NFileOrderTest, ABlockThatTheRunningPassDidNotSeeIsWrittenByItAllTheSame)
     std::thread worker([] { step(); });
     ASSERT_TRUE(gate.awaitArrivals(1));
     EXPECT_EQ(static_cast<int>(BLOCK), file->Write(bytes.data() + BLOCK, BLOCK));
-    EXPECT_TRUE(step());
-    EXPECT_FALSE(step()) << "its task is dropped";
+    EXPECT_FALSE(step()) << "nobody is woken for it";
     gate.open();
     worker.join();
     EXPECT_TRUE(bytes == disk->content()) << "without a further task";
     closed(file);
+}
+
+TEST_F(NFileOrderTest, AWriteTaskThatIsRefusedAndDroppedMakesTheRunningPassLookAgain) {
+    CNFile* const file = open(newGatedDevice());
+    const std::string bytes = pattern(2 * BLOCK);
+    EXPECT_EQ(static_cast<int>(2 * BLOCK), write(*file, bytes));
+    std::thread worker([] { step(); });
+    ASSERT_TRUE(gate.awaitArrivals(1));
+    EXPECT_TRUE(step());
+    EXPECT_FALSE(step());
+    EXPECT_EQ(1, fileTasks().Count(file)) << "the one that runs";
+    gate.open();
+    worker.join();
+    EXPECT_TRUE(bytes == disk->content());
+    closed(file);
+}
+
+TEST_F(NFileOrderTest, AWriterThatFindsNoRoomDuringAPassIsToldByItsEnd) {
+    CNFile* const file = open(newGatedDevice());
+    const std::string bytes = pattern(5 * BLOCK);
+    EXPECT_EQ(static_cast<int>(BLOCK), file->Write(bytes.data(), BLOCK));
+    std::thread worker([] { step(); });
+    ASSERT_TRUE(gate.awaitArrivals(1));
+    EXPECT_EQ(static_cast<int>(3 * BLOCK), write(*file, bytes.substr(BLOCK)));
+    EXPECT_FALSE(step());
+    EXPECT_EQ(0, client->rooms());
+    gate.open();
+    worker.join();
+    EXPECT_EVENTUALLY(client->rooms() == 1);
+    EXPECT_EQ(static_cast<int>(BLOCK), write(*file, bytes.substr(4 * BLOCK)));
+    EXPECT_TRUE(bytes == closed(file));
 }
 
 TEST_F(NFileOrderTest, SeeksWhileTheDeviceIsBusyDoNotPileUpTasks) {
