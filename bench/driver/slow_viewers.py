@@ -1,10 +1,11 @@
 #!/usr/bin/env python3
 """What viewers of slow links get, with the resume policy off and on: docs/bench/slow-viewers.md.
 
-    bench/driver/slow_viewers.py [--seconds N] [--skip N] [--max-lag MS] [--percents 120,95,...] [--out FILE]
+    bench/driver/slow_viewers.py [--seconds N] [--skip N] [--max-lag MS] [--percents 120,95,...] [--out FILE] [--render]
 
 Builds bench/macro/slow_viewers.cpp and runs it twice, without auto-send and with it at 100 ms. Each run takes as long
-as it says, since the frames come in real time: six minutes in all with the defaults. For a look, --seconds 30 --skip 6.
+as it says, since the frames come in real time: six minutes in all with the defaults. For a look, --seconds 30 --skip 6
+--out /tmp/look.md. The figures are kept beside the page as JSON, from which --render writes it anew.
 """
 
 import argparse
@@ -42,6 +43,7 @@ def parse_arguments():
     parser.add_argument("--max-lag", type=int, default=1000, help="the policy's limit in ms")
     parser.add_argument("--percents", default="120,95,75,50,25,10", help="bandwidths in percent of the stream's")
     parser.add_argument("--out", type=pathlib.Path, default=ROOT / "docs/bench/slow-viewers.md")
+    parser.add_argument("--render", action="store_true", help="writes the page from the stored figures")
     return parser.parse_args()
 
 
@@ -76,8 +78,18 @@ def patterns(rows):
     yield ""
 
 
-def page(options, runs):
-    machine = bench.machine()
+def take(options):
+    """All that the page is made of."""
+    build()
+    return {
+        "machine": bench.machine(), "date": str(datetime.date.today()), "commit": bench.commit(),
+        "seconds": options.seconds, "skip": options.skip, "max_lag_ms": options.max_lag,
+        "runs": [{"auto_send_ms": auto_send_ms, "viewers": measure(options, auto_send_ms)} for auto_send_ms in (0, 100)],
+    }
+
+
+def page(stored):
+    machine = stored["machine"]
     yield "# Viewers of slow links"
     yield ""
     yield "Written by `bench/driver/slow_viewers.py`. A stream of 25 frames/s with a key frame of 170 KB (level 1) every 50"
@@ -87,29 +99,31 @@ def page(options, runs):
     yield ""
     yield (f"- Machine: {'virtual machine with ' if machine['virtual'] else ''}{machine['processors']} processors "
            f"({machine['processor']}), {machine['system']}")
-    yield (f"- {datetime.date.today()}, commit {bench.commit()}; {options.seconds} s, the first {options.skip} s not "
+    yield (f"- {stored['date']}, commit {stored['commit']}; {stored['seconds']} s, the first {stored['skip']} s not "
            "counted")
     for link, text in LINKS.items():
         yield ""
         yield f"## {'Paced link' if link == 'paced' else 'CSimulatorStream'}"
         yield ""
         yield text
-        for max_lag in (0, options.max_lag):
-            for auto_send_ms, rows in runs.items():
-                chosen = [row for row in rows if row["link"] == link and row["max_lag_ms"] == max_lag]
+        for max_lag in (0, stored["max_lag_ms"]):
+            for run in stored["runs"]:
+                rows = [row for row in run["viewers"] if row["link"] == link and row["max_lag_ms"] == max_lag]
                 policy = f"`SetResumePolicy({max_lag})`" if max_lag else "Without the policy"
+                ticks = f"at {run['auto_send_ms']} ms" if run["auto_send_ms"] else "off"
                 yield ""
-                yield f"### {policy}, auto-send {'off' if auto_send_ms == 0 else f'at {auto_send_ms} ms'}"
+                yield f"### {policy}, auto-send {ticks}"
                 yield ""
-                yield from table(chosen)
-                yield from patterns(chosen)
+                yield from table(rows)
+                yield from patterns(rows)
 
 
 def main():
     options = parse_arguments()
-    build()
-    runs = {auto_send_ms: measure(options, auto_send_ms) for auto_send_ms in (0, 100)}
-    text = "\n".join(page(options, runs)).replace("\n\n\n", "\n\n").rstrip() + "\n"
+    figures = options.out.with_suffix(".json")
+    if not options.render:
+        figures.write_text(json.dumps(take(options), indent=1) + "\n")
+    text = "\n".join(page(json.loads(figures.read_text()))).replace("\n\n\n", "\n\n").rstrip() + "\n"
     options.out.write_text(text)
     print(text)
 
