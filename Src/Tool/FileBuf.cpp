@@ -36,7 +36,7 @@ CNBufPool::~CNBufPool() {
 }
 
 buffer_node* CNBufPool::NewNode() {
-    std::unique_ptr<char[]> block(new char[BLOCK_SIZE]);
+    std::unique_ptr<char[]> block(new char[BLOCK_BYTES]);
     auto* const node = new buffer_node;
     node->m_buf = block.release();
     return node;

@@ -30,7 +30,7 @@ CNFile* CNFile::Open(long handler_id, const char* path, const char* mode, CNStor
     }
     state->m_dev->Stat(&state->m_info);
     if (state->m_buf_count.load() == 0) {
-        file->SetBufferSize(CNBufPool::BLOCK_SIZE, CFileSlots::DEFAULT_COUNT);
+        file->SetBufferSize(CNBufPool::BLOCK_BYTES, CFileSlots::DEFAULT_COUNT);
     }
     return file;
 }
@@ -190,7 +190,7 @@ void CNFile::State::replace_buffers(unsigned count) {
         m_slots.Allocate(CFileSlots::DEFAULT_COUNT);
     }
     m_buf_count.store(m_slots.count());
-    m_buf_size = m_slots.count() > 0 ? CNBufPool::BLOCK_SIZE : 0;
+    m_buf_size = m_slots.count() > 0 ? CNBufPool::BLOCK_BYTES : 0;
     m_read_buf = nullptr;
     m_write_buf = nullptr;
     m_next_evict = 0;

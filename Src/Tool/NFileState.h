@@ -26,7 +26,7 @@ class CThreadPool;
 /// `m_api_mutex`. Only `m_pass_mutex` is held over calls of the device, and `m_msg_mutex` over posting.
 struct __attribute__((visibility("hidden"))) CNFile::State {
     /// The highest position from which a whole window still has an end.
-    static constexpr long long LAST_WINDOW = LLONG_MAX - CNBufPool::BLOCK_SIZE;
+    static constexpr long long LAST_WINDOW = LLONG_MAX - CNBufPool::BLOCK_BYTES;
 
     explicit State(CNFile& file, long handler_id, CNStorDev_IF* dev);
     ~State();

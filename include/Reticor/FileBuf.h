@@ -17,7 +17,7 @@ struct buffer_node {
 /// Thread safety: every operation on any thread. Nothing blocks but the allocation of memory.
 class RETICOR_API CNBufPool {
 public:
-    static constexpr unsigned BLOCK_SIZE = 131072;
+    static constexpr unsigned BLOCK_BYTES = 131072;
 
     CNBufPool();
     /// Frees the blocks in the pool; those that are out belong to who took them.
@@ -110,7 +110,7 @@ private:
 
 public:
     long long m_file_offset = -1;                 ///< Of the first byte; -1 while the buffer holds nothing.
-    unsigned m_buf_size = CNBufPool::BLOCK_SIZE;  ///< Bytes of the window.
+    unsigned m_buf_size = CNBufPool::BLOCK_BYTES;  ///< Bytes of the window.
     unsigned m_buf_offset = 0;                    ///< Valid bytes, from the start of the block.
     bool m_dirty = false;                         ///< There are bytes that are not on the device.
     bool m_eof = false;             ///< The file ended behind the valid bytes when they were read.

@@ -61,6 +61,7 @@ TEST(TimerHeap, PopDueTakesWhatIsNotAboveTheLimit) {
     EXPECT_EQ(0, due.m_active_num);
     heap.PopDue(200, due);
     EXPECT_EQ(1, due.m_active_num);
+    EXPECT_EQ(2u, keys(due.m_chain[0]).size());
     EXPECT_EQ(1, heap.Count());
     EXPECT_EQ(201u, heap.Peek());
 }

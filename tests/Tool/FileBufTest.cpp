@@ -19,7 +19,7 @@ struct FileBufProbe {
 
 namespace {
 
-constexpr unsigned SIZE = CNBufPool::BLOCK_SIZE;
+constexpr unsigned SIZE = CNBufPool::BLOCK_BYTES;
 
 // A buffer at an offset, with a block.
 struct Window : CNFileBuf {

@@ -48,7 +48,7 @@ struct NFileProbe {
 
 namespace Orvex::Testing {
 
-constexpr unsigned BLOCK = Reticor::CNBufPool::BLOCK_SIZE;
+constexpr unsigned BLOCK = Reticor::CNBufPool::BLOCK_BYTES;
 
 // What remains of a device when it has deleted itself: the bytes, and what happened to it.
 struct DeviceLife {
