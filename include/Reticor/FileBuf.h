@@ -109,10 +109,10 @@ private:
     SUBMIT_EVENT m_submit INFRA_GUARDED_BY(m_mutex) = SUBMIT_NONE;
 
 public:
-    long long m_file_offset = -1;                 ///< Of the first byte; -1 while the buffer holds nothing.
+    long long m_file_offset = -1;                  ///< Of the first byte; -1 while the buffer holds nothing.
     unsigned m_buf_size = CNBufPool::BLOCK_BYTES;  ///< Bytes of the window.
-    unsigned m_buf_offset = 0;                    ///< Valid bytes, from the start of the block.
-    bool m_dirty = false;                         ///< There are bytes that are not on the device.
+    unsigned m_buf_offset = 0;                     ///< Valid bytes, from the start of the block.
+    bool m_dirty = false;                          ///< There are bytes that are not on the device.
     bool m_eof = false;             ///< The file ended behind the valid bytes when they were read.
     buffer_node* m_node = nullptr;  ///< The block in use.
     char* m_data = nullptr;         ///< Its bytes; null while no block is held.
