@@ -65,7 +65,8 @@ HEADINGS = {
                "a frame, which its header tells, until a client has its last byte. Clients at a fixed rate and those "
                "that never read have a receive buffer of 16 KiB. SO_SNDBUF is 128 KiB on every client. A server "
                "leaves out frames for a client that lags by more than a second: Reticor, plain epoll and libevent go "
-               "on at the next fresh key frame, GStreamer (multifdsink) at the newest one that it has."),
+               "on at the next fresh key frame, GStreamer (multifdsink) at the newest one that it has. What viewers of slow "
+               "links get, with and without the policy for them, is in [slow-viewers.md](slow-viewers.md)."),
     "fanout-counts": ("What a delivered frame costs besides time", "Per frame and client. System calls are counted by "
                       "`{counter}` on the server's threads; allocations (malloc and its kin) and copies in user space "
                       "(memcpy and its kin, 512 bytes and more) by a library that is loaded into the server, in a run "
@@ -76,7 +77,7 @@ HEADINGS = {
                  "window was pending as a whole; TBB brings an allocator of its own, which is not seen. Burst: 100,000 "
                  "messages onto a pool whose workers sleep, the median of the bursts."),
     "timers": ("Timers", "A million timers are armed with random delays from one to 20 hours and cancelled in random "
-               "order; with 10,000 pending, a random one is cancelled and armed anew. The peers' timers are structures "
+               "order; before that, with 10,000 pending, a random one is cancelled and armed anew. The peers' timers are structures "
                "that the caller laid out beforehand and belong to one thread; ours are ids that any thread may arm and "
                "cancel, and each arm makes one. Times are processor time of the arming thread."),
     "ticks": ("Ticks", "One timer of 20 ms; its events count their calls and do nothing else. CPU per event is the "

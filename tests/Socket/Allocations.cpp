@@ -11,12 +11,14 @@ namespace {
 
 thread_local std::size_t count_of_allocations = 0;
 thread_local bool no_memory = false;
+thread_local std::size_t successes_left = 0;
 
 }  // namespace
 
 void* allocate(std::size_t size) noexcept {
     ++count_of_allocations;
-    if (no_memory) {
+    if (no_memory && successes_left-- == 0) {
+        successes_left = 0;
         errno = ENOMEM;  // as malloc leaves it
         return nullptr;
     }
@@ -27,7 +29,8 @@ std::size_t allocationCount() {
     return count_of_allocations;
 }
 
-NoMemory::NoMemory() {
+NoMemory::NoMemory(std::size_t successes_before) {
+    successes_left = successes_before;
     no_memory = true;
 }
 

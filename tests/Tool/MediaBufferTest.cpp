@@ -3,7 +3,7 @@
 
 #include "R3/DaemonStandIn.h"
 #include "R3/FuncBox.h"
-#include "Tool/Allocations.h"
+#include "Socket/Allocations.h"
 #include "Tool/MediaFixture.h"
 
 namespace Orvex::Testing {

@@ -10,7 +10,7 @@
 
 #include <Infra/Time.h>
 
-#include "Tool/Allocations.h"
+#include "Socket/Allocations.h"
 #include "Tool/NTimerStand.h"
 
 namespace Orvex::Reticor {
