@@ -15,12 +15,18 @@ CNTimerEvent::~CNTimerEvent() {
     delete m_event;
 }
 
+// The transitions are exchanges of one atomic word, and the last touch of the object where a pass of the
+// timer may act on the new state: a pass runs a started event, which may then end itself, and ends a closed
+// one.
+
 void CNTimerEvent::Start() {
-    Infra::CGuard guard(m_event->m_mutex);
-    const int32_t state = m_event->m_state.load(std::memory_order_relaxed);
-    if (state == EVENT_READY || state == EVENT_STOPPED) {
-        m_event->m_state.store(EVENT_RUNNING, std::memory_order_release);
-    } else if (state == EVENT_CREATED) {
+    int32_t state = m_event->m_state.load(std::memory_order_relaxed);
+    while (state == EVENT_READY || state == EVENT_STOPPED) {
+        if (m_event->change(state, EVENT_RUNNING)) {
+            return;
+        }
+    }
+    if (state == EVENT_CREATED) {
         INFRA_LOG(2, "%s : this timer event not ready for start!\n", INFRA_FUNCTION);
     } else {
         INFRA_LOG(2, "%s : this timer event already started!\n", INFRA_FUNCTION);
@@ -29,30 +35,20 @@ void CNTimerEvent::Start() {
 }
 
 void CNTimerEvent::Stop() {
-    Infra::CGuard guard(m_event->m_mutex);
-    if (m_event->m_state.load(std::memory_order_relaxed) == EVENT_RUNNING) {
-        m_event->m_state.store(EVENT_STOPPED, std::memory_order_release);
-    } else {
+    int32_t state = EVENT_RUNNING;
+    if (!m_event->change(state, EVENT_STOPPED)) {
         INFRA_LOG(2, "%s : Can't stop a timer event not in running state!\n", INFRA_FUNCTION);
     }
 }
 
-// Once the state is EVENT_CLOSED a pass of the timer may close the event, and with that end it: nothing of it
-// is touched afterwards, its mutex included. Hence the state in between, which no pass acts on.
 void CNTimerEvent::Close() {
-    bool pushed = false;
-    {
-        Infra::CGuard guard(m_event->m_mutex);
-        pushed = m_event->m_state.load(std::memory_order_relaxed) != EVENT_CREATED;
-        if (pushed) {
-            m_event->m_state.store(EVENT_CLOSING, std::memory_order_release);
+    int32_t state = m_event->m_state.load(std::memory_order_relaxed);
+    while (state != EVENT_CREATED) {
+        if (m_event->change(state, EVENT_CLOSED)) {
+            return;
         }
     }
-    if (pushed) {
-        m_event->m_state.store(EVENT_CLOSED, std::memory_order_release);
-    } else {
-        CNetHandler::Close();
-    }
+    CNetHandler::Close();
 }
 
 int CNTimerEvent::handle_timer_event() {
@@ -64,10 +60,8 @@ long long CNTimerEvent::do_timer_event() {
 }
 
 void CNTimerEvent::set_event_ready() {
-    Infra::CGuard guard(m_event->m_mutex);
-    if (m_event->m_state.load(std::memory_order_relaxed) == EVENT_CREATED) {
-        m_event->m_state.store(EVENT_READY, std::memory_order_release);
-    } else {
+    int32_t state = EVENT_CREATED;
+    if (!m_event->change(state, EVENT_READY)) {
         INFRA_LOG(2, "%s : this timer event already started!\n", INFRA_FUNCTION);
         assert(false);
     }

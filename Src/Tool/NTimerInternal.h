@@ -18,16 +18,19 @@ enum NTimerEventState : int32_t {
     EVENT_READY = 2,    ///< Pushed, never started.
     EVENT_RUNNING = 3,  ///< Called on every tick.
     EVENT_STOPPED = 4,  ///< Stays in the list, is not called.
-    EVENT_CLOSING = 5,  ///< Passing state inside Close.
 };
 
 struct NTimerEventInternal {
-    /// Serialises the transitions. Comes behind the timer's mutex.
-    Infra::CMutex m_mutex;
     /// The next in the list of the timer, whose mutex guards it.
     CNTimerEvent* m_next = nullptr;
-    /// Changed under m_mutex, but for the last step to EVENT_CLOSED; the passes of the timer read it without.
+    /// No lock: who changes it to EVENT_RUNNING or EVENT_CLOSED must not touch the event any more.
     std::atomic<int32_t> m_state{EVENT_CREATED};
+
+    /// True if the state was `from`, and is `to` now. Otherwise `from` tells what it was.
+    bool change(int32_t& from, int32_t to) {
+        return m_state.compare_exchange_strong(from, to, std::memory_order_acq_rel,
+                                               std::memory_order_relaxed);
+    }
 };
 
 struct NTimerInternal {
@@ -36,7 +39,7 @@ struct NTimerInternal {
     int64_t m_ticks = 0;     ///< Taken since m_start.
     long long m_period = 0;  ///< us; any value.
 
-    /// Held across a whole pass, with every call of a handler. Comes before the mutexes of the events.
+    /// Held across a whole pass, with every call of a handler.
     Infra::CMutex m_mutex;
     CNTimerEvent* m_head INFRA_GUARDED_BY(m_mutex) = nullptr;  ///< First pushed.
     CNTimerEvent* m_tail INFRA_GUARDED_BY(m_mutex) = nullptr;  ///< Last pushed.

@@ -104,7 +104,7 @@ TEST_F(NTimerEventTest, LinesSayWhereWhichEventAndWhichThread) {
 }
 
 TEST_F(NTimerEventTest, StopOfAnEventThatDoesNotRunIsOnlyLogged) {
-    for (int32_t state : {EVENT_CREATED, EVENT_READY, EVENT_STOPPED, EVENT_CLOSING, EVENT_CLOSED}) {
+    for (int32_t state : {EVENT_CREATED, EVENT_READY, EVENT_STOPPED, EVENT_CLOSED}) {
         SCOPED_TRACE(state);
         expectOnlyALine(state, CLASS + "Stop" + NOT_RUNNING, [&] { event->Stop(); });
         if (state != EVENT_CREATED) {
@@ -129,7 +129,7 @@ protected:
 
 TEST_F(NTimerEventDeathTest, StartOfARunningOrClosedEventIsAnError) {
     timer->PushTimerEvent(event);
-    for (int32_t state : {EVENT_RUNNING, EVENT_CLOSING, EVENT_CLOSED}) {
+    for (int32_t state : {EVENT_RUNNING, EVENT_CLOSED}) {
         NTimerProbe::of(*event).m_state = state;
         EXPECT_DEATH(event->Start(), lineAndAssertion("Start" + STARTED)) << state;
     }
@@ -137,7 +137,7 @@ TEST_F(NTimerEventDeathTest, StartOfARunningOrClosedEventIsAnError) {
 
 TEST_F(NTimerEventDeathTest, PushingAnEventAgainIsAnError) {
     timer->PushTimerEvent(event);
-    for (int32_t state : {EVENT_READY, EVENT_RUNNING, EVENT_STOPPED, EVENT_CLOSING, EVENT_CLOSED}) {
+    for (int32_t state : {EVENT_READY, EVENT_RUNNING, EVENT_STOPPED, EVENT_CLOSED}) {
         NTimerProbe::of(*event).m_state = state;
         EXPECT_DEATH(timer->PushTimerEvent(event), lineAndAssertion("set_event_ready" + STARTED)) << state;
     }

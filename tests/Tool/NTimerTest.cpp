@@ -181,23 +181,6 @@ TEST_F(NTimerTest, AClosedEventIsNotCalledAgain) {
     EXPECT_EQ("ac", callsOfATick());
 }
 
-TEST_F(NTimerTest, AnEventInTheMiddleOfClosingIsLeftForALaterPass) {
-    auto events = running(3);
-    for (LetterEvent* event : events) {
-        NTimerProbe::of(*event).m_state = EVENT_CLOSING;
-    }
-    EXPECT_EQ("", callsOfATick());
-    sweep();
-    EXPECT_EQ("", gone());
-    EXPECT_EQ(3U, NTimerProbe::events(*timer).size());
-    for (LetterEvent* event : events) {
-        NTimerProbe::of(*event).m_state = EVENT_CLOSED;
-    }
-    sweep();
-    EXPECT_EQ("abc", gone());
-    EXPECT_EQ(nullptr, NTimerProbe::tail(*timer));
-}
-
 TEST_F(NTimerTest, ClosingATimerClosesItsEventsInEveryStateWithoutACall) {
     auto events = running(4);
     events[1]->Stop();

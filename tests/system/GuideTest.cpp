@@ -174,8 +174,10 @@ TEST_F(GuideTest, GiverEndsWhenItsReaderHangsUp) {
 TEST_F(GuideTest, MeterAnswersInBothFamilies) {
     for (const char* ip : {"127.0.0.1", "::1"}) {
         auto* meter = new Meter(m_gone);
+        meter->AddRef();  // it ends itself, and is asked for its port before that
         ASSERT_TRUE(meter->open(CSockAddrStorage(ip, 0)));
         const CSockAddrStorage remote(ip, static_cast<unsigned short>(meter->port()));
+        meter->DecRef();
         CSockDgram sock;
         sock.SetBlockOpt(true);
         const CSockAddrStorage any(ip, 0);
