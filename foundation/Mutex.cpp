@@ -57,7 +57,10 @@ void CMutex::wake_sleeper() noexcept {
 }
 
 void CMutex::enter_contended() noexcept {
-    for (int spins = spin_limit(); spins > 0; --spins) {
+    const int limit = spin_limit();
+    // Ever longer pauses: each look takes the cache line from the holder, which could else do its work, and
+    // often that of its next entries, in the meantime.
+    for (int pauses = 1, spent = 0; spent < limit; pauses *= 2) {
         uint32_t state = m_state.load(std::memory_order_relaxed);
         if (state == HELD_WITH_SLEEPERS) {
             break;  // Others have given up spinning already.
@@ -66,7 +69,9 @@ void CMutex::enter_contended() noexcept {
                                                            std::memory_order_relaxed)) {
             return;
         }
-        Detail::spinPause();
+        for (int i = 0; i < pauses; ++i, ++spent) {
+            Detail::spinPause();
+        }
     }
     // A thread that has slept cannot know whether others still sleep, so it takes the lock in the state that
     // makes it wake one when it leaves.

@@ -20,7 +20,7 @@ using Orvex::Infra::CMutex;
 using Orvex::Infra::CReadWriteMutex;
 using Orvex::Infra::CSemaphore;
 
-constexpr std::size_t CACHE_LINE = 64;
+constexpr std::size_t CACHE_LINE = 128;
 
 // The contenders under one set of names.
 struct OurMutex {
