@@ -21,10 +21,38 @@ constexpr uint32_t GATE_READERS_SLEEP = 4;  // readers sleep on the gate: the le
 // cost, and longer than the short stretches for which the library holds its locks.
 constexpr int SPINS = 60;
 
+constexpr std::size_t SLOTS = CReadWriteMutex::SLOT_COUNT;
+
 // Slot number of the thread plus one; 0 while it has none.
 __attribute__((tls_model("initial-exec"))) thread_local uint32_t t_slot = 0;
 
-std::atomic<uint32_t> g_next_slot{0};
+// How many running threads count themselves in each slot, those of all locks taken together.
+std::atomic<uint32_t> g_slot_threads[SLOTS];
+
+// Gives the thread's slot number back when the thread ends. Locks that are entered even later keep using it.
+struct SlotReturn {
+    uint32_t slot = 0;
+    ~SlotReturn() {
+        if (slot != 0) {
+            g_slot_threads[slot - 1].fetch_sub(1, std::memory_order_relaxed);
+        }
+    }
+};
+thread_local SlotReturn t_slot_return;
+
+// The slot that the fewest threads have: threads that come and go must not pile up in one.
+__attribute__((noinline)) uint32_t take_slot() noexcept {
+    uint32_t best = 0;
+    for (uint32_t i = 1; i < SLOTS; ++i) {
+        if (g_slot_threads[i].load(std::memory_order_relaxed) <
+            g_slot_threads[best].load(std::memory_order_relaxed)) {
+            best = i;
+        }
+    }
+    g_slot_threads[best].fetch_add(1, std::memory_order_relaxed);
+    t_slot_return.slot = best + 1;
+    return best + 1;
+}
 
 int count_processors() noexcept {
     const int saved_errno = errno;
@@ -88,7 +116,7 @@ void CMutex::enter_contended() noexcept {
 
 CReadWriteMutex::Slot& CReadWriteMutex::slot_of_this_thread() noexcept {
     if (t_slot == 0) {
-        t_slot = g_next_slot.fetch_add(1, std::memory_order_relaxed) % SLOT_COUNT + 1;
+        t_slot = take_slot();
     }
     return m_slots[t_slot - 1];
 }

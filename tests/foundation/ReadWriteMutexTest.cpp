@@ -18,6 +18,12 @@
 #include "support/SeededRandom.h"
 
 namespace Orvex::Infra {
+
+struct ReadWriteMutexProbe {
+    // Where the calling thread counts itself.
+    static const void* slot(CReadWriteMutex& mutex) { return &mutex.slot_of_this_thread(); }
+};
+
 namespace {
 
 using namespace Testing;
@@ -303,6 +309,17 @@ TEST(ReadWriteMutexDeathTest, WritingUnderTheOwnWritingFiresAnAssertion) {
 TEST(ReadWriteMutexDeathTest, LeavingALockThatIsNotHeldFiresAnAssertion) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(leaveWithoutHold(), "CReadWriteMutex::leave on a thread that does not hold the lock");
+}
+
+// Threads that count themselves in one place slow each other down.
+TEST(ReadWriteMutex, ThreadsThatComeAndGoLeaveTheirPlacesToOthers) {
+    CReadWriteMutex mutex;
+    const void* const mine = ReadWriteMutexProbe::slot(mutex);
+    for (int i = 0; i < MANY; ++i) {
+        const void* others = nullptr;
+        std::thread([&] { others = ReadWriteMutexProbe::slot(mutex); }).join();
+        ASSERT_NE(mine, others) << "thread " << i;
+    }
 }
 
 }  // namespace

@@ -2,7 +2,8 @@
 //
 // Both can be static objects: they are constant-initialised, so that they work before main, and their
 // destructors are trivial, so that threads which still run while the process exits never meet a destroyed
-// lock. Neither allocates, neither changes errno. Neither is fair.
+// lock. Neither changes errno, and neither allocates, but for what the C library notes at a thread's first
+// entry for reading. Neither is fair.
 #pragma once
 
 #include <atomic>
@@ -123,10 +124,12 @@ public:
     // For assertions.
     bool writtenByThisThread() const noexcept { return m_writer.heldByThisThread(); }
 
+    // Readers count themselves in so many slots.
+    static constexpr std::size_t SLOT_COUNT = 8;
+
 private:
     // Two lines, since processors fetch and pass on lines in pairs.
     static constexpr std::size_t CACHE_LINE = 128;
-    static constexpr std::size_t SLOT_COUNT = 8;
 
     struct alignas(CACHE_LINE) Slot {
         std::atomic<uint32_t> readers{0};
@@ -142,6 +145,8 @@ private:
     // Held by the one writer that has closed the gate, from enterWriting to leave.
     CMutex m_writer;
     Slot m_slots[SLOT_COUNT];
+
+    friend struct ReadWriteMutexProbe;  // tests
 };
 
 static_assert(std::is_trivially_destructible_v<CMutex>, "a static lock must survive exit()");
