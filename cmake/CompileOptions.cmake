@@ -10,8 +10,10 @@ target_compile_options(reticor_options INTERFACE
   $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
   # Assertions are part of the behaviour in every build type.
   -UNDEBUG
-  # Log lines and assertions name sources from the project's root: Src/Core/Event.cpp.
-  -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
+  # Debug information, log lines and assertions name sources from the project's root. What the last two leave out of a
+  # path is in Wings.cmake: with -ffile-prefix-map here, g++ would ignore those maps.
+  -fdebug-prefix-map=${PROJECT_SOURCE_DIR}/=
+  -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=)
 
 if(RETICOR_SANITIZE)
   target_compile_options(reticor_options INTERFACE

@@ -1,7 +1,8 @@
 # The libraries that products link: Orvex::Infra (libOrvexInfra.so) and Orvex::Reticor (libReticor.so).
 
-function(reticor_shared_library name alias output objects)
-  add_library(${name} SHARED $<TARGET_OBJECTS:${objects}>)
+# What follows the output are the objects.
+function(reticor_shared_library name alias output)
+  add_library(${name} SHARED ${ARGN})
   add_library(Orvex::${alias} ALIAS ${name})
   target_compile_features(${name} PUBLIC cxx_std_17)
   target_link_libraries(${name} PRIVATE $<BUILD_INTERFACE:reticor_options> PUBLIC Threads::Threads)
@@ -21,12 +22,12 @@ function(reticor_shared_library name alias output objects)
   endif()
 endfunction()
 
-reticor_shared_library(orvex_infra Infra OrvexInfra infra_objects)
+reticor_shared_library(orvex_infra Infra OrvexInfra $<TARGET_OBJECTS:infra_objects>)
 target_include_directories(orvex_infra PUBLIC
   $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/foundation/include>
   $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 
-reticor_shared_library(reticor Reticor Reticor reticor_objects)
+reticor_shared_library(reticor Reticor Reticor ${RETICOR_OBJECTS})
 target_link_libraries(reticor PUBLIC orvex_infra)
 target_include_directories(reticor PUBLIC
   $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>

@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "Tool/StrParserDriver.h"
+#include "support/text/StrParserDriver.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::string difference = Orvex::Reticor::driveStrParser(data, size);

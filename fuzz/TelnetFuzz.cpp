@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "R3/TelnetModel.h"
+#include "support/debug/TelnetModel.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string difference = Orvex::Testing::driveTelnet(data, size);

@@ -11,15 +11,15 @@
 #include <Reticor/R3.h>
 #include <Reticor/TsMemory.h>
 
-#include "Core/NetSock.h"
-#include "Core/NetTimer.h"
-#include "Core/PoolTable.h"
-#include "Core/SockTimer.h"
-#include "Core/ThreadPool.h"
-#include "R3/Debug.h"
-#include "Tool/FileThread.h"
-#include "Tool/ReceiverGroup.h"
-#include "Tool/SenderHandler.h"
+#include "Core/pool/PoolTable.h"
+#include "Core/pool/ThreadPool.h"
+#include "Core/service/NetSock.h"
+#include "Core/service/NetTimer.h"
+#include "Core/service/SockTimer.h"
+#include "R3/server/Debug.h"
+#include "Tool/file/FileThread.h"
+#include "Tool/media/SenderHandler.h"
+#include "Tool/receive/ReceiverGroup.h"
 
 namespace Orvex::Reticor {
 
@@ -61,7 +61,7 @@ Scheduling g_receivers;
 
 CThreadPool* new_pool(int index, unsigned int threads) INFRA_REQUIRES(sm_mutex) {
     return new CThreadPool(index, threads, g_next_pool.priority, g_next_pool.policy, g_next_pool.stack,
-                           sm_cpu_num);
+                           &CThreadPool::ThreadProc, sm_cpu_num);
 }
 
 int set_up(unsigned int threads) INFRA_REQUIRES(sm_mutex) {

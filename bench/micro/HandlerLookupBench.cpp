@@ -13,8 +13,8 @@
 #include <Reticor/NetHandler.h>
 #include <Reticor/NetThread.h>
 
-#include "Core/HandlerPin.h"
-#include "Core/PoolTable.h"
+#include "Core/handle/HandlerPin.h"
+#include "Core/pool/PoolTable.h"
 #include "common/Alive.h"
 
 namespace {

@@ -11,7 +11,7 @@
 #include <cstring>
 #include <string>
 
-#include "../tests/Tool/StrParserTexts.h"
+#include "../tests/support/text/StrParserTexts.h"
 
 namespace {
 

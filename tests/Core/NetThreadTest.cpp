@@ -16,16 +16,16 @@
 #include <Infra/Thread.h>
 #include <Reticor/R3.h>
 
-#include "Core/Message.h"
-#include "Core/ObjectId.h"
-#include "Core/PoolTable.h"
-#include "Core/Probes.h"
-#include "R3/FuncBox.h"
+#include "Core/handle/ObjectId.h"
+#include "Core/pool/PoolTable.h"
+#include "Core/service/Message.h"
+#include "R3/print/FuncBox.h"
 #include "support/Eventually.h"
 #include "support/KernelThread.h"
 #include "support/LogCapture.h"
 #include "support/TestHandler.h"
 #include "support/ThreadFault.h"
+#include "support/core/Probes.h"
 
 namespace Orvex::Reticor {
 namespace {

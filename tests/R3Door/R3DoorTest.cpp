@@ -6,8 +6,8 @@
 #include <Reticor/NetThread.h>
 #include <Reticor/R3.h>
 
-#include "R3/DebugServerFixture.h"
 #include "support/LogCapture.h"
+#include "support/debug/DebugServerFixture.h"
 
 namespace Orvex::Testing {
 namespace {

@@ -13,9 +13,9 @@
 #include <thread>
 #include <vector>
 
-#include "foundation/NoFutex.h"
 #include "support/Eventually.h"
 #include "support/KernelThread.h"
+#include "support/NoFutex.h"
 #include "support/SeededRandom.h"
 
 namespace Orvex::Infra {

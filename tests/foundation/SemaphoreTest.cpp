@@ -14,9 +14,9 @@
 #include <vector>
 
 #include <Infra/Time.h>
-#include "foundation/NoFutex.h"
 #include "support/Eventually.h"
 #include "support/KernelThread.h"
+#include "support/NoFutex.h"
 #include "support/SeededRandom.h"
 
 namespace Orvex::Infra {

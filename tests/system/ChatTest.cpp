@@ -7,8 +7,8 @@
 #include <gtest/gtest.h>
 
 #include "support/Eventually.h"
-#include "system/ServerProgram.h"
-#include "system/TcpClient.h"
+#include "support/program/ServerProgram.h"
+#include "support/program/TcpClient.h"
 
 using namespace Orvex::Testing;
 

@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "system/ChildProcess.h"
-#include "system/TcpClient.h"
+#include "support/program/ChildProcess.h"
+#include "support/program/TcpClient.h"
 
 using namespace Orvex::Testing;
 

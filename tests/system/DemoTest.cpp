@@ -10,7 +10,7 @@
 
 #include "../tools/Multipart.h"
 #include "support/Eventually.h"
-#include "system/ServerProgram.h"
+#include "support/program/ServerProgram.h"
 
 using namespace Orvex::Testing;
 

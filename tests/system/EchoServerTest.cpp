@@ -9,8 +9,8 @@
 
 #include "support/Eventually.h"
 #include "support/SeededRandom.h"
-#include "system/ServerProgram.h"
-#include "system/TcpClient.h"
+#include "support/program/ServerProgram.h"
+#include "support/program/TcpClient.h"
 
 using namespace Orvex::Testing;
 

@@ -13,7 +13,7 @@
 #include <Infra/Time.h>
 
 #include "support/Eventually.h"
-#include "system/TcpClient.h"
+#include "support/program/TcpClient.h"
 
 #include "guide.inc"  // made of the page
 

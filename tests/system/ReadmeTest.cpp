@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include "system/ChildProcess.h"
+#include "support/program/ChildProcess.h"
 
 using Orvex::Testing::ChildProcess;
 

@@ -5,8 +5,8 @@
 #include <gtest/gtest.h>
 
 #include "support/Eventually.h"
-#include "system/Browser.h"
-#include "system/RelayProgram.h"
+#include "support/program/Browser.h"
+#include "support/program/RelayProgram.h"
 
 using namespace Orvex::Testing;
 using nlohmann::json;

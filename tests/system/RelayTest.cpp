@@ -14,7 +14,7 @@
 
 #include "../tools/Multipart.h"
 #include "support/Eventually.h"
-#include "system/RelayProgram.h"
+#include "support/program/RelayProgram.h"
 
 using namespace Orvex::Testing;
 

@@ -1,7 +1,7 @@
 // The example timers_and_messages as a whole program.
 #include <gtest/gtest.h>
 
-#include "system/ChildProcess.h"
+#include "support/program/ChildProcess.h"
 
 using Orvex::Testing::ChildProcess;
 

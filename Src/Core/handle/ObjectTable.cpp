@@ -1,0 +1,51 @@
+// CObjectTable: a pool's open handlers by id.
+#include "Core/handle/ObjectTable.h"
+
+#include "Core/handle/ObjectId.h"
+
+namespace Orvex::Reticor {
+
+size_t CObjectTable::place_of(int64_t id) {
+    // A number that is no id at all gives a huge place, which no chunk holds.
+    return static_cast<size_t>(CObjectId::FIRST_COUNTER - (id >> CObjectId::COUNTER_SHIFT));
+}
+
+ObjectEntry** CObjectTable::slot(size_t place) {
+    const size_t chunk = place / CHUNK;
+    return chunk < m_chunks.size() && m_chunks[chunk] ? &m_chunks[chunk][place % CHUNK] : nullptr;
+}
+
+void CObjectTable::Insert(ObjectEntry* entry) {
+    const size_t place = place_of(entry->m_id);
+    Infra::CWriteGuard guard(m_lock);
+    if (place / CHUNK >= m_chunks.size()) {
+        m_chunks.resize(place / CHUNK + 1);
+    }
+    Chunk& chunk = m_chunks[place / CHUNK];
+    if (!chunk) {
+        chunk = std::make_unique<ObjectEntry*[]>(CHUNK);
+    }
+    chunk[place % CHUNK] = entry;
+}
+
+ObjectEntry* CObjectTable::Remove(int64_t id) {
+    Infra::CWriteGuard guard(m_lock);
+    ObjectEntry** place = slot(place_of(id));
+    if (place == nullptr || *place == nullptr || (*place)->m_id != id) {
+        return nullptr;
+    }
+    ObjectEntry* entry = *place;
+    *place = nullptr;
+    return entry;
+}
+
+HandlerPin CObjectTable::Find(int64_t id) {
+    Infra::CReadGuard guard(m_lock);
+    ObjectEntry** place = slot(place_of(id));
+    if (place == nullptr || *place == nullptr || (*place)->m_id != id) {
+        return HandlerPin();
+    }
+    return HandlerPin::Take((*place)->m_owner);
+}
+
+}  // namespace Orvex::Reticor

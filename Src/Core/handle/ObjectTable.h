@@ -1,0 +1,44 @@
+// CObjectTable: a pool's open handlers by id.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include <Infra/Mutex.h>
+
+#include "Core/handle/HandlerInternal.h"
+#include "Core/handle/HandlerPin.h"
+
+namespace Orvex::Reticor {
+
+/// The upper bits of an id count down by one from -100, so the table is an array of chunks indexed by them: a
+/// lookup is two loads and a compare of the whole id, generation included.
+///
+/// Thread safety: any thread. Lookups share the lock and do not wait for each other. The reference of a found
+/// handler is taken under the lock; a handler is detached under the write lock before its own reference goes,
+/// so what is found cannot reach `handle_close` before the pin is dropped.
+class CObjectTable {
+public:
+    /// Adds an entry whose id is set.
+    void Insert(ObjectEntry* entry);
+
+    /// Takes the id out. Result: its entry, or null if it is not there.
+    ObjectEntry* Remove(int64_t id);
+
+    /// The handler with that id, pinned; or an empty pin.
+    HandlerPin Find(int64_t id);
+
+private:
+    static constexpr size_t CHUNK = 1024;
+    using Chunk = std::unique_ptr<ObjectEntry*[]>;
+
+    static size_t place_of(int64_t id);
+    ObjectEntry** slot(size_t place) INFRA_REQUIRES_SHARED(m_lock);
+
+    std::vector<Chunk> m_chunks INFRA_GUARDED_BY(m_lock);
+    Infra::CReadWriteMutex m_lock;
+};
+
+}  // namespace Orvex::Reticor

@@ -1,0 +1,126 @@
+// CThreadPool: one reactor. Its data, construction, daemon and end are in ThreadPool.cpp; what its workers do
+// with the records is in WorkerLoop.cpp.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <vector>
+
+#include <Infra/Mutex.h>
+#include <Infra/Semaphore.h>
+#include <Infra/Thread.h>
+
+#include "Core/handle/ObjectId.h"
+#include "Core/handle/ObjectTable.h"
+#include "Core/record/Event.h"
+#include "Core/record/WorkQueue.h"
+#include "Core/watch/BTree.h"
+#include "Core/watch/Select_win.h"
+
+namespace Orvex::Reticor {
+
+/// Identical workers that share one queue of records, a daemon that proves that they move, and the tables
+/// that lead from ids and socket handles to objects. There is no polling thread: the right to poll is a
+/// record too.
+///
+/// Thread safety: construction, `Stop` and destruction on one thread; everything else on any thread between
+/// them.
+class CThreadPool {
+public:
+    /// What a worker does from its start to its end.
+    using WorkerBody = void (CThreadPool::*)(Infra::CThreadLite& thread);
+
+    /// Never fails: errors are logged, and the pool runs as far as it can. The workers run `body`, which is
+    /// handed in since it stands on what stands on pools; a pool without workers takes a null one.
+    CThreadPool(int index, unsigned int threads, int priority, int policy, int stack, WorkerBody body,
+                unsigned int cpus = processorCount());
+    ~CThreadPool();
+
+    CThreadPool(const CThreadPool&) = delete;
+    CThreadPool& operator=(const CThreadPool&) = delete;
+
+    /// Ends and joins the workers and the daemon. No lock may be held that a handler could want. What is
+    /// pushed from now on stays in the queues and is deleted with them. The destructor calls it if nobody
+    /// did.
+    void Stop();
+
+    /// Takes the first reference on the owner, gives it an id and makes it reachable.
+    void AttachObject(ObjectEntry* entry);
+
+    /// Makes the handler with that id unreachable, gives the id back and drops the first reference, in this
+    /// order. Does nothing for an id that is detached already: a handler can be sent two close messages.
+    void DetachObject(int64_t id);
+
+    /// Logs every registered socket whose handler is open, at level 4. Result: how many.
+    int TraversalSock();
+
+    // Push on the main queue, for a worker that sleeps there or waits for sockets. The caller keeps the pool
+    // alive.
+    void Push(CEvent* ev);
+    void PushFront(CEvent* ev);
+
+    /// Puts a serial record in line, and queues the drain token if no drain is under way.
+    void PushSerial(CEvent* ev);
+
+    /// The number of logical processors.
+    static unsigned int processorCount();
+
+    /// `threads` raised to a multiple of `cpus`; on one processor as it is.
+    static int workerCount(unsigned int threads, unsigned int cpus);
+
+    /// Logs a frame at level 4 that names the library. Which version it is, `reticorversion` tells.
+    static void Version();
+
+    /// The body of all workers but those of tests: takes records from the queue and serves them until the
+    /// thread is cancelled. In WorkerLoop.cpp.
+    void ThreadProc(Infra::CThreadLite& thread);
+
+private:
+    std::vector<Infra::CThreadLite*> m_threads;  ///< The workers; owned.
+    int m_thread_num;
+    CEvent* m_poll_event = nullptr;  ///< The poll token.
+    Infra::CThreadLite* m_daemon = nullptr;
+    std::atomic<CEvent*> m_heartbeat{nullptr};  ///< The last heartbeat; for a debugger's eyes.
+    /// Every record that a worker took. The daemon compares it, and the queue's guard.
+    std::atomic<uint64_t> m_loop_count{0};
+
+    // The order of the following is the reverse of the order in which a pool falls apart.
+    Infra::CSemaphore m_daemon_sem{0};  ///< Holds the daemon back between heartbeats.
+    Infra::CMutex m_serial_mutex;
+    /// True while no drain token is queued and no drain runs.
+    bool m_serial_idle INFRA_GUARDED_BY(m_serial_mutex) = false;
+    /// The token of a drain that was cut short by the pool's end. Set by the worker that held it, read after
+    /// the workers are joined.
+    CEvent* m_cut_drain = nullptr;
+
+public:
+    CObjectId m_ids;
+    CObjectTable m_obj_tree;  ///< Open handlers by id.
+    BTree m_sock_tree;        ///< Socket records by handle.
+
+private:
+    const int m_index;
+
+public:
+    CMultiplexer m_mux;
+    CWorkQueue m_event;
+
+private:
+    CEventQueue m_event_serial;
+
+    void start_daemon(int priority, int policy, int stack);
+    void start_workers(WorkerBody body, int priority, int policy, int stack);
+    void queue_token(int64_t key, CEvent** keep);
+    void drop_records();
+    void DaemonProc(Infra::CThreadLite& thread);
+
+    // WorkerLoop.cpp
+    void serve(CEvent* ev, Infra::CThreadLite& thread);
+    void drain(CEvent* token, Infra::CThreadLite& thread);
+    CEvent* next_serial();
+    void unexpected(CEvent* ev);
+
+    friend struct ThreadPoolProbe;  // tests
+};
+
+}  // namespace Orvex::Reticor

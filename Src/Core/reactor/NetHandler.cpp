@@ -1,0 +1,182 @@
+// The services of CNetHandler. Its counters are in HandlerInternal.cpp.
+#include <Reticor/NetHandler.h>
+
+#include <cassert>
+
+#include <Infra/Log.h>
+#include <Reticor/Sock.h>
+#include <Reticor/TsMemory.h>
+
+#include "Core/handle/HandlerInternal.h"
+#include "Core/pool/PoolTable.h"
+#include "Core/pool/ThreadPool.h"
+#include "Core/service/Message.h"
+#include "Core/service/NetSock.h"
+#include "Core/service/NetTimer.h"
+
+namespace Orvex::Reticor {
+
+CNetHandler::CNetHandler() : CNetHandler(0) {}
+
+CNetHandler::CNetHandler(int pool) : m_internal(nullptr) {
+    open_object(pool);
+}
+
+void CNetHandler::open_object(int pool) {
+    m_internal = new HandlerInternal;
+    m_internal->m_entry.m_owner = this;
+    if (CThreadPool* found = PoolTable::Get(pool)) {
+        found->AttachObject(&m_internal->m_entry);
+        return;
+    }
+    INFRA_LOG(1, "Can't find the thread pool %d, create thread pool first!\n", pool);
+    assert(0);
+}
+
+CNetHandler::~CNetHandler() {
+    // Nobody else knows the object any more: the name only gives the assertion its text.
+    const uint16_t __m_magic = m_internal->__m_magic.load(std::memory_order_relaxed);
+    assert(__m_magic == 0x0202);
+    if (m_internal->m_sock.load(std::memory_order_relaxed) > 0) {
+        INFRA_LOG(2,
+                  "some sockets registered on obj %p has not been removed, please remove it before close the "
+                  "obj!\n",
+                  static_cast<void*>(this));
+    }
+    delete m_internal;
+    m_internal = nullptr;
+}
+
+void CNetHandler::Close() {
+    const long id = GetID();
+    if (m_internal->__m_magic.exchange(HANDLER_CLOSED, std::memory_order_acq_rel) == HANDLER_OPEN) {
+        CMessage::NotifyClose(id);
+        // From here on the object may be gone.
+    }
+}
+
+// The reference comes first: it keeps the object alive over the work, and a racing Close is seen either
+// before or after it.
+bool CNetHandler::enter_open() {
+    AddRef();
+    if (m_internal->__m_magic.load(std::memory_order_acquire) == HANDLER_OPEN) {
+        return true;
+    }
+    DecRef();
+    return false;
+}
+
+int CNetHandler::RegisterSock(CSock& sock, unsigned int mask, int timeout) {
+    if (!enter_open()) {
+        return -1;
+    }
+    const int result = CNetSock::RegisterSock(this, sock, mask, timeout);
+    DecRef();
+    return result;
+}
+
+int CNetHandler::UnregisterSock(CSock& sock, unsigned int mask) {
+    return CNetSock::UnregisterSock(this, sock, mask);
+}
+
+int CNetHandler::RemoveSock(CSock& sock) {
+    return CNetSock::RemoveSock(this, sock);
+}
+
+int CNetHandler::CheckSock(CSock& sock) {
+    const CNetSock::Registration found = CNetSock::Look(this, sock);
+    if (!found.exists) {
+        return 0;
+    }
+    if (found.mask & SOCK_READ) {
+        UnregisterSock(sock, SOCK_WRITE);
+    } else {
+        RemoveSock(sock);
+    }
+    return 0;
+}
+
+long CNetHandler::SetTimer(int64_t us) {
+    if (!enter_open()) {
+        return -1;
+    }
+    const long id = CNetTimer::SetTimer(GetID(), us);
+    DecRef();
+    return id;
+}
+
+void CNetHandler::DestroyTimer(long id) {
+    CNetTimer::DestroyTimer(id);
+}
+
+void CNetHandler::SetDefaultRcer(long id) {
+    m_internal->m_default_rcer.store(id, std::memory_order_relaxed);
+}
+
+void CNetHandler::Notify(long receiver, unsigned int msg, long attach) {
+    CMessage::Notify(GetID(), receiver, msg, attach, false);
+}
+
+void CNetHandler::Notify(unsigned int msg, long attach) {
+    Notify(static_cast<long>(m_internal->m_default_rcer.load(std::memory_order_relaxed)), msg, attach);
+}
+
+void CNetHandler::NotifySerial(long receiver, unsigned int msg, long attach, unsigned int reserved) {
+    CMessage::NotifySerial(GetID(), receiver, msg, attach, reserved);
+}
+
+void CNetHandler::NotifySerial(unsigned int msg, long attach, unsigned int reserved) {
+    NotifySerial(static_cast<long>(m_internal->m_default_rcer.load(std::memory_order_relaxed)), msg, attach,
+                 reserved);
+}
+
+void CNetHandler::NotifyIO(long receiver, unsigned int msg, long attach) {
+    CMessage::Notify(GetID(), receiver, msg, attach, true);
+}
+
+void CNetHandler::NotifyIO(unsigned int msg, long attach) {
+    NotifyIO(static_cast<long>(m_internal->m_default_rcer.load(std::memory_order_relaxed)), msg, attach);
+}
+
+void* CNetHandler::TsMalloc(unsigned int size) {
+    return CTsMemory::TsMalloc(size);
+}
+void CNetHandler::TsFree(void* p) {
+    CTsMemory::TsFree(p);
+}
+void* CNetHandler::Malloc(unsigned int size) {
+    return CTsMemory::Malloc(size);
+}
+void CNetHandler::Free(void* p) {
+    CTsMemory::Free(p);
+}
+
+int CNetHandler::handle_input(int) {
+    return -1;
+}
+int CNetHandler::handle_output(int) {
+    return -1;
+}
+int CNetHandler::handle_exception(int) {
+    return -1;
+}
+int CNetHandler::handle_input_timeout(int) {
+    return -1;
+}
+int CNetHandler::handle_output_timeout(int) {
+    return -1;
+}
+int CNetHandler::handle_exception_timeout(int) {
+    return -1;
+}
+int64_t CNetHandler::handle_timeout(long) {
+    return -1;
+}
+int CNetHandler::handle_close(CNetHandler*) {
+    return -1;
+}
+int CNetHandler::handle_message(long, unsigned int, long) {
+    return -1;
+}
+
+}  // namespace Orvex::Reticor

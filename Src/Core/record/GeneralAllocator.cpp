@@ -1,0 +1,16 @@
+// The general allocator is the C library's.
+#include "Core/record/GeneralAllocator.h"
+
+#include <cstdlib>
+
+namespace Orvex::Reticor {
+
+__attribute__((weak)) void* generalAllocate(std::size_t size) noexcept {
+    return std::malloc(size);
+}
+
+__attribute__((weak)) void generalFree(void* p) noexcept {
+    std::free(p);
+}
+
+}  // namespace Orvex::Reticor

@@ -1,0 +1,337 @@
+// CTsMemory. The hot path is short because nothing in it asks a question that the tables can answer by
+// themselves: a thread without a table points to one whose lists are empty and full at once, and so does the
+// index of a block that belongs to no class.
+#include <Reticor/TsMemory.h>
+
+#include <cstring>
+
+#include "Core/record/GeneralAllocator.h"
+
+namespace Orvex::Reticor {
+
+/// Stands right in front of the memory that a caller gets.
+struct mem_block {
+    int32_t m_index;    ///< The class, or NO_CLASS.
+    int32_t m_size;     ///< Size of the class. Not set without a class.
+    mem_block* m_next;  ///< Link in the list of the class, null while the block is in use.
+};
+
+static_assert(sizeof(mem_block) == 16, "the header keeps the caller's memory aligned to 16 bytes");
+
+namespace {
+
+constexpr int NO_CLASS = -1;
+constexpr unsigned int LARGEST = 229376;      ///< Above it nothing is kept.
+constexpr unsigned int SMALL_LIMIT = 1500;    ///< Up to here classes are looked up, 4 bytes to an entry.
+constexpr unsigned int MIDDLE_LIMIT = 65536;  ///< Up to here classes are 4096 bytes apart, above 16384.
+constexpr int MIDDLE_BASE = 19;
+constexpr int LARGE_BASE = 31;
+constexpr unsigned long NO_KEY = static_cast<unsigned long>(-1);
+constexpr unsigned long SLOT_KEY = 0;
+
+/// The class of a size that is at least 1 and at most LARGEST. Each size falls into the smallest class that
+/// holds it, but for those from 1501 to 4096, which share one.
+constexpr int classOf(unsigned int size) {
+    const unsigned int last = size - 1;
+    if (size <= 128) {
+        return static_cast<int>(last / 8);
+    }
+    if (size <= SMALL_LIMIT) {
+        return size <= 256 ? 16 : size <= 512 ? 17 : 18;
+    }
+    if (size <= MIDDLE_LIMIT) {
+        return static_cast<int>(last / 4096) + MIDDLE_BASE;
+    }
+    return static_cast<int>(last / 16384) + LARGE_BASE;
+}
+
+/// Where in a table the head for a size stands, in bytes: by every 4 bytes of the small sizes and by every
+/// 4096 of the others. The limits of all classes are multiples of those.
+struct HeadOffsets {
+    uint16_t m_small[SMALL_LIMIT / 4];
+    uint16_t m_large[LARGEST / 4096];
+};
+
+constexpr uint16_t offsetFor(unsigned int size) {
+    return static_cast<uint16_t>(static_cast<std::size_t>(classOf(size)) * sizeof(mem_head));
+}
+
+constexpr HeadOffsets makeHeadOffsets() {
+    HeadOffsets offsets{};
+    for (unsigned int i = 0; i < SMALL_LIMIT / 4; ++i) {
+        offsets.m_small[i] = offsetFor((i + 1) * 4);
+    }
+    for (unsigned int i = 0; i < LARGEST / 4096; ++i) {
+        offsets.m_large[i] = offsetFor((i + 1) * 4096);
+    }
+    return offsets;
+}
+
+constexpr HeadOffsets s_head_offsets = makeHeadOffsets();
+
+/// The head in `classes` for `size`. Null for 0 and for what is above LARGEST.
+inline mem_head* headFor(mem_head* classes, unsigned int size) {
+    const unsigned int last = size - 1;  // 0 wraps round to the largest number.
+    unsigned int offset = 0;
+    if (__builtin_expect(last < SMALL_LIMIT, 1)) {
+        offset = s_head_offsets.m_small[last / 4];
+    } else if (last < LARGEST) {
+        offset = s_head_offsets.m_large[last / 4096];
+    } else {
+        return nullptr;
+    }
+    return reinterpret_cast<mem_head*>(reinterpret_cast<char*>(classes) + offset);
+}
+
+// A table in use has one more head in front of its classes, at the index NO_CLASS. That head keeps nothing,
+// so "the list is full" sends blocks without a class, and blocks of a thread without a table, the same way.
+constexpr int HEADS_IN_FRONT = 1;
+constexpr int CLASSES = 46;
+const mem_head s_nothing[HEADS_IN_FRONT + CLASSES] = {};
+
+/// The classes of the calling thread, or those of `s_nothing`, which are never written: they have no room to
+/// put a block and none to take. Initial-exec makes an access one load beside the thread's base register.
+__attribute__((tls_model("initial-exec"))) thread_local mem_head* t_classes =
+    const_cast<mem_head*>(s_nothing) + HEADS_IN_FRONT;
+
+mem_head* noTable() {
+    return const_cast<mem_head*>(s_nothing) + HEADS_IN_FRONT;
+}
+
+/// A table in use, with empty classes. Null if there is no memory.
+mem_head* newTable(const mem_head (&classes)[CLASSES]) {
+    void* memory = generalAllocate(sizeof(s_nothing));
+    if (memory == nullptr) {
+        return nullptr;
+    }
+    auto* heads = static_cast<mem_head*>(memory);
+    std::memcpy(heads, s_nothing, sizeof(mem_head) * HEADS_IN_FRONT);
+    std::memcpy(heads + HEADS_IN_FRONT, classes, sizeof(classes));
+    return heads + HEADS_IN_FRONT;
+}
+
+inline mem_block* takeFirst(mem_head& head) {
+    mem_block* block = head.m_first;
+    if (__builtin_expect(block == nullptr, 0)) {
+        return nullptr;
+    }
+    head.m_first = block->m_next;
+    ++head.m_taken;
+    block->m_next = nullptr;
+    return block;
+}
+
+/// False if the count says that the list is full.
+inline bool putLast(mem_head& head, mem_block* block) {
+    if (__builtin_expect(head.m_count == head.m_max, 0)) {
+        return false;
+    }
+    head.m_count = static_cast<uint16_t>(head.m_count + 1);
+    mem_block* last = head.m_last;
+    head.m_last = block;
+    if (head.m_first == nullptr) {
+        head.m_first = block;
+    } else {
+        last->m_next = block;
+    }
+    return true;
+}
+
+/// As putLast, after counting what was taken. False if the list is full indeed.
+bool settleAndPutLast(mem_head& head, mem_block* block) {
+    if (head.m_taken != 0) {
+        head.m_count = static_cast<uint16_t>(head.m_count - head.m_taken);
+        head.m_taken = 0;
+    }
+    return putLast(head, block);
+}
+
+void* newBlock(int index, std::size_t size) {
+    auto* block = static_cast<mem_block*>(generalAllocate(size + sizeof(mem_block)));
+    if (block == nullptr) {
+        return nullptr;
+    }
+    block->m_index = index;
+    block->m_next = nullptr;
+    if (index != NO_CLASS) {
+        block->m_size = static_cast<int32_t>(size);
+    }
+    return block + 1;
+}
+
+}  // namespace
+
+unsigned long CTsMemory::mem_pool_key = NO_KEY;
+mem_head* CTsMemory::m_mem_pool = nullptr;
+Infra::CMutex CTsMemory::m_key_mutex;
+Infra::CMutex CTsMemory::m_pool_mutex;
+
+#define RETICOR_MEM_CLASS(size, max) \
+    { max, 0, size, nullptr, nullptr, 0 }
+
+const mem_head CTsMemory::m_mem_template[CLASS_COUNT] = {
+    // Small objects, 8 bytes apart.
+    RETICOR_MEM_CLASS(8, 2048), RETICOR_MEM_CLASS(16, 2048), RETICOR_MEM_CLASS(24, 2048),
+    RETICOR_MEM_CLASS(32, 2048), RETICOR_MEM_CLASS(40, 2048), RETICOR_MEM_CLASS(48, 2048),
+    RETICOR_MEM_CLASS(56, 2048), RETICOR_MEM_CLASS(64, 2048), RETICOR_MEM_CLASS(72, 2048),
+    RETICOR_MEM_CLASS(80, 2048), RETICOR_MEM_CLASS(88, 2048), RETICOR_MEM_CLASS(96, 2048),
+    RETICOR_MEM_CLASS(104, 2048), RETICOR_MEM_CLASS(112, 2048), RETICOR_MEM_CLASS(120, 2048),
+    RETICOR_MEM_CLASS(128, 2048), RETICOR_MEM_CLASS(256, 2048), RETICOR_MEM_CLASS(512, 2048),
+    // Network packets: twice as many as of their neighbours.
+    RETICOR_MEM_CLASS(1500, 4096),
+    // Pages, 4096 bytes apart.
+    RETICOR_MEM_CLASS(4096, 2048), RETICOR_MEM_CLASS(8192, 2048), RETICOR_MEM_CLASS(12288, 128),
+    RETICOR_MEM_CLASS(16384, 128), RETICOR_MEM_CLASS(20480, 128), RETICOR_MEM_CLASS(24576, 128),
+    RETICOR_MEM_CLASS(28672, 128), RETICOR_MEM_CLASS(32768, 128), RETICOR_MEM_CLASS(36864, 128),
+    RETICOR_MEM_CLASS(40960, 128), RETICOR_MEM_CLASS(45056, 128), RETICOR_MEM_CLASS(49152, 128),
+    RETICOR_MEM_CLASS(53248, 128), RETICOR_MEM_CLASS(57344, 128), RETICOR_MEM_CLASS(61440, 128),
+    RETICOR_MEM_CLASS(65536, 128),
+    // Frames, 16384 bytes apart.
+    RETICOR_MEM_CLASS(81920, 128), RETICOR_MEM_CLASS(98304, 128), RETICOR_MEM_CLASS(114688, 64),
+    RETICOR_MEM_CLASS(131072, 64), RETICOR_MEM_CLASS(147456, 64), RETICOR_MEM_CLASS(163840, 64),
+    RETICOR_MEM_CLASS(180224, 64), RETICOR_MEM_CLASS(196608, 64), RETICOR_MEM_CLASS(212992, 64),
+    RETICOR_MEM_CLASS(229376, 64),
+    // The end mark.
+    RETICOR_MEM_CLASS(0, 0)};
+
+#undef RETICOR_MEM_CLASS
+
+CTsMemory::CTsMemory() = default;
+CTsMemory::CTsMemory(const CTsMemory&) = default;
+CTsMemory& CTsMemory::operator=(const CTsMemory&) = default;
+
+void CTsMemory::InitStaticVal() {
+    Infra::CGuard guard(m_key_mutex);
+    __atomic_store_n(&m_mem_pool, nullptr, __ATOMIC_RELEASE);
+    mem_pool_key = NO_KEY;
+}
+
+void CTsMemory::create_mem_key() {}
+
+void CTsMemory::CreateMemPool() {
+    {
+        Infra::CGuard guard(m_key_mutex);
+        if (mem_pool_key == NO_KEY) {
+            mem_pool_key = SLOT_KEY;
+        }
+    }
+    if (t_classes == noTable()) {
+        mem_head* classes = newTable(m_mem_template);
+        t_classes = classes != nullptr ? classes : noTable();
+    }
+    if (__atomic_load_n(&m_mem_pool, __ATOMIC_ACQUIRE) == nullptr) {
+        mem_head* none = nullptr;
+        mem_head* shared = newTable(m_mem_template);
+        if (!__atomic_compare_exchange_n(&m_mem_pool, &none, shared, false, __ATOMIC_ACQ_REL,
+                                         __ATOMIC_ACQUIRE) &&
+            shared != nullptr) {
+            free_mem_key(shared);  // Another worker was quicker.
+        }
+    }
+}
+
+void CTsMemory::free_mem_key(void* table) {
+    auto* classes = static_cast<mem_head*>(table);
+    for (int i = 0; i < CLASS_COUNT; ++i) {
+        while (mem_block* block = takeFirst(classes[i])) {
+            generalFree(block);
+        }
+    }
+    if (classes != m_mem_template) {
+        generalFree(classes - HEADS_IN_FRONT);
+    }
+}
+
+void CTsMemory::DestroyThreadMemPool() {
+    mem_head* classes = t_classes;
+    if (classes != noTable()) {
+        t_classes = noTable();
+        free_mem_key(classes);
+    }
+}
+
+void CTsMemory::DestroyMemPool() {
+    // The per-thread slot needs no freeing, and its number stays until InitStaticVal.
+    mem_head* shared = nullptr;
+    {
+        Infra::CGuard guard(m_pool_mutex);
+        shared = __atomic_exchange_n(&m_mem_pool, nullptr, __ATOMIC_ACQ_REL);
+    }
+    if (shared != nullptr) {
+        free_mem_key(shared);
+    }
+}
+
+int CTsMemory::get_index(unsigned int size) {
+    return classOf(size);
+}
+
+__attribute__((noinline)) void* CTsMemory::do_malloc(mem_head* table, unsigned int size, bool lock) {
+    if (size == 0) {
+        size = 1;
+    }
+    if (size > LARGEST || table == nullptr || table == noTable()) {
+        return newBlock(NO_CLASS, size);
+    }
+    const int index = get_index(size);
+    mem_block* block = nullptr;
+    if (lock) {
+        Infra::CGuard guard(m_pool_mutex);
+        // The shared table may have gone while this thread waited.
+        mem_head* shared = __atomic_load_n(&m_mem_pool, __ATOMIC_ACQUIRE);
+        block = shared != nullptr ? takeFirst(shared[index]) : nullptr;
+    } else {
+        block = takeFirst(table[index]);
+    }
+    return block != nullptr ? block + 1 : newBlock(index, m_mem_template[index].m_size);
+}
+
+__attribute__((noinline)) void CTsMemory::do_free(mem_head* table, void* p, bool lock) {
+    if (p == nullptr) {
+        return;
+    }
+    mem_block* block = static_cast<mem_block*>(p) - 1;
+    bool kept = false;
+    if (lock) {
+        Infra::CGuard guard(m_pool_mutex);
+        mem_head* shared = __atomic_load_n(&m_mem_pool, __ATOMIC_ACQUIRE);
+        kept = shared != nullptr && settleAndPutLast(shared[block->m_index], block);
+    } else {
+        kept = table != nullptr && settleAndPutLast(table[block->m_index], block);
+    }
+    if (!kept) {
+        generalFree(block);
+    }
+}
+
+// The two hot operations take the short way themselves and leave the rest to a tail call of the long one.
+// Each starts a cache line, of which the short way takes one and a bit.
+
+__attribute__((aligned(64))) void* CTsMemory::TsMalloc(unsigned int size) {
+    mem_head* head = headFor(t_classes, size);
+    if (__builtin_expect(head != nullptr, 1)) {
+        if (mem_block* block = takeFirst(*head)) {
+            return block + 1;
+        }
+    }
+    return do_malloc(t_classes, size, false);
+}
+
+__attribute__((aligned(64))) void CTsMemory::TsFree(void* p) {
+    if (__builtin_expect(p != nullptr, 1)) {
+        mem_block* block = static_cast<mem_block*>(p) - 1;
+        if (!putLast(t_classes[block->m_index], block)) {
+            do_free(t_classes, p, false);
+        }
+    }
+}
+
+void* CTsMemory::Malloc(unsigned int size) {
+    return do_malloc(__atomic_load_n(&m_mem_pool, __ATOMIC_ACQUIRE), size, true);
+}
+
+void CTsMemory::Free(void* p) {
+    do_free(__atomic_load_n(&m_mem_pool, __ATOMIC_ACQUIRE), p, true);
+}
+
+}  // namespace Orvex::Reticor

@@ -1,0 +1,133 @@
+// CMessage: posting to a handler by its id, and the step that turns a queued record into a call.
+#include "Core/service/Message.h"
+
+#include <atomic>
+#include <cassert>
+
+#include <Infra/Log.h>
+#include <Infra/Thread.h>
+#include <Infra/Time.h>
+#include <Reticor/R3.h>
+
+#include "Core/handle/ClassName.h"
+#include "Core/handle/ObjectId.h"
+#include "Core/pool/PoolTable.h"
+#include "Core/pool/ThreadPool.h"
+#include "R3/print/FuncBox.h"
+#include "R3/print/HelpText.h"
+#include "Tool/task/FileTask.h"
+
+namespace Orvex::Reticor {
+
+namespace {
+
+/// Whether the workers print what they handle; set by the command "threadpool".
+std::atomic<int32_t> g_print{0};
+
+const R3Command g_threadpool_command(&r3StoreFlag<g_print>, "threadpool", HELP_THREADPOOL);
+
+/// What NotifyIO posts. Never destroyed: file workers may still run while static objects are.
+CEventQueue& io_queue() {
+    static CEventQueue& sm_io_event = *new CEventQueue;
+    return sm_io_event;
+}
+
+void assert_index(long receiver) {
+    // clang-format off
+    assert(63 >= INDEX_OF_ID( receiver ));
+    // clang-format on
+}
+
+CEvent* make_record(int64_t key, long sender, long receiver, unsigned int msg, long attach) {
+    CEvent* ev = getEvent();
+    ev->m_key = key;
+    ev->m_obj_id = sender;
+    ev->m_receiver = receiver;
+    ev->m_msg = msg;
+    ev->m_attach = attach;
+    return ev;
+}
+
+enum class Moment { begin, end };
+
+void print_message(const HandlerPin& handler, const CEvent* ev, Moment moment) {
+    if (!CMessage::printing()) {
+        return;
+    }
+    R3Printf(moment == Moment::begin
+                 ? "thread:%d, object:%p,class:%s, handle message begin at %ju us,msg:%d,attach:%d\n"
+                 : "thread:%d, object:%p,class:%s, handle message end at %ju us,msg:%d,attach:%d\n",
+             Infra::CThread::getCurrentThreadID(), static_cast<void*>(handler.get()),
+             className(*handler.get()).c_str(), static_cast<uintmax_t>(Infra::CTime::getCurrentMicroSecond()),
+             static_cast<int>(ev->m_msg), static_cast<int>(ev->m_attach));
+}
+
+}  // namespace
+
+bool CMessage::printing() {
+    return g_print.load(std::memory_order_relaxed) != 0;
+}
+
+void CMessage::Notify(long sender, long receiver, unsigned int msg, long attach, bool io) {
+    if (receiver >= 0) {
+        INFRA_LOG_STATIC(2, "CMessage::Notify, invalid receiver id: %ld\n", receiver);
+        return;
+    }
+    assert_index(receiver);
+    CEvent* ev = make_record(EVENT_KEY_MESSAGE, sender, receiver, msg, attach);
+    if (io) {
+        io_queue().Push(ev);
+        PostFileMessageTask();
+    } else {
+        PoolTable::PushEvent(INDEX_OF_ID(receiver), ev);
+    }
+}
+
+void CMessage::NotifySerial(long sender, long receiver, unsigned int msg, long attach, unsigned int) {
+    if (receiver >= 0) {
+        INFRA_LOG_STATIC(2, "CMessage::NotifySerial, invalid receiver id: %ld\n", receiver);
+        return;
+    }
+    assert_index(receiver);
+    PoolTable::PushSerialEvent(INDEX_OF_ID(receiver),
+                               make_record(EVENT_KEY_SERIAL, sender, receiver, msg, attach));
+}
+
+void CMessage::NotifyClose(long id) {
+    PoolTable::PushFrontEvent(INDEX_OF_ID(id), make_record(EVENT_KEY_MESSAGE, id, id, MSG_CLOSE, 0));
+}
+
+int CMessage::HandleMessage(CEvent* ev) {
+    deliver(ev, From::worker);
+    return 0;
+}
+
+void CMessage::deliver(CEvent* ev, From from) {
+    const bool outside = from == From::outside;
+    if (HandlerPin handler = outside ? PoolTable::FindHandlerFromOutside(ev->m_receiver)
+                                     : PoolTable::FindHandler(ev->m_receiver)) {
+        print_message(handler, ev, Moment::begin);
+        if (ev->m_msg == MSG_CLOSE && ev->m_obj_id == ev->m_receiver) {
+            outside ? PoolTable::DetachFromOutside(ev->m_receiver) : PoolTable::Detach(ev->m_receiver);
+        } else {
+            handler->handle_message(static_cast<long>(ev->m_obj_id), ev->m_msg,
+                                    static_cast<long>(ev->m_attach));
+        }
+        print_message(handler, ev, Moment::end);
+    }
+    putEvent(ev);
+}
+
+void CMessage::HandleIOMessage() {
+    if (CEvent* ev = io_queue().PopNow()) {
+        deliver(ev, From::outside);
+    }
+}
+
+void CMessage::DropIOMessages() {
+    while (CEvent* ev = io_queue().PopNow()) {
+        putEvent(ev);
+    }
+}
+
+}  // namespace Orvex::Reticor

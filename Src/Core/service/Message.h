@@ -1,0 +1,45 @@
+// CMessage: posting to a handler by its id, and the step that turns a queued record into a call.
+#pragma once
+
+#include "Core/record/Event.h"
+
+namespace Orvex::Reticor {
+
+/// All static. Posting comes from any thread, never fails towards the sender and never waits for the
+/// receiver; a message to an object that is gone disappears when it is taken.
+class CMessage {
+public:
+    /// The message number by which a handler that sends it to itself leaves the object table.
+    static constexpr unsigned int MSG_CLOSE = 12;
+
+    /// Posts to the main queue of the receiver's pool, or, with `io`, to the queue of the file workers.
+    static void Notify(long sender, long receiver, unsigned int msg, long attach, bool io);
+
+    /// Posts to the serial queue of the receiver's pool. `reserved` is not used.
+    static void NotifySerial(long sender, long receiver, unsigned int msg, long attach,
+                             unsigned int reserved);
+
+    /// Posts the close message of `id` ahead of everything in its pool's queue.
+    static void NotifyClose(long id);
+
+    /// Calls the receiver, if it is still there, with no lock held, and gives the record back. Result 0.
+    static int HandleMessage(CEvent* ev);
+
+    /// Takes one record of NotifyIO, if there is one, and handles it as HandleMessage does, on a file worker.
+    static void HandleIOMessage();
+
+    /// Gives the records of NotifyIO that nobody has taken back to the free list. Called before file workers
+    /// start and after they have ended: what was posted without workers is never delivered, and is not to be
+    /// taken for what is posted later.
+    static void DropIOMessages();
+
+    /// Whether the workers print each message and timer they handle (command "threadpool").
+    static bool printing();
+
+private:
+    /// Where the thread that handles a message comes from decides how it may look into pools.
+    enum class From { worker, outside };
+    static void deliver(CEvent* ev, From from);
+};
+
+}  // namespace Orvex::Reticor

@@ -1,0 +1,410 @@
+// CNetSock: binds a socket to a handler, and turns its readiness into calls.
+#include "Core/service/NetSock.h"
+
+#include <Infra/Log.h>
+#include <Infra/Time.h>
+#include <Reticor/NetHandler.h>
+#include <Reticor/Sock.h>
+
+#include "Core/handle/ClassName.h"
+#include "Core/handle/ObjectId.h"
+#include "Core/pool/PoolTable.h"
+#include "Core/pool/ThreadPool.h"
+#include "Core/service/SockTimer.h"
+#include "R3/print/DebugSocket.h"
+
+namespace Orvex::Reticor {
+
+namespace {
+
+using Flags = CDebugSocket;
+
+bool tracing() {
+    return Infra::logEnabled(3);
+}
+
+long long traced(int64_t number) {
+    return static_cast<long long>(number);
+}
+
+uintmax_t now() {
+    return static_cast<uintmax_t>(Infra::CTime::getCurrentMicroSecond());
+}
+
+CThreadPool* pool_of(int64_t id) {
+    return PoolTable::Get(INDEX_OF_ID(static_cast<long>(id)));
+}
+
+/// The lines of a call into a handler, at its begin and its end: `what` is the operation.
+void trace_call(const char* what, const char* moment, const CEvent* event, const HandlerPin& handler) {
+    const int revents = reventsNow(event);
+    if (Flags::passesRevents(revents) && Flags::passesDensity() &&
+        Flags::matches(event->m_key, Infra::relaxedLoad(event->m_obj_id))) {
+        const bool timeout = what[0] == 't';
+        INFRA_LOG_PLAIN(
+            3,
+            "<Reticor Debug> Enter CNetSock::handle_%s  object:%p, class:%s handle sock %s%s at %ju us, "
+            "fd:%lld,revents:%x.\n",
+            what, static_cast<void*>(handler.get()), className(*handler.get()).c_str(),
+            timeout ? "timeout " : "event ", moment, now(), traced(event->m_key),
+            static_cast<unsigned int>(revents));
+    }
+}
+
+/// The lines of RemoveSock: at its entry, and for the idle (&1) and the in-flight case (&2).
+void trace_remove(const char* where, CNetHandler* handler, int64_t fd) {
+    if (tracing() && Flags::passesDensity() && Flags::matches(fd, handler->GetID())) {
+        INFRA_LOG_PLAIN(3, "<Reticor Debug> %s CNetHandler:%p, owner type:%s, socket:%lld.\n", where,
+                        static_cast<void*>(handler), className(*handler).c_str(), traced(fd));
+    }
+}
+
+void trace_delivered(CEvent* event, int ret) {
+    if (Flags::passesRevents(reventsNow(event)) &&
+        Flags::matches(event->m_key, Infra::relaxedLoad(event->m_obj_id))) {
+        RecordPin pin = RecordPin::Enter(event);
+        INFRA_LOG_PLAIN(3,
+                        "<Reticor Debug> Enter CNetSock::handle_netevent event->m_obj_id:%lld socket:%lld, "
+                        "m_revents:%d, m_event_mask:%d ret:%d, m_set_time:%d.\n",
+                        traced(event->m_obj_id), traced(event->m_key), event->m_revents,
+                        static_cast<int>(event->m_event_mask), ret, event->m_timer.m_set_time);
+    }
+}
+
+}  // namespace
+
+// ---- registration --------------------------------------------------------------------------------------
+
+int CNetSock::check_valid(int fd) {
+    if (fd < 0) {
+        INFRA_LOG_STATIC(2, "RegisterSock sock fd error, fd: %d\n", fd);
+        return -1;
+    }
+    if (fd <= 2) {
+        INFRA_LOG_STATIC(3, "RegisterSock sock fd specially with standard stream value: %d\n", fd);
+    }
+    return 0;
+}
+
+int CNetSock::RegisterSock(CNetHandler* handler, CSock& sock, unsigned int type,
+                           int time_out) INFRA_NO_THREAD_SAFETY_ANALYSIS {
+    const int fd = sock.GetHandle();
+    if (tracing() && Flags::passesType(type) && Flags::passesDensity() &&
+        Flags::matches(fd, handler->GetID())) {
+        INFRA_LOG_PLAIN(
+            3,
+            "<Reticor Debug> Enter CNetSock::RegisterSock CNetHandler:%p, owner type:%s, socket:%lld, "
+            "type:%d, time_out:%d obj:%lld. \n",
+            static_cast<void*>(handler), className(*handler).c_str(), traced(fd), static_cast<int>(type),
+            time_out, traced(handler->GetID()));
+    }
+    if (check_valid(fd) == -1) {
+        return -1;
+    }
+    CThreadPool* pool = pool_of(handler->GetID());
+    if (pool == nullptr) {
+        return -1;
+    }
+    const int time_out_ms = time_out / 1000;
+    BTree& tree = pool->m_sock_tree;
+    tree.WriteLock();
+    if (CEvent* known = static_cast<CEvent*>(tree.FindLocked(fd))) {
+        tree.Unlock();
+        modify_exist_event(handler, RecordPin::Adopt(known), sock, type, time_out_ms);
+    } else {
+        register_new_event(handler, sock, type, time_out_ms);
+    }
+    return 0;
+}
+
+// Entered with the tree's lock held for writing, which it leaves.
+void CNetSock::register_new_event(CNetHandler* handler, CSock& sock, unsigned int type,
+                                  int time_out) INFRA_NO_THREAD_SAFETY_ANALYSIS {
+    const int fd = sock.GetHandle();
+    if (tracing() && Flags::passesType(type) && Flags::matches(fd, handler->GetID())) {
+        INFRA_LOG_PLAIN(3,
+                        "<Reticor Debug> Enter CNetSock::register_new_event CNetHandler:%p, owner type:%s, "
+                        "socket:%lld.\n",
+                        static_cast<void*>(handler), className(*handler).c_str(), traced(fd));
+    }
+    CThreadPool* pool = pool_of(handler->GetID());
+    CEvent* event = getEvent();
+    event->m_key = fd;
+    RecordPin pin = RecordPin::Enter(event);
+    event->m_obj_id = handler->GetID();
+    event->m_event_mask = type;
+    event->m_revents = 0;
+    event->m_mux_state = 0;
+    event->m_timer = SockTimerNode{};
+    event->m_timer.m_timer_owner = event;
+    pool->m_sock_tree.InsertLocked(event);
+    pool->m_mux.Enlist(event);
+    pool->m_sock_tree.Unlock();
+    if (time_out > 0) {
+        sockTimer().Link(event, time_out);
+    }
+    pool->m_mux.AddEvent(event);
+    handler->AddSock();
+}
+
+void CNetSock::modify_exist_event(CNetHandler* handler, RecordPin event, CSock& sock, unsigned int type,
+                                  int time_out) {
+    if (tracing() && Flags::passesType(type) && Flags::matches(event->m_key, handler->GetID())) {
+        INFRA_LOG_PLAIN(3,
+                        "<Reticor Debug> Enter CNetSock::modify_exist_event CNetHandler:%p, owner type:%s, "
+                        "socket:%lld, m_set_time:%llu, m_revents:%x.\n",
+                        static_cast<void*>(handler), className(*handler).c_str(), traced(sock.GetHandle()),
+                        static_cast<unsigned long long>(event->m_timer.m_set_time),
+                        static_cast<unsigned int>(reventsNow(event.get())));
+    }
+    CThreadPool* pool = pool_of(handler->GetID());
+    Infra::relaxedStore(event->m_obj_id, static_cast<int64_t>(handler->GetID()));
+    clearFlag(event.get(), MUX_ORPHAN);
+    if (event->m_timer.m_set_time != 0 || time_out != 0) {
+        if (inFlight(event.get())) {
+            event->m_timer.m_set_time = time_out;  // the worker applies it
+        } else {
+            reset_timer(event.get(), time_out);
+        }
+    }
+    event->m_event_mask |= type;
+    if (inFlight(event.get())) {
+        // The worker watches the socket again by the new mask. The number may have been closed and reused
+        // since the kernel was told.
+        setFlag(event.get(), MUX_FORCE);
+    } else {
+        pool->m_mux.ModifyEvent(event.get());
+    }
+    if (event->m_event_mask & SOCK_REMOVED) {
+        handler->AddSock();
+        event->m_event_mask &= ~SOCK_REMOVED;
+    }
+}
+
+int CNetSock::UnregisterSock(CNetHandler* handler, CSock& sock, unsigned int type) {
+    const int fd = sock.GetHandle();
+    if (tracing() && Flags::passesType(type) && Flags::passesDensity() &&
+        Flags::matches(fd, handler->GetID())) {
+        INFRA_LOG_PLAIN(3,
+                        "<Reticor Debug> Enter CNetSock::UnregisterSock CNetHandler:%p, owner type:%s, "
+                        "socket:%lld, type:%d.\n",
+                        static_cast<void*>(handler), className(*handler).c_str(), traced(fd),
+                        static_cast<int>(type));
+    }
+    CThreadPool* pool = pool_of(handler->GetID());
+    if (pool == nullptr) {
+        return 0;
+    }
+    RecordPin event = RecordPin::Adopt(fd < 0 ? nullptr : static_cast<CEvent*>(pool->m_sock_tree.Find(fd)));
+    if (!event || (event->m_event_mask & type) == 0) {
+        return 0;
+    }
+    event->m_event_mask &= ~type;
+    if ((event->m_event_mask & (SOCK_READ | SOCK_WRITE)) == 0 && CSockTimer::IsLinked(event.get())) {
+        sockTimer().Unlink(event.get());
+    }
+    if (!inFlight(event.get())) {
+        pool->m_mux.ModifyEvent(event.get());
+    }
+    return 0;
+}
+
+int CNetSock::RemoveSock(CNetHandler* handler, CSock& sock) INFRA_NO_THREAD_SAFETY_ANALYSIS {
+    const int fd = sock.GetHandle();
+    trace_remove("Enter CNetSock::RemoveSock", handler, fd);
+    CThreadPool* pool = pool_of(handler->GetID());
+    if (pool == nullptr || fd < 0) {
+        return 0;
+    }
+    BTree& tree = pool->m_sock_tree;
+    tree.WriteLock();
+    RecordPin event = RecordPin::Adopt(static_cast<CEvent*>(tree.FindLocked(fd)));
+    if (!event) {
+        tree.Unlock();
+        return 0;
+    }
+    if (!inFlight(event.get())) {
+        handler->DecSock();
+        remove_sock(std::move(event), *pool);
+        trace_remove("CNetSock::RemoveSock &1 ", handler, fd);
+        return 0;
+    }
+    tree.Unlock();
+    if ((event->m_event_mask & SOCK_REMOVED) == 0) {
+        handler->DecSock();
+        // The number may be closed as soon as this returns, so the kernel forgets it now.
+        pool->m_mux.Forget(event.get());
+        event->m_event_mask = SOCK_REMOVED;
+        setRevents(event.get(), REVENT_REMOVED);
+        trace_remove("CNetSock::RemoveSock &2 ", handler, fd);
+    }
+    return 0;
+}
+
+// Entered with the tree's lock held for writing, which it leaves; frees the record.
+void CNetSock::remove_sock(RecordPin event, CThreadPool& pool) INFRA_NO_THREAD_SAFETY_ANALYSIS {
+    CEvent* record = event.get();
+    if (tracing() && Flags::matches(record->m_key, record->m_obj_id)) {
+        INFRA_LOG_PLAIN(3, "<Reticor Debug> Enter CNetSock::remove_sock  socket:%lld.\n",
+                        traced(record->m_key));
+    }
+    pool.m_mux.Forget(record);
+    pool.m_mux.Delist(record);
+    pool.m_sock_tree.RemoveLocked(record->m_key);
+    pool.m_sock_tree.Unlock();
+    if (CSockTimer::IsLinked(record)) {
+        sockTimer().Unlink(record);
+    }
+    event.Leave();
+    putEvent(record);
+}
+
+CNetSock::Registration CNetSock::Look(CNetHandler* handler, CSock& sock) {
+    const int fd = sock.GetHandle();
+    CThreadPool* pool = pool_of(handler->GetID());
+    if (pool == nullptr || fd < 0) {
+        return {false, 0};
+    }
+    RecordPin event = RecordPin::Adopt(static_cast<CEvent*>(pool->m_sock_tree.Find(fd)));
+    return event ? Registration{true, event->m_event_mask} : Registration{false, 0};
+}
+
+// ---- delivery ------------------------------------------------------------------------------------------
+
+int CNetSock::handle_netevent(CEvent* event) {
+    int64_t missing_owner = 0;
+    const int ret = deliver(event, missing_owner);
+    if (tracing()) {
+        trace_delivered(event, ret);
+    }
+    finish(event, ret, missing_owner);
+    return 0;
+}
+
+int CNetSock::deliver(CEvent* event, int64_t& missing_owner) {
+    const bool timed_out = (reventsNow(event) & (REVENT_READ_TIMEOUT | REVENT_WRITE_TIMEOUT)) != 0;
+    return timed_out ? handle_timeout(event, missing_owner) : handle_net(event, missing_owner);
+}
+
+// m_revents is read anew at each test: a removal in between replaces it, and selects no further call.
+int CNetSock::handle_net(CEvent* event, int64_t& missing_owner) {
+    const int64_t owner = Infra::relaxedLoad(event->m_obj_id);
+    HandlerPin handler = PoolTable::FindHandler(owner);
+    if (!handler) {
+        missing_owner = owner;
+        return -1;
+    }
+    if (tracing()) {
+        trace_call("net", "begin", event, handler);
+    }
+    const int fd = static_cast<int>(event->m_key);
+    int ret = -1;
+    if (reventsNow(event) & REVENT_EXCEPT) {
+        ret = handler->handle_exception(fd);
+    } else {
+        if (reventsNow(event) & REVENT_READ) {
+            ret = handler->handle_input(fd);
+        }
+        if (reventsNow(event) & REVENT_WRITE) {
+            ret = handler->handle_output(fd);
+        }
+    }
+    if (tracing()) {
+        trace_call("net", "end", event, handler);
+    }
+    return ret;
+}
+
+int CNetSock::handle_timeout(CEvent* event, int64_t& missing_owner) {
+    const int64_t owner = Infra::relaxedLoad(event->m_obj_id);
+    HandlerPin handler = PoolTable::FindHandler(owner);
+    if (!handler) {
+        missing_owner = owner;
+        return -1;
+    }
+    if (tracing()) {
+        trace_call("timeout", "begin", event, handler);
+    }
+    const int fd = static_cast<int>(event->m_key);
+    if (reventsNow(event) & REVENT_READ_TIMEOUT) {
+        handler->handle_input_timeout(fd);
+    } else if (reventsNow(event) & REVENT_WRITE_TIMEOUT) {
+        handler->handle_output_timeout(fd);
+    }
+    if (tracing()) {
+        trace_call("timeout", "end", event, handler);
+    }
+    return -1;
+}
+
+// The second half of a delivery: the record is idle again, or, if its removal is pending, freed.
+void CNetSock::finish(CEvent* record, int ret, int64_t missing_owner) {
+    RecordPin event = RecordPin::Enter(record);
+    CThreadPool* pool = pool_of(event->m_obj_id);
+    while (event->m_event_mask & SOCK_REMOVED) {
+        event.Leave();
+        if (free_removed(record, *pool)) {
+            return;
+        }
+        event = RecordPin::Enter(record);  // not removed a moment ago, but perhaps again by now
+    }
+    if (event->m_revents & REVENT_REMOVED) {
+        ret = 0;  // removed and registered again while the handler ran
+    }
+    setRevents(record, 0);
+    clearFlag(record, MUX_BUSY);
+    // A registration meanwhile may have named an owner that this delivery did not look for.
+    pool->m_mux.Rearm(record, event->m_obj_id != missing_owner);
+    const int stored = event->m_timer.m_set_time;
+    if (ret == 0 && stored > 0) {
+        reset_timer(record, stored);
+    } else {
+        reset_timer(record, ret > 0 ? ret / 1000 : ret);
+    }
+}
+
+// The tree's lock comes before the record's, so the removal is looked at again under both: it may have been
+// cancelled by a registration meanwhile.
+bool CNetSock::free_removed(CEvent* record, CThreadPool& pool) INFRA_NO_THREAD_SAFETY_ANALYSIS {
+    pool.m_sock_tree.WriteLock();
+    RecordPin event = RecordPin::Enter(record);
+    if ((event->m_event_mask & SOCK_REMOVED) == 0) {
+        pool.m_sock_tree.Unlock();
+        return false;
+    }
+    remove_sock(std::move(event), pool);
+    return true;
+}
+
+void CNetSock::reset_timer(CEvent* event, int time_out) {
+    if (tracing() && Flags::passesDensity() && Flags::matches(event->m_key, event->m_obj_id)) {
+        INFRA_LOG_PLAIN(3, "<Reticor Debug> Enter CNetSock::reset_timer timt_out:%d, socket:%d.\n", time_out,
+                        static_cast<int>(event->m_key));
+    }
+    if (time_out > 0) {
+        if (CSockTimer::IsLinked(event)) {
+            sockTimer().Update(event, time_out);
+        } else {
+            sockTimer().Link(event, time_out);
+        }
+    } else if (CSockTimer::IsLinked(event)) {
+        sockTimer().Unlink(event);
+    }
+}
+
+// ---- process level -------------------------------------------------------------------------------------
+
+int InitSocketLibrary() {
+    return sockTimer().Start();
+}
+
+int CleanupSocketLibrary() {
+    return 0;
+}
+
+int StopSockTimer() {
+    sockTimer().Stop();
+    return 0;
+}
+
+}  // namespace Orvex::Reticor

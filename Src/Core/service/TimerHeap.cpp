@@ -1,0 +1,195 @@
+// TimerHeap: the armed timers of all pools, soonest first.
+#include "Core/service/TimerHeap.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "Core/handle/ObjectId.h"
+
+namespace Orvex::Reticor {
+
+void DueChains::Add(const ArmedTimer& timer) {
+    CEvent* ev = getEvent();
+    ev->m_key = timer.id;
+    ev->m_obj_id = timer.obj_id;
+    ev->m_expire = timer.expire;
+    ev->m_delay = timer.delay;
+    const size_t index = static_cast<size_t>(INDEX_OF_ID(static_cast<long>(timer.obj_id)));
+    if (m_chain[index] == nullptr) {
+        m_active[static_cast<size_t>(m_active_num++)] = static_cast<int>(index);
+    }
+    ev->m_next = m_chain[index];
+    m_chain[index] = ev;
+}
+
+TimerHeap::TimerHeap() {
+    m_array.reserve(FIRST_CAPACITY);
+}
+
+// ---- timers and ids ------------------------------------------------------------------------------------
+
+TimerHeap::Pool* TimerHeap::pool_of(int64_t id) {
+    const int index = INDEX_OF_ID(static_cast<long>(id));
+    return index < PoolTable::POOL_LIMIT ? &m_pool[static_cast<size_t>(index)] : nullptr;
+}
+
+/// The timer of an entry, or null if it is armed no more. An id comes back with another generation, and one
+/// timer is armed again with a later expiry, so id and expiry together name one arming.
+inline ArmedTimer* TimerHeap::armed(const TimerEntry& entry) {
+    ArmedTimer* timer = pool_of(entry.id)->table.Find(entry.id);
+    return timer != nullptr && timer->expire == entry.expire ? timer : nullptr;
+}
+
+void TimerHeap::erase(ArmedTimer* timer) {
+    pool_of(timer->id)->table.Erase(timer);
+    if (--m_count == 0) {
+        m_soonest = NEVER;
+    }
+}
+
+/// Asking the pool under the mutex, which RemovePool takes after the pool is out of reach, makes sure that no
+/// timer outlives its pool.
+int64_t TimerHeap::take_id(int index) {
+    if (PoolTable::Get(index) == nullptr) {
+        return 0;
+    }
+    const int64_t id = m_pool[static_cast<size_t>(index)].ids.Take();
+    return id != 0 ? id : PoolTable::AllocId(index);
+}
+
+void TimerHeap::put_id(int64_t id) {
+    const int index = INDEX_OF_ID(static_cast<long>(id));
+    if (PoolTable::Get(index) != nullptr && !m_pool[static_cast<size_t>(index)].ids.Put(id)) {
+        PoolTable::ReleaseId(static_cast<long>(id));
+    }
+}
+
+// ---- the heap and the buckets --------------------------------------------------------------------------
+
+void TimerHeap::push(const TimerEntry& entry) {
+    m_array.push_back(entry);
+    std::push_heap(m_array.begin(), m_array.end(), Later());
+}
+
+void TimerHeap::pop_top() {
+    std::pop_heap(m_array.begin(), m_array.end(), Later());
+    m_array.pop_back();
+}
+
+/// Forgets the dead entries if they are in the majority.
+void TimerHeap::sweep() {
+    if (m_array.size() + m_later.Size() < 2 * m_count + FIRST_CAPACITY) {
+        return;
+    }
+    const auto dead = [this](const TimerEntry& entry)
+                          INFRA_NO_THREAD_SAFETY_ANALYSIS { return armed(entry) == nullptr; };
+    m_array.erase(std::remove_if(m_array.begin(), m_array.end(), dead), m_array.end());
+    std::make_heap(m_array.begin(), m_array.end(), Later());
+    m_later.KeepOnly([&dead](const TimerEntry& entry) { return !dead(entry); });
+}
+
+bool TimerHeap::insert(const ArmedTimer& timer) {
+    pool_of(timer.id)->table.Put(timer);
+    ++m_count;
+    if (m_array.empty() && m_later.Size() == 0) {
+        m_later.StartAt(timer.expire - std::min(timer.delay, timer.expire));  // about the time it is now
+    }
+    // What is due before the first bucket, or after the last one, has none.
+    const TimerEntry entry{timer.expire, timer.id};
+    if (m_later.Covers(timer.expire)) {
+        m_later.Put(entry);
+    } else {
+        push(entry);
+    }
+    const bool first = timer.expire < m_soonest;
+    m_soonest = std::min(m_soonest, timer.expire);
+    return first;
+}
+
+long TimerHeap::Arm(ArmedTimer timer, bool& first) {
+    Infra::CGuard guard(m_mutex);
+    m_later.Prefetch(timer.expire);
+    timer.id = take_id(INDEX_OF_ID(static_cast<long>(timer.obj_id)));
+    first = timer.id != 0 && insert(timer);
+    return static_cast<long>(timer.id);
+}
+
+bool TimerHeap::Rearm(const ArmedTimer& timer) {
+    Infra::CGuard guard(m_mutex);
+    return insert(timer);
+}
+
+void TimerHeap::Release(long id) {
+    Infra::CGuard guard(m_mutex);
+    put_id(id);
+}
+
+std::optional<ArmedTimer> TimerHeap::RemoveById(long id) {
+    if (id >= EVENT_KEY_TIMER_LIMIT) {
+        return std::nullopt;
+    }
+    Infra::CGuard guard(m_mutex);
+    Pool* pool = pool_of(id);
+    ArmedTimer* timer = pool != nullptr ? pool->table.Find(id) : nullptr;
+    if (timer == nullptr) {
+        return std::nullopt;
+    }
+    const ArmedTimer removed = *timer;
+    erase(timer);
+    put_id(id);
+    sweep();
+    return removed;
+}
+
+void TimerHeap::RemovePool(int index) {
+    Infra::CGuard guard(m_mutex);
+    Pool& pool = m_pool[static_cast<size_t>(index)];
+    pool.ids.Clear();
+    m_count -= pool.table.Clear();
+    m_soonest = m_count == 0 ? NEVER : m_soonest;
+    sweep();
+}
+
+uint64_t TimerHeap::Soonest() {
+    Infra::CGuard guard(m_mutex);
+    return m_soonest == NEVER ? 0 : m_soonest;
+}
+
+uint64_t TimerHeap::Peek() {
+    Infra::CGuard guard(m_mutex);
+    while (!m_array.empty() && armed(m_array.front()) == nullptr) {
+        pop_top();
+    }
+    m_soonest = m_array.empty() ? NEVER : m_array.front().expire;
+    if (m_soonest >= m_later.Begin()) {
+        const auto alive = [this](const TimerEntry& entry)
+                               INFRA_NO_THREAD_SAFETY_ANALYSIS { return armed(entry) != nullptr; };
+        const uint64_t later = m_later.Soonest(alive);
+        m_soonest = later != 0 ? std::min(later, m_soonest) : m_soonest;
+    }
+    return m_soonest == NEVER ? 0 : m_soonest;
+}
+
+void TimerHeap::PopDue(uint64_t limit, DueChains& due) {
+    Infra::CGuard guard(m_mutex);
+    m_later.AdvanceBehind(limit, [this](const TimerEntry& entry) INFRA_NO_THREAD_SAFETY_ANALYSIS {
+        if (armed(entry) != nullptr) {
+            push(entry);
+        }
+    });
+    while (!m_array.empty() && m_array.front().expire <= limit) {
+        ArmedTimer* timer = armed(m_array.front());
+        pop_top();
+        if (timer != nullptr) {
+            due.Add(*timer);
+            erase(timer);
+        }
+    }
+}
+
+int TimerHeap::Count() {
+    Infra::CGuard guard(m_mutex);
+    return static_cast<int>(m_count);
+}
+
+}  // namespace Orvex::Reticor

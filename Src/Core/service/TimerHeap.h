@@ -1,0 +1,102 @@
+// TimerHeap: the armed timers of all pools, soonest first.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+#include <Infra/Mutex.h>
+
+#include "Core/pool/PoolTable.h"
+#include "Core/record/Event.h"
+#include "Core/service/TimerBuckets.h"
+#include "Core/service/TimerTable.h"
+
+namespace Orvex::Reticor {
+
+/// The records that one tick found due, one chain for each pool. Chains grow at their front: within one tick
+/// and one pool, the timer that was due last runs first.
+struct DueChains {
+    std::array<CEvent*, PoolTable::POOL_LIMIT> m_chain{};  ///< By pool index; all null between ticks.
+    std::array<int, PoolTable::POOL_LIMIT> m_active{};     ///< The indexes with a chain, by first appearance.
+    int m_active_num = 0;
+
+    /// Makes a record of a timer that is due.
+    void Add(const ArmedTimer& timer);
+};
+
+/// A binary min-heap by expiry of the timers that are due soon, buckets for the others, and a table that
+/// leads from an id to its timer.
+///
+/// A timer is armed if the table says so. Ending one takes it out of the table alone, so that a million armed
+/// timers cost nothing to one that is cancelled; its entry stays behind as a dead one until its time comes,
+/// or until the dead ones outnumber the others and are swept out. A timer goes from its bucket to the heap,
+/// or is forgotten if it is dead, when a tick reaches the bucket's time: few timers that wait for long are
+/// ever sorted.
+///
+/// Thread safety: any thread. The mutex comes before that of a pool's id allocator.
+class TimerHeap {
+public:
+    TimerHeap();
+
+    /// Arms a timer under an id of the pool that `timer.obj_id` names. Result: the id; 0 if there is no such
+    /// pool. `first` tells whether Soonest() has become earlier, or is not 0 any more.
+    long Arm(ArmedTimer timer, bool& first);
+
+    /// Arms a timer again that was due. Result: whether Soonest() has become earlier, or is not 0 any more.
+    bool Rearm(const ArmedTimer& timer);
+
+    /// Lets the id of a timer that was due wait for its next timer.
+    void Release(long id);
+
+    /// Ends an armed timer, and lets its id wait for its next timer. Nothing if there is none with that id.
+    std::optional<ArmedTimer> RemoveById(long id);
+
+    /// Takes out every timer of a pool that nobody finds any more. The ids end with the pool's allocator.
+    void RemovePool(int index);
+
+    /// No timer expires before this; 0 without timers. It may be early after one was removed.
+    uint64_t Soonest();
+
+    /// The soonest expiry, or 0: what Soonest() gives from now on. Looks for it if need be.
+    uint64_t Peek();
+
+    /// Makes records of everything that expires up to `limit`, and adds them to the chains.
+    void PopDue(uint64_t limit, DueChains& due);
+
+    /// Armed timers.
+    int Count();
+
+private:
+    struct Later {
+        bool operator()(const TimerEntry& a, const TimerEntry& b) const { return a.expire > b.expire; }
+    };
+    struct Pool {
+        TimerTable table;
+        TimerIds ids;
+    };
+    static constexpr size_t FIRST_CAPACITY = 200;
+    static constexpr uint64_t NEVER = ~uint64_t{0};
+
+    Pool* pool_of(int64_t id) INFRA_REQUIRES(m_mutex);
+    ArmedTimer* armed(const TimerEntry& entry) INFRA_REQUIRES(m_mutex);
+    bool insert(const ArmedTimer& timer) INFRA_REQUIRES(m_mutex);
+    void erase(ArmedTimer* timer) INFRA_REQUIRES(m_mutex);
+    int64_t take_id(int index) INFRA_REQUIRES(m_mutex);
+    void put_id(int64_t id) INFRA_REQUIRES(m_mutex);
+    void push(const TimerEntry& entry) INFRA_REQUIRES(m_mutex);
+    void pop_top() INFRA_REQUIRES(m_mutex);
+    void sweep() INFRA_REQUIRES(m_mutex);
+
+    Infra::CMutex m_mutex;
+    size_t m_count INFRA_GUARDED_BY(m_mutex) = 0;  ///< Armed timers.
+    uint64_t m_soonest INFRA_GUARDED_BY(m_mutex) = NEVER;
+    std::vector<TimerEntry> m_array INFRA_GUARDED_BY(m_mutex);  ///< The heap.
+    TimerBuckets m_later INFRA_GUARDED_BY(m_mutex);
+    std::array<Pool, PoolTable::POOL_LIMIT> m_pool INFRA_GUARDED_BY(m_mutex);
+
+    friend struct TimerHeapProbe;  // tests
+};
+
+}  // namespace Orvex::Reticor

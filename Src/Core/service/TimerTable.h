@@ -1,0 +1,85 @@
+// TimerTable: the armed timers by id. TimerIds: ids of timers that have ended.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "Core/handle/ObjectId.h"
+
+namespace Orvex::Reticor {
+
+/// An armed timer. It needs no record: one is made of it when it is due.
+struct ArmedTimer {
+    int64_t id;       ///< 0 in a place of the table where no timer is.
+    int64_t obj_id;   ///< Of the handler.
+    uint64_t expire;  ///< Absolute, microseconds.
+    uint64_t delay;   ///< The period in microseconds.
+};
+
+/// The timers of one pool. The upper bits of the ids of a pool count down by one, so they index an array of
+/// chunks. A chunk without timers goes back, so ids that are never seen again cost nothing.
+///
+/// Thread safety: none.
+class TimerTable {
+public:
+    /// The timer with that id, generation included, or null. Good until the next Put or Erase.
+    ArmedTimer* Find(int64_t id) {
+        const size_t place = CObjectId::place_of(id);
+        const size_t chunk = place / CHUNK;
+        if (chunk >= m_chunks.size() || m_chunks[chunk] == nullptr) {
+            return nullptr;
+        }
+        ArmedTimer* timer = &m_chunks[chunk]->timer[place % CHUNK];
+        return timer->id == id ? timer : nullptr;
+    }
+
+    /// Adds a timer; its place is free.
+    void Put(const ArmedTimer& timer);
+
+    /// Takes a timer out that Find has found.
+    void Erase(ArmedTimer* timer);
+
+    /// Takes all timers out. Result: how many there were.
+    size_t Clear();
+
+private:
+    static constexpr size_t CHUNK = 1024;
+    struct Chunk {
+        size_t armed = 0;
+        std::array<ArmedTimer, CHUNK> timer{};
+    };
+
+    std::vector<std::unique_ptr<Chunk>> m_chunks;
+    std::unique_ptr<Chunk> m_spare;  ///< The chunk that was given up last.
+};
+
+/// Ids that wait for their next timer, the oldest first. They come from the pool's allocator and could all go
+/// back there; but hundreds of thousands of ids can wait there, and timers that come and go would walk
+/// through as many places of the table. Here only a few wait, and their places stay in the processor's cache.
+///
+/// Thread safety: none.
+class TimerIds {
+public:
+    /// An id with its next generation, or 0 if too few wait: like those of the allocator, an id waits behind
+    /// at least 1024 others.
+    int64_t Take();
+
+    /// False if enough ids wait already.
+    bool Put(int64_t id);
+
+    size_t Count() const { return m_count; }
+
+    void Clear() { m_count = 0; }
+
+private:
+    static constexpr size_t CAPACITY = 2 * CObjectId::WAITING;
+
+    std::unique_ptr<std::array<int64_t, CAPACITY>> m_ring;
+    size_t m_read = 0;
+    size_t m_count = 0;
+};
+
+}  // namespace Orvex::Reticor

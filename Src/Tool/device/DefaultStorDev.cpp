@@ -1,0 +1,138 @@
+// CDefaultStorDev: a storage device over the C library's stream files.
+#include <Reticor/DefaultStorDev.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
+#include <Infra/Log.h>
+
+#include "Tool/device/StorDev.h"
+
+namespace Orvex::Reticor {
+
+namespace {
+
+enum class Turn { none, reading, writing };
+
+void keep_from_children(FILE* file) {
+    const int fd = ::fileno(file);
+    const int flags = ::fcntl(fd, F_GETFD);
+    if (flags != -1) {
+        ::fcntl(fd, F_SETFD, flags | FD_CLOEXEC);
+    }
+}
+
+/// An open stream, with its end. Shared by the devices that are copies of each other.
+struct Stream {
+    explicit Stream(FILE* file) : m_file(file) {}
+    ~Stream() {
+        if (std::fclose(m_file) != 0) {
+            const int error = errno;
+            INFRA_LOG_STATIC(2, "close file failed! %s\n", std::strerror(error));
+        }
+    }
+    Stream(const Stream&) = delete;
+    Stream& operator=(const Stream&) = delete;
+
+    /// Between reading and writing a stream wants to be positioned. False if what was written before could
+    /// not be written out, which ends the old turn all the same: the stream has let go of the bytes.
+    bool begin(Turn turn) {
+        const Turn before = m_turn;
+        m_turn = turn;
+        return before == turn || before == Turn::none || ::fseeko(m_file, 0, SEEK_CUR) == 0;
+    }
+
+    FILE* const m_file;
+    Turn m_turn = Turn::none;
+    /// The last positioning failed with bytes to be written out, which are lost: the next write says so.
+    bool m_lost = false;
+};
+
+}  // namespace
+
+struct __attribute__((visibility("hidden"))) CDefaultStorDev::State {
+    std::shared_ptr<Stream> m_stream;
+    char m_path[256] = {};
+};
+
+CDefaultStorDev::CDefaultStorDev() : m_state(new State) {}
+
+CDefaultStorDev::CDefaultStorDev(const CDefaultStorDev& other)
+    : CNStorDev_IF(other), m_state(new State(*other.m_state)) {}
+
+CDefaultStorDev& CDefaultStorDev::operator=(const CDefaultStorDev& other) {
+    if (this != &other) {
+        CNStorDev_IF::operator=(other);
+        *m_state = *other.m_state;
+    }
+    return *this;
+}
+
+CDefaultStorDev::~CDefaultStorDev() {
+    delete m_state;
+}
+
+int CDefaultStorDev::Open(const char* path, const char* mode) {
+    m_state->m_stream.reset();
+    std::strncpy(m_state->m_path, path != nullptr ? path : "", sizeof(m_state->m_path) - 1);
+    FILE* const file = std::fopen(m_state->m_path, mode != nullptr ? mode : "");
+    if (file == nullptr) {
+        const int error = errno;
+        INFRA_LOG_STATIC(2, "open file failed! %s\n", std::strerror(error));
+        return -1;
+    }
+    keep_from_children(file);
+    m_state->m_stream = std::make_shared<Stream>(file);
+    return 0;
+}
+
+void CDefaultStorDev::Close() {
+    delete this;
+}
+
+int CDefaultStorDev::Write(const char* data, unsigned len) {
+    Stream* const stream = m_state->m_stream.get();
+    if (stream == nullptr || !stream->begin(Turn::writing) || stream->m_lost) {
+        return 0;
+    }
+    return static_cast<int>(std::fwrite(data, 1, len, stream->m_file));
+}
+
+int CDefaultStorDev::Read(char* dst, unsigned len) {
+    Stream* const stream = m_state->m_stream.get();
+    if (stream == nullptr || !stream->begin(Turn::reading)) {
+        return 0;
+    }
+    return static_cast<int>(std::fread(dst, 1, len, stream->m_file));
+}
+
+int CDefaultStorDev::Seek(long long offset, int whence) {
+    Stream* const stream = m_state->m_stream.get();
+    if (stream == nullptr || (whence != 0 && whence != 1)) {
+        return -1;
+    }
+    const int result = ::fseeko(stream->m_file, offset, whence == 0 ? SEEK_SET : SEEK_CUR);
+    stream->m_lost = result != 0 && stream->m_turn == Turn::writing && std::ferror(stream->m_file) != 0;
+    if (result == 0) {
+        stream->m_turn = Turn::none;
+    }
+    return result;
+}
+
+int CDefaultStorDev::Stat(NFile_Info* info) {
+    struct stat found;
+    if (::stat(m_state->m_path, &found) < 0) {
+        const int error = errno;
+        INFRA_LOG_STATIC(2, "get fstat failed! %s\n", std::strerror(error));
+        return -1;
+    }
+    fillFileInfo(found, m_state->m_path, info);
+    return 0;
+}
+
+}  // namespace Orvex::Reticor

@@ -1,0 +1,239 @@
+// CStreamSender: the operations. The chain of blocks is in StreamSenderState.cpp.
+#include <Reticor/StreamSender.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cassert>
+#include <cstdint>
+#include <new>
+
+#include <Infra/Log.h>
+#include <Infra/Mutex.h>
+#include <Reticor/R3.h>
+#include <Reticor/Sock.h>
+
+#include "Core/handle/ClassName.h"
+#include "Core/handle/HandlerPin.h"
+#include "Core/handle/OwnerDoor.h"
+#include "Core/pool/PoolTable.h"
+#include "R3/print/FuncBox.h"
+#include "R3/print/HelpText.h"
+#include "Tool/stream/StreamSenderState.h"
+
+namespace Orvex::Reticor {
+
+namespace {
+
+// Bytes that wait are counted in 32 bits, and free bytes are compared as signed numbers.
+constexpr unsigned int BLOCK_LIMIT = 65535;
+
+/// Whether senders print what they do; set by the command "streamsender".
+std::atomic<int32_t> g_print{0};
+
+const R3Command g_streamsender_command(&r3StoreFlag<g_print>, "streamsender", HELP_STREAMSENDER);
+
+bool printing() {
+    return g_print.load(std::memory_order_relaxed) != 0;
+}
+
+}  // namespace
+
+CStreamSender* CStreamSender::Create() {
+    return new CStreamSender;
+}
+
+CStreamSender::CStreamSender() : m_state(new StreamSenderState) {}
+
+CStreamSender::~CStreamSender() {
+    delete m_state;
+}
+
+int CStreamSender::Attach(CNetHandler* owner, CSock* stream) {
+    Infra::CGuard guard(m_state->m_mutex);
+    m_state->m_owner = owner;
+    m_state->m_owner_id = owner != nullptr ? owner->GetID() : 0;
+    m_state->m_stream = stream;
+    m_state->m_stream_type = stream != nullptr ? stream->GetType() : SOCK_TYPE_UNKNOWN;
+    return 0;
+}
+
+// The owner is found by its id and held by a pin for the time of a registration, for it may close and go at
+// any moment. A pin is dropped after the mutex is left: if it was the last reference the owner's handle_close
+// runs here, and may well call this sender.
+
+CSock* CStreamSender::Detach() {
+    HandlerPin owner;
+    Infra::CGuard guard(m_state->m_mutex);
+    if (m_state->m_stream == nullptr) {
+        return nullptr;
+    }
+    owner = PoolTable::FindHandler(m_state->m_owner_id);
+    if (owner) {
+        owner->CheckSock(*m_state->m_stream);
+    }
+    return m_state->m_stream;
+}
+
+int CStreamSender::Put(const char* buf, unsigned int len) {
+    const uint64_t BUF_SIZE = m_state->bufferSize();
+    assert(buf != NULL && len <= BUF_SIZE);
+    if (printing()) {
+        print_put(len);
+    }
+    HandlerPin owner;
+    Infra::CGuard guard(m_state->m_mutex);
+    CSock* const m_stream = m_state->m_stream;
+    assert(m_stream != NULL);
+    if (m_state->m_data_len != 0) {
+        // What came earlier goes first.
+        const bool fits = m_state->bufferSize() - m_state->m_data_len >= len;
+        return fits && m_state->put_buffer(buf, len, 0) ? 0 : -1;
+    }
+    const int result = m_state->send(buf, len);
+    if (result == -1) {
+        report_exception(m_state->m_exception_id, m_stream->GetHandle());
+        return -1;
+    }
+    const auto sent = static_cast<uint32_t>(result);
+    if (sent >= len) {
+        return 0;
+    }
+    if (!m_state->put_buffer(buf, len, sent)) {
+        if (sent != 0) {  // The other side waits for the rest of this, which is lost.
+            report_exception(m_state->m_exception_id, m_stream->GetHandle());
+        }
+        return -1;
+    }
+    owner = PoolTable::FindHandler(m_state->m_owner_id);
+    if (owner) {
+        OwnerDoor::Register(*owner.get(), *m_stream, SOCK_WRITE, 0);
+    }
+    return 0;
+}
+
+int CStreamSender::SetBufferSize(unsigned int blocks) {
+    Infra::CGuard guard(m_state->m_mutex);
+    if (blocks > BLOCK_LIMIT) {
+        INFRA_LOG(2, "%s buf size:%u larger than %u blocks!\n", INFRA_FUNCTION, blocks, BLOCK_LIMIT);
+    } else if (blocks > m_state->m_buf_num) {
+        if (!m_state->grow(blocks)) {
+            INFRA_LOG(2, "%s no memory for buf size:%u!\n", INFRA_FUNCTION, blocks);
+        }
+    } else if (blocks << SEND_BUF_SHIFT < m_state->m_data_len) {
+        INFRA_LOG(2, "%s buf size:%d smaller than data len:%d!\n", INFRA_FUNCTION, static_cast<int>(blocks),
+                  static_cast<int>(m_state->m_data_len));
+        assert(0);
+    }
+    return 0;
+}
+
+unsigned int CStreamSender::GetBufferSize() {
+    return Infra::relaxedLoad(m_state->m_buf_num);
+}
+
+int CStreamSender::Clear() {
+    Infra::CGuard guard(m_state->m_mutex);
+    m_state->clear();
+    return 0;
+}
+
+void CStreamSender::WaitBufferSize(long id, unsigned int size) {
+    Infra::CGuard guard(m_state->m_mutex);
+    try {
+        m_state->m_wait_size[id] = static_cast<int>(size);
+    } catch (const std::bad_alloc&) {
+        INFRA_LOG(2, "%s no memory for waiter:%ld!\n", INFRA_FUNCTION, id);
+    }
+    m_state->check_buffer_free(*this);
+}
+
+void CStreamSender::WaitSendFinish(long id) {
+    Infra::CGuard guard(m_state->m_mutex);
+    std::list<long>& waiting = m_state->m_wait_finish;
+    if (std::find(waiting.begin(), waiting.end(), id) == waiting.end()) {
+        try {
+            waiting.push_back(id);
+        } catch (const std::bad_alloc&) {
+            INFRA_LOG(2, "%s no memory for waiter:%ld!\n", INFRA_FUNCTION, id);
+        }
+    }
+    m_state->check_buffer_free(*this);
+}
+
+void CStreamSender::WaitException(long id) {
+    Infra::CGuard guard(m_state->m_mutex);
+    m_state->m_exception_id = id;
+}
+
+int CStreamSender::handle_output(int handle) {
+    if (printing()) {
+        print_output();
+    }
+    HandlerPin owner;
+    Infra::CGuard guard(m_state->m_mutex);
+    CSock* const m_stream = m_state->m_stream;
+    if (m_stream == nullptr) {
+        return -1;
+    }
+    assert(handle == m_stream->GetHandle());
+    if (m_state->m_data_len != 0) {
+        const int sent = m_state->write_v(m_state->gather());
+        if (sent < 0) {
+            owner = PoolTable::FindHandler(m_state->m_owner_id);
+            if (owner) {
+                OwnerDoor::Remove(*owner.get(), *m_stream);
+            }
+            report_exception(m_state->m_exception_id, m_stream->GetHandle());
+        } else if (sent > 0) {
+            m_state->del_buffer_header(static_cast<uint32_t>(sent));
+            m_state->check_buffer_free(*this);
+        }
+    }
+    if (m_state->m_data_len == 0) {
+        owner = PoolTable::FindHandler(m_state->m_owner_id);
+        if (owner) {
+            OwnerDoor::Unregister(*owner.get(), *m_stream, SOCK_WRITE);
+        }
+    }
+    return 0;
+}
+
+int CStreamSender::handle_close(CNetHandler*) {
+    {
+        // Waits for a call in progress.
+        Infra::CGuard guard(m_state->m_mutex);
+        m_state->free_all();
+    }
+    delete this;
+    return 0;
+}
+
+// The id stays, so that repeated failures are told repeatedly.
+void CStreamSender::report_exception(long id, int fd) {
+    if (id != 0) {
+        INFRA_LOG(2, "%s on line:%d CStreamSender socket exception! fd: %d\n", INFRA_FUNCTION, __LINE__, fd);
+        Notify(id, STREAM_SENDER_FAILED, 0);
+    }
+}
+
+// Both print before the mutex is entered: the debug server writes to its client through a sender of its own,
+// under a lock that it also holds while it calls that sender.
+
+void CStreamSender::print_put(unsigned int len) {
+    const auto [stream, fd] = m_state->socket();
+    if (stream != nullptr) {
+        R3Printf("%s, object:%p, class:%s, put len:%d, strem:%p, fd:%d\n",
+                 "Orvex::Reticor::CStreamSender::Put", static_cast<void*>(this), className(*this).c_str(),
+                 static_cast<int>(len), static_cast<void*>(stream), fd);
+    }
+}
+
+void CStreamSender::print_output() {
+    const auto [stream, fd] = m_state->socket();
+    if (stream != nullptr) {
+        R3Printf("%s, object:%p, class:%s, strem:%p, fd:%d\n", "Orvex::Reticor::CStreamSender::handle_output",
+                 static_cast<void*>(this), className(*this).c_str(), static_cast<void*>(stream), fd);
+    }
+}
+
+}  // namespace Orvex::Reticor

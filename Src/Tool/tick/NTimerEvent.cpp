@@ -1,0 +1,74 @@
+// CNTimerEvent: what is called on every tick of a CNTimer, and its states.
+#include <Reticor/NTimer.h>
+
+#include <cassert>
+
+#include <Infra/Log.h>
+
+#include "Tool/tick/NTimerInternal.h"
+
+namespace Orvex::Reticor {
+
+CNTimerEvent::CNTimerEvent() : m_event(new NTimerEventInternal) {}
+
+CNTimerEvent::~CNTimerEvent() {
+    delete m_event;
+}
+
+// The transitions are exchanges of one atomic word, and the last touch of the object where a pass of the
+// timer may act on the new state: a pass runs a started event, which may then end itself, and ends a closed
+// one.
+
+void CNTimerEvent::Start() {
+    int32_t state = m_event->m_state.load(std::memory_order_relaxed);
+    while (state == EVENT_READY || state == EVENT_STOPPED) {
+        if (m_event->change(state, EVENT_RUNNING)) {
+            return;
+        }
+    }
+    if (state == EVENT_CREATED) {
+        INFRA_LOG(2, "%s : this timer event not ready for start!\n", INFRA_FUNCTION);
+    } else {
+        INFRA_LOG(2, "%s : this timer event already started!\n", INFRA_FUNCTION);
+        assert(false);
+    }
+}
+
+void CNTimerEvent::Stop() {
+    int32_t state = EVENT_RUNNING;
+    if (!m_event->change(state, EVENT_STOPPED)) {
+        INFRA_LOG(2, "%s : Can't stop a timer event not in running state!\n", INFRA_FUNCTION);
+    }
+}
+
+void CNTimerEvent::Close() {
+    int32_t state = m_event->m_state.load(std::memory_order_relaxed);
+    while (state != EVENT_CREATED) {
+        if (m_event->change(state, EVENT_CLOSED)) {
+            return;
+        }
+    }
+    CNetHandler::Close();
+}
+
+int CNTimerEvent::handle_timer_event() {
+    return -1;
+}
+
+long long CNTimerEvent::do_timer_event() {
+    return handle_timer_event();
+}
+
+void CNTimerEvent::set_event_ready() {
+    int32_t state = EVENT_CREATED;
+    if (!m_event->change(state, EVENT_READY)) {
+        INFRA_LOG(2, "%s : this timer event already started!\n", INFRA_FUNCTION);
+        assert(false);
+    }
+}
+
+void CNTimerEvent::__handle_timer_close() {
+    CNetHandler::Close();
+}
+
+}  // namespace Orvex::Reticor

@@ -1,0 +1,318 @@
+// CEventQueue, CEventFreeList and the per-thread stock of records.
+#include "Core/record/Event.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "support/Eventually.h"
+#include "support/KernelThread.h"
+#include "support/LogCapture.h"
+#include "support/core/Probes.h"
+
+namespace Orvex::Reticor {
+namespace {
+
+using Testing::LogCapture;
+
+CEvent* record(int64_t key) {
+    CEvent* ev = new CEvent;
+    ev->m_key = key;
+    return ev;
+}
+
+// key, key - 1, ... linked in this order.
+CEvent* chain(int64_t key, int count) {
+    CEvent* head = nullptr;
+    for (int i = count - 1; i >= 0; --i) {
+        CEvent* ev = record(key - i);
+        ev->m_next = head;
+        head = ev;
+    }
+    return head;
+}
+
+int64_t popKey(CEventQueue& queue) {
+    std::unique_ptr<CEvent> ev(queue.Pop());
+    return ev->m_key;
+}
+
+TEST(EventQueue, PopReturnsAPushedChainInItsOrderWithoutBlocking) {
+    CEventQueue queue;
+    queue.Push(chain(-200, 3));
+    EXPECT_EQ(-200, popKey(queue));
+    EXPECT_EQ(-201, popKey(queue));
+    EXPECT_EQ(-202, popKey(queue));
+    EXPECT_EQ(0, EventQueueProbe::takeCounts(queue));
+}
+
+TEST(EventQueue, AChainBehindOtherRecordsKeepsTheTailAtItsEnd) {
+    CEventQueue queue;
+    queue.PushOne(record(-1000));
+    queue.Push(chain(-200, 2));
+    queue.PushOne(record(-1001));
+    for (int64_t key : {-1000, -200, -201, -1001}) {
+        EXPECT_EQ(key, popKey(queue));
+    }
+}
+
+TEST(EventQueue, PushFrontOnAnEmptyQueueMakesHeadAndTailOneRecord) {
+    CEventQueue queue;
+    CEvent* ev = record(-50);
+    queue.PushFront(ev);
+    EXPECT_EQ(std::vector<CEvent*>{ev}, EventQueueProbe::records(queue));
+    EXPECT_TRUE(EventQueueProbe::tailIsLast(queue));
+    queue.PushOne(record(-51));
+    EXPECT_EQ(-50, popKey(queue));
+    EXPECT_EQ(-51, popKey(queue));
+}
+
+TEST(EventQueue, PushFrontGoesAheadOfEverything) {
+    CEventQueue queue;
+    queue.Push(chain(-200, 2));
+    queue.PushFront(record(-50));
+    EXPECT_EQ(-50, popKey(queue));
+    EXPECT_EQ(-200, popKey(queue));
+    EXPECT_EQ(-201, popKey(queue));
+}
+
+TEST(EventQueue, PopOfTheLastRecordClearsTheTailAndTheNextPushSetsBoth) {
+    CEventQueue queue;
+    queue.PushOne(record(-50));
+    popKey(queue);
+    EXPECT_TRUE(EventQueueProbe::tailIsLast(queue));
+    EXPECT_EQ(0u, EventQueueProbe::size(queue));
+    queue.PushOne(record(-51));
+    EXPECT_TRUE(EventQueueProbe::tailIsLast(queue));
+    EXPECT_EQ(-51, popKey(queue));
+}
+
+TEST(EventQueue, PushOneForgetsTheLinkThatARecordStillCarries) {
+    CEventQueue queue;
+    std::unique_ptr<CEvent> stranger(record(-99));
+    CEvent* ev = record(-50);
+    ev->m_next = stranger.get();
+    queue.PushOne(ev);
+    EXPECT_EQ(1u, EventQueueProbe::size(queue));
+}
+
+TEST(EventQueue, PushSilentPostsNothing) {
+    CEventQueue queue;
+    queue.PushSilent(chain(-51, 2));
+    EXPECT_EQ(0, EventQueueProbe::takeCounts(queue));
+    EXPECT_EQ(2u, EventQueueProbe::size(queue));
+}
+
+TEST(EventQueue, TryPopTakesNoCountAndGivesNullWithoutALine) {
+    LogCapture log;
+    CEventQueue queue;
+    queue.PushOne(record(-50));
+    delete queue.TryPop();
+    EXPECT_EQ(nullptr, queue.TryPop());
+    EXPECT_EQ(1, EventQueueProbe::takeCounts(queue));
+    EXPECT_EQ(0u, log.lines().size()) << log.dump();
+}
+
+TEST(EventQueue, PopReportsAPostWithoutARecord) {
+    LogCapture log;
+    CEventQueue queue;
+    EventQueueProbe::addCounts(queue, 1);
+    EXPECT_EQ(nullptr, queue.Pop());
+    ASSERT_EQ(1u, log.count(2, "sem_wait error unexpected!!\n")) << log.dump();
+    const Testing::CapturedLine line = log.lines().front();
+    EXPECT_EQ("Unknown", line.module);
+    EXPECT_EQ("Unknown", line.module2);
+    EXPECT_EQ("Src/Core/Event.cpp", line.file);
+    EXPECT_EQ("Orvex::Reticor::CEventQueue::Pop", line.function);
+}
+
+TEST(EventQueue, TheLineIsWrittenWithTheQueueUnlocked) {
+    // A sink that looks at the queue from another thread would otherwise wait for ever.
+    static CEventQueue* seen = nullptr;
+    static bool free_for_others = false;
+    CEventQueue queue;
+    seen = &queue;
+    const Infra::LogSink sink = {[](void*, const Infra::LogLine&) {
+                                     std::thread([] {
+                                         Infra::CMutex& mutex = EventQueueProbe::mutex(*seen);
+                                         if (mutex.tryEnter()) {
+                                             free_for_others = true;
+                                             mutex.leave();
+                                         }
+                                     }).join();
+                                 },
+                                 nullptr};
+    const Infra::LogSink* before = Infra::setLogSink(&sink);
+    EventQueueProbe::addCounts(queue, 1);
+    queue.Pop();
+    Infra::setLogSink(before);
+    EXPECT_TRUE(free_for_others);
+}
+
+TEST(EventQueue, PopBlocksUntilARecordComes) {
+    CEventQueue queue;
+    std::atomic<int> waiter{0};
+    std::atomic<int64_t> key{0};
+    std::thread thread([&] {
+        waiter = Testing::kernelThreadId();
+        key = popKey(queue);
+    });
+    EXPECT_EVENTUALLY(waiter != 0 && Testing::sleepsInFutex(waiter));
+    queue.PushOne(record(-50));
+    thread.join();
+    EXPECT_EQ(-50, key);
+}
+
+TEST(EventQueue, TheDestructorDeletesWhatIsQueuedAndLeavesTheFreeListAlone) {
+    CEvent* mine = getEvent();
+    putEvent(mine);
+    {
+        CEventQueue queue;
+        queue.Push(chain(-200, 3));
+    }
+    EXPECT_EQ(mine, getEvent());
+    putEvent(mine);
+}
+
+TEST(EventQueue, ManyThreadsLoseAndDoubleNothing) {
+    constexpr int RECORDS = 20000;
+    CEventQueue queue;
+    std::vector<std::atomic<int>> seen(2 * RECORDS);
+    std::vector<std::thread> threads;
+    for (int producer = 0; producer < 2; ++producer) {
+        threads.emplace_back([&, producer] {
+            for (int i = 0; i < RECORDS; ++i) {
+                queue.PushOne(record(producer * RECORDS + i));
+            }
+        });
+        threads.emplace_back([&] {
+            for (int i = 0; i < RECORDS; ++i) {
+                ++seen[static_cast<size_t>(popKey(queue))];
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    for (const std::atomic<int>& count : seen) {
+        ASSERT_EQ(1, count);
+    }
+}
+
+TEST(EventFreeList, ARecordComesBackWithItsOldFields) {
+    CEventFreeList list;
+    CEvent* ev = list.Get();
+    ev->m_key = -50;
+    ev->m_obj_id = -7;
+    ev->m_receiver = -8;
+    ev->m_msg = 9;
+    ev->m_attach = 10;
+    list.Put(ev);
+    CEvent* again = list.Get();
+    ASSERT_EQ(ev, again);
+    EXPECT_EQ(-50, again->m_key);
+    EXPECT_EQ(-7, again->m_obj_id);
+    EXPECT_EQ(-8, again->m_receiver);
+    EXPECT_EQ(9u, again->m_msg);
+    EXPECT_EQ(10, again->m_attach);
+    list.Put(again);
+}
+
+TEST(EventFreeList, ARecordComesBackWithoutTheLinkOfTheList) {
+    CEventFreeList list;
+    list.Put(record(1));
+    list.Put(record(2));
+    std::unique_ptr<CEvent> ev(list.Get());
+    EXPECT_EQ(2, ev->m_key);
+    EXPECT_EQ(nullptr, ev->m_next);
+}
+
+TEST(EventFreeList, GetBatchTakesUpToSoMany) {
+    CEventFreeList list;
+    for (int i = 0; i < 5; ++i) {
+        list.Put(record(i));
+    }
+    int count = 0;
+    for (CEvent* ev = list.GetBatch(3); ev != nullptr; ++count) {
+        CEvent* next = ev->m_next;
+        list.Put(ev);
+        ev = next;
+    }
+    EXPECT_EQ(3, count);
+    EXPECT_EQ(nullptr, CEventFreeList().GetBatch(3));
+}
+
+TEST(EventStock, ARecordPutAndTakenOnOneThreadIsTheSameOne) {
+    CEvent* ev = getEvent();
+    ev->m_key = -4711;
+    putEvent(ev);
+    CEvent* again = getEvent();
+    EXPECT_EQ(ev, again);
+    EXPECT_EQ(-4711, again->m_key);
+    EXPECT_EQ(nullptr, again->m_next);
+    putEvent(again);
+}
+
+TEST(EventStock, AThreadsEndGivesItsRecordsBack) {
+    CEvent* theirs = nullptr;
+    std::thread([&] {
+        theirs = getEvent();
+        putEvent(theirs);
+    }).join();
+    std::vector<CEvent*> taken;
+    bool found = false;
+    for (int i = 0; i < 200 && !found; ++i) {
+        taken.push_back(getEvent());
+        found = taken.back() == theirs;
+    }
+    EXPECT_TRUE(found);
+    for (CEvent* ev : taken) {
+        putEvent(ev);
+    }
+}
+
+TEST(EventStock, AProducerAndAConsumerExchangeRecordsWithoutNewOnes) {
+    // One thread takes, the other gives back: after the first rounds all records are known ones.
+    std::vector<CEvent*> known;
+    for (int i = 0; i < 300; ++i) {
+        known.push_back(getEvent());
+    }
+    for (CEvent* ev : known) {
+        putEvent(ev);
+    }
+    std::sort(known.begin(), known.end());
+    int strangers = 0;
+    for (int round = 0; round < 20; ++round) {
+        std::vector<CEvent*> batch;
+        for (int i = 0; i < 150; ++i) {
+            batch.push_back(getEvent());
+            strangers += std::binary_search(known.begin(), known.end(), batch.back()) ? 0 : 1;
+        }
+        std::thread([&] {
+            for (CEvent* ev : batch) {
+                putEvent(ev);
+            }
+        }).join();
+    }
+    EXPECT_EQ(0, strangers);
+}
+
+TEST(EventStock, PutEventChainGivesBackEveryRecord) {
+    CEvent* first = getEvent();
+    CEvent* second = getEvent();
+    first->m_next = second;
+    second->m_next = nullptr;
+    putEventChain(first);
+    CEvent* a = getEvent();
+    CEvent* b = getEvent();
+    EXPECT_TRUE((a == first && b == second) || (a == second && b == first));
+    putEvent(a);
+    putEvent(b);
+}
+
+}  // namespace
+}  // namespace Orvex::Reticor

@@ -1,0 +1,599 @@
+// CTsMemory: size classes, tables of threads and the shared one, and what happens without memory.
+#include <Reticor/TsMemory.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <thread>
+#include <type_traits>
+#include <vector>
+
+#include "support/Eventually.h"
+#include "support/KernelThread.h"
+#include "support/SeededRandom.h"
+#include "support/core/CountingAllocator.h"
+
+namespace Orvex::Reticor {
+
+/// Opens the state of CTsMemory to its tests.
+struct TsMemoryProbe {
+    static constexpr int CLASS_COUNT = CTsMemory::CLASS_COUNT;
+    static unsigned long key() {
+        Infra::CGuard guard(CTsMemory::m_key_mutex);
+        return CTsMemory::mem_pool_key;
+    }
+    static Infra::CMutex& poolMutex() { return CTsMemory::m_pool_mutex; }
+    static mem_head* shared() { return CTsMemory::m_mem_pool; }
+    static const mem_head& classAt(int index) { return CTsMemory::m_mem_template[index]; }
+};
+
+}  // namespace Orvex::Reticor
+
+namespace {
+
+using Orvex::Reticor::CTsMemory;
+using Orvex::Reticor::mem_head;
+using Orvex::Reticor::TsMemoryProbe;
+using Orvex::Testing::CountingAllocator;
+
+constexpr unsigned long NO_KEY = static_cast<unsigned long>(-1);
+
+/// What stands in front of a block.
+struct Header {
+    int32_t index;
+    int32_t size;
+    void* next;
+};
+
+Header headerOf(const void* block) {
+    Header header;
+    std::memcpy(&header, static_cast<const char*>(block) - sizeof(Header), sizeof(Header));
+    return header;
+}
+
+/// The 45 sizes, written down once more.
+const std::vector<unsigned int>& classSizes() {
+    static const std::vector<unsigned int> sizes = {
+        8,     16,     24,     32,     40,     48,     56,     64,     72,    80,    88,    96,
+        104,   112,    120,    128,    256,    512,    1500,   4096,   8192,  12288, 16384, 20480,
+        24576, 28672,  32768,  36864,  40960,  45056,  49152,  53248,  57344, 61440, 65536, 81920,
+        98304, 114688, 131072, 147456, 163840, 180224, 196608, 212992, 229376};
+    return sizes;
+}
+
+int smallestClass(unsigned int size) {
+    int index = 0;
+    while (classSizes()[static_cast<std::size_t>(index)] < size) {
+        ++index;
+    }
+    return index;
+}
+
+unsigned int mostBlocks(int index) {
+    return index == 18 ? 4096U : index <= 20 ? 2048U : index <= 36 ? 128U : 64U;
+}
+
+/// Every case runs on a thread with a table, and leaves nothing behind.
+class TsMemory : public testing::Test {
+protected:
+    void SetUp() override {
+        m_blocks_before = CountingAllocator::blocksInUse();
+        CTsMemory::InitStaticVal();
+        CTsMemory::CreateMemPool();
+    }
+    void TearDown() override {
+        CTsMemory::DestroyThreadMemPool();
+        CTsMemory::DestroyMemPool();
+        EXPECT_EQ(CountingAllocator::blocksInUse(), m_blocks_before) << "blocks were lost";
+    }
+
+private:
+    long m_blocks_before = 0;
+};
+
+/// Runs `body` on a thread without a table.
+template <typename Body>
+void onPlainThread(Body body) {
+    std::thread thread(body);
+    thread.join();
+}
+
+TEST(TsMemoryAtLoad, ThereIsNoSlotAndNoSharedTable) {
+    EXPECT_EQ(TsMemoryProbe::key(), NO_KEY);
+    EXPECT_EQ(TsMemoryProbe::shared(), nullptr);
+    void* own = CTsMemory::TsMalloc(10);
+    void* shared = CTsMemory::Malloc(10);
+    EXPECT_EQ(headerOf(own).index, -1);
+    EXPECT_EQ(headerOf(shared).index, -1);
+    CTsMemory::TsFree(own);
+    CTsMemory::Free(shared);
+    CTsMemory::DestroyMemPool();
+}
+
+TEST_F(TsMemory, EveryClassHasItsSizeAndItsLimit) {
+    ASSERT_EQ(TsMemoryProbe::CLASS_COUNT, 46);
+    ASSERT_EQ(classSizes().size(), 45U);
+    for (int i = 0; i < 45; ++i) {
+        const mem_head& head = TsMemoryProbe::classAt(i);
+        EXPECT_EQ(head.m_size, classSizes()[static_cast<std::size_t>(i)]) << "class " << i;
+        EXPECT_EQ(head.m_max, mostBlocks(i)) << "class " << i;
+        EXPECT_EQ(head.m_count, 0);
+        EXPECT_EQ(head.m_first, nullptr);
+    }
+    EXPECT_EQ(TsMemoryProbe::classAt(45).m_size, 0U);
+    EXPECT_EQ(TsMemoryProbe::classAt(45).m_max, 0);
+}
+
+TEST_F(TsMemory, EverySizeGetsTheSmallestClassThatHoldsIt) {
+    for (unsigned int size = 1; size <= 229376; ++size) {
+        void* block = CTsMemory::TsMalloc(size);
+        const Header header = headerOf(block);
+        CTsMemory::TsFree(block);
+        ASSERT_EQ(header.index, smallestClass(size)) << "size " << size;
+        ASSERT_EQ(static_cast<unsigned int>(header.size),
+                  classSizes()[static_cast<std::size_t>(header.index)]);
+    }
+}
+
+TEST_F(TsMemory, SharedTableUsesTheSameClasses) {
+    for (const unsigned int size : classSizes()) {
+        for (const unsigned int asked : {size, size + 1}) {
+            void* block = CTsMemory::Malloc(asked);
+            EXPECT_EQ(headerOf(block).index, asked > 229376 ? -1 : smallestClass(asked)) << asked;
+            CTsMemory::Free(block);
+        }
+    }
+}
+
+TEST_F(TsMemory, LargestPooledSizeIsOfTheLastClassAndKept) {
+    void* block = CTsMemory::TsMalloc(229376);
+    EXPECT_EQ(headerOf(block).index, 44);
+    EXPECT_EQ(headerOf(block).size, 229376);
+    CTsMemory::TsFree(block);
+    EXPECT_EQ(CTsMemory::TsMalloc(229376), block);
+    CTsMemory::TsFree(block);
+}
+
+TEST_F(TsMemory, OneByteMoreIsOutsideTheClassesAndGoesBackToTheGeneralAllocator) {
+    const long before = CountingAllocator::blocksInUse();
+    void* block = CTsMemory::TsMalloc(229377);
+    EXPECT_EQ(headerOf(block).index, -1);
+    std::memset(block, 0x5A, 229377);
+    EXPECT_EQ(CountingAllocator::blocksInUse(), before + 1);
+    CTsMemory::TsFree(block);
+    EXPECT_EQ(CountingAllocator::blocksInUse(), before);
+}
+
+TEST_F(TsMemory, SharedTableSendsLargeBlocksBackToo) {
+    const long before = CountingAllocator::blocksInUse();
+    void* block = CTsMemory::Malloc(300000);
+    EXPECT_EQ(headerOf(block).index, -1);
+    CTsMemory::Free(block);
+    EXPECT_EQ(CountingAllocator::blocksInUse(), before);
+}
+
+TEST_F(TsMemory, Size1500IsAPacketAndSize1501IsAPage) {
+    void* packet = CTsMemory::TsMalloc(1500);
+    void* page = CTsMemory::TsMalloc(1501);
+    EXPECT_EQ(headerOf(packet).index, 18);
+    EXPECT_EQ(headerOf(page).index, 19);
+    CTsMemory::TsFree(packet);
+    CTsMemory::TsFree(page);
+}
+
+TEST_F(TsMemory, SizeZeroCountsAsOne) {
+    void* own = CTsMemory::TsMalloc(0);
+    void* shared = CTsMemory::Malloc(0);
+    EXPECT_EQ(headerOf(own).index, 0);
+    EXPECT_EQ(headerOf(shared).index, 0);
+    CTsMemory::TsFree(own);
+    CTsMemory::Free(shared);
+    onPlainThread([] {
+        void* block = CTsMemory::TsMalloc(0);
+        EXPECT_EQ(CountingAllocator::lastSize(), 17U);
+        CTsMemory::TsFree(block);
+    });
+}
+
+TEST_F(TsMemory, FreeingNullDoesNothing) {
+    const long before = CountingAllocator::blocksFreed();
+    CTsMemory::TsFree(nullptr);
+    CTsMemory::Free(nullptr);
+    onPlainThread([] { CTsMemory::TsFree(nullptr); });
+    EXPECT_EQ(CountingAllocator::blocksFreed(), before);
+}
+
+TEST_F(TsMemory, BlocksAreAlignedAndUsableToTheirLastByte) {
+    std::vector<void*> blocks;
+    for (const unsigned int size : classSizes()) {
+        void* block = CTsMemory::TsMalloc(size);
+        EXPECT_EQ(reinterpret_cast<std::uintptr_t>(block) % 16, 0U);
+        std::memset(block, 0xA5, size);
+        blocks.push_back(block);
+    }
+    for (void* block : blocks) {
+        CTsMemory::TsFree(block);
+    }
+}
+
+TEST_F(TsMemory, FreedBlocksComeBackFirstInFirstOut) {
+    void* blocks[5];
+    for (void*& block : blocks) {
+        block = CTsMemory::TsMalloc(64);
+    }
+    const int order[5] = {3, 0, 4, 1, 2};
+    for (const int i : order) {
+        CTsMemory::TsFree(blocks[i]);
+    }
+    const long given = CountingAllocator::blocksInUse();
+    for (const int i : order) {
+        EXPECT_EQ(CTsMemory::TsMalloc(57), blocks[i]) << "any size of the class takes the oldest block";
+    }
+    EXPECT_EQ(CountingAllocator::blocksInUse(), given);
+    for (void* block : blocks) {
+        CTsMemory::TsFree(block);
+    }
+}
+
+TEST_F(TsMemory, ListThatRanEmptyFillsAgain) {
+    void* first = CTsMemory::TsMalloc(4096);
+    CTsMemory::TsFree(first);
+    EXPECT_EQ(CTsMemory::TsMalloc(4096), first);
+    void* second = CTsMemory::TsMalloc(4096);
+    CTsMemory::TsFree(second);
+    CTsMemory::TsFree(first);
+    EXPECT_EQ(CTsMemory::TsMalloc(4096), second);
+    EXPECT_EQ(CTsMemory::TsMalloc(4096), first);
+    CTsMemory::TsFree(first);
+    CTsMemory::TsFree(second);
+}
+
+TEST_F(TsMemory, LinkIsNullWhileABlockIsInUse) {
+    void* blocks[3];
+    for (void*& block : blocks) {
+        block = CTsMemory::TsMalloc(512);
+        EXPECT_EQ(headerOf(block).next, nullptr) << "fresh";
+    }
+    for (void* block : blocks) {
+        CTsMemory::TsFree(block);
+    }
+    EXPECT_NE(headerOf(blocks[0]).next, nullptr) << "in the list, with another behind it";
+    for (void* expected : blocks) {
+        void* block = CTsMemory::TsMalloc(512);
+        EXPECT_EQ(block, expected);
+        EXPECT_EQ(headerOf(block).next, nullptr) << "recycled";
+    }
+    for (void* block : blocks) {
+        CTsMemory::TsFree(block);
+    }
+    void* shared = CTsMemory::Malloc(512);
+    CTsMemory::Free(shared);
+    void* again = CTsMemory::Malloc(512);
+    EXPECT_EQ(headerOf(again).next, nullptr);
+    CTsMemory::Free(again);
+}
+
+/// Frees `spare` blocks more than the class keeps, and counts what the general allocator gets of them.
+template <typename Take, typename Give>
+void fillBeyondTheLimit(Take take, Give give, unsigned int size, unsigned int limit) {
+    constexpr unsigned int SPARE = 3;
+    std::vector<void*> blocks;
+    for (unsigned int i = 0; i < limit + SPARE; ++i) {
+        blocks.push_back(take(size));
+    }
+    const long before = CountingAllocator::blocksFreed();
+    for (unsigned int i = 0; i < limit; ++i) {
+        give(blocks[i]);
+    }
+    EXPECT_EQ(CountingAllocator::blocksFreed(), before) << "up to the limit all are kept";
+    for (unsigned int i = limit; i < limit + SPARE; ++i) {
+        give(blocks[i]);
+    }
+    EXPECT_EQ(CountingAllocator::blocksFreed(), before + SPARE) << "beyond it none is";
+    for (unsigned int i = 0; i < limit; ++i) {
+        ASSERT_EQ(take(size), blocks[i]);
+    }
+    for (unsigned int i = 0; i < limit; ++i) {
+        give(blocks[i]);
+    }
+    EXPECT_EQ(CountingAllocator::blocksFreed(), before + SPARE) << "room that was taken from is room again";
+}
+
+TEST_F(TsMemory, FullClassSendsTheNextFreedBlockToTheGeneralAllocator) {
+    for (const unsigned int size : {8U, 512U, 1500U, 8192U, 12288U, 98304U, 114688U, 229376U}) {
+        SCOPED_TRACE(size);
+        fillBeyondTheLimit(CTsMemory::TsMalloc, CTsMemory::TsFree, size, mostBlocks(smallestClass(size)));
+    }
+}
+
+TEST_F(TsMemory, FullSharedClassDoesSoToo) {
+    fillBeyondTheLimit(CTsMemory::Malloc, CTsMemory::Free, 131072, 64);
+}
+
+TEST_F(TsMemory, LimitHoldsThroughAnyMixOfTakingAndPutting) {
+    Orvex::Testing::SeededRandom random;
+    constexpr std::size_t LIMIT = 64;
+    std::vector<void*> in_use;
+    std::size_t in_list = 0;
+    for (int step = 0; step < 20000; ++step) {
+        const bool take = in_use.empty() || (in_use.size() < 3 * LIMIT && random.oneIn(2));
+        const long freed = CountingAllocator::blocksFreed();
+        if (take) {
+            in_use.push_back(CTsMemory::TsMalloc(120000));
+            in_list -= in_list > 0 ? 1 : 0;
+        } else {
+            CTsMemory::TsFree(in_use.back());
+            in_use.pop_back();
+            const bool kept = CountingAllocator::blocksFreed() == freed;
+            ASSERT_EQ(kept, in_list < LIMIT) << "step " << step << ", in the list: " << in_list;
+            in_list += kept ? 1 : 0;
+        }
+    }
+    for (void* block : in_use) {
+        CTsMemory::TsFree(block);
+    }
+}
+
+TEST_F(TsMemory, ThreadWithoutATableAllocatesOutsideTheClasses) {
+    onPlainThread([] {
+        const long before = CountingAllocator::blocksInUse();
+        void* block = CTsMemory::TsMalloc(64);
+        EXPECT_EQ(headerOf(block).index, -1);
+        EXPECT_EQ(headerOf(block).next, nullptr);
+        EXPECT_EQ(CountingAllocator::lastSize(), 64U + 16U);
+        CTsMemory::TsFree(block);
+        EXPECT_EQ(CountingAllocator::blocksInUse(), before);
+    });
+}
+
+TEST_F(TsMemory, ClassBlockFreedOnAThreadWithoutATableGoesToTheGeneralAllocator) {
+    void* block = CTsMemory::TsMalloc(64);
+    ASSERT_EQ(headerOf(block).index, 7);
+    onPlainThread([block] {
+        const long before = CountingAllocator::blocksFreed();
+        CTsMemory::TsFree(block);
+        EXPECT_EQ(CountingAllocator::blocksFreed(), before + 1);
+    });
+}
+
+TEST_F(TsMemory, ClassBlockFreedAfterTheSharedTableWentGoesToTheGeneralAllocator) {
+    void* block = CTsMemory::Malloc(1500);
+    CTsMemory::DestroyMemPool();
+    const long before = CountingAllocator::blocksFreed();
+    CTsMemory::Free(block);
+    EXPECT_EQ(CountingAllocator::blocksFreed(), before + 1);
+    void* outside = CTsMemory::Malloc(1500);
+    EXPECT_EQ(headerOf(outside).index, -1);
+    CTsMemory::Free(outside);
+}
+
+TEST_F(TsMemory, BlockJoinsTheTableItIsFreedTo) {
+    void* from_thread = nullptr;
+    onPlainThread([&from_thread] {
+        CTsMemory::CreateMemPool();
+        from_thread = CTsMemory::TsMalloc(100);
+        CTsMemory::DestroyThreadMemPool();
+    });
+    EXPECT_EQ(headerOf(from_thread).index, 12) << "a block in use outlives the table that it came from";
+    CTsMemory::TsFree(from_thread);
+    EXPECT_EQ(CTsMemory::TsMalloc(100), from_thread);
+
+    CTsMemory::Free(from_thread);
+    EXPECT_EQ(CTsMemory::Malloc(100), from_thread);
+
+    CTsMemory::TsFree(from_thread);
+    EXPECT_EQ(CTsMemory::TsMalloc(100), from_thread);
+    CTsMemory::TsFree(from_thread);
+}
+
+TEST_F(TsMemory, SecondCreateKeepsTheTable) {
+    void* block = CTsMemory::TsMalloc(64);
+    CTsMemory::TsFree(block);
+    mem_head* shared = TsMemoryProbe::shared();
+    const long before = CountingAllocator::blocksInUse();
+    CTsMemory::CreateMemPool();
+    EXPECT_EQ(CountingAllocator::blocksInUse(), before);
+    EXPECT_EQ(TsMemoryProbe::shared(), shared);
+    EXPECT_EQ(CTsMemory::TsMalloc(64), block);
+    CTsMemory::TsFree(block);
+}
+
+TEST_F(TsMemory, DestroyThreadMemPoolFreesTheListsAndForgetsTheTable) {
+    std::vector<void*> blocks;
+    for (const unsigned int size : classSizes()) {
+        blocks.push_back(CTsMemory::TsMalloc(size));
+        blocks.push_back(CTsMemory::TsMalloc(size));
+    }
+    const long before = CountingAllocator::blocksInUse();
+    for (void* block : blocks) {
+        CTsMemory::TsFree(block);
+    }
+    EXPECT_EQ(CountingAllocator::blocksInUse(), before);
+    CTsMemory::DestroyThreadMemPool();
+    EXPECT_EQ(CountingAllocator::blocksInUse(), before - static_cast<long>(blocks.size()) - 1)
+        << "all blocks and the table itself";
+    void* block = CTsMemory::TsMalloc(64);
+    EXPECT_EQ(headerOf(block).index, -1);
+    CTsMemory::TsFree(block);
+    CTsMemory::DestroyThreadMemPool();
+    EXPECT_EQ(CountingAllocator::blocksInUse(), before - static_cast<long>(blocks.size()) - 1)
+        << "a second call finds nothing";
+}
+
+TEST_F(TsMemory, ThreadGetsANewTableAfterItGaveUpTheFirst) {
+    CTsMemory::DestroyThreadMemPool();
+    CTsMemory::CreateMemPool();
+    void* block = CTsMemory::TsMalloc(64);
+    EXPECT_EQ(headerOf(block).index, 7);
+    CTsMemory::TsFree(block);
+    EXPECT_EQ(CTsMemory::TsMalloc(64), block);
+    CTsMemory::TsFree(block);
+}
+
+TEST_F(TsMemory, SlotNumberIsSetByTheFirstTableAndKeptUntilTheNextStart) {
+    CTsMemory::DestroyMemPool();
+    CTsMemory::InitStaticVal();
+    EXPECT_EQ(TsMemoryProbe::key(), NO_KEY);
+    EXPECT_EQ(TsMemoryProbe::shared(), nullptr);
+    CTsMemory::CreateMemPool();
+    const unsigned long key = TsMemoryProbe::key();
+    EXPECT_NE(key, NO_KEY);
+    EXPECT_NE(TsMemoryProbe::shared(), nullptr);
+    CTsMemory::DestroyMemPool();
+    EXPECT_EQ(TsMemoryProbe::shared(), nullptr);
+    EXPECT_EQ(TsMemoryProbe::key(), key);
+    CTsMemory::InitStaticVal();
+    EXPECT_EQ(TsMemoryProbe::key(), NO_KEY);
+}
+
+TEST_F(TsMemory, SumsDoNotWrapRoundForTheLargestSizes) {
+    const CountingAllocator::NoMemory no_memory;
+    for (const unsigned int size : {0xFFFFFFF0U, 0xFFFFFFF1U, 0xFFFFFFFFU}) {
+        EXPECT_EQ(CTsMemory::TsMalloc(size), nullptr);
+        EXPECT_EQ(CountingAllocator::lastSize(), static_cast<std::size_t>(size) + 16);
+        EXPECT_EQ(CTsMemory::Malloc(size), nullptr);
+        EXPECT_EQ(CountingAllocator::lastSize(), static_cast<std::size_t>(size) + 16);
+    }
+}
+
+TEST_F(TsMemory, NoMemoryGivesNull) {
+    void* kept = CTsMemory::TsMalloc(64);
+    CTsMemory::TsFree(kept);
+    {
+        const CountingAllocator::NoMemory no_memory;
+        EXPECT_EQ(CTsMemory::TsMalloc(300), nullptr);
+        EXPECT_EQ(CTsMemory::TsMalloc(300000), nullptr);
+        EXPECT_EQ(CTsMemory::Malloc(300), nullptr);
+        EXPECT_EQ(CTsMemory::TsMalloc(64), kept) << "what waits in a list is still to be had";
+        onPlainThread([] { EXPECT_EQ(CTsMemory::TsMalloc(64), nullptr); });
+    }
+    CTsMemory::TsFree(kept);
+}
+
+TEST_F(TsMemory, NoMemoryForATableLeavesTheThreadWithoutOne) {
+    CTsMemory::DestroyMemPool();
+    onPlainThread([] {
+        {
+            const CountingAllocator::NoMemory no_memory;
+            CTsMemory::CreateMemPool();
+        }
+        void* block = CTsMemory::TsMalloc(64);
+        EXPECT_EQ(headerOf(block).index, -1);
+        CTsMemory::TsFree(block);
+        EXPECT_EQ(TsMemoryProbe::shared(), nullptr);
+        CTsMemory::DestroyThreadMemPool();
+    });
+    CTsMemory::CreateMemPool();
+    EXPECT_NE(TsMemoryProbe::shared(), nullptr) << "the next worker makes up for it";
+}
+
+TEST_F(TsMemory, WorkersThatStartTogetherShareOneTableAndLoseNone) {
+    for (int round = 0; round < 50; ++round) {
+        CTsMemory::DestroyMemPool();
+        const long before = CountingAllocator::blocksInUse();
+        std::atomic<int> ready{0};
+        std::vector<std::thread> threads;
+        for (int i = 0; i < 4; ++i) {
+            threads.emplace_back([&ready] {
+                ++ready;
+                while (ready < 4) {
+                    std::this_thread::yield();
+                }
+                CTsMemory::CreateMemPool();
+                CTsMemory::DestroyThreadMemPool();
+            });
+        }
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+        ASSERT_EQ(CountingAllocator::blocksInUse(), before + 1) << "the shared table alone stays";
+    }
+}
+
+TEST_F(TsMemory, WorkerThatComesSecondWithTheSharedTableGivesItsOwnBack) {
+    CTsMemory::DestroyMemPool();
+    const long before = CountingAllocator::blocksInUse();
+    mem_head* of_the_first = nullptr;
+    std::thread second([&of_the_first] {
+        // Its own table is the first allocation. The shared one is the second, and somebody is quicker.
+        CountingAllocator::runAtAllocation(1, [&of_the_first] {
+            onPlainThread([] {
+                CTsMemory::CreateMemPool();
+                CTsMemory::DestroyThreadMemPool();
+            });
+            of_the_first = TsMemoryProbe::shared();
+        });
+        CTsMemory::CreateMemPool();
+        CTsMemory::DestroyThreadMemPool();
+    });
+    second.join();
+    EXPECT_NE(of_the_first, nullptr);
+    EXPECT_EQ(TsMemoryProbe::shared(), of_the_first);
+    EXPECT_EQ(CountingAllocator::blocksInUse(), before + 1);
+}
+
+TEST_F(TsMemory, ThreadsExchangeBlocksThroughTheSharedTable) {
+    std::vector<std::thread> threads;
+    std::atomic<void*> mailbox{nullptr};
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&mailbox, t] {
+            CTsMemory::CreateMemPool();
+            for (int i = 0; i < 5000; ++i) {
+                const unsigned int size = static_cast<unsigned int>(1 + (i * 37 + t) % 3000);
+                void* block = (i & 1) != 0 ? CTsMemory::Malloc(size) : CTsMemory::TsMalloc(size);
+                std::memset(block, t, size);
+                void* other = mailbox.exchange(block);
+                (i & 2) != 0 ? CTsMemory::Free(other) : CTsMemory::TsFree(other);
+            }
+            CTsMemory::DestroyThreadMemPool();
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    CTsMemory::Free(mailbox);
+}
+
+TEST_F(TsMemory, SharedTableMayGoWhileOthersUseIt) {
+    std::atomic<bool> stop{false};
+    std::thread user([&stop] {
+        while (!stop) {
+            CTsMemory::Free(CTsMemory::Malloc(200));
+        }
+    });
+    for (int i = 0; i < 200; ++i) {
+        CTsMemory::DestroyMemPool();
+        CTsMemory::CreateMemPool();
+    }
+    stop = true;
+    user.join();
+}
+
+TEST_F(TsMemory, ThreadThatWaitedForTheSharedTableSeesThatItHasGone) {
+    CTsMemory::Free(CTsMemory::Malloc(64));
+    std::atomic<int> thread_id{0};
+    std::thread other;
+    {
+        Orvex::Infra::CGuard guard(TsMemoryProbe::poolMutex());
+        other = std::thread([&thread_id] {
+            thread_id = Orvex::Testing::kernelThreadId();
+            void* block = CTsMemory::Malloc(64);
+            EXPECT_EQ(headerOf(block).index, 7);
+            std::memset(block, 1, 64);
+            CTsMemory::Free(block);
+        });
+        EXPECT_EVENTUALLY(thread_id != 0 && Orvex::Testing::sleepsInFutex(thread_id));
+        CTsMemory::DestroyMemPool();
+    }
+    other.join();
+}
+
+TEST_F(TsMemory, ObjectsOfTheClassHoldNothing) {
+    CTsMemory first;
+    CTsMemory second(first);
+    second = first;
+    EXPECT_TRUE(std::is_empty_v<CTsMemory>);
+}
+
+}  // namespace

@@ -1,0 +1,304 @@
+// CWorkQueue: who is woken by which push, and the guard that looks for what nobody took.
+#include "Core/record/WorkQueue.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "support/Eventually.h"
+#include "support/KernelThread.h"
+#include "support/core/Probes.h"
+
+namespace Orvex::Testing {
+namespace {
+
+using namespace Reticor;
+using Records = std::vector<CEvent*>;
+
+class WorkQueueTest : public ::testing::Test {
+protected:
+    void TearDown() override {
+        while (queue.TryPop() != nullptr) {
+        }
+    }
+
+    Records queued() { return EventQueueProbe::records(queue); }
+    bool guarded() { return WorkQueueProbe::guarded(queue); }
+    int sleepers() { return WorkQueueProbe::sleepers(queue); }
+
+    std::atomic<uint64_t> progress{0};
+    CWorkQueue queue{progress};
+    CEvent token, a, b, c;
+};
+
+// A thread in PopWork.
+class Worker {
+public:
+    explicit Worker(CWorkQueue& queue)
+        : m_queue(queue), m_thread([this, &queue] {
+              m_id = kernelThreadId();
+              m_got = queue.PopWork();
+              m_over = true;
+          }) {
+        EXPECT_EVENTUALLY(m_id != 0);
+    }
+    ~Worker() {
+        if (m_thread.joinable()) {
+            EXPECT_EVENTUALLY(m_over || (m_queue.WakeAll(), false));
+            m_thread.join();
+        }
+    }
+    CEvent* join() {
+        EXPECT_EVENTUALLY(m_over) << "nobody woke it";
+        m_queue.WakeAll();
+        m_thread.join();
+        return m_got;
+    }
+    bool over() const { return m_over; }
+    int id() const { return m_id; }
+
+private:
+    CWorkQueue& m_queue;
+    std::atomic<int> m_id{0};
+    std::atomic<bool> m_over{false};
+    CEvent* m_got = nullptr;
+    std::thread m_thread;
+};
+
+// ---- order ---------------------------------------------------------------------------------------------
+
+TEST_F(WorkQueueTest, RecordsComeOutInTheOrderOfTheirPush) {
+    queue.PushOne(&a);
+    queue.PushOne(&b);
+    queue.PushFront(&c);
+    EXPECT_EQ(&c, queue.PopWork());
+    EXPECT_EQ(&a, queue.PopWork());
+    EXPECT_EQ(&b, queue.PopWork());
+    EXPECT_FALSE(guarded()) << "who finds work waits for nothing";
+    EXPECT_EQ(0, sleepers());
+}
+
+TEST_F(WorkQueueTest, PollersPushIsTheReadyChainAndTheTokenBehindIt) {
+    token.m_next = &c;  // a link from earlier
+    a.m_next = &b;
+    b.m_next = nullptr;
+    queue.PushReady(&a, 2, &token, 2);
+    EXPECT_EQ((Records{&a, &b, &token}), queued());
+    while (queue.TryPop() != nullptr) {
+    }
+    queue.PushReady(nullptr, 0, &token, 0);
+    EXPECT_EQ(Records{&token}, queued());
+    EXPECT_TRUE(EventQueueProbe::tailIsLast(queue));
+}
+
+TEST_F(WorkQueueTest, PushOfAnOldChainEndGoesNoFurther) {
+    a.m_next = &b;  // left over from the free list
+    queue.PushOne(&a);
+    EXPECT_EQ(Records{&a}, queued());
+}
+
+// ---- wake-ups ------------------------------------------------------------------------------------------
+
+TEST_F(WorkQueueTest, EachPushWakesOneSleeperForEachRecord) {
+    Worker first(queue), second(queue), third(queue);
+    EXPECT_EVENTUALLY(sleepers() == 3);
+    queue.PushOne(&a);
+    EXPECT_EVENTUALLY(sleepers() == 2);
+    b.m_next = &c;
+    c.m_next = nullptr;
+    queue.Push(&b);
+    Records got{first.join(), second.join(), third.join()};
+    std::sort(got.begin(), got.end());
+    Records all{&a, &b, &c};
+    std::sort(all.begin(), all.end());
+    EXPECT_EQ(all, got);
+    EXPECT_EQ(0, sleepers());
+}
+
+TEST_F(WorkQueueTest, PollersPushWithoutAGuardWakesOneWhateverItIsWorth) {
+    Worker sleeper(queue);
+    EXPECT_EVENTUALLY(sleepers() == 1 && !guarded());
+    a.m_next = nullptr;
+    queue.PushReady(&a, 1, &token, 0);
+    EXPECT_EQ(&a, sleeper.join());
+}
+
+TEST_F(WorkQueueTest, PollersPushWakesNoMoreThanItHasRecords) {
+    Worker first(queue), second(queue), third(queue);
+    EXPECT_EVENTUALLY(sleepers() == 3);
+    a.m_next = nullptr;
+    queue.PushReady(&a, 1, &token, 100);
+    EXPECT_EQ(2, sleepers());
+    queue.PushReady(nullptr, 0, &b, 100);
+    EXPECT_EQ(2, sleepers()) << "the token alone is for the poller itself";
+    queue.WakeAll();
+    first.join();
+    second.join();
+    third.join();
+}
+
+TEST_F(WorkQueueTest, WakeAllHasEverySleeperReturnWithWhatThereIs) {
+    Worker first(queue), second(queue);
+    EXPECT_EVENTUALLY(sleepers() == 2);
+    queue.WakeAll();
+    EXPECT_EQ(nullptr, first.join());
+    EXPECT_EQ(nullptr, second.join());
+    EXPECT_EQ(0, sleepers());
+    EXPECT_FALSE(guarded());
+    queue.PushOne(&a);
+    EXPECT_EQ(&a, queue.PopWork()) << "no wake-up is left over";
+}
+
+// ---- the guard -----------------------------------------------------------------------------------------
+
+// Keeps the pool busy in the eyes of its guard.
+class Busy {
+public:
+    explicit Busy(std::atomic<uint64_t>& progress)
+        : m_thread([this, &progress] {
+              while (!m_stop) {
+                  ++progress;
+                  std::this_thread::yield();
+              }
+          }) {}
+    ~Busy() {
+        m_stop = true;
+        m_thread.join();
+    }
+
+private:
+    std::atomic<bool> m_stop{false};
+    std::thread m_thread;
+};
+
+TEST_F(WorkQueueTest, GuardTakesWhatThePollerWokeNobodyFor) {
+    Busy busy(progress);
+    Worker guard(queue);
+    EXPECT_EVENTUALLY(sleepers() == 1);
+    a.m_next = nullptr;
+    queue.PushReady(&a, 1, &token, 0);
+    EXPECT_EQ(&a, guard.join()) << "and the poller never came back for it";
+    EXPECT_FALSE(guarded());
+    EXPECT_EQ(Records{&token}, queued());
+}
+
+TEST_F(WorkQueueTest, GuardWakesAnotherForTheRest) {
+    // On a machine that is busy otherwise the guard may see no progress and give up; then it is tried again.
+    EXPECT_EVENTUALLY([&] {
+        Busy busy(progress);
+        Worker guard(queue);
+        EXPECT_EVENTUALLY(sleepers() == 1);
+        Worker other(queue);
+        EXPECT_EVENTUALLY(sleepers() == 2);
+        a.m_next = nullptr;
+        const bool watched = guarded();
+        queue.PushReady(&a, 1, &token, 0);
+        const bool both = eventually([&] { return guard.over() && other.over(); }, watched ? 200 : 0);
+        queue.WakeAll();
+        Records got{guard.join(), other.join()};
+        while (queue.TryPop() != nullptr) {
+        }
+        EXPECT_TRUE(!both || (std::count(got.begin(), got.end(), &a) == 1 &&
+                              std::count(got.begin(), got.end(), &token) == 1));
+        return both;
+    }());
+}
+
+TEST_F(WorkQueueTest, GuardThatSeesThePoolStandStillWaitsWithoutLimitAndWakesNoMore) {
+    Worker worker(queue);
+    EXPECT_EVENTUALLY(!guarded() && sleepers() == 1 && sleepsInFutex(worker.id()));
+    const long sleeps = voluntarySleeps(worker.id());
+    Infra::CThread::sleep(100);
+    EXPECT_EQ(sleeps, voluntarySleeps(worker.id()));
+    queue.PushOne(&a);
+    EXPECT_EQ(&a, worker.join());
+}
+
+TEST_F(WorkQueueTest, OneGuardIsEnough) {
+    Busy busy(progress);
+    Worker guard(queue);
+    EXPECT_EVENTUALLY(sleepers() == 1);
+    Worker second(queue);
+    EXPECT_EVENTUALLY(sleepers() == 2 && sleepsInFutex(second.id()));
+    // On a busy machine the first one may have seen the pool stand still before the second one came, which
+    // is on guard then.
+    const long sleeps_of_first = voluntarySleeps(guard.id());
+    const long sleeps_of_second = voluntarySleeps(second.id());
+    Infra::CThread::sleep(50);
+    EXPECT_LE(std::min(voluntarySleeps(guard.id()) - sleeps_of_first,
+                       voluntarySleeps(second.id()) - sleeps_of_second),
+              1)
+        << "one of them waits without limit";
+    queue.WakeAll();
+}
+
+TEST_F(WorkQueueTest, GuardServesARecordAndGuardsNoLonger) {
+    Busy busy(progress);
+    Worker guard(queue);
+    EXPECT_EVENTUALLY(sleepers() == 1);
+    queue.PushOne(&a);
+    EXPECT_EQ(&a, guard.join());
+    EXPECT_FALSE(guarded());
+}
+
+// However pushes, looks of the guard and wake-ups meet: each record comes out once, and nobody sleeps beside
+// one.
+TEST_F(WorkQueueTest, NoRecordIsLostDoubledOrLeftBehindUnderRace) {
+    constexpr int ROUNDS = 20000;
+    std::vector<std::unique_ptr<CEvent>> records;
+    for (int i = 0; i < 3 * ROUNDS; ++i) {
+        records.push_back(std::make_unique<CEvent>());
+        records.back()->m_key = i;
+    }
+    std::vector<std::atomic<int>> seen(records.size());
+    std::atomic<int> taken{0};
+    std::atomic<bool> stop{false};
+    std::atomic<int> left{0};
+    std::vector<std::thread> workers;
+    for (int i = 0; i < 3; ++i) {
+        workers.emplace_back([&] {
+            while (!stop) {
+                if (CEvent* ev = queue.PopWork()) {
+                    ++progress;
+                    ++seen[static_cast<size_t>(ev->m_key)];
+                    ++taken;
+                }
+            }
+            ++left;
+        });
+    }
+    std::thread poller([&] {
+        for (size_t i = 0; i < ROUNDS; ++i) {
+            CEvent* ready = records[3 * i].get();
+            ready->m_next = nullptr;
+            queue.PushReady(ready, 1, records[3 * i + 1].get(), static_cast<int>(i % 2));
+            if (i % 64 == 0) {
+                std::this_thread::yield();
+            }
+        }
+    });
+    for (size_t i = 0; i < ROUNDS; ++i) {
+        i % 2 ? queue.PushOne(records[3 * i + 2].get()) : queue.PushFront(records[3 * i + 2].get());
+    }
+    poller.join();
+    EXPECT_EVENTUALLY(taken == 3 * ROUNDS);
+    stop = true;
+    // Without a poll token in the queue the last one may go to sleep after any of these calls.
+    EXPECT_EVENTUALLY((queue.WakeAll(), left == 3));
+    for (std::thread& worker : workers) {
+        worker.join();
+    }
+    for (const std::atomic<int>& count : seen) {
+        ASSERT_EQ(1, count);
+    }
+    EXPECT_TRUE(queued().empty());
+    EXPECT_EQ(0, sleepers());
+    EXPECT_EQ(0, EventQueueProbe::takeCounts(queue));
+}
+
+}  // namespace
+}  // namespace Orvex::Testing

@@ -1,0 +1,298 @@
+// CNetSock: registering sockets with handlers, on the real pool.
+#include "Core/service/NetSock.h"
+
+#include <unistd.h>
+
+#include "support/core/SockPoolFixture.h"
+
+namespace Orvex::Testing {
+namespace {
+
+using namespace Reticor;
+
+class NetSockTest : public SockPoolFixture {};
+
+TEST_F(NetSockTest, TimeoutOf999MicrosecondsRegistersWithoutATimeout) {
+    add(SOCK_READ, 999);
+    EXPECT_TRUE(look().exists);
+    EXPECT_FALSE(look().timed);
+    EXPECT_EQ(0, look().set_time);
+}
+
+TEST_F(NetSockTest, TimeoutIsCutToWholeMilliseconds) {
+    add(SOCK_READ, 5001999);
+    EXPECT_TRUE(look().timed);
+    EXPECT_EQ(5001, look().set_time);
+}
+
+TEST_F(NetSockTest, SecondRegisterForWriteOnAReadSocketGivesMask3AndRebindsItToTheCaller) {
+    TestHandler* const second = new TestHandler;
+    second->on_input = handler->on_input;
+    add(SOCK_READ);
+    pair.fill();
+    ASSERT_EQ(0, second->RegisterSock(pair.near, SOCK_WRITE, 0));
+    EXPECT_EQ(3u, look().mask);
+    EXPECT_EQ(second->GetID(), look().owner);
+    pair.write();
+    EXPECT_EVENTUALLY(second->life->inputs > 0);
+    EXPECT_EQ(0, handler->life->calls());
+    removeAndWait(pair.near);
+    closeAndWait(second);
+}
+
+TEST_F(NetSockTest, RegisterAgainWithTimeout0CancelsTheTimeout) {
+    add(SOCK_READ, 60000000);
+    EXPECT_TRUE(look().timed);
+    add(SOCK_READ, 0);
+    EXPECT_FALSE(look().timed);
+    EXPECT_EQ(0, look().set_time);
+}
+
+TEST_F(NetSockTest, UnregisterForWriteWithReadStillWantedKeepsTheTimeoutRunning) {
+    pair.fill();
+    add(SOCK_READ | SOCK_WRITE, 60000000);
+    handler->UnregisterSock(pair.near, SOCK_WRITE);
+    EXPECT_EQ(SOCK_READ, look().mask);
+    EXPECT_TRUE(look().timed);
+    EXPECT_EQ(60000, look().set_time);
+}
+
+TEST_F(NetSockTest, UnregisterOfTheLastReadOrWriteDirectionCancelsTheTimeout) {
+    add(SOCK_READ | SOCK_EXCEPT, 60000000);
+    handler->UnregisterSock(pair.near, SOCK_READ);
+    EXPECT_EQ(SOCK_EXCEPT, look().mask);
+    EXPECT_FALSE(look().timed);
+}
+
+TEST_F(NetSockTest, UnregisterOfADirectionThatWasNotAskedForDoesNothing) {
+    add(SOCK_READ, 60000000);
+    EXPECT_EQ(0, handler->UnregisterSock(pair.near, SOCK_WRITE | SOCK_EXCEPT));
+    EXPECT_EQ(SOCK_READ, look().mask);
+    EXPECT_TRUE(look().timed);
+    pair.write();
+    EXPECT_EVENTUALLY(handler->life->inputs == 1);
+}
+
+TEST_F(NetSockTest, HandlerThatReturns500000GetsANewTimeoutOf500MsWhichIsStored) {
+    handler->on_input = [](int fd) {
+        SocketPair::drain(fd);
+        return 500000;
+    };
+    add(SOCK_READ, 60000000);
+    {
+        // The clock stands still, and the time-out cannot fire, until it was seen.
+        const Infra::CGuard no_pass(SockTimerProbe::mutex(sockTimer()));
+        pair.write();
+        EXPECT_EVENTUALLY(look().set_time == 500 && look().timed);
+    }
+    EXPECT_EVENTUALLY(handler->life->input_timeouts == 1);
+}
+
+TEST_F(NetSockTest, HandlerThatReturnsMinus1KeepsItsRegistrationAndLosesItsTimeout) {
+    handler->on_input = [](int fd) {
+        SocketPair::drain(fd);
+        return -1;
+    };
+    add(SOCK_READ, 60000000);
+    pair.write();
+    EXPECT_EVENTUALLY(handler->life->inputs == 1 && !look().in_flight && !look().timed);
+    EXPECT_EQ(SOCK_READ, look().mask);
+    EXPECT_EQ(0, look().set_time);
+    pair.write();
+    EXPECT_EVENTUALLY(handler->life->inputs == 2);
+}
+
+TEST_F(NetSockTest, HandlerThatReturns0RunsTheStoredTimeoutAgain) {
+    add(SOCK_READ, 60000000);
+    pair.write();
+    EXPECT_EVENTUALLY(handler->life->inputs == 1 && !look().in_flight);
+    EXPECT_TRUE(look().timed);
+    EXPECT_EQ(60000, look().set_time);
+}
+
+TEST_F(NetSockTest, TimeoutDeliversInputTimeoutOnASocketRegisteredForReadAndWrite) {
+    pair.fill();
+    add(SOCK_READ | SOCK_WRITE, 1000);
+    EXPECT_EVENTUALLY(handler->life->input_timeouts == 1);
+    EXPECT_EQ(1, handler->life->calls());
+}
+
+TEST_F(NetSockTest, TimeoutDeliversOutputTimeoutOnASocketRegisteredForWriteAlone) {
+    pair.fill();
+    add(SOCK_WRITE, 1000);
+    EXPECT_EVENTUALLY(handler->life->output_timeouts == 1);
+    EXPECT_EQ(1, handler->life->calls());
+}
+
+TEST_F(NetSockTest, AfterATimeoutTheSocketIsStillWatchedButHasNoTimeout) {
+    add(SOCK_READ, 1000);
+    EXPECT_EVENTUALLY(handler->life->input_timeouts == 1 && !look().in_flight);
+    EXPECT_FALSE(look().timed);
+    EXPECT_EQ(0, look().set_time);
+    pair.write();
+    EXPECT_EVENTUALLY(handler->life->inputs == 1 && !look().in_flight);
+    EXPECT_FALSE(look().timed) << "0 runs the stored time-out again, and there is none";
+    EXPECT_EQ(1, handler->life->input_timeouts);
+}
+
+TEST_F(NetSockTest, RemoveInsideHandleInputKeepsHandleOutputFromBeingCalledAndFreesTheRecordAfterwards) {
+    std::atomic<int> revents{0};
+    std::atomic<bool> there{false};
+    handler->on_input = [&](int) {
+        handler->RemoveSock(pair.near);
+        revents = look().revents;
+        there = look().exists;
+        return 0;
+    };
+    pair.write();
+    add(SOCK_READ | SOCK_WRITE);
+    EXPECT_EVENTUALLY(handler->life->inputs == 1 && !look().exists);
+    EXPECT_EQ(REVENT_REMOVED, revents);
+    EXPECT_TRUE(there);
+    EXPECT_EQ(0, handler->life->outputs);
+    EXPECT_EQ(0, HandlerProbe::sockets(*handler));
+}
+
+TEST_F(NetSockTest, RemoveAndRegisterAgainWhileAWorkerRunsItKeepsTheRecordWithTheNewMaskAlone) {
+    Gate gate;
+    handler->on_input = [&](int fd) {
+        gate.pass();
+        SocketPair::drain(fd);
+        return -1;
+    };
+    pair.fill();
+    add(SOCK_READ | SOCK_EXCEPT, 50000000);
+    pair.write();
+    ASSERT_TRUE(gate.awaitArrivals(1));
+    handler->RemoveSock(pair.near);
+    EXPECT_TRUE(look().exists);
+    add(SOCK_WRITE, 60000000);
+    EXPECT_EQ(SOCK_WRITE, look().mask);
+    EXPECT_EQ(REVENT_REMOVED, look().revents);
+    gate.open();
+    EXPECT_EVENTUALLY(!look().in_flight);
+    EXPECT_EQ(SOCK_WRITE, look().mask);
+    EXPECT_EQ(60000, look().set_time) << "as if the handler had returned 0, and not -1";
+    EXPECT_TRUE(look().timed);
+    pair.drainFar();
+    EXPECT_EVENTUALLY(handler->life->outputs > 0);
+    EXPECT_EQ(1, handler->life->inputs);
+}
+
+TEST_F(NetSockTest, EventWhoseHandlerIdNoLongerResolvesMakesNoCall) {
+    LogCapture log(3);
+    TestHandler* const gone = new TestHandler;
+    const std::shared_ptr<HandlerLife> life = gone->life;
+    ASSERT_EQ(0, gone->RegisterSock(pair.near, SOCK_READ, 0));
+    closeAndWait(gone);
+    pair.write();
+    EXPECT_TRUE(log.eventuallyContainsMatching(3, "pool 0: the handler of ready socket \\d+ is gone, .*\n"));
+    EXPECT_EVENTUALLY(!look().in_flight);
+    EXPECT_EQ(0, life->calls());
+    EXPECT_TRUE(look().exists) << "until somebody removes it";
+}
+
+// ---- results and log lines -------------------------------------------------------------------------------
+
+TEST_F(NetSockTest, NegativeHandleIsRefusedWithALine) {
+    LogCapture log;
+    CSockStream none;
+    EXPECT_EQ(-1, handler->RegisterSock(none, SOCK_READ, 0));
+    EXPECT_EQ(1u, log.count(2, "RegisterSock sock fd error, fd: -1\n")) << log.dump();
+    EXPECT_EQ(0, handler->UnregisterSock(none, SOCK_READ));
+    EXPECT_EQ(0, handler->RemoveSock(none));
+    EXPECT_EQ(1u, log.lines().size()) << log.dump();
+    EXPECT_EQ(0, HandlerProbe::sockets(*handler));
+}
+
+TEST_F(NetSockTest, HandlesOfStandardStreamsAreRegisteredWithAWarning) {
+    for (int number = 0; number <= 2; ++number) {
+        const int saved = ::dup(number);
+        LogCapture log;
+        SocketPair on_stream;
+        ASSERT_EQ(number, ::dup2(on_stream.fd(), number));
+        BorrowedSock sock(number);
+        EXPECT_EQ(0, handler->RegisterSock(sock, SOCK_READ, 0));
+        const std::string line =
+            "RegisterSock sock fd specially with standard stream value: " + std::to_string(number) + "\n";
+        EXPECT_EQ(1u, log.count(3, line));
+        const int before = handler->life->inputs;
+        on_stream.write();
+        EXPECT_EVENTUALLY(handler->life->inputs == before + 1);
+        removeAndWait(sock);
+        ASSERT_EQ(number, ::dup2(saved, number));
+        ::close(saved);
+    }
+}
+
+TEST_F(NetSockTest, UnknownHandleIsLeftAloneInSilence) {
+    LogCapture log;
+    EXPECT_EQ(0, handler->UnregisterSock(pair.near, SOCK_READ));
+    EXPECT_EQ(0, handler->RemoveSock(pair.near));
+    EXPECT_EQ(0, HandlerProbe::sockets(*handler));
+    EXPECT_TRUE(log.lines().empty()) << log.dump();
+}
+
+TEST_F(NetSockTest, ClosedHandlerRegistersNothing) {
+    handler->AddRef();
+    handler->Close();
+    EXPECT_EQ(-1, handler->RegisterSock(pair.near, SOCK_READ, 0));
+    EXPECT_FALSE(look().exists);
+    handler->DecRef();
+    handler = new TestHandler;
+}
+
+// ---- calls -----------------------------------------------------------------------------------------------
+
+TEST_F(NetSockTest, HandlerThatNeitherReadsNorUnregistersIsCalledAgain) {
+    handler->on_input = [](int) { return 0; };
+    pair.write();
+    add(SOCK_READ);
+    EXPECT_EVENTUALLY(handler->life->inputs > 20);
+    handler->UnregisterSock(pair.near, SOCK_READ);
+    EXPECT_EVENTUALLY(!look().in_flight);
+    EXPECT_TRUE(look().exists);
+}
+
+TEST_F(NetSockTest, HandlerMayRegisterAndUnregisterItsOwnSocketInsideTheCall) {
+    handler->on_input = [&](int fd) {
+        SocketPair::drain(fd);
+        handler->UnregisterSock(pair.near, SOCK_READ);
+        handler->RegisterSock(pair.near, SOCK_WRITE, 0);
+        return 0;
+    };
+    handler->on_output = [&](int) {
+        handler->UnregisterSock(pair.near, SOCK_WRITE);
+        handler->RegisterSock(pair.near, SOCK_READ, 0);
+        return 0;
+    };
+    add(SOCK_READ);
+    for (int i = 1; i <= 20; ++i) {
+        pair.write();
+        ASSERT_EVENTUALLY(handler->life->inputs == i && handler->life->outputs == i);
+    }
+}
+
+TEST_F(NetSockTest, EndOfStreamAndResetOverTcpReachHandleInput) {
+    const std::unique_ptr<SocketPair> tcp = SocketPair::overTcp();
+    std::atomic<int> read{0};
+    handler->on_input = [&](int) {
+        char buffer[16];
+        read = tcp->near.Recv(buffer, sizeof(buffer));
+        if (read < 0) {
+            handler->RemoveSock(tcp->near);
+        }
+        return 0;
+    };
+    ASSERT_EQ(0, handler->RegisterSock(tcp->near, SOCK_READ, 0));
+    tcp->write("abc");
+    EXPECT_EVENTUALLY(read == 3);
+    const linger reset = {1, 0};
+    ::setsockopt(tcp->far.GetHandle(), SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
+    tcp->far.Close();
+    EXPECT_EVENTUALLY(read == -1);
+    EXPECT_EVENTUALLY(!lookAt(pool(), tcp->fd()).exists);
+}
+
+}  // namespace
+}  // namespace Orvex::Testing

@@ -1,0 +1,282 @@
+// CMultiplexer: what the kernel is told about a socket at each step, call by call.
+#include <gtest/gtest.h>
+
+#include "support/core/EpollSeam.h"
+#include "support/core/SocketPair.h"
+#include "support/core/StillPool.h"
+
+namespace Orvex::Testing {
+namespace {
+
+using namespace Reticor;
+using Calls = std::vector<EpollCall>;
+
+constexpr uint32_t IN = EPOLLIN;
+constexpr uint32_t OUT = EPOLLOUT;
+constexpr uint32_t PRI = EPOLLPRI;
+constexpr uint32_t PARKED = EPOLLONESHOT;
+constexpr uint32_t EDGE = static_cast<uint32_t>(EPOLLET);
+
+constexpr EpollCall failed(int op, uint32_t events, int error) {
+    return {op, events, error};
+}
+
+class SelectWinKernelTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        handler->on_input = [](int fd) {
+            SocketPair::drain(fd);
+            return 0;
+        };
+    }
+    void TearDown() override {
+        handler->RemoveSock(pair.near);
+        EXPECT_TRUE(ThreadPoolProbe::sockets(rig.pool()).empty());
+        EXPECT_EQ(1, rig.places(0));
+        EXPECT_EQ(0, rig.places(1));
+        EXPECT_EQ(0, rig.places(2));
+        rig.close(handler);
+    }
+
+    void add(unsigned int mask, int time_out_us = 0) {
+        EXPECT_EQ(0, handler->RegisterSock(pair.near, mask, time_out_us));
+    }
+
+    // The one record that is ready, in flight from now on.
+    CEvent* takeReady() {
+        const std::vector<CEvent*> ready = rig.poll();
+        EXPECT_EQ(1u, ready.size());
+        return ready.empty() ? nullptr : ready[0];
+    }
+
+    StillPool rig;
+    SocketPair pair;
+    TestHandler* handler = new TestHandler(StillPool::INDEX);
+    EpollRecorder kernel{pair.fd()};
+};
+
+TEST_F(SelectWinKernelTest, NewRegistrationIsOneAddThatNamesNumberAndSequence) {
+    add(SOCK_READ | SOCK_EXCEPT);
+    EXPECT_EQ((Calls{added(IN | PRI)}), kernel.take());
+    const std::optional<EpollItem> item = epollItem(rig.epoll(), pair.fd());
+    ASSERT_TRUE(item);
+    EXPECT_EQ(IN | PRI | ALWAYS_REPORTED, item->events);
+    EXPECT_EQ(static_cast<uint64_t>(pair.fd()), item->data & 0xFFFFFFFF);
+    EXPECT_EQ(rig.record(pair.fd())->m_timer.m_sequence, item->data >> 32);
+
+    handler->RemoveSock(pair.near);
+    add(SOCK_WRITE);
+    EXPECT_EQ((Calls{deleted(), added(OUT)}), kernel.take());
+    EXPECT_EQ((item->data >> 32) + 1, epollItem(rig.epoll(), pair.fd())->data >> 32) << "a life of its own";
+}
+
+TEST_F(SelectWinKernelTest, NewRegistrationOfWhatTheKernelStillHoldsIsAModification) {
+    epoll_event left_over{};
+    ASSERT_EQ(0, ::epoll_ctl(rig.epoll(), EPOLL_CTL_ADD, pair.fd(), &left_over));
+    kernel.take();
+    add(SOCK_READ);
+    EXPECT_EQ((Calls{failed(EPOLL_CTL_ADD, IN, EEXIST), modified(IN)}), kernel.take());
+    pair.write();
+    EXPECT_EQ(1u, rig.pollAndServe());
+}
+
+TEST_F(SelectWinKernelTest, KnownIdleSocketIsModifiedEvenIfNothingChanged) {
+    add(SOCK_READ);
+    kernel.take();
+    add(SOCK_READ);
+    EXPECT_EQ((Calls{modified(IN)}), kernel.take());
+    add(SOCK_WRITE);
+    EXPECT_EQ((Calls{modified(IN | OUT)}), kernel.take());
+}
+
+TEST_F(SelectWinKernelTest, KnownSocketInFlightIsLeftAloneUntilItsSecondHalf) {
+    add(SOCK_READ);
+    pair.write();
+    CEvent* const ev = takeReady();
+    kernel.take();
+    add(SOCK_READ);
+    EXPECT_EQ(Calls{}, kernel.take());
+    rig.serve(ev);
+    EXPECT_EQ((Calls{modified(IN)}), kernel.take()) << "the number may have been reused meanwhile";
+
+    pair.write();
+    CEvent* const again = takeReady();
+    add(SOCK_WRITE);
+    EXPECT_EQ(Calls{}, kernel.take());
+    rig.serve(again);
+    EXPECT_EQ((Calls{modified(IN | OUT)}), kernel.take());
+}
+
+TEST_F(SelectWinKernelTest, UnregisterOfAnIdleSocketModifiesToTheRestAndParksWithoutOne) {
+    add(SOCK_READ | SOCK_WRITE);
+    kernel.take();
+    handler->UnregisterSock(pair.near, SOCK_WRITE);
+    EXPECT_EQ((Calls{modified(IN)}), kernel.take());
+    handler->UnregisterSock(pair.near, SOCK_READ);
+    EXPECT_EQ((Calls{modified(PARKED)}), kernel.take());
+    pair.write();
+    EXPECT_EQ(0, epollReports(rig.epoll())) << "silent, whatever is waiting";
+}
+
+TEST_F(SelectWinKernelTest, UnregisterInFlightTellsTheKernelInTheSecondHalf) {
+    add(SOCK_READ | SOCK_WRITE);
+    CEvent* const ev = takeReady();
+    kernel.take();
+    handler->UnregisterSock(pair.near, SOCK_WRITE);
+    EXPECT_EQ(Calls{}, kernel.take());
+    rig.serve(ev);
+    EXPECT_EQ((Calls{modified(IN)}), kernel.take());
+}
+
+TEST_F(SelectWinKernelTest, HandlerThatReadsBeforeTheNextPollCostsNoCallAtAll) {
+    add(SOCK_READ);
+    kernel.take();
+    for (int i = 0; i < 100; ++i) {
+        pair.write();
+        ASSERT_EQ(1u, rig.pollAndServe());
+    }
+    EXPECT_EQ(100, handler->life->inputs);
+    EXPECT_EQ(Calls{}, kernel.take());
+}
+
+TEST_F(SelectWinKernelTest, SocketMetAgainInFlightIsParkedOnceAndArmedBySecondHalf) {
+    add(SOCK_READ);
+    pair.write();
+    CEvent* const ev = takeReady();
+    kernel.take();
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_TRUE(rig.poll().empty());
+        pair.write();
+    }
+    EXPECT_EQ((Calls{modified(PARKED)}), kernel.take());
+    handler->on_input = [](int) { return 0; };
+    rig.serve(ev);
+    EXPECT_EQ((Calls{modified(IN)}), kernel.take());
+    EXPECT_EQ(ev, takeReady()) << "what came meanwhile is not lost";
+    rig.serve(ev);
+}
+
+TEST_F(SelectWinKernelTest, TimeoutTellsTheKernelNothingAndAReportMeanwhileComesBack) {
+    add(SOCK_READ, 1000);
+    kernel.take();
+    const std::vector<CEvent*> due = rig.tick(2);
+    ASSERT_EQ(1u, due.size());
+    EXPECT_EQ(Calls{}, kernel.take());
+    EXPECT_EQ(1, rig.places(0));
+
+    pair.write();
+    EXPECT_TRUE(rig.poll().empty()) << "in flight";
+    EXPECT_EQ((Calls{modified(PARKED)}), kernel.take());
+    rig.serve(due[0]);
+    EXPECT_EQ(1, handler->life->input_timeouts);
+    EXPECT_EQ((Calls{modified(IN)}), kernel.take());
+    EXPECT_EQ(1u, rig.pollAndServe());
+    EXPECT_EQ(1, handler->life->inputs);
+}
+
+TEST_F(SelectWinKernelTest, RemoveDeletesAtOnceIdleOrInFlight) {
+    add(SOCK_READ);
+    handler->RemoveSock(pair.near);
+    EXPECT_EQ((Calls{added(IN), deleted()}), kernel.take());
+
+    add(SOCK_READ);
+    pair.write();
+    CEvent* const ev = takeReady();
+    kernel.take();
+    handler->RemoveSock(pair.near);
+    EXPECT_EQ((Calls{deleted()}), kernel.take());
+    EXPECT_FALSE(epollItem(rig.epoll(), pair.fd()));
+    rig.serve(ev);
+    EXPECT_EQ(Calls{}, kernel.take());
+    EXPECT_EQ(0, handler->life->inputs);
+}
+
+TEST_F(SelectWinKernelTest, HangUpThatNobodyAskedForIsReportedOnceAndThenKeptFrom) {
+    add(SOCK_EXCEPT);
+    kernel.take();
+    pair.far.Close();
+    EXPECT_TRUE(rig.poll().empty());
+    EXPECT_EQ((Calls{modified(PRI | EDGE)}), kernel.take());
+    EXPECT_TRUE(rig.poll().empty()) << "the one report that its arming gave";
+    EXPECT_EQ(0, epollReports(rig.epoll()));
+    EXPECT_EQ(Calls{}, kernel.take());
+
+    add(SOCK_READ);
+    EXPECT_EQ((Calls{modified(IN | PRI)}), kernel.take()) << "a registration asks anew";
+    EXPECT_EQ(1u, rig.pollAndServe());
+    EXPECT_EQ(1, handler->life->inputs);
+}
+
+TEST_F(SelectWinKernelTest, HangUpOfASocketWithNothingToWatchIsDropped) {
+    add(SOCK_READ);
+    handler->UnregisterSock(pair.near, SOCK_READ);
+    kernel.take();
+    pair.far.Close();
+    EXPECT_TRUE(rig.poll().empty());
+    EXPECT_EQ(0, epollReports(rig.epoll()));
+    EXPECT_EQ(Calls{}, kernel.take());
+}
+
+TEST_F(SelectWinKernelTest, WriteOnlyEndWithHangUpAloneIsSilentUntilItsNextDelivery) {
+    int ends[2];
+    ASSERT_EQ(0, ::pipe2(ends, O_NONBLOCK | O_CLOEXEC));
+    BorrowedSock reading(ends[0]);
+    EpollRecorder pipe_calls(ends[0]);
+    ASSERT_EQ(0, handler->RegisterSock(reading, SOCK_WRITE, 1000));
+    ::close(ends[1]);
+    EXPECT_TRUE(rig.poll().empty());
+    EXPECT_EQ((Calls{added(OUT), modified(OUT | EDGE)}), pipe_calls.take());
+    rig.poll();
+    EXPECT_EQ(0, epollReports(rig.epoll()));
+
+    for (CEvent* ev : rig.tick(2)) {
+        rig.serve(ev);
+    }
+    EXPECT_EQ(1, handler->life->output_timeouts);
+    EXPECT_EQ((Calls{modified(OUT)}), pipe_calls.take()) << "the delivery of the time-out";
+    EXPECT_TRUE(rig.poll().empty());
+    EXPECT_EQ((Calls{modified(OUT | EDGE)}), pipe_calls.take());
+    handler->RemoveSock(reading);
+    ::close(ends[0]);
+}
+
+TEST_F(SelectWinKernelTest, SameSocketInTwoPoolsIsTwoRecordsAndRemovedFromEachByItself) {
+    StillPool second(StillPool::INDEX + 1);
+    TestHandler* const other = new TestHandler(StillPool::INDEX + 1);
+    add(SOCK_READ);
+    ASSERT_EQ(0, other->RegisterSock(pair.near, SOCK_WRITE, 0));
+    EXPECT_EQ((Calls{added(IN), added(OUT)}), kernel.take());
+    EXPECT_NE(rig.record(pair.fd()), second.record(pair.fd()));
+    EXPECT_EQ(1u, second.pollAndServe());
+    EXPECT_EQ(1, other->life->outputs);
+
+    handler->RemoveSock(pair.near);
+    EXPECT_FALSE(epollItem(rig.epoll(), pair.fd()));
+    EXPECT_TRUE(epollItem(second.epoll(), pair.fd()));
+    EXPECT_EQ(1u, second.pollAndServe());
+    other->RemoveSock(pair.near);
+    EXPECT_FALSE(epollItem(second.epoll(), pair.fd()));
+    second.close(other);
+}
+
+TEST_F(SelectWinKernelTest, RefusedDirectionIsNotArmed) {
+    allowDescriptors(5000);
+    std::vector<int> copies;
+    for (int i = 0; i < 4095; ++i) {
+        copies.push_back(::fcntl(pair.fd(), F_DUPFD_CLOEXEC, 0));
+        BorrowedSock sock(copies.back());
+        ASSERT_EQ(0, handler->RegisterSock(sock, SOCK_READ, 0));
+    }
+    add(SOCK_READ);
+    EXPECT_EQ((Calls{added(PARKED)}), kernel.take());
+    add(SOCK_WRITE);
+    EXPECT_EQ((Calls{modified(OUT)}), kernel.take()) << "the write set has room";
+    for (const int fd : copies) {
+        BorrowedSock sock(fd);
+        handler->RemoveSock(sock);
+        ::close(fd);
+    }
+}
+
+}  // namespace
+}  // namespace Orvex::Testing

@@ -1,0 +1,259 @@
+// CMultiplexer: descriptors that are closed, copied and reused while they are registered.
+#include <gtest/gtest.h>
+
+#include "support/core/EpollSeam.h"
+#include "support/core/SocketPair.h"
+#include "support/core/StillPool.h"
+
+namespace Orvex::Testing {
+namespace {
+
+using namespace Reticor;
+using Calls = std::vector<EpollCall>;
+
+constexpr uint32_t IN = EPOLLIN;
+constexpr char REBUILD_LINE[] =
+    "a closed socket is still reported, its descriptor was copied: watching all sockets anew\n";
+
+constexpr EpollCall failed(int op, uint32_t events, int error) {
+    return {op, events, error};
+}
+
+class SelectWinReuseTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        handler->on_input = [](int fd) {
+            SocketPair::drain(fd);
+            return 0;
+        };
+    }
+    void TearDown() override {
+        EXPECT_TRUE(ThreadPoolProbe::sockets(rig.pool()).empty());
+        rig.close(handler);
+    }
+
+    void add(CSock& sock, unsigned int mask = SOCK_READ) {
+        EXPECT_EQ(0, handler->RegisterSock(sock, mask, 0));
+    }
+
+    // Closes the near end and leaves a copy of it elsewhere, with data waiting: the kernel goes on about it.
+    int orphan(SocketPair& pair) {
+        const int copy = ::fcntl(pair.fd(), F_DUPFD_CLOEXEC, 0);
+        BorrowedSock sock(pair.fd());
+        pair.near.Close();
+        handler->RemoveSock(sock);
+        pair.write();
+        return copy;
+    }
+
+    // Polls until the kernel is silent. False if it never is.
+    bool fallsSilent(int passes = 40000) {
+        while (epollReports(rig.epoll()) != 0) {
+            if (--passes < 0) {
+                return false;
+            }
+            EXPECT_TRUE(rig.poll().empty());
+        }
+        return true;
+    }
+
+    StillPool rig;
+    TestHandler* handler = new TestHandler(StillPool::INDEX);
+};
+
+TEST_F(SelectWinReuseTest, NumberClosedAndReusedWhileIdleIsAddedAnewByTheNextRegistration) {
+    SocketPair old, fresh;
+    EpollRecorder kernel(old.fd());
+    add(old.near);
+    EXPECT_EQ(old.fd(), ::dup3(fresh.fd(), old.fd(), O_CLOEXEC));  // closes the old socket in silence
+    fresh.write();
+    EXPECT_TRUE(rig.poll().empty()) << "watched by nothing until it is registered again";
+    kernel.take();
+    add(old.near);
+    EXPECT_EQ((Calls{failed(EPOLL_CTL_MOD, IN, ENOENT), added(IN)}), kernel.take());
+    EXPECT_EQ(1u, rig.pollAndServe());
+    EXPECT_EQ(1, handler->life->inputs);
+    handler->RemoveSock(old.near);
+}
+
+TEST_F(SelectWinReuseTest, NumberClosedAndReusedInsideItsHandlerIsAddedAnewByTheSecondHalf) {
+    SocketPair old, fresh;
+    const int number = old.fd();
+    add(old.near);
+    handler->on_input = [&](int fd) {
+        if (fd == old.fd()) {
+            old.near.Close();
+            EXPECT_EQ(number, ::dup3(fresh.fd(), number, O_CLOEXEC));
+            old.near.Attach(number);
+        }
+        return 0;
+    };
+    old.write();
+    EpollRecorder kernel(number);
+    EXPECT_EQ(1u, rig.pollAndServe());
+    EXPECT_EQ((Calls{failed(EPOLL_CTL_MOD, IN, ENOENT), added(IN)}), kernel.take());
+    fresh.write();
+    EXPECT_EQ(1u, rig.pollAndServe());
+    EXPECT_EQ(2, handler->life->inputs);
+    handler->RemoveSock(old.near);
+}
+
+TEST_F(SelectWinReuseTest, ClosedNumberKeepsItsPlaceIsSilentAndLeavesWithRemoveSock) {
+    SocketPair pair;
+    BorrowedSock sock(pair.fd());
+    add(sock);
+    pair.near.Close();
+    LogCapture log;
+    EpollRecorder kernel(sock.GetHandle());
+    EXPECT_TRUE(rig.poll().empty());
+    EXPECT_EQ(2, rig.places(0));
+    EXPECT_EQ(Calls{}, kernel.take());
+    add(sock);
+    EXPECT_EQ((Calls{failed(EPOLL_CTL_MOD, IN, EBADF)}), kernel.take());
+    EXPECT_TRUE(rig.poll().empty());
+    EXPECT_EQ(2, rig.places(0));
+    handler->RemoveSock(sock);
+    EXPECT_EQ(Calls{}, kernel.take()) << "the kernel does not have it";
+    EXPECT_EQ(1, rig.places(0));
+    EXPECT_TRUE(log.lines().empty()) << log.dump();
+}
+
+TEST_F(SelectWinReuseTest, NumberClosedInFlightAndNotReusedStaysOutInSilence) {
+    SocketPair pair;
+    BorrowedSock sock(pair.fd());
+    add(sock);
+    handler->on_input = [&](int) {
+        pair.near.Close();
+        return 0;
+    };
+    pair.write();
+    LogCapture log;
+    EXPECT_EQ(1u, rig.pollAndServe());
+    EXPECT_TRUE(rig.poll().empty());
+    EXPECT_EQ(MuxForm::out, muxForm(rig.record(sock.GetHandle())));
+    EXPECT_EQ(2, rig.places(0));
+    EXPECT_TRUE(log.lines().empty()) << log.dump();
+    handler->RemoveSock(sock);
+}
+
+TEST_F(SelectWinReuseTest, ReportOfAnEarlierLifeDoesNotReachALaterOne) {
+    SocketPair old, fresh, bystander;
+    const int number = old.fd();
+    BorrowedSock sock(number);
+    add(sock);
+    add(bystander.near);
+    const int copy = ::fcntl(number, F_DUPFD_CLOEXEC, 0);
+    old.near.Close();
+    handler->RemoveSock(sock);
+    EXPECT_EQ(number, ::dup3(fresh.fd(), number, O_CLOEXEC));
+    add(sock);
+    old.write();  // the kernel reports the number, with the sequence of its first life
+    ASSERT_EQ(1, epollReports(rig.epoll()));
+    LogCapture log;
+    EXPECT_TRUE(rig.poll().empty());
+    EXPECT_TRUE(fallsSilent());
+    EXPECT_EQ(0, handler->life->inputs);
+    EXPECT_EQ(1u, log.count(3, REBUILD_LINE)) << log.dump();
+
+    fresh.write();
+    bystander.write();
+    EXPECT_EQ(2u, rig.pollAndServe());
+    handler->RemoveSock(sock);
+    handler->RemoveSock(bystander.near);
+    ::close(copy);
+    ::close(number);
+}
+
+TEST_F(SelectWinReuseTest, OrphanedCopyHasTheInstanceRebuiltOnceWithALineAndOthersAreStillServed) {
+    SocketPair gone, idle, slow;
+    add(gone.near);
+    add(idle.near);
+    add(slow.near);
+    slow.write();
+    const std::vector<CEvent*> in_flight = rig.poll();
+    ASSERT_EQ(1u, in_flight.size());
+    const int before = rig.epoll();
+    const int copy = orphan(gone);
+    ASSERT_EQ(1, epollReports(rig.epoll()) - 1) << "beside the socket in flight";
+
+    LogCapture log;
+    rig.poll();
+    rig.poll();
+    EXPECT_EQ(1u, log.count(3, REBUILD_LINE)) << log.dump();
+    EXPECT_NE(before, rig.epoll());
+    EXPECT_EQ(-1, ::fcntl(before, F_GETFD)) << "the old instance is closed";
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_TRUE(rig.poll().empty());
+    }
+    EXPECT_EQ(1u, log.lines().size()) << log.dump();
+
+    rig.serve(in_flight[0]);
+    idle.write();
+    slow.write();
+    EXPECT_EQ(2u, rig.pollAndServe());
+    EXPECT_TRUE(fallsSilent());
+    handler->RemoveSock(idle.near);
+    handler->RemoveSock(slow.near);
+    ::close(copy);
+}
+
+TEST_F(SelectWinReuseTest, RebuildThatCannotWatchTheWakeEndKeepsTheOldInstanceAndTriesAgain) {
+    SocketPair gone;
+    add(gone.near);
+    const int before = rig.epoll();
+    const int copy = orphan(gone);
+    LogCapture log;
+    rig.poll();
+    {
+        EpollFault fault(ENOMEM);
+        rig.poll();
+        EXPECT_EQ(before, rig.epoll());
+        EXPECT_TRUE(log.lines().empty()) << log.dump();
+    }
+    EXPECT_TRUE(fallsSilent());
+    EXPECT_NE(before, rig.epoll());
+    EXPECT_EQ(1u, log.count(3, REBUILD_LINE)) << log.dump();
+    ::close(copy);
+}
+
+TEST_F(SelectWinReuseTest, ManyOrphansTogetherDoNotKeepThePollerBusy) {
+    std::vector<std::unique_ptr<SocketPair>> pairs;
+    std::vector<int> copies;
+    for (int i = 0; i < 5; ++i) {
+        pairs.push_back(std::make_unique<SocketPair>());
+        add(pairs.back()->near);
+    }
+    for (const auto& pair : pairs) {
+        copies.push_back(orphan(*pair));
+    }
+    ASSERT_EQ(5, epollReports(rig.epoll()));
+    LogCapture log;
+    EXPECT_TRUE(fallsSilent());
+    EXPECT_EQ(1u, log.count(3, REBUILD_LINE)) << log.dump();
+    for (const int copy : copies) {
+        ::close(copy);
+    }
+}
+
+TEST_F(SelectWinReuseTest, LastReportsOfRemovedSocketsRebuildNothing) {
+    // As if they had been on their way when their sockets were removed: each comes once.
+    SocketPair pairs[3];
+    for (SocketPair& pair : pairs) {
+        epoll_event late{};
+        late.events = EPOLLIN | EPOLLONESHOT;
+        late.data.u64 = static_cast<uint64_t>(pair.fd());
+        ASSERT_EQ(0, ::epoll_ctl(rig.epoll(), EPOLL_CTL_ADD, pair.fd(), &late));
+        pair.write();
+    }
+    LogCapture log;
+    const int before = rig.epoll();
+    EpollRecorder kernel(pairs[0].fd());
+    EXPECT_TRUE(rig.poll().empty());
+    EXPECT_TRUE(rig.poll().empty());
+    EXPECT_EQ(before, rig.epoll());
+    EXPECT_EQ(Calls{}, kernel.take()) << "the number may be anybody's by now";
+    EXPECT_TRUE(log.lines().empty()) << log.dump();
+}
+
+}  // namespace
+}  // namespace Orvex::Testing

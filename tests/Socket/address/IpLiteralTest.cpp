@@ -1,0 +1,65 @@
+// IpLiteral: numeric texts, with and without scope.
+#include "Socket/address/IpLiteral.h"
+
+#include <arpa/inet.h>
+#include <net/if.h>
+#include <netinet/in.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "support/socket/SystemSeam.h"
+
+namespace Orvex::Reticor {
+namespace {
+
+TEST(IpLiteral, IPv4NeedsAllFourParts) {
+    in_addr address{};
+    EXPECT_TRUE(parseIPv4Literal("10.20.30.40", address));
+    EXPECT_EQ(address.s_addr, htonl(0x0A141E28u));
+    for (const char* text : {"", "10.1", "10.20.30", "10.20.30.256", "10.20.30.40 ", "::1", "localhost"}) {
+        EXPECT_FALSE(parseIPv4Literal(text, address)) << text;
+    }
+    EXPECT_FALSE(parseIPv4Literal(nullptr, address));
+    EXPECT_EQ(address.s_addr, htonl(0x0A141E28u));
+}
+
+TEST(IpLiteral, IPv6WritesTheWholeRecord) {
+    sockaddr_in6 record;
+    std::memset(&record, 0xAB, sizeof record);
+    EXPECT_TRUE(parseIPv6Literal("2001:db8::1", record));
+    EXPECT_EQ(record.sin6_family, AF_INET6);
+    EXPECT_EQ(record.sin6_port, 0);
+    EXPECT_EQ(record.sin6_flowinfo, 0u);
+    EXPECT_EQ(record.sin6_scope_id, 0u);
+    EXPECT_EQ(record.sin6_addr.s6_addr[0], 0x20);
+    EXPECT_EQ(record.sin6_addr.s6_addr[15], 1);
+}
+
+TEST(IpLiteral, IPv6TakesScopesByNameAndNumber) {
+    const Testing::ResolverSeam seam;
+    sockaddr_in6 record{};
+    EXPECT_TRUE(parseIPv6Literal("fe80::1%lo", record));
+    EXPECT_EQ(record.sin6_scope_id, if_nametoindex("lo"));
+    EXPECT_TRUE(parseIPv6Literal("fe80::1%3", record));
+    EXPECT_EQ(record.sin6_scope_id, 3u);
+    EXPECT_EQ(seam.questions(), 0u);
+}
+
+TEST(IpLiteral, OtherTextsLeaveTheRecord) {
+    const Testing::ResolverSeam seam;
+    sockaddr_in6 record{};
+    record.sin6_port = 7;
+    for (const char* text :
+         {"", "10.0.0.1", "10.0.0.1%lo", "fe80::1%nosuchlink", "100%", "::1::", "localhost"}) {
+        EXPECT_FALSE(parseIPv6Literal(text, record)) << text;
+    }
+    EXPECT_FALSE(parseIPv6Literal(nullptr, record));
+    EXPECT_EQ(record.sin6_port, 7);
+    EXPECT_EQ(seam.questions(), 0u);
+}
+
+}  // namespace
+}  // namespace Orvex::Reticor

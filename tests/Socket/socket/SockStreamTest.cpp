@@ -1,0 +1,508 @@
+// CSockStream: connecting, sending, receiving, options. Its waits are in SockStreamWaitTest.cpp.
+#include <Reticor/SockStream.h>
+
+#include <limits.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <Reticor/SockAddrIPv6.h>
+#include <Reticor/SockAddrStorage.h>
+
+#include "support/Eventually.h"
+#include "support/LogCapture.h"
+#include "support/socket/Allocations.h"
+#include "support/socket/Loopback.h"
+#include "support/socket/SystemSeam.h"
+
+namespace Orvex::Reticor {
+namespace {
+
+using Testing::closeWithReset;
+using ::testing::ElementsAre;
+using Testing::FailNext;
+using ::testing::IsEmpty;
+using Testing::isOpen;
+using Testing::LogCapture;
+using Testing::LoopbackPair;
+using Testing::SystemCall;
+using Testing::texts;
+using Testing::waitFor;
+
+constexpr unsigned loopback_ip = 0x7F000001;
+
+class CUnknownAddr : public CSockAddr {
+public:
+    struct sockaddr* GetAddr(struct sockaddr* addr) const override {
+        return addr;
+    }
+    unsigned GetAddrLen() const override { return 16; }
+    bool IsValid() const override { return true; }
+};
+
+int optionOf(const CSock& sock, int level, int option) {
+    int value = -1;
+    socklen_t length = sizeof value;
+    ::getsockopt(sock.GetHandle(), level, option, &value, &length);
+    return value;
+}
+
+TEST(SockStreamConnect, OpensANonBlockingSocketThatIsClosedOnExec) {
+    LoopbackPair pair;
+    ASSERT_TRUE(pair.connected);
+    EXPECT_EQ(pair.client.GetConnectStatus(), 0);
+    EXPECT_TRUE(Testing::isNonBlocking(pair.client.GetHandle()));
+    EXPECT_TRUE(Testing::isCloseOnExec(pair.client.GetHandle()));
+    EXPECT_EQ(optionOf(pair.client, SOL_SOCKET, SO_TYPE), SOCK_STREAM);
+}
+
+TEST(SockStreamConnect, TakesEveryAddressClass) {
+    CSockAcceptor acceptor;
+    ASSERT_EQ(acceptor.Open(CSockAddrIPv6("::", 0)), 0);
+    CSockAddrStorage bound;
+    ASSERT_EQ(acceptor.GetLocalAddr(&bound), 0);
+    const unsigned short port = bound.GetPort();
+    CSockAddrStorage mapped;
+    mapped.SetPort(port);
+    mapped.SetIp("::ffff:127.0.0.1");
+    const CSockAddrIPv4 ipv4("127.0.0.1", port);
+    const CSockAddrIPv6 ipv6("::1", port);
+    const CSockAddrIPv6 mapped_ipv6("127.0.0.1", port);
+    const CSockAddrStorage storage("::1", port);
+    for (const CSockAddr* remote :
+         {static_cast<const CSockAddr*>(&ipv4), static_cast<const CSockAddr*>(&ipv6),
+          static_cast<const CSockAddr*>(&mapped_ipv6), static_cast<const CSockAddr*>(&storage),
+          static_cast<const CSockAddr*>(&mapped)}) {
+        CSockStream client;
+        CSockStream server;
+        EXPECT_EQ(client.Connect(*remote, nullptr), 0);
+        EXPECT_TRUE(Testing::acceptInto(acceptor, server));
+        EXPECT_TRUE(waitFor(client.GetHandle(), POLLOUT));
+        EXPECT_EQ(client.GetConnectStatus(), 0);
+    }
+}
+
+TEST(SockStreamConnect, BindsToTheLocalAddress) {
+    CSockAcceptor acceptor;
+    const unsigned short port = Testing::openOnLoopback(acceptor);
+    CSock holder;
+    const unsigned short own_port = Testing::refusingPort(holder);
+    holder.Close();
+    CSockAddrIPv4 local("127.0.0.2", own_port);
+    CSockStream client;
+    ASSERT_EQ(client.Connect(CSockAddrIPv4(loopback_ip, port), &local), 0);
+    CSockStream server;
+    ASSERT_TRUE(Testing::acceptInto(acceptor, server));
+    CSockAddrIPv4 remote;
+    EXPECT_EQ(server.GetRemoteAddr(&remote), 0);
+    EXPECT_TRUE(remote == local);
+}
+
+TEST(SockStreamConnect, LocalAddressOfAnotherFamilyFailsBeforeAnySocketIsTouched) {
+    LoopbackPair pair;
+    ASSERT_TRUE(pair.connected);
+    const int handle = pair.client.GetHandle();
+    CSockAddrIPv6 local("::1", 0);
+    CSockAddrStorage empty;
+    const LogCapture log;
+    EXPECT_EQ(pair.client.Connect(CSockAddrIPv4(loopback_ip, 80), &local), -1);
+    EXPECT_EQ(pair.client.Connect(CSockAddrIPv4(loopback_ip, 80), &empty), -1);
+    EXPECT_EQ(pair.client.GetHandle(), handle);
+    EXPECT_EQ(pair.client.Send("still", 5), 5);
+    EXPECT_EQ(Testing::receive(pair.server, 5), "still");
+    EXPECT_THAT(texts(log), ElementsAre("2 Orvex::Reticor::CSockStream::Connect : SockAddr type error\n",
+                                        "2 Orvex::Reticor::CSockStream::Connect : SockAddr type error\n"));
+}
+
+TEST(SockStreamConnect, RemoteAddressOfNoFamilyFailsBeforeAnySocketIsTouched) {
+    LoopbackPair pair;
+    ASSERT_TRUE(pair.connected);
+    const int handle = pair.client.GetHandle();
+    const LogCapture log;
+    EXPECT_EQ(pair.client.Connect(CUnknownAddr(), nullptr), -1);
+    EXPECT_EQ(pair.client.Connect(CSockAddrStorage(), nullptr), -1);
+    EXPECT_EQ(pair.client.GetHandle(), handle);
+    EXPECT_THAT(texts(log), ElementsAre("2 Orvex::Reticor::CSockStream::Connect : SockAddr type error\n",
+                                        "2 Orvex::Reticor::CSockStream::Connect : SockAddr type error\n"));
+}
+
+TEST(SockStreamConnect, SecondConnectClosesTheFirstSocket) {
+    LoopbackPair pair;
+    ASSERT_TRUE(pair.connected);
+    CSockAcceptor acceptor;
+    const unsigned short port = Testing::openOnLoopback(acceptor);
+    ASSERT_EQ(pair.client.Connect(CSockAddrIPv4(loopback_ip, port), nullptr), 0);
+    CSockStream server;
+    ASSERT_TRUE(Testing::acceptInto(acceptor, server));
+    ASSERT_TRUE(waitFor(pair.server.GetHandle(), POLLIN));
+    char byte = 0;
+    EXPECT_EQ(pair.server.Recv(&byte, 1), -1) << "the first peer sees the close";
+    EXPECT_EQ(pair.client.Send("new", 3), 3);
+    EXPECT_EQ(Testing::receive(server, 3), "new");
+}
+
+TEST(SockStreamConnect, WithoutDescriptorsIsLogged) {
+    const CSockAddrIPv4 remote(loopback_ip, 80);
+    CSockStream stream;
+    const LogCapture log;
+    {
+        const Testing::NoDescriptors no_descriptors;
+        EXPECT_EQ(stream.Connect(remote, nullptr), -1);
+        EXPECT_EQ(errno, EMFILE);
+    }
+    EXPECT_THAT(
+        texts(log),
+        ElementsAre("2 Orvex::Reticor::CSockStream::Connect : create socket failed! Too many open files\n"));
+    EXPECT_FALSE(stream.IsValid());
+}
+
+TEST(SockStreamConnect, ModeThatCannotBeSetKeepsTheHandle) {
+    const FailNext failure(SystemCall::ioctl, ENOTTY);
+    CSockStream stream;
+    EXPECT_EQ(stream.Connect(CSockAddrIPv4(loopback_ip, 80), nullptr), -1);
+    EXPECT_EQ(errno, ENOTTY);
+    EXPECT_TRUE(stream.IsValid());
+}
+
+TEST(SockStreamConnect, TakenLocalPortIsLoggedAndKeepsTheHandle) {
+    CSock holder;
+    const unsigned short port = Testing::refusingPort(holder);
+    CSockAddrIPv4 local(loopback_ip, port);
+    CSockStream stream;
+    const LogCapture log;
+    EXPECT_EQ(stream.Connect(CSockAddrIPv4(loopback_ip, 80), &local), -1);
+    EXPECT_EQ(errno, EADDRINUSE);
+    EXPECT_TRUE(stream.IsValid());
+    EXPECT_THAT(texts(log),
+                ElementsAre("2 Orvex::Reticor::CSockStream::Connect : bind failed! This port is " +
+                            std::to_string(port) + " Address already in use\n"));
+}
+
+TEST(SockStreamConnect, BlockingConnectThatIsRefusedClosesTheHandle) {
+    CSock holder;
+    const CSockAddrIPv4 nobody(loopback_ip, Testing::refusingPort(holder));
+    CSockStream stream;
+    stream.SetBlockOpt(true);
+    const LogCapture log;
+    EXPECT_EQ(stream.Connect(nobody, nullptr), -1);
+    EXPECT_EQ(errno, ECONNREFUSED);
+    EXPECT_FALSE(stream.IsValid());
+    EXPECT_THAT(texts(log),
+                ElementsAre("2 Orvex::Reticor::CSockStream::Connect : connect faield! Connection refused\n"));
+}
+
+TEST(SockStreamConnect, RefusedConnectionIsReportedOnce) {
+    CSock holder;
+    const CSockAddrIPv4 nobody(loopback_ip, Testing::refusingPort(holder));
+    CSockStream stream;
+    ASSERT_EQ(stream.Connect(nobody, nullptr), 0) << "only under way";
+    ASSERT_TRUE(waitFor(stream.GetHandle(), POLLOUT));
+    const LogCapture log;
+    EXPECT_EQ(stream.GetConnectStatus(), -2);
+    EXPECT_EQ(errno, ECONNREFUSED);
+    EXPECT_THAT(texts(log), ElementsAre("2 Orvex::Reticor::CSockStream::GetConnectStatus : error: " +
+                                        std::to_string(ECONNREFUSED) + "\n"));
+    EXPECT_EQ(stream.GetConnectStatus(), 0) << "the error is handed out once";
+}
+
+TEST(SockStreamConnect, RecvBeforeTheStatusTakesTheErrorAway) {
+    CSock holder;
+    const CSockAddrIPv4 nobody(loopback_ip, Testing::refusingPort(holder));
+    CSockStream stream;
+    ASSERT_EQ(stream.Connect(nobody, nullptr), 0);
+    ASSERT_TRUE(waitFor(stream.GetHandle(), POLLOUT));
+    pollfd entry{stream.GetHandle(), POLLIN | POLLOUT | POLLPRI, 0};
+    ASSERT_EQ(::poll(&entry, 1, 0), 1);
+    EXPECT_NE(entry.revents & POLLIN, 0) << "a refused connection shows as readable too";
+    EXPECT_EQ(entry.revents & POLLPRI, 0) << "and not as an exception";
+    char byte = 0;
+    EXPECT_EQ(stream.Recv(&byte, 1), -1);
+    EXPECT_EQ(errno, ECONNREFUSED);
+    EXPECT_EQ(stream.GetConnectStatus(), 0) << "which is why reading is added after the status";
+}
+
+TEST(SockStreamConnect, StatusOfAClosedSocketFails) {
+    CSockStream stream;
+    const LogCapture log;
+    EXPECT_EQ(stream.GetConnectStatus(), -2);
+    EXPECT_EQ(errno, EBADF);
+    EXPECT_THAT(texts(log),
+                ElementsAre("2 Orvex::Reticor::CSockStream::GetConnectStatus : getsockopt error, Bad "
+                            "file descriptor\n"));
+}
+
+TEST(SockStreamSend, NullIsRefusedInSilence) {
+    LoopbackPair pair;
+    const LogCapture log;
+    EXPECT_EQ(pair.client.Send(nullptr, 1), -1);
+    EXPECT_EQ(pair.client.WriteV(nullptr, 1), -1);
+    char byte = 0;
+    EXPECT_EQ(pair.client.Recv(nullptr, 1), -1);
+    EXPECT_EQ(pair.client.Send_n(nullptr, 1, 1000), -1);
+    EXPECT_EQ(pair.client.Recv_n(nullptr, 1, 1000), -1);
+    EXPECT_EQ(pair.client.Send(&byte, 0), 0);
+    EXPECT_THAT(texts(log), IsEmpty());
+}
+
+TEST(SockStreamSend, BytesArriveAndAFullSocketGivesZero) {
+    LoopbackPair pair;
+    ASSERT_TRUE(pair.connected);
+    pair.shrink();
+    const LogCapture log;
+    const std::size_t taken = Testing::fill(pair.client);
+    ASSERT_GT(taken, 0u);
+    EXPECT_EQ(pair.client.Send("x", 1), 0);
+    iovec piece{const_cast<char*>("x"), 1};
+    EXPECT_EQ(pair.client.WriteV(&piece, 1), 0);
+    EXPECT_EQ(Testing::receive(pair.server, taken).size(), taken);
+    EXPECT_THAT(texts(log), IsEmpty());
+}
+
+TEST(SockStreamSend, LargeSendIsCutShort) {
+    LoopbackPair pair;
+    ASSERT_TRUE(pair.connected);
+    pair.shrink();
+    const std::string bytes = Testing::pattern(1024 * 1024);
+    const int sent = pair.client.Send(bytes.data(), static_cast<unsigned>(bytes.size()));
+    ASSERT_GT(sent, 0);
+    ASSERT_LT(static_cast<std::size_t>(sent), bytes.size());
+    EXPECT_EQ(Testing::receive(pair.server, static_cast<std::size_t>(sent)),
+              bytes.substr(0, static_cast<std::size_t>(sent)));
+}
+
+TEST(SockStreamSend, ClosedOutputIsAResultAndNoSignal) {
+    LoopbackPair pair;
+    ASSERT_TRUE(pair.connected);
+    ASSERT_EQ(::shutdown(pair.client.GetHandle(), SHUT_WR), 0);
+    iovec piece{const_cast<char*>("x"), 1};
+    const LogCapture log;
+    EXPECT_EQ(pair.client.Send("x", 1), -1);
+    EXPECT_EQ(errno, EPIPE);
+    EXPECT_EQ(pair.client.WriteV(&piece, 1), -1);
+    EXPECT_EQ(errno, EPIPE);
+    EXPECT_EQ(pair.client.Send_n("x", 1, 1000), -1);
+    EXPECT_EQ(errno, EPIPE);
+    EXPECT_THAT(texts(log), ElementsAre("2 Orvex::Reticor::CSockStream::Send : send failed! Broken pipe\n",
+                                        "2 Orvex::Reticor::CSockStream::WriteV : send failed! Broken pipe\n",
+                                        "2 Orvex::Reticor::CSockStream::Send : send failed! Broken pipe\n"));
+}
+
+TEST(SockStreamSend, ResetByThePeerIsLogged) {
+    LoopbackPair pair;
+    ASSERT_TRUE(pair.connected);
+    closeWithReset(pair.server);
+    ASSERT_TRUE(waitFor(pair.client.GetHandle(), POLLHUP));
+    const LogCapture log;
+    EXPECT_EQ(pair.client.Send("x", 1), -1);
+    EXPECT_THAT(texts(log),
+                ElementsAre("2 Orvex::Reticor::CSockStream::Send : send failed! Connection reset by peer\n"));
+}
+
+TEST(SockStreamSend, ClosedSocketIsLogged) {
+    CSockStream stream;
+    iovec piece{const_cast<char*>("x"), 1};
+    char byte = 0;
+    const LogCapture log;
+    EXPECT_EQ(stream.Send("x", 1), -1);
+    EXPECT_EQ(errno, EBADF);
+    EXPECT_EQ(stream.WriteV(&piece, 1), -1);
+    EXPECT_EQ(errno, EBADF);
+    EXPECT_EQ(stream.Recv(&byte, 1), -1);
+    EXPECT_EQ(errno, EBADF);
+    EXPECT_THAT(texts(log),
+                ElementsAre("2 Orvex::Reticor::CSockStream::Send : send failed! Bad file descriptor\n",
+                            "2 Orvex::Reticor::CSockStream::WriteV : send failed! Bad file descriptor\n",
+                            "2 Orvex::Reticor::CSockStream::Recv : recv failed, Bad file descriptor\n"));
+}
+
+TEST(SockStreamWriteV, PiecesGoOutInOrder) {
+    LoopbackPair pair;
+    ASSERT_TRUE(pair.connected);
+    std::string head = "head ";
+    std::string middle;
+    std::string tail = "tail";
+    const iovec pieces[] = {{&head[0], head.size()}, {&middle[0], 0}, {&tail[0], tail.size()}};
+    EXPECT_EQ(pair.client.WriteV(pieces, 3), 9);
+    EXPECT_EQ(Testing::receive(pair.server, 9), "head tail");
+    EXPECT_EQ(pair.client.WriteV(pieces, 0), 0);
+}
+
+TEST(SockStreamWriteV, AtMostIovMaxPiecesGoOutInOneCall) {
+    LoopbackPair pair;
+    ASSERT_TRUE(pair.connected);
+    std::string bytes = Testing::pattern(IOV_MAX + 10);
+    std::vector<iovec> pieces;
+    for (char& byte : bytes) {
+        pieces.push_back({&byte, 1});
+    }
+    EXPECT_EQ(pair.client.WriteV(pieces.data(), static_cast<int>(pieces.size())), IOV_MAX);
+    EXPECT_EQ(Testing::receive(pair.server, IOV_MAX), bytes.substr(0, IOV_MAX));
+}
+
+TEST(SockStreamWriteV, EmptyPiecesAheadOfTheKernelsLimitDoNotLookLikeAFullSocket) {
+    LoopbackPair pair;
+    ASSERT_TRUE(pair.connected);
+    std::vector<iovec> pieces(3 * IOV_MAX, iovec{nullptr, 0});
+    pieces.push_back({const_cast<char*>("behind"), 6});
+    EXPECT_EQ(pair.client.WriteV(pieces.data(), static_cast<int>(pieces.size())), 6);
+    EXPECT_EQ(Testing::receive(pair.server, 6), "behind");
+    pieces.pop_back();
+    EXPECT_EQ(pair.client.WriteV(pieces.data(), static_cast<int>(pieces.size())), 0);
+}
+
+TEST(SockStreamWriteV, NegativeCountIsAnError) {
+    LoopbackPair pair;
+    ASSERT_TRUE(pair.connected);
+    iovec piece{const_cast<char*>("x"), 1};
+    const LogCapture log;
+    EXPECT_EQ(pair.client.WriteV(&piece, -1), -1);
+    EXPECT_EQ(errno, EMSGSIZE);
+    EXPECT_THAT(texts(log),
+                ElementsAre("2 Orvex::Reticor::CSockStream::WriteV : send failed! Message too long\n"));
+}
+
+TEST(SockStreamRecv, NothingWaitingGivesZero) {
+    LoopbackPair pair;
+    ASSERT_TRUE(pair.connected);
+    char buffer[8];
+    EXPECT_EQ(pair.client.Recv(buffer, sizeof buffer), 0);
+}
+
+TEST(SockStreamRecv, OrderlyCloseIsAResetToTheCaller) {
+    LoopbackPair pair;
+    ASSERT_TRUE(pair.connected);
+    ASSERT_EQ(pair.server.Send("last", 4), 4);
+    pair.server.Close();
+    EXPECT_EQ(Testing::receive(pair.client, 4), "last");
+    ASSERT_TRUE(waitFor(pair.client.GetHandle(), POLLIN));
+    char buffer[8];
+    const LogCapture log;
+    errno = 0;
+    EXPECT_EQ(pair.client.Recv(buffer, sizeof buffer), -1);
+    EXPECT_EQ(errno, ECONNRESET);
+    EXPECT_EQ(pair.client.Recv_n(buffer, sizeof buffer, 1000000), 0);
+    EXPECT_THAT(texts(log), IsEmpty());
+}
+
+TEST(SockStreamRecv, ResetIsSilent) {
+    LoopbackPair pair;
+    ASSERT_TRUE(pair.connected);
+    closeWithReset(pair.server);
+    ASSERT_TRUE(waitFor(pair.client.GetHandle(), POLLIN));
+    char buffer[8];
+    const LogCapture log;
+    errno = 0;
+    EXPECT_EQ(pair.client.Recv(buffer, sizeof buffer), -1);
+    EXPECT_EQ(errno, ECONNRESET);
+    EXPECT_THAT(texts(log), IsEmpty());
+}
+
+TEST(SockStreamRecv, InterruptedBlockingCallsGiveZero) {
+    LoopbackPair pair;
+    ASSERT_TRUE(pair.connected);
+    pair.shrink();
+    pair.client.SetBlockOpt(true);
+    Testing::Interrupter interrupter;
+    std::atomic<int> kernel_id{0};
+    int received = -5;
+    int sent = -5;
+    int gathered = -5;
+    std::thread worker([&] {
+        kernel_id = Infra::CThread::getCurrentThreadID();
+        char byte = 0;
+        received = pair.client.Recv(&byte, 1);
+        pair.client.SetBlockOpt(false);
+        Testing::fill(pair.client);
+        pair.client.SetBlockOpt(true);
+        sent = pair.client.Send("x", 1);
+        iovec piece{const_cast<char*>("x"), 1};
+        gathered = pair.client.WriteV(&piece, 1);
+        kernel_id = -1;
+    });
+    ASSERT_EVENTUALLY(kernel_id != 0);
+    // Each blocking call ends with a signal of its own.
+    EXPECT_TRUE(Testing::eventually([&] {
+        if (kernel_id > 0 && Testing::Interrupter::waitUntilAsleep(kernel_id)) {
+            ::pthread_kill(worker.native_handle(), SIGUSR1);
+        }
+        return kernel_id < 0;
+    }));
+    worker.join();
+    EXPECT_EQ(received, 0);
+    EXPECT_EQ(sent, 0);
+    EXPECT_EQ(gathered, 0);
+}
+
+TEST(SockStreamCost, TransferAllocatesNothing) {
+    LoopbackPair pair;
+    ASSERT_TRUE(pair.connected);
+    char buffer[16];
+    iovec piece{const_cast<char*>("gather"), 6};
+    const std::size_t before = Testing::allocationCount();
+    const int sent = pair.client.Send("plain", 5);
+    const int gathered = pair.client.WriteV(&piece, 1);
+    const int waited = pair.client.Send_n("wait", 4, 1000);
+    const int received = pair.server.Recv_n(buffer, sizeof buffer, 5000000);
+    const int nothing = pair.client.Recv(buffer, sizeof buffer);
+    EXPECT_EQ(Testing::allocationCount(), before);
+    EXPECT_EQ(sent, 5);
+    EXPECT_EQ(gathered, 6);
+    EXPECT_EQ(waited, 4);
+    EXPECT_EQ(received, 15);
+    EXPECT_EQ(nothing, 0);
+}
+
+TEST(SockStreamOptions, BuffersAreSetAndRead) {
+    LoopbackPair pair;
+    ASSERT_TRUE(pair.connected);
+    EXPECT_EQ(pair.client.SetSockRecvBuf(20000), 0);
+    EXPECT_EQ(pair.client.SetSockSendBuf(30000), 0);
+    EXPECT_EQ(pair.client.GetSockRecvBuf(), 40000) << "the kernel doubles";
+    EXPECT_EQ(pair.client.GetSockSendBuf(), 60000);
+}
+
+TEST(SockStreamOptions, KeepAliveAndNoDelayAreSwitched) {
+    LoopbackPair pair;
+    ASSERT_TRUE(pair.connected);
+    EXPECT_EQ(pair.client.SetSockKeepAlive(true), 0);
+    EXPECT_EQ(optionOf(pair.client, SOL_SOCKET, SO_KEEPALIVE), 1);
+    EXPECT_EQ(pair.client.SetSockKeepAlive(false), 0);
+    EXPECT_EQ(optionOf(pair.client, SOL_SOCKET, SO_KEEPALIVE), 0);
+    EXPECT_EQ(pair.client.SetSockNoDelay(true), 0);
+    EXPECT_EQ(optionOf(pair.client, IPPROTO_TCP, TCP_NODELAY), 1);
+    EXPECT_EQ(pair.client.SetSockNoDelay(false), 0);
+    EXPECT_EQ(optionOf(pair.client, IPPROTO_TCP, TCP_NODELAY), 0);
+}
+
+TEST(SockStreamOptions, FailuresAreLogged) {
+    CSockStream stream;
+    const LogCapture log;
+    EXPECT_EQ(stream.SetSockRecvBuf(1), -1);
+    EXPECT_EQ(stream.SetSockSendBuf(1), -1);
+    EXPECT_EQ(stream.GetSockRecvBuf(), -1);
+    EXPECT_EQ(stream.GetSockSendBuf(), -1);
+    EXPECT_EQ(stream.SetSockKeepAlive(true), -1);
+    EXPECT_EQ(stream.SetSockNoDelay(true), -1);
+    EXPECT_EQ(errno, EBADF);
+    const std::string name = "2 Orvex::Reticor::CSockStream::";
+    const std::string set = " : setsockopt failed! Bad file descriptor\n";
+    const std::string get = " : getsockopt failed! Bad file descriptor\n";
+    EXPECT_THAT(texts(log), ElementsAre(name + "SetSockRecvBuf" + set, name + "SetSockSendBuf" + set,
+                                        name + "GetSockRecvBuf" + get, name + "GetSockSendBuf" + get,
+                                        name + "SetSockKeepAlive" + set, name + "SetSockNoDelay" + set));
+}
+
+}  // namespace
+}  // namespace Orvex::Reticor

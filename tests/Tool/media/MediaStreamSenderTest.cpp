@@ -1,0 +1,562 @@
+// CMediaStreamSender: one client's way through the frames.
+#include "Tool/media/MediaStreamSender.h"
+
+#include <Reticor/SimulatorStream.h>
+#include <Reticor/SockAddrIPv4.h>
+#include <Reticor/SockDgram.h>
+#include <Reticor/SslStream.h>
+
+#include "support/HandClock.h"
+#include "support/media/MediaFixture.h"
+
+namespace Orvex::Testing {
+
+using namespace Reticor;
+
+using MediaStreamSender = MediaFixture;
+
+// Keeps what a send procedure is told.
+struct Finished {
+    void note(CMediaPacket* packet, int arg, int len) {
+        calls.emplace_back(packet, arg, len);
+        if (on_call) {
+            on_call();
+        }
+    }
+    Infra::TFunction3<void, CMediaPacket*, int, int> proc() { return {&Finished::note, this}; }
+
+    std::vector<std::tuple<CMediaPacket*, int, int>> calls;
+    std::function<void()> on_call;
+};
+
+TEST_F(MediaStreamSender, BeginsWithAllChannelsAndNoTimeout) {
+    const MediaSenderState& made = client().state();
+    EXPECT_EQ(made.m_send_total, 0U);
+    EXPECT_EQ(made.m_channel_mask, 255);
+    EXPECT_EQ(made.m_lost_mask, 0);
+    EXPECT_EQ(made.m_send_timeout, 0xFFFFFFFFU);
+    EXPECT_EQ(made.m_exception_id, 0);
+}
+
+TEST_F(MediaStreamSender, AttachAndDetachPassTheSocketOn) {
+    MediaClient& a = client();
+    EXPECT_EQ(a.sender->Detach(), &a.sock);
+    EXPECT_EQ(a.sender->Detach(), nullptr);
+    EXPECT_EQ(a.sender->Attach(&a.sock), 0);
+    EXPECT_EQ(a.sender->Detach(), &a.sock);
+}
+
+TEST_F(MediaStreamSender, TheFirstChannelNarrowsFurtherOnesWiden) {
+    MediaClient& a = client();
+    a.sender->SetSendChannel(2);
+    EXPECT_EQ(a.state().m_channel_mask, 1 << 2);
+    a.sender->SetSendChannel(5);
+    EXPECT_EQ(a.state().m_channel_mask, 1 << 2 | 1 << 5);
+    a.sender->SetSendChannel(-1);
+    EXPECT_EQ(a.state().m_channel_mask, 255);
+    EXPECT_DEATH(a.sender->SetSendChannel(8), "channel <= 7");
+    for (int channel = 0; channel < 8; ++channel) {
+        a.sender->SetSendChannel(channel);
+    }
+    EXPECT_EQ(a.state().m_channel_mask, 255);
+    a.sender->SetSendChannel(3);
+    EXPECT_EQ(a.state().m_channel_mask, 1 << 3) << "all eight are all, and the next one narrows again";
+}
+
+TEST_F(MediaStreamSender, DisablingAChannelThatIsOffChangesNothing) {
+    MediaClient& a = client();
+    a.sender->SetSendChannel(2);
+    a.sender->DisableSendChannel(3);
+    EXPECT_EQ(a.state().m_channel_mask, 1 << 2);
+    a.sender->DisableSendChannel(2);
+    EXPECT_EQ(a.state().m_channel_mask, 0);
+    EXPECT_DEATH(a.sender->DisableSendChannel(8), "channel <= 7 && channel >= 0");
+    EXPECT_DEATH(a.sender->DisableSendChannel(-1), "channel <= 7 && channel >= 0");
+}
+
+TEST_F(MediaStreamSender, AFrameOfAnotherChannelIsSteppedOver) {
+    MediaClient& a = joinedClient();
+    a.sender->DisableSendChannel(3);
+    const uint64_t before = a.state().m_send_total;
+    put(40, 1, 5, 3);
+    EXPECT_EQ(a.sock.wire(), "");
+    EXPECT_TRUE(a.sock.calls().empty());
+    EXPECT_EQ(a.state().m_send_total, before + 40);
+    EXPECT_EQ(frames(), 1U) << "it holds nothing back";
+    a.sock.setRoom(0);
+    const CFrame* wanted = current();
+    put(10);
+    const CFrame* other = current();
+    put(40, 1, 5, 3);
+    EXPECT_EQ(wanted->m_sender_count, 1);
+    EXPECT_EQ(other->m_sender_count, 0);
+}
+
+TEST_F(MediaStreamSender, JoinsAtAnyKeyFrameWhateverItsChannels) {
+    joinedClient();
+    MediaClient& b = client();
+    b.sender->SetSendChannel(2);
+    buffer->AddSender(b.sender);
+    const CFrame* joined_at = current();
+    clients[0]->sock.setRoom(0);
+    put(10, 1, 1, 0);
+    EXPECT_EQ(b.state().m_send_total, 20U);
+    EXPECT_EQ(joined_at->m_sender_count, 2) << "b's count stays on a frame that it never wanted";
+    put(10, 1, 1, 2);
+    b.sock.clearWire();
+    const std::string bytes = put(10, 1, 9, 2);
+    EXPECT_EQ(b.sock.wire(), bytes);
+}
+
+TEST_F(MediaStreamSender, AtPositionZeroEveryTickInAGapJoinsAgain) {
+    buffer->AddSender(client().sender);
+    tick(5);
+    EXPECT_EQ(current()->m_sender_count, 5);
+    const std::string bytes = put(10, 1, 8);
+    EXPECT_EQ(clients[0]->sock.wire(), bytes);
+    EXPECT_EQ(frames(), 1U);
+}
+
+TEST_F(MediaStreamSender, APartialWriteAtTheEndOfAnEntryStaysInTheMiddleOfTheFrame) {
+    MediaClient& a = joinedClient();
+    a.sock.setRoom(6);
+    const std::string bytes = putFrame({6, 0, 5});
+    EXPECT_EQ(a.state().m_iovec_index, 2) << "entries without bytes are passed along";
+    EXPECT_EQ(a.state().m_iovec_offset, 0);
+    EXPECT_EQ(a.state().m_frame_left, 5U);
+    a.sender->SendOtherData("other", 5);
+    a.sock.setRoom(ShapedStream::UNLIMITED);
+    tick();
+    EXPECT_EQ(a.sock.wire(), bytes + "other") << "the frame ends before other data begins";
+}
+
+TEST_F(MediaStreamSender, APartialWriteLeavesTheListAsItWasForTheOthers) {
+    MediaClient& a = joinedClient();
+    MediaClient& b = client();
+    buffer->AddSender(b.sender);
+    put(10);
+    b.sock.clearWire();
+    a.sock.clearWire();
+    a.sock.setRoom(4);
+    b.sock.setRoom(9);
+    const CFrame* frame = current();
+    const std::string bytes = putFrame({3, 3, 3, 3});
+    EXPECT_EQ(a.state().m_iovec_index, 1);
+    EXPECT_EQ(a.state().m_iovec_offset, 1);
+    a.sock.setRoom(1);
+    tick();
+    EXPECT_EQ(a.state().m_iovec_offset, 2);
+    for (uint32_t i = 0; i < 4; ++i) {
+        EXPECT_EQ(frame->m_iovec[i].iov_len, 3U);
+        EXPECT_EQ(std::string(static_cast<char*>(frame->m_iovec[i].iov_base), 3), bytes.substr(i * 3, 3));
+    }
+    EXPECT_EQ(frame->m_sent_len, 14);
+    EXPECT_EQ(frame->m_sender_count, 2);
+    for (int i = 0; i < 12; ++i) {
+        a.sock.setRoom(1);
+        b.sock.setRoom(1);
+        tick();
+    }
+    EXPECT_EQ(a.sock.wire(), bytes);
+    EXPECT_EQ(b.sock.wire(), bytes);
+}
+
+TEST_F(MediaStreamSender, AFrameWithoutAByteIsNeverSent) {
+    MediaClient& a = joinedClient();
+    put(0);
+    tick();
+    const std::string bytes = put(5);
+    EXPECT_EQ(a.sock.wire(), bytes);
+    EXPECT_EQ(a.sock.calls().size(), 1U);
+}
+
+TEST_F(MediaStreamSender, OtherDataGoesBetweenTwoFrames) {
+    MediaClient& a = joinedClient();
+    a.sock.setRoom(4);
+    const std::string first = put(10);
+    const std::string second = put(10);
+    a.sender->SendOtherData("one", 3);
+    a.sender->SendOtherData("two", 3);
+    a.sock.setRoom(ShapedStream::UNLIMITED);
+    tick();
+    EXPECT_EQ(a.sock.wire(), first + "onetwo" + second);
+}
+
+TEST_F(MediaStreamSender, OtherDataThatBlocksHoldsAllFramesBackAndLosesThoseOffered) {
+    MediaClient& a = joinedClient();
+    a.sock.setRoom(2);
+    a.sender->SendOtherData("other", 5);
+    for (int i = 0; i < 3; ++i) {
+        put(10, 1, 5);
+    }
+    EXPECT_EQ(a.sock.wire(), "ot");
+    EXPECT_EQ(frames(), 4U);
+    a.sock.setRoom(ShapedStream::UNLIMITED);
+    tick();
+    EXPECT_EQ(a.sock.wire(), "other") << "a sender that had caught up does not go back for them";
+    const std::string bytes = put(10, 1, 5);
+    EXPECT_EQ(a.sock.wire(), "other" + bytes);
+    EXPECT_EQ(a.sender->GetStats().hole_frames, 3U);
+    EXPECT_EQ(a.sender->GetStats().hole_bytes, 30U);
+    tick(100);
+    EXPECT_EQ(frames(), 1U) << "the buffer lets them go by their age";
+}
+
+TEST_F(MediaStreamSender, OtherDataBeyondItsAreaIsDroppedWhole) {
+    MediaClient& a = client();
+    const std::string most(4096, 'm');
+    a.sender->SendOtherData(most.data(), 4000);
+    a.sender->SendOtherData(most.data(), 97);
+    EXPECT_EQ(a.state().m_other_len, 4000);
+    a.sender->SendOtherData(most.data(), 96);
+    EXPECT_EQ(a.state().m_other_len, 4096);
+    a.sender->SendOtherData(most.data(), 1);
+    a.sender->SendOtherData(most.data(), 0);
+    a.sender->SendOtherData(most.data(), -1);
+    a.sender->SendOtherData(most.data(), INT32_MIN);
+    a.sender->SendOtherData(most.data(), INT32_MAX);
+    EXPECT_EQ(a.state().m_other_len, 4096);
+}
+
+TEST_F(MediaStreamSender, OtherDataThatFailsIsReportedOnce) {
+    MediaClient& a = joinedClient();
+    a.sender->WaitException(waiter->GetID());
+    a.sender->SendOtherData("x", 1);
+    a.sock.setRoom(0);
+    a.sock.fail(EPIPE);
+    LogCapture log(3);
+    tick();
+    EXPECT_TRUE(log.contains(3, "MediaStreamSender check_other_data socket exception!\n"));
+    EXPECT_EQ(messages(), (std::vector<SentMessage>{{waiter->GetID(), 2, 0}}));
+    EXPECT_EQ(a.state().m_list, nullptr);
+    EXPECT_EQ(a.state().m_exception_id, 0);
+}
+
+TEST_F(MediaStreamSender, TwoFramesInOneSendAreFinishedOneAfterTheOther) {
+    MediaClient& a = joinedClient();
+    Finished finished;
+    EXPECT_TRUE(a.sender->AttachSendProc(finished.proc()));
+    a.sock.setRoom(0);
+    TestPacket& first = putInfo(1);
+    put(10);
+    TestPacket& second = putInfo(2);
+    put(20);
+    a.sock.setRoom(ShapedStream::UNLIMITED);
+    tick();
+    ASSERT_EQ(finished.calls.size(), 2U);
+    EXPECT_EQ(finished.calls[0], std::make_tuple(static_cast<CMediaPacket*>(&first), 1, 10));
+    EXPECT_EQ(finished.calls[1], std::make_tuple(static_cast<CMediaPacket*>(&second), 2, 20));
+    EXPECT_TRUE(a.sender->DetachSendProc());
+    EXPECT_TRUE(a.sender->DetachSendProc());
+    put(10);
+    EXPECT_EQ(finished.calls.size(), 2U);
+}
+
+TEST_F(MediaStreamSender, AFullSocketLeavesTheSenderAndThePositionWhereTheyAre) {
+    MediaClient& a = joinedClient();
+    a.sock.setRoom(0);
+    const CFrame* frame = current();
+    put(10);
+    put(10);
+    tick(3);
+    EXPECT_EQ(a.state().m_frame, frame);
+    EXPECT_EQ(a.state().m_send_total, 10U);
+    EXPECT_EQ(state().m_byte_discard, 10U);
+    EXPECT_EQ(frames(), 3U);
+    EXPECT_EQ(a.state().m_block_count, 5U);
+}
+
+TEST_F(MediaStreamSender, EveryHundredthBlockedWriteIsLogged) {
+    MediaClient& a = joinedClient();
+    a.sock.setRoom(0);
+    put(10);
+    LogCapture log(3);
+    tick(98);
+    EXPECT_EQ(log.countMatching(3, "MediaStreamSender net warnning.*\n"), 0U);
+    tick(102);
+    EXPECT_EQ(log.count(3, "MediaStreamSender net warnning 100!\n"), 1U);
+    EXPECT_EQ(log.count(3, "MediaStreamSender net warnning 200!\n"), 1U);
+}
+
+TEST_F(MediaStreamSender, AStallIsReportedOnceAndTheSenderStays) {
+    HandClock clock;
+    MediaClient& a = joinedClient();
+    a.sender->WaitException(waiter->GetID());
+    a.sender->SetSendTimeout(3);
+    a.sock.setRoom(0);
+    put(10);
+    clock.advanceUs(2999999);
+    LogCapture log(3);
+    tick();
+    EXPECT_TRUE(messages().empty());
+    clock.advanceUs(1);
+    tick(2);
+    EXPECT_EQ(messages(), (std::vector<SentMessage>{{waiter->GetID(), 2, 0}}));
+    EXPECT_EQ(log.count(3, "MediaStreamSender Send socket exception for timeout!\n"), 1U);
+    EXPECT_NE(a.state().m_list, nullptr);
+    a.sock.setRoom(ShapedStream::UNLIMITED);
+    tick();
+    EXPECT_EQ(a.sock.wire().size(), 10U);
+    EXPECT_EQ(a.state().m_block_time, 0U);
+}
+
+TEST_F(MediaStreamSender, AClientThatTricklesStallsAllTheSame) {
+    HandClock clock;
+    MediaClient& a = joinedClient();
+    a.sender->WaitException(waiter->GetID());
+    a.sender->SetSendTimeout(3);
+    a.sock.setRoom(0);
+    put(100);
+    for (int i = 0; i < 3; ++i) {
+        clock.advanceUs(1000000);
+        a.sock.setRoom(1);
+        tick();  // takes one byte
+        EXPECT_EQ(a.state().m_block_count, 0U);
+        EXPECT_TRUE(messages().empty());
+    }
+    tick();
+    EXPECT_EQ(messages().size(), 1U);
+}
+
+TEST_F(MediaStreamSender, OtherDataStallsTooAndAWriteOfItEndsTheStall) {
+    HandClock clock;
+    MediaClient& a = joinedClient();
+    a.sender->WaitException(waiter->GetID());
+    a.sender->SetSendTimeout(1);
+    a.sock.setRoom(0);
+    a.sender->SendOtherData("abc", 3);
+    tick();
+    clock.advanceUs(900000);
+    a.sock.setRoom(1);
+    tick();
+    EXPECT_EQ(a.state().m_block_time, 0U);
+    clock.advanceUs(900000);
+    tick();
+    EXPECT_TRUE(messages().empty());
+    clock.advanceUs(1000000);
+    LogCapture log(3);
+    tick();
+    EXPECT_EQ(log.count(3, "MediaStreamSender check_other_data socket exception for timeout!\n"), 1U);
+    EXPECT_EQ(messages().size(), 1U);
+}
+
+TEST_F(MediaStreamSender, WithoutATimeoutASenderWaitsForEver) {
+    HandClock clock;
+    MediaClient& a = joinedClient();
+    a.sender->WaitException(waiter->GetID());
+    a.sock.setRoom(0);
+    put(10);
+    clock.advanceUs(int64_t{1000} * 3600 * 1000000);
+    tick();
+    EXPECT_TRUE(messages().empty());
+}
+
+TEST_F(MediaStreamSender, AFailureTakesBackWhatTheSenderHadWrittenOfTheFrame) {
+    MediaClient& a = joinedClient();
+    MediaClient& b = client();
+    buffer->AddSender(b.sender);
+    put(10);
+    a.sock.setRoom(3);
+    b.sock.setRoom(4);
+    const CFrame* frame = current();
+    put(10);
+    EXPECT_EQ(frame->m_sent_len, 7);
+    b.sock.fail(EPIPE);
+    tick();
+    EXPECT_EQ(frame->m_sent_len, 3);
+    EXPECT_EQ(frame->m_sender_count, 2) << "the count is not taken back";
+}
+
+TEST_F(MediaStreamSender, AFailureNobodyWaitsForIsNotReported) {
+    MediaClient& a = joinedClient();
+    a.sock.setRoom(0);
+    a.sock.fail(EPIPE);
+    LogCapture log(3);
+    put(10);
+    EXPECT_EQ(log.countMatching(3, "MediaStreamSender.*\n"), 0U);
+    EXPECT_TRUE(messages().empty());
+}
+
+TEST_F(MediaStreamSender, TheTailOfAPacketIsHandedOver) {
+    MediaClient& a = joinedClient();
+    a.sock.setRoom(8);
+    const std::string bytes = putFrame({5, 6, 4});
+    char tail[16];
+    EXPECT_EQ(a.sender->GetTailPacket(tail, 2), -1);
+    EXPECT_EQ(a.state().m_iovec_offset, 3) << "nothing has changed";
+    EXPECT_EQ(a.sender->GetTailPacket(tail, 3), 3);
+    EXPECT_EQ(std::string(tail, 3), bytes.substr(8, 3));
+    EXPECT_EQ(a.state().m_iovec_index, 2);
+    EXPECT_EQ(a.state().m_iovec_offset, 0);
+    EXPECT_EQ(a.state().m_frame_left, 4U);
+    EXPECT_EQ(a.state().m_send_total, 21U);
+    EXPECT_EQ(a.sender->GetTailPacket(tail, 16), 0) << "no packet is half-written";
+    a.sock.setRoom(ShapedStream::UNLIMITED);
+    tick();
+    EXPECT_EQ(a.sock.wire(), bytes.substr(0, 8) + bytes.substr(11));
+}
+
+TEST_F(MediaStreamSender, TheTailOfTheLastPacketFinishesTheFrame) {
+    MediaClient& a = joinedClient();
+    Finished finished;
+    a.sender->AttachSendProc(finished.proc());
+    a.sock.setRoom(8);
+    TestPacket& about = putInfo(9);
+    const CFrame* first = current();
+    putFrame({5, 6});
+    const CFrame* second = current();
+    put(7);
+    char tail[16];
+    EXPECT_EQ(a.sender->GetTailPacket(tail, 16), 3);
+    ASSERT_EQ(finished.calls.size(), 1U);
+    EXPECT_EQ(finished.calls[0], std::make_tuple(static_cast<CMediaPacket*>(&about), 9, 11));
+    EXPECT_EQ(a.state().m_frame, second);
+    EXPECT_EQ(a.state().m_frame_left, 7U);
+    EXPECT_EQ(first->m_sent_len, 0);
+    EXPECT_EQ(first->m_sender_count, 1) << "counts stay";
+    EXPECT_EQ(second->m_sender_count, 0);
+    EXPECT_EQ(client().sender->GetTailPacket(tail, 16), 0) << "a sender that was on no list";
+}
+
+TEST_F(MediaStreamSender, WithoutASocketSendAsserts) {
+    MediaClient& a = joinedClient();
+    a.sender->Detach();
+    EXPECT_DEATH(put(10), "m_stream != NULL");
+    a.sender->Attach(&a.sock);
+}
+
+TEST_F(MediaStreamSender, ASocketOfAnotherKindAsserts) {
+    MediaClient& a = joinedClient();
+    CSock plain;
+    a.sender->Attach(&plain);
+    EXPECT_DEATH(put(10), "Assertion `0'");
+    a.sender->Attach(&a.sock);
+}
+
+TEST_F(MediaStreamSender, WritesThroughASimulatedLink) {
+    MediaClient& a = client();
+    CSimulatorStream link;
+    link.SetBandWidth(1);
+    link.SetRealSocket(&a.sock);
+    a.sender->Attach(&link);
+    buffer->AddSender(a.sender);
+    a.sender->SendOtherData("other", 5);
+    const std::string bytes = "other" + putFrame({3, 0, 4});
+    EXPECT_EQ(a.sock.wire(), bytes);
+}
+
+TEST_F(MediaStreamSender, ASecureSocketWithoutTlsFails) {
+    LogCapture log(3);
+    MediaClient& a = client();
+    CSslStream secure;
+    a.sender->Attach(&secure);
+    buffer->AddSender(a.sender);
+    put(10);
+    EXPECT_EQ(a.state().m_list, nullptr);
+    a.sender->SendOtherData("x", 1);
+    buffer->AddSender(a.sender);
+    tick();
+    EXPECT_EQ(a.state().m_list, nullptr);
+}
+
+// A datagram socket on loopback that receives, and one that is connected to it.
+struct DatagramPair {
+    DatagramPair() {
+        CSockAddrIPv4 any("127.0.0.1", 0);
+        EXPECT_EQ(far.Open(&any), 0);
+        CSockAddrIPv4 address;
+        EXPECT_EQ(far.GetLocalAddr(&address), 0);
+        EXPECT_EQ(near.Open(nullptr), 0);
+        EXPECT_EQ(near.SetRemote(&address), 0);
+    }
+    std::string receive() {
+        char bytes[70000];
+        const int length = far.Recv(bytes, sizeof bytes, nullptr);
+        return std::string(bytes, static_cast<std::size_t>(std::max(length, 0)));
+    }
+    CSockDgram far;
+    CSockDgram near;
+};
+
+TEST_F(MediaStreamSender, AFrameIsOneDatagram) {
+    DatagramPair pair;
+    MediaClient& a = client();
+    a.sender->Attach(&pair.near);
+    buffer->AddSender(a.sender);
+    const std::string first = putFrame({3, 0, 4});
+    EXPECT_EQ(pair.receive(), first);
+    a.sender->SendOtherData("other", 5);
+    std::string second;
+    for (int i = 0; i < 1500; ++i) {
+        second += put(2, i == 1499 ? 1 : 0);
+    }
+    EXPECT_EQ(pair.receive(), "other");
+    EXPECT_EQ(pair.receive(), second) << "also with more packets than the kernel takes at once";
+    EXPECT_EQ(a.sender->GetStats().frames, 2U);
+}
+
+TEST_F(MediaStreamSender, AFrameThatNoDatagramHoldsMakesTheSenderFail) {
+    LogCapture log(3);
+    DatagramPair pair;
+    MediaClient& a = client();
+    a.sender->Attach(&pair.near);
+    buffer->AddSender(a.sender);
+    put(65507);
+    EXPECT_NE(a.state().m_list, nullptr);
+    put(65508);
+    EXPECT_EQ(a.state().m_list, nullptr);
+}
+
+TEST_F(MediaStreamSender, ADatagramClientThatIsGoneFails) {
+    LogCapture log(3);
+    DatagramPair pair;
+    MediaClient& a = client();
+    a.sender->Attach(&pair.near);
+    buffer->AddSender(a.sender);
+    pair.far.Close();
+    EXPECT_EVENTUALLY((put(10), a.state().m_list == nullptr)) << "the answer that nobody listens comes later";
+}
+
+TEST_F(MediaStreamSender, AFrameOfFiveThousandPacketsArrivesWholeAndInOrder) {
+    MediaClient& a = joinedClient();
+    std::string bytes;
+    for (int i = 0; i < 5000; ++i) {
+        // 1100 empty packets in front of the bytes and 1100 behind the first of them.
+        bytes += put(i < 1100 || (i > 1100 && i < 2201) ? 0 : 3, i == 4999 ? 1 : 0);
+    }
+    for (int i = 0; i < 10 && a.sock.wire().size() < bytes.size(); ++i) {
+        tick();
+    }
+    EXPECT_EQ(a.sock.wire(), bytes);
+    EXPECT_LE(a.sock.calls().size(), 5U) << "some 1024 packets in each write";
+    EXPECT_EQ(frames(), 1U);
+}
+
+TEST_F(MediaStreamSender, CountersTellWhatTheClientGot) {
+    HandClock clock;
+    MediaClient& a = joinedClient();
+    MediaSenderStats stats = a.sender->GetStats();
+    EXPECT_EQ(stats.frames, 1U);
+    EXPECT_EQ(stats.bytes, 10U);
+    EXPECT_TRUE(stats.joined);
+    EXPECT_TRUE(stats.listed);
+    a.sock.setRoom(4);
+    put(10);
+    put(20);
+    clock.advanceUs(5000);
+    tick();
+    clock.advanceUs(6000);
+    stats = a.sender->GetStats();
+    EXPECT_EQ(stats.frames, 1U);
+    EXPECT_EQ(stats.bytes, 14U);
+    EXPECT_EQ(stats.backlog_bytes, 26U);
+    EXPECT_EQ(stats.lag_us, 11000U);
+    EXPECT_EQ(stats.blocked_us, 11000U);
+    buffer->DelSender(a.sender);
+    stats = a.sender->GetStats();
+    EXPECT_FALSE(stats.listed);
+    EXPECT_EQ(stats.backlog_bytes, 0U);
+    EXPECT_EQ(client().sender->GetStats().frames, 0U);
+}
+
+}  // namespace Orvex::Testing

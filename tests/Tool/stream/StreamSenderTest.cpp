@@ -1,0 +1,653 @@
+// CStreamSender: what each operation writes, keeps, registers and tells. Nothing runs beside the test.
+#include <Reticor/StreamSender.h>
+
+#include <sys/socket.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <climits>
+
+#include <Reticor/SimulatorStream.h>
+#include <Reticor/SslStream.h>
+
+#include "R3/print/FuncBox.h"
+#include "support/LogCapture.h"
+#include "support/core/SocketPair.h"
+#include "support/debug/DaemonStandIn.h"
+#include "support/media/StreamSenderFixture.h"
+
+namespace Orvex::Testing {
+namespace {
+
+using namespace Reticor;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::MatchesRegex;
+
+class StreamSenderTest : public StreamSenderFixture {};
+using StreamSenderDeathTest = StreamSenderTest;
+
+constexpr char FAILED_LINE[] =
+    "Orvex::Reticor::CStreamSender::report_exception on line:[0-9]+ CStreamSender socket exception! fd: "
+    "[0-9]+\n";
+
+TEST_F(StreamSenderTest, StartsWithRoomForEightBlocksAndNothingElse) {
+    EXPECT_EQ(sender->GetBufferSize(), 8u);
+    EXPECT_EQ(waiting(), 0u);
+    EXPECT_THAT(blocks(), IsEmpty());
+    const Infra::CGuard guard(state().m_mutex);
+    EXPECT_EQ(state().m_stream, nullptr);
+    EXPECT_EQ(state().m_stream_type, SOCK_TYPE_UNKNOWN);
+    EXPECT_EQ(state().m_owner, nullptr);
+    EXPECT_TRUE(state().m_wait_size.empty());
+    EXPECT_TRUE(state().m_wait_finish.empty());
+    EXPECT_EQ(state().m_exception_id, 0);
+    EXPECT_EQ(sizeof(SSendBuf::m_data), BLOCK);
+    EXPECT_EQ(sender->GetID() >> 8 & 0xFF, 0) << "senders belong to the public pool";
+}
+
+TEST_F(StreamSenderTest, AttachKeepsOwnerSocketAndTypeAndRegistersNothing) {
+    attach();
+    EXPECT_EQ(mask(), -1);
+    CSimulatorStream simulator;
+    EXPECT_EQ(sender->Attach(owner, &simulator), 0);
+    const Infra::CGuard guard(state().m_mutex);
+    EXPECT_EQ(state().m_owner, owner);
+    EXPECT_EQ(state().m_stream, &simulator);
+    EXPECT_EQ(state().m_stream_type, SOCK_TYPE_SIMULATOR);
+}
+
+// ---- Put -----------------------------------------------------------------------------------------------
+
+TEST_F(StreamSenderTest, PutThatTheSocketTakesWholeLeavesNoBlockAndRegistersNothing) {
+    attach();
+    EXPECT_EQ(sender->Put(text(CAPACITY).data(), CAPACITY), 0);
+    EXPECT_EQ(sock.wire(), text(CAPACITY));
+    EXPECT_THAT(blocks(), IsEmpty());
+    EXPECT_EQ(mask(), -1);
+    EXPECT_THAT(sock.calls(), ElementsAre(1u));
+}
+
+TEST_F(StreamSenderTest, PutOfTheWholeCapacityIsTakenByAnEmptySender) {
+    attach();
+    sock.setRoom(0);
+    EXPECT_EQ(sender->Put(text(CAPACITY).data(), CAPACITY), 0);
+    EXPECT_EQ(waiting(), CAPACITY);
+    EXPECT_THAT(blocks(), ElementsAre(BLOCK, BLOCK, BLOCK, BLOCK, BLOCK, BLOCK, BLOCK, BLOCK));
+}
+
+TEST_F(StreamSenderDeathTest, PutAboveTheCapacityIsAnError) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    attach();
+    const std::string bytes = text(CAPACITY + 1);
+    EXPECT_DEATH(sender->Put(bytes.data(), CAPACITY + 1), "buf != NULL && len <= BUF_SIZE");
+}
+
+TEST_F(StreamSenderDeathTest, PutOfNoBufferIsAnError) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    attach();
+    EXPECT_DEATH(sender->Put(nullptr, 0), "buf != NULL && len <= BUF_SIZE");
+}
+
+TEST_F(StreamSenderDeathTest, PutWithoutASocketIsAnError) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(sender->Put("x", 1), "m_stream != NULL");
+}
+
+TEST_F(StreamSenderTest, ShortWriteKeepsTheRestAndAsksForReadinessWithoutATimeout) {
+    attach();
+    sock.setRoom(100);
+    EXPECT_EQ(sender->Put(text(1000).data(), 1000), 0);
+    EXPECT_EQ(sock.wire(), text(1000).substr(0, 100));
+    EXPECT_EQ(waiting(), 900u);
+    EXPECT_THAT(blocks(), ElementsAre(900u));
+    EXPECT_EQ(mask(), static_cast<int>(SOCK_WRITE));
+    EXPECT_EQ(rig.record(sock.GetHandle())->m_timer.m_set_time, 0);
+    EXPECT_EQ(rig.record(sock.GetHandle())->m_obj_id, owner->GetID());
+    sock.setRoom(ShapedStream::UNLIMITED);
+    EXPECT_EQ(sender->handle_output(sock.GetHandle()), 0);
+    EXPECT_EQ(sock.wire(), text(1000));
+}
+
+TEST_F(StreamSenderTest, WriteOfNothingKeepsAllOfIt) {
+    attach();
+    sock.setRoom(0);
+    EXPECT_EQ(sender->Put(text(70000).data(), 70000), 0);
+    EXPECT_THAT(blocks(), ElementsAre(BLOCK, BLOCK, 70000 - 2 * BLOCK));
+    EXPECT_EQ(mask(), static_cast<int>(SOCK_WRITE));
+}
+
+TEST_F(StreamSenderTest, PutOfNothingIntoAnEmptySenderIsOneWriteAndKeepsNothing) {
+    attach();
+    sock.setRoom(0);
+    EXPECT_EQ(sender->Put("", 0), 0);
+    EXPECT_THAT(sock.calls(), ElementsAre(1u));
+    EXPECT_THAT(blocks(), IsEmpty());
+    EXPECT_EQ(mask(), -1);
+}
+
+TEST_F(StreamSenderDeathTest, PutOfNothingIntoABackloggedSenderIsAnError) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    attach();
+    backlog(1);
+    EXPECT_DEATH(sender->Put("", 0), "len > \\(uint32_t\\)already_sent");
+}
+
+TEST_F(StreamSenderTest, WhileBytesWaitNothingIsWrittenPastThem) {
+    attach();
+    backlog(10);
+    sock.setRoom(ShapedStream::UNLIMITED);
+    EXPECT_EQ(sender->Put("later", 5), 0);
+    EXPECT_THAT(sock.calls(), IsEmpty());
+    EXPECT_EQ(waiting(), 15u);
+    EXPECT_EQ(sender->handle_output(sock.GetHandle()), 0);
+    EXPECT_EQ(sock.wire(), text(10) + "later");
+}
+
+TEST_F(StreamSenderTest, PutThatDoesNotFitIsRefusedWhole) {
+    attach();
+    sender->WaitException(waiter->GetID());
+    backlog(1);
+    EXPECT_EQ(sender->Put(text(CAPACITY).data(), CAPACITY), -1);
+    EXPECT_EQ(waiting(), 1u);
+    EXPECT_THAT(blocks(), ElementsAre(1u));
+    EXPECT_THAT(messages(), IsEmpty()) << "a full buffer is no failure";
+    EXPECT_EQ(sender->Put(text(CAPACITY - 1).data(), CAPACITY - 1), 0);
+    EXPECT_EQ(waiting(), CAPACITY);
+    EXPECT_EQ(sender->Put("x", 1), -1);
+}
+
+TEST_F(StreamSenderTest, FailedWriteIsToldAndNothingIsKept) {
+    attach();
+    sender->WaitException(waiter->GetID());
+    sock.setRoom(0);
+    sock.fail(ECONNRESET);
+    const LogCapture log;
+    EXPECT_EQ(sender->Put("bytes", 5), -1);
+    EXPECT_EQ(sender->Put("bytes", 5), -1);
+    EXPECT_EQ(waiting(), 0u);
+    EXPECT_EQ(mask(), -1);
+    EXPECT_THAT(messages(),
+                ElementsAre(SentMessage(waiter->GetID(), 2, 0), SentMessage(waiter->GetID(), 2, 0)))
+        << "each failure is told";
+    EXPECT_EQ(log.countMatching(2, FAILED_LINE), 2u) << log.dump();
+}
+
+TEST_F(StreamSenderTest, FailureThatNobodyWaitsForIsAResultAlone) {
+    attach();
+    sock.setRoom(0);
+    sock.fail(EPIPE);
+    const LogCapture log;
+    EXPECT_EQ(sender->Put("bytes", 5), -1);
+    EXPECT_THAT(messages(), IsEmpty());
+    EXPECT_EQ(log.countMatching(2, FAILED_LINE), 0u);
+}
+
+TEST_F(StreamSenderTest, ResultBelowMinusOneCountsAsEverythingSent) {
+    attach();
+    sender->WaitException(waiter->GetID());
+    sock.answerNext(0xFFFFFFFE);  // As an int this is -2.
+    EXPECT_EQ(sender->Put("bytes", 5), 0);
+    EXPECT_EQ(waiting(), 0u);
+    EXPECT_THAT(blocks(), IsEmpty());
+    EXPECT_EQ(mask(), -1);
+    EXPECT_THAT(messages(), IsEmpty());
+}
+
+TEST_F(StreamSenderDeathTest, OnlyStreamsAndSimulatorsAreWrittenTo) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    CSock plain;
+    CSslStream secure;
+    for (CSock* wrong : {&plain, static_cast<CSock*>(&secure)}) {
+        sender->Attach(owner, wrong);
+        EXPECT_DEATH(sender->Put("x", 1), "`0'");
+    }
+    attach();
+    backlog(1);
+    sender->Attach(owner, &plain);
+    EXPECT_DEATH(sender->handle_output(-1), "`0'");
+}
+
+TEST_F(StreamSenderTest, SimulatorIsWrittenTo) {
+    CSimulatorStream simulator;
+    simulator.SetRealSocket(&sock);
+    simulator.SetBandWidth(4095);
+    sender->Attach(owner, &simulator);
+    sock.setRoom(40000);
+    EXPECT_EQ(sender->Put(text(100000).data(), 100000), 0);
+    EXPECT_EQ(mask(), static_cast<int>(SOCK_WRITE)) << "registered by the handle of the real socket";
+    sock.setRoom(ShapedStream::UNLIMITED);
+    EXPECT_EQ(sender->handle_output(sock.GetHandle()), 0);
+    EXPECT_EQ(sock.wire(), text(100000));
+    EXPECT_EQ(mask(), 0);
+}
+
+TEST_F(StreamSenderTest, IdleTimeoutOfTheOwnerEndsWithTheFirstShortWrite) {
+    attach();
+    owner->RegisterSock(sock, SOCK_READ, 5000000);
+    EXPECT_EQ(rig.record(sock.GetHandle())->m_timer.m_set_time, 5000);
+    backlog(1);
+    EXPECT_EQ(mask(), static_cast<int>(SOCK_READ | SOCK_WRITE));
+    EXPECT_EQ(rig.record(sock.GetHandle())->m_timer.m_set_time, 0);
+    EXPECT_TRUE(SockTimerProbe::listed(sockTimer()).empty());
+    // The owner's way to have one again: a positive result of handle_input.
+    owner->on_input = [](int) { return 7000000; };
+    owner->on_output = [this](int fd) {
+        sender->handle_output(fd);
+        return 7000000;
+    };
+    EXPECT_EQ(rig.pollAndServe(), 1u);
+    EXPECT_EQ(rig.record(sock.GetHandle())->m_timer.m_set_time, 7000);
+}
+
+// ---- handle_output ----------------------------------------------------------------------------------------
+
+TEST_F(StreamSenderTest, WithoutASocketHandleOutputIsRefused) {
+    EXPECT_EQ(sender->handle_output(5), -1);
+}
+
+TEST_F(StreamSenderDeathTest, HandleOutputOfAnotherSocketIsAnError) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    attach();
+    EXPECT_DEATH(sender->handle_output(sock.GetHandle() + 1), "handle == m_stream->GetHandle\\(\\)");
+}
+
+TEST_F(StreamSenderTest, WriteThatEndsInsideTheSecondBlockRecyclesTheFirst) {
+    attach();
+    backlog(3 * BLOCK);
+    const SSendBuf* first = nullptr;
+    {
+        const Infra::CGuard guard(state().m_mutex);
+        first = state().m_head;
+    }
+    sock.setRoom(BLOCK + 1000);
+    EXPECT_EQ(sender->handle_output(sock.GetHandle()), 0);
+    EXPECT_THAT(sock.calls(), ElementsAre(3u)) << "one gathering write of three blocks";
+    EXPECT_EQ(waiting(), 2 * BLOCK - 1000);
+    EXPECT_THAT(blocks(), ElementsAre(BLOCK - 1000, BLOCK, 0u));
+    const Infra::CGuard guard(state().m_mutex);
+    EXPECT_EQ(state().m_head->m_read, state().m_head->m_data + 1000);
+    EXPECT_EQ(state().m_head->m_prev, nullptr);
+    EXPECT_EQ(state().m_tail->m_next, first) << "the drained block hangs behind the chain";
+    EXPECT_EQ(first->m_prev, state().m_tail);
+    EXPECT_EQ(mask(), static_cast<int>(SOCK_WRITE));
+}
+
+TEST_F(StreamSenderTest, WriteThatEndsBetweenTwoBlocksLeavesTheSecondUntouched) {
+    attach();
+    backlog(2 * BLOCK + 7);
+    sock.setRoom(BLOCK);
+    EXPECT_EQ(sender->handle_output(sock.GetHandle()), 0);
+    EXPECT_THAT(blocks(), ElementsAre(BLOCK, 7u, 0u));
+    const Infra::CGuard guard(state().m_mutex);
+    EXPECT_EQ(state().m_head->m_read, state().m_head->m_data);
+}
+
+TEST_F(StreamSenderTest, WriteThatDrainsEverythingLeavesOneEmptyBlockAndTheSpareOnes) {
+    attach();
+    backlog(3 * BLOCK - 1);
+    sock.setRoom(ShapedStream::UNLIMITED);
+    EXPECT_EQ(sender->handle_output(sock.GetHandle()), 0);
+    EXPECT_EQ(sock.wire(), text(3 * BLOCK - 1));
+    EXPECT_THAT(blocks(), ElementsAre(0u, 0u, 0u));
+    EXPECT_EQ(mask(), 0) << "readiness is no longer of interest, the registration stays";
+    const Infra::CGuard guard(state().m_mutex);
+    EXPECT_EQ(state().m_head, state().m_tail);
+    EXPECT_EQ(state().m_head->m_read, state().m_head->m_data);
+}
+
+TEST_F(StreamSenderTest, BlocksAreUsedAgain) {
+    attach();
+    for (int round = 0; round < 5; ++round) {
+        backlog(4 * BLOCK);
+        EXPECT_EQ(blocks().size(), 4u);
+        sock.setRoom(2 * BLOCK + 5);
+        sender->handle_output(sock.GetHandle());
+        sock.setRoom(ShapedStream::UNLIMITED);
+        sender->handle_output(sock.GetHandle());
+        EXPECT_EQ(waiting(), 0u);
+    }
+    EXPECT_EQ(blocks().size(), 4u);
+}
+
+TEST_F(StreamSenderTest, BlockThatIsExactlyFullStaysTheTail) {
+    attach();
+    backlog(BLOCK);
+    EXPECT_THAT(blocks(), ElementsAre(BLOCK));
+    EXPECT_EQ(sender->Put("x", 1), 0);
+    EXPECT_THAT(blocks(), ElementsAre(BLOCK, 1u));
+}
+
+TEST_F(StreamSenderTest, SocketThatTakesOneByteAtATimeGetsAllOfThem) {
+    attach();
+    backlog(BLOCK + 100);
+    for (unsigned sent = 1; sent <= BLOCK + 100; ++sent) {
+        sock.setRoom(1);
+        ASSERT_EQ(sender->handle_output(sock.GetHandle()), 0);
+        ASSERT_EQ(waiting(), BLOCK + 100 - sent);
+    }
+    EXPECT_TRUE(sock.wire() == text(BLOCK + 100));
+    EXPECT_THAT(blocks(), ElementsAre(0u, 0u));
+    EXPECT_EQ(mask(), 0);
+}
+
+TEST_F(StreamSenderTest, SocketWithoutRoomLeavesEverythingAsItIs) {
+    attach();
+    backlog(100);
+    EXPECT_EQ(sender->handle_output(sock.GetHandle()), 0);
+    EXPECT_EQ(waiting(), 100u);
+    EXPECT_EQ(mask(), static_cast<int>(SOCK_WRITE));
+}
+
+TEST_F(StreamSenderTest, FailedDrainRemovesTheSocketAndKeepsWhatWaits) {
+    attach();
+    owner->RegisterSock(sock, SOCK_READ, 0);
+    sender->WaitException(waiter->GetID());
+    backlog(100);
+    sock.fail(EPIPE);
+    const LogCapture log;
+    EXPECT_EQ(sender->handle_output(sock.GetHandle()), 0);
+    EXPECT_EQ(mask(), -1) << "for reading, too";
+    EXPECT_EQ(HandlerProbe::sockets(*owner), 0);
+    EXPECT_EQ(waiting(), 100u);
+    EXPECT_THAT(messages(), ElementsAre(SentMessage(waiter->GetID(), 2, 0)));
+    EXPECT_EQ(log.countMatching(2, FAILED_LINE), 1u);
+    // From here on nobody writes: the sender says yes until it is full.
+    sock.recover();
+    sock.setRoom(ShapedStream::UNLIMITED);
+    EXPECT_EQ(sender->Put("more", 4), 0);
+    EXPECT_EQ(waiting(), 104u);
+    EXPECT_EQ(mask(), -1);
+    EXPECT_EQ(sender->Clear(), 0);
+    EXPECT_EQ(sender->Put("again", 5), 0);
+    EXPECT_EQ(sock.wire(), "again");
+}
+
+// ---- Waiters -------------------------------------------------------------------------------------------
+
+TEST_F(StreamSenderTest, WaiterForRoomIsToldOncePerRequest) {
+    attach();
+    backlog(CAPACITY);
+    const long id = waiter->GetID();
+    sender->WaitBufferSize(id, 1000);
+    EXPECT_THAT(messages(), IsEmpty());
+    sock.setRoom(999);
+    sender->handle_output(sock.GetHandle());
+    EXPECT_THAT(messages(), IsEmpty());
+    sock.setRoom(1);
+    sender->handle_output(sock.GetHandle());
+    EXPECT_THAT(messages(), ElementsAre(SentMessage(id, 4, 1000)));
+    sock.setRoom(1);
+    sender->handle_output(sock.GetHandle());
+    EXPECT_THAT(messages(), IsEmpty());
+    sender->WaitBufferSize(id, 1001);
+    EXPECT_THAT(messages(), ElementsAre(SentMessage(id, 4, 1001)))
+        << "answered at once, with all that is free";
+    const Infra::CGuard guard(state().m_mutex);
+    EXPECT_THAT(state().m_wait_size, ElementsAre(std::pair<const long, int>(id, -1))) << "the entry stays";
+}
+
+TEST_F(StreamSenderTest, LaterRequestReplacesTheEarlierOne) {
+    attach();
+    backlog(CAPACITY);
+    sender->WaitBufferSize(waiter->GetID(), 100);
+    sender->WaitBufferSize(waiter->GetID(), 5000);
+    sock.setRoom(4999);
+    sender->handle_output(sock.GetHandle());
+    EXPECT_THAT(messages(), IsEmpty());
+}
+
+TEST_F(StreamSenderTest, WaitersForRoomAreToldInTheOrderOfTheirIds) {
+    attach();
+    backlog(10);
+    const long high = std::max(waiter->GetID(), owner->GetID());
+    const long low = std::min(waiter->GetID(), owner->GetID());
+    sender->WaitBufferSize(high, CAPACITY);
+    sender->WaitBufferSize(low, CAPACITY);
+    sock.setRoom(ShapedStream::UNLIMITED);
+    sender->handle_output(sock.GetHandle());
+    EXPECT_THAT(messages(), ElementsAre(SentMessage(low, 4, CAPACITY), SentMessage(high, 4, CAPACITY)));
+}
+
+TEST_F(StreamSenderTest, RequestForNoRoomOrForMoreThanAnIntHoldsNeverFires) {
+    attach();
+    const long id = waiter->GetID();
+    sender->WaitBufferSize(id, 0);
+    sender->WaitBufferSize(owner->GetID(), static_cast<unsigned>(INT_MAX) + 1);
+    backlog(5);
+    sock.setRoom(5);
+    sender->handle_output(sock.GetHandle());
+    EXPECT_THAT(messages(), IsEmpty());
+    {
+        const Infra::CGuard guard(state().m_mutex);
+        EXPECT_EQ(state().m_wait_size[id], 0);
+    }
+    sender->WaitBufferSize(id, 5);
+    EXPECT_THAT(messages(), ElementsAre(SentMessage(id, 4, CAPACITY))) << "a positive size arms the entry";
+}
+
+TEST_F(StreamSenderTest, WaiterForTheEndIsToldAtOnceByAnEmptySender) {
+    sender->WaitSendFinish(waiter->GetID());
+    EXPECT_THAT(messages(), ElementsAre(SentMessage(waiter->GetID(), 9, 0)));
+    const Infra::CGuard guard(state().m_mutex);
+    EXPECT_TRUE(state().m_wait_finish.empty());
+}
+
+TEST_F(StreamSenderTest, WaiterForTheEndIsToldOnceThoughItAskedTwice) {
+    attach();
+    backlog(10);
+    sender->WaitSendFinish(waiter->GetID());
+    sender->WaitSendFinish(owner->GetID());
+    sender->WaitSendFinish(waiter->GetID());
+    sock.setRoom(9);
+    sender->handle_output(sock.GetHandle());
+    EXPECT_THAT(messages(), IsEmpty());
+    sock.setRoom(1);
+    sender->handle_output(sock.GetHandle());
+    EXPECT_THAT(messages(),
+                ElementsAre(SentMessage(waiter->GetID(), 9, 0), SentMessage(owner->GetID(), 9, 0)));
+}
+
+// ---- Sizes, Clear, Detach ------------------------------------------------------------------------------
+
+TEST_F(StreamSenderTest, CapacityGrowsWithBytesWaiting) {
+    attach();
+    backlog(CAPACITY);
+    EXPECT_EQ(sender->SetBufferSize(10), 0);
+    EXPECT_EQ(sender->GetBufferSize(), 10u);
+    EXPECT_EQ(sender->Put(text(2 * BLOCK).data(), 2 * BLOCK), 0);
+    EXPECT_EQ(sender->Put("x", 1), -1);
+    sock.setRoom(ShapedStream::UNLIMITED);
+    EXPECT_EQ(sender->handle_output(sock.GetHandle()), 0);
+    EXPECT_EQ(sock.wire(), text(CAPACITY) + text(2 * BLOCK));
+    EXPECT_EQ(sender->Put(text(10 * BLOCK).data(), 10 * BLOCK), 0);
+}
+
+TEST_F(StreamSenderTest, CapacityNeverShrinks) {
+    EXPECT_EQ(sender->SetBufferSize(4), 0);
+    EXPECT_EQ(sender->SetBufferSize(8), 0);
+    EXPECT_EQ(sender->SetBufferSize(0), 0);
+    EXPECT_EQ(sender->GetBufferSize(), 8u);
+    attach();
+    backlog(2 * BLOCK);
+    EXPECT_EQ(sender->SetBufferSize(2), 0) << "just what waits";
+    EXPECT_EQ(sender->GetBufferSize(), 8u);
+}
+
+TEST_F(StreamSenderDeathTest, ShrinkingBelowWhatWaitsIsAnError) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    attach();
+    backlog(2 * BLOCK + 1);
+    EXPECT_DEATH(
+        sender->SetBufferSize(2),
+        "Orvex::Reticor::CStreamSender::SetBufferSize buf size:2 smaller than data len:65537!\n(.|\n)*`0'");
+}
+
+TEST_F(StreamSenderTest, CapacityHasALimitOfTwoGigabytes) {
+    const LogCapture log;
+    for (const unsigned int blocks : {65536u, 131072u, UINT_MAX}) {
+        EXPECT_EQ(sender->SetBufferSize(blocks), 0);
+        EXPECT_EQ(sender->GetBufferSize(), 8u);
+    }
+    EXPECT_EQ(log.countMatching(2,
+                                "Orvex::Reticor::CStreamSender::SetBufferSize buf size:[0-9]+ larger than "
+                                "65535 blocks!\n"),
+              3u);
+    EXPECT_EQ(sender->SetBufferSize(65535), 0);
+    EXPECT_EQ(sender->GetBufferSize(), 65535u);
+    sender->WaitBufferSize(waiter->GetID(), 65535u * BLOCK);
+    EXPECT_THAT(messages(), ElementsAre(SentMessage(waiter->GetID(), 4, 65535l * BLOCK)));
+}
+
+TEST_F(StreamSenderTest, MoreBlocksThanTheKernelGathersAreDrainedInSeveralWrites) {
+    attach();
+    sender->SetBufferSize(1100);
+    std::string bytes(1100 * BLOCK - 5, 'b');
+    for (std::size_t block = 0; block < 1100; ++block) {
+        bytes[block * BLOCK] = static_cast<char>(block);
+        bytes[block * BLOCK + 1] = static_cast<char>(block >> 8);
+    }
+    sock.setRoom(0);
+    ASSERT_EQ(sender->Put(bytes.data(), static_cast<unsigned>(bytes.size())), 0);
+    sock.setRoom(ShapedStream::UNLIMITED);
+    sock.clearCalls();
+    sender->handle_output(sock.GetHandle());
+    EXPECT_EQ(waiting(), 76 * BLOCK - 5);
+    sender->handle_output(sock.GetHandle());
+    EXPECT_THAT(sock.calls(), ElementsAre(1024u, 76u));
+    EXPECT_TRUE(sock.wire() == bytes);
+}
+
+TEST_F(StreamSenderTest, ClearForgetsWhatWaitsAndTellsNobody) {
+    attach();
+    backlog(3 * BLOCK);
+    sock.setRoom(10);
+    sender->handle_output(sock.GetHandle());
+    sender->WaitBufferSize(waiter->GetID(), CAPACITY);
+    sender->WaitSendFinish(waiter->GetID());
+    EXPECT_EQ(sender->Clear(), 0);
+    EXPECT_EQ(waiting(), 0u);
+    EXPECT_THAT(blocks(), ElementsAre(0u, 0u, 0u));
+    EXPECT_THAT(messages(), IsEmpty());
+    EXPECT_EQ(mask(), static_cast<int>(SOCK_WRITE)) << "still registered";
+    sock.clearCalls();
+    EXPECT_EQ(sender->handle_output(sock.GetHandle()), 0);
+    EXPECT_THAT(sock.calls(), IsEmpty());
+    EXPECT_EQ(mask(), 0) << "until it is ready once more";
+    EXPECT_THAT(messages(), IsEmpty()) << "nothing was drained";
+}
+
+TEST_F(StreamSenderTest, ClearOfAFreshSenderDoesNothing) {
+    EXPECT_EQ(sender->Clear(), 0);
+    EXPECT_THAT(blocks(), IsEmpty());
+}
+
+TEST_F(StreamSenderTest, DetachOfAFreshSenderGivesNothing) {
+    EXPECT_EQ(sender->Detach(), nullptr);
+}
+
+TEST_F(StreamSenderTest, DetachEndsTheWriteInterestAndKeepsTheSocketAndWhatWaits) {
+    attach();
+    owner->RegisterSock(sock, SOCK_READ, 0);
+    backlog(10);
+    EXPECT_EQ(sender->Detach(), &sock);
+    EXPECT_EQ(mask(), static_cast<int>(SOCK_READ));
+    EXPECT_EQ(waiting(), 10u);
+    EXPECT_EQ(sender->Detach(), &sock) << "the sender still knows it";
+}
+
+TEST_F(StreamSenderTest, DetachRemovesASocketThatIsNotReadFrom) {
+    attach();
+    backlog(10);
+    EXPECT_EQ(sender->Detach(), &sock);
+    EXPECT_EQ(mask(), -1);
+    EXPECT_EQ(HandlerProbe::sockets(*owner), 0);
+}
+
+TEST_F(StreamSenderTest, AttachWithBytesWaitingLeavesTheRegistrationToTheOwner) {
+    attach();
+    backlog(10);
+    sender->Detach();
+    ShapedStream next;
+    EXPECT_EQ(sender->Attach(owner, &next), 0);
+    EXPECT_EQ(sender->Put("more", 4), 0);
+    EXPECT_EQ(rig.record(next.GetHandle()), nullptr);
+    EXPECT_EQ(next.wire(), "");
+    owner->RegisterSock(next, SOCK_WRITE, 0);
+    owner->on_output = [this](int fd) { return sender->handle_output(fd); };
+    EXPECT_EQ(rig.pollAndServe(), 1u);
+    EXPECT_EQ(next.wire(), text(10) + "more");
+    owner->RemoveSock(next);
+}
+
+// ---- The owner, and the end ----------------------------------------------------------------------------
+
+TEST_F(StreamSenderTest, OwnerThatHasGoneIsNotTouched) {
+    attach();
+    rig.close(owner);
+    owner = new TestHandler(0);
+    sock.setRoom(0);
+    EXPECT_EQ(sender->Put("bytes", 5), 0) << "kept, though nobody will write it";
+    EXPECT_EQ(waiting(), 5u);
+    EXPECT_EQ(mask(), -1);
+    sock.fail(EPIPE);
+    EXPECT_EQ(sender->handle_output(sock.GetHandle()), 0);
+    sock.recover();
+    sock.setRoom(ShapedStream::UNLIMITED);
+    EXPECT_EQ(sender->handle_output(sock.GetHandle()), 0);
+    EXPECT_EQ(sock.wire(), "bytes");
+    EXPECT_EQ(sender->Detach(), &sock);
+}
+
+TEST_F(StreamSenderTest, OwnerThatIsClosingRegistersNothing) {
+    attach();
+    owner->Close();  // Still to be found until the message is served.
+    sock.setRoom(0);
+    EXPECT_EQ(sender->Put("bytes", 5), 0);
+    EXPECT_EQ(mask(), -1);
+    serveAll();
+    owner = new TestHandler(0);
+}
+
+TEST_F(StreamSenderTest, ClosedSenderIsFreedWithItsBlocks) {
+    CStreamSender* const other = CStreamSender::Create();
+    other->Attach(owner, &sock);
+    sock.setRoom(0);
+    other->Put(text(100000).data(), 100000);
+    other->AddRef();
+    const long id = other->GetID();
+    other->Close();
+    serveAll();
+    EXPECT_FALSE(PoolTable::FindHandler(id));
+    EXPECT_EQ(other->GetBufferSize(), 8u) << "a reference keeps it";
+    other->DecRef();  // handle_close; a leak or a double free shows under the address sanitizer
+}
+
+// ---- Trace ---------------------------------------------------------------------------------------------
+
+TEST_F(StreamSenderTest, CommandSwitchesTheTraceOn) {
+    DaemonStandIn daemon;
+    attach();
+    sender->Put("silent", 6);
+    const auto command = g_r3_funcbox->Find("streamsender")->func;
+    command(1, 0, 0, 0, 0, 0, 0, 0, 0, 0);
+    sock.setRoom(0);
+    sender->Put("bytes", 5);
+    sender->handle_output(sock.GetHandle());
+    command(0, 0, 0, 0, 0, 0, 0, 0, 0, 0);
+    sender->handle_output(sock.GetHandle());
+    const std::string fd = std::to_string(sock.GetHandle());
+    EXPECT_THAT(
+        daemon.texts(),
+        ElementsAre(MatchesRegex("Orvex::Reticor::CStreamSender::Put, object:0x[0-9a-f]+, "
+                                 "class:Orvex::Reticor::CStreamSender, put len:5, strem:0x[0-9a-f]+, fd:" +
+                                 fd + "\n"),
+                    MatchesRegex("Orvex::Reticor::CStreamSender::handle_output, object:0x[0-9a-f]+, "
+                                 "class:Orvex::Reticor::CStreamSender, strem:0x[0-9a-f]+, fd:" +
+                                 fd + "\n")));
+}
+
+}  // namespace
+}  // namespace Orvex::Testing
