@@ -87,9 +87,8 @@ void CThreadPool::start_workers(WorkerBody body, int priority, int policy, int s
     std::snprintf(name, sizeof(name), "Reticor%d", m_index);
     m_threads.reserve(static_cast<size_t>(m_thread_num));
     for (int i = 0; i < m_thread_num; ++i) {
-        m_threads.push_back(new Infra::CThreadLite(
-            Infra::TFunction1<void, Infra::CThreadLite&>(body, this), name, priority,
-            policy, stack));
+        m_threads.push_back(new Infra::CThreadLite(Infra::TFunction1<void, Infra::CThreadLite&>(body, this),
+                                                   name, priority, policy, stack));
         m_threads.back()->createThread();
     }
 }
