@@ -32,6 +32,8 @@ using Testing::TestHandler;
 constexpr char FRAME[] = "-------------------------------------------------------------------------------\n";
 constexpr char VERSION[] = "-                 Reticor Version:Unknown, Compiled Date:.                  -\n";
 
+constexpr CThreadPool::WorkerBody WORK = &CThreadPool::ThreadProc;
+
 // ---- construction --------------------------------------------------------------------------------------
 
 TEST(ThreadPool, TheNumberOfWorkersIsAMultipleOfTheProcessors) {
@@ -46,13 +48,13 @@ TEST(ThreadPool, TheNumberOfWorkersIsAMultipleOfTheProcessors) {
 }
 
 TEST(ThreadPool, APoolOfOneThreadOnFourProcessorsHasFourWorkers) {
-    CThreadPool pool(7, 1, 64, 0, 0, 4);
+    CThreadPool pool(7, 1, 64, 0, 0, WORK, 4);
     EXPECT_EQ(4, ThreadPoolProbe::workers(pool));
 }
 
 TEST(ThreadPool, APoolOfNoThreadsOnOneProcessorLogsAndHasNoWorkers) {
     LogCapture log;
-    CThreadPool pool(7, 0, 64, 0, 0, 1);
+    CThreadPool pool(7, 0, 64, 0, 0, nullptr, 1);
     EXPECT_EQ(1u, log.count(2, "Invalid thread num 0, Please check it!\n")) << log.dump();
     EXPECT_EQ(0, ThreadPoolProbe::workers(pool));
     CEvent* ev = getEvent();
@@ -65,25 +67,25 @@ TEST(ThreadPool, APoolOfNoThreadsOnOneProcessorLogsAndHasNoWorkers) {
 
 TEST(ThreadPool, TheVersionFrameIsLoggedAtLevel4) {
     LogCapture log;
-    { CThreadPool pool(7, 2, 64, 0, 0, 2); }
+    { CThreadPool pool(7, 2, 64, 0, 0, WORK, 2); }
     EXPECT_EQ(2u, log.count(4, FRAME)) << log.dump();
     EXPECT_EQ(1u, log.count(4, VERSION)) << log.dump();
 }
 
 TEST(ThreadPool, WorkersAndDaemonBearTheirNames) {
-    CThreadPool pool(63, 2, 64, 0, 0, 2);
+    CThreadPool pool(63, 2, 64, 0, 0, WORK, 2);
     EXPECT_EVENTUALLY(Testing::kernelThreadByName("Reticor63") != 0);
     EXPECT_EVENTUALLY(Testing::kernelThreadByName("Reticor63 daemo") != 0);  // 15 characters are shown
     EXPECT_STREQ("Reticor63 daemon", ThreadPoolProbe::daemon(pool)->name());
 }
 
 TEST(ThreadPool, TheFirstDrainTurnsTheSerialLineIdle) {
-    CThreadPool pool(7, 2, 64, 0, 0, 2);
+    CThreadPool pool(7, 2, 64, 0, 0, WORK, 2);
     EXPECT_EVENTUALLY(ThreadPoolProbe::serialIdle(pool));
 }
 
 TEST(ThreadPool, TheDaemonSendsAHeartbeatAndAWorkerTakesIt) {
-    CThreadPool pool(7, 2, 64, 0, 0, 2);
+    CThreadPool pool(7, 2, 64, 0, 0, WORK, 2);
     EXPECT_EVENTUALLY(ThreadPoolProbe::heartbeat(pool) != nullptr);
     // Poll token, drain token and heartbeat have all been taken, and the token was queued again.
     EXPECT_EVENTUALLY(ThreadPoolProbe::loopCount(pool) >= 3);
@@ -93,7 +95,7 @@ TEST(ThreadPool, TheDaemonSendsAHeartbeatAndAWorkerTakesIt) {
 TEST(ThreadPool, ThreadsThatCannotStartLeaveAPoolThatCanBeDestroyed) {
     Testing::ThreadFault fault(0);  // no thread can be created
     LogCapture log;
-    CThreadPool pool(7, 2, 64, 0, 0, 2);
+    CThreadPool pool(7, 2, 64, 0, 0, WORK, 2);
     EXPECT_GE(log.countLevel(2), 3u) << log.dump();
 }
 
@@ -110,7 +112,7 @@ TEST(ThreadPoolDeathTest, AnUnknownKeyIsLoggedAndAsserted) {
     for (int64_t key : {-100, -101, -1, -49, -52, -79}) {
         EXPECT_DEATH(
             {
-                CThreadPool pool(7, 2, 64, 0, 0, 2);
+                CThreadPool pool(7, 2, 64, 0, 0, WORK, 2);
                 pushKey(pool, key);
                 ::sleep(60);
             },
@@ -125,7 +127,7 @@ TEST(ThreadPoolDeathTest, AForeignRecordInTheSerialLineIsLoggedAndAsserted) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(
         {
-            CThreadPool pool(7, 2, 64, 0, 0, 2);
+            CThreadPool pool(7, 2, 64, 0, 0, WORK, 2);
             CEvent* ev = getEvent();
             ev->m_key = EVENT_KEY_MESSAGE;
             ev->m_next = nullptr;
@@ -264,7 +266,7 @@ TEST_F(RunningPoolTest, TheListingCanBeWhatEndsAnOwner) {
 }
 
 TEST(ThreadPool, TheOnlyWorkerServesMessagesAndTimersBetweenItsWaits) {
-    CThreadPool* pool = new CThreadPool(5, 1, 64, 0, 0, &CThreadPool::ThreadProc, 1);
+    CThreadPool* pool = new CThreadPool(5, 1, 64, 0, 0, WORK, 1);
     PoolTable::Set(5, pool);
     ASSERT_EQ(1, ThreadPoolProbe::workers(*pool));
     auto* handler = new TestHandler(5);
@@ -349,7 +351,7 @@ TEST(ThreadPoolEnd, HandleCloseMayPostWhileItsPoolStops) {
 
 TEST(ThreadPoolEnd, APoolStopsPromptly) {
     // The daemon's rests and the workers' waits are ended, not waited for.
-    CThreadPool pool(7, 2, 64, 0, 0, 2);
+    CThreadPool pool(7, 2, 64, 0, 0, WORK, 2);
     EXPECT_EVENTUALLY(ThreadPoolProbe::loopCount(pool) >= 3);
     const uint64_t begin = Infra::CTime::getCurrentMicroSecond();
     pool.Stop();
@@ -358,14 +360,14 @@ TEST(ThreadPoolEnd, APoolStopsPromptly) {
 }
 
 TEST(ThreadPoolEnd, StopTwiceIsNoHarm) {
-    CThreadPool pool(7, 2, 64, 0, 0, 2);
+    CThreadPool pool(7, 2, 64, 0, 0, WORK, 2);
     pool.Stop();
     pool.Stop();
     EXPECT_EQ(0, ThreadPoolProbe::workers(pool));
 }
 
 TEST(ThreadPoolEnd, WhatIsQueuedAfterTheStopIsDeletedWithThePool) {
-    auto pool = std::make_unique<CThreadPool>(7, 2, 64, 0, 0, 2);
+    auto pool = std::make_unique<CThreadPool>(7, 2, 64, 0, 0, WORK, 2);
     pool->Stop();
     for (int64_t key : {EVENT_KEY_MESSAGE, EVENT_KEY_HEARTBEAT, int64_t{-6553600}}) {
         pushKey(*pool, key);
