@@ -1,11 +1,14 @@
-// INFRA_API marks what the shared library exports; everything else is hidden.
+// INFRA_API marks what the shared library exports; everything else is hidden. INFRA_HIDDEN keeps private
+// members of an exported class inside the library.
 // INFRA_CONSTINIT in front of a static object makes the compiler refuse a start-up initialiser.
 #pragma once
 
 #if defined(__GNUC__)
 #define INFRA_API __attribute__((visibility("default")))
+#define INFRA_HIDDEN __attribute__((visibility("hidden")))
 #else
 #define INFRA_API
+#define INFRA_HIDDEN
 #endif
 
 #if defined(__clang__)
