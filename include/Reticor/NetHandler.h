@@ -135,7 +135,8 @@ protected:
     /// `RemoveSock`. A connecting socket is registered for writing alone; add reading after
     /// `CSockStream::GetConnectStatus` gave 0, since the error of a failed connect can be read only once.
     ///
-    /// Result: 0; -1 if this handler is closed or the handle is negative. A pool watches up to 4095 sockets
+    /// Other bits of `mask` are ignored. Result: 0; -1 if this handler is closed, the handle is negative or
+    /// there is no memory. A pool watches up to 4095 sockets
     /// for reading, and 4096 each for writing and for exceptions; one more is ignored in silence.
     int RegisterSock(CSock& sock, unsigned int mask, int timeout);
 

@@ -101,6 +101,7 @@ int CNetSock::RegisterSock(CNetHandler* handler, CSock& sock, unsigned int type,
     if (check_valid(fd) == -1) {
         return -1;
     }
+    type &= SOCK_DIRECTIONS;  // the other bits of a mask are the library's own
     CThreadPool* pool = pool_of(handler->GetID());
     if (pool == nullptr) {
         return -1;
@@ -111,15 +112,14 @@ int CNetSock::RegisterSock(CNetHandler* handler, CSock& sock, unsigned int type,
     if (CEvent* known = static_cast<CEvent*>(tree.FindLocked(fd))) {
         tree.Unlock();
         modify_exist_event(handler, RecordPin::Adopt(known), sock, type, time_out_ms);
-    } else {
-        register_new_event(handler, sock, type, time_out_ms);
+        return 0;
     }
-    return 0;
+    return register_new_event(handler, sock, type, time_out_ms);
 }
 
 // Entered with the tree's lock held for writing, which it leaves.
-void CNetSock::register_new_event(CNetHandler* handler, CSock& sock, unsigned int type,
-                                  int time_out) INFRA_NO_THREAD_SAFETY_ANALYSIS {
+int CNetSock::register_new_event(CNetHandler* handler, CSock& sock, unsigned int type,
+                                 int time_out) INFRA_NO_THREAD_SAFETY_ANALYSIS {
     const int fd = sock.GetHandle();
     if (tracing() && Flags::passesType(type) && Flags::matches(fd, handler->GetID())) {
         INFRA_LOG_PLAIN(3,
@@ -137,7 +137,13 @@ void CNetSock::register_new_event(CNetHandler* handler, CSock& sock, unsigned in
     event->m_mux_state = 0;
     event->m_timer = SockTimerNode{};
     event->m_timer.m_timer_owner = event;
-    pool->m_sock_tree.InsertLocked(event);
+    if (!pool->m_sock_tree.InsertLocked(event)) {
+        pool->m_sock_tree.Unlock();
+        pin.Leave();
+        putEvent(event);
+        INFRA_LOG_STATIC(2, "RegisterSock no memory, fd: %d\n", fd);
+        return -1;
+    }
     pool->m_mux.Enlist(event);
     pool->m_sock_tree.Unlock();
     if (time_out > 0) {
@@ -145,6 +151,7 @@ void CNetSock::register_new_event(CNetHandler* handler, CSock& sock, unsigned in
     }
     pool->m_mux.AddEvent(event);
     handler->AddSock();
+    return 0;
 }
 
 void CNetSock::modify_exist_event(CNetHandler* handler, RecordPin event, CSock& sock, unsigned int type,
@@ -191,6 +198,7 @@ int CNetSock::UnregisterSock(CNetHandler* handler, CSock& sock, unsigned int typ
                         static_cast<void*>(handler), className(*handler).c_str(), traced(fd),
                         static_cast<int>(type));
     }
+    type &= SOCK_DIRECTIONS;
     CThreadPool* pool = pool_of(handler->GetID());
     if (pool == nullptr) {
         return 0;

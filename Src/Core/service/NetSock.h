@@ -21,7 +21,8 @@ class CThreadPool;
 class CNetSock {
 public:
     /// Watches `sock` for the directions of `type` (SOCK_READ, SOCK_WRITE, SOCK_EXCEPT). `time_out` is in
-    /// microseconds, cut to milliseconds. Result: 0, or -1 for a negative handle.
+    /// microseconds, cut to milliseconds. Other bits of `type` are ignored, here and in UnregisterSock.
+    /// Result: 0, or -1 with a line for a negative handle or without memory.
     static int RegisterSock(CNetHandler* handler, CSock& sock, unsigned int type, int time_out);
 
     /// Ends the interest in the directions of `type`. Always 0.
@@ -43,7 +44,7 @@ public:
 
 private:
     static int check_valid(int fd);
-    static void register_new_event(CNetHandler* handler, CSock& sock, unsigned int type, int time_out);
+    static int register_new_event(CNetHandler* handler, CSock& sock, unsigned int type, int time_out);
     static void modify_exist_event(CNetHandler* handler, RecordPin event, CSock& sock, unsigned int type,
                                    int time_out);
     // These three set `missing_owner` to the id of an owner that was not found.

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "R3/print/DebugSocket.h"
+#include "support/core/CountingAllocator.h"
 #include "support/core/EpollSeam.h"
 #include "support/core/SocketPair.h"
 #include "support/core/StillPool.h"
@@ -343,6 +344,55 @@ TEST_F(NetSockStatesTest, RemoveBetweenTheTestsOfADeliveryMakesNoCall) {
     }
     EXPECT_EQ(0, handler->life->calls());
     EXPECT_EQ(nullptr, record());
+}
+
+// ---- what no mask may touch ------------------------------------------------------------------------------
+
+constexpr unsigned int SOCK_DIRECTIONS_OF_CALLERS = SOCK_READ | SOCK_WRITE | SOCK_EXCEPT;
+
+TEST_F(NetSockStatesTest, BitsBeyondTheDirectionsAreIgnoredByTheFirstRegistration) {
+    add(handler, ~0u);
+    EXPECT_EQ(SOCK_DIRECTIONS_OF_CALLERS, record()->m_event_mask);
+    EXPECT_EQ(1u, rig.pollAndServe());
+    EXPECT_EQ(1, handler->life->outputs);
+    EXPECT_NE(nullptr, record()) << "registered, and not on its way out";
+}
+
+TEST_F(NetSockStatesTest, BitsBeyondTheDirectionsAreIgnoredByALaterRegistration) {
+    add(handler, SOCK_READ);
+    add(handler, SOCK_REMOVED | 0xFFFFFF00u);
+    EXPECT_EQ(SOCK_READ, record()->m_event_mask);
+    EXPECT_EQ(1, sockets(handler));
+}
+
+TEST_F(NetSockStatesTest, BitsBeyondTheDirectionsAreIgnoredByUnregisterAndTheRemovalStands) {
+    CEvent* const ev = bringInFlight();
+    handler->RemoveSock(pair.near);
+    EXPECT_EQ(0, handler->UnregisterSock(pair.near, ~0u));
+    EXPECT_EQ(SOCK_REMOVED, ev->m_event_mask);
+    rig.serve(ev);
+    EXPECT_EQ(nullptr, record());
+    EXPECT_EQ(0, sockets(handler));
+}
+
+TEST_F(NetSockStatesTest, RegistrationThatFindsNoMemoryIsRefusedWithALineAndLeavesNothing) {
+    LogCapture log;
+    {
+        const CountingAllocator::NoMemory no_memory;
+        EXPECT_EQ(-1, handler->RegisterSock(pair.near, SOCK_READ, 1000000));
+    }
+    EXPECT_EQ(1u, log.count(2, "RegisterSock no memory, fd: " + std::to_string(pair.fd()) + "\n"))
+        << log.dump();
+    EXPECT_EQ(nullptr, record());
+    EXPECT_EQ(0, sockets(handler));
+    EXPECT_TRUE(SockTimerProbe::listed(sockTimer()).empty());
+    EXPECT_EQ(1, rig.places(0));
+    EXPECT_FALSE(epollItem(rig.epoll(), pair.fd()));
+
+    add(handler, SOCK_READ);
+    pair.write();
+    EXPECT_EQ(1u, rig.pollAndServe());
+    EXPECT_EQ(1, handler->life->inputs);
 }
 
 }  // namespace
