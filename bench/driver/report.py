@@ -71,7 +71,7 @@ HEADINGS = {
                       "`{counter}` on the server's threads; allocations (malloc and its kin) and copies in user space "
                       "(memcpy and its kin, 512 bytes and more) by a library that is loaded into the server, in a run "
                       "of its own. GStreamer gets each frame in one piece, which is put together once: its sink would join two pieces for each client."),
-    "messages": ("Messages", "One producer that is no worker posts to 1000 receivers on two workers as fast as it can; "
+    "messages": ("Messages", "One producer that is not a worker posts to 1000 receivers on two workers as fast as it can; "
                  "serial messages run one after the other (asio: a strand). CPU is that of the whole process. Ratios "
                  "are to asio. Allocations are calls of malloc and its kin, in windows of 10,000 messages after one "
                  "window was pending as a whole; TBB brings an allocator of its own, which is not seen. Burst: 100,000 "
