@@ -6,11 +6,8 @@
 #include <utility>
 
 #include <Infra/Log.h>
-#include <Reticor/SimulatorStream.h>
-#include <Reticor/SockDgram.h>
-#include <Reticor/SockStream.h>
-#include <Reticor/SslStream.h>
 
+#include "Socket/socket/SocketWriter.h"
 #include "Tool/media/MediaStreamSender.h"
 
 namespace Orvex::Reticor {
@@ -21,50 +18,18 @@ constexpr uint32_t WARNING_EVERY = 100;
 constexpr uint64_t SECOND_US = 1000000;
 constexpr const char* SEND_NAME = "Orvex::Reticor::CMediaStreamSender::Send";
 
-int writeVector(CSock* stream, const iovec* vector, int count) {
-    switch (stream->GetType()) {
-        case SOCK_TYPE_STREAM:
-            return static_cast<CSockStream*>(stream)->WriteV(vector, count);
-        case SOCK_TYPE_DGRAM:
-            return static_cast<CSockDgram*>(stream)->WriteV(vector, count);
-        case SOCK_TYPE_SSL_STREAM:
-            return static_cast<CSslStream*>(stream)->WriteV(vector, count);
-        case SOCK_TYPE_SIMULATOR:
-            return static_cast<CSimulatorStream*>(stream)->WriteV(vector, count);
-        default:
-            assert(0);
-            return -1;
-    }
-}
-
-int writeBytes(CSock* stream, const char* data, unsigned len) {
-    switch (stream->GetType()) {
-        case SOCK_TYPE_STREAM:
-            return static_cast<CSockStream*>(stream)->Send(data, len);
-        case SOCK_TYPE_DGRAM:
-            return static_cast<CSockDgram*>(stream)->Send(data, len, nullptr);
-        case SOCK_TYPE_SSL_STREAM:
-            return static_cast<CSslStream*>(stream)->Send(data, len);
-        case SOCK_TYPE_SIMULATOR:
-            return static_cast<CSimulatorStream*>(stream)->Send(data, len);
-        default:
-            assert(0);
-            return -1;
-    }
-}
-
 /// The rest of a frame from a cursor on. The gather list is shared by all senders, so a cursor inside an
 /// entry is worked into the list for the time of one write, under the buffer's mutex, and taken out again.
 int writeRest(CSock* stream, CFrame& frame, int32_t index, int32_t offset) {
     iovec* const entries = frame.m_iovec + index;
     const int count = static_cast<int>(frame.m_packet_num) - index;
     if (offset == 0) {
-        return writeVector(stream, entries, count);
+        return SocketWriter(*stream).write_v(entries, count);
     }
     const iovec whole = entries[0];
     entries[0].iov_base = static_cast<char*>(whole.iov_base) + offset;
     entries[0].iov_len = whole.iov_len - static_cast<size_t>(offset);
-    const int written = writeVector(stream, entries, count);
+    const int written = SocketWriter(*stream).write_v(entries, count);
     entries[0] = whole;
     return written;
 }
@@ -301,7 +266,7 @@ int CMediaStreamSender::check_other_data(CSock* stream) {
     }
     Infra::CGuard guard(state.m_other_mutex);
     const int written =
-        writeBytes(stream, state.m_other_data.get(), static_cast<unsigned>(state.m_other_len));
+        SocketWriter(*stream).send(state.m_other_data.get(), static_cast<unsigned>(state.m_other_len));
     if (written == 0) {
         socket_blocked("check_other_data");
         return state.m_other_len;

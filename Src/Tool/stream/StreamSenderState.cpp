@@ -6,8 +6,6 @@
 #include <new>
 #include <utility>
 
-#include <Reticor/SimulatorStream.h>
-#include <Reticor/SockStream.h>
 #include <Reticor/StreamSender.h>
 
 namespace Orvex::Reticor {
@@ -16,28 +14,19 @@ StreamSenderState::StreamSenderState() : m_iovec(new iovec[m_buf_num + 1]) {}
 
 StreamSenderState::~StreamSenderState() = default;
 
-int StreamSenderState::send(const char* buf, uint32_t len) {
-    switch (m_stream_type) {
-        case SOCK_TYPE_STREAM:
-            return static_cast<CSockStream*>(m_stream)->Send(buf, len);
-        case SOCK_TYPE_SIMULATOR:
-            return static_cast<CSimulatorStream*>(m_stream)->Send(buf, len);
-        default:
-            assert(0);
-            return -1;
+SocketWriter StreamSenderState::writer() {
+    if (!SocketWriter::is_byte_stream(m_stream_type)) {
+        assert(0);
     }
+    return SocketWriter(*m_stream, m_stream_type);
+}
+
+int StreamSenderState::send(const char* buf, uint32_t len) {
+    return writer().send(buf, len);
 }
 
 int StreamSenderState::write_v(uint32_t count) {
-    switch (m_stream_type) {
-        case SOCK_TYPE_STREAM:
-            return static_cast<CSockStream*>(m_stream)->WriteV(m_iovec.get(), static_cast<int>(count));
-        case SOCK_TYPE_SIMULATOR:
-            return static_cast<CSimulatorStream*>(m_stream)->WriteV(m_iovec.get(), static_cast<int>(count));
-        default:
-            assert(0);
-            return -1;
-    }
+    return writer().write_v(m_iovec.get(), static_cast<int>(count));
 }
 
 // Null if there is no memory.

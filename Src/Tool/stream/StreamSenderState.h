@@ -13,6 +13,8 @@
 #include <Infra/Mutex.h>
 #include <Reticor/Sock.h>
 
+#include "Socket/socket/SocketWriter.h"
+
 namespace Orvex::Reticor {
 
 class CNetHandler;
@@ -103,6 +105,7 @@ struct StreamSenderState {
     long m_exception_id INFRA_GUARDED_BY(m_mutex) = 0;
 
 private:
+    SocketWriter writer() INFRA_REQUIRES(m_mutex);
     static SSendBuf* new_buffer();
     bool reserve(uint32_t len) INFRA_REQUIRES(m_mutex);
     void recycle_head() INFRA_REQUIRES(m_mutex);
