@@ -60,7 +60,7 @@ const addrinfo* firstOf(const AddressList& list, int family) {
 
 // Returns false with the code of the failed look-up in errno.
 bool findIPv4(const char* host, in_addr& address) {
-    if (parseIPv4Literal(host, address)) {
+    if (parse_ipv4_literal(host, address)) {
         return true;
     }
     const AddressList list = lookUp(host, AF_INET);
@@ -86,11 +86,11 @@ bool findIPv6(const char* host, sockaddr_in6& record) {
     }
     const int error = errno;
     in_addr address;
-    if (parseIPv6Literal(host, record)) {
+    if (parse_ipv6_literal(host, record)) {
         return true;
     }
     if (findIPv4(host, address)) {
-        writeMappedAddress(address, record);
+        write_mapped_address(address, record);
         return true;
     }
     errno = error;

@@ -32,11 +32,11 @@ bool parseScopedLiteral(const char* text, sockaddr_in6& record) {
 
 }  // namespace
 
-bool parseIPv4Literal(const char* text, in_addr& address) {
+bool parse_ipv4_literal(const char* text, in_addr& address) {
     return text != nullptr && inet_pton(AF_INET, text, &address) == 1;
 }
 
-bool parseIPv6Literal(const char* text, sockaddr_in6& record) {
+bool parse_ipv6_literal(const char* text, sockaddr_in6& record) {
     if (text == nullptr) {
         return false;
     }
@@ -53,7 +53,7 @@ bool parseIPv6Literal(const char* text, sockaddr_in6& record) {
     return true;
 }
 
-void writeMappedAddress(const in_addr& address, sockaddr_in6& record) {
+void write_mapped_address(const in_addr& address, sockaddr_in6& record) {
     record.sin6_addr.s6_addr[10] = 0xFF;
     record.sin6_addr.s6_addr[11] = 0xFF;
     std::memcpy(&record.sin6_addr.s6_addr[12], &address, sizeof address);

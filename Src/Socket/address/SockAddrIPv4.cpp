@@ -93,12 +93,12 @@ int CSockAddrIPv4::SetIp(const char* ip) {
         return 0;
     }
     sockaddr_in found{};
-    if (sockaddr_in6 literal; parseIPv6Literal(ip, literal)) {
+    if (sockaddr_in6 literal; parse_ipv6_literal(ip, literal)) {
         if (!IN6_IS_ADDR_V4MAPPED(&literal.sin6_addr)) {
             return -1;
         }
         std::memcpy(&found.sin_addr, &literal.sin6_addr.s6_addr[12], sizeof found.sin_addr);
-    } else if (!parseIPv4Literal(ip, found.sin_addr)) {
+    } else if (!parse_ipv4_literal(ip, found.sin_addr)) {
         CResolverHold resolver;
         if (!resolver.GetAddressInfo(ip, AF_INET, reinterpret_cast<sockaddr*>(&found), sizeof found,
                                      resolve_limit_ms)) {

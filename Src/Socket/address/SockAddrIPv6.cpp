@@ -38,7 +38,7 @@ bool resolve(const char* host, sockaddr_in6& record) {
         return false;
     }
     record.sin6_family = AF_INET6;
-    writeMappedAddress(mapped.sin_addr, record);
+    write_mapped_address(mapped.sin_addr, record);
     return true;
 }
 
@@ -110,7 +110,7 @@ int CSockAddrIPv6::SetIp(const char* ip) {
     if (!m_addr) {
         return -1;
     }
-    if (parseIPv6Literal(ip, *m_addr)) {
+    if (parse_ipv6_literal(ip, *m_addr)) {
         return 0;
     }
     const in_port_t port = m_addr->sin6_port;

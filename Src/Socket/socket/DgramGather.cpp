@@ -18,9 +18,9 @@ namespace Orvex::Reticor {
 namespace {
 
 // No datagram of either family is as long as this.
-constexpr std::size_t length_limit = 65536;
+constexpr size_t LENGTH_LIMIT = 65536;
 
-ssize_t sendPieces(int handle, const iovec* vector, std::size_t count) {
+ssize_t send_pieces(int handle, const iovec* vector, size_t count) {
     msghdr message{};
     message.msg_iov = const_cast<iovec*>(vector);
     message.msg_iovlen = count;
@@ -28,45 +28,45 @@ ssize_t sendPieces(int handle, const iovec* vector, std::size_t count) {
 }
 
 // The bytes of all pieces, or at least the limit.
-std::size_t boundedLength(const iovec* vector, std::size_t count) {
-    std::size_t total = 0;
-    for (std::size_t i = 0; i < count && total < length_limit; ++i) {
-        total += std::min(vector[i].iov_len, length_limit);
+size_t bounded_length(const iovec* vector, size_t count) {
+    size_t total = 0;
+    for (size_t i = 0; i < count && total < LENGTH_LIMIT; ++i) {
+        total += std::min(vector[i].iov_len, LENGTH_LIMIT);
     }
     return total;
 }
 
-ssize_t sendLongList(int handle, const iovec* vector, std::size_t count) {
-    constexpr std::size_t kept = IOV_MAX - 1;
-    const std::size_t length = boundedLength(vector + kept, count - kept);
-    if (length >= length_limit) {
-        return failWith(EMSGSIZE);
+ssize_t send_long_list(int handle, const iovec* vector, size_t count) {
+    constexpr size_t KEPT = IOV_MAX - 1;
+    const size_t length = bounded_length(vector + KEPT, count - KEPT);
+    if (length >= LENGTH_LIMIT) {
+        return fail_with(EMSGSIZE);
     }
     const std::unique_ptr<char[]> end(new (std::nothrow) char[length]);
     const std::unique_ptr<iovec[]> pieces(new (std::nothrow) iovec[IOV_MAX]);
     if (!end || !pieces) {
-        return failWith(ENOMEM);
+        return fail_with(ENOMEM);
     }
     char* to = end.get();
-    for (std::size_t i = kept; i < count; ++i) {
+    for (size_t i = KEPT; i < count; ++i) {
         if (vector[i].iov_len != 0) {
             std::memcpy(to, vector[i].iov_base, vector[i].iov_len);
             to += vector[i].iov_len;
         }
     }
-    std::copy(vector, vector + kept, pieces.get());
-    pieces[kept] = {end.get(), length};
-    return sendPieces(handle, pieces.get(), IOV_MAX);
+    std::copy(vector, vector + KEPT, pieces.get());
+    pieces[KEPT] = {end.get(), length};
+    return send_pieces(handle, pieces.get(), IOV_MAX);
 }
 
 }  // namespace
 
-ssize_t sendGathered(int handle, const struct iovec* vector, int count) {
+ssize_t send_gathered(int handle, const struct iovec* vector, int count) {
     if (count < 0) {
-        return failWith(EMSGSIZE);
+        return fail_with(EMSGSIZE);
     }
-    const auto pieces = static_cast<std::size_t>(count);
-    return count <= IOV_MAX ? sendPieces(handle, vector, pieces) : sendLongList(handle, vector, pieces);
+    const auto pieces = static_cast<size_t>(count);
+    return count <= IOV_MAX ? send_pieces(handle, vector, pieces) : send_long_list(handle, vector, pieces);
 }
 
 }  // namespace Orvex::Reticor

@@ -93,9 +93,7 @@ int CSock::set_block_opt() {
     }
     int non_blocking = m_block ? 0 : 1;
     if (::ioctl(m_handle, FIONBIO, &non_blocking) == -1) {
-        const int error = errno;
-        INFRA_LOG(2, "%s : set socket block failed! %s\n", INFRA_FUNCTION, GetSockErrorText(error).c_str());
-        return failWith(error);
+        return SOCK_FAILED("set socket block failed! %s\n");
     }
     return 0;
 }
@@ -113,9 +111,7 @@ int CSock::GetRemoteAddr(CSockAddr* addr) {
     sockaddr_in6 record{};
     socklen_t length = sizeof record;
     if (::getpeername(m_handle, reinterpret_cast<sockaddr*>(&record), &length) < 0) {
-        const int error = errno;
-        INFRA_LOG(2, "%s : getpeername failed! %s\n", INFRA_FUNCTION, GetSockErrorText(error).c_str());
-        return failWith(error);
+        return SOCK_FAILED("getpeername failed! %s\n");
     }
     if (addr != nullptr) {
         if (const std::optional<int> result = store(record, *addr)) {

@@ -17,12 +17,13 @@
 
 #include "Socket/address/SockAddrRecord.h"
 #include "Socket/address/SockError.h"
+#include "Socket/socket/SockOptions.h"
 
 namespace Orvex::Reticor {
 
 namespace {
 
-constexpr int listen_backlog = 1024;
+constexpr int LISTEN_BACKLOG = 1024;
 
 }  // namespace
 
@@ -39,32 +40,22 @@ int CSockAcceptor::Open(const CSockAddr& local) {
     if (m_handle != -1) {
         Close();
     }
-    if (!own.hasFamily()) {
+    if (!own.has_family()) {
         INFRA_LOG(2, "%s : invalid local addresst type!\n", INFRA_FUNCTION);
         return -1;
     }
     m_handle = ::socket(own.family(), SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (m_handle < 0) {
-        const int error = errno;
-        INFRA_LOG(2, "%s : socket failed, %s\n", INFRA_FUNCTION, GetSockErrorText(error).c_str());
-        return failWith(error);
+        return SOCK_FAILED("socket failed, %s\n");
     }
-    const int on = 1;
-    if (::setsockopt(m_handle, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) < 0) {
-        const int error = errno;
-        INFRA_LOG(2, "%s : set reuseaddr failed! %s\n", INFRA_FUNCTION, GetSockErrorText(error).c_str());
-        return failWith(error);
+    if (SockOptions(m_handle).share_port() < 0) {
+        return SOCK_FAILED("set reuseaddr failed! %s\n");
     }
     if (::bind(m_handle, own.get(), own.length) < 0) {
-        const int error = errno;
-        INFRA_LOG(2, "%s : bind failed! This port is %d %s\n", INFRA_FUNCTION, own.port(),
-                  GetSockErrorText(error).c_str());
-        return failWith(error);
+        return SOCK_FAILED_WITH("bind failed! This port is %d %s\n", own.port());
     }
-    if (::listen(m_handle, listen_backlog) < 0) {
-        const int error = errno;
-        INFRA_LOG(2, "%s : listen failed! %s\n", INFRA_FUNCTION, GetSockErrorText(error).c_str());
-        return failWith(error);
+    if (::listen(m_handle, LISTEN_BACKLOG) < 0) {
+        return SOCK_FAILED("listen failed! %s\n");
     }
     return set_block_opt();
 }

@@ -93,19 +93,19 @@ int CSockDgram::Open(const CSockAddr* addr, bool reuseaddr) {
         return -1;
     }
     if (!m_record) {
-        return failWith(ENOMEM);
+        return fail_with(ENOMEM);
     }
     if (m_handle != -1) {
         Close();
         m_record->m_remote_addr.reset();
         m_record->m_multicast_addr.reset();
     }
-    m_record->m_is_ipv4 = addr == nullptr || SockAddrRecord::familyTypeOf(*addr) == SOCKADDR_TYPE_IPV4;
+    m_record->m_is_ipv4 = addr == nullptr || SockAddrRecord::family_type_of(*addr) == SOCKADDR_TYPE_IPV4;
     m_handle = ::socket(m_record->m_is_ipv4 ? AF_INET : AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (m_handle < 0) {
         const int error = errno;
         INFRA_LOG(2, "%s : create socket failed, %s\n.", INFRA_FUNCTION, GetSockErrorText(error).c_str());
-        return failWith(error);
+        return fail_with(error);
     }
     if (set_block_opt() == -1) {
         return -1;
@@ -116,7 +116,7 @@ int CSockDgram::Open(const CSockAddr* addr, bool reuseaddr) {
 
 int CSockDgram::bind_to(const CSockAddr& addr, bool reuseaddr) {
     const SockAddrRecord record(addr);
-    if (!record.hasFamily()) {
+    if (!record.has_family()) {
         // Such an address has no text either, and nothing has that name. The look-up says so in its own line.
         return CSockAddrIPv6().SetIp("");
     }
@@ -127,13 +127,13 @@ int CSockDgram::bind_to(const CSockAddr& addr, bool reuseaddr) {
         const int error = errno;
         INFRA_LOG(2, "%s : set reuseaddr failed!, %s\n", "Orvex::Reticor::CSockDgram::Open",
                   GetSockErrorText(error).c_str());
-        return failWith(error);
+        return fail_with(error);
     }
     if (::bind(m_handle, own.get(), own.length) == -1) {
         const int error = errno;
         INFRA_LOG(2, "%s : bind failed! This port is %d %s\n", "Orvex::Reticor::CSockDgram::Open", own.port(),
                   GetSockErrorText(error).c_str());
-        return failWith(error);
+        return fail_with(error);
     }
     if (!isGroup(record)) {
         return 0;
@@ -151,7 +151,7 @@ int CSockDgram::SetRemote(const CSockAddr* remote) {
         return -1;
     }
     if (!m_record) {
-        return failWith(ENOMEM);
+        return fail_with(ENOMEM);
     }
     m_record->m_remote_addr.reset();
     sockaddr_storage probe;
@@ -178,7 +178,7 @@ int CSockDgram::set_broadcast() {
         const int error = errno;
         INFRA_LOG(2, "%s : set SO_BROADCAST failed,errno:%d, errmsg %s\n",
                   "Orvex::Reticor::CSockDgram::SetRemote", error, GetSockErrorText(error).c_str());
-        return failWith(error);
+        return fail_with(error);
     }
     return 0;
 }
@@ -190,7 +190,7 @@ int CSockDgram::connect_to(const SockAddrRecord& record) {
         INFRA_LOG(2, "%s : connect faield! %s\n", "Orvex::Reticor::CSockDgram::SetRemote",
                   GetSockErrorText(error).c_str());
         Close();
-        return failWith(error);
+        return fail_with(error);
     }
     return 0;
 }
@@ -218,11 +218,11 @@ int CSockDgram::Send(const char* buf, unsigned len, const CSockAddr* remote) {
         return static_cast<int>(sent);
     }
     const int error = errno;
-    if (isTryAgain(error)) {
+    if (is_try_again(error)) {
         return 0;
     }
     INFRA_LOG(2, "%s : send to failed! %s\n", INFRA_FUNCTION, GetSockErrorText(error).c_str());
-    return failWith(error);
+    return fail_with(error);
 }
 
 int CSockDgram::WriteV(const struct iovec* vector, int count) {
@@ -232,16 +232,16 @@ int CSockDgram::WriteV(const struct iovec* vector, int count) {
                   static_cast<const void*>(vector), static_cast<const void*>(m_remote_addr));
         return -1;
     }
-    const ssize_t sent = sendGathered(m_handle, vector, count);
+    const ssize_t sent = send_gathered(m_handle, vector, count);
     if (sent >= 0) {
         return static_cast<int>(sent);
     }
     const int error = errno;
-    if (isTryAgain(error)) {
+    if (is_try_again(error)) {
         return 0;
     }
     INFRA_LOG(2, "%s : send failed! %s\n", INFRA_FUNCTION, GetSockErrorText(error).c_str());
-    return failWith(error);
+    return fail_with(error);
 }
 
 int CSockDgram::Recv(char* buf, unsigned len, CSockAddr* remote) {
@@ -261,12 +261,12 @@ int CSockDgram::Recv(char* buf, unsigned len, CSockAddr* remote) {
     const ssize_t received = ::recvfrom(m_handle, buf, len, 0, reinterpret_cast<sockaddr*>(&from), &length);
     if (received < 0) {
         const int error = errno;
-        // 11 is EAGAIN here, which isTryAgain knows by its other name where the two differ.
-        if (isTryAgain(error) || error == 11) {
+        // 11 is EAGAIN here, which is_try_again knows by its other name where the two differ.
+        if (is_try_again(error) || error == 11) {
             return 0;
         }
         INFRA_LOG(2, "%s : recv from failed! %s\n", INFRA_FUNCTION, GetSockErrorText(error).c_str());
-        return failWith(error);
+        return fail_with(error);
     }
     if (received > 0 && remote != nullptr) {
         store_sender(from, *remote);

@@ -38,7 +38,7 @@ int CSockDgram::join_group(const SockAddrRecord& group) {
             const int error = errno;
             INFRA_LOG(2, "%s : IP_ADD_MEMBERSHIP failed, %s\n", "Orvex::Reticor::CSockDgram::Open",
                       GetSockErrorText(error).c_str());
-            return failWith(error);
+            return fail_with(error);
         }
         return 0;
     }
@@ -48,7 +48,7 @@ int CSockDgram::join_group(const SockAddrRecord& group) {
         const int error = errno;
         INFRA_LOG(2, "%s : IPV6_JOIN_GROUP failed, %s\n", "Orvex::Reticor::CSockDgram::Open",
                   GetSockErrorText(error).c_str());
-        return failWith(error);
+        return fail_with(error);
     }
     return 0;
 }
@@ -68,19 +68,19 @@ int CSockDgram::SetMulticastIF(unsigned ip) {
         const int error = errno;
         INFRA_LOG(2, "%s : IP_DROP_MEMBERSHIP failed,errno:%d, errmsg %s\n", INFRA_FUNCTION, error,
                   GetSockErrorText(error).c_str());
-        return failWith(error);
+        return fail_with(error);
     }
     request.imr_interface.s_addr = htonl(ip);
     if (::setsockopt(m_handle, IPPROTO_IP, IP_ADD_MEMBERSHIP, &request, sizeof request) == -1) {
         const int error = errno;
         INFRA_LOG(2, "%s : IP_ADD_MEMBERSHIP failed, %s\n", INFRA_FUNCTION, GetSockErrorText(error).c_str());
-        return failWith(error);
+        return fail_with(error);
     }
     if (::setsockopt(m_handle, IPPROTO_IP, IP_MULTICAST_IF, &request.imr_interface,
                      sizeof request.imr_interface) == -1) {
         const int error = errno;
         INFRA_LOG(2, "%s : IP_MULTICAST_IF failed, %s\n", INFRA_FUNCTION, GetSockErrorText(error).c_str());
-        return failWith(error);
+        return fail_with(error);
     }
     return 0;
 }
@@ -92,9 +92,9 @@ int CSockDgram::SetMulticastIF(const char* ip) {
     }
     if (group->GetType() == SOCKADDR_TYPE_IPV4) {
         in_addr address{};
-        if (!parseIPv4Literal(ip, address)) {
+        if (!parse_ipv4_literal(ip, address)) {
             INFRA_LOG(2, "%s : inet_pton failed,, %s\n", INFRA_FUNCTION, GetSockErrorText(EINVAL).c_str());
-            return failWith(EINVAL);
+            return fail_with(EINVAL);
         }
         return SetMulticastIF(ntohl(address.s_addr));
     }
@@ -102,7 +102,7 @@ int CSockDgram::SetMulticastIF(const char* ip) {
     if (::setsockopt(m_handle, IPPROTO_IPV6, IPV6_MULTICAST_IF, &any_interface, sizeof any_interface) == -1) {
         const int error = errno;
         INFRA_LOG(2, "%s : IPV6_MULTICAST_IF faied, %s\n", INFRA_FUNCTION, GetSockErrorText(error).c_str());
-        return failWith(error);
+        return fail_with(error);
     }
     return 0;
 }
@@ -113,7 +113,7 @@ int CSockDgram::SetMulticastTTL(unsigned char ttl) {
             const int error = errno;
             INFRA_LOG(2, "%s : IP_MULTICAST_TTL failed, %s\n", INFRA_FUNCTION,
                       GetSockErrorText(error).c_str());
-            return failWith(error);
+            return fail_with(error);
         }
         return 0;
     }
@@ -121,7 +121,7 @@ int CSockDgram::SetMulticastTTL(unsigned char ttl) {
     if (::setsockopt(m_handle, IPPROTO_IPV6, IPV6_MULTICAST_HOPS, &hops, sizeof hops) == -1) {
         const int error = errno;
         INFRA_LOG(2, "%s : IP_MULTICAST_HOPS failed, %s\n", INFRA_FUNCTION, GetSockErrorText(error).c_str());
-        return failWith(error);
+        return fail_with(error);
     }
     return 0;
 }
@@ -139,7 +139,7 @@ int CSockDgram::SetMulticastLoop(bool on) {
             const int error = errno;
             INFRA_LOG(2, "%s : IP_MULTICAST_LOOP failed, %s\n", INFRA_FUNCTION,
                       GetSockErrorText(error).c_str());
-            return failWith(error);
+            return fail_with(error);
         }
         return 0;
     }
@@ -147,7 +147,7 @@ int CSockDgram::SetMulticastLoop(bool on) {
         const int error = errno;
         INFRA_LOG(2, "%s : IPV6_MULTICAST_LOOP failed, %s\n", INFRA_FUNCTION,
                   GetSockErrorText(error).c_str());
-        return failWith(error);
+        return fail_with(error);
     }
     return 0;
 }
@@ -157,7 +157,7 @@ int CSockDgram::SetSockRecvBuf(unsigned size) {
     if (result < 0) {
         const int error = errno;
         INFRA_LOG(2, "%s : setsockopt failed! %s\n", INFRA_FUNCTION, GetSockErrorText(error).c_str());
-        return failWith(error);
+        return fail_with(error);
     }
     return result;
 }
@@ -167,7 +167,7 @@ int CSockDgram::SetSockSendBuf(unsigned size) {
     if (result < 0) {
         const int error = errno;
         INFRA_LOG(2, "%s : setsockopt failed! %s\n", INFRA_FUNCTION, GetSockErrorText(error).c_str());
-        return failWith(error);
+        return fail_with(error);
     }
     return result;
 }
@@ -178,7 +178,7 @@ int CSockDgram::GetSockRecvBuf() {
     if (::getsockopt(m_handle, SOL_SOCKET, SO_RCVBUF, &size, &length) < 0) {
         const int error = errno;
         INFRA_LOG(2, "%s : getsockopt failed! %s\n", INFRA_FUNCTION, GetSockErrorText(error).c_str());
-        return failWith(error);
+        return fail_with(error);
     }
     return size;
 }
@@ -189,7 +189,7 @@ int CSockDgram::GetSockSendBuf() {
     if (::getsockopt(m_handle, SOL_SOCKET, SO_SNDBUF, &size, &length) < 0) {
         const int error = errno;
         INFRA_LOG(2, "%s : getsockopt failed! %s\n", INFRA_FUNCTION, GetSockErrorText(error).c_str());
-        return failWith(error);
+        return fail_with(error);
     }
     return size;
 }

@@ -2,7 +2,6 @@
 #include <Reticor/SockStream.h>
 
 #include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -18,6 +17,7 @@
 
 #include "Socket/address/SockAddrRecord.h"
 #include "Socket/address/SockError.h"
+#include "Socket/socket/SockOptions.h"
 
 namespace Orvex::Reticor {
 
@@ -28,7 +28,7 @@ enum class Wait { ready, time_up, interrupted, exception, not_ready, failed };
 // Waits for one direction of one socket, POLLIN or POLLOUT, up to `limit_us` microseconds. `failed` leaves
 // the error in errno. poll and not select, whose bitmaps end at descriptor 1024; nanoseconds, since poll's
 // milliseconds would make the last one of a wait a busy loop.
-Wait waitFor(int handle, short direction, std::int64_t limit_us) {
+Wait wait_for(int handle, short direction, int64_t limit_us) {
     if (handle < 0) {
         errno = EBADF;  // poll ignores such an entry and would sleep through the whole limit.
         return Wait::failed;
@@ -57,8 +57,9 @@ Wait waitFor(int handle, short direction, std::int64_t limit_us) {
     return (entry.revents & (direction | POLLERR | POLLHUP)) != 0 ? Wait::ready : Wait::not_ready;
 }
 
-std::int64_t elapsedSince(std::uint64_t start_us) {
-    return static_cast<std::int64_t>(Infra::CTime::getCurrentMicroSecond() - start_us);
+// errno is as before: a clock that can be read sets none.
+int64_t elapsed_since(uint64_t start_us) {
+    return static_cast<int64_t>(Infra::CTime::getCurrentMicroSecond() - start_us);
 }
 
 }  // namespace
@@ -73,7 +74,7 @@ CSockStream::~CSockStream() = default;
 
 int CSockStream::Connect(const CSockAddr& remote, CSockAddr* local) {
     const SockAddrRecord peer(remote);
-    if (!peer.hasFamily()) {
+    if (!peer.has_family()) {
         INFRA_LOG(2, "%s : SockAddr type error\n", INFRA_FUNCTION);
         return -1;
     }
@@ -87,24 +88,20 @@ int CSockStream::Connect(const CSockAddr& remote, CSockAddr* local) {
     }
     m_handle = ::socket(peer.family(), SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (m_handle < 0) {
-        const int error = errno;
-        INFRA_LOG(2, "%s : create socket failed! %s\n", INFRA_FUNCTION, GetSockErrorText(error).c_str());
-        return failWith(error);
+        return SOCK_FAILED("create socket failed! %s\n");
     }
     if (set_block_opt() < 0) {
         return -1;
     }
     if (local != nullptr && ::bind(m_handle, own.get(), own.length) < 0) {
-        const int error = errno;
-        INFRA_LOG(2, "%s : bind failed! This port is %d %s\n", INFRA_FUNCTION, own.port(),
-                  GetSockErrorText(error).c_str());
-        return failWith(error);
+        return SOCK_FAILED_WITH("bind failed! This port is %d %s\n", own.port());
     }
     if (::connect(m_handle, peer.get(), peer.length) < 0 && errno != EINPROGRESS && errno != EWOULDBLOCK) {
         const int error = errno;
-        INFRA_LOG(2, "%s : connect faield! %s\n", INFRA_FUNCTION, GetSockErrorText(error).c_str());
+        const int result = SOCK_FAILED("connect faield! %s\n");
         Close();
-        return failWith(error);
+        errno = error;
+        return result;
     }
     return 0;
 }
@@ -113,9 +110,7 @@ int CSockStream::GetConnectStatus() {
     int status = -1;
     socklen_t length = sizeof status;
     if (::getsockopt(m_handle, SOL_SOCKET, SO_ERROR, &status, &length) < 0) {
-        const int error = errno;
-        INFRA_LOG(2, "%s : getsockopt error, %s\n", INFRA_FUNCTION, GetSockErrorText(error).c_str());
-        errno = error;
+        static_cast<void>(SOCK_FAILED("getsockopt error, %s\n"));
         return -2;
     }
     if (status != 0) {
@@ -134,12 +129,7 @@ int CSockStream::Send(const char* buf, unsigned len) {
     if (sent >= 0) {
         return static_cast<int>(sent);
     }
-    const int error = errno;
-    if (isTryAgain(error)) {
-        return 0;
-    }
-    INFRA_LOG(2, "%s : send failed! %s\n", INFRA_FUNCTION, GetSockErrorText(error).c_str());
-    return failWith(error);
+    return is_try_again(errno) ? 0 : SOCK_FAILED("send failed! %s\n");
 }
 
 int CSockStream::WriteV(const struct iovec* vector, int count) {
@@ -155,17 +145,12 @@ int CSockStream::WriteV(const struct iovec* vector, int count) {
     // sendmsg and not writev, which knows no flags and would raise SIGPIPE.
     msghdr message{};
     message.msg_iov = const_cast<iovec*>(vector);
-    message.msg_iovlen = count < 0 ? SIZE_MAX : static_cast<std::size_t>(std::min(count, IOV_MAX));
+    message.msg_iovlen = count < 0 ? SIZE_MAX : static_cast<size_t>(std::min(count, IOV_MAX));
     const ssize_t sent = ::sendmsg(m_handle, &message, MSG_NOSIGNAL);
     if (sent >= 0) {
         return static_cast<int>(sent);
     }
-    const int error = errno;
-    if (isTryAgain(error)) {
-        return 0;
-    }
-    INFRA_LOG(2, "%s : send failed! %s\n", INFRA_FUNCTION, GetSockErrorText(error).c_str());
-    return failWith(error);
+    return is_try_again(errno) ? 0 : SOCK_FAILED("send failed! %s\n");
 }
 
 int CSockStream::Recv(char* buf, unsigned len) {
@@ -177,16 +162,12 @@ int CSockStream::Recv(char* buf, unsigned len) {
         return static_cast<int>(received);
     }
     if (received == 0) {
-        return failWith(ECONNRESET);  // An orderly close and a reset are one case to the caller.
+        return fail_with(ECONNRESET);  // An orderly close and a reset are one case to the caller.
     }
-    const int error = errno;
-    if (isTryAgain(error)) {
+    if (is_try_again(errno)) {
         return 0;
     }
-    if (error != ECONNRESET) {
-        INFRA_LOG(2, "%s : recv failed, %s\n", INFRA_FUNCTION, GetSockErrorText(error).c_str());
-    }
-    return failWith(error);
+    return errno == ECONNRESET ? -1 : SOCK_FAILED("recv failed, %s\n");
 }
 
 int CSockStream::Send_n(const char* buf, unsigned len, int timeout) {
@@ -195,12 +176,11 @@ int CSockStream::Send_n(const char* buf, unsigned len, int timeout) {
     if (count < 0) {
         return count;
     }
-    const std::uint64_t start_us = Infra::CTime::getCurrentMicroSecond();
-    std::int64_t elapsed_us = 0;
+    const uint64_t start_us = Infra::CTime::getCurrentMicroSecond();
+    int64_t elapsed_us = 0;
     while (elapsed_us < timeout && count < wanted) {
-        const Wait wait = waitFor(m_handle, POLLOUT, timeout - elapsed_us);
-        int error = errno;
-        elapsed_us = elapsedSince(start_us);
+        const Wait wait = wait_for(m_handle, POLLOUT, timeout - elapsed_us);
+        elapsed_us = elapsed_since(start_us);
         if (wait == Wait::interrupted) {
             continue;
         }
@@ -208,8 +188,7 @@ int CSockStream::Send_n(const char* buf, unsigned len, int timeout) {
             break;
         }
         if (wait == Wait::failed) {
-            INFRA_LOG(2, "%s : Send_n failed, %s\n", INFRA_FUNCTION, GetSockErrorText(error).c_str());
-            return failWith(error);
+            return SOCK_FAILED("Send_n failed, %s\n");
         }
         if (wait == Wait::exception) {
             INFRA_LOG(2, "%s : Send_n error, socket exception!\n", INFRA_FUNCTION);
@@ -218,14 +197,11 @@ int CSockStream::Send_n(const char* buf, unsigned len, int timeout) {
         if (wait == Wait::not_ready) {
             return -1;
         }
-        const ssize_t sent =
-            ::send(m_handle, buf + count, static_cast<std::size_t>(wanted - count), MSG_NOSIGNAL);
-        error = errno;
+        const ssize_t sent = ::send(m_handle, buf + count, static_cast<size_t>(wanted - count), MSG_NOSIGNAL);
         if (sent >= 0) {
             count += static_cast<int>(sent);
-        } else if (!isTryAgain(error)) {
-            INFRA_LOG(2, "%s : send error, %s\n", INFRA_FUNCTION, GetSockErrorText(error).c_str());
-            return failWith(error);
+        } else if (!is_try_again(errno)) {
+            return SOCK_FAILED("send error, %s\n");
         }
     }
     return count;
@@ -235,12 +211,11 @@ int CSockStream::Recv_n(char* buf, unsigned len, int timeout) {
     if (buf == nullptr) {
         return -1;
     }
-    const std::uint64_t start_us = Infra::CTime::getCurrentMicroSecond();
-    std::int64_t elapsed_us = 0;
+    const uint64_t start_us = Infra::CTime::getCurrentMicroSecond();
+    int64_t elapsed_us = 0;
     while (elapsed_us < timeout) {
-        const Wait wait = waitFor(m_handle, POLLIN, timeout - elapsed_us);
-        int error = errno;
-        elapsed_us = elapsedSince(start_us);
+        const Wait wait = wait_for(m_handle, POLLIN, timeout - elapsed_us);
+        elapsed_us = elapsed_since(start_us);
         if (wait == Wait::interrupted) {
             continue;
         }
@@ -248,7 +223,7 @@ int CSockStream::Recv_n(char* buf, unsigned len, int timeout) {
             return 0;
         }
         if (wait == Wait::failed) {
-            return failWith(error);
+            return -1;
         }
         if (wait == Wait::exception) {
             INFRA_LOG(2, "%s : Recv_n error, socket exception!\n", INFRA_FUNCTION);
@@ -258,81 +233,43 @@ int CSockStream::Recv_n(char* buf, unsigned len, int timeout) {
             return -1;
         }
         const ssize_t received = ::recv(m_handle, buf, len, 0);
-        error = errno;
         if (received >= 0) {
             return static_cast<int>(received);  // 0, a closed peer, included
         }
-        if (isTryAgain(error)) {
+        if (is_try_again(errno)) {
             continue;
         }
-        if (error != ECONNRESET) {
-            INFRA_LOG(2, "%s : recv error %s\n", INFRA_FUNCTION, GetSockErrorText(error).c_str());
-        }
-        return failWith(error);
+        return errno == ECONNRESET ? -1 : SOCK_FAILED("recv error %s\n");
     }
     return 0;
 }
 
 int CSockStream::SetSockRecvBuf(unsigned size) {
-    const int result = ::setsockopt(m_handle, SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
-    if (result < 0) {
-        const int error = errno;
-        INFRA_LOG(2, "%s : setsockopt failed! %s\n", INFRA_FUNCTION, GetSockErrorText(error).c_str());
-        return failWith(error);
-    }
-    return result;
+    const int result = SockOptions(m_handle).set_receive_buffer(size);
+    return result < 0 ? SOCK_FAILED("setsockopt failed! %s\n") : result;
 }
 
 int CSockStream::SetSockSendBuf(unsigned size) {
-    const int result = ::setsockopt(m_handle, SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
-    if (result < 0) {
-        const int error = errno;
-        INFRA_LOG(2, "%s : setsockopt failed! %s\n", INFRA_FUNCTION, GetSockErrorText(error).c_str());
-        return failWith(error);
-    }
-    return result;
+    const int result = SockOptions(m_handle).set_send_buffer(size);
+    return result < 0 ? SOCK_FAILED("setsockopt failed! %s\n") : result;
 }
 
 int CSockStream::GetSockRecvBuf() {
-    int size = 0;
-    socklen_t length = sizeof size;
-    if (::getsockopt(m_handle, SOL_SOCKET, SO_RCVBUF, &size, &length) < 0) {
-        const int error = errno;
-        INFRA_LOG(2, "%s : getsockopt failed! %s\n", INFRA_FUNCTION, GetSockErrorText(error).c_str());
-        return failWith(error);
-    }
-    return size;
+    const int size = SockOptions(m_handle).receive_buffer();
+    return size < 0 ? SOCK_FAILED("getsockopt failed! %s\n") : size;
 }
 
 int CSockStream::GetSockSendBuf() {
-    int size = 0;
-    socklen_t length = sizeof size;
-    if (::getsockopt(m_handle, SOL_SOCKET, SO_SNDBUF, &size, &length) < 0) {
-        const int error = errno;
-        INFRA_LOG(2, "%s : getsockopt failed! %s\n", INFRA_FUNCTION, GetSockErrorText(error).c_str());
-        return failWith(error);
-    }
-    return size;
+    const int size = SockOptions(m_handle).send_buffer();
+    return size < 0 ? SOCK_FAILED("getsockopt failed! %s\n") : size;
 }
 
 int CSockStream::SetSockKeepAlive(bool on) {
-    const int value = on ? 1 : 0;
-    if (::setsockopt(m_handle, SOL_SOCKET, SO_KEEPALIVE, &value, sizeof value) < 0) {
-        const int error = errno;
-        INFRA_LOG(2, "%s : setsockopt failed! %s\n", INFRA_FUNCTION, GetSockErrorText(error).c_str());
-        return failWith(error);
-    }
-    return 0;
+    return SockOptions(m_handle).set_keep_alive(on) < 0 ? SOCK_FAILED("setsockopt failed! %s\n") : 0;
 }
 
 int CSockStream::SetSockNoDelay(bool on) {
-    const int value = on ? 1 : 0;
-    if (::setsockopt(m_handle, IPPROTO_TCP, TCP_NODELAY, &value, sizeof value) < 0) {
-        const int error = errno;
-        INFRA_LOG(2, "%s : setsockopt failed! %s\n", INFRA_FUNCTION, GetSockErrorText(error).c_str());
-        return failWith(error);
-    }
-    return 0;
+    return SockOptions(m_handle).set_no_delay(on) < 0 ? SOCK_FAILED("setsockopt failed! %s\n") : 0;
 }
 
 }  // namespace Orvex::Reticor

@@ -122,11 +122,11 @@ int family_of(const char* text, size_t len) {
     memcpy(literal, text, len);
     literal[len] = '\0';
     sockaddr_in6 ipv6;
-    if (parseIPv6Literal(literal, ipv6)) {
+    if (parse_ipv6_literal(literal, ipv6)) {
         return IN6_IS_ADDR_V4MAPPED(&ipv6.sin6_addr) ? 4 : 6;
     }
     in_addr ipv4;
-    return parseIPv4Literal(literal, ipv4) ? 4 : -1;
+    return parse_ipv4_literal(literal, ipv4) ? 4 : -1;
 }
 
 }  // namespace

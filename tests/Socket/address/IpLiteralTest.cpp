@@ -17,19 +17,19 @@ namespace {
 
 TEST(IpLiteral, IPv4NeedsAllFourParts) {
     in_addr address{};
-    EXPECT_TRUE(parseIPv4Literal("10.20.30.40", address));
+    EXPECT_TRUE(parse_ipv4_literal("10.20.30.40", address));
     EXPECT_EQ(address.s_addr, htonl(0x0A141E28u));
     for (const char* text : {"", "10.1", "10.20.30", "10.20.30.256", "10.20.30.40 ", "::1", "localhost"}) {
-        EXPECT_FALSE(parseIPv4Literal(text, address)) << text;
+        EXPECT_FALSE(parse_ipv4_literal(text, address)) << text;
     }
-    EXPECT_FALSE(parseIPv4Literal(nullptr, address));
+    EXPECT_FALSE(parse_ipv4_literal(nullptr, address));
     EXPECT_EQ(address.s_addr, htonl(0x0A141E28u));
 }
 
 TEST(IpLiteral, IPv6WritesTheWholeRecord) {
     sockaddr_in6 record;
     std::memset(&record, 0xAB, sizeof record);
-    EXPECT_TRUE(parseIPv6Literal("2001:db8::1", record));
+    EXPECT_TRUE(parse_ipv6_literal("2001:db8::1", record));
     EXPECT_EQ(record.sin6_family, AF_INET6);
     EXPECT_EQ(record.sin6_port, 0);
     EXPECT_EQ(record.sin6_flowinfo, 0u);
@@ -41,9 +41,9 @@ TEST(IpLiteral, IPv6WritesTheWholeRecord) {
 TEST(IpLiteral, IPv6TakesScopesByNameAndNumber) {
     const Testing::ResolverSeam seam;
     sockaddr_in6 record{};
-    EXPECT_TRUE(parseIPv6Literal("fe80::1%lo", record));
+    EXPECT_TRUE(parse_ipv6_literal("fe80::1%lo", record));
     EXPECT_EQ(record.sin6_scope_id, if_nametoindex("lo"));
-    EXPECT_TRUE(parseIPv6Literal("fe80::1%3", record));
+    EXPECT_TRUE(parse_ipv6_literal("fe80::1%3", record));
     EXPECT_EQ(record.sin6_scope_id, 3u);
     EXPECT_EQ(seam.questions(), 0u);
 }
@@ -54,9 +54,9 @@ TEST(IpLiteral, OtherTextsLeaveTheRecord) {
     record.sin6_port = 7;
     for (const char* text :
          {"", "10.0.0.1", "10.0.0.1%lo", "fe80::1%nosuchlink", "100%", "::1::", "localhost"}) {
-        EXPECT_FALSE(parseIPv6Literal(text, record)) << text;
+        EXPECT_FALSE(parse_ipv6_literal(text, record)) << text;
     }
-    EXPECT_FALSE(parseIPv6Literal(nullptr, record));
+    EXPECT_FALSE(parse_ipv6_literal(nullptr, record));
     EXPECT_EQ(record.sin6_port, 7);
     EXPECT_EQ(seam.questions(), 0u);
 }

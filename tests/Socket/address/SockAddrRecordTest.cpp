@@ -29,13 +29,13 @@ TEST(SockAddrRecord, FamilyIsTheTypesOrForStorageTheKeptOne) {
 }
 
 TEST(SockAddrRecord, InvalidStorageHasNoFamily) {
-    EXPECT_FALSE(SockAddrRecord{CSockAddrStorage()}.hasFamily());
-    EXPECT_FALSE(SockAddrRecord(CSockAddrStorage("", 80)).hasFamily());
+    EXPECT_FALSE(SockAddrRecord{CSockAddrStorage()}.has_family());
+    EXPECT_FALSE(SockAddrRecord(CSockAddrStorage("", 80)).has_family());
 }
 
 TEST(SockAddrRecord, AddressWithoutMemoryHasNoFamily) {
     const Testing::NoMemory no_memory;
-    EXPECT_FALSE(SockAddrRecord(CSockAddrIPv4(0x7F000001u, 80)).hasFamily());
+    EXPECT_FALSE(SockAddrRecord(CSockAddrIPv4(0x7F000001u, 80)).has_family());
 }
 
 }  // namespace

@@ -3,12 +3,17 @@
 
 #include <netdb.h>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include <Infra/Log.h>
+
+#include "support/LogCapture.h"
 #include "support/socket/Allocations.h"
 
 namespace Orvex::Reticor {
@@ -58,16 +63,39 @@ TEST(SockError, ThreadsDoNotShareTheirTexts) {
 
 TEST(SockError, FailingKeepsTheErrorForTheCaller) {
     errno = 0;
-    EXPECT_EQ(failWith(ECONNRESET), -1);
+    EXPECT_EQ(fail_with(ECONNRESET), -1);
     EXPECT_EQ(errno, ECONNRESET);
 }
 
 TEST(SockError, TryAgainMeansWouldBlockOrInterrupted) {
-    EXPECT_TRUE(isTryAgain(EWOULDBLOCK));
-    EXPECT_TRUE(isTryAgain(EAGAIN));
-    EXPECT_TRUE(isTryAgain(EINTR));
-    EXPECT_FALSE(isTryAgain(EINPROGRESS));
-    EXPECT_FALSE(isTryAgain(ECONNRESET));
+    EXPECT_TRUE(is_try_again(EWOULDBLOCK));
+    EXPECT_TRUE(is_try_again(EAGAIN));
+    EXPECT_TRUE(is_try_again(EINTR));
+    EXPECT_FALSE(is_try_again(EINPROGRESS));
+    EXPECT_FALSE(is_try_again(ECONNRESET));
+}
+
+struct Caller {
+    int fail() { return SOCK_FAILED("it failed, %s\n"); }
+    int fail_with_port(int port) { return SOCK_FAILED_WITH("it failed at %d %s\n", port); }
+};
+
+TEST(SockError, FailedOperationLogsItsNameItsObjectAndTheSystemsText) {
+    Caller caller;
+    const Testing::LogCapture log;
+    errno = EPIPE;
+    EXPECT_EQ(-1, caller.fail());
+    EXPECT_EQ(EPIPE, errno);
+    EXPECT_EQ(-1, caller.fail_with_port(42));
+    EXPECT_EQ(EPIPE, errno);
+    const auto lines = log.lines();
+    ASSERT_EQ(2u, lines.size());
+    char self[32];
+    std::snprintf(self, sizeof self, "this:%p", static_cast<void*>(&caller));
+    EXPECT_EQ(2, lines[0].level);
+    EXPECT_THAT(lines[0].start, ::testing::HasSubstr(self));
+    EXPECT_THAT(lines[0].text, ::testing::EndsWith("Caller::fail : it failed, Broken pipe\n"));
+    EXPECT_THAT(lines[1].text, ::testing::EndsWith("Caller::fail_with_port : it failed at 42 Broken pipe\n"));
 }
 
 }  // namespace
