@@ -8,12 +8,9 @@
 #include <Reticor/Export.h>
 #include <Reticor/Sock.h>
 
-struct sockaddr_in6;
-
 namespace Orvex::Reticor {
 
 class CSockAddr;
-struct SockAddrRecord;
 
 /// A UDP socket of either family, see udp(7), ip(7), ipv6(7). Open binds it, and joins the group if the
 /// address is one (224.0.0.0/4, ff00::/8). SetRemote fixes a peer, and connects the socket unless the peer is
@@ -51,8 +48,8 @@ public:
     /// `reuseaddr` lets several sockets share the port (SO_REUSEADDR), all of which must ask for it; a port
     /// of 0 never does. Without it a group can be received by one socket per port only.
     ///
-    /// Returns 0, or -1 with a log line. After a failure behind the creation of the socket the handle stays
-    /// in the object until the next Open.
+    /// Returns 0, or -1 with a log line. After a failure that follows the creation of the socket the handle
+    /// stays in the object until the next Open.
     int Open(const CSockAddr* addr, bool reuseaddr);
 
     /// Fixes the peer for Send without an address and, if the socket gets connected, for WriteV; a connected
@@ -106,13 +103,6 @@ public:
 
 private:
     struct Record;
-
-    int bind_to(const CSockAddr& addr, bool reuseaddr);
-    int join_group(const SockAddrRecord& group);
-    void receive_joined_groups_only();
-    int set_broadcast();
-    int connect_to(const SockAddrRecord& record);
-    void store_sender(const struct sockaddr_in6& from, CSockAddr& remote);
 
     std::unique_ptr<Record> m_record;
 };

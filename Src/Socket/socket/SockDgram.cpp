@@ -1,11 +1,12 @@
-// UDP sockets: opening, peers, datagrams. Groups are in SockDgramMulticast.cpp, gathering in DgramGather.
+// UDP sockets: opening, peers, datagrams. Groups are in DgramGroups, options in SockOptions, gathering in
+// DgramGather.
 #include <Reticor/SockDgram.h>
 
 #include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <cerrno>
-#include <cstdint>
+#include <memory>
 #include <new>
 
 #include <Infra/Log.h>
@@ -13,17 +14,19 @@
 #include <Reticor/SockAddrIPv6.h>
 #include <Reticor/SockAddrStorage.h>
 
+#include "Socket/address/IpLiteral.h"
 #include "Socket/address/SockAddrRecord.h"
 #include "Socket/address/SockError.h"
 #include "Socket/socket/DgramGather.h"
-#include "Socket/socket/SockDgramRecord.h"
+#include "Socket/socket/DgramGroups.h"
+#include "Socket/socket/SockOptions.h"
 
 namespace Orvex::Reticor {
 
 namespace {
 
 // The port that the address tells. A storage address can hold another one in its record.
-unsigned short portOf(const CSockAddr& addr) {
+unsigned short port_of(const CSockAddr& addr) {
     switch (addr.GetType()) {
         case SOCKADDR_TYPE_IPV4:
             return static_cast<const CSockAddrIPv4&>(addr).GetPort();
@@ -34,41 +37,40 @@ unsigned short portOf(const CSockAddr& addr) {
     }
 }
 
-// Whether the record, of either family, is that of a group.
-bool isGroup(const SockAddrRecord& record) {
-    if (record.type == SOCKADDR_TYPE_IPV4) {
-        const std::uint32_t ip = ntohl(reinterpret_cast<const sockaddr_in&>(record.storage).sin_addr.s_addr);
-        return ip >= 0xE0000000u && ip < 0xF0000000u;
-    }
-    return reinterpret_cast<const sockaddr_in6&>(record.storage).sin6_addr.s6_addr[0] == 255;
-}
-
-// Four bits, and not a netmask, which nobody tells us.
-bool looksLikeBroadcast(const SockAddrRecord& record) {
-    return record.type == SOCKADDR_TYPE_IPV4 &&
-           (ntohl(reinterpret_cast<const sockaddr_in&>(record.storage).sin_addr.s_addr) & 0xFu) == 0xFu;
-}
-
-// A new address of the record's family; null if that is none, or there is no memory.
-std::unique_ptr<CSockAddr> makeAddr(const SockAddrRecord& record) {
+// A new address of the record's family; null if it has none, or there is no memory.
+std::unique_ptr<CSockAddr> make_addr(const SockAddrRecord& record) {
     switch (record.type) {
         case SOCKADDR_TYPE_IPV4:
-            return std::unique_ptr<CSockAddr>(
-                new (std::nothrow) CSockAddrIPv4(reinterpret_cast<const sockaddr_in&>(record.storage)));
+            return std::unique_ptr<CSockAddr>(new (std::nothrow) CSockAddrIPv4(record.ipv4()));
         case SOCKADDR_TYPE_IPV6:
-            return std::unique_ptr<CSockAddr>(
-                new (std::nothrow) CSockAddrIPv6(reinterpret_cast<const sockaddr_in6*>(&record.storage)));
+            return std::unique_ptr<CSockAddr>(new (std::nothrow) CSockAddrIPv6(&record.ipv6()));
         default:
             return nullptr;
     }
 }
 
+// Stores the sender's address. False if it is an IPv6 one that the class cannot take.
+bool store_sender(const sockaddr_in6& from, CSockAddr& remote) {
+    const auto& ipv4 = reinterpret_cast<const sockaddr_in&>(from);
+    if (remote.GetType() == SOCKADDR_TYPE_IPV6) {
+        static_cast<CSockAddrIPv6&>(remote).SetAddr(&from);
+    } else if (remote.GetType() == SOCKADDR_TYPE_STORAGE) {
+        static_cast<CSockAddrStorage&>(remote).SetAddr(&ipv4);
+    } else if (from.sin6_family == AF_INET) {
+        static_cast<CSockAddrIPv4&>(remote).SetIp(ntohl(ipv4.sin_addr.s_addr));
+        static_cast<CSockAddrIPv4&>(remote).SetPort(ntohs(ipv4.sin_port));
+    } else {
+        return false;
+    }
+    return true;
+}
+
 // The address to bind to: the wildcard for a group, else the record's; with the port given.
-SockAddrRecord bindRecord(const SockAddrRecord& record, unsigned short port) {
+SockAddrRecord bind_record(const SockAddrRecord& record, unsigned short port) {
     SockAddrRecord own = record;
     // The port stands at the same place in both families.
     auto& ipv4 = reinterpret_cast<sockaddr_in&>(own.storage);
-    if (isGroup(record)) {
+    if (record.is_group()) {
         own.storage = {};
         own.storage.ss_family = static_cast<sa_family_t>(record.family());
     }
@@ -77,6 +79,13 @@ SockAddrRecord bindRecord(const SockAddrRecord& record, unsigned short port) {
 }
 
 }  // namespace
+
+/// What a socket holds besides its handle.
+struct CSockDgram::Record {
+    std::unique_ptr<CSockAddr> m_remote_addr;  ///< The peer set by SetRemote, of its family's class, or null.
+    DgramGroups m_groups;
+    bool m_is_ipv4 = true;  ///< Family of the socket.
+};
 
 CSockDgram::CSockDgram() : CSock(-1, SOCK_TYPE_DGRAM), m_record(new (std::nothrow) Record()) {}
 
@@ -98,51 +107,37 @@ int CSockDgram::Open(const CSockAddr* addr, bool reuseaddr) {
     if (m_handle != -1) {
         Close();
         m_record->m_remote_addr.reset();
-        m_record->m_multicast_addr.reset();
+        m_record->m_groups.forget();
     }
     m_record->m_is_ipv4 = addr == nullptr || SockAddrRecord::family_type_of(*addr) == SOCKADDR_TYPE_IPV4;
     m_handle = ::socket(m_record->m_is_ipv4 ? AF_INET : AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (m_handle < 0) {
-        const int error = errno;
-        INFRA_LOG(2, "%s : create socket failed, %s\n.", INFRA_FUNCTION, GetSockErrorText(error).c_str());
-        return fail_with(error);
+        return SOCK_FAILED("create socket failed, %s\n.");
     }
     if (set_block_opt() == -1) {
         return -1;
     }
-    receive_joined_groups_only();
-    return addr != nullptr ? bind_to(*addr, reuseaddr) : 0;
-}
-
-int CSockDgram::bind_to(const CSockAddr& addr, bool reuseaddr) {
-    const SockAddrRecord record(addr);
+    DgramGroups::receive_joined_only(m_handle, m_record->m_is_ipv4);
+    if (addr == nullptr) {
+        return 0;
+    }
+    const SockAddrRecord record(*addr);
     if (!record.has_family()) {
         // Such an address has no text either, and nothing has that name. The look-up says so in its own line.
         return CSockAddrIPv6().SetIp("");
     }
-    const SockAddrRecord own = bindRecord(record, portOf(addr));
-    const int on = 1;
-    if (reuseaddr && own.port() != 0 &&
-        ::setsockopt(m_handle, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) == -1) {
-        const int error = errno;
-        INFRA_LOG(2, "%s : set reuseaddr failed!, %s\n", "Orvex::Reticor::CSockDgram::Open",
-                  GetSockErrorText(error).c_str());
-        return fail_with(error);
+    const SockAddrRecord own = bind_record(record, port_of(*addr));
+    if (reuseaddr && own.port() != 0 && SockOptions(m_handle).share_port() == -1) {
+        return SOCK_FAILED("set reuseaddr failed!, %s\n");
     }
     if (::bind(m_handle, own.get(), own.length) == -1) {
-        const int error = errno;
-        INFRA_LOG(2, "%s : bind failed! This port is %d %s\n", "Orvex::Reticor::CSockDgram::Open", own.port(),
-                  GetSockErrorText(error).c_str());
-        return fail_with(error);
+        return SOCK_FAILED_WITH("bind failed! This port is %d %s\n", own.port());
     }
-    if (!isGroup(record)) {
+    if (!record.is_group() || m_record->m_groups.join(m_handle, record) == 0) {
         return 0;
     }
-    if (join_group(record) == -1) {
-        return -1;
-    }
-    m_record->m_multicast_addr = makeAddr(record);
-    return 0;
+    return record.is_ipv4() ? SOCK_FAILED("IP_ADD_MEMBERSHIP failed, %s\n")
+                            : SOCK_FAILED("IPV6_JOIN_GROUP failed, %s\n");
 }
 
 int CSockDgram::SetRemote(const CSockAddr* remote) {
@@ -160,37 +155,25 @@ int CSockDgram::SetRemote(const CSockAddr* remote) {
         return -1;
     }
     const SockAddrRecord record(*remote);
-    m_record->m_remote_addr = makeAddr(record);
-    const bool broadcast = looksLikeBroadcast(record);
-    if (broadcast && set_broadcast() == -1) {
-        return -1;
+    m_record->m_remote_addr = make_addr(record);
+    const bool broadcast = record.looks_like_broadcast();
+    if (broadcast && SockOptions(m_handle).allow_broadcast() == -1) {
+        return SOCK_FAILED_WITH("set SO_BROADCAST failed,errno:%d, errmsg %s\n", errno);
     }
     if (!m_record->m_remote_addr) {
         INFRA_LOG(2, "%s : CSockDgram::SetRemote error!\n", INFRA_FUNCTION);
         return -1;
     }
-    return broadcast || isGroup(record) ? 0 : connect_to(record);
-}
-
-int CSockDgram::set_broadcast() {
-    const int on = 1;
-    if (::setsockopt(m_handle, SOL_SOCKET, SO_BROADCAST, &on, sizeof on) == -1) {
-        const int error = errno;
-        INFRA_LOG(2, "%s : set SO_BROADCAST failed,errno:%d, errmsg %s\n",
-                  "Orvex::Reticor::CSockDgram::SetRemote", error, GetSockErrorText(error).c_str());
-        return fail_with(error);
+    if (broadcast || record.is_group()) {
+        return 0;
     }
-    return 0;
-}
-
-int CSockDgram::connect_to(const SockAddrRecord& record) {
     if (::connect(m_handle, record.get(), record.length) == -1 && errno != EINPROGRESS &&
         errno != EWOULDBLOCK) {
         const int error = errno;
-        INFRA_LOG(2, "%s : connect faield! %s\n", "Orvex::Reticor::CSockDgram::SetRemote",
-                  GetSockErrorText(error).c_str());
+        const int result = SOCK_FAILED("connect faield! %s\n");
         Close();
-        return fail_with(error);
+        errno = error;
+        return result;
     }
     return 0;
 }
@@ -217,12 +200,7 @@ int CSockDgram::Send(const char* buf, unsigned len, const CSockAddr* remote) {
     if (sent >= 0) {
         return static_cast<int>(sent);
     }
-    const int error = errno;
-    if (is_try_again(error)) {
-        return 0;
-    }
-    INFRA_LOG(2, "%s : send to failed! %s\n", INFRA_FUNCTION, GetSockErrorText(error).c_str());
-    return fail_with(error);
+    return is_try_again(errno) ? 0 : SOCK_FAILED("send to failed! %s\n");
 }
 
 int CSockDgram::WriteV(const struct iovec* vector, int count) {
@@ -236,12 +214,7 @@ int CSockDgram::WriteV(const struct iovec* vector, int count) {
     if (sent >= 0) {
         return static_cast<int>(sent);
     }
-    const int error = errno;
-    if (is_try_again(error)) {
-        return 0;
-    }
-    INFRA_LOG(2, "%s : send failed! %s\n", INFRA_FUNCTION, GetSockErrorText(error).c_str());
-    return fail_with(error);
+    return is_try_again(errno) ? 0 : SOCK_FAILED("send failed! %s\n");
 }
 
 int CSockDgram::Recv(char* buf, unsigned len, CSockAddr* remote) {
@@ -260,33 +233,90 @@ int CSockDgram::Recv(char* buf, unsigned len, CSockAddr* remote) {
     socklen_t length = sizeof from;
     const ssize_t received = ::recvfrom(m_handle, buf, len, 0, reinterpret_cast<sockaddr*>(&from), &length);
     if (received < 0) {
-        const int error = errno;
         // 11 is EAGAIN here, which is_try_again knows by its other name where the two differ.
-        if (is_try_again(error) || error == 11) {
-            return 0;
-        }
-        INFRA_LOG(2, "%s : recv from failed! %s\n", INFRA_FUNCTION, GetSockErrorText(error).c_str());
-        return fail_with(error);
+        return is_try_again(errno) || errno == 11 ? 0 : SOCK_FAILED("recv from failed! %s\n");
     }
-    if (received > 0 && remote != nullptr) {
-        store_sender(from, *remote);
+    if (received > 0 && remote != nullptr && !store_sender(from, *remote)) {
+        INFRA_LOG(2, "%s : a ipv6 address can not put into CSockAddrIPv4!\n", INFRA_FUNCTION);
     }
     return static_cast<int>(received);
 }
 
-void CSockDgram::store_sender(const struct sockaddr_in6& from, CSockAddr& remote) {
-    const auto& ipv4 = reinterpret_cast<const sockaddr_in&>(from);
-    if (remote.GetType() == SOCKADDR_TYPE_IPV6) {
-        static_cast<CSockAddrIPv6&>(remote).SetAddr(&from);
-    } else if (remote.GetType() == SOCKADDR_TYPE_STORAGE) {
-        static_cast<CSockAddrStorage&>(remote).SetAddr(&ipv4);
-    } else if (from.sin6_family == AF_INET) {
-        static_cast<CSockAddrIPv4&>(remote).SetIp(ntohl(ipv4.sin_addr.s_addr));
-        static_cast<CSockAddrIPv4&>(remote).SetPort(ntohs(ipv4.sin_port));
-    } else {
-        INFRA_LOG(2, "%s : a ipv6 address can not put into CSockAddrIPv4!\n",
-                  "Orvex::Reticor::CSockDgram::Recv");
+int CSockDgram::SetMulticastIF(unsigned ip) {
+    if (!m_record || !m_record->m_groups.joined()) {
+        return -1;
     }
+    switch (m_record->m_groups.move_to(m_handle, ip)) {
+        case DgramGroups::Step::drop:
+            return SOCK_FAILED_WITH("IP_DROP_MEMBERSHIP failed,errno:%d, errmsg %s\n", errno);
+        case DgramGroups::Step::add:
+            return SOCK_FAILED("IP_ADD_MEMBERSHIP failed, %s\n");
+        case DgramGroups::Step::send_through:
+            return SOCK_FAILED("IP_MULTICAST_IF failed, %s\n");
+        case DgramGroups::Step::done:
+            break;
+    }
+    return 0;
+}
+
+int CSockDgram::SetMulticastIF(const char* ip) {
+    if (ip == nullptr || !m_record || !m_record->m_groups.joined()) {
+        return -1;
+    }
+    if (!m_record->m_groups.is_ipv4()) {
+        return DgramGroups::send_through_default(m_handle) == -1
+                   ? SOCK_FAILED("IPV6_MULTICAST_IF faied, %s\n")
+                   : 0;
+    }
+    in_addr address{};
+    if (!parse_ipv4_literal(ip, address)) {
+        errno = EINVAL;
+        return SOCK_FAILED("inet_pton failed,, %s\n");
+    }
+    return SetMulticastIF(ntohl(address.s_addr));
+}
+
+int CSockDgram::SetMulticastTTL(unsigned char ttl) {
+    const bool is_ipv4 = !m_record || m_record->m_is_ipv4;
+    if (DgramGroups::set_hops(m_handle, is_ipv4, ttl) == 0) {
+        return 0;
+    }
+    return is_ipv4 ? SOCK_FAILED("IP_MULTICAST_TTL failed, %s\n")
+                   : SOCK_FAILED("IP_MULTICAST_HOPS failed, %s\n");
+}
+
+int CSockDgram::SetMulticastLoop(bool on) {
+    if (!m_record || !m_record->m_groups.joined()) {
+        INFRA_LOG(2, "%s : IP_MULTICAST_LOOP failed, multicast addr:%p\n", INFRA_FUNCTION,
+                  static_cast<void*>(nullptr));
+        return -1;
+    }
+    const DgramGroups& groups = m_record->m_groups;
+    if (groups.set_loop(m_handle, on) == 0) {
+        return 0;
+    }
+    return groups.is_ipv4() ? SOCK_FAILED("IP_MULTICAST_LOOP failed, %s\n")
+                            : SOCK_FAILED("IPV6_MULTICAST_LOOP failed, %s\n");
+}
+
+int CSockDgram::SetSockRecvBuf(unsigned size) {
+    const int result = SockOptions(m_handle).set_receive_buffer(size);
+    return result < 0 ? SOCK_FAILED("setsockopt failed! %s\n") : result;
+}
+
+int CSockDgram::SetSockSendBuf(unsigned size) {
+    const int result = SockOptions(m_handle).set_send_buffer(size);
+    return result < 0 ? SOCK_FAILED("setsockopt failed! %s\n") : result;
+}
+
+int CSockDgram::GetSockRecvBuf() {
+    const int size = SockOptions(m_handle).receive_buffer();
+    return size < 0 ? SOCK_FAILED("getsockopt failed! %s\n") : size;
+}
+
+int CSockDgram::GetSockSendBuf() {
+    const int size = SockOptions(m_handle).send_buffer();
+    return size < 0 ? SOCK_FAILED("getsockopt failed! %s\n") : size;
 }
 
 }  // namespace Orvex::Reticor

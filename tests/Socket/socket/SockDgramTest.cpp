@@ -1,4 +1,4 @@
-// CSockDgram: opening, peers, datagrams, options. Groups are in SockDgramMulticastTest.cpp.
+// CSockDgram: opening, peers, datagrams, options. Groups are in DgramGroupsTest.cpp.
 #include <Reticor/SockDgram.h>
 
 #include <netinet/in.h>

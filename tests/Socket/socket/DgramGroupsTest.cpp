@@ -70,7 +70,7 @@ std::string receive(CSockDgram& sock, CSockAddr* from = nullptr) {
     return std::string(bytes, static_cast<std::size_t>(std::max(count, 0)));
 }
 
-class SockDgramMulticast : public ::testing::Test {
+class DgramGroups : public ::testing::Test {
 protected:
     // True if the group was joined. False only outside of a network of our own, and then the failure was
     // told.
@@ -94,7 +94,7 @@ protected:
     MulticastNet net;
 };
 
-TEST_F(SockDgramMulticast, GroupIsBoundToTheWildcardAndJoined) {
+TEST_F(DgramGroups, GroupIsBoundToTheWildcardAndJoined) {
     CSockDgram first;
     if (!opens(first, CSockAddrIPv4("224.0.0.1", 0))) {
         return;
@@ -111,7 +111,7 @@ TEST_F(SockDgramMulticast, GroupIsBoundToTheWildcardAndJoined) {
     EXPECT_EQ(ipv6.SetMulticastLoop(true), 0);
 }
 
-TEST_F(SockDgramMulticast, AddressBehindTheGroupsIsBoundAsAPlainOne) {
+TEST_F(DgramGroups, AddressBehindTheGroupsIsBoundAsAPlainOne) {
     CSockDgram sock;
     const CSockAddrIPv4 above("240.0.0.1", 0);
     const CSockAddrIPv4 below("223.255.255.255", 0);
@@ -125,7 +125,7 @@ TEST_F(SockDgramMulticast, AddressBehindTheGroupsIsBoundAsAPlainOne) {
     EXPECT_THAT(texts(log), ElementsAre(line, line));
 }
 
-TEST_F(SockDgramMulticast, StorageAddressOfAGroupJoinsInTheFamilyInWhichItIsKept) {
+TEST_F(DgramGroups, StorageAddressOfAGroupJoinsInTheFamilyInWhichItIsKept) {
     CSockDgram ipv4;
     if (!opens(ipv4, CSockAddrStorage(GROUP4, 0))) {
         return;
@@ -139,7 +139,7 @@ TEST_F(SockDgramMulticast, StorageAddressOfAGroupJoinsInTheFamilyInWhichItIsKept
     EXPECT_EQ(ipv6.SetMulticastLoop(true), 0);
 }
 
-TEST_F(SockDgramMulticast, DatagramsReachEveryoneWhoJoinedOnThePort) {
+TEST_F(DgramGroups, DatagramsReachEveryoneWhoJoinedOnThePort) {
     for (const char* text : {GROUP4, GROUP6}) {
         CSockDgram first;
         if (!opens(first, CSockAddrStorage(text, 5004), true)) {
@@ -162,7 +162,7 @@ TEST_F(SockDgramMulticast, DatagramsReachEveryoneWhoJoinedOnThePort) {
     }
 }
 
-TEST_F(SockDgramMulticast, GroupsThatOthersJoinedAreNotReceived) {
+TEST_F(DgramGroups, GroupsThatOthersJoinedAreNotReceived) {
     for (const bool ipv6 : {false, true}) {
         const CSockAddrStorage group(ipv6 ? GROUP6 : GROUP4, 5006);
         const CSockAddrStorage other(ipv6 ? "ff15::78" : "239.1.2.4", 5006);
@@ -188,7 +188,7 @@ TEST_F(SockDgramMulticast, GroupsThatOthersJoinedAreNotReceived) {
     }
 }
 
-TEST_F(SockDgramMulticast, PeerThatIsAGroupIsNotConnected) {
+TEST_F(DgramGroups, PeerThatIsAGroupIsNotConnected) {
     for (const char* text : {GROUP4, GROUP6}) {
         CSockDgram sock;
         const CSockAddrStorage group(text, 5004);
@@ -206,7 +206,7 @@ TEST_F(SockDgramMulticast, PeerThatIsAGroupIsNotConnected) {
     }
 }
 
-TEST_F(SockDgramMulticast, JoinThatIsRefusedLeavesABoundSocketWithoutAGroup) {
+TEST_F(DgramGroups, JoinThatIsRefusedLeavesABoundSocketWithoutAGroup) {
     for (const char* text : {GROUP4, GROUP6}) {
         CSockDgram sock;
         const CSockAddrStorage group(text, 0);
@@ -223,7 +223,7 @@ TEST_F(SockDgramMulticast, JoinThatIsRefusedLeavesABoundSocketWithoutAGroup) {
     }
 }
 
-TEST_F(SockDgramMulticast, SecondOpenForgetsTheGroup) {
+TEST_F(DgramGroups, SecondOpenForgetsTheGroup) {
     CSockDgram sock;
     if (!opens(sock, CSockAddrIPv4(GROUP4, 0))) {
         return;
@@ -237,7 +237,7 @@ TEST_F(SockDgramMulticast, SecondOpenForgetsTheGroup) {
                             "SetMulticastLoop : IP_MULTICAST_LOOP failed, multicast addr:(nil)\n"));
 }
 
-TEST_F(SockDgramMulticast, MembershipMovesToAnotherInterfaceOnce) {
+TEST_F(DgramGroups, MembershipMovesToAnotherInterfaceOnce) {
     CSockDgram sock;
     if (!opens(sock, CSockAddrIPv4(GROUP4, 0)) || !net.made()) {
         return;
@@ -260,7 +260,7 @@ TEST_F(SockDgramMulticast, MembershipMovesToAnotherInterfaceOnce) {
                                         "assign requested address\n"));
 }
 
-TEST_F(SockDgramMulticast, EachRefusedStepOfAMoveIsLogged) {
+TEST_F(DgramGroups, EachRefusedStepOfAMoveIsLogged) {
     const char* const lines[] = {"IP_DROP_MEMBERSHIP failed,errno:105, errmsg No buffer space available\n",
                                  "IP_ADD_MEMBERSHIP failed, No buffer space available\n",
                                  "IP_MULTICAST_IF failed, No buffer space available\n"};
@@ -277,7 +277,7 @@ TEST_F(SockDgramMulticast, EachRefusedStepOfAMoveIsLogged) {
     }
 }
 
-TEST_F(SockDgramMulticast, InterfaceIsNamedByADottedAddress) {
+TEST_F(DgramGroups, InterfaceIsNamedByADottedAddress) {
     CSockDgram sock;
     if (!opens(sock, CSockAddrIPv4(GROUP4, 0))) {
         return;
@@ -290,7 +290,7 @@ TEST_F(SockDgramMulticast, InterfaceIsNamedByADottedAddress) {
     EXPECT_THAT(texts(log), ElementsAre(line, line));
 }
 
-TEST_F(SockDgramMulticast, IPv6GroupTakesAnyTextAndStaysOnTheDefaultInterface) {
+TEST_F(DgramGroups, IPv6GroupTakesAnyTextAndStaysOnTheDefaultInterface) {
     CSockDgram sock;
     if (!opens(sock, CSockAddrIPv6(GROUP6, 0))) {
         return;
@@ -310,7 +310,7 @@ TEST_F(SockDgramMulticast, IPv6GroupTakesAnyTextAndStaysOnTheDefaultInterface) {
         1u);
 }
 
-TEST_F(SockDgramMulticast, InterfaceNeedsAGroup) {
+TEST_F(DgramGroups, InterfaceNeedsAGroup) {
     CSockDgram sock;
     sock.Open(nullptr);
     const LogCapture log;
@@ -319,7 +319,7 @@ TEST_F(SockDgramMulticast, InterfaceNeedsAGroup) {
     EXPECT_THAT(texts(log), IsEmpty());
 }
 
-TEST_F(SockDgramMulticast, HopsNeedNoGroup) {
+TEST_F(DgramGroups, HopsNeedNoGroup) {
     CSockDgram ipv4;
     ipv4.Open(nullptr);
     EXPECT_EQ(ipv4.SetMulticastTTL(37), 0);
@@ -342,7 +342,7 @@ TEST_F(SockDgramMulticast, HopsNeedNoGroup) {
                                          "available\n"));
 }
 
-TEST_F(SockDgramMulticast, LoopNeedsAGroup) {
+TEST_F(DgramGroups, LoopNeedsAGroup) {
     CSockDgram sock;
     const LogCapture log;
     EXPECT_EQ(sock.SetMulticastLoop(true), -1) << "before Open, too";
@@ -354,7 +354,7 @@ TEST_F(SockDgramMulticast, LoopNeedsAGroup) {
     EXPECT_THAT(texts(log), ElementsAre(line, line));
 }
 
-TEST_F(SockDgramMulticast, LoopIsSwitchedInEachFamily) {
+TEST_F(DgramGroups, LoopIsSwitchedInEachFamily) {
     for (const char* text : {GROUP4, GROUP6}) {
         const bool ipv4 = text == GROUP4;
         CSockDgram sock;
