@@ -43,7 +43,7 @@ public:
     /// Opens a socket of the family of `addr`, binds it to `addr`, and joins `addr` if it is a group: then
     /// the socket is bound to the wildcard with the port of `addr`, and the group is joined on the system's
     /// default interface. A null `addr` gives an IPv4 socket that is not bound. A handle held before is
-    /// closed first, and its peer and group forgotten. Does not block.
+    /// closed first, and the former peer and group are forgotten, also after Close. Does not block.
     ///
     /// `reuseaddr` lets several sockets share the port (SO_REUSEADDR), all of which must ask for it; a port
     /// of 0 never does. Without it a group can be received by one socket per port only.
@@ -78,7 +78,8 @@ public:
 
     /// Moves the membership of an IPv4 group from the default interface to the one that has the address `ip`,
     /// in host byte order, and sends to groups through it. Returns 0; -1 if no group was joined, in silence,
-    /// or if the system refuses, with a log line. A second call fails, as the membership has moved away.
+    /// or if the system refuses, with a log line. A second call fails with EADDRNOTAVAIL, as the membership
+    /// has moved away, and so does every call for an IPv6 group.
     int SetMulticastIF(unsigned ip);
 
     /// The same with a dotted text. For an IPv6 group the text is not used: datagrams to groups go out on the

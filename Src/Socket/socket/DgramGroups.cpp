@@ -4,6 +4,8 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <cerrno>
+
 namespace Orvex::Reticor {
 
 void DgramGroups::receive_joined_only(int handle, bool is_ipv4) {
@@ -27,23 +29,29 @@ int DgramGroups::join(int handle, const SockAddrRecord& group) {
     }
     if (result == 0) {
         m_group = group;
+        m_on_default_interface = true;
     }
     return result;
 }
 
 void DgramGroups::forget() {
     m_group = SockAddrRecord();
+    m_on_default_interface = false;
 }
 
+// The kernel takes a request without an interface for the one that its routes name, and would drop a
+// membership that has been moved there: whether there is one to move is known here.
 DgramGroups::Step DgramGroups::move_to(int handle, unsigned ip) {
-    ip_mreq request{};
-    // An IPv6 group has no IPv4 address, and the system refuses the zero that stands for it.
-    if (m_group.is_ipv4()) {
-        request.imr_multiaddr = m_group.ipv4().sin_addr;
+    if (!m_group.is_ipv4() || !m_on_default_interface) {
+        errno = EADDRNOTAVAIL;
+        return Step::drop;
     }
+    ip_mreq request{};
+    request.imr_multiaddr = m_group.ipv4().sin_addr;
     if (::setsockopt(handle, IPPROTO_IP, IP_DROP_MEMBERSHIP, &request, sizeof request) == -1) {
         return Step::drop;
     }
+    m_on_default_interface = false;
     request.imr_interface.s_addr = htonl(ip);
     if (::setsockopt(handle, IPPROTO_IP, IP_ADD_MEMBERSHIP, &request, sizeof request) == -1) {
         return Step::add;

@@ -29,7 +29,7 @@ public:
     enum class Step { drop, add, send_through, done };
     /// Moves the membership of the group from the default interface to the one with the address `ip`, in host
     /// order, and sends to groups through that. `done`, or the step that failed, with errno: the former steps
-    /// stay done.
+    /// stay done. Without an IPv4 membership on the default interface, `drop` fails with EADDRNOTAVAIL.
     Step move_to(int handle, unsigned ip);
     /// Sends to IPv6 groups through the default interface.
     static int send_through_default(int handle);
@@ -39,7 +39,8 @@ public:
     int set_loop(int handle, bool on) const;
 
 private:
-    SockAddrRecord m_group;  ///< Of no family while none is joined.
+    SockAddrRecord m_group;               ///< Of no family while none is joined.
+    bool m_on_default_interface = false;  ///< The membership is where `join` made it.
 };
 
 }  // namespace Orvex::Reticor

@@ -106,9 +106,9 @@ int CSockDgram::Open(const CSockAddr* addr, bool reuseaddr) {
     }
     if (m_handle != -1) {
         Close();
-        m_record->m_remote_addr.reset();
-        m_record->m_groups.forget();
     }
+    m_record->m_remote_addr.reset();
+    m_record->m_groups.forget();
     m_record->m_is_ipv4 = addr == nullptr || SockAddrRecord::family_type_of(*addr) == SOCKADDR_TYPE_IPV4;
     m_handle = ::socket(m_record->m_is_ipv4 ? AF_INET : AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (m_handle < 0) {

@@ -260,6 +260,63 @@ TEST_F(DgramGroups, MembershipMovesToAnotherInterfaceOnce) {
                                         "assign requested address\n"));
 }
 
+// The kernel would take the default interface for wherever its routes lead, and drop what has moved there.
+TEST_F(DgramGroups, MembershipMovesOnceEvenOntoTheDefaultInterfaceItself) {
+    CSockDgram sock;
+    if (!opens(sock, CSockAddrIPv4(GROUP4, 0)) || !net.made()) {
+        return;
+    }
+    ASSERT_EQ(0, sock.SetMulticastIF(MulticastNet::FIRST_IPV4));
+    const LogCapture log;
+    EXPECT_EQ(-1, sock.SetMulticastIF(MulticastNet::SECOND_IPV4));
+    EXPECT_EQ(EADDRNOTAVAIL, errno);
+    EXPECT_THAT(texts(log), ElementsAre(std::string(START) +
+                                        "SetMulticastIF : IP_DROP_MEMBERSHIP failed,errno:99, errmsg Cannot "
+                                        "assign requested address\n"));
+    const CSockAddrIPv4 group(GROUP4, portOf(sock));
+    EXPECT_EQ(4, sock.Send("stay", 4, &group));
+    EXPECT_EQ("stay", receive(sock)) << "the membership that there is remains";
+}
+
+TEST_F(DgramGroups, MembershipMovesAgainAfterANewOpen) {
+    CSockDgram sock;
+    for (int life = 0; life < 2; ++life) {
+        if (!opens(sock, CSockAddrIPv4(GROUP4, 0)) || !net.made()) {
+            return;
+        }
+        EXPECT_EQ(0, sock.SetMulticastIF(MulticastNet::SECOND_IPV4)) << life;
+    }
+}
+
+TEST_F(DgramGroups, IPv6GroupHasNoIPv4MembershipToMove) {
+    CSockDgram sock;
+    if (!opens(sock, CSockAddrIPv6(GROUP6, 0))) {
+        return;
+    }
+    const LogCapture log;
+    // What a system says that has no IPv4 route when it is asked to drop what cannot be there.
+    const FailNext fail(SystemCall::setsockopt, ENODEV);
+    EXPECT_EQ(-1, sock.SetMulticastIF(0x0A4D0101u));
+    EXPECT_EQ(EADDRNOTAVAIL, errno);
+    EXPECT_THAT(texts(log), ElementsAre(std::string(START) +
+                                        "SetMulticastIF : IP_DROP_MEMBERSHIP failed,errno:99, errmsg Cannot "
+                                        "assign requested address\n"));
+}
+
+TEST_F(DgramGroups, OpenAfterCloseForgetsTheGroup) {
+    CSockDgram sock;
+    if (!opens(sock, CSockAddrIPv4(GROUP4, 0))) {
+        return;
+    }
+    sock.Close();
+    ASSERT_EQ(0, sock.Open(nullptr));
+    const LogCapture log;
+    EXPECT_EQ(-1, sock.SetMulticastLoop(true));
+    EXPECT_THAT(texts(log),
+                ElementsAre(std::string(START) +
+                            "SetMulticastLoop : IP_MULTICAST_LOOP failed, multicast addr:(nil)\n"));
+}
+
 TEST_F(DgramGroups, EachRefusedStepOfAMoveIsLogged) {
     const char* const lines[] = {"IP_DROP_MEMBERSHIP failed,errno:105, errmsg No buffer space available\n",
                                  "IP_ADD_MEMBERSHIP failed, No buffer space available\n",

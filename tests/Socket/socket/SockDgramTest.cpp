@@ -174,6 +174,20 @@ TEST(SockDgramOpen, SecondOpenClosesTheFirstSocketAndForgetsItsPeer) {
                 ElementsAre("2 Orvex::Reticor::CSockDgram::Send : send to failed! remote is null \n"));
 }
 
+TEST(SockDgramOpen, OpenAfterCloseForgetsThePeer) {
+    Receiver peer;
+    CSockDgram sock;
+    sock.Open(nullptr);
+    const CSockAddrIPv4 remote(loopback_ip, peer.port);
+    ASSERT_EQ(0, sock.SetRemote(&remote));
+    sock.Close();
+    ASSERT_EQ(0, sock.Open(nullptr));
+    const LogCapture log;
+    EXPECT_EQ(-1, sock.Send("x", 1, nullptr));
+    EXPECT_THAT(texts(log),
+                ElementsAre("2 Orvex::Reticor::CSockDgram::Send : send to failed! remote is null \n"));
+}
+
 TEST(SockDgramOpen, AddressOfNoFamilyLeavesAnIPv6SocketOpenAndUnbound) {
     const CSockAddrStorage empty;
     const CUnknownAddr unknown;
