@@ -1,7 +1,4 @@
 # What media_relay needs beyond its sources: libjpeg-turbo for the test picture, and page.html inside the program.
-find_package(PkgConfig REQUIRED)
-pkg_check_modules(turbojpeg REQUIRED IMPORTED_TARGET libturbojpeg)
-find_package(nlohmann_json REQUIRED)
 target_link_libraries(media_relay PRIVATE PkgConfig::turbojpeg nlohmann_json::nlohmann_json)
 
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${CMAKE_CURRENT_LIST_DIR}/page.html)

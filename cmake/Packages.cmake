@@ -1,0 +1,43 @@
+# What is built besides the library needs packages that a user of the library may not have. What is missing is left
+# out, with one line that says so; the library itself needs none of them.
+
+function(reticor_leave_out what missing)
+  message(STATUS "Reticor: ${what} left out: ${missing} is missing (script/bootstrap installs it)")
+endfunction()
+
+set(RETICOR_WITH_EXAMPLES OFF)
+if(RETICOR_BUILD_EXAMPLES)
+  find_path(RETICOR_CLI11 CLI/CLI.hpp)
+  if(RETICOR_CLI11)
+    set(RETICOR_WITH_EXAMPLES ON)
+  else()
+    reticor_leave_out("examples and tools" CLI11)
+  endif()
+endif()
+
+# The relay draws its test picture and writes its figures as JSON.
+set(RETICOR_WITH_RELAY OFF)
+if(RETICOR_WITH_EXAMPLES)
+  find_package(PkgConfig QUIET)
+  if(PkgConfig_FOUND)
+    pkg_check_modules(turbojpeg QUIET IMPORTED_TARGET libturbojpeg)
+  endif()
+  find_package(nlohmann_json QUIET)
+  if(NOT turbojpeg_FOUND)
+    reticor_leave_out("media_relay and its tests" "libturbojpeg (found by pkg-config)")
+  elseif(NOT nlohmann_json_FOUND)
+    reticor_leave_out("media_relay and its tests" nlohmann-json)
+  else()
+    set(RETICOR_WITH_RELAY ON)
+  endif()
+endif()
+
+set(RETICOR_WITH_TESTS OFF)
+if(RETICOR_BUILD_TESTS)
+  find_package(GTest QUIET CONFIG)
+  if(TARGET GTest::gmock_main)
+    set(RETICOR_WITH_TESTS ON)
+  else()
+    reticor_leave_out(tests "GoogleTest with GoogleMock")
+  endif()
+endif()
