@@ -57,7 +57,7 @@ public:
     /// Names the handler that gets MEDIA_RECEIVER_FAILED, each time, and MEDIA_RECEIVER_ENDED; 0 for nobody.
     void WaitException(long id);
 
-    /// Kept for old callers: logs a line at level 3.
+    /// Has no effect but a log line at level 3; part of the interface.
     void SetFrameRate(unsigned int rate);
 
     /// Starts the calls, or resumes them after StopReceive; either way the next unit sets the clock anew.
@@ -91,12 +91,7 @@ public:
     virtual int handle_stream_write();
 
 private:
-    friend class CReceiverThread;
-
-    long long do_receive();
-    bool receive_paced(long long& result);
-    void print(const char* moment);
-    void __handle_timer_close();
+    class RETICOR_HIDDEN Turn;
 
     MediaReceiverState* m_state;  ///< Owned.
 };

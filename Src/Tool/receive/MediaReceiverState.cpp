@@ -3,15 +3,15 @@
 
 namespace Orvex::Reticor {
 
-int64_t scaleMediaTime(long long media_us, float speed) {
-    // Single precision is what media clocks of this library have always had: it limits their resolution.
+int64_t scale_media_time(long long media_us, float speed) {
+    // Single precision is part of the interface: it limits the resolution of media clocks.
     const float scaled = static_cast<float>(media_us) / speed;
-    constexpr float limit = 9223372036854775808.0F;
-    return scaled >= -limit && scaled < limit ? static_cast<int64_t>(scaled) : INT64_MIN;
+    constexpr float LIMIT = 9223372036854775808.0F;
+    return scaled >= -LIMIT && scaled < LIMIT ? static_cast<int64_t>(scaled) : INT64_MIN;
 }
 
 void MediaReceiverState::pace(long long media_us, uint64_t now_us, int64_t period_us) {
-    const auto scaled = static_cast<uint64_t>(scaleMediaTime(media_us, m_speed));
+    const auto scaled = static_cast<uint64_t>(scale_media_time(media_us, m_speed));
     if (m_first_time == NOT_SEEN) {
         m_first_time = scaled;
         m_start_time = now_us;

@@ -7,24 +7,22 @@
 #include <Infra/Mutex.h>
 #include <Reticor/MediaStreamReceiver.h>
 
+#include "Tool/receive/PacedReceiver.h"
+
 namespace Orvex::Reticor {
 
-/// In the order of their meaning; the numbers are fixed.
-enum : int32_t {
-    RECEIVER_CLOSED = 0,   ///< Waits for its thread to drop it, which ends the object: touch it no more.
-    RECEIVER_CREATED = 1,  ///< On no thread.
-    RECEIVER_RUNNING = 2,
-    RECEIVER_STOPPED = 3,  ///< Still on its thread.
-    RECEIVER_CLOSING = 4,  ///< For a moment, inside Close.
-};
+/// The pace is its own; what is called at that pace is the receiver's.
+struct MediaReceiverState : CPacedReceiver_IF {
+    explicit MediaReceiverState(CMediaStreamReceiver& receiver) : m_receiver(receiver) {}
+    virtual ~MediaReceiverState() = default;
 
-struct MediaReceiverState {
     static constexpr uint64_t NOT_SEEN = ~uint64_t{0};
 
     /// What becomes of a unit whose media time is known: sets the clock by the first one, and tells after how
     /// many ticks of `period_us` the next one is due; 0 or less means at once.
     void pace(long long media_us, uint64_t now_us, int64_t period_us) INFRA_REQUIRES(m_mutex);
 
+    CMediaStreamReceiver& m_receiver;
     /// Handler to tell of failure and of the end. Set and read without a lock, as is m_mode.
     std::atomic<long> m_exception_id{0};
     std::atomic<receiver_mode> m_mode{receiver_active};
@@ -39,15 +37,10 @@ struct MediaReceiverState {
     int32_t m_wait_ticks = 1;
     float m_speed INFRA_GUARDED_BY(m_mutex) = 1.0F;
     Infra::CMutex m_mutex;
-    /// Link of the thread's list, guarded by the thread's mutex.
-    CMediaStreamReceiver* m_next = nullptr;
-    /// Changed under m_mutex, but for the last change, and read by the thread without it. Whoever has stored
-    /// RECEIVER_CLOSED has no right to the object any more.
-    std::atomic<int32_t> m_state{RECEIVER_CREATED};
 };
 
 /// `media_us` divided by `speed`, in single precision, cut to a whole number. What no 64-bit number holds (an
 /// infinity, no number at all) gives INT64_MIN, as the machine's own conversion does.
-int64_t scaleMediaTime(long long media_us, float speed);
+int64_t scale_media_time(long long media_us, float speed);
 
 }  // namespace Orvex::Reticor

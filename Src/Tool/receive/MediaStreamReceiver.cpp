@@ -1,4 +1,4 @@
-// CMediaStreamReceiver: its states, and the call of one tick.
+// CMediaStreamReceiver: its states, and its turn in each tick.
 #include <Reticor/MediaStreamReceiver.h>
 
 #include <atomic>
@@ -27,9 +27,98 @@ std::atomic<int32_t> g_print{0};
 
 const R3Command g_receiver_command(&r3StoreFlag<g_print>, "mediastreamreceiver", HELP_MEDIASTREAMRECEIVER);
 
+/// The call of one tick by the name that its lines give it.
+constexpr char DO_RECEIVE[] = "Orvex::Reticor::CMediaStreamReceiver::do_receive";
+
 }  // namespace
 
-CMediaStreamReceiver::CMediaStreamReceiver() : m_state(new MediaReceiverState) {}
+/// A receiver on its thread's list.
+class CMediaStreamReceiver::Turn final : public MediaReceiverState {
+public:
+    using MediaReceiverState::MediaReceiverState;
+
+    void turn() override;
+    void close() override;
+
+private:
+    bool receive_paced(long long& result);
+    void print(const char* moment);
+    void tell_failure(long id);
+};
+
+void CMediaStreamReceiver::Turn::turn() {
+    const bool printing = g_print.load(std::memory_order_relaxed) != 0;
+    if (printing) {
+        print("begin");
+    }
+    long long result = 0;
+    switch (m_mode.load(std::memory_order_relaxed)) {
+        case receiver_write:
+            result = m_receiver.handle_stream_write();
+            break;
+        case receiver_active:
+            result = m_receiver.handle_stream_input();
+            break;
+        default:
+            if (!receive_paced(result)) {
+                return;
+            }
+    }
+    if (printing) {
+        print("end");
+    }
+    const long id = m_exception_id.load(std::memory_order_relaxed);
+    if (result < 0 && id != 0) {
+        tell_failure(id);
+    }
+}
+
+// The receiver may be gone after its Close.
+void CMediaStreamReceiver::Turn::close() {
+    CMediaStreamReceiver& receiver = m_receiver;
+    if (const long id = m_exception_id.load(std::memory_order_relaxed); id != 0) {
+        receiver.Notify(id, MEDIA_RECEIVER_ENDED, 0);
+    }
+    receiver.CNetHandler::Close();
+}
+
+// Delivers what is due in this tick. False if the tick is skipped.
+bool CMediaStreamReceiver::Turn::receive_paced(long long& result) {
+    for (int count = 1;; ++count) {
+        // Without a sign, since a receiver that has nothing to deliver for ever counts down for ever.
+        m_wait_ticks = static_cast<int32_t>(static_cast<uint32_t>(m_wait_ticks) - 1);
+        if (m_wait_ticks > 0) {
+            return false;
+        }
+        result = m_receiver.handle_passive_input();
+        Infra::CGuard guard(m_mutex);
+        if (result < 1 || m_state.load(std::memory_order_relaxed) != RECEIVER_RUNNING) {
+            return true;
+        }
+        pace(result, Infra::CTime::getCurrentMicroSecond(), ReceiverGroup::PeriodUs());
+        if (m_wait_ticks > 0 || count >= UNITS_PER_TICK) {
+            result = 0;
+            return true;
+        }
+    }
+}
+
+void CMediaStreamReceiver::Turn::print(const char* moment) {
+    R3Printf("%s, object:%p, class:%s handle_stream_input %s at %ju us\n", DO_RECEIVE,
+             static_cast<void*>(&m_receiver), className(m_receiver).c_str(), moment,
+             static_cast<uintmax_t>(Infra::CTime::getCurrentMicroSecond()));
+}
+
+// The line is the receiver's, though it is written here.
+void CMediaStreamReceiver::Turn::tell_failure(long id) {
+    if (Infra::logEnabled(3)) {
+        Infra::Detail::logMember(3, __FILE__, DO_RECEIVE, __LINE__, &m_receiver,
+                                 "MediaStreamReceiver do_receive socket exception!\n");
+    }
+    m_receiver.Notify(id, MEDIA_RECEIVER_FAILED, 0);
+}
+
+CMediaStreamReceiver::CMediaStreamReceiver() : m_state(new Turn(*this)) {}
 
 CMediaStreamReceiver::~CMediaStreamReceiver() {
     delete m_state;
@@ -58,8 +147,8 @@ void CMediaStreamReceiver::StartReceive(long long start_offset, float speed) {
             m_state->m_state.store(RECEIVER_RUNNING, std::memory_order_release);
             break;
         case RECEIVER_CREATED:
-            if (ReceiverGroup::Add(this, m_state->m_mode.load(std::memory_order_relaxed) == receiver_write) !=
-                0) {
+            if (ReceiverGroup::Add(m_state,
+                                   m_state->m_mode.load(std::memory_order_relaxed) == receiver_write) != 0) {
                 INFRA_LOG(2, "%s : Thread start failed.\n", INFRA_FUNCTION);
             } else {
                 m_state->m_state.store(RECEIVER_RUNNING, std::memory_order_release);
@@ -88,16 +177,8 @@ void CMediaStreamReceiver::Close() {
     // From this store on the receiver's thread may end the object, unless it is on none.
     m_state->m_state.store(RECEIVER_CLOSED, std::memory_order_release);
     if (before == RECEIVER_CREATED) {
-        __handle_timer_close();
+        m_state->close();
     }
-}
-
-// After this the object may be gone.
-void CMediaStreamReceiver::__handle_timer_close() {
-    if (const long id = m_state->m_exception_id.load(std::memory_order_relaxed); id != 0) {
-        Notify(id, MEDIA_RECEIVER_ENDED, 0);
-    }
-    CNetHandler::Close();
 }
 
 int CMediaStreamReceiver::handle_stream_input() {
@@ -110,63 +191,6 @@ long long CMediaStreamReceiver::handle_passive_input() {
 
 int CMediaStreamReceiver::handle_stream_write() {
     return -1;
-}
-
-long long CMediaStreamReceiver::do_receive() {
-    const bool printing = g_print.load(std::memory_order_relaxed) != 0;
-    if (printing) {
-        print("begin");
-    }
-    long long result = 0;
-    switch (m_state->m_mode.load(std::memory_order_relaxed)) {
-        case receiver_write:
-            result = handle_stream_write();
-            break;
-        case receiver_active:
-            result = handle_stream_input();
-            break;
-        default:
-            if (!receive_paced(result)) {
-                return 0;
-            }
-    }
-    if (printing) {
-        print("end");
-    }
-    const long id = m_state->m_exception_id.load(std::memory_order_relaxed);
-    if (result < 0 && id != 0) {
-        INFRA_LOG(3, "MediaStreamReceiver do_receive socket exception!\n");
-        Notify(id, MEDIA_RECEIVER_FAILED, 0);
-    }
-    return result;
-}
-
-// Delivers what is due in this tick. False if the tick is skipped, or units that are not due yet follow those
-// that were delivered.
-bool CMediaStreamReceiver::receive_paced(long long& result) {
-    for (int count = 1;; ++count) {
-        // Without a sign, since a receiver that has nothing to deliver for ever counts down for ever.
-        m_state->m_wait_ticks = static_cast<int32_t>(static_cast<uint32_t>(m_state->m_wait_ticks) - 1);
-        if (m_state->m_wait_ticks > 0) {
-            return false;
-        }
-        result = handle_passive_input();
-        Infra::CGuard guard(m_state->m_mutex);
-        if (result < 1 || m_state->m_state.load(std::memory_order_relaxed) != RECEIVER_RUNNING) {
-            return true;
-        }
-        m_state->pace(result, Infra::CTime::getCurrentMicroSecond(), ReceiverGroup::PeriodUs());
-        if (m_state->m_wait_ticks > 0 || count >= UNITS_PER_TICK) {
-            result = 0;
-            return true;
-        }
-    }
-}
-
-void CMediaStreamReceiver::print(const char* moment) {
-    R3Printf("%s, object:%p, class:%s handle_stream_input %s at %ju us\n",
-             "Orvex::Reticor::CMediaStreamReceiver::do_receive", static_cast<void*>(this),
-             className(*this).c_str(), moment, static_cast<uintmax_t>(Infra::CTime::getCurrentMicroSecond()));
 }
 
 }  // namespace Orvex::Reticor

@@ -3,9 +3,7 @@
 
 #include <sched.h>
 
-#include <atomic>
 #include <cerrno>
-#include <cstddef>
 #include <cstring>
 
 #include <Infra/Log.h>
@@ -29,14 +27,15 @@ bool apply(const Mask& mask) {
 
 }  // namespace
 
+std::atomic<bool> ProcessorPin::sm_refusal_logged{false};
+
 ProcessorPin::ProcessorPin(unsigned int processor) {
-    static std::atomic<bool> logged{false};
     Mask mask;
     std::memset(&mask, 0, sizeof mask);
     CPU_SET_S(processor, sizeof mask, mask.sets);
     if (!apply(mask)) {
         const int error = errno;
-        if (!logged.exchange(true, std::memory_order_relaxed)) {
+        if (!sm_refusal_logged.exchange(true, std::memory_order_relaxed)) {
             INFRA_LOG(3, "%s : processor %u is refused, %s\n", INFRA_FUNCTION, processor,
                       GetSockErrorText(error).c_str());
         }

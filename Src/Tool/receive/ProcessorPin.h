@@ -1,6 +1,8 @@
 // ProcessorPin: keeps the calling thread on one processor while it lives.
 #pragma once
 
+#include <atomic>
+
 namespace Orvex::Reticor {
 
 /// See sched_setaffinity(2). A processor that this process may not use is refused by the kernel: that is
@@ -12,6 +14,9 @@ public:
     ~ProcessorPin();
     ProcessorPin(const ProcessorPin&) = delete;
     ProcessorPin& operator=(const ProcessorPin&) = delete;
+
+private:
+    static std::atomic<bool> sm_refusal_logged;
 };
 
 }  // namespace Orvex::Reticor

@@ -6,9 +6,8 @@
 
 #include <Infra/Log.h>
 #include <Infra/Time.h>
-#include <Reticor/MediaStreamReceiver.h>
 
-#include "Tool/receive/MediaReceiverState.h"
+#include "Tool/receive/PacedReceiver.h"
 #include "Tool/receive/ProcessorPin.h"
 
 namespace Orvex::Reticor {
@@ -37,9 +36,9 @@ CReceiverThread::~CReceiverThread() {
     }
     delete thread;
     Infra::CGuard guard(m_mutex);
-    while (CMediaStreamReceiver* const receiver = m_head) {
-        m_head = receiver->m_state->m_next;  // Before the call: a worker may delete the receiver at once.
-        receiver->__handle_timer_close();
+    while (CPacedReceiver_IF* const receiver = m_head) {
+        m_head = receiver->m_next;  // Before the call: a worker may delete the receiver at once.
+        receiver->close();
         --m_number;
     }
     m_tail = nullptr;
@@ -51,11 +50,11 @@ int CReceiverThread::Number() const {
     return m_number;
 }
 
-int CReceiverThread::Add(CMediaStreamReceiver* receiver, const ReceiverScheduling& scheduling) {
+int CReceiverThread::Add(CPacedReceiver_IF* receiver, const ReceiverScheduling& scheduling) {
     Infra::CGuard guard(m_mutex);
-    receiver->m_state->m_next = nullptr;
+    receiver->m_next = nullptr;
     if (m_tail != nullptr) {
-        m_tail->m_state->m_next = receiver;
+        m_tail->m_next = receiver;
     } else {
         m_head = receiver;
     }
@@ -112,15 +111,15 @@ void CReceiverThread::thread_proc(Infra::CThreadLite& thread) {
 
 // Calls every receiver once. False if there is none.
 bool CReceiverThread::pass() {
-    CMediaStreamReceiver* receiver = first_receiver();
+    CPacedReceiver_IF* receiver = first_receiver();
     if (receiver == nullptr) {
         return false;
     }
     while (receiver != nullptr) {
-        drop_closed_behind(receiver);
+        drop_closed_after(receiver);
         // With no lock held: callbacks may start, stop and close receivers.
-        if (receiver->m_state->m_state.load(std::memory_order_acquire) == RECEIVER_RUNNING) {
-            receiver->do_receive();
+        if (receiver->m_state.load(std::memory_order_acquire) == RECEIVER_RUNNING) {
+            receiver->turn();
         }
         receiver = after(receiver);
     }
@@ -128,12 +127,12 @@ bool CReceiverThread::pass() {
 }
 
 // The first receiver that is not closed; those before it are dropped.
-CMediaStreamReceiver* CReceiverThread::first_receiver() {
+CPacedReceiver_IF* CReceiverThread::first_receiver() {
     Infra::CGuard guard(m_mutex);
-    while (m_head != nullptr && m_head->m_state->m_state.load(std::memory_order_acquire) == RECEIVER_CLOSED) {
-        CMediaStreamReceiver* const closed = m_head;
-        m_head = closed->m_state->m_next;  // Before the call: a worker may delete the receiver at once.
-        closed->__handle_timer_close();
+    while (m_head != nullptr && m_head->m_state.load(std::memory_order_acquire) == RECEIVER_CLOSED) {
+        CPacedReceiver_IF* const closed = m_head;
+        m_head = closed->m_next;  // Before the call: a worker may delete the receiver at once.
+        closed->close();
         --m_number;
     }
     if (m_head == nullptr) {
@@ -142,26 +141,26 @@ CMediaStreamReceiver* CReceiverThread::first_receiver() {
     return m_head;
 }
 
-void CReceiverThread::drop_closed_behind(CMediaStreamReceiver* receiver) {
+void CReceiverThread::drop_closed_after(CPacedReceiver_IF* receiver) {
     Infra::CGuard guard(m_mutex);
-    CMediaStreamReceiver* next = receiver->m_state->m_next;
-    while (next != nullptr && next->m_state->m_state.load(std::memory_order_acquire) == RECEIVER_CLOSED) {
-        CMediaStreamReceiver* const closed = next;
-        next = closed->m_state->m_next;  // Before the call: a worker may delete the receiver at once.
-        receiver->m_state->m_next = next;
+    CPacedReceiver_IF* next = receiver->m_next;
+    while (next != nullptr && next->m_state.load(std::memory_order_acquire) == RECEIVER_CLOSED) {
+        CPacedReceiver_IF* const closed = next;
+        next = closed->m_next;  // Before the call: a worker may delete the receiver at once.
+        receiver->m_next = next;
         if (closed == m_tail) {
             m_tail = receiver;
         }
-        closed->__handle_timer_close();
+        closed->close();
         --m_number;
         assert(m_number > 0);
     }
 }
 
-CMediaStreamReceiver* CReceiverThread::after(CMediaStreamReceiver* receiver) {
+CPacedReceiver_IF* CReceiverThread::after(CPacedReceiver_IF* receiver) {
     Infra::CGuard guard(m_mutex);
     assert(m_number >= 1);
-    return receiver->m_state->m_next;
+    return receiver->m_next;
 }
 
 // Microseconds until the next tick; below 0 if the thread is behind, and then it catches up without a sleep.

@@ -8,7 +8,7 @@
 
 namespace Orvex::Reticor {
 
-class CMediaStreamReceiver;
+class CPacedReceiver_IF;
 
 /// Scheduling values of a thread that is started.
 struct ReceiverScheduling {
@@ -37,7 +37,7 @@ public:
 
     /// Takes a receiver, and starts the thread if it is the only one. -1, without the receiver, if that
     /// fails. Blocks while an earlier run of the thread ends.
-    int Add(CMediaStreamReceiver* receiver, const ReceiverScheduling& scheduling);
+    int Add(CPacedReceiver_IF* receiver, const ReceiverScheduling& scheduling);
 
     /// Receivers that it has.
     int Number() const;
@@ -49,9 +49,9 @@ private:
     void align(uint64_t now_us);
     void thread_proc(Infra::CThreadLite& thread);
     bool pass();
-    CMediaStreamReceiver* first_receiver();
-    void drop_closed_behind(CMediaStreamReceiver* receiver);
-    CMediaStreamReceiver* after(CMediaStreamReceiver* receiver);
+    CPacedReceiver_IF* first_receiver();
+    void drop_closed_after(CPacedReceiver_IF* receiver);
+    CPacedReceiver_IF* after(CPacedReceiver_IF* receiver);
     int64_t next_due(uint64_t now_us);
 
     /// Microsecond time from which ticks are counted.
@@ -62,8 +62,8 @@ private:
     /// Ticks since m_base_time.
     uint64_t m_tick = 0;
     const int64_t m_period_us;
-    CMediaStreamReceiver* m_head INFRA_GUARDED_BY(m_mutex) = nullptr;
-    CMediaStreamReceiver* m_tail INFRA_GUARDED_BY(m_mutex) = nullptr;
+    CPacedReceiver_IF* m_head INFRA_GUARDED_BY(m_mutex) = nullptr;
+    CPacedReceiver_IF* m_tail INFRA_GUARDED_BY(m_mutex) = nullptr;
     mutable Infra::CMutex m_mutex;
     int32_t m_number INFRA_GUARDED_BY(m_mutex) = 0;
     /// Owned. Made at the first start.

@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdio>
+#include <cstring>
 #include <limits>
 
 #include "R3/print/FuncBox.h"
@@ -124,6 +126,22 @@ TEST_F(MediaStreamReceiverTest, NegativeResultIsToldOnEveryTickAndTheCallsGoOn) 
         tick();
         messages();
     }
+}
+
+TEST_F(MediaStreamReceiverTest, LineOfANegativeResultNamesTheReceiverAndTheCallOfOneTick) {
+    TestReceiver* const receiver = start(receiver_active);
+    receiver->on_input = [] { return -1; };
+    const LogCapture log;
+    tick();
+    ASSERT_EQ(1u, log.lines().size());
+    const CapturedLine line = log.lines()[0];
+    char start_of_line[128];
+    std::snprintf(start_of_line, sizeof start_of_line,
+                  "[Src/Tool/MediaStreamReceiver.cpp:%d] this:%p tid:", line.line,
+                  static_cast<void*>(receiver));
+    EXPECT_EQ(start_of_line, line.start.substr(0, std::strlen(start_of_line)));
+    EXPECT_EQ("Orvex::Reticor::CMediaStreamReceiver::do_receive", line.function);
+    EXPECT_EQ("Src/Tool/MediaStreamReceiver.cpp", line.file);
 }
 
 TEST_F(MediaStreamReceiverTest, ResultsFromZeroOnAreNotTold) {
@@ -445,23 +463,23 @@ TEST_F(MediaStreamReceiverTest, AgreesWithAPlainReferenceOverManyRates) {
 }
 
 TEST(MediaReceiverState, MediaTimesAreScaledInSinglePrecision) {
-    EXPECT_EQ(scaleMediaTime(1000000, 1.0F), 1000000);
-    EXPECT_EQ(scaleMediaTime(1000000, 2.0F), 500000);
-    EXPECT_EQ(scaleMediaTime(5, 2.0F), 2);
-    EXPECT_EQ(scaleMediaTime(1000000, -2.0F), -500000);
-    EXPECT_EQ(scaleMediaTime(16777217, 1.0F), 16777216) << "24 bits";
-    EXPECT_EQ(scaleMediaTime(3600000000LL + 100, 1.0F), 3600000000LL) << "steps of 256 us after an hour";
-    EXPECT_EQ(scaleMediaTime(3600000000LL + 200, 1.0F), 3600000000LL + 256);
+    EXPECT_EQ(scale_media_time(1000000, 1.0F), 1000000);
+    EXPECT_EQ(scale_media_time(1000000, 2.0F), 500000);
+    EXPECT_EQ(scale_media_time(5, 2.0F), 2);
+    EXPECT_EQ(scale_media_time(1000000, -2.0F), -500000);
+    EXPECT_EQ(scale_media_time(16777217, 1.0F), 16777216) << "24 bits";
+    EXPECT_EQ(scale_media_time(3600000000LL + 100, 1.0F), 3600000000LL) << "steps of 256 us after an hour";
+    EXPECT_EQ(scale_media_time(3600000000LL + 200, 1.0F), 3600000000LL + 256);
 }
 
 TEST(MediaReceiverState, WhatNoNumberHoldsGivesTheLeastOne) {
     const float infinity = std::numeric_limits<float>::infinity();
     for (const float speed : {0.0F, -0.0F, std::nanf(""), 1e-30F, -1e-30F}) {
-        EXPECT_EQ(scaleMediaTime(1000000, speed), INT64_MIN) << speed;
+        EXPECT_EQ(scale_media_time(1000000, speed), INT64_MIN) << speed;
     }
-    EXPECT_EQ(scaleMediaTime(1000000, infinity), 0);
-    EXPECT_EQ(scaleMediaTime(INT64_MAX, 1.0F), INT64_MIN) << "rounded up to one too many";
-    EXPECT_EQ(scaleMediaTime(INT64_MAX, 2.0F), INT64_C(1) << 62);
+    EXPECT_EQ(scale_media_time(1000000, infinity), 0);
+    EXPECT_EQ(scale_media_time(INT64_MAX, 1.0F), INT64_MIN) << "rounded up to one too many";
+    EXPECT_EQ(scale_media_time(INT64_MAX, 2.0F), INT64_C(1) << 62);
 }
 
 // ---- Trace ---------------------------------------------------------------------------------------------

@@ -45,11 +45,11 @@ struct ReceiverThreadProbe {
     static void place(CReceiverThread& thread, CMediaStreamReceiver& receiver) {
         Infra::CGuard guard(thread.m_mutex);
         if (thread.m_tail != nullptr) {
-            ReceiverProbe::of(*thread.m_tail).m_next = &receiver;
+            thread.m_tail->m_next = &ReceiverProbe::of(receiver);
         } else {
-            thread.m_head = &receiver;
+            thread.m_head = &ReceiverProbe::of(receiver);
         }
-        thread.m_tail = &receiver;
+        thread.m_tail = &ReceiverProbe::of(receiver);
         ++thread.m_number;
         ReceiverProbe::of(receiver).m_state = RECEIVER_STOPPED;
     }
@@ -57,10 +57,12 @@ struct ReceiverThreadProbe {
     static std::vector<CMediaStreamReceiver*> list(CReceiverThread& thread) {
         Infra::CGuard guard(thread.m_mutex);
         std::vector<CMediaStreamReceiver*> found;
-        for (auto* one = thread.m_head; one != nullptr; one = ReceiverProbe::of(*one).m_next) {
-            found.push_back(one);
+        CPacedReceiver_IF* last = nullptr;
+        for (CPacedReceiver_IF* one = thread.m_head; one != nullptr; one = one->m_next) {
+            found.push_back(&static_cast<MediaReceiverState*>(one)->m_receiver);
+            last = one;
         }
-        EXPECT_EQ(thread.m_tail, found.empty() ? nullptr : found.back());
+        EXPECT_EQ(last, thread.m_tail);
         EXPECT_EQ(thread.m_number, static_cast<int>(found.size()));
         return found;
     }
