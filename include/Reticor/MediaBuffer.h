@@ -44,16 +44,18 @@ struct MediaBufferStats {
 /// sockets included, is done under one lock, for which other callers wait.
 ///
 /// Call-backs (Release and GetBuffer of packets, Put of taps, send procedures) run with that lock held. They
-/// must not take a lock under which the product calls the buffer. From inside one, AddSender and DelSender
-/// are noted and done when the operation ends, and a sender that is to go writes nothing more; taps can be
-/// added and removed, and the getters work. Put, do_send and Clear of the same buffer assert there, and so do
-/// EnableAutoSend, DisableAutoSend and the destruction of any buffer. A tap may put into another buffer, as
-/// long as the taps form no circle.
+/// must not take a lock under which the product calls the buffer. From inside one, AddSender and DelSender of
+/// the same buffer are noted: a sender that is to go writes nothing more and is off the list when the
+/// operation ends, one that is to come is on the list then. So it is with AddSender of another buffer for a
+/// sender that has been on a list before, which is how a send procedure moves its sender: DelSender here,
+/// AddSender there, and no frame is torn. Taps can be added and removed, and the getters work. Put, do_send
+/// and Clear of the same buffer assert there, and so do EnableAutoSend, DisableAutoSend and the destruction
+/// of any buffer. A tap may put into another buffer, as long as the taps form no circle.
 class RETICOR_API CMediaBuffer {
 public:
     CMediaBuffer();
     /// Releases all packets. Senders and taps should be off the lists: those that are not are let go as by
-    /// Clear.
+    /// Clear, and so are those that come while packets are released.
     virtual ~CMediaBuffer();
     CMediaBuffer(const CMediaBuffer&) = delete;
     CMediaBuffer& operator=(const CMediaBuffer&) = delete;
@@ -127,7 +129,6 @@ private:
     void check_valid_frames();
     void expire_hollow_frames();
     void rebuild_frame_list();
-    void take_over(CMediaStreamSender* sender);
     bool on_list(const CMediaStreamSender* sender) const;
     void add_sender(CMediaStreamSender* sender);
     void del_sender(CMediaStreamSender* sender);

@@ -65,6 +65,10 @@ struct MediaSkip {
 /// A sender that is taken off and added again goes on where it stood. Of a frame that was let go meanwhile it
 /// has kept the unwritten rest if it was in the middle, and ends it before it takes a new one.
 ///
+/// One sender, one connection: the place in the frame is the sender's and not the socket's. A sender that is
+/// attached to another connection in the middle of a frame goes on in the middle there. Make a new sender for
+/// a new connection.
+///
 /// Thread safety: operations may be called from any thread, and none blocks longer than the buffer's lock is
 /// held. Attach and Detach are for a sender that is on no list. The setters take no lock: the value is used
 /// from the next frame or write on.

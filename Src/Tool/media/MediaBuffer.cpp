@@ -9,6 +9,8 @@
 
 #include <Infra/Log.h>
 
+#include "Tool/media/TargetStepMark.h"
+
 namespace Orvex::Reticor {
 
 namespace {
@@ -40,11 +42,25 @@ TapRegistry& tapRegistry() {
 
 }  // namespace
 
-void MediaBufferState::apply(const NotedChange& change) {
-    if (change.what == NotedChange::add) {
-        m_owner.add_sender(change.sender);
-    } else {
-        m_owner.del_sender(change.sender);
+void MediaBufferState::drop_leaving() {
+    for (CMediaStreamSender* sender = m_sender_header; sender != nullptr;) {
+        const MediaSenderState& state = MediaSenderState::of(*sender);
+        CMediaStreamSender* const next = state.m_next;
+        if (state.m_leaving) {
+            m_owner.del_sender(sender);
+        }
+        sender = next;
+    }
+}
+
+/// Nobody is told.
+void MediaBufferState::empty_lists() {
+    while (CMediaStreamSender* const sender = m_sender_header) {
+        m_sender_header = MediaSenderState::of(*sender).m_next;
+        m_owner.unlink_sender(sender);
+    }
+    while (m_buffer_header != nullptr) {
+        m_owner.del_level2_buffer(m_buffer_header);
     }
 }
 
@@ -77,6 +93,7 @@ CMediaBuffer::~CMediaBuffer() {
         while (m_state->m_frame_header != nullptr) {
             delete_frame(unlink_head());
         }
+        m_state->empty_lists();  // What came inside the releases.
         m_state->m_core->m_end = nullptr;
     }
     delete m_state;
@@ -101,33 +118,23 @@ void CMediaBuffer::begin_list() {
 
 // Senders.
 
+// A sender that was on another buffer's list before brings along what it needs of that buffer's frames, under
+// that buffer's lock. Inside a call-back, with a lock held already, it comes when the thread holds none any
+// more.
 void CMediaBuffer::AddSender(CMediaStreamSender* sender) {
-    take_over(sender);
-    MediaStep step(m_state->m_core);
-    if (step.nested()) {
-        sender->AddRef();
-        m_state->m_core->m_noted.push_back({NotedChange::add, sender});
-        return;
-    }
-    add_sender(sender);
-}
-
-/// A sender that was on another buffer's list before still has its cursor there.
-void CMediaBuffer::take_over(CMediaStreamSender* sender) {
     MediaSenderState& state = *sender->m_state;
     const std::shared_ptr<MediaCore> before = state.core();
-    if (before == m_state->m_core) {
+    const bool moves = before && before != m_state->m_core;
+    if (m_state->m_core->steps_on_this_thread() || (moves && TargetStepMark::inside())) {
+        if (!state.m_coming.note(m_state->m_core)) {
+            INFRA_LOG(3, "CMediaBuffer::AddSender, sender:%p is on the list already\n",
+                      static_cast<void*>(sender));
+        }
         return;
     }
-    if (before) {
-        Infra::CGuard guard(before->m_mutex);
-        assert(state.m_list == nullptr && "a sender can be on the list of one buffer only");
-        if (state.m_frame != nullptr && state.m_frame != state.m_tail) {
-            state.rescue_frame();
-        }
-        state.forget_order();
-    }
-    state.set_core(m_state->m_core);
+    state.move_to(m_state->m_core);
+    MediaStep step(m_state->m_core);
+    add_sender(sender);
 }
 
 void CMediaBuffer::add_sender(CMediaStreamSender* sender) {
@@ -152,18 +159,12 @@ void CMediaBuffer::add_sender(CMediaStreamSender* sender) {
 // as the socket may be closed as soon as this call returns, nothing is written to it any more.
 void CMediaBuffer::DelSender(CMediaStreamSender* sender) {
     MediaStep step(m_state->m_core);
+    sender->m_state->m_coming.take_back(*m_state->m_core);
     if (!step.nested()) {
         del_sender(sender);
-        return;
-    }
-    std::vector<NotedChange>& noted = m_state->m_core->m_noted;
-    const bool listed = on_list(sender);
-    const bool coming = std::any_of(noted.begin(), noted.end(),
-                                    [sender](const NotedChange& change) { return change.sender == sender; });
-    if (listed || coming) {
-        sender->AddRef();
-        sender->m_state->m_leaving = listed;
-        noted.push_back({NotedChange::remove, sender});
+    } else if (on_list(sender)) {
+        sender->m_state->m_leaving = true;
+        m_state->m_core->m_some_leave = true;
     }
 }
 
@@ -290,13 +291,7 @@ void CMediaBuffer::Clear() {
         INFRA_LOG(3, "%s:%d %s m_buffer_header:%p not null\n", __FILE__, __LINE__, INFRA_FUNCTION,
                   static_cast<void*>(m_state->m_buffer_header));
     }
-    while (CMediaStreamSender* const sender = m_state->m_sender_header) {
-        m_state->m_sender_header = sender->m_state->m_next;
-        unlink_sender(sender);
-    }
-    while (m_state->m_buffer_header != nullptr) {
-        del_level2_buffer(m_state->m_buffer_header);
-    }
+    m_state->empty_lists();
     while (m_state->m_frame_header != nullptr) {
         INFRA_LOG_PLAIN(3, "%s:%d %s CMediaBuffer::Clear,m_frame_header:%p\n", __FILE__, __LINE__,
                         INFRA_FUNCTION, static_cast<void*>(m_state->m_frame_header));
@@ -317,7 +312,7 @@ void CMediaBuffer::EnableAutoSend(unsigned long long interval) {
     TargetStepMark::assert_none();
     Infra::CGuard switching(m_state->m_auto_mutex);
     {
-        Infra::CGuard guard(m_state->m_core->m_mutex);
+        const CoreGuard guard(*m_state->m_core);
         if (std::exchange(m_state->m_auto_send, true)) {
             return;
         }
@@ -330,7 +325,7 @@ void CMediaBuffer::DisableAutoSend() {
     TargetStepMark::assert_none();
     Infra::CGuard switching(m_state->m_auto_mutex);
     {
-        Infra::CGuard guard(m_state->m_core->m_mutex);
+        const CoreGuard guard(*m_state->m_core);
         if (!std::exchange(m_state->m_auto_send, false)) {
             return;
         }
@@ -345,7 +340,7 @@ int CMediaBuffer::GetBufferNum() {
 }
 
 unsigned long long CMediaBuffer::GetBufferSize() {
-    Infra::CGuard guard(m_state->m_core->m_mutex);
+    const CoreGuard guard(*m_state->m_core);
     unsigned long long size = 0;
     for (const CFrame* frame = m_state->m_frame_header; frame != nullptr && frame->m_frame_len >= 1;
          frame = frame->m_next) {
@@ -355,7 +350,7 @@ unsigned long long CMediaBuffer::GetBufferSize() {
 }
 
 MediaBufferStats CMediaBuffer::GetStats() {
-    Infra::CGuard guard(m_state->m_core->m_mutex);
+    const CoreGuard guard(*m_state->m_core);
     MediaBufferStats stats;
     stats.byte_total = m_state->byte_total();
     stats.expired_frames = m_state->m_expired_frames;

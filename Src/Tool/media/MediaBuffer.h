@@ -10,6 +10,7 @@
 #include <Infra/Mutex.h>
 
 #include "Tool/media/MediaFrame.h"
+#include "Tool/media/MediaStep.h"
 #include "Tool/media/MediaStreamSender.h"
 #include "Tool/media/SenderHandler.h"
 
@@ -27,12 +28,15 @@ struct MediaBufferState final : SendTarget_IF, StepEnd_IF {
     explicit MediaBufferState(CMediaBuffer& owner) : m_owner(owner) { m_core->m_end = this; }
 
     void do_send() override { m_owner.do_send(); }
-    void apply(const NotedChange& change) override;
+    void drop_leaving() override;
+    void come(CMediaStreamSender& sender) override { m_owner.AddSender(&sender); }
 
     /// For the tests.
     static MediaBufferState& of(CMediaBuffer& buffer) { return *buffer.m_state; }
 
     uint64_t byte_total() const { return m_core->m_byte_total; }
+
+    void empty_lists();
 
     /// Whether a sender of the list stands on the frame, which must then stay.
     bool is_held(const CFrame& frame) const;

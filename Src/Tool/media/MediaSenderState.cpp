@@ -1,9 +1,9 @@
-// MediaSenderState, MediaStep: what a sender does when frames go away under it, and the frame of an operation
-// on a buffer. The sending itself is in MediaStreamSender.cpp.
-#include "Tool/media/MediaStreamSender.h"
-
+// MediaSenderState: how a sender comes to a buffer, and what it does when frames go away under it.
+#include <cassert>
 #include <cstring>
 #include <utility>
+
+#include "Tool/media/MediaStreamSender.h"
 
 namespace Orvex::Reticor {
 
@@ -27,58 +27,104 @@ private:
     const std::unique_ptr<char[]> m_bytes;
 };
 
-bool enter(MediaCore& core) INFRA_NO_THREAD_SAFETY_ANALYSIS {  // MediaStep's destructor leaves the mutex
-    core.m_mutex.enter();
-    if (core.m_stepping) {
-        return false;
-    }
-    core.m_stepping = true;
-    core.m_now_us = 0;
-    return true;
-}
-
 }  // namespace
-
-MediaStep::MediaStep(std::shared_ptr<MediaCore> core)
-    : m_core(std::move(core)), m_outermost(enter(*m_core)) {}
-
-// Dropping a reference can end a sender, so it is done with the mutex left.
-MediaStep::~MediaStep() INFRA_NO_THREAD_SAFETY_ANALYSIS {
-    std::vector<CMediaStreamSender*> gone;
-    if (m_outermost) {
-        apply_noted();
-        gone.swap(m_core->m_gone);
-        m_core->m_stepping = false;
-    }
-    m_core->m_mutex.leave();
-    for (CMediaStreamSender* sender : gone) {
-        sender->DecRef();
-    }
-}
-
-// Doing one thing can run call-backs that ask for more.
-void MediaStep::apply_noted() {
-    MediaCore& core = *m_core;
-    while (!core.m_noted.empty()) {
-        std::vector<NotedChange> noted;
-        noted.swap(core.m_noted);
-        for (const NotedChange& change : noted) {
-            if (core.m_end != nullptr) {
-                core.m_end->apply(change);
-            }
-            core.m_gone.push_back(change.sender);
-        }
-    }
-}
 
 std::shared_ptr<MediaCore> MediaSenderState::core() {
     Infra::CGuard guard(m_other_mutex);
     return m_core;
 }
 
-void MediaSenderState::set_core(const std::shared_ptr<MediaCore>& core) {
+std::shared_ptr<MediaCore> MediaSenderState::enter_core() INFRA_NO_THREAD_SAFETY_ANALYSIS {  // for the caller
+    for (;;) {
+        std::shared_ptr<MediaCore> mine = core();
+        if (!mine) {
+            return mine;
+        }
+        mine->m_mutex.enter();
+        if (core() == mine) {
+            return mine;
+        }
+        mine->m_mutex.leave();  // It has moved meanwhile.
+    }
+}
+
+bool MediaSenderState::change_core(const std::shared_ptr<MediaCore>& before,
+                                   const std::shared_ptr<MediaCore>& after) {
     Infra::CGuard guard(m_other_mutex);
-    m_core = core;
+    if (m_core != before) {
+        return false;
+    }
+    m_core = after;
+    return true;
+}
+
+void MediaSenderState::move_to(const std::shared_ptr<MediaCore>& core)
+    INFRA_NO_THREAD_SAFETY_ANALYSIS {  // enters by enter_core
+    const MediaSenderState& state = *this;
+    for (bool moved = false; !moved;) {
+        const std::shared_ptr<MediaCore> before = enter_core();
+        if (!before) {
+            moved = change_core(nullptr, core);
+            continue;
+        }
+        if (before != core) {
+            assert(state.m_list == nullptr && "a sender can be on the list of one buffer only");
+            if (m_frame != nullptr && m_frame != m_tail) {
+                rescue_frame();
+            }
+            forget_order();
+            change_core(before, core);
+        }
+        before->m_mutex.leave();
+        moved = true;
+    }
+}
+
+// Coming.
+
+bool MediaSenderState::Coming::note(const std::shared_ptr<MediaCore>& core) {
+    Infra::CGuard guard(m_mutex);
+    if (m_target == core) {
+        return false;
+    }
+    m_target = core;
+    if (!std::exchange(m_waits, true)) {
+        m_state.m_owner.AddRef();
+        TargetStepMark::await(*this);
+    }
+    return true;
+}
+
+bool MediaSenderState::Coming::take_back(const MediaCore& core) {
+    std::shared_ptr<MediaCore> target;  // Outlives the lock.
+    Infra::CGuard guard(m_mutex);
+    if (m_target.get() != &core) {
+        return false;
+    }
+    target.swap(m_target);
+    return true;
+}
+
+// The note stands until the sender is on the list, so that whoever takes it off meanwhile finds it in one
+// place.
+void MediaSenderState::Coming::come() {
+    for (;;) {
+        std::shared_ptr<MediaCore> target;
+        {
+            Infra::CGuard guard(m_mutex);
+            target = m_target;
+            if (!target) {
+                m_waits = false;
+                break;
+            }
+        }
+        m_state.move_to(target);
+        const CoreGuard guard(*target);
+        if (m_state.core() == target && take_back(*target) && target->m_end != nullptr) {
+            target->m_end->come(m_state.m_owner);
+        }
+    }
+    m_state.m_owner.DecRef();
 }
 
 void MediaSenderState::relink() {

@@ -44,11 +44,11 @@ long packSkip(uint64_t frames, uint64_t bytes) {
 }  // namespace
 
 long long CMediaStreamSender::Send(CFrame* frame, unsigned long long) {
-    const std::shared_ptr<MediaCore> core = m_state->core();
+    const std::shared_ptr<MediaCore> core = m_state->enter_core();
     if (!core) {
         return send(frame);
     }
-    MediaStep step(core);
+    const MediaStep step(core, MediaStep::ENTERED);
     return send(frame);
 }
 

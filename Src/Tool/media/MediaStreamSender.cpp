@@ -12,11 +12,11 @@ CMediaStreamSender* CMediaStreamSender::Create() {
     return new CMediaStreamSender;
 }
 
-CMediaStreamSender::CMediaStreamSender() : m_state(new MediaSenderState) {}
+CMediaStreamSender::CMediaStreamSender() : m_state(new MediaSenderState(*this)) {}
 
 CMediaStreamSender::~CMediaStreamSender() {
     if (const std::shared_ptr<MediaCore> core = m_state->core()) {
-        Infra::CGuard guard(core->m_mutex);
+        const CoreGuard guard(*core);
         m_state->leave_frame();
     }
     delete m_state->m_send_proc;
@@ -109,11 +109,11 @@ bool CMediaStreamSender::DetachSendProc() {
 
 int CMediaStreamSender::GetTailPacket(char* buffer, int len) {
     MediaSenderState& state = *m_state;
-    const std::shared_ptr<MediaCore> core = state.core();
+    const std::shared_ptr<MediaCore> core = state.enter_core();
     if (!core) {
         return 0;
     }
-    MediaStep step(core);
+    const MediaStep step(core, MediaStep::ENTERED);
     if (state.m_frame == nullptr || state.m_iovec_offset == 0) {
         return 0;
     }
@@ -144,11 +144,11 @@ int CMediaStreamSender::GetTailPacket(char* buffer, int len) {
 
 MediaSenderStats CMediaStreamSender::GetStats() {
     MediaSenderState& state = *m_state;
-    const std::shared_ptr<MediaCore> core = state.core();
+    const std::shared_ptr<MediaCore> core = state.enter_core();
     if (!core) {
         return MediaSenderStats();
     }
-    Infra::CGuard guard(core->m_mutex);
+    const MediaStep step(core, MediaStep::ENTERED);
     MediaSenderStats stats = state.m_stats;
     const uint64_t now_us = Infra::CTime::getCurrentMicroSecond();
     stats.joined = state.m_joined;

@@ -5,77 +5,22 @@
 
 #include <cstdint>
 #include <memory>
-#include <vector>
 
 #include <Infra/Atomic.h>
 #include <Infra/Mutex.h>
 #include <Infra/Time.h>
 
 #include "Tool/media/MediaFrame.h"
-#include "Tool/media/SenderHandler.h"
+#include "Tool/media/MediaStep.h"
+#include "Tool/media/TargetStepMark.h"
 
 namespace Orvex::Reticor {
-
-/// What was asked for inside a call-back, to be done when the operation ends. Holds a reference on `sender`.
-struct NotedChange {
-    enum What { add, remove } what;
-    CMediaStreamSender* sender;
-};
-
-/// The buffer, as far as the end of an operation needs it.
-class StepEnd_IF {
-public:
-    virtual void apply(const NotedChange& change) = 0;
-
-protected:
-    ~StepEnd_IF() = default;
-};
-
-/// The part of a buffer's state that its senders share, so that a sender can look after its own cursor when
-/// the buffer has gone. All fields are guarded by m_mutex, and so is what the senders' cursors touch.
-struct MediaCore {
-    /// Before it comes the list's lock of the shared timer, behind it the senders' m_other_mutex.
-    Infra::CMutex m_mutex;
-    /// An operation that runs call-backs is in progress, on the thread that holds the mutex.
-    bool m_stepping = false;
-    StepEnd_IF* m_end = nullptr;       ///< The buffer; null when it has gone.
-    std::vector<NotedChange> m_noted;  ///< In the order of the calls.
-    std::vector<CMediaStreamSender*>
-        m_gone;                 ///< Taken off the list; their references are still to be dropped.
-    uint64_t m_byte_total = 0;  ///< The stream position of the end of the newest frame.
-    uint64_t m_now_us = 0;      ///< This step's reading of the clock; 0: not read yet.
-
-    uint64_t now() {
-        if (m_now_us == 0) {
-            m_now_us = Infra::CTime::getCurrentMicroSecond();
-        }
-        return m_now_us;
-    }
-};
-
-/// One operation under a core's mutex that may run call-backs. The outermost one on its way out does what
-/// the call-backs asked for, and lets references go when the mutex is left.
-class MediaStep {
-public:
-    explicit MediaStep(std::shared_ptr<MediaCore> core);
-    ~MediaStep();
-    MediaStep(const MediaStep&) = delete;
-    MediaStep& operator=(const MediaStep&) = delete;
-
-    /// Inside a call-back of an operation on the same buffer.
-    bool nested() const { return !m_outermost; }
-
-private:
-    void apply_noted();
-
-    const std::shared_ptr<MediaCore> m_core;
-    const bool m_outermost;
-    TargetStepMark m_mark;
-};
 
 /// A sender's state. Guarded by the mutex of m_core but for what says otherwise. What each delivered frame
 /// touches comes first and close together.
 struct alignas(64) MediaSenderState {
+    explicit MediaSenderState(CMediaStreamSender& owner) : m_owner(owner) {}
+
     static constexpr int OTHER_SIZE = 4096;
     static constexpr uint64_t NO_TIMEOUT_S = 0xFFFFFFFF;
     static constexpr int CHANNELS = 8;
@@ -87,6 +32,26 @@ struct alignas(64) MediaSenderState {
         uint64_t m_end = 0;             ///< Where that frame ended in the bytes of its channel.
         uint64_t m_stepped_frames = 0;  ///< Stepped over since then.
         uint64_t m_stepped_bytes = 0;
+    };
+
+    /// The way to a buffer's list for a sender that was added inside a call-back.
+    class Coming : public StepGuest_IF {
+    public:
+        explicit Coming(MediaSenderState& state) : m_state(state) {}
+
+        /// The sender comes to the list of `core` when the thread is out of all call-backs. False if that was
+        /// noted already.
+        bool note(const std::shared_ptr<MediaCore>& core);
+        /// Takes back that it comes to `core`; true if that was noted.
+        bool take_back(const MediaCore& core);
+        void come() override;
+
+    private:
+        MediaSenderState& m_state;
+        Infra::CMutex m_mutex;                                          ///< Comes after the core's.
+        std::shared_ptr<MediaCore> m_target INFRA_GUARDED_BY(m_mutex);  ///< Null: it comes to none.
+        /// A thread has it as its guest, and it holds a reference on the sender.
+        bool m_waits INFRA_GUARDED_BY(m_mutex) = false;
     };
 
     // One cache line, and a second one up to the first two counters; each frame touches them and a Course.
@@ -126,10 +91,12 @@ struct alignas(64) MediaSenderState {
     long m_skip_id = 0;                            ///< No lock.
     unsigned m_skip_msg = 0;                       ///< No lock.
 
-    /// Comes behind the core's mutex. Also guards changes of m_core.
+    /// Comes after the core's mutex. Also guards changes of m_core.
     Infra::CMutex m_other_mutex;
     /// The buffer whose list it is on or was on last. Changes under m_other_mutex and the old core's mutex.
     std::shared_ptr<MediaCore> m_core INFRA_GUARDED_BY(m_other_mutex);
+    Coming m_coming{*this};
+    CMediaStreamSender& m_owner;
     /// OTHER_SIZE bytes, from the first use on.
     std::unique_ptr<char[]> m_other_data INFRA_GUARDED_BY(m_other_mutex);
 
@@ -154,7 +121,15 @@ struct alignas(64) MediaSenderState {
     static MediaSenderState& of(CMediaStreamSender& sender) { return *sender.m_state; }
 
     std::shared_ptr<MediaCore> core();
-    void set_core(const std::shared_ptr<MediaCore>& core);
+    /// The core, with its mutex entered: it is still this sender's. Null, and nothing is entered, without
+    /// one.
+    std::shared_ptr<MediaCore> enter_core();
+    /// Changes the core, if it is still `before`, whose mutex is held if there is one.
+    bool change_core(const std::shared_ptr<MediaCore>& before, const std::shared_ptr<MediaCore>& after);
+    /// Becomes a sender of `core`. One that was on another buffer's list before still has its cursor there,
+    /// and takes along what it needs of that. Enters the other core's mutex: the thread must hold none, or
+    /// that one.
+    void move_to(const std::shared_ptr<MediaCore>& core);
 
     /// Brings the frames' chains in line with m_frame. Every change of m_frame ends with it before a frame
     /// can be deleted.

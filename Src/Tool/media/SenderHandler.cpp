@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "Core/pool/PoolTable.h"
+#include "Tool/media/TargetStepMark.h"
 
 namespace Orvex::Reticor {
 
@@ -21,16 +22,6 @@ bool CSenderHandler::m_started = false;
 bool CSenderHandler::m_suspended = false;
 CSenderHandler* CSenderHandler::m_handler = nullptr;
 uint64_t CSenderHandler::m_last_interval = DEFAULT_INTERVAL_MS;
-
-int& TargetStepMark::depth() {
-    static thread_local int depth = 0;
-    return depth;
-}
-
-void TargetStepMark::assert_none() {
-    assert(depth() == 0 &&
-           "auto-send must not be switched, nor a buffer destroyed, inside a call-back of a media buffer");
-}
 
 CSenderHandler::CSenderHandler() : CSenderHandler(DEFAULT_INTERVAL_MS) {}
 

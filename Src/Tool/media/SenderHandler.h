@@ -18,22 +18,6 @@ protected:
     ~SendTarget_IF() = default;
 };
 
-/// Marks the calling thread as working under the lock of a target, call-backs of the product included. The
-/// list's lock is taken before the targets' locks, so such a thread must not come back to the list.
-class TargetStepMark {
-public:
-    TargetStepMark() { ++depth(); }
-    ~TargetStepMark() { --depth(); }
-    TargetStepMark(const TargetStepMark&) = delete;
-    TargetStepMark& operator=(const TargetStepMark&) = delete;
-
-    /// Asserts that the calling thread bears no mark.
-    static void assert_none();
-
-private:
-    static int& depth();
-};
-
 /// The handler exists while a target is registered, and at most one period longer. All of its targets share
 /// one timer, whose interval is that of the target that started it.
 ///

@@ -1,5 +1,10 @@
 // Senders and taps that come, go and come again at awkward moments: nobody touches a frame that has gone, no
 // frame is torn, and no packet is released twice.
+#include <atomic>
+#include <memory>
+#include <new>
+#include <thread>
+
 #include "support/core/Probes.h"
 #include "support/media/MediaFixture.h"
 
@@ -534,6 +539,172 @@ TEST_F(MediaSafety, ATapThatIsOnTheListAlreadyStaysWhereItIs) {
     buffer->DelLevel2Buffer(&second);
     other.AddLevel2Buffer(&first);
     other.DelLevel2Buffer(&first);
+}
+
+// Several buffers.
+
+TEST_F(MediaSafety, TapsThatTakeOverEachOthersViewersDoNotWaitForEachOther) {
+    CMediaBuffer second;
+    MediaClient& of_first = joinedClient();
+    buffer->DelSender(of_first.sender);
+    MediaClient& of_second = client();
+    second.AddSender(of_second.sender);
+    second.DelSender(of_second.sender);
+    // Both are inside before either goes on.
+    std::atomic<int> inside{0};
+    const auto meet = [&inside] {
+        ++inside;
+        while (inside.load() < 2) {
+            std::this_thread::yield();
+        }
+    };
+    HookTap take_second([&] {
+        meet();
+        buffer->AddSender(of_second.sender);
+        return -1;
+    });
+    HookTap take_first([&] {
+        meet();
+        second.AddSender(of_first.sender);
+        return -1;
+    });
+    buffer->AddLevel2Buffer(&take_second);
+    second.AddLevel2Buffer(&take_first);
+    std::vector<int> others_released;
+    TestPacket other(0, "of the other", &others_released);
+    std::thread producer([&] { second.Put(&other, other.length(), 1, 1); });
+    put(10);
+    producer.join();
+    EXPECT_EQ(state().m_core.get(), of_second.state().m_list);
+    EXPECT_EQ(MediaBufferState::of(second).m_core.get(), of_first.state().m_list);
+    second.DelSender(of_first.sender);
+}
+
+TEST_F(MediaSafety, AProcedureMayMoveItsSenderToAnotherBufferBetweenTwoFrames) {
+    CMediaBuffer second;
+    MediaClient& a = joinedClient();
+    Hook hook;
+    hook.run = [&] {
+        a.sender->DetachSendProc();
+        buffer->DelSender(a.sender);
+        second.AddSender(a.sender);
+        EXPECT_NE(MediaBufferState::of(second).m_core.get(), a.state().m_list) << "comes when this is over";
+    };
+    a.sender->AttachSendProc(hook.proc());
+    const std::string last = put(10);
+    EXPECT_EQ(MediaBufferState::of(second).m_core.get(), a.state().m_list);
+    EXPECT_EQ(2, HandlerProbe::references(*a.sender));
+    put(10);
+    TestPacket& first = packet(7);
+    second.Put(&first, 7, 1, 1);
+    EXPECT_EQ(last + first.bytes(), a.sock.wire());
+    second.DelSender(a.sender);
+    EXPECT_EQ(1, HandlerProbe::references(*a.sender));
+}
+
+TEST_F(MediaSafety, ASenderThatIsToMoveAndIsTakenOffBeforeDoesNotCome) {
+    CMediaBuffer second;
+    MediaClient& a = joinedClient();
+    Hook hook;
+    hook.run = [&] {
+        buffer->DelSender(a.sender);
+        second.AddSender(a.sender);
+        second.DelSender(a.sender);
+    };
+    a.sender->AttachSendProc(hook.proc());
+    put(10);
+    EXPECT_EQ(nullptr, a.state().m_list);
+    EXPECT_EQ(1, HandlerProbe::references(*a.sender));
+    // And back to where it was.
+    hook.run = [&] {
+        buffer->DelSender(a.sender);
+        second.AddSender(a.sender);
+        second.DelSender(a.sender);
+        buffer->AddSender(a.sender);
+    };
+    buffer->AddSender(a.sender);
+    a.sock.clearWire();
+    const std::string before = put(10);
+    hook.run = [] {};
+    const std::string after = put(10);
+    EXPECT_EQ(before + after, a.sock.wire());
+    EXPECT_EQ(2, HandlerProbe::references(*a.sender));
+}
+
+TEST_F(MediaSafety, ABufferThatGoesBeforeASenderComesIsForgotten) {
+    auto second = std::make_unique<CMediaBuffer>();
+    MediaClient& a = joinedClient();
+    std::atomic<bool> gone{false};
+    std::thread owner;
+    Hook hook;
+    hook.run = [&] {
+        buffer->DelSender(a.sender);
+        second->AddSender(a.sender);
+        owner = std::thread([&] {
+            second.reset();
+            gone = true;
+        });
+        while (!gone.load()) {
+            std::this_thread::yield();
+        }
+    };
+    a.sender->AttachSendProc(hook.proc());
+    put(10);
+    owner.join();
+    a.sender->DetachSendProc();
+    EXPECT_EQ(nullptr, a.state().m_list);
+    EXPECT_EQ(1, HandlerProbe::references(*a.sender));
+    buffer->AddSender(a.sender);
+    a.sock.clearWire();
+    const std::string bytes = put(10);
+    EXPECT_EQ(bytes, a.sock.wire());
+}
+
+TEST_F(MediaSafety, AReleaseInsideTheEndOfABufferLeavesNoSenderOnItsList) {
+    MediaClient& a = joinedClient();
+    MediaClient& b = joinedClient();
+    buffer->DelSender(b.sender);
+    a.sock.setRoom(0);
+    packet(10).on_release = [&] { buffer->AddSender(b.sender); };
+    TestPacket& last = packets.back();
+    buffer->Put(&last, 10, 1, 1);
+    CMediaBuffer* const dying = buffer.get();
+    dying->~CMediaBuffer();
+    EXPECT_EQ(nullptr, a.state().m_list);
+    EXPECT_EQ(nullptr, b.state().m_list);
+    EXPECT_EQ(1, HandlerProbe::references(*b.sender));
+    new (dying) CMediaBuffer;
+    buffer->AddSender(b.sender);
+    b.sock.clearWire();
+    const std::string bytes = put(10);
+    EXPECT_EQ(bytes, b.sock.wire());
+}
+
+TEST_F(MediaSafety, ASenderIsReadAndWrittenUnderTheLockOfTheBufferThatItIsOnNow) {
+    constexpr int MOVES = 300;
+    CMediaBuffer second;
+    MediaClient& a = client();
+    std::atomic<bool> moved{false};
+    std::thread reader([&] {
+        char tail[16];
+        for (bool last = false; !last;) {
+            last = moved.load();
+            EXPECT_LE(a.sender->GetStats().frames, 2U * MOVES);
+            EXPECT_LE(a.sender->GetTailPacket(tail, sizeof tail), 10);
+        }
+    });
+    for (int i = 0; i < MOVES; ++i) {
+        for (CMediaBuffer* const one : {buffer.get(), &second}) {
+            one->AddSender(a.sender);
+            TestPacket& made = packet(10);
+            one->Put(&made, 10, 1, 1);
+            one->DelSender(a.sender);
+        }
+    }
+    moved = true;
+    reader.join();
+    EXPECT_EQ(2U * MOVES, a.sender->GetStats().frames);
+    second.Clear();
 }
 
 }  // namespace Orvex::Testing

@@ -1,0 +1,101 @@
+// MediaCore, MediaStep: the lock of a media buffer, and the frame of an operation under it.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include <Infra/Mutex.h>
+#include <Infra/Time.h>
+
+namespace Orvex::Reticor {
+
+class CMediaStreamSender;
+class CNetHandler;
+
+/// What annotations call the mutex of the core at hand. Parts of a buffer and its senders reach the one core
+/// on different roads, which the analysis cannot tell to be the same; this name stands for all of them, and
+/// only MediaStep and CoreGuard, which enter the mutex, give it.
+struct INFRA_CAPABILITY("mutex") CoreMutex {};
+inline constexpr CoreMutex CORE_MUTEX{};
+
+/// The buffer, as far as the end of an operation needs it.
+class StepEnd_IF {
+public:
+    /// Takes the senders off that call-backs have taken off.
+    virtual void drop_leaving() = 0;
+    /// Puts a sender on the list that a call-back has added. The sender's core is this one.
+    virtual void come(CMediaStreamSender& sender) = 0;
+
+protected:
+    ~StepEnd_IF() = default;
+};
+
+/// The part of a buffer's state that its senders share, so that a sender can look after its own cursor when
+/// the buffer has gone. All fields are guarded by m_mutex, and so is what the senders' cursors touch.
+struct MediaCore {
+    /// Before it comes the list's lock of the shared timer, after it the senders' m_other_mutex.
+    Infra::CMutex m_mutex;
+    /// An operation that runs call-backs is in progress, on the thread that holds the mutex.
+    bool m_stepping = false;
+    bool m_some_leave = false;    ///< Call-backs have taken senders off.
+    StepEnd_IF* m_end = nullptr;  ///< The buffer; null when it has gone.
+    /// Senders that were taken off the list; their references are still to be dropped.
+    std::vector<CNetHandler*> m_gone;
+    /// The stream position of the end of the newest frame.
+    uint64_t m_byte_total = 0;
+    uint64_t m_now_us = 0;  ///< This step's reading of the clock; 0: not read yet.
+
+    uint64_t now() {
+        if (m_now_us == 0) {
+            m_now_us = Infra::CTime::getCurrentMicroSecond();
+        }
+        return m_now_us;
+    }
+
+    /// The calling thread is inside a call-back of an operation on this core.
+    bool steps_on_this_thread() const INFRA_NO_THREAD_SAFETY_ANALYSIS {  // the holder alone reads m_stepping
+        return m_mutex.heldByThisThread() && m_stepping;
+    }
+};
+
+/// Holds a core's mutex for a scope in which no call-back runs.
+class INFRA_SCOPED_CAPABILITY CoreGuard {
+public:
+    explicit CoreGuard(MediaCore& core) INFRA_ACQUIRE(CORE_MUTEX) INFRA_NO_THREAD_SAFETY_ANALYSIS
+        : m_mutex(core.m_mutex) {
+        m_mutex.enter();
+    }
+    ~CoreGuard() INFRA_RELEASE() INFRA_NO_THREAD_SAFETY_ANALYSIS { m_mutex.leave(); }
+    CoreGuard(const CoreGuard&) = delete;
+    CoreGuard& operator=(const CoreGuard&) = delete;
+
+private:
+    Infra::CMutex& m_mutex;
+};
+
+/// One operation under a core's mutex that may run call-backs. The outermost one on a core takes off, on its
+/// way out, what the call-backs have taken off; references are let go when the mutex is left. The outermost
+/// one of the thread then lets the senders come that call-backs have added: that needs the mutex of the
+/// buffer on which a sender was before, and nobody who holds one such mutex may wait for another.
+class INFRA_SCOPED_CAPABILITY MediaStep {
+public:
+    explicit MediaStep(std::shared_ptr<MediaCore> core) INFRA_ACQUIRE(CORE_MUTEX);
+    /// The mutex was entered already, and is left here.
+    enum Entered { ENTERED };
+    MediaStep(std::shared_ptr<MediaCore> core, Entered) INFRA_ACQUIRE(CORE_MUTEX);
+    ~MediaStep() INFRA_RELEASE();
+    MediaStep(const MediaStep&) = delete;
+    MediaStep& operator=(const MediaStep&) = delete;
+
+    /// Inside a call-back of an operation on the same buffer.
+    bool nested() const { return !m_outermost; }
+
+private:
+    static bool begin(MediaCore& core);
+
+    const std::shared_ptr<MediaCore> m_core;
+    const bool m_outermost;
+};
+
+}  // namespace Orvex::Reticor
