@@ -50,6 +50,11 @@ inline MuxForm muxForm(const CEvent* ev) {
 inline uint32_t muxBook(const CEvent* ev) {
     return (ev->m_mux_state >> MUX_BOOK_SHIFT) & SOCK_DIRECTIONS;
 }
+inline void setMuxBook(CEvent* ev, uint32_t directions) {
+    Infra::relaxedStore(ev->m_mux_state, (ev->m_mux_state & ~(SOCK_DIRECTIONS << MUX_BOOK_SHIFT)) |
+                                             directions << MUX_BOOK_SHIFT);
+}
+
 inline uint32_t muxArmed(const CEvent* ev) {
     return (ev->m_mux_state >> MUX_ARMED_SHIFT) & SOCK_DIRECTIONS;
 }

@@ -137,14 +137,14 @@ int CNetSock::register_new_event(CNetHandler* handler, CSock& sock, unsigned int
     event->m_mux_state = 0;
     event->m_timer = SockTimerNode{};
     event->m_timer.m_timer_owner = event;
-    if (!pool->m_sock_tree.InsertLocked(event)) {
+    if (!pool->m_mux.Enlist(event) || !pool->m_sock_tree.InsertLocked(event)) {
+        pool->m_mux.Delist(event);
         pool->m_sock_tree.Unlock();
         pin.Leave();
         putEvent(event);
         INFRA_LOG_STATIC(2, "RegisterSock no memory, fd: %d\n", fd);
         return -1;
     }
-    pool->m_mux.Enlist(event);
     pool->m_sock_tree.Unlock();
     if (time_out > 0) {
         sockTimer().Link(event, time_out);

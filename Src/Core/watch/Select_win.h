@@ -1,44 +1,23 @@
-// CMultiplexer: the readiness wait of one pool. CWINPipe: the pair of sockets that ends it from outside.
+// CMultiplexer: the readiness wait of one pool.
 #pragma once
 
-#include <sys/epoll.h>
-
 #include <array>
-#include <atomic>
 #include <cstdint>
-#include <memory>
-#include <vector>
 
-#include <Infra/Mutex.h>
 #include <Infra/Semaphore.h>
 
 #include "Core/record/SockRecord.h"
 #include "Core/record/WorkQueue.h"
+#include "Core/watch/AlwaysReady.h"
 #include "Core/watch/BTree.h"
+#include "Core/watch/EpollSet.h"
+#include "Core/watch/RecordTable.h"
 #include "Core/watch/ServePace.h"
+#include "Core/watch/SetBook.h"
+#include "Core/watch/StrayWatch.h"
+#include "Core/watch/Waker.h"
 
 namespace Orvex::Reticor {
-
-/// Places in each of a pool's three sets. What finds no place is not watched, in silence.
-constexpr int FD_CAPACITY = 4096;
-
-/// A connected pair of loopback TCP sockets. -1 where an end is absent.
-struct CWINPipe {
-    int m_read_fd = -1;
-    int m_write_fd = -1;
-
-    /// Builds the pair; on failure everything that was opened is closed again.
-    bool CreatePipe(bool block);
-
-    /// recv: the bytes read; 0 for nothing now; -1, with a line unless the peer reset, for the end or an
-    /// error.
-    static int Read(int fd, char* buf, int len);
-
-    /// send: the bytes written; 0 for no room now; -1 with a line.
-    static int Write(int fd, const char* buf, int len);
-
-    static bool Close(int fd);
-};
 
 /// One epoll instance, and the book of what the pool watches: three sets of FD_CAPACITY places. A socket
 /// holds its places while it is idle, and gives them up while it is in flight.
@@ -48,8 +27,10 @@ struct CWINPipe {
 /// returned. A handler that reads before the next poll thus costs no system call here. `arm` is the one place
 /// that knows this.
 ///
-/// Reports carry the number of the registration beside the handle, so that one of an earlier life never
-/// reaches a later one.
+/// Its parts have rooms of their own: EpollSet (the instance), SetBook (the places), RecordTable (records by
+/// handle), Waker (how the wait is ended), AlwaysReady and StrayWatch (what the kernel refuses to watch, and
+/// what it goes on to report), ServePace (how many workers a batch is worth). They are silent; the lines are
+/// written here.
 ///
 /// Thread safety: `Wait` on the holder of the poll token alone. The operations on a record on any thread that
 /// holds the record's mutex; Enlist and Delist under the write lock of the socket tree as well. WakeUp on any
@@ -58,7 +39,6 @@ class CMultiplexer {
 public:
     /// The tree and the queue are the pool's, and outlive the multiplexer.
     CMultiplexer(int pool_index, BTree& sock_tree, CWorkQueue& queue);
-    ~CMultiplexer();
 
     CMultiplexer(const CMultiplexer&) = delete;
     CMultiplexer& operator=(const CMultiplexer&) = delete;
@@ -76,8 +56,8 @@ public:
 
     // On a record:
 
-    /// Makes a new record known, and gives it its number.
-    void Enlist(CEvent* ev);
+    /// Makes a new record known, and gives it its number. False, with nothing changed, without memory.
+    bool Enlist(CEvent* ev);
     /// The counterpart, before the record leaves the tree.
     void Delist(CEvent* ev);
     /// Watches a new record by its mask. Always 0.
@@ -94,32 +74,19 @@ public:
 
 private:
     static constexpr int BATCH = 512;
-    static constexpr size_t CHUNK = 1024;
-    static constexpr uint64_t WAKE_MARK = ~uint64_t{0};
     static constexpr int BLIND_WAIT_MS = 200;
-    static constexpr int STRAY_PATIENCE_LIMIT = 4096;
-
-    /// A number for each of the sets: read, write, exception.
-    using Places = std::array<uint32_t, 3>;
 
     /// What one pass found ready, linked through m_next.
     struct Ready {
         CEvent* head = nullptr;
         CEvent* tail = nullptr;
         int count = 0;
-        Places freed{};  ///< Given back once for the whole pass.
+        SetBook::Places freed{};  ///< Given back once for the whole pass.
     };
-
-    // The book.
-    bool take_place(int direction);
-    void book_add(CEvent* ev);
-    void book_remove(CEvent* ev);
-    static void leave_places(CEvent* ev, Places& freed);
-    void give_back(const Places& freed);
 
     // The kernel.
     void arm(CEvent* ev, uint32_t admitted, bool force);
-    bool tell_kernel(CEvent* ev, int fd, uint32_t events);
+    bool tell_kernel(CEvent* ev, uint32_t events);
     void park(CEvent* ev);
     void set_always(CEvent* ev);
     void leave_always(CEvent* ev);
@@ -129,44 +96,29 @@ private:
     int harvest();
     void collect(int reports, Ready& ready);
     void report(const epoll_event& report, Ready& ready);
-    void stray(uint64_t mark_seen);
     void quieten(CEvent* ev);
     void collect_always(Ready& ready);
     bool always_pending();
     void mark(CEvent* ev, int16_t revents, Ready& ready);
-    void drain_pipe();
     void rebuild();
-    bool watch_pipe(int epoll);
-    void close_pipe();
-    CEvent** slot(size_t number);
 
-    /// Guards the always-ready list. A leaf.
-    Infra::CMutex m_list_mutex;
-    /// Guards the pending count and the use of the pipe. A leaf.
-    Infra::CMutex m_pipe_mutex;
-    std::atomic<int> m_places[3];  ///< Taken in the sets: read, write, exception.
-    CWINPipe m_pipe;               ///< Constant after Init.
-    int m_pipe_pending INFRA_GUARDED_BY(m_pipe_mutex) = 0;
     const int m_pool_index;
-
     BTree& m_sock_tree;
     CWorkQueue& m_queue;
-    std::atomic<int> m_epoll{-1};
+    EpollSet m_epoll;
+    Waker m_waker{m_epoll};
     Infra::CSemaphore m_blind{0};  ///< Where the wait stands without an epoll instance.
+    SetBook m_book;
+    AlwaysReady m_always;
 
     // Under the lock of the socket tree.
-    std::vector<std::unique_ptr<CEvent*[]>> m_records;  ///< By handle.
+    RecordTable m_records;
     uint32_t m_sequence = 0;
-
-    std::vector<CEvent*> m_always INFRA_GUARDED_BY(m_list_mutex);
-    std::atomic<int> m_always_count{0};
 
     // Of the thread in Wait.
     ServePace m_pace;
     std::array<epoll_event, BATCH> m_reports;
-    uint64_t m_stray = WAKE_MARK;  ///< A report without a record; the next one like it is a lasting one.
-    int m_strays_passed = 0;       ///< Others since then.
-    int m_stray_patience = 1;      ///< How many of them before m_stray gives way.
+    StrayWatch m_strays;
     bool m_rebuild = false;
 
     friend struct MultiplexerProbe;  // tests

@@ -1,4 +1,6 @@
 // CWINPipe: a connected pair of loopback TCP sockets, by which a blocked wait is ended.
+#include "Core/watch/WakePipe.h"
+
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -9,7 +11,6 @@
 #include <Reticor/SockAddrIPv4.h>
 #include <Reticor/SockStream.h>
 
-#include "Core/watch/Select_win.h"
 #include "Socket/address/SockError.h"
 #include "Socket/socket/CloseCount.h"
 

@@ -6,6 +6,7 @@
 #include "support/core/EpollSeam.h"
 #include "support/core/SocketPair.h"
 #include "support/core/StillPool.h"
+#include "support/socket/Allocations.h"
 
 namespace Orvex::Testing {
 namespace {
@@ -114,6 +115,34 @@ TEST_F(SelectWinFileTest, FileThatTakesTheNumberOfASocketIsAlwaysReadyOnceRegist
     EXPECT_EQ(1u, MultiplexerProbe::alwaysReady(rig.mux()));
     EXPECT_EQ(1u, rig.pollAndServe());
     EXPECT_EQ(1u, rig.pollAndServe());
+    handler->RemoveSock(pair.near);
+}
+
+TEST_F(SelectWinFileTest, PassesAllocateNothingWhileAFileIsRegisteredOrUnregistered) {
+    RegularFile file;
+    SocketPair pair;
+    const auto allocationsOfAPass = [&] {
+        rig.mux().WakeUp();
+        const std::size_t before = allocationCount();
+        rig.mux().Wait(rig.token());
+        return allocationCount() - before;
+    };
+    add(file);
+    add(pair.near);
+    allocationsOfAPass();  // the first one may still get its room
+    rig.serve(rig.takeQueue().at(0));
+    for (int i = 0; i < 3; ++i) {
+        pair.write();
+        EXPECT_EQ(0u, allocationsOfAPass());
+        for (CEvent* ev : rig.takeQueue()) {
+            rig.serve(ev);
+        }
+    }
+    EXPECT_EQ(7, handler->life->inputs);
+    handler->UnregisterSock(file, SOCK_READ);
+    EXPECT_EQ(0u, allocationsOfAPass());
+    EXPECT_TRUE(rig.takeQueue().empty());
+    handler->RemoveSock(file);
     handler->RemoveSock(pair.near);
 }
 

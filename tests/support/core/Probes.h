@@ -99,26 +99,22 @@ struct ObjectIdProbe {
 };
 
 struct MultiplexerProbe {
-    static int epoll(const CMultiplexer& mux) { return mux.m_epoll.load(); }
-    static const CWINPipe& pipe(const CMultiplexer& mux) { return mux.m_pipe; }
+    static int epoll(const CMultiplexer& mux) { return mux.m_epoll.m_epoll.load(); }
+    static CWINPipe pipe(CMultiplexer& mux) {
+        Infra::CGuard guard(mux.m_waker.m_pipe_mutex);
+        return mux.m_waker.m_pipe;
+    }
     static int pipePending(CMultiplexer& mux) {
-        Infra::CGuard guard(mux.m_pipe_mutex);
-        return mux.m_pipe_pending;
+        Infra::CGuard guard(mux.m_waker.m_pipe_mutex);
+        return mux.m_waker.m_pipe_pending;
     }
     // Places taken in a set: 0 read, 1 write, 2 exception.
     static int places(const CMultiplexer& mux, int direction) {
-        return mux.m_places[direction].load(std::memory_order_relaxed);
+        return mux.m_book.m_taken[direction].load(std::memory_order_relaxed);
     }
     static std::size_t alwaysReady(CMultiplexer& mux) {
-        Infra::CGuard guard(mux.m_list_mutex);
-        return mux.m_always.size();
-    }
-    static Infra::CMutex& pipeMutex(CMultiplexer& mux) { return mux.m_pipe_mutex; }
-    static Infra::CMutex& listMutex(CMultiplexer& mux) { return mux.m_list_mutex; }
-    // The record that the number leads to. Under the lock of the socket tree.
-    static CEvent* known(CMultiplexer& mux, int fd) {
-        CEvent** const place = mux.slot(static_cast<std::size_t>(fd));
-        return place != nullptr ? *place : nullptr;
+        Infra::CGuard guard(mux.m_always.m_list_mutex);
+        return mux.m_always.m_list.size();
     }
 };
 

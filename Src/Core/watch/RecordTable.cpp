@@ -1,0 +1,64 @@
+// RecordTable: a pool's socket records by handle, for the reports of the kernel.
+#include "Core/watch/RecordTable.h"
+
+#include <algorithm>
+
+#include "Core/record/GeneralAllocator.h"
+
+namespace Orvex::Reticor {
+
+namespace {
+
+/// An array of null pointers, or null without memory.
+template <class Pointer>
+Pointer* make_pointers(size_t count) {
+    auto* pointers = static_cast<Pointer*>(generalAllocate(count * sizeof(Pointer)));
+    if (pointers != nullptr) {
+        std::fill_n(pointers, count, nullptr);
+    }
+    return pointers;
+}
+
+}  // namespace
+
+RecordTable::~RecordTable() {
+    for (size_t i = 0; i < m_count; ++i) {
+        generalFree(m_chunks[i]);
+    }
+    generalFree(m_chunks);
+}
+
+bool RecordTable::reach(size_t chunk) {
+    if (chunk >= m_count) {
+        CEvent*** chunks = make_pointers<CEvent**>(chunk + 1);
+        if (chunks == nullptr) {
+            return false;
+        }
+        std::copy_n(m_chunks, m_count, chunks);
+        generalFree(m_chunks);
+        m_chunks = chunks;
+        m_count = chunk + 1;
+    }
+    if (m_chunks[chunk] == nullptr) {
+        m_chunks[chunk] = make_pointers<CEvent*>(CHUNK);
+    }
+    return m_chunks[chunk] != nullptr;
+}
+
+bool RecordTable::Add(CEvent* ev) {
+    const size_t handle = static_cast<size_t>(ev->m_key);
+    if (!reach(handle / CHUNK)) {
+        return false;
+    }
+    m_chunks[handle / CHUNK][handle % CHUNK] = ev;
+    return true;
+}
+
+void RecordTable::Remove(const CEvent* ev) {
+    const size_t handle = static_cast<size_t>(ev->m_key);
+    if (handle / CHUNK < m_count && m_chunks[handle / CHUNK] != nullptr) {
+        m_chunks[handle / CHUNK][handle % CHUNK] = nullptr;
+    }
+}
+
+}  // namespace Orvex::Reticor

@@ -1,0 +1,54 @@
+// Waker: ends a pool's wait for sockets from any thread.
+#pragma once
+
+#include <atomic>
+
+#include <Infra/Mutex.h>
+
+#include "Core/watch/EpollSet.h"
+#include "Core/watch/WakePipe.h"
+
+namespace Orvex::Reticor {
+
+/// A CWINPipe whose read end the pool's epoll instance watches. At most one byte is under way, however many
+/// changes are made: all it has to do is to end one wait.
+///
+/// Thread safety: any thread; Open before any other thread knows of it. The mutex is a leaf.
+class Waker {
+public:
+    /// The epoll set outlives it.
+    explicit Waker(EpollSet& epoll) : m_epoll(epoll) {}
+    ~Waker();
+
+    Waker(const Waker&) = delete;
+    Waker& operator=(const Waker&) = delete;
+
+    /// Builds the pair and has it watched. False, with nothing left open, if one of the two fails.
+    bool Open();
+
+    /// Whether there is a pair. Without one the wait looks round by itself.
+    bool IsOpen() const { return m_open.load(std::memory_order_relaxed); }
+
+    /// Ends the wait that is under way, or the next one.
+    void Wake();
+
+    /// Takes the byte, after the wait was ended by it.
+    void Drain();
+
+    /// Has a new epoll instance take the place of the old one. Result as of EpollSet::Replace.
+    int ReplaceEpoll();
+
+private:
+    void close_ends() INFRA_REQUIRES(m_pipe_mutex);
+
+    EpollSet& m_epoll;
+    /// Guards the pair and the pending count, and is held over its use.
+    Infra::CMutex m_pipe_mutex;
+    CWINPipe m_pipe INFRA_GUARDED_BY(m_pipe_mutex);
+    int m_pipe_pending INFRA_GUARDED_BY(m_pipe_mutex) = 0;
+    std::atomic<bool> m_open{false};
+
+    friend struct MultiplexerProbe;  // tests
+};
+
+}  // namespace Orvex::Reticor
