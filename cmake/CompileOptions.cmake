@@ -15,6 +15,10 @@ target_compile_options(reticor_options INTERFACE
   -fdebug-prefix-map=${PROJECT_SOURCE_DIR}/=
   -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=)
 
+if(RETICOR_HELD_LOCKS)
+  target_compile_definitions(reticor_options INTERFACE RETICOR_HELD_LOCKS=1)
+  target_include_directories(reticor_options INTERFACE ${PROJECT_SOURCE_DIR}/foundation/inner)
+endif()
 if(RETICOR_SANITIZE)
   target_compile_options(reticor_options INTERFACE
     -fsanitize=${RETICOR_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)

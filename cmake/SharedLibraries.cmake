@@ -26,6 +26,10 @@ reticor_shared_library(orvex_infra Infra OrvexInfra $<TARGET_OBJECTS:infra_objec
 target_include_directories(orvex_infra PUBLIC
   $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/foundation/include>
   $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+if(RETICOR_HELD_LOCKS)
+  target_compile_definitions(orvex_infra PUBLIC RETICOR_HELD_LOCKS=1)
+  target_include_directories(orvex_infra PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/foundation/inner>)
+endif()
 
 reticor_shared_library(reticor Reticor Reticor ${RETICOR_OBJECTS})
 target_link_libraries(reticor PUBLIC orvex_infra)

@@ -28,7 +28,8 @@ function(reticor_wing floor folder)
   add_library(${name} OBJECT ${sources})
   reticor_library_objects(${name})
   target_include_directories(${name} PRIVATE
-    ${PROJECT_SOURCE_DIR}/Src ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/foundation/include)
+    ${PROJECT_SOURCE_DIR}/Src ${PROJECT_SOURCE_DIR}/include
+    ${PROJECT_SOURCE_DIR}/foundation/include ${PROJECT_SOURCE_DIR}/foundation/inner)
   set_target_properties(${name} PROPERTIES RETICOR_FLOOR ${floor} RETICOR_BELOW "${below}")
   set(RETICOR_WINGS ${RETICOR_WINGS} ${name} CACHE INTERNAL "")
 

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <utility>
 
+#include <Infra/LockClasses.h>
 #include <Infra/Mutex.h>
 
 namespace Orvex::Infra {
@@ -16,15 +17,15 @@ struct Offer {
     char name[COMPONENT_NAME_LIMIT + 1] = {};
 };
 
-CMutex s_mutex;
-Offer s_offers[COMPONENT_LIMIT] INFRA_GUARDED_BY(s_mutex);
+INFRA_CONSTINIT CMutex g_mutex{LockClass::COMPONENTS};
+Offer g_offers[COMPONENT_LIMIT] INFRA_GUARDED_BY(g_mutex);
 
-bool isName(const char* text) {
+bool is_name(const char* text) {
     return text != nullptr && std::strlen(text) <= COMPONENT_NAME_LIMIT;
 }
 
-Offer* find(const char* family, const char* name) INFRA_REQUIRES(s_mutex) {
-    for (Offer& offer : s_offers) {
+Offer* find(const char* family, const char* name) INFRA_REQUIRES(g_mutex) {
+    for (Offer& offer : g_offers) {
         if (offer.component != nullptr && std::strcmp(offer.family, family) == 0 &&
             std::strcmp(offer.name, name) == 0) {
             return &offer;
@@ -33,8 +34,8 @@ Offer* find(const char* family, const char* name) INFRA_REQUIRES(s_mutex) {
     return nullptr;
 }
 
-Offer* freePlace() INFRA_REQUIRES(s_mutex) {
-    for (Offer& offer : s_offers) {
+Offer* free_place() INFRA_REQUIRES(g_mutex) {
+    for (Offer& offer : g_offers) {
         if (offer.component == nullptr) {
             return &offer;
         }
@@ -47,11 +48,11 @@ Offer* freePlace() INFRA_REQUIRES(s_mutex) {
 IComponent::~IComponent() = default;
 
 bool offerComponent(const char* family, const char* name, IComponent* component) noexcept {
-    if (!isName(family) || !isName(name) || component == nullptr) {
+    if (!is_name(family) || !is_name(name) || component == nullptr) {
         return false;
     }
-    const CGuard guard(s_mutex);
-    Offer* const place = find(family, name) == nullptr ? freePlace() : nullptr;
+    const CGuard guard(g_mutex);
+    Offer* const place = find(family, name) == nullptr ? free_place() : nullptr;
     if (place == nullptr) {
         return false;
     }
@@ -63,12 +64,12 @@ bool offerComponent(const char* family, const char* name, IComponent* component)
 }
 
 bool withdrawComponent(const char* family, const char* name) noexcept {
-    if (!isName(family) || !isName(name)) {
+    if (!is_name(family) || !is_name(name)) {
         return false;
     }
     IComponent* component = nullptr;
     {
-        const CGuard guard(s_mutex);
+        const CGuard guard(g_mutex);
         if (Offer* const offer = find(family, name)) {
             component = std::exchange(offer->component, nullptr);
         }
@@ -81,10 +82,10 @@ bool withdrawComponent(const char* family, const char* name) noexcept {
 }
 
 IComponent* findComponent(const char* family, const char* name) noexcept {
-    if (!isName(family) || !isName(name)) {
+    if (!is_name(family) || !is_name(name)) {
         return nullptr;
     }
-    const CGuard guard(s_mutex);
+    const CGuard guard(g_mutex);
     Offer* const offer = find(family, name);
     if (offer == nullptr) {
         return nullptr;

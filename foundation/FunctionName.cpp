@@ -1,10 +1,9 @@
-// FunctionName: reads the qualified name out of what the two compilers print for a function. The other half
-// of Log.h is in Log.cpp.
+// FunctionName: reads the qualified name out of what the two compilers print for a function.
+#include <Infra/FunctionName.h>
+
 #include <cctype>
 #include <cstring>
 #include <string_view>
-
-#include <Infra/Log.h>
 
 namespace Orvex::Infra::Detail {
 
@@ -21,7 +20,7 @@ bool is_word(char c) {
 // is dropped again at the next blank: then it was part of the result type.
 class NameReader {
 public:
-    NameReader(std::string_view pretty, char* name, std::size_t size) noexcept
+    NameReader(std::string_view pretty, char* name, size_t size) noexcept
         : m_rest(pretty), m_name(name), m_size(size) {}
 
     void read() noexcept {
@@ -34,7 +33,7 @@ public:
 private:
     bool starts(std::string_view text) const { return m_rest.substr(0, text.size()) == text; }
 
-    void keep(std::size_t count) {
+    void keep(size_t count) {
         for (; count > 0 && !m_rest.empty(); --count) {
             put(m_rest.front());
             m_rest.remove_prefix(1);
@@ -91,7 +90,7 @@ private:
         }
     }
 
-    // Behind the arguments the name is complete, unless it goes on with a class inside this function. A
+    // After the arguments the name is complete, unless it goes on with a class inside this function. A
     // lambda keeps the name of the function around it.
     void read_on_after_arguments() {
         for (const std::string_view qualifier : {" const", " volatile", " &&", " &"}) {
@@ -124,7 +123,7 @@ private:
 
     void skip_group(char open, char close) {
         int depth = 0;
-        std::size_t position = 0;
+        size_t position = 0;
         for (; position < m_rest.size(); ++position) {
             const char c = m_rest[position];
             depth += c == open ? 1 : c == close ? -1 : 0;
@@ -138,8 +137,8 @@ private:
 
     std::string_view m_rest;
     char* const m_name;
-    const std::size_t m_size;
-    std::size_t m_length = 0;
+    const size_t m_size;
+    size_t m_length = 0;
     bool m_complete = false;
 };
 

@@ -8,6 +8,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "ThreadId.h"
+
 namespace Orvex::Infra {
 
 namespace Detail {
@@ -35,13 +37,13 @@ public:
     LineText() noexcept { m_text[0] = '\0'; }
 
     void append(const char* format, std::va_list arguments) noexcept __attribute__((format(printf, 2, 0))) {
-        const std::size_t room = LIMIT - m_length;
+        const size_t room = LIMIT - m_length;
         const int wanted = std::vsnprintf(m_text + m_length, room, format, arguments);
         if (wanted < 0) {
             return;
         }
-        if (static_cast<std::size_t>(wanted) < room) {
-            m_length += static_cast<std::size_t>(wanted);
+        if (static_cast<size_t>(wanted) < room) {
+            m_length += static_cast<size_t>(wanted);
             return;
         }
         m_length = LIMIT - 1;
@@ -70,10 +72,10 @@ public:
     }
 
 private:
-    static constexpr std::size_t SIZE = 2049;
-    static constexpr std::size_t LIMIT = SIZE - 1;
+    static constexpr size_t SIZE = 2049;
+    static constexpr size_t LIMIT = SIZE - 1;
     char m_text[SIZE];
-    std::size_t m_length = 0;
+    size_t m_length = 0;
 };
 
 struct Place {
@@ -144,7 +146,7 @@ void logMember(int level, const char* file, const char* pretty, int line, const 
                const char* format, ...) noexcept {
     const ErrnoKept kept;
     LineText text;
-    text.append("[%s:%d] this:%p tid:%d, ", file, line, self, CThread::getCurrentThreadID());
+    text.append("[%s:%d] this:%p tid:%d, ", file, line, self, Detail::thread_id());
     std::va_list arguments;
     va_start(arguments, format);
     text.append(format, arguments);
@@ -155,7 +157,7 @@ void logMember(int level, const char* file, const char* pretty, int line, const 
 void logStatic(int level, const char* file, const char* pretty, int line, const char* format, ...) noexcept {
     const ErrnoKept kept;
     LineText text;
-    text.append("[%s:%d] tid:%d, ", file, line, CThread::getCurrentThreadID());
+    text.append("[%s:%d] tid:%d, ", file, line, Detail::thread_id());
     std::va_list arguments;
     va_start(arguments, format);
     text.append(format, arguments);

@@ -1,43 +1,35 @@
-// CThread and CThreadLite: start, end, pause and lease.
+// CThread: start, end, pause and lease.
 #include <Infra/Thread.h>
 
 #include <signal.h>
-#include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <cassert>
 #include <cerrno>
 #include <cstring>
+#include <initializer_list>
 
+#include <Infra/LockClasses.h>
 #include <Infra/Log.h>
 #include <Infra/Time.h>
 
+#include "ErrorText.h"
 #include "Futex.h"
+#include "ThreadId.h"
 #include "ThreadScheduling.h"
+
+#if defined(RETICOR_HELD_LOCKS)
+#include <Infra/Seam.h>
+#endif
 
 namespace Orvex::Infra {
 
 namespace {
 
-thread_local int t_thread_id = 0;
 thread_local const CThread* t_running = nullptr;
 
 std::atomic<void (*)(const char*)> g_lease_hook{nullptr};
-
-// A forked child is a new thread with a copy of its parent's memory.
-void forget_thread_id() {
-    t_thread_id = 0;
-}
-
-int read_thread_id() noexcept {
-    static std::atomic<bool> fork_watched{false};
-    if (!fork_watched.exchange(true, std::memory_order_relaxed)) {
-        ::pthread_atfork(nullptr, nullptr, &forget_thread_id);
-    }
-    t_thread_id = static_cast<int>(::syscall(SYS_gettid));
-    return t_thread_id;
-}
 
 // Blocks on the calling thread every signal that is not the thread's own doing, so that a thread which is
 // created meanwhile starts that way.
@@ -59,10 +51,100 @@ private:
     sigset_t m_before;
 };
 
+// Whoever watches the locks is told of the sleeps of threads; others are not.
+void before_wait([[maybe_unused]] const void* object) noexcept {
+#if defined(RETICOR_HELD_LOCKS)
+    Seam::beforeWait(object);
+#endif
+}
+
+void after_wait([[maybe_unused]] const void* object) noexcept {
+#if defined(RETICOR_HELD_LOCKS)
+    Seam::afterWait(object);
+#endif
+}
+
 }  // namespace
 
+// What a thread does between its creation and its end.
+struct ThreadLife {
+    static void* run(void* self);
+    static int start(CThread& thread) INFRA_REQUIRES(thread.m_life_mutex);
+    static void join(CThread& thread) INFRA_REQUIRES(thread.m_life_mutex);
+    static void check_lease(const CThread& thread);
+};
+
+void* ThreadLife::run(void* self) {
+    CThread* const thread = static_cast<CThread*>(self);
+    t_running = thread;
+    Detail::set_kernel_thread_name(thread->m_name);
+    Detail::apply_scheduling(thread->m_name, thread->m_priority, thread->m_policy);
+#if defined(RETICOR_HELD_LOCKS)
+    Seam::threadBegins(thread->m_name);
+#endif
+    thread->thread_proc();
+#if defined(RETICOR_HELD_LOCKS)
+    Seam::threadEnds(thread->m_name);
+#endif
+    t_running = nullptr;
+    // The last touch: whoever sees it may start the thread again.
+    thread->m_over.store(true, std::memory_order_release);
+    return nullptr;
+}
+
+int ThreadLife::start(CThread& thread) {
+    pthread_attr_t attributes;
+    int error = ::pthread_attr_init(&attributes);
+    if (error != 0) {
+        return error;
+    }
+    const bool own_stack = thread.m_stack > 0 &&
+                           ::pthread_attr_setstacksize(&attributes, static_cast<size_t>(thread.m_stack)) == 0;
+    {
+        const SignalsBlocked blocked;
+        error = ::pthread_create(&thread.m_thread, &attributes, &ThreadLife::run, &thread);
+        // A stack that is large enough for the attribute can still be too small for the thread-local data.
+        if (error == EINVAL && own_stack) {
+            error = ::pthread_create(&thread.m_thread, nullptr, &ThreadLife::run, &thread);
+        }
+    }
+    ::pthread_attr_destroy(&attributes);
+    return error;
+}
+
+void ThreadLife::join(CThread& thread) {
+    before_wait(&thread);
+    [[maybe_unused]] const int error = ::pthread_join(thread.m_thread, nullptr);
+    after_wait(&thread);
+    assert(error == 0);
+    thread.m_joinable = false;
+}
+
+void ThreadLife::check_lease(const CThread& thread) {
+    uint64_t lease_us = thread.m_lease_us.load(std::memory_order_relaxed);
+    if (lease_us == 0) {
+        return;
+    }
+    const uint64_t now_us = CTime::getCurrentMicroSecond();
+    if (now_us < lease_us ||
+        !thread.m_lease_us.compare_exchange_strong(lease_us, 0, std::memory_order_relaxed)) {
+        return;
+    }
+    // The function in the line is part of the interface.
+    constexpr const char* FUNCTION = "Orvex::Infra::CThread::check_lease";
+    if (logEnabled(2)) {
+        Detail::logMember(2, __FILE__, FUNCTION, __LINE__, &thread,
+                          "%s : the lease of thread \"%s\" ran out %llu ms ago\n", FUNCTION, thread.m_name,
+                          static_cast<unsigned long long>((now_us - lease_us) / 1000));
+    }
+    void (*const hook)(const char*) = g_lease_hook.load(std::memory_order_acquire);
+    if (hook != nullptr) {
+        hook(thread.m_name);
+    }
+}
+
 CThread::CThread(const char* name, int priority, int policy, int stack) noexcept
-    : m_name{}, m_priority(priority), m_policy(policy), m_stack(stack) {
+    : m_name{}, m_priority(priority), m_policy(policy), m_stack(stack), m_life_mutex(LockClass::THREAD_LIFE) {
     if (name != nullptr) {
         std::strncpy(m_name, name, NAME_SIZE - 1);
     }
@@ -82,14 +164,14 @@ bool CThread::createThread() {
         if (!m_over.load(std::memory_order_acquire) && m_looping.load(std::memory_order_relaxed) != 0) {
             return false;
         }
-        join_thread();
+        ThreadLife::join(*this);
     }
     // All of this is set before the thread exists, so that a cancelThread() that comes before its first step
     // counts.
     m_lease_us.store(0, std::memory_order_relaxed);
     m_over.store(false, std::memory_order_relaxed);
     m_looping.store(1, std::memory_order_release);
-    const int error = start_thread();
+    const int error = ThreadLife::start(*this);
     if (error == 0) {
         m_joinable = true;
         return true;
@@ -100,52 +182,14 @@ bool CThread::createThread() {
     return false;
 }
 
-int CThread::start_thread() {
-    pthread_attr_t attributes;
-    int error = ::pthread_attr_init(&attributes);
-    if (error != 0) {
-        return error;
-    }
-    const bool own_stack =
-        m_stack > 0 && ::pthread_attr_setstacksize(&attributes, static_cast<std::size_t>(m_stack)) == 0;
-    {
-        const SignalsBlocked blocked;
-        error = ::pthread_create(&m_thread, &attributes, &CThread::trampoline, this);
-        // A stack that is large enough for the attribute can still be too small for the thread-local data.
-        if (error == EINVAL && own_stack) {
-            error = ::pthread_create(&m_thread, nullptr, &CThread::trampoline, this);
-        }
-    }
-    ::pthread_attr_destroy(&attributes);
-    return error;
-}
-
-void* CThread::trampoline(void* self) {
-    CThread* const thread = static_cast<CThread*>(self);
-    t_running = thread;
-    Detail::setKernelThreadName(thread->m_name);
-    Detail::applyScheduling(thread->m_name, thread->m_priority, thread->m_policy);
-    thread->thread_proc();
-    t_running = nullptr;
-    // The last touch: whoever sees it may start the thread again.
-    thread->m_over.store(true, std::memory_order_release);
-    return nullptr;
-}
-
-void CThread::join_thread() {
-    [[maybe_unused]] const int error = ::pthread_join(m_thread, nullptr);
-    assert(error == 0);
-    m_joinable = false;
-}
-
 bool CThread::looping() const {
-    check_lease();
+    ThreadLife::check_lease(*this);
     return m_looping.load(std::memory_order_acquire) != 0;
 }
 
 bool CThread::cancelThread() {
     m_looping.store(0, std::memory_order_release);
-    Detail::futexWake(m_looping);
+    Detail::futex_wake(m_looping);
     return true;
 }
 
@@ -157,7 +201,7 @@ bool CThread::destroyThread() {
     if (m_joinable) {
         // Once more: a createThread() that was under way may have taken the first request back.
         cancelThread();
-        join_thread();
+        ThreadLife::join(*this);
     }
     return true;
 }
@@ -171,35 +215,20 @@ void CThread::setTimeout(int ms) {
     m_lease_us.store(lease_us, std::memory_order_relaxed);
 }
 
-void CThread::check_lease() const {
-    uint64_t lease_us = m_lease_us.load(std::memory_order_relaxed);
-    if (lease_us == 0) {
-        return;
-    }
-    const uint64_t now_us = CTime::getCurrentMicroSecond();
-    if (now_us < lease_us || !m_lease_us.compare_exchange_strong(lease_us, 0, std::memory_order_relaxed)) {
-        return;
-    }
-    INFRA_LOG(2, "%s : the lease of thread \"%s\" ran out %llu ms ago\n", INFRA_FUNCTION, m_name,
-              static_cast<unsigned long long>((now_us - lease_us) / 1000));
-    void (*const hook)(const char*) = g_lease_hook.load(std::memory_order_acquire);
-    if (hook != nullptr) {
-        hook(m_name);
-    }
-}
-
 void CThread::setLeaseHook(void (*hook)(const char* thread_name)) noexcept {
     g_lease_hook.store(hook, std::memory_order_release);
 }
 
 bool CThread::pause(int ms) const {
     timespec deadline;
-    bool time_left = ms > 0 && Detail::deadlineAfter(static_cast<uint64_t>(ms) * 1000, deadline);
+    bool time_left = ms > 0 && Detail::deadline_after(static_cast<uint64_t>(ms) * 1000, deadline);
     while (m_looping.load(std::memory_order_acquire) != 0) {
         if (!time_left) {
             return true;
         }
-        time_left = Detail::futexWait(m_looping, 1, &deadline);
+        before_wait(this);
+        time_left = Detail::futex_wait(m_looping, 1, &deadline);
+        after_wait(this);
     }
     return false;
 }
@@ -209,25 +238,15 @@ void CThread::sleep(int ms) noexcept {
         return;
     }
     timespec deadline;
-    Detail::deadlineAfter(static_cast<uint64_t>(ms) * 1000, deadline);
+    Detail::deadline_after(static_cast<uint64_t>(ms) * 1000, deadline);
+    before_wait(nullptr);
     while (::clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &deadline, nullptr) == EINTR) {
     }
+    after_wait(nullptr);
 }
 
 int CThread::getCurrentThreadID() noexcept {
-    return t_thread_id != 0 ? t_thread_id : read_thread_id();
-}
-
-CThreadLite::CThreadLite(TFunction1<void, CThreadLite&> proc, const char* name, int priority, int policy,
-                         int stack) noexcept
-    : CThread(name, priority, policy, stack), m_proc(proc) {}
-
-CThreadLite::~CThreadLite() {
-    destroyThread();
-}
-
-void CThreadLite::thread_proc() {
-    m_proc(*this);
+    return Detail::thread_id();
 }
 
 }  // namespace Orvex::Infra

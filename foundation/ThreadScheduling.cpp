@@ -11,7 +11,9 @@
 #include <cerrno>
 
 #include <Infra/Log.h>
-#include <Infra/Thread.h>
+
+#include "ErrorText.h"
+#include "ThreadId.h"
 
 namespace Orvex::Infra::Detail {
 
@@ -42,7 +44,7 @@ void apply_nice(const char* name, int priority) noexcept {
     if (priority != PRIORITY_LOW && priority != PRIORITY_HIGH) {
         return;
     }
-    const id_t thread = static_cast<id_t>(CThread::getCurrentThreadID());
+    const auto thread = static_cast<id_t>(thread_id());
     const int current = ::getpriority(PRIO_PROCESS, thread);
     const int wanted =
         std::clamp(priority == PRIORITY_LOW ? current + NICE_STEP : current - NICE_STEP, NICE_MIN, NICE_MAX);
@@ -86,8 +88,8 @@ void leave_real_time() noexcept {
 
 }  // namespace
 
-void setKernelThreadName(const char* name) noexcept {
-    constexpr std::size_t KERNEL_NAME_SIZE = 16;
+void set_kernel_thread_name(const char* name) noexcept {
+    constexpr size_t KERNEL_NAME_SIZE = 16;
     char cut[KERNEL_NAME_SIZE] = {};
     ::strncpy(cut, name, KERNEL_NAME_SIZE - 1);
     if (cut[0] != '\0') {
@@ -95,7 +97,7 @@ void setKernelThreadName(const char* name) noexcept {
     }
 }
 
-void applyScheduling(const char* name, int priority, int policy) noexcept {
+void apply_scheduling(const char* name, int priority, int policy) noexcept {
     if (policy == POLICY_REAL_TIME && apply_real_time(name, priority)) {
         return;
     }
@@ -104,8 +106,5 @@ void applyScheduling(const char* name, int priority, int policy) noexcept {
     }
     apply_nice(name, priority);
 }
-
-ErrorText::ErrorText(int error) noexcept
-    : m_buffer{}, m_text(::strerror_r(error, m_buffer, sizeof(m_buffer))) {}
 
 }  // namespace Orvex::Infra::Detail

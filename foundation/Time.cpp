@@ -1,13 +1,12 @@
 // CTime: readings of the monotonic clock.
 #include <Infra/Time.h>
 
-#include <time.h>
+#include "Clock.h"
 
 namespace Orvex::Infra {
 
 uint64_t CTime::getCurrentMicroSecond() noexcept {
-    timespec now;
-    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    const timespec now = Detail::read_clock();
     return static_cast<uint64_t>(now.tv_sec) * 1000000 + static_cast<uint64_t>(now.tv_nsec) / 1000;
 }
 

@@ -6,6 +6,7 @@
 #include <cassert>
 #include <cstdint>
 
+#include <Infra/LockClasses.h>
 #include <Infra/Log.h>
 #include <Infra/Mutex.h>
 #include <Reticor/R3.h>
@@ -43,7 +44,7 @@ struct Scheduling {
 
 /// Serialises all creating and destroying of pools, TraversalSock, SetRcvPriority, EnableR3 and DisableR3.
 /// Held while the threads of a pool are joined, so nothing that a handler may call can take it.
-Infra::CMutex sm_mutex;
+Infra::CMutex sm_mutex{Infra::LockClass::SETUP};
 
 /// Pools alive; NOT_SET_UP before set-up and after teardown.
 int sm_pool_num INFRA_GUARDED_BY(sm_mutex) = NOT_SET_UP;

@@ -12,6 +12,7 @@
 #include <thread>
 
 #include <Infra/Mutex.h>
+#include <Infra/ReadWriteMutex.h>
 #include <Infra/Semaphore.h>
 
 namespace {

@@ -1,6 +1,7 @@
 // Mistakes with locks that clang's thread-safety analysis must refuse. script/check_annotations compiles this
 // file once per number of MISTAKE; 0 has none and must compile.
 #include <Infra/Mutex.h>
+#include <Infra/ReadWriteMutex.h>
 #include <Infra/ThreadAnnotations.h>
 
 namespace {

@@ -11,7 +11,7 @@
 #include <Infra/Log.h>
 #include <Infra/Mutex.h>
 #include <Infra/Semaphore.h>
-#include <Infra/Thread.h>
+#include <Infra/ThreadLite.h>
 #include <Infra/Time.h>
 #include <Reticor/Reticor.h>
 

@@ -12,6 +12,8 @@
 #include <thread>
 #include <vector>
 
+#include <Infra/Thread.h>
+
 #include "support/Eventually.h"
 #include "support/LogCapture.h"
 

@@ -1,5 +1,5 @@
 // The liveness lease of a thread: renewal, lapse, log line and hook.
-#include <Infra/Thread.h>
+#include <Infra/ThreadLite.h>
 
 #include <gtest/gtest.h>
 

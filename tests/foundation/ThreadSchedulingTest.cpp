@@ -1,5 +1,5 @@
 // Names, nice values and policies of threads, and what the system refuses.
-#include <Infra/Thread.h>
+#include <Infra/ThreadLite.h>
 
 #include <gtest/gtest.h>
 #include <linux/capability.h>

@@ -1,5 +1,5 @@
 // CThread: start, end, restart, cancellation, sleep and signals.
-#include <Infra/Thread.h>
+#include <Infra/ThreadLite.h>
 
 #include <gtest/gtest.h>
 #include <pthread.h>

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include <Infra/LockClasses.h>
 #include <Infra/Mutex.h>
 
 namespace Orvex::Reticor {
@@ -59,7 +60,7 @@ private:
     int64_t reuse() INFRA_REQUIRES(m_mutex);
 
     uint32_t m_capacity INFRA_GUARDED_BY(m_mutex);  ///< Places in the ring.
-    Infra::CMutex m_mutex;
+    Infra::CMutex m_mutex{Infra::LockClass::OBJECT_IDS};
     int64_t* m_ring INFRA_GUARDED_BY(m_mutex);                    ///< Ids that wait. Owned.
     uint32_t m_read INFRA_GUARDED_BY(m_mutex) = 0;                ///< Place of the oldest.
     uint32_t m_write INFRA_GUARDED_BY(m_mutex) = 0;               ///< Next free place.

@@ -6,7 +6,8 @@
 #include <memory>
 #include <vector>
 
-#include <Infra/Mutex.h>
+#include <Infra/LockClasses.h>
+#include <Infra/ReadWriteMutex.h>
 
 #include "Core/handle/HandlerInternal.h"
 #include "Core/handle/HandlerPin.h"
@@ -38,7 +39,7 @@ private:
     ObjectEntry** slot(size_t place) INFRA_REQUIRES_SHARED(m_lock);
 
     std::vector<Chunk> m_chunks INFRA_GUARDED_BY(m_lock);
-    Infra::CReadWriteMutex m_lock;
+    Infra::CReadWriteMutex m_lock{Infra::LockClass::OBJECT_TABLE};
 };
 
 }  // namespace Orvex::Reticor

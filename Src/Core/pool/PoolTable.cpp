@@ -7,7 +7,7 @@
 namespace Orvex::Reticor {
 
 std::atomic<CThreadPool*> PoolTable::sm_pools[POOL_LIMIT];
-Infra::CReadWriteMutex PoolTable::sm_pool_mutex[POOL_LIMIT];
+PoolTable::SlotLock PoolTable::sm_pool_mutex[POOL_LIMIT];
 
 void PoolTable::Set(int index, CThreadPool* pool) {
     Infra::CWriteGuard guard(sm_pool_mutex[index]);

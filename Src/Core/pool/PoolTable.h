@@ -5,7 +5,8 @@
 #include <atomic>
 #include <cstdint>
 
-#include <Infra/Mutex.h>
+#include <Infra/LockClasses.h>
+#include <Infra/ReadWriteMutex.h>
 
 #include "Core/handle/HandlerPin.h"
 #include "Core/record/Event.h"
@@ -59,10 +60,14 @@ public:
     static void ReleaseId(long id);
 
 private:
+    struct SlotLock : Infra::CReadWriteMutex {
+        constexpr SlotLock() noexcept : CReadWriteMutex(Infra::LockClass::POOL_SLOT) {}
+    };
+
     static std::atomic<CThreadPool*> sm_pools[POOL_LIMIT];
     /// One per slot. Shared while a record is handed over, exclusive while the slot changes. Comes before the
     /// mutex of a queue.
-    static Infra::CReadWriteMutex sm_pool_mutex[POOL_LIMIT];
+    static SlotLock sm_pool_mutex[POOL_LIMIT];
 };
 
 }  // namespace Orvex::Reticor

@@ -6,9 +6,10 @@
 #include <cstdint>
 #include <vector>
 
+#include <Infra/LockClasses.h>
 #include <Infra/Mutex.h>
 #include <Infra/Semaphore.h>
-#include <Infra/Thread.h>
+#include <Infra/ThreadLite.h>
 
 #include "Core/handle/ObjectId.h"
 #include "Core/handle/ObjectTable.h"
@@ -86,7 +87,7 @@ private:
 
     // The order of the following is the reverse of the order in which a pool falls apart.
     Infra::CSemaphore m_daemon_sem{0};  ///< Holds the daemon back between heartbeats.
-    Infra::CMutex m_serial_mutex;
+    Infra::CMutex m_serial_mutex{Infra::LockClass::POOL_SERIAL};
     /// True while no drain token is queued and no drain runs.
     bool m_serial_idle INFRA_GUARDED_BY(m_serial_mutex) = false;
     /// The token of a drain that was cut short by the pool's end. Set by the worker that held it, read after

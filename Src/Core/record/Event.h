@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+#include <Infra/LockClasses.h>
 #include <Infra/Mutex.h>
 #include <Infra/Semaphore.h>
 
@@ -36,7 +37,7 @@ struct CEvent {
     int64_t m_key = 0;
 
     /// Guards the fields of a socket. Not used by the other kinds.
-    Infra::CMutex m_mutex;
+    Infra::CMutex m_mutex{Infra::LockClass::SOCKET_RECORD};
 
     /// Socket and timer: id of the owning handler. Message: id of the sender.
     int64_t m_obj_id = 0;
@@ -112,7 +113,7 @@ protected:
 
     CEvent* m_head INFRA_GUARDED_BY(m_mutex) = nullptr;
     CEvent* m_tail INFRA_GUARDED_BY(m_mutex) = nullptr;
-    Infra::CMutex m_mutex;
+    Infra::CMutex m_mutex{Infra::LockClass::QUEUE};
     Infra::CSemaphore m_sem{0};
 
     friend struct EventQueueProbe;  // tests
@@ -142,7 +143,7 @@ public:
 
 private:
     CEvent* m_head INFRA_GUARDED_BY(m_mutex) = nullptr;
-    Infra::CMutex m_mutex;
+    Infra::CMutex m_mutex{Infra::LockClass::FREE_RECORDS};
 };
 
 /// Take from and give to the process's free list, through a small stock of records that each thread keeps: a

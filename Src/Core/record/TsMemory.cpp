@@ -5,6 +5,8 @@
 
 #include <cstring>
 
+#include <Infra/LockClasses.h>
+
 #include "Core/record/GeneralAllocator.h"
 
 namespace Orvex::Reticor {
@@ -163,8 +165,8 @@ void* newBlock(int index, std::size_t size) {
 
 unsigned long CTsMemory::mem_pool_key = NO_KEY;
 mem_head* CTsMemory::m_mem_pool = nullptr;
-Infra::CMutex CTsMemory::m_key_mutex;
-Infra::CMutex CTsMemory::m_pool_mutex;
+Infra::CMutex CTsMemory::m_key_mutex{Infra::LockClass::TS_KEY};
+Infra::CMutex CTsMemory::m_pool_mutex{Infra::LockClass::TS_POOL};
 
 #define RETICOR_MEM_CLASS(size, max) \
     { max, 0, size, nullptr, nullptr, 0 }

@@ -4,9 +4,10 @@
 #include <algorithm>
 #include <utility>
 
+#include <Infra/LockClasses.h>
 #include <Infra/Log.h>
 #include <Infra/Semaphore.h>
-#include <Infra/Thread.h>
+#include <Infra/ThreadLite.h>
 #include <Infra/Time.h>
 #include <Reticor/R3.h>
 
@@ -29,7 +30,7 @@ constexpr uint64_t AHEAD_US = 1000;
 
 /// What the thread and those who arm timers share.
 struct TimerThread {
-    Infra::CMutex m_lock;  ///< Comes before the heap's mutex.
+    Infra::CMutex m_lock{Infra::LockClass::TIMER};  ///< Comes before the heap's mutex.
     /// The soonest expiry; 0 with nothing to wait for. May be early after a timer was destroyed, never late.
     uint64_t m_next_expire INFRA_GUARDED_BY(m_lock) = 0;
     /// When the thread will look again by itself; 0 while it sleeps without limit.

@@ -4,8 +4,9 @@
 #include <atomic>
 #include <cstdint>
 
+#include <Infra/LockClasses.h>
 #include <Infra/Mutex.h>
-#include <Infra/Thread.h>
+#include <Infra/ThreadLite.h>
 
 #include "Core/record/SockRecord.h"
 #include "Core/watch/BTree.h"
@@ -49,7 +50,7 @@ private:
     void set_deadline(CEvent* ev, int time_out);
     void unlink_locked(CEvent* ev) INFRA_REQUIRES(m_mutex);
 
-    Infra::CMutex m_mutex;
+    Infra::CMutex m_mutex{Infra::LockClass::SOCKET_TIMER};
     Infra::CThreadLite* m_thread = nullptr;  ///< Owned; touched by Start and Stop alone.
     CEvent* m_head INFRA_GUARDED_BY(m_mutex) = nullptr;
     /// The clock in milliseconds. Written by the thread, read by everybody who sets a deadline.

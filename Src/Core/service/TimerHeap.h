@@ -6,6 +6,7 @@
 #include <optional>
 #include <vector>
 
+#include <Infra/LockClasses.h>
 #include <Infra/Mutex.h>
 
 #include "Core/pool/PoolTable.h"
@@ -89,7 +90,7 @@ private:
     void pop_top() INFRA_REQUIRES(m_mutex);
     void sweep() INFRA_REQUIRES(m_mutex);
 
-    Infra::CMutex m_mutex;
+    Infra::CMutex m_mutex{Infra::LockClass::TIMER_HEAP};
     size_t m_count INFRA_GUARDED_BY(m_mutex) = 0;  ///< Armed timers.
     uint64_t m_soonest INFRA_GUARDED_BY(m_mutex) = NEVER;
     std::vector<TimerEntry> m_array INFRA_GUARDED_BY(m_mutex);  ///< The heap.

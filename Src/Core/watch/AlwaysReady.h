@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <vector>
 
+#include <Infra/LockClasses.h>
 #include <Infra/Mutex.h>
 
 #include "Core/record/Event.h"
@@ -30,7 +31,7 @@ public:
     const std::vector<CEvent*>* Snapshot();
 
 private:
-    Infra::CMutex m_list_mutex;  ///< A leaf.
+    Infra::CMutex m_list_mutex{Infra::LockClass::SELECT_LIST};  ///< A leaf.
     std::vector<CEvent*> m_list INFRA_GUARDED_BY(m_list_mutex);
     std::atomic<size_t> m_count{0};  ///< The length of the list.
 

@@ -3,7 +3,8 @@
 
 #include <cstdint>
 
-#include <Infra/Mutex.h>
+#include <Infra/LockClasses.h>
+#include <Infra/ReadWriteMutex.h>
 
 namespace Orvex::Reticor {
 
@@ -124,7 +125,7 @@ private:
 
     Node* m_root INFRA_GUARDED_BY(m_lock);
     const int16_t m_order;
-    mutable Infra::CReadWriteMutex m_lock;  ///< Guards the whole tree.
+    mutable Infra::CReadWriteMutex m_lock{Infra::LockClass::SOCKET_TREE};  ///< Guards the whole tree.
 
     friend struct BTreeProbe;  // tests
 };

@@ -3,6 +3,7 @@
 
 #include <atomic>
 
+#include <Infra/LockClasses.h>
 #include <Infra/Mutex.h>
 
 #include "Core/watch/EpollSet.h"
@@ -43,7 +44,7 @@ private:
 
     EpollSet& m_epoll;
     /// Guards the pair and the pending count, and is held over its use.
-    Infra::CMutex m_pipe_mutex;
+    Infra::CMutex m_pipe_mutex{Infra::LockClass::SELECT_PIPE};
     CWINPipe m_pipe INFRA_GUARDED_BY(m_pipe_mutex);
     int m_pipe_pending INFRA_GUARDED_BY(m_pipe_mutex) = 0;
     std::atomic<bool> m_open{false};

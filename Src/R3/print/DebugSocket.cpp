@@ -1,6 +1,8 @@
 // CDebugSocket: the flags as they are at load, and the gate.
 #include "R3/print/DebugSocket.h"
 
+#include <initializer_list>
+
 #include <Infra/Log.h>
 
 namespace Orvex::Reticor {

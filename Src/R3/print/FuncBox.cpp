@@ -5,11 +5,12 @@
 #include <new>
 #include <utility>
 
+#include <Infra/LockClasses.h>
 #include <Infra/Log.h>
 
 namespace Orvex::Reticor {
 
-Infra::CMutex g_r3_funcbox_mutex;
+Infra::CMutex g_r3_funcbox_mutex{Infra::LockClass::R3_BOXES};
 TFuncBox* g_r3_funcbox = nullptr;
 
 int TFuncBox::Register(void* func, const char* name, const char* help) {

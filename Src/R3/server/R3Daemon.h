@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+#include <Infra/LockClasses.h>
 #include <Infra/Mutex.h>
 #include <Reticor/NetHandler.h>
 #include <Reticor/SockAcceptor.h>
@@ -62,7 +63,8 @@ private:
     void rest() INFRA_REQUIRES(m_mutex);
     bool isWelcome(CSockStream& client) const;
 
-    Infra::CMutex m_mutex;  ///< Guards the acceptor and the hand-over of clients to the session.
+    /// Guards the acceptor and the hand-over of clients to the session.
+    Infra::CMutex m_mutex{Infra::LockClass::R3_DAEMON};
     CSockAcceptor m_acceptor INFRA_GUARDED_BY(m_mutex);
     bool m_closing INFRA_GUARDED_BY(m_mutex) = false;
 

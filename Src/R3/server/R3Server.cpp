@@ -1,6 +1,7 @@
 // R3ServerStart, R3ServerExit: the debug server's door, open or shut by the build's option.
 #include "R3/server/R3Server.h"
 
+#include <Infra/LockClasses.h>
 #include <Infra/Log.h>
 #include <Infra/Mutex.h>
 #include <Reticor/R3.h>
@@ -14,11 +15,11 @@ namespace Orvex::Reticor {
 namespace {
 
 /// One start at a time.
-Infra::CMutex s_start_mutex;
+Infra::CMutex s_start_mutex{Infra::LockClass::R3_START};
 
 /// Guards the change of g_r3_daemon, and everybody's step from that pointer to a reference. A leaf: R3Printf
 /// comes here with any locks held.
-Infra::CMutex s_daemon_mutex;
+Infra::CMutex s_daemon_mutex{Infra::LockClass::R3_POINTER};
 
 /// The daemon that runs, with a reference, or null. Its first reference is dropped after it has left
 /// g_r3_daemon, so there is one to add to.

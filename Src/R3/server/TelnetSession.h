@@ -1,6 +1,7 @@
 // CR3TelnetSession: the one client of the debug server, a small telnet peer.
 #pragma once
 
+#include <Infra/LockClasses.h>
 #include <Infra/Mutex.h>
 #include <Reticor/NetHandler.h>
 
@@ -78,7 +79,7 @@ private:
     int send_text(R3Connection& connection, const char* text) INFRA_REQUIRES(m_mutex);
     void send_prompt(R3Connection& connection) INFRA_REQUIRES(m_mutex);
 
-    Infra::CMutex m_mutex;
+    Infra::CMutex m_mutex{Infra::LockClass::R3_SESSION};
     R3Connection* m_connection INFRA_GUARDED_BY(m_mutex) = nullptr;  ///< Null while there is no client.
 };
 

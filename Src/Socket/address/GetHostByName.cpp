@@ -10,6 +10,7 @@
 #include <memory>
 #include <new>
 
+#include <Infra/LockClasses.h>
 #include <Infra/Log.h>
 
 #include "Socket/address/IpLiteral.h"
@@ -99,7 +100,7 @@ bool findIPv6(const char* host, sockaddr_in6& record) {
 
 }  // namespace
 
-Infra::CMutex CGetHostByName::sm_mutex;
+Infra::CMutex CGetHostByName::sm_mutex{Infra::LockClass::RESOLVER};
 CGetHostByName* CGetHostByName::sm_instance = nullptr;
 int CGetHostByName::sm_use_count = 0;
 

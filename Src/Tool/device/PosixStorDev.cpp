@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include <Infra/LockClasses.h>
 #include <Infra/Log.h>
 #include <Infra/Mutex.h>
 
@@ -72,7 +73,7 @@ struct __attribute__((visibility("hidden"))) CPosixStorDev::State {
     bool m_has_positions = true;
     char m_path[256] = {};
     /// Guards `m_position`, and is held over the transfer that moves it.
-    Infra::CMutex m_mutex;
+    Infra::CMutex m_mutex{Infra::LockClass::FILE_DEVICE};
     long long m_position INFRA_GUARDED_BY(m_mutex) = 0;
 
     bool own_place() const { return t_place.device == m_number && OnFileWorker(); }

@@ -7,6 +7,8 @@
 #include <cstring>
 #include <memory>
 
+#include <Infra/LockClasses.h>
+
 namespace Orvex::Reticor {
 
 namespace {
@@ -20,7 +22,7 @@ constexpr int WARM_UP_ROUNDS = 64;
 
 // Each round takes the block of the one before: a new pool holds a single block, and memory is taken only as
 // files need it.
-CNBufPool::CNBufPool() {
+CNBufPool::CNBufPool() : m_mutex(Infra::LockClass::FILE_POOL) {
     for (int i = 0; i < WARM_UP_ROUNDS; ++i) {
         Push(Pop());
     }
@@ -84,10 +86,10 @@ int CNBufPool::Size() {
 // ---- CNFileBuf -----------------------------------------------------------------------------------------
 
 CNBufPool* CNFileBuf::m_buf_pool = nullptr;
-Infra::CMutex CNFileBuf::m_pool_mutex;
+Infra::CMutex CNFileBuf::m_pool_mutex{Infra::LockClass::FILE_POOL_LIFE};
 int CNFileBuf::m_pool_ref_cnt = 0;
 
-CNFileBuf::CNFileBuf() {
+CNFileBuf::CNFileBuf() : m_mutex(Infra::LockClass::FILE_BUFFER) {
     Infra::CGuard guard(m_pool_mutex);
     if (m_buf_pool == nullptr) {
         ++m_pool_ref_cnt;

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include <Infra/LockClasses.h>
 #include <Infra/Mutex.h>
 #include <Reticor/FileBuf.h>
 
@@ -80,7 +81,7 @@ private:
     FileSlot** m_bufs = nullptr;
     SortNode* m_sort_nodes = nullptr;  ///< One per buffer; scratch of the pass.
 
-    Infra::CMutex m_order_mutex;
+    Infra::CMutex m_order_mutex{Infra::LockClass::FILE_ORDER};
     uint64_t m_last_stamp INFRA_GUARDED_BY(m_order_mutex) = 0;
 };
 

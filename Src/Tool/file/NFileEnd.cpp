@@ -1,4 +1,5 @@
 // CNFile: what a full teardown does with the files that are left.
+#include <Infra/LockClasses.h>
 #include <Infra/Log.h>
 
 #include "Core/pool/ThreadPool.h"
@@ -9,7 +10,7 @@ namespace Orvex::Reticor {
 namespace {
 
 /// Guards the list of all files. Never held over a call of a file or device.
-Infra::CMutex g_files_mutex;
+Infra::CMutex g_files_mutex{Infra::LockClass::FILE_LIST};
 
 }  // namespace
 

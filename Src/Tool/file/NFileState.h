@@ -8,6 +8,7 @@
 #include <atomic>
 #include <climits>
 
+#include <Infra/LockClasses.h>
 #include <Infra/Mutex.h>
 
 #include "Core/handle/HandlerPin.h"
@@ -38,7 +39,7 @@ struct __attribute__((visibility("hidden"))) CNFile::State {
     NFile_Info m_info;
 
     /// Held by Read, Write and Seek while there are buffers.
-    Infra::CMutex m_api_mutex;
+    Infra::CMutex m_api_mutex{Infra::LockClass::FILE_API};
     CFileSlots m_slots;
     /// As `m_slots.count()`; 0 is direct mode. Written under `m_api_mutex`, read without it.
     std::atomic<unsigned> m_buf_count{0};
@@ -59,13 +60,13 @@ struct __attribute__((visibility("hidden"))) CNFile::State {
     std::atomic<bool> m_ended{false};
 
     /// Held over a whole pass.
-    Infra::CMutex m_pass_mutex;
+    Infra::CMutex m_pass_mutex{Infra::LockClass::FILE_PASS};
     /// Where the device stands, as far as its results tell.
     long long m_dev_pos INFRA_GUARDED_BY(m_pass_mutex) = 0;
     /// SetBufferSize waits to drop the buffers: the pass ends after the call of the device that it is in.
     std::atomic<bool> m_discard{false};
 
-    Infra::CMutex m_write_mutex;
+    Infra::CMutex m_write_mutex{Infra::LockClass::FILE_WRITE};
     bool m_writing INFRA_GUARDED_BY(m_write_mutex) = false;       ///< A pass runs.
     bool m_again INFRA_GUARDED_BY(m_write_mutex) = false;         ///< It is to look for writes once more.
     bool m_load_wanted INFRA_GUARDED_BY(m_write_mutex) = false;   ///< It, or the next one, is to load.
@@ -74,10 +75,10 @@ struct __attribute__((visibility("hidden"))) CNFile::State {
     /// these do not.
     int m_flush_tasks INFRA_GUARDED_BY(m_write_mutex) = 0;
 
-    Infra::CMutex m_read_mutex;
+    Infra::CMutex m_read_mutex{Infra::LockClass::FILE_READ};
     bool m_reading INFRA_GUARDED_BY(m_read_mutex) = false;  ///< A load was asked for and is not over.
 
-    Infra::CMutex m_msg_mutex;
+    Infra::CMutex m_msg_mutex{Infra::LockClass::FILE_MESSAGES};
     bool m_wait_read INFRA_GUARDED_BY(m_msg_mutex) = false;     ///< The caller is owed message 7.
     bool m_wait_write INFRA_GUARDED_BY(m_msg_mutex) = false;    ///< The caller is owed message 6.
     bool m_read_stalled INFRA_GUARDED_BY(m_msg_mutex) = false;  ///< A pass that writes is to pay message 7.

@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include <Infra/LockClasses.h>
 #include <Infra/Log.h>
 
 #include "Tool/media/TargetStepMark.h"
@@ -17,7 +18,7 @@ namespace {
 
 /// All taps that are on a list, since a tap itself cannot tell on which. Few, and rarely changed.
 struct TapRegistry {
-    Infra::CMutex m_mutex;
+    Infra::CMutex m_mutex{Infra::LockClass::MEDIA_TAPS};
     std::vector<const CLevel2Buffer_IF*> m_taps INFRA_GUARDED_BY(m_mutex);
 
     /// False if it was there before.

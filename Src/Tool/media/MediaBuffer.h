@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <memory>
 
+#include <Infra/LockClasses.h>
 #include <Infra/Mutex.h>
 
 #include "Tool/media/MediaFrame.h"
@@ -67,7 +68,7 @@ struct MediaBufferState final : SendTarget_IF, StepEnd_IF {
     uint64_t m_expired_bytes = 0;
 
     /// Makes switching auto-send one thing with the change of the timer's list. Comes before the list's lock.
-    Infra::CMutex m_auto_mutex;
+    Infra::CMutex m_auto_mutex{Infra::LockClass::AUTO_SEND};
 };
 
 }  // namespace Orvex::Reticor

@@ -5,6 +5,7 @@
 #include <memory>
 #include <vector>
 
+#include <Infra/LockClasses.h>
 #include <Infra/Mutex.h>
 #include <Infra/Time.h>
 
@@ -35,7 +36,7 @@ protected:
 /// the buffer has gone. All fields are guarded by m_mutex, and so is what the senders' cursors touch.
 struct MediaCore {
     /// Before it comes the list's lock of the shared timer, after it the senders' m_other_mutex.
-    Infra::CMutex m_mutex;
+    Infra::CMutex m_mutex{Infra::LockClass::MEDIA_CORE};
     /// An operation that runs call-backs is in progress, on the thread that holds the mutex.
     bool m_stepping = false;
     bool m_some_leave = false;    ///< Call-backs have taken senders off.

@@ -7,6 +7,7 @@
 #include <memory>
 
 #include <Infra/Atomic.h>
+#include <Infra/LockClasses.h>
 #include <Infra/Mutex.h>
 #include <Infra/Time.h>
 
@@ -48,7 +49,7 @@ struct alignas(64) MediaSenderState {
 
     private:
         MediaSenderState& m_state;
-        Infra::CMutex m_mutex;                                          ///< Comes after the core's.
+        Infra::CMutex m_mutex{Infra::LockClass::MEDIA_COMING};          ///< Comes after the core's.
         std::shared_ptr<MediaCore> m_target INFRA_GUARDED_BY(m_mutex);  ///< Null: it comes to none.
         /// A thread has it as its guest, and it holds a reference on the sender.
         bool m_waits INFRA_GUARDED_BY(m_mutex) = false;
@@ -92,7 +93,7 @@ struct alignas(64) MediaSenderState {
     unsigned m_skip_msg = 0;                       ///< No lock.
 
     /// Comes after the core's mutex. Also guards changes of m_core.
-    Infra::CMutex m_other_mutex;
+    Infra::CMutex m_other_mutex{Infra::LockClass::MEDIA_OTHER};
     /// The buffer whose list it is on or was on last. Changes under m_other_mutex and the old core's mutex.
     std::shared_ptr<MediaCore> m_core INFRA_GUARDED_BY(m_other_mutex);
     Coming m_coming{*this};

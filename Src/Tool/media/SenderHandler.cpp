@@ -6,6 +6,8 @@
 #include <climits>
 #include <utility>
 
+#include <Infra/LockClasses.h>
+
 #include "Core/pool/PoolTable.h"
 #include "Tool/media/TargetStepMark.h"
 
@@ -17,7 +19,7 @@ constexpr uint64_t DEFAULT_INTERVAL_MS = 100;
 
 }  // namespace
 
-Infra::CMutex CSenderHandler::m_list_mutex;
+Infra::CMutex CSenderHandler::m_list_mutex{Infra::LockClass::SENDER_LIST};
 bool CSenderHandler::m_started = false;
 bool CSenderHandler::m_suspended = false;
 CSenderHandler* CSenderHandler::m_handler = nullptr;

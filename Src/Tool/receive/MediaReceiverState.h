@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstdint>
 
+#include <Infra/LockClasses.h>
 #include <Infra/Mutex.h>
 #include <Reticor/MediaStreamReceiver.h>
 
@@ -36,7 +37,7 @@ struct MediaReceiverState : CPacedReceiver_IF {
     /// Ticks to skip before the next call of the paced callback. The receiver's thread alone touches it.
     int32_t m_wait_ticks = 1;
     float m_speed INFRA_GUARDED_BY(m_mutex) = 1.0F;
-    Infra::CMutex m_mutex;
+    Infra::CMutex m_mutex{Infra::LockClass::RECEIVER};
 };
 
 /// `media_us` divided by `speed`, in single precision, cut to a whole number. What no 64-bit number holds (an

@@ -4,6 +4,7 @@
 #include <climits>
 #include <utility>
 
+#include <Infra/LockClasses.h>
 #include <Infra/Log.h>
 
 namespace Orvex::Reticor {
@@ -40,7 +41,7 @@ CReceiverThread* least(CReceiverThread** threads, unsigned int count) {
 
 }  // namespace
 
-Infra::CMutex ReceiverGroup::sm_mutex;
+Infra::CMutex ReceiverGroup::sm_mutex{Infra::LockClass::RECEIVER_GROUPS};
 CReceiverThread** ReceiverGroup::sm_readers = nullptr;
 CReceiverThread** ReceiverGroup::sm_writers = nullptr;
 unsigned int ReceiverGroup::sm_count = 0;

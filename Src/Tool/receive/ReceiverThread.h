@@ -3,8 +3,9 @@
 
 #include <cstdint>
 
+#include <Infra/LockClasses.h>
 #include <Infra/Mutex.h>
-#include <Infra/Thread.h>
+#include <Infra/ThreadLite.h>
 
 namespace Orvex::Reticor {
 
@@ -64,7 +65,7 @@ private:
     const int64_t m_period_us;
     CPacedReceiver_IF* m_head INFRA_GUARDED_BY(m_mutex) = nullptr;
     CPacedReceiver_IF* m_tail INFRA_GUARDED_BY(m_mutex) = nullptr;
-    mutable Infra::CMutex m_mutex;
+    mutable Infra::CMutex m_mutex{Infra::LockClass::RECEIVER_THREAD};
     int32_t m_number INFRA_GUARDED_BY(m_mutex) = 0;
     /// Owned. Made at the first start.
     Infra::CThreadLite* m_thread INFRA_GUARDED_BY(m_mutex) = nullptr;

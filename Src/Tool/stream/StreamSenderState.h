@@ -10,6 +10,7 @@
 #include <utility>
 
 #include <Infra/Atomic.h>
+#include <Infra/LockClasses.h>
 #include <Infra/Mutex.h>
 #include <Reticor/Sock.h>
 
@@ -82,7 +83,7 @@ struct StreamSenderState {
     uint32_t m_buf_num = 8;
     /// Bytes waiting in the chain.
     uint32_t m_data_len INFRA_GUARDED_BY(m_mutex) = 0;
-    mutable Infra::CMutex m_mutex;
+    mutable Infra::CMutex m_mutex{Infra::LockClass::STREAM_SENDER};
     /// Oldest block with data.
     SSendBuf* m_head INFRA_GUARDED_BY(m_mutex) = nullptr;
     /// Block being filled. Spare blocks may hang behind it.

@@ -6,9 +6,10 @@
 #include <cstdint>
 #include <map>
 
+#include <Infra/LockClasses.h>
 #include <Infra/Mutex.h>
 #include <Infra/Semaphore.h>
-#include <Infra/Thread.h>
+#include <Infra/ThreadLite.h>
 
 namespace Orvex::Reticor {
 
@@ -101,7 +102,7 @@ private:
     void insert_resting(FileTask* task) INFRA_REQUIRES(m_mutex);
 
     Infra::CSemaphore* const m_wake;
-    Infra::CMutex m_mutex;
+    Infra::CMutex m_mutex{Infra::LockClass::FILE_TASKS};
     /// A file with no task out has no entry.
     std::map<CNFile*, FileEntry> m_pending INFRA_GUARDED_BY(m_mutex);
     Chain m_list INFRA_GUARDED_BY(m_mutex);

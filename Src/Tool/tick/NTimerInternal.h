@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstdint>
 
+#include <Infra/LockClasses.h>
 #include <Infra/Mutex.h>
 #include <Infra/ThreadAnnotations.h>
 
@@ -40,7 +41,7 @@ struct NTimerInternal {
     long long m_period = 0;  ///< us; any value.
 
     /// Held across a whole pass, with every call of a handler.
-    Infra::CMutex m_mutex;
+    Infra::CMutex m_mutex{Infra::LockClass::TICK};
     CNTimerEvent* m_head INFRA_GUARDED_BY(m_mutex) = nullptr;  ///< First pushed.
     CNTimerEvent* m_tail INFRA_GUARDED_BY(m_mutex) = nullptr;  ///< Last pushed.
     long m_tick_timer INFRA_GUARDED_BY(m_mutex) = 0;

@@ -9,6 +9,7 @@
 
 namespace Orvex::Infra {
 
+/// The value of the field at some point of this call.
 template <typename Field>
 inline Field relaxedLoad(const Field& field) noexcept {
     static_assert(std::is_integral_v<Field> || std::is_enum_v<Field> || std::is_pointer_v<Field>,
@@ -16,7 +17,7 @@ inline Field relaxedLoad(const Field& field) noexcept {
     return __atomic_load_n(&field, __ATOMIC_RELAXED);
 }
 
-// `Value` is converted to the field's own type, as an assignment would.
+/// `Value` is converted to the field's own type, as an assignment would.
 template <typename Field, typename Value>
 inline void relaxedStore(Field& field, Value value) noexcept {
     static_assert(std::is_integral_v<Field> || std::is_enum_v<Field> || std::is_pointer_v<Field>,

@@ -7,8 +7,8 @@
 
 namespace Orvex::Infra {
 
-// An object that counts its references, and ends with the last one. It is made with the first reference taken
-// by its maker. Both operations can be called from any thread.
+/// An object that counts its references, and ends with the last one. It is made with the first reference
+/// taken by its maker. Both operations can be called from any thread.
 class INFRA_API IComponent {
 public:
     virtual void addRef() noexcept = 0;
@@ -22,20 +22,21 @@ protected:
     virtual ~IComponent();
 };
 
-// The longest family or name, in bytes without the end mark, and the most components at a time.
+/// The longest family or name, in bytes without the end mark, and the most components at a time.
 constexpr int COMPONENT_NAME_LIMIT = 63;
 constexpr int COMPONENT_LIMIT = 64;
 
-// Offers `component` as `name` of `family`; the registry takes a reference of its own and copies the texts.
-// False, and nothing changed, if an argument is null, a text is too long, a component of that family and name
-// is offered already, or there are COMPONENT_LIMIT of them. Any thread; works before main.
+/// Offers `component` as `name` of `family`; the registry takes a reference of its own and copies the texts.
+/// False, and nothing changed, if an argument is null, a text is too long, a component of that family and
+/// name is offered already, or there are COMPONENT_LIMIT of them. Any thread; works before main.
 INFRA_API bool offerComponent(const char* family, const char* name, IComponent* component) noexcept;
 
-// Ends the offer and drops the registry's reference; who has found the component keeps it. False if there is
-// no such offer. Any thread.
+/// Ends the offer and drops the registry's reference; whoever has found the component keeps it. False if
+/// nothing is offered by that name. Any thread.
 INFRA_API bool withdrawComponent(const char* family, const char* name) noexcept;
 
-// The component, with a reference that the caller releases; null if there is no such offer. Any thread.
+/// The component, with a reference that the caller releases; null if nothing is offered by that name. Any
+/// thread.
 INFRA_API IComponent* findComponent(const char* family, const char* name) noexcept;
 
 }  // namespace Orvex::Infra

@@ -1,13 +1,14 @@
 // TFunction0 .. TFunction6: bound function objects of fixed size, copied by value and never allocating.
 //
-//     TFunction1<void, CThreadLite&> body(&CTimer::thread_proc, this);   // member function, bound to an
-//     object TFunction3<void, CMediaPacket*, int, int> send(&plainFunction);    // plain function
+//     TFunction1<void, CThreadLite&> body(&CTimer::thread_proc, this);         // bound to an object
+//     TFunction3<void, CMediaPacket*, int, int> send(&plain_function);         // a plain function
 //
 // The first template argument is the result type, the others are the call arguments. The object stays the
 // caller's and must live as long as anybody calls. A function object carries no lock: copy it or call it from
 // any thread, but do not assign to it meanwhile.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <type_traits>
@@ -18,8 +19,8 @@
 
 namespace Orvex::Infra {
 
-// What a function object holds. Numbers from FUNCTION_REUSE on are called like FUNCTION_MEMBER, after
-// Detail::setCurrentFunctionReuse was given the number.
+/// What a function object holds. Numbers from FUNCTION_REUSE on are called like FUNCTION_MEMBER, after
+/// Detail::setCurrentFunctionReuse was given the number.
 enum FunctionKind : uint32_t {
     FUNCTION_EMPTY = 0,
     FUNCTION_MEMBER = 1,
@@ -29,22 +30,23 @@ enum FunctionKind : uint32_t {
 
 namespace Detail {
 
-// The kind of the last function object of kind 16 or more that the calling thread has called; 0 if there was
-// none.
+/// The kind of the last function object of kind 16 or more that the calling thread has called; 0 if there was
+/// none.
 INFRA_API void setCurrentFunctionReuse(uint32_t kind) noexcept;
 INFRA_API uint32_t currentFunctionReuse() noexcept;
 
-// Complains on standard output about a kind that cannot be called, and flushes, since the call that follows
-// it may well end the process.
+/// Complains on standard output about a kind that cannot be called, and flushes, since the call that follows
+/// it may well end the process.
 INFRA_API void complainOfFunctionKind(uint32_t kind, const char* type_name) noexcept;
 
+/// A function object; products name it by TFunction0 to TFunction6.
 template <typename Result, typename... Args>
 class TFunction {
 public:
-    // An empty one. Calling it is an error: it complains on standard output and then calls a null address.
+    /// An empty one. Calling it is an error: it complains on standard output and then calls a null address.
     constexpr TFunction() noexcept = default;
 
-    // Bound to a member function of `object`.
+    /// Bound to a member function of `object`.
     template <typename Class, typename Object>
     TFunction(Result (Class::*method)(Args...), Object* object) noexcept {
         bind<Class>(method, object);
@@ -54,7 +56,7 @@ public:
         bind<const Class>(method, object);
     }
 
-    // A plain function; a null one gives an empty function object.
+    /// A plain function; a null one gives an empty function object.
     TFunction(Result (*function)(Args...)) noexcept {  // NOLINT: an implicit conversion by intent
         if (function == nullptr) {
             return;
@@ -68,7 +70,7 @@ public:
     uint32_t kind() const noexcept { return m_kind; }
     void setKind(uint32_t kind) noexcept { m_kind = kind; }
     void* object() const noexcept { return m_object; }
-    // The implementation's name of the object's class; null for a plain and for an empty function object.
+    /// The implementation's name of the object's class; null for a plain and for an empty function object.
     const char* typeName() const noexcept { return m_type_name; }
 
     Result operator()(Args... args) const {
@@ -83,7 +85,7 @@ public:
 private:
     // A pointer to member function takes two words with this ABI, and only the class's own type can call it,
     // so the code pointer is a small function that knows the type, with the bytes of the pointer beside it.
-    static constexpr std::size_t TARGET_SIZE = 2 * sizeof(void*);
+    static constexpr size_t TARGET_SIZE = 2 * sizeof(void*);
     struct Code {
         Result (*call)(const unsigned char* target, void* object, Args... args) = nullptr;
         alignas(void*) unsigned char target[TARGET_SIZE] = {};
@@ -122,6 +124,7 @@ private:
 
 }  // namespace Detail
 
+/// By the number of call arguments.
 template <typename Result>
 using TFunction0 = Detail::TFunction<Result>;
 template <typename Result, typename A1>

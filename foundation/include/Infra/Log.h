@@ -6,42 +6,41 @@
 #pragma once
 
 #include <atomic>
-#include <cstddef>
 
 #include <Infra/Export.h>
-#include <Infra/Thread.h>
+#include <Infra/FunctionName.h>
 
 namespace Orvex::Infra {
 
-// One line on its way to the sink. All pointers are good for the duration of the call only.
+/// One line on its way to the sink. All pointers are good for the duration of the call only.
 struct LogLine {
     int level;
     const char* module;
     const char* file;
-    const char* function;  // fully qualified, for instance "Orvex::Reticor::CSock::Close"
+    const char* function;  ///< Fully qualified, for instance "Orvex::Reticor::CSock::Close"
     int line;
     const char* module2;
-    const char* text;  // as formatted; a text longer than 2047 bytes is cut, and its final newline kept
+    const char* text;  ///< As formatted; a text longer than 2047 bytes is cut, and its final newline kept
 };
 
-// Where lines go. `write` may be called from several threads at once and under the library's locks: do not
-// call the library from it, do not block, do not log.
+/// Where lines go. `write` may be called from several threads at once and under the library's locks: do not
+/// call the library from it, do not block, do not log.
 struct LogSink {
     void (*write)(void* context, const LogLine& line);
     void* context;
 };
 
-// Replaces the sink; null is the default sink, which writes each text to standard error with one write(2).
-// The object stays the caller's, and is not copied: it must stay alive and unchanged until another sink was
-// set and every thread that may be writing a line meanwhile has come back. A static object is best. Returns
-// the sink that was set before.
+/// Replaces the sink; null is the default sink, which writes each text to standard error with one write(2).
+/// The object stays the caller's, and is not copied: it must stay alive and unchanged until another sink was
+/// set and every thread that may be writing a line meanwhile has come back. A static object is best. Returns
+/// the sink that was set before.
 INFRA_API const LogSink* setLogSink(const LogSink* sink) noexcept;
 
-// Sets the threshold and returns the one before. 0 or less silences all lines.
+/// Sets the threshold and returns the one before. 0 or less silences all lines.
 INFRA_API int setLogLevel(int level) noexcept;
 
-// Formats a line as printf(3) does and hands it to the sink, if the level is enabled. Returns the length of
-// the text, 0 if there was no line.
+/// Formats a line as printf(3) does and hands it to the sink, if the level is enabled. Returns the length of
+/// the text, 0 if there was no line.
 INFRA_API int logFilter(int level, const char* module, const char* file, const char* function, int line,
                         const char* module2, const char* format, ...) noexcept
     __attribute__((format(printf, 7, 8)));
@@ -50,7 +49,7 @@ namespace Detail {
 
 INFRA_API extern std::atomic<int> g_log_level;
 
-// Three starts of a line; `pretty` is __PRETTY_FUNCTION__. They are called with the level enabled.
+/// Three starts of a line; `pretty` is __PRETTY_FUNCTION__. They are called with the level enabled.
 INFRA_API void logMember(int level, const char* file, const char* pretty, int line, const void* self,
                          const char* format, ...) noexcept __attribute__((format(printf, 6, 7)));
 INFRA_API void logStatic(int level, const char* file, const char* pretty, int line, const char* format,
@@ -58,50 +57,38 @@ INFRA_API void logStatic(int level, const char* file, const char* pretty, int li
 INFRA_API void logPlain(int level, const char* file, const char* pretty, int line, const char* format,
                         ...) noexcept __attribute__((format(printf, 5, 6)));
 
-// The fully qualified name of a function, taken from its __PRETTY_FUNCTION__: without result type, arguments,
-// template arguments and qualifiers. Inside a lambda it is the name of the function that contains the lambda.
-class INFRA_API FunctionName {
-public:
-    explicit FunctionName(const char* pretty) noexcept;
-    const char* text() const noexcept { return m_text; }
-
-private:
-    static constexpr std::size_t TEXT_SIZE = 256;
-    char m_text[TEXT_SIZE];
-};
-
 }  // namespace Detail
 
-// Whether lines of this level are written.
+/// Whether lines of this level are written.
 inline bool logEnabled(int level) noexcept {
     return level <= Detail::g_log_level.load(std::memory_order_relaxed);
 }
 
 }  // namespace Orvex::Infra
 
-// INFRA_LOG(level, "format", arguments...), inside non-static member functions: the text is
-// "[file:line] this:pointer tid:number, " and then the format. Arguments are evaluated only if the level is
-// enabled.
+/// INFRA_LOG(level, "format", arguments...), inside non-static member functions: the text is
+/// "[file:line] this:pointer tid:number, " and then the format. Arguments are evaluated only if the level is
+/// enabled.
 #define INFRA_LOG(level, ...)                                                                            \
     static_cast<void>(::Orvex::Infra::logEnabled(level) &&                                               \
                       (::Orvex::Infra::Detail::logMember(level, __FILE__, __PRETTY_FUNCTION__, __LINE__, \
                                                          this, __VA_ARGS__),                             \
                        true))
 
-// The same for functions without an object: "[file:line] tid:number, " and then the format.
+/// The same for functions without an object: "[file:line] tid:number, " and then the format.
 #define INFRA_LOG_STATIC(level, ...)                                                                     \
     static_cast<void>(                                                                                   \
         ::Orvex::Infra::logEnabled(level) &&                                                             \
         (::Orvex::Infra::Detail::logStatic(level, __FILE__, __PRETTY_FUNCTION__, __LINE__, __VA_ARGS__), \
          true))
 
-// The format alone.
+/// The format alone.
 #define INFRA_LOG_PLAIN(level, ...)                                                                     \
     static_cast<void>(                                                                                  \
         ::Orvex::Infra::logEnabled(level) &&                                                            \
         (::Orvex::Infra::Detail::logPlain(level, __FILE__, __PRETTY_FUNCTION__, __LINE__, __VA_ARGS__), \
          true))
 
-// The fully qualified name of the enclosing function, as const char*, good to the end of the full expression:
-// for formats with "%s :".
+/// The fully qualified name of the enclosing function, as const char*, good to the end of the full
+/// expression: for formats with "%s :".
 #define INFRA_FUNCTION (::Orvex::Infra::Detail::FunctionName(__PRETTY_FUNCTION__).text())

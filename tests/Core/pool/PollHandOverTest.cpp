@@ -7,6 +7,8 @@
 #include <cstdlib>
 #include <thread>
 
+#include <Infra/Thread.h>
+
 #include "support/KernelThread.h"
 #include "support/SeededRandom.h"
 #include "support/core/SockPoolFixture.h"

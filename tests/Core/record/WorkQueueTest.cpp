@@ -9,6 +9,8 @@
 #include <thread>
 #include <vector>
 
+#include <Infra/Thread.h>
+
 #include "support/Eventually.h"
 #include "support/KernelThread.h"
 #include "support/core/Probes.h"

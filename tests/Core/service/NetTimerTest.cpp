@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include <Infra/Thread.h>
 #include <Infra/Time.h>
 
 #include "Core/handle/ObjectId.h"

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <thread>
 
+#include <Infra/Thread.h>
 #include <Infra/Time.h>
 
 #include "support/PoolFixture.h"

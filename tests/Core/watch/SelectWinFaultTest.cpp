@@ -1,6 +1,8 @@
 // CMultiplexer in a pool that got too few descriptors, and what an idle pool costs.
 #include <gtest/gtest.h>
 
+#include <Infra/Thread.h>
+
 #include "support/KernelThread.h"
 #include "support/core/EpollSeam.h"
 #include "support/core/SockPoolFixture.h"

@@ -18,6 +18,7 @@
 #include <thread>
 #include <vector>
 
+#include <Infra/Thread.h>
 #include <Reticor/SockAddrIPv6.h>
 #include <Reticor/SockAddrStorage.h>
 

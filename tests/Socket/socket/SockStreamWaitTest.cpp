@@ -20,6 +20,7 @@
 #include <thread>
 #include <vector>
 
+#include <Infra/Thread.h>
 #include <Infra/Time.h>
 
 #include "support/Eventually.h"

@@ -14,6 +14,7 @@
 #include <string>
 #include <type_traits>
 
+#include <Infra/Thread.h>
 #include <Reticor/SockAddrIPv6.h>
 #include <Reticor/SockAddrStorage.h>
 

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include <Infra/Log.h>
+#include <Infra/Thread.h>
 #include <Infra/Time.h>
 
 #include "Core/pool/PoolTable.h"

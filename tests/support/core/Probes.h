@@ -9,7 +9,7 @@
 #include <vector>
 
 #include <Infra/Mutex.h>
-#include <Infra/Thread.h>
+#include <Infra/ThreadLite.h>
 #include <Reticor/NetHandler.h>
 
 #include "Core/handle/HandlerInternal.h"
