@@ -1,13 +1,12 @@
 // Log lines: formatting, the threshold, and the way to the sink.
 #include <Infra/Log.h>
 
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 
+#include "DefaultSink.h"
 #include "ThreadId.h"
 
 namespace Orvex::Infra {
@@ -62,12 +61,10 @@ public:
     const char* text() const noexcept { return m_text; }
     int length() const noexcept { return static_cast<int>(m_length); }
 
-    // Standard error gets whole lines, each by one call, so that those of several threads do not mix.
-    void write_to_standard_error() noexcept {
+    // Whole lines, so that those of several threads do not mix.
+    void end_line() noexcept {
         if (m_length == 0 || m_text[m_length - 1] != '\n') {
             m_text[m_length++] = '\n';
-        }
-        while (::write(STDERR_FILENO, m_text, m_length) == -1 && errno == EINTR) {
         }
     }
 
@@ -90,7 +87,8 @@ int deliver(int level, const Place& place, LineText& text) noexcept {
     const int length = text.length();
     const LogSink* const sink = g_sink.load(std::memory_order_acquire);
     if (sink == nullptr || sink->write == nullptr) {
-        text.write_to_standard_error();
+        text.end_line();
+        Detail::g_default_sink.write(place.file, place.line, text.text(), static_cast<size_t>(text.length()));
         return length;
     }
     const LogLine line{level,      place.module,  place.file, place.function,

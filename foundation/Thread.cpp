@@ -14,6 +14,7 @@
 #include <Infra/Log.h>
 #include <Infra/Time.h>
 
+#include "DefaultSink.h"
 #include "ErrorText.h"
 #include "Futex.h"
 #include "ThreadId.h"
@@ -222,6 +223,8 @@ void CThread::setLeaseHook(void (*hook)(const char* thread_name)) noexcept {
 bool CThread::pause(int ms) const {
     timespec deadline;
     bool time_left = ms > 0 && Detail::deadline_after(static_cast<uint64_t>(ms) * 1000, deadline);
+    // Threads that sleep now and then are those that have time for lines that nobody took.
+    Detail::g_default_sink.flush();
     while (m_looping.load(std::memory_order_acquire) != 0) {
         if (!time_left) {
             return true;
@@ -234,6 +237,7 @@ bool CThread::pause(int ms) const {
 }
 
 void CThread::sleep(int ms) noexcept {
+    Detail::g_default_sink.flush();
     if (ms <= 0) {
         return;
     }

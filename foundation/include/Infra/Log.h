@@ -30,7 +30,12 @@ struct LogSink {
     void* context;
 };
 
-/// Replaces the sink; null is the default sink, which writes each text to standard error with one write(2).
+/// Replaces the sink; null is the default sink. That one writes each text to standard error with one call,
+/// and never waits for its reader: what is not taken is kept, up to 64 KiB, and written by a later line or by
+/// a library thread; what is not kept is dropped and counted, and the count is written later. Of one place
+/// (file and line) it takes 100 lines in a second, and then writes how many it left out. A sink of the
+/// product's own gets every line.
+///
 /// The object stays the caller's, and is not copied: it must stay alive and unchanged until another sink was
 /// set and every thread that may be writing a line meanwhile has come back. A static object is best. Returns
 /// the sink that was set before.

@@ -1,0 +1,240 @@
+// The default sink: a standard error that nobody reads, places that write too much, forks.
+#include <Infra/Log.h>
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+
+#include <Infra/Thread.h>
+
+#include "DefaultSink.h"
+#include "support/Eventually.h"
+#include "support/HandClock.h"
+
+namespace Orvex::Infra {
+namespace {
+
+using namespace Testing;
+
+constexpr int PIPE_BYTES = 4096;  // the least that the kernel gives
+constexpr uint64_t US_PER_SECOND = 1000000;
+
+// Lets standard error be a small pipe that nobody reads but the test, in blocking mode as a shell makes it.
+class UndrainedStandardError {
+public:
+    UndrainedStandardError() : m_before(::dup(STDERR_FILENO)) {
+        EXPECT_EQ(0, ::pipe2(m_pipe, O_CLOEXEC));
+        EXPECT_EQ(PIPE_BYTES, ::fcntl(m_pipe[1], F_SETPIPE_SZ, PIPE_BYTES));
+        ::fcntl(m_pipe[0], F_SETFL, O_NONBLOCK);
+        ::dup2(m_pipe[1], STDERR_FILENO);
+    }
+    ~UndrainedStandardError() {
+        ::dup2(m_before, STDERR_FILENO);
+        for (const int fd : {m_before, m_pipe[0], m_pipe[1]}) {
+            ::close(fd);
+        }
+    }
+    // What has come until now.
+    std::string read() {
+        std::string all;
+        char buffer[PIPE_BYTES];
+        for (ssize_t size; (size = ::read(m_pipe[0], buffer, sizeof(buffer))) > 0;) {
+            all.append(buffer, static_cast<size_t>(size));
+        }
+        return all;
+    }
+    int flags() const { return ::fcntl(m_pipe[1], F_GETFL); }
+
+private:
+    int m_before;
+    int m_pipe[2] = {-1, -1};
+};
+
+// A line of the given place, which is a number alone.
+void say(int place, const std::string& text) {
+    logFilter(2, "", "a.cpp", "", place, "", "%s\n", text.c_str());
+}
+
+std::string numbered(int number, size_t length) {
+    std::string text = "line " + std::to_string(number) + " ";
+    text.resize(length - 1, '.');
+    return text;
+}
+
+// Each of `count` lines from a place of its own.
+void say_many(int count, size_t length) {
+    for (int i = 0; i < count; ++i) {
+        say(i, numbered(i, length));
+    }
+}
+
+std::string expected(int first, int last, size_t length) {
+    std::string all;
+    for (int i = first; i < last; ++i) {
+        all += numbered(i, length) + "\n";
+    }
+    return all;
+}
+
+// Works on a thread of its own, and gives the pipe a reader if that thread does not come back.
+template <typename Work>
+bool ends_undrained(UndrainedStandardError& standard_error, Work work) {
+    std::atomic<bool> ended{false};
+    std::thread worker([&] {
+        work();
+        ended = true;
+    });
+    const bool in_time = eventually([&] { return ended.load(); }, 5000);
+    while (!ended) {
+        standard_error.read();
+        std::this_thread::yield();
+    }
+    worker.join();
+    return in_time;
+}
+
+TEST(DefaultSinkTest, NeverWaitsForAReaderAndLeavesTheModeOfThePipeAlone) {
+    UndrainedStandardError standard_error;
+    const int flags = standard_error.flags();
+    EXPECT_TRUE(ends_undrained(standard_error, [] { say_many(200, 100); }));
+    EXPECT_EQ(flags, standard_error.flags());
+    EXPECT_EQ(0, flags & O_NONBLOCK);
+}
+
+TEST(DefaultSinkTest, LaterLinesBringWhatWasKeptInOrder) {
+    UndrainedStandardError standard_error;
+    constexpr int LINES = 200;
+    constexpr size_t LENGTH = 100;
+    std::string all;
+    ASSERT_TRUE(ends_undrained(standard_error, [] { say_many(LINES, LENGTH); }));
+    for (int i = LINES; i < LINES + 20; ++i) {
+        all += standard_error.read();
+        say(i, numbered(i, LENGTH));
+    }
+    all += standard_error.read();
+    EXPECT_EQ(expected(0, LINES + 20, LENGTH), all);
+}
+
+TEST(DefaultSinkTest, ThreadsThatSleepBringWhatWasKept) {
+    UndrainedStandardError standard_error;
+    ASSERT_TRUE(ends_undrained(standard_error, [] { say_many(60, 100); }));
+    std::string all = standard_error.read();
+    ASSERT_LT(all.size(), 6000u);
+    EXPECT_EVENTUALLY([&] {
+        CThread::sleep(1);
+        all += standard_error.read();
+        return all.size() >= 6000;
+    }());
+    EXPECT_EQ(expected(0, 60, 100), all);
+}
+
+TEST(DefaultSinkTest, CountsWhatItDropsAndSaysSoWhereItWas) {
+    UndrainedStandardError standard_error;
+    constexpr int LINES = 1000;  // of 100 bytes: more than pipe and ring together
+    ASSERT_TRUE(ends_undrained(standard_error, [] { say_many(LINES, 100); }));
+    std::string all;
+    EXPECT_EVENTUALLY([&] {
+        say(LINES, "the last one");
+        all += standard_error.read();
+        return all.find("the last one") != std::string::npos;
+    }());
+    const std::string before =
+        " tid:" + std::to_string(CThread::getCurrentThreadID()) + ", standard error was not read : ";
+    const size_t notice = all.find(before);
+    ASSERT_NE(std::string::npos, notice) << all.substr(all.size() - 300);
+    const int dropped = std::stoi(all.substr(notice + before.size()));
+    const size_t begin = all.rfind('\n', notice) + 1;
+    // What came before the notice, and what it counts, are all lines but those that this loop has added.
+    const auto kept = static_cast<int>(begin / 100);
+    EXPECT_EQ(expected(0, kept, 100), all.substr(0, begin));
+    EXPECT_GE(kept, static_cast<int>(Detail::DefaultSink::RING_SIZE / 103));
+    EXPECT_GE(dropped, LINES - kept);
+    EXPECT_EQ(std::string::npos, all.find(before, notice + 1));
+}
+
+TEST(DefaultSinkTest, OnePlaceWritesAHundredLinesInASecond) {
+    UndrainedStandardError standard_error;
+    HandClock clock;
+    std::string all;
+    for (int i = 0; i < 150; ++i) {
+        say(7, std::to_string(i));
+        all += standard_error.read();
+    }
+    say(8, "another place");
+    all += standard_error.read();
+    std::string wanted;
+    for (int i = 0; i < 100; ++i) {
+        wanted += std::to_string(i) + "\n";
+    }
+    EXPECT_EQ(wanted + "another place\n", all);
+
+    clock.advanceUs(US_PER_SECOND);
+    say(8, "later");
+    say(7, "again");
+    EXPECT_EQ(
+        "[a.cpp:7] tid:" + std::to_string(CThread::getCurrentThreadID()) +
+            ", 50 more lines of this place were left out : it may write 100 in a second\nlater\nagain\n",
+        standard_error.read());
+}
+
+TEST(DefaultSinkTest, TheNumberLeftOutIsSaidWithoutAFurtherLine) {
+    UndrainedStandardError standard_error;
+    HandClock clock;
+    for (int i = 0; i < 101; ++i) {
+        say(7, "x");
+    }
+    standard_error.read();
+    CThread::sleep(0);
+    EXPECT_EQ("", standard_error.read());
+    clock.advanceUs(US_PER_SECOND);
+    CThread::sleep(0);
+    EXPECT_NE(std::string::npos, standard_error.read().find(", 1 more lines of this place were left out"));
+}
+
+void count_line(void* context, const LogLine&) {
+    ++*static_cast<int*>(context);
+}
+
+TEST(DefaultSinkTest, ASinkOfTheProductGetsEveryLine) {
+    static int lines = 0;
+    static const LogSink counter = {&count_line, &lines};
+    const LogSink* const before = setLogSink(&counter);
+    for (int i = 0; i < 500; ++i) {
+        say(7, "x");
+    }
+    setLogSink(before);
+    EXPECT_EQ(500, lines);
+}
+
+// A child has a copy of the lock, but not the thread that held it.
+TEST(DefaultSinkTest, AForkedChildCanWriteWhateverOtherThreadsDo) {
+    UndrainedStandardError standard_error;
+    std::atomic<bool> stop{false};
+    std::thread other([&] {
+        for (int i = 0; !stop; ++i) {
+            say(i, "other");
+        }
+    });
+    for (int i = 0; i < 50; ++i) {
+        const pid_t child = ::fork();
+        if (child == 0) {
+            ::alarm(static_cast<unsigned>(20 * timeFactor()));
+            say(1, "child");
+            ::_exit(0);
+        }
+        int status = -1;
+        EXPECT_EQ(child, ::waitpid(child, &status, 0));
+        EXPECT_EQ(0, status);
+        standard_error.read();
+    }
+    stop = true;
+    other.join();
+}
+
+}  // namespace
+}  // namespace Orvex::Infra
