@@ -7,6 +7,8 @@
 
 namespace Orvex::Reticor {
 
+class ParserText;
+
 /// Reads a request with headers word by word and line by line, and replaces a number or an address in place.
 ///
 ///     CStrParser parser("CSeq: 302\r\nScale: 1.0\r\n");
@@ -140,8 +142,7 @@ public:
     /// end when the cursor no longer moves.
     int GetThru(char c);
     /// `GetThru('\n')`, with the same warning: `while (GetThruEOL() != -1)` does not end on a text that ends
-    /// in
-    /// '\n'.
+    /// in '\n'.
     int GetThruEOL();
 
     // Blanks and words. Each gives the count of bytes passed, which may be 0. With `out` set and `out_len`
@@ -230,21 +231,7 @@ public:
     int ReplaceLength(int len, const char* s);
 
 private:
-    struct State;
-
-    int GetCurLineHead() const;
-    int GetCurLineTail() const;
-    int LocateString(const char* s, int from, int to);
-    int LocateStringCase(const char* s, int from, int to);
-    int FindLineWithHead(const char* head);
-    int PassLine();
-    int GetDigitalEnd(int start, int end) const;
-    int NumberAtCursor() const;
-    int ReplaceNumber(const char* digits);
-    int ReplaceInPlace(int start, int end, const char* s);
-    int GrowInPlace(int start, int end, const char* s, size_t n);
-
-    State* m_state;
+    ParserText* m_text;
 };
 
 }  // namespace Orvex::Reticor

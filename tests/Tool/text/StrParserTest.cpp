@@ -3,28 +3,16 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <cstring>
 #include <string>
 
-#include "Tool/text/StrParserState.h"
+#include "Tool/text/ParserText.h"
+#include "support/socket/Allocations.h"
 
 namespace Orvex::Reticor {
 namespace {
 
-// As long as one of these lives, the parser finds no memory.
-class NoMemory {
-public:
-    NoMemory() {
-        TEST_allocate_block = [](void*, size_t) -> void* { return nullptr; };
-    }
-    ~NoMemory() { TEST_allocate_block = m_saved; }
-    NoMemory(const NoMemory&) = delete;
-    NoMemory& operator=(const NoMemory&) = delete;
-
-private:
-    void* (*m_saved)(void*, size_t) = TEST_allocate_block;
-};
+using Testing::NoMemory;
 
 std::string text_of(const CStrParser& p) {
     return std::string(p.GetString(), static_cast<size_t>(p.GetStringLen()));
@@ -106,7 +94,13 @@ TEST(StrParser, AttachWithoutMemoryLeavesAnEmptyParserWithStatusMinusOne) {
     {
         NoMemory none;
         EXPECT_EQ(-1, p.Attach("other"));
+    }
+    {
+        NoMemory but_for_the_record(1);
         EXPECT_EQ(-1, CStrParser("text").GetStatus());
+    }
+    {
+        NoMemory but_for_the_record(1);
         EXPECT_EQ(-1, CStrParser("text", 2).GetStatus());
     }
     EXPECT_EQ(-1, p.GetStatus());
@@ -121,7 +115,7 @@ TEST(StrParser, ATextBeyondTheRangeOfItsLengthIsNoMemory) {
     CStrParser p("some text");
     EXPECT_EQ(-1, p.Attach("x", 0xFFFFFFFFU));
     EXPECT_EQ(-1, p.GetStatus());
-    EXPECT_EQ(-1, p.Attach("x", static_cast<unsigned>(STR_PARSER_MAX_LEN) + 1));
+    EXPECT_EQ(-1, p.Attach("x", static_cast<unsigned>(ParserText::LONGEST) + 1));
 }
 
 TEST(StrParser, AppendWithoutMemoryChangesNothing) {
@@ -137,8 +131,10 @@ TEST(StrParser, AppendTakesTheRoomThatAShorterEndLeftAndClearsWhatIsBehind) {
     CStrParser p(std::string(120, 'h').c_str());
     ASSERT_EQ(1, p.ReplaceIpAddr("1"));
     ASSERT_EQ('h', p.GetString()[1]);
-    NoMemory none;
-    EXPECT_EQ(2, p.Append("z"));
+    {
+        NoMemory none;
+        EXPECT_EQ(2, p.Append("z"));
+    }
     EXPECT_EQ("1z" + std::string(128, '\0'), std::string(p.GetString(), 130));
 }
 

@@ -38,13 +38,13 @@ void expect_taken(const Taken& wanted) {
     EXPECT_EQ(wanted.family, family);
 }
 
-TEST(StrParserAddr, AddressesAndNamesEndBeforeThePort) {
+TEST(ParserAddresses, AddressesAndNamesEndBeforeThePort) {
     expect_taken({"[fe80::1%2]:80", "fe80::1%2", 6, 11});
     expect_taken({"1.2.3.4:80", "1.2.3.4", 4, 7});
     expect_taken({"example:80", "example", -1, 7});
 }
 
-TEST(StrParserAddr, HexDigitsAndAColonAreTakenForAnAddressAsAWhole) {
+TEST(ParserAddresses, HexDigitsAndAColonAreTakenForAnAddressAsAWhole) {
     expect_taken({"abc:80", "abc:80", -1, 6});
     expect_taken({"2001:db8::1 x", "2001:db8::1", 6, 11});
     expect_taken({"1.2.3:80", "1.2.3:80", -1, 8});
@@ -52,7 +52,7 @@ TEST(StrParserAddr, HexDigitsAndAColonAreTakenForAnAddressAsAWhole) {
     expect_taken({"::", "::", 6, 2});
 }
 
-TEST(StrParserAddr, ADottedQuadIsWrittenAnew) {
+TEST(ParserAddresses, ADottedQuadIsWrittenAnew) {
     expect_taken({"010.1.1.1/", "10.1.1.1", 4, 9});
     expect_taken({"256.1.1.1", "256.1.1.1", -1, 9});
     expect_taken({"1.2.3.4.5.6:80", "1.2.3.4", 4, 11});
@@ -61,14 +61,14 @@ TEST(StrParserAddr, ADottedQuadIsWrittenAnew) {
     expect_taken({"1.2.3.4x", "1.2.3.4", 4, 7});
 }
 
-TEST(StrParserAddr, FieldsTooWideAreCutTo32Bits) {
+TEST(ParserAddresses, FieldsTooWideAreCutTo32Bits) {
     expect_taken({"99999999999.1.1.1", "1215752191.1.1.1", -1, 17});
     expect_taken({"4294967297.1.1.1", "1.1.1.1", 4, 16});
     expect_taken({"99999999999999999999.0.0.0", "-1.0.0.0", -1, 26});
     expect_taken({"-99999999999999999999.0.0.0", "0.0.0.0", 4, 0});
 }
 
-TEST(StrParserAddr, BlanksAndSignsBeforeFieldsAreTakenButNotPassed) {
+TEST(ParserAddresses, BlanksAndSignsBeforeFieldsAreTakenButNotPassed) {
     expect_taken({"  1.2.3.4", "1.2.3.4", 4, 0});
     expect_taken({"\r\n1.2.3.4", "1.2.3.4", 4, 0});
     expect_taken({"+1.2.3.4", "1.2.3.4", 4, 0});
@@ -76,20 +76,20 @@ TEST(StrParserAddr, BlanksAndSignsBeforeFieldsAreTakenButNotPassed) {
     expect_taken({"1 .2.3.4", "1", -1, 1});
 }
 
-TEST(StrParserAddr, ThreeFieldsAreAName) {
+TEST(ParserAddresses, ThreeFieldsAreAName) {
     expect_taken({"1.2.3", "1.2.3", -1, 5});
     expect_taken({"1.2.3.", "1.2.3.", -1, 6});
     expect_taken({"1.2.3.x", "1.2.3.x", -1, 7});
 }
 
-TEST(StrParserAddr, AQuadIsNotLookedForBehindANulByteOrTheEnd) {
+TEST(ParserAddresses, AQuadIsNotLookedForBehindANulByteOrTheEnd) {
     CStrParser p("1.2.3\0.4", 8);
     char out[16];
     EXPECT_EQ(5, p.ConsumeIpAddr(out, sizeof out, nullptr));
     EXPECT_STREQ("1.2.3", out);
 }
 
-TEST(StrParserAddr, BracketsHoldAnAddressUpToTheClosingOne) {
+TEST(ParserAddresses, BracketsHoldAnAddressUpToTheClosingOne) {
     expect_taken({"[::1]", "::1", 6, 5});
     expect_taken({"[1.2.3.4]:80", "1.2.3.4", 4, 9});
     expect_taken({"[::ffff:1.2.3.4]", "::ffff:1.2.3.4", 4, 16});
@@ -100,11 +100,11 @@ TEST(StrParserAddr, BracketsHoldAnAddressUpToTheClosingOne) {
     expect_taken({"[", nullptr, 0, 0});
 }
 
-TEST(StrParserAddr, EmptyBracketsFailButArePassed) {
+TEST(ParserAddresses, EmptyBracketsFailButArePassed) {
     expect_taken({"[]:80", nullptr, 0, 2});
 }
 
-TEST(StrParserAddr, ANameIsARunOfWordCharacters) {
+TEST(ParserAddresses, ANameIsARunOfWordCharacters) {
     expect_taken({"host.example.com/x y", "host.example.com/x", -1, 18});
     expect_taken({"fe80", "fe80", -1, 4});
     expect_taken({"\xC3\xA9t\xC3\xA9", nullptr, 0, 0});
@@ -112,21 +112,21 @@ TEST(StrParserAddr, ANameIsARunOfWordCharacters) {
     expect_taken({"\n", nullptr, 0, 0});
 }
 
-TEST(StrParserAddr, ANameIsNeverResolved) {
+TEST(ParserAddresses, ANameIsNeverResolved) {
     expect_taken({"localhost:80", "localhost", -1, 9});
     expect_taken({"ip6-localhost", "ip6-localhost", -1, 13});
     expect_taken({"0x7f000001", "0x7f000001", -1, 10});
     expect_taken({"2130706433", "2130706433", -1, 10});
 }
 
-TEST(StrParserAddr, TheFamilyIsThatOfTheLiteral) {
+TEST(ParserAddresses, TheFamilyIsThatOfTheLiteral) {
     expect_taken({"::ffff:1.2.3.4", "::ffff:1.2.3.4", 4, 14});
     expect_taken({"::1.2.3.4", "::1.2.3.4", 6, 9});
     expect_taken({"1::2::3", "1::2::3", -1, 7});
     expect_taken({"ff02::1%0", "ff02::1%0", 6, 9});
 }
 
-TEST(StrParserAddr, WithoutABufferOfSevenBytesOrWithoutTextItFails) {
+TEST(ParserAddresses, WithoutABufferOfSevenBytesOrWithoutTextItFails) {
     CStrParser p("1.2.3.4");
     char out[8] = "before";
     EXPECT_EQ(-1, p.ConsumeIpAddr(nullptr, 64, nullptr));
@@ -137,7 +137,7 @@ TEST(StrParserAddr, WithoutABufferOfSevenBytesOrWithoutTextItFails) {
     EXPECT_EQ(-1, p.ConsumeIpAddr(out, sizeof out, nullptr));
 }
 
-TEST(StrParserAddr, TheBufferIsFilledWithZerosFirst) {
+TEST(ParserAddresses, TheBufferIsFilledWithZerosFirst) {
     CStrParser p("1.2.3.4");
     std::vector<char> out(20, 'x');
     EXPECT_EQ(7, p.ConsumeIpAddr(out.data(), 20, nullptr));
@@ -147,7 +147,7 @@ TEST(StrParserAddr, TheBufferIsFilledWithZerosFirst) {
     EXPECT_EQ(std::string(20, '\0'), std::string(out.data(), 20));
 }
 
-TEST(StrParserAddr, ACopyThatFillsTheBufferHasNoTerminator) {
+TEST(ParserAddresses, ACopyThatFillsTheBufferHasNoTerminator) {
     const char* const texts[] = {"1.2.3.4",   "10.20.30.40", "[fe80::1:2]",
                                  "fe80::1:2", "hostname",    "abcdef0:1"};
     const char* const filled[] = {"1.2.3.4", "10.20.3", "fe80::1", "fe80::1", "hostnam", "abcdef0"};
@@ -160,7 +160,7 @@ TEST(StrParserAddr, ACopyThatFillsTheBufferHasNoTerminator) {
     }
 }
 
-TEST(StrParserAddr, TheFamilyTellsWhatIsInTheBuffer) {
+TEST(ParserAddresses, TheFamilyTellsWhatIsInTheBuffer) {
     auto out = std::make_unique<char[]>(7);
     int family = 0;
     CStrParser p("1.2.3.400");
@@ -169,7 +169,7 @@ TEST(StrParserAddr, TheFamilyTellsWhatIsInTheBuffer) {
     EXPECT_EQ(9, p.GetCurOffset());
 }
 
-TEST(StrParserAddr, AColonBeyondTheBufferLeavesAName) {
+TEST(ParserAddresses, AColonBeyondTheBufferLeavesAName) {
     auto out = std::make_unique<char[]>(7);
     CStrParser p("abcdefabc:1");
     EXPECT_EQ(7, p.ConsumeIpAddr(out.get(), 7, nullptr));
@@ -179,7 +179,7 @@ TEST(StrParserAddr, AColonBeyondTheBufferLeavesAName) {
 
 // Replacing.
 
-TEST(StrParserAddr, AnAddressIsReplacedAtTheCursorWhichStays) {
+TEST(ParserAddresses, AnAddressIsReplacedAtTheCursorWhichStays) {
     CStrParser p("c=IN IP4 10.0.0.1/127\r\n");
     p.LocateOffset(9);
     EXPECT_EQ(9, p.ReplaceIpAddr("239.1.2.3"));
@@ -193,14 +193,14 @@ TEST(StrParserAddr, AnAddressIsReplacedAtTheCursorWhichStays) {
     EXPECT_EQ(8, p.GetCurOffset());
 }
 
-TEST(StrParserAddr, OfABracketedAddressTwoBytesBeforeTheClosingOneRemain) {
+TEST(ParserAddresses, OfABracketedAddressTwoBytesBeforeTheClosingOneRemain) {
     CStrParser p("[fe80::1]:80\n");
     EXPECT_EQ(1, p.ReplaceIpAddr("h"));
     EXPECT_EQ("h1]:80\n", text_of(p));
     EXPECT_EQ(0, p.GetCurOffset());
 }
 
-TEST(StrParserAddr, TheWrittenFormOfAQuadSaysHowMuchIsReplaced) {
+TEST(ParserAddresses, TheWrittenFormOfAQuadSaysHowMuchIsReplaced) {
     CStrParser padded("010.1.1.1 x");
     EXPECT_EQ(1, padded.ReplaceIpAddr("h"));
     EXPECT_EQ("h1 x", text_of(padded));
@@ -212,14 +212,14 @@ TEST(StrParserAddr, TheWrittenFormOfAQuadSaysHowMuchIsReplaced) {
     EXPECT_EQ("0.0.0.2147483648", text_of(longer));
 }
 
-TEST(StrParserAddr, AnAddressAtTheEndIsReplacedByALongerOneWithALineEnd) {
+TEST(ParserAddresses, AnAddressAtTheEndIsReplacedByALongerOneWithALineEnd) {
     CStrParser p("a 1.2.3.4");
     p.LocateOffset(2);
     EXPECT_EQ(9, p.ReplaceIpAddr("10.20.3.4"));
     EXPECT_EQ("a 10.20.3.4\r\n", text_of(p));
 }
 
-TEST(StrParserAddr, AShorterAddressAtTheEndWritesNoTerminator) {
+TEST(ParserAddresses, AShorterAddressAtTheEndWritesNoTerminator) {
     CStrParser p("a 1.2.3.4");
     p.LocateOffset(2);
     EXPECT_EQ(1, p.ReplaceIpAddr("h"));
@@ -229,13 +229,13 @@ TEST(StrParserAddr, AShorterAddressAtTheEndWritesNoTerminator) {
     EXPECT_EQ("a ", text_of(p));
 }
 
-TEST(StrParserAddr, AReplacementLooksAt128BytesOfAName) {
+TEST(ParserAddresses, AReplacementLooksAt128BytesOfAName) {
     CStrParser p(std::string(300, 'h').c_str());
     EXPECT_EQ(1, p.ReplaceIpAddr("x"));
     EXPECT_EQ("x" + std::string(172, 'h'), text_of(p));
 }
 
-TEST(StrParserAddr, AReplacementMayBeAPartOfTheTextItself) {
+TEST(ParserAddresses, AReplacementMayBeAPartOfTheTextItself) {
     CStrParser p("host other.example\n");
     EXPECT_EQ(14, p.ReplaceIpAddr(p.GetString() + 5));
     EXPECT_EQ("other.example\n other.example\n", text_of(p));
@@ -244,7 +244,7 @@ TEST(StrParserAddr, AReplacementMayBeAPartOfTheTextItself) {
     EXPECT_EQ("ab\n:ab\n", text_of(shorter));
 }
 
-TEST(StrParserAddr, TheRestOfALongTextIsNotMeasuredForEachAddress) {
+TEST(ParserAddresses, TheRestOfALongTextIsNotMeasuredForEachAddress) {
     std::string text;
     while (text.size() < (1U << 20)) {
         text += "10.0.0.1\n";

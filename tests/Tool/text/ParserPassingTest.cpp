@@ -12,7 +12,7 @@ namespace {
 
 // Passing bytes.
 
-TEST(StrParserConsume, UntilStopsOnTheByteAndFailsAtTheEnd) {
+TEST(ParserPassing, UntilStopsOnTheByteAndFailsAtTheEnd) {
     CStrParser p("ab;c");
     EXPECT_EQ(2, p.ConsumeUntil(';'));
     EXPECT_EQ(';', p.GetCurChar());
@@ -24,7 +24,7 @@ TEST(StrParserConsume, UntilStopsOnTheByteAndFailsAtTheEnd) {
     EXPECT_EQ(4, p.GetCurOffset());
 }
 
-TEST(StrParserConsume, UntilWithATableIndexesItWithTheSignedByte) {
+TEST(ParserPassing, UntilWithATableIndexesItWithTheSignedByte) {
     unsigned char entries[256] = {};
     unsigned char* const table = entries + 128;
     CStrParser p("caf\xC3\xA9;\xFF\x80");
@@ -41,7 +41,7 @@ TEST(StrParserConsume, UntilWithATableIndexesItWithTheSignedByte) {
     EXPECT_EQ(7, p.GetCurOffset());
 }
 
-TEST(StrParserConsume, ANullTableFails) {
+TEST(ParserPassing, ANullTableFails) {
     CStrParser p("a\nb");
     const unsigned char* none = nullptr;
     EXPECT_EQ(-1, p.ConsumeUntil(none));
@@ -49,7 +49,7 @@ TEST(StrParserConsume, ANullTableFails) {
     EXPECT_EQ(0, p.GetCurOffset());
 }
 
-TEST(StrParserConsume, UntilDigitAndHexDigitFailAtTheEnd) {
+TEST(ParserPassing, UntilDigitAndHexDigitFailAtTheEnd) {
     CStrParser p("xyz F 7 g");
     EXPECT_EQ(4, p.ConsumeUntilHexDigit());
     EXPECT_EQ(2, p.ConsumeUntilDigit());
@@ -59,7 +59,7 @@ TEST(StrParserConsume, UntilDigitAndHexDigitFailAtTheEnd) {
     EXPECT_EQ(7, p.GetCurOffset());
 }
 
-TEST(StrParserConsume, UntilInLineFailsAtTheLineEndBeforeTheFirstByteAndRestoresTheCursor) {
+TEST(ParserPassing, UntilInLineFailsAtTheLineEndBeforeTheFirstByteAndRestoresTheCursor) {
     CStrParser p("ab\nx");
     p.LocateOffset(1);
     EXPECT_EQ(-1, p.ConsumeUntilinLine('x'));
@@ -71,7 +71,7 @@ TEST(StrParserConsume, UntilInLineFailsAtTheLineEndBeforeTheFirstByteAndRestores
     EXPECT_EQ(0, p.ConsumeUntilinLine('x'));
 }
 
-TEST(StrParserConsume, UntilInLineWithATableStopsAtTheLineEndToo) {
+TEST(ParserPassing, UntilInLineWithATableStopsAtTheLineEndToo) {
     unsigned char table[128] = {};
     table[+';'] = 1;
     CStrParser p("ab;c\nd");
@@ -85,7 +85,7 @@ TEST(StrParserConsume, UntilInLineWithATableStopsAtTheLineEndToo) {
     EXPECT_EQ(5, p.GetCurOffset());
 }
 
-TEST(StrParserConsume, UntilNextLineGivesAnOffsetAtTheEndOfTheTextAndACountElsewhere) {
+TEST(ParserPassing, UntilNextLineGivesAnOffsetAtTheEndOfTheTextAndACountElsewhere) {
     CStrParser p("ab\r\ncd\n");
     p.LocateOffset(1);
     EXPECT_EQ(3, p.ConsumeUntilNextLine());
@@ -99,7 +99,7 @@ TEST(StrParserConsume, UntilNextLineGivesAnOffsetAtTheEndOfTheTextAndACountElsew
     EXPECT_EQ(0, open.GetCurOffset());
 }
 
-TEST(StrParserConsume, GetThruStaysOnAByteThatEndsTheTextAndCountsOneLess) {
+TEST(ParserPassing, GetThruStaysOnAByteThatEndsTheTextAndCountsOneLess) {
     CStrParser p("abcz");
     p.LocateOffset(1);
     EXPECT_EQ(2, p.GetThru('z'));
@@ -113,7 +113,7 @@ TEST(StrParserConsume, GetThruStaysOnAByteThatEndsTheTextAndCountsOneLess) {
     EXPECT_EQ('c', p.GetCurChar());
 }
 
-TEST(StrParserConsume, GetThruEolGivesZeroForEverOnAFinalLineEnd) {
+TEST(ParserPassing, GetThruEolGivesZeroForEverOnAFinalLineEnd) {
     CStrParser p("a\nb\n");
     EXPECT_EQ(2, p.GetThruEOL());
     EXPECT_EQ(1, p.GetThruEOL());
@@ -124,7 +124,7 @@ TEST(StrParserConsume, GetThruEolGivesZeroForEverOnAFinalLineEnd) {
 
 // Blanks and words.
 
-TEST(StrParserConsume, WhitespaceIncludesLineEndsUnlessInLine) {
+TEST(ParserPassing, WhitespaceIncludesLineEndsUnlessInLine) {
     CStrParser p(" \t\v\f\r\n x");
     EXPECT_EQ(4, p.ConsumeWhitespaceInLine());
     EXPECT_EQ(0, p.ConsumeWhitespaceInLine());
@@ -136,7 +136,7 @@ TEST(StrParserConsume, WhitespaceIncludesLineEndsUnlessInLine) {
     EXPECT_EQ(0, foreign.ConsumeWhitespaceInLine());
 }
 
-TEST(StrParserConsume, AWordIsCutToTheBufferButPassedWhole) {
+TEST(ParserPassing, AWordIsCutToTheBufferButPassedWhole) {
     CStrParser p("!word~\x7Fx");
     auto out = std::make_unique<char[]>(4);
     EXPECT_EQ(6, p.ConsumeWord(out.get(), 4));
@@ -153,14 +153,14 @@ TEST(StrParserConsume, AWordIsCutToTheBufferButPassedWhole) {
     EXPECT_STREQ("", out.get());
 }
 
-TEST(StrParserConsume, AWordEndsAtBytesAbove127) {
+TEST(ParserPassing, AWordEndsAtBytesAbove127) {
     char out[8];
     CStrParser p("caf\xC3\xA9");
     EXPECT_EQ(3, p.ConsumeWord(out, sizeof out));
     EXPECT_STREQ("caf", out);
 }
 
-TEST(StrParserConsume, LengthStopsAtTheEnd) {
+TEST(ParserPassing, LengthStopsAtTheEnd) {
     char out[8];
     CStrParser p("abcdef");
     EXPECT_EQ(2, p.ConsumeLength(2, out, sizeof out));
@@ -173,7 +173,7 @@ TEST(StrParserConsume, LengthStopsAtTheEnd) {
     EXPECT_STREQ("", out);
 }
 
-TEST(StrParserConsume, LengthPassesNothingBehindANumberAtTheEnd) {
+TEST(ParserPassing, LengthPassesNothingBehindANumberAtTheEnd) {
     CStrParser p("12");
     p.ConsumeInt32();
     EXPECT_EQ(0, p.ConsumeLength(5, nullptr, 0));
@@ -184,7 +184,7 @@ TEST(StrParserConsume, LengthPassesNothingBehindANumberAtTheEnd) {
     EXPECT_EQ(3, p.GetCurOffset());
 }
 
-TEST(StrParserConsume, ASentenceEndsBehindItsDelimiter) {
+TEST(ParserPassing, ASentenceEndsBehindItsDelimiter) {
     char out[8];
     CStrParser p("one,two;three");
     EXPECT_EQ(3, p.ConsumeSentence(";,", out, sizeof out));
@@ -199,7 +199,7 @@ TEST(StrParserConsume, ASentenceEndsBehindItsDelimiter) {
     EXPECT_STREQ("three", out);
 }
 
-TEST(StrParserConsume, AnEmptySentenceLeavesTheBufferAlone) {
+TEST(ParserPassing, AnEmptySentenceLeavesTheBufferAlone) {
     char out[8] = "before";
     CStrParser p(",x");
     EXPECT_EQ(0, p.ConsumeSentence(",", out, sizeof out));
@@ -207,7 +207,7 @@ TEST(StrParserConsume, AnEmptySentenceLeavesTheBufferAlone) {
     EXPECT_EQ(1, p.GetCurOffset());
 }
 
-TEST(StrParserConsume, ASentenceWithoutDelimitersIsTheWholeRest) {
+TEST(ParserPassing, ASentenceWithoutDelimitersIsTheWholeRest) {
     char out[8];
     CStrParser p("a\0b;", 4);
     EXPECT_EQ(4, p.ConsumeSentence("", out, sizeof out));
@@ -218,13 +218,13 @@ TEST(StrParserConsume, ASentenceWithoutDelimitersIsTheWholeRest) {
     EXPECT_EQ(0, p.GetCurOffset());
 }
 
-TEST(StrParserConsume, ASentenceDoesNotEndAtANulByte) {
+TEST(ParserPassing, ASentenceDoesNotEndAtANulByte) {
     CStrParser p("a\0b;c,", 6);
     EXPECT_EQ(3, p.ConsumeSentence(",;", nullptr, 0));
     EXPECT_EQ('c', p.GetCurChar());
 }
 
-TEST(StrParserConsume, ASentencePastTheEndFailsAndLeavesTheCursor) {
+TEST(ParserPassing, ASentencePastTheEndFailsAndLeavesTheCursor) {
     CStrParser p("12");
     p.ConsumeInt32();
     ASSERT_EQ(3, p.GetCurOffset());
@@ -235,7 +235,7 @@ TEST(StrParserConsume, ASentencePastTheEndFailsAndLeavesTheCursor) {
 
 // Lines by their heads.
 
-TEST(StrParserConsume, ALineWithItsHeadIsFoundFromWhereTheCursorStands) {
+TEST(ParserPassing, ALineWithItsHeadIsFoundFromWhereTheCursorStands) {
     char out[16];
     CStrParser p("a: 1\r\nb: 2\r\na: 3\r\n");
     EXPECT_EQ(4, p.GetLineWithHead("a:", out, sizeof out));
@@ -251,7 +251,7 @@ TEST(StrParserConsume, ALineWithItsHeadIsFoundFromWhereTheCursorStands) {
     EXPECT_EQ(-1, p.GetLineWithHead(nullptr, out, sizeof out));
 }
 
-TEST(StrParserConsume, AtOffsetOneTheSearchStartsWithTheNextLine) {
+TEST(ParserPassing, AtOffsetOneTheSearchStartsWithTheNextLine) {
     char out[8];
     CStrParser p("\nV1\nV2\n");
     EXPECT_EQ(2, p.GetLineWithHead("V", out, sizeof out));
@@ -264,7 +264,7 @@ TEST(StrParserConsume, AtOffsetOneTheSearchStartsWithTheNextLine) {
     EXPECT_STREQ("V2", out);
 }
 
-TEST(StrParserConsume, ALineIsCutToTheBufferButItsLengthIsWhole) {
+TEST(ParserPassing, ALineIsCutToTheBufferButItsLengthIsWhole) {
     auto out = std::make_unique<char[]>(3);
     CStrParser p("x\nabcdef");
     EXPECT_EQ(6, p.GetLineWithHead("abc", out.get(), 3));
@@ -277,7 +277,7 @@ TEST(StrParserConsume, ALineIsCutToTheBufferButItsLengthIsWhole) {
     EXPECT_EQ(7, p.GetCurOffset());
 }
 
-TEST(StrParserConsume, ALastLineIsFoundAgainSinceTheCursorStaysOnItsLastByte) {
+TEST(ParserPassing, ALastLineIsFoundAgainSinceTheCursorStaysOnItsLastByte) {
     CStrParser p("a\nV");
     EXPECT_EQ(0, p.GetLineWithHead("V", nullptr, 0));
     EXPECT_EQ(2, p.GetCurOffset());
@@ -285,7 +285,7 @@ TEST(StrParserConsume, ALastLineIsFoundAgainSinceTheCursorStaysOnItsLastByte) {
     EXPECT_EQ(2, p.GetCurOffset());
 }
 
-TEST(StrParserConsume, ALineKeepsACarriageReturnThatIsTheFirstByteOfTheText) {
+TEST(ParserPassing, ALineKeepsACarriageReturnThatIsTheFirstByteOfTheText) {
     char out[8];
     CStrParser p("\r\nx");
     EXPECT_EQ(1, p.GetLineWithHead("", out, sizeof out));
@@ -295,7 +295,7 @@ TEST(StrParserConsume, ALineKeepsACarriageReturnThatIsTheFirstByteOfTheText) {
     EXPECT_STREQ("ab", out);
 }
 
-TEST(StrParserConsume, TheSearchForAHeadEndsOnATextThatEndsInALineEnd) {
+TEST(ParserPassing, TheSearchForAHeadEndsOnATextThatEndsInALineEnd) {
     CStrParser p("a\n");
     EXPECT_EQ(-1, p.GetLineWithHead("x", nullptr, 0));
     EXPECT_EQ(0, p.GetCurOffset());
@@ -307,7 +307,7 @@ TEST(StrParserConsume, TheSearchForAHeadEndsOnATextThatEndsInALineEnd) {
     EXPECT_EQ(0, only.GetLineNumWithHead("x"));
 }
 
-TEST(StrParserConsume, ALineThatBeginsBehindItsEndIsEmpty) {
+TEST(ParserPassing, ALineThatBeginsBehindItsEndIsEmpty) {
     auto out = std::make_unique<char[]>(64);
     CStrParser p("a\r\n");
     EXPECT_EQ(1, p.GetLineWithHead("", out.get(), 64));
@@ -321,7 +321,7 @@ TEST(StrParserConsume, ALineThatBeginsBehindItsEndIsEmpty) {
     EXPECT_STREQ("", out.get());
 }
 
-TEST(StrParserConsume, TheCountOfLinesWithAHeadEndsAndRestoresTheCursor) {
+TEST(ParserPassing, TheCountOfLinesWithAHeadEndsAndRestoresTheCursor) {
     CStrParser p("a\nV");
     EXPECT_EQ(1, p.GetLineNumWithHead("V"));
     EXPECT_EQ(0, p.GetCurOffset());
@@ -340,7 +340,7 @@ TEST(StrParserConsume, TheCountOfLinesWithAHeadEndsAndRestoresTheCursor) {
     EXPECT_EQ(0, CStrParser("").GetLineNumWithHead(""));
 }
 
-TEST(StrParserConsume, AHeadLongerThanWhatIsLeftEndsTheSearch) {
+TEST(ParserPassing, AHeadLongerThanWhatIsLeftEndsTheSearch) {
     CStrParser p("ab\ncd\n");
     EXPECT_EQ(-1, p.GetLineWithHead("cd\nef", nullptr, 0));
     EXPECT_EQ(-1, p.GetLineWithHead("a much longer head than the text", nullptr, 0));

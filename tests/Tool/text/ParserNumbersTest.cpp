@@ -19,7 +19,7 @@ std::string text_of(const CStrParser& p) {
 
 // Consuming.
 
-TEST(StrParserNumber, ANumberAtTheEndLeavesTheCursorOnePastTheLength) {
+TEST(ParserNumbers, ANumberAtTheEndLeavesTheCursorOnePastTheLength) {
     CStrParser p("12");
     EXPECT_EQ(12, p.ConsumeInt32());
     EXPECT_EQ(0, p.GetStatus());
@@ -33,7 +33,7 @@ TEST(StrParserNumber, ANumberAtTheEndLeavesTheCursorOnePastTheLength) {
     EXPECT_EQ(5, at_end_of_double.GetCurOffset());
 }
 
-TEST(StrParserNumber, ANumberBeforeABlankIsTakenAndCanBeReplaced) {
+TEST(ParserNumbers, ANumberBeforeABlankIsTakenAndCanBeReplaced) {
     CStrParser p("12 ");
     EXPECT_EQ(12, p.ConsumeInt32());
     EXPECT_EQ(2, p.GetCurOffset());
@@ -45,7 +45,7 @@ TEST(StrParserNumber, ANumberBeforeABlankIsTakenAndCanBeReplaced) {
     EXPECT_EQ(0, p.GetCurOffset());
 }
 
-TEST(StrParserNumber, ATrailingPointIsNotPartOfTheNumber) {
+TEST(ParserNumbers, ATrailingPointIsNotPartOfTheNumber) {
     CStrParser p("12. ");
     EXPECT_EQ(12, p.ConsumeInt32());
     EXPECT_EQ('.', p.GetCurChar());
@@ -54,7 +54,7 @@ TEST(StrParserNumber, ATrailingPointIsNotPartOfTheNumber) {
     EXPECT_EQ(4, at_end.GetCurOffset());
 }
 
-TEST(StrParserNumber, TheSecondPointEndsTheNumber) {
+TEST(ParserNumbers, TheSecondPointEndsTheNumber) {
     CStrParser p("1.2.3 1..2");
     EXPECT_EQ(1.2, p.ConsumeDouble());
     EXPECT_EQ(3, p.GetCurOffset());
@@ -64,7 +64,7 @@ TEST(StrParserNumber, TheSecondPointEndsTheNumber) {
     EXPECT_EQ(7, p.GetCurOffset());
 }
 
-TEST(StrParserNumber, AMinusAloneAndAPlusFail) {
+TEST(ParserNumbers, AMinusAloneAndAPlusFail) {
     for (const char* text : {"-", "- ", "--5", "+5", ".5", "-.5", "x", " 5"}) {
         CStrParser p(text);
         EXPECT_EQ(-1, p.ConsumeInt64()) << text;
@@ -79,20 +79,20 @@ TEST(StrParserNumber, AMinusAloneAndAPlusFail) {
     EXPECT_EQ(-5, CStrParser("-5").ConsumeInt64());
 }
 
-TEST(StrParserNumber, AnIntegerPassesTheFractionButTakesTheIntegerPart) {
+TEST(ParserNumbers, AnIntegerPassesTheFractionButTakesTheIntegerPart) {
     CStrParser p("-12.75;");
     EXPECT_EQ(-12, p.ConsumeInt64());
     EXPECT_EQ(';', p.GetCurChar());
 }
 
-TEST(StrParserNumber, AnUnsignedNumberWithAMinusWraps) {
+TEST(ParserNumbers, AnUnsignedNumberWithAMinusWraps) {
     EXPECT_EQ(ULLONG_MAX - 4, CStrParser("-5").ConsumeUint64());
     EXPECT_EQ(UINT_MAX - 4, CStrParser("-5").ConsumeUint32());
     EXPECT_EQ(65531, CStrParser("-5").ConsumeUint16());
     EXPECT_EQ(0ULL, CStrParser("-0").ConsumeUint64());
 }
 
-TEST(StrParserNumber, AValueTooWideForItsTypeIsCut) {
+TEST(ParserNumbers, AValueTooWideForItsTypeIsCut) {
     EXPECT_EQ(1, CStrParser("4294967297").ConsumeInt32());
     EXPECT_EQ(INT_MIN, CStrParser("2147483648").ConsumeInt32());
     EXPECT_EQ(-1, CStrParser("65535").ConsumeInt16());
@@ -100,7 +100,7 @@ TEST(StrParserNumber, AValueTooWideForItsTypeIsCut) {
     EXPECT_EQ(0, CStrParser("65536").ConsumeUint16());
 }
 
-TEST(StrParserNumber, AValueTooWideFor64BitsSaturates) {
+TEST(ParserNumbers, AValueTooWideFor64BitsSaturates) {
     EXPECT_EQ(LLONG_MAX, CStrParser("9223372036854775808 ").ConsumeInt64());
     EXPECT_EQ(LLONG_MIN, CStrParser("-9223372036854775809").ConsumeInt64());
     EXPECT_EQ(LLONG_MIN, CStrParser("-9223372036854775808").ConsumeInt64());
@@ -109,7 +109,7 @@ TEST(StrParserNumber, AValueTooWideFor64BitsSaturates) {
     EXPECT_EQ(-1, CStrParser("99999999999999999999").ConsumeInt32());
 }
 
-TEST(StrParserNumber, NumbersMayBeOfAnyLength) {
+TEST(ParserNumbers, NumbersMayBeOfAnyLength) {
     std::string digits(100000, '7');
     CStrParser p((digits + ";").c_str());
     EXPECT_EQ(LLONG_MAX, p.ConsumeInt64());
@@ -120,7 +120,7 @@ TEST(StrParserNumber, NumbersMayBeOfAnyLength) {
     EXPECT_NEAR(7.0 / 9, fraction.ConsumeDouble(), 1e-12);
 }
 
-TEST(StrParserNumber, ADoubleOutOfRangeFailsAndATooSmallOneIsZero) {
+TEST(ParserNumbers, ADoubleOutOfRangeFailsAndATooSmallOneIsZero) {
     CStrParser huge((std::string(400, '9') + ";").c_str());
     EXPECT_EQ(-1.0, huge.ConsumeDouble());
     EXPECT_EQ(-1, huge.GetStatus());
@@ -134,7 +134,7 @@ TEST(StrParserNumber, ADoubleOutOfRangeFailsAndATooSmallOneIsZero) {
     EXPECT_TRUE(std::isinf(CStrParser((std::string(50, '9') + ";").c_str()).ConsumeFloat()));
 }
 
-TEST(StrParserNumber, AnExponentIsNotPartOfANumber) {
+TEST(ParserNumbers, AnExponentIsNotPartOfANumber) {
     CStrParser p("1.5e3");
     EXPECT_EQ(1.5, p.ConsumeDouble());
     EXPECT_EQ('e', p.GetCurChar());
@@ -143,7 +143,7 @@ TEST(StrParserNumber, AnExponentIsNotPartOfANumber) {
     EXPECT_EQ('x', hex.GetCurChar());
 }
 
-TEST(StrParserNumber, OnlyNumericConsumersWriteTheStatus) {
+TEST(ParserNumbers, OnlyNumericConsumersWriteTheStatus) {
     CStrParser p("x 5 y");
     p.ConsumeInt32();
     ASSERT_EQ(-1, p.GetStatus());
@@ -161,14 +161,14 @@ TEST(StrParserNumber, OnlyNumericConsumersWriteTheStatus) {
 
 // Hex.
 
-TEST(StrParserNumber, HexWithoutADigitIsZeroWithStatusZero) {
+TEST(ParserNumbers, HexWithoutADigitIsZeroWithStatusZero) {
     CStrParser p("xyz");
     EXPECT_EQ(0U, p.ConsumeHexUint32());
     EXPECT_EQ(0, p.GetStatus());
     EXPECT_EQ(0, p.GetCurOffset());
 }
 
-TEST(StrParserNumber, HexWithoutTextIsZeroWithStatusMinusOne) {
+TEST(ParserNumbers, HexWithoutTextIsZeroWithStatusMinusOne) {
     CStrParser p("F");
     EXPECT_EQ(15U, p.ConsumeHexUint32());
     EXPECT_EQ(0, p.GetStatus());
@@ -177,7 +177,7 @@ TEST(StrParserNumber, HexWithoutTextIsZeroWithStatusMinusOne) {
     EXPECT_EQ(-1, p.GetStatus());
 }
 
-TEST(StrParserNumber, HexWrapsIn32Bits) {
+TEST(ParserNumbers, HexWrapsIn32Bits) {
     CStrParser p("123456789aBcDeF0g");
     EXPECT_EQ(0x9ABCDEF0U, p.ConsumeHexUint32());
     EXPECT_EQ('g', p.GetCurChar());
@@ -185,7 +185,7 @@ TEST(StrParserNumber, HexWrapsIn32Bits) {
 
 // Replacing.
 
-TEST(StrParserNumber, AReplacementThatLengthensATextWithoutAFinalLineEndAddsOne) {
+TEST(ParserNumbers, AReplacementThatLengthensATextWithoutAFinalLineEndAddsOne) {
     CStrParser p("CSeq: 9 OPTIONS");
     p.LocateOffset(6);
     EXPECT_EQ(4, p.ReplaceUint32(1000));
@@ -196,7 +196,7 @@ TEST(StrParserNumber, AReplacementThatLengthensATextWithoutAFinalLineEndAddsOne)
     EXPECT_EQ("CSeq: 10000 OPTIONS\r\n", text_of(p));
 }
 
-TEST(StrParserNumber, AReplacementOfTheSameLengthOrAShorterOneAddsNothing) {
+TEST(ParserNumbers, AReplacementOfTheSameLengthOrAShorterOneAddsNothing) {
     CStrParser p("CSeq: 90 OPTIONS");
     p.LocateOffset(6);
     EXPECT_EQ(2, p.ReplaceUint32(17));
@@ -206,7 +206,7 @@ TEST(StrParserNumber, AReplacementOfTheSameLengthOrAShorterOneAddsNothing) {
     EXPECT_STREQ("CSeq: 8 OPTIONS", p.GetString());
 }
 
-TEST(StrParserNumber, ANumberAtTheEndOfTheTextIsNotReplaced) {
+TEST(ParserNumbers, ANumberAtTheEndOfTheTextIsNotReplaced) {
     CStrParser p("n=12");
     p.LocateOffset(2);
     EXPECT_EQ(-1, p.ReplaceInt64(5));
@@ -216,7 +216,7 @@ TEST(StrParserNumber, ANumberAtTheEndOfTheTextIsNotReplaced) {
     EXPECT_EQ(2, p.GetCurOffset());
 }
 
-TEST(StrParserNumber, EveryTypeIsReplacedInItsOwnNotation) {
+TEST(ParserNumbers, EveryTypeIsReplacedInItsOwnNotation) {
     CStrParser p("0;\n");
     EXPECT_EQ(20, p.ReplaceInt64(LLONG_MIN));
     EXPECT_EQ("-9223372036854775808;\n", text_of(p));
@@ -237,7 +237,7 @@ TEST(StrParserNumber, EveryTypeIsReplacedInItsOwnNotation) {
     EXPECT_EQ("inf;\n", text_of(p));
 }
 
-TEST(StrParserNumber, AReplacedDoubleHasAtMost255Characters) {
+TEST(ParserNumbers, AReplacedDoubleHasAtMost255Characters) {
     CStrParser p("0;\n");
     EXPECT_EQ(255, p.ReplaceDouble(9e247));
     p.Attach("0;\n");
@@ -248,7 +248,7 @@ TEST(StrParserNumber, AReplacedDoubleHasAtMost255Characters) {
     EXPECT_EQ(255, p.ReplaceDouble(-std::numeric_limits<double>::max()));
 }
 
-TEST(StrParserNumber, ReplaceLengthFillsWithBlanksAndNeverChangesTheLength) {
+TEST(ParserNumbers, ReplaceLengthFillsWithBlanksAndNeverChangesTheLength) {
     CStrParser p("abcdefgh");
     EXPECT_EQ(5, p.ReplaceLength(5, "xy"));
     EXPECT_EQ("xy   fgh", text_of(p));
@@ -263,7 +263,7 @@ TEST(StrParserNumber, ReplaceLengthFillsWithBlanksAndNeverChangesTheLength) {
     EXPECT_EQ("xy   12 ", text_of(p));
 }
 
-TEST(StrParserNumber, ReplaceLengthTakesAPartOfTheTextItself) {
+TEST(ParserNumbers, ReplaceLengthTakesAPartOfTheTextItself) {
     CStrParser p("abcdefgh");
     p.LocateOffset(2);
     EXPECT_EQ(6, p.ReplaceLength(4, p.GetString()));
@@ -276,7 +276,7 @@ TEST(StrParserNumber, ReplaceLengthTakesAPartOfTheTextItself) {
 // A shorter text that reaches the end leaves its old bytes behind the length, where no operation may find
 // them.
 
-TEST(StrParserNumber, DigitsBehindTheLengthAreNoPartOfANumber) {
+TEST(ParserNumbers, DigitsBehindTheLengthAreNoPartOfANumber) {
     CStrParser p("h9937");
     EXPECT_EQ(2, p.ReplaceIpAddr("12"));
     EXPECT_EQ("12", text_of(p));
@@ -288,7 +288,7 @@ TEST(StrParserNumber, DigitsBehindTheLengthAreNoPartOfANumber) {
     EXPECT_EQ(2, p.GetCurOffset());
 }
 
-TEST(StrParserNumber, AppendAfterAShorterEndFindsTheRealEnd) {
+TEST(ParserNumbers, AppendAfterAShorterEndFindsTheRealEnd) {
     std::string digits(120, 'a');
     CStrParser p(digits.c_str());
     EXPECT_EQ(1, p.ReplaceIpAddr("1"));
@@ -310,7 +310,7 @@ protected:
     std::string do_grouping() const override { return "\3"; }
 };
 
-TEST(StrParserNumber, APointIsAPointInEveryLocale) {
+TEST(ParserNumbers, APointIsAPointInEveryLocale) {
     std::locale saved = std::locale::global(std::locale(std::locale::classic(), new CommaPoint));
     for (const char* name : {"de_DE.UTF-8", "de_DE", "fr_FR.UTF-8"}) {
         if (setlocale(LC_ALL, name) != nullptr) {

@@ -1,5 +1,5 @@
-// CStrParser: internet addresses and host names.
-#include <Reticor/StrParser.h>
+// ParserAddresses: dotted quads, literals in brackets or bare, names.
+#include "Tool/text/ParserAddresses.h"
 
 #include <netinet/in.h>
 
@@ -9,13 +9,13 @@
 #include <cstring>
 
 #include "Socket/address/IpLiteral.h"
-#include "Tool/text/StrParserState.h"
+#include "Tool/text/ParserBytes.h"
 
 namespace Orvex::Reticor {
 
 namespace {
 
-/// `out` of ConsumeIpAddr is at least this long, and ReplaceIpAddr works with this much.
+/// `out` of `take` is at least this long, and `replace` works with this much.
 constexpr unsigned SHORTEST_OUT = 7;
 constexpr unsigned REPLACED_OUT = 128;
 /// Longer than any address with the longest name of an interface as its scope.
@@ -131,13 +131,12 @@ int family_of(const char* text, size_t len) {
 
 }  // namespace
 
-int CStrParser::ConsumeIpAddr(char* out, unsigned out_len, int* family) {
-    State& s = *m_state;
-    if (out == nullptr || out_len < SHORTEST_OUT || s.left() == 0) {
+int ParserAddresses::take(char* out, unsigned out_len, int* family) {
+    if (out == nullptr || out_len < SHORTEST_OUT || m_text.left() == 0) {
         return -1;
     }
     memset(out, 0, out_len);
-    Reader in{s.here(), s.end_of_left(), out, out_len};
+    Reader in{m_text.here(), m_text.end_of_left(), out, out_len};
     bool taken = take_quad(in);
     if (!taken) {
         taken = in.is('[') ? take_bracketed(in) : take_bare(in) || take_name(in);
@@ -145,7 +144,7 @@ int CStrParser::ConsumeIpAddr(char* out, unsigned out_len, int* family) {
     if (!taken) {
         return -1;
     }
-    s.move_to(in.at);
+    m_text.move_to(in.at);
     size_t len = strnlen(out, out_len);
     if (len == 0) {
         return -1;
@@ -156,16 +155,15 @@ int CStrParser::ConsumeIpAddr(char* out, unsigned out_len, int* family) {
     return static_cast<int>(len);
 }
 
-int CStrParser::ReplaceIpAddr(const char* s) {
-    State& state = *m_state;
+int ParserAddresses::replace(const char* s) {
     if (s == nullptr) {
         return -1;
     }
-    int start = state.offset();
+    const int start = m_text.offset();
     char address[REPLACED_OUT];
-    int len = ConsumeIpAddr(address, sizeof address, nullptr);
-    state.set_offset(start);
-    return len == -1 ? -1 : ReplaceInPlace(start, start + len - 1, s);
+    const int len = take(address, sizeof address, nullptr);
+    m_text.set_offset(start);
+    return len == -1 ? -1 : m_text.replace(start, start + len - 1, s);
 }
 
 }  // namespace Orvex::Reticor
