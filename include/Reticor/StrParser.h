@@ -194,8 +194,8 @@ public:
 
     /// Takes an IPv4 address, an IPv6 address, bare or in brackets, or a host name up to the next ':'. `out`
     /// is filled with zeros, gets the text without brackets, and has no terminator if that fills it. Gives
-    /// the length in `out`; -1 if `out` is null, `out_len` below 7, or nothing is there. "[]" gives -1 and is
-    /// passed.
+    /// the length in `out`; -1 if `out` is null, `out_len` below 7, or nothing is there, and then the cursor
+    /// stays.
     ///
     /// A dotted quad is written anew, "010.1.1.1" as "10.1.1.1", without a check of its range. Its fields may
     /// have blanks and line ends or a sign in front, as scanf has it; the cursor, however, passes only digits

@@ -81,7 +81,7 @@ bool take_quad(Reader& in) {
 bool take_bracketed(Reader& in) {
     const char* body = in.at + 1;
     const char* close = std::find_if_not(body, in.end, is_address_char);
-    if (close == in.end || *close != ']') {
+    if (close == in.end || *close != ']' || close == body) {
         return false;
     }
     in.put(body, static_cast<size_t>(close - body));
@@ -145,10 +145,7 @@ int ParserAddresses::take(char* out, unsigned out_len, int* family) {
         return -1;
     }
     m_text.move_to(in.at);
-    size_t len = strnlen(out, out_len);
-    if (len == 0) {
-        return -1;
-    }
+    const size_t len = strnlen(out, out_len);
     if (family != nullptr) {
         *family = family_of(out, len);
     }

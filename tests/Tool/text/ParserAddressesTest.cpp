@@ -100,8 +100,9 @@ TEST(ParserAddresses, BracketsHoldAnAddressUpToTheClosingOne) {
     expect_taken({"[", nullptr, 0, 0});
 }
 
-TEST(ParserAddresses, EmptyBracketsFailButArePassed) {
-    expect_taken({"[]:80", nullptr, 0, 2});
+TEST(ParserAddresses, EmptyBracketsFailAndAreNotPassed) {
+    expect_taken({"[]:80", nullptr, 0, 0});
+    expect_taken({"[]", nullptr, 0, 0});
 }
 
 TEST(ParserAddresses, ANameIsARunOfWordCharacters) {

@@ -321,7 +321,7 @@ public:
             m_offset = span(m_offset, [](char c) { return isdigit(c) != 0 || c == '.'; });
         } else if (at(m_offset) == '[') {
             int close = span(m_offset + 1, address_char);
-            if (at(close) != ']') {
+            if (at(close) != ']' || close == m_offset + 1) {
                 return -1;
             }
             put(between(m_offset + 1, close), out, out_len);
