@@ -10,7 +10,7 @@
 #include <Infra/LockClasses.h>
 #include <Infra/Mutex.h>
 
-#include "Tool/media/MediaFrame.h"
+#include "Tool/frame/FrameStore.h"
 #include "Tool/media/MediaStep.h"
 #include "Tool/media/MediaStreamSender.h"
 #include "Tool/media/SenderHandler.h"

@@ -5,6 +5,7 @@
 
 #include <Infra/Log.h>
 
+#include "Tool/frame/MediaTrace.h"
 #include "Tool/media/MediaBuffer.h"
 
 namespace Orvex::Reticor {
@@ -13,12 +14,6 @@ namespace {
 
 constexpr int LEVEL_MOST = 1;
 constexpr int STEPS_PER_LEVEL = 10;
-/// A text of the debug output names the operation by this.
-constexpr const char* PUT_NAME = "Orvex::Reticor::CMediaBuffer::put";
-constexpr const char* DO_SEND_NAME = "Orvex::Reticor::CMediaBuffer::do_send";
-constexpr const char* SEND_PACKET_NAME = "Orvex::Reticor::CMediaBuffer::send_packet";
-constexpr const char* CHECK_NAME = "Orvex::Reticor::CMediaBuffer::check_valid_frames";
-constexpr const char* REBUILD_NAME = "Orvex::Reticor::CMediaBuffer::rebuild_frame_list";
 
 int clampLevel(int level_word) {
     const int level = std::clamp(levelOf(level_word), LEVEL_MOST, MediaBufferState::LEVEL_LEAST);
@@ -32,8 +27,8 @@ int CMediaBuffer::Put(CMediaPacket* packet, int len, int mark, int level) {
 }
 
 void CMediaBuffer::do_send() {
-    if (mediaPrinting()) {
-        R3Printf("%s, %p do send!\n", DO_SEND_NAME, static_cast<void*>(this));
+    if (MediaTrace::on()) {
+        MediaTrace::do_send(this);
     }
     put(nullptr, 0, MEDIA_MARK_LAST, 0, true);
 }
@@ -58,10 +53,8 @@ void CMediaBuffer::accept(CMediaPacket* packet, int len, int mark, int level) {
     if (m_state->m_frame_header == nullptr) {
         begin_list();
     }
-    if (mediaPrinting()) {
-        R3Printf("%s, %p put packet to buffer, packet :%p, len:%d, mark:%d, level:%x!\n", PUT_NAME,
-                 static_cast<void*>(this), static_cast<void*>(packet), len, mark,
-                 static_cast<unsigned>(level));
+    if (MediaTrace::on()) {
+        MediaTrace::packet_taken(this, packet, len, mark, level);
     }
     const int level_word = clampLevel(level);
     m_state->m_current_frame->Put(packet, len, mark, level_word);
@@ -134,11 +127,9 @@ void CMediaBuffer::sending_step(bool has_packet, bool ages) {
 int CMediaBuffer::send_packet() {
     uint64_t should_discard = m_state->m_byte_discard;
     uint64_t min_discard = m_state->byte_total();
-    const bool printing = mediaPrinting();
+    const bool printing = MediaTrace::on();
     if (printing) {
-        R3Printf("%s, %p mediabuffer send packet, should_discard:%ju, min_discard:%ju \n", SEND_PACKET_NAME,
-                 static_cast<void*>(this), static_cast<uintmax_t>(should_discard),
-                 static_cast<uintmax_t>(min_discard));
+        MediaTrace::walk_begins(this, should_discard, min_discard);
     }
     m_state->m_policy_only = m_state->m_sender_header != nullptr;
     CMediaStreamSender* sender = m_state->m_sender_header;
@@ -151,13 +142,11 @@ int CMediaBuffer::send_packet() {
             continue;
         }
         if (printing) {
-            R3Printf("%s, %p sender %p send frame:%p!\n", SEND_PACKET_NAME, static_cast<void*>(this),
-                     static_cast<void*>(sender), static_cast<void*>(m_state->m_current_frame));
+            MediaTrace::sender_begins(this, sender, m_state->m_current_frame);
         }
         const long long total = sender->send(m_state->m_current_frame);
         if (printing) {
-            R3Printf("%s, %p sender %p send total:%jd Bytes!\n", SEND_PACKET_NAME, static_cast<void*>(this),
-                     static_cast<void*>(sender), static_cast<intmax_t>(total));
+            MediaTrace::sender_ends(this, sender, total);
         }
         CMediaStreamSender* const next = state.m_next;
         if (total < 0) {
@@ -198,9 +187,8 @@ bool CMediaBuffer::join(CMediaStreamSender* sender) {
 }
 
 void CMediaBuffer::drop_failed(CMediaStreamSender* sender) {
-    if (mediaPrinting()) {
-        R3Printf("%s, %p delete sender %p because socket exception\n", SEND_PACKET_NAME,
-                 static_cast<void*>(this), static_cast<void*>(sender->m_state->m_next));
+    if (MediaTrace::on()) {
+        MediaTrace::sender_failed(this, sender->m_state->m_next);
     }
     sender->m_state->m_failed = true;
     del_sender(sender);
@@ -211,10 +199,8 @@ void CMediaBuffer::drop_failed(CMediaStreamSender* sender) {
 void CMediaBuffer::discard_passed(uint64_t should_discard) {
     uint64_t discard_byte =
         should_discard > m_state->m_byte_discard ? should_discard - m_state->m_byte_discard : 0;
-    if (mediaPrinting()) {
-        R3Printf("%s, %p mediabuffer send packet, should_discard:%ju, m_byte_discard:%ju \n",
-                 SEND_PACKET_NAME, static_cast<void*>(this), static_cast<uintmax_t>(should_discard),
-                 static_cast<uintmax_t>(m_state->m_byte_discard));
+    if (MediaTrace::on()) {
+        MediaTrace::walk_ends(this, should_discard, m_state->m_byte_discard);
     }
     while (const CFrame* const head = m_state->m_frame_header) {
         const auto length = static_cast<uint64_t>(head->m_frame_len);
@@ -224,10 +210,8 @@ void CMediaBuffer::discard_passed(uint64_t should_discard) {
         CFrame* const frame = unlink_head();
         discard_byte -= length;
         m_state->m_byte_discard += length;
-        if (mediaPrinting()) {
-            R3Printf("%s, %p mediabuffer send packet, delete frame:%p, byte:%jd \n", SEND_PACKET_NAME,
-                     static_cast<void*>(this), static_cast<void*>(frame),
-                     static_cast<intmax_t>(frame->m_frame_len));
+        if (MediaTrace::on()) {
+            MediaTrace::frame_passed(this, frame, frame->m_frame_len);
         }
         delete_frame(frame);
     }
@@ -270,10 +254,8 @@ void CMediaBuffer::check_valid_frames() {
         }
     }
     m_state->m_valid_num.store(count, std::memory_order_relaxed);
-    if (mediaPrinting() && count >= 2) {
-        R3Printf("%s, check valid frames%p buffer %d valid frames,invalid frames:%d!\n", CHECK_NAME,
-                 static_cast<void*>(this), static_cast<int>(count),
-                 static_cast<int>(m_state->m_frame_num - count));
+    if (MediaTrace::on() && count >= 2) {
+        MediaTrace::valid_frames(this, count, m_state->m_frame_num - count);
     }
 }
 
@@ -306,11 +288,8 @@ void CMediaBuffer::rebuild_frame_list() {
             *link = frame;
             link = &frame->m_next;
         } else {
-            if (mediaPrinting()) {
-                R3Printf("%s, %p rebuild frame list, delete frame:%p, byte:%jd, m_byte_discard:%ju !\n",
-                         REBUILD_NAME, static_cast<void*>(this), static_cast<void*>(frame),
-                         static_cast<intmax_t>(frame->m_frame_len),
-                         static_cast<uintmax_t>(m_state->m_byte_discard));
+            if (MediaTrace::on()) {
+                MediaTrace::frame_expired(this, frame, frame->m_frame_len, m_state->m_byte_discard);
             }
             --m_state->m_frame_num;
             m_state->m_byte_discard += static_cast<uint64_t>(frame->m_frame_len);

@@ -8,6 +8,7 @@
 #include <Infra/Log.h>
 
 #include "Socket/socket/SocketWriter.h"
+#include "Tool/frame/MediaTrace.h"
 #include "Tool/media/MediaStreamSender.h"
 
 namespace Orvex::Reticor {
@@ -16,7 +17,6 @@ namespace {
 
 constexpr uint32_t WARNING_EVERY = 100;
 constexpr uint64_t SECOND_US = 1000000;
-constexpr const char* SEND_NAME = "Orvex::Reticor::CMediaStreamSender::Send";
 
 /// The rest of a frame from a cursor on. The gather list is shared by all senders, so a cursor inside an
 /// entry is worked into the list for the time of one write, under the buffer's mutex, and taken out again.
@@ -56,9 +56,8 @@ long long CMediaStreamSender::send(CFrame* frame) {
     MediaSenderState& state = *m_state;
     CSock* const m_stream = Infra::relaxedLoad(state.m_stream);
     assert(m_stream != NULL);
-    if (mediaPrinting()) {
-        R3Printf("%s, media strem sender %p send begin, frame:%p!\n", SEND_NAME, static_cast<void*>(this),
-                 static_cast<void*>(frame));
+    if (MediaTrace::on()) {
+        MediaTrace::turn_begins(this, frame);
     }
     Progress progress = state.at_boundary() ? choose_frame(m_stream, frame) : Progress::more;
     while (progress == Progress::more) {

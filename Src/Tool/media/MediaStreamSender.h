@@ -11,7 +11,7 @@
 #include <Infra/Mutex.h>
 #include <Infra/Time.h>
 
-#include "Tool/media/MediaFrame.h"
+#include "Tool/frame/MediaFrame.h"
 #include "Tool/media/MediaStep.h"
 #include "Tool/media/TargetStepMark.h"
 

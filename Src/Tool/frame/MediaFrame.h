@@ -3,22 +3,13 @@
 
 #include <sys/uio.h>
 
-#include <atomic>
 #include <cstdint>
 
 #include <Reticor/MediaPacket.h>
-#include <Reticor/R3.h>
 
 namespace Orvex::Reticor {
 
 struct MediaSenderState;
-
-/// Whether buffers, frames and senders print what they do; set by the command "MediaBufferPrt".
-extern std::atomic<int32_t> g_media_print;
-
-inline bool mediaPrinting() {
-    return g_media_print.load(std::memory_order_relaxed) != 0;
-}
 
 /// The two halves of a level word. The channel of a word whose top byte is 128 or more is negative.
 constexpr int channelOf(int level_word) {
@@ -98,34 +89,6 @@ private:
     /// Room for as many packets as a frame usually has, so that it is one piece of memory.
     iovec m_first_iovec[BUFFER_INCREMENT];
     CMediaPacket* m_first_packet[BUFFER_INCREMENT];
-};
-
-/// Memory of a buffer's frames that have gone, for its next ones: a stream that runs allocates nothing. The
-/// frames themselves are always constructed and destroyed.
-///
-/// Thread safety: none of its own; guarded by the mutex of the buffer that owns it.
-class CFrameStore {
-public:
-    /// 0 where a sanitizer looks for uses of memory after its end, which is then to see every end.
-    static const uint32_t SPARES_MOST;
-
-    CFrameStore() = default;
-    ~CFrameStore();
-    CFrameStore(const CFrameStore&) = delete;
-    CFrameStore& operator=(const CFrameStore&) = delete;
-
-    CFrame* make();
-    /// Destroys the frame, which releases its packets.
-    void end(CFrame* frame);
-
-private:
-    /// What is linked in place of a frame.
-    struct Spare {
-        Spare* next;
-    };
-
-    Spare* m_spares = nullptr;
-    uint32_t m_count = 0;
 };
 
 }  // namespace Orvex::Reticor

@@ -1,5 +1,5 @@
 // CFrame: packets in, a gather list out, each packet released once.
-#include "Tool/media/MediaFrame.h"
+#include "Tool/frame/MediaFrame.h"
 
 #include "support/media/MediaFixture.h"
 
@@ -148,27 +148,6 @@ TEST_F(MediaFrame, HoweverManySendersAPacketIsReleasedOnce) {
     for (const auto& made : clients) {
         EXPECT_EQ(made->sock.wire().size(), 45U);
     }
-}
-
-TEST_F(MediaFrame, MemoryOfAFrameThatEndedServesTheNextOneWhichBeginsEmpty) {
-    CFrameStore store;
-    CFrame* const first = store.make();
-    const void* const memory = first;
-    for (int i = 0; i < 33; ++i) {
-        first->Put(&packet(1), 1, i == 32 ? 1 : 0, mediaLevel(2, 5));
-    }
-    store.end(first);
-    for (int i = 0; i < 33; ++i) {
-        EXPECT_EQ(packets[static_cast<std::size_t>(i)].releases, 1);
-    }
-    CFrame* const next = store.make();
-    EXPECT_EQ(next == memory, CFrameStore::SPARES_MOST > 0);
-    EXPECT_EQ(next->m_packet_num, 0U);
-    EXPECT_EQ(next->m_packet_cap, 32U);
-    EXPECT_EQ(next->m_frame_len, 0);
-    EXPECT_EQ(next->m_valid, 0);
-    EXPECT_EQ(next->m_level, 1);
-    store.end(next);
 }
 
 }  // namespace Orvex::Testing
