@@ -1,6 +1,7 @@
 // CEvent: the one record for every unit of work. CEventQueue: its FIFO. CEventFreeList: where records rest.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include <Infra/LockClasses.h>
@@ -28,6 +29,7 @@ struct SockTimerNode {
     CEvent* m_timer_prev;
     CEvent* m_timer_next;
     uint32_t m_close_count;  ///< Of the number, when the kernel was last told of this socket.
+    uint32_t m_asked;        ///< Directions of the registrations since then.
 };
 
 /// One record, told apart by `m_key`. `m_key`, `m_mutex`, `m_obj_id` and `m_next` are common to all kinds,
@@ -67,6 +69,11 @@ struct CEvent {
     CEvent(const CEvent&) = delete;
     CEvent& operator=(const CEvent&) = delete;
 };
+
+// A queue touches one cache line of a message, and a delivery both lines of a socket.
+static_assert(offsetof(CEvent, m_key) == 0, "the socket tree reads the key from the start of a record");
+static_assert(offsetof(CEvent, m_attach) + sizeof(CEvent::m_attach) <= 64, "a message is one cache line");
+static_assert(sizeof(CEvent) == 104, "a socket's record is two cache lines with room to spare");
 
 /// The FIFO of records. Nothing is allocated: a record links through its own field.
 ///

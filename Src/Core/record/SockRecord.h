@@ -33,6 +33,7 @@ constexpr uint16_t MUX_BUSY = 1 << 9;  ///< In flight with nothing to deliver: a
 constexpr uint16_t MUX_FORCE = 1 << 10;   ///< Tell the kernel again, whatever it was told before.
 constexpr uint16_t MUX_LISTED = 1 << 11;  ///< On the list of the socket timer.
 constexpr uint16_t MUX_ORPHAN = 1 << 12;  ///< The handler was not found when the socket was ready.
+constexpr uint16_t MUX_SIDE = 1 << 13;    ///< Which of an EpollSet's two places the socket was told to.
 
 /// How the kernel holds a socket.
 enum class MuxForm : uint16_t {
@@ -41,7 +42,13 @@ enum class MuxForm : uint16_t {
     parked,  ///< One-shot with no direction: silent but for one stray report.
     edge,    ///< Edge-triggered, since it reports what nobody asked for.
     always,  ///< The kernel refuses it (a regular file): always ready.
+    gone,    ///< Not any more: the number was closed, and may name another file by now.
 };
+
+/// Whether the kernel watches a socket in this form, or would if it were not parked.
+constexpr bool kernelKnows(MuxForm form) {
+    return form == MuxForm::level || form == MuxForm::parked || form == MuxForm::edge;
+}
 
 inline MuxForm muxForm(const CEvent* ev) {
     return static_cast<MuxForm>((ev->m_mux_state >> MUX_FORM_SHIFT) & 7);

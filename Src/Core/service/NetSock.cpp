@@ -8,6 +8,7 @@
 
 #include "Core/handle/ClassName.h"
 #include "Core/handle/ObjectId.h"
+#include "Core/handle/OwnerDoor.h"
 #include "Core/pool/PoolTable.h"
 #include "Core/pool/ThreadPool.h"
 #include "Core/service/SockTimer.h"
@@ -175,6 +176,7 @@ void CNetSock::modify_exist_event(CNetHandler* handler, RecordPin event, CSock& 
         }
     }
     event->m_event_mask |= type;
+    event->m_timer.m_asked |= type;
     if (inFlight(event.get())) {
         // The worker watches the socket again by the new mask. The number may have been closed and reused
         // since the kernel was told.
@@ -220,8 +222,17 @@ int CNetSock::UnregisterSock(CNetHandler* handler, CSock& sock, unsigned int typ
 int CNetSock::RemoveSock(CNetHandler* handler, CSock& sock) INFRA_NO_THREAD_SAFETY_ANALYSIS {
     const int fd = sock.GetHandle();
     trace_remove("Enter CNetSock::RemoveSock", handler, fd);
+    if (fd < 0) {
+        // Harmless for a socket that never was registered; else the record stays, and can only be told by its
+        // number, which is somebody else's by now.
+        if (OwnerDoor::CountsSocks(*handler)) {
+            INFRA_LOG_STATIC(2, "RemoveSock closed sock, class: %s, id: %ld, remove it before it is closed\n",
+                             className(*handler).c_str(), handler->GetID());
+        }
+        return 0;
+    }
     CThreadPool* pool = pool_of(handler->GetID());
-    if (pool == nullptr || fd < 0) {
+    if (pool == nullptr) {
         return 0;
     }
     BTree& tree = pool->m_sock_tree;
@@ -362,7 +373,9 @@ void CNetSock::finish(CEvent* record, int ret, int64_t missing_owner) {
     setRevents(record, 0);
     clearFlag(record, MUX_BUSY);
     // A registration meanwhile may have named an owner that this delivery did not look for.
-    pool->m_mux.Rearm(record, event->m_obj_id != missing_owner);
+    if (!pool->m_mux.Rearm(record, event->m_obj_id != missing_owner)) {
+        ret = 0;  // as if removed and registered again: the call was about an earlier socket
+    }
     const int stored = event->m_timer.m_set_time;
     if (ret == 0 && stored > 0) {
         reset_timer(record, stored);

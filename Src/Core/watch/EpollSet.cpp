@@ -3,24 +3,27 @@
 
 #include <unistd.h>
 
+#include <cerrno>
+
 namespace Orvex::Reticor {
 
+EpollSet::EpollSet() {
+    for (std::atomic<int>& side : m_sides) {
+        side.store(-1, std::memory_order_relaxed);
+    }
+}
+
 EpollSet::~EpollSet() {
-    if (m_epoll != -1) {
-        ::close(m_epoll);
+    for (const std::atomic<int>& side : m_sides) {
+        if (side != -1) {
+            ::close(side);
+        }
     }
 }
 
 bool EpollSet::Open() {
-    m_epoll = ::epoll_create1(EPOLL_CLOEXEC);
-    return m_epoll != -1;
-}
-
-bool EpollSet::Tell(const CEvent* ev, int operation, uint32_t events) {
-    epoll_event interest{};
-    interest.events = events;
-    interest.data.u64 = markOf(ev);
-    return ::epoll_ctl(m_epoll, operation, static_cast<int>(ev->m_key), &interest) == 0;
+    m_sides[m_side] = ::epoll_create1(EPOLL_CLOEXEC);
+    return IsOpen();
 }
 
 bool EpollSet::watch_wake_end(int epoll, int fd) {
@@ -30,20 +33,48 @@ bool EpollSet::watch_wake_end(int epoll, int fd) {
     return ::epoll_ctl(epoll, EPOLL_CTL_ADD, fd, &interest) == 0;
 }
 
-bool EpollSet::WatchWakeEnd(int fd) {
-    return watch_wake_end(m_epoll, fd);
+void EpollSet::Enlist(CEvent* ev) {
+    if (m_side != 0) {
+        setFlag(ev, MUX_SIDE);
+    } else {
+        clearFlag(ev, MUX_SIDE);
+    }
 }
 
-int EpollSet::Replace(int wake_fd) {
+bool EpollSet::Tell(const CEvent* ev, int operation, uint32_t events) {
+    epoll_event interest{};
+    interest.events = events;
+    interest.data.u64 = markOf(ev);
+    const int epoll = m_sides[hasFlag(ev, MUX_SIDE) ? 1 : 0].load(std::memory_order_relaxed);
+    return ::epoll_ctl(epoll, operation, static_cast<int>(ev->m_key), &interest) == 0;
+}
+
+bool EpollSet::Replace(int wake_fd) {
     const int fresh = ::epoll_create1(EPOLL_CLOEXEC);
     if (fresh == -1) {
-        return -1;
+        return false;
     }
     if (wake_fd != -1 && !watch_wake_end(fresh, wake_fd)) {
+        const int error = errno;
         ::close(fresh);  // without the wake end the wait could not be ended
-        return -1;
+        errno = error;
+        return false;
     }
-    return m_epoll.exchange(fresh);
+    const unsigned int other = 1 - m_side;
+    m_sides[other] = fresh;
+    m_side = other;
+    return true;
+}
+
+bool EpollSet::MoveOver(CEvent* ev) {
+    const bool in_kernel = kernelKnows(muxForm(ev));
+    const bool known = !in_kernel || Tell(ev, EPOLL_CTL_DEL, 0);
+    Enlist(ev);
+    return known;
+}
+
+void EpollSet::CloseFormer() {
+    ::close(m_sides[1 - m_side].exchange(-1));
 }
 
 }  // namespace Orvex::Reticor

@@ -41,13 +41,16 @@ inline uint32_t handleOf(uint64_t mark) {
     return static_cast<uint32_t>(mark);
 }
 
-/// Thread safety: Tell on any thread that holds the mutex of the record; the rest as it says.
+/// There are two places for an instance, since it can be replaced while sockets come and go: a record says in
+/// which of them it is (MUX_SIDE), and moves over when its turn comes.
+///
+/// Thread safety: the operations on a record on any thread that holds its mutex; the rest as it says.
 class EpollSet {
 public:
     /// The mark of the wake end. No record has it.
     static constexpr uint64_t WAKE_MARK = ~uint64_t{0};
 
-    EpollSet() = default;
+    EpollSet();
     ~EpollSet();
     EpollSet(const EpollSet&) = delete;
     EpollSet& operator=(const EpollSet&) = delete;
@@ -56,27 +59,43 @@ public:
     bool Open();
 
     /// Whether there is an instance. Any thread.
-    bool IsOpen() const { return m_epoll.load(std::memory_order_relaxed) != -1; }
+    bool IsOpen() const { return in_use() != -1; }
 
     /// epoll_wait. For the holder of the poll token.
     int Wait(epoll_event* reports, int most, int limit_ms) {
-        return ::epoll_wait(m_epoll.load(std::memory_order_relaxed), reports, most, limit_ms);
+        return ::epoll_wait(in_use(), reports, most, limit_ms);
     }
+
+    /// Reports from now on when `fd`, the wake end, is readable. Any thread, one at a time.
+    bool WatchWakeEnd(int fd) { return watch_wake_end(in_use(), fd); }
+
+    /// A new record, which no instance knows yet, belongs to the one in use.
+    void Enlist(CEvent* ev);
 
     /// epoll_ctl for a record, whose mark goes with it. False with the reason in errno.
     bool Tell(const CEvent* ev, int operation, uint32_t events);
 
-    /// Reports from now on when `fd`, the wake end, is readable. Any thread, one at a time.
-    bool WatchWakeEnd(int fd);
+    // The holder of the poll token replaces the instance in three steps: Replace, MoveOver for each record,
+    // CloseFormer. Between them a record is told to the instance that it belongs to.
 
-    /// Puts a new instance in the place of the old one, which knows nothing but the wake end, unless that is
-    /// -1. Result: the old one, for the caller to close; -1 with nothing changed if the system gives none.
-    int Replace(int wake_fd);
+    /// Puts a new instance to use, which knows nothing but the wake end, unless that is -1. False, with the
+    /// reason in errno and nothing changed, if the system gives none. Not while WatchWakeEnd runs.
+    bool Replace(int wake_fd);
+
+    /// Has the record belong to the instance in use, which does not watch it yet. False if the former one did
+    /// not know its number any more, though it was told to.
+    bool MoveOver(CEvent* ev);
+
+    void CloseFormer();
 
 private:
     static bool watch_wake_end(int epoll, int fd);
+    int in_use() const {
+        return m_sides[m_side.load(std::memory_order_relaxed)].load(std::memory_order_relaxed);
+    }
 
-    std::atomic<int> m_epoll{-1};
+    std::atomic<int> m_sides[2];          ///< The instances, -1 where there is none.
+    std::atomic<unsigned int> m_side{0};  ///< Which of them is in use.
 
     friend struct MultiplexerProbe;  // tests
 };

@@ -40,8 +40,13 @@ bool CMultiplexer::Enlist(CEvent* ev) {
     if (!m_records.Add(ev)) {
         return false;
     }
-    ev->m_timer.m_sequence = ++m_sequence;
+    m_epoll.Enlist(ev);
+    number(ev);
     return true;
+}
+
+void CMultiplexer::number(CEvent* ev) {
+    ev->m_timer.m_sequence = m_sequence.fetch_add(1, std::memory_order_relaxed) + 1;
 }
 
 void CMultiplexer::Delist(CEvent* ev) {
@@ -66,11 +71,12 @@ int CMultiplexer::RemoveEvent(CEvent* ev) {
     return 0;
 }
 
-void CMultiplexer::Rearm(CEvent* ev, bool owner_found) {
+bool CMultiplexer::Rearm(CEvent* ev, bool owner_found) {
+    const uint32_t sequence = ev->m_timer.m_sequence;
     m_book.Add(ev);
     if (owner_found) {
         arm(ev, muxBook(ev), hasFlag(ev, MUX_FORCE));
-        return;
+        return ev->m_timer.m_sequence == sequence;
     }
     if (!hasFlag(ev, MUX_ORPHAN)) {
         setFlag(ev, MUX_ORPHAN);
@@ -80,16 +86,18 @@ void CMultiplexer::Rearm(CEvent* ev, bool owner_found) {
                   m_pool_index, static_cast<int>(ev->m_key));
     }
     arm(ev, 0, true);
+    return ev->m_timer.m_sequence == sequence;
 }
 
 void CMultiplexer::Forget(CEvent* ev) {
     m_book.Remove(ev);
     if (muxForm(ev) == MuxForm::always) {
-        leave_always(ev);
-    } else if (muxForm(ev) != MuxForm::out) {
+        m_always.Remove(ev);
+    } else if (kernelKnows(muxForm(ev))) {
         // A number that was closed has left the kernel's set by itself.
         m_epoll.Tell(ev, EPOLL_CTL_DEL, 0);
     }
+    ev->m_timer.m_asked = 0;
     set_kernel_state(ev, MuxForm::out, 0);
 }
 
@@ -105,51 +113,101 @@ void CMultiplexer::set_kernel_state(CEvent* ev, MuxForm form, uint32_t armed) {
 /// The one place that decides how the kernel watches a socket for the `admitted` directions. Does nothing if
 /// it does so already and the number was not closed meanwhile, unless `force` is set.
 void CMultiplexer::arm(CEvent* ev, uint32_t admitted, bool force) {
-    const int fd = static_cast<int>(ev->m_key);
-    const uint32_t closes = closeCount(fd);
-    const bool same_number = !force && ev->m_timer.m_close_count == closes;
+    const uint32_t closes = closeCount(static_cast<int>(ev->m_key));
     const MuxForm form = muxForm(ev);
-    if (form == MuxForm::always) {
-        if (same_number) {
+    if (!force && ev->m_timer.m_close_count == closes) {
+        if (form == MuxForm::always) {
             WakeUp();  // the wait only looks while such a socket is idle
             return;
         }
-        leave_always(ev);  // the number may name something else now
-    }
-    const MuxForm wanted = admitted != 0 ? MuxForm::level : MuxForm::parked;
-    if (same_number && form == wanted && muxArmed(ev) == admitted) {
-        return;
+        if (form == form_for(admitted) && muxArmed(ev) == admitted) {
+            return;
+        }
     }
     ev->m_timer.m_close_count = closes;
-    if (tell_kernel(ev, admitted != 0 ? kernelBits(admitted) : uint32_t{EPOLLONESHOT})) {
-        set_kernel_state(ev, wanted, admitted);
-    } else if (errno == EPERM) {
+    if (form == MuxForm::gone) {
+        replace_registration(ev, Answer::none);
+    } else {
+        const Answer answer = ask(ev, admitted);
+        if (names_another_file(form, answer)) {
+            replace_registration(ev, answer);
+        } else {
+            settle(ev, answer, admitted);
+        }
+    }
+    ev->m_timer.m_asked = 0;
+}
+
+/// Tells the kernel, which knows the socket by its file and its number.
+CMultiplexer::Answer CMultiplexer::ask(CEvent* ev, uint32_t admitted) {
+    const uint32_t events = admitted != 0 ? kernelBits(admitted) : uint32_t{EPOLLONESHOT};
+    const bool known = kernelKnows(muxForm(ev));
+    if (m_epoll.Tell(ev, known ? EPOLL_CTL_MOD : EPOLL_CTL_ADD, events) ||
+        (errno == EEXIST && m_epoll.Tell(ev, EPOLL_CTL_MOD, events))) {
+        return Answer::watched;
+    }
+    return errno == EPERM ? Answer::always_ready : errno == ENOENT ? Answer::unknown : Answer::none;
+}
+
+/// Whether the number turned out to be another file than the one that was registered.
+bool CMultiplexer::names_another_file(MuxForm form, Answer answer) {
+    if (form == MuxForm::always) {
+        return answer == Answer::watched;
+    }
+    return kernelKnows(form) && (answer == Answer::unknown || answer == Answer::always_ready);
+}
+
+void CMultiplexer::settle(CEvent* ev, Answer answer, uint32_t admitted) {
+    if (muxForm(ev) == MuxForm::always && answer != Answer::always_ready) {
+        m_always.Remove(ev);
+    }
+    if (answer == Answer::watched) {
+        set_kernel_state(ev, form_for(admitted), admitted);
+    } else if (answer == Answer::always_ready) {
         set_always(ev);
     } else {
-        set_kernel_state(ev, MuxForm::out, 0);  // a dead number: silent, and it keeps its places
+        set_kernel_state(ev, MuxForm::gone, 0);  // a dead number: silent, and it keeps its places
     }
 }
 
-bool CMultiplexer::tell_kernel(CEvent* ev, uint32_t events) {
-    const int first = muxForm(ev) == MuxForm::out ? EPOLL_CTL_ADD : EPOLL_CTL_MOD;
-    if (m_epoll.Tell(ev, first, events)) {
-        return true;
+/// The number was closed while it was registered. What it names now is watched if it was registered as well,
+/// for what that registration asks, under a number of its own: reports of the former file, of which a copy
+/// may live on, do not reach it. Otherwise nobody asked for it. `answer` is what the kernel said to the mask
+/// of both.
+void CMultiplexer::replace_registration(CEvent* ev, Answer answer) {
+    if (muxForm(ev) == MuxForm::always) {
+        m_always.Remove(ev);
+        if (answer == Answer::watched) {
+            m_epoll.Tell(ev, EPOLL_CTL_DEL, 0);
+        }
     }
-    // The kernel forgets a number that is closed, and a number may come back while we still know it.
-    if (errno == ENOENT || errno == EEXIST) {
-        return m_epoll.Tell(ev, first == EPOLL_CTL_ADD ? EPOLL_CTL_MOD : EPOLL_CTL_ADD, events);
+    set_kernel_state(ev, MuxForm::gone, 0);
+    if (ev->m_timer.m_asked == 0) {
+        return;
     }
-    return false;
+    m_book.Remove(ev);
+    ev->m_event_mask = ev->m_timer.m_asked | (ev->m_event_mask & SOCK_REMOVED);
+    m_book.Add(ev);
+    number(ev);
+    const uint32_t admitted = hasFlag(ev, MUX_ORPHAN) ? 0 : muxBook(ev);
+    answer = ask(ev, admitted);
+    settle(ev, answer, admitted);
+    if (muxForm(ev) != MuxForm::gone) {
+        INFRA_LOG(3,
+                  "pool %d: socket %d was closed without RemoveSock, its number is another socket's: the new "
+                  "registration alone counts\n",
+                  m_pool_index, static_cast<int>(ev->m_key));
+    }
 }
 
 /// Met again in flight: silent until its worker has finished, and then armed anew.
 void CMultiplexer::park(CEvent* ev) {
-    const bool parked = tell_kernel(ev, EPOLLONESHOT);
-    set_kernel_state(ev, parked ? MuxForm::parked : MuxForm::out, 0);
+    const bool parked = m_epoll.Tell(ev, EPOLL_CTL_MOD, EPOLLONESHOT);
+    set_kernel_state(ev, parked ? MuxForm::parked : MuxForm::gone, 0);
 }
 
 void CMultiplexer::set_always(CEvent* ev) {
-    if (!m_always.Add(ev)) {
+    if (muxForm(ev) != MuxForm::always && !m_always.Add(ev)) {
         set_kernel_state(ev, MuxForm::out, 0);
         return;
     }
@@ -157,19 +215,13 @@ void CMultiplexer::set_always(CEvent* ev) {
     WakeUp();
 }
 
-void CMultiplexer::leave_always(CEvent* ev) {
-    set_kernel_state(ev, MuxForm::out, 0);
-    m_always.Remove(ev);
-}
-
 /// A condition that nobody asked for would be reported for ever: from here on only its changes are.
 void CMultiplexer::quieten(CEvent* ev) {
     if (muxForm(ev) != MuxForm::level) {
         return;  // parked: its one stray report is spent; edge: a change that does not matter
     }
-    if (tell_kernel(ev, kernelBits(muxBook(ev)) | EPOLLET)) {
-        set_kernel_state(ev, MuxForm::edge, muxBook(ev));
-    }
+    const bool quiet = m_epoll.Tell(ev, EPOLL_CTL_MOD, kernelBits(muxBook(ev)) | EPOLLET);
+    set_kernel_state(ev, quiet ? MuxForm::edge : MuxForm::gone, quiet ? muxBook(ev) : 0);
 }
 
 // ---- the wait ------------------------------------------------------------------------------------------
@@ -225,14 +277,17 @@ void CMultiplexer::collect(int reports, Ready& ready) {
 void CMultiplexer::report(const epoll_event& report, Ready& ready) {
     const uint64_t mark_seen = report.data.u64;
     CEvent* ev = m_records.Find(handleOf(mark_seen));
-    if (ev == nullptr || markOf(ev) != mark_seen) {
-        // A report that lasts has the whole instance built anew.
-        m_rebuild = m_strays.ComesAgain(mark_seen) || m_rebuild;
+    if (ev == nullptr) {
+        stray(mark_seen);
         return;
     }
     RecordPin pin = RecordPin::Enter(ev);
+    if (markOf(ev) != mark_seen || !kernelKnows(muxForm(ev))) {
+        stray(mark_seen);
+        return;
+    }
     if (inFlight(ev)) {
-        if (muxForm(ev) == MuxForm::level || muxForm(ev) == MuxForm::edge) {
+        if (muxForm(ev) != MuxForm::parked) {
             park(ev);
         }
         return;
@@ -243,6 +298,12 @@ void CMultiplexer::report(const epoll_event& report, Ready& ready) {
         return;
     }
     mark(ev, revents, ready);
+}
+
+/// A report of nobody, of an earlier registration, or of a closed number. One that lasts has the whole
+/// instance built anew.
+void CMultiplexer::stray(uint64_t mark_seen) {
+    m_rebuild = m_strays.ComesAgain(mark_seen) || m_rebuild;
 }
 
 void CMultiplexer::mark(CEvent* ev, int16_t revents, Ready& ready) {
@@ -259,14 +320,26 @@ void CMultiplexer::mark(CEvent* ev, int16_t revents, Ready& ready) {
     ++ready.count;
 }
 
-/// Puts every record into a new instance. The tree's write lock keeps records from coming and going; who
-/// holds a record's mutex meanwhile tells one instance or the other, and the record is told to the new one
-/// after that.
+/// A part of rebuild: the kernel watches the record as before, but in the new instance.
+void CMultiplexer::move_over(CEvent* ev) {
+    const bool watched = kernelKnows(muxForm(ev));
+    const uint32_t armed = muxArmed(ev);
+    const uint16_t force = ev->m_mux_state & MUX_FORCE;
+    if (!m_epoll.MoveOver(ev)) {
+        set_kernel_state(ev, MuxForm::gone, 0);
+    } else if (watched) {
+        set_kernel_state(ev, MuxForm::out, 0);
+        settle(ev, ask(ev, armed), armed);
+    }
+    setFlag(ev, force);
+}
+
+/// Puts every record into a new instance. The tree's write lock keeps records from coming and going, and
+/// whoever holds a record's mutex meanwhile tells the instance in which it still is.
 void CMultiplexer::rebuild() {
     m_rebuild = false;
     m_strays.Reset();
-    const int old = m_waker.ReplaceEpoll();
-    if (old == -1) {
+    if (!m_waker.ReplaceEpoll()) {
         return;
     }
     INFRA_LOG(3, "a closed socket is still reported, its descriptor was copied: watching all sockets anew\n");
@@ -274,14 +347,10 @@ void CMultiplexer::rebuild() {
     m_sock_tree.ForEach([this](void* payload) {
         CEvent* ev = static_cast<CEvent*>(payload);
         RecordPin pin = RecordPin::Enter(ev);
-        if (muxForm(ev) != MuxForm::out && muxForm(ev) != MuxForm::always) {
-            const uint32_t armed = muxArmed(ev);
-            set_kernel_state(ev, MuxForm::out, 0);
-            arm(ev, armed, true);
-        }
+        move_over(ev);
     });
     m_sock_tree.Unlock();
-    ::close(old);
+    m_epoll.CloseFormer();
 }
 
 // ---- always ready --------------------------------------------------------------------------------------

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <cstdint>
 
 #include <Infra/Semaphore.h>
@@ -31,6 +32,11 @@ namespace Orvex::Reticor {
 /// handle), Waker (how the wait is ended), AlwaysReady and StrayWatch (what the kernel refuses to watch, and
 /// what it goes on to report), ServePace (how many workers a batch is worth). They are silent; the lines are
 /// written here.
+///
+/// A registration is of a file, not of a handle alone: it has a number, which goes with each report, so that
+/// a report of an earlier life of the handle never reaches a later one. A handle that was closed without
+/// RemoveSock and opened anew is noticed as soon as the kernel is told of it: from then on the registrations
+/// of the new file alone count.
 ///
 /// Thread safety: `Wait` on the holder of the poll token alone. The operations on a record on any thread that
 /// holds the record's mutex; Enlist and Delist under the write lock of the socket tree as well. WakeUp on any
@@ -67,8 +73,9 @@ public:
     /// Takes an idle record out of the sets; the kernel is not told. Always 0.
     int RemoveEvent(CEvent* ev);
     /// Watches a record whose worker has finished. Without its owner it holds its places, but the kernel
-    /// keeps silent about it until it is registered again: nobody could be called.
-    void Rearm(CEvent* ev, bool owner_found);
+    /// keeps silent about it until it is registered again: nobody could be called. False if the handle was
+    /// closed and registered anew meanwhile: what the worker brings back is about another socket then.
+    bool Rearm(CEvent* ev, bool owner_found);
     /// Takes the record out of the sets and out of the kernel.
     void Forget(CEvent* ev);
 
@@ -84,23 +91,38 @@ private:
         SetBook::Places freed{};  ///< Given back once for the whole pass.
     };
 
+    /// What the kernel said to a socket.
+    enum class Answer {
+        watched,
+        always_ready,  ///< It refuses to watch it.
+        unknown,       ///< It never heard of it, under this number.
+        none,          ///< The number is not open.
+    };
+
+    static MuxForm form_for(uint32_t admitted) { return admitted != 0 ? MuxForm::level : MuxForm::parked; }
+    static bool names_another_file(MuxForm form, Answer answer);
+
     // The kernel.
+    void number(CEvent* ev);
     void arm(CEvent* ev, uint32_t admitted, bool force);
-    bool tell_kernel(CEvent* ev, uint32_t events);
+    Answer ask(CEvent* ev, uint32_t admitted);
+    void settle(CEvent* ev, Answer answer, uint32_t admitted);
+    void replace_registration(CEvent* ev, Answer answer);
     void park(CEvent* ev);
     void set_always(CEvent* ev);
-    void leave_always(CEvent* ev);
     void set_kernel_state(CEvent* ev, MuxForm form, uint32_t armed);
 
     // The wait.
     int harvest();
     void collect(int reports, Ready& ready);
     void report(const epoll_event& report, Ready& ready);
+    void stray(uint64_t mark_seen);
     void quieten(CEvent* ev);
     void collect_always(Ready& ready);
     bool always_pending();
     void mark(CEvent* ev, int16_t revents, Ready& ready);
     void rebuild();
+    void move_over(CEvent* ev);
 
     const int m_pool_index;
     BTree& m_sock_tree;
@@ -113,7 +135,8 @@ private:
 
     // Under the lock of the socket tree.
     RecordTable m_records;
-    uint32_t m_sequence = 0;
+
+    std::atomic<uint32_t> m_sequence{0};  ///< The number of the last registration.
 
     // Of the thread in Wait.
     ServePace m_pace;

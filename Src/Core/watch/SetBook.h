@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "Core/record/Event.h"
+#include "Core/record/SockRecord.h"
 
 namespace Orvex::Reticor {
 
@@ -44,5 +44,45 @@ private:
 
     friend struct MultiplexerProbe;  // tests
 };
+
+// Inline, since a delivery leaves its places and takes them again.
+
+inline bool SetBook::take(size_t direction) {
+    std::atomic<int>& places = m_taken[direction];
+    int taken = places.load(std::memory_order_relaxed);
+    while (taken < FD_CAPACITY) {
+        if (places.compare_exchange_weak(taken, taken + 1, std::memory_order_relaxed)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+inline void SetBook::Add(CEvent* ev) {
+    uint32_t book = muxBook(ev);
+    for (uint32_t wanted = ev->m_event_mask & SOCK_DIRECTIONS & ~book; wanted != 0; wanted &= wanted - 1) {
+        const int direction = __builtin_ctz(wanted);  // read before write before exception
+        if (take(static_cast<size_t>(direction))) {
+            book |= SOCK_READ << direction;
+        }
+    }
+    setMuxBook(ev, book);
+}
+
+inline void SetBook::Leave(CEvent* ev, Places& freed) {
+    const uint32_t book = muxBook(ev);
+    for (size_t direction = 0; direction < freed.size(); ++direction) {
+        freed[direction] += book >> direction & 1;
+    }
+    setMuxBook(ev, 0);
+}
+
+inline void SetBook::GiveBack(const Places& freed) {
+    for (size_t direction = 0; direction < freed.size(); ++direction) {
+        if (freed[direction] != 0) {
+            m_taken[direction].fetch_sub(static_cast<int>(freed[direction]), std::memory_order_relaxed);
+        }
+    }
+}
 
 }  // namespace Orvex::Reticor

@@ -48,7 +48,7 @@ void Waker::Drain() {
     }
 }
 
-int Waker::ReplaceEpoll() {
+bool Waker::ReplaceEpoll() {
     Infra::CGuard guard(m_pipe_mutex);
     return m_epoll.Replace(m_pipe.m_read_fd);
 }

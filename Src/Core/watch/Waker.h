@@ -36,8 +36,8 @@ public:
     /// Takes the byte, after the wait was ended by it.
     void Drain();
 
-    /// Has a new epoll instance take the place of the old one. Result as of EpollSet::Replace.
-    int ReplaceEpoll();
+    /// Puts a new epoll instance to use, as EpollSet::Replace does.
+    bool ReplaceEpoll();
 
 private:
     void close_ends() INFRA_REQUIRES(m_pipe_mutex);

@@ -205,6 +205,22 @@ TEST_F(NetSockTest, NegativeHandleIsRefusedWithALine) {
     EXPECT_EQ(0, HandlerProbe::sockets(*handler));
 }
 
+TEST_F(NetSockTest, RemoveOfASocketThatWasClosedBeforeIsALineWithClassAndId) {
+    const int number = pair.fd();
+    add(SOCK_READ);
+    pair.near.Close();
+    LogCapture log;
+    EXPECT_EQ(0, handler->RemoveSock(pair.near));
+    EXPECT_EQ(1u, log.count(2, "RemoveSock closed sock, class: Orvex::Testing::TestHandler, id: " +
+                                   std::to_string(handler->GetID()) + ", remove it before it is closed\n"))
+        << log.dump();
+    EXPECT_TRUE(lookAt(pool(), number).exists);
+    BorrowedSock sock(number);
+    removeAndWait(sock);
+    EXPECT_EQ(0, handler->RemoveSock(pair.near)) << "nothing is registered any more";
+    EXPECT_EQ(1u, log.lines().size()) << log.dump();
+}
+
 TEST_F(NetSockTest, HandlesOfStandardStreamsAreRegisteredWithAWarning) {
     for (int number = 0; number <= 2; ++number) {
         const int saved = ::dup(number);

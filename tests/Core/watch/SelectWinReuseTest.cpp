@@ -76,7 +76,7 @@ TEST_F(SelectWinReuseTest, NumberClosedAndReusedWhileIdleIsAddedAnewByTheNextReg
     handler->RemoveSock(old.near);
 }
 
-TEST_F(SelectWinReuseTest, NumberClosedAndReusedInsideItsHandlerIsAddedAnewByTheSecondHalf) {
+TEST_F(SelectWinReuseTest, NumberClosedAndReusedInsideItsHandlerRestsUntilItIsRegisteredAgain) {
     SocketPair old, fresh;
     const int number = old.fd();
     add(old.near);
@@ -86,13 +86,23 @@ TEST_F(SelectWinReuseTest, NumberClosedAndReusedInsideItsHandlerIsAddedAnewByThe
             EXPECT_EQ(number, ::dup3(fresh.fd(), number, O_CLOEXEC));
             old.near.Attach(number);
         }
+        SocketPair::drain(fresh.fd());
         return 0;
     };
     old.write();
     EpollRecorder kernel(number);
     EXPECT_EQ(1u, rig.pollAndServe());
-    EXPECT_EQ((Calls{failed(EPOLL_CTL_MOD, IN, ENOENT), added(IN)}), kernel.take());
+    EXPECT_EQ((Calls{failed(EPOLL_CTL_MOD, IN, ENOENT)}), kernel.take());
     fresh.write();
+    EXPECT_TRUE(rig.poll().empty()) << "nobody asked for the new file";
+    handler->UnregisterSock(old.near, SOCK_WRITE);
+    handler->UnregisterSock(old.near, SOCK_READ);
+    EXPECT_EQ(Calls{}, kernel.take()) << "which is no question either";
+    handler->on_input = [&](int) {
+        SocketPair::drain(fresh.fd());
+        return 0;
+    };
+    add(old.near);
     EXPECT_EQ(1u, rig.pollAndServe());
     EXPECT_EQ(2, handler->life->inputs);
     handler->RemoveSock(old.near);
@@ -130,7 +140,7 @@ TEST_F(SelectWinReuseTest, NumberClosedInFlightAndNotReusedStaysOutInSilence) {
     LogCapture log;
     EXPECT_EQ(1u, rig.pollAndServe());
     EXPECT_TRUE(rig.poll().empty());
-    EXPECT_EQ(MuxForm::out, muxForm(rig.record(sock.GetHandle())));
+    EXPECT_EQ(MuxForm::gone, muxForm(rig.record(sock.GetHandle())));
     EXPECT_EQ(2, rig.places(0));
     EXPECT_TRUE(log.lines().empty()) << log.dump();
     handler->RemoveSock(sock);
@@ -253,6 +263,209 @@ TEST_F(SelectWinReuseTest, LastReportsOfRemovedSocketsRebuildNothing) {
     EXPECT_EQ(before, rig.epoll());
     EXPECT_EQ(Calls{}, kernel.take()) << "the number may be anybody's by now";
     EXPECT_TRUE(log.lines().empty()) << log.dump();
+}
+
+// ---- a registration is of a file, not of a number --------------------------------------------------------
+
+class SelectWinIdentityTest : public SelectWinReuseTest {
+protected:
+    std::string reusedLine(int number) {
+        return "pool " + std::to_string(StillPool::INDEX) + ": socket " + std::to_string(number) +
+               " was closed without RemoveSock, its number is another socket's: the new registration alone "
+               "counts\n";
+    }
+    void TearDown() override {
+        SelectWinReuseTest::TearDown();
+        rig.close(second);
+    }
+
+    // Closes the socket as its owner does, and lets another one have its number.
+    static void reuse(SocketPair& old, SocketPair& fresh) {
+        const int number = old.fd();
+        old.near.Close();
+        ASSERT_EQ(number, ::dup3(fresh.fd(), number, O_CLOEXEC));
+    }
+
+    TestHandler* second = new TestHandler(StillPool::INDEX);
+};
+
+TEST_F(SelectWinIdentityTest, NewSocketWithAClosedNumberInheritsNeitherMaskNorTimeoutNorOwner) {
+    SocketPair old, fresh;
+    const int number = old.fd();
+    ASSERT_EQ(0, handler->RegisterSock(old.near, SOCK_READ | SOCK_WRITE, 1000000));
+    const uint32_t sequence = rig.record(number)->m_timer.m_sequence;
+    reuse(old, fresh);
+    BorrowedSock sock(number);
+    EpollRecorder kernel(number);
+    LogCapture log;
+    ASSERT_EQ(0, second->RegisterSock(sock, SOCK_READ, 0));
+    EXPECT_EQ((Calls{failed(EPOLL_CTL_MOD, IN | EPOLLOUT, ENOENT), added(IN)}), kernel.take());
+    EXPECT_EQ(SOCK_READ, rig.record(number)->m_event_mask);
+    EXPECT_NE(sequence, rig.record(number)->m_timer.m_sequence);
+    EXPECT_EQ(2, rig.places(0));
+    EXPECT_EQ(0, rig.places(1));
+    EXPECT_EQ(1u, log.count(3, reusedLine(number))) << log.dump();
+    EXPECT_TRUE(rig.poll().empty()) << "it is writable, which its owner does not want to know";
+    EXPECT_TRUE(rig.tick(10).empty());
+    fresh.write();
+    EXPECT_EQ(1u, rig.pollAndServe());
+    EXPECT_EQ(1, second->life->inputs);
+    EXPECT_EQ(1, second->life->calls());
+    EXPECT_EQ(0, handler->life->calls());
+    ASSERT_EQ(0, second->RegisterSock(sock, SOCK_WRITE, 0));
+    EXPECT_EQ(SOCK_READ | SOCK_WRITE, rig.record(number)->m_event_mask) << "now it is the same file";
+    EXPECT_EQ(1u, log.lines().size()) << log.dump();
+    second->RemoveSock(sock);
+    ::close(number);
+}
+
+TEST_F(SelectWinIdentityTest, NumberThatWasFoundDeadInheritsNothingEither) {
+    SocketPair old, fresh;
+    const int number = old.fd();
+    BorrowedSock sock(number);
+    add(sock, SOCK_WRITE);
+    old.near.Close();
+    LogCapture log;
+    add(sock, SOCK_EXCEPT);  // nothing is open under the number
+    EXPECT_TRUE(log.lines().empty()) << log.dump();
+    ASSERT_EQ(number, ::dup3(fresh.fd(), number, O_CLOEXEC));
+    EpollRecorder kernel(number);
+    ASSERT_EQ(0, second->RegisterSock(sock, SOCK_READ, 0));
+    EXPECT_EQ((Calls{added(IN)}), kernel.take());
+    EXPECT_EQ(SOCK_READ, rig.record(number)->m_event_mask);
+    EXPECT_EQ(1u, log.count(3, reusedLine(number))) << log.dump();
+    second->RemoveSock(sock);
+    ::close(number);
+}
+
+TEST_F(SelectWinIdentityTest, SocketRegisteredWhileTheClosedOneIsInFlightStartsAfresh) {
+    for (const bool known_to_library : {true, false}) {
+        SocketPair old, fresh;
+        const int number = old.fd();
+        BorrowedSock sock(number);
+        ASSERT_EQ(0, handler->RegisterSock(sock, SOCK_READ | SOCK_EXCEPT, 5000000));
+        old.write();
+        const std::vector<CEvent*> ready = rig.poll();
+        ASSERT_EQ(1u, ready.size());
+        if (known_to_library) {
+            old.near.Close();
+        }
+        ASSERT_EQ(number, ::dup3(fresh.fd(), number, O_CLOEXEC));
+        ASSERT_EQ(0, second->RegisterSock(sock, SOCK_READ, 7000000));
+        handler->on_input = [](int) { return -1; };
+        second->on_input = handler->on_input;
+        EpollRecorder kernel(number);
+        rig.serve(ready[0]);
+        EXPECT_EQ((Calls{failed(EPOLL_CTL_MOD, IN | EPOLLPRI, ENOENT), added(IN)}), kernel.take());
+        EXPECT_EQ(SOCK_READ, ready[0]->m_event_mask);
+        EXPECT_EQ(7000, ready[0]->m_timer.m_set_time) << "the result was about the former socket";
+        EXPECT_TRUE(CSockTimer::IsLinked(ready[0]));
+        second->RemoveSock(sock);
+        if (known_to_library) {
+            ::close(number);
+        }
+    }
+}
+
+TEST_F(SelectWinIdentityTest, LivingCopyOfAClosedSocketIsNotHeardByTheNextOwnerOfItsNumber) {
+    SocketPair old, fresh;
+    const int number = old.fd();
+    add(old.near);
+    const int copy = ::fcntl(number, F_DUPFD_CLOEXEC, 0);
+    reuse(old, fresh);
+    BorrowedSock sock(number);
+    LogCapture log;
+    ASSERT_EQ(0, second->RegisterSock(sock, SOCK_READ, 0));
+    old.write();  // the kernel goes on about the copy
+    ASSERT_EQ(1, epollReports(rig.epoll()));
+    EXPECT_TRUE(fallsSilent());
+    EXPECT_EQ(0, second->life->calls());
+    EXPECT_EQ(1u, log.count(3, REBUILD_LINE)) << log.dump();
+    fresh.write();
+    EXPECT_EQ(1u, rig.pollAndServe());
+    EXPECT_EQ(1, second->life->inputs);
+    second->RemoveSock(sock);
+    ::close(copy);
+    ::close(number);
+}
+
+TEST_F(SelectWinIdentityTest, DeadNumberWithALivingCopyIsHeardOnceAndCuredOnce) {
+    SocketPair pair;
+    BorrowedSock sock(pair.fd());
+    add(sock);
+    handler->on_input = [](int) { return 0; };
+    const int copy = ::fcntl(pair.fd(), F_DUPFD_CLOEXEC, 0);
+    pair.near.Close();
+    pair.write();
+    LogCapture log;
+    int passes = 0;
+    while (epollReports(rig.epoll()) != 0 && ++passes < 100) {
+        rig.pollAndServe();
+    }
+    EXPECT_EQ(0, epollReports(rig.epoll()));
+    EXPECT_LE(handler->life->inputs, 1) << "the call in which the end of the socket shows";
+    EXPECT_EQ(1u, log.count(3, REBUILD_LINE)) << log.dump();
+    EXPECT_TRUE(rig.poll().empty());
+    EXPECT_EQ(1u, log.lines().size()) << log.dump();
+    handler->RemoveSock(sock);
+    ::close(copy);
+}
+
+TEST_F(SelectWinIdentityTest, SocketClosedInFlightWithALivingCopyIsCuredWhileItsHandlerRuns) {
+    SocketPair pair;
+    BorrowedSock sock(pair.fd());
+    add(sock);
+    pair.write();
+    const std::vector<CEvent*> ready = rig.poll();
+    ASSERT_EQ(1u, ready.size());
+    const int copy = ::fcntl(pair.fd(), F_DUPFD_CLOEXEC, 0);
+    pair.near.Close();
+    EXPECT_TRUE(fallsSilent(100));
+    rig.serve(ready[0]);
+    EXPECT_TRUE(fallsSilent(100));
+    handler->RemoveSock(sock);
+    ::close(copy);
+}
+
+TEST_F(SelectWinIdentityTest, RebuildDoesNotWatchASocketThatNobodyRegistered) {
+    SocketPair old, stranger, gone;
+    const int number = old.fd();
+    BorrowedSock sock(number);
+    add(sock);
+    reuse(old, stranger);
+    stranger.write();
+    add(gone.near);
+    const int copy = orphan(gone);
+    LogCapture log;
+    EXPECT_TRUE(fallsSilent());
+    EXPECT_EQ(1u, log.count(3, REBUILD_LINE)) << log.dump();
+    EXPECT_EQ(0, handler->life->calls());
+    EXPECT_FALSE(epollItem(rig.epoll(), number));
+    handler->RemoveSock(sock);
+    ::close(copy);
+    ::close(number);
+}
+
+TEST_F(SelectWinIdentityTest, SocketsAndFilesThatTakeEachOthersNumbersStartAfresh) {
+    SocketPair pair;
+    char name[] = "/tmp/reticor_reuse_XXXXXX";
+    const int file = ::mkostemp(name, O_CLOEXEC);
+    ::unlink(name);
+    const int number = ::fcntl(file, F_DUPFD_CLOEXEC, 0);
+    BorrowedSock sock(number);
+    add(sock, SOCK_READ | SOCK_WRITE);
+    ASSERT_EQ(number, ::dup3(pair.fd(), number, O_CLOEXEC));
+    add(sock, SOCK_READ);
+    EXPECT_EQ(SOCK_READ, rig.record(number)->m_event_mask);
+    EXPECT_TRUE(rig.poll().empty()) << "nothing to read";
+    ASSERT_EQ(number, ::dup3(file, number, O_CLOEXEC));
+    add(sock, SOCK_WRITE);
+    EXPECT_EQ(SOCK_WRITE, rig.record(number)->m_event_mask);
+    EXPECT_EQ(1u, rig.pollAndServe());
+    EXPECT_EQ(1, handler->life->outputs);
+    handler->RemoveSock(sock);
+    ::close(number);
+    ::close(file);
 }
 
 }  // namespace

@@ -99,7 +99,7 @@ struct ObjectIdProbe {
 };
 
 struct MultiplexerProbe {
-    static int epoll(const CMultiplexer& mux) { return mux.m_epoll.m_epoll.load(); }
+    static int epoll(const CMultiplexer& mux) { return mux.m_epoll.in_use(); }
     static CWINPipe pipe(CMultiplexer& mux) {
         Infra::CGuard guard(mux.m_waker.m_pipe_mutex);
         return mux.m_waker.m_pipe;
