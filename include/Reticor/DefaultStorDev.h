@@ -5,14 +5,12 @@
 
 namespace Orvex::Reticor {
 
-/// The device that `CNFile::Open` makes when it is given none: fopen(3) and its family, with the stream's own
-/// buffer.
+/// The device that `CNFile::Open` makes when it is given none: fopen(3) and its family. The stream has no buffer
+/// of its own: what a call says it has written is with the system, and each call is a system call.
 ///
 /// Choose it for plain files that one side reads or writes in order, and where a product counts on stdio's
-/// ways. Choose `CPosixStorDev` where a full disk must be noticed by the write that meets it, where one file
-/// is read and written at a time, or where several descriptors work on one file: bytes here may wait in the
-/// stream's buffer until `Close`, and if they do not fit on the disk then, all that is left to say is a line
-/// at level 2 in the log.
+/// ways. Choose `CPosixStorDev` where a full disk must be told as a failure (here it is a short count, or 0),
+/// where one file is read and written at a time, or where several threads work on one file.
 ///
 /// A stream opened for appending ("a", "a+") writes at the end of the file whatever `Seek` said. Through a
 /// `CNFile` it is for `Write` alone: a block that was read, changed and written back would be appended.
@@ -27,8 +25,7 @@ public:
     CDefaultStorDev(const CDefaultStorDev& other);
     /// Lets go of the own stream and shares the other's.
     CDefaultStorDev& operator=(const CDefaultStorDev& other);
-    /// Closes the stream unless a copy shares it. A failure to write out what the stream still held is logged
-    /// at level 2.
+    /// Closes the stream unless a copy shares it. A failure is logged at level 2.
     ~CDefaultStorDev() override;
 
     /// fopen(3) of the first 255 bytes of `path`, close-on-exec. Result: 0; -1 with a line at level 2.
@@ -48,8 +45,7 @@ public:
     /// Any 64-bit offset. `whence` 0 or 1; others give -1, as does a closed stream.
     int Seek(long long offset, int whence) override;
 
-    /// stat(2) of the path: what is on the disk, not what the stream still holds. Result: 0; -1 with a line
-    /// at level 2.
+    /// stat(2) of the path. Result: 0; -1 with a line at level 2.
     int Stat(NFile_Info* info) override;
 
 private:

@@ -9,8 +9,7 @@ namespace Orvex::Reticor {
 ///
 /// Choose it, instead of the default device, where a full disk or an input/output error is to be reported by
 /// the write that meets it (-1, and so message 8 of the file), where one file is read and written at the same
-/// time, and for files of any size. Choose `CDefaultStorDev` where many small writes go to the device
-/// directly, without a file's buffers: there the stream's own buffer saves system calls.
+/// time, and for files of any size.
 ///
 /// Threads: any. The position and the transfer at it are one step, so that two calls at once never mix. Each
 /// file worker has a position of its own from its `Seek` on: a load and a write pass that run side by side do

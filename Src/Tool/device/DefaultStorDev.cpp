@@ -39,8 +39,7 @@ struct Stream {
     Stream(const Stream&) = delete;
     Stream& operator=(const Stream&) = delete;
 
-    /// Between reading and writing a stream wants to be positioned. False if what was written before could
-    /// not be written out, which ends the old turn all the same: the stream has let go of the bytes.
+    /// Between reading and writing a stream wants to be positioned. False if that is not possible.
     bool begin(Turn turn) {
         const Turn before = m_turn;
         m_turn = turn;
@@ -49,8 +48,6 @@ struct Stream {
 
     FILE* const m_file;
     Turn m_turn = Turn::none;
-    /// The last positioning failed with bytes to be written out, which are lost: the next write says so.
-    bool m_lost = false;
 };
 
 }  // namespace
@@ -87,6 +84,9 @@ int CDefaultStorDev::Open(const char* path, const char* mode) {
         return -1;
     }
     keep_from_children(file);
+    // Bytes that wait in a buffer are counted as written, and dropped if the disk is full when they are to leave
+    // it: without one, what the calls say is what the descriptor took.
+    std::setvbuf(file, nullptr, _IONBF, 0);
     m_state->m_stream = std::make_shared<Stream>(file);
     return 0;
 }
@@ -97,7 +97,7 @@ void CDefaultStorDev::Close() {
 
 int CDefaultStorDev::Write(const char* data, unsigned len) {
     Stream* const stream = m_state->m_stream.get();
-    if (stream == nullptr || !stream->begin(Turn::writing) || stream->m_lost) {
+    if (stream == nullptr || !stream->begin(Turn::writing)) {
         return 0;
     }
     return static_cast<int>(std::fwrite(data, 1, len, stream->m_file));
@@ -117,7 +117,6 @@ int CDefaultStorDev::Seek(long long offset, int whence) {
         return -1;
     }
     const int result = ::fseeko(stream->m_file, offset, whence == 0 ? SEEK_SET : SEEK_CUR);
-    stream->m_lost = result != 0 && stream->m_turn == Turn::writing && std::ferror(stream->m_file) != 0;
     if (result == 0) {
         stream->m_turn = Turn::none;
     }
