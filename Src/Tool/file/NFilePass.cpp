@@ -166,11 +166,20 @@ CNFile::State::Outcome CNFile::State::write_out() {
     return Outcome::done;
 }
 
-/// Writes one submitted buffer and frees it. On failure it stays submitted; the next try goes on where this
-/// one ended.
+/// To the place where the next byte of the buffer belongs: its first, since bytes that a device has taken before
+/// it failed may be lost. Where it cannot seek, the one that follows those that it has taken.
+bool CNFile::State::seek_to_block(FileSlot& slot) {
+    if (m_dev->Seek(slot.m_file_offset, 0) == 0) {
+        slot.m_written = 0;
+        m_dev_pos = slot.m_file_offset;
+    }
+    return m_dev_pos == slot.m_file_offset + slot.m_written;
+}
+
+/// Writes one submitted buffer and frees it. On failure it stays submitted.
 CNFile::State::Outcome CNFile::State::write_slot(FileSlot& slot) {
     const int type = slot.GetSubmitType();
-    if (!seek_to(slot.m_file_offset + slot.m_written)) {
+    if (!seek_to_block(slot)) {
         return Outcome::failed;
     }
     while (slot.m_written < slot.m_buf_offset) {

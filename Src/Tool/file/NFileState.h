@@ -158,6 +158,7 @@ private:
     bool serve_rounds() INFRA_REQUIRES(m_pass_mutex);
     bool cut_short() const;
     bool seek_to(long long position) INFRA_REQUIRES(m_pass_mutex);
+    bool seek_to_block(FileSlot& slot) INFRA_REQUIRES(m_pass_mutex);
     Outcome write_out() INFRA_REQUIRES(m_pass_mutex);
     Outcome write_slot(FileSlot& slot) INFRA_REQUIRES(m_pass_mutex);
     Outcome load() INFRA_REQUIRES(m_pass_mutex);
