@@ -41,8 +41,9 @@ constexpr unsigned int FILE_MSG_ERROR = 8;  ///< The device failed, or an argume
 /// `Seek` -1; its owner's `Close` deletes it, then or later. Files without buffers stay usable.
 ///
 /// Threads: any that knows the file alive. Calls on one file are serialised by a lock that is held for the
-/// time of a copy, never for the device's; only `SetBufferSize` waits for a device call that is running. A
-/// file without buffers has no lock: call it from one thread at a time. After `Close` the object may be gone.
+/// time of a copy, never for the device's; only `SetBufferSize`, and a `Stat` that has to ask the device, wait
+/// for device calls that are running. `Write`, `Read` and `Seek` of a file without buffers have no lock: call
+/// them from one thread at a time. After `Close` the object may be gone.
 class RETICOR_API CNFile : public CNetHandler {
 public:
     /// Opens a file. `mode` is one of fopen(3); use "a" for `Write` alone. `dev` is the device, which must
@@ -69,9 +70,10 @@ public:
     /// device's `Seek` with its result.
     int Seek(long long offset, int whence);
 
-    /// What the device said when the file was opened: a size that has changed since is not seen. If that
-    /// failed the device is asked again, on this thread. `info->name` is the path, cut to 255 bytes. Result:
-    /// 0, or the device's error. Takes no lock.
+    /// What the device said when the file was opened: a size that has changed since is not seen. If the device
+    /// did not know then it is asked again, on this thread, which waits for the calls of the device that are
+    /// under way; after `Close` it is not, and the fields are 0. `info->name` is the path, cut to 255 bytes.
+    /// Result: 0, or the device's error, which leaves `info` as it was.
     int Stat(NFile_Info* info);
 
     /// Gives the file `count` buffers, of 131072 bytes each whatever `size` says; a `size` or `count` of 0

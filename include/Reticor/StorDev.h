@@ -24,8 +24,8 @@ struct NFile_Info {
 /// last. `Open` that fails is followed by `Close` as well.
 ///
 /// Threads: a `CNFile` makes one call at a time, but not always on the same thread: on file workers while it
-/// has buffers, else on the thread that calls the file; `Stat` on the caller's thread in any case. What else
-/// uses the device is the device's own affair.
+/// has buffers, else on the thread that calls the file; `Stat` and `NeedAIO` on the caller's thread in any case.
+/// What else uses the device is the device's own affair.
 ///
 /// No operation may throw. They may block; that is what the file workers are for.
 class RETICOR_API CNStorDev_IF {
@@ -59,8 +59,9 @@ public:
     /// Fills `info`. Result: 0 on success.
     virtual int Stat(NFile_Info* info) = 0;
 
-    /// Whether calls of this device may block and are to be made on file workers. True unless overridden. A
-    /// device that answers false is called directly, on the thread of the file's caller.
+    /// Whether calls of this device may block and are to be made on file workers. Asked once, after the first
+    /// `Stat`. True unless overridden. A device that answers false is called directly, on the thread of the
+    /// file's caller.
     virtual bool NeedAIO();
 };
 

@@ -28,7 +28,7 @@ CNFile* CNFile::Open(long handler_id, const char* path, const char* mode, CNStor
         file->Close();
         return nullptr;
     }
-    state->m_dev->Stat(&state->m_info);
+    state->ask_device();
     if (state->m_buf_count.load() == 0) {
         file->SetBufferSize(CNBufPool::BLOCK_BYTES, CFileSlots::DEFAULT_COUNT);
     }
@@ -79,12 +79,10 @@ int CNFile::Seek(long long offset, int whence) {
 }
 
 int CNFile::Stat(NFile_Info* info) {
-    NFile_Info& known = m_state->m_info;
-    if (known.time_create == 0 && !m_state->over()) {
-        const int result = m_state->m_dev->Stat(&known);
-        if (result != 0) {
-            return result;
-        }
+    NFile_Info known;
+    const int result = m_state->stat(known);
+    if (result != 0) {
+        return result;
     }
     info->time_create = known.time_create;
     info->time_access = known.time_access;
@@ -99,7 +97,7 @@ int CNFile::SetBufferSize(unsigned size, unsigned count) {
     if (m_state->over()) {
         return 0;
     }
-    if (!FileThreadsRun() || !m_state->m_dev->NeedAIO()) {
+    if (!FileThreadsRun() || !m_state->m_needs_aio) {
         m_state->replace_buffers(0);
         return 0;
     }
@@ -168,7 +166,42 @@ CNFile::State::State(CNFile& file, long handler_id, CNStorDev_IF* dev)
 
 CNFile::State::~State() = default;
 
+/// What is asked once, before anybody else knows the file. A device that does not know yet is asked again.
+void CNFile::State::ask_device() {
+    NFile_Info found;
+    if (m_dev->Stat(&found) == 0) {
+        Infra::CGuard guard(m_info_mutex);
+        m_info = found;
+    }
+    m_needs_aio = m_dev->NeedAIO();
+}
+
+bool CNFile::State::known_info(NFile_Info& info) {
+    Infra::CGuard guard(m_info_mutex);
+    info = m_info;
+    return m_info.time_create != 0;
+}
+
+/// Asks the device again if it did not know when the file was opened: between two passes, and not once it may
+/// have got its Close.
+int CNFile::State::stat(NFile_Info& info) {
+    if (known_info(info)) {
+        return 0;
+    }
+    Infra::CGuard pass(m_pass_mutex);
+    if (over()) {
+        return 0;
+    }
+    const int result = m_dev->Stat(&info);
+    if (result == 0) {
+        Infra::CGuard guard(m_info_mutex);
+        m_info = info;
+    }
+    return result;
+}
+
 void CNFile::State::close_device() {
+    Infra::CGuard pass(m_pass_mutex);
     if (m_dev != nullptr) {
         m_dev->Close();
         m_dev = nullptr;

@@ -60,7 +60,9 @@ void CNFile::State::end(CNFile& file, CThreadPool& pool) {
         if (state.m_buf_count.load() > 0 && state.m_dev != nullptr) {
             state.m_ended.store(true);
             if (!state.write_out_at_end()) {
-                INFRA_LOG_STATIC(2, "file data could not be written at the end! %s\n", state.m_info.name);
+                NFile_Info info;
+                state.known_info(info);
+                INFRA_LOG_STATIC(2, "file data could not be written at the end! %s\n", info.name);
             }
             state.close_device();
         }

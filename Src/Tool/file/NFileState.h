@@ -36,7 +36,10 @@ struct __attribute__((visibility("hidden"))) CNFile::State {
     CNFile& m_file;
     const long m_handler_id;  ///< Receiver of all messages.
     CNStorDev_IF* m_dev;      ///< Null after its Close.
-    NFile_Info m_info;
+    bool m_needs_aio = true;  ///< As the device said when it was opened.
+
+    Infra::CMutex m_info_mutex{Infra::LockClass::FILE_INFO};
+    NFile_Info m_info INFRA_GUARDED_BY(m_info_mutex);  ///< As the device said last; all 0 while it does not know.
 
     /// Held by Read, Write and Seek while there are buffers.
     Infra::CMutex m_api_mutex{Infra::LockClass::FILE_API};
@@ -59,7 +62,7 @@ struct __attribute__((visibility("hidden"))) CNFile::State {
     /// Teardown has given the device Close. Set likewise.
     std::atomic<bool> m_ended{false};
 
-    /// Held over a whole pass.
+    /// Held over a whole pass, over a Stat of the device, and over its Close.
     Infra::CMutex m_pass_mutex{Infra::LockClass::FILE_PASS};
     /// Where the device stands, as far as its results tell.
     long long m_dev_pos INFRA_GUARDED_BY(m_pass_mutex) = 0;
@@ -91,6 +94,9 @@ struct __attribute__((visibility("hidden"))) CNFile::State {
     // ---- NFile.cpp: any thread
     void tell(unsigned int msg) { m_file.Notify(m_handler_id, msg, 0); }
     bool over() const { return m_closed.load() || m_ended.load(); }
+    void ask_device();
+    bool known_info(NFile_Info& info);
+    int stat(NFile_Info& info);
     void close_device();
     void replace_buffers(unsigned count);
     int write_directly(const char* data, unsigned len);

@@ -22,6 +22,7 @@
     X(FILE_PASS, "CNFile::State::m_pass_mutex", "a pass over a file; held over calls of its device") \
     X(FILE_WRITE, "CNFile::State::m_write_mutex", "what a pass is asked for") \
     X(FILE_READ, "CNFile::State::m_read_mutex", "whether a load is under way") \
+    X(FILE_INFO, "CNFile::State::m_info_mutex", "what the device said of the file") \
     X(FILE_MESSAGES, "CNFile::State::m_msg_mutex", \
       "which messages the caller is owed; held while they are posted") \
     X(FILE_ORDER, "CFileSlots::m_order_mutex", "the order of submission") \

@@ -516,6 +516,71 @@ TEST_F(NFileDeviceTest, OffsetsAbove2GiBReachBothDevices) {
     }
 }
 
+// The device did not know when it was opened, so each Stat asks it.
+TEST_F(NFileDeviceTest, StatDoesNotCallTheDeviceBesideAWrite) {
+    MemoryDevice* const device = newDevice();
+    const std::shared_ptr<Testing::DeviceLife> life = disk;
+    device->stat_result = -7;
+    std::atomic<int> before{1};  // the one of Open
+    device->on_write = [&, life](unsigned) {
+        for (int i = 0; i < 1000 && life->stats == before; ++i) {
+            ::usleep(10);
+        }
+        return MemoryDevice::LET_BE;
+    };
+    CNFile* const file = open(device);
+    for (int i = 0; i < 5; ++i) {
+        before = disk->stats.load();
+        const int inside = disk->writes;
+        EXPECT_EQ(1, file->Write("x", 1));
+        EXPECT_EQ(0, file->Seek(0, 0));
+        EXPECT_EVENTUALLY(disk->inside > 0 || disk->writes > inside);
+        NFile_Info info;
+        EXPECT_EQ(-7, file->Stat(&info));
+    }
+    closed(file);
+    EXPECT_EQ(1, disk->most_inside);
+}
+
+TEST_F(NFileDeviceTest, NeitherStatNorSetBufferSizeCallsADeviceThatHasGotClose) {
+    for (const bool buffered : {false, true}) {
+        for (int i = 0; i < 100; ++i) {
+            MemoryDevice* const device = newDevice();
+            device->needs_aio = buffered;
+            device->stat_result = -7;
+            device->on_stat = [] { std::this_thread::yield(); };
+            CNFile* const file = open(device);
+            file->AddRef();
+            std::atomic<bool> asking{false};
+            std::thread asker([&] {
+                for (int n = 0; n < 50; ++n) {
+                    NFile_Info info;
+                    file->Stat(&info);
+                    file->SetBufferSize(1, n % 2 == 0 ? 2 : 3);
+                    asking = true;
+                }
+            });
+            while (!asking) {
+                std::this_thread::yield();
+            }
+            file->Close();
+            asker.join();
+            EXPECT_EVENTUALLY(disk->closes == 1);
+            EXPECT_EQ(1, disk->most_inside);
+            EXPECT_EQ("close", disk->log().back());
+            file->DecRef();
+        }
+    }
+}
+
+TEST_F(NFileDeviceTest, TheDeviceIsAskedOnceWhetherItNeedsWorkers) {
+    CNFile* const file = open(newDevice());
+    EXPECT_EQ(0, file->SetBufferSize(1, 2));
+    EXPECT_EQ(0, file->SetBufferSize(1, 5));
+    EXPECT_EQ(1, disk->aio_questions);
+    closed(file);
+}
+
 // An open file holds a block only for what is in use.
 TEST_F(NFileDeviceTest, AFileThatReadsALittleHoldsOneBlock) {
     MemoryDevice* const device = newDevice();

@@ -58,6 +58,7 @@ struct DeviceLife {
     std::atomic<int> opens{0};
     std::atomic<int> closes{0};
     std::atomic<int> stats{0};
+    std::atomic<int> aio_questions{0};
     std::atomic<int> writes{0};
     std::atomic<int> reads{0};
     std::atomic<int> inside{0};  // calls that run
@@ -85,6 +86,7 @@ public:
     std::function<int(unsigned len)> on_write;  // the number of bytes to take, a result of 0 or below, LET_BE
     std::function<int(unsigned len)> on_read;
     std::function<int(long long offset)> on_seek;
+    std::function<void()> on_stat;
     bool open_fails = false;
     int stat_result = 0;
     bool needs_aio = true;
@@ -94,8 +96,11 @@ public:
         return open_fails ? -1 : 0;
     }
     void Close() override {
-        note("close");
-        ++life->closes;
+        {
+            const Inside inside(*life);
+            note("close");
+            ++life->closes;
+        }
         delete this;
     }
     int Write(const char* data, unsigned len) override {
@@ -143,7 +148,11 @@ public:
         return 0;
     }
     int Stat(Reticor::NFile_Info* info) override {
+        const Inside inside(*life);
         ++life->stats;
+        if (on_stat) {
+            on_stat();
+        }
         if (stat_result == 0) {
             info->time_create = 1;
             info->time_access = 2;
@@ -153,7 +162,10 @@ public:
         }
         return stat_result;
     }
-    bool NeedAIO() override { return needs_aio; }
+    bool NeedAIO() override {
+        ++life->aio_questions;
+        return needs_aio;
+    }
 
 private:
     struct Inside {
