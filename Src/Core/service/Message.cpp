@@ -26,10 +26,40 @@ std::atomic<int32_t> g_print{0};
 
 const R3Command g_threadpool_command(&r3StoreFlag<g_print>, "threadpool", HELP_THREADPOOL);
 
-/// What NotifyIO posts. Never destroyed: file workers may still run while static objects are.
-CEventQueue& io_queue() {
-    static CEventQueue& sm_io_event = *new CEventQueue;
+/// What NotifyIO posts.
+class IOQueue : public CEventQueue {
+public:
+    unsigned Count() {
+        Infra::CGuard guard(m_mutex);
+        unsigned count = 0;
+        for (const CEvent* ev = m_head; ev != nullptr; ev = ev->m_next) {
+            ++count;
+        }
+        return count;
+    }
+};
+
+/// Never destroyed: file workers may still run while static objects are.
+IOQueue& io_queue() {
+    static IOQueue& sm_io_event = *new IOQueue;
     return sm_io_event;
+}
+
+/// It was said that messages to file workers that have ended are dropped.
+std::atomic<bool> g_told_of_dropped{false};
+
+/// Looks for the end of the workers only when the message is in the queue: either this sees it, or the one who
+/// drops what is left at the end sees the message.
+void post_io(CEvent* ev) {
+    io_queue().Push(ev);
+    if (!g_file_threads_over.load()) {
+        PostFileMessageTask();
+        return;
+    }
+    CMessage::DropIOMessages();
+    if (!g_told_of_dropped.exchange(true)) {
+        INFRA_LOG_STATIC(2, "The file threads have been stopped, messages of NotifyIO are dropped!\n");
+    }
 }
 
 void assert_index(long receiver) {
@@ -76,8 +106,7 @@ void CMessage::Notify(long sender, long receiver, unsigned int msg, long attach,
     assert_index(receiver);
     CEvent* ev = make_record(EVENT_KEY_MESSAGE, sender, receiver, msg, attach);
     if (io) {
-        io_queue().Push(ev);
-        PostFileMessageTask();
+        post_io(ev);
     } else {
         PoolTable::PushEvent(INDEX_OF_ID(receiver), ev);
     }
@@ -122,6 +151,10 @@ void CMessage::HandleIOMessage() {
     if (CEvent* ev = io_queue().PopNow()) {
         deliver(ev, From::outside);
     }
+}
+
+unsigned CMessage::CountIOMessages() {
+    return io_queue().Count();
 }
 
 void CMessage::DropIOMessages() {

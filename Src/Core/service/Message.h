@@ -28,9 +28,11 @@ public:
     /// Takes one record of NotifyIO, if there is one, and handles it as HandleMessage does, on a file worker.
     static void HandleIOMessage();
 
-    /// Gives the records of NotifyIO that nobody has taken back to the free list. Called before file workers
-    /// start and after they have ended: what was posted without workers is never delivered, and is not to be
-    /// taken for what is posted later.
+    /// Messages of NotifyIO that nobody has taken. They wait for the first start of the file workers.
+    static unsigned CountIOMessages();
+
+    /// Gives the records of NotifyIO that nobody has taken back to the free list: at teardown, and when the file
+    /// workers have ended for good.
     static void DropIOMessages();
 
     /// Whether the workers print each message and timer they handle (command "threadpool").

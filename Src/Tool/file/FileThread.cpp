@@ -98,35 +98,11 @@ void RunFileTask() {
     fileTaskPool().Put(task, false);
 }
 
-int StartFileThreads(unsigned n) {
-    const unsigned count = 2 * n;
-    // First of all: from here on, who posts a message posts its task as well.
-    g_file_thread_count.store(count);
-    CMessage::DropIOMessages();
-    fileTasks().Clear(fileTaskPool());
-    g_file_threads_stop.store(false);
-    auto** const threads = new Infra::CThreadLite*[count];
-    unsigned started = 0;
-    for (unsigned i = 0; i < count; ++i) {
-        threads[i] = new Infra::CThreadLite(Infra::TFunction1<void, Infra::CThreadLite&>(&file_thread_proc),
-                                            "Reticor::FileThread", 64, 0, 0);
-        started += threads[i]->createThread() ? 1 : 0;
-    }
-    g_file_threads.store(threads, std::memory_order_release);
-    if (started == 0 && count > 0) {
-        StopFileThreads();
-        g_file_thread_count.store(0);
-        return -1;
-    }
-    return 0;
-}
+namespace {
 
-int StopFileThreads() {
-    Infra::CThreadLite** const threads = g_file_threads.load();
-    if (threads == nullptr) {
-        return 0;
-    }
-    // Before anything else: who looks now works without workers, who has looked is waited for by EndFiles.
+/// Ends the workers that run, and clears their tasks.
+void end_workers(Infra::CThreadLite** threads) {
+    // Before anything else: whoever looks now works without workers, whoever has looked is waited for by EndFiles.
     g_file_threads.store(nullptr);
     g_file_threads_stop.store(true);
     const unsigned count = g_file_thread_count.load();
@@ -140,12 +116,51 @@ int StopFileThreads() {
     }
     delete[] threads;
     fileTasks().Clear(fileTaskPool());
-    CMessage::DropIOMessages();
     g_file_threads_stop.store(false);
+}
+
+}  // namespace
+
+int StartFileThreads(unsigned n) {
+    const unsigned count = 2 * n;
+    fileTasks().Clear(fileTaskPool());
+    g_file_threads_over.store(false);
+    // From here on whoever posts a message posts its task as well. Those that came before get theirs now: one too
+    // many finds nothing, one too few would make every later message wait for the next.
+    g_file_thread_count.store(count);
+    for (unsigned i = CMessage::CountIOMessages(); i > 0; --i) {
+        PostFileMessageTask();
+    }
+    g_file_threads_stop.store(false);
+    auto** const threads = new Infra::CThreadLite*[count];
+    unsigned started = 0;
+    for (unsigned i = 0; i < count; ++i) {
+        threads[i] = new Infra::CThreadLite(Infra::TFunction1<void, Infra::CThreadLite&>(&file_thread_proc),
+                                            "Reticor::FileThread", 64, 0, 0);
+        started += threads[i]->createThread() ? 1 : 0;
+    }
+    g_file_threads.store(threads, std::memory_order_release);
+    if (started == 0 && count > 0) {
+        end_workers(threads);
+        g_file_thread_count.store(0);
+        return -1;
+    }
+    return 0;
+}
+
+int StopFileThreads() {
+    Infra::CThreadLite** const threads = g_file_threads.load();
+    if (threads == nullptr) {
+        return 0;
+    }
+    end_workers(threads);
+    g_file_threads_over.store(true);
+    CMessage::DropIOMessages();
     return 0;
 }
 
 void EndFiles(CThreadPool& pool) {
+    CMessage::DropIOMessages();
     while (const HandlerPin file = CNFile::State::next_to_end(pool)) {
         CNFile::State::end(static_cast<CNFile&>(*file.get()), pool);
     }

@@ -23,6 +23,7 @@ std::atomic<Infra::CThreadLite**> g_file_threads{nullptr};
 std::atomic<unsigned> g_file_thread_count{0};
 Infra::CSemaphore g_file_sem{0};
 std::atomic<bool> g_file_threads_stop{false};
+std::atomic<bool> g_file_threads_over{false};
 
 FileTaskQueue& fileTasks() {
     static FileTaskQueue& g_file_tasks = *new FileTaskQueue(&g_file_sem);

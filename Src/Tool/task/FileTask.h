@@ -120,6 +120,8 @@ extern std::atomic<unsigned> g_file_thread_count;
 extern Infra::CSemaphore g_file_sem;
 /// Set while the workers are asked to end: a pass ends after the call of the device that it is in.
 extern std::atomic<bool> g_file_threads_stop;
+/// Set from the end of the workers to their next start: what is posted to them now nobody would take.
+extern std::atomic<bool> g_file_threads_over;
 
 /// The work, and the free list of nodes. Never destroyed: threads may still run while static objects are.
 FileTaskQueue& fileTasks();

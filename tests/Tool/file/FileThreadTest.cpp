@@ -185,30 +185,111 @@ TEST_F(NotifyIOTest, PrivatePoolsComeAndGoUnderMessagesToThem) {
     }
 }
 
-TEST(NotifyIO, WhatWasPostedWithoutWorkersIsNeverDeliveredAndShiftsNothing) {
-    ASSERT_EQ(0, CNetThread::CreateThreadPool(2, false));
-    auto* const handler = new TestHandler;
-    const std::shared_ptr<HandlerLife> life = handler->life;
-    std::mutex mutex;
-    std::vector<long> got;
-    handler->on_message = [&](long, unsigned int, long attach) {
-        const std::lock_guard<std::mutex> lock(mutex);
-        got.push_back(attach);
-        return 0;
-    };
-    for (long i = 0; i < 10; ++i) {
-        handler->NotifyIO(handler->GetID(), 5, i);
+// A handler of the public pool that keeps the numbers it is sent by NotifyIO.
+class NotifyIOStart : public Testing::PoolFixture {
+protected:
+    void SetUp() override {
+        PoolFixture::SetUp();
+        handler = new TestHandler;
+        life = handler->life;
+        handler->on_message = [this](long, unsigned int, long attach) {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            m_got.push_back(attach);
+            return 0;
+        };
     }
-    ASSERT_EQ(0, CNetThread::CreateThreadPool(2, true));
-    handler->NotifyIO(handler->GetID(), 5, 100);
-    EXPECT_EVENTUALLY(life->messages == 1);
-    handler->NotifyIO(handler->GetID(), 5, 101);
+    void TearDown() override {
+        closeAndWait(handler);
+        PoolFixture::TearDown();
+    }
+    std::vector<long> got() {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return m_got;
+    }
+    static std::vector<long> upTo(long end) {
+        std::vector<long> numbers;
+        for (long i = 0; i < end; ++i) {
+            numbers.push_back(i);
+        }
+        return numbers;
+    }
+    void post(long attach) { handler->NotifyIO(handler->GetID(), 5, attach); }
+
+    TestHandler* handler = nullptr;
+    std::shared_ptr<HandlerLife> life;
+
+private:
+    std::mutex m_mutex;
+    std::vector<long> m_got;
+};
+
+TEST_F(NotifyIOStart, WhatWasPostedBeforeTheWorkersIsDeliveredOnceEachInOrder) {
+    for (long i = 0; i < 5; ++i) {
+        post(i);
+    }
+    {
+        LogCapture quiet;
+        Testing::ThreadFault one_worker(1);
+        ASSERT_EQ(0, StartFileThreads(1));
+    }
+    EXPECT_EVENTUALLY(life->messages == 5);
+    post(5);
+    EXPECT_EVENTUALLY(life->messages == 6);
+    EXPECT_EQ(upTo(6), got());
+    StopFileThreads();
+}
+
+TEST_F(NotifyIOStart, AStartThatFailsKeepsThemForTheNextOne) {
+    post(0);
+    {
+        LogCapture quiet;
+        Testing::ThreadFault fault;
+        EXPECT_EQ(-1, StartFileThreads(1));
+    }
+    post(1);
+    EXPECT_EQ(0, StartFileThreads(1));
     EXPECT_EVENTUALLY(life->messages == 2);
-    handler->Close();
-    EXPECT_EVENTUALLY(life->closes == 1);
-    EXPECT_EQ((std::vector<long>{100, 101}), got);
-    CNetThread::DestroyThreadPool();
-    CNetThread::DestroyThreadPool();
+    StopFileThreads();
+}
+
+TEST_F(NotifyIOStart, NoMessageIsLeftWithoutATaskByAStartThatMeetsIt) {
+    for (int round = 1; round <= 300; ++round) {
+        std::atomic<bool> go{false};
+        std::thread poster([&] {
+            while (!go) {
+            }
+            for (long i = 0; i < 10; ++i) {
+                post(i);
+            }
+        });
+        go = true;
+        ASSERT_EQ(0, StartFileThreads(1));
+        poster.join();
+        ASSERT_TRUE(Testing::eventually([&] { return life->messages == 10 * round; })) << round;
+        StopFileThreads();
+        g_file_thread_count = 0;  // as if they had never run
+        g_file_threads_over = false;
+    }
+}
+
+TEST_F(NotifyIOStart, AfterTheEndOfTheWorkersMessagesAreDroppedAndTheLogSaysSoOnce) {
+    ASSERT_EQ(0, StartFileThreads(1));
+    StopFileThreads();
+    LogCapture log;
+    for (long i = 0; i < 1000; ++i) {
+        post(i);
+    }
+    EXPECT_EQ(0u, CMessage::CountIOMessages());
+    EXPECT_EQ(nullptr, fileTasks().Get());
+    EXPECT_EQ(1u, log.count(2, "The file threads have been stopped, messages of NotifyIO are dropped!\n"));
+}
+
+TEST(NotifyIO, WhatNobodyTookGoesWithTheLibrary) {
+    ASSERT_EQ(0, CNetThread::CreateThreadPool(1, false));
+    CMessage::Notify(0, (-100L * 256) * 256, 5, 0, true);
+    EXPECT_EQ(1u, CMessage::CountIOMessages());
+    EXPECT_EQ(0, CNetThread::DestroyThreadPool());
+    EXPECT_EQ(0u, CMessage::CountIOMessages());
 }
 
 // ---- the end of the library ----------------------------------------------------------------------------
