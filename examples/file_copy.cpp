@@ -6,8 +6,9 @@
 //    message says when it is worth calling again;
 //  - messages of one file can overlap those of another: a lock makes one step of them at a time;
 //  - message 8 tells of a device that failed; here the copy is given up then;
-//  - a file is on the disk when its device got Close: a device of one's own, derived from the library's,
-//    is how to hear of it.
+//  - a file is complete when its device got Finish and Close: a device of one's own, derived from the
+//    library's, is how to hear of it, and of a failure in the last moment;
+//  - the end of a file can come early: lengths are compared, too.
 #include <atomic>
 #include <cinttypes>
 #include <cstdint>
@@ -49,6 +50,7 @@ private:
 };
 
 struct Report {
+    int64_t size = 0;  // of the source, when it was opened
     int64_t copied = 0;
     Checksum checksum;
     uint64_t longest_us = 0;  // of a single call of Read or Write
@@ -62,6 +64,12 @@ struct Report {
 class ReportingDevice : public CPosixStorDev {
 public:
     explicit ReportingDevice(Report& report) : m_report(report) {}
+    /// Message 8 comes as well, but may find no handler any more.
+    int Finish(bool sync) override {
+        const int result = CPosixStorDev::Finish(sync);
+        m_report.failed = m_report.failed || result != 0;
+        return result;
+    }
     void Close() override {
         Report& report = m_report;  // the base class deletes this object
         CPosixStorDev::Close();
@@ -89,7 +97,7 @@ public:
             return false;
         }
         NFile_Info info;
-        m_size = m_source->Stat(&info) == 0 ? info.size : 0;
+        m_report.size = m_source->Stat(&info) == 0 ? info.size : 0;
         Notify(GetID(), kStart, 0);
         return true;
     }
@@ -160,7 +168,7 @@ private:
     }
 
     void show() {
-        const int percent = m_size > 0 ? static_cast<int>(m_report.copied * 100 / m_size) : 100;
+        const int percent = m_report.size > 0 ? static_cast<int>(m_report.copied * 100 / m_report.size) : 100;
         if (!m_progress || percent == m_shown) {
             return;
         }
@@ -193,7 +201,6 @@ private:
     size_t m_given = 0;  // of which so many are written
     bool m_source_over = false;
     bool m_ended = false;
-    int64_t m_size = 0;
     int m_shown = -1;
 };
 
@@ -210,6 +217,11 @@ uint64_t checksumOf(const std::string& path) {
 int finish(const Report& report, const std::string& target, uint64_t took_us) {
     if (report.failed) {
         std::fprintf(stderr, "the copy failed after %" PRId64 " bytes\n", report.copied);
+        return 1;
+    }
+    if (report.copied < report.size) {
+        std::fprintf(stderr, "the source ended after %" PRId64 " of %" PRId64 " bytes\n", report.copied,
+                     report.size);
         return 1;
     }
     const bool same = checksumOf(target) == report.checksum.value();

@@ -5,8 +5,8 @@
 
 namespace Orvex::Reticor {
 
-/// The device that `CNFile::Open` makes when it is given none: fopen(3) and its family. The stream has no buffer
-/// of its own: what a call says it has written is with the system, and each call is a system call.
+/// The device that `CNFile::Open` makes when it is given none: fopen(3) and its family. The stream has no
+/// buffer of its own: what a call says it has written is with the system, and each call is a system call.
 ///
 /// Choose it for plain files that one side reads or writes in order, and where a product counts on stdio's
 /// ways. Choose `CPosixStorDev` where a full disk must be told as a failure (here it is a short count, or 0),
@@ -47,6 +47,10 @@ public:
 
     /// stat(2) of the path. Result: 0; -1 with a line at level 2.
     int Stat(NFile_Info* info) override;
+
+    /// fdatasync(2) with `sync`, then fclose(3) unless a copy shares the stream. Result: 0; -1 if one of them
+    /// failed, with a line at level 2. The device has no stream from then on.
+    int Finish(bool sync) override;
 
 private:
     struct State;

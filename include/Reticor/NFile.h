@@ -25,9 +25,10 @@ constexpr unsigned int FILE_MSG_ERROR = 8;  ///< The device failed, or an argume
 /// said once in the log), and on a device that asks for none, the same calls go straight to the device, on
 /// the caller's thread, and block as long as it does; there are no messages then but 8.
 ///
-/// When is it on the disk? When the device has got `Close`, which a file worker does after the last write.
-/// Nothing tells the caller of a file with the library's own devices; a device of one's own sees it, and when
-/// the last `DestroyThreadPool` has returned it holds for every file.
+/// When is it with the system? When the device has got `Finish` and `Close`, which a file worker does after
+/// the last write; on the storage medium, if `SetSync` was called. A failure of either is message 8 and a
+/// line at level 2. That it went well nothing tells the caller of a file with the library's own devices; a
+/// device of one's own sees it, and when the last `DestroyThreadPool` has returned it holds for every file.
 ///
 /// Where the device fails: message 8, and what could not be written stays in memory. It is tried again with
 /// the next write task of the file; one that the caller or `Close` waits for is repeated until it succeeds,
@@ -41,9 +42,9 @@ constexpr unsigned int FILE_MSG_ERROR = 8;  ///< The device failed, or an argume
 /// `Seek` -1; its owner's `Close` deletes it, then or later. Files without buffers stay usable.
 ///
 /// Threads: any that knows the file alive. Calls on one file are serialised by a lock that is held for the
-/// time of a copy, never for the device's; only `SetBufferSize`, and a `Stat` that has to ask the device, wait
-/// for device calls that are running. `Write`, `Read` and `Seek` of a file without buffers have no lock: call
-/// them from one thread at a time. After `Close` the object may be gone.
+/// time of a copy, never for the device's; only `SetBufferSize`, and a `Stat` that has to ask the device,
+/// wait for device calls that are running. `Write`, `Read` and `Seek` of a file without buffers have no lock:
+/// call them from one thread at a time. After `Close` the object may be gone.
 class RETICOR_API CNFile : public CNetHandler {
 public:
     /// Opens a file. `mode` is one of fopen(3); use "a" for `Write` alone. `dev` is the device, which must
@@ -56,6 +57,11 @@ public:
     /// that message 6 comes, and until then 0 is given. A null or empty argument gives 0 and message 8, and
     /// so does a position at the largest number. A partly filled buffer stays in memory until it fills,
     /// `Seek`, or `Close`.
+    ///
+    /// Without buffers the device is called until it has taken everything, takes nothing, or fails. Less than
+    /// `len` then means that it takes no more now (a full disk, with `CDefaultStorDev`), and no message
+    /// comes: try again when there may be room. A failure is message 8, and the result is what was taken
+    /// before it.
     int Write(const char* data, unsigned len);
 
     /// Delivers up to `len` bytes from the position. Result: bytes delivered; with `eof` set they are the
@@ -70,10 +76,10 @@ public:
     /// device's `Seek` with its result.
     int Seek(long long offset, int whence);
 
-    /// What the device said when the file was opened: a size that has changed since is not seen. If the device
-    /// did not know then it is asked again, on this thread, which waits for the calls of the device that are
-    /// under way; after `Close` it is not, and the fields are 0. `info->name` is the path, cut to 255 bytes.
-    /// Result: 0, or the device's error, which leaves `info` as it was.
+    /// What the device said when the file was opened: a size that has changed since is not seen. If the
+    /// device did not know then it is asked again, on this thread, which waits for the calls of the device
+    /// that are under way; after `Close` it is not, and the fields are 0. `info->name` is the path, cut to
+    /// 255 bytes. Result: 0, or the device's error, which leaves `info` as it was.
     int Stat(NFile_Info* info);
 
     /// Gives the file `count` buffers, of 131072 bytes each whatever `size` says; a `size` or `count` of 0
@@ -81,6 +87,10 @@ public:
     /// right after `Open`: data that is not on the device is lost, unless the count is the same. What
     /// messages are owed are sent. Always 0.
     int SetBufferSize(unsigned size, unsigned count);
+
+    /// Whether the file is to be brought to the storage medium before its device gets `Close`
+    /// (`CNStorDev_IF::Finish`); false at the start. Any time before `Close`. Does not wait.
+    void SetSync(bool on);
 
     /// Ends the file: what was taken is written, then the device gets `Close`, on a file worker. Does not
     /// wait; without buffers the device's `Close` is called right here. Any number of times: only the first

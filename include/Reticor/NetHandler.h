@@ -164,8 +164,8 @@ protected:
     /// `Notify`: any worker of the receiver's pool; started in order, but two messages can run side by side.
     /// `NotifySerial`: strictly one after the other for the whole pool. `reserved` is not used. Do not rely
     /// on promptness after the last message of a burst. `NotifyIO`: a file worker, for work that blocks.
-    /// What is posted before the file workers start waits for them, and is delivered once each, in order, when
-    /// they do; what is posted after they have ended is dropped, which is logged once.
+    /// What is posted before the file workers start waits for them, and is delivered once each, in order,
+    /// when they do; what is posted after they have ended is dropped, which is logged once.
     void Notify(long receiver, unsigned int msg, long attach);
     void Notify(unsigned int msg, long attach);
     void NotifySerial(long receiver, unsigned int msg, long attach, unsigned int reserved);

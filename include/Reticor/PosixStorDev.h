@@ -21,7 +21,7 @@ public:
     CPosixStorDev();
     CPosixStorDev(const CPosixStorDev&) = delete;
     CPosixStorDev& operator=(const CPosixStorDev&) = delete;
-    /// Closes the descriptor.
+    /// Closes the descriptor, if `Finish` has not. A failure is logged at level 2.
     ~CPosixStorDev() override;
 
     /// open(2), close-on-exec, with the meaning of fopen(3)'s modes: 'r', 'w' or 'a' first, '+' for both
@@ -45,6 +45,10 @@ public:
 
     /// fstat(2) of the open file. Result: 0; -1 with a line at level 2.
     int Stat(NFile_Info* info) override;
+
+    /// fdatasync(2) with `sync`, then close(2). Result: 0; -1 if one of them failed, with a line at level 2.
+    /// All other calls but `Open` and `Close` fail from then on.
+    int Finish(bool sync) override;
 
 private:
     struct State;

@@ -20,12 +20,12 @@ struct NFile_Info {
 /// What `CNFile` reads from and writes to. A product that derives from it puts storage of its own under the
 /// same asynchronous file: a cache, an archive, an encryption.
 ///
-/// Order of the calls: `Open` once, `Stat` right after it, then `Seek`, `Read` and `Write`, `Close` once and
-/// last. `Open` that fails is followed by `Close` as well.
+/// Order of the calls: `Open` once, `Stat` right after it, then `Seek`, `Read` and `Write`, `Finish` once,
+/// and `Close` once and last. `Open` that fails is followed by `Close` alone.
 ///
 /// Threads: a `CNFile` makes one call at a time, but not always on the same thread: on file workers while it
-/// has buffers, else on the thread that calls the file; `Stat` and `NeedAIO` on the caller's thread in any case.
-/// What else uses the device is the device's own affair.
+/// has buffers, else on the thread that calls the file; `Stat` and `NeedAIO` on the caller's thread in any
+/// case. What else uses the device is the device's own affair.
 ///
 /// No operation may throw. They may block; that is what the file workers are for.
 class RETICOR_API CNStorDev_IF {
@@ -40,9 +40,8 @@ public:
     /// Opens `path` in a mode of fopen(3). Result: 0 or more; negative on failure.
     virtual int Open(const char* path, const char* mode) = 0;
 
-    /// The last call that the device gets: it makes all it was given durable as far as it ever will, and
-    /// releases the device. Whether it deletes the object is between the device and who made it; a `CNFile`
-    /// never touches the pointer again.
+    /// The last call that the device gets: it releases the device. Whether it deletes the object is between
+    /// the device and who made it; a `CNFile` never touches the pointer again.
     virtual void Close() = 0;
 
     /// Writes at the position and moves it. Result: bytes written, 1 to `len`; -1 on failure. A file takes
@@ -63,6 +62,12 @@ public:
     /// `Stat`. True unless overridden. A device that answers false is called directly, on the thread of the
     /// file's caller.
     virtual bool NeedAIO();
+
+    /// Right before `Close`, on the same thread: everything in closing that can fail. With `sync` (see
+    /// `CNFile::SetSync`) what was written is to be on the storage medium before this returns. Result: 0;
+    /// negative if bytes that `Write` took may not have arrived, and the file's owner gets message 8. The
+    /// base class does nothing and gives 0.
+    virtual int Finish(bool sync);
 };
 
 }  // namespace Orvex::Reticor

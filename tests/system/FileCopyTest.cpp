@@ -72,4 +72,22 @@ TEST_F(FileCopyTest, AFullDiskIsAnError) {
     EXPECT_EQ(1, program.wait());
 }
 
+TEST_F(FileCopyTest, ATargetWhoseCloseFailsIsAnError) {
+    std::ofstream(path("source")) << "some";
+    ChildProcess program({"/usr/bin/env", "LD_PRELOAD=" RETICOR_FILE_FAULT, "FILE_FAULT_CLOSE=1",
+                          "FILE_FAULT_PATH=" + path("target"), RETICOR_EXAMPLES_DIR "/file_copy",
+                          path("source"), path("target")});
+    EXPECT_EQ("", program.exchange(""));
+    EXPECT_EQ(1, program.wait());
+}
+
+TEST_F(FileCopyTest, ASourceThatEndsEarlyIsAnError) {
+    std::ofstream(path("source")) << std::string(300000, 'x');
+    ChildProcess program({"/usr/bin/env", "LD_PRELOAD=" RETICOR_FILE_FAULT, "FILE_FAULT_END=200001",
+                          "FILE_FAULT_PATH=" + path("source"), RETICOR_EXAMPLES_DIR "/file_copy",
+                          path("source"), path("target")});
+    EXPECT_EQ("", program.exchange(""));
+    EXPECT_EQ(1, program.wait());
+}
+
 }  // namespace

@@ -31,8 +31,8 @@ public:
     /// Messages of NotifyIO that nobody has taken. They wait for the first start of the file workers.
     static unsigned CountIOMessages();
 
-    /// Gives the records of NotifyIO that nobody has taken back to the free list: at teardown, and when the file
-    /// workers have ended for good.
+    /// Gives the records of NotifyIO that nobody has taken back to the free list: at teardown, and when the
+    /// file workers have ended for good.
     static void DropIOMessages();
 
     /// Whether the workers print each message and timer they handle (command "threadpool").

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <utility>
 
 #include <Infra/Log.h>
 
@@ -30,12 +31,7 @@ void keep_from_children(FILE* file) {
 /// An open stream, with its end. Shared by the devices that are copies of each other.
 struct Stream {
     explicit Stream(FILE* file) : m_file(file) {}
-    ~Stream() {
-        if (std::fclose(m_file) != 0) {
-            const int error = errno;
-            INFRA_LOG_STATIC(2, "close file failed! %s\n", std::strerror(error));
-        }
-    }
+    ~Stream() { close(); }
     Stream(const Stream&) = delete;
     Stream& operator=(const Stream&) = delete;
 
@@ -46,7 +42,18 @@ struct Stream {
         return before == turn || before == Turn::none || ::fseeko(m_file, 0, SEEK_CUR) == 0;
     }
 
-    FILE* const m_file;
+    /// 0, or -1 with a line in the log.
+    int close() {
+        FILE* const file = std::exchange(m_file, nullptr);
+        if (file == nullptr || std::fclose(file) == 0) {
+            return 0;
+        }
+        const int error = errno;
+        INFRA_LOG_STATIC(2, "close file failed! %s\n", std::strerror(error));
+        return -1;
+    }
+
+    FILE* m_file;
     Turn m_turn = Turn::none;
 };
 
@@ -84,8 +91,8 @@ int CDefaultStorDev::Open(const char* path, const char* mode) {
         return -1;
     }
     keep_from_children(file);
-    // Bytes that wait in a buffer are counted as written, and dropped if the disk is full when they are to leave
-    // it: without one, what the calls say is what the descriptor took.
+    // Bytes that wait in a buffer are counted as written, and dropped if the disk is full when they are to
+    // leave it: without one, what the calls say is what the descriptor took.
     std::setvbuf(file, nullptr, _IONBF, 0);
     m_state->m_stream = std::make_shared<Stream>(file);
     return 0;
@@ -93,6 +100,16 @@ int CDefaultStorDev::Open(const char* path, const char* mode) {
 
 void CDefaultStorDev::Close() {
     delete this;
+}
+
+int CDefaultStorDev::Finish(bool sync) {
+    const std::shared_ptr<Stream> stream = std::move(m_state->m_stream);
+    if (stream == nullptr) {
+        return 0;
+    }
+    const int synced = sync ? syncFile(::fileno(stream->m_file)) : 0;
+    const int closed = stream.use_count() == 1 ? stream->close() : 0;
+    return synced == 0 ? closed : synced;
 }
 
 int CDefaultStorDev::Write(const char* data, unsigned len) {

@@ -11,6 +11,7 @@
 #include <climits>
 #include <cstdint>
 #include <cstring>
+#include <utility>
 
 #include <Infra/LockClasses.h>
 #include <Infra/Log.h>
@@ -76,6 +77,17 @@ struct __attribute__((visibility("hidden"))) CPosixStorDev::State {
     Infra::CMutex m_mutex{Infra::LockClass::FILE_DEVICE};
     long long m_position INFRA_GUARDED_BY(m_mutex) = 0;
 
+    /// The kernel has let go of the descriptor whatever it says, so a failure is told and never tried again.
+    int close() {
+        const int fd = std::exchange(m_fd, -1);
+        if (fd == -1 || ::close(fd) == 0 || errno == EINTR) {
+            return 0;
+        }
+        const int error = errno;
+        INFRA_LOG_STATIC(2, "close file failed! %s\n", std::strerror(error));
+        return -1;
+    }
+
     bool own_place() const { return t_place.device == m_number && OnFileWorker(); }
 
     /// Moves `position` by a transfer of up to `len` bytes, read or written by `transfer(position, len)`.
@@ -105,16 +117,12 @@ struct __attribute__((visibility("hidden"))) CPosixStorDev::State {
 CPosixStorDev::CPosixStorDev() : m_state(new State) {}
 
 CPosixStorDev::~CPosixStorDev() {
-    if (m_state->m_fd != -1) {
-        ::close(m_state->m_fd);
-    }
+    m_state->close();
     delete m_state;
 }
 
 int CPosixStorDev::Open(const char* path, const char* mode) {
-    if (m_state->m_fd != -1) {
-        ::close(m_state->m_fd);
-    }
+    m_state->close();
     m_state->m_fd = open_file(path, mode);
     if (m_state->m_fd == -1) {
         const int error = errno;
@@ -130,6 +138,12 @@ int CPosixStorDev::Open(const char* path, const char* mode) {
 
 void CPosixStorDev::Close() {
     delete this;
+}
+
+int CPosixStorDev::Finish(bool sync) {
+    const int synced = sync && m_state->m_fd != -1 ? syncFile(m_state->m_fd) : 0;
+    const int closed = m_state->close();
+    return synced == 0 ? closed : synced;
 }
 
 int CPosixStorDev::Write(const char* data, unsigned len) {

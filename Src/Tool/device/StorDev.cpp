@@ -2,8 +2,12 @@
 #include "Tool/device/StorDev.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
+
+#include <Infra/Log.h>
 
 namespace Orvex::Reticor {
 
@@ -16,6 +20,20 @@ CNStorDev_IF::~CNStorDev_IF() = default;
 
 bool CNStorDev_IF::NeedAIO() {
     return true;
+}
+
+int CNStorDev_IF::Finish(bool) {
+    return 0;
+}
+
+int syncFile(int fd) {
+    // What cannot be synchronised, a pipe for instance, has nothing that could be lost.
+    if (::fdatasync(fd) == 0 || errno == EINVAL || errno == EROFS) {
+        return 0;
+    }
+    const int error = errno;
+    INFRA_LOG_STATIC(2, "sync file failed! %s\n", std::strerror(error));
+    return -1;
 }
 
 void fillFileInfo(const struct stat& found, const char* path, NFile_Info* info) {

@@ -1,4 +1,4 @@
-// What the storage devices share: from stat(2) to NFile_Info.
+// What the storage devices share: from stat(2) to NFile_Info, and the way to the medium.
 #pragma once
 
 #include <Reticor/StorDev.h>
@@ -9,6 +9,9 @@ namespace Orvex::Reticor {
 
 /// All fields of `info`, from what the system says of the file at `path`.
 void fillFileInfo(const struct stat& found, const char* path, NFile_Info* info);
+
+/// fdatasync(2). Result: 0, also for what has no medium; -1 with a line at level 2.
+int syncFile(int fd);
 
 /// The first 255 bytes of `name`.
 void copyFileName(char (&out)[256], const char* name);

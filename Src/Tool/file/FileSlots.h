@@ -18,7 +18,8 @@ struct FileSlot : CNFileBuf {
     uint64_t m_stamp = 0;  ///< Order of submission. Under the order mutex.
     bool m_stale = false;  ///< Its load brings bytes that were overwritten meanwhile. Under the order mutex.
     bool m_outgrown = false;  ///< The file may have become longer behind it since its load began. Likewise.
-    unsigned m_written = 0;   ///< Bytes that the device has taken since it last stood at the first. The pass's.
+    unsigned m_written =
+        0;  ///< Bytes that the device has taken since it last stood at the first. The pass's.
 
     /// Whether `offset` lies in the window of a buffer that holds something.
     bool covers(long long offset) const {

@@ -102,7 +102,8 @@ namespace {
 
 /// Ends the workers that run, and clears their tasks.
 void end_workers(Infra::CThreadLite** threads) {
-    // Before anything else: whoever looks now works without workers, whoever has looked is waited for by EndFiles.
+    // Before anything else: whoever looks now works without workers, whoever has looked is waited for by
+    // EndFiles.
     g_file_threads.store(nullptr);
     g_file_threads_stop.store(true);
     const unsigned count = g_file_thread_count.load();
@@ -125,8 +126,8 @@ int StartFileThreads(unsigned n) {
     const unsigned count = 2 * n;
     fileTasks().Clear(fileTaskPool());
     g_file_threads_over.store(false);
-    // From here on whoever posts a message posts its task as well. Those that came before get theirs now: one too
-    // many finds nothing, one too few would make every later message wait for the next.
+    // From here on whoever posts a message posts its task as well. Those that came before get theirs now: one
+    // too many finds nothing, one too few would make every later message wait for the next.
     g_file_thread_count.store(count);
     for (unsigned i = CMessage::CountIOMessages(); i > 0; --i) {
         PostFileMessageTask();

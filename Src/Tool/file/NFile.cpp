@@ -28,6 +28,7 @@ CNFile* CNFile::Open(long handler_id, const char* path, const char* mode, CNStor
         file->Close();
         return nullptr;
     }
+    state->m_opened = true;
     state->ask_device();
     if (state->m_buf_count.load() == 0) {
         file->SetBufferSize(CNBufPool::BLOCK_BYTES, CFileSlots::DEFAULT_COUNT);
@@ -108,6 +109,10 @@ int CNFile::SetBufferSize(unsigned size, unsigned count) {
         m_state->replace_buffers(count);
     }
     return 0;
+}
+
+void CNFile::SetSync(bool on) {
+    m_state->m_sync.store(on);
 }
 
 // The reference keeps the file while its workers may be done with it already.
@@ -203,6 +208,9 @@ int CNFile::State::stat(NFile_Info& info) {
 void CNFile::State::close_device() {
     Infra::CGuard pass(m_pass_mutex);
     if (m_dev != nullptr) {
+        if (m_opened && m_dev->Finish(m_sync.load()) < 0) {
+            tell(FILE_MSG_ERROR);
+        }
         m_dev->Close();
         m_dev = nullptr;
     }

@@ -166,8 +166,8 @@ CNFile::State::Outcome CNFile::State::write_out() {
     return Outcome::done;
 }
 
-/// To the place where the next byte of the buffer belongs: its first, since bytes that a device has taken before
-/// it failed may be lost. Where it cannot seek, the one that follows those that it has taken.
+/// To the place where the next byte of the buffer belongs: its first, since bytes that a device has taken
+/// before it failed may be lost. Where it cannot seek, the one that follows those that it has taken.
 bool CNFile::State::seek_to_block(FileSlot& slot) {
     if (m_dev->Seek(slot.m_file_offset, 0) == 0) {
         slot.m_written = 0;

@@ -36,10 +36,12 @@ struct __attribute__((visibility("hidden"))) CNFile::State {
     CNFile& m_file;
     const long m_handler_id;  ///< Receiver of all messages.
     CNStorDev_IF* m_dev;      ///< Null after its Close.
+    bool m_opened = false;    ///< The device is open, and is to be finished before its Close.
     bool m_needs_aio = true;  ///< As the device said when it was opened.
 
     Infra::CMutex m_info_mutex{Infra::LockClass::FILE_INFO};
-    NFile_Info m_info INFRA_GUARDED_BY(m_info_mutex);  ///< As the device said last; all 0 while it does not know.
+    /// As the device said last; all 0 while it does not know.
+    NFile_Info m_info INFRA_GUARDED_BY(m_info_mutex);
 
     /// Held by Read, Write and Seek while there are buffers.
     Infra::CMutex m_api_mutex{Infra::LockClass::FILE_API};
@@ -66,6 +68,8 @@ struct __attribute__((visibility("hidden"))) CNFile::State {
     Infra::CMutex m_pass_mutex{Infra::LockClass::FILE_PASS};
     /// Where the device stands, as far as its results tell.
     long long m_dev_pos INFRA_GUARDED_BY(m_pass_mutex) = 0;
+    /// The device is to bring the file to the medium at its end.
+    std::atomic<bool> m_sync{false};
     /// SetBufferSize waits to drop the buffers: the pass ends after the call of the device that it is in.
     std::atomic<bool> m_discard{false};
 

@@ -9,6 +9,7 @@
 
 #include "support/LogCapture.h"
 #include "support/file/FileWorld.h"
+#include "support/file/SyncFault.h"
 
 namespace Orvex::Reticor {
 namespace {
@@ -157,6 +158,42 @@ TEST_F(DefaultStorDevTest, WhatAWriteTookIsWithTheSystem) {
     EXPECT_EQ(0, device->Seek(1, 0));
     EXPECT_EQ(1, device->Write("X", 1));
     EXPECT_EQ("aXc", contentOf(path));
+}
+
+TEST_F(DefaultStorDevTest, FinishClosesAndSaysWhetherThatFailed) {
+    ASSERT_EQ(0, device->Open(path.c_str(), "w"));
+    EXPECT_EQ(0, device->Finish(false));
+    EXPECT_EQ(0, device->Write("x", 1));
+    EXPECT_EQ(0, device->Finish(true)) << "there is nothing more to close";
+
+    const int next = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    ::close(next);
+    ASSERT_EQ(0, device->Open(path.c_str(), "w"));
+    ::close(next);
+    LogCapture log;
+    EXPECT_EQ(-1, device->Finish(false));
+    EXPECT_TRUE(log.contains(2, "close file failed! Bad file descriptor\n")) << log.dump();
+    close();
+    EXPECT_EQ(1u, log.lines().size()) << "and nothing is closed twice";
+}
+
+TEST_F(DefaultStorDevTest, FinishSyncsOnDemandAndSaysWhetherThatFailed) {
+    LogCapture log;
+    Testing::SyncFault fault(EIO);
+    ASSERT_EQ(0, device->Open(path.c_str(), "w"));
+    EXPECT_EQ(0, device->Finish(false));
+    ASSERT_EQ(0, device->Open(path.c_str(), "w"));
+    EXPECT_EQ(-1, device->Finish(true));
+    EXPECT_EQ(1, fault.calls());
+    EXPECT_TRUE(log.contains(2, "sync file failed! Input/output error\n")) << log.dump();
+}
+
+TEST_F(DefaultStorDevTest, FinishOfACopyLetsTheOtherGoOn) {
+    ASSERT_EQ(0, device->Open(path.c_str(), "w"));
+    CDefaultStorDev copy(*device);
+    EXPECT_EQ(0, device->Finish(false));
+    EXPECT_EQ(3, copy.Write("abc", 3));
+    EXPECT_EQ("abc", contentOf(path));
 }
 
 TEST_F(DefaultStorDevTest, CopiesShareTheStreamAndTheLastOneClosesIt) {

@@ -10,6 +10,7 @@
 
 #include "support/LogCapture.h"
 #include "support/file/FileWorld.h"
+#include "support/file/SyncFault.h"
 
 namespace Orvex::Reticor {
 namespace {
@@ -139,6 +140,50 @@ TEST_F(PosixStorDevTest, APipeIsServedInOrder) {
     char got[8] = {};
     EXPECT_EQ(3, ::read(reader, got, sizeof(got)));
     EXPECT_STREQ("abc", got);
+    ::close(reader);
+}
+
+// ---- the end -------------------------------------------------------------------------------------------
+
+TEST_F(PosixStorDevTest, FinishClosesAndSaysWhetherThatFailed) {
+    ASSERT_EQ(0, device->Open(path.c_str(), "w"));
+    EXPECT_EQ(0, device->Finish(false));
+    EXPECT_EQ(-1, device->Write("x", 1));
+    EXPECT_EQ(0, device->Finish(false)) << "there is nothing more to close";
+
+    const int next = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    ::close(next);
+    ASSERT_EQ(0, device->Open(path.c_str(), "w"));
+    ::close(next);
+    LogCapture log;
+    EXPECT_EQ(-1, device->Finish(false));
+    EXPECT_TRUE(log.contains(2, "close file failed! Bad file descriptor\n")) << log.dump();
+    close();
+    EXPECT_EQ(1u, log.lines().size()) << "and nothing is closed twice";
+}
+
+TEST_F(PosixStorDevTest, FinishSyncsOnDemandAndSaysWhetherThatFailed) {
+    {
+        Testing::SyncFault none;
+        ASSERT_EQ(0, device->Open(path.c_str(), "w"));
+        EXPECT_EQ(0, device->Finish(false));
+        EXPECT_EQ(0, none.calls());
+        ASSERT_EQ(0, device->Open(path.c_str(), "w"));
+        EXPECT_EQ(0, device->Finish(true));
+        EXPECT_EQ(1, none.calls());
+    }
+    LogCapture log;
+    Testing::SyncFault fault(EIO);
+    ASSERT_EQ(0, device->Open(path.c_str(), "w"));
+    EXPECT_EQ(-1, device->Finish(true));
+    EXPECT_TRUE(log.contains(2, "sync file failed! Input/output error\n")) << log.dump();
+}
+
+TEST_F(PosixStorDevTest, WhatHasNoMediumNeedsNoSync) {
+    ASSERT_EQ(0, ::mkfifo(path.c_str(), 0600));
+    const int reader = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    ASSERT_EQ(0, device->Open(path.c_str(), "w"));
+    EXPECT_EQ(0, device->Finish(true));
     ::close(reader);
 }
 

@@ -42,8 +42,8 @@ void limit_files(rlim_t bytes) {
     EXPECT_EQ(0, ::setrlimit(RLIMIT_FSIZE, &limit));
 }
 
-// A folder on a disk that has room for so many bytes, until `makeRoom`. Where no disk can be mounted it is the
-// length of the files that is limited.
+// A folder on a disk that has room for so many bytes, until `makeRoom`. Where no disk can be mounted it is
+// the length of the files that is limited.
 class SmallDisk {
 public:
     SmallDisk() : m_mounted(mount_small_disk(m_folder.file(""))) {}
@@ -106,12 +106,13 @@ protected:
         EXPECT_TRUE(bytes.substr(0, taken) == contentOf(path));
     }
 
-    // Small writes all over the file, the later ones over the earlier. Result: what must be in the file. Where
-    // the disk is full a call takes less, or nothing.
+    // Small writes all over the file, the later ones over the earlier. Result: what must be in the file.
+    // Where the disk is full a call takes less, or nothing.
     std::string scatter(CNFile& file) {
         std::string wanted;
         Testing::SeededRandom random;
-        for (int i = 0; i < 3000; ++i) {
+        for (int i = 0; i < 3000 && client->errors() == 0; ++i) {
+            const int rooms = client->rooms();
             const auto offset = random.between<size_t>(0, MIB);
             const std::string bytes = pattern(random.between<size_t>(1, 3000), static_cast<unsigned>(i));
             EXPECT_EQ(0, file.Seek(static_cast<long long>(offset), 0));
@@ -119,6 +120,9 @@ protected:
             if (n > 0) {
                 wanted.resize(std::max(wanted.size(), offset + n));
                 wanted.replace(offset, n, bytes, 0, n);
+            }
+            if (n < bytes.size() && NFileProbe::buffers(file) > 0) {
+                EXPECT_EVENTUALLY(client->rooms() > rooms || client->errors() > 0);
             }
         }
         return wanted;

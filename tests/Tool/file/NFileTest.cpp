@@ -50,6 +50,7 @@ TEST_F(NFileTest, ADeviceThatDoesNotOpenGetsCloseAndThereIsNoFile) {
     device->open_fails = true;
     EXPECT_EQ(nullptr, CNFile::Open(client->id, "x", "r", device));
     EXPECT_EQ(1, disk->closes);
+    EXPECT_EQ(0, disk->finishes);
     EXPECT_EQ(0, disk->stats);
 }
 
@@ -323,6 +324,36 @@ TEST_F(NFileTest, StatAsksAgainIfTheDeviceDidNotKnow) {
     EXPECT_EQ(0, file->Stat(&info));
     EXPECT_EQ(1, info.time_create);
     closed(file);
+}
+
+// ---- the end -------------------------------------------------------------------------------------------
+
+TEST_F(NFileTest, TheDeviceIsFinishedOnceBeforeItsCloseAndSyncedOnDemand) {
+    for (const bool buffered : {false, true}) {
+        for (const bool sync : {false, true}) {
+            MemoryDevice* const device = newDevice();
+            device->needs_aio = buffered;
+            CNFile* const file = open(device);
+            file->SetSync(sync);
+            EXPECT_EQ(3, write(*file, "abc"));
+            EXPECT_EQ("abc", closed(file));
+            EXPECT_EQ(1, disk->finishes);
+            EXPECT_EQ(sync ? 1 : 0, disk->synced);
+        }
+    }
+    EXPECT_EQ(0, client->errors());
+}
+
+TEST_F(NFileTest, ADeviceThatFailsAtItsEndIsToldByMessage8) {
+    for (const bool buffered : {false, true}) {
+        MemoryDevice* const device = newDevice();
+        device->needs_aio = buffered;
+        device->finish_result = -1;
+        CNFile* const file = open(device);
+        const int before = client->errors();
+        closed(file);
+        EXPECT_EVENTUALLY(client->errors() == before + 1);
+    }
 }
 
 // ---- direct mode ---------------------------------------------------------------------------------------

@@ -57,6 +57,8 @@ struct DeviceLife {
     std::vector<std::string> calls;  // under the mutex: "seek 0", "write 10", "read 131072", "close"
     std::atomic<int> opens{0};
     std::atomic<int> closes{0};
+    std::atomic<int> finishes{0};
+    std::atomic<int> synced{0};
     std::atomic<int> stats{0};
     std::atomic<int> aio_questions{0};
     std::atomic<int> writes{0};
@@ -88,6 +90,7 @@ public:
     std::function<int(long long offset)> on_seek;
     std::function<void()> on_stat;
     bool open_fails = false;
+    int finish_result = 0;
     int stat_result = 0;
     bool needs_aio = true;
 
@@ -161,6 +164,13 @@ public:
             std::strcpy(info->name, "in memory");
         }
         return stat_result;
+    }
+    int Finish(bool sync) override {
+        const Inside inside(*life);
+        EXPECT_EQ(0, life->closes);
+        ++life->finishes;
+        life->synced += sync ? 1 : 0;
+        return finish_result;
     }
     bool NeedAIO() override {
         ++life->aio_questions;
