@@ -20,7 +20,7 @@ public:
     static constexpr unsigned BLOCK_BYTES = 131072;
 
     CNBufPool();
-    /// Frees the blocks in the pool; those that are out belong to who took them.
+    /// Frees the blocks in the pool; those that are out belong to whoever took them.
     ~CNBufPool();
     CNBufPool(const CNBufPool&) = delete;
     CNBufPool& operator=(const CNBufPool&) = delete;
@@ -49,9 +49,9 @@ private:
 /// 131072 bytes of a file from a known offset on, with a small lock and a note of what a file worker is to do
 /// with them. A block is held only while there is something in it.
 ///
-/// Who has set `m_busy`, by `TryLock`, owns the contents, and nobody ever waits for that. `Submit` hands them
-/// over to the worker with `m_busy` left set; the worker ends that by `UnLock`. The public fields belong to
-/// the owner of the contents.
+/// Whoever has set `m_busy`, by `TryLock`, owns the contents, and nobody ever waits for that. `Submit` hands
+/// them over to the worker with `m_busy` left set; the worker ends that by `UnLock`. The public fields belong
+/// to the owner of the contents.
 ///
 /// Thread safety: `TryLock`, `UnLock`, `Submit` and `GetSubmitType` on any thread; all others by the owner of
 /// the contents.
@@ -95,12 +95,12 @@ public:
     void Free();
 
     /// Copies up to `len` bytes to the place of `file_offset`, which must lie within the valid bytes or just
-    /// behind them; assertions say so. `full` tells whether the window's last byte was written. Result: bytes
+    /// after them; assertions say so. `full` tells whether the window's last byte was written. Result: bytes
     /// copied.
     int Write(const char* data, unsigned len, bool& full, long long file_offset);
 
     /// Copies up to `len` valid bytes from the place of `file_offset` on. `drained` tells whether none are
-    /// left behind them, and `eof` whether that is the end of the file. Result: bytes copied.
+    /// left after them, and `eof` whether that is the end of the file. Result: bytes copied.
     int Read(char* dst, unsigned len, bool& drained, bool& eof, long long file_offset);
 
 private:
@@ -113,14 +113,16 @@ public:
     unsigned m_buf_size = CNBufPool::BLOCK_BYTES;  ///< Bytes of the window.
     unsigned m_buf_offset = 0;                     ///< Valid bytes, from the start of the block.
     bool m_dirty = false;                          ///< There are bytes that are not on the device.
-    bool m_eof = false;             ///< The file ended behind the valid bytes when they were read.
+    bool m_eof = false;             ///< The file ended after the valid bytes when they were read.
     buffer_node* m_node = nullptr;  ///< The block in use.
     char* m_data = nullptr;         ///< Its bytes; null while no block is held.
 
 private:
-    static CNBufPool* m_buf_pool;
-    static Infra::CMutex m_pool_mutex;  ///< Guards the pool's life, and is held while it is used.
-    static int m_pool_ref_cnt;          ///< One up for each pool made, one down for each buffer destroyed.
+    RETICOR_HIDDEN static CNBufPool* m_buf_pool;
+    /// Guards the pool's life, and is held while it is used.
+    RETICOR_HIDDEN static Infra::CMutex m_pool_mutex;
+    /// One up for each pool made, one down for each buffer destroyed.
+    RETICOR_HIDDEN static int m_pool_ref_cnt;
 
     friend struct FileBufProbe;  // tests
 };

@@ -107,7 +107,7 @@ int CDefaultStorDev::Finish(bool sync) {
     if (stream == nullptr) {
         return 0;
     }
-    const int synced = sync ? syncFile(::fileno(stream->m_file)) : 0;
+    const int synced = sync ? sync_file(::fileno(stream->m_file)) : 0;
     const int closed = stream.use_count() == 1 ? stream->close() : 0;
     return synced == 0 ? closed : synced;
 }
@@ -147,7 +147,7 @@ int CDefaultStorDev::Stat(NFile_Info* info) {
         INFRA_LOG_STATIC(2, "get fstat failed! %s\n", std::strerror(error));
         return -1;
     }
-    fillFileInfo(found, m_state->m_path, info);
+    fill_file_info(found, m_state->m_path, info);
     return 0;
 }
 

@@ -130,7 +130,7 @@ int CPosixStorDev::Open(const char* path, const char* mode) {
         return -1;
     }
     m_state->m_has_positions = ::lseek(m_state->m_fd, 0, SEEK_CUR) != -1;
-    copyFileName(m_state->m_path, path);
+    copy_file_name(m_state->m_path, path);
     Infra::CGuard guard(m_state->m_mutex);
     m_state->m_position = 0;
     return 0;
@@ -141,7 +141,7 @@ void CPosixStorDev::Close() {
 }
 
 int CPosixStorDev::Finish(bool sync) {
-    const int synced = sync && m_state->m_fd != -1 ? syncFile(m_state->m_fd) : 0;
+    const int synced = sync && m_state->m_fd != -1 ? sync_file(m_state->m_fd) : 0;
     const int closed = m_state->close();
     return synced == 0 ? closed : synced;
 }
@@ -188,7 +188,7 @@ int CPosixStorDev::Stat(NFile_Info* info) {
         INFRA_LOG_STATIC(2, "get fstat failed! %s\n", std::strerror(error));
         return -1;
     }
-    fillFileInfo(found, m_state->m_path, info);
+    fill_file_info(found, m_state->m_path, info);
     return 0;
 }
 

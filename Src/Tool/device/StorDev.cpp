@@ -1,4 +1,4 @@
-// CNStorDev_IF: what every storage device has.
+// What the storage devices share: from stat(2) to NFile_Info, and the way to the medium.
 #include "Tool/device/StorDev.h"
 
 #include <sys/stat.h>
@@ -11,22 +11,7 @@
 
 namespace Orvex::Reticor {
 
-CNStorDev_IF::CNStorDev_IF() = default;
-CNStorDev_IF::CNStorDev_IF(const CNStorDev_IF&) {}
-CNStorDev_IF& CNStorDev_IF::operator=(const CNStorDev_IF&) {
-    return *this;
-}
-CNStorDev_IF::~CNStorDev_IF() = default;
-
-bool CNStorDev_IF::NeedAIO() {
-    return true;
-}
-
-int CNStorDev_IF::Finish(bool) {
-    return 0;
-}
-
-int syncFile(int fd) {
+int sync_file(int fd) {
     // What cannot be synchronised, a pipe for instance, has nothing that could be lost.
     if (::fdatasync(fd) == 0 || errno == EINVAL || errno == EROFS) {
         return 0;
@@ -36,16 +21,16 @@ int syncFile(int fd) {
     return -1;
 }
 
-void fillFileInfo(const struct stat& found, const char* path, NFile_Info* info) {
+void fill_file_info(const struct stat& found, const char* path, NFile_Info* info) {
     info->time_create = found.st_ctime;
     info->time_access = found.st_atime;
     info->time_write = found.st_mtime;
     info->size = found.st_size;
     info->attrib = 0;
-    copyFileName(info->name, path);
+    copy_file_name(info->name, path);
 }
 
-void copyFileName(char (&out)[256], const char* name) {
+void copy_file_name(char (&out)[256], const char* name) {
     std::strncpy(out, name, sizeof(out) - 1);
     out[sizeof(out) - 1] = '\0';
 }
