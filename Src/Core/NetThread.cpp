@@ -14,11 +14,13 @@
 
 #include "Core/pool/PoolTable.h"
 #include "Core/pool/ThreadPool.h"
+#include "Core/service/Message.h"
 #include "Core/service/NetSock.h"
 #include "Core/service/NetTimer.h"
 #include "Core/service/SockTimer.h"
 #include "R3/server/Debug.h"
 #include "Tool/file/FileThread.h"
+#include "Tool/file/NFileEnd.h"
 #include "Tool/media/SenderHandler.h"
 #include "Tool/receive/ReceiverGroup.h"
 
@@ -99,7 +101,8 @@ CThreadPool* retire(int index) INFRA_REQUIRES(sm_mutex) {
 }
 
 /// Takes the library down once the public pool is the last one and only the set-up's own count is left.
-int ReleaseAll() INFRA_REQUIRES(sm_mutex) {
+/// `files` ends those that are left once the caller has left the lock.
+int ReleaseAll(NFileEnd& files) INFRA_REQUIRES(sm_mutex) {
     if (sm_pool_num != 1 || sm_pub_pool_ref != 1) {
         return 0;
     }
@@ -113,7 +116,8 @@ int ReleaseAll() INFRA_REQUIRES(sm_mutex) {
     if (sm_file_started) {
         StopFileThreads();
     }
-    EndFiles(*pool);
+    CMessage::DropIOMessages();
+    files.take(*pool);
     delete pool;
     CTsMemory::DestroyMemPool();
     CleanupSocketLibrary();
@@ -121,9 +125,9 @@ int ReleaseAll() INFRA_REQUIRES(sm_mutex) {
     return 0;
 }
 
-int start_file_threads() INFRA_REQUIRES(sm_mutex) {
+int start_file_threads(NFileEnd& files) INFRA_REQUIRES(sm_mutex) {
     if (StartFileThreads(sm_cpu_num) < 0) {
-        ReleaseAll();
+        ReleaseAll(files);
         return -1;
     }
     sm_file_started = true;
@@ -131,11 +135,11 @@ int start_file_threads() INFRA_REQUIRES(sm_mutex) {
 }
 
 /// -1, or the number of references on the public pool.
-int check_on_init(unsigned int threads, bool file_io) INFRA_REQUIRES(sm_mutex) {
+int check_on_init(unsigned int threads, bool file_io, NFileEnd& files) INFRA_REQUIRES(sm_mutex) {
     if (sm_pool_num == NOT_SET_UP && set_up(threads) != 0) {
         return -1;
     }
-    if (!sm_file_started && file_io && start_file_threads() != 0) {
+    if (!sm_file_started && file_io && start_file_threads(files) != 0) {
         return -1;
     }
     // The line has always stood for success, and who watches the log of a product counts on it; a failure
@@ -146,7 +150,7 @@ int check_on_init(unsigned int threads, bool file_io) INFRA_REQUIRES(sm_mutex) {
     return sm_pub_pool_ref;
 }
 
-int destroy_thread_pool(int index) INFRA_REQUIRES(sm_mutex) {
+int destroy_thread_pool(int index, NFileEnd& files) INFRA_REQUIRES(sm_mutex) {
     if (index == 0 && --sm_pub_pool_ref > 1) {
         return 0;
     }
@@ -158,7 +162,7 @@ int destroy_thread_pool(int index) INFRA_REQUIRES(sm_mutex) {
         --sm_pool_num;
         delete retire(index);
     }
-    return ReleaseAll();
+    return ReleaseAll(files);
 }
 
 int lowest_free_slot() INFRA_REQUIRES(sm_mutex) {
@@ -173,8 +177,9 @@ int lowest_free_slot() INFRA_REQUIRES(sm_mutex) {
 }  // namespace
 
 int CNetThread::CreateThreadPool(unsigned int threads, bool file_io) {
+    NFileEnd files;
     Infra::CGuard guard(sm_mutex);
-    if (check_on_init(threads, file_io) == -1) {
+    if (check_on_init(threads, file_io, files) == -1) {
         return -1;
     }
     ++sm_pub_pool_ref;
@@ -183,8 +188,9 @@ int CNetThread::CreateThreadPool(unsigned int threads, bool file_io) {
 }
 
 int CNetThread::CreatePrivatePool(unsigned int threads, bool file_io) {
+    NFileEnd files;
     Infra::CGuard guard(sm_mutex);
-    if (check_on_init(threads, file_io) == -1) {
+    if (check_on_init(threads, file_io, files) == -1) {
         return -1;
     }
     const int index = lowest_free_slot();
@@ -199,16 +205,18 @@ int CNetThread::CreatePrivatePool(unsigned int threads, bool file_io) {
 }
 
 int CNetThread::DestroyThreadPool() {
+    NFileEnd files;
     Infra::CGuard guard(sm_mutex);
-    return destroy_thread_pool(0);
+    return destroy_thread_pool(0, files);
 }
 
 int CNetThread::DestroyPrivatePool(int index) {
     if (index < 1 || index >= PoolTable::POOL_LIMIT) {
         return -1;
     }
+    NFileEnd files;
     Infra::CGuard guard(sm_mutex);
-    return destroy_thread_pool(index);
+    return destroy_thread_pool(index, files);
 }
 
 int CNetThread::SetThreadPriority(int priority, int policy, int stack) {

@@ -82,10 +82,12 @@ public:
     /// 255 bytes. Result: 0, or the device's error, which leaves `info` as it was.
     int Stat(NFile_Info* info);
 
-    /// Gives the file `count` buffers, of 131072 bytes each whatever `size` says; a `size` or `count` of 0
-    /// gives 4 buffers, as there are at the start, and so does a count that memory has no room for. Call it
-    /// right after `Open`: data that is not on the device is lost, unless the count is the same. What
-    /// messages are owed are sent. Always 0.
+    /// Gives the file `count` buffers, 4096 at most, of 131072 bytes each whatever `size` says; a `size` or
+    /// `count` of 0 gives 4 buffers, as there are at the start, and so does a count that memory has no room
+    /// for; if there is none for 4 either the file has no buffers. What a call costs does not depend on the
+    /// count.
+    /// Call it right after `Open`: data that is not on the device is lost, unless the count is the same.
+    /// Messages that are owed are sent. Always 0.
     int SetBufferSize(unsigned size, unsigned count);
 
     /// Whether the file is to be brought to the storage medium before its device gets `Close`
@@ -114,12 +116,10 @@ public:
     struct State;  ///< Private to the library.
 
 private:
-    CNFile();
-    ~CNFile() override;
+    RETICOR_HIDDEN CNFile();
+    RETICOR_HIDDEN ~CNFile() override;
 
     State* m_state;  ///< Owned.
-
-    friend struct NFileProbe;  // tests
 };
 
 }  // namespace Orvex::Reticor

@@ -41,7 +41,7 @@ public:
     virtual int Open(const char* path, const char* mode) = 0;
 
     /// The last call that the device gets: it releases the device. Whether it deletes the object is between
-    /// the device and who made it; a `CNFile` never touches the pointer again.
+    /// the device and whoever made it; a `CNFile` never touches the pointer again.
     virtual void Close() = 0;
 
     /// Writes at the position and moves it. Result: bytes written, 1 to `len`; -1 on failure. A file takes

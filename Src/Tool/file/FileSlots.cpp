@@ -1,145 +1,238 @@
-// CFileSlots: the buffers of one file, in the order in which they were submitted.
+// CFileSlots: the buffers of one file, each in one place, and in the order in which they were submitted.
 #include "Tool/file/FileSlots.h"
 
-#include <cstdlib>
+#include <algorithm>
 #include <new>
 
 namespace Orvex::Reticor {
 
-void* (*TEST_allocate_file_slots)(size_t size) = std::malloc;
-
-char* FileSlot::block() {
-    try {
-        if (Malloc() == nullptr) {
-            m_node = CNBufPool::NewNode();
-            m_data = m_node->m_buf;
-        }
-    } catch (const std::bad_alloc&) {
-        return nullptr;
-    }
-    return m_data;
-}
+// ---- making them ---------------------------------------------------------------------------------------
 
 bool CFileSlots::Allocate(unsigned count) {
     Clear();
-    m_bufs = static_cast<FileSlot**>(TEST_allocate_file_slots(count * sizeof(FileSlot*)));
-    m_sort_nodes = static_cast<SortNode*>(TEST_allocate_file_slots(count * sizeof(SortNode)));
-    while (m_bufs != nullptr && m_sort_nodes != nullptr && m_buf_count < count) {
-        auto* const slot = new (std::nothrow) FileSlot;
-        if (slot == nullptr) {
-            break;
+    count = std::min(count, MOST);
+    try {
+        if (make_room(count)) {
+            return true;
         }
-        m_bufs[m_buf_count++] = slot;
-    }
-    if (m_buf_count == count) {
-        return true;
+    } catch (const std::bad_alloc&) {
+        // as make_room's false
     }
     Clear();
     return false;
 }
 
-void CFileSlots::Clear() {
-    while (m_buf_count > 0) {
-        delete m_bufs[--m_buf_count];
+/// All the memory that the file's buffers will take, but for their blocks.
+bool CFileSlots::make_room(unsigned count) {
+    Infra::CGuard guard(m_order_mutex);
+    m_bufs.reset(new (std::nothrow) FileSlot[count]);
+    if (m_bufs == nullptr) {
+        return false;
     }
-    std::free(m_bufs);
-    std::free(m_sort_nodes);
-    m_bufs = nullptr;
-    m_sort_nodes = nullptr;
+    for (SlotSet& set : m_in) {
+        set.Resize(count);
+    }
+    m_at_end.Resize(count);
+    m_windows.reserve(count);
+    m_to_write.reserve(count);
+    m_buf_count = count;
+    for (unsigned i = 0; i < count; ++i) {
+        m_bufs[i].m_index = i;
+        in(SlotPlace::unused).Add(i);
+    }
+    return true;
 }
 
-void CFileSlots::Submit(FileSlot& slot, CNFileBuf::SUBMIT_EVENT event) {
+void CFileSlots::Clear() {
     Infra::CGuard guard(m_order_mutex);
+    m_buf_count = 0;
+    m_windows.clear();
+    m_to_write.clear();
+    m_bufs.reset();
+}
+
+// ---- places --------------------------------------------------------------------------------------------
+
+/// The first window that begins beyond `offset`.
+CFileSlots::Windows::iterator CFileSlots::after(long long offset) {
+    return std::upper_bound(
+        m_windows.begin(), m_windows.end(), offset,
+        [](long long value, const FileSlot* slot) { return value < slot->m_file_offset; });
+}
+
+/// To be called while the slot still has the offset by which it is found, or has it already.
+void CFileSlots::move(FileSlot& slot, SlotPlace place) {
+    in(slot.m_place).Remove(slot.m_index);
+    in(place).Add(slot.m_index);
+    const bool window = place == SlotPlace::clean || place == SlotPlace::dirty;
+    if (window && !slot.m_in_windows) {
+        m_windows.insert(after(slot.m_file_offset), &slot);
+    } else if (!window && slot.m_in_windows) {
+        auto found = after(slot.m_file_offset);
+        do {
+            --found;
+        } while (*found != &slot);
+        m_windows.erase(found);
+    }
+    slot.m_in_windows = window;
+    slot.m_place = place;
+    if (place == SlotPlace::clean && slot.m_eof) {
+        m_at_end.Add(slot.m_index);
+    } else {
+        m_at_end.Remove(slot.m_index);
+    }
+}
+
+void CFileSlots::reset(FileSlot& slot) {
+    move(slot, SlotPlace::unused);
+    slot.Reset();
+}
+
+FileSlot* CFileSlots::take_next(SlotPlace place, unsigned from) {
+    const unsigned index = in(place).Next(from);
+    return index != SlotSet::NONE && at(index).TryLock() ? &at(index) : nullptr;
+}
+
+// ---- the caller's side ---------------------------------------------------------------------------------
+
+FileSlot* CFileSlots::TakeAt(long long offset) {
+    Infra::CGuard guard(m_order_mutex);
+    const auto beyond = after(offset);
+    if (beyond == m_windows.begin()) {
+        return nullptr;
+    }
+    FileSlot* const slot = *(beyond - 1);
+    return slot->covers(offset) && slot->TryLock() ? slot : nullptr;
+}
+
+FileSlot* CFileSlots::TakeUnused() {
+    Infra::CGuard guard(m_order_mutex);
+    return take_next(SlotPlace::unused, 0);
+}
+
+FileSlot* CFileSlots::TakeClean(unsigned from) {
+    Infra::CGuard guard(m_order_mutex);
+    FileSlot* const slot = take_next(SlotPlace::clean, from);
+    return slot != nullptr ? slot : take_next(SlotPlace::clean, 0);
+}
+
+void CFileSlots::Occupy(FileSlot& slot, long long offset) {
+    Infra::CGuard guard(m_order_mutex);
+    slot.m_file_offset = offset;
+    move(slot, SlotPlace::clean);
+}
+
+void CFileSlots::Changed(FileSlot& slot) {
+    Infra::CGuard guard(m_order_mutex);
+    move(slot, SlotPlace::dirty);
+}
+
+void CFileSlots::Forget(FileSlot& slot) {
+    Infra::CGuard guard(m_order_mutex);
+    reset(slot);
+}
+
+void CFileSlots::submit(FileSlot& slot, CNFileBuf::SUBMIT_EVENT event) {
+    move(slot, event == CNFileBuf::SUBMIT_READ ? SlotPlace::to_load : SlotPlace::to_write);
     slot.m_stamp = ++m_last_stamp;
     slot.m_stale = false;
     slot.m_outgrown = false;
     slot.CNFileBuf::Submit(event);
 }
 
+void CFileSlots::Submit(FileSlot& slot, CNFileBuf::SUBMIT_EVENT event) {
+    Infra::CGuard guard(m_order_mutex);
+    submit(slot, event);
+}
+
+void CFileSlots::SubmitLoad(FileSlot& slot, long long offset) {
+    Infra::CGuard guard(m_order_mutex);
+    slot.m_file_offset = offset;
+    submit(slot, CNFileBuf::SUBMIT_READ);
+}
+
 bool CFileSlots::SubmitDirty() {
+    Infra::CGuard guard(m_order_mutex);
     bool any = false;
-    for (unsigned i = 0; i < m_buf_count; ++i) {
-        FileSlot& slot = at(i);
-        if (!slot.TryLock()) {
-            continue;
-        }
-        if (slot.m_dirty) {
-            Submit(slot, CNFileBuf::SUBMIT_WRITE_FREE);
+    const SlotSet& dirty = in(SlotPlace::dirty);
+    for (unsigned i = dirty.Next(0); i != SlotSet::NONE; i = dirty.Next(i + 1)) {
+        if (at(i).TryLock()) {
+            submit(at(i), CNFileBuf::SUBMIT_WRITE_FREE);
             any = true;
-        } else {
-            slot.UnLock();
         }
     }
     return any;
 }
 
-bool CFileSlots::submitted_to_write(FileSlot& slot) {
-    const int type = slot.GetSubmitType();
-    return type == CNFileBuf::SUBMIT_WRITE || type == CNFileBuf::SUBMIT_WRITE_FREE;
-}
-
-// Behind all that are lower; in front of those of the same offset.
-void CFileSlots::insert(SortNode* node, SortNode** list, bool by_stamp) {
-    SortNode** place = list;
-    while (*place != nullptr && (by_stamp ? (*place)->m_slot->m_stamp < node->m_slot->m_stamp
-                                          : (*place)->m_slot->m_file_offset < node->m_slot->m_file_offset)) {
-        place = &(*place)->m_next;
-    }
-    node->m_next = *place;
-    *place = node;
-}
-
-SortNode* CFileSlots::CollectWrites() {
-    Infra::CGuard guard(m_order_mutex);
-    SortNode* list = nullptr;
-    unsigned used = 0;
-    for (unsigned i = 0; i < m_buf_count; ++i) {
-        if (submitted_to_write(at(i))) {
-            SortNode* const node = new (&m_sort_nodes[used++]) SortNode;
-            node->m_slot = &at(i);
-            insert(node, &list, false);
-        }
-    }
-    bool overlap = false;
-    for (SortNode* node = list; node != nullptr && node->m_next != nullptr; node = node->m_next) {
-        overlap = overlap || node->m_slot->end() > node->m_next->m_slot->m_file_offset;
-    }
-    if (overlap) {
-        list = nullptr;
-        for (unsigned i = 0; i < used; ++i) {
-            insert(&m_sort_nodes[i], &list, true);
-        }
-    }
-    return list;
-}
-
 void CFileSlots::OutdateReads(long long offset) {
     Infra::CGuard guard(m_order_mutex);
-    for (unsigned i = 0; i < m_buf_count; ++i) {
+    for (unsigned i = m_at_end.Next(0); i != SlotSet::NONE; i = m_at_end.Next(i + 1)) {
         FileSlot& slot = at(i);
-        if (slot.TryLock()) {
-            if (slot.m_eof && !slot.m_dirty && slot.m_file_offset + slot.m_buf_size <= offset) {
-                slot.Reset();
-            }
+        if (slot.m_file_offset + slot.m_buf_size <= offset && slot.TryLock()) {
+            reset(slot);
             slot.UnLock();
-        } else if (slot.GetSubmitType() == CNFileBuf::SUBMIT_READ) {
-            const long long from = slot.m_file_offset;
-            slot.m_stale =
-                slot.m_stale || (from < offset + slot.m_buf_size && offset < from + slot.m_buf_size);
-            slot.m_outgrown = slot.m_outgrown || from < offset;
         }
     }
+    const SlotSet& loads = in(SlotPlace::to_load);
+    for (unsigned i = loads.Next(0); i != SlotSet::NONE; i = loads.Next(i + 1)) {
+        FileSlot& slot = at(i);
+        const long long from = slot.m_file_offset;
+        slot.m_stale = slot.m_stale || (from < offset + slot.m_buf_size && offset < from + slot.m_buf_size);
+        slot.m_outgrown = slot.m_outgrown || from < offset;
+    }
+}
+
+// ---- the pass ------------------------------------------------------------------------------------------
+
+const std::vector<FileSlot*>& CFileSlots::CollectWrites() {
+    Infra::CGuard guard(m_order_mutex);
+    m_to_write.clear();
+    const SlotSet& writes = in(SlotPlace::to_write);
+    for (unsigned i = writes.Next(0); i != SlotSet::NONE; i = writes.Next(i + 1)) {
+        m_to_write.push_back(&at(i));
+    }
+    std::sort(m_to_write.begin(), m_to_write.end(), [](const FileSlot* one, const FileSlot* other) {
+        return one->m_file_offset < other->m_file_offset;
+    });
+    const auto overlap = std::adjacent_find(
+        m_to_write.begin(), m_to_write.end(),
+        [](const FileSlot* one, const FileSlot* next) { return one->end() > next->m_file_offset; });
+    if (overlap != m_to_write.end()) {
+        std::sort(m_to_write.begin(), m_to_write.end(),
+                  [](const FileSlot* one, const FileSlot* other) { return one->m_stamp < other->m_stamp; });
+    }
+    return m_to_write;
+}
+
+FileSlot* CFileSlots::NextLoad(unsigned from) {
+    Infra::CGuard guard(m_order_mutex);
+    const unsigned index = in(SlotPlace::to_load).Next(from);
+    return index != SlotSet::NONE ? &at(index) : nullptr;
+}
+
+void CFileSlots::EndWrite(FileSlot& slot) {
+    Infra::CGuard guard(m_order_mutex);
+    slot.m_written = 0;
+    if (slot.GetSubmitType() == CNFileBuf::SUBMIT_WRITE_FREE) {
+        reset(slot);
+        slot.Free();
+    } else {
+        slot.m_dirty = false;
+        move(slot, SlotPlace::clean);
+    }
+    slot.UnLock();
 }
 
 void CFileSlots::EndLoad(FileSlot& slot, unsigned bytes, bool eof) {
     Infra::CGuard guard(m_order_mutex);
     if (slot.m_stale || (slot.m_outgrown && eof)) {
-        slot.Reset();
+        reset(slot);
         slot.Free();
     } else {
         slot.m_buf_offset = bytes;
         slot.m_eof = eof;
         slot.m_dirty = false;
+        move(slot, SlotPlace::clean);
     }
     slot.UnLock();
 }

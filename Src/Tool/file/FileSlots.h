@@ -1,23 +1,33 @@
-// CFileSlots: the buffers of one file, in the order in which they were submitted.
+// CFileSlots: the buffers of one file, each in one place, and in the order in which they were submitted.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
+#include <new>
+#include <vector>
 
 #include <Infra/LockClasses.h>
 #include <Infra/Mutex.h>
 #include <Reticor/FileBuf.h>
 
+#include "Tool/file/SlotSet.h"
+
 namespace Orvex::Reticor {
 
-/// Where the arrays of a file's buffers come from: malloc. Tests put one here that fails.
-extern void* (*TEST_allocate_file_slots)(size_t size);
+/// Where a buffer is: the caller's side has it, with nothing in it, with bytes that are on the device too, or
+/// with some that are not; or the pass has it, to write it out or to load it.
+enum class SlotPlace : uint8_t { unused, clean, dirty, to_write, to_load };
 
 /// A buffer, and what its file knows of it.
 struct FileSlot : CNFileBuf {
-    uint64_t m_stamp = 0;  ///< Order of submission. Under the order mutex.
-    bool m_stale = false;  ///< Its load brings bytes that were overwritten meanwhile. Under the order mutex.
-    bool m_outgrown = false;  ///< The file may have become longer behind it since its load began. Likewise.
+    unsigned m_index = 0;
+    SlotPlace m_place = SlotPlace::unused;  ///< Under the order mutex.
+    bool m_in_windows = false;              ///< Likewise.
+    uint64_t m_stamp = 0;                   ///< Order of submission. Likewise.
+    bool m_stale = false;     ///< Its load brings bytes that were overwritten meanwhile. Likewise.
+    bool m_outgrown = false;  ///< The file may have become longer beyond it since its load began. Likewise.
     unsigned m_written =
         0;  ///< Bytes that the device has taken since it last stood at the first. The pass's.
 
@@ -28,62 +38,106 @@ struct FileSlot : CNFileBuf {
     long long end() const { return m_file_offset + m_buf_offset; }
 
     /// The block, taken from the pool, or from the system where there is no pool. Null without memory.
-    char* block();
+    char* block() {
+        try {
+            if (Malloc() == nullptr) {
+                m_node = CNBufPool::NewNode();
+                m_data = m_node->m_buf;
+            }
+        } catch (const std::bad_alloc&) {
+            return nullptr;
+        }
+        return m_data;
+    }
 };
 
-/// A place in the list of what a pass is to write.
-struct SortNode {
-    FileSlot* m_slot = nullptr;
-    SortNode* m_next = nullptr;
-};
-
-/// Thread safety: `Allocate` and `Clear` with the file's API mutex and pass mutex held. The slots of a free
-/// or submitted buffer belong to who holds it, as `CNFileBuf` says. The order mutex is a leaf but for the
-/// mutex of a buffer.
+/// Every buffer is found by its place, or by the offset of its window, without a look at the others, so that
+/// a call costs the same with 4 buffers and with 4096. The windows of the caller's side are disjoint.
+///
+/// A buffer that the caller's side has is taken by its TryLock, by one of the Take operations, and given back
+/// by its UnLock; what it holds is changed in between, and the change of its place is told here.
+///
+/// Thread safety: `Allocate` and `Clear` with the file's API mutex and pass mutex held. Operations of the
+/// caller's side with the API mutex held, those of the pass with the pass mutex. The order mutex guards the
+/// places; it is a leaf but for the mutexes of buffers and of their pool.
 class CFileSlots {
 public:
     static constexpr unsigned DEFAULT_COUNT = 4;
+    static constexpr unsigned MOST = 4096;
 
     CFileSlots() = default;
     ~CFileSlots() { Clear(); }
     CFileSlots(const CFileSlots&) = delete;
     CFileSlots& operator=(const CFileSlots&) = delete;
 
-    /// `count` new buffers in place of what was there. False, and none, if memory has no room.
+    /// `count` new buffers, up to MOST, in place of what was there. False, and none, if memory has no room.
     bool Allocate(unsigned count);
     void Clear();
 
     unsigned count() const { return m_buf_count; }
-    FileSlot& at(unsigned index) { return *m_bufs[index]; }
+    FileSlot& at(unsigned index) { return m_bufs[index]; }
 
-    /// Hands a buffer, which the caller holds, to the worker.
+    // ---- the caller's side
+
+    /// The buffer whose window has `offset`, taken; or null.
+    FileSlot* TakeAt(long long offset);
+    /// The first buffer with nothing in it, taken; or null.
+    FileSlot* TakeUnused();
+    /// The first clean buffer from the one with that index on, in turn, taken; or null.
+    FileSlot* TakeClean(unsigned from);
+
+    /// The buffer, which is taken and empty, is now the window that begins at `offset`.
+    void Occupy(FileSlot& slot, long long offset);
+    /// The buffer, which is taken, has got bytes that are not on the device.
+    void Changed(FileSlot& slot);
+    /// The buffer, which is taken, holds nothing any more.
+    void Forget(FileSlot& slot);
+
+    /// Hands a buffer, which is taken, to the pass.
     void Submit(FileSlot& slot, CNFileBuf::SUBMIT_EVENT event);
-
-    /// Submits whatever is dirty and free, to be written and freed. Result: whether there was any.
+    /// The same for an empty one that is to be loaded from `offset` on.
+    void SubmitLoad(FileSlot& slot, long long offset);
+    /// Submits whatever is dirty, to be written and freed. Result: whether there was any.
     bool SubmitDirty();
-
-    /// What is submitted to be written: by offset, or, if the ranges of two overlap, in the order of
-    /// submission, so that the newest bytes land last. For the pass; good until the next call.
-    SortNode* CollectWrites();
 
     /// A write is about to use the window that starts at `offset`. Loads that are under way there come out
     /// stale; loads and buffers in front of it must not say any more that the file ends with them.
     void OutdateReads(long long offset);
 
-    /// The end of a load: the slot has `bytes` valid bytes, and is free again. What has become outdated is
+    // ---- the pass
+
+    /// What is submitted to be written: by offset, or, if the ranges of two overlap, in the order of
+    /// submission, so that the newest bytes land last. Good until the next call.
+    const std::vector<FileSlot*>& CollectWrites();
+    /// The first buffer from that index on that is to be loaded, or null.
+    FileSlot* NextLoad(unsigned from);
+
+    /// The end of a write: the bytes are on the device. The slot is empty, or clean if its contents are kept.
+    void EndWrite(FileSlot& slot);
+    /// The end of a load: the slot has `bytes` valid bytes, and is clean. What has become outdated is
     /// forgotten instead.
     void EndLoad(FileSlot& slot, unsigned bytes, bool eof);
 
 private:
-    void insert(SortNode* node, SortNode** list, bool by_stamp);
-    bool submitted_to_write(FileSlot& slot);
+    using Windows = std::vector<FileSlot*>;
+
+    SlotSet& in(SlotPlace place)INFRA_REQUIRES(m_order_mutex) { return m_in[static_cast<size_t>(place)]; }
+    Windows::iterator after(long long offset) INFRA_REQUIRES(m_order_mutex);
+    void move(FileSlot& slot, SlotPlace place) INFRA_REQUIRES(m_order_mutex);
+    void submit(FileSlot& slot, CNFileBuf::SUBMIT_EVENT event) INFRA_REQUIRES(m_order_mutex);
+    void reset(FileSlot& slot) INFRA_REQUIRES(m_order_mutex);
+    FileSlot* take_next(SlotPlace place, unsigned from) INFRA_REQUIRES(m_order_mutex);
+    bool make_room(unsigned count);
 
     unsigned m_buf_count = 0;
-    FileSlot** m_bufs = nullptr;
-    SortNode* m_sort_nodes = nullptr;  ///< One per buffer; scratch of the pass.
+    std::unique_ptr<FileSlot[]> m_bufs;
+    std::vector<FileSlot*> m_to_write;  ///< Scratch of the pass.
 
     Infra::CMutex m_order_mutex{Infra::LockClass::FILE_ORDER};
     uint64_t m_last_stamp INFRA_GUARDED_BY(m_order_mutex) = 0;
+    std::array<SlotSet, 5> m_in INFRA_GUARDED_BY(m_order_mutex);  ///< By place.
+    SlotSet m_at_end INFRA_GUARDED_BY(m_order_mutex);             ///< Clean, and the end of the file.
+    Windows m_windows INFRA_GUARDED_BY(m_order_mutex);            ///< Clean or dirty, by offset.
 };
 
 }  // namespace Orvex::Reticor

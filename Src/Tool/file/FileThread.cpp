@@ -4,15 +4,13 @@
 #include <Infra/Time.h>
 #include <Reticor/NFile.h>
 
-#include "Core/pool/ThreadPool.h"
 #include "Core/service/Message.h"
 #include "Tool/file/NFileState.h"
+#include "Tool/task/FileTaskQueue.h"
 
 namespace Orvex::Reticor {
 
 namespace {
-
-constexpr int DONE = 1;
 
 /// An idle worker waits here. The one that watches the time brings resting tasks back. True if there may be a
 /// task.
@@ -37,31 +35,31 @@ void file_thread_proc(Infra::CThreadLite& thread) {
     }
 }
 
-/// The task is over; what was refused or has failed is not.
-int run(const FileTask& task) {
+PassResult run(const FileTask& task) {
+    DeviceSide& device = CNFile::State::of(*task.m_file).m_device;
     switch (task.m_type) {
         case FILE_TASK_WRITE:
-            return task.m_file->handle_write_file(task.m_arg);
+            return device.write_pass(task.m_arg);
         case FILE_TASK_READ:
-            return task.m_file->handle_read_file();
+            return device.read_pass();
         case FILE_TASK_CLOSE:
-            return task.m_file->handle_close_file();
+            task.m_file->handle_close_file();
+            return PassResult::done;
         default:
-            return DONE;
+            return PassResult::done;
     }
 }
 
-int run_without_file(const FileTask& task) {
+void run_without_file(const FileTask& task) {
     if (task.m_type == FILE_TASK_IO_MESSAGE) {
         CMessage::HandleIOMessage();
     }
-    return DONE;
 }
 
-/// To be tried again: at once behind all others when another task of the file was in the way and has ended,
+/// To be tried again: at once after all others when another task of the file was in the way and has ended,
 /// with its end when it has not, and after a rest when the device has failed.
-void put_back(FileTask* task) {
-    if (TakeTaskFailed()) {
+void put_back(FileTask* task, PassResult result) {
+    if (result == PassResult::failed) {
         fileTasks().Rest(task, Infra::CTime::getCurrentMicroSecond());
     } else {
         fileTasks().Park(task);
@@ -81,17 +79,16 @@ void RunFileTask() {
         fileTasks().Put(task, false);
         return;
     }
-    int result = DONE;
-    TakeTaskFailed();
+    PassResult result = PassResult::done;
     if (task->m_file == nullptr) {
-        result = run_without_file(*task);
+        run_without_file(*task);
     } else if (task->m_type == FILE_TASK_CLOSE && fileTasks().ParkUnlessLast(task)) {
         return;
     } else {
         result = run(*task);
     }
-    if (result == 0 && task->m_arg == 1) {
-        put_back(task);
+    if ((result == PassResult::refused || result == PassResult::failed) && task->m_arg == 1) {
+        put_back(task, result);
         return;
     }
     fileTasks().Release(task->m_file);
@@ -103,7 +100,7 @@ namespace {
 /// Ends the workers that run, and clears their tasks.
 void end_workers(Infra::CThreadLite** threads) {
     // Before anything else: whoever looks now works without workers, whoever has looked is waited for by
-    // EndFiles.
+    // NFileEnd.
     g_file_threads.store(nullptr);
     g_file_threads_stop.store(true);
     const unsigned count = g_file_thread_count.load();
@@ -158,13 +155,6 @@ int StopFileThreads() {
     g_file_threads_over.store(true);
     CMessage::DropIOMessages();
     return 0;
-}
-
-void EndFiles(CThreadPool& pool) {
-    CMessage::DropIOMessages();
-    while (const HandlerPin file = CNFile::State::next_to_end(pool)) {
-        CNFile::State::end(static_cast<CNFile&>(*file.get()), pool);
-    }
 }
 
 }  // namespace Orvex::Reticor

@@ -5,23 +5,15 @@
 
 namespace Orvex::Reticor {
 
-class CThreadPool;
-
 /// Starts 2 * n file workers. They begin with the messages that were posted while there were none. Result: 0;
 /// -1 if the system gives not a single thread. Under the lock that serialises set-up and teardown.
 int StartFileThreads(unsigned n);
 
 /// Ends the file workers, each after the device call that it is in, and drops the tasks and messages that are
-/// left; what files hold in memory is EndFiles' to write. Always 0. Under the same lock.
+/// left; what files hold in memory is NFileEnd's to write. Always 0. Under the same lock.
 int StopFileThreads();
 
 /// Takes one task and runs it, on a file worker.
 void RunFileTask();
-
-/// What teardown does with the messages that no file worker has taken, which are dropped, and with the files
-/// of the public pool, whose threads have ended and whose slot is empty.
-/// A file that has buffers is written out, once, and its device gets Close; a file that its owner has closed
-/// is deleted. The others stay for the owner's Close, which deletes them. With no file worker running.
-void EndFiles(CThreadPool& pool);
 
 }  // namespace Orvex::Reticor

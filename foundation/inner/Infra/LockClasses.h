@@ -17,20 +17,20 @@
     X(R3_SESSION, "CR3TelnetSession::m_mutex", "the present client; left around a command") \
     X(R3_POINTER, "daemon mutex of R3Server", "the step from the pointer to a reference on the daemon") \
     X(R3_BOXES, "g_r3_funcbox_mutex", "the commands of the debug server") \
-    X(FILE_LIST, "g_files_mutex of NFileEnd", "the list of all files") \
-    X(FILE_API, "CNFile::State::m_api_mutex", "a file's position and its caller's side") \
-    X(FILE_PASS, "CNFile::State::m_pass_mutex", "a pass over a file; held over calls of its device") \
-    X(FILE_WRITE, "CNFile::State::m_write_mutex", "what a pass is asked for") \
-    X(FILE_READ, "CNFile::State::m_read_mutex", "whether a load is under way") \
-    X(FILE_INFO, "CNFile::State::m_info_mutex", "what the device said of the file") \
-    X(FILE_MESSAGES, "CNFile::State::m_msg_mutex", \
+    X(FILE_LIST, "FileList::sm_files_mutex", "the list of all files") \
+    X(FILE_API, "CallerSide::m_api_mutex", "a file's position and its caller's side") \
+    X(FILE_PASS, "DeviceSide::m_pass_mutex", "a pass over a file; held over calls of its device") \
+    X(FILE_WRITE, "PassTurn::m_write_mutex", "what a pass is asked for") \
+    X(FILE_READ, "PendingLoad::m_read_mutex", "whether a load is under way") \
+    X(FILE_INFO, "KnownInfo::m_info_mutex", "what the device said of the file") \
+    X(FILE_MESSAGES, "OwedMessages::m_msg_mutex", \
       "which messages the caller is owed; held while they are posted") \
-    X(FILE_ORDER, "CFileSlots::m_order_mutex", "the order of submission") \
+    X(FILE_ORDER, "CFileSlots::m_order_mutex", "the places of a file's buffers") \
     X(FILE_BUFFER, "CNFileBuf::m_mutex", "which side holds a buffer") \
     X(FILE_POOL_LIFE, "CNFileBuf::m_pool_mutex", "the life of the pool of buffers") \
     X(FILE_POOL, "CNBufPool::m_mutex", "the free buffers") \
     X(FILE_DEVICE, "CPosixStorDev::m_mutex", "a device's position") \
-    X(FILE_TASKS, "CFileTask::m_mutex", "the tasks of all files") \
+    X(FILE_TASKS, "FileTaskQueue::m_mutex", "the tasks of all files") \
     X(TICK, "m_mutex of CNTimer", "the events of a shared tick") \
     X(STREAM_SENDER, "m_mutex of CStreamSender", "a stream sender; held while it registers and posts") \
     X(AUTO_SEND, "CMediaBuffer::m_auto_mutex", "whether a buffer is swept") \

@@ -6,6 +6,7 @@
 #include <Infra/Time.h>
 
 #include "support/file/FileWorld.h"
+#include "support/socket/Allocations.h"
 
 namespace Orvex::Reticor {
 namespace {
@@ -395,7 +396,7 @@ TEST_F(NFileFaultTest, NewBuffersDuringAPassWaitForTheCallThatRunsAndPayRoom) {
     std::thread worker([] { step(); });
     ASSERT_TRUE(gate.awaitArrivals(1));
     std::thread changer([&] { file->SetBufferSize(1, 2); });
-    EXPECT_EVENTUALLY(NFileProbe::state(*file).m_discard.load());
+    EXPECT_EVENTUALLY(NFileProbe::cutting(*file));
     gate.open();
     changer.join();
     worker.join();
@@ -406,26 +407,47 @@ TEST_F(NFileFaultTest, NewBuffersDuringAPassWaitForTheCallThatRunsAndPayRoom) {
     EXPECT_EQ("abc", closed(file).substr(4 * BLOCK));
 }
 
-TEST_F(NFileFaultTest, ACountWhoseProductWithTheSizeOverflowsIsACount) {
+TEST_F(NFileFaultTest, ThereAreNeverMoreThan4096Buffers) {
     CNFile* const file = open(newDevice());
-    EXPECT_EQ(0, file->SetBufferSize(1, 32768));
-    EXPECT_EQ(32768u, NFileProbe::buffers(*file));
+    for (const unsigned count : {4097u, 32768u, 1000000000u, 4294967295u}) {
+        EXPECT_EQ(0, file->SetBufferSize(1, count));
+        EXPECT_EQ(4096u, NFileProbe::buffers(*file));
+    }
     EXPECT_EQ(3, write(*file, "abc"));
     EXPECT_EQ(0u, disk->size()) << "buffered";
     EXPECT_EQ("abc", closed(file));
 }
 
+// Whichever of the allocations it is that fails.
 TEST_F(NFileFaultTest, ACountThatMemoryHasNoRoomForGivesFourBuffers) {
     CNFile* const file = open(newDevice());
-    auto* const saved = TEST_allocate_file_slots;
-    TEST_allocate_file_slots = [](std::size_t size) -> void* {
-        return size > 1000000000 ? nullptr : std::malloc(size);
-    };
-    EXPECT_EQ(0, file->SetBufferSize(1, 4000000000u));
-    TEST_allocate_file_slots = saved;
-    EXPECT_EQ(4u, NFileProbe::buffers(*file));
+    size_t failed = 0;
+    for (;; ++failed) {
+        {
+            Testing::OneAllocationFails fault(failed);
+            EXPECT_EQ(0, file->SetBufferSize(1, 4096));
+        }
+        if (NFileProbe::buffers(*file) == 4096) {
+            break;
+        }
+        ASSERT_EQ(4u, NFileProbe::buffers(*file)) << failed;
+        EXPECT_EQ(3, write(*file, "abc"));
+        EXPECT_EQ(0, file->SetBufferSize(1, 5));
+    }
+    EXPECT_GE(failed, 3u);
+    closed(file);
+}
+
+TEST_F(NFileFaultTest, WithoutAnyMemoryForBuffersCallsGoToTheDevice) {
+    CNFile* const file = open(newDevice());
+    {
+        Testing::NoMemory fault;
+        EXPECT_EQ(0, file->SetBufferSize(1, 8));
+    }
+    EXPECT_EQ(0u, NFileProbe::buffers(*file));
     EXPECT_EQ(3, write(*file, "abc"));
-    EXPECT_EQ("abc", closed(file));
+    EXPECT_EQ("abc", disk->content());
+    closed(file);
 }
 
 // ---- with real workers ---------------------------------------------------------------------------------

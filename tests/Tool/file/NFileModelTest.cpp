@@ -206,7 +206,7 @@ TEST_F(NFileModel, CloseFromAnotherThreadLosesNothingThatWasAccepted) {
         const std::string data = Testing::pattern(10 * BLOCK);
         std::atomic<std::size_t> taken{0};
         std::thread writer([&] {
-            while (!NFileProbe::closed(*file) && taken < data.size()) {
+            while (!NFileProbe::over(*file) && taken < data.size()) {
                 const std::size_t most = std::min<std::size_t>(5000, data.size() - taken);
                 taken +=
                     static_cast<std::size_t>(file->Write(data.data() + taken, static_cast<unsigned>(most)));

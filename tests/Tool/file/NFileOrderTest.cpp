@@ -74,7 +74,7 @@ TEST_F(NFileOrderTest, AReadTaskThatComesFirstWritesOutFirst) {
     writeAt(*file, 0, "0123456789");
     file->Seek(0, 0);
     EXPECT_EQ("", read(*file, 10));
-    NFileProbe::state(*file).read_pass();
+    NFileProbe::device(*file).read_pass();
     EXPECT_EQ("0123456789", read(*file, 10));
     EXPECT_EQ((Calls{"seek 0", "write 10", "seek 0", "read 10", "read 0"}), disk->log());
     closed(file);

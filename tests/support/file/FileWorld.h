@@ -28,20 +28,25 @@
 #include "Tool/file/FileThread.h"
 #include "Tool/file/NFileState.h"
 #include "Tool/task/FileTask.h"
+#include "Tool/task/FileTaskQueue.h"
 #include "support/PoolFixture.h"
 #include "support/core/Gate.h"
 
 namespace Orvex::Reticor {
 
 struct NFileProbe {
-    static CNFile::State& state(CNFile& file) { return *file.m_state; }
-    static CFileSlots& slots(CNFile& file) { return state(file).m_slots; }
-    static unsigned buffers(CNFile& file) { return state(file).m_buf_count.load(); }
+    static CNFile::State& state(CNFile& file) { return CNFile::State::of(file); }
+    static CFileSlots& slots(CNFile& file) { return state(file).m_exchange.m_slots; }
+    static DeviceSide& device(CNFile& file) { return state(file).m_device; }
+    static unsigned buffers(CNFile& file) { return state(file).m_caller.buffers(); }
     static long long offset(CNFile& file) {
-        Infra::CGuard guard(state(file).m_api_mutex);
-        return state(file).m_offset;
+        CallerSide& side = state(file).m_caller;
+        Infra::CGuard guard(side.m_api_mutex);
+        return side.m_offset;
     }
-    static bool closed(CNFile& file) { return state(file).over(); }
+    static bool over(CNFile& file) { return state(file).m_exchange.over(); }
+    // Somebody waits to drop the buffers.
+    static bool cutting(CNFile& file) { return state(file).m_device.m_discard.load(); }
 };
 
 }  // namespace Orvex::Reticor
@@ -89,6 +94,7 @@ public:
     std::function<int(unsigned len)> on_read;
     std::function<int(long long offset)> on_seek;
     std::function<void()> on_stat;
+    std::function<void()> on_close;
     bool open_fails = false;
     int finish_result = 0;
     int stat_result = 0;
@@ -102,6 +108,9 @@ public:
         {
             const Inside inside(*life);
             note("close");
+            if (on_close) {
+                on_close();
+            }
             ++life->closes;
         }
         delete this;

@@ -11,6 +11,7 @@ namespace {
 
 thread_local std::size_t count_of_allocations = 0;
 thread_local bool no_memory = false;
+thread_local bool only_one = false;
 thread_local std::size_t successes_left = 0;
 
 }  // namespace
@@ -19,6 +20,7 @@ void* allocate(std::size_t size) noexcept {
     ++count_of_allocations;
     if (no_memory && successes_left-- == 0) {
         successes_left = 0;
+        no_memory = !only_one;
         errno = ENOMEM;  // as malloc leaves it
         return nullptr;
     }
@@ -36,6 +38,14 @@ NoMemory::NoMemory(std::size_t successes_before) {
 
 NoMemory::~NoMemory() {
     no_memory = false;
+}
+
+OneAllocationFails::OneAllocationFails(std::size_t successes_before) : NoMemory(successes_before) {
+    only_one = true;
+}
+
+OneAllocationFails::~OneAllocationFails() {
+    only_one = false;
 }
 
 }  // namespace Orvex::Testing

@@ -18,4 +18,11 @@ public:
     NoMemory& operator=(const NoMemory&) = delete;
 };
 
+// While it lives, one allocation fails on the calling thread after so many successes, and the next succeed.
+class OneAllocationFails : public NoMemory {
+public:
+    explicit OneAllocationFails(std::size_t successes_before);
+    ~OneAllocationFails();
+};
+
 }  // namespace Orvex::Testing
