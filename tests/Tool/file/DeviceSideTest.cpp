@@ -56,6 +56,7 @@ TEST_F(DeviceSideAlone, APassSaysThatItWasRefusedOrThatTheDeviceFailed) {
     };
     EXPECT_EQ(PassResult::failed, side->write_pass(1));
     EXPECT_EVENTUALLY(client->errors() == 1);
+    device->on_write = [](unsigned) { return -1; };
     EXPECT_FALSE(side->write_out_at_end());
     device->on_write = nullptr;
     EXPECT_TRUE(side->write_out_at_end());
