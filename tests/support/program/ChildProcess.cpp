@@ -25,9 +25,21 @@ namespace {
 
 constexpr int kLimit_ms = 30000;
 
+/// Signals as a terminal hands them to a program: what the test was started from may have them ignored, a shell in the
+/// background for example, and a script cannot trap what was ignored when it began.
+void take_default_signals() {
+    for (const int number : {SIGHUP, SIGINT, SIGQUIT, SIGPIPE, SIGTERM}) {
+        ::signal(number, SIG_DFL);
+    }
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
 [[noreturn]] void become(const std::vector<std::string>& command, unsigned long descriptors, int input,
                          int output) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
+    take_default_signals();
     dup2(input, STDIN_FILENO);
     dup2(output, STDOUT_FILENO);
     close_range(STDERR_FILENO + 1, ~0U, 0);  // what the test itself was handed is none of the program's
