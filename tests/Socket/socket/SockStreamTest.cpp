@@ -98,16 +98,16 @@ TEST(SockStreamConnect, TakesEveryAddressClass) {
 TEST(SockStreamConnect, BindsToTheLocalAddress) {
     CSockAcceptor acceptor;
     const unsigned short port = Testing::openOnLoopback(acceptor);
-    CSock holder;
+    CSock holder;  // the port stays taken on another address, so that the system hands it to nobody else
     const unsigned short own_port = Testing::refusingPort(holder);
-    holder.Close();
-    CSockAddrIPv4 local("127.0.0.2", own_port);
+    const unsigned own_ip = 0x7F010000U | (static_cast<unsigned>(::getpid()) & 0xFFFFU);  // this process's
+    CSockAddrIPv4 local(own_ip, own_port);
     CSockStream client;
-    ASSERT_EQ(client.Connect(CSockAddrIPv4(loopback_ip, port), &local), 0);
+    ASSERT_EQ(0, client.Connect(CSockAddrIPv4(loopback_ip, port), &local));
     CSockStream server;
     ASSERT_TRUE(Testing::acceptInto(acceptor, server));
     CSockAddrIPv4 remote;
-    EXPECT_EQ(server.GetRemoteAddr(&remote), 0);
+    EXPECT_EQ(0, server.GetRemoteAddr(&remote));
     EXPECT_TRUE(remote == local);
 }
 
