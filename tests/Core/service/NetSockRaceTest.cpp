@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "support/PoolFixture.h"
+#include "support/Rounds.h"
 #include "support/SeededRandom.h"
 #include "support/core/FastClock.h"
 #include "support/core/Probes.h"
@@ -140,7 +141,7 @@ protected:
 };
 
 TEST_F(NetSockRaceTest, RemoveRacesWithDelivery) {
-    for (int round = 0; round < 200; ++round) {
+    for (Rounds rounds(200); rounds.next();) {
         Contested socket(seeds.engine()());
         ASSERT_EQ(0, socket.a->RegisterSock(socket.pair.near, SOCK_READ, 0));
         std::thread writer([&] {
@@ -157,7 +158,7 @@ TEST_F(NetSockRaceTest, RemoveRacesWithDelivery) {
 }
 
 TEST_F(NetSockRaceTest, RemoveAndRegisterAgainRaceWithDeliveryAndSecondHalf) {
-    for (int round = 0; round < 20; ++round) {
+    for (Rounds rounds(20); rounds.next();) {
         Contested socket(seeds.engine()());
         ASSERT_EQ(0, socket.a->RegisterSock(socket.pair.near, SOCK_READ, 0));
         race(
@@ -173,7 +174,7 @@ TEST_F(NetSockRaceTest, RemoveAndRegisterAgainRaceWithDeliveryAndSecondHalf) {
 }
 
 TEST_F(NetSockRaceTest, TwoThreadsRemoveAndRegisterAgainAtOnce) {
-    for (int round = 0; round < 20; ++round) {
+    for (Rounds rounds(20); rounds.next();) {
         Contested socket(seeds.engine()());
         socket.inside = [&] {
             socket.pair.poke();  // ready again at once
@@ -193,7 +194,7 @@ TEST_F(NetSockRaceTest, TwoThreadsRemoveAndRegisterAgainAtOnce) {
 }
 
 TEST_F(NetSockRaceTest, RemoveAndRegisterAgainInsideTheCall) {
-    for (int round = 0; round < 10; ++round) {
+    for (Rounds rounds(10); rounds.next();) {
         Contested socket(seeds.engine()());
         std::atomic<bool> again{true};
         socket.inside = [&] {
@@ -215,7 +216,7 @@ TEST_F(NetSockRaceTest, RemoveAndRegisterAgainInsideTheCall) {
 }
 
 TEST_F(NetSockRaceTest, RegisterByASecondHandlerRacesWithDelivery) {
-    for (int round = 0; round < 20; ++round) {
+    for (Rounds rounds(20); rounds.next();) {
         Contested socket(seeds.engine()());
         ASSERT_EQ(0, socket.a->RegisterSock(socket.pair.near, SOCK_READ, 0));
         race(
@@ -237,7 +238,7 @@ TEST_F(NetSockRaceTest, RegisterByASecondHandlerRacesWithDelivery) {
 }
 
 TEST_F(NetSockRaceTest, RegisterByASecondHandlerRacesWithTheEndOfTheFirst) {
-    for (int round = 0; round < 100; ++round) {
+    for (Rounds rounds(100); rounds.next();) {
         Contested socket(seeds.engine()());
         TestHandler* const gone = new TestHandler;
         const std::shared_ptr<HandlerLife> life = gone->life;
@@ -258,7 +259,7 @@ TEST_F(NetSockRaceTest, RegisterByASecondHandlerRacesWithTheEndOfTheFirst) {
 }
 
 TEST_F(NetSockRaceTest, UnregisterRacesWithDelivery) {
-    for (int round = 0; round < 20; ++round) {
+    for (Rounds rounds(20); rounds.next();) {
         Contested socket(seeds.engine()());
         ASSERT_EQ(0, socket.a->RegisterSock(socket.pair.near, SOCK_READ, 0));
         race(
@@ -275,7 +276,7 @@ TEST_F(NetSockRaceTest, UnregisterRacesWithDelivery) {
 
 TEST_F(NetSockRaceTest, TimeoutRacesWithReadinessAndNoByteIsLost) {
     FastClock clock;
-    for (int round = 0; round < 10; ++round) {
+    for (Rounds rounds(10); rounds.next();) {
         Contested socket(seeds.engine()());
         socket.inside = [&] { return 1000; };
         socket.a->on_input_timeout = [&](int) {
@@ -302,7 +303,7 @@ TEST_F(NetSockRaceTest, TimeoutRacesWithReadinessAndNoByteIsLost) {
 
 TEST_F(NetSockRaceTest, RemoveRacesWithTimeout) {
     FastClock clock;
-    for (int round = 0; round < 200; ++round) {
+    for (Rounds rounds(200); rounds.next();) {
         Contested socket(seeds.engine()());
         const unsigned int mask = socket.random.between(1u, 4u);
         ASSERT_EQ(0, socket.a->RegisterSock(socket.pair.near, mask & ~SOCK_WRITE, 1000));
@@ -316,7 +317,7 @@ TEST_F(NetSockRaceTest, RemoveRacesWithTimeout) {
 // Everything at once, on a few sockets.
 TEST_F(NetSockRaceTest, EverythingAtOnce) {
     FastClock clock;
-    for (int round = 0; round < 4; ++round) {
+    for (Rounds rounds(4); rounds.next();) {
         Contested socket(seeds.engine()());
         SeededRandom other = socket.random.fork();
         const auto step = [&](SeededRandom& random) {
