@@ -4,18 +4,12 @@
 // Every request is different, and follows from connection and number: an answer that is late, doubled, mixed
 // up or another connection's does not compare equal. The program knows nothing of the library; it stands on
 // the system's calls alone, so that no error can be on both sides.
-#include <netdb.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <sys/epoll.h>
-#include <sys/resource.h>
-#include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -24,13 +18,18 @@
 
 #include <CLI/CLI.hpp>
 
-#include "Clocks.h"
-#include "Histogram.h"
-#include "Requests.h"
+#include "kit/Clocks.h"
+#include "kit/EndSignals.h"
+#include "kit/Histogram.h"
+#include "kit/Process.h"
+#include "kit/Requests.h"
+#include "kit/Target.h"
 
 namespace {
 
-using std::uint64_t;
+using LoadKit::Histogram;
+using LoadKit::now;
+using LoadKit::processorTime;
 
 constexpr uint64_t kSecond = 1000000000;      // ns
 constexpr uint64_t kPatience = 10 * kSecond;  // for connecting, and for the last answers
@@ -71,7 +70,6 @@ public:
 
 private:
     bool open();
-    bool resolve();
     void connectMore();
     void connected(Client& client);
     void start(Client& client);
@@ -91,13 +89,12 @@ private:
     int printVerdict() const;
 
     const Options m_options;
-    const Requests m_requests;
+    const LoadKit::Requests m_requests;
     std::vector<Client> m_clients;
     std::vector<char> m_room;
-    sockaddr_storage m_address{};
-    socklen_t m_addressLength = 0;
+    LoadKit::Target m_target;
+    LoadKit::EndSignals m_signals;
     int m_epoll = -1;
-    int m_signals = -1;
     size_t m_next = 0;        // client to connect next
     size_t m_connecting = 0;  // clients in this state, and so on
     size_t m_connected = 0;
@@ -125,60 +122,29 @@ Load::~Load() {
             close(client.fd);
         }
     }
-    if (m_signals >= 0) {
-        close(m_signals);
-    }
     if (m_epoll >= 0) {
         close(m_epoll);
     }
 }
 
-bool Load::resolve() {
-    addrinfo hints{};
-    hints.ai_socktype = SOCK_STREAM;
-    hints.ai_flags = AI_NUMERICSERV;
-    addrinfo* found = nullptr;
-    const int error = getaddrinfo(m_options.host.c_str(), m_options.port.c_str(), &hints, &found);
-    if (error != 0) {
-        std::fprintf(stderr, "demo_load: %s:%s: %s\n", m_options.host.c_str(), m_options.port.c_str(),
-                     gai_strerror(error));
-        return false;
-    }
-    std::memcpy(&m_address, found->ai_addr, found->ai_addrlen);
-    m_addressLength = found->ai_addrlen;
-    freeaddrinfo(found);
-    return true;
-}
-
 bool Load::open() {
-    rlimit limit{};
-    getrlimit(RLIMIT_NOFILE, &limit);
-    limit.rlim_cur = limit.rlim_max;
-    setrlimit(RLIMIT_NOFILE, &limit);
-    if (limit.rlim_max < m_options.connections + 16) {
+    const uint64_t descriptors = LoadKit::raiseDescriptorLimit();
+    if (descriptors < m_options.connections + 16) {
         std::fprintf(
             stderr,
             "demo_load: this process may open %ju descriptors (ulimit -Hn), too few for %zu connections\n",
-            static_cast<uintmax_t>(limit.rlim_max), m_options.connections);
+            static_cast<uintmax_t>(descriptors), m_options.connections);
         return false;
     }
-
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, SIGINT);
-    sigaddset(&set, SIGTERM);
-    sigaddset(&set, SIGHUP);
-    sigprocmask(SIG_BLOCK, &set, nullptr);
-    m_signals = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
     m_epoll = epoll_create1(EPOLL_CLOEXEC);
     epoll_event event{};
     event.events = EPOLLIN;
     event.data.ptr = nullptr;
-    if (m_signals < 0 || m_epoll < 0 || epoll_ctl(m_epoll, EPOLL_CTL_ADD, m_signals, &event) != 0) {
+    if (m_epoll < 0 || epoll_ctl(m_epoll, EPOLL_CTL_ADD, m_signals.fd(), &event) != 0) {
         std::perror("demo_load: epoll");
         return false;
     }
-    return resolve();
+    return m_target.resolve(m_options.host, m_options.port);
 }
 
 void Load::watch(Client& client, uint32_t interest) {
@@ -223,15 +189,11 @@ void Load::connectMore() {
         client.index = m_next++;
         client.state = State::Connecting;
         ++m_connecting;
-        client.fd = socket(m_address.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        LoadKit::Manner manner;
+        manner.blocking = false;
+        manner.no_delay = true;
+        client.fd = m_target.connect(manner);
         if (client.fd < 0) {
-            lose(client, "socket", errno);
-            continue;
-        }
-        const int one = 1;
-        setsockopt(client.fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-        if (connect(client.fd, reinterpret_cast<sockaddr*>(&m_address), m_addressLength) != 0 &&
-            errno != EINPROGRESS) {
             lose(client, "connect", errno);
             continue;
         }
@@ -316,14 +278,14 @@ void Load::answered(Client& client) {
 }
 
 void Load::takeSignal() {
-    signalfd_siginfo info;
-    while (read(m_signals, &info, sizeof info) == sizeof info) {
-        if (!m_stopped) {
-            m_stoppedAt = now();
-        }
-        m_stopped = true;
-        m_impatient = now() - m_stoppedAt > kSecond / 2;  // one Ctrl-C can arrive as two signals
+    if (!m_signals.take()) {
+        return;
     }
+    if (!m_stopped) {
+        m_stoppedAt = now();
+    }
+    m_stopped = true;
+    m_impatient = now() - m_stoppedAt > kSecond / 2;  // one Ctrl-C can arrive as two signals
 }
 
 void Load::poll(uint64_t until) {

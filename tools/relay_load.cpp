@@ -3,38 +3,39 @@
 //
 // The program knows nothing of the library; it stands on the system's calls alone, so that no error can be on
 // both sides.
-#include <netdb.h>
-#include <netinet/in.h>
 #include <poll.h>
-#include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <csignal>
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
-#include <fstream>
 #include <string>
 #include <vector>
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
-#include "Clocks.h"
-#include "Multipart.h"
+#include "kit/Clocks.h"
+#include "kit/EndSignals.h"
+#include "kit/Multipart.h"
+#include "kit/Process.h"
+#include "kit/Target.h"
 
 namespace {
 
-using std::uint64_t;
+using LoadKit::MultipartReader;
+using LoadKit::now;
+using LoadKit::processorTime;
 
 constexpr uint64_t kSecond = 1000000000;  // ns
 constexpr uint64_t kStep = kSecond / 50;  // how often a slow client reads
 constexpr int kSlowRoom = 16384;          // bytes that the kernel takes for a client that is not fast
-constexpr double kSettle = 2;             // s, before which memory still settles
-constexpr double kStallSlack = 4;         // s; a stalled client is gone so long after its time at the latest
+// And for a fast one: some seconds of pictures, so that one whose process waits for a processor is not taken for slow.
+constexpr int kFastRoom = 1 << 22;
+constexpr double kSettle = 2;      // s, before which memory still settles
+constexpr double kStallSlack = 4;  // s; a stalled client is gone so long after its time at the latest
 
 struct Options {
     std::string host = "127.0.0.1";
@@ -70,7 +71,6 @@ public:
     int run();  // the program's result: 0 if all is as it should be
 
 private:
-    bool resolve();
     int connectTo(int receiveBytes) const;
     bool openClient(Pace pace);
     bool openAll();
@@ -78,7 +78,6 @@ private:
     void feed(Client& client);
     void hungUp(Client& client);
     size_t budget(const Client& client) const;
-    void takeSignal();
     void printHead() const;
     void printRow();
     double memory() const;
@@ -90,9 +89,8 @@ private:
     int printVerdict() const;
 
     const Options m_options;
-    sockaddr_storage m_address{};
-    socklen_t m_addressLength = 0;
-    int m_signals = -1;
+    LoadKit::Target m_target;
+    LoadKit::EndSignals m_signals;
     std::vector<Client> m_clients;
     std::vector<char> m_room;
     bool m_stopped = false;
@@ -111,43 +109,16 @@ Load::~Load() {
             close(client.fd);
         }
     }
-    if (m_signals >= 0) {
-        close(m_signals);
-    }
 }
 
-bool Load::resolve() {
-    addrinfo hints{};
-    hints.ai_socktype = SOCK_STREAM;
-    hints.ai_flags = AI_NUMERICSERV;
-    addrinfo* found = nullptr;
-    const int error = getaddrinfo(m_options.host.c_str(), m_options.port.c_str(), &hints, &found);
-    if (error != 0) {
-        std::fprintf(stderr, "relay_load: %s:%s: %s\n", m_options.host.c_str(), m_options.port.c_str(),
-                     gai_strerror(error));
-        return false;
-    }
-    std::memcpy(&m_address, found->ai_addr, found->ai_addrlen);
-    m_addressLength = found->ai_addrlen;
-    freeaddrinfo(found);
-    return true;
-}
-
-/// A blocking connection, or -1. `receiveBytes` 0 leaves the kernel's buffer as it is.
+/// A connection that blocks, or -1. `receiveBytes` 0 leaves the kernel's buffer as it is.
 int Load::connectTo(int receiveBytes) const {
-    const int fd = socket(m_address.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    LoadKit::Manner manner;
+    manner.receive_bytes = receiveBytes;
+    manner.patience_s = 5;
+    const int fd = m_target.connect(manner);
     if (fd < 0) {
-        return -1;
-    }
-    if (receiveBytes > 0) {
-        setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &receiveBytes, sizeof receiveBytes);
-    }
-    const timeval patience{5, 0};
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-    if (connect(fd, reinterpret_cast<const sockaddr*>(&m_address), m_addressLength) != 0) {
         std::perror("relay_load: connect");
-        close(fd);
-        return -1;
     }
     return fd;
 }
@@ -155,7 +126,7 @@ int Load::connectTo(int receiveBytes) const {
 bool Load::openClient(Pace pace) {
     Client client;
     client.pace = pace;
-    client.fd = connectTo(pace == Pace::Fast ? 0 : kSlowRoom);
+    client.fd = connectTo(pace == Pace::Fast ? kFastRoom : kSlowRoom);
     const std::string request = "GET /live.mjpg HTTP/1.1\r\nHost: " + m_options.host + "\r\n\r\n";
     if (client.fd < 0 || send(client.fd, request.data(), request.size(), MSG_NOSIGNAL) !=
                              static_cast<ssize_t>(request.size())) {
@@ -166,14 +137,7 @@ bool Load::openClient(Pace pace) {
 }
 
 bool Load::openAll() {
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, SIGINT);
-    sigaddset(&set, SIGTERM);
-    sigaddset(&set, SIGHUP);
-    sigprocmask(SIG_BLOCK, &set, nullptr);
-    m_signals = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
-    bool good = m_signals >= 0 && resolve();
+    bool good = m_target.resolve(m_options.host, m_options.port);
     for (size_t i = 0; good && i < m_options.fast; ++i) {
         good = openClient(Pace::Fast);
     }
@@ -184,13 +148,6 @@ bool Load::openAll() {
         good = openClient(Pace::Stalled);
     }
     return good;
-}
-
-void Load::takeSignal() {
-    signalfd_siginfo info;
-    while (read(m_signals, &info, sizeof info) == sizeof info) {
-        m_stopped = true;
-    }
 }
 
 /// Bytes that this client may read now.
@@ -224,7 +181,7 @@ void Load::hungUp(Client& client) {
 }
 
 void Load::poll(uint64_t until) {
-    std::vector<pollfd> ready{{m_signals, POLLIN, 0}};
+    std::vector<pollfd> ready{{m_signals.fd(), POLLIN, 0}};
     for (const Client& client : m_clients) {
         // A slow client looks at its socket by the clock, and what hangs up shows without being asked for.
         ready.push_back({client.fd, static_cast<short>(client.pace == Pace::Fast ? POLLIN : 0), 0});
@@ -232,9 +189,7 @@ void Load::poll(uint64_t until) {
     const uint64_t time = now();
     const uint64_t step = std::min(until > time ? until - time : 0, kStep);
     ::poll(ready.data(), ready.size(), static_cast<int>((step + 999999) / 1000000));
-    if (ready[0].revents != 0) {
-        takeSignal();
-    }
+    m_stopped = m_signals.take() || m_stopped;
     for (size_t i = 0; i < m_clients.size(); ++i) {
         Client& client = m_clients[i];
         if (client.fd < 0) {
@@ -258,10 +213,7 @@ uint64_t Load::sum(Pace pace, uint64_t (MultipartReader::*field)() const) const 
 
 /// Resident memory of the relay in MiB; 0 if it cannot be read.
 double Load::memory() const {
-    uint64_t size = 0;
-    uint64_t resident = 0;
-    std::ifstream("/proc/" + std::to_string(m_options.pid) + "/statm") >> size >> resident;
-    return static_cast<double>(resident) * static_cast<double>(sysconf(_SC_PAGESIZE)) / (1 << 20);
+    return static_cast<double>(LoadKit::residentBytes(m_options.pid)) / (1 << 20);
 }
 
 /// What the relay says of its buffer.

@@ -6,7 +6,6 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
-#include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -16,6 +15,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <thread>
+
+#include "kit/Process.h"
 
 namespace Bench {
 
@@ -34,14 +35,6 @@ sigset_t terminationSignals() {
     return set;
 }
 
-void raiseDescriptorLimit() {
-    rlimit limit{};
-    if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
-        limit.rlim_cur = limit.rlim_max;
-        setrlimit(RLIMIT_NOFILE, &limit);
-    }
-}
-
 }  // namespace
 
 EchoOptions parseEchoOptions(int argc, char** argv, const char* description) {
@@ -54,7 +47,7 @@ EchoOptions parseEchoOptions(int argc, char** argv, const char* description) {
     } catch (const CLI::ParseError& error) {
         std::exit(app.exit(error));
     }
-    raiseDescriptorLimit();
+    LoadKit::raiseDescriptorLimit();
     return options;
 }
 

@@ -3,7 +3,6 @@
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -13,6 +12,7 @@
 #include <cstring>
 
 #include "common/Usage.h"
+#include "kit/Process.h"
 
 namespace Bench {
 
@@ -71,11 +71,7 @@ FanoutOptions parseFanoutOptions(int argc, char** argv, const char* description)
     } catch (const CLI::ParseError& error) {
         std::exit(app.exit(error));
     }
-    rlimit limit{};
-    if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
-        limit.rlim_cur = limit.rlim_max;
-        setrlimit(RLIMIT_NOFILE, &limit);
-    }
+    LoadKit::raiseDescriptorLimit();
     startOfProcess();
     return options;
 }

@@ -23,7 +23,7 @@ struct FanoutOptions {
 // Ends the process with a message if the command line is wrong.
 FanoutOptions parseFanoutOptions(int argc, char** argv, const char* description);
 
-// How many frames a client may be behind before it loses some, in servers that count frames.
+// How many frames a client may be late before it loses some, in servers that count frames.
 std::uint64_t mostLag(const FanoutOptions& options);
 
 // The part of the options that runHandOverLoops needs.
@@ -83,7 +83,7 @@ public:
 
     std::uint64_t dueNs() const { return m_due; }
     bool isDue(std::uint64_t nowNs) const { return nowNs >= m_due; }
-    // The frame was made. One who is behind by more than a frame goes on from now.
+    // The frame was made. Whoever is late by more than a frame goes on from now.
     void advance(std::uint64_t nowNs);
 
 private:

@@ -21,17 +21,6 @@ std::uint64_t read(clockid_t clock) {
 
 }  // namespace
 
-std::uint64_t processCpuNs(pid_t pid) {
-    std::uint64_t sum = 0;
-    std::error_code error;
-    for (const auto& task : std::filesystem::directory_iterator(tasksOf(pid), error)) {
-        std::uint64_t running = 0;
-        std::ifstream(task.path() / "schedstat") >> running;
-        sum += running;
-    }
-    return sum;
-}
-
 std::int64_t voluntarySwitches(pid_t pid, const std::string& threadName) {
     const std::string label = "voluntary_ctxt_switches:";
     std::int64_t sum = -1;

@@ -7,10 +7,6 @@
 
 namespace Bench {
 
-// Nanoseconds of processor time of all living threads of a process, its kernel work included. Unlike the
-// ticks of /proc/PID/stat this has the scheduler's resolution. Threads that have ended are not counted.
-std::uint64_t processCpuNs(pid_t pid);
-
 // Times that the threads of this name (at most 15 characters count) went to sleep of their own accord, which
 // is also how often they were woken. Negative if the process has no such thread.
 std::int64_t voluntarySwitches(pid_t pid, const std::string& threadName);

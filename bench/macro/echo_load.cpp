@@ -2,14 +2,8 @@
 // under way and sends the next one when the answer is complete; every byte of every answer is compared. It
 // shares the processors with the server, so absolute figures hold for this arrangement alone and the ratios
 // are what counts.
-#include "common/Usage.h"
-
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <sys/epoll.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <CLI/CLI.hpp>
@@ -20,8 +14,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <nlohmann/json.hpp>
-#include <random>
+#include <string>
 #include <vector>
+
+#include "kit/Clocks.h"
+#include "kit/Process.h"
+#include "kit/Requests.h"
+#include "kit/Target.h"
 
 namespace {
 
@@ -39,28 +38,6 @@ struct Options {
     std::fprintf(stderr, "echo_load: %s: %s\n", what, std::strerror(errno));
     std::exit(1);
 }
-
-// Requests are slices of one block of random bytes, at a place that follows from connection and number: an
-// answer that is late, doubled or another connection's does not compare equal, and no request has to be
-// written down.
-class Requests {
-public:
-    explicit Requests(std::size_t size) : m_size(size), m_block(kPlaces + size) {
-        std::mt19937_64 random(20240501);
-        for (char& byte : m_block) {
-            byte = static_cast<char>(random());
-        }
-    }
-    std::size_t size() const { return m_size; }
-    const char* bytes(std::size_t connection, std::uint64_t number) const {
-        return m_block.data() + (connection * 40503 + number * 9973) % kPlaces;
-    }
-
-private:
-    static constexpr std::size_t kPlaces = 65521;
-    std::size_t m_size;
-    std::vector<char> m_block;
-};
 
 struct Client {
     int fd = -1;
@@ -107,7 +84,8 @@ private:
     nlohmann::json report(std::uint64_t wallNs, std::uint64_t serverNs, std::uint64_t ownNs);
 
     const Options m_options;
-    const Requests m_requests;
+    const LoadKit::Requests m_requests;
+    LoadKit::Target m_target;
     std::vector<Client> m_clients;
     int m_epoll;
     std::vector<char> m_room;
@@ -119,6 +97,9 @@ private:
 };
 
 void Load::connectAll() {
+    if (!m_target.resolve("127.0.0.1", std::to_string(m_options.port))) {
+        std::exit(1);
+    }
     for (std::size_t i = 0; i < m_clients.size(); ++i) {
         m_clients[i].index = i;
         connectOne(m_clients[i]);
@@ -129,14 +110,10 @@ void Load::connectAll() {
 }
 
 void Load::connectOne(Client& client) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(m_options.port);
-    int one = 1;
-    client.fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (client.fd < 0 || connect(client.fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-        setsockopt(client.fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one) != 0) {
+    LoadKit::Manner manner;
+    manner.no_delay = true;
+    client.fd = m_target.connect(manner);
+    if (client.fd < 0) {
         die("connect");
     }
 }
@@ -215,15 +192,15 @@ void Load::receive(Client& client) {
 }
 
 void Load::complete(Client& client) {
-    const std::uint64_t now = Bench::nowNs();
+    const std::uint64_t time = LoadKit::now();
     if (m_recording) {
         m_latenciesNs.push_back(
-            static_cast<std::uint32_t>(std::min<std::uint64_t>(now - client.startedNs, ~0U)));
+            static_cast<std::uint32_t>(std::min<std::uint64_t>(time - client.startedNs, ~0U)));
     }
     ++m_total;
     ++client.number;
     --m_underWay;
-    client.startedNs = now;
+    client.startedNs = time;
     if (!m_stopping) {
         start(client);
     }
@@ -249,7 +226,7 @@ void Load::poll(int timeoutMs) {
 }
 
 void Load::runUntil(std::uint64_t endNs) {
-    while (Bench::nowNs() < endNs) {
+    while (LoadKit::now() < endNs) {
         poll(10000);
     }
 }
@@ -265,20 +242,21 @@ nlohmann::json Load::measure() {
     for (std::size_t i = 0; i < m_options.active; ++i) {
         Client& client = activeClient(i);
         watch(client, EPOLL_CTL_ADD, false);
-        client.startedNs = Bench::nowNs();
+        client.startedNs = LoadKit::now();
         start(client);
     }
-    runUntil(Bench::nowNs() + static_cast<std::uint64_t>(m_options.warmUp * 1e9));
+    runUntil(LoadKit::now() + static_cast<std::uint64_t>(m_options.warmUp * 1e9));
 
     m_latenciesNs.reserve(static_cast<std::size_t>(m_options.seconds * 500000));
     m_recording = true;
-    const std::uint64_t serverBegin = m_options.serverPid > 0 ? Bench::processCpuNs(m_options.serverPid) : 0;
-    const std::uint64_t ownBegin = Bench::ownCpuNs();
-    const std::uint64_t begin = Bench::nowNs();
+    const std::uint64_t serverBegin =
+        m_options.serverPid > 0 ? LoadKit::processorTime(m_options.serverPid) : 0;
+    const std::uint64_t ownBegin = LoadKit::ownProcessorTime();
+    const std::uint64_t begin = LoadKit::now();
     runUntil(begin + static_cast<std::uint64_t>(m_options.seconds * 1e9));
-    const std::uint64_t wallNs = Bench::nowNs() - begin;
-    const std::uint64_t serverEnd = m_options.serverPid > 0 ? Bench::processCpuNs(m_options.serverPid) : 0;
-    const std::uint64_t ownNs = Bench::ownCpuNs() - ownBegin;
+    const std::uint64_t wallNs = LoadKit::now() - begin;
+    const std::uint64_t serverEnd = m_options.serverPid > 0 ? LoadKit::processorTime(m_options.serverPid) : 0;
+    const std::uint64_t ownNs = LoadKit::ownProcessorTime() - ownBegin;
     m_recording = false;
     drain();
     return report(wallNs, serverEnd - serverBegin, ownNs);
@@ -328,10 +306,7 @@ int main(int argc, char** argv) {
     if (options.active == 0 || options.active > options.connections) {
         options.active = options.connections;
     }
-    rlimit limit{};
-    getrlimit(RLIMIT_NOFILE, &limit);
-    limit.rlim_cur = limit.rlim_max;
-    setrlimit(RLIMIT_NOFILE, &limit);
+    LoadKit::raiseDescriptorLimit();
 
     Load load(options);
     load.connectAll();

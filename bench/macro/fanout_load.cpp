@@ -1,13 +1,8 @@
 // Clients of a fan-out server: fast ones, rate-limited ones and ones that never read. One thread, one epoll.
 // Every byte of every frame is compared with what it must be, sequence numbers are followed, and delays are
 // taken from the time in the header.
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <sys/epoll.h>
-#include <sys/mman.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <CLI/CLI.hpp>
@@ -24,6 +19,9 @@
 
 #include "common/Fanout.h"
 #include "common/Usage.h"
+#include "kit/Clocks.h"
+#include "kit/Process.h"
+#include "kit/Target.h"
 
 namespace {
 
@@ -128,6 +126,7 @@ private:
 
     const Options m_options;
     const Bench::PayloadTable m_table;
+    LoadKit::Target m_target;
     std::vector<Client> m_clients;
     int m_epoll;
     std::vector<char> m_room;
@@ -139,6 +138,9 @@ private:
 };
 
 void Load::connectAll() {
+    if (!m_target.resolve("127.0.0.1", std::to_string(m_options.port))) {
+        std::exit(1);
+    }
     for (std::size_t i = 0; i < m_clients.size(); ++i) {
         const std::size_t slowOnes = m_options.fast + m_options.slow;
         m_clients[i].kind = i < m_options.fast ? Kind::Fast : i < slowOnes ? Kind::Slow : Kind::Stuck;
@@ -150,18 +152,13 @@ void Load::connectAll() {
 // Clients that do not keep up get a small window and segments of a real link's size, so that what they lag
 // behind is the server's doing and not this machine's memory.
 void Load::connectOne(Client& client) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(m_options.port);
-    client.fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    LoadKit::Manner manner;
     if (client.kind != Kind::Fast) {
-        const int window = 16384;
-        const int segment = 1448;
-        setsockopt(client.fd, SOL_SOCKET, SO_RCVBUF, &window, sizeof window);
-        setsockopt(client.fd, IPPROTO_TCP, TCP_MAXSEG, &segment, sizeof segment);
+        manner.receive_bytes = 16384;
+        manner.segment_bytes = 1448;
     }
-    if (client.fd < 0 || connect(client.fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+    client.fd = m_target.connect(manner);
+    if (client.fd < 0) {
         die(std::string("connect: ") + std::strerror(errno));
     }
     epoll_event event{};  // the others are only watched for errors
@@ -330,16 +327,7 @@ InsideCounts Load::insideCounts() const {
 }
 
 std::uint64_t Load::serverCpuNs() const {
-    return m_options.serverPid > 0 ? Bench::processCpuNs(m_options.serverPid) : 0;
-}
-
-// Resident memory in KiB.
-std::int64_t residentKib(pid_t pid) {
-    std::ifstream file("/proc/" + std::to_string(pid) + "/statm");
-    std::int64_t size = 0;
-    std::int64_t resident = 0;
-    file >> size >> resident;
-    return resident * sysconf(_SC_PAGESIZE) / 1024;
+    return m_options.serverPid > 0 ? LoadKit::processorTime(m_options.serverPid) : 0;
 }
 
 nlohmann::json Load::measure() {
@@ -350,13 +338,13 @@ nlohmann::json Load::measure() {
     m_recording = true;
     const InsideCounts countsBegin = insideCounts();
     const std::uint64_t serverBegin = serverCpuNs();
-    const std::uint64_t ownBegin = Bench::ownCpuNs();
+    const std::uint64_t ownBegin = LoadKit::ownProcessorTime();
     const std::uint64_t begin = Bench::nowNs();
     runUntil(begin + static_cast<std::uint64_t>(m_options.seconds * 1e9));
     runToLull();
     const auto wall = static_cast<double>(Bench::nowNs() - begin);
     const auto server = static_cast<double>(serverCpuNs() - serverBegin);
-    const auto own = static_cast<double>(Bench::ownCpuNs() - ownBegin);
+    const auto own = static_cast<double>(LoadKit::ownProcessorTime() - ownBegin);
     const InsideCounts countsEnd = insideCounts();
     control("disable\n");
 
@@ -376,7 +364,7 @@ nlohmann::json Load::measure() {
     if (m_options.serverPid > 0) {
         result["server_cpu_us_per_frame"] = server / 1000 / frames;
         result["server_cores"] = server / wall;
-        result["server_resident_kib"] = residentKib(m_options.serverPid);
+        result["server_resident_kib"] = LoadKit::residentBytes(m_options.serverPid) / 1024;
     }
     if (!m_options.counts.empty()) {
         const auto bytes = frames * static_cast<double>(m_options.frameBytes);
@@ -408,10 +396,7 @@ int main(int argc, char** argv) {
     app.add_option("--answer", options.answer, "pipe by which perf says that it has done so");
     app.add_option("--counts", options.counts, "file in which that process counts allocations and copies");
     CLI11_PARSE(app, argc, argv);
-    rlimit limit{};
-    getrlimit(RLIMIT_NOFILE, &limit);
-    limit.rlim_cur = limit.rlim_max;
-    setrlimit(RLIMIT_NOFILE, &limit);
+    LoadKit::raiseDescriptorLimit();
 
     Load load(options);
     load.connectAll();

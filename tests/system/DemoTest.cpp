@@ -8,11 +8,12 @@
 
 #include <gtest/gtest.h>
 
-#include "../tools/Multipart.h"
+#include "../tools/kit/Multipart.h"
 #include "support/Eventually.h"
 #include "support/program/ServerProgram.h"
 
 using namespace Orvex::Testing;
+using LoadKit::MultipartReader;
 
 namespace {
 
@@ -28,6 +29,9 @@ std::string lastLine(const std::string& text) {
     const size_t begin = text.rfind('\n', end);
     return text.substr(begin + 1, end - begin);
 }
+
+/// What the relay may grow by, in MiB: sanitizers keep what was released.
+const char* const kMemory = timeFactor() > 1 ? "1000" : "16";
 
 /// Sends back what it gets from its first client, but for what `change` does with it. False from `change`
 /// closes.
@@ -84,29 +88,38 @@ std::string drive(const std::string& port, int& result) {
 
 }  // namespace
 
-// Long enough for the stalled client to be hung up on.
 TEST(DemoTest, RunsTheRelayAndVerifiesWhatEachClientGets) {
-    const char* const memory = timeFactor() > 1 ? "1000" : "16";  // sanitizers keep what was released
-    ChildProcess program(demo({"--seconds", "5", "--memory", memory}));
+    ChildProcess program(demo({"--seconds", "2", "--memory", kMemory}));
     const std::string text = program.exchange("");
-    EXPECT_EQ(program.wait(), 0) << text;
-    EXPECT_NE(text.find("http://127.0.0.1:"), std::string::npos) << text;
-    EXPECT_NE(text.find("frames/s"), std::string::npos) << text;
+    EXPECT_EQ(0, program.wait()) << text;
+    EXPECT_NE(std::string::npos, text.find("http://127.0.0.1:")) << text;
+    EXPECT_NE(std::string::npos, text.find("frames/s")) << text;
     const std::string verdict = lastLine(text);
-    EXPECT_EQ(verdict.rfind("verdict: PASS: ", 0), 0U) << verdict;
-    EXPECT_NE(verdict.find("4 fast clients missed no frame"), std::string::npos) << verdict;
-    EXPECT_NE(verdict.find("stalled ones: 0 on, 1 dropped"), std::string::npos) << text;
+    EXPECT_EQ(0U, verdict.rfind("verdict: PASS: ", 0)) << verdict;
+    EXPECT_NE(std::string::npos, verdict.find("4 fast clients missed no frame")) << verdict;
+}
+
+TEST(DemoTest, ShowsWhenTheRelayHangsUpOnTheStalledClient) {
+    ChildProcess program(demo({"--seconds", "600", "--memory", kMemory}));
+    while (program.readLine().find("0 on, 1 dropped") == std::string::npos && !program.hasEnded()) {
+    }
+    program.signal(SIGINT);
+    const std::string verdict = lastLine(program.exchange(""));
+    EXPECT_EQ(0U, verdict.rfind("verdict: PASS (stopped early): ", 0)) << verdict;
+    EXPECT_NE(std::string::npos, verdict.find("stalled ones: 0 on, 1 dropped")) << verdict;
+    EXPECT_EQ(0, program.wait());
 }
 
 TEST(DemoTest, GivesTheRelaysVerdictWhenItIsInterrupted) {
     ChildProcess program(demo({"relay", "--seconds=600", "--fast", "2", "--slow", "0", "--stalled", "0"}));
     while (program.readLine().find("frames/s") == std::string::npos && !program.hasEnded()) {
     }
-    EXPECT_NE(program.readLine().find("1.0s"), std::string::npos);
+    const std::string row = program.readLine();
+    EXPECT_NE(std::string::npos, row.find("s | ")) << row;
     program.signal(SIGINT);
     const std::string verdict = lastLine(program.exchange(""));
-    EXPECT_EQ(verdict.rfind("verdict: PASS (stopped early): ", 0), 0U) << verdict;
-    EXPECT_EQ(program.wait(), 0);
+    EXPECT_EQ(0U, verdict.rfind("verdict: PASS (stopped early): ", 0)) << verdict;
+    EXPECT_EQ(0, program.wait());
 }
 
 TEST(DemoTest, FindsAPictureThatDiffers) {

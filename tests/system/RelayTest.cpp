@@ -12,11 +12,12 @@
 
 #include <gtest/gtest.h>
 
-#include "../tools/Multipart.h"
+#include "../tools/kit/Multipart.h"
 #include "support/Eventually.h"
 #include "support/program/RelayProgram.h"
 
 using namespace Orvex::Testing;
+using LoadKit::MultipartReader;
 
 namespace {
 

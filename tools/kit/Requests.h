@@ -5,12 +5,14 @@
 #include <cstdint>
 #include <vector>
 
+namespace LoadKit {
+
 /// The bytes of all requests. A request is a slice of one block of mixed bits, at a place that follows from
 /// connection and number.
 class Requests {
 public:
-    explicit Requests(std::size_t size) : m_size(size), m_block(kPlaces + size) {
-        std::uint64_t state = 0x9e3779b97f4a7c15;
+    explicit Requests(size_t size) : m_size(size), m_block(kPlaces + size) {
+        uint64_t state = 0x9e3779b97f4a7c15;
         for (char& byte : m_block) {  // xorshift64
             state ^= state << 13;
             state ^= state >> 7;
@@ -18,14 +20,16 @@ public:
             byte = static_cast<char>(state >> 32);
         }
     }
-    std::size_t size() const { return m_size; }
-    const char* bytes(std::size_t connection, std::uint64_t number) const {
+    size_t size() const { return m_size; }
+    const char* bytes(size_t connection, uint64_t number) const {
         return m_block.data() + (connection * 40503 + number * 9973) % kPlaces;
     }
 
 private:
-    static constexpr std::size_t kPlaces =
+    static constexpr size_t kPlaces =
         65521;  // a prime, so that the numbers of a connection visit every place
-    std::size_t m_size;
+    size_t m_size;
     std::vector<char> m_block;
 };
+
+}  // namespace LoadKit

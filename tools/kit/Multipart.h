@@ -6,13 +6,15 @@
 #include <cstdlib>
 #include <string>
 
+namespace LoadKit {
+
 /// Takes the bytes of a multipart/x-mixed-replace answer as they come. Every part has Content-Length, X-Frame
 /// (its number) and X-Sum (FNV-1a of its bytes, in hexadecimal).
 class MultipartReader {
 public:
     /// False at the first byte that is out of place, or a picture that differs from its checksum; nothing
     /// more is read then.
-    bool put(const char* bytes, std::size_t size) {
+    bool put(const char* bytes, size_t size) {
         while (size > 0 && m_good) {
             if (m_left > 0) {
                 takeBody(bytes, size);
@@ -24,15 +26,15 @@ public:
         return m_good;
     }
 
-    std::uint64_t frames() const { return m_frames; }
-    std::uint64_t missed() const { return m_missed; }
-    std::uint64_t bytes() const { return m_bytes; }  // of pictures that were verified
-    std::uint64_t last() const { return m_last; }    // number of the last picture
+    uint64_t frames() const { return m_frames; }
+    uint64_t missed() const { return m_missed; }
+    uint64_t bytes() const { return m_bytes; }  // of pictures that were verified
+    uint64_t last() const { return m_last; }    // number of the last picture
     bool isGood() const { return m_good; }
 
 private:
-    static constexpr std::size_t kMaxLine = 4096;
-    static constexpr std::uint64_t kBasis = 0xCBF29CE484222325;
+    static constexpr size_t kMaxLine = 4096;
+    static constexpr uint64_t kBasis = 0xCBF29CE484222325;
 
     void takeLine(char letter) {
         if (letter != '\n') {
@@ -55,7 +57,7 @@ private:
     }
 
     void takeHeader() {
-        const std::size_t colon = m_line.find(": ");
+        const size_t colon = m_line.find(": ");
         if (colon == std::string::npos) {
             return;  // a boundary
         }
@@ -71,13 +73,13 @@ private:
     }
 
     void beginBody() {
-        m_left = m_length;  // 0 behind the head of the answer, and between parts
+        m_left = m_length;  // 0 after the head of the answer, and between parts
         m_sum = kBasis;
     }
 
-    void takeBody(const char*& bytes, std::size_t& size) {
-        const std::size_t part = size < m_left ? size : static_cast<std::size_t>(m_left);
-        for (std::size_t i = 0; i < part; ++i) {
+    void takeBody(const char*& bytes, size_t& size) {
+        const size_t part = size < m_left ? size : static_cast<size_t>(m_left);
+        for (size_t i = 0; i < part; ++i) {
             m_sum = (m_sum ^ static_cast<unsigned char>(bytes[i])) * 0x100000001B3;
         }
         bytes += part;
@@ -102,13 +104,15 @@ private:
     bool m_good = true;
     bool m_answer = true;  // the first line is still to come
     std::string m_line;
-    std::uint64_t m_length = 0;
-    std::uint64_t m_left = 0;  // of a picture
-    std::uint64_t m_number = 0;
-    std::uint64_t m_expected = 0;
-    std::uint64_t m_sum = kBasis;
-    std::uint64_t m_frames = 0;
-    std::uint64_t m_missed = 0;
-    std::uint64_t m_last = 0;
-    std::uint64_t m_bytes = 0;
+    uint64_t m_length = 0;
+    uint64_t m_left = 0;  // of a picture
+    uint64_t m_number = 0;
+    uint64_t m_expected = 0;
+    uint64_t m_sum = kBasis;
+    uint64_t m_frames = 0;
+    uint64_t m_missed = 0;
+    uint64_t m_last = 0;
+    uint64_t m_bytes = 0;
 };
+
+}  // namespace LoadKit
