@@ -13,12 +13,15 @@ using nlohmann::json;
 
 namespace {
 
-/// What ffprobe finds in some seconds of a stream, its complaints included.
-std::string probe(const std::string& url, int seconds, const std::string& entries) {
-    ChildProcess ffprobe({"sh", "-c",
-                          "exec ffprobe -v warning -read_intervals %+" + std::to_string(seconds) +
-                              " -count_frames -show_entries " + entries + " -of compact=p=0 '" + url +
-                              "' 2>&1"});
+/// What ffprobe finds in some seconds of a video or audio stream ('v' or 'a'), its complaints included. They are counted
+/// from the first packet of that stream: which kind comes first depends on where the player joins.
+std::string probe(const std::string& url, char kind, int seconds) {
+    ChildProcess ffprobe(
+        {"sh", "-c",
+         "exec ffprobe -v warning -select_streams " + std::string(1, kind) + " -read_intervals %+" +
+             std::to_string(seconds) +
+             " -count_frames -show_entries stream=codec_name,nb_read_frames -of compact=p=0 '" + url +
+             "' 2>&1"});
     const std::string text = ffprobe.exchange("");
     EXPECT_EQ(ffprobe.wait(), 0) << text;
     return text;
@@ -33,23 +36,32 @@ std::string complaints(const std::string& url, const std::string& seconds) {
     return text;
 }
 
-/// Number behind `name=` in the line of a stream of that codec.
+/// The number after `name=` in the line of a stream of that codec.
 int field(const std::string& text, const std::string& codec, const std::string& name) {
     const size_t line = text.find("codec_name=" + codec);
     const size_t at = line == std::string::npos ? line : text.find(name + "=", line);
     return at == std::string::npos ? -1 : std::atoi(text.c_str() + at + name.size() + 1);
 }
 
+/// The options with which no client is slow, however long its process waits for a processor: the kernel holds for it
+/// more than these tests play, and nobody is made to skip.
+std::vector<std::string> patient(std::vector<std::string> options) {
+    options.insert(options.end(), {"--sndbuf", "4194304", "--max-lag", "0"});
+    return options;
+}
+
 /// Plays a file of that codec from somewhere in the middle of it.
 void playFromTheMiddle(const std::string& encoder, const std::string& codec) {
     const TempFolder folder;
-    RelayProgram relay({"--input", makeStream(folder, encoder, 3), "--loop", "--speed", "4"});
+    RelayProgram relay(
+        patient({"--input", makeStream(folder, encoder, 3, 25, true, "160x96"), "--loop", "--speed", "4"}));
     ASSERT_EVENTUALLY(relay.stats()["input"]["frames"] > 10);
-    const std::string found = probe(relay.url("/live.ts"), 2, "stream=codec_name,nb_read_frames");
-    EXPECT_GE(field(found, codec, "nb_read_frames"), 49) << found;
-    EXPECT_LE(field(found, codec, "nb_read_frames"), 52) << found;
-    // 86 in two seconds; but what the file holds behind its pictures, up to 0.7 s, is not read any more.
-    EXPECT_GE(field(found, "aac", "nb_read_frames"), 55) << found;
+    const std::string video = probe(relay.url("/live.ts"), 'v', 2);
+    EXPECT_GE(field(video, codec, "nb_read_frames"), 49) << video;
+    EXPECT_LE(field(video, codec, "nb_read_frames"), 52) << video;
+    const std::string audio = probe(relay.url("/live.ts"), 'a', 2);
+    EXPECT_GE(field(audio, "aac", "nb_read_frames"), 80) << audio;  // of 86, at 44100 / 1024 a second
+    EXPECT_LE(field(audio, "aac", "nb_read_frames"), 90) << audio;
     EXPECT_EQ(complaints(relay.url("/live.ts"), "2"), "");
     EXPECT_EQ(relay.end(), 0);
 }
@@ -73,8 +85,8 @@ TEST(RelayPlayersTest, PlaysMpeg2FromTheMiddleWithoutAnError) {
 // second.
 TEST(RelayPlayersTest, PlaysALoopWithoutASeam) {
     const TempFolder folder;
-    RelayProgram relay({"--input", makeStream(folder, "libx264", 1), "--loop", "--speed", "4"});
-    const std::string found = probe(relay.url("/live.ts"), 4, "stream=codec_name,nb_read_frames");
+    RelayProgram relay(patient({"--input", makeStream(folder, "libx264", 1), "--loop", "--speed", "4"}));
+    const std::string found = probe(relay.url("/live.ts"), 'v', 4);
     EXPECT_GE(field(found, "h264", "nb_read_frames"), 94) << found;
     EXPECT_LE(field(found, "h264", "nb_read_frames"), 102) << found;
     EXPECT_EQ(found.find("DTS"), std::string::npos) << found;
@@ -138,8 +150,8 @@ TEST(RelayPlayersTest, GivesThePlayerThatWasThereTheWholeFile) {
 }
 
 TEST(RelayPlayersTest, PlaysTheTestPicture) {
-    RelayProgram relay({"--fps", "50"});
-    const std::string found = probe(relay.url("/live.mjpg"), 1, "stream=codec_name,nb_read_frames");
+    RelayProgram relay(patient({"--fps", "50"}));
+    const std::string found = probe(relay.url("/live.mjpg"), 'v', 1);
     EXPECT_GE(field(found, "mjpeg", "nb_read_frames"), 20) << found;
     EXPECT_EQ(complaints(relay.url("/live.mjpg"), "0.5"), "");
     EXPECT_EQ(relay.end(), 0);

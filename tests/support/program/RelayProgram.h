@@ -49,12 +49,13 @@ inline std::string statusOf(const std::string& answer) {
 }
 
 /// Makes a transport stream with a test picture of 25 frames a second and a key frame every `group` of them,
-/// and a tone if `sound`. The result is the file's name.
+/// and a tone if `sound`. The result is the file's name. A small picture costs an encoder little: some take half a minute
+/// for a larger one on a busy machine.
 inline std::string makeStream(const TempFolder& folder, const std::string& codec, int seconds, int group = 25,
-                              bool sound = true) {
+                              bool sound = true, const std::string& size = "320x180") {
     const std::string file = folder.file(codec + ".ts");
     std::vector<std::string> command{"ffmpeg", "-v",    "error", "-nostdin",
-                                     "-f",     "lavfi", "-i",    "testsrc2=size=320x180:rate=25"};
+                                     "-f",     "lavfi", "-i",    "testsrc2=size=" + size + ":rate=25"};
     const auto add = [&](const std::vector<std::string>& words) {
         command.insert(command.end(), words.begin(), words.end());
     };
