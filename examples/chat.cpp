@@ -4,8 +4,7 @@
 // What it teaches:
 //  - a line protocol on a byte stream: lines arrive in pieces, and many at once;
 //  - messages between handlers: a message says that there is news, by the id of its receiver. The text stands
-//  in
-//    a room that all share, so nothing is lost or leaked when a receiver has gone by the time its message
+//    in a room that all share, so nothing is lost or leaked when a receiver has gone by the time its message
 //    comes;
 //  - messages to one handler can overlap, and overtake each other: the order stands in the room, not in them;
 //  - one slow reader holds nobody up: it misses lines, and is told how many.
@@ -51,7 +50,7 @@ public:
         m_names.erase(id);
     }
 
-    /// Adds a line and returns who has to hear of it.
+    /// Adds a line and returns those that have to hear of it.
     std::vector<long> say(long from, const std::string& text) {
         CGuard guard(m_mutex);
         m_lines.push_back({from, text + "\n"});
@@ -156,7 +155,7 @@ private:
     Session(Roster& roster, Room& room) : Member(roster), m_room(room) {}
 
     void start(CSockStream& peer) {
-        enter();
+        enter(peer);
         CGuard guard(m_mutex);
         m_sock.Attach(peer.Detach());
         m_pending = "your name?\n";
@@ -166,7 +165,7 @@ private:
         flush();
     }
 
-    /// Without what could steer the terminal of the person who reads it.
+    /// Without what could steer the terminal of the person that reads it.
     static std::string printable(const std::string& text) {
         std::string result;
         for (const char c : text) {
@@ -217,7 +216,7 @@ private:
     }
 
     /// Sends what is pending and what is new in the room, until there is no more or the client takes no more.
-    /// Reading goes on when all is sent: who does not listen is not listened to.
+    /// Reading goes on when all is sent: whoever does not listen is not listened to.
     int flush() INFRA_REQUIRES(m_mutex) {
         if (!m_sock.IsValid()) {
             return -1;
@@ -284,10 +283,14 @@ private:
 int main(int argc, char** argv) {
     std::string host = "127.0.0.1";
     unsigned short port = 7008;
+    size_t per_address = CLIENTS_PER_ADDRESS;
     CLI::App app{"A chat room for everybody who connects."};
     app.add_option("--host", host, "address to listen on; :: is every address, IPv4 and IPv6")
         ->capture_default_str();
     app.add_option("--port", port, "port to listen on; 0 is any that is free")->capture_default_str();
+    app.add_option("--max-per-address", per_address,
+                   "connections of one address at a time; more are closed at once. 0 is no limit")
+        ->capture_default_str();
     CLI11_PARSE(app, argc, argv);
 
     EndSignals signals;
@@ -297,7 +300,7 @@ int main(int argc, char** argv) {
     }
     Roster roster;
     Room room;
-    const int result = serve(roster, signals, CSockAddrStorage(host.c_str(), port),
+    const int result = serve(roster, signals, CSockAddrStorage(host.c_str(), port), per_address,
                              [&](CSockStream& peer) { Session::Create(roster, room, peer); });
     DestroyThreadPool();
     return result;

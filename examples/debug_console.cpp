@@ -117,7 +117,7 @@ private:
     explicit Connection(Roster& roster) : Member(roster) {}
 
     void start(CSockStream& peer) {
-        enter();
+        enter(peer);
         CGuard guard(m_mutex);
         m_sock.Attach(peer.Detach());
         RegisterSock(m_sock, SOCK_READ, 0);
@@ -145,7 +145,7 @@ const Orvex::Infra::LogSink s_standard_output = {&writeLine, nullptr};
 
 /// Serves until the input ends. The result is main's.
 int run(Roster& roster, unsigned short port, Console& console) {
-    Listener* listener = Listener::Open(roster, CSockAddrStorage("127.0.0.1", port),
+    Listener* listener = Listener::Open(roster, CSockAddrStorage("127.0.0.1", port), CLIENTS_PER_ADDRESS,
                                         [&](CSockStream& peer) { Connection::Create(roster, peer); });
     if (listener != nullptr) {
         std::printf("listening on %s\n", listener->address().c_str());

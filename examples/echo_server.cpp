@@ -3,11 +3,10 @@
 // What it teaches:
 //  - the life of a handler: `new` in a static Create, Close, `delete` in handle_close;
 //  - what a short write leaves over is kept and sent from handle_output; until then the connection is not
-//  read,
-//    so a slow reader costs one buffer and never the server's memory;
+//    read, so a slow reader costs one buffer and never the server's memory;
 //  - idle connections are closed by the time-out of their socket;
 //  - a mutex where two workers can meet in one handler;
-//  - from support/Listener.h: an acceptor that survives running out of descriptors, and an end that waits for
+//  - from support/Listener.h: clients that find no place are closed at once, and an end that waits for
 //    every handler before the pool goes.
 #include <string>
 
@@ -76,7 +75,7 @@ private:
     Connection(Roster& roster, int idle_us) : Member(roster), m_idle_us(idle_us) {}
 
     void start(CSockStream& peer) {
-        enter();
+        enter(peer);
         CGuard guard(m_mutex);
         m_sock.Attach(peer.Detach());
         m_sock.SetSockNoDelay(true);
@@ -119,6 +118,7 @@ private:
 int main(int argc, char** argv) {
     std::string host = "127.0.0.1";
     unsigned short port = 7007;
+    size_t per_address = CLIENTS_PER_ADDRESS;
     unsigned threads = 1;
     int idle_ms = 0;
     CLI::App app{"Sends every byte back to whoever sent it."};
@@ -131,6 +131,9 @@ int main(int argc, char** argv) {
     app.add_option("--idle-timeout", idle_ms, "ms of silence that end a connection; 0 is never")
         ->check(CLI::Range(0, 2000000))
         ->capture_default_str();
+    app.add_option("--max-per-address", per_address,
+                   "connections of one address at a time; more are closed at once. 0 is no limit")
+        ->capture_default_str();
     CLI11_PARSE(app, argc, argv);
 
     EndSignals signals;
@@ -140,7 +143,7 @@ int main(int argc, char** argv) {
     }
     Roster roster;
     const int idle_us = idle_ms * 1000;
-    const int result = serve(roster, signals, CSockAddrStorage(host.c_str(), port),
+    const int result = serve(roster, signals, CSockAddrStorage(host.c_str(), port), per_address,
                              [&](CSockStream& peer) { Connection::Create(roster, peer, idle_us); });
     DestroyThreadPool();
     return result;

@@ -10,7 +10,7 @@
 //    in a line end it never fails;
 //  - CStrParser as an editor: an address and a number are replaced where they stand in a prepared text;
 //  - foreign bytes are bounded: so much for a request, so long without one, and a bad one is the last;
-//  - who is put out still gets the answer: the connection is closed for writing first, since closing it with
+//  - whoever is put out still gets the answer: the connection is closed for writing first, since closing it with
 //    bytes unread would make the system throw away what is on its way.
 #include <sys/socket.h>
 #include <algorithm>
@@ -153,7 +153,7 @@ std::string describe(const std::string& ip, unsigned session) {
     sdp.ConsumeUntilDigit();
     sdp.ReplaceUint32(session);  // the cursor stays on its first digit
     while (sdp.LocateString("IP4 ") != -1) {
-        sdp.ReplaceLength(3, six ? "IP6" : "IP4");  // the cursor goes on behind it
+        sdp.ReplaceLength(3, six ? "IP6" : "IP4");  // the cursor goes on after it
         sdp.Expect(' ');
         sdp.ReplaceIpAddr(ip.c_str());
     }
@@ -260,7 +260,7 @@ private:
         : Member(roster), m_idle_us(idle_us), m_verbose(verbose) {}
 
     void start(CSockStream& peer) {
-        enter();
+        enter(peer);
         CGuard guard(m_mutex);
         m_sock.Attach(peer.Detach());
         m_sock.SetSockNoDelay(true);
@@ -379,6 +379,7 @@ private:
 int main(int argc, char** argv) {
     std::string host = "127.0.0.1";
     unsigned short port = 8554;
+    size_t per_address = CLIENTS_PER_ADDRESS;
     int idle_ms = 60000;
     bool verbose = false;
     CLI::App app{"Answers RTSP's OPTIONS and DESCRIBE."};
@@ -389,6 +390,9 @@ int main(int argc, char** argv) {
         ->check(CLI::Range(0, 2000000))
         ->capture_default_str();
     app.add_flag("--verbose", verbose, "prints a line for every answer");
+    app.add_option("--max-per-address", per_address,
+                   "connections of one address at a time; more are closed at once. 0 is no limit")
+        ->capture_default_str();
     CLI11_PARSE(app, argc, argv);
 
     EndSignals signals;
@@ -398,7 +402,7 @@ int main(int argc, char** argv) {
     }
     Roster roster;
     const int idle_us = idle_ms * 1000;
-    const int result = serve(roster, signals, CSockAddrStorage(host.c_str(), port),
+    const int result = serve(roster, signals, CSockAddrStorage(host.c_str(), port), per_address,
                              [&](CSockStream& peer) { Session::Create(roster, peer, idle_us, verbose); });
     DestroyThreadPool();
     return result;

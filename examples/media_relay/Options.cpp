@@ -14,7 +14,7 @@ using Orvex::Reticor::CStrParser;
 
 /// "239.1.2.3:5004" or "[ff15::1]:5004". The result is empty, or what is wrong.
 std::string parseTarget(const std::string& text, std::string& ip, unsigned short& port) {
-    CStrParser parser((text + "\n").c_str());  // a number at the very end would leave the cursor behind it
+    CStrParser parser((text + "\n").c_str());  // a number at the very end would leave the cursor after it
     char address[64] = {};
     int family = -1;
     if (parser.ConsumeIpAddr(address, sizeof address, &family) < 1 || family == -1 ||
@@ -63,6 +63,9 @@ void addClients(CLI::App& app, Options& options) {
     app.add_option("--max-clients", options.maxClients, "live clients at a time; more get 503")
         ->check(CLI::Range(1, 4000))
         ->capture_default_str();
+    app.add_option("--max-per-address", options.maxPerAddress,
+                   "connections of one address at a time; more are closed at once. 0 is no limit")
+        ->capture_default_str();
     app.add_option("--stall-timeout", options.stallTimeout_s,
                    "s after which a client that takes nothing is dropped")
         ->check(CLI::Range(1, 86400))
@@ -100,7 +103,7 @@ int readOptions(int argc, char** argv, Options& options) {
     app.add_option("--multicast-ttl", options.multicastTtl, "routers that it may pass")
         ->check(CLI::Range(0, 255))
         ->capture_default_str();
-    app.add_flag("--verbose", options.verbose, "also log connections that break");
+    app.add_flag("--verbose", options.verbose, "also log what the library logs: connections that break");
     CLI11_PARSE(app, argc, argv);
 
     std::string wrong;

@@ -59,11 +59,13 @@ int Relay::run(example::EndSignals& signals, int fd) {
     }
     const CSockAddrStorage local(m_options.host.c_str(), m_options.port);
     example::Listener* const listener =
-        example::Listener::Open(m_roster, local, [this](CSockStream& peer) { Session::Create(*this, peer); });
+        example::Listener::Open(m_roster, local, m_options.maxPerAddress,
+                                [this](CSockStream& peer) { Session::Create(*this, peer); });
+    setListener(listener);
     if (listener != nullptr) {
         announce(listener->address());
         if (!m_options.verbose) {
-            Orvex::Infra::setLogLevel(1);  // clients that hang up are no news
+            Orvex::Infra::setLogLevel(example::NOTICE);  // clients that hang up are not news
         }
         Ticker::Create(*this);
         startSource(fd);
@@ -71,11 +73,17 @@ int Relay::run(example::EndSignals& signals, int fd) {
         if (isatty(STDOUT_FILENO) != 0) {
             std::printf("\n");
         }
+        setListener(nullptr);
         listener->stop();
     }
     m_roster.waitUntilEmpty();
     CGuard guard(m_mutex);
     return listener != nullptr ? m_result : 1;
+}
+
+void Relay::setListener(example::Listener* listener) {
+    CGuard guard(m_mutex);
+    m_listener = listener;
 }
 
 void Relay::announce(const std::string& address) const {

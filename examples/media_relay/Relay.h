@@ -50,7 +50,7 @@ public:
     void onSourceEnd(const std::string& error) override;
 
 private:
-    bool openMulticast();
+    void setListener(example::Listener* listener);
     void startSource(int fd);
     void announce(const std::string& address) const;
     void printStatus();
@@ -67,6 +67,8 @@ private:
     uint64_t m_ended_us INFRA_GUARDED_BY(m_mutex) = 0;  // when the input ended; 0 while it plays
     int m_result INFRA_GUARDED_BY(m_mutex) = 0;
     unsigned m_lastNumber INFRA_GUARDED_BY(m_mutex) = 0;
+
+    example::Listener* m_listener INFRA_GUARDED_BY(m_mutex) = nullptr;  // while it listens
 
     unsigned m_ticks = 0;  // and what follows: of the ticker alone
     uint64_t m_lastFrames = 0;

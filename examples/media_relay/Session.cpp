@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <utility>
 
+#include <Infra/Log.h>
+
 #include "media_relay/Page.h"
 #include "media_relay/TestSource.h"
 
@@ -69,12 +71,13 @@ void Session::Create(Relay& relay, CSockStream& peer) {
 }
 
 void Session::start(CSockStream& peer) {
-    enter();
+    enter(peer);
     CGuard guard(m_mutex);
     m_sock.Attach(peer.Detach());
+    m_peer = peerAddress();
     limit(int64_t{m_relay.options().requestTimeout_s} * 1000000);
     if (RegisterSock(m_sock, SOCK_READ, 0) < 0) {
-        end();
+        cut("the pool has no place for its socket");
     }
 }
 
@@ -98,7 +101,7 @@ int Session::handle_input(int) {
     } else {
         m_ignored += static_cast<size_t>(got);
         if (m_ignored > kMaxIgnored) {
-            return end();
+            return cut("it goes on talking after its request");
         }
     }
     return -1;
@@ -142,7 +145,7 @@ void Session::watch() {
     }
     const Options& options = m_relay.options();
     CMediaStreamSender* const sender = CMediaStreamSender::Create();
-    const auto client = std::make_shared<Client>(sender, m_relay.takeNumber(), peerAddress());
+    const auto client = std::make_shared<Client>(sender, m_relay.takeNumber(), m_peer);
     sender->Attach(&m_sock);
     sender->WaitException(GetID());
     sender->SetSendTimeout(options.stallTimeout_s);
@@ -170,6 +173,9 @@ void Session::watch() {
 
 void Session::fail(int status) {
     m_relay.count(status == 503 ? &Counters::refused : &Counters::bad);
+    tell("refused", status == 503
+                        ? "all " + std::to_string(m_relay.options().maxClients) + " live clients are there"
+                        : std::to_string(status) + " " + reason(status));
     answer(status, kPlain, std::to_string(status) + " " + reason(status) + "\n");
 }
 
@@ -204,8 +210,10 @@ int64_t Session::handle_timeout(long id) {
     if (m_state == State::Reading) {
         m_relay.count(&Counters::requests);
         fail(408);
-    } else if (m_state != State::Watching) {
-        end();
+    } else if (m_state == State::Answering) {
+        cut("it has not taken its answer");
+    } else if (m_state == State::Lingering) {
+        cut("it has its answer, and does not close");
     }
     return -1;
 }
@@ -221,6 +229,7 @@ int Session::handle_message(long, unsigned int msg, long) {
         if (m_client != nullptr && m_client->sender()->GetStats().listed) {
             m_relay.count(&Counters::stalled);  // a sender whose socket has failed is off the list by itself
             abandon();
+            cut("it took nothing for " + std::to_string(m_relay.options().stallTimeout_s) + " s");
         }
         end();
     } else if (msg == example::kStop) {
@@ -235,7 +244,7 @@ void Session::awaitClose() {
     shutdown(m_sock.GetHandle(), SHUT_WR);
 }
 
-/// The end will be a reset: the client takes nothing, and so would never come to an orderly end behind what
+/// The end will be a reset: the client takes nothing, and so would never come to an orderly end after what
 /// the kernel still holds for it.
 void Session::abandon() {
     const linger none{1, 0};
@@ -272,6 +281,17 @@ int Session::end() {
     }
     Close();
     return -1;
+}
+
+/// An end that the client did not want.
+int Session::cut(const std::string& reason) {
+    tell("cut", reason);
+    return end();
+}
+
+/// For whoever runs the relay, with or without --verbose.
+void Session::tell(const char* what, const std::string& reason) {
+    INFRA_LOG_PLAIN(example::NOTICE, "media_relay: client %s %s: %s\n", m_peer.c_str(), what, reason.c_str());
 }
 
 std::string Session::peerAddress() {

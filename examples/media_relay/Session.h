@@ -52,15 +52,18 @@ private:
     void abandon() INFRA_REQUIRES(m_mutex);
     void release() INFRA_REQUIRES(m_mutex);
     int end() INFRA_REQUIRES(m_mutex);
+    int cut(const std::string& reason) INFRA_REQUIRES(m_mutex);
+    void tell(const char* what, const std::string& reason) INFRA_REQUIRES(m_mutex);
     std::string peerAddress() INFRA_REQUIRES(m_mutex);
 
     Relay& m_relay;
     Orvex::Infra::CMutex m_mutex;
     State m_state INFRA_GUARDED_BY(m_mutex) = State::Reading;
     Orvex::Reticor::CSockStream m_sock INFRA_GUARDED_BY(m_mutex);
+    std::string m_peer INFRA_GUARDED_BY(m_mutex);  // the client's address, also when it has gone
     HttpReader m_reader INFRA_GUARDED_BY(m_mutex);
     bool m_withBody INFRA_GUARDED_BY(m_mutex) = true;  // not for HEAD
-    size_t m_ignored INFRA_GUARDED_BY(m_mutex) = 0;    // bytes that came behind the request
+    size_t m_ignored INFRA_GUARDED_BY(m_mutex) = 0;    // bytes that came after the request
     long m_timer INFRA_GUARDED_BY(m_mutex) = 0;        // of the present state
     Orvex::Reticor::CStreamSender* m_page INFRA_GUARDED_BY(m_mutex) = nullptr;  // a reference is ours
     std::shared_ptr<Client> m_client INFRA_GUARDED_BY(m_mutex);                 // while watching

@@ -60,10 +60,15 @@ std::string Relay::json() {
                     {"damaged_packets", m_source.damaged},
                     {"clock_jumps", m_source.jumps},
                     {"rounds", m_source.rounds}};
-    all["totals"] = {{"clients", totals.clients},           {"left", m_counters.left},
-                     {"stalled", m_counters.stalled},       {"refused", m_counters.refused},
-                     {"requests", m_counters.requests},     {"bad_requests", m_counters.bad},
-                     {"max_clients", m_options.maxClients}, {"max_lag_ms", m_options.maxLag_ms}};
+    all["totals"] = {{"clients", totals.clients},
+                     {"left", m_counters.left},
+                     {"stalled", m_counters.stalled},
+                     {"refused", m_counters.refused},
+                     {"requests", m_counters.requests},
+                     {"bad_requests", m_counters.bad},
+                     {"turned_away", m_listener != nullptr ? m_listener->turnedAway() : 0},
+                     {"max_clients", m_options.maxClients},
+                     {"max_lag_ms", m_options.maxLag_ms}};
     return all.dump() + "\n";
 }
 

@@ -1,4 +1,4 @@
-// What the servers of the examples share: who is open, the listening socket, the end.
+// Listener: what the servers of the examples share: the listening socket, and the end.
 #pragma once
 
 #include <sys/resource.h>
@@ -6,16 +6,19 @@
 #include <csignal>
 #include <cstdio>
 #include <functional>
-#include <set>
 #include <string>
+#include <utility>
 
+#include <Infra/Log.h>
 #include <Infra/Mutex.h>
-#include <Infra/Semaphore.h>
 #include <Reticor/NetHandler.h>
 #include <Reticor/NetThread.h>
 #include <Reticor/SockAcceptor.h>
 #include <Reticor/SockAddrStorage.h>
 #include <Reticor/SockStream.h>
+
+#include "support/Door.h"
+#include "support/Roster.h"
 
 namespace example {
 
@@ -24,41 +27,9 @@ using Orvex::Infra::CGuard;
 
 constexpr unsigned kStop = 100;  // message to a Member: end
 
-/// The handlers that are open. Outlives them all, so that main can wait for the last one.
-class Roster {
-public:
-    void enter(long id) {
-        CGuard guard(m_mutex);
-        m_ids.insert(id);
-    }
-    void leave(long id) {
-        CGuard guard(m_mutex);
-        m_ids.erase(id);
-        if (m_ids.empty()) {
-            m_empty.post();
-        }
-    }
-    size_t size() {
-        CGuard guard(m_mutex);
-        return m_ids.size();
-    }
-    std::set<long> ids() {
-        CGuard guard(m_mutex);
-        return m_ids;
-    }
+constexpr int NOTICE = 1;  // level of lines that are printed whatever the level of the log is
 
-    /// Returns when everybody has left. The listener enters first and leaves for good, and so the roster runs
-    /// empty once. The roster may go then.
-    void waitUntilEmpty() {
-        m_empty.pend();
-        CGuard guard(m_mutex);  // whoever left last is out of `leave` as well
-    }
-
-private:
-    Orvex::Infra::CMutex m_mutex;
-    std::set<long> m_ids INFRA_GUARDED_BY(m_mutex);
-    Orvex::Infra::CSemaphore m_empty{0};
-};
+constexpr size_t CLIENTS_PER_ADDRESS = 1024;  // unless an option says otherwise: a quarter of all places
 
 /// A handler that is in the roster from `enter` until it is gone.
 class Member : public CNetHandler {
@@ -74,24 +45,25 @@ public:
 protected:
     explicit Member(Roster& roster) : m_roster(roster) {}
     void enter() { m_roster.enter(GetID()); }
+    void enter(const CSockStream& peer) { m_roster.enter(GetID(), originOf(peer)); }
 
     Roster& m_roster;
 };
 
-/// A listening socket. Calls `create` with every connection; `create` detaches the socket from what it is
-/// given, which is closed otherwise.
+/// A listening socket. Calls `create` with every connection that is let in; `create` detaches the socket from what it
+/// is given, which is closed otherwise. Whom the door turns away is closed at once.
 ///
-/// When nothing can be accepted because the process is out of descriptors, or the pool's places for sockets
-/// are taken, the connection that waits keeps the listening socket ready, and handle_input would be called
-/// again at once, for ever. So the listener rests: it takes the socket out of the watch and comes back by a
-/// timer.
+/// A connection that waits and cannot be accepted keeps the listening socket ready, and handle_input would be called
+/// again at once, for ever. So when there is not even a descriptor to turn somebody away with, the listener rests: it
+/// takes the socket out of the watch and comes back by a timer.
 class Listener : public Member {
 public:
     using Create = std::function<void(CSockStream&)>;
 
-    /// Null if the address cannot be listened on; the library has logged why.
-    static Listener* Open(Roster& roster, const CSockAddr& local, Create create) {
-        auto* self = new Listener(roster, std::move(create));
+    /// At most `per_address` clients come from one address; 0 is no limit. Null if the address cannot be listened on;
+    /// the library has logged why.
+    static Listener* Open(Roster& roster, const CSockAddr& local, size_t per_address, Create create) {
+        auto* self = new Listener(roster, per_address, std::move(create));
         self->AddRef();  // keeps it until DecRef, whatever start and Close bring about on other threads
         const bool started = self->start(local);
         if (!started) {
@@ -112,14 +84,18 @@ public:
         return host + ":" + std::to_string(local.GetPort());
     }
 
+    /// Clients that were turned away since the start.
+    uint64_t turnedAway() const { return m_door.turnedAway(); }
+
     /// Ends the listener and tells all other members to end. This object is gone some time after.
     void stop() {
         {
             CGuard guard(m_mutex);  // from here on handle_input accepts nobody
             RemoveSock(m_listener);
             m_listener.Close();
+            tell();
         }
-        for (long id : m_roster.ids()) {
+        for (const long id : m_roster.ids()) {
             if (id != GetID()) {
                 Notify(id, kStop, 0);  // one that has gone meanwhile drops it without a trace
             }
@@ -132,35 +108,33 @@ public:
         if (!m_listener.IsValid()) {
             return -1;
         }
-        for (int i = 0; i < kAcceptsPerCall; ++i) {
-            if (m_roster.size() >= kMaxMembers) {
-                return rest();
-            }
-            CSockStream peer;
-            if (m_listener.Accept(peer, nullptr) < 0) {
-                const bool exhausted =
-                    errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM;
-                return exhausted ? rest() : 0;
-            }
-            m_create(peer);
+        for (int i = 0; i < ACCEPTS_PER_CALL && accept_one(); ++i) {
+        }
+        if (m_door.hasNews() && m_telling == 0) {
+            const long timer = SetTimer(TELL_US);
+            m_telling = timer == -1 ? 0 : timer;
         }
         return 0;
     }
 
-    int64_t handle_timeout(long) override {
+    int64_t handle_timeout(long id) override {
         CGuard guard(m_mutex);
-        if (m_listener.IsValid()) {
+        if (id == m_telling) {
+            m_telling = 0;
+            tell();
+        } else if (m_listener.IsValid()) {
             RegisterSock(m_listener, SOCK_READ, 0);
         }
         return -1;  // this timer is done
     }
 
 private:
-    static constexpr size_t kMaxMembers = 4090;  // a pool watches 4095 sockets for reading
-    static constexpr int kAcceptsPerCall = 64;   // then other sockets have their turn
-    static constexpr int64_t kRest_us = 100000;
+    static constexpr int ACCEPTS_PER_CALL = 64;  // then other sockets have their turn
+    static constexpr int64_t REST_US = 50000;    // before somebody is tried to be accepted again
+    static constexpr int64_t TELL_US = 1000000;  // between two lines
 
-    Listener(Roster& roster, Create create) : Member(roster), m_create(std::move(create)) {}
+    Listener(Roster& roster, size_t per_address, Create create)
+        : Member(roster), m_create(std::move(create)), m_door(roster, per_address) {}
 
     bool start(const CSockAddr& local) {
         enter();
@@ -168,15 +142,39 @@ private:
         return m_listener.Open(local) == 0 && RegisterSock(m_listener, SOCK_READ, 0) == 0;
     }
 
-    int rest() INFRA_REQUIRES(m_mutex) {
-        UnregisterSock(m_listener, SOCK_READ);
-        SetTimer(kRest_us);
-        return 0;
+    /// False if there is nobody more for now.
+    bool accept_one() INFRA_REQUIRES(m_mutex) {
+        CSockStream peer;
+        if (m_listener.Accept(peer, nullptr) == 0) {
+            if (m_door.admits(peer)) {
+                m_create(peer);
+            }
+            return true;
+        }
+        Door::Outcome outcome = Door::Outcome::NOBODY_WAITS;
+        if (errno == EMFILE || errno == ENFILE) {
+            outcome = m_door.turnAway(m_listener.GetHandle());
+        } else if (errno == ENOBUFS || errno == ENOMEM) {
+            outcome = Door::Outcome::NO_DESCRIPTOR;
+        }
+        if (outcome == Door::Outcome::NO_DESCRIPTOR) {
+            UnregisterSock(m_listener, SOCK_READ);
+            SetTimer(REST_US);
+        }
+        return outcome == Door::Outcome::TURNED_AWAY;
+    }
+
+    void tell() INFRA_REQUIRES(m_mutex) {
+        if (m_door.hasNews()) {
+            INFRA_LOG_PLAIN(NOTICE, "%s: %s\n", program_invocation_short_name, m_door.news().c_str());
+        }
     }
 
     const Create m_create;
     Orvex::Infra::CMutex m_mutex;
     CSockAcceptor m_listener INFRA_GUARDED_BY(m_mutex);
+    Door m_door;                                   // but for its counter guarded by the mutex as well
+    long m_telling INFRA_GUARDED_BY(m_mutex) = 0;  // the timer of the next line; 0 if nobody was turned away
 };
 
 /// SIGINT and SIGTERM, taken by main alone. Built before the first pool, so that every thread inherits the
@@ -208,9 +206,10 @@ inline void raiseDescriptorLimit() {
     setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-/// Listens on `local` until a signal ends the program. The result is main's.
-inline int serve(Roster& roster, EndSignals& signals, const CSockAddr& local, Listener::Create create) {
-    Listener* listener = Listener::Open(roster, local, std::move(create));
+/// Listens on `local` until a signal ends the program; see Listener::Open. The result is main's.
+inline int serve(Roster& roster, EndSignals& signals, const CSockAddr& local, size_t per_address,
+                 Listener::Create create) {
+    Listener* listener = Listener::Open(roster, local, per_address, std::move(create));
     if (listener != nullptr) {
         std::printf("listening on %s\n", listener->address().c_str());
         std::fflush(stdout);

@@ -145,7 +145,7 @@ TEST(EchoServerTest, ClosesAClientThatTakesNothing) {
 TEST(EchoServerTest, ServesFourThousandConnectionsAtOnce) {
     constexpr int kConnections = 4000;
     allowDescriptors(kConnections + 100);
-    ServerProgram server("echo_server", {"--threads", "2"});
+    ServerProgram server("echo_server", {"--threads", "2", "--max-per-address", "0"});
     const size_t before = server.descriptors();
     std::list<TcpClient> clients;
     for (int i = 0; i < kConnections; ++i) {
@@ -167,11 +167,12 @@ TEST(EchoServerTest, ServesFourThousandConnectionsAtOnce) {
     EXPECT_EQ(server.end(), 0);
 }
 
-// More than a pool can watch: those beyond wait in the listener's queue until one of the others leaves.
-TEST(EchoServerTest, LetsConnectionsWaitThatItsPoolHasNoPlaceFor) {
+// More than a pool can watch: whoever is beyond that learns it at once, and need not wait until one of the others
+// leaves.
+TEST(EchoServerTest, ClosesConnectionsThatItsPoolHasNoPlaceFor) {
     constexpr int kPlaces = 4089;  // of the 4090 members one is the listener
     allowDescriptors(kPlaces + 200);
-    ServerProgram server("echo_server");
+    ServerProgram server("echo_server", {"--max-per-address", "0"});
     const size_t before = server.descriptors();
     std::list<TcpClient> clients;
     for (int i = 0; i < kPlaces; ++i) {
@@ -179,15 +180,60 @@ TEST(EchoServerTest, LetsConnectionsWaitThatItsPoolHasNoPlaceFor) {
     }
     EXPECT_EVENTUALLY(server.descriptors() == before + kPlaces);
     TcpClient late(server.port());
-    ASSERT_TRUE(late.send("late"));
+    EXPECT_EQ("", late.receiveAll());
+    EXPECT_TRUE(late.wasClosed());
     EXPECT_TRUE(clients.back().echoes("all places are taken"));
-    EXPECT_EQ(server.descriptors(), before + kPlaces);
     clients.pop_front();
-    EXPECT_EQ(late.receive(4), "late");
-    EXPECT_EQ(server.end(), 0);
+    EXPECT_EVENTUALLY(server.descriptors() == before + kPlaces - 1);
+    EXPECT_TRUE(TcpClient(server.port()).echoes("there is one again"));
+    EXPECT_EQ(0, server.end());
 }
 
-TEST(EchoServerTest, SurvivesRunningOutOfDescriptors) {
+TEST(EchoServerTest, LetsNoAddressTakeMoreThanItsShare) {
+    ServerProgram server("echo_server", {"--host", "::", "--max-per-address", "2"});
+    std::list<TcpClient> clients;
+    for (int i = 0; i < 2; ++i) {
+        clients.emplace_back(server.port());
+        EXPECT_TRUE(clients.back().echoes("one of two"));
+    }
+    TcpClient third(server.port());
+    EXPECT_EQ("", third.receiveAll());
+    EXPECT_TRUE(third.wasClosed());
+    EXPECT_TRUE(TcpClient(server.port(), "127.0.0.1", 0, "127.0.0.2").echoes("from elsewhere"));
+    EXPECT_TRUE(TcpClient(server.port(), "::1").echoes("from elsewhere"));
+    clients.pop_front();
+    EXPECT_EVENTUALLY(TcpClient(server.port()).echoes("one has left"));
+    EXPECT_TRUE(clients.front().echoes("still here"));
+    EXPECT_EQ(0, server.end());
+}
+
+// At least, as often as a second has passed.
+TEST(EchoServerTest, TellsOnceASecondWhomItHasTurnedAway) {
+    ChildProcess server(
+        {"sh", "-c", "exec " RETICOR_EXAMPLES_DIR "/echo_server --port 0 --max-per-address 1 2>&1"});
+    const std::string line = server.readLine();
+    const int port = std::stoi(line.substr(line.rfind(':') + 1));
+    TcpClient first(port);
+    EXPECT_TRUE(first.echoes("the only one"));
+    for (int i = 0; i < 20; ++i) {
+        TcpClient(port).receiveAll();
+    }
+    int lines = 0;
+    for (std::string text; text.find("since the start: 20") == std::string::npos && !server.hasEnded();
+         ++lines) {
+        text = server.readLine();
+        EXPECT_EQ(
+            0U, text.rfind(
+                    "echo_server: turned away, for want of a place: 0, with too many of their address: ", 0))
+            << text;
+    }
+    EXPECT_LT(lines, 20);
+    server.signal(SIGTERM);
+    EXPECT_EQ("", server.exchange(""));
+    EXPECT_EQ(0, server.wait());
+}
+
+TEST(EchoServerTest, ClosesWhoeverItHasNoDescriptorFor) {
     constexpr size_t kDescriptors = 64;
     constexpr size_t kConnections = 200;
     ServerProgram server("echo_server", {}, kDescriptors);
@@ -196,30 +242,49 @@ TEST(EchoServerTest, SurvivesRunningOutOfDescriptors) {
     const size_t before = server.descriptors();
     EXPECT_TRUE(TcpClient(server.port()).echoes("nothing is scarce yet"));
     EXPECT_EVENTUALLY(server.descriptors() == before);
+    const size_t places = kDescriptors - before;
     std::list<TcpClient> clients;
-    for (size_t i = 0; i < kConnections; ++i) {
+    for (size_t i = 0; i < places; ++i) {
         clients.emplace_back(server.port());
-        ASSERT_TRUE(clients.back().isConnected()) << "the system completes connections without the server";
+        ASSERT_TRUE(clients.back().echoes("number " + std::to_string(i)));
     }
-    EXPECT_EVENTUALLY(server.descriptors() >= kDescriptors);
-    EXPECT_TRUE(clients.front().echoes("served while others wait"));
+    for (size_t i = places; i < kConnections; ++i) {
+        TcpClient late(server.port());
+        ASSERT_TRUE(late.isConnected()) << "the system completes connections without the server";
+        EXPECT_EQ("", late.receiveAll());
+        EXPECT_TRUE(late.wasClosed()) << "connection " << i;
+    }
+    for (TcpClient& client : clients) {
+        EXPECT_TRUE(client.echoes("served while others are turned away"));
+    }
+    clients.pop_front();  // whoever leaves makes room
+    EXPECT_EVENTUALLY(TcpClient(server.port()).echoes("as before"));
+    EXPECT_EQ(0, server.end());
+}
 
-    // Connections wait, and the listener stays ready: yet the server has next to nothing to do.
+// The descriptor that is kept for turning clients away is of no use either: the server rests, and looks again.
+TEST(EchoServerTest, RestsWhileNoDescriptorCanBeOpened) {
+    ServerProgram server("echo_server");
+    EXPECT_TRUE(TcpClient(server.port()).echoes("nothing is scarce yet"));
+    rlimit all{};
+    ASSERT_EQ(0, prlimit(server.pid(), RLIMIT_NOFILE, nullptr, &all));
+    const rlimit none{0, all.rlim_max};
+    ASSERT_EQ(0, prlimit(server.pid(), RLIMIT_NOFILE, &none, nullptr));
+    TcpClient client(server.port());
+    ASSERT_TRUE(client.send("late"));
+
+    // The connection waits, and the listener stays ready: yet the server has next to nothing to do.
     const long before_us = server.processorTime_us();
     const StopWatch watch;
-    while (watch.elapsed_ms() < 2000) {
+    while (watch.elapsed_ms() < 1000) {
         usleep(50000);
     }
     const long used_us = server.processorTime_us() - before_us;
-    EXPECT_LT(used_us, watch.elapsed_ms() * 1000 / 50) << "us in " << watch.elapsed_ms() << " ms";
+    EXPECT_LT(used_us, watch.elapsed_ms() * 1000 / 20) << "us in " << watch.elapsed_ms() << " ms";
 
-    // Those who leave make room, until everybody has been served.
-    for (size_t served = 0; !clients.empty(); ++served) {
-        ASSERT_TRUE(clients.front().echoes("number " + std::to_string(served)));
-        clients.pop_front();
-    }
-    EXPECT_TRUE(TcpClient(server.port()).echoes("as before"));
-    EXPECT_EQ(server.end(), 0);
+    ASSERT_EQ(0, prlimit(server.pid(), RLIMIT_NOFILE, &all, nullptr));
+    EXPECT_EQ("late", client.receive(4));
+    EXPECT_EQ(0, server.end());
 }
 
 TEST(EchoServerTest, GivesEveryDescriptorBack) {

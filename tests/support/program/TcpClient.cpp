@@ -2,7 +2,9 @@
 
 #include "support/program/TcpClient.h"
 
+#include <arpa/inet.h>
 #include <netdb.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -26,7 +28,7 @@ timeval limit() {
 
 }  // namespace
 
-TcpClient::TcpClient(int port, const std::string& host, int receive_bytes) {
+TcpClient::TcpClient(int port, const std::string& host, int receive_bytes, const std::string& from) {
     addrinfo hints{};
     hints.ai_socktype = SOCK_STREAM;
     hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
@@ -40,6 +42,12 @@ TcpClient::TcpClient(int port, const std::string& host, int receive_bytes) {
     setsockopt(m_fd, SOL_SOCKET, SO_SNDTIMEO, &time, sizeof time);
     if (receive_bytes > 0) {
         setsockopt(m_fd, SOL_SOCKET, SO_RCVBUF, &receive_bytes, sizeof receive_bytes);
+    }
+    if (!from.empty()) {
+        sockaddr_in own{};
+        own.sin_family = AF_INET;
+        inet_pton(AF_INET, from.c_str(), &own.sin_addr);
+        EXPECT_EQ(0, bind(m_fd, reinterpret_cast<sockaddr*>(&own), sizeof own));
     }
     if (connect(m_fd, found->ai_addr, found->ai_addrlen) != 0) {
         close(m_fd);

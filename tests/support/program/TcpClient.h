@@ -9,8 +9,10 @@ namespace Orvex::Testing {
 /// RETICOR_TEST_TIME_FACTOR): then the operation ends short, and the test fails by what it compares.
 class TcpClient {
 public:
-    /// `receive_bytes` limits what the kernel takes for us before we read it; 0 leaves that to the system.
-    explicit TcpClient(int port, const std::string& host = "127.0.0.1", int receive_bytes = 0);
+    /// `receive_bytes` limits what the kernel takes for us before we read it; 0 leaves that to the system. `from` is our
+    /// own IPv4 address; empty leaves that to the system as well.
+    explicit TcpClient(int port, const std::string& host = "127.0.0.1", int receive_bytes = 0,
+                       const std::string& from = "");
     ~TcpClient();
     TcpClient(TcpClient&& other) noexcept;
     TcpClient(const TcpClient&) = delete;
@@ -24,7 +26,7 @@ public:
     /// Sends until nobody has taken a byte for `patience_ms`, or all is sent; returns how much that is.
     size_t sendUntilStuck(const std::string& bytes, int patience_ms);
 
-    /// So many bytes, fewer if the connection ends.
+    /// That number of bytes, fewer if the connection ends.
     std::string receive(size_t count);
 
     /// Up to and without the line end.
@@ -37,7 +39,7 @@ public:
     /// Whether the server has closed, and nothing is left to read; does not wait.
     bool isClosed() const;
 
-    /// Whether nothing comes for so long, the end of the connection included.
+    /// Whether nothing comes for that time, the end of the connection included.
     bool isSilentFor(int ms) const;
 
     /// Sends and expects the same bytes back.
