@@ -198,7 +198,7 @@ private:
     CNFile* m_target = nullptr;
     std::vector<char> m_piece;
     size_t m_held = 0;   // bytes read
-    size_t m_given = 0;  // of which so many are written
+    size_t m_given = 0;  // of which that number are written
     bool m_source_over = false;
     bool m_ended = false;
     int m_shown = -1;

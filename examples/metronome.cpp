@@ -71,7 +71,7 @@ public:
         const bool bar = beat % kBeatsPerBar == 1;
         std::printf(bar ? "%4ld  TOCK\n" : "%4ld\n", beat);
         if (beat == kBeatsPerBar + 1) {
-            m_other.Start();  // stands behind this event, and so is called in this very tick
+            m_other.Start();  // stands after this event, and so is called in this very tick
         }
         if (beat == m_last) {
             Stop();  // itself: the timer ticks on without it

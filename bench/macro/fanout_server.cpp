@@ -377,7 +377,7 @@ private:
 int main(int argc, char** argv) {
     const Bench::FanoutOptions options = Bench::parseFanoutOptions(argc, argv, "fan-out server on Reticor");
     Bench::blockTerminationSignals();
-    Infra::setLogLevel(1);  // clients go as they like, and a write that fails is no news
+    Infra::setLogLevel(1);  // clients go as they like, and a write that fails is not news
     const Bench::PayloadTable table(options.frameBytes);
     if (CNetThread::CreateThreadPool(1, false) != 0) {
         return 1;

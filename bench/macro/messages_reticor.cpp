@@ -42,7 +42,7 @@ private:
     const std::size_t m_place;
 };
 
-// Posting is for handlers, so the producer is one too; it posts from the main thread, which is no worker.
+// Posting is for handlers, so the producer is one too; it posts from the main thread, which is not a worker.
 class Producer : public CNetHandler {
 public:
     Producer() { alive.enter(); }

@@ -135,7 +135,7 @@ private:
         }
     }
 
-    // Writes what there is, several frames in one call if the client is behind, until there is no room.
+    // Writes what there is, several frames in one call if the client is late, until there is no room.
     void deliver(Client& client) {
         for (;;) {
             if (client.sent == 0) {

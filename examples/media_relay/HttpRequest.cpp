@@ -1,4 +1,4 @@
-// HttpRequest: the request line, and a look at the lines behind it.
+// HttpRequest: the request line, and a look at the lines after it.
 
 #include "media_relay/HttpRequest.h"
 
@@ -13,7 +13,7 @@ using Orvex::Reticor::CStrParser;
 
 namespace {
 
-/// Where the head ends, behind its blank line; 0 if it does not yet. Lines end at a line feed, with or
+/// Where the head ends, after its blank line; 0 if it does not yet. Lines end at a line feed, with or
 /// without a carriage return. What was looked through before is not looked at again.
 size_t headEnd(const std::string& text, size_t from) {
     for (size_t at = text.find('\n', from); at != std::string::npos; at = text.find('\n', at + 1)) {

@@ -1,4 +1,4 @@
-// KeyFrames: start codes and the byte behind them.
+// KeyFrames: start codes and the byte after them.
 
 #include "media_relay/KeyFrames.h"
 

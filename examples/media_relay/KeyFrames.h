@@ -15,8 +15,8 @@ public:
     void begin(Codec codec);
     void put(const uint8_t* bytes, size_t size);
 
-    /// An instantaneous refresh (H.264 IDR, H.265 IRAP), a picture behind a parameter set (H.264 SPS), an
-    /// intra picture behind a sequence header (MPEG-2).
+    /// An instantaneous refresh (H.264 IDR, H.265 IRAP), a picture after a parameter set (H.264 SPS), an
+    /// intra picture after a sequence header (MPEG-2).
     bool isKeyFrame() const { return m_key; }
 
 private:

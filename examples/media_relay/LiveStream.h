@@ -14,7 +14,7 @@
 
 namespace relay {
 
-/// A frame in the making: its packets are written one behind the other.
+/// A frame in the making: its packets are written one after the other.
 struct Frame {
     std::vector<std::unique_ptr<DataPacket>> packets;  // one at least, none of them empty
     unsigned channel = 0;

@@ -9,7 +9,7 @@ namespace relay {
 /// What stands between two pictures of a multipart stream.
 constexpr char kPictureBoundary[] = "picture";
 
-/// Each frame is one part of multipart/x-mixed-replace: its head, the picture, and the boundary behind it, at
+/// Each frame is one part of multipart/x-mixed-replace: its head, the picture, and the boundary after it, at
 /// which a browser shows it. The head numbers the picture and carries a checksum of its bytes (`X-Frame`,
 /// `X-Sum`), so that a client can prove what it got.
 class TestSource : public Source {

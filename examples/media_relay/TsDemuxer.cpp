@@ -9,7 +9,7 @@ namespace relay {
 namespace {
 
 constexpr unsigned kAssociationPid = 0;
-constexpr size_t kMaxUnit = 8 << 20;  // bytes; more is no picture
+constexpr size_t kMaxUnit = 8 << 20;  // bytes; more is not a picture
 constexpr uint64_t kLongestGroup_us =
     10000000;  // without a key frame for so long, any picture is taken for one
 constexpr uint64_t kSoundKeyInterval_us = 500000;  // sound alone can be entered everywhere; tables cost bytes

@@ -7,7 +7,7 @@
 
 namespace relay {
 
-/// Packets lie one behind the other and begin with 0x47. Where that is not so, bytes are skipped up to a
+/// Packets lie one after the other and begin with 0x47. Where that is not so, bytes are skipped up to a
 /// place from which 0x47 stands at the head of three packets in a row: one such byte alone is in every
 /// picture.
 class TsFramer {

@@ -16,7 +16,7 @@ const std::string kFrame(79, '-');
 const std::string kTips = "-                             Reticor tips                               -";
 const std::string kDelivered = "CNetSock::handle_netevent";
 
-/// The program, behind the lines of its start.
+/// The program, after the lines of its start.
 class DebugConsoleTest : public testing::Test {
 protected:
     void SetUp() override {
@@ -73,7 +73,7 @@ protected:
         return connected;
     }
 
-    /// The number behind `name` in a trace.
+    /// The number after `name` in a trace.
     static std::string numberIn(const std::string& line, const std::string& name) {
         const size_t at = line.find(name);
         return at == std::string::npos ? "none"

@@ -156,7 +156,7 @@ TEST(TsFramerTest, FindsPacketsWhateverThePieces) {
 
 TEST(TsFramerTest, SkipsWhatIsNoPacket) {
     Bytes bytes(1000, 0x11);
-    bytes[500] = kTsSync;  // one alone is no packet
+    bytes[500] = kTsSync;  // one alone is not a packet
     for (unsigned i = 0; i < 10; ++i) {
         const Bytes next = packet(kVideoPid, i, false, {});
         bytes.insert(bytes.end(), next.begin(), next.end());

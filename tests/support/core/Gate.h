@@ -32,7 +32,7 @@ public:
         m_changed.notify_all();
     }
 
-    // Waits until so many threads have come by, or the deadline is over.
+    // Waits until that number of threads have come by, or the deadline is over.
     bool awaitArrivals(int count) {
         std::unique_lock<std::mutex> lock(m_mutex);
         return m_changed.wait_for(lock, std::chrono::milliseconds(scaledMs(10000)),

@@ -1,6 +1,6 @@
 // Probes: what the core's tests may see of private state, one friend structure for each class.
 //
-// What is guarded by a lock is read under it, so that probing a live pool is no race. What belongs to one
+// What is guarded by a lock is read under it, so that probing a live pool is not a race. What belongs to one
 // thread (the tables of the poller, the records of a stopped pool) is the caller's to read at a quiet moment.
 #pragma once
 

@@ -74,7 +74,7 @@ private:
 
     bool m_after_iac = false;
     int m_swallow = 0;     // bytes of an option or of a subnegotiation that are still to go
-    std::string m_escape;  // "E" behind an ESC, "E[" behind the byte after it
+    std::string m_escape;  // "E" after an ESC, "E[" after the byte that follows
     std::string m_line;
 };
 
@@ -156,9 +156,9 @@ private:
     Reticor::CTelnetInput m_input;
 };
 
-/// Each piece is a length and so many bytes; 255 is the longest piece that there is room for. What differs
+/// Each piece is a length and as many bytes; 255 is the longest piece that there is room for. What differs
 /// between library and model; empty if nothing does. However the bytes end, the input comes to its senses
-/// behind them: a subnegotiation and an escape sequence further on a line is a line, and "bye" is heard.
+/// after them: a subnegotiation and an escape sequence further on a line is a line, and "bye" is heard.
 inline std::string driveTelnet(const uint8_t* data, size_t size) {
     Reticor::g_iac_seen = false;
     Reticor::g_telnet_state = Reticor::TELNET_NORMAL;

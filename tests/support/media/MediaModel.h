@@ -161,7 +161,7 @@ public:
         byte_discard = 0;
     }
 
-    // The result, and the bytes behind `copied`.
+    // The result, and the bytes after `copied`.
     int tail(ModelSender& s, int len, std::string* copied) {
         if (s.frame == nullptr || s.offset == 0) {
             return 0;

@@ -39,7 +39,7 @@ public:
 
     const std::string& wire() const { return m_wire; }
     void clearWire() { m_wire.clear(); }
-    // So that taking so many bytes, in some calls, allocates nothing.
+    // So that taking that number of bytes, in some calls, allocates nothing.
     void reserveWire(std::size_t bytes) {
         m_wire.reserve(bytes);
         m_calls.reserve(100);

@@ -37,7 +37,7 @@ public:
         std::memcpy(NLMSG_DATA(m_bytes), &body, sizeof body);
     }
 
-    // Appends an attribute, and returns it so that it can be ended behind what is nested in it.
+    // Appends an attribute, and returns it so that it can be ended after what is nested in it.
     rtattr* add(int type, const void* data, std::size_t length) {
         auto* const attribute = reinterpret_cast<rtattr*>(m_bytes + NLMSG_ALIGN(header().nlmsg_len));
         attribute->rta_type = static_cast<unsigned short>(type);

@@ -11,7 +11,7 @@ namespace Orvex::Testing {
 enum class SystemCall { inet_ntop, getnameinfo, ioctl, setsockopt, listen, sendto, sendmsg, count_of_calls };
 
 // Makes the next call of this kind on the calling thread fail with `error`, which is an errno value, or for
-// getnameinfo its result; with `after` the one behind so many that go through. Nothing is left behind if the
+// getnameinfo its result; with `after` the one that follows that number of others. Nothing is left behind if the
 // call did not come.
 class FailNext {
 public:
