@@ -13,7 +13,7 @@ struct NTimerInternal;
 struct NTimerEventInternal;
 
 /// A tick with one fixed period. Every running event that was pushed on it is called once per tick, one after
-/// the other in push order. There is no period per event: who needs two rates makes two timers.
+/// the other in push order. There is no period per event: for two rates make two timers.
 ///
 ///     CNTimer* timer = CNTimer::Create(20000);  // microseconds
 ///     timer->PushTimerEvent(event);             // of a class that derives from CNTimerEvent
@@ -58,10 +58,10 @@ public:
     void Close() override;
 
 private:
-    CNTimer(long long period, NTimerInternal* internal);
-    ~CNTimer() override;
-    int64_t handle_timeout(long id) override;
-    int handle_close(CNetHandler* self) override;
+    RETICOR_HIDDEN CNTimer(long long period, NTimerInternal* internal);
+    RETICOR_HIDDEN ~CNTimer() override;
+    RETICOR_HIDDEN int64_t handle_timeout(long id) override;
+    RETICOR_HIDDEN int handle_close(CNetHandler* self) override;
 
     NTimerInternal* m_timer;
 };
@@ -106,11 +106,7 @@ public:
 
 private:
     friend class CNTimer;
-    friend struct NTimerInternal;
-
-    long long do_timer_event();
-    void set_event_ready();
-    void __handle_timer_close();
+    class RETICOR_HIDDEN Turn;
 
     NTimerEventInternal* m_event;
 };

@@ -9,7 +9,30 @@
 
 namespace Orvex::Reticor {
 
-CNTimerEvent::CNTimerEvent() : m_event(new NTimerEventInternal) {}
+/// An event on its timer's list.
+class CNTimerEvent::Turn final : public NTimerEventInternal {
+public:
+    using NTimerEventInternal::NTimerEventInternal;
+
+    void set_ready() override;
+    void turn() override { m_owner.handle_timer_event(); }  // its result has no effect
+    void close() override { m_owner.CNetHandler::Close(); }
+};
+
+// Line and assertion tell of the operation by the name that users know it by.
+void CNTimerEvent::Turn::set_ready() {
+    constexpr char NAME[] = "Orvex::Reticor::CNTimerEvent::set_event_ready";
+    int32_t state = EVENT_CREATED;
+    if (!change(state, EVENT_READY)) {
+        if (Infra::logEnabled(2)) {
+            Infra::Detail::logMember(2, __FILE__, NAME, __LINE__, &m_owner,
+                                     "%s : this timer event already started!\n", NAME);
+        }
+        __assert_fail("false", __FILE__, __LINE__, "void Orvex::Reticor::CNTimerEvent::set_event_ready()");
+    }
+}
+
+CNTimerEvent::CNTimerEvent() : m_event(new Turn(*this)) {}
 
 CNTimerEvent::~CNTimerEvent() {
     delete m_event;
@@ -53,22 +76,6 @@ void CNTimerEvent::Close() {
 
 int CNTimerEvent::handle_timer_event() {
     return -1;
-}
-
-long long CNTimerEvent::do_timer_event() {
-    return handle_timer_event();
-}
-
-void CNTimerEvent::set_event_ready() {
-    int32_t state = EVENT_CREATED;
-    if (!m_event->change(state, EVENT_READY)) {
-        INFRA_LOG(2, "%s : this timer event already started!\n", INFRA_FUNCTION);
-        assert(false);
-    }
-}
-
-void CNTimerEvent::__handle_timer_close() {
-    CNetHandler::Close();
 }
 
 }  // namespace Orvex::Reticor

@@ -21,10 +21,22 @@ enum NTimerEventState : int32_t {
     EVENT_STOPPED = 4,  ///< Stays in the list, is not called.
 };
 
+/// What a timer knows of an event: how to call it and how to end it, its link and its state.
 struct NTimerEventInternal {
+    explicit NTimerEventInternal(CNTimerEvent& owner) : m_owner(owner) {}
+    virtual ~NTimerEventInternal() = default;
+
+    /// The event was pushed. One that had been pushed before ends the process by an assertion.
+    virtual void set_ready() = 0;
+    /// The call of one tick, for an event in EVENT_RUNNING.
+    virtual void turn() = 0;
+    /// Ends the event, which the timer has unlinked. The object may be gone when this returns.
+    virtual void close() = 0;
+
+    CNTimerEvent& m_owner;
     /// The next in the list of the timer, whose mutex guards it.
-    CNTimerEvent* m_next = nullptr;
-    /// No lock: who changes it to EVENT_RUNNING or EVENT_CLOSED must not touch the event any more.
+    NTimerEventInternal* m_next = nullptr;
+    /// No lock: whoever changes it to EVENT_RUNNING or EVENT_CLOSED must not touch the event any more.
     std::atomic<int32_t> m_state{EVENT_CREATED};
 
     /// True if the state was `from`, and is `to` now. Otherwise `from` tells what it was.
@@ -34,6 +46,7 @@ struct NTimerEventInternal {
     }
 };
 
+/// The list of a timer's events, and the grid of its ticks.
 struct NTimerInternal {
     // The grid belongs to the tick, which never overlaps itself: these three need no lock.
     uint64_t m_start = 0;    ///< Origin of the grid, us.
@@ -42,8 +55,8 @@ struct NTimerInternal {
 
     /// Held across a whole pass, with every call of a handler.
     Infra::CMutex m_mutex{Infra::LockClass::TICK};
-    CNTimerEvent* m_head INFRA_GUARDED_BY(m_mutex) = nullptr;  ///< First pushed.
-    CNTimerEvent* m_tail INFRA_GUARDED_BY(m_mutex) = nullptr;  ///< Last pushed.
+    NTimerEventInternal* m_head INFRA_GUARDED_BY(m_mutex) = nullptr;  ///< First pushed.
+    NTimerEventInternal* m_tail INFRA_GUARDED_BY(m_mutex) = nullptr;  ///< Last pushed.
     long m_tick_timer INFRA_GUARDED_BY(m_mutex) = 0;
     long m_sweep_timer INFRA_GUARDED_BY(m_mutex) = 0;  ///< Lets closed events go if the period is long.
 
@@ -58,7 +71,8 @@ struct NTimerInternal {
 
 private:
     void close_leading() INFRA_REQUIRES(m_mutex);
-    CNTimerEvent* close_behind(CNTimerEvent* ev, CNTimerEvent* last) INFRA_REQUIRES(m_mutex);
+    NTimerEventInternal* close_after(NTimerEventInternal* ev, NTimerEventInternal* last)
+        INFRA_REQUIRES(m_mutex);
 };
 
 }  // namespace Orvex::Reticor

@@ -44,14 +44,15 @@ struct NTimerProbe {
     static std::vector<CNTimerEvent*> events(CNTimer& timer) {
         Infra::CGuard guard(of(timer).m_mutex);
         std::vector<CNTimerEvent*> found;
-        for (CNTimerEvent* ev = of(timer).m_head; ev != nullptr; ev = of(*ev).m_next) {
-            found.push_back(ev);
+        for (NTimerEventInternal* ev = of(timer).m_head; ev != nullptr; ev = ev->m_next) {
+            found.push_back(&ev->m_owner);
         }
         return found;
     }
     static CNTimerEvent* tail(CNTimer& timer) {
         Infra::CGuard guard(of(timer).m_mutex);
-        return of(timer).m_tail;
+        NTimerEventInternal* const last = of(timer).m_tail;
+        return last != nullptr ? &last->m_owner : nullptr;
     }
     static long tickId(CNTimer& timer) {
         Infra::CGuard guard(of(timer).m_mutex);
