@@ -90,7 +90,7 @@ TFuncBox* acquireFuncBox();
 void dropFuncBox();
 
 /// Registers a command from a static object:
-/// `const R3Command s_command(&printVersion, "reticorversion", HELP_RETICORVERSION);`
+/// `const R3Command g_command(&print_version, "reticorversion", HELP_RETICORVERSION);`
 struct R3Command {
     R3Command(R3Function func, const char* name, const char* help) {
         R3Register(reinterpret_cast<void*>(func), name, help);
@@ -98,7 +98,7 @@ struct R3Command {
 };
 
 /// The command that stores its first argument in a print flag:
-/// `const R3Command s_command(&r3StoreFlag<s_print>, "threadpool", HELP_THREADPOOL);`
+/// `const R3Command g_command(&r3StoreFlag<g_print>, "threadpool", HELP_THREADPOOL);`
 template <std::atomic<int32_t>& Flag>
 int r3StoreFlag(int value, int, int, int, int, int, int, int, int, int) {
     Flag.store(value, std::memory_order_relaxed);

@@ -16,12 +16,12 @@ namespace {
 
 constexpr char VERSION_TEXT[] = "Orvex<Reticor> 1.0.0";
 
-int printVersion(int, int, int, int, int, int, int, int, int, int) {
+int print_version(int, int, int, int, int, int, int, int, int, int) {
     R3Printf("%s | %s %s\n", VERSION_TEXT, RETICOR_BUILD_DATE, RETICOR_BUILD_TIME);
     return 0;
 }
 
-const R3Command s_command(&printVersion, "reticorversion", HELP_RETICORVERSION);
+const R3Command g_command(&print_version, "reticorversion", HELP_RETICORVERSION);
 
 }  // namespace
 

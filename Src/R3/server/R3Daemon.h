@@ -9,7 +9,7 @@
 #include <Reticor/SockAcceptor.h>
 
 #include "R3/print/FuncBox.h"
-#include "R3/server/TelnetSession.h"
+#include "R3/server/R3TelnetSession.h"
 
 namespace Orvex::Reticor {
 

@@ -15,16 +15,16 @@ namespace Orvex::Reticor {
 namespace {
 
 /// One start at a time.
-Infra::CMutex s_start_mutex{Infra::LockClass::R3_START};
+Infra::CMutex g_start_mutex{Infra::LockClass::R3_START};
 
 /// Guards the change of g_r3_daemon, and everybody's step from that pointer to a reference. A leaf: R3Printf
 /// comes here with any locks held.
-Infra::CMutex s_daemon_mutex{Infra::LockClass::R3_POINTER};
+Infra::CMutex g_daemon_mutex{Infra::LockClass::R3_POINTER};
 
 /// The daemon that runs, with a reference, or null. Its first reference is dropped after it has left
 /// g_r3_daemon, so there is one to add to.
 CR3Daemon* holdDaemon() {
-    const Infra::CGuard guard(s_daemon_mutex);
+    const Infra::CGuard guard(g_daemon_mutex);
     if (g_r3_daemon != nullptr) {
         g_r3_daemon->AddRef();
     }
@@ -32,7 +32,7 @@ CR3Daemon* holdDaemon() {
 }
 
 CR3Daemon* exchangeDaemon(CR3Daemon* daemon) {
-    const Infra::CGuard guard(s_daemon_mutex);
+    const Infra::CGuard guard(g_daemon_mutex);
     CR3Daemon* const before = g_r3_daemon;
     __atomic_store_n(&g_r3_daemon, daemon, __ATOMIC_RELEASE);
     return before;
@@ -49,7 +49,7 @@ void print(CR3Daemon*, const char* text) {
 }  // namespace
 
 int startDebugServer(unsigned short port, const char* name, bool local_only) {
-    const Infra::CGuard guard(s_start_mutex);
+    const Infra::CGuard guard(g_start_mutex);
     if (__atomic_load_n(&g_r3_daemon, __ATOMIC_RELAXED) != nullptr) {
         INFRA_LOG_STATIC(2, "R3Server runs already\n");
         return -1;

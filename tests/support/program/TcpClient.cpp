@@ -63,7 +63,10 @@ TcpClient::~TcpClient() {
 }
 
 TcpClient::TcpClient(TcpClient&& other) noexcept
-    : m_fd(std::exchange(other.m_fd, -1)), m_read(std::move(other.m_read)), m_over(other.m_over) {}
+    : m_fd(std::exchange(other.m_fd, -1)),
+      m_read(std::move(other.m_read)),
+      m_over(other.m_over),
+      m_reset(other.m_reset) {}
 
 bool TcpClient::send(const std::string& bytes) {
     size_t sent = 0;
@@ -102,7 +105,8 @@ bool TcpClient::fill() {
     if (got > 0) {
         m_read.append(room, static_cast<size_t>(got));
     }
-    m_over = got == 0 || (got < 0 && errno == ECONNRESET);
+    m_reset = got < 0 && errno == ECONNRESET;
+    m_over = got == 0 || m_reset;
     return got > 0;
 }
 

@@ -35,6 +35,8 @@ public:
     /// Whatever comes until the server closes; `wasClosed` tells whether it did.
     std::string receiveAll();
     bool wasClosed() const { return m_over; }
+    /// Whether that was by a reset.
+    bool wasReset() const { return m_reset; }
 
     /// Whether the server has closed, and nothing is left to read; does not wait.
     bool isClosed() const;
@@ -57,6 +59,7 @@ private:
     int m_fd = -1;
     std::string m_read;  // and not yet returned
     bool m_over = false;
+    bool m_reset = false;
 };
 
 }  // namespace Orvex::Testing

@@ -1,5 +1,7 @@
 // CR3TelnetSession: negotiation, banner and prompt, lines to commands, texts to the client.
-#include "R3/server/TelnetSession.h"
+#include "R3/server/R3TelnetSession.h"
+
+#include <sys/socket.h>
 
 #include <cstdio>
 #include <cstring>
@@ -43,6 +45,17 @@ constexpr char BANNER[] =
     "             Realtime Remote Runner                             \n"
     "================================================================\n";
 
+constexpr int DRAIN_LIMIT = 64;
+
+// A socket that closes with unread bytes is reset, and a reset takes from the client what it has not read yet.
+// So what has come is read away first, without waiting for more, and in bounds.
+void drain(CSockStream& sock) {
+    ::shutdown(sock.GetHandle(), SHUT_WR);
+    char rest[1024];
+    for (int round = 0; round < DRAIN_LIMIT && sock.Recv(rest, sizeof rest) > 0; ++round) {
+    }
+}
+
 }  // namespace
 
 /// What the line editor of one connection does to its session, whose mutex is held.
@@ -65,7 +78,7 @@ CR3TelnetSession* CR3TelnetSession::Create() {
 
 // ---- a client comes and goes -----------------------------------------------------------------------------
 
-// The mutex is held until the greeting is on its way, so that input that is already there waits behind it.
+// The mutex is held until the greeting is on its way, so that input that is already there waits for it.
 void CR3TelnetSession::Start(CSockStream* sock, CR3Owner_IF* daemon) {
     Infra::CGuard guard(m_mutex);
     detach();
@@ -85,7 +98,7 @@ void CR3TelnetSession::Start(CSockStream* sock, CR3Owner_IF* daemon) {
 
 bool CR3TelnetSession::open(R3Connection& connection) {
     connection.m_sock->SetSockSendBuf(SEND_BUFFER);
-    connection.m_sock->SetSockNoDelay(true);  // an echo and the prompt behind it are small, and seen by eyes
+    connection.m_sock->SetSockNoDelay(true);  // an echo and the prompt after it are small, and seen by eyes
     connection.m_sender = CStreamSender::Create();
     if (connection.m_sender == nullptr) {
         return false;
@@ -187,6 +200,7 @@ int CR3TelnetSession::handle_close(CNetHandler* self) {
 // False if the client of this line has gone, by "bye" or while its command ran.
 bool CR3TelnetSession::line(R3Connection& connection, char* text) {
     if (std::strcmp(text, "bye") == 0) {
+        drain(*connection.m_sock);
         detach();
         return false;
     }

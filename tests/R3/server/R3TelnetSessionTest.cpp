@@ -1,5 +1,5 @@
 // The telnet session with a client at the other end: every byte that goes out.
-#include "R3/server/TelnetSession.h"
+#include "R3/server/R3TelnetSession.h"
 
 #include <gtest/gtest.h>
 
@@ -23,7 +23,7 @@ using namespace Reticor;
 
 constexpr unsigned WAIT_MS = 60000;
 
-class TelnetSessionTest : public DebugServerFixture {
+class R3TelnetSession : public DebugServerFixture {
 protected:
     static void enter(R3Function function, const char* name) {
         EXPECT_EQ(0, R3Register(reinterpret_cast<void*>(function), name, nullptr));
@@ -32,7 +32,7 @@ protected:
 
 // ---- what the client sees --------------------------------------------------------------------------------
 
-TEST_F(TelnetSessionTest, GreetsWithNegotiationBannerAndPrompt) {
+TEST_F(R3TelnetSession, GreetsWithNegotiationBannerAndPrompt) {
     start();
     EXPECT_EQ(15u, NEGOTIATION.size());
     EXPECT_EQ(3u * 66, BANNER.size());
@@ -40,26 +40,26 @@ TEST_F(TelnetSessionTest, GreetsWithNegotiationBannerAndPrompt) {
     EXPECT_TRUE(client.isSilentFor(20)) << "the server offers nothing further";
 }
 
-TEST_F(TelnetSessionTest, PromptIsTheNameThatTheServerWasGiven) {
+TEST_F(R3TelnetSession, PromptIsTheNameThatTheServerWasGiven) {
     start("camera-7");
     TcpClient client = greeted(NEGOTIATION + BANNER + "camera-7>");
     converse(client, "\r", "\r\ncamera-7>");
 }
 
-TEST_F(TelnetSessionTest, NameIsCutTo64Bytes) {
+TEST_F(R3TelnetSession, NameIsCutTo64Bytes) {
     const std::string name(100, 'n');
     start(name.c_str());
     TcpClient client = greeted(NEGOTIATION + BANNER + name.substr(0, 64) + ">");
     converse(client, "\r", "\r\n" + name.substr(0, 64) + ">");
 }
 
-TEST_F(TelnetSessionTest, EmptyNameLeavesTheBracket) {
+TEST_F(R3TelnetSession, EmptyNameLeavesTheBracket) {
     start("");
     TcpClient client = greeted(NEGOTIATION + BANNER + ">");
     converse(client, "\r", "\r\n>");
 }
 
-TEST_F(TelnetSessionTest, EchoesAndEdits) {
+TEST_F(R3TelnetSession, EchoesAndEdits) {
     start();
     TcpClient client = greeted();
     converse(client, "n", "n");
@@ -68,14 +68,14 @@ TEST_F(TelnetSessionTest, EchoesAndEdits) {
     expectPrompt(client);
 }
 
-TEST_F(TelnetSessionTest, UnknownCommandIsToldSo) {
+TEST_F(R3TelnetSession, UnknownCommandIsToldSo) {
     start();
     TcpClient client = greeted();
     converse(client, "help me\r", "help me\r\n:: command not found\r\nR3>");
     converse(client, "Threadpool 1\r", "Threadpool 1\r\n:: command not found\r\nR3>");
 }
 
-TEST_F(TelnetSessionTest, LineOfBlanksHasNoReply) {
+TEST_F(R3TelnetSession, LineOfBlanksHasNoReply) {
     start();
     TcpClient client = greeted();
     converse(client, "   \r", "   \r\nR3>");
@@ -83,7 +83,7 @@ TEST_F(TelnetSessionTest, LineOfBlanksHasNoReply) {
     expectPrompt(client);
 }
 
-TEST_F(TelnetSessionTest, WhatALineCannotHoldIsNotEchoed) {
+TEST_F(R3TelnetSession, WhatALineCannotHoldIsNotEchoed) {
     start();
     TcpClient client = greeted();
     const std::string kept(255, 'x');
@@ -92,7 +92,7 @@ TEST_F(TelnetSessionTest, WhatALineCannotHoldIsNotEchoed) {
     expectPrompt(client);
 }
 
-TEST_F(TelnetSessionTest, AnswersOfATelnetClientAreSwallowed) {
+TEST_F(R3TelnetSession, AnswersOfATelnetClientAreSwallowed) {
     start();
     TcpClient client = greeted();
     converse(client,
@@ -104,7 +104,7 @@ TEST_F(TelnetSessionTest, AnswersOfATelnetClientAreSwallowed) {
     converse(client, "\r", "\r\n:: command not found\r\nR3>");
 }
 
-TEST_F(TelnetSessionTest, ByeEndsTheConnectionAndNothingFollows) {
+TEST_F(R3TelnetSession, ByeEndsTheConnectionAndNothingFollows) {
     start();
     TcpClient client = greeted();
     EXPECT_TRUE(client.send("bye\rthreadpool 1\r"));
@@ -114,7 +114,18 @@ TEST_F(TelnetSessionTest, ByeEndsTheConnectionAndNothingFollows) {
     expectPrompt(next);
 }
 
-TEST_F(TelnetSessionTest, OnlyTheExactWordSaysBye) {
+// More than the session takes in one read: a socket that closes with unread bytes is reset, and a reset takes
+// from the client what it has not read yet.
+TEST_F(R3TelnetSession, ByeEndsInOrderEvenIfMoreWasTyped) {
+    start();
+    TcpClient client = greeted();
+    EXPECT_TRUE(client.send("bye\r" + std::string(5000, 'x')));
+    EXPECT_EQ("bye\r\n", client.receiveAll());
+    EXPECT_TRUE(client.wasClosed());
+    EXPECT_FALSE(client.wasReset());
+}
+
+TEST_F(R3TelnetSession, OnlyTheExactWordSaysBye) {
     start();
     TcpClient client = greeted();
     for (const char* line : {"bye ", " bye", "Bye", "BYE", "byebye"}) {
@@ -132,7 +143,7 @@ int keepCall(int a, int b, int c, int d, int e, int f, int g, int h, int i, int 
     return 1;
 }
 
-TEST_F(TelnetSessionTest, CommandGetsItsTenNumbers) {
+TEST_F(R3TelnetSession, CommandGetsItsTenNumbers) {
     enter(&keepCall, "keep");
     start();
     TcpClient client = greeted();
@@ -143,7 +154,7 @@ TEST_F(TelnetSessionTest, CommandGetsItsTenNumbers) {
     EXPECT_EQ((std::vector<int>{1, -1128481604, -3, 0, 0, 0, 0, 0, 0, 0}), s_calls[1]);
 }
 
-TEST_F(TelnetSessionTest, LongestLineIsRun) {
+TEST_F(R3TelnetSession, LongestLineIsRun) {
     enter(&keepCall, "keep");
     start();
     TcpClient client = greeted();
@@ -152,7 +163,7 @@ TEST_F(TelnetSessionTest, LongestLineIsRun) {
     EXPECT_EQ(7, s_calls.at(0)[0]);
 }
 
-TEST_F(TelnetSessionTest, LibrarysOwnCommandsAreThere) {
+TEST_F(R3TelnetSession, LibrarysOwnCommandsAreThere) {
     start();
     TcpClient client = greeted();
     EXPECT_TRUE(client.send("reticorversion\r"));
@@ -161,7 +172,7 @@ TEST_F(TelnetSessionTest, LibrarysOwnCommandsAreThere) {
     EXPECT_EQ("R3>", client.receive(3));
 }
 
-TEST_F(TelnetSessionTest, CommandThatIsRegisteredLaterIsFound) {
+TEST_F(R3TelnetSession, CommandThatIsRegisteredLaterIsFound) {
     start();
     TcpClient client = greeted();
     converse(client, "keep\r", "keep\r\n:: command not found\r\nR3>");
@@ -171,7 +182,7 @@ TEST_F(TelnetSessionTest, CommandThatIsRegisteredLaterIsFound) {
 
 // ---- texts -----------------------------------------------------------------------------------------------
 
-TEST_F(TelnetSessionTest, EachCrAndEachLfOfATextBecomesALineEnd) {
+TEST_F(R3TelnetSession, EachCrAndEachLfOfATextBecomesALineEnd) {
     start();
     TcpClient client = greeted();
     R3Printf("one\ntwo\rthree\r\nend");
@@ -179,7 +190,7 @@ TEST_F(TelnetSessionTest, EachCrAndEachLfOfATextBecomesALineEnd) {
     expectPrompt(client);
 }
 
-TEST_F(TelnetSessionTest, TextsAroundTheSizeOfAPieceArriveWhole) {
+TEST_F(R3TelnetSession, TextsAroundTheSizeOfAPieceArriveWhole) {
     start();
     TcpClient client = greeted();
     for (const size_t length : {4093U, 4094U, 4095U}) {
@@ -200,14 +211,14 @@ TEST_F(TelnetSessionTest, TextsAroundTheSizeOfAPieceArriveWhole) {
     expectPrompt(client);
 }
 
-TEST_F(TelnetSessionTest, WithoutAClientTextsAreLost) {
+TEST_F(R3TelnetSession, WithoutAClientTextsAreLost) {
     start();
     R3Printf("nobody hears this\n");
     TcpClient client = greeted();
     expectPrompt(client);
 }
 
-TEST_F(TelnetSessionTest, SenderThatTracesItselfDoesNotTalkWithoutEnd) {
+TEST_F(R3TelnetSession, SenderThatTracesItselfDoesNotTalkWithoutEnd) {
     start();
     TcpClient client = greeted();
     const std::string command = "streamsender 1\r";
@@ -229,7 +240,7 @@ TEST_F(TelnetSessionTest, SenderThatTracesItselfDoesNotTalkWithoutEnd) {
 
 // A client that does not read: what it is told waits, up to 256 KiB, and then is dropped; nobody waits for
 // it.
-TEST_F(TelnetSessionTest, SlowClientBlocksNobody) {
+TEST_F(R3TelnetSession, SlowClientBlocksNobody) {
     start("");
     TcpClient client(port, "127.0.0.1", 4096);
     const std::string greeting = NEGOTIATION + BANNER + ">";
@@ -252,7 +263,7 @@ TEST_F(TelnetSessionTest, SlowClientBlocksNobody) {
 
 // ---- clients come and go ---------------------------------------------------------------------------------
 
-TEST_F(TelnetSessionTest, ClientThatHangsUpMakesRoom) {
+TEST_F(R3TelnetSession, ClientThatHangsUpMakesRoom) {
     start();
     for (int i = 0; i < 5; ++i) {
         TcpClient client = greeted();
@@ -265,7 +276,7 @@ TEST_F(TelnetSessionTest, ClientThatHangsUpMakesRoom) {
     expectPrompt(client);
 }
 
-TEST_F(TelnetSessionTest, TelnetCommandThatWasCutIsFinishedByTheNextClient) {
+TEST_F(R3TelnetSession, TelnetCommandThatWasCutIsFinishedByTheNextClient) {
     start();
     {
         TcpClient client = greeted();
@@ -277,7 +288,7 @@ TEST_F(TelnetSessionTest, TelnetCommandThatWasCutIsFinishedByTheNextClient) {
     converse(client, "\xFB?abc", "abc");
 }
 
-TEST_F(TelnetSessionTest, OutputThatFailsEndsTheClientAlone) {
+TEST_F(R3TelnetSession, OutputThatFailsEndsTheClientAlone) {
     start();
     {
         TcpClient client(port, "127.0.0.1", 4096);
@@ -309,10 +320,10 @@ int waitAtGate(int, int, int, int, int, int, int, int, int, int) {
     return 0;
 }
 
-class RunningCommandTest : public TelnetSessionTest {
+class RunningCommandTest : public R3TelnetSession {
 protected:
     void SetUp() override {
-        TelnetSessionTest::SetUp();
+        R3TelnetSession::SetUp();
         s_gate = &gate;
         enter(&waitAtGate, "wait");
     }
@@ -382,10 +393,10 @@ public:
 };
 
 // A session of the test's own, with connections that it was handed.
-class LateCallTest : public TelnetSessionTest {
+class LateCallTest : public R3TelnetSession {
 protected:
     void SetUp() override {
-        TelnetSessionTest::SetUp();
+        R3TelnetSession::SetUp();
         session = CR3TelnetSession::Create();
         session->AddRef();
     }
@@ -393,7 +404,7 @@ protected:
         session->End();
         session->Close();
         session->DecRef();
-        TelnetSessionTest::TearDown();
+        R3TelnetSession::TearDown();
     }
     // Begins with a client; the test keeps the other end. Returns the sender's id.
     long begin(std::unique_ptr<SocketPair>& pair) {
