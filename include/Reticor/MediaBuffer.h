@@ -8,7 +8,6 @@
 
 namespace Orvex::Reticor {
 
-class CFrame;
 class CMediaStreamSender;
 struct MediaBufferState;
 
@@ -116,29 +115,6 @@ public:
 
 private:
     friend struct MediaBufferState;
-
-    void accept(CMediaPacket* packet, int len, int mark, int level);
-    void show_taps(CMediaPacket* packet, int len, int mark, int level);
-    void complete_frame(int level_word);
-    void sending_step(bool has_packet, bool ages);
-    int send_packet();
-    bool join(CMediaStreamSender* sender);
-    void drop_failed(CMediaStreamSender* sender);
-    void discard_passed(std::uint64_t should_discard);
-    void remark_all_frames();
-    void check_valid_frames();
-    void expire_hollow_frames();
-    void rebuild_frame_list();
-    bool on_list(const CMediaStreamSender* sender) const;
-    void add_sender(CMediaStreamSender* sender);
-    void del_sender(CMediaStreamSender* sender);
-    void unlink_sender(CMediaStreamSender* sender);
-    void del_level2_buffer(CLevel2Buffer_IF* tap);
-    void drop_complete_frames();
-    CFrame* unlink_head();
-    void delete_frame(CFrame* frame);
-    void begin_list();
-
     MediaBufferState* m_state;  ///< Owned.
 };
 

@@ -61,7 +61,7 @@ public:
     virtual int Put(CMediaPacket* packet, int len, int mark, int level) = 0;
 
 protected:
-    friend class CMediaBuffer;
+    friend class TapLine;
 
     CLevel2Buffer_IF* m_next = nullptr;  ///< The next tap of the list; the buffer's.
 };

@@ -10,10 +10,9 @@
 namespace Orvex::Reticor {
 
 class CFrame;
-class CMediaBuffer;
 class CMediaPacket;
 class CSock;
-struct MediaSenderState;
+struct SenderRecord;
 
 /// The message that CMediaStreamSender posts when its socket has failed or stalled.
 constexpr unsigned int MEDIA_MSG_SOCKET_FAILED = 2;
@@ -141,33 +140,11 @@ public:
     int handle_close(CNetHandler* self) override;
 
 private:
-    friend class CMediaBuffer;
-    friend struct MediaSenderState;
+    RETICOR_HIDDEN CMediaStreamSender();
+    RETICOR_HIDDEN ~CMediaStreamSender() override;
 
-    /// What a part of a sending step came to: the socket failed, nothing is left to do, or there is more.
-    enum class Progress { failed, done, more };
-
-    CMediaStreamSender();
-    ~CMediaStreamSender() override;
-
-    long long send(CFrame* frame);
-    Progress choose_frame(CSock* stream, CFrame* frame);
-    Progress write_frame(CSock* stream);
-    Progress finish_frame(CSock* stream);
-    void begin_frame();
-    void pass_written(std::uint64_t written);
-    void end_frame();
-    void count_gap(int channel);
-    void socket_blocked(const char* where);
-    void socket_failed(const char* where);
-    int check_other_data(CSock* stream);
-    CFrame* get_next_frame(CFrame* frame);
-    bool need_send(CFrame* frame);
-    bool resumes_at(CFrame* frame);
-    void step_over(CFrame* frame);
-    void call_send_proc(CFrame* frame);
-
-    MediaSenderState* m_state;  ///< Owned.
+    friend struct SenderRecord;
+    SenderRecord* m_state;  ///< Owned.
 };
 
 }  // namespace Orvex::Reticor

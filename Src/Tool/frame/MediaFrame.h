@@ -9,7 +9,7 @@
 
 namespace Orvex::Reticor {
 
-struct MediaSenderState;
+struct SenderRecord;
 
 /// The two halves of a level word. The channel of a word whose top byte is 128 or more is negative.
 constexpr int channelOf(int level_word) {
@@ -76,7 +76,7 @@ public:
     int32_t m_sender_count = 0;
 
     /// The senders whose cursor is in this frame, on a list or not.
-    MediaSenderState* m_standing = nullptr;
+    SenderRecord* m_standing = nullptr;
     uint64_t m_begin = 0;          ///< Position of the first byte in the buffer's stream.
     uint64_t m_ordinal = 0;        ///< Number on its channel, from 1 on.
     uint64_t m_channel_begin = 0;  ///< Bytes that its channel has had before it.

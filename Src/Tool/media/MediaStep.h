@@ -24,9 +24,9 @@ inline constexpr CoreMutex CORE_MUTEX{};
 class StepEnd_IF {
 public:
     /// Takes the senders off that call-backs have taken off.
-    virtual void drop_leaving() = 0;
+    virtual void drop_leaving() INFRA_REQUIRES(CORE_MUTEX) = 0;
     /// Puts a sender on the list that a call-back has added. The sender's core is this one.
-    virtual void come(CMediaStreamSender& sender) = 0;
+    virtual void come(CMediaStreamSender& sender) INFRA_REQUIRES(CORE_MUTEX) = 0;
 
 protected:
     ~StepEnd_IF() = default;
@@ -38,16 +38,19 @@ struct MediaCore {
     /// Before it comes the list's lock of the shared timer, after it the senders' m_other_mutex.
     Infra::CMutex m_mutex{Infra::LockClass::MEDIA_CORE};
     /// An operation that runs call-backs is in progress, on the thread that holds the mutex.
-    bool m_stepping = false;
-    bool m_some_leave = false;    ///< Call-backs have taken senders off.
-    StepEnd_IF* m_end = nullptr;  ///< The buffer; null when it has gone.
+    bool m_stepping INFRA_GUARDED_BY(CORE_MUTEX) = false;
+    /// Call-backs have taken senders off.
+    bool m_some_leave INFRA_GUARDED_BY(CORE_MUTEX) = false;
+    /// The buffer; null when it has gone.
+    StepEnd_IF* m_end INFRA_GUARDED_BY(CORE_MUTEX) = nullptr;
     /// Senders that were taken off the list; their references are still to be dropped.
-    std::vector<CNetHandler*> m_gone;
-    /// The stream position of the end of the newest frame.
-    uint64_t m_byte_total = 0;
-    uint64_t m_now_us = 0;  ///< This step's reading of the clock; 0: not read yet.
+    std::vector<CNetHandler*> m_gone INFRA_GUARDED_BY(CORE_MUTEX);
+    /// The stream position of the end of the newest frame. FrameLine moves it.
+    uint64_t m_byte_total INFRA_GUARDED_BY(CORE_MUTEX) = 0;
+    /// This step's reading of the clock; 0: not read yet.
+    uint64_t m_now_us INFRA_GUARDED_BY(CORE_MUTEX) = 0;
 
-    uint64_t now() {
+    uint64_t now() INFRA_REQUIRES(CORE_MUTEX) {
         if (m_now_us == 0) {
             m_now_us = Infra::CTime::getCurrentMicroSecond();
         }

@@ -1,25 +1,68 @@
-// CMediaStreamSender: life, settings and counters. The sending of frames is in MediaSending.cpp, what becomes
-// of a sender whose frame goes away in MediaSenderState.cpp.
+// CMediaStreamSender: its operations, and its lines.
 #include "Tool/media/MediaStreamSender.h"
 
 #include <cassert>
-#include <cstring>
+#include <cstdio>
 #include <new>
+#include <optional>
+
+#include <Infra/Log.h>
 
 namespace Orvex::Reticor {
+
+namespace {
+
+constexpr uint32_t WARNING_EVERY = 100;
+
+/// The names by which the lines of senders are known. They are a part of the lines.
+constexpr const char* BLOCKED_NAME = "void Orvex::Reticor::CMediaStreamSender::socket_blocked(const char*)";
+constexpr const char* FAILED_NAME = "void Orvex::Reticor::CMediaStreamSender::socket_failed(const char*)";
+
+/// Told once: whoever wants to know more asks again.
+void tell(SenderRecord& record, const char* name, const char* format, const char* where) {
+    const long id = Infra::relaxedLoad(record.m_exception_id);
+    if (id == 0) {
+        return;
+    }
+    if (Infra::logEnabled(3)) {
+        char text[128];
+        std::snprintf(text, sizeof text, format, where);
+        Infra::Detail::logMember(3, __FILE__, name, __LINE__, record.m_owner, "%s", text);
+    }
+    record.notify(id, MEDIA_MSG_SOCKET_FAILED, 0);
+    Infra::relaxedStore(record.m_exception_id, 0);
+}
+
+}  // namespace
+
+void reportTurn(SenderRecord& record, TurnEnd end) {
+    const bool other = end == TurnEnd::OTHER_BLOCKED || end == TurnEnd::OTHER_FAILED;
+    const char* const where = other ? "check_other_data" : "Send";
+    if (isFailure(end)) {
+        tell(record, FAILED_NAME, "MediaStreamSender %s socket exception!\n", where);
+    } else if (end != TurnEnd::DONE) {
+        if (record.has_stalled()) {
+            tell(record, BLOCKED_NAME, "MediaStreamSender %s socket exception for timeout!\n", where);
+        }
+        if (record.m_block_count % WARNING_EVERY == 0 && Infra::logEnabled(3)) {
+            Infra::Detail::logMember(3, __FILE__, BLOCKED_NAME, __LINE__, record.m_owner,
+                                     "MediaStreamSender net warnning %d!\n",
+                                     static_cast<int>(record.m_block_count));
+        }
+    }
+}
 
 CMediaStreamSender* CMediaStreamSender::Create() {
     return new CMediaStreamSender;
 }
 
-CMediaStreamSender::CMediaStreamSender() : m_state(new MediaSenderState(*this)) {}
+CMediaStreamSender::CMediaStreamSender() : m_state(new SenderRecord(*this)) {}
 
 CMediaStreamSender::~CMediaStreamSender() {
     if (const std::shared_ptr<MediaCore> core = m_state->core()) {
         const CoreGuard guard(*core);
         m_state->leave_frame();
     }
-    delete m_state->m_send_proc;
     delete m_state;
 }
 
@@ -39,7 +82,50 @@ CSock* CMediaStreamSender::Detach() {
     return stream;
 }
 
-// Settings.
+// A sender that has never been on a list has no core, and is its caller's alone.
+long long CMediaStreamSender::Send(CFrame* frame, unsigned long long) INFRA_NO_THREAD_SAFETY_ANALYSIS {
+    const std::shared_ptr<MediaCore> core = m_state->enter_core();
+    std::optional<MediaStep> step;
+    if (core) {
+        step.emplace(core, MediaStep::ENTERED);
+    }
+    const TurnEnd end = MediaSending(*m_state).run(frame);
+    reportTurn(*m_state, end);
+    return isFailure(end) ? -1 : static_cast<long long>(m_state->m_send_total);
+}
+
+int CMediaStreamSender::GetTailPacket(char* buffer, int len) {
+    const std::shared_ptr<MediaCore> core = m_state->enter_core();
+    if (!core) {
+        return 0;
+    }
+    const MediaStep step(core, MediaStep::ENTERED);
+    return MediaSending(*m_state).take_tail(buffer, len);
+}
+
+MediaSenderStats CMediaStreamSender::GetStats() {
+    const std::shared_ptr<MediaCore> core = m_state->enter_core();
+    if (!core) {
+        return MediaSenderStats();
+    }
+    const MediaStep step(core, MediaStep::ENTERED);
+    return m_state->stats();
+}
+
+void CMediaStreamSender::SendOtherData(const char* data, int len) {
+    m_state->m_other.add(data, len);
+}
+
+bool CMediaStreamSender::AttachSendProc(Infra::TFunction3<void, CMediaPacket*, int, int> proc) {
+    auto* const copy = new (std::nothrow) Infra::TFunction3<void, CMediaPacket*, int, int>(proc);
+    m_state->set_procedure(copy);
+    return copy != nullptr;
+}
+
+bool CMediaStreamSender::DetachSendProc() {
+    m_state->set_procedure(nullptr);
+    return true;
+}
 
 void CMediaStreamSender::SetSendTimeout(unsigned int seconds) {
     Infra::relaxedStore(m_state->m_send_timeout, seconds);
@@ -47,19 +133,12 @@ void CMediaStreamSender::SetSendTimeout(unsigned int seconds) {
 
 void CMediaStreamSender::SetSendChannel(int channel) {
     assert(channel <= 7);
-    uint8_t mask = MediaSenderState::ALL_CHANNELS;
-    if (channel >= 0) {
-        mask = Infra::relaxedLoad(m_state->m_channel_mask);
-        mask = mask == MediaSenderState::ALL_CHANNELS ? uint8_t{0} : mask;
-        mask = static_cast<uint8_t>(mask | 1U << channel);
-    }
-    Infra::relaxedStore(m_state->m_channel_mask, mask);
+    m_state->choose_channel(channel);
 }
 
 void CMediaStreamSender::DisableSendChannel(int channel) {
     assert(channel <= 7 && channel >= 0);
-    const uint8_t mask = Infra::relaxedLoad(m_state->m_channel_mask);
-    Infra::relaxedStore(m_state->m_channel_mask, mask & ~(1U << channel));
+    m_state->give_up_channel(channel);
 }
 
 void CMediaStreamSender::WaitException(long id) {
@@ -73,96 +152,6 @@ void CMediaStreamSender::SetResumePolicy(unsigned max_lag_ms) {
 void CMediaStreamSender::WaitSkip(long id, unsigned int msg) {
     Infra::relaxedStore(m_state->m_skip_msg, msg);
     Infra::relaxedStore(m_state->m_skip_id, id);
-}
-
-void CMediaStreamSender::SendOtherData(const char* data, int len) {
-    if (data == nullptr || len < 1) {
-        return;
-    }
-    MediaSenderState& state = *m_state;
-    Infra::CGuard guard(state.m_other_mutex);
-    if (int64_t{state.m_other_len} + len > MediaSenderState::OTHER_SIZE) {
-        return;
-    }
-    if (!state.m_other_data) {
-        state.m_other_data.reset(new char[MediaSenderState::OTHER_SIZE]);
-    }
-    std::memcpy(state.m_other_data.get() + state.m_other_len, data, static_cast<size_t>(len));
-    Infra::relaxedStore(state.m_other_len, state.m_other_len + len);
-}
-
-bool CMediaStreamSender::AttachSendProc(Infra::TFunction3<void, CMediaPacket*, int, int> proc) {
-    using Proc = Infra::TFunction3<void, CMediaPacket*, int, int>;
-    auto* const copy = new (std::nothrow) Proc(proc);
-    Infra::CGuard guard(m_state->m_other_mutex);
-    delete m_state->m_send_proc;
-    Infra::relaxedStore(m_state->m_send_proc, copy);
-    return copy != nullptr;
-}
-
-bool CMediaStreamSender::DetachSendProc() {
-    Infra::CGuard guard(m_state->m_other_mutex);
-    delete m_state->m_send_proc;
-    Infra::relaxedStore(m_state->m_send_proc, nullptr);
-    return true;
-}
-
-int CMediaStreamSender::GetTailPacket(char* buffer, int len) {
-    MediaSenderState& state = *m_state;
-    const std::shared_ptr<MediaCore> core = state.enter_core();
-    if (!core) {
-        return 0;
-    }
-    const MediaStep step(core, MediaStep::ENTERED);
-    if (state.m_frame == nullptr || state.m_iovec_offset == 0) {
-        return 0;
-    }
-    CFrame& frame = *state.m_frame;
-    const iovec& entry = frame.m_iovec[state.m_iovec_index];
-    const auto tail = static_cast<int64_t>(entry.iov_len) - state.m_iovec_offset;
-    if (tail > len) {
-        return -1;
-    }
-    std::memcpy(buffer, static_cast<const char*>(entry.iov_base) + state.m_iovec_offset,
-                static_cast<size_t>(tail));
-    ++state.m_iovec_index;
-    state.m_frame_left -= static_cast<uint64_t>(tail);
-    state.m_iovec_offset = 0;
-    state.m_send_total += static_cast<uint64_t>(tail);
-    frame.m_sent_len += tail;
-    if (state.m_frame_left == 0) {
-        frame.m_sent_len -= frame.m_frame_len;
-        state.uncount();
-        state.m_iovec_index = 0;
-        end_frame();
-        state.m_frame = get_next_frame(frame.m_next);
-        state.m_frame_left = state.m_frame != nullptr ? static_cast<uint64_t>(state.m_frame->m_frame_len) : 0;
-    }
-    state.settle();
-    return static_cast<int>(tail);
-}
-
-MediaSenderStats CMediaStreamSender::GetStats() {
-    MediaSenderState& state = *m_state;
-    const std::shared_ptr<MediaCore> core = state.enter_core();
-    if (!core) {
-        return MediaSenderStats();
-    }
-    const MediaStep step(core, MediaStep::ENTERED);
-    MediaSenderStats stats = state.m_stats;
-    const uint64_t now_us = Infra::CTime::getCurrentMicroSecond();
-    stats.joined = state.m_joined;
-    stats.listed = state.m_list != nullptr;
-    if (stats.joined && stats.listed && core->m_byte_total > state.m_send_total) {
-        stats.backlog_bytes = core->m_byte_total - state.m_send_total;
-    }
-    if (state.m_frame != nullptr && state.m_frame != state.m_tail && state.m_frame->m_complete_us != 0) {
-        stats.lag_us = now_us - state.m_frame->m_complete_us;
-    }
-    if (state.m_block_time != 0) {
-        stats.blocked_us = now_us - state.m_block_time;
-    }
-    return stats;
 }
 
 }  // namespace Orvex::Reticor

@@ -217,7 +217,7 @@ protected:
     }
 
     void compare_client(const Pair& pair) {
-        const MediaSenderState& real = pair.real.state();
+        const SenderRecord& real = pair.real.state();
         const ModelSender& s = pair.model;
         ASSERT_EQ(pair.real.sock.wire(), s.wire);
         ASSERT_EQ(pair.real.sock.calls().size(), static_cast<std::size_t>(s.writes));
@@ -238,19 +238,19 @@ protected:
 
     void compare() {
         ASSERT_EQ(released, model.released);
-        ASSERT_EQ(state().byte_total(), model.byte_total);
-        ASSERT_EQ(state().m_byte_discard, model.byte_discard);
-        ASSERT_EQ(state().m_send_ready, model.send_ready);
-        ASSERT_EQ(state().m_has_sender, model.has_sender);
+        ASSERT_EQ(byteTotal(), model.byte_total);
+        ASSERT_EQ(byteDiscard(), model.byte_discard);
+        ASSERT_EQ(sendReady(), model.send_ready);
+        ASSERT_EQ(hasSender(), model.has_sender);
         ASSERT_EQ(buffer->GetBufferNum(), model.valid_num);
         for (int channel = 0; channel < 8; ++channel) {
-            ASSERT_EQ(state().m_min_level[channel], model.min_level[channel]);
+            ASSERT_EQ(minLevel(channel), model.min_level[channel]);
         }
-        const CMediaStreamSender* entry = state().m_sender_header;
+        const SenderRecord* entry = firstSender();
         for (const ModelSender* s : model.listed) {
             const auto pair = std::find_if(pairs.begin(), pairs.end(),
                                            [s](const auto& candidate) { return &candidate->model == s; });
-            ASSERT_EQ(entry, (*pair)->real.sender);
+            ASSERT_EQ(entry, &(*pair)->real.state());
             entry = (*pair)->real.state().m_next;
         }
         ASSERT_EQ(entry, nullptr);

@@ -1,5 +1,5 @@
 // CMediaBuffer: what happens to frames between the producer and senders of different speed.
-#include "Tool/media/MediaBuffer.h"
+#include <Reticor/MediaBuffer.h>
 
 #include "R3/print/FuncBox.h"
 #include "support/debug/DaemonStandIn.h"
@@ -32,9 +32,9 @@ TEST_F(MediaBuffer, WithoutSendersACompleteFrameIsReleasedBeforePutReturns) {
     EXPECT_EQ(buffer->GetBufferSize(), 11U);
     put(7);
     EXPECT_EQ(released, (std::vector<int>{0, 1, 2}));
-    EXPECT_EQ(state().byte_total(), 0U);
+    EXPECT_EQ(byteTotal(), 0U);
     EXPECT_EQ(buffer->GetBufferSize(), 0U);
-    EXPECT_EQ(state().m_frame_num, 0U);
+    EXPECT_EQ(frameNum(), 0U);
 }
 
 TEST_F(MediaBuffer, AFrameGoesToEverySenderAndIsReleasedOnce) {
@@ -167,10 +167,10 @@ TEST_F(MediaBuffer, KeyFramesAreThoseOfTheLowestLevelSoFarForEver) {
     buffer->DelSender(a.sender);
     for (int i = 0; i < 3; ++i) {
         buffer->Clear();
-        EXPECT_EQ(state().m_min_level[3], 2);
+        EXPECT_EQ(minLevel(3), 2);
         put(1, 1, 4, 3);
     }
-    EXPECT_EQ(state().m_min_level[3], 2);
+    EXPECT_EQ(minLevel(3), 2);
 }
 
 TEST_F(MediaBuffer, AChannelBeyondSevenAssertsOnTheLastPacketOnly) {
@@ -190,7 +190,7 @@ TEST_F(MediaBuffer, ASenderThatJoinsInAGapTakesTheNextFrameOfAnyLevel) {
     buffer->AddSender(b.sender);
     const CFrame* gap = current();
     tick();
-    EXPECT_EQ(b.state().m_send_total, state().byte_total());
+    EXPECT_EQ(b.state().m_send_total, byteTotal());
     EXPECT_EQ(b.state().m_frame, nullptr);
     EXPECT_EQ(gap->m_sender_count, 1);
     const std::string bytes = put(20, 1, 5);
@@ -281,8 +281,8 @@ TEST_F(MediaBuffer, DoSendWithoutSendersAgesAndKeepsTheEmptyFrame) {
     MediaClient& a = joinedClient();
     const CFrame* empty = current();
     buffer->DelSender(a.sender);
-    EXPECT_TRUE(state().m_send_ready);
-    EXPECT_FALSE(state().m_has_sender);
+    EXPECT_TRUE(sendReady());
+    EXPECT_FALSE(hasSender());
     tick(3);
     EXPECT_EQ(current(), empty);
     EXPECT_EQ(head(), empty);
@@ -296,7 +296,7 @@ TEST_F(MediaBuffer, ClearWithSendersBehindItKeepsFramesUntilTheirAge) {
     EXPECT_TRUE(log.containsMatching(3,
                                      ".*Src/Tool/MediaBuffer\\.cpp:\\d+ Orvex::Reticor::CMediaBuffer::Clear "
                                      "m_sender_header:0x[0-9a-f]+ not null\n"));
-    EXPECT_TRUE(state().m_has_sender);
+    EXPECT_TRUE(hasSender());
     EXPECT_EQ(a.state().m_list, nullptr);
     put(10, 1, 10);
     put(10, 1, 10);
@@ -330,10 +330,10 @@ TEST_F(MediaBuffer, ClearReleasesEverythingAndSaysWhatWasLeft) {
               3U);
     EXPECT_EQ(head(), nullptr);
     EXPECT_EQ(current(), nullptr);
-    EXPECT_EQ(state().m_frame_num, 0U);
-    EXPECT_EQ(state().byte_total(), 0U);
-    EXPECT_EQ(state().m_byte_discard, 0U);
-    EXPECT_FALSE(state().m_send_ready) << "left as it was";
+    EXPECT_EQ(frameNum(), 0U);
+    EXPECT_EQ(byteTotal(), 0U);
+    EXPECT_EQ(byteDiscard(), 0U);
+    EXPECT_FALSE(sendReady()) << "left as it was";
     put(3);
     EXPECT_EQ(tap.seen.size(), 4U) << "the tap is off the list";
 }
@@ -471,7 +471,7 @@ TEST_F(MediaBuffer, FramesWithoutAByteDoNotMakeTheBufferGrowForEver) {
     unsigned most = 0;
     for (int i = 0; i < 3000; ++i) {
         put(i % 3 == 0 ? 0 : 10, 1, i % 2 == 0 ? 1 : 7);
-        most = std::max(most, state().m_frame_num);
+        most = std::max(most, frameNum());
     }
     EXPECT_LE(most, 205U);
 }
@@ -511,7 +511,7 @@ TEST_F(MediaBuffer, FrameInfoGoesWithTheFrameThatIsBeingFilled) {
     buffer->DelSender(a.sender);
     buffer->Clear();
     putInfo(1);
-    EXPECT_EQ(state().m_frame_num, 1U) << "it makes the frame that it belongs to";
+    EXPECT_EQ(frameNum(), 1U) << "it makes the frame that it belongs to";
 }
 
 TEST_F(MediaBuffer, TapsSeeEveryPacketAndLeaveWithANegativeResult) {
@@ -586,10 +586,10 @@ TEST_F(MediaBuffer, WhenTheLastSenderFailsAllCompleteFramesGo) {
     a.sock.setRoom(0);
     a.sock.fail(ECONNRESET);
     tick();
-    EXPECT_FALSE(state().m_has_sender);
+    EXPECT_FALSE(hasSender());
     EXPECT_EQ(released.size(), 3U);
     EXPECT_EQ(frames(), 1U);
-    EXPECT_EQ(state().byte_total(), 0U);
+    EXPECT_EQ(byteTotal(), 0U);
 }
 
 TEST_F(MediaBuffer, PrintsWhatItDoesWhileTheFlagIsSet) {

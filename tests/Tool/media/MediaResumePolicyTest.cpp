@@ -224,7 +224,7 @@ TEST_F(MediaResumePolicy, AViewerThatWasSlowOnceLeavesNoDebt) {
     for (int i = 0; i < 5; ++i) {
         put(30, 1, 1);
         EXPECT_EQ(frames(), 1U);
-        EXPECT_EQ(a.state().m_send_total, state().byte_total());
+        EXPECT_EQ(a.state().m_send_total, byteTotal());
     }
 }
 
@@ -365,7 +365,7 @@ protected:
         }
         for (const auto& one : clients) {
             counts -= one->state().m_frame != nullptr ? 1 : 0;
-            ASSERT_LE(one->state().m_send_total, state().byte_total());
+            ASSERT_LE(one->state().m_send_total, byteTotal());
         }
         ASSERT_EQ(counts, 0);
         ASSERT_LE(frames(), 70U);
@@ -392,6 +392,11 @@ TEST_F(MediaResumeWeather, EveryFrameThatGoesOutCanBeDecoded) {
         }
         check_counts();
     }
+    // A viewer in the middle of a frame may lag what has expired since; one that has caught up does not.
+    for (const auto& one : clients) {
+        one->sock.setRoom(ShapedStream::UNLIMITED);
+    }
+    next_frame();
     EXPECT_GT(progress[3].count, progress[1].count);
     EXPECT_GT(progress[1].count, 20);
     EXPECT_GT(clients[1]->sender->GetStats().skips, 10U);

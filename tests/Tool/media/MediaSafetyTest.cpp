@@ -315,7 +315,7 @@ TEST_F(MediaSafety, AProcedureThatTakesItsSenderOffEndsTheWriting) {
     tick();
     EXPECT_EQ(a.sock.wire().size(), 10U) << "nothing after it";
     EXPECT_EQ(a.state().m_list, nullptr);
-    EXPECT_FALSE(state().m_has_sender);
+    EXPECT_FALSE(hasSender());
     EXPECT_EQ(released.size(), 3U);
 }
 
@@ -388,7 +388,7 @@ TEST_F(MediaSafety, AReleaseMayTakeTheLastSenderOff) {
     put(10);
     a.sock.setRoom(10);
     tick();
-    EXPECT_FALSE(state().m_has_sender);
+    EXPECT_FALSE(hasSender());
     EXPECT_EQ(released.size(), 4U);
     EXPECT_EQ(frames(), 1U);
 }
@@ -506,8 +506,8 @@ TEST_F(MediaSafety, ASenderThatIsOnTheListAlreadyStaysWhereItIs) {
     buffer->AddSender(a.sender);
     EXPECT_EQ(log.countMatching(3, "CMediaBuffer::AddSender, sender:0x[0-9a-f]+ is on the list already\n"),
               2U);
-    EXPECT_EQ(state().m_sender_header, b.sender);
-    EXPECT_EQ(b.state().m_next, a.sender);
+    EXPECT_EQ(firstSender(), &b.state());
+    EXPECT_EQ(b.state().m_next, &a.state());
     EXPECT_EQ(a.state().m_next, nullptr);
     EXPECT_EQ(HandlerProbe::references(*a.sender), 2);
     const std::string bytes = put(10);

@@ -30,7 +30,7 @@ struct Finished {
 };
 
 TEST_F(MediaStreamSender, BeginsWithAllChannelsAndNoTimeout) {
-    const MediaSenderState& made = client().state();
+    const SenderRecord& made = client().state();
     EXPECT_EQ(made.m_send_total, 0U);
     EXPECT_EQ(made.m_channel_mask, 255);
     EXPECT_EQ(made.m_lost_mask, 0);
@@ -261,7 +261,7 @@ TEST_F(MediaStreamSender, AFullSocketLeavesTheSenderAndThePositionWhereTheyAre) 
     tick(3);
     EXPECT_EQ(a.state().m_frame, frame);
     EXPECT_EQ(a.state().m_send_total, 10U);
-    EXPECT_EQ(state().m_byte_discard, 10U);
+    EXPECT_EQ(byteDiscard(), 10U);
     EXPECT_EQ(frames(), 3U);
     EXPECT_EQ(a.state().m_block_count, 5U);
 }

@@ -15,8 +15,7 @@
 #include <Reticor/MediaBuffer.h>
 #include <Reticor/MediaStreamSender.h>
 
-#include "Tool/media/MediaBuffer.h"
-#include "Tool/media/MediaStreamSender.h"
+#include "Tool/media/MediaBufferState.h"
 #include "support/core/StillPool.h"
 #include "support/media/ShapedStream.h"
 
@@ -58,7 +57,7 @@ struct MediaClient {
     Reticor::CMediaStreamSender* sender = Reticor::CMediaStreamSender::Create();
 
     MediaClient() { sender->Attach(&sock); }
-    Reticor::MediaSenderState& state() const { return Reticor::MediaSenderState::of(*sender); }
+    Reticor::SenderRecord& state() const { return Reticor::SenderRecord::of(*sender); }
 };
 
 // Receiver, number, attachment.
@@ -84,8 +83,19 @@ protected:
     }
 
     Reticor::MediaBufferState& state() { return Reticor::MediaBufferState::of(*buffer); }
-    const Reticor::CFrame* head() { return state().m_frame_header; }
-    const Reticor::CFrame* current() { return state().m_current_frame; }
+    Reticor::FrameLine& line() { return state().m_frames; }
+    // Looks into a buffer that is at rest need no lock.
+    const Reticor::CFrame* head() INFRA_NO_THREAD_SAFETY_ANALYSIS { return line().head(); }
+    const Reticor::CFrame* current() INFRA_NO_THREAD_SAFETY_ANALYSIS { return line().current(); }
+    uint64_t byteTotal() INFRA_NO_THREAD_SAFETY_ANALYSIS { return state().m_core->m_byte_total; }
+    uint64_t byteDiscard() INFRA_NO_THREAD_SAFETY_ANALYSIS { return line().byte_discard(); }
+    uint32_t frameNum() INFRA_NO_THREAD_SAFETY_ANALYSIS { return line().frame_num(); }
+    int minLevel(int channel) INFRA_NO_THREAD_SAFETY_ANALYSIS { return line().min_level(channel); }
+    bool sendReady() INFRA_NO_THREAD_SAFETY_ANALYSIS { return state().m_send_ready; }
+    bool hasSender() INFRA_NO_THREAD_SAFETY_ANALYSIS { return state().m_senders.has_sender(); }
+    const Reticor::SenderRecord* firstSender() INFRA_NO_THREAD_SAFETY_ANALYSIS {
+        return state().m_senders.first();
+    }
 
     TestPacket& packet(std::size_t length) {
         const int number = static_cast<int>(packets.size());
@@ -162,7 +172,7 @@ protected:
         for (const Reticor::CFrame* frame = head(); frame != nullptr; frame = frame->m_next) {
             ++count;
         }
-        EXPECT_EQ(count, state().m_frame_num);
+        EXPECT_EQ(count, frameNum());
         return count;
     }
 

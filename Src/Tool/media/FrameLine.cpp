@@ -1,0 +1,230 @@
+// FrameLine: how frames are filled, grow old and go.
+#include "Tool/media/FrameLine.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "Tool/frame/MediaTrace.h"
+#include "Tool/media/SenderRecord.h"
+
+namespace Orvex::Reticor {
+
+namespace {
+
+constexpr int STEPS_PER_LEVEL = 10;
+
+}  // namespace
+
+FrameLine::FrameLine(MediaCore& core, const void* name) : m_core(core), m_name(name) {
+    std::fill(std::begin(m_min_level), std::end(m_min_level), LEVEL_LEAST);
+    m_head = m_store.make();
+    m_head->Clear();
+    m_current = m_head;
+}
+
+void FrameLine::begin() {
+    m_head = m_store.make();
+    m_current = m_head;
+    ++m_frame_num;
+}
+
+void FrameLine::append(CMediaPacket* packet, int len, int mark, int level_word) {
+    m_current->Put(packet, len, mark, level_word);
+    m_core.m_byte_total += static_cast<uint64_t>(int64_t{len});
+}
+
+void FrameLine::complete(int level_word) {
+    const int channel = channelOf(level_word);
+    CFrame& frame = *m_current;
+    int32_t& min_level = m_min_level[channel];
+    min_level = std::min(min_level, levelOf(level_word));
+    if (min_level == levelOf(level_word)) {
+        frame.m_key_mask = static_cast<uint8_t>(1U << channel);
+    }
+    frame.m_ordinal = ++m_ordinal[channel];
+    frame.m_begin = m_core.m_byte_total - static_cast<uint64_t>(frame.m_frame_len);
+    frame.m_channel_begin = m_channel_bytes[channel];
+    m_channel_bytes[channel] += static_cast<uint64_t>(frame.m_frame_len);
+    if (frame.m_frame_len < 1) {
+        ++m_hollow_num;
+    }
+}
+
+void FrameLine::open_next() {
+    CFrame* const next = m_store.make();
+    m_current->m_next = next;
+    m_current = next;
+    ++m_frame_num;
+}
+
+/// Whether a sender of the list stands on the frame, which must then stay.
+bool FrameLine::is_held(const CFrame& frame) const {
+    for (const SenderRecord* sender = frame.m_standing; sender != nullptr; sender = sender->m_standing_next) {
+        if (sender->m_list == &m_core) {
+            return true;
+        }
+    }
+    return false;
+}
+
+/// The one way in which a frame ends. It is unlinked already; senders that still stand on it, on the list or
+/// not, are taken care of first.
+void FrameLine::end(CFrame* frame) {
+    while (frame->m_standing != nullptr) {
+        frame->m_standing->rescue_frame();
+    }
+    if (frame->m_ordinal != 0 && frame->m_frame_len < 1) {
+        --m_hollow_num;
+    }
+    m_store.end(frame);
+}
+
+CFrame* FrameLine::unlink_head() {
+    CFrame* const head = m_head;
+    m_head = head->m_next;
+    --m_frame_num;
+    return head;
+}
+
+void FrameLine::drop_complete() {
+    while (m_head != nullptr && m_head->m_mark != 0) {
+        drop_head();
+    }
+    m_current = m_head;
+    m_core.m_byte_total = m_current != nullptr ? static_cast<uint64_t>(m_current->m_frame_len) : 0;
+    m_byte_discard = 0;
+}
+
+void FrameLine::reset() {
+    m_current = nullptr;
+    m_core.m_byte_total = 0;
+    m_byte_discard = 0;
+}
+
+uint64_t FrameLine::let_pass(uint64_t should_discard) {
+    uint64_t discard_byte = should_discard > m_byte_discard ? should_discard - m_byte_discard : 0;
+    if (MediaTrace::on()) {
+        MediaTrace::walk_ends(m_name, should_discard, m_byte_discard);
+    }
+    while (m_head != nullptr) {
+        const auto length = static_cast<uint64_t>(m_head->m_frame_len);
+        if (m_head->m_frame_len < 1 || discard_byte == 0 || discard_byte < length || is_held(*m_head)) {
+            return 0;
+        }
+        CFrame* const frame = unlink_head();
+        discard_byte -= length;
+        m_byte_discard += length;
+        if (MediaTrace::on()) {
+            MediaTrace::frame_passed(m_name, frame, frame->m_frame_len);
+        }
+        end(frame);
+    }
+    m_current = nullptr;
+    return discard_byte;
+}
+
+void FrameLine::age() {
+    for (CFrame* frame = m_head; frame != nullptr && frame->m_frame_len >= 1; frame = frame->m_next) {
+        if (frame->m_valid == 1) {
+            ++frame->m_age;
+        }
+        if (frame->level() <= 10 - frame->m_age / 10) {
+            continue;
+        }
+        const bool counted = frame->m_sender_count != 0 && !m_policy_only;
+        if (!counted && !is_held(*frame)) {
+            expire(*frame);
+            ++m_expired_frames;
+            m_expired_bytes += static_cast<uint64_t>(frame->m_frame_len);
+        }
+    }
+}
+
+void FrameLine::expire(CFrame& frame) {
+    frame.m_valid = 0;
+    frame.m_age = CFrame::AGE_EXPIRED;
+    ++m_expired_now;
+}
+
+void FrameLine::count_valid() {
+    uint32_t count = 0;
+    for (const CFrame* frame = m_head; frame != nullptr && frame->m_frame_len >= 1; frame = frame->m_next) {
+        if (frame->m_valid == 1 || frame->m_sent_len > 0) {
+            ++count;
+        }
+    }
+    m_valid_num.store(count, std::memory_order_relaxed);
+    if (MediaTrace::on() && count >= 2) {
+        MediaTrace::valid_frames(m_name, count, m_frame_num - count);
+    }
+}
+
+const CFrame* FrameLine::age_hollow(const CFrame* before) {
+    for (CFrame* frame = before != nullptr ? before->m_next : m_head; frame != nullptr;
+         frame = frame->m_next) {
+        if (!frame->is_hollow() || frame == m_current) {
+            continue;
+        }
+        const auto limit = static_cast<uint32_t>((11 - frame->level()) * STEPS_PER_LEVEL);
+        if (++frame->m_hollow_steps >= limit && !is_held(*frame)) {
+            expire(*frame);
+            return frame;
+        }
+    }
+    return nullptr;
+}
+
+/// The frame that is being filled is not a valid one either, and stays.
+void FrameLine::drop_expired() {
+    if (std::exchange(m_expired_now, 0) == 0) {
+        return;
+    }
+    CFrame* frame = std::exchange(m_head, nullptr);
+    CFrame** link = &m_head;
+    while (frame != nullptr) {
+        CFrame* const next = frame->m_next;
+        if (frame->m_valid != 0 || frame == m_current) {
+            frame->m_next = nullptr;
+            *link = frame;
+            link = &frame->m_next;
+        } else {
+            if (MediaTrace::on()) {
+                MediaTrace::frame_expired(m_name, frame, frame->m_frame_len, m_byte_discard);
+            }
+            --m_frame_num;
+            m_byte_discard += static_cast<uint64_t>(frame->m_frame_len);
+            end(frame);
+        }
+        frame = next;
+    }
+    if (m_head == nullptr) {
+        m_head = m_current;
+    }
+}
+
+uint64_t FrameLine::size() const {
+    uint64_t size = 0;
+    for (const CFrame* frame = m_head; frame != nullptr && frame->m_frame_len >= 1; frame = frame->m_next) {
+        size += static_cast<uint64_t>(frame->m_frame_len);
+    }
+    return size;
+}
+
+void FrameLine::add_stats(MediaBufferStats& stats) const {
+    stats.byte_total = m_core.m_byte_total;
+    stats.expired_frames = m_expired_frames;
+    stats.expired_bytes = m_expired_bytes;
+    for (const CFrame* frame = m_head; frame != nullptr; frame = frame->m_next) {
+        if (frame->m_valid == 0) {
+            continue;
+        }
+        ++stats.frames;
+        stats.bytes += static_cast<uint64_t>(frame->m_frame_len);
+        if (frame->m_sender_count != 0 && !m_policy_only && !is_held(*frame)) {
+            ++stats.pinned_frames;
+            stats.pinned_bytes += static_cast<uint64_t>(frame->m_frame_len);
+        }
+    }
+}
+
+}  // namespace Orvex::Reticor

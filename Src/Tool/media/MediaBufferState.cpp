@@ -1,0 +1,147 @@
+// MediaBufferState: what a packet or a tick sets off.
+#include "Tool/media/MediaBufferState.h"
+
+#include <algorithm>
+
+#include "Tool/frame/MediaTrace.h"
+#include "Tool/media/MediaStreamSender.h"
+
+namespace Orvex::Reticor {
+
+namespace {
+
+int clamp_level(int level_word) {
+    const int level = std::clamp(levelOf(level_word), FrameLine::LEVEL_MOST, FrameLine::LEVEL_LEAST);
+    return static_cast<int>((static_cast<uint32_t>(level_word) & 0xFF000000U) | static_cast<uint32_t>(level));
+}
+
+}  // namespace
+
+MediaBufferState::MediaBufferState(CMediaBuffer& owner)
+    : m_owner(owner), m_frames(*m_core, &owner), m_senders(*m_core), m_auto_send(*this) {
+    const CoreGuard guard(*m_core);
+    m_core->m_end = this;
+}
+
+MediaBufferState::~MediaBufferState() = default;
+
+void MediaBufferState::drop_leaving() {
+    for (SenderRecord* record = m_senders.first(); record != nullptr;) {
+        SenderRecord* const next = record->m_next;
+        if (record->m_leaving) {
+            del_sender(*record);
+        }
+        record = next;
+    }
+}
+
+void MediaBufferState::del_sender(SenderRecord& record) {
+    m_senders.remove(record);
+    if (m_senders.ran_empty()) {
+        m_frames.drop_complete();
+    }
+}
+
+int MediaBufferState::accept(CMediaPacket* packet, int len, int mark, int level) {
+    m_send_ready = false;
+    m_taps.show(packet, len, mark, level);
+    m_frames.begin_if_empty();
+    if (MediaTrace::on()) {
+        MediaTrace::packet_taken(&m_owner, packet, len, mark, level);
+    }
+    const int level_word = clamp_level(level);
+    m_frames.append(packet, len, mark, level_word);
+    return level_word;
+}
+
+void MediaBufferState::complete(int level_word) {
+    m_frames.complete(level_word);
+    if (!m_senders.has_sender()) {
+        m_frames.drop_complete();
+        return;
+    }
+    m_frames.offer();
+    m_send_ready = true;
+}
+
+uint64_t MediaBufferState::send_packet() {
+    m_frames.begin_if_empty();
+    uint64_t should_discard = m_frames.byte_discard();
+    uint64_t min_discard = m_core->m_byte_total;
+    const bool printing = MediaTrace::on();
+    if (printing) {
+        MediaTrace::walk_begins(&m_owner, should_discard, min_discard);
+    }
+    bool policy_only = m_senders.first() != nullptr;
+    CFrame* const offered = m_frames.current();
+    for (SenderRecord* record = m_senders.first(); record != nullptr;) {
+        record->fetch_next();
+        policy_only = policy_only && record->has_policy();
+        if (record->m_leaving || !join(*record)) {
+            record = record->m_next;
+            continue;
+        }
+        if (printing) {
+            MediaTrace::sender_begins(&m_owner, record->m_owner, offered);
+        }
+        const TurnEnd end = MediaSending(*record).run(offered);
+        if (end != TurnEnd::DONE) {
+            reportTurn(*record, end);
+        }
+        const uint64_t total = record->m_send_total;
+        if (printing) {
+            MediaTrace::sender_ends(&m_owner, record->m_owner,
+                                    isFailure(end) ? -1 : static_cast<long long>(total));
+        }
+        SenderRecord* const next = record->m_next;
+        if (isFailure(end)) {
+            if (printing) {
+                MediaTrace::sender_failed(&m_owner, next != nullptr ? next->m_owner : nullptr);
+            }
+            record->set_failed();
+            del_sender(*record);
+            if (!m_senders.has_sender()) {
+                m_frames.set_policy_only(policy_only);
+                return 0;
+            }
+        } else if (total <= min_discard) {
+            min_discard = total;
+            should_discard = total;
+        }
+        record = next;
+    }
+    m_frames.set_policy_only(policy_only);
+    return m_frames.let_pass(should_discard);
+}
+
+/// Gives a sender that has no place in the stream yet its place, at the frame on offer, if that is a key
+/// frame of its channel. False if it has to wait for another one. Between two frames the frame on offer is
+/// the empty one, which looks like a key frame of channel 0; the resume policy does not take it for one.
+bool MediaBufferState::join(SenderRecord& record) {
+    if (record.has_joined()) {
+        return true;
+    }
+    CFrame& frame = *m_frames.current();
+    if (record.m_frame != nullptr || !record.at_boundary()) {
+        record.leave_frame();
+    }
+    if (frame.level() > m_frames.min_level(frame.channel()) || (record.has_policy() && frame.m_valid == 0)) {
+        return false;
+    }
+    record.join(frame, m_core->m_byte_total - static_cast<uint64_t>(frame.m_frame_len));
+    return true;
+}
+
+void MediaBufferState::after_sending(bool has_packet, bool ages) {
+    if (ages) {
+        m_frames.age();
+    }
+    if (m_frames.current() == nullptr) {
+        m_frames.begin_if_empty();
+    } else if (has_packet) {
+        m_frames.open_next();
+    }
+    m_frames.count_valid();
+}
+
+}  // namespace Orvex::Reticor

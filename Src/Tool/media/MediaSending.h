@@ -1,0 +1,54 @@
+// MediaSending: what a sender writes each time that its buffer lets it go on.
+#pragma once
+
+#include "Tool/media/SenderRecord.h"
+
+namespace Orvex::Reticor {
+
+/// How a turn ended. Other data is told apart from frames, since lines tell it apart.
+enum class TurnEnd {
+    DONE,           ///< All written, or the socket took a part.
+    BLOCKED,        ///< The socket took nothing.
+    FAILED,         ///< The socket failed.
+    OTHER_BLOCKED,  ///< It took none of the other data.
+    OTHER_FAILED,   ///< It failed over other data.
+};
+
+constexpr bool isFailure(TurnEnd end) {
+    return end == TurnEnd::FAILED || end == TurnEnd::OTHER_FAILED;
+}
+
+/// One turn, and how the frames follow each other for a sender. Nothing is logged and nobody is told of a
+/// failure here: that is done by whoever gave the turn. A gap that the resume policy made is told, before the
+/// frame after it goes on.
+class MediaSending {
+public:
+    explicit MediaSending(SenderRecord& record) : m_record(record) {}
+
+    /// Writes what the socket takes, `frame` being the frame on offer. The sender must have a socket.
+    TurnEnd run(CFrame* frame) INFRA_REQUIRES(CORE_MUTEX);
+
+    /// Counts the rest of a half-written packet as written, and copies it. Results as
+    /// CMediaStreamSender::GetTailPacket.
+    int take_tail(char* buffer, int len) INFRA_REQUIRES(CORE_MUTEX);
+
+private:
+    /// What a part of a turn came to, besides its end.
+    enum class Progress { OVER, MORE };
+
+    Progress choose_frame(CSock& stream, CFrame* frame) INFRA_REQUIRES(CORE_MUTEX);
+    Progress write_frame(CSock& stream) INFRA_REQUIRES(CORE_MUTEX);
+    Progress finish_frame(CSock& stream) INFRA_REQUIRES(CORE_MUTEX);
+    bool other_data_waits(CSock& stream) INFRA_REQUIRES(CORE_MUTEX);
+    Progress over(TurnEnd end) {
+        m_end = end;
+        return Progress::OVER;
+    }
+    CFrame* next_frame(CFrame* frame) INFRA_REQUIRES(CORE_MUTEX);
+    bool is_for_it(const CFrame& frame) INFRA_REQUIRES(CORE_MUTEX);
+
+    SenderRecord& m_record;
+    TurnEnd m_end = TurnEnd::DONE;
+};
+
+}  // namespace Orvex::Reticor

@@ -1,0 +1,30 @@
+// ResumePolicy: at which frames a sender with a limit of lag may go on.
+#pragma once
+
+#include "Tool/media/SenderRecord.h"
+
+namespace Orvex::Reticor {
+
+/// What a sender does with a frame that it comes to.
+struct FrameDecision {
+    bool send;   ///< It takes the frame.
+    bool waits;  ///< After this its channel waits for a key frame.
+};
+
+/// A function of the sender's place and the frame alone. After a gap, and above the limit of lag, only a key
+/// frame within the limit will do.
+class ResumePolicy {
+public:
+    static FrameDecision decide(const SenderRecord& record, const CFrame& frame, uint64_t now_us)
+        INFRA_REQUIRES(CORE_MUTEX) {
+        const bool late = now_us > frame.m_complete_us + record.max_lag_us();
+        const bool follows = frame.m_ordinal == record.m_course[frame.channel()].m_last_ordinal + 1;
+        if (!late && follows && (record.m_lost_mask & frame.channel_bit()) == 0) {
+            return {true, false};
+        }
+        const bool resumes = !late && frame.is_key();
+        return {resumes, !resumes};
+    }
+};
+
+}  // namespace Orvex::Reticor

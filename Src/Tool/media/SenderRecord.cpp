@@ -1,0 +1,414 @@
+// SenderRecord: what a frame seldom needs: gaps, chains, frames that go away under a sender, and its coming.
+#include "Tool/media/SenderRecord.h"
+
+#include <algorithm>
+#include <cassert>
+#include <cstddef>
+#include <cstring>
+#include <utility>
+
+namespace Orvex::Reticor {
+
+namespace {
+
+/// A copy of the bytes of one packet, for a sender whose frame was let go while it was half-written.
+class CRestPacket : public CMediaPacket {
+public:
+    explicit CRestPacket(const iovec& bytes) : m_bytes(new char[bytes.iov_len]) {
+        if (bytes.iov_len != 0) {
+            std::memcpy(m_bytes.get(), bytes.iov_base, bytes.iov_len);
+        }
+    }
+    int Release() override {
+        delete this;
+        return 0;
+    }
+    char* GetBuffer() override { return m_bytes.get(); }
+
+private:
+    const std::unique_ptr<char[]> m_bytes;
+};
+
+constexpr uint64_t SECOND_US = 1000000;
+
+long pack_skip(uint64_t frames, uint64_t bytes) {
+    static_assert(sizeof(long) == 8, "an attachment holds both numbers");
+    constexpr uint64_t FRAMES_LIMIT = (1ULL << 23) - 1;
+    constexpr uint64_t BYTES_LIMIT = (1ULL << 40) - 1;
+    return static_cast<long>(std::min(frames, FRAMES_LIMIT) << 40 | std::min(bytes, BYTES_LIMIT));
+}
+
+}  // namespace
+
+static_assert(alignof(SenderRecord) == 64 && offsetof(SenderHotState, m_failed) < 64,
+              "what every frame touches is one cache line");
+static_assert(offsetof(SenderHotState, m_owner) == 64 && offsetof(SenderHotState, m_stats) + 16 <= 128,
+              "what a delivered frame touches besides is the next one");
+
+SenderRecord::~SenderRecord() {
+    delete m_send_proc;
+}
+
+std::shared_ptr<MediaCore> SenderRecord::core() {
+    Infra::CGuard guard(m_other_mutex);
+    return m_core;
+}
+
+std::shared_ptr<MediaCore> SenderRecord::enter_core() INFRA_NO_THREAD_SAFETY_ANALYSIS {  // for the caller
+    for (;;) {
+        std::shared_ptr<MediaCore> mine = core();
+        if (!mine) {
+            return mine;
+        }
+        mine->m_mutex.enter();
+        if (core() == mine) {
+            return mine;
+        }
+        mine->m_mutex.leave();  // It has moved meanwhile.
+    }
+}
+
+bool SenderRecord::change_core(const std::shared_ptr<MediaCore>& before,
+                               const std::shared_ptr<MediaCore>& after) {
+    Infra::CGuard guard(m_other_mutex);
+    if (m_core != before) {
+        return false;
+    }
+    m_core = after;
+    return true;
+}
+
+void SenderRecord::move_to(const std::shared_ptr<MediaCore>& core)
+    INFRA_NO_THREAD_SAFETY_ANALYSIS {  // enters by enter_core
+    const SenderRecord& state = *this;
+    for (bool moved = false; !moved;) {
+        const std::shared_ptr<MediaCore> before = enter_core();
+        if (!before) {
+            moved = change_core(nullptr, core);
+            continue;
+        }
+        if (before != core) {
+            assert(state.m_list == nullptr && "a sender can be on the list of one buffer only");
+            if (m_frame != nullptr && m_frame != m_tail) {
+                rescue_frame();
+            }
+            forget_order();
+            change_core(before, core);
+        }
+        before->m_mutex.leave();
+        moved = true;
+    }
+}
+
+// Coming.
+
+bool SenderRecord::Coming::note(const std::shared_ptr<MediaCore>& core) {
+    Infra::CGuard guard(m_mutex);
+    if (m_target == core) {
+        return false;
+    }
+    m_target = core;
+    if (!std::exchange(m_waits, true)) {
+        m_state.m_owner->AddRef();
+        TargetStepMark::await(*this);
+    }
+    return true;
+}
+
+bool SenderRecord::Coming::take_back(const MediaCore& core) {
+    std::shared_ptr<MediaCore> target;  // Outlives the lock.
+    Infra::CGuard guard(m_mutex);
+    if (m_target.get() != &core) {
+        return false;
+    }
+    target.swap(m_target);
+    return true;
+}
+
+// The note stands until the sender is on the list, so that whoever takes it off meanwhile finds it in one
+// place.
+void SenderRecord::Coming::come() {
+    for (;;) {
+        std::shared_ptr<MediaCore> target;
+        {
+            Infra::CGuard guard(m_mutex);
+            target = m_target;
+            if (!target) {
+                m_waits = false;
+                break;
+            }
+        }
+        m_state.move_to(target);
+        const CoreGuard guard(*target);
+        if (m_state.core() == target && take_back(*target) && target->m_end != nullptr) {
+            target->m_end->come(*m_state.m_owner);
+        }
+    }
+    m_state.m_owner->DecRef();
+}
+
+void SenderRecord::relink() {
+    if (m_linked != nullptr) {
+        *m_standing_link = m_standing_next;
+        if (m_standing_next != nullptr) {
+            m_standing_next->m_standing_link = m_standing_link;
+        }
+    }
+    m_linked = m_frame;
+    if (m_linked != nullptr) {
+        m_standing_link = &m_linked->m_standing;
+        m_standing_next = m_linked->m_standing;
+        if (m_standing_next != nullptr) {
+            m_standing_next->m_standing_link = &m_standing_next;
+        }
+        m_linked->m_standing = this;
+    }
+}
+
+void SenderRecord::drop_tail() {
+    delete std::exchange(m_tail, nullptr);
+}
+
+void SenderRecord::leave_frame() {
+    uncount();
+    m_counted = false;
+    m_frame = nullptr;
+    m_iovec_index = 0;
+    m_iovec_offset = 0;
+    m_frame_left = 0;
+    settle();
+}
+
+// A sender that failed has a connection that is over: of its frame at most the packet that is half on the
+// wire is of use to anybody.
+void SenderRecord::rescue_frame() {
+    const auto index = static_cast<uint32_t>(m_iovec_index);
+    if (at_boundary() || (m_failed && m_iovec_offset == 0)) {
+        leave_frame();
+    } else {
+        keep_rest(m_failed ? index + 1 : m_frame->m_packet_num);
+    }
+}
+
+/// Puts a private frame in the place of m_frame. It holds copies of the packets from the cursor up to `end`,
+/// the first one whole so that the cursor's offset stays, and an empty one before it if the cursor is between
+/// two packets, since it must not look like the beginning of a frame.
+void SenderRecord::keep_rest(uint32_t end) {
+    uncount();
+    m_counted = false;
+    CFrame* const rest = new CFrame;
+    auto index = static_cast<uint32_t>(m_iovec_index);
+    m_iovec_index = 0;
+    if (m_iovec_offset == 0) {
+        rest->Put(new CRestPacket(iovec{nullptr, 0}), 0, MEDIA_MARK_MORE, m_frame->m_level);
+        m_iovec_index = 1;
+    }
+    uint64_t left = 0;
+    for (; index < end; ++index) {
+        const iovec& entry = m_frame->m_iovec[index];
+        rest->Put(new CRestPacket(entry), static_cast<int>(entry.iov_len), m_frame->m_mark, m_frame->m_level);
+        left += entry.iov_len;
+    }
+    m_frame_left = left - static_cast<uint64_t>(m_iovec_offset);
+    rest->m_frame_len = m_frame->m_frame_len;  // what the send procedure is told
+    rest->m_info_arg = m_frame->m_info_arg;
+    m_tail = rest;
+    m_frame = rest;
+    settle();
+}
+
+void SenderRecord::forget_order() {
+    for (Course& course : m_course) {
+        course = Course();
+    }
+}
+
+// Settings.
+
+void SenderRecord::choose_channel(int channel) {
+    uint8_t mask = ALL_CHANNELS;
+    if (channel >= 0) {
+        mask = Infra::relaxedLoad(m_channel_mask);
+        mask = mask == ALL_CHANNELS ? uint8_t{0} : mask;
+        mask = static_cast<uint8_t>(mask | 1U << channel);
+    }
+    Infra::relaxedStore(m_channel_mask, mask);
+}
+
+void SenderRecord::give_up_channel(int channel) {
+    const uint8_t mask = Infra::relaxedLoad(m_channel_mask);
+    Infra::relaxedStore(m_channel_mask, mask & ~(1U << channel));
+}
+
+void SenderRecord::set_procedure(Infra::TFunction3<void, CMediaPacket*, int, int>* proc) {
+    Infra::CGuard guard(m_other_mutex);
+    delete m_send_proc;
+    Infra::relaxedStore(m_send_proc, proc);
+}
+
+// The procedure may replace itself, and another thread may at any time, so a copy is called.
+void SenderRecord::call_procedure() {
+    Infra::TFunction3<void, CMediaPacket*, int, int> proc;
+    {
+        Infra::CGuard guard(m_other_mutex);
+        if (m_send_proc == nullptr) {
+            return;
+        }
+        proc = *m_send_proc;
+    }
+    proc(m_frame->m_info_packet, m_frame->m_info_arg, static_cast<int>(m_frame->m_frame_len));
+}
+
+// The place in the stream.
+
+void SenderRecord::join(CFrame& frame, uint64_t position) {
+    m_send_total = position;
+    take_frame(&frame);
+    m_joined = true;
+}
+
+void SenderRecord::step_over(const CFrame& frame) {
+    const uint8_t bit = frame.channel_bit();
+    if (frame.m_valid == 0) {
+        m_lost_mask = static_cast<uint8_t>(m_lost_mask | bit);
+    }
+    m_send_total += static_cast<uint64_t>(frame.m_frame_len);
+    Course& course = m_course[frame.channel()];
+    if ((Infra::relaxedLoad(m_channel_mask) & bit) == 0) {
+        course.m_last_ordinal = 0;
+    } else {
+        ++course.m_stepped_frames;
+        course.m_stepped_bytes += static_cast<uint64_t>(frame.m_frame_len);
+    }
+}
+
+void SenderRecord::count_gap(Course& course) {
+    const CFrame& frame = *m_frame;
+    const uint64_t stepped_frames = std::exchange(course.m_stepped_frames, 0);
+    const uint64_t stepped_bytes = std::exchange(course.m_stepped_bytes, 0);
+    if (course.m_last_ordinal == 0 || frame.m_ordinal <= course.m_last_ordinal) {
+        return;  // It begins with this channel: what came before was never meant for it.
+    }
+    const uint64_t frames = frame.m_ordinal - course.m_last_ordinal - 1;
+    const uint64_t bytes = frame.m_channel_begin - course.m_end;
+    m_stats.skipped_frames += stepped_frames;
+    m_stats.skipped_bytes += stepped_bytes;
+    if (frames > stepped_frames) {
+        ++m_stats.holes;
+        m_stats.hole_frames += frames - stepped_frames;
+        m_stats.hole_bytes += bytes - stepped_bytes;
+    }
+    if (has_policy()) {
+        ++m_stats.skips;
+        if (const long id = Infra::relaxedLoad(m_skip_id)) {
+            notify(id, Infra::relaxedLoad(m_skip_msg), pack_skip(frames, bytes));
+        }
+    }
+}
+
+// The cursor.
+
+void SenderRecord::change_frame(CFrame* next) {
+    if (next != m_frame) {
+        uncount();
+        m_frame = next;
+        m_counted = false;
+        if (next != nullptr) {
+            take_frame(next);
+        }
+    }
+    if (next != nullptr) {
+        m_frame_left = static_cast<uint64_t>(next->m_frame_len);
+    }
+}
+
+void SenderRecord::stand_on(CFrame* frame) {
+    m_frame = frame;
+    m_frame_left = frame != nullptr ? static_cast<uint64_t>(frame->m_frame_len) : 0;
+}
+
+/// Moves the cursor over what a partial write took.
+void SenderRecord::pass_written(uint64_t written) {
+    const iovec* const entries = m_frame->m_iovec;
+    m_frame_left -= written;
+    const uint64_t first = entries[m_iovec_index].iov_len - static_cast<uint64_t>(m_iovec_offset);
+    if (written < first) {
+        m_iovec_offset += static_cast<int32_t>(written);
+        return;
+    }
+    written -= first;
+    ++m_iovec_index;
+    while (written >= entries[m_iovec_index].iov_len) {
+        written -= entries[m_iovec_index].iov_len;
+        ++m_iovec_index;
+    }
+    m_iovec_offset = static_cast<int32_t>(written);
+}
+
+bool SenderRecord::pass_tail(uint64_t tail) {
+    ++m_iovec_index;
+    m_frame_left -= tail;
+    m_iovec_offset = 0;
+    m_send_total += tail;
+    m_frame->m_sent_len += static_cast<int64_t>(tail);
+    return m_frame_left == 0;
+}
+
+CFrame* SenderRecord::end_tail() {
+    CFrame& frame = *m_frame;
+    frame.m_sent_len -= frame.m_frame_len;
+    uncount();
+    m_iovec_index = 0;
+    finished();
+    return frame.m_next;
+}
+
+void SenderRecord::note_blocked() {
+    ++m_block_count;
+    const uint64_t now_us = now();
+    if (m_block_time == 0) {
+        m_block_time = now_us;
+    }
+}
+
+bool SenderRecord::has_stalled() {
+    return now() - m_block_time >= Infra::relaxedLoad(m_send_timeout) * SECOND_US;
+}
+
+// Lists.
+
+void SenderRecord::come_to_list(MediaCore& list, SenderRecord* next) {
+    m_owner->AddRef();
+    m_list = &list;
+    m_leaving = false;
+    m_failed = false;
+    m_next = next;
+}
+
+void SenderRecord::leave_list() {
+    m_next = nullptr;
+    m_list->m_gone.push_back(m_owner);
+    m_list = nullptr;
+    m_leaving = false;
+    uncount();
+    forget_order();
+}
+
+MediaSenderStats SenderRecord::stats() {
+    MediaSenderStats stats = m_stats;
+    const uint64_t now_us = Infra::CTime::getCurrentMicroSecond();
+    stats.joined = m_joined;
+    stats.listed = m_list != nullptr;
+    if (stats.joined && stats.listed && m_list->m_byte_total > m_send_total) {
+        stats.backlog_bytes = m_list->m_byte_total - m_send_total;
+    }
+    if (m_frame != nullptr && m_frame != m_tail && m_frame->m_complete_us != 0) {
+        stats.lag_us = now_us - m_frame->m_complete_us;
+    }
+    if (m_block_time != 0) {
+        stats.blocked_us = now_us - m_block_time;
+    }
+    return stats;
+}
+
+}  // namespace Orvex::Reticor

@@ -1,0 +1,302 @@
+// SenderRecord: the state of one sender, in the order in which a frame touches it.
+#pragma once
+
+#include <Reticor/MediaStreamSender.h>
+
+#include <cstdint>
+#include <memory>
+
+#include <Infra/Atomic.h>
+#include <Infra/LockClasses.h>
+#include <Infra/Mutex.h>
+#include <Infra/Time.h>
+
+#include "Tool/frame/MediaFrame.h"
+#include "Tool/media/MediaStep.h"
+#include "Tool/media/OtherData.h"
+#include "Tool/media/TargetStepMark.h"
+
+namespace Orvex::Reticor {
+
+/// What each frame touches of a sender, first and close together.
+struct alignas(64) SenderHotState {
+    static constexpr int CHANNELS = 8;
+    static constexpr uint8_t ALL_CHANNELS = 255;
+
+    /// How far it has come on one channel.
+    struct Course {
+        uint64_t m_last_ordinal = 0;    ///< Of the last frame begun; 0: none since it chose the channel.
+        uint64_t m_end = 0;             ///< Where that frame ended in the bytes of its channel.
+        uint64_t m_stepped_frames = 0;  ///< Stepped over since then.
+        uint64_t m_stepped_bytes = 0;
+    };
+
+    // One cache line, and a second one up to the first two counters; each frame touches them and a Course.
+    uint64_t m_send_total = 0;              ///< Position in the stream; 0: not joined.
+    SenderRecord* m_next = nullptr;         ///< In the buffer's list.
+    CSock* m_stream = nullptr;              ///< Borrowed. Read and written without a lock.
+    CFrame* m_frame = nullptr;              ///< Null when it has caught up.
+    int32_t m_iovec_index = 0;              ///< Entry to write next.
+    int32_t m_iovec_offset = 0;             ///< Bytes of it that are written.
+    uint64_t m_frame_left = 0;              ///< Bytes of the frame still to write.
+    uint32_t m_block_count = 0;             ///< Writes in a row that would block.
+    int32_t m_other_len = 0;                ///< Changed under m_other_mutex; read without it to see a 0.
+    uint8_t m_channel_mask = ALL_CHANNELS;  ///< No lock.
+    uint8_t m_lost_mask = 0;                ///< Channels that wait for a key frame.
+    bool m_joined = false;                  ///< Has been given a place in the stream.
+    bool m_counted = false;                 ///< m_frame's m_sender_count has this sender in it.
+    bool m_leaving = false;                 ///< To be taken off as soon as the operation ends.
+    bool m_failed = false;                  ///< Taken off by a socket failure.
+
+    CMediaStreamSender* m_owner = nullptr;  ///< Whose record it is.
+    uint64_t m_block_time = 0;  ///< us; of the first write since the last finished frame that would block.
+    /// Null without. Changed under m_other_mutex; read without it to see the null.
+    Infra::TFunction3<void, CMediaPacket*, int, int>* m_send_proc = nullptr;
+    uint64_t m_max_lag_us = 0;    ///< The resume policy; 0: none. No lock.
+    MediaCore* m_list = nullptr;  ///< The core of the buffer whose list it is on, or null.
+    CFrame* m_linked = nullptr;   ///< The frame whose chain of standing senders it is in.
+    MediaSenderStats m_stats;
+
+    Course m_course[CHANNELS];
+};
+
+/// What a sender knows: its place in the stream, the cursor in its frame, its links, its settings and
+/// counters. Guarded by the mutex of m_core but for what says otherwise; nobody but its own operations writes
+/// it. What each delivered frame touches comes first and close together, so all of it is one record.
+struct SenderRecord : SenderHotState {
+    explicit SenderRecord(CMediaStreamSender& owner) { m_owner = &owner; }
+    ~SenderRecord();
+    SenderRecord(const SenderRecord&) = delete;
+    SenderRecord& operator=(const SenderRecord&) = delete;
+
+    static constexpr uint64_t NO_TIMEOUT_S = 0xFFFFFFFF;
+
+    /// The way to a buffer's list for a sender that was added inside a call-back.
+    class Coming : public StepGuest_IF {
+    public:
+        explicit Coming(SenderRecord& state) : m_state(state) {}
+
+        /// The sender comes to the list of `core` when the thread is out of all call-backs. False if that was
+        /// noted already.
+        bool note(const std::shared_ptr<MediaCore>& core);
+        /// Takes back that it comes to `core`; true if that was noted.
+        bool take_back(const MediaCore& core);
+        void come() override;
+
+    private:
+        SenderRecord& m_state;
+        Infra::CMutex m_mutex{Infra::LockClass::MEDIA_COMING};          ///< Comes after the core's.
+        std::shared_ptr<MediaCore> m_target INFRA_GUARDED_BY(m_mutex);  ///< Null: it comes to none.
+        /// A thread has it as its guest, and it holds a reference on the sender.
+        bool m_waits INFRA_GUARDED_BY(m_mutex) = false;
+    };
+
+    CFrame* m_tail =
+        nullptr;  ///< A private copy of what was left of a frame, owned; m_frame while it is set.
+    SenderRecord* m_standing_next = nullptr;
+    SenderRecord** m_standing_link = nullptr;  ///< What points at it in that chain.
+    long m_exception_id = 0;                   ///< No lock.
+    uint64_t m_send_timeout = NO_TIMEOUT_S;    ///< s. No lock.
+    long m_skip_id = 0;                        ///< No lock.
+    unsigned m_skip_msg = 0;                   ///< No lock.
+
+    /// Comes after the core's mutex. Also guards changes of m_core.
+    Infra::CMutex m_other_mutex{Infra::LockClass::MEDIA_OTHER};
+    /// The buffer whose list it is on or was on last. Changes under m_other_mutex and the old core's mutex.
+    std::shared_ptr<MediaCore> m_core INFRA_GUARDED_BY(m_other_mutex);
+    Coming m_coming{*this};
+    OtherData m_other{m_other_mutex, m_other_len};
+
+    /// For the tests and for the buffer.
+    static SenderRecord& of(CMediaStreamSender& sender) { return *sender.m_state; }
+
+    /// What the next sender's turn will touch is on its way while this one's write is in the kernel, which
+    /// leaves little of it in the caches.
+    void fetch_next() const INFRA_REQUIRES(CORE_MUTEX) {
+        if (m_next != nullptr) {
+            const char* const lines = reinterpret_cast<const char*>(m_next);
+            __builtin_prefetch(lines, 1);
+            __builtin_prefetch(lines + 64, 1);
+            __builtin_prefetch(m_next->m_course, 1);
+        }
+    }
+
+    // Settings, from any thread without a lock.
+
+    uint64_t max_lag_us() const { return Infra::relaxedLoad(m_max_lag_us); }
+    bool has_policy() const { return max_lag_us() != 0; }
+    void choose_channel(int channel);
+    void give_up_channel(int channel);
+
+    // The core.
+
+    std::shared_ptr<MediaCore> core();
+    /// The core, with its mutex entered: it is still this sender's. Null, and nothing is entered, without
+    /// one.
+    std::shared_ptr<MediaCore> enter_core();
+    /// Becomes a sender of `core`. One that was on another buffer's list before still has its cursor there,
+    /// and takes along what it needs of that. Enters the other core's mutex: the thread must hold none, or
+    /// that one.
+    void move_to(const std::shared_ptr<MediaCore>& core);
+    uint64_t now() INFRA_REQUIRES(CORE_MUTEX) {
+        return m_list != nullptr ? m_list->now() : Infra::CTime::getCurrentMicroSecond();
+    }
+
+    // The place in the stream.
+
+    /// Has a place, and goes on from it.
+    bool has_joined() const INFRA_REQUIRES(CORE_MUTEX) { return has_policy() ? m_joined : m_send_total != 0; }
+    /// Gets its place, at the beginning of `frame`.
+    void join(CFrame& frame, uint64_t position) INFRA_REQUIRES(CORE_MUTEX);
+    /// The frame is not for it: its bytes count as passed.
+    void step_over(const CFrame& frame) INFRA_REQUIRES(CORE_MUTEX);
+    /// Whether the frame's channel waits for a key frame from now on.
+    void set_waits(const CFrame& frame, bool waits) INFRA_REQUIRES(CORE_MUTEX) {
+        const uint8_t bit = frame.channel_bit();
+        m_lost_mask = static_cast<uint8_t>(waits ? m_lost_mask | bit : m_lost_mask & ~bit);
+    }
+    /// With the policy: nothing before the end of the stream will be sent to a sender that has caught up.
+    void pass_all_if_caught_up() INFRA_REQUIRES(CORE_MUTEX) {
+        if (m_frame == nullptr && has_policy() && m_joined && m_list != nullptr) {
+            m_send_total = m_list->m_byte_total;
+        }
+    }
+    /// Forgets which frames came last, so that the next ones are neither holes nor followers.
+    void forget_order() INFRA_REQUIRES(CORE_MUTEX);
+
+    // The cursor.
+
+    bool at_boundary() const INFRA_REQUIRES(CORE_MUTEX) { return m_iovec_index == 0 && m_iovec_offset == 0; }
+    /// Stands at the start of `frame`, and is counted there.
+    void take_frame(CFrame* frame) INFRA_REQUIRES(CORE_MUTEX) {
+        ++frame->m_sender_count;
+        m_counted = true;
+        m_frame = frame;
+        m_iovec_index = 0;
+        m_iovec_offset = 0;
+        m_frame_left = static_cast<uint64_t>(frame->m_frame_len);
+    }
+    /// Goes from the frame that it stands at to `next`, which may be the same one or null.
+    void change_frame(CFrame* next) INFRA_REQUIRES(CORE_MUTEX);
+    /// Stands at `frame` or at none, and is not counted.
+    void stand_on(CFrame* frame) INFRA_REQUIRES(CORE_MUTEX);
+    /// Gives the frame up, and the cursor.
+    void leave_frame() INFRA_REQUIRES(CORE_MUTEX);
+    /// With the policy: the frame's count no longer has this sender in it. Without it a frame that a sender
+    /// leaves half-way stays counted, and so outlives its age.
+    void uncount() INFRA_REQUIRES(CORE_MUTEX) {
+        if (m_counted && has_policy()) {
+            --m_frame->m_sender_count;
+            m_counted = false;
+        }
+    }
+
+    // What became of a write.
+
+    /// The socket took these bytes of the frame. True if that was all of it.
+    bool note_written(uint32_t written) INFRA_REQUIRES(CORE_MUTEX) {
+        m_block_count = 0;
+        if (at_boundary()) {
+            begin_frame();
+        }
+        m_send_total += written;
+        m_stats.bytes += written;
+        m_frame->m_sent_len += written;
+        if (written == m_frame_left) {
+            return true;
+        }
+        pass_written(written);
+        return false;
+    }
+    /// The frame is over: calls the procedure, and gives the frame after it. The sender then stands at none.
+    CFrame* end_frame() INFRA_REQUIRES(CORE_MUTEX) {
+        CFrame& frame = *m_frame;
+        frame.m_sent_len -= frame.m_frame_len;
+        if (m_counted || !has_policy()) {
+            --frame.m_sender_count;
+        }
+        m_iovec_index = 0;
+        m_iovec_offset = 0;
+        m_block_time = 0;
+        finished();
+        m_frame = nullptr;
+        m_frame_left = 0;
+        return frame.m_next;
+    }
+    /// The rest of the entry at the cursor counts as written. True if that was the rest of the frame.
+    bool pass_tail(uint64_t tail) INFRA_REQUIRES(CORE_MUTEX);
+    /// As end_frame, after pass_tail; the sender still stands at the frame.
+    CFrame* end_tail() INFRA_REQUIRES(CORE_MUTEX);
+    /// The socket failed: what it took of the frame does not count there any more.
+    void take_back_sent() INFRA_REQUIRES(CORE_MUTEX) {
+        m_frame->m_sent_len += static_cast<int64_t>(m_frame_left) - m_frame->m_frame_len;
+    }
+    void note_blocked() INFRA_REQUIRES(CORE_MUTEX);
+    void note_unblocked() INFRA_REQUIRES(CORE_MUTEX) {
+        m_block_count = 0;
+        m_block_time = 0;
+    }
+    /// It has not finished a frame for as long as is allowed.
+    bool has_stalled() INFRA_REQUIRES(CORE_MUTEX);
+
+    // Links.
+
+    /// Comes to a list, at the head, `next` being the head so far.
+    void come_to_list(MediaCore& list, SenderRecord* next) INFRA_REQUIRES(CORE_MUTEX);
+    /// Every way off the list. Where the sender stands stays with it, should it come back.
+    void leave_list() INFRA_REQUIRES(CORE_MUTEX);
+    void set_next(SenderRecord* next) INFRA_REQUIRES(CORE_MUTEX) { m_next = next; }
+    void set_leaving() INFRA_REQUIRES(CORE_MUTEX) { m_leaving = true; }
+    void set_failed() INFRA_REQUIRES(CORE_MUTEX) { m_failed = true; }
+    /// Brings the frames' chains in line with m_frame. Every change of m_frame ends with it before a frame
+    /// can be deleted.
+    void settle() INFRA_REQUIRES(CORE_MUTEX) {
+        if (m_linked != m_frame) {
+            relink();
+        }
+        if (m_tail != nullptr && m_frame != m_tail) {
+            drop_tail();
+        }
+    }
+    /// m_frame is about to be deleted: what the sender still needs of it is copied.
+    void rescue_frame() INFRA_REQUIRES(CORE_MUTEX);
+
+    // The rest.
+
+    /// Takes `proc`, which may be null, in place of the one before. The record deletes it.
+    void set_procedure(Infra::TFunction3<void, CMediaPacket*, int, int>* proc);
+    MediaSenderStats stats() INFRA_REQUIRES(CORE_MUTEX);
+    /// A message from the sender.
+    void notify(long id, unsigned msg, long attach) { m_owner->Notify(id, msg, attach); }
+
+private:
+    bool change_core(const std::shared_ptr<MediaCore>& before, const std::shared_ptr<MediaCore>& after);
+    /// The first bytes of a frame have gone out: from here on it is the last one of its channel.
+    void begin_frame() INFRA_REQUIRES(CORE_MUTEX) {
+        const CFrame& frame = *m_frame;
+        Course& course = m_course[frame.channel()];
+        if (frame.m_ordinal != course.m_last_ordinal + 1) {
+            count_gap(course);
+        }
+        course.m_last_ordinal = frame.m_ordinal;
+        course.m_end = frame.m_channel_begin + static_cast<uint64_t>(frame.m_frame_len);
+        if (has_policy()) {
+            m_send_total = frame.m_begin;
+        }
+    }
+    void finished() INFRA_REQUIRES(CORE_MUTEX) {
+        ++m_stats.frames;
+        m_counted = false;
+        if (Infra::relaxedLoad(m_send_proc) != nullptr) {
+            call_procedure();
+        }
+    }
+    void count_gap(Course& course) INFRA_REQUIRES(CORE_MUTEX);
+    void pass_written(uint64_t written) INFRA_REQUIRES(CORE_MUTEX);
+    void call_procedure() INFRA_REQUIRES(CORE_MUTEX);
+    void relink() INFRA_REQUIRES(CORE_MUTEX);
+    void drop_tail() INFRA_REQUIRES(CORE_MUTEX);
+    void keep_rest(uint32_t end) INFRA_REQUIRES(CORE_MUTEX);
+};
+
+}  // namespace Orvex::Reticor
