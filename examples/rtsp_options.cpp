@@ -10,8 +10,8 @@
 //    in a line end it never fails;
 //  - CStrParser as an editor: an address and a number are replaced where they stand in a prepared text;
 //  - foreign bytes are bounded: so much for a request, so long without one, and a bad one is the last;
-//  - whoever is put out still gets the answer: the connection is closed for writing first, since closing it with
-//    bytes unread would make the system throw away what is on its way.
+//  - whoever is put out still gets the answer: the connection is closed for writing first, since closing it
+//    with bytes unread would make the system throw away what is on its way.
 #include <sys/socket.h>
 #include <algorithm>
 #include <cstdio>

@@ -32,7 +32,8 @@ using LoadKit::processorTime;
 constexpr uint64_t kSecond = 1000000000;  // ns
 constexpr uint64_t kStep = kSecond / 50;  // how often a slow client reads
 constexpr int kSlowRoom = 16384;          // bytes that the kernel takes for a client that is not fast
-// And for a fast one: some seconds of pictures, so that one whose process waits for a processor is not taken for slow.
+// And for a fast one: some seconds of pictures, so that one whose process waits for a processor is not
+// taken for slow.
 constexpr int kFastRoom = 1 << 22;
 constexpr double kSettle = 2;      // s, before which memory still settles
 constexpr double kStallSlack = 4;  // s; a stalled client is gone so long after its time at the latest

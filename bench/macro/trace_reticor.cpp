@@ -1,6 +1,6 @@
-// trace_reticor COUNT LEVEL [WORDS...]: that number of events of one socket, one after another, with the log at a
-// level and, if there are words, one `ntf` command after them. For bench/trace_cost, which counts the
-// instructions of an event. Log lines are formatted and dropped.
+// trace_reticor COUNT LEVEL [WORDS...]: that number of events of one socket, one after another, with the
+// log at a level and, if there are words, one `ntf` command after them. For bench/trace_cost, which counts
+// the instructions of an event. Log lines are formatted and dropped.
 #include <sys/socket.h>
 #include <unistd.h>
 

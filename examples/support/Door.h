@@ -19,8 +19,8 @@ namespace example {
 
 using namespace Orvex::Reticor;
 
-/// What a client is counted by: its address; of an IPv6 address the first half, since one host has all of the second
-/// half to itself. Empty if the client has gone.
+/// What a client is counted by: its address; of an IPv6 address the first half, since one host has all of
+/// the second half to itself. Empty if the client has gone.
 inline std::string originOf(const CSockStream& peer) {
     sockaddr_in6 address{};
     socklen_t length = sizeof address;
@@ -38,8 +38,9 @@ inline std::string originOf(const CSockStream& peer) {
     return std::string(bytes, IN6_IS_ADDR_LINKLOCAL(&address.sin6_addr) ? 16 : 8);
 }
 
-/// Whoever finds no place is told so at once, by the end of the connection: a client that waits in the kernel's queue
-/// for a place cannot tell that from a server that hangs. It is counted, and a line a second tells of all of them.
+/// Whoever finds no place is told so at once, by the end of the connection: a client that waits in the
+/// kernel's queue for a place cannot tell that from a server that hangs. It is counted, and a line a second
+/// tells of all of them.
 ///
 /// Thread safety: for the listener, under its mutex; `turnedAway` is for any thread.
 class Door {
@@ -65,8 +66,8 @@ public:
 
     enum class Outcome { TURNED_AWAY, NOBODY_WAITS, NO_DESCRIPTOR };
 
-    /// To be called when accept has failed for want of a descriptor. Takes the client that waits with a descriptor kept
-    /// for this, and closes it.
+    /// To be called when accept has failed for want of a descriptor. Takes the client that waits with a
+    /// descriptor kept for this, and closes it.
     Outcome turnAway(int listener) {
         close(m_spare);
         const int client = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);

@@ -50,18 +50,18 @@ protected:
     Roster& m_roster;
 };
 
-/// A listening socket. Calls `create` with every connection that is let in; `create` detaches the socket from what it
-/// is given, which is closed otherwise. Whom the door turns away is closed at once.
+/// A listening socket. Calls `create` with every connection that is let in; `create` detaches the socket
+/// from what it is given, which is closed otherwise. Whom the door turns away is closed at once.
 ///
-/// A connection that waits and cannot be accepted keeps the listening socket ready, and handle_input would be called
-/// again at once, for ever. So when there is not even a descriptor to turn somebody away with, the listener rests: it
-/// takes the socket out of the watch and comes back by a timer.
+/// A connection that waits and cannot be accepted keeps the listening socket ready, and handle_input would
+/// be called again at once, for ever. So when there is not even a descriptor to turn somebody away with,
+/// the listener rests: it takes the socket out of the watch and comes back by a timer.
 class Listener : public Member {
 public:
     using Create = std::function<void(CSockStream&)>;
 
-    /// At most `per_address` clients come from one address; 0 is no limit. Null if the address cannot be listened on;
-    /// the library has logged why.
+    /// At most `per_address` clients come from one address; 0 is no limit. Null if the address cannot be
+    /// listened on; the library has logged why.
     static Listener* Open(Roster& roster, const CSockAddr& local, size_t per_address, Create create) {
         auto* self = new Listener(roster, per_address, std::move(create));
         self->AddRef();  // keeps it until DecRef, whatever start and Close bring about on other threads

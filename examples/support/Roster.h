@@ -11,8 +11,8 @@
 
 namespace example {
 
-/// The handlers that are open, and where their clients come from. Outlives them all, so that main can wait for the
-/// last one.
+/// The handlers that are open, and where their clients come from. Outlives them all, so that main can wait
+/// for the last one.
 class Roster {
 public:
     /// `origin` is what the member's client is counted by; empty for a member without one.

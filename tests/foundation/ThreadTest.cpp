@@ -316,8 +316,8 @@ void countSignal(int) {
     ++g_signals;
 }
 
-// Every two milliseconds a signal to the thread that made it. The kernel sends them, so no other thread has to run for
-// that.
+// Every two milliseconds a signal to the thread that made it. The kernel sends them, so no other thread has
+// to run for that.
 class SignalsToThisThread {
 public:
     SignalsToThisThread() {

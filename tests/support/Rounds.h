@@ -7,9 +7,9 @@
 
 namespace Orvex::Testing {
 
-/// That number of rounds, but no further one once a quarter of a minute is over. Where threads wait for each other at every step,
-/// a step costs a turn of the system's scheduler on a machine with other work, and a fixed number of them minutes: that
-/// looked like a hang. Fewer rounds race all the same.
+/// That number of rounds, but no further one once a quarter of a minute is over. Where threads wait for
+/// each other at every step, a step costs a turn of the system's scheduler on a machine with other work,
+/// and a fixed number of them minutes: that looked like a hang. Fewer rounds race all the same.
 class Rounds {
 public:
     explicit Rounds(int most) : m_left(most) {}

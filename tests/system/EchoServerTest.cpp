@@ -167,8 +167,8 @@ TEST(EchoServerTest, ServesFourThousandConnectionsAtOnce) {
     EXPECT_EQ(server.end(), 0);
 }
 
-// More than a pool can watch: whoever is beyond that learns it at once, and need not wait until one of the others
-// leaves.
+// More than a pool can watch: whoever is beyond that learns it at once, and need not wait until one of the
+// others leaves.
 TEST(EchoServerTest, ClosesConnectionsThatItsPoolHasNoPlaceFor) {
     constexpr int kPlaces = 4089;  // of the 4090 members one is the listener
     allowDescriptors(kPlaces + 200);
@@ -262,7 +262,8 @@ TEST(EchoServerTest, ClosesWhoeverItHasNoDescriptorFor) {
     EXPECT_EQ(0, server.end());
 }
 
-// The descriptor that is kept for turning clients away is of no use either: the server rests, and looks again.
+// The descriptor that is kept for turning clients away is of no use either: the server rests, and looks
+// again.
 TEST(EchoServerTest, RestsWhileNoDescriptorCanBeOpened) {
     ServerProgram server("echo_server");
     EXPECT_TRUE(TcpClient(server.port()).echoes("nothing is scarce yet"));

@@ -13,8 +13,9 @@ using nlohmann::json;
 
 namespace {
 
-/// What ffprobe finds in some seconds of a video or audio stream ('v' or 'a'), its complaints included. They are counted
-/// from the first packet of that stream: which kind comes first depends on where the player joins.
+/// What ffprobe finds in some seconds of a video or audio stream ('v' or 'a'), its complaints included.
+/// They are counted from the first packet of that stream: which kind comes first depends on where the
+/// player joins.
 std::string probe(const std::string& url, char kind, int seconds) {
     ChildProcess ffprobe(
         {"sh", "-c",
@@ -43,8 +44,8 @@ int field(const std::string& text, const std::string& codec, const std::string& 
     return at == std::string::npos ? -1 : std::atoi(text.c_str() + at + name.size() + 1);
 }
 
-/// The options with which no client is slow, however long its process waits for a processor: the kernel holds for it
-/// more than these tests play, and nobody is made to skip.
+/// The options with which no client is slow, however long its process waits for a processor: the kernel
+/// holds for it more than these tests play, and nobody is made to skip.
 std::vector<std::string> patient(std::vector<std::string> options) {
     options.insert(options.end(), {"--sndbuf", "4194304", "--max-lag", "0"});
     return options;

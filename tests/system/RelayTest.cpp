@@ -230,8 +230,8 @@ TEST(RelayTest, LetsNoAddressTakeMoreThanItsShare) {
     EXPECT_EQ(0, relay.end());
 }
 
-// The fast client's kernel takes what comes, also while the test waits for a processor: 3 KB a picture are little enough
-// for the small buffer on the relay's side.
+// The fast client's kernel takes what comes, also while the test waits for a processor: 3 KB a picture are
+// little enough for the small buffer on the relay's side.
 TEST(RelayTest, GivesASlowClientWholePicturesAndFewer) {
     RelayProgram relay({"--fps", "50", "--size", "160x120", "--max-lag", "200", "--sndbuf", "8192"});
     Viewer slow(relay, "/live.mjpg", 4096);

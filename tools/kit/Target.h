@@ -43,8 +43,8 @@ public:
         return true;
     }
 
-    /// A new connection, which is the caller's; one that does not block may still be on its way. -1 with errno if there
-    /// is none.
+    /// A new connection, which is the caller's; one that does not block may still be on its way. -1 with
+    /// errno if there is none.
     int connect(const Manner& manner) const {
         const int kind = SOCK_STREAM | SOCK_CLOEXEC | (manner.blocking ? 0 : SOCK_NONBLOCK);
         const int fd = socket(m_address.ss_family, kind, 0);

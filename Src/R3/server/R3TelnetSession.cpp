@@ -47,8 +47,8 @@ constexpr char BANNER[] =
 
 constexpr int DRAIN_LIMIT = 64;
 
-// A socket that closes with unread bytes is reset, and a reset takes from the client what it has not read yet.
-// So what has come is read away first, without waiting for more, and in bounds.
+// A socket that closes with unread bytes is reset, and a reset takes from the client what it has not read
+// yet. So what has come is read away first, without waiting for more, and in bounds.
 void drain(CSockStream& sock) {
     ::shutdown(sock.GetHandle(), SHUT_WR);
     char rest[1024];

@@ -25,8 +25,8 @@ namespace {
 
 constexpr int kLimit_ms = 30000;
 
-/// Signals as a terminal hands them to a program: what the test was started from may have them ignored, a shell in the
-/// background for example, and a script cannot trap what was ignored when it began.
+/// Signals as a terminal hands them to a program: what the test was started from may have them ignored, a
+/// shell in the background for example, and a script cannot trap what was ignored when it began.
 void take_default_signals() {
     for (const int number : {SIGHUP, SIGINT, SIGQUIT, SIGPIPE, SIGTERM}) {
         ::signal(number, SIG_DFL);

@@ -49,8 +49,8 @@ inline std::string statusOf(const std::string& answer) {
 }
 
 /// Makes a transport stream with a test picture of 25 frames a second and a key frame every `group` of them,
-/// and a tone if `sound`. The result is the file's name. A small picture costs an encoder little: some take half a minute
-/// for a larger one on a busy machine.
+/// and a tone if `sound`. The result is the file's name. A small picture costs an encoder little: some take
+/// half a minute for a larger one on a busy machine.
 inline std::string makeStream(const TempFolder& folder, const std::string& codec, int seconds, int group = 25,
                               bool sound = true, const std::string& size = "320x180") {
     const std::string file = folder.file(codec + ".ts");

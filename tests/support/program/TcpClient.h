@@ -9,8 +9,8 @@ namespace Orvex::Testing {
 /// RETICOR_TEST_TIME_FACTOR): then the operation ends short, and the test fails by what it compares.
 class TcpClient {
 public:
-    /// `receive_bytes` limits what the kernel takes for us before we read it; 0 leaves that to the system. `from` is our
-    /// own IPv4 address; empty leaves that to the system as well.
+    /// `receive_bytes` limits what the kernel takes for us before we read it; 0 leaves that to the system.
+    /// `from` is our own IPv4 address; empty leaves that to the system as well.
     explicit TcpClient(int port, const std::string& host = "127.0.0.1", int receive_bytes = 0,
                        const std::string& from = "");
     ~TcpClient();

@@ -8,8 +8,8 @@ namespace Orvex::Testing {
 // How often the calling thread called operator new so far, in any form but the over-aligned.
 std::size_t allocationCount();
 
-// While it lives, operator new fails on the calling thread after that number of successes: the nothrow forms give
-// null, the others throw.
+// While it lives, operator new fails on the calling thread after that number of successes: the nothrow
+// forms give null, the others throw.
 class NoMemory {
 public:
     explicit NoMemory(std::size_t successes_before = 0);

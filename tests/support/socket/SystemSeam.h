@@ -11,8 +11,8 @@ namespace Orvex::Testing {
 enum class SystemCall { inet_ntop, getnameinfo, ioctl, setsockopt, listen, sendto, sendmsg, count_of_calls };
 
 // Makes the next call of this kind on the calling thread fail with `error`, which is an errno value, or for
-// getnameinfo its result; with `after` the one that follows that number of others. Nothing is left behind if the
-// call did not come.
+// getnameinfo its result; with `after` the one that follows that number of others. Nothing is left behind
+// if the call did not come.
 class FailNext {
 public:
     FailNext(SystemCall call, int error, int after = 0);
