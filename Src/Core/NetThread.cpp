@@ -258,6 +258,10 @@ int CNetThread::TraversalSock() {
     return count;
 }
 
+int CNetThread::GetSocksWithoutPlace(int pool) {
+    return PoolTable::SocksWithoutPlace(pool);
+}
+
 int CNetThread::EnableR3() {
     Infra::CGuard guard(sm_mutex);
     assert(sm_pub_pool_ref);

@@ -135,9 +135,10 @@ protected:
     /// `RemoveSock`. A connecting socket is registered for writing alone; add reading after
     /// `CSockStream::GetConnectStatus` gave 0, since the error of a failed connect can be read only once.
     ///
-    /// Other bits of `mask` are ignored. Result: 0; -1 if this handler is closed, the handle is negative or
-    /// there is no memory. A pool watches up to 4095 sockets
-    /// for reading, and 4096 each for writing and for exceptions; one more is ignored in silence.
+    /// Other bits of `mask` are ignored. Result: 0; -1 if this handler is closed, the handle is negative,
+    /// there is no memory, or the pool could not get what it watches sockets with. A pool watches up to 4095
+    /// sockets for reading, and 4096 each for writing and for exceptions; one more is ignored in silence
+    /// (`CNetThread::GetSocksWithoutPlace` counts them).
     int RegisterSock(CSock& sock, unsigned int mask, int timeout);
 
     /// Ends the interest in the directions of `mask`. The registration stays, if need be with nothing to

@@ -79,6 +79,12 @@ public:
 
     /// Logs every registered socket of every pool at level 4. Result: the number of sockets listed.
     static int TraversalSock();
+
+    /// How many sockets of a pool are registered for a direction in which it watches as many as it can
+    /// already (`CNetHandler::RegisterSock` tells how many that are): nothing is heard of them there until
+    /// they are registered once more while there is room. 0 in a pool that was never full. Any thread, also
+    /// inside `handle_*`; does not block. Result: the number, or -1 if there is no such pool.
+    static int GetSocksWithoutPlace(int pool);
 };
 
 }  // namespace Orvex::Reticor

@@ -84,4 +84,13 @@ void PoolTable::ReleaseId(long id) {
     }
 }
 
+int PoolTable::SocksWithoutPlace(int index) {
+    if (index < 0 || index >= POOL_LIMIT) {
+        return -1;
+    }
+    Infra::CReadGuard guard(sm_pool_mutex[index]);
+    CThreadPool* pool = Get(index);
+    return pool != nullptr ? pool->m_mux.SocksWithoutPlace() : -1;
+}
+
 }  // namespace Orvex::Reticor

@@ -59,6 +59,10 @@ public:
     /// Gives an id back to the pool it names. Without that pool the id has gone with its allocator.
     static void ReleaseId(long id);
 
+    /// Sockets of a pool that have no place in its sets; -1 if there is no such pool. Safe against the end of
+    /// the pool.
+    static int SocksWithoutPlace(int index);
+
 private:
     struct SlotLock : Infra::CReadWriteMutex {
         constexpr SlotLock() noexcept : CReadWriteMutex(Infra::LockClass::POOL_SLOT) {}

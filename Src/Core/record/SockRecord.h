@@ -30,19 +30,21 @@ constexpr unsigned int MUX_BOOK_SHIFT = 0;   ///< In which of the pool's sets th
 constexpr unsigned int MUX_ARMED_SHIFT = 3;  ///< What the kernel was told to watch.
 constexpr unsigned int MUX_FORM_SHIFT = 6;   ///< A MuxForm, three bits.
 constexpr uint16_t MUX_BUSY = 1 << 9;  ///< In flight with nothing to deliver: a time-out without a direction.
-constexpr uint16_t MUX_FORCE = 1 << 10;   ///< Tell the kernel again, whatever it was told before.
-constexpr uint16_t MUX_LISTED = 1 << 11;  ///< On the list of the socket timer.
-constexpr uint16_t MUX_ORPHAN = 1 << 12;  ///< The handler was not found when the socket was ready.
-constexpr uint16_t MUX_SIDE = 1 << 13;    ///< Which of an EpollSet's two places the socket was told to.
+constexpr uint16_t MUX_FORCE = 1 << 10;     ///< Tell the kernel again, whatever it was told before.
+constexpr uint16_t MUX_LISTED = 1 << 11;    ///< On the list of the socket timer.
+constexpr uint16_t MUX_ORPHAN = 1 << 12;    ///< The handler was not found when the socket was ready.
+constexpr uint16_t MUX_UNPLACED = 1 << 14;  ///< Counted as a socket without a place.
+constexpr uint16_t MUX_SIDE = 1 << 13;      ///< Which of an EpollSet's two places the socket was told to.
 
 /// How the kernel holds a socket.
 enum class MuxForm : uint16_t {
-    out,     ///< Not at all.
-    level,   ///< Level-triggered, for the armed directions.
-    parked,  ///< One-shot with no direction: silent but for one stray report.
-    edge,    ///< Edge-triggered, since it reports what nobody asked for.
-    always,  ///< The kernel refuses it (a regular file): always ready.
-    gone,    ///< Not any more: the number was closed, and may name another file by now.
+    out,      ///< Not at all.
+    level,    ///< Level-triggered, for the armed directions.
+    parked,   ///< One-shot with no direction: silent but for one stray report.
+    edge,     ///< Edge-triggered, since it reports what nobody asked for.
+    always,   ///< The kernel refuses it (a regular file): always ready.
+    gone,     ///< Not any more: the number was closed, and may name another file by now.
+    refused,  ///< The system had no room for it: asked again later.
 };
 
 /// Whether the kernel watches a socket in this form, or would if it were not parked.

@@ -107,6 +107,10 @@ int CNetSock::RegisterSock(CNetHandler* handler, CSock& sock, unsigned int type,
     if (pool == nullptr) {
         return -1;
     }
+    if (!pool->m_mux.CanWatch()) {
+        INFRA_LOG_STATIC(2, "RegisterSock pool can't watch sockets, fd: %d\n", fd);
+        return -1;
+    }
     const int time_out_ms = time_out / 1000;
     BTree& tree = pool->m_sock_tree;
     tree.WriteLock();

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include <Infra/Log.h>
+#include <Infra/Time.h>
 
 #include "Socket/address/SockError.h"
 #include "Socket/socket/CloseCount.h"
@@ -90,7 +91,7 @@ bool CMultiplexer::Rearm(CEvent* ev, bool owner_found) {
 }
 
 void CMultiplexer::Forget(CEvent* ev) {
-    m_book.Remove(ev);
+    m_book.Forget(ev);
     if (muxForm(ev) == MuxForm::always) {
         m_always.Remove(ev);
     } else if (kernelKnows(muxForm(ev))) {
@@ -146,7 +147,17 @@ CMultiplexer::Answer CMultiplexer::ask(CEvent* ev, uint32_t admitted) {
         (errno == EEXIST && m_epoll.Tell(ev, EPOLL_CTL_MOD, events))) {
         return Answer::watched;
     }
-    return errno == EPERM ? Answer::always_ready : errno == ENOENT ? Answer::unknown : Answer::none;
+    switch (errno) {
+        case EPERM:
+            return Answer::always_ready;
+        case ENOENT:
+            return Answer::unknown;
+        case ENOMEM:
+        case ENOSPC:
+            return Answer::refused;
+        default:
+            return Answer::none;
+    }
 }
 
 /// Whether the number turned out to be another file than the one that was registered.
@@ -165,6 +176,8 @@ void CMultiplexer::settle(CEvent* ev, Answer answer, uint32_t admitted) {
         set_kernel_state(ev, form_for(admitted), admitted);
     } else if (answer == Answer::always_ready) {
         set_always(ev);
+    } else if (answer == Answer::refused) {
+        set_refused(ev, errno);
     } else {
         set_kernel_state(ev, MuxForm::gone, 0);  // a dead number: silent, and it keeps its places
     }
@@ -208,11 +221,23 @@ void CMultiplexer::park(CEvent* ev) {
 
 void CMultiplexer::set_always(CEvent* ev) {
     if (muxForm(ev) != MuxForm::always && !m_always.Add(ev)) {
-        set_kernel_state(ev, MuxForm::out, 0);
+        set_refused(ev, ENOMEM);
         return;
     }
     set_kernel_state(ev, MuxForm::always, 0);
     WakeUp();
+}
+
+/// The socket keeps its places, and the wait looks at it again from time to time.
+void CMultiplexer::set_refused(CEvent* ev, int error) {
+    if (muxForm(ev) != MuxForm::refused) {
+        INFRA_LOG(2, "pool %d: socket %d is not watched yet, the system refused it, %s\n", m_pool_index,
+                  static_cast<int>(ev->m_key), GetSockErrorText(error).c_str());
+    }
+    set_kernel_state(ev, MuxForm::refused, 0);
+    if (!m_refused.exchange(true, std::memory_order_relaxed)) {
+        WakeUp();  // the wait has to know that it is to look
+    }
 }
 
 /// A condition that nobody asked for would be reported for ever: from here on only its changes are.
@@ -237,21 +262,52 @@ void CMultiplexer::Wait(CEvent* token) {
     if (m_rebuild) {
         rebuild();
     }
+    if (m_refused.load(std::memory_order_relaxed)) {
+        retry_refused();
+    }
     m_queue.PushReady(ready.head, ready.count, token, m_pace.WorkersFor(ready.count));
 }
 
 /// The number of reports; 0 for an interruption or a failure.
 int CMultiplexer::harvest() {
-    int limit = m_waker.IsOpen() ? -1 : BLIND_WAIT_MS;
-    if (!m_queue.PollerMayWait() || (!m_always.IsEmpty() && always_pending())) {
-        limit = 0;
+    if (m_rebuild && m_queue.PollerMayWait()) {
+        m_waker.Pause(REBUILD_PAUSE_MS);  // the report that cannot be got rid of would end each wait at once
     }
-    const int reports = m_epoll.Wait(m_reports.data(), BATCH, limit);
+    const int reports = m_epoll.Wait(m_reports.data(), BATCH, wait_limit());
     if (reports < 0 && errno != EINTR) {
         const int error = errno;
         INFRA_LOG(2, "select failed!%d,%s\n", error, GetSockErrorText(error).c_str());
     }
     return std::max(reports, 0);
+}
+
+int CMultiplexer::wait_limit() {
+    if (!m_queue.PollerMayWait() || (!m_always.IsEmpty() && always_pending())) {
+        return 0;
+    }
+    if (!m_waker.IsOpen()) {
+        return BLIND_WAIT_MS;
+    }
+    return m_refused.load(std::memory_order_relaxed) ? RETRY_MS : -1;
+}
+
+/// Tells the kernel once more of the sockets that it had no room for. One in flight is left to its worker.
+void CMultiplexer::retry_refused() {
+    const uint64_t now_ms = Infra::CTime::getCurrentMilliSecond();
+    if (now_ms - m_last_retry_ms < RETRY_MS) {
+        return;
+    }
+    m_last_retry_ms = now_ms;
+    m_refused.store(false, std::memory_order_relaxed);
+    m_sock_tree.ReadLock();
+    m_sock_tree.ForEach([this](void* payload) {
+        CEvent* ev = static_cast<CEvent*>(payload);
+        RecordPin pin = RecordPin::Enter(ev);
+        if (muxForm(ev) == MuxForm::refused && !inFlight(ev)) {
+            arm(ev, hasFlag(ev, MUX_ORPHAN) ? 0 : muxBook(ev), true);
+        }
+    });
+    m_sock_tree.Unlock();
 }
 
 void CMultiplexer::collect(int reports, Ready& ready) {
@@ -282,7 +338,7 @@ void CMultiplexer::report(const epoll_event& report, Ready& ready) {
         return;
     }
     RecordPin pin = RecordPin::Enter(ev);
-    if (markOf(ev) != mark_seen || !kernelKnows(muxForm(ev))) {
+    if (markOf(ev) != mark_seen || muxForm(ev) == MuxForm::out || muxForm(ev) == MuxForm::gone) {
         stray(mark_seen);
         return;
     }
@@ -337,11 +393,19 @@ void CMultiplexer::move_over(CEvent* ev) {
 /// Puts every record into a new instance. The tree's write lock keeps records from coming and going, and
 /// whoever holds a record's mutex meanwhile tells the instance in which it still is.
 void CMultiplexer::rebuild() {
-    m_rebuild = false;
-    m_strays.Reset();
     if (!m_waker.ReplaceEpoll()) {
+        if (!m_rebuild_failed) {
+            const int error = errno;
+            INFRA_LOG(
+                2, "pool %d: a closed socket is still reported, and watching all sockets anew failed, %s\n",
+                m_pool_index, GetSockErrorText(error).c_str());
+        }
+        m_rebuild_failed = true;
         return;
     }
+    m_rebuild = false;
+    m_rebuild_failed = false;
+    m_strays.Reset();
     INFRA_LOG(3, "a closed socket is still reported, its descriptor was copied: watching all sockets anew\n");
     m_sock_tree.WriteLock();
     m_sock_tree.ForEach([this](void* payload) {

@@ -60,6 +60,12 @@ public:
     /// Ends a wait that is under way, or the next one.
     void WakeUp();
 
+    /// Whether sockets can be watched at all: not without an epoll instance. Any thread.
+    bool CanWatch() const { return m_epoll.IsOpen(); }
+
+    /// How many sockets have no place in a set that they asked for. Any thread.
+    int SocksWithoutPlace() const { return m_book.WithoutPlace(); }
+
     // On a record:
 
     /// Makes a new record known, and gives it its number. False, with nothing changed, without memory.
@@ -82,6 +88,8 @@ public:
 private:
     static constexpr int BATCH = 512;
     static constexpr int BLIND_WAIT_MS = 200;
+    static constexpr int RETRY_MS = 500;         ///< Between two looks at sockets that the kernel refused.
+    static constexpr int REBUILD_PAUSE_MS = 20;  ///< Between two passes while a rebuild fails.
 
     /// What one pass found ready, linked through m_next.
     struct Ready {
@@ -97,6 +105,7 @@ private:
         always_ready,  ///< It refuses to watch it.
         unknown,       ///< It never heard of it, under this number.
         none,          ///< The number is not open.
+        refused,       ///< It has no room.
     };
 
     static MuxForm form_for(uint32_t admitted) { return admitted != 0 ? MuxForm::level : MuxForm::parked; }
@@ -110,10 +119,13 @@ private:
     void replace_registration(CEvent* ev, Answer answer);
     void park(CEvent* ev);
     void set_always(CEvent* ev);
+    void set_refused(CEvent* ev, int error);
     void set_kernel_state(CEvent* ev, MuxForm form, uint32_t armed);
 
     // The wait.
     int harvest();
+    int wait_limit();
+    void retry_refused();
     void collect(int reports, Ready& ready);
     void report(const epoll_event& report, Ready& ready);
     void stray(uint64_t mark_seen);
@@ -137,12 +149,15 @@ private:
     RecordTable m_records;
 
     std::atomic<uint32_t> m_sequence{0};  ///< The number of the last registration.
+    std::atomic<bool> m_refused{false};   ///< There are sockets to be told to the kernel once more.
 
     // Of the thread in Wait.
     ServePace m_pace;
     std::array<epoll_event, BATCH> m_reports;
     StrayWatch m_strays;
-    bool m_rebuild = false;
+    bool m_rebuild = false;         ///< Wanted, also when the last try failed.
+    bool m_rebuild_failed = false;  ///< It did, and the line was written.
+    uint64_t m_last_retry_ms = 0;
 
     friend struct MultiplexerProbe;  // tests
 };

@@ -19,4 +19,21 @@ void SetBook::Remove(CEvent* ev) {
     GiveBack(freed);
 }
 
+void SetBook::Forget(CEvent* ev) {
+    Remove(ev);
+    if (hasFlag(ev, MUX_UNPLACED)) {
+        count_unplaced(ev, false);
+    }
+}
+
+void SetBook::count_unplaced(CEvent* ev, bool unplaced) {
+    if (unplaced) {
+        setFlag(ev, MUX_UNPLACED);
+        m_without_place.fetch_add(1, std::memory_order_relaxed);
+    } else {
+        clearFlag(ev, MUX_UNPLACED);
+        m_without_place.fetch_sub(1, std::memory_order_relaxed);
+    }
+}
+
 }  // namespace Orvex::Reticor

@@ -33,14 +33,22 @@ public:
     /// Gives up all places of the record.
     void Remove(CEvent* ev);
 
+    /// The same, and it is not counted any more: the record leaves the pool.
+    void Forget(CEvent* ev);
+
     /// The same for one record of many: what it held is added to `freed`, and given back at once for all.
     static void Leave(CEvent* ev, Places& freed);
     void GiveBack(const Places& freed);
 
+    /// How many sockets found no place, when they were last added, in a set that they asked for. Any thread.
+    int WithoutPlace() const { return m_without_place.load(std::memory_order_relaxed); }
+
 private:
+    void count_unplaced(CEvent* ev, bool unplaced);
     bool take(size_t direction);
 
     std::atomic<int> m_taken[3];  ///< In the sets: read, write, exception.
+    std::atomic<int> m_without_place{0};
 
     friend struct MultiplexerProbe;  // tests
 };
@@ -67,6 +75,10 @@ inline void SetBook::Add(CEvent* ev) {
         }
     }
     setMuxBook(ev, book);
+    const bool unplaced = (ev->m_event_mask & SOCK_DIRECTIONS & ~book) != 0;
+    if (unplaced != hasFlag(ev, MUX_UNPLACED)) {
+        count_unplaced(ev, unplaced);
+    }
 }
 
 inline void SetBook::Leave(CEvent* ev, Places& freed) {

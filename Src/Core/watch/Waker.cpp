@@ -1,6 +1,8 @@
 // Waker: ends a pool's wait for sockets from any thread.
 #include "Core/watch/Waker.h"
 
+#include <poll.h>
+
 namespace Orvex::Reticor {
 
 Waker::~Waker() {
@@ -46,6 +48,15 @@ void Waker::Drain() {
             m_pipe_pending -= got;
         }
     }
+}
+
+void Waker::Pause(int limit_ms) {
+    pollfd wake_end{-1, POLLIN, 0};  // -1 is passed over
+    {
+        Infra::CGuard guard(m_pipe_mutex);
+        wake_end.fd = m_pipe.m_read_fd;
+    }
+    ::poll(&wake_end, 1, limit_ms);
 }
 
 bool Waker::ReplaceEpoll() {

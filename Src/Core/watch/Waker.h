@@ -36,6 +36,9 @@ public:
     /// Takes the byte, after the wait was ended by it.
     void Drain();
 
+    /// Waits until the pair was written to, and for `limit_ms` at most. For the holder of the poll token.
+    void Pause(int limit_ms);
+
     /// Puts a new epoll instance to use, as EpollSet::Replace does.
     bool ReplaceEpoll();
 

@@ -106,13 +106,14 @@ TEST(SelectWinFaultTest, WithoutAnInstanceThePoolServesMessagesAndTimersAndEnds)
     log.clear();
     TestHandler* const handler = new TestHandler;
     SocketPair pair;
-    EXPECT_EQ(0, handler->RegisterSock(pair.near, SOCK_READ, 1000)) << "never ready, but timed";
-    pair.write();
+    EXPECT_EQ(-1, handler->RegisterSock(pair.near, SOCK_READ, 1000)) << "it would never be ready";
+    EXPECT_EQ(1u,
+              log.count(2, "RegisterSock pool can't watch sockets, fd: " + std::to_string(pair.fd()) + "\n"))
+        << log.dump();
+    log.clear();
+    EXPECT_TRUE(ThreadPoolProbe::sockets(*pool).empty());
+    EXPECT_EQ(0, HandlerProbe::sockets(*handler));
     expectMessagesAndTimers(handler);
-    EXPECT_EVENTUALLY(handler->life->input_timeouts == 1);
-    EXPECT_EQ(0, handler->life->inputs);
-    handler->RemoveSock(pair.near);
-    EXPECT_EVENTUALLY(ThreadPoolProbe::sockets(*pool).empty());
     const uint64_t before = epollWaits();
     close(handler);
     EXPECT_EQ(before, epollWaits());
@@ -214,6 +215,55 @@ TEST_F(SelectWinQuietTest, OrphanedCopyDoesNotSpin) {
     EXPECT_EVENTUALLY(handler->life->inputs == 1);
     removeAndWait(other.near);
     ::close(copy);
+}
+
+TEST_F(SelectWinQuietTest, OrphanedCopyWithoutADescriptorForACureDoesNotSpinAndOthersAreServed) {
+    LogCapture log(3);
+    SocketPair other;
+    ASSERT_EQ(0, handler->RegisterSock(other.near, SOCK_READ, 0));
+    add(SOCK_READ);
+    const int copy = ::fcntl(pair.fd(), F_DUPFD_CLOEXEC, 0);
+    BorrowedSock closed(pair.fd());
+    pair.near.Close();
+    {
+        DescriptorShortage shortage(0);
+        handler->RemoveSock(closed);
+        pair.write();
+        EXPECT_TRUE(log.eventuallyContains(
+            2,
+            "pool 0: a closed socket is still reported, and watching all sockets anew failed, Too many open "
+            "files\n"));
+        EXPECT_LE(waitsMeanwhile(), FEW);
+        for (int i = 1; i <= 5; ++i) {
+            other.write();
+            EXPECT_EVENTUALLY(handler->life->inputs == i);
+        }
+        EXPECT_EQ(1u, log.lines().size()) << log.dump();
+    }
+    EXPECT_TRUE(log.eventuallyContains(
+        3, "a closed socket is still reported, its descriptor was copied: watching all sockets anew\n"));
+    EXPECT_LE(waitsMeanwhile(), FEW);
+    removeAndWait(other.near);
+    ::close(copy);
+}
+
+TEST_F(SelectWinQuietTest, SocketThatIsRefusedForAMomentIsServed) {
+    {
+        EpollFault fault(ENOSPC);
+        LogCapture log;
+        add(SOCK_READ);
+        EXPECT_EQ(1u, log.countLevel(2)) << log.dump();
+    }
+    pair.write();
+    EXPECT_EVENTUALLY(handler->life->inputs == 1);
+    EXPECT_LE(waitsMeanwhile(), FEW);
+}
+
+TEST_F(SelectWinQuietTest, SocketsWithoutAPlaceAreToldForPoolsThatExist) {
+    EXPECT_EQ(0, CNetThread::GetSocksWithoutPlace(0));
+    for (const int index : {1, -1, 64, 1 << 30}) {
+        EXPECT_EQ(-1, CNetThread::GetSocksWithoutPlace(index)) << index;
+    }
 }
 
 TEST_F(SelectWinQuietTest, ClosedNumberDoesNotSpin) {

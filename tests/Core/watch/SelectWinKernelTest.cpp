@@ -278,5 +278,40 @@ TEST_F(SelectWinKernelTest, RefusedDirectionIsNotArmed) {
     }
 }
 
+TEST_F(SelectWinKernelTest, SocketThatTheSystemHasNoRoomForIsALineAndIsToldAgain) {
+    for (const int error : {ENOMEM, ENOSPC}) {
+        LogCapture log;
+        {
+            EpollFault fault(error);
+            add(SOCK_READ);
+        }
+        const std::string line = "pool " + std::to_string(StillPool::INDEX) + ": socket " +
+                                 std::to_string(pair.fd()) + " is not watched yet, the system refused it, ";
+        EXPECT_EQ(1u, log.countLevel(2)) << log.dump();
+        EXPECT_NE(std::string::npos, log.dump().find(line)) << log.dump();
+        EXPECT_FALSE(epollItem(rig.epoll(), pair.fd()));
+        EXPECT_EVENTUALLY((rig.poll(), epollItem(rig.epoll(), pair.fd()).has_value()));
+        pair.write();
+        EXPECT_EQ(1u, rig.pollAndServe());
+        EXPECT_EQ(1u, log.lines().size()) << log.dump();
+        handler->RemoveSock(pair.near);
+    }
+    EXPECT_EQ(2, handler->life->inputs);
+}
+
+TEST_F(SelectWinKernelTest, SocketThatIsRefusedAgainAndAgainIsOneLine) {
+    LogCapture log;
+    EpollFault first(ENOMEM);
+    add(SOCK_READ);
+    for (int i = 0; i < 3; ++i) {
+        EpollFault again(ENOMEM);
+        add(SOCK_READ);
+    }
+    EXPECT_EQ(1u, log.lines().size()) << log.dump();
+    add(SOCK_WRITE);
+    EXPECT_EQ(1u, rig.pollAndServe()) << "a registration asks at once";
+    EXPECT_EQ(1, handler->life->outputs);
+}
+
 }  // namespace
 }  // namespace Orvex::Testing

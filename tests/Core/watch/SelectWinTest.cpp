@@ -95,6 +95,7 @@ TEST_F(SelectWinTest, ReadSetTakes4095SocketsAndIgnoresTheNextWithNoError) {
     const Copies copies(pair.fd(), 4096);
     registerCopies(copies, 0, 4096, SOCK_READ);
     EXPECT_EQ(4096, rig.places(0));
+    EXPECT_EQ(1, rig.mux().SocksWithoutPlace());
 
     const std::set<int> ready = readyDescriptors();
     EXPECT_EQ(4095u, ready.size());
@@ -104,6 +105,7 @@ TEST_F(SelectWinTest, ReadSetTakes4095SocketsAndIgnoresTheNextWithNoError) {
     serveAll();
     removeCopies(copies, 4096);
     EXPECT_EQ(1, rig.places(0)) << "the wake end alone";
+    EXPECT_EQ(0, rig.mux().SocksWithoutPlace());
 }
 
 TEST_F(SelectWinTest, WriteSetTakes4096SocketsAndIgnoresTheNext) {
@@ -139,8 +141,10 @@ TEST_F(SelectWinTest, FreeSlotDoesNotBringARefusedSocketBackUnlessItIsAddedAgain
     std::set<int> ready = readyDescriptors();
     EXPECT_EQ(4094u, ready.size());
     EXPECT_EQ(0u, ready.count(copies[4095]));
+    EXPECT_EQ(1, rig.mux().SocksWithoutPlace()) << "as long as it is not added again";
 
     registerCopies(copies, 4095, 4096, SOCK_READ);
+    EXPECT_EQ(0, rig.mux().SocksWithoutPlace());
     EXPECT_EQ(std::set<int>{copies[4095]}, readyDescriptors());
     serveAll();
     removeCopies(copies, 4096);
@@ -163,6 +167,11 @@ TEST_F(SelectWinTest, SocketInFlightGivesUpItsPlaceAndIsDroppedInSilenceIfItFind
     handler->on_input = [](int) { return 0; };
     rig.serve(ready[0]);
     EXPECT_EQ(0u, muxBook(ready[0]));
+    EXPECT_EQ(1, rig.mux().SocksWithoutPlace());
+    handler->UnregisterSock(other.near, SOCK_READ);
+    EXPECT_EQ(0, rig.mux().SocksWithoutPlace()) << "it asks for nothing";
+    ASSERT_EQ(0, handler->RegisterSock(other.near, SOCK_READ, 1000000));
+    EXPECT_EQ(1, rig.mux().SocksWithoutPlace());
     EXPECT_TRUE(rig.poll().empty()) << "it has data, but no place";
     EXPECT_EQ(1u, SockTimerProbe::listed(sockTimer()).size()) << "its time-out still runs";
     EXPECT_TRUE(log.lines().empty()) << log.dump();
