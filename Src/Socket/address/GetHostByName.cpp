@@ -27,19 +27,19 @@ using AddressList = std::unique_ptr<addrinfo, FreeList>;
 
 // Dotted numbers and texts with a colon are addresses or slips of the pen, "1.2.3.256", and no names: nobody
 // is asked for them.
-bool isNumeric(const char* host) {
+bool is_numeric(const char* host) {
     return host[std::strspn(host, "0123456789.")] == '\0' || std::strchr(host, ':') != nullptr;
 }
 
 // One question to the platform. Null on failure, with the code in errno.
-AddressList lookUp(const char* host, int family) {
+AddressList look_up(const char* host, int family) {
     addrinfo* list = nullptr;
     int code = EAI_NONAME;
     if (host != nullptr && *host != '\0') {
         addrinfo hints{};
         hints.ai_family = family;
         hints.ai_socktype = SOCK_STREAM;
-        hints.ai_flags = isNumeric(host) ? AI_NUMERICHOST : 0;
+        hints.ai_flags = is_numeric(host) ? AI_NUMERICHOST : 0;
         code = getaddrinfo(host, nullptr, &hints, &list);
     }
     if (code == 0) {
@@ -51,7 +51,7 @@ AddressList lookUp(const char* host, int family) {
     return nullptr;
 }
 
-const addrinfo* firstOf(const AddressList& list, int family) {
+const addrinfo* first_of(const AddressList& list, int family) {
     const addrinfo* entry = list.get();
     while (entry != nullptr && (entry->ai_family != family || entry->ai_addr == nullptr)) {
         entry = entry->ai_next;
@@ -60,12 +60,12 @@ const addrinfo* firstOf(const AddressList& list, int family) {
 }
 
 // Returns false with the code of the failed look-up in errno.
-bool findIPv4(const char* host, in_addr& address) {
+bool find_ipv4(const char* host, in_addr& address) {
     if (parse_ipv4_literal(host, address)) {
         return true;
     }
-    const AddressList list = lookUp(host, AF_INET);
-    const addrinfo* entry = firstOf(list, AF_INET);
+    const AddressList list = look_up(host, AF_INET);
+    const addrinfo* entry = first_of(list, AF_INET);
     if (entry == nullptr) {
         return false;
     }
@@ -76,11 +76,11 @@ bool findIPv4(const char* host, in_addr& address) {
 }
 
 // Returns false with the code of the failed look-up in errno.
-bool findIPv6(const char* host, sockaddr_in6& record) {
+bool find_ipv6(const char* host, sockaddr_in6& record) {
     record.sin6_family = AF_INET6;
-    if (const AddressList list = lookUp(host, AF_INET6)) {
+    if (const AddressList list = look_up(host, AF_INET6)) {
         // A list without an entry of the family is an answer too; the record then holds its family only.
-        if (const addrinfo* entry = firstOf(list, AF_INET6)) {
+        if (const addrinfo* entry = first_of(list, AF_INET6)) {
             std::memcpy(&record, entry->ai_addr, sizeof record);
         }
         return true;
@@ -90,7 +90,7 @@ bool findIPv6(const char* host, sockaddr_in6& record) {
     if (parse_ipv6_literal(host, record)) {
         return true;
     }
-    if (findIPv4(host, address)) {
+    if (find_ipv4(host, address)) {
         write_mapped_address(address, record);
         return true;
     }
@@ -126,45 +126,26 @@ void CGetHostByName::release() {
 bool CGetHostByName::GetAddressInfo(const char* host, int family, struct sockaddr* result, int result_len,
                                     int /*timeout*/) {
     const bool wants_ipv6 = family == AF_INET6;
-    const std::size_t needed = wants_ipv6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
-    if (result == nullptr || result_len < 0 || static_cast<std::size_t>(result_len) < needed) {
+    const size_t needed = wants_ipv6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
+    if (result == nullptr || result_len < 0 || static_cast<size_t>(result_len) < needed) {
         errno = EINVAL;
         return false;
     }
     if (!wants_ipv6) {
         auto& record = *reinterpret_cast<sockaddr_in*>(result);
-        if (!findIPv4(host, record.sin_addr)) {
+        if (!find_ipv4(host, record.sin_addr)) {
             return false;
         }
         record.sin_family = AF_INET;
         return true;
     }
-    if (findIPv6(host, *reinterpret_cast<sockaddr_in6*>(result))) {
+    if (find_ipv6(host, *reinterpret_cast<sockaddr_in6*>(result))) {
         return true;
     }
     const int error = errno;
     INFRA_LOG_STATIC(2, "getaddrinfo error:%s\n", GetSockErrorText(error).c_str());
     errno = error;
     return false;
-}
-
-CResolverHold::CResolverHold() : m_resolver(CGetHostByName::instance()) {}
-
-CResolverHold::~CResolverHold() {
-    const int saved = errno;
-    if (m_resolver != nullptr) {
-        CGetHostByName::release();
-    }
-    errno = saved;
-}
-
-bool CResolverHold::GetAddressInfo(const char* host, int family, struct sockaddr* result, int result_len,
-                                   int timeout) {
-    if (m_resolver == nullptr) {
-        errno = ENOMEM;
-        return false;
-    }
-    return m_resolver->GetAddressInfo(host, family, result, result_len, timeout);
 }
 
 }  // namespace Orvex::Reticor

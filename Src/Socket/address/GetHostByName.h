@@ -8,31 +8,28 @@ struct sockaddr;
 
 namespace Orvex::Reticor {
 
-// What the address classes hope for, in milliseconds; the resolver takes its own time.
-constexpr int resolve_limit_ms = 2000;
-
-// The resolver holds no data. One instance exists while anybody uses it; CResolverHold takes and gives it
-// back.
+/// The resolver holds no data. One instance exists while anybody uses it; CResolverHold takes and gives it
+/// back.
 class CGetHostByName {
 public:
-    // Adds a user, and makes the instance for the first one. Null if there is no memory, and then there is
-    // nothing to release. Any thread.
+    /// Adds a user, and makes the instance for the first one. Null if there is no memory, and then there is
+    /// nothing to release. Any thread.
     static CGetHostByName* instance();
 
-    // Takes a user away; the last one takes the instance along. Any thread.
+    /// Takes a user away; the last one takes the instance along. Any thread.
     static void release();
 
-    // Writes the first address of `host` to `result` and returns true. For AF_INET6 `result` is a
-    // sockaddr_in6 and the family field is set in any case; any other family counts as AF_INET, and `result`
-    // is a sockaddr_in whose port is left alone. A `result_len` that is too small for that is refused. Any
-    // thread.
-    //
-    // Blocks for as long as the system's resolver does; `timeout`, in milliseconds, is what the caller hopes
-    // for and is not enforced. Numeric texts never reach the name service. After a false result errno holds
-    // the code of the failed look-up: EAI_*, which is negative, or the system's error for EAI_SYSTEM.
-    //
-    // For AF_INET6, a name without IPv6 addresses gives its IPv4 address as a mapped one, of which bytes 10
-    // to 15 are written and the others are left alone. A failure writes a log line, for AF_INET it does not.
+    /// Writes the first address of `host` to `result` and returns true. For AF_INET6 `result` is a
+    /// sockaddr_in6 and the family field is set in any case; any other family counts as AF_INET, and `result`
+    /// is a sockaddr_in whose port is left alone. A `result_len` that is too small for that is refused. Any
+    /// thread.
+    ///
+    /// Blocks for as long as the system's resolver does; `timeout`, in milliseconds, is what the caller hopes
+    /// for and is not enforced. Numeric texts never reach the name service. After a false result errno holds
+    /// the code of the failed look-up: EAI_*, which is negative, or the system's error for EAI_SYSTEM.
+    ///
+    /// For AF_INET6, a name without IPv6 addresses gives its IPv4 address as a mapped one, of which bytes 10
+    /// to 15 are written and the others are left alone. A failure writes a log line, for AF_INET it does not.
     bool GetAddressInfo(const char* host, int family, struct sockaddr* result, int result_len, int timeout);
 
 private:
@@ -42,21 +39,6 @@ private:
     static Infra::CMutex sm_mutex;
     static CGetHostByName* sm_instance INFRA_GUARDED_BY(sm_mutex);
     static int sm_use_count INFRA_GUARDED_BY(sm_mutex);
-};
-
-// One use of the resolver. Its end leaves errno alone, which may hold the code of a failed look-up.
-class CResolverHold {
-public:
-    CResolverHold();
-    ~CResolverHold();
-    CResolverHold(const CResolverHold&) = delete;
-    CResolverHold& operator=(const CResolverHold&) = delete;
-
-    // CGetHostByName::GetAddressInfo, false if there is no instance.
-    bool GetAddressInfo(const char* host, int family, struct sockaddr* result, int result_len, int timeout);
-
-private:
-    CGetHostByName* const m_resolver;
 };
 
 }  // namespace Orvex::Reticor

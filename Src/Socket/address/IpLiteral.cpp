@@ -13,7 +13,7 @@ namespace Orvex::Reticor {
 namespace {
 
 // inet_pton knows no scopes; the resolver, asked for numeric texts only, does.
-bool parseScopedLiteral(const char* text, sockaddr_in6& record) {
+bool parse_scoped_literal(const char* text, sockaddr_in6& record) {
     addrinfo hints{};
     hints.ai_family = AF_INET6;
     hints.ai_socktype = SOCK_STREAM;
@@ -41,7 +41,7 @@ bool parse_ipv6_literal(const char* text, sockaddr_in6& record) {
         return false;
     }
     if (std::strchr(text, '%') != nullptr) {
-        return parseScopedLiteral(text, record);
+        return parse_scoped_literal(text, record);
     }
     in6_addr address;
     if (inet_pton(AF_INET6, text, &address) != 1) {

@@ -11,12 +11,12 @@ namespace Orvex::Reticor {
 namespace {
 
 // The ports of the product's own services: single ones, and ranges with both ends included. 37779 is free.
-constexpr unsigned reserved_ports[] = {1900, 3800, 5000, 5050, 9999, 37776, 37777, 37778, 39999};
+constexpr unsigned RESERVED_PORTS[] = {1900, 3800, 5000, 5050, 9999, 37776, 37777, 37778, 39999};
 struct PortRange {
     unsigned first;
     unsigned last;
 };
-constexpr PortRange reserved_ranges[] = {{0, 1024}, {8090, 8121}, {37780, 37880}};
+constexpr PortRange RESERVED_RANGES[] = {{0, 1024}, {8090, 8121}, {37780, 37880}};
 
 }  // namespace
 
@@ -38,9 +38,9 @@ bool CSockAddr::IsReserved() const {
     sockaddr_in record{};
     GetAddr(reinterpret_cast<sockaddr*>(&record));
     const unsigned port = ntohs(record.sin_port);
-    return std::find(std::begin(reserved_ports), std::end(reserved_ports), port) !=
-               std::end(reserved_ports) ||
-           std::any_of(std::begin(reserved_ranges), std::end(reserved_ranges),
+    return std::find(std::begin(RESERVED_PORTS), std::end(RESERVED_PORTS), port) !=
+               std::end(RESERVED_PORTS) ||
+           std::any_of(std::begin(RESERVED_RANGES), std::end(RESERVED_RANGES),
                        [port](const PortRange& range) { return port >= range.first && port <= range.last; });
 }
 

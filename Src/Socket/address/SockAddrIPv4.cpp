@@ -9,15 +9,15 @@
 
 #include <Infra/Log.h>
 
-#include "Socket/address/GetHostByName.h"
 #include "Socket/address/IpLiteral.h"
+#include "Socket/address/ResolverHold.h"
 
 namespace Orvex::Reticor {
 
 namespace {
 
 // The shortest dotted text is "0.0.0.0".
-constexpr unsigned shortest_text = 7;
+constexpr unsigned SHORTEST_TEXT = 7;
 
 }  // namespace
 
@@ -101,7 +101,7 @@ int CSockAddrIPv4::SetIp(const char* ip) {
     } else if (!parse_ipv4_literal(ip, found.sin_addr)) {
         CResolverHold resolver;
         if (!resolver.GetAddressInfo(ip, AF_INET, reinterpret_cast<sockaddr*>(&found), sizeof found,
-                                     resolve_limit_ms)) {
+                                     RESOLVE_LIMIT_MS)) {
             return -1;
         }
     }
@@ -127,7 +127,7 @@ unsigned short CSockAddrIPv4::GetPort() const {
 }
 
 char* CSockAddrIPv4::GetIpStr(char* buf, unsigned len) const {
-    if (buf == nullptr || len < shortest_text || !m_addrin) {
+    if (buf == nullptr || len < SHORTEST_TEXT || !m_addrin) {
         return nullptr;
     }
     if (inet_ntop(AF_INET, &m_addrin->sin_addr, buf, len) == nullptr) {

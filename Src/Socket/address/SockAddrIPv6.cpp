@@ -10,15 +10,15 @@
 
 #include <Infra/Log.h>
 
-#include "Socket/address/GetHostByName.h"
 #include "Socket/address/IpLiteral.h"
+#include "Socket/address/ResolverHold.h"
 
 namespace Orvex::Reticor {
 
 namespace {
 
 // Text buffers of this length and below are refused without a look at the address.
-constexpr unsigned refused_text_len = 16;
+constexpr unsigned REFUSED_TEXT_LEN = 16;
 
 void clear(sockaddr_in6& record) {
     record = sockaddr_in6{};
@@ -29,12 +29,12 @@ void clear(sockaddr_in6& record) {
 bool resolve(const char* host, sockaddr_in6& record) {
     CResolverHold resolver;
     if (resolver.GetAddressInfo(host, AF_INET6, reinterpret_cast<sockaddr*>(&record), sizeof record,
-                                resolve_limit_ms)) {
+                                RESOLVE_LIMIT_MS)) {
         return true;
     }
     sockaddr_in mapped{};
     if (!resolver.GetAddressInfo(host, AF_INET, reinterpret_cast<sockaddr*>(&mapped), sizeof mapped,
-                                 resolve_limit_ms)) {
+                                 RESOLVE_LIMIT_MS)) {
         return false;
     }
     record.sin6_family = AF_INET6;
@@ -147,7 +147,7 @@ unsigned CSockAddrIPv6::GetScopeID() const {
 }
 
 char* CSockAddrIPv6::GetIpStr(char* buf, unsigned len) const {
-    if (buf == nullptr || len <= refused_text_len || !m_addr) {
+    if (buf == nullptr || len <= REFUSED_TEXT_LEN || !m_addr) {
         return nullptr;
     }
     if (inet_ntop(AF_INET6, &m_addr->sin6_addr, buf, len) == nullptr) {

@@ -18,17 +18,17 @@ namespace Orvex::Reticor {
 
 namespace {
 
-constexpr std::size_t host_size = 128;  // a text of 127 characters and its terminator
+constexpr size_t HOST_SIZE = 128;  // a text of 127 characters and its terminator
 
 }  // namespace
 
 struct CSockAddrStorage::Record {
-    std::uint32_t m_real_type;   // what the address turned out to be
-    std::uint32_t m_input_type;  // the family in which it is kept
-    char m_host[host_size];      // the text that was given, zero-filled
-    std::uint16_t m_port;        // host order
-    sockaddr_in6 m_addr6;        // used while m_input_type is IPv6
-    sockaddr_in m_addr4;         // used while m_input_type is IPv4
+    uint32_t m_real_type;    // what the address turned out to be
+    uint32_t m_input_type;   // the family in which it is kept
+    char m_host[HOST_SIZE];  // the text that was given, zero-filled
+    uint16_t m_port;         // host order
+    sockaddr_in6 m_addr6;    // used while m_input_type is IPv6
+    sockaddr_in m_addr4;     // used while m_input_type is IPv4
 };
 
 CSockAddrStorage::CSockAddrStorage()
@@ -61,7 +61,7 @@ int CSockAddrStorage::SetAddr(const struct sockaddr_in* addr) {
     if (!m_storage || addr == nullptr) {
         return -1;
     }
-    char text[host_size] = {};
+    char text[HOST_SIZE] = {};
     sockaddr_in ipv4;
     std::memcpy(&ipv4, addr, sizeof ipv4);
     if (ipv4.sin_family == AF_INET) {
@@ -154,7 +154,7 @@ char* CSockAddrStorage::GetIpStr(char* buf, unsigned len) const {
     if (buf == nullptr || !m_storage || m_storage->m_real_type == SOCKADDR_TYPE_UNKNOWN) {
         return nullptr;
     }
-    const std::size_t text_len = std::strlen(m_storage->m_host);
+    const size_t text_len = std::strlen(m_storage->m_host);
     if (len <= text_len) {
         return nullptr;
     }
@@ -192,7 +192,7 @@ bool CSockAddrStorage::IsValid() const {
 
 bool CSockAddrStorage::operator==(const CSockAddrStorage& other) const {
     return IsValid() && other.IsValid() && m_type == other.m_type && GetInputType() == other.GetInputType() &&
-           std::strncmp(m_storage->m_host, other.m_storage->m_host, host_size) == 0 &&
+           std::strncmp(m_storage->m_host, other.m_storage->m_host, HOST_SIZE) == 0 &&
            GetPort() == other.GetPort();
 }
 

@@ -10,23 +10,23 @@ namespace Orvex::Reticor {
 
 namespace {
 
-constexpr std::size_t counter_count = 4096;
+constexpr size_t COUNTER_COUNT = 4096;
 
 // Constant-initialised and without a destructor: sockets are closed before main and after exit too.
-std::atomic<std::uint32_t> counters[counter_count]{};
+std::atomic<uint32_t> g_counters[COUNTER_COUNT]{};
 
-std::atomic<std::uint32_t>& counterOf(int fd) {
-    return counters[static_cast<unsigned>(fd) % counter_count];
+std::atomic<uint32_t>& counter_of(int fd) {
+    return g_counters[static_cast<unsigned>(fd) % COUNTER_COUNT];
 }
 
 }  // namespace
 
-std::uint32_t closeCount(int fd) {
-    return counterOf(fd).load(std::memory_order_relaxed);
+uint32_t closeCount(int fd) {
+    return counter_of(fd).load(std::memory_order_relaxed);
 }
 
 int closeCounted(int fd) {
-    counterOf(fd).fetch_add(1, std::memory_order_relaxed);
+    counter_of(fd).fetch_add(1, std::memory_order_relaxed);
     return ::close(fd);
 }
 

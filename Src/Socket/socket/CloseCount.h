@@ -12,12 +12,12 @@
 
 namespace Orvex::Reticor {
 
-// How many times a number that shares this counter was closed by the library. Any thread; a relaxed read: the
-// kernel hands a number out again only after the close that raised its count.
-std::uint32_t closeCount(int fd);
+/// How many times a number that shares this counter was closed by the library. Any thread; a relaxed read:
+/// the kernel hands a number out again only after the close that raised its count.
+uint32_t closeCount(int fd);
 
-// close(2), after the count was raised, so that no later owner of the number can meet the old count. Every
-// close in the library goes through here. Any thread.
+/// close(2), after the count was raised, so that no later owner of the number can meet the old count. Every
+/// close in the library goes through here. Any thread.
 int closeCounted(int fd);
 
 }  // namespace Orvex::Reticor

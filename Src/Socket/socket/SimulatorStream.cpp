@@ -14,14 +14,14 @@ namespace Orvex::Reticor {
 
 namespace {
 
-constexpr std::uint64_t window_ms = 1000;
+constexpr uint64_t WINDOW_MS = 1000;
 
 }  // namespace
 
 struct CSimulatorStream::Record {
     unsigned m_bytes_per_window = 0;
-    std::uint64_t m_sent = 0;  // in the present window
-    std::uint64_t m_window_start_ms = Infra::CTime::getCurrentMilliSecond();
+    uint64_t m_sent = 0;  // in the present window
+    uint64_t m_window_start_ms = Infra::CTime::getCurrentMilliSecond();
     CSockStream* m_real = nullptr;  // not owned
 };
 
@@ -29,7 +29,7 @@ CSimulatorStream::CSimulatorStream()
     : CSock(-1, SOCK_TYPE_SIMULATOR), m_record(new (std::nothrow) Record()) {}
 
 CSimulatorStream::~CSimulatorStream() {
-    m_handle = -1;  // It is the real socket's, who closes it.
+    m_handle = -1;  // It is the real socket's, which closes it.
 }
 
 void CSimulatorStream::SetRealSocket(CSockStream* real) {
@@ -52,22 +52,22 @@ int CSimulatorStream::Send(const char* data, unsigned len) {
         return 0;
     }
     Record& record = *m_record;
-    const std::uint64_t now_ms = Infra::CTime::getCurrentMilliSecond();
-    if (now_ms - record.m_window_start_ms > window_ms) {
+    const uint64_t now_ms = Infra::CTime::getCurrentMilliSecond();
+    if (now_ms - record.m_window_start_ms > WINDOW_MS) {
         record.m_window_start_ms = now_ms;
         record.m_sent = 0;
     }
     if (record.m_sent >= record.m_bytes_per_window) {
         return 0;
     }
-    const std::uint64_t left = record.m_bytes_per_window - record.m_sent;
+    const uint64_t left = record.m_bytes_per_window - record.m_sent;
     if (len > left) {
         len = static_cast<unsigned>(left);
     }
     // A window is below half of what an int holds, so the length fits.
     const int sent = record.m_real != nullptr ? record.m_real->Send(data, len) : static_cast<int>(len);
     if (sent >= 1) {
-        record.m_sent += static_cast<std::uint64_t>(sent);
+        record.m_sent += static_cast<uint64_t>(sent);
     }
     return sent;
 }
@@ -80,13 +80,13 @@ int CSimulatorStream::WriteV(const struct iovec* vec, int count) {
     for (int i = 0; i < count; ++i) {
         const struct iovec& piece = vec[i];
         if (piece.iov_base == nullptr && piece.iov_len == 0) {
-            continue;  // Nothing to send is no error, but a null address would be one to Send.
+            continue;  // Nothing to send is not an error, but a null address would be one to Send.
         }
-        const auto length = static_cast<unsigned>(std::min<std::size_t>(piece.iov_len, UINT_MAX));
+        const auto length = static_cast<unsigned>(std::min<size_t>(piece.iov_len, UINT_MAX));
         const int sent = Send(static_cast<const char*>(piece.iov_base), length);
         // An error hides the bytes that went before it: a connection that failed has lost them anyway.
         total = sent < 0 ? sent : total + sent;
-        if (sent < 0 || static_cast<std::size_t>(sent) < piece.iov_len) {
+        if (sent < 0 || static_cast<size_t>(sent) < piece.iov_len) {
             break;
         }
     }

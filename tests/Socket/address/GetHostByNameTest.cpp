@@ -15,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "Socket/address/ResolverHold.h"
 #include "support/LogCapture.h"
 #include "support/socket/Allocations.h"
 #include "support/socket/Loopback.h"
