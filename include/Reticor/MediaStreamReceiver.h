@@ -64,7 +64,7 @@ public:
     ///
     /// `start_offset` is the media time, in microseconds, that counts as played already: the receiver runs
     /// that far ahead of real time. It counts only with a `speed` of exactly 1.0. `speed` is the rate of
-    /// play: 2.0 is twice as fast. With a speed of 0 or one that is no number every unit is due at once.
+    /// play: 2.0 is twice as fast. With a speed of 0 or one that is not a number every unit is due at once.
     ///
     /// Failures are logged at level 2: no thread could be started, or the receiver runs already, is closed,
     /// or the library is down. Blocks while the thread that is taken ends an earlier run, some milliseconds.

@@ -78,8 +78,8 @@ private:
 /// in `handle_timer_event`, or come there once, when `Stop` or `Close` on another thread has returned. Later
 /// ticks make no call.
 ///
-/// Log lines about misuse are written under the event's lock: a log sink must not call the event back from
-/// another thread and wait for it.
+/// Log lines about misuse may be written under a lock of the event: a log sink must not call the event back
+/// from another thread and wait for it.
 class RETICOR_API CNTimerEvent : public CNetHandler {
 public:
     /// An event of the public pool, which must exist.

@@ -14,7 +14,7 @@ namespace Orvex::Reticor {
 RETICOR_API void R3Printf(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 /// Enters a command in the command box. The debug server calls `func` with exactly ten arguments of type int,
-/// the numbers that stood behind the command's name, 0 for those that did not; its result is ignored. The
+/// the numbers that stood after the command's name, 0 for those that did not; its result is ignored. The
 /// call comes on a worker of the public pool, with no lock of the library held.
 ///
 /// `name` and `help` (one line; may be null) are kept by pointer and must outlive the box, so give literals.
@@ -27,7 +27,7 @@ RETICOR_API int R3Register(void* func, const char* name, const char* help);
 /// Starts the debug server, a telnet port without a password: on `port`, or on the first free one of the
 /// hundred above it, which is logged at level 4. `name` is the prompt, cut to 64 bytes; null is "R3". With
 /// `open` true, as `CNetThread::EnableR3` has it, clients of other machines are closed before the first byte,
-/// with a line at level 2; with false everybody who reaches the port gets the prompt. The port is bound on
+/// with a line at level 2; with false everybody that reaches the port gets the prompt. The port is bound on
 /// all addresses in either case.
 ///
 /// 0; -1 with a line if the server runs already, no port is free, or there is no memory. The public pool must

@@ -12,8 +12,8 @@ namespace Orvex::Reticor {
 
 class CSockStream;
 
-/// Wraps a CSockStream and lets only so many bytes per second through. Senders take it in place of the real
-/// socket, and so does CNetHandler::RegisterSock: it carries the real socket's handle. Only sending is
+/// Wraps a CSockStream and lets a limited number of bytes per second through. Senders take it in place of the
+/// real socket, and so does CNetHandler::RegisterSock: it carries the real socket's handle. Only sending is
 /// shaped; receive from the real socket.
 ///
 /// Time goes in windows of one second. A caller may use the bytes of a window all at once, and the next

@@ -36,8 +36,7 @@ public:
     int SetIp(unsigned ip);
 
     /// Takes a dotted literal, an IPv4-mapped IPv6 literal such as "::ffff:10.0.0.1", or a host name; null
-    /// and
-    /// "" are the wildcard. Any other IPv6 literal is refused with -1. The port is left alone.
+    /// and "" are the wildcard. Any other IPv6 literal is refused with -1. The port is left alone.
     ///
     /// Blocks the caller while a host name is looked up, for as long as the system's resolver takes; literals
     /// never reach the name service. After a failed look-up errno holds the resolver's code (EAI_*, which is

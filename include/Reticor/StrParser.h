@@ -30,8 +30,8 @@ class ParserText;
 /// fails as if there were no memory.
 ///
 /// Lines end at '\n'. A '\r' before it belongs to the line, save where a comment says otherwise. Characters
-/// are classified as ASCII whatever the process's locale is: bytes above 127 are no blanks, digits or
-/// letters. A word character is one from 33 to 126.
+/// are classified as ASCII whatever the process's locale is: bytes above 127 are neither blanks nor digits
+/// nor letters. A word character is one from 33 to 126.
 ///
 /// The cursor normally lies within 0 to `GetStringLen`. Two operations take it further: a number that reaches
 /// the end of the text leaves it at `GetStringLen() + 1`, and `LocateOffset` on an empty text at -1. Nothing
@@ -58,7 +58,7 @@ public:
     int Append(const char* text);
 
     /// The text, valid until the next `Attach`, `Append` or `Replace...`. It has `GetStringLen` bytes; do not
-    /// count on a terminator: a replacement that shortens the end of the text leaves the old bytes behind it.
+    /// count on a terminator: a replacement that shortens the end of the text leaves the old bytes after it.
     const char* GetString() const;
     /// Bytes of text. After a replacement that failed for want of memory this is the length that the text
     /// would have got, while the parser goes on reading the bytes that it still holds.
@@ -95,7 +95,7 @@ public:
     int CompareCase(const char* s) const;
     /// If `c` is at the cursor: moves one on and gives the new offset. Otherwise -1.
     int Expect(char c);
-    /// If "\n" or "\r\n" is at the cursor: moves behind it and gives the new offset. Otherwise -1; a '\r'
+    /// If "\n" or "\r\n" is at the cursor: moves past it and gives the new offset. Otherwise -1; a '\r'
     /// that is the last byte of the text is passed all the same.
     int ExpectEOL();
 
@@ -134,10 +134,10 @@ public:
     int ConsumeUntilinLine(char c);
     /// To the next byte of the table or to the '\n', whichever is first. A null table gives -1.
     int ConsumeUntilinLine(const unsigned char* table);
-    /// Behind the next '\n'. If that '\n' is the last byte of the text, the cursor stays on it and the result
+    /// Past the next '\n'. If that '\n' is the last byte of the text, the cursor stays on it and the result
     /// is the cursor's offset, not a count.
     int ConsumeUntilNextLine();
-    /// Behind the next `c`. If that is the last byte of the text, the cursor stays on it, and the count is
+    /// Past the next `c`. If that is the last byte of the text, the cursor stays on it, and the count is
     /// one less. So at a final `c` the result is 0 for ever, not -1: a loop must not wait for -1 alone, but
     /// end when the cursor no longer moves.
     int GetThru(char c);
@@ -158,7 +158,7 @@ public:
     int ConsumeLength(unsigned len, char* out, unsigned out_len);
     /// Up to the first byte that is one of `delims`, which is passed too but neither counted nor copied; the
     /// whole rest if there is none, or if `delims` is empty. `out` is left alone if the result is 0. With the
-    /// cursor past the end, behind a number that ended the text, or with null `delims`: -1.
+    /// cursor past the end, after a number that ended the text, or with null `delims`: -1.
     int ConsumeSentence(const char* delims, char* out, unsigned out_len);
 
     // Lines by their heads.
@@ -173,7 +173,7 @@ public:
     int GetLineNumWithHead(const char* head);
 
     // Numbers. A number is an optional '-', digits, and at most one '.' between digits; no '+', no exponent.
-    // On success the status is 0 and the cursor stands behind the number, and one further still if the number
+    // On success the status is 0 and the cursor stands after the number, and one further still if the number
     // reaches the end of the text. On failure the status is -1 and the cursor stays. Integers pass a fraction
     // but leave it out of the value, saturate at 64 bits, and are then cut to the width of their type; the
     // unsigned ones take "-5" as 2^64 - 5.
@@ -226,7 +226,7 @@ public:
     /// on, up to two before the ']'. Null `s` gives -1.
     int ReplaceIpAddr(const char* s);
     /// Overwrites up to `len` bytes by `s`, and by blanks when `s` has run out, up to the end of the text,
-    /// whose length does not change. The cursor moves behind them and is the result. Null `s` counts as
+    /// whose length does not change. The cursor moves past them and is the result. Null `s` counts as
     /// empty.
     int ReplaceLength(int len, const char* s);
 

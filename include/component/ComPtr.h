@@ -1,4 +1,4 @@
-// TComPtr: holds a reference on a component. TCounted: the count, for those who write one.
+// TComPtr: holds a reference on a component. TCounted: the count, for whoever writes one.
 #pragma once
 
 #include <atomic>

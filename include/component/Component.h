@@ -39,7 +39,7 @@ public:
         return Infra::offerComponent(family.name(), name, component.get());
     }
 
-    /// Ends the offer; who has found the component keeps it. False if there is no such offer.
+    /// Ends the offer; whoever has found the component keeps it. False if there is no such offer.
     static bool withdraw(const ClassID& family, const char* name) noexcept {
         return Infra::withdrawComponent(family.name(), name);
     }

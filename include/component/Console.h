@@ -6,7 +6,7 @@
 
 namespace Orvex::Manager {
 
-/// A command gets the number of words behind its name, and the words; the first of them is `argv[0]`. The
+/// A command gets the number of words after its name, and the words; the first of them is `argv[0]`. The
 /// words are the console's, and good for the call only. The console does nothing with the result.
 using ConsoleCommand = Infra::TFunction2<int, int, char**>;
 

@@ -9,12 +9,12 @@ namespace Orvex::Reticor {
 
 namespace {
 
-bool inWord(char letter) {
+bool in_word(char letter) {
     return letter >= 0x21 && letter <= 0x7E;
 }
 
 /// A lone '-' counts as a number too, and is 0.
-bool isNumeric(const char* word) {
+bool is_numeric(const char* word) {
     if (*word == '-') {
         ++word;
     }
@@ -26,19 +26,19 @@ bool isNumeric(const char* word) {
 
 int argument(const char* word) {
     // strtol has a result for any row of digits, which atoi has not.
-    return isNumeric(word) ? static_cast<int>(std::strtol(word, nullptr, 10)) : R3_NO_NUMBER;
+    return is_numeric(word) ? static_cast<int>(std::strtol(word, nullptr, 10)) : R3_NO_NUMBER;
 }
 
-/// The next word, ended where it ends, or null. `place` moves behind it.
-const char* nextWord(char*& place) {
-    while (*place != '\0' && !inWord(*place)) {
+/// The next word, ended where it ends, or null. `place` moves past it.
+const char* next_word(char*& place) {
+    while (*place != '\0' && !in_word(*place)) {
         ++place;
     }
     if (*place == '\0') {
         return nullptr;
     }
     const char* const word = place;
-    while (inWord(*place)) {
+    while (in_word(*place)) {
         ++place;
     }
     if (*place != '\0') {
@@ -51,9 +51,9 @@ const char* nextWord(char*& place) {
 
 CommandLine splitCommandLine(char* line) {
     CommandLine split = {};
-    split.word = nextWord(line);
+    split.word = next_word(line);
     for (int& value : split.arguments) {
-        const char* const word = split.word != nullptr ? nextWord(line) : nullptr;
+        const char* const word = split.word != nullptr ? next_word(line) : nullptr;
         if (word == nullptr) {
             break;
         }

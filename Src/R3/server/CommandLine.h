@@ -7,7 +7,7 @@ struct TFuncEntry;
 
 constexpr int R3_ARGUMENTS = 10;
 
-/// Stands for a word that is no number.
+/// Stands for a word that is not a number.
 constexpr int R3_NO_NUMBER = static_cast<int>(0xBCBCBCBC);
 
 struct CommandLine {
@@ -15,7 +15,7 @@ struct CommandLine {
     int arguments[R3_ARGUMENTS];  ///< 0 for what was not typed.
 };
 
-/// Splits a line in place. Words are runs of the bytes 21 to 7E, whatever stands between them. Those behind
+/// Splits a line in place. Words are runs of the bytes 21 to 7E, whatever stands between them. Those after
 /// the first are arguments: an optional '-' and digits is a number, anything else R3_NO_NUMBER. What follows
 /// the tenth is not looked at.
 CommandLine splitCommandLine(char* line);

@@ -19,7 +19,7 @@ namespace {
 
 constexpr char FRAME[] = "-------------------------------------------------------------------------------\n";
 
-/// -25344. The ids of handlers are far below it; what is above is no id but a slip of the operator.
+/// -25344. The ids of handlers are far below it; what is above is not an id but a slip of the operator.
 constexpr int HIGHEST_HANDLER_ID = static_cast<int>(0xFFFF9D00);
 
 /// The types of CDebugSocket::DebugControl.
@@ -44,7 +44,7 @@ void reply(const char* format, ...) {
     INFRA_LOG_PLAIN(4, "%s", FRAME);
 }
 
-/// What atoi gives, with a result also where the number is none of an int.
+/// What atoi gives, with a result also where an int cannot hold the number.
 int number(const char* text) {
     return static_cast<int>(std::strtol(text, nullptr, 10));
 }
@@ -63,7 +63,7 @@ void list(const char*) {
     Print_List();
 }
 
-void followSocket(const char* word) {
+void follow_socket(const char* word) {
     const int fd = number(word);
     reply("Socket is %d.\n", fd);
     if (fd < 0) {
@@ -75,7 +75,7 @@ void followSocket(const char* word) {
     CDebugSocket::DebugControl(FD, true, fd);
 }
 
-void followHandler(const char* word) {
+void follow_handler(const char* word) {
     const int id = number(word);
     reply("CNetHandler id is %d", id);
     if (id > HIGHEST_HANDLER_ID) {
@@ -87,29 +87,29 @@ void followHandler(const char* word) {
     CDebugSocket::DebugControl(HANDLER, true, id);
 }
 
-void traceClass(ControlType type) {
+void trace_class(ControlType type) {
     CDebugSocket::DebugControl(OFF, true, -1);
     CDebugSocket::DebugControl(type, true, -1);
 }
 
-void traceAll(const char*) {
+void trace_all(const char*) {
     reply("Display socket event all processes.\n");
-    traceClass(ALL);
+    trace_class(ALL);
 }
 
-void traceRead(const char*) {
+void trace_read(const char*) {
     reply("Display socket read event flow.\n");
-    traceClass(READ);
+    trace_class(READ);
 }
 
-void traceWrite(const char*) {
+void trace_write(const char*) {
     reply("Display socket write event flow.\n");
-    traceClass(WRITE);
+    trace_class(WRITE);
 }
 
-void traceException(const char*) {
+void trace_exception(const char*) {
     reply("Display socket exception event flow.\n");
-    traceClass(EXCEPTION);
+    trace_class(EXCEPTION);
 }
 
 void more(const char*) {
@@ -150,15 +150,15 @@ constexpr Row ROWS[] = {
     {1, {"-v", 2}, NONE, &version},
     {1, {"-h", 2}, NONE, &usage},
     {1, {"--list", 6}, NONE, &list},
-    {2, {"-S", 2}, {"-a", 2}, &traceAll},
-    {2, {"-S", 2}, {"-r", 2}, &traceRead},
-    {2, {"-S", 2}, {"-w", 2}, &traceWrite},
-    {2, {"-S", 2}, {"-e", 2}, &traceException},
+    {2, {"-S", 2}, {"-a", 2}, &trace_all},
+    {2, {"-S", 2}, {"-r", 2}, &trace_read},
+    {2, {"-S", 2}, {"-w", 2}, &trace_write},
+    {2, {"-S", 2}, {"-e", 2}, &trace_exception},
     {2, {"-S", 2}, {"--more", 6}, &more},
     {2, {"-S", 2}, {"--less", 6}, &less},
     {2, {"-S", 2}, {"-off", 4}, &off},
-    {3, {"-S", 2}, {"-fd", 3}, &followSocket},
-    {3, {"-S", 2}, {"-c", 3}, &followHandler},
+    {3, {"-S", 2}, {"-fd", 3}, &follow_socket},
+    {3, {"-S", 2}, {"-c", 3}, &follow_handler},
 };
 
 bool matches(const Row& row, int argc, char** argv) {

@@ -97,7 +97,7 @@ int CR3Daemon::handle_input(int) {
         }
         return 0;
     }
-    if (!isWelcome(*client)) {
+    if (!is_welcome(*client)) {
         return 0;
     }
     INFRA_LOG_PLAIN(6, "R3Server come new connect.\n");
@@ -120,7 +120,7 @@ int64_t CR3Daemon::handle_timeout(long) {
     return -1;
 }
 
-bool CR3Daemon::isWelcome(CSockStream& client) const {
+bool CR3Daemon::is_welcome(CSockStream& client) const {
     if (!m_local_only) {
         return true;
     }

@@ -61,7 +61,7 @@ private:
     ~CR3Daemon() override;
 
     void rest() INFRA_REQUIRES(m_mutex);
-    bool isWelcome(CSockStream& client) const;
+    bool is_welcome(CSockStream& client) const;
 
     /// Guards the acceptor and the hand-over of clients to the session.
     Infra::CMutex m_mutex{Infra::LockClass::R3_DAEMON};

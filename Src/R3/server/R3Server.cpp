@@ -23,7 +23,7 @@ Infra::CMutex g_daemon_mutex{Infra::LockClass::R3_POINTER};
 
 /// The daemon that runs, with a reference, or null. Its first reference is dropped after it has left
 /// g_r3_daemon, so there is one to add to.
-CR3Daemon* holdDaemon() {
+CR3Daemon* hold_daemon() {
     const Infra::CGuard guard(g_daemon_mutex);
     if (g_r3_daemon != nullptr) {
         g_r3_daemon->AddRef();
@@ -31,7 +31,7 @@ CR3Daemon* holdDaemon() {
     return g_r3_daemon;
 }
 
-CR3Daemon* exchangeDaemon(CR3Daemon* daemon) {
+CR3Daemon* exchange_daemon(CR3Daemon* daemon) {
     const Infra::CGuard guard(g_daemon_mutex);
     CR3Daemon* const before = g_r3_daemon;
     __atomic_store_n(&g_r3_daemon, daemon, __ATOMIC_RELEASE);
@@ -40,7 +40,7 @@ CR3Daemon* exchangeDaemon(CR3Daemon* daemon) {
 
 // The daemon that R3Printf has seen may have gone since.
 void print(CR3Daemon*, const char* text) {
-    if (CR3Daemon* const daemon = holdDaemon()) {
+    if (CR3Daemon* const daemon = hold_daemon()) {
         daemon->Print(text);
         daemon->DecRef();
     }
@@ -65,12 +65,12 @@ int startDebugServer(unsigned short port, const char* name, bool local_only) {
         return -1;
     }
     __atomic_store_n(&g_r3_print, &print, __ATOMIC_RELAXED);
-    exchangeDaemon(daemon);
+    exchange_daemon(daemon);
     return 0;
 }
 
 void endDebugServer() {
-    if (CR3Daemon* const daemon = exchangeDaemon(nullptr)) {
+    if (CR3Daemon* const daemon = exchange_daemon(nullptr)) {
         daemon->Close();
     }
 }

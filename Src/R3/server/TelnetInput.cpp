@@ -28,8 +28,8 @@ constexpr unsigned char DEL = 0x7F;
 
 constexpr int32_t LINE_LIMIT = 255;
 
-/// The byte behind IAC. All else than these, a second IAC too, has no meaning here.
-void takeCommand(unsigned char command) {
+/// The byte after IAC. All else than these, a second IAC too, has no meaning here.
+void take_command(unsigned char command) {
     g_iac_seen = false;
     if (command == SB) {
         g_telnet_state = TELNET_SUBNEGOTIATION;
@@ -46,7 +46,7 @@ void takeCommand(unsigned char command) {
 
 bool telnetPasses(unsigned char byte) {
     if (g_iac_seen) {
-        takeCommand(byte);
+        take_command(byte);
         return false;
     }
     if (byte == IAC) {
@@ -66,7 +66,7 @@ bool telnetPasses(unsigned char byte) {
     return byte != 0;
 }
 
-// The byte behind ESC is consumed whatever it is, then digits, then the one that ends the sequence.
+// The byte after ESC is consumed whatever it is, then digits, then the one that ends the sequence.
 bool CTelnetInput::escapePasses(unsigned char byte) {
     if (byte == ESC) {
         m_esc_active = 1;

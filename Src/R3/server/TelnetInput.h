@@ -6,7 +6,7 @@
 namespace Orvex::Reticor {
 
 /// The state of the telnet filter. It belongs to the one session of the process and stays as it is from one
-/// client to the next: who hangs up in the middle of a telnet command leaves its rest to the next client.
+/// client to the next: whoever hangs up in the middle of a telnet command leaves its rest to the next client.
 ///
 /// Thread safety: guarded by the session's mutex.
 extern bool g_iac_seen;         ///< The last byte was IAC.

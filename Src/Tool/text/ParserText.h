@@ -34,7 +34,7 @@ public:
     /// Puts `s` in place of the bytes [start, end] and gives its length. The cursor stays. -1 if they do not
     /// lie in the text, for null, and without memory, which only growth needs.
     int replace(int start, int end, const char* s);
-    /// Puts up to `len` bytes over those at the cursor, from `s` and then blanks, and moves behind them.
+    /// Puts up to `len` bytes over those at the cursor, from `s` and then blanks, and moves past them.
     void overwrite(int len, const char* s);
 
     const char* bytes() const { return m_text; }

@@ -29,7 +29,7 @@ int64_t NTimerInternal::next_delay(uint64_t now) {
     return static_cast<int64_t>(std::clamp(next, Wide{SHORTEST_DELAY_US}, LONGEST));
 }
 
-// Handlers may start, stop and close any event meanwhile, and push others. Those stand behind the event that
+// Handlers may start, stop and close any event meanwhile, and push others. Those stand after the event that
 // was the last when the pass began, and wait for the next one: else a handler that pushes one event per call
 // would keep a tick going for ever.
 void NTimerInternal::scan(bool fire) {
@@ -57,7 +57,7 @@ void NTimerInternal::close_leading() {
     }
 }
 
-// The closed events right behind `ev`. The result is `last`, or `ev` if that one was among them.
+// The closed events right after `ev`. The result is `last`, or `ev` if that one was among them.
 NTimerEventInternal* NTimerInternal::close_after(NTimerEventInternal* ev, NTimerEventInternal* last) {
     NTimerEventInternal*& next = ev->m_next;
     while (next != nullptr && next->m_state.load(std::memory_order_acquire) == EVENT_CLOSED) {
