@@ -16,8 +16,8 @@ constexpr unsigned int STREAM_SENDER_DRAINED = 9;  ///< Nothing waits any more. 
 
 /// Takes bytes at the application's pace and writes them at the socket's. Put tries the socket at once; what
 /// does not fit waits in blocks of 32 KiB, and each time the socket has room one gathering write drains as
-/// many of them as it takes. While the socket keeps up nothing is copied and nothing is allocated; behind
-/// that, blocks are kept and used again.
+/// many of them as it takes. While the socket keeps up nothing is copied and nothing is allocated;
+/// beyond that, blocks are kept and used again.
 ///
 /// The socket is registered on another handler, the owner, which goes on reading from it. The owner gets
 /// `handle_output` from the reactor and calls the sender's from its own. A CSockStream or a CSimulatorStream
@@ -92,12 +92,8 @@ public:
     int handle_close(CNetHandler* self) override;
 
 private:
-    CStreamSender();
-    ~CStreamSender() override;
-
-    void print_put(unsigned int len);
-    void print_output();
-    void report_exception(long id, int fd);
+    RETICOR_HIDDEN CStreamSender();
+    RETICOR_HIDDEN ~CStreamSender() override;
 
     friend struct StreamSenderState;
     StreamSenderState* m_state;  ///< Owned.

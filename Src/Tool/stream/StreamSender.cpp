@@ -36,6 +36,42 @@ bool printing() {
     return g_print.load(std::memory_order_relaxed) != 0;
 }
 
+// Both print before the mutex is entered: the debug server writes to its client through a sender of its own,
+// under a lock that it also holds while it calls that sender.
+
+void print_put(CStreamSender& sender, const StreamSenderState& state, unsigned int len) {
+    const auto [stream, fd] = state.socket();
+    if (stream != nullptr) {
+        R3Printf("%s, object:%p, class:%s, put len:%d, strem:%p, fd:%d\n",
+                 "Orvex::Reticor::CStreamSender::Put", static_cast<void*>(&sender), className(sender).c_str(),
+                 static_cast<int>(len), static_cast<void*>(stream), fd);
+    }
+}
+
+void print_output(CStreamSender& sender, const StreamSenderState& state) {
+    const auto [stream, fd] = state.socket();
+    if (stream != nullptr) {
+        R3Printf("%s, object:%p, class:%s, strem:%p, fd:%d\n", "Orvex::Reticor::CStreamSender::handle_output",
+                 static_cast<void*>(&sender), className(sender).c_str(), static_cast<void*>(stream), fd);
+    }
+}
+
+/// The name by which the line of a failure is known; it is a part of the line.
+constexpr const char* REPORT_NAME = "Orvex::Reticor::CStreamSender::report_exception";
+
+// The id stays, so that repeated failures are told repeatedly.
+void report_exception(CStreamSender& sender, StreamSenderState& state, int fd) INFRA_REQUIRES(state.m_mutex) {
+    if (state.m_exception_id == 0) {
+        return;
+    }
+    if (Infra::logEnabled(2)) {
+        Infra::Detail::logMember(
+            2, __FILE__, "void Orvex::Reticor::CStreamSender::report_exception(long, int)", __LINE__, &sender,
+            "%s on line:%d CStreamSender socket exception! fd: %d\n", REPORT_NAME, __LINE__, fd);
+    }
+    state.tell_failure(sender);
+}
+
 }  // namespace
 
 CStreamSender* CStreamSender::Create() {
@@ -78,7 +114,7 @@ int CStreamSender::Put(const char* buf, unsigned int len) {
     const uint64_t BUF_SIZE = m_state->bufferSize();
     assert(buf != NULL && len <= BUF_SIZE);
     if (printing()) {
-        print_put(len);
+        print_put(*this, *m_state, len);
     }
     HandlerPin owner;
     Infra::CGuard guard(m_state->m_mutex);
@@ -91,7 +127,7 @@ int CStreamSender::Put(const char* buf, unsigned int len) {
     }
     const int result = m_state->send(buf, len);
     if (result == -1) {
-        report_exception(m_state->m_exception_id, m_stream->GetHandle());
+        report_exception(*this, *m_state, m_stream->GetHandle());
         return -1;
     }
     const auto sent = static_cast<uint32_t>(result);
@@ -100,7 +136,7 @@ int CStreamSender::Put(const char* buf, unsigned int len) {
     }
     if (!m_state->put_buffer(buf, len, sent)) {
         if (sent != 0) {  // The other side waits for the rest of this, which is lost.
-            report_exception(m_state->m_exception_id, m_stream->GetHandle());
+            report_exception(*this, *m_state, m_stream->GetHandle());
         }
         return -1;
     }
@@ -167,7 +203,7 @@ void CStreamSender::WaitException(long id) {
 
 int CStreamSender::handle_output(int handle) {
     if (printing()) {
-        print_output();
+        print_output(*this, *m_state);
     }
     HandlerPin owner;
     Infra::CGuard guard(m_state->m_mutex);
@@ -183,7 +219,7 @@ int CStreamSender::handle_output(int handle) {
             if (owner) {
                 OwnerDoor::Remove(*owner.get(), *m_stream);
             }
-            report_exception(m_state->m_exception_id, m_stream->GetHandle());
+            report_exception(*this, *m_state, m_stream->GetHandle());
         } else if (sent > 0) {
             m_state->del_buffer_header(static_cast<uint32_t>(sent));
             m_state->check_buffer_free(*this);
@@ -206,34 +242,6 @@ int CStreamSender::handle_close(CNetHandler*) {
     }
     delete this;
     return 0;
-}
-
-// The id stays, so that repeated failures are told repeatedly.
-void CStreamSender::report_exception(long id, int fd) {
-    if (id != 0) {
-        INFRA_LOG(2, "%s on line:%d CStreamSender socket exception! fd: %d\n", INFRA_FUNCTION, __LINE__, fd);
-        Notify(id, STREAM_SENDER_FAILED, 0);
-    }
-}
-
-// Both print before the mutex is entered: the debug server writes to its client through a sender of its own,
-// under a lock that it also holds while it calls that sender.
-
-void CStreamSender::print_put(unsigned int len) {
-    const auto [stream, fd] = m_state->socket();
-    if (stream != nullptr) {
-        R3Printf("%s, object:%p, class:%s, put len:%d, strem:%p, fd:%d\n",
-                 "Orvex::Reticor::CStreamSender::Put", static_cast<void*>(this), className(*this).c_str(),
-                 static_cast<int>(len), static_cast<void*>(stream), fd);
-    }
-}
-
-void CStreamSender::print_output() {
-    const auto [stream, fd] = m_state->socket();
-    if (stream != nullptr) {
-        R3Printf("%s, object:%p, class:%s, strem:%p, fd:%d\n", "Orvex::Reticor::CStreamSender::handle_output",
-                 static_cast<void*>(this), className(*this).c_str(), static_cast<void*>(stream), fd);
-    }
 }
 
 }  // namespace Orvex::Reticor

@@ -39,7 +39,7 @@ SSendBuf* StreamSenderState::new_buffer() {
     return block;
 }
 
-// Sees to it that the tail and the spare blocks behind it have room for `len` bytes.
+// Sees to it that the tail and the spare blocks after it have room for `len` bytes.
 bool StreamSenderState::reserve(uint32_t len) {
     if (m_head == nullptr) {
         m_head = m_tail = new_buffer();
@@ -127,7 +127,7 @@ uint32_t StreamSenderState::del_buffer_header(uint32_t len) {
     return len - left;
 }
 
-// The head is empty and not the tail: puts it behind all others.
+// The head is empty and not the tail: puts it after all others.
 void StreamSenderState::recycle_head() {
     SSendBuf* const drained = m_head;
     SSendBuf* last = m_tail;
@@ -166,6 +166,10 @@ void StreamSenderState::check_buffer_free(CStreamSender& sender) {
         }
         m_wait_finish.clear();
     }
+}
+
+void StreamSenderState::tell_failure(CStreamSender& sender) {
+    sender.Notify(m_exception_id, STREAM_SENDER_FAILED, 0);
 }
 
 std::pair<CSock*, int> StreamSenderState::socket() const {

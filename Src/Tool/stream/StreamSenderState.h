@@ -41,7 +41,7 @@ struct SSendBuf {
 /// Thread safety: the caller holds m_mutex for all but bufferSize().
 ///
 /// Invariants: the blocks between m_head and m_tail are full and untouched; only the head can be partly read,
-/// only the tail partly written. m_data_len is what all of them hold together. Blocks behind the tail are
+/// only the tail partly written. m_data_len is what all of them hold together. Blocks after the tail are
 /// spare and empty. The links back are right from the tail to the head. No block is freed before the sender
 /// is.
 struct StreamSenderState {
@@ -73,6 +73,9 @@ struct StreamSenderState {
     /// Tells every waiter whose wish is fulfilled, as a message from `sender`.
     void check_buffer_free(CStreamSender& sender) INFRA_REQUIRES(m_mutex);
 
+    /// A message to the handler that waits for failures.
+    void tell_failure(CStreamSender& sender) INFRA_REQUIRES(m_mutex);
+
     /// The socket and its handle, for a trace line. Takes m_mutex itself.
     std::pair<CSock*, int> socket() const;
 
@@ -86,7 +89,7 @@ struct StreamSenderState {
     mutable Infra::CMutex m_mutex{Infra::LockClass::STREAM_SENDER};
     /// Oldest block with data.
     SSendBuf* m_head INFRA_GUARDED_BY(m_mutex) = nullptr;
-    /// Block being filled. Spare blocks may hang behind it.
+    /// Block being filled. Spare blocks may hang after it.
     SSendBuf* m_tail INFRA_GUARDED_BY(m_mutex) = nullptr;
     /// m_buf_num + 1 entries: data that begins and ends inside a block touches one block more.
     std::unique_ptr<iovec[]> m_iovec INFRA_GUARDED_BY(m_mutex);
