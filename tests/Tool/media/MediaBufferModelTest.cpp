@@ -20,7 +20,7 @@ struct Mood {
     bool clears;     // the buffer is cleared
     bool returns;    // clients come again
     bool hollow;     // frames without a byte
-    unsigned rooms;  // one in so many operations gives a socket room
+    unsigned rooms;  // one in this number of operations gives a socket room
     int channels;
 };
 

@@ -418,7 +418,7 @@ TEST_F(MediaBuffer, ExpiredBytesDelayTheDiscardForAsLongAsTheClientStays) {
     }
     EXPECT_EQ(frames(), 6U);
     put(10, 1, 5);
-    EXPECT_EQ(frames(), 6U) << "50 bytes behind, always";
+    EXPECT_EQ(frames(), 6U) << "50 bytes late, always";
     tick(200);
     EXPECT_EQ(frames(), 1U) << "they leave by their age";
 }
@@ -462,7 +462,7 @@ TEST_F(MediaBuffer, FramesWithoutAByteAreLetGoAfterTheStepsOfTheirLevel) {
     EXPECT_TRUE(log.containsMatching(3, "CMediaBuffer, frame:0x[0-9a-f]+ without a byte is let go\n"));
     put(10, 1, 5);
     tick();
-    EXPECT_EQ(frames(), 1U) << "and with it what had gathered behind it";
+    EXPECT_EQ(frames(), 1U) << "and with it what had gathered after it";
     EXPECT_EQ(a.sock.wire().size(), 100U);
 }
 

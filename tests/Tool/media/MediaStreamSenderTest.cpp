@@ -521,7 +521,7 @@ TEST_F(MediaStreamSender, AFrameOfFiveThousandPacketsArrivesWholeAndInOrder) {
     MediaClient& a = joinedClient();
     std::string bytes;
     for (int i = 0; i < 5000; ++i) {
-        // 1100 empty packets in front of the bytes and 1100 behind the first of them.
+        // 1100 empty packets in front of the bytes and 1100 after the first of them.
         bytes += put(i < 1100 || (i > 1100 && i < 2201) ? 0 : 3, i == 4999 ? 1 : 0);
     }
     for (int i = 0; i < 10 && a.sock.wire().size() < bytes.size(); ++i) {

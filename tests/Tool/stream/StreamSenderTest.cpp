@@ -153,7 +153,7 @@ TEST_F(StreamSenderTest, PutThatDoesNotFitIsRefusedWhole) {
     EXPECT_EQ(sender->Put(text(CAPACITY).data(), CAPACITY), -1);
     EXPECT_EQ(waiting(), 1u);
     EXPECT_THAT(blocks(), ElementsAre(1u));
-    EXPECT_THAT(messages(), IsEmpty()) << "a full buffer is no failure";
+    EXPECT_THAT(messages(), IsEmpty()) << "a full buffer is not a failure";
     EXPECT_EQ(sender->Put(text(CAPACITY - 1).data(), CAPACITY - 1), 0);
     EXPECT_EQ(waiting(), CAPACITY);
     EXPECT_EQ(sender->Put("x", 1), -1);
@@ -270,7 +270,7 @@ TEST_F(StreamSenderTest, WriteThatEndsInsideTheSecondBlockRecyclesTheFirst) {
     const Infra::CGuard guard(state().m_mutex);
     EXPECT_EQ(state().m_head->m_read, state().m_head->m_data + 1000);
     EXPECT_EQ(state().m_head->m_prev, nullptr);
-    EXPECT_EQ(state().m_tail->m_next, first) << "the drained block hangs behind the chain";
+    EXPECT_EQ(state().m_tail->m_next, first) << "the drained block hangs after the chain";
     EXPECT_EQ(first->m_prev, state().m_tail);
     EXPECT_EQ(mask(), static_cast<int>(SOCK_WRITE));
 }
