@@ -30,7 +30,7 @@ struct MediaBufferStats {
 
 /// Stands between one producer and its CMediaStreamSenders. The producer hands in packets; the buffer groups
 /// them into frames, offers each complete frame to every sender, keeps it until the slowest one is past it,
-/// and throws frames away by age and importance when senders fall behind. Writing happens inside Put, on the
+/// and throws frames away by age and importance when senders are late. Writing happens inside Put, on the
 /// producer's thread, and never blocks: a slow client cannot stall the producer. Nothing is copied; see
 /// docs/media.md for the whole.
 ///

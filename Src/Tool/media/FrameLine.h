@@ -66,7 +66,7 @@ public:
     /// One tick for every complete frame. A frame of level L expires at (11 - L) * 10 ticks, unless a sender
     /// is at work on it.
     void age() INFRA_REQUIRES(CORE_MUTEX);
-    /// Whether all senders have a resume policy: then nobody but those who stand on a frame keeps it.
+    /// Whether all senders have a resume policy: then only a sender that stands on a frame keeps it.
     void set_policy_only(bool policy_only) INFRA_REQUIRES(CORE_MUTEX) { m_policy_only = policy_only; }
     /// Counts what valid_num gives.
     void count_valid() INFRA_REQUIRES(CORE_MUTEX);

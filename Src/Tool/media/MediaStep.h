@@ -81,7 +81,7 @@ private:
 /// One operation under a core's mutex that may run call-backs. The outermost one on a core takes off, on its
 /// way out, what the call-backs have taken off; references are let go when the mutex is left. The outermost
 /// one of the thread then lets the senders come that call-backs have added: that needs the mutex of the
-/// buffer on which a sender was before, and nobody who holds one such mutex may wait for another.
+/// buffer on which a sender was before, and a thread that holds one such mutex must not wait for another.
 class INFRA_SCOPED_CAPABILITY MediaStep {
 public:
     explicit MediaStep(std::shared_ptr<MediaCore> core) INFRA_ACQUIRE(CORE_MUTEX);
