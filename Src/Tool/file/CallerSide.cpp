@@ -8,11 +8,6 @@ namespace Orvex::Reticor {
 
 // ---- writing -------------------------------------------------------------------------------------------
 
-int CallerSide::Write(const char* data, unsigned len) {
-    Infra::CGuard guard(m_api_mutex);
-    return m_exchange.over() ? 0 : write_buffered(data, len);
-}
-
 int CallerSide::write_buffered(const char* data, unsigned len) {
     int total = 0;
     if (!hold_write_buffer()) {
@@ -150,14 +145,6 @@ void CallerSide::clean_overlap(long long end) {
 }
 
 // ---- reading -------------------------------------------------------------------------------------------
-
-int CallerSide::Read(char* dst, unsigned len, bool& eof) {
-    if (m_exchange.m_load.reading()) {
-        return 0;
-    }
-    Infra::CGuard guard(m_api_mutex);
-    return m_exchange.over() ? 0 : read_buffered(dst, len, eof);
-}
 
 int CallerSide::read_buffered(char* dst, unsigned len, bool& eof) {
     int total = 0;

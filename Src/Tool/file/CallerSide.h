@@ -41,8 +41,17 @@ public:
 
     // ---- with buffers
 
-    int Write(const char* data, unsigned len);
-    int Read(char* dst, unsigned len, bool& eof);
+    int Write(const char* data, unsigned len) {
+        Infra::CGuard guard(m_api_mutex);
+        return m_exchange.over() ? 0 : write_buffered(data, len);
+    }
+    int Read(char* dst, unsigned len, bool& eof) {
+        if (m_exchange.m_load.reading()) {
+            return 0;
+        }
+        Infra::CGuard guard(m_api_mutex);
+        return m_exchange.over() ? 0 : read_buffered(dst, len, eof);
+    }
     int Seek(long long offset, int whence);
 
     // ---- its life

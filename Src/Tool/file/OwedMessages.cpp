@@ -13,16 +13,6 @@ void OwedMessages::tell(unsigned int msg) {
     }
 }
 
-bool OwedMessages::waiting_read_message() {
-    Infra::CGuard guard(m_msg_mutex);
-    return m_wait_read;
-}
-
-bool OwedMessages::waiting_write_message() {
-    Infra::CGuard guard(m_msg_mutex);
-    return m_wait_write;
-}
-
 void OwedMessages::need_read_message() {
     Infra::CGuard guard(m_msg_mutex);
     m_wait_read = true;

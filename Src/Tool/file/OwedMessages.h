@@ -27,8 +27,14 @@ public:
     /// The receiver's pool has ended: from now on nothing is posted.
     void be_silent() { m_silent.store(true); }
 
-    bool waiting_read_message();
-    bool waiting_write_message();
+    bool waiting_read_message() {
+        Infra::CGuard guard(m_msg_mutex);
+        return m_wait_read;
+    }
+    bool waiting_write_message() {
+        Infra::CGuard guard(m_msg_mutex);
+        return m_wait_write;
+    }
 
     /// Message 7 is owed, message 6 is owed.
     void need_read_message();

@@ -15,9 +15,4 @@ void PendingLoad::read_end() {
     m_reading = false;
 }
 
-bool PendingLoad::reading() {
-    Infra::CGuard guard(m_read_mutex);
-    return m_reading;
-}
-
 }  // namespace Orvex::Reticor

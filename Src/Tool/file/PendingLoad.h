@@ -19,7 +19,10 @@ public:
     /// A load is asked for. False if one is under way already.
     bool read_start();
     void read_end();
-    bool reading();
+    bool reading() {
+        Infra::CGuard guard(m_read_mutex);
+        return m_reading;
+    }
 
 private:
     Infra::CMutex m_read_mutex{Infra::LockClass::FILE_READ};
