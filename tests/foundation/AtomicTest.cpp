@@ -15,7 +15,7 @@ struct Record {
     Record* next = nullptr;
 };
 
-TEST(AtomicTest, FieldsKeepTheirTypeAndValue) {
+TEST(Atomic, FieldsKeepTheirTypeAndValue) {
     Record record;
     relaxedStore(record.flags, 1024);
     relaxedStore(record.count, -7);
@@ -28,7 +28,7 @@ TEST(AtomicTest, FieldsKeepTheirTypeAndValue) {
 }
 
 // A loop on a plain field would never see the change, or be a race to TSan.
-TEST(AtomicTest, AnotherThreadSeesAStore) {
+TEST(Atomic, AnotherThreadSeesAStore) {
     Record record;
     std::thread writer([&] { relaxedStore(record.flags, 1u); });
     while (relaxedLoad(record.flags) == 0) {

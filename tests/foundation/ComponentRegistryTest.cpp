@@ -39,7 +39,7 @@ TEST(ComponentRegistry, HandsOutWhatWasOfferedWithAReferenceForEach) {
     EXPECT_EQ(&component, findComponent("Local", "Console"));
     EXPECT_EQ(3, component.references);
     EXPECT_TRUE(withdrawComponent("Local", "Console"));
-    EXPECT_EQ(2, component.references) << "who has found it keeps it";
+    EXPECT_EQ(2, component.references) << "whoever has found it keeps it";
     EXPECT_EQ(nullptr, findComponent("Local", "Console"));
     EXPECT_FALSE(withdrawComponent("Local", "Console"));
 }

@@ -98,7 +98,7 @@ bool ends_undrained(UndrainedStandardError& standard_error, Work work) {
     return in_time;
 }
 
-TEST(DefaultSinkTest, NeverWaitsForAReaderAndLeavesTheModeOfThePipeAlone) {
+TEST(DefaultSink, NeverWaitsForAReaderAndLeavesTheModeOfThePipeAlone) {
     UndrainedStandardError standard_error;
     const int flags = standard_error.flags();
     EXPECT_TRUE(ends_undrained(standard_error, [] { say_many(200, 100); }));
@@ -106,7 +106,7 @@ TEST(DefaultSinkTest, NeverWaitsForAReaderAndLeavesTheModeOfThePipeAlone) {
     EXPECT_EQ(0, flags & O_NONBLOCK);
 }
 
-TEST(DefaultSinkTest, LaterLinesBringWhatWasKeptInOrder) {
+TEST(DefaultSink, LaterLinesBringWhatWasKeptInOrder) {
     UndrainedStandardError standard_error;
     constexpr int LINES = 200;
     constexpr size_t LENGTH = 100;
@@ -120,7 +120,7 @@ TEST(DefaultSinkTest, LaterLinesBringWhatWasKeptInOrder) {
     EXPECT_EQ(expected(0, LINES + 20, LENGTH), all);
 }
 
-TEST(DefaultSinkTest, ThreadsThatSleepBringWhatWasKept) {
+TEST(DefaultSink, ThreadsThatSleepBringWhatWasKept) {
     UndrainedStandardError standard_error;
     ASSERT_TRUE(ends_undrained(standard_error, [] { say_many(60, 100); }));
     std::string all = standard_error.read();
@@ -133,7 +133,7 @@ TEST(DefaultSinkTest, ThreadsThatSleepBringWhatWasKept) {
     EXPECT_EQ(expected(0, 60, 100), all);
 }
 
-TEST(DefaultSinkTest, CountsWhatItDropsAndSaysSoWhereItWas) {
+TEST(DefaultSink, CountsWhatItDropsAndSaysSoWhereItWas) {
     UndrainedStandardError standard_error;
     constexpr int LINES = 1000;  // of 100 bytes: more than pipe and ring together
     ASSERT_TRUE(ends_undrained(standard_error, [] { say_many(LINES, 100); }));
@@ -157,7 +157,7 @@ TEST(DefaultSinkTest, CountsWhatItDropsAndSaysSoWhereItWas) {
     EXPECT_EQ(std::string::npos, all.find(before, notice + 1));
 }
 
-TEST(DefaultSinkTest, OnePlaceWritesAHundredLinesInASecond) {
+TEST(DefaultSink, OnePlaceWritesAHundredLinesInASecond) {
     UndrainedStandardError standard_error;
     HandClock clock;
     std::string all;
@@ -182,7 +182,7 @@ TEST(DefaultSinkTest, OnePlaceWritesAHundredLinesInASecond) {
         standard_error.read());
 }
 
-TEST(DefaultSinkTest, TheNumberLeftOutIsSaidWithoutAFurtherLine) {
+TEST(DefaultSink, TheNumberLeftOutIsSaidWithoutAFurtherLine) {
     UndrainedStandardError standard_error;
     HandClock clock;
     for (int i = 0; i < 101; ++i) {
@@ -200,7 +200,7 @@ void count_line(void* context, const LogLine&) {
     ++*static_cast<int*>(context);
 }
 
-TEST(DefaultSinkTest, ASinkOfTheProductGetsEveryLine) {
+TEST(DefaultSink, ASinkOfTheProductGetsEveryLine) {
     static int lines = 0;
     static const LogSink counter = {&count_line, &lines};
     const LogSink* const before = setLogSink(&counter);
@@ -212,7 +212,7 @@ TEST(DefaultSinkTest, ASinkOfTheProductGetsEveryLine) {
 }
 
 // A child has a copy of the lock, but not the thread that held it.
-TEST(DefaultSinkTest, AForkedChildCanWriteWhateverOtherThreadsDo) {
+TEST(DefaultSink, AForkedChildCanWriteWhateverOtherThreadsDo) {
     UndrainedStandardError standard_error;
     std::atomic<bool> stop{false};
     std::thread other([&] {

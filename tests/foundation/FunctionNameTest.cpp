@@ -111,7 +111,7 @@ std::string unnamed() {
 namespace Orvex::Infra {
 namespace {
 
-TEST(FunctionNameTest, PlainFunctions) {
+TEST(FunctionName, PlainFunctions) {
     EXPECT_EQ("Sample::plain", Sample::plain(1));
     EXPECT_EQ("Sample::returnsAuto", Sample::returnsAuto());
     EXPECT_EQ("Sample::(anonymous namespace)::unnamed", Sample::unnamed());
@@ -122,7 +122,7 @@ TEST(FunctionNameTest, PlainFunctions) {
     EXPECT_EQ("Sample::returnsArray", name);
 }
 
-TEST(FunctionNameTest, MemberFunctions) {
+TEST(FunctionName, MemberFunctions) {
     Sample::Plain plain;
     EXPECT_EQ("Sample::Plain::Plain", plain.name);
     EXPECT_EQ("Sample::Plain::member", plain.member());
@@ -141,7 +141,7 @@ TEST(FunctionNameTest, MemberFunctions) {
     EXPECT_EQ("Sample::Dying::~Dying", name);
 }
 
-TEST(FunctionNameTest, Operators) {
+TEST(FunctionName, Operators) {
     Sample::Plain plain;
     EXPECT_EQ("Sample::Plain::operator()", plain(1));
     EXPECT_EQ("Sample::Plain::operator<", plain < plain);
@@ -155,14 +155,14 @@ TEST(FunctionNameTest, Operators) {
     EXPECT_EQ("Sample::Plain::operator bool", plain.name);
 }
 
-TEST(FunctionNameTest, TemplatesWithoutTheirArguments) {
+TEST(FunctionName, TemplatesWithoutTheirArguments) {
     EXPECT_EQ("Sample::templated", Sample::templated(1));
     EXPECT_EQ("Sample::templated", Sample::templated(std::string()));
     EXPECT_EQ("Sample::Templated::member", Sample::Templated<int>().member(1));
     EXPECT_EQ("Sample::Templated::both", Sample::Templated<std::function<void(int)>>().both(1));
 }
 
-TEST(FunctionNameTest, LambdasAreNamedForTheFunctionAroundThem) {
+TEST(FunctionName, LambdasAreNamedForTheFunctionAroundThem) {
     Sample::Plain plain;
     EXPECT_EQ("Sample::Plain::inLambda", plain.inLambda());
     EXPECT_EQ("Sample::Plain::inLambda", plain.name);
@@ -171,7 +171,7 @@ TEST(FunctionNameTest, LambdasAreNamedForTheFunctionAroundThem) {
 }
 
 // Texts as the compilers print them, so that each compiler's tests hold the other's too.
-TEST(FunctionNameTest, TextsOfBothCompilers) {
+TEST(FunctionName, TextsOfBothCompilers) {
     const auto name = [](const char* pretty) { return std::string(Detail::FunctionName(pretty).text()); };
     EXPECT_EQ("Orvex::Reticor::CSock::Close", name("int Orvex::Reticor::CSock::Close()"));
     EXPECT_EQ("Orvex::A::f", name("static const Orvex::A *Orvex::A::f(void (*)(int))"));
@@ -189,7 +189,7 @@ TEST(FunctionNameTest, TextsOfBothCompilers) {
     EXPECT_EQ("", name(nullptr));
 }
 
-TEST(FunctionNameTest, NamesBeyondTheBufferAreCut) {
+TEST(FunctionName, NamesBeyondTheBufferAreCut) {
     const std::string longest(1000, 'x');
     const std::string name = Detail::FunctionName((longest + "()").c_str()).text();
     EXPECT_EQ(longest.substr(0, 255), name);

@@ -45,7 +45,7 @@ void plainCount() {
     ++g_plain_calls;
 }
 
-TEST(FunctionTest, CallsMemberFunctionsWithEveryNumberOfArguments) {
+TEST(Function, CallsMemberFunctionsWithEveryNumberOfArguments) {
     Counter counter;
     EXPECT_EQ(1, TFunction0<int>(&Counter::none, &counter)());
     EXPECT_EQ(3, (TFunction1<int, int>(&Counter::one, &counter)(2)));
@@ -56,7 +56,7 @@ TEST(FunctionTest, CallsMemberFunctionsWithEveryNumberOfArguments) {
     EXPECT_EQ(30, (TFunction6<int, int, int, int, int, int, int>(&Counter::six, &counter)(1, 1, 1, 1, 1, 1)));
 }
 
-TEST(FunctionTest, CallsConstAndNoexceptMemberFunctions) {
+TEST(Function, CallsConstAndNoexceptMemberFunctions) {
     Counter counter;
     counter.value = 4;
     const Counter& constant = counter;
@@ -64,7 +64,7 @@ TEST(FunctionTest, CallsConstAndNoexceptMemberFunctions) {
     EXPECT_EQ(-4, TFunction0<int>(&Counter::quiet, &counter)());
 }
 
-TEST(FunctionTest, CallsTheOverrideAndFindsTheRightBase) {
+TEST(Function, CallsTheOverrideAndFindsTheRightBase) {
     Derived derived;
     EXPECT_EQ(2, TFunction0<int>(&Counter::who, &derived)());
     EXPECT_EQ(56, TFunction0<int>(&Other::second, &derived)());
@@ -72,7 +72,7 @@ TEST(FunctionTest, CallsTheOverrideAndFindsTheRightBase) {
     EXPECT_EQ(1, derived.value);
 }
 
-TEST(FunctionTest, CallsPlainFunctions) {
+TEST(Function, CallsPlainFunctions) {
     const TFunction2<int, int, int> sum(&plainSum);
     EXPECT_EQ(7, sum(3, 4));
     const TFunction0<void> count = plainCount;
@@ -81,7 +81,7 @@ TEST(FunctionTest, CallsPlainFunctions) {
     EXPECT_EQ(1, g_plain_calls);
 }
 
-TEST(FunctionTest, KindsTellWhatIsHeld) {
+TEST(Function, KindsTellWhatIsHeld) {
     Counter counter;
     const TFunction0<int> none;
     EXPECT_TRUE(none.empty());
@@ -104,7 +104,7 @@ TEST(FunctionTest, KindsTellWhatIsHeld) {
     EXPECT_TRUE((TFunction2<int, int, int>(missing).empty()));
 }
 
-TEST(FunctionTest, IsAValueOfOneSize) {
+TEST(Function, IsAValueOfOneSize) {
     using Largest = TFunction6<std::string, int, int, int, int, int, int>;
     static_assert(std::is_trivially_copyable_v<Largest>);
     static_assert(sizeof(TFunction0<void>) == sizeof(Largest));
@@ -125,7 +125,7 @@ struct Taker {
     std::string text(const std::string& a, std::string b) { return a + b; }
 };
 
-TEST(FunctionTest, ArgumentsArriveAsDeclared) {
+TEST(Function, ArgumentsArriveAsDeclared) {
     Taker taker;
     int out = 0;
     TFunction1<void, int&>(&Taker::byReference, &taker)(out);
@@ -136,7 +136,7 @@ TEST(FunctionTest, ArgumentsArriveAsDeclared) {
               (TFunction2<std::string, const std::string&, std::string>(&Taker::text, &taker)("a", "b")));
 }
 
-TEST(FunctionTest, KindsFromSixteenOnAreMembersThatSayTheirKind) {
+TEST(Function, KindsFromSixteenOnAreMembersThatSayTheirKind) {
     Counter counter;
     TFunction0<int> function(&Counter::none, &counter);
     Detail::setCurrentFunctionReuse(0);
@@ -150,7 +150,7 @@ TEST(FunctionTest, KindsFromSixteenOnAreMembersThatSayTheirKind) {
     EXPECT_EQ(3, counter.value);
 }
 
-TEST(FunctionTest, KindsOneAndTwoSayNothing) {
+TEST(Function, KindsOneAndTwoSayNothing) {
     Counter counter;
     Detail::setCurrentFunctionReuse(0);
     testing::internal::CaptureStdout();
@@ -160,7 +160,7 @@ TEST(FunctionTest, KindsOneAndTwoSayNothing) {
     EXPECT_EQ(0u, Detail::currentFunctionReuse());
 }
 
-TEST(FunctionTest, OtherKindsComplainAndAreCalledAsMembersAllTheSame) {
+TEST(Function, OtherKindsComplainAndAreCalledAsMembersAllTheSame) {
     Counter counter;
     TFunction0<int> function(&Counter::none, &counter);
     for (const uint32_t kind : {0u, 3u, 15u}) {
@@ -176,7 +176,7 @@ TEST(FunctionTest, OtherKindsComplainAndAreCalledAsMembersAllTheSame) {
 
 // The complaint must be out before the call that ends the process, also through a pipe, which is not
 // line-buffered.
-TEST(FunctionDeathTest, CallOfAnEmptyOneComplainsAndEndsTheProcess) {
+TEST(FunctionDeath, CallOfAnEmptyOneComplainsAndEndsTheProcess) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(
         {

@@ -85,12 +85,12 @@ private:
     int m_pipe[2] = {-1, -1};
 };
 
-TEST(LogTest, WorksBeforeMain) {
+TEST(Log, WorksBeforeMain) {
     EXPECT_TRUE(g_logged_before_main);
     EXPECT_EQ("before main\n", g_text_before_main);
 }
 
-TEST(LogTest, LinesOfMembersStartWithPlaceObjectAndThread) {
+TEST(Log, LinesOfMembersStartWithPlaceObjectAndThread) {
     LogCapture log;
     Speaker speaker;
     speaker.say(2, "hello");
@@ -105,7 +105,7 @@ TEST(LogTest, LinesOfMembersStartWithPlaceObjectAndThread) {
     EXPECT_EQ("no arguments\n", lines[1].text);
 }
 
-TEST(LogTest, LineCarriesItsPlaceInFieldsToo) {
+TEST(Log, LineCarriesItsPlaceInFieldsToo) {
     LogCapture log;
     Speaker speaker;
     speaker.say(3, "hello");
@@ -119,7 +119,7 @@ TEST(LogTest, LineCarriesItsPlaceInFieldsToo) {
     EXPECT_EQ(speaker.line, lines[0].line);
 }
 
-TEST(LogTest, StaticLinesHaveNoObjectAndPlainLinesNoStart) {
+TEST(Log, StaticLinesHaveNoObjectAndPlainLinesNoStart) {
     LogCapture log;
     const int static_line = Speaker::sayStatic(2);
     const int plain_line = Speaker::sayPlain(4);
@@ -134,7 +134,7 @@ TEST(LogTest, StaticLinesHaveNoObjectAndPlainLinesNoStart) {
     EXPECT_EQ(4, lines[1].level);
 }
 
-TEST(LogTest, LogFilterPassesEverythingOn) {
+TEST(Log, LogFilterPassesEverythingOn) {
     LogCapture log;
     EXPECT_EQ(9, logFilter(2, "Module", "file.cpp", "Orvex::f", 17, "Other", "text %d%s", 12, ".."));
     const auto lines = log.lines();
@@ -147,7 +147,7 @@ TEST(LogTest, LogFilterPassesEverythingOn) {
     EXPECT_EQ("Other", lines[0].module2);
 }
 
-TEST(LogTest, LinesAboveTheThresholdAreNotMadeAndTheirArgumentsNotEvaluated) {
+TEST(Log, LinesAboveTheThresholdAreNotMadeAndTheirArgumentsNotEvaluated) {
     LogCapture log(3);
     int count = 0;
     INFRA_LOG_PLAIN(4, "%d\n", evaluated(&count));
@@ -163,13 +163,13 @@ TEST(LogTest, LinesAboveTheThresholdAreNotMadeAndTheirArgumentsNotEvaluated) {
     EXPECT_EQ(1u, log.lines().size());
 }
 
-TEST(LogTest, ThresholdAtTheStartLetsErrorsThroughOnly) {
+TEST(Log, ThresholdAtTheStartLetsErrorsThroughOnly) {
     EXPECT_TRUE(logEnabled(1));
     EXPECT_TRUE(logEnabled(2));
     EXPECT_FALSE(logEnabled(3));
 }
 
-TEST(LogTest, WithoutASinkEachLineIsOneWriteToStandardError) {
+TEST(Log, WithoutASinkEachLineIsOneWriteToStandardError) {
     StandardErrorPackets packets;
     INFRA_LOG_PLAIN(2, "first %d\n", 1);
     INFRA_LOG_PLAIN(2, "no newline");
@@ -181,7 +181,7 @@ TEST(LogTest, WithoutASinkEachLineIsOneWriteToStandardError) {
     EXPECT_EQ("nothing", packets.next());
 }
 
-TEST(LogTest, LongTextsAreCutAndKeepTheirFinalNewline) {
+TEST(Log, LongTextsAreCutAndKeepTheirFinalNewline) {
     LogCapture log;
     const std::string text(5000, 'x');
     INFRA_LOG_PLAIN(2, "%s\n", text.c_str());
@@ -196,7 +196,7 @@ TEST(LogTest, LongTextsAreCutAndKeepTheirFinalNewline) {
     EXPECT_EQ(text.substr(0, 2046) + "\n", lines[3].full);
 }
 
-TEST(LogTest, CutTextWithoutNewlineGetsOneOnStandardError) {
+TEST(Log, CutTextWithoutNewlineGetsOneOnStandardError) {
     StandardErrorPackets packets;
     const std::string text(5000, 'x');
     INFRA_LOG_PLAIN(2, "%s", text.c_str());
@@ -207,7 +207,7 @@ void spoilErrno(void*, const LogLine&) {
     errno = ENOMEM;
 }
 
-TEST(LogTest, ErrnoSurvivesAWholeLogCall) {
+TEST(Log, ErrnoSurvivesAWholeLogCall) {
     static const LogSink spoiler = {&spoilErrno, nullptr};
     const LogSink* const before = setLogSink(&spoiler);
     Speaker speaker;
@@ -223,7 +223,7 @@ TEST(LogTest, ErrnoSurvivesAWholeLogCall) {
     setLogSink(before);
 }
 
-TEST(LogTest, ErrnoSurvivesAStandardErrorThatCannotBeWritten) {
+TEST(Log, ErrnoSurvivesAStandardErrorThatCannotBeWritten) {
     const int kept = ::dup(STDERR_FILENO);
     ::close(STDERR_FILENO);
     errno = ECONNRESET;
@@ -240,7 +240,7 @@ void countLine(void* context, const LogLine& line) {
     }
 }
 
-TEST(LogTest, SinkCanBeReplacedWhileOthersLog) {
+TEST(Log, SinkCanBeReplacedWhileOthersLog) {
     static std::atomic<long> first{0};
     static std::atomic<long> second{0};
     static const LogSink sinks[] = {{&countLine, &first}, {&countLine, &second}};
@@ -268,14 +268,14 @@ TEST(LogTest, SinkCanBeReplacedWhileOthersLog) {
     setLogSink(before);
 }
 
-TEST(LogTest, SetLogSinkReturnsTheOneBefore) {
+TEST(Log, SetLogSinkReturnsTheOneBefore) {
     EXPECT_EQ(nullptr, setLogSink(&g_first_sink));
     EXPECT_EQ(&g_first_sink, setLogSink(nullptr));
 }
 
 void ignoreLine(void*, const LogLine&) {}
 
-TEST(LogTest, LoggingAllocatesNothing) {
+TEST(Log, LoggingAllocatesNothing) {
     static const LogSink ignorer = {&ignoreLine, nullptr};
     const LogSink* const before = setLogSink(&ignorer);
     Speaker speaker;

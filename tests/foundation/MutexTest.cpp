@@ -1,4 +1,4 @@
-// CMutex: exclusion, re-entry, tryEnter, and use before main and behind exit.
+// CMutex: exclusion, re-entry, tryEnter, and use before main and after exit.
 #if defined(__clang__)
 // These tests enter and leave in all the ways that the analysis is there to refuse.
 #pragma clang diagnostic ignored "-Wthread-safety-analysis"
@@ -70,12 +70,12 @@ bool otherThreadCanEnter(CMutex& mutex) {
     return entered;
 }
 
-TEST(MutexTest, StaticMutexWorksBeforeMain) {
+TEST(Mutex, StaticMutexWorksBeforeMain) {
     EXPECT_TRUE(g_worked_before_main);
     EXPECT_TRUE(otherThreadCanEnter(g_static_mutex));
 }
 
-TEST(MutexTest, EnterSleepsUntilTheHolderLeaves) {
+TEST(Mutex, EnterSleepsUntilTheHolderLeaves) {
     CMutex mutex;
     mutex.enter();
     Holder other(mutex);
@@ -85,7 +85,7 @@ TEST(MutexTest, EnterSleepsUntilTheHolderLeaves) {
     EXPECT_EVENTUALLY(other.holds());
 }
 
-TEST(MutexTest, EverySleeperGetsTheLockInTheEnd) {
+TEST(Mutex, EverySleeperGetsTheLockInTheEnd) {
     CMutex mutex;
     std::atomic<int> asleep{0};
     int passed = 0;
@@ -111,7 +111,7 @@ TEST(MutexTest, EverySleeperGetsTheLockInTheEnd) {
     EXPECT_EQ(6, passed);
 }
 
-TEST(MutexTest, HolderEntersAgainAndKeepsTheLockUntilItsLastLeave) {
+TEST(Mutex, HolderEntersAgainAndKeepsTheLockUntilItsLastLeave) {
     CMutex mutex;
     EXPECT_TRUE(mutex.enter());
     EXPECT_TRUE(mutex.enter());
@@ -124,7 +124,7 @@ TEST(MutexTest, HolderEntersAgainAndKeepsTheLockUntilItsLastLeave) {
     EXPECT_TRUE(otherThreadCanEnter(mutex));
 }
 
-TEST(MutexTest, TryEnterTakesAFreeLockAndFailsAtOnceOnAHeldOne) {
+TEST(Mutex, TryEnterTakesAFreeLockAndFailsAtOnceOnAHeldOne) {
     CMutex mutex;
     ASSERT_TRUE(mutex.tryEnter());
     EXPECT_FALSE(otherThreadCanEnter(mutex));
@@ -137,7 +137,7 @@ TEST(MutexTest, TryEnterTakesAFreeLockAndFailsAtOnceOnAHeldOne) {
     mutex.leave();
 }
 
-TEST(MutexTest, HeldByThisThreadKnowsOnlyTheOwnHold) {
+TEST(Mutex, HeldByThisThreadKnowsOnlyTheOwnHold) {
     CMutex mutex;
     EXPECT_FALSE(mutex.heldByThisThread());
     mutex.enter();
@@ -151,7 +151,7 @@ TEST(MutexTest, HeldByThisThreadKnowsOnlyTheOwnHold) {
 
 // Unprotected data, entered in every way that there is: a lost update shows as a wrong sum, and a race to
 // TSan.
-TEST(MutexTest, OneThreadAtATimeUnderStress) {
+TEST(Mutex, OneThreadAtATimeUnderStress) {
     constexpr int THREADS = 4;
     constexpr int ROUNDS = 20000;
     SeededRandom random;
@@ -182,7 +182,7 @@ TEST(MutexTest, OneThreadAtATimeUnderStress) {
     EXPECT_EQ(long{THREADS} * ROUNDS, sum);
 }
 
-TEST(MutexTest, GuardHoldsForItsScope) {
+TEST(Mutex, GuardHoldsForItsScope) {
     CMutex mutex;
     {
         CGuard guard(mutex);
@@ -192,7 +192,7 @@ TEST(MutexTest, GuardHoldsForItsScope) {
     EXPECT_TRUE(otherThreadCanEnter(mutex));
 }
 
-TEST(MutexTest, ErrnoSurvivesAWaitForTheLock) {
+TEST(Mutex, ErrnoSurvivesAWaitForTheLock) {
     CMutex mutex;
     mutex.enter();
     int errno_after = 0;
@@ -212,7 +212,7 @@ TEST(MutexTest, ErrnoSurvivesAWaitForTheLock) {
 }
 
 // The lock may go as soon as the last holder has left, even while the one before is still in leave().
-TEST(MutexTest, CanBeDestroyedByWhoeverWasLast) {
+TEST(Mutex, CanBeDestroyedByWhoeverWasLast) {
     for (int round = 0; round < 2000; ++round) {
         auto* const mutex = new CMutex;
         std::atomic<int> left{2};
@@ -230,7 +230,7 @@ TEST(MutexTest, CanBeDestroyedByWhoeverWasLast) {
     }
 }
 
-TEST(MutexDeathTest, UncontendedUseMakesNoSystemCall) {
+TEST(MutexDeath, UncontendedUseMakesNoSystemCall) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(runWithoutFutex([] {
                     CMutex mutex;
@@ -244,7 +244,7 @@ TEST(MutexDeathTest, UncontendedUseMakesNoSystemCall) {
                 testing::ExitedWithCode(WITHOUT_FUTEX), "");
 }
 
-TEST(MutexDeathTest, LeavingALockThatIsNotHeldFiresAnAssertion) {
+TEST(MutexDeath, LeavingALockThatIsNotHeldFiresAnAssertion) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(
         {
@@ -254,7 +254,7 @@ TEST(MutexDeathTest, LeavingALockThatIsNotHeldFiresAnAssertion) {
         "CMutex::leave on a thread that does not hold the lock");
 }
 
-TEST(MutexDeathTest, StaticMutexServesThreadsThatRunDuringExit) {
+TEST(MutexDeath, StaticMutexServesThreadsThatRunDuringExit) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(
         {

@@ -1,4 +1,4 @@
-// CReadWriteMutex: readers side by side, one writer, and who goes first.
+// CReadWriteMutex: readers side by side, one writer, and which goes first.
 #if defined(__clang__)
 // These tests enter and leave in all the ways that the analysis is there to refuse.
 #pragma clang diagnostic ignored "-Wthread-safety-analysis"
@@ -100,11 +100,11 @@ bool allHold(const Holders& holders) {
     return true;
 }
 
-TEST(ReadWriteMutexTest, StaticLockWorksBeforeMain) {
+TEST(ReadWriteMutex, StaticLockWorksBeforeMain) {
     EXPECT_TRUE(g_worked_before_main);
 }
 
-TEST(ReadWriteMutexTest, ReadersHoldItSideBySide) {
+TEST(ReadWriteMutex, ReadersHoldItSideBySide) {
     CReadWriteMutex mutex;
     const Holders readers = manyReaders(mutex);
     EXPECT_EVENTUALLY(allHold(readers));
@@ -113,7 +113,7 @@ TEST(ReadWriteMutexTest, ReadersHoldItSideBySide) {
     mutex.leave();
 }
 
-TEST(ReadWriteMutexTest, WriterWaitsForTheLastReader) {
+TEST(ReadWriteMutex, WriterWaitsForTheLastReader) {
     CReadWriteMutex mutex;
     const Holders readers = manyReaders(mutex);
     ASSERT_EVENTUALLY(allHold(readers));
@@ -126,7 +126,7 @@ TEST(ReadWriteMutexTest, WriterWaitsForTheLastReader) {
     EXPECT_EVENTUALLY(writer.holds());
 }
 
-TEST(ReadWriteMutexTest, ReadersAndWritersWaitForTheWriter) {
+TEST(ReadWriteMutex, ReadersAndWritersWaitForTheWriter) {
     CReadWriteMutex mutex;
     mutex.enterWriting();
     EXPECT_TRUE(mutex.writtenByThisThread());
@@ -151,7 +151,7 @@ TEST(ReadWriteMutexTest, ReadersAndWritersWaitForTheWriter) {
     }
 }
 
-TEST(ReadWriteMutexTest, NewReaderWaitsBehindAWaitingWriter) {
+TEST(ReadWriteMutex, NewReaderWaitsBehindAWaitingWriter) {
     CReadWriteMutex mutex;
     Holder first(mutex, Way::READING);
     ASSERT_EVENTUALLY(first.holds());
@@ -167,7 +167,7 @@ TEST(ReadWriteMutexTest, NewReaderWaitsBehindAWaitingWriter) {
     EXPECT_EVENTUALLY(second.holds());
 }
 
-TEST(ReadWriteMutexTest, WriterGetsInAmongReadersThatNeverPause) {
+TEST(ReadWriteMutex, WriterGetsInAmongReadersThatNeverPause) {
     CReadWriteMutex mutex;
     std::atomic<bool> done{false};
     std::vector<std::thread> readers;
@@ -187,7 +187,7 @@ TEST(ReadWriteMutexTest, WriterGetsInAmongReadersThatNeverPause) {
     }
 }
 
-TEST(ReadWriteMutexTest, ReaderGetsInAmongWritersThatNeverPause) {
+TEST(ReadWriteMutex, ReaderGetsInAmongWritersThatNeverPause) {
     CReadWriteMutex mutex;
     std::atomic<bool> done{false};
     std::vector<std::thread> writers;
@@ -209,7 +209,7 @@ TEST(ReadWriteMutexTest, ReaderGetsInAmongWritersThatNeverPause) {
 
 // Plain data that a writer changes in two steps: a reader that meets it in between sees a difference, TSan
 // sees a race.
-TEST(ReadWriteMutexTest, NobodyMeetsAWriterUnderStress) {
+TEST(ReadWriteMutex, NobodyMeetsAWriterUnderStress) {
     constexpr int THREADS = 6;
     constexpr int ROUNDS = 10000;
     SeededRandom random;
@@ -246,7 +246,7 @@ TEST(ReadWriteMutexTest, NobodyMeetsAWriterUnderStress) {
 }
 
 // Readers that sleep and writers that sleep, in a seeded order, must all come through: a lost wake-up hangs.
-TEST(ReadWriteMutexTest, NoWakeUpIsLostWhenHoldersLinger) {
+TEST(ReadWriteMutex, NoWakeUpIsLostWhenHoldersLinger) {
     constexpr int THREADS = 4;
     SeededRandom random;
     CReadWriteMutex mutex;
@@ -273,7 +273,7 @@ TEST(ReadWriteMutexTest, NoWakeUpIsLostWhenHoldersLinger) {
     }
 }
 
-TEST(ReadWriteMutexDeathTest, UncontendedUseMakesNoSystemCall) {
+TEST(ReadWriteMutexDeath, UncontendedUseMakesNoSystemCall) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(runWithoutFutex([] {
                     CReadWriteMutex mutex;
@@ -304,17 +304,17 @@ void leaveWithoutHold() {
     mutex.leave();
 }
 
-TEST(ReadWriteMutexDeathTest, ReadingUnderTheOwnWritingFiresAnAssertion) {
+TEST(ReadWriteMutexDeath, ReadingUnderTheOwnWritingFiresAnAssertion) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(readUnderOwnWriting(), "enterReading on the thread that holds it for writing");
 }
 
-TEST(ReadWriteMutexDeathTest, WritingUnderTheOwnWritingFiresAnAssertion) {
+TEST(ReadWriteMutexDeath, WritingUnderTheOwnWritingFiresAnAssertion) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(writeUnderOwnWriting(), "enterWriting on the thread that holds it for writing");
 }
 
-TEST(ReadWriteMutexDeathTest, LeavingALockThatIsNotHeldFiresAnAssertion) {
+TEST(ReadWriteMutexDeath, LeavingALockThatIsNotHeldFiresAnAssertion) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(leaveWithoutHold(), "CReadWriteMutex::leave on a thread that does not hold the lock");
 }

@@ -78,23 +78,23 @@ int countsIn(CSemaphore& semaphore) {
     return count;
 }
 
-TEST(SemaphoreTest, StaticSemaphoreWorksBeforeMain) {
+TEST(Semaphore, StaticSemaphoreWorksBeforeMain) {
     EXPECT_EQ(0, g_result_before_main);
 }
 
-TEST(SemaphoreTest, InitialCountCanBeTaken) {
+TEST(Semaphore, InitialCountCanBeTaken) {
     CSemaphore semaphore(3);
     EXPECT_EQ(3, countsIn(semaphore));
 }
 
-TEST(SemaphoreTest, NegativeInitialCountIsZero) {
+TEST(Semaphore, NegativeInitialCountIsZero) {
     CSemaphore semaphore(-5);
     EXPECT_EQ(0, countsIn(semaphore));
     semaphore.post();
     EXPECT_EQ(1, countsIn(semaphore));
 }
 
-TEST(SemaphoreTest, PostsAddUpWhileNobodyWaits) {
+TEST(Semaphore, PostsAddUpWhileNobodyWaits) {
     CSemaphore semaphore(0);
     EXPECT_EQ(0, semaphore.post());
     EXPECT_EQ(0, semaphore.post());
@@ -103,14 +103,14 @@ TEST(SemaphoreTest, PostsAddUpWhileNobodyWaits) {
     EXPECT_EQ(6, countsIn(semaphore));
 }
 
-TEST(SemaphoreTest, PostOfNothingAddsNothing) {
+TEST(Semaphore, PostOfNothingAddsNothing) {
     CSemaphore semaphore(0);
     EXPECT_EQ(0, semaphore.post(0, 1));
     EXPECT_EQ(0, semaphore.post(-3, 1));
     EXPECT_EQ(0, countsIn(semaphore));
 }
 
-TEST(SemaphoreTest, PendSleepsUntilAPost) {
+TEST(Semaphore, PendSleepsUntilAPost) {
     CSemaphore semaphore(0);
     const Waiters waiters = sleepingWaiters(semaphore, 1);
     EXPECT_FALSE(waiters[0]->returned());
@@ -120,7 +120,7 @@ TEST(SemaphoreTest, PendSleepsUntilAPost) {
     EXPECT_EQ(0, countsIn(semaphore));
 }
 
-TEST(SemaphoreTest, OnePostReleasesOneWaiter) {
+TEST(Semaphore, OnePostReleasesOneWaiter) {
     CSemaphore semaphore(0);
     const Waiters waiters = sleepingWaiters(semaphore, 3);
     for (int released = 1; released <= 3; ++released) {
@@ -133,7 +133,7 @@ TEST(SemaphoreTest, OnePostReleasesOneWaiter) {
     }
 }
 
-TEST(SemaphoreTest, PostWakesAtMostAsManyWaitersAsAsked) {
+TEST(Semaphore, PostWakesAtMostAsManyWaitersAsAsked) {
     CSemaphore semaphore(0);
     const Waiters waiters = sleepingWaiters(semaphore, 3);
     semaphore.post(3, 1);
@@ -149,7 +149,7 @@ TEST(SemaphoreTest, PostWakesAtMostAsManyWaitersAsAsked) {
     EXPECT_EQ(0, countsIn(semaphore));
 }
 
-TEST(SemaphoreTest, PostOfManyWakesMany) {
+TEST(Semaphore, PostOfManyWakesMany) {
     CSemaphore semaphore(0);
     const Waiters waiters = sleepingWaiters(semaphore, 3);
     semaphore.post(4, INT_MAX);
@@ -157,7 +157,7 @@ TEST(SemaphoreTest, PostOfManyWakesMany) {
     EXPECT_EQ(1, countsIn(semaphore));
 }
 
-TEST(SemaphoreTest, WaiterThatIsWokenWithNothingToTakeSleepsOn) {
+TEST(Semaphore, WaiterThatIsWokenWithNothingToTakeSleepsOn) {
     CSemaphore semaphore(0);
     EXPECT_EQ(0, semaphore.wakeOne());
     const Waiters waiters = sleepingWaiters(semaphore, 1);
@@ -170,7 +170,7 @@ TEST(SemaphoreTest, WaiterThatIsWokenWithNothingToTakeSleepsOn) {
 
 void ignoreSignal(int) {}
 
-TEST(SemaphoreTest, PendGoesOnWaitingAfterSignals) {
+TEST(Semaphore, PendGoesOnWaitingAfterSignals) {
     struct sigaction action = {};
     action.sa_handler = &ignoreSignal;  // without SA_RESTART, so that system calls end with EINTR
     struct sigaction before;
@@ -192,7 +192,7 @@ TEST(SemaphoreTest, PendGoesOnWaitingAfterSignals) {
     ::sigaction(SIGUSR1, &before, nullptr);
 }
 
-TEST(SemaphoreTest, TimedPendGivesUpAfterItsTimeAndNotBefore) {
+TEST(Semaphore, TimedPendGivesUpAfterItsTimeAndNotBefore) {
     CSemaphore semaphore(0);
     const uint64_t start_us = CTime::getCurrentMicroSecond();
     EXPECT_EQ(-1, semaphore.pend(20u));
@@ -203,7 +203,7 @@ TEST(SemaphoreTest, TimedPendGivesUpAfterItsTimeAndNotBefore) {
     EXPECT_EQ(1, countsIn(semaphore));
 }
 
-TEST(SemaphoreTest, TimedPendTakesAPostThatComesInTime) {
+TEST(Semaphore, TimedPendTakesAPostThatComesInTime) {
     CSemaphore semaphore(0);
     std::atomic<int> id{0};
     bool taken = false;
@@ -218,7 +218,7 @@ TEST(SemaphoreTest, TimedPendTakesAPostThatComesInTime) {
     EXPECT_EQ(0, countsIn(semaphore));
 }
 
-TEST(SemaphoreTest, AnUnboundedTimeIsNoTimeOut) {
+TEST(Semaphore, AnUnboundedTimeIsNoTimeOut) {
     CSemaphore semaphore(0);
     std::atomic<int> id{0};
     bool taken = false;
@@ -232,7 +232,7 @@ TEST(SemaphoreTest, AnUnboundedTimeIsNoTimeOut) {
     EXPECT_TRUE(taken);
 }
 
-TEST(SemaphoreTest, WaitingCostsNoProcessorTime) {
+TEST(Semaphore, WaitingCostsNoProcessorTime) {
     CSemaphore semaphore(0);
     const Waiters waiters = sleepingWaiters(semaphore, 1);
     clockid_t clock;
@@ -247,7 +247,7 @@ TEST(SemaphoreTest, WaitingCostsNoProcessorTime) {
     semaphore.post();
 }
 
-TEST(SemaphoreTest, ErrnoSurvivesATimeOut) {
+TEST(Semaphore, ErrnoSurvivesATimeOut) {
     CSemaphore semaphore(0);
     errno = ECONNRESET;
     EXPECT_EQ(-1, semaphore.pend(1u));
@@ -256,7 +256,7 @@ TEST(SemaphoreTest, ErrnoSurvivesATimeOut) {
 
 // Every count that is posted is taken once, whatever mixture of waits and time-outs takes it. A lost wake-up
 // hangs.
-TEST(SemaphoreTest, CountsAreNeitherLostNorDoubledUnderStress) {
+TEST(Semaphore, CountsAreNeitherLostNorDoubledUnderStress) {
     constexpr int POSTS = 30000;
     constexpr int TAKERS = 4;
     SeededRandom random;
@@ -287,7 +287,7 @@ TEST(SemaphoreTest, CountsAreNeitherLostNorDoubledUnderStress) {
     EXPECT_EQ(0, countsIn(semaphore));
 }
 
-TEST(SemaphoreTest, UntimedWaitersAllReturnUnderStress) {
+TEST(Semaphore, UntimedWaitersAllReturnUnderStress) {
     constexpr int ROUNDS = 20000;
     CSemaphore ping(0);
     CSemaphore pong(0);
@@ -308,7 +308,7 @@ TEST(SemaphoreTest, UntimedWaitersAllReturnUnderStress) {
 
 // Whoever took the last count may destroy the semaphore, even while its poster is still in post(). ASan and
 // TSan watch.
-TEST(SemaphoreTest, CanBeDestroyedByWhoTookTheLastCount) {
+TEST(Semaphore, CanBeDestroyedByWhoTookTheLastCount) {
     for (int round = 0; round < 2000; ++round) {
         auto* const semaphore = new CSemaphore(0);
         std::thread poster([semaphore] { semaphore->post(); });
@@ -319,7 +319,7 @@ TEST(SemaphoreTest, CanBeDestroyedByWhoTookTheLastCount) {
 }
 
 // What was written before the post is seen after the pend; TSan checks the order.
-TEST(SemaphoreTest, PostHandsOverWhatWasWrittenBefore) {
+TEST(Semaphore, PostHandsOverWhatWasWrittenBefore) {
     CSemaphore semaphore(0);
     std::vector<int> data;
     std::thread writer([&] {
@@ -331,7 +331,7 @@ TEST(SemaphoreTest, PostHandsOverWhatWasWrittenBefore) {
     writer.join();
 }
 
-TEST(SemaphoreDeathTest, PostAndPendMakeNoSystemCallWhileNobodyWaits) {
+TEST(SemaphoreDeath, PostAndPendMakeNoSystemCallWhileNobodyWaits) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(runWithoutFutex([] {
                     CSemaphore semaphore(0);
@@ -347,7 +347,7 @@ TEST(SemaphoreDeathTest, PostAndPendMakeNoSystemCallWhileNobodyWaits) {
                 testing::ExitedWithCode(WITHOUT_FUTEX), "");
 }
 
-TEST(SemaphoreDeathTest, CountBeyondItsLimitFiresAnAssertion) {
+TEST(SemaphoreDeath, CountBeyondItsLimitFiresAnAssertion) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(
         {

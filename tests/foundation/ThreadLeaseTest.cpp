@@ -34,13 +34,13 @@ std::vector<std::string> hookNames() {
     return g_hook_names;
 }
 
-class ThreadLeaseTest : public testing::Test {
+class ThreadLease : public testing::Test {
 protected:
-    ThreadLeaseTest() {
+    ThreadLease() {
         g_hook_names.clear();
         CThread::setLeaseHook(&hook);
     }
-    ~ThreadLeaseTest() override {
+    ~ThreadLease() override {
         thread.destroyThread();
         CThread::setLeaseHook(nullptr);
     }
@@ -62,11 +62,10 @@ protected:
     LogCapture log;
     std::atomic<long> passes{0};
     int lease_at_start_ms = 0;
-    CThreadLite thread{TFunction1<void, CThreadLite&>(&ThreadLeaseTest::loop, this),
-                       "A thread with a long name"};
+    CThreadLite thread{TFunction1<void, CThreadLite&>(&ThreadLease::loop, this), "A thread with a long name"};
 };
 
-TEST_F(ThreadLeaseTest, LapseIsLoggedOnceWithTheWholeNameAndCallsTheHook) {
+TEST_F(ThreadLease, LapseIsLoggedOnceWithTheWholeNameAndCallsTheHook) {
     lease_at_start_ms = 3;
     ASSERT_TRUE(thread.createThread());
     EXPECT_TRUE(log.eventuallyContainsMatching(2, LAPSE)) << log.dump();
@@ -76,7 +75,7 @@ TEST_F(ThreadLeaseTest, LapseIsLoggedOnceWithTheWholeNameAndCallsTheHook) {
     EXPECT_TRUE(thread.looping());
 }
 
-TEST_F(ThreadLeaseTest, RenewedLeaseCanLapseAgain) {
+TEST_F(ThreadLease, RenewedLeaseCanLapseAgain) {
     lease_at_start_ms = 3;
     ASSERT_TRUE(thread.createThread());
     ASSERT_EVENTUALLY(hookNames().size() == 1);
@@ -86,7 +85,7 @@ TEST_F(ThreadLeaseTest, RenewedLeaseCanLapseAgain) {
     EXPECT_EQ(2u, log.countMatching(2, LAPSE));
 }
 
-TEST_F(ThreadLeaseTest, RenewalKeepsTheLeaseFromLapsing) {
+TEST_F(ThreadLease, RenewalKeepsTheLeaseFromLapsing) {
     lease_at_start_ms = 3600 * 1000;
     ASSERT_TRUE(thread.createThread());
     waitForPasses(5);
@@ -97,13 +96,13 @@ TEST_F(ThreadLeaseTest, RenewalKeepsTheLeaseFromLapsing) {
     EXPECT_EQ(0u, log.countLevel(2)) << log.dump();
 }
 
-TEST_F(ThreadLeaseTest, ThereIsNoLeaseBeforeTheFirstSetTimeout) {
+TEST_F(ThreadLease, ThereIsNoLeaseBeforeTheFirstSetTimeout) {
     ASSERT_TRUE(thread.createThread());
     waitForPasses(20);
     EXPECT_TRUE(hookNames().empty());
 }
 
-TEST_F(ThreadLeaseTest, ZeroEndsTheLease) {
+TEST_F(ThreadLease, ZeroEndsTheLease) {
     ASSERT_TRUE(thread.createThread());
     thread.setTimeout(3600 * 1000);
     thread.setTimeout(0);
@@ -112,7 +111,7 @@ TEST_F(ThreadLeaseTest, ZeroEndsTheLease) {
     EXPECT_TRUE(hookNames().empty());
 }
 
-TEST_F(ThreadLeaseTest, NewStartHasNoLease) {
+TEST_F(ThreadLease, NewStartHasNoLease) {
     thread.setTimeout(1);
     ASSERT_TRUE(thread.createThread());
     waitForPasses(20);
@@ -125,7 +124,7 @@ TEST_F(ThreadLeaseTest, NewStartHasNoLease) {
     EXPECT_EQ(0u, log.countLevel(2)) << log.dump();
 }
 
-TEST_F(ThreadLeaseTest, WithoutAHookTheLapseIsLoggedAllTheSame) {
+TEST_F(ThreadLease, WithoutAHookTheLapseIsLoggedAllTheSame) {
     CThread::setLeaseHook(nullptr);
     lease_at_start_ms = 2;
     ASSERT_TRUE(thread.createThread());

@@ -82,19 +82,19 @@ int ownNice() {
     return ::getpriority(PRIO_PROCESS, static_cast<id_t>(kernelThreadId()));
 }
 
-TEST(ThreadSchedulingTest, KernelSeesTheNameCutToFifteenBytes) {
+TEST(ThreadScheduling, KernelSeesTheNameCutToFifteenBytes) {
     EXPECT_EQ("Timer_Thread", lookFrom("Timer_Thread").kernel_name);
     EXPECT_EQ("123456789012345", lookFrom("123456789012345").kernel_name);
     EXPECT_EQ("stream_receiver", lookFrom("stream_receiver_thread").kernel_name);
 }
 
-TEST(ThreadSchedulingTest, WithoutANameTheThreadKeepsThatOfItsCreator) {
+TEST(ThreadScheduling, WithoutANameTheThreadKeepsThatOfItsCreator) {
     const std::string own = kernelThreadName(kernelThreadId());
     EXPECT_EQ(own, lookFrom(nullptr).kernel_name);
     EXPECT_EQ(own, lookFrom("").kernel_name);
 }
 
-TEST(ThreadSchedulingTest, NameIsCopied) {
+TEST(ThreadScheduling, NameIsCopied) {
     char name[80] = "Reticor12 daemon";
     Found found;
     CThreadLite thread({&Found::look, &found}, name);
@@ -104,23 +104,23 @@ TEST(ThreadSchedulingTest, NameIsCopied) {
     EXPECT_EQ(std::string(63, 'n'), long_named.name());
 }
 
-TEST(ThreadSchedulingTest, DefaultRunsAsItsCreatorDoes) {
+TEST(ThreadScheduling, DefaultRunsAsItsCreatorDoes) {
     const Found found = lookFrom("Default");
     EXPECT_EQ(ownNice(), found.nice);
     EXPECT_EQ(SCHED_OTHER, found.policy);
 }
 
-TEST(ThreadSchedulingTest, LowPriorityIsNicerThanItsCreator) {
+TEST(ThreadScheduling, LowPriorityIsNicerThanItsCreator) {
     EXPECT_EQ(std::min(19, ownNice() + 10), lookFrom("Low", 1).nice);
 }
 
-TEST(ThreadSchedulingTest, HighPriorityIsLessNiceOrTheRefusalIsLogged) {
+TEST(ThreadScheduling, HighPriorityIsLessNiceOrTheRefusalIsLogged) {
     LogCapture log;
     const Found found = lookFrom("High", 127);
     EXPECT_TRUE(found.nice == std::max(-20, ownNice() - 10) || log.countLevel(3) == 1) << log.dump();
 }
 
-TEST(ThreadSchedulingTest, PolicyOneIsRoundRobinOrTheRefusalIsLogged) {
+TEST(ThreadScheduling, PolicyOneIsRoundRobinOrTheRefusalIsLogged) {
     LogCapture log;
     const Found low = lookFrom("Low", 1, 1);
     const Found middle = lookFrom("Middle", 64, 1);
@@ -135,7 +135,7 @@ TEST(ThreadSchedulingTest, PolicyOneIsRoundRobinOrTheRefusalIsLogged) {
     EXPECT_LT(high.real_time_priority, ::sched_get_priority_max(SCHED_RR));
 }
 
-TEST(ThreadSchedulingTest, PolicyZeroIsTimeSharingWhateverItsCreatorIs) {
+TEST(ThreadScheduling, PolicyZeroIsTimeSharingWhateverItsCreatorIs) {
     Found found;
     std::thread([&] {
         sched_param parameters{};
@@ -146,7 +146,7 @@ TEST(ThreadSchedulingTest, PolicyZeroIsTimeSharingWhateverItsCreatorIs) {
     EXPECT_EQ(SCHED_OTHER, found.policy);
 }
 
-TEST(ThreadSchedulingTest, RefusalsAreLoggedOncePerKindAndSurvived) {
+TEST(ThreadScheduling, RefusalsAreLoggedOncePerKindAndSurvived) {
     LogCapture log;
     std::thread([] {
         giveUpSchedulingRights();
@@ -167,7 +167,7 @@ TEST(ThreadSchedulingTest, RefusalsAreLoggedOncePerKindAndSurvived) {
 }
 
 // Larger than the C library keeps for reuse, and than it would take in place of the default.
-TEST(ThreadSchedulingTest, StackSizeIsHandedThrough) {
+TEST(ThreadScheduling, StackSizeIsHandedThrough) {
     constexpr int STACK = 80 * 1024 * 1024;
     const std::size_t usual = lookFrom("Default").stack;
     ASSERT_LT(usual, std::size_t{STACK});
@@ -176,7 +176,7 @@ TEST(ThreadSchedulingTest, StackSizeIsHandedThrough) {
     EXPECT_LT(found, std::size_t{STACK} + 1024 * 1024);
 }
 
-TEST(ThreadSchedulingTest, InvalidStackSizeFallsBackToTheDefault) {
+TEST(ThreadScheduling, InvalidStackSizeFallsBackToTheDefault) {
     const std::size_t usual = lookFrom("Default").stack;
     EXPECT_EQ(usual, lookFrom("One", 64, 0, 1).stack);
     EXPECT_EQ(usual, lookFrom("Negative", 64, 0, -4096).stack);
@@ -186,7 +186,7 @@ TEST(ThreadSchedulingTest, InvalidStackSizeFallsBackToTheDefault) {
 }
 
 // The address space really runs out here, so that the system itself refuses.
-TEST(ThreadSchedulingTest, StackThatFindsNoRoomFailsTheStartAndALaterOneSucceeds) {
+TEST(ThreadScheduling, StackThatFindsNoRoomFailsTheStartAndALaterOneSucceeds) {
     constexpr int STACK = 256 * 1024 * 1024;
     LogCapture log;
     Found found;

@@ -70,7 +70,7 @@ int threadsAtRest() {
     return kernelThreadCount();
 }
 
-TEST(ThreadTest, ConstructionStartsNothingAndANeverStartedThreadIsOver) {
+TEST(Thread, ConstructionStartsNothingAndANeverStartedThreadIsOver) {
     const int at_rest = threadsAtRest();
     Body body;
     CThreadLite thread(looping(body), "Idle");
@@ -80,7 +80,7 @@ TEST(ThreadTest, ConstructionStartsNothingAndANeverStartedThreadIsOver) {
     EXPECT_EQ(0, body.starts);
 }
 
-TEST(ThreadTest, BodyGetsItsThreadAndRunsUntilItReturns) {
+TEST(Thread, BodyGetsItsThreadAndRunsUntilItReturns) {
     Body body;
     CThreadLite thread(looping(body), "Runner");
     ASSERT_TRUE(thread.createThread());
@@ -94,7 +94,7 @@ TEST(ThreadTest, BodyGetsItsThreadAndRunsUntilItReturns) {
     EXPECT_EQ(1, body.ends);
 }
 
-TEST(ThreadTest, DestroyRequestsTheEndItselfAndWaitsForIt) {
+TEST(Thread, DestroyRequestsTheEndItselfAndWaitsForIt) {
     const int at_rest = threadsAtRest();
     Body body;
     CThreadLite thread(looping(body), "Runner");
@@ -105,7 +105,7 @@ TEST(ThreadTest, DestroyRequestsTheEndItselfAndWaitsForIt) {
     EXPECT_EVENTUALLY(kernelThreadCount() == at_rest);
 }
 
-TEST(ThreadTest, DestroyAfterCancelAndDestroyTwiceDoNoHarm) {
+TEST(Thread, DestroyAfterCancelAndDestroyTwiceDoNoHarm) {
     Body body;
     CThreadLite thread(looping(body), "Runner");
     EXPECT_TRUE(thread.destroyThread());
@@ -116,7 +116,7 @@ TEST(ThreadTest, DestroyAfterCancelAndDestroyTwiceDoNoHarm) {
     EXPECT_EQ(1, body.ends);
 }
 
-TEST(ThreadTest, DestroyFromSeveralThreadsWaitsInEachOfThem) {
+TEST(Thread, DestroyFromSeveralThreadsWaitsInEachOfThem) {
     for (int round = 0; round < 50; ++round) {
         Body body;
         CThreadLite thread(looping(body), "Runner");
@@ -136,7 +136,7 @@ TEST(ThreadTest, DestroyFromSeveralThreadsWaitsInEachOfThem) {
 }
 
 // A new thread that announced itself as looping would overwrite the request and run for ever.
-TEST(ThreadTest, CancelBeforeTheBodysFirstStepIsNotLost) {
+TEST(Thread, CancelBeforeTheBodysFirstStepIsNotLost) {
     Body body;
     CThreadLite thread(looping(body), "Runner");
     for (int round = 1; round <= 300; ++round) {
@@ -147,7 +147,7 @@ TEST(ThreadTest, CancelBeforeTheBodysFirstStepIsNotLost) {
     }
 }
 
-TEST(ThreadTest, CanBeStartedAgainAfterEachWayToEnd) {
+TEST(Thread, CanBeStartedAgainAfterEachWayToEnd) {
     const int at_rest = threadsAtRest();
     Body body;
     CThreadLite thread(looping(body), "Runner");
@@ -167,7 +167,7 @@ TEST(ThreadTest, CanBeStartedAgainAfterEachWayToEnd) {
 }
 
 // A run that is not joined keeps its stack, 8 MiB of address space as a rule.
-TEST(ThreadTest, StartAfterANaturalEndJoinsTheEarlierRun) {
+TEST(Thread, StartAfterANaturalEndJoinsTheEarlierRun) {
     const int at_rest = threadsAtRest();
     Body body;
     CThreadLite thread(once(body), "Once");
@@ -184,7 +184,7 @@ TEST(ThreadTest, StartAfterANaturalEndJoinsTheEarlierRun) {
     EXPECT_EVENTUALLY(kernelThreadCount() == at_rest);
 }
 
-TEST(ThreadTest, ARunningThreadIsNotStartedTwice) {
+TEST(Thread, ARunningThreadIsNotStartedTwice) {
     Body body;
     CThreadLite thread(looping(body), "Runner");
     ASSERT_TRUE(thread.createThread());
@@ -193,7 +193,7 @@ TEST(ThreadTest, ARunningThreadIsNotStartedTwice) {
     EXPECT_EQ(1, body.starts);
 }
 
-TEST(ThreadTest, DeletionJoinsARunningThreadAndOneThatIsOver) {
+TEST(Thread, DeletionJoinsARunningThreadAndOneThatIsOver) {
     const int at_rest = threadsAtRest();
     Body body;
     std::unique_ptr<CThread> thread = std::make_unique<CThreadLite>(looping(body), "Runner");
@@ -209,7 +209,7 @@ TEST(ThreadTest, DeletionJoinsARunningThreadAndOneThatIsOver) {
 }
 
 // The thread's first step may come when the deletion is under way: the whole object must still be there.
-TEST(ThreadTest, CanBeDeletedRightAfterItsStart) {
+TEST(Thread, CanBeDeletedRightAfterItsStart) {
     for (int round = 0; round < 300; ++round) {
         Body body;
         auto thread = std::make_unique<CThreadLite>(looping(body), "Runner");
@@ -221,7 +221,7 @@ TEST(ThreadTest, CanBeDeletedRightAfterItsStart) {
 
 // The owner may delete the object as soon as it is over: the thread must not touch it after saying so. ASan
 // and TSan watch.
-TEST(ThreadTest, CanBeDeletedTheMomentItIsOver) {
+TEST(Thread, CanBeDeletedTheMomentItIsOver) {
     for (int round = 0; round < 300; ++round) {
         Body body;
         auto thread = std::make_unique<CThreadLite>(once(body), "Once");
@@ -231,7 +231,7 @@ TEST(ThreadTest, CanBeDeletedTheMomentItIsOver) {
     }
 }
 
-TEST(ThreadTest, FailureToCreateLeavesItOverLoggedAndStartable) {
+TEST(Thread, FailureToCreateLeavesItOverLoggedAndStartable) {
     LogCapture log;
     Body body;
     CThreadLite thread(looping(body), "Runner");
@@ -251,7 +251,7 @@ TEST(ThreadTest, FailureToCreateLeavesItOverLoggedAndStartable) {
     EXPECT_EVENTUALLY(body.starts == 1);
 }
 
-TEST(ThreadTest, FailureOfARestartKeepsTheEarlierRunsEnd) {
+TEST(Thread, FailureOfARestartKeepsTheEarlierRunsEnd) {
     LogCapture log;
     Body body;
     CThreadLite thread(once(body), "Once");
@@ -264,7 +264,7 @@ TEST(ThreadTest, FailureOfARestartKeepsTheEarlierRunsEnd) {
     EXPECT_EQ(1, body.ends);
 }
 
-TEST(ThreadTest, AsynchronousSignalsAreBlockedAndFaultsAreNot) {
+TEST(Thread, AsynchronousSignalsAreBlockedAndFaultsAreNot) {
     sigset_t mask_before;
     ::pthread_sigmask(SIG_SETMASK, nullptr, &mask_before);
     struct Asker {
@@ -289,7 +289,7 @@ TEST(ThreadTest, AsynchronousSignalsAreBlockedAndFaultsAreNot) {
     }
 }
 
-TEST(ThreadTest, PauseEndsWithItsTimeOrEarlyWithACancel) {
+TEST(Thread, PauseEndsWithItsTimeOrEarlyWithACancel) {
     struct Pauser {
         std::atomic<bool> first{false};
         std::atomic<bool> second{true};
@@ -336,7 +336,7 @@ private:
     timer_t m_timer{};
 };
 
-TEST(ThreadTest, SleepLastsItsTimeWhateverSignalsArrive) {
+TEST(Thread, SleepLastsItsTimeWhateverSignalsArrive) {
     struct sigaction action = {};
     action.sa_handler = &countSignal;
     struct sigaction before;
@@ -353,7 +353,7 @@ TEST(ThreadTest, SleepLastsItsTimeWhateverSignalsArrive) {
     CThread::sleep(-5);
 }
 
-TEST(ThreadTest, ThreadIdIsTheKernelsAlsoInAForkedChild) {
+TEST(Thread, ThreadIdIsTheKernelsAlsoInAForkedChild) {
     EXPECT_EQ(kernelThreadId(), CThread::getCurrentThreadID());
     EXPECT_EQ(kernelThreadId(), CThread::getCurrentThreadID());
     std::thread([] { EXPECT_EQ(kernelThreadId(), CThread::getCurrentThreadID()); }).join();
@@ -367,7 +367,7 @@ TEST(ThreadTest, ThreadIdIsTheKernelsAlsoInAForkedChild) {
 }
 
 // Starts, cancels and ends in a seeded order by several threads at once: nothing hangs, nothing is left.
-TEST(ThreadTest, StartsAndEndsRacedLeaveNoThread) {
+TEST(Thread, StartsAndEndsRacedLeaveNoThread) {
     const int at_rest = threadsAtRest();
     SeededRandom random;
     Body body;
@@ -405,7 +405,7 @@ struct Selfish {
     void create(CThreadLite& thread) { thread.createThread(); }
 };
 
-TEST(ThreadDeathTest, DestroyOnTheThreadItselfFiresAnAssertion) {
+TEST(ThreadDeath, DestroyOnTheThreadItselfFiresAnAssertion) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     Selfish selfish;
     EXPECT_DEATH(
@@ -417,7 +417,7 @@ TEST(ThreadDeathTest, DestroyOnTheThreadItselfFiresAnAssertion) {
         "CThread::destroyThread called by the thread itself, which would wait for its own end");
 }
 
-TEST(ThreadDeathTest, StartOnTheThreadItselfFiresAnAssertion) {
+TEST(ThreadDeath, StartOnTheThreadItselfFiresAnAssertion) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     Selfish selfish;
     EXPECT_DEATH(

@@ -13,7 +13,7 @@ uint64_t monotonicUs() {
     return static_cast<uint64_t>(now.tv_sec) * 1000000 + static_cast<uint64_t>(now.tv_nsec) / 1000;
 }
 
-TEST(TimeTest, MicroSecondsAreThoseOfTheMonotonicClock) {
+TEST(Time, MicroSecondsAreThoseOfTheMonotonicClock) {
     const uint64_t before = monotonicUs();
     const uint64_t reading = CTime::getCurrentMicroSecond();
     const uint64_t after = monotonicUs();
@@ -21,7 +21,7 @@ TEST(TimeTest, MicroSecondsAreThoseOfTheMonotonicClock) {
     EXPECT_LE(reading, after);
 }
 
-TEST(TimeTest, MilliSecondsAreOfTheSameClock) {
+TEST(Time, MilliSecondsAreOfTheSameClock) {
     const uint64_t before = CTime::getCurrentMicroSecond();
     const uint64_t reading = CTime::getCurrentMilliSecond();
     const uint64_t after = CTime::getCurrentMicroSecond();
@@ -29,7 +29,7 @@ TEST(TimeTest, MilliSecondsAreOfTheSameClock) {
     EXPECT_LE(reading, after / 1000);
 }
 
-TEST(TimeTest, ReadingsNeverRunBackwards) {
+TEST(Time, ReadingsNeverRunBackwards) {
     uint64_t last = CTime::getCurrentMicroSecond();
     for (int i = 0; i < 100000; ++i) {
         const uint64_t now = CTime::getCurrentMicroSecond();

@@ -49,7 +49,7 @@ private:
 
 }  // namespace
 
-TEST(UndrainedStandardErrorTest, TheServerGoesOnServingAndEndsWhenItIsTold) {
+TEST(UndrainedStandardError, TheServerGoesOnServingAndEndsWhenItIsTold) {
     FullPipe pipe;
     ServerProgram server("echo_server");
     pipe.mend();
