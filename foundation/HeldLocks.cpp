@@ -23,7 +23,7 @@ thread_local List t_list;
 struct Row {
     const char* what;
     bool any;
-    LockClass allowed[4];
+    LockClass allowed[9];
 };
 
 constexpr Row PROMISES[] = {
@@ -32,7 +32,12 @@ constexpr Row PROMISES[] = {
     {"a tap is called", false, {LockClass::MEDIA_CORE, LockClass::SENDER_LIST}},
     {"a send procedure is called", false, {LockClass::MEDIA_CORE, LockClass::SENDER_LIST}},
     {"a log sink is called", true, {}},
-    {"the thread waits for others", false, {LockClass::SETUP, LockClass::R3_START, LockClass::THREAD_LIFE}},
+    // Locks of operations that start or end threads, and those under which a product's code runs.
+    {"the thread waits for others",
+     false,
+     {LockClass::SETUP, LockClass::R3_START, LockClass::THREAD_LIFE, LockClass::RECEIVER,
+      LockClass::RECEIVER_GROUPS, LockClass::TICK, LockClass::FILE_PASS, LockClass::SENDER_LIST,
+      LockClass::MEDIA_CORE}},
 };
 
 [[noreturn]] void die(const char* what, LockClass lock_class, LockPlace place) noexcept {

@@ -62,7 +62,7 @@ Entry* table() noexcept {
 void LockOrders::note(const HeldLocks::Held& held, LockClass wanted, LockPlace place) noexcept {
     const auto row = static_cast<size_t>(held.lock_class);
     const auto column = static_cast<size_t>(wanted);
-    if (row == 0 || column == 0 || row >= SIDE || column >= SIDE) {
+    if (row == 0 || column == 0 || row == column || row >= SIDE || column >= SIDE) {
         return;
     }
     const uint64_t bit = uint64_t{1} << column;

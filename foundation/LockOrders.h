@@ -18,7 +18,7 @@ public:
     static constexpr size_t ENTRY_SIZE = 256;
     static constexpr const char* VARIABLE = "RETICOR_LOCK_ORDERS";
 
-    /// Locks without a class make no order.
+    /// Locks without a class make no order, and neither do two of one class: HeldLocks judges those.
     static void note(const HeldLocks::Held& held, LockClass wanted, LockPlace place) noexcept;
 };
 

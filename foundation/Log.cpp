@@ -1,4 +1,5 @@
 // Log lines: formatting, the threshold, and the way to the sink.
+#include <Infra/HeldLocks.h>
 #include <Infra/Log.h>
 
 #include <cerrno>
@@ -93,6 +94,7 @@ int deliver(int level, const Place& place, LineText& text) noexcept {
     }
     const LogLine line{level,      place.module,  place.file, place.function,
                        place.line, place.module2, text.text()};
+    INFRA_PROMISE(LOG_SINK);
     sink->write(sink->context, line);
     return length;
 }

@@ -7,6 +7,13 @@
 
 #include "Futex.h"
 
+// As in the header, without the default.
+#if defined(RETICOR_HELD_LOCKS)
+#define PLACE_PARAMETER LockPlace place
+#else
+#define PLACE_PARAMETER
+#endif
+
 namespace Orvex::Infra {
 
 namespace {
@@ -111,7 +118,7 @@ void wait_for_readers(Word& readers, Word& gate) noexcept {
 
 }  // namespace
 
-bool CReadWriteMutex::enterReading(INFRA_PLACE_PARAMETER) noexcept INFRA_NO_THREAD_SAFETY_ANALYSIS {
+bool CReadWriteMutex::enterReading(PLACE_PARAMETER) noexcept INFRA_NO_THREAD_SAFETY_ANALYSIS {
     assert(!writtenByThisThread() && "CReadWriteMutex::enterReading on the thread that holds it for writing");
 #if defined(RETICOR_HELD_LOCKS)
     Seam::beforeLock(this, m_writer.m_class, LockWay::READ, place);
@@ -131,7 +138,7 @@ bool CReadWriteMutex::enterReading(INFRA_PLACE_PARAMETER) noexcept INFRA_NO_THRE
     return true;
 }
 
-bool CReadWriteMutex::enterWriting(INFRA_PLACE_PARAMETER) noexcept INFRA_NO_THREAD_SAFETY_ANALYSIS {
+bool CReadWriteMutex::enterWriting(PLACE_PARAMETER) noexcept INFRA_NO_THREAD_SAFETY_ANALYSIS {
     assert(!writtenByThisThread() && "CReadWriteMutex::enterWriting on the thread that holds it for writing");
 #if defined(RETICOR_HELD_LOCKS)
     Seam::beforeLock(this, m_writer.m_class, LockWay::ENTER, place);

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cassert>
 
+#include <Infra/HeldLocks.h>
 #include <Infra/Log.h>
 #include <Infra/Thread.h>
 #include <Infra/Time.h>
@@ -139,6 +140,7 @@ void CMessage::deliver(CEvent* ev, From from) {
         if (ev->m_msg == MSG_CLOSE && ev->m_obj_id == ev->m_receiver) {
             outside ? PoolTable::DetachFromOutside(ev->m_receiver) : PoolTable::Detach(ev->m_receiver);
         } else {
+            INFRA_PROMISE(HANDLER);
             handler->handle_message(static_cast<long>(ev->m_obj_id), ev->m_msg,
                                     static_cast<long>(ev->m_attach));
         }

@@ -1,6 +1,7 @@
 // CNetSock: binds a socket to a handler, and turns its readiness into calls.
 #include "Core/service/NetSock.h"
 
+#include <Infra/HeldLocks.h>
 #include <Infra/Log.h>
 #include <Infra/Time.h>
 #include <Reticor/NetHandler.h>
@@ -322,6 +323,7 @@ int CNetSock::handle_net(CEvent* event, int64_t& missing_owner) {
     }
     const int fd = static_cast<int>(event->m_key);
     int ret = -1;
+    INFRA_PROMISE(HANDLER);
     if (reventsNow(event) & REVENT_EXCEPT) {
         ret = handler->handle_exception(fd);
     } else {

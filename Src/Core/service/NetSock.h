@@ -55,6 +55,8 @@ private:
     static bool free_removed(CEvent* record, CThreadPool& pool);
     static void reset_timer(CEvent* event, int time_out);
     static void remove_sock(RecordPin event, CThreadPool& pool);
+
+    friend struct NetSockProbe;  // tests
 };
 
 /// Starts what registered sockets need, the socket timer. Result: 0, or -1.

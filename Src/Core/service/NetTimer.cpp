@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <utility>
 
+#include <Infra/HeldLocks.h>
 #include <Infra/LockClasses.h>
 #include <Infra/Log.h>
 #include <Infra/Semaphore.h>
@@ -183,6 +184,7 @@ int CNetTimer::handle_timer(CEvent* ev) {
     int64_t result = -1;
     if (HandlerPin handler = PoolTable::FindHandler(ev->m_obj_id)) {
         print_timer(handler, "begin");
+        INFRA_PROMISE(HANDLER);
         result = handler->handle_timeout(id);
         print_timer(handler, "end");
     }

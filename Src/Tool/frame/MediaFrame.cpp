@@ -7,6 +7,8 @@
 #include <iterator>
 #include <utility>
 
+#include <Infra/HeldLocks.h>
+
 #include "Tool/frame/MediaTrace.h"
 
 namespace Orvex::Reticor {
@@ -16,6 +18,7 @@ CFrame::CFrame() {}  // NOLINT
 
 CFrame::~CFrame() {
     for (uint32_t i = 0; i < m_packet_num; ++i) {
+        INFRA_PROMISE(RELEASE);
         m_packet[i]->Release();
     }
     if (m_iovec != m_first_iovec) {
@@ -23,6 +26,7 @@ CFrame::~CFrame() {
         std::free(m_packet);
     }
     if (CMediaPacket* info = std::exchange(m_info_packet, nullptr)) {
+        INFRA_PROMISE(RELEASE);
         info->Release();
     }
 }
@@ -69,6 +73,7 @@ int CFrame::PutInfo(CMediaPacket* packet, int arg) {
     CMediaPacket* const earlier = std::exchange(m_info_packet, packet);
     m_info_arg = arg;
     if (earlier != nullptr) {
+        INFRA_PROMISE(RELEASE);
         earlier->Release();
     }
     return 0;
@@ -77,9 +82,11 @@ int CFrame::PutInfo(CMediaPacket* packet, int arg) {
 void CFrame::Clear() {
     for (uint32_t i = 0; i < m_packet_num; ++i) {
         assert(m_packet[i] != NULL);
+        INFRA_PROMISE(RELEASE);
         m_packet[i]->Release();
     }
     if (CMediaPacket* info = std::exchange(m_info_packet, nullptr)) {
+        INFRA_PROMISE(RELEASE);
         info->Release();
     }
     m_packet_num = 0;

@@ -7,6 +7,8 @@
 #include <cstring>
 #include <utility>
 
+#include <Infra/HeldLocks.h>
+
 namespace Orvex::Reticor {
 
 namespace {
@@ -256,6 +258,7 @@ void SenderRecord::call_procedure() {
         }
         proc = *m_send_proc;
     }
+    INFRA_PROMISE(SEND_PROCEDURE);
     proc(m_frame->m_info_packet, m_frame->m_info_arg, static_cast<int>(m_frame->m_frame_len));
 }
 

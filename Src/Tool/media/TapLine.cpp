@@ -5,6 +5,7 @@
 #include <utility>
 #include <vector>
 
+#include <Infra/HeldLocks.h>
 #include <Infra/LockClasses.h>
 #include <Infra/Mutex.h>
 
@@ -80,6 +81,7 @@ void TapLine::show(CMediaPacket* packet, int len, int mark, int level) {
     CLevel2Buffer_IF* tap = m_first;
     while (tap != nullptr) {
         m_walk_next = tap->m_next;
+        INFRA_PROMISE(TAP);
         if (tap->Put(packet, len, mark, level) < 0) {
             remove(tap);
         }

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstdint>
 
+#include <Infra/HeldLocks.h>
 #include <Infra/Log.h>
 #include <Infra/Mutex.h>
 #include <Infra/Time.h>
@@ -54,9 +55,11 @@ void CMediaStreamReceiver::Turn::turn() {
     long long result = 0;
     switch (m_mode.load(std::memory_order_relaxed)) {
         case receiver_write:
+            INFRA_PROMISE(HANDLER);
             result = m_receiver.handle_stream_write();
             break;
         case receiver_active:
+            INFRA_PROMISE(HANDLER);
             result = m_receiver.handle_stream_input();
             break;
         default:

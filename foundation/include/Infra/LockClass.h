@@ -1,6 +1,6 @@
 // LockClass: what a lock is for, by which builds that watch the locks tell them apart.
 //
-// Such builds (RETICOR_HELD_LOCKS: debug, asan, tsan) keep a list of the locks that each thread holds. They
+// Such builds (the option RETICOR_HELD_LOCKS) keep a list of the locks that each thread holds. They
 // are for the library's own tests and are not installed; in all others nothing is left of this but an
 // argument that nobody looks at.
 #pragma once

@@ -16,11 +16,11 @@ namespace Orvex::Infra {
 /// A lock for many readers or one writer.
 ///
 /// Readers neither wait for each other nor write to a common cache line: each thread counts itself in one of
-/// a few slots, always the same one. The price is paid by writers, who look at every slot, and in size (more
-/// than a kilobyte). A waiting writer goes before new readers. For that reason a thread that reads must not
-/// enter reading again: with a writer waiting in between it would wait for itself. A thread must leave what
-/// it has entered itself; a hold cannot be handed to another thread. Entering either way while the calling
-/// thread holds writing fires an assertion.
+/// a few slots, always the same one. The price is paid by writers, which look at every slot, and in size
+/// (more than a kilobyte). A waiting writer goes before new readers. For that reason a thread that reads must
+/// not enter reading again: with a writer waiting in between it would wait for itself. A thread must leave
+/// what it has entered itself; a hold cannot be handed to another thread. Entering either way while the
+/// calling thread holds writing fires an assertion.
 ///
 /// It can be a static object, as CMutex can. It does not change errno, and it allocates nothing but what the
 /// C library notes at a thread's first entry for reading.

@@ -33,19 +33,18 @@
     X(FILE_TASKS, "FileTaskQueue::m_mutex", "the tasks of all files") \
     X(TICK, "m_mutex of CNTimer", "the events of a shared tick") \
     X(STREAM_SENDER, "m_mutex of CStreamSender", "a stream sender; held while it registers and posts") \
-    X(AUTO_SEND, "CMediaBuffer::m_auto_mutex", "whether a buffer is swept") \
+    X(AUTO_SEND, "AutoSend::m_mutex", "whether a buffer is swept") \
     X(SENDER_LIST, "CSenderHandler::m_list_mutex", "the sweep's list of buffers") \
     X(MEDIA_CORE, "MediaCore::m_mutex", \
       "frames and senders of a buffer; two only when a call-back puts into another one") \
-    X(MEDIA_COMING, "MediaSenderState::Coming::m_mutex", "to which buffer a sender comes") \
-    X(MEDIA_OTHER, "MediaSenderState::m_other_mutex", "other data and the send procedure") \
+    X(MEDIA_COMING, "m_mutex of SenderRecord's Coming", "to which buffer a sender comes") \
+    X(MEDIA_OTHER, "SenderRecord::m_other_mutex", "other data and the send procedure") \
     X(MEDIA_TAPS, "m_mutex of the taps' registry", "which taps are alive") \
     X(SOCKET_TREE, "BTree::m_lock of a pool's sockets", "the tree, the multiplexer's array of records") \
     X(SOCKET_RECORD, "CEvent::m_mutex", "a socket's record") \
     X(SOCKET_TIMER, "CSockTimer::m_mutex", \
       "the list of time-outs. Its own thread then tries a record, and goes on to the slot") \
     X(SELECT_LIST, "AlwaysReady::m_list_mutex", "the sockets that are always ready") \
-    X(SELECT_PIPE, "Waker::m_pipe_mutex", "wake-ups on their way") \
     X(TIMER, "m_lock of NetTimer", "when the timer thread wakes") \
     X(TIMER_HEAP, "CTimerHeap::m_mutex", "armed timers") \
     X(POOL_SLOT, "PoolTable::sm_pool_mutex", \
@@ -54,6 +53,7 @@
     X(OBJECT_IDS, "CObjectId::m_mutex", "the free ids of a pool") \
     X(OBJECT_TABLE, "CObjectTable::m_lock", \
       "the open handlers; nothing but a reference count is touched under it") \
+    X(SELECT_PIPE, "Waker::m_pipe_mutex", "wake-ups on their way") \
     X(QUEUE, "CEventQueue::m_mutex", "a queue's records") \
     X(FREE_RECORDS, "CEventFreeList::m_mutex", "the records that rest") \
     X(RESOLVER, "CGetHostByName::sm_mutex", "names that are looked up") \

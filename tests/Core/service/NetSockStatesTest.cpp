@@ -315,11 +315,10 @@ TEST_F(NetSockStatesTest, HandlerThatComesAfterTheOldOneWasNotFoundIsCalledAllTh
     pair.write();
     const std::vector<CEvent*> ready = rig.poll();
     ASSERT_EQ(1u, ready.size());
-    {
-        // The line between the look-up of the handler and the second half.
-        StepInTrace step("CNetSock::handle_netevent", [this] { add(second, SOCK_READ); });
-        rig.serve(ready[0]);
-    }
+    int64_t missing_owner = 0;
+    const int result = NetSockProbe::deliver(ready[0], missing_owner);
+    add(second, SOCK_READ);
+    NetSockProbe::finish(ready[0], result, missing_owner);
     EXPECT_EQ(1u, rig.pollAndServe());
     EXPECT_EQ(1, second->life->inputs);
 }

@@ -3,6 +3,9 @@
 
 #include <unistd.h>
 
+#include <atomic>
+#include <thread>
+
 #include "support/core/SockPoolFixture.h"
 
 namespace Orvex::Testing {
@@ -73,6 +76,30 @@ TEST_F(NetSockTest, UnregisterOfADirectionThatWasNotAskedForDoesNothing) {
     EXPECT_EVENTUALLY(handler->life->inputs == 1);
 }
 
+// While it lives the socket timer makes no pass. A thread of its own holds the timer's mutex: the test's own
+// enters records, which come before it.
+class SockTimerAtRest {
+public:
+    SockTimerAtRest() { EXPECT_EVENTUALLY(m_holds); }
+    ~SockTimerAtRest() {
+        m_over = true;
+        m_thread.join();
+    }
+    SockTimerAtRest(const SockTimerAtRest&) = delete;
+    SockTimerAtRest& operator=(const SockTimerAtRest&) = delete;
+
+private:
+    std::atomic<bool> m_holds{false};
+    std::atomic<bool> m_over{false};
+    std::thread m_thread{[this] {
+        const Infra::CGuard guard(SockTimerProbe::mutex(sockTimer()));
+        m_holds = true;
+        while (!m_over) {
+            std::this_thread::yield();
+        }
+    }};
+};
+
 TEST_F(NetSockTest, HandlerThatReturns500000GetsANewTimeoutOf500MsWhichIsStored) {
     handler->on_input = [](int fd) {
         SocketPair::drain(fd);
@@ -81,7 +108,7 @@ TEST_F(NetSockTest, HandlerThatReturns500000GetsANewTimeoutOf500MsWhichIsStored)
     add(SOCK_READ, 60000000);
     {
         // The clock stands still, and the time-out cannot fire, until it was seen.
-        const Infra::CGuard no_pass(SockTimerProbe::mutex(sockTimer()));
+        const SockTimerAtRest at_rest;
         pair.write();
         EXPECT_EVENTUALLY(look().set_time == 500 && look().timed);
     }

@@ -19,6 +19,7 @@
 #include "Core/record/Event.h"
 #include "Core/record/SockRecord.h"
 #include "Core/record/WorkQueue.h"
+#include "Core/service/NetSock.h"
 #include "Core/service/SockTimer.h"
 #include "Core/service/TimerHeap.h"
 #include "Core/watch/Select_win.h"
@@ -132,6 +133,16 @@ struct SockTimerProbe {
     // One pass on the calling thread, as the timer's own thread makes it every 500 ms.
     static void pass(CSockTimer& timer) { timer.pass(); }
     static Infra::CMutex& mutex(CSockTimer& timer) { return timer.m_mutex; }
+};
+
+struct NetSockProbe {
+    // The two halves of a delivery.
+    static int deliver(CEvent* event, int64_t& missing_owner) {
+        return CNetSock::deliver(event, missing_owner);
+    }
+    static void finish(CEvent* event, int ret, int64_t missing_owner) {
+        CNetSock::finish(event, ret, missing_owner);
+    }
 };
 
 struct ThreadPoolProbe {
