@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cassert>
 #include <cstdint>
+#include <memory>
 
 #include <Infra/LockClasses.h>
 #include <Infra/Log.h>
@@ -12,6 +13,7 @@
 #include <Reticor/R3.h>
 #include <Reticor/TsMemory.h>
 
+#include "Core/handle/HandlerDrops.h"
 #include "Core/pool/PoolTable.h"
 #include "Core/pool/ThreadPool.h"
 #include "Core/service/Message.h"
@@ -44,32 +46,75 @@ struct Scheduling {
     }
 };
 
-/// Serialises all creating and destroying of pools, TraversalSock, SetRcvPriority, EnableR3 and DisableR3.
-/// Held while the threads of a pool are joined, so nothing that a handler may call can take it.
-Infra::CMutex sm_mutex{Infra::LockClass::SETUP};
+/// What a change leaves to be done once the lock is left: references to drop, files to end. Declared ahead of
+/// the guard.
+struct AfterLock {
+    HandlerDrops drops;
+    NFileEnd files;
+};
 
-/// Pools alive; NOT_SET_UP before set-up and after teardown.
-int sm_pool_num INFRA_GUARDED_BY(sm_mutex) = NOT_SET_UP;
-/// Users of the public pool, and one for the set-up itself.
-int sm_pub_pool_ref INFRA_GUARDED_BY(sm_mutex) = 0;
-/// Holders of EnableR3.
-unsigned int sm_r3_ref INFRA_GUARDED_BY(sm_mutex) = 0;
-/// Processors, read once at set-up.
-unsigned int sm_cpu_num INFRA_GUARDED_BY(sm_mutex) = 0;
-/// The file workers were started. Never cleared: they are started once in a process.
-bool sm_file_started INFRA_GUARDED_BY(sm_mutex) = false;
+/// What the set-up of the library has made, and for whom. Names that assertions print are part of the
+/// interface.
+struct Library {
+    /// Serialises all creating and destroying of pools, TraversalSock, EnableR3 and DisableR3. Held while the
+    /// threads of a pool are joined, so nothing that a handler may call can take it.
+    Infra::CMutex m_mutex{Infra::LockClass::SETUP};
 
-Scheduling g_next_pool;
-Scheduling g_receivers;
+    /// Pools alive; NOT_SET_UP before set-up and after teardown.
+    int m_pool_num INFRA_GUARDED_BY(m_mutex) = NOT_SET_UP;
+    /// Users of the public pool, and one for the set-up itself.
+    int m_pub_pool_ref INFRA_GUARDED_BY(m_mutex) = 0;
+    /// Holders of EnableR3.
+    unsigned int m_r3_ref INFRA_GUARDED_BY(m_mutex) = 0;
+    /// Processors, read once at set-up.
+    unsigned int m_cpu_num INFRA_GUARDED_BY(m_mutex) = 0;
+    /// The file workers were started. Never cleared: they are started once in a process.
+    bool m_file_started INFRA_GUARDED_BY(m_mutex) = false;
 
-CThreadPool* new_pool(int index, unsigned int threads) INFRA_REQUIRES(sm_mutex) {
-    return new CThreadPool(index, threads, g_next_pool.priority, g_next_pool.policy, g_next_pool.stack,
-                           &CThreadPool::ThreadProc, sm_cpu_num);
+    Scheduling m_next_pool;
+    Scheduling m_receivers;
+
+    int CreatePublic(unsigned int threads, bool file_io, AfterLock& after) INFRA_REQUIRES(m_mutex);
+    int CreatePrivate(unsigned int threads, bool file_io, AfterLock& after) INFRA_REQUIRES(m_mutex);
+    int Destroy(int index, AfterLock& after) INFRA_REQUIRES(m_mutex);
+
+private:
+    CThreadPool* new_pool(int index, unsigned int threads) INFRA_REQUIRES(m_mutex);
+    int set_up(unsigned int threads) INFRA_REQUIRES(m_mutex);
+    int start_services() INFRA_REQUIRES(m_mutex);
+    int start_file_threads(AfterLock& after) INFRA_REQUIRES(m_mutex);
+    int check_on_init(unsigned int threads, bool file_io, AfterLock& after) INFRA_REQUIRES(m_mutex);
+    CThreadPool* retire(int index, AfterLock& after) INFRA_REQUIRES(m_mutex);
+    int ReleaseAll(AfterLock& after) INFRA_REQUIRES(m_mutex);
+};
+
+Library g_library;
+
+/// The index of the lowest empty slot for a private pool; -1 if there is none.
+int lowest_free_slot() {
+    for (int index = 1; index < PoolTable::POOL_LIMIT; ++index) {
+        if (PoolTable::Get(index) == nullptr) {
+            return index;
+        }
+    }
+    return -1;
 }
 
-int set_up(unsigned int threads) INFRA_REQUIRES(sm_mutex) {
-    CTsMemory::InitStaticVal();
-    sm_cpu_num = CThreadPool::processorCount();
+/// The pool, which runs; null, with a line, if too many threads were asked for, or the system gave none of
+/// them.
+CThreadPool* Library::new_pool(int index, unsigned int threads) {
+    if (threads > CThreadPool::MOST_THREADS) {
+        INFRA_LOG_STATIC(2, "Invalid thread num %u, a pool has %u at most!\n", threads,
+                         CThreadPool::MOST_THREADS);
+        return nullptr;
+    }
+    auto pool = std::make_unique<CThreadPool>(index, threads, m_next_pool.priority, m_next_pool.policy,
+                                              m_next_pool.stack, &CThreadPool::ThreadProc, m_cpu_num);
+    return pool->HasWorkers() ? pool.release() : nullptr;
+}
+
+/// What all pools share. On failure nothing of it is left.
+int Library::start_services() {
     if (InitSocketLibrary() != 0) {
         INFRA_LOG_STATIC(2, "CNetThread::check_on_init, CNetSock init environment failed!\n");
         return -1;
@@ -80,117 +125,105 @@ int set_up(unsigned int threads) INFRA_REQUIRES(sm_mutex) {
         CleanupSocketLibrary();
         return -1;
     }
-    ReceiverGroup::Setup(sm_cpu_num, g_receivers.priority, g_receivers.policy, g_receivers.stack);
-    PoolTable::Set(0, new_pool(0, threads));
-    sm_pool_num = 1;
-    ++sm_pub_pool_ref;
+    ReceiverGroup::Setup(m_cpu_num, m_receivers.priority, m_receivers.policy, m_receivers.stack);
+    return 0;
+}
+
+int Library::set_up(unsigned int threads) {
+    CTsMemory::InitStaticVal();
+    m_cpu_num = CThreadPool::processorCount();
+    if (start_services() != 0) {
+        return -1;
+    }
+    CThreadPool* pool = new_pool(0, threads);
+    if (pool == nullptr) {
+        ReceiverGroup::Teardown();
+        CNetTimer::Exit();
+        StopSockTimer();
+        CTsMemory::DestroyMemPool();
+        CleanupSocketLibrary();
+        return -1;
+    }
+    PoolTable::Set(0, pool);
+    m_pool_num = 1;
+    ++m_pub_pool_ref;
     CSenderHandler::Resume();
     return 0;
 }
 
-/// Ends the pool's threads with no slot lock held and the slot still filled, so that a handler on its way
-/// finds its pool; then takes away what other threads hold of the pool's sockets; then clears the slot, and
-/// takes away its timers, to which none can be added any more. The pool's memory is the caller's to free.
-CThreadPool* retire(int index) INFRA_REQUIRES(sm_mutex) {
+/// Ends the pool's threads with the slot still filled, so that a handler on its way finds its pool; then
+/// clears the slot, after which no other thread works in the pool; then takes away what the services hold of
+/// its sockets and timers, and serves the close messages that no worker has taken. The pool's memory is the
+/// caller's to free.
+CThreadPool* Library::retire(int index, AfterLock& after) {
     CThreadPool* pool = PoolTable::Get(index);
     pool->Stop();
-    sockTimer().UnlinkAll(pool->m_sock_tree);
     PoolTable::Set(index, nullptr);
-    CNetTimer::DropPool(index);
+    sockTimer().UnlinkAll(pool->m_sock_tree);
+    CNetTimer::DropPool(index, pool->m_ids.Next());
+    CMessage::CloseQueued(*pool, after.drops);
     return pool;
 }
 
 /// Takes the library down once the public pool is the last one and only the set-up's own count is left.
-/// `files` ends those that are left once the caller has left the lock.
-int ReleaseAll(NFileEnd& files) INFRA_REQUIRES(sm_mutex) {
-    if (sm_pool_num != 1 || sm_pub_pool_ref != 1) {
+int Library::ReleaseAll(AfterLock& after) {
+    if (m_pool_num != 1 || m_pub_pool_ref != 1) {
         return 0;
     }
     ReceiverGroup::Teardown();
-    CSenderHandler::Suspend();
+    CSenderHandler::Suspend(after.drops);
     CNetTimer::Exit();
     StopSockTimer();
-    CThreadPool* pool = retire(0);
-    sm_pool_num = 0;
-    sm_pub_pool_ref = 0;
-    if (sm_file_started) {
+    CThreadPool* pool = retire(0, after);
+    m_pool_num = 0;
+    m_pub_pool_ref = 0;
+    if (m_file_started) {
         StopFileThreads();
     }
     CMessage::DropIOMessages();
-    files.take(*pool);
+    after.files.take(*pool);
     delete pool;
     CTsMemory::DestroyMemPool();
     CleanupSocketLibrary();
-    sm_pool_num = NOT_SET_UP;
+    m_pool_num = NOT_SET_UP;
     return 0;
 }
 
-int start_file_threads(NFileEnd& files) INFRA_REQUIRES(sm_mutex) {
-    if (StartFileThreads(sm_cpu_num) < 0) {
-        ReleaseAll(files);
+int Library::start_file_threads(AfterLock& after) {
+    if (StartFileThreads(m_cpu_num) < 0) {
+        ReleaseAll(after);
         return -1;
     }
-    sm_file_started = true;
+    m_file_started = true;
     return 0;
 }
 
 /// -1, or the number of references on the public pool.
-int check_on_init(unsigned int threads, bool file_io, NFileEnd& files) INFRA_REQUIRES(sm_mutex) {
-    if (sm_pool_num == NOT_SET_UP && set_up(threads) != 0) {
+int Library::check_on_init(unsigned int threads, bool file_io, AfterLock& after) {
+    if (m_pool_num == NOT_SET_UP && set_up(threads) != 0) {
         return -1;
     }
-    if (!sm_file_started && file_io && start_file_threads(files) != 0) {
+    if (!m_file_started && file_io && start_file_threads(after) != 0) {
         return -1;
     }
-    // The line has always stood for success, and who watches the log of a product counts on it; a failure
-    // tells of itself.
+    // The line stands for success, which is part of the interface; a failure tells of itself.
     if (InitConsoleDebug()) {
         INFRA_LOG_STATIC(2, "InitConsoleDebug Failed! Will not to able use console commands.\n");
     }
-    return sm_pub_pool_ref;
+    return m_pub_pool_ref;
 }
 
-int destroy_thread_pool(int index, NFileEnd& files) INFRA_REQUIRES(sm_mutex) {
-    if (index == 0 && --sm_pub_pool_ref > 1) {
-        return 0;
-    }
-    if (PoolTable::Get(index) == nullptr) {
-        INFRA_LOG_STATIC(2, "The private pool %d not exist! Can't close it!\n", index);
+int Library::CreatePublic(unsigned int threads, bool file_io, AfterLock& after) {
+    if (check_on_init(threads, file_io, after) == -1) {
         return -1;
     }
-    if (index != 0) {
-        --sm_pool_num;
-        delete retire(index);
-    }
-    return ReleaseAll(files);
-}
-
-int lowest_free_slot() INFRA_REQUIRES(sm_mutex) {
-    for (int index = 1; index < PoolTable::POOL_LIMIT; ++index) {
-        if (PoolTable::Get(index) == nullptr) {
-            return index;
-        }
-    }
-    return -1;
-}
-
-}  // namespace
-
-int CNetThread::CreateThreadPool(unsigned int threads, bool file_io) {
-    NFileEnd files;
-    Infra::CGuard guard(sm_mutex);
-    if (check_on_init(threads, file_io, files) == -1) {
-        return -1;
-    }
-    ++sm_pub_pool_ref;
-    g_next_pool.store(64, 0, 0);
+    ++m_pub_pool_ref;
+    m_next_pool.store(64, 0, 0);
     return 0;
 }
 
-int CNetThread::CreatePrivatePool(unsigned int threads, bool file_io) {
-    NFileEnd files;
-    Infra::CGuard guard(sm_mutex);
-    if (check_on_init(threads, file_io, files) == -1) {
+int Library::CreatePrivate(unsigned int threads, bool file_io, AfterLock& after) {
+    if (check_on_init(threads, file_io, after) == -1) {
         return -1;
     }
     const int index = lowest_free_slot();
@@ -198,25 +231,59 @@ int CNetThread::CreatePrivatePool(unsigned int threads, bool file_io) {
         INFRA_LOG_STATIC(2, "No more private pool can be created!\n");
         return -1;
     }
-    PoolTable::Set(index, new_pool(index, threads));
-    ++sm_pool_num;
-    g_next_pool.store(64, 0, 0);
+    CThreadPool* pool = new_pool(index, threads);
+    if (pool == nullptr) {
+        ReleaseAll(after);  // if the library was set up for this pool alone
+        return -1;
+    }
+    PoolTable::Set(index, pool);
+    ++m_pool_num;
+    m_next_pool.store(64, 0, 0);
     return index;
 }
 
+int Library::Destroy(int index, AfterLock& after) {
+    if (index == 0 && --m_pub_pool_ref > 1) {
+        return 0;
+    }
+    if (PoolTable::Get(index) == nullptr) {
+        INFRA_LOG_STATIC(2, "The private pool %d not exist! Can't close it!\n", index);
+        return -1;
+    }
+    if (index != 0) {
+        --m_pool_num;
+        delete retire(index, after);
+    }
+    return ReleaseAll(after);
+}
+
+}  // namespace
+
+int CNetThread::CreateThreadPool(unsigned int threads, bool file_io) {
+    AfterLock after;
+    Infra::CGuard guard(g_library.m_mutex);
+    return g_library.CreatePublic(threads, file_io, after);
+}
+
+int CNetThread::CreatePrivatePool(unsigned int threads, bool file_io) {
+    AfterLock after;
+    Infra::CGuard guard(g_library.m_mutex);
+    return g_library.CreatePrivate(threads, file_io, after);
+}
+
 int CNetThread::DestroyThreadPool() {
-    NFileEnd files;
-    Infra::CGuard guard(sm_mutex);
-    return destroy_thread_pool(0, files);
+    AfterLock after;
+    Infra::CGuard guard(g_library.m_mutex);
+    return g_library.Destroy(0, after);
 }
 
 int CNetThread::DestroyPrivatePool(int index) {
     if (index < 1 || index >= PoolTable::POOL_LIMIT) {
         return -1;
     }
-    NFileEnd files;
-    Infra::CGuard guard(sm_mutex);
-    return destroy_thread_pool(index, files);
+    AfterLock after;
+    Infra::CGuard guard(g_library.m_mutex);
+    return g_library.Destroy(index, after);
 }
 
 int CNetThread::SetThreadPriority(int priority, int policy, int stack) {
@@ -228,7 +295,7 @@ int CNetThread::SetThreadPriority(int priority, int policy, int stack) {
         INFRA_LOG_STATIC(2, "%s : Thread policy set error!\n", INFRA_FUNCTION);
         return -1;
     }
-    g_next_pool.store(priority, policy, stack);
+    g_library.m_next_pool.store(priority, policy, stack);
     return 0;
 }
 
@@ -237,18 +304,18 @@ int CNetThread::SetRecvThreadPriority(int priority, int policy, int stack) {
         INFRA_LOG_STATIC(2, "%s : Thread policy set error!\n", INFRA_FUNCTION);
         return -1;
     }
-    g_receivers.store(priority, policy, stack);
+    g_library.m_receivers.store(priority, policy, stack);
     return 0;
 }
 
 void CNetThread::SetRcvPriority(int level) {
-    constexpr int periods_ms[] = {10, 20, 25, 30};
-    Infra::CGuard guard(sm_mutex);
-    ReceiverGroup::SetPeriod(level >= 0 && level <= 3 ? periods_ms[level] : 20);
+    constexpr int PERIODS_MS[] = {10, 20, 25, 30};
+    // Without a lock: a handler may call it while its pool is being destroyed.
+    ReceiverGroup::SetPeriod(level >= 0 && level <= 3 ? PERIODS_MS[level] : 20);
 }
 
 int CNetThread::TraversalSock() {
-    Infra::CGuard guard(sm_mutex);
+    Infra::CGuard guard(g_library.m_mutex);
     int count = 0;
     for (int index = 0; index < PoolTable::POOL_LIMIT; ++index) {
         if (CThreadPool* pool = PoolTable::Get(index)) {
@@ -263,21 +330,23 @@ int CNetThread::GetSocksWithoutPlace(int pool) {
 }
 
 int CNetThread::EnableR3() {
-    Infra::CGuard guard(sm_mutex);
+    Infra::CGuard guard(g_library.m_mutex);
+    const int sm_pub_pool_ref = g_library.m_pub_pool_ref;
     assert(sm_pub_pool_ref);
-    if (sm_r3_ref == 0 && R3ServerStart(R3_PORT, nullptr, true) < 0) {
+    if (g_library.m_r3_ref == 0 && R3ServerStart(R3_PORT, nullptr, true) < 0) {
         INFRA_LOG_PLAIN(2, "R3ServerStart failed!!\n\n");
         return -1;
     }
-    ++sm_r3_ref;
+    ++g_library.m_r3_ref;
     return 0;
 }
 
 int CNetThread::DisableR3() {
-    Infra::CGuard guard(sm_mutex);
+    Infra::CGuard guard(g_library.m_mutex);
+    const int sm_pub_pool_ref = g_library.m_pub_pool_ref;
     assert(sm_pub_pool_ref);
-    // Without a holder there is no server to end, and the count stays where it is.
-    if (sm_r3_ref == 0 || --sm_r3_ref != 0) {
+    // A call without a use is counted as well: it takes the next use away in advance.
+    if (--g_library.m_r3_ref != 0) {
         return 0;
     }
     return R3ServerExit();

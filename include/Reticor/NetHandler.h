@@ -37,7 +37,8 @@ constexpr unsigned int SOCK_EXCEPT = 4;  ///< Out-of-band data.
 /// pool until they are removed, so remove them in or before `Close`.
 ///
 /// Thread safety: every operation can be called from any thread, also from inside a `handle_*` call, as long
-/// as the caller knows the object alive (it is inside one of its calls, or holds a reference). `handle_*`
+/// as the caller knows the object alive (it is inside one of its calls, or holds a reference), also while the
+/// object's pool ends or after that: registrations and timers then give -1, messages are dropped. `handle_*`
 /// calls run with no lock of the library held, and they are not serialised: calls for one socket never
 /// overlap, nor do those for one timer, but a socket, a timer and any number of messages can be served at the
 /// same time on different workers. A derived class guards its own state.
@@ -114,7 +115,7 @@ public:
     void DecSock();
 
     /// The object's id: negative, never 0, unique among what is open. Safe to keep for any time: an id of a
-    /// closed handler finds nothing.
+    /// closed handler finds nothing, also when its pool has ended and another one has come in its place.
     long GetID();
 
     /// The receiver of the short `Notify`, `NotifySerial` and `NotifyIO` forms. 0, as it is at the start, is
@@ -185,9 +186,7 @@ protected:
 private:
     /// Registers a socket on the handler that owns it for a helper object, such as CStreamSender.
     friend class OwnerDoor;
-
-    void open_object(int pool);
-    bool enter_open();
+    friend struct HandlerInternal;
 
     HandlerInternal* m_internal;  ///< Owned.
 };

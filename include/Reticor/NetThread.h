@@ -26,32 +26,41 @@ RETICOR_API int SetRecvThreadPriority(int priority, int policy, int stack);
 ///
 /// Thread safety: any thread, but never from inside a `handle_*` call: creating and destroying pools,
 /// `TraversalSock`, `EnableR3` and `DisableR3` share one lock, which is held while the threads of a pool are
-/// joined. A worker that destroys its own pool ends the process with an assertion that says so.
+/// joined. A worker that destroys its own pool ends the process with an assertion that says so. The
+/// scheduling values and `SetRcvPriority` may be set anywhere.
+///
+/// Other threads may go on using the handlers of a pool while it ends, as long as they know them alive: an
+/// operation that comes too late finds no pool, and gives -1 or does nothing.
 class RETICOR_API CNetThread {
 public:
     CNetThread() = delete;
 
     /// Starts the library and its public pool, or counts one user more. `threads` workers, raised to a
     /// multiple of the processor count; 0 is logged as an error and raised likewise (on one processor such a
-    /// pool has no workers). While all of them are in calls that block, nothing else is served. `threads`
-    /// counts only in the call that creates the
-    /// pool. `file_io` starts two file workers per processor, for `CNFile` and `NotifyIO`, if no call of the
-    /// process has done so yet: they serve all pools, live until the library goes down, and do not come again
-    /// when it is started anew. Blocks for the start of the threads. Result: 0, or -1 if the library cannot
-    /// start, or the system gives not one thread for the files.
+    /// pool has no workers), and more than 65536 are refused. While all of them are in calls that block,
+    /// nothing else is served. `threads` counts only in the call that creates the pool. If the system gives
+    /// only some of them, a line at level 2 says how many, and the pool runs with those. `file_io` starts two
+    /// file workers per processor, for `CNFile` and `NotifyIO`, if no call of the process has done so yet:
+    /// they serve all pools, live until the library goes down, and do not come again when it is started anew.
+    /// Blocks for the start of the threads. Result: 0; -1, with a line at level 2, if the library cannot
+    /// start, or the system gives not one thread for the workers or for the files. What was begun is then
+    /// undone.
     static int CreateThreadPool(unsigned int threads, bool file_io);
 
     /// Starts a private pool, and the library and the file workers if need be. Result: the pool's index, 1 to
-    /// 63, for `CNetHandler(int)`; -1 if the library cannot start or 63 private pools exist.
+    /// 63, for `CNetHandler(int)`; -1, with a line at level 2, if the library cannot start, 63 private pools
+    /// exist, or the pool has no worker, as above.
     static int CreatePrivatePool(unsigned int threads, bool file_io);
 
     /// Ends one use of the public pool, and with the last one (and no private pool alive) the library: blocks
     /// until all its threads have ended and every file that has buffers was written out (`CNFile`). Handlers
-    /// of the pool should be closed before. Result: 0; -1 if there is no pool.
+    /// of the pool should be closed before: those whose close messages no worker has taken are closed here,
+    /// and the `handle_close` of the last reference then runs on this thread. Result: 0; -1 if there is no
+    /// pool.
     static int DestroyThreadPool();
 
-    /// Ends a private pool; blocks until its threads have ended. Result: 0; -1 if `index` is not the index of
-    /// a private pool.
+    /// Ends a private pool; blocks until its threads have ended. Closed handlers as above. Result: 0; -1 if
+    /// `index` is not the index of a private pool.
     static int DestroyPrivatePool(int index);
 
     /// Scheduling values of the next pool that is created; afterwards they are back at 64, 0, 0. `priority`
@@ -72,9 +81,9 @@ public:
     /// if the server cannot start, which is so unless it was built in (`R3ServerStart`).
     static int EnableR3();
 
-    /// Ends one use of the debug server, and with the last one the server. Without a use nothing happens. The
-    /// public pool must exist, so call this before the last `DestroyThreadPool`. Result: 0, or the result of
-    /// `R3ServerExit`.
+    /// Ends one use of the debug server, and with the last one the server. A call without a use is counted
+    /// too: it takes the next `EnableR3` away, which then gives 0 and starts nothing. The public pool must
+    /// exist, so call this before the last `DestroyThreadPool`. Result: 0, or the result of `R3ServerExit`.
     static int DisableR3();
 
     /// Logs every registered socket of every pool at level 4. Result: the number of sockets listed.

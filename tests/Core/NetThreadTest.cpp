@@ -298,6 +298,85 @@ TEST(NetThread, WithoutTheTimerThreadSetUpFailsAndLeavesNoThread) {
     EXPECT_EQ(0, CNetThread::DestroyThreadPool());
 }
 
+// Threads that set-up needs besides the workers of the public pool: two timers and the pool's daemon.
+constexpr int OTHER_THREADS = 3;
+
+TEST(NetThread, APoolThatGotSomeOfItsWorkersRunsAndSaysHowMany) {
+    LogCapture log(2);
+    {
+        Testing::ThreadFault fault(OTHER_THREADS + 1);
+        EXPECT_EQ(0, CNetThread::CreateThreadPool(2, false));
+    }
+    EXPECT_EQ(1, ThreadPoolProbe::workers(*PoolTable::Get(0)));
+    EXPECT_EQ(1u, log.count(2, "Only 1 of 2 threads of pool 0 could be started!\n")) << log.dump();
+    expectPoolWorks(0);
+    EXPECT_EQ(0, CNetThread::DestroyThreadPool());
+}
+
+TEST(NetThread, APoolThatGotNoneOfItsWorkersIsUndone) {
+    LogCapture log(2);
+    {
+        Testing::ThreadFault fault(OTHER_THREADS);
+        EXPECT_EQ(-1, CNetThread::CreateThreadPool(2, false));
+    }
+    EXPECT_EQ(1u, log.count(2, "Only 0 of 2 threads of pool 0 could be started!\n")) << log.dump();
+    EXPECT_EQ(nullptr, PoolTable::Get(0));
+    EXPECT_EVENTUALLY(libraryThreads() == 0);
+    EXPECT_EQ(0, CNetThread::CreateThreadPool(2, false));
+    expectPoolWorks(0);
+    EXPECT_EQ(0, CNetThread::DestroyThreadPool());
+}
+
+TEST(NetThread, APrivatePoolThatGotNoneOfItsWorkersIsUndone) {
+    {
+        // The daemon gets a thread, the workers do not; and the library was set up for this pool alone.
+        LogCapture log(2);
+        Testing::ThreadFault fault(OTHER_THREADS + 2 + 1);
+        EXPECT_EQ(-1, CNetThread::CreatePrivatePool(2, false));
+        EXPECT_EQ(1u, log.count(2, "Only 0 of 2 threads of pool 1 could be started!\n")) << log.dump();
+    }
+    EXPECT_EQ(nullptr, PoolTable::Get(0));
+    EXPECT_EVENTUALLY(libraryThreads() == 0);
+    ASSERT_EQ(0, CNetThread::CreateThreadPool(2, false));
+    {
+        LogCapture log(2);
+        Testing::ThreadFault fault(0);
+        EXPECT_EQ(-1, CNetThread::CreatePrivatePool(2, false));
+    }
+    EXPECT_EQ(1, CNetThread::CreatePrivatePool(2, false));
+    expectPoolWorks(1);
+    EXPECT_EQ(0, CNetThread::DestroyPrivatePool(1));
+    EXPECT_EQ(0, CNetThread::DestroyThreadPool());
+}
+
+TEST(NetThread, MoreThreadsThanAPoolCanHaveAreRefusedWithALine) {
+    for (unsigned int threads : {0x80000000U, 0xFFFFFFFFU, 65537U}) {
+        LogCapture log(2);
+        EXPECT_EQ(-1, CreateThreadPool(threads, 0));
+        EXPECT_EQ(1u, log.count(2, "Invalid thread num " + std::to_string(threads) +
+                                       ", a pool has 65536 at most!\n"))
+            << log.dump();
+    }
+    EXPECT_EVENTUALLY(libraryThreads() == 0);
+    ASSERT_EQ(0, CreateThreadPool(2, 0));
+    LogCapture log(2);
+    EXPECT_EQ(-1, CNetThread::CreatePrivatePool(0x80000000U, false));
+    EXPECT_EQ(0, CreateThreadPool(0xFFFFFFFFU, 0)) << "only the call that creates the pool counts threads";
+    EXPECT_EQ(0, DestroyThreadPool());
+    EXPECT_EQ(0, DestroyThreadPool());
+}
+
+// ---- the debug server ----------------------------------------------------------------------------------
+
+TEST(NetThread, DisableR3WithoutAUseTakesTheNextOneAway) {
+    ASSERT_EQ(0, CNetThread::CreateThreadPool(2, false));
+    LogCapture log(2);
+    EXPECT_EQ(0, CNetThread::DisableR3());
+    EXPECT_EQ(0, CNetThread::EnableR3());
+    EXPECT_EQ(0u, log.lines().size()) << "nothing was started: " << log.dump();
+    EXPECT_EQ(0, CNetThread::DestroyThreadPool());
+}
+
 class NetThreadDeathTest : public ::testing::Test {};
 
 TEST_F(NetThreadDeathTest, AWorkerThatDestroysItsOwnPoolIsStoppedByAnAssertion) {

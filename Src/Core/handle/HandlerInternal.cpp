@@ -1,35 +1,25 @@
-// The counters and the id of CNetHandler. Its services are in NetHandler.cpp.
+// HandlerInternal.
 #include "Core/handle/HandlerInternal.h"
-
-#include <Reticor/NetHandler.h>
 
 namespace Orvex::Reticor {
 
-void CNetHandler::AddRef() {
-    m_internal->m_ref.fetch_add(1, std::memory_order_relaxed);
-}
-
-void CNetHandler::DecRef() {
-    HandlerInternal* internal = m_internal;
+void HandlerInternal::DecRef() {
     // After a result above 0 the object belongs to the other references and may be gone.
-    if (internal->m_ref.fetch_sub(1, std::memory_order_acq_rel) - 1 != 0) {
+    if (m_ref.fetch_sub(1, std::memory_order_acq_rel) - 1 != 0) {
         return;
     }
-    if (internal->m_close_called.exchange(1, std::memory_order_acq_rel) == 0) {
-        handle_close(this);
+    if (m_close_called.exchange(1, std::memory_order_acq_rel) == 0) {
+        m_entry.m_owner->handle_close(m_entry.m_owner);
     }
 }
 
-void CNetHandler::AddSock() {
-    m_internal->m_sock.fetch_add(1, std::memory_order_relaxed);
-}
-
-void CNetHandler::DecSock() {
-    m_internal->m_sock.fetch_sub(1, std::memory_order_relaxed);
-}
-
-long CNetHandler::GetID() {
-    return static_cast<long>(m_internal->m_entry.m_id);
+bool HandlerInternal::EnterOpen() {
+    AddRef();
+    if (__m_magic.load(std::memory_order_acquire) == HANDLER_OPEN) {
+        return true;
+    }
+    DecRef();
+    return false;
 }
 
 }  // namespace Orvex::Reticor

@@ -5,6 +5,8 @@
 
 #include <Reticor/NetHandler.h>
 
+#include "Core/handle/HandlerInternal.h"
+
 namespace Orvex::Reticor {
 
 /// Owns one reference on a handler, or is empty. Dropping it can be what ends the handler, and then calls
@@ -14,21 +16,27 @@ public:
     HandlerPin() = default;
     ~HandlerPin() {
         if (m_handler != nullptr) {
-            m_handler->DecRef();
+            HandlerInternal::Of(*m_handler).DecRef();
         }
     }
 
     /// Takes a reference of its own on `handler`, which the caller knows alive.
     static HandlerPin Take(CNetHandler* handler) {
-        handler->AddRef();
+        HandlerInternal::Of(*handler).AddRef();
         return HandlerPin(handler);
     }
+
+    /// Takes over a reference that the caller holds.
+    static HandlerPin Adopt(CNetHandler* handler) { return HandlerPin(handler); }
 
     HandlerPin(HandlerPin&& other) noexcept : m_handler(std::exchange(other.m_handler, nullptr)) {}
     HandlerPin& operator=(HandlerPin&& other) noexcept {
         std::swap(m_handler, other.m_handler);
         return *this;
     }
+
+    /// Hands the reference to the caller.
+    CNetHandler* Release() { return std::exchange(m_handler, nullptr); }
 
     explicit operator bool() const { return m_handler != nullptr; }
     CNetHandler* operator->() const { return m_handler; }

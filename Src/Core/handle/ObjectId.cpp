@@ -15,16 +15,28 @@ int64_t* newRing(uint32_t capacity) {
 
 }  // namespace
 
+std::atomic<int64_t> CObjectId::sm_drawn[POOLS];
+
 // Without memory the ring starts with no place, and the first release tries again.
 CObjectId::CObjectId(int index)
-    : m_capacity(FIRST_CAPACITY), m_ring(newRing(FIRST_CAPACITY)), m_index(index) {
+    : m_capacity(FIRST_CAPACITY),
+      m_ring(newRing(FIRST_CAPACITY)),
+      m_index(index),
+      m_first(FIRST_COUNTER - sm_drawn[index].load(std::memory_order_relaxed)),
+      m_counter(m_first) {
     if (m_ring == nullptr) {
         m_capacity = 0;
     }
 }
 
 CObjectId::~CObjectId() {
+    sm_drawn[m_index].store(FIRST_COUNTER - m_counter, std::memory_order_relaxed);
     generalFree(m_ring);
+}
+
+int64_t CObjectId::Next() {
+    Infra::CGuard guard(m_mutex);
+    return m_counter;
 }
 
 long CObjectId::Alloc() {

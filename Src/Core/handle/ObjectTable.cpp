@@ -1,14 +1,7 @@
 // CObjectTable: a pool's open handlers by id.
 #include "Core/handle/ObjectTable.h"
 
-#include "Core/handle/ObjectId.h"
-
 namespace Orvex::Reticor {
-
-size_t CObjectTable::place_of(int64_t id) {
-    // A number that is no id at all gives a huge place, which no chunk holds.
-    return static_cast<size_t>(CObjectId::FIRST_COUNTER - (id >> CObjectId::COUNTER_SHIFT));
-}
 
 ObjectEntry** CObjectTable::slot(size_t place) {
     const size_t chunk = place / CHUNK;

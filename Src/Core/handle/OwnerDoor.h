@@ -3,16 +3,14 @@
 
 #include <Reticor/NetHandler.h>
 
-#include "Core/handle/HandlerInternal.h"
-
 namespace Orvex::Reticor {
 
 class CSock;
 
-/// The first three operations are protected in CNetHandler: what is registered on a handler is its own
-/// affair. A helper that works on behalf of a handler comes through here. The checks are CNetHandler's own;
-/// above all nothing can be registered on a closed handler. The caller holds a reference on `owner`, and no
-/// lock while it drops that.
+/// The three operations are protected in CNetHandler: what is registered on a handler is its own affair. A
+/// helper that works on behalf of a handler comes through here. The checks are CNetHandler's own; above all
+/// nothing can be registered on a closed handler. The caller holds a reference on `owner`, and no lock while
+/// it drops that.
 class OwnerDoor {
 public:
     static int Register(CNetHandler& owner, CSock& sock, unsigned int mask, int timeout_us) {
@@ -22,11 +20,6 @@ public:
         return owner.UnregisterSock(sock, mask);
     }
     static int Remove(CNetHandler& owner, CSock& sock) { return owner.RemoveSock(sock); }
-
-    /// Whether sockets are counted on the handler.
-    static bool CountsSocks(const CNetHandler& owner) {
-        return owner.m_internal->m_sock.load(std::memory_order_relaxed) != 0;
-    }
 };
 
 }  // namespace Orvex::Reticor

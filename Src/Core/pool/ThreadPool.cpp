@@ -1,4 +1,4 @@
-// CThreadPool: data, construction, daemon and end. What the workers do is in WorkerLoop.cpp.
+// CThreadPool, but for what its workers do with records: that is in WorkerLoop.cpp.
 #include "Core/pool/ThreadPool.h"
 
 #include <unistd.h>
@@ -35,6 +35,7 @@ CThreadPool::CThreadPool(int index, unsigned int threads, int priority, int poli
                          WorkerBody body, unsigned int cpus)
     : m_thread_num(static_cast<int>(threads)),
       m_ids(index),
+      m_obj_tree(m_ids.First()),
       m_sock_tree(TREE_ORDER),
       m_index(index),
       m_mux(index, m_sock_tree, m_event),
@@ -43,15 +44,17 @@ CThreadPool::CThreadPool(int index, unsigned int threads, int priority, int poli
     if (threads == 0) {
         INFRA_LOG(2, "Invalid thread num 0, Please check it!\n");
     }
+    m_thread_num = workerCount(threads, cpus);
+    make_threads(body, priority, policy, stack);
     if (m_mux.Init() == -1) {
         INFRA_LOG(2, "socket mutiplexer init fail, Please check it!\n");
     }
-    start_daemon(priority, policy, stack);
-    m_thread_num = workerCount(threads, cpus);
-    queue_token(EVENT_KEY_POLL, &m_poll_event);
+    m_poll_event.m_key = EVENT_KEY_POLL;
+    m_event.PushOne(&m_poll_event);
     // The first drain finds nothing to do and turns m_serial_idle on.
-    queue_token(EVENT_KEY_DRAIN, nullptr);
-    start_workers(body, priority, policy, stack);
+    m_drain_event.m_key = EVENT_KEY_DRAIN;
+    m_event.PushOne(&m_drain_event);
+    start_threads();
 }
 
 void CThreadPool::Version() {
@@ -63,58 +66,50 @@ void CThreadPool::Version() {
     INFRA_LOG_PLAIN(4, "%s", frame);
 }
 
-void CThreadPool::queue_token(int64_t key, CEvent** keep) {
-    CEvent* token = getEvent();
-    token->m_key = key;
-    if (keep != nullptr) {
-        *keep = token;
-    }
-    token->m_next = nullptr;
-    Push(token);
-}
-
-void CThreadPool::start_daemon(int priority, int policy, int stack) {
+/// All memory that the pool's threads and tokens need.
+void CThreadPool::make_threads(WorkerBody body, int priority, int policy, int stack) {
+    using Body = Infra::TFunction1<void, Infra::CThreadLite&>;
     char name[NAME_SIZE];
     std::snprintf(name, sizeof(name), "Reticor%d daemon", m_index);
-    m_daemon =
-        new Infra::CThreadLite(Infra::TFunction1<void, Infra::CThreadLite&>(&CThreadPool::DaemonProc, this),
-                               name, priority, policy, stack);
-    m_daemon->createThread();
-}
-
-void CThreadPool::start_workers(WorkerBody body, int priority, int policy, int stack) {
-    char name[NAME_SIZE];
+    m_daemon = std::make_unique<Infra::CThreadLite>(Body(&CThreadPool::DaemonProc, this), name, priority,
+                                                    policy, stack);
     std::snprintf(name, sizeof(name), "Reticor%d", m_index);
     m_threads.reserve(static_cast<size_t>(m_thread_num));
     for (int i = 0; i < m_thread_num; ++i) {
-        m_threads.push_back(new Infra::CThreadLite(Infra::TFunction1<void, Infra::CThreadLite&>(body, this),
-                                                   name, priority, policy, stack));
-        m_threads.back()->createThread();
+        m_threads.push_back(
+            std::make_unique<Infra::CThreadLite>(Body(body, this), name, priority, policy, stack));
+    }
+}
+
+void CThreadPool::start_threads() {
+    m_daemon->createThread();
+    while (m_running < m_threads.size() && m_threads[m_running]->createThread()) {
+        ++m_running;
+    }
+    if (m_running < m_threads.size()) {
+        INFRA_LOG(2, "Only %d of %d threads of pool %d could be started!\n", static_cast<int>(m_running),
+                  m_thread_num, m_index);
     }
 }
 
 void CThreadPool::Stop() {
-    for (Infra::CThreadLite* thread : m_threads) {
+    for (const auto& thread : m_threads) {
         thread->cancelThread();
     }
     // Ends the wait of the token's holder. It queues the token and leaves, which lets the next worker go the
     // same way: the token empties the pool.
     m_mux.WakeUp();
     m_event.WakeAll();
-    for (Infra::CThreadLite* thread : m_threads) {
-        thread->destroyThread();
-        delete thread;
-    }
     m_threads.clear();
-    if (m_daemon != nullptr) {
-        // Cancelled before it is woken, or it would go round once more and rest again.
-        m_daemon->cancelThread();
-        m_daemon_sem.post();
-        m_daemon_sem.post();
-        m_daemon->destroyThread();
-        delete m_daemon;
-        m_daemon = nullptr;
+    m_running = 0;
+    if (m_daemon == nullptr) {
+        return;
     }
+    // Cancelled before it is woken, or it would go round once more and rest again.
+    m_daemon->cancelThread();
+    m_daemon_sem.post();
+    m_daemon_sem.post();
+    m_daemon.reset();
 }
 
 CThreadPool::~CThreadPool() {
@@ -122,14 +117,14 @@ CThreadPool::~CThreadPool() {
     drop_records();
 }
 
-// A socket record that waits in the queue is in the socket tree as well, and the tree deletes it.
+// A socket record that waits in the queue is in the socket tree as well, and the tree deletes it; the tokens
+// are the pool's own.
 void CThreadPool::drop_records() {
     while (CEvent* ev = m_event.TryPop()) {
-        if (ev->m_key < 0) {
+        if (ev->m_key < 0 && ev != &m_poll_event && ev != &m_drain_event) {
             delete ev;
         }
     }
-    delete m_cut_drain;
     // Handle 0 is a legal descriptor, but the tree deletes keys above 0 only.
     m_sock_tree.WriteLock();
     CEvent* zero = static_cast<CEvent*>(m_sock_tree.RemoveLocked(0));
@@ -138,18 +133,18 @@ void CThreadPool::drop_records() {
 }
 
 void CThreadPool::AttachObject(ObjectEntry* entry) {
-    entry->m_owner->AddRef();
+    HandlerInternal::Of(*entry->m_owner).AddRef();
     entry->m_id = m_ids.Alloc();
     m_obj_tree.Insert(entry);
 }
 
-void CThreadPool::DetachObject(int64_t id) {
+HandlerPin CThreadPool::DetachObject(int64_t id) {
     ObjectEntry* entry = m_obj_tree.Remove(id);
     if (entry == nullptr) {
-        return;
+        return HandlerPin();
     }
     m_ids.Release(static_cast<long>(id));
-    entry->m_owner->DecRef();
+    return HandlerPin::Adopt(entry->m_owner);
 }
 
 void CThreadPool::Push(CEvent* ev) {
@@ -169,8 +164,21 @@ void CThreadPool::PushSerial(CEvent* ev) {
     m_event_serial.PushSilent(ev);
     if (m_serial_idle) {
         m_serial_idle = false;
-        queue_token(EVENT_KEY_DRAIN, nullptr);
+        m_drain_event.m_next = nullptr;
+        Push(&m_drain_event);
     }
+}
+
+// Null means that the drain is over, and says so to those who post: a message that came between the two looks
+// would otherwise wait for the next one.
+CEvent* CThreadPool::next_serial() {
+    CEvent* ev = m_event_serial.TryPop();
+    if (ev == nullptr) {
+        Infra::CGuard guard(m_serial_mutex);
+        ev = m_event_serial.TryPop();
+        m_serial_idle = ev == nullptr;
+    }
+    return ev;
 }
 
 void CThreadPool::DaemonProc(Infra::CThreadLite& thread) {

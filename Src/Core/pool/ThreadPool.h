@@ -1,9 +1,9 @@
-// CThreadPool: one reactor. Its data, construction, daemon and end are in ThreadPool.cpp; what its workers do
-// with the records is in WorkerLoop.cpp.
+// CThreadPool: one reactor. What its workers do with the records is in WorkerLoop.cpp.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include <Infra/LockClasses.h>
@@ -31,14 +31,21 @@ public:
     /// What a worker does from its start to its end.
     using WorkerBody = void (CThreadPool::*)(Infra::CThreadLite& thread);
 
-    /// Never fails: errors are logged, and the pool runs as far as it can. The workers run `body`, which is
-    /// handed in since it stands on what stands on pools; a pool without workers takes a null one.
+    /// Takes all memory first, and gives up with std::bad_alloc before any thread runs. Everything else is
+    /// logged, and the pool runs as far as it can. The workers run `body`, which is handed in since it stands
+    /// on what stands on pools; a pool without workers takes a null one.
     CThreadPool(int index, unsigned int threads, int priority, int policy, int stack, WorkerBody body,
                 unsigned int cpus = processorCount());
     ~CThreadPool();
 
     CThreadPool(const CThreadPool&) = delete;
     CThreadPool& operator=(const CThreadPool&) = delete;
+
+    /// The most that may be asked for in `threads`.
+    static constexpr unsigned int MOST_THREADS = 65536;
+
+    /// False if workers were asked for, and the system gave not one thread for them.
+    bool HasWorkers() const { return m_running > 0 || m_threads.empty(); }
 
     /// Ends and joins the workers and the daemon. No lock may be held that a handler could want. What is
     /// pushed from now on stays in the queues and is deleted with them. The destructor calls it if nobody
@@ -48,11 +55,12 @@ public:
     /// Takes the first reference on the owner, gives it an id and makes it reachable.
     void AttachObject(ObjectEntry* entry);
 
-    /// Makes the handler with that id unreachable, gives the id back and drops the first reference, in this
-    /// order. Does nothing for an id that is detached already: a handler can be sent two close messages.
-    void DetachObject(int64_t id);
+    /// Makes the handler with that id unreachable and gives the id back. Result: the first reference, which
+    /// the caller drops with no lock held; empty for an id that is detached already, since a handler can be
+    /// sent two close messages.
+    [[nodiscard]] HandlerPin DetachObject(int64_t id);
 
-    /// Logs every registered socket whose handler is open, at level 4. Result: how many.
+    /// Logs every registered socket whose handler is open, at level 4. Result: how many. In WorkerLoop.cpp.
     int TraversalSock();
 
     // Push on the main queue, for a worker that sleeps there or waits for sockets. The caller keeps the pool
@@ -77,10 +85,13 @@ public:
     void ThreadProc(Infra::CThreadLite& thread);
 
 private:
-    std::vector<Infra::CThreadLite*> m_threads;  ///< The workers; owned.
+    /// The workers; the first `m_running` of them run, or have run.
+    std::vector<std::unique_ptr<Infra::CThreadLite>> m_threads;
+    size_t m_running = 0;
     int m_thread_num;
-    CEvent* m_poll_event = nullptr;  ///< The poll token.
-    Infra::CThreadLite* m_daemon = nullptr;
+    CEvent m_poll_event;   ///< The poll token: queued, or with its worker.
+    CEvent m_drain_event;  ///< The drain token: queued, or with its worker, or at rest.
+    std::unique_ptr<Infra::CThreadLite> m_daemon;
     std::atomic<CEvent*> m_heartbeat{nullptr};  ///< The last heartbeat; for a debugger's eyes.
     /// Every record that a worker took. The daemon compares it, and the queue's guard.
     std::atomic<uint64_t> m_loop_count{0};
@@ -88,11 +99,8 @@ private:
     // The order of the following is the reverse of the order in which a pool falls apart.
     Infra::CSemaphore m_daemon_sem{0};  ///< Holds the daemon back between heartbeats.
     Infra::CMutex m_serial_mutex{Infra::LockClass::POOL_SERIAL};
-    /// True while no drain token is queued and no drain runs.
+    /// True while the drain token rests: it is not queued, and no drain runs.
     bool m_serial_idle INFRA_GUARDED_BY(m_serial_mutex) = false;
-    /// The token of a drain that was cut short by the pool's end. Set by the worker that held it, read after
-    /// the workers are joined.
-    CEvent* m_cut_drain = nullptr;
 
 public:
     CObjectId m_ids;
@@ -109,16 +117,15 @@ public:
 private:
     CEventQueue m_event_serial;
 
-    void start_daemon(int priority, int policy, int stack);
-    void start_workers(WorkerBody body, int priority, int policy, int stack);
-    void queue_token(int64_t key, CEvent** keep);
+    void make_threads(WorkerBody body, int priority, int policy, int stack);
+    void start_threads();
     void drop_records();
     void DaemonProc(Infra::CThreadLite& thread);
-
-    // WorkerLoop.cpp
-    void serve(CEvent* ev, Infra::CThreadLite& thread);
-    void drain(CEvent* token, Infra::CThreadLite& thread);
     CEvent* next_serial();
+
+    // In WorkerLoop.cpp.
+    void serve(CEvent* ev, Infra::CThreadLite& thread);
+    void drain(Infra::CThreadLite& thread);
     void unexpected(CEvent* ev);
 
     friend struct ThreadPoolProbe;  // tests

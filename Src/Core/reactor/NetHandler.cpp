@@ -1,4 +1,4 @@
-// The services of CNetHandler. Its counters are in HandlerInternal.cpp.
+// CNetHandler. What the lower wings need of it is in HandlerInternal.
 #include <Reticor/NetHandler.h>
 
 #include <cassert>
@@ -8,7 +8,7 @@
 #include <Reticor/TsMemory.h>
 
 #include "Core/handle/HandlerInternal.h"
-#include "Core/pool/PoolTable.h"
+#include "Core/pool/PoolLease.h"
 #include "Core/pool/ThreadPool.h"
 #include "Core/service/Message.h"
 #include "Core/service/NetSock.h"
@@ -18,18 +18,16 @@ namespace Orvex::Reticor {
 
 CNetHandler::CNetHandler() : CNetHandler(0) {}
 
-CNetHandler::CNetHandler(int pool) : m_internal(nullptr) {
-    open_object(pool);
-}
-
-void CNetHandler::open_object(int pool) {
-    m_internal = new HandlerInternal;
-    m_internal->m_entry.m_owner = this;
-    if (CThreadPool* found = PoolTable::Get(pool)) {
+CNetHandler::CNetHandler(int pool) : m_internal(new HandlerInternal(this)) {
+    if (const PoolLease found{pool}) {
         found->AttachObject(&m_internal->m_entry);
         return;
     }
-    INFRA_LOG(1, "Can't find the thread pool %d, create thread pool first!\n", pool);
+    // The name of the operation in the line is part of the interface.
+    if (Infra::logEnabled(1)) {
+        Infra::Detail::logMember(1, __FILE__, "Orvex::Reticor::CNetHandler::open_object", __LINE__, this,
+                                 "Can't find the thread pool %d, create thread pool first!\n", pool);
+    }
     assert(0);
 }
 
@@ -50,24 +48,33 @@ CNetHandler::~CNetHandler() {
 void CNetHandler::Close() {
     const long id = GetID();
     if (m_internal->__m_magic.exchange(HANDLER_CLOSED, std::memory_order_acq_rel) == HANDLER_OPEN) {
-        CMessage::NotifyClose(id);
+        CMessage::NotifyClose(id, this);
         // From here on the object may be gone.
     }
 }
 
-// The reference comes first: it keeps the object alive over the work, and a racing Close is seen either
-// before or after it.
-bool CNetHandler::enter_open() {
-    AddRef();
-    if (m_internal->__m_magic.load(std::memory_order_acquire) == HANDLER_OPEN) {
-        return true;
-    }
-    DecRef();
-    return false;
+void CNetHandler::AddRef() {
+    m_internal->AddRef();
+}
+
+void CNetHandler::DecRef() {
+    m_internal->DecRef();
+}
+
+void CNetHandler::AddSock() {
+    m_internal->AddSock();
+}
+
+void CNetHandler::DecSock() {
+    m_internal->DecSock();
+}
+
+long CNetHandler::GetID() {
+    return m_internal->GetID();
 }
 
 int CNetHandler::RegisterSock(CSock& sock, unsigned int mask, int timeout) {
-    if (!enter_open()) {
+    if (!m_internal->EnterOpen()) {
         return -1;
     }
     const int result = CNetSock::RegisterSock(this, sock, mask, timeout);
@@ -97,7 +104,7 @@ int CNetHandler::CheckSock(CSock& sock) {
 }
 
 long CNetHandler::SetTimer(int64_t us) {
-    if (!enter_open()) {
+    if (!m_internal->EnterOpen()) {
         return -1;
     }
     const long id = CNetTimer::SetTimer(GetID(), us);

@@ -1,5 +1,6 @@
-// The workers of CThreadPool: what they do with each kind of record, and the listing of sockets. The pool's
-// data and lifecycle are in ThreadPool.cpp.
+// What the workers of CThreadPool do with records, and the listing of its sockets: the members that stand on
+// what stands on pools. Their log lines and assertions name this file and that class, which is part of the
+// interface, so they are members of CThreadPool here; all its other members are in ThreadPool.cpp.
 #include <cassert>
 #include <utility>
 #include <vector>
@@ -9,6 +10,7 @@
 #include <Reticor/TsMemory.h>
 
 #include "Core/handle/ClassName.h"
+#include "Core/pool/PoolLease.h"
 #include "Core/pool/ThreadPool.h"
 #include "Core/service/Message.h"
 #include "Core/service/NetSock.h"
@@ -17,8 +19,9 @@
 namespace Orvex::Reticor {
 
 void CThreadPool::ThreadProc(Infra::CThreadLite& thread) {
+    PoolLease::EnterWorker(m_index, this);
     CTsMemory::CreateMemPool();
-    if (m_poll_event->m_key != EVENT_KEY_POLL) {
+    if (m_poll_event.m_key != EVENT_KEY_POLL) {
         assert(0);
     }
     while (thread.looping()) {
@@ -45,7 +48,7 @@ void CThreadPool::serve(CEvent* ev, Infra::CThreadLite& thread) {
     } else if (key == EVENT_KEY_POLL) {
         m_mux.Wait(ev);
     } else if (key == EVENT_KEY_DRAIN) {
-        drain(ev, thread);
+        drain(thread);
     } else if (key == EVENT_KEY_HEARTBEAT) {
         putEvent(ev);  // it has done its job by being taken
     } else {
@@ -59,12 +62,11 @@ void CThreadPool::unexpected(CEvent* ev) {
     assert(0);
 }
 
-void CThreadPool::drain(CEvent* token, Infra::CThreadLite& thread) {
+void CThreadPool::drain(Infra::CThreadLite& thread) {
     while (thread.looping()) {
         CEvent* ev = next_serial();
         if (ev == nullptr) {
-            putEvent(token);
-            return;
+            return;  // the token may be queued again by now
         }
         if (ev->m_key != EVENT_KEY_SERIAL) {
             INFRA_LOG(2, "Exist unexpected event_serial, Please check it, key : [%d]!\n",
@@ -74,19 +76,6 @@ void CThreadPool::drain(CEvent* token, Infra::CThreadLite& thread) {
         }
         CMessage::HandleMessage(ev);
     }
-    m_cut_drain = token;  // the pool is going away: no other drain follows
-}
-
-// Null means that the drain is over, and says so to those who post: a message that came between the two looks
-// would otherwise wait for the next one.
-CEvent* CThreadPool::next_serial() {
-    CEvent* ev = m_event_serial.TryPop();
-    if (ev == nullptr) {
-        Infra::CGuard guard(m_serial_mutex);
-        ev = m_event_serial.TryPop();
-        m_serial_idle = ev == nullptr;
-    }
-    return ev;
 }
 
 namespace {

@@ -51,7 +51,10 @@ struct CEvent {
         uint32_t m_event_mask = 0;  ///< Socket: directions wanted, SOCK_*.
         uint32_t m_msg;             ///< Message: the number.
     };
-    int16_t m_revents = 0;     ///< Socket: to be delivered, REVENT_*; not 0 means in flight.
+    union {
+        int16_t m_revents = 0;  ///< Socket: to be delivered, REVENT_*; not 0 means in flight.
+        int16_t m_from_close;   ///< Message: 1 from CNetHandler::Close; m_attach is then the handler.
+    };
     uint16_t m_mux_state = 0;  ///< Socket: what the multiplexer knows of it, MUX_*.
 
     union {

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cassert>
+#include <utility>
 
 #include <Infra/HeldLocks.h>
 #include <Infra/Log.h>
@@ -11,6 +12,7 @@
 #include <Reticor/R3.h>
 
 #include "Core/handle/ClassName.h"
+#include "Core/handle/HandlerDrops.h"
 #include "Core/handle/ObjectId.h"
 #include "Core/pool/PoolTable.h"
 #include "Core/pool/ThreadPool.h"
@@ -63,6 +65,16 @@ void post_io(CEvent* ev) {
     }
 }
 
+/// A handler as a number, for comparing.
+int64_t handle_of(const CNetHandler* handler) {
+    return static_cast<int64_t>(reinterpret_cast<intptr_t>(handler));
+}
+
+/// Whether a close message is for the handler that its id finds: Close says which one it means.
+bool meant_for(const CEvent* ev, const CNetHandler* found) {
+    return ev->m_from_close == 0 || ev->m_attach == handle_of(found);
+}
+
 void assert_index(long receiver) {
     // clang-format off
     assert(63 >= INDEX_OF_ID( receiver ));
@@ -75,6 +87,7 @@ CEvent* make_record(int64_t key, long sender, long receiver, unsigned int msg, l
     ev->m_obj_id = sender;
     ev->m_receiver = receiver;
     ev->m_msg = msg;
+    ev->m_from_close = 0;
     ev->m_attach = attach;
     return ev;
 }
@@ -90,7 +103,7 @@ void print_message(const HandlerPin& handler, const CEvent* ev, Moment moment) {
                  : "thread:%d, object:%p,class:%s, handle message end at %ju us,msg:%d,attach:%d\n",
              Infra::CThread::getCurrentThreadID(), static_cast<void*>(handler.get()),
              className(*handler.get()).c_str(), static_cast<uintmax_t>(Infra::CTime::getCurrentMicroSecond()),
-             static_cast<int>(ev->m_msg), static_cast<int>(ev->m_attach));
+             static_cast<int>(ev->m_msg), ev->m_from_close != 0 ? 0 : static_cast<int>(ev->m_attach));
 }
 
 }  // namespace
@@ -123,35 +136,54 @@ void CMessage::NotifySerial(long sender, long receiver, unsigned int msg, long a
                                make_record(EVENT_KEY_SERIAL, sender, receiver, msg, attach));
 }
 
-void CMessage::NotifyClose(long id) {
-    PoolTable::PushFrontEvent(INDEX_OF_ID(id), make_record(EVENT_KEY_MESSAGE, id, id, MSG_CLOSE, 0));
+void CMessage::NotifyClose(long id, const CNetHandler* owner) {
+    CEvent* ev = make_record(EVENT_KEY_MESSAGE, id, id, MSG_CLOSE, static_cast<long>(handle_of(owner)));
+    ev->m_from_close = 1;
+    PoolTable::PushFrontEvent(INDEX_OF_ID(id), ev);
+}
+
+bool CMessage::IsClose(const CEvent* ev) {
+    return ev->m_msg == MSG_CLOSE && ev->m_obj_id == ev->m_receiver;
 }
 
 int CMessage::HandleMessage(CEvent* ev) {
-    deliver(ev, From::worker);
-    return 0;
-}
-
-void CMessage::deliver(CEvent* ev, From from) {
-    const bool outside = from == From::outside;
-    if (HandlerPin handler = outside ? PoolTable::FindHandlerFromOutside(ev->m_receiver)
-                                     : PoolTable::FindHandler(ev->m_receiver)) {
+    if (HandlerPin handler = PoolTable::FindHandler(ev->m_receiver)) {
         print_message(handler, ev, Moment::begin);
-        if (ev->m_msg == MSG_CLOSE && ev->m_obj_id == ev->m_receiver) {
-            outside ? PoolTable::DetachFromOutside(ev->m_receiver) : PoolTable::Detach(ev->m_receiver);
-        } else {
+        if (!IsClose(ev)) {
             INFRA_PROMISE(HANDLER);
             handler->handle_message(static_cast<long>(ev->m_obj_id), ev->m_msg,
                                     static_cast<long>(ev->m_attach));
+        } else if (meant_for(ev, handler.get())) {
+            const HandlerPin first = PoolTable::Detach(ev->m_receiver);
         }
         print_message(handler, ev, Moment::end);
     }
     putEvent(ev);
+    return 0;
+}
+
+void CMessage::CloseQueued(CThreadPool& pool, HandlerDrops& drops) {
+    CEvent* others = nullptr;
+    while (CEvent* ev = pool.m_event.TryPop()) {
+        if (ev->m_key != EVENT_KEY_MESSAGE || !IsClose(ev)) {
+            ev->m_next = std::exchange(others, ev);
+            continue;
+        }
+        HandlerPin handler = pool.m_obj_tree.Find(ev->m_receiver);
+        if (handler && meant_for(ev, handler.get())) {
+            drops.Take(pool.DetachObject(ev->m_receiver));
+        }
+        drops.Take(std::move(handler));
+        putEvent(ev);
+    }
+    if (others != nullptr) {
+        pool.m_event.Push(others);
+    }
 }
 
 void CMessage::HandleIOMessage() {
     if (CEvent* ev = io_queue().PopNow()) {
-        deliver(ev, From::outside);
+        HandleMessage(ev);
     }
 }
 

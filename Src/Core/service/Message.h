@@ -5,6 +5,10 @@
 
 namespace Orvex::Reticor {
 
+class CNetHandler;
+class CThreadPool;
+class HandlerDrops;
+
 /// All static. Posting comes from any thread, never fails towards the sender and never waits for the
 /// receiver; a message to an object that is gone disappears when it is taken.
 class CMessage {
@@ -19,10 +23,19 @@ public:
     static void NotifySerial(long sender, long receiver, unsigned int msg, long attach,
                              unsigned int reserved);
 
-    /// Posts the close message of `id` ahead of everything in its pool's queue.
-    static void NotifyClose(long id);
+    /// Posts the close message of `owner`, whose id is `id`, ahead of everything in its pool's queue. It does
+    /// nothing to another handler that the id may find.
+    static void NotifyClose(long id, const CNetHandler* owner);
 
-    /// Calls the receiver, if it is still there, with no lock held, and gives the record back. Result 0.
+    /// At the end of a pool, when its threads have ended and nobody finds it any more: detaches the handlers
+    /// whose close messages are still queued.
+    static void CloseQueued(CThreadPool& pool, HandlerDrops& drops);
+
+    /// Whether the record of a message is a close message: from NotifyClose, or sent by a handler to itself.
+    static bool IsClose(const CEvent* ev);
+
+    /// Calls the receiver, if it is still there, with no lock held, and gives the record back. Any thread.
+    /// Result 0.
     static int HandleMessage(CEvent* ev);
 
     /// Takes one record of NotifyIO, if there is one, and handles it as HandleMessage does, on a file worker.
@@ -37,11 +50,6 @@ public:
 
     /// Whether the workers print each message and timer they handle (command "threadpool").
     static bool printing();
-
-private:
-    /// Where the thread that handles a message comes from decides how it may look into pools.
-    enum class From { worker, outside };
-    static void deliver(CEvent* ev, From from);
 };
 
 }  // namespace Orvex::Reticor

@@ -8,8 +8,9 @@
 #include <Reticor/Sock.h>
 
 #include "Core/handle/ClassName.h"
+#include "Core/handle/HandlerInternal.h"
 #include "Core/handle/ObjectId.h"
-#include "Core/handle/OwnerDoor.h"
+#include "Core/pool/PoolLease.h"
 #include "Core/pool/PoolTable.h"
 #include "Core/pool/ThreadPool.h"
 #include "Core/service/SockTimer.h"
@@ -29,12 +30,12 @@ long long traced(int64_t number) {
     return static_cast<long long>(number);
 }
 
-uintmax_t now() {
-    return static_cast<uintmax_t>(Infra::CTime::getCurrentMicroSecond());
+long id_of(CNetHandler* handler) {
+    return HandlerInternal::Of(*handler).GetID();
 }
 
-CThreadPool* pool_of(int64_t id) {
-    return PoolTable::Get(INDEX_OF_ID(static_cast<long>(id)));
+uintmax_t now() {
+    return static_cast<uintmax_t>(Infra::CTime::getCurrentMicroSecond());
 }
 
 /// The lines of a call into a handler, at its begin and its end: `what` is the operation.
@@ -55,7 +56,7 @@ void trace_call(const char* what, const char* moment, const CEvent* event, const
 
 /// The lines of RemoveSock: at its entry, and for the idle (&1) and the in-flight case (&2).
 void trace_remove(const char* where, CNetHandler* handler, int64_t fd) {
-    if (tracing() && Flags::passesDensity() && Flags::matches(fd, handler->GetID())) {
+    if (tracing() && Flags::passesDensity() && Flags::matches(fd, id_of(handler))) {
         INFRA_LOG_PLAIN(3, "<Reticor Debug> %s CNetHandler:%p, owner type:%s, socket:%lld.\n", where,
                         static_cast<void*>(handler), className(*handler).c_str(), traced(fd));
     }
@@ -92,20 +93,20 @@ int CNetSock::RegisterSock(CNetHandler* handler, CSock& sock, unsigned int type,
                            int time_out) INFRA_NO_THREAD_SAFETY_ANALYSIS {
     const int fd = sock.GetHandle();
     if (tracing() && Flags::passesType(type) && Flags::passesDensity() &&
-        Flags::matches(fd, handler->GetID())) {
+        Flags::matches(fd, id_of(handler))) {
         INFRA_LOG_PLAIN(
             3,
             "<Reticor Debug> Enter CNetSock::RegisterSock CNetHandler:%p, owner type:%s, socket:%lld, "
             "type:%d, time_out:%d obj:%lld. \n",
             static_cast<void*>(handler), className(*handler).c_str(), traced(fd), static_cast<int>(type),
-            time_out, traced(handler->GetID()));
+            time_out, traced(id_of(handler)));
     }
     if (check_valid(fd) == -1) {
         return -1;
     }
     type &= SOCK_DIRECTIONS;  // the other bits of a mask are the library's own
-    CThreadPool* pool = pool_of(handler->GetID());
-    if (pool == nullptr) {
+    const PoolLease pool = PoolLease::OfId(id_of(handler));
+    if (!pool) {
         return -1;
     }
     if (!pool->m_mux.CanWatch()) {
@@ -117,61 +118,58 @@ int CNetSock::RegisterSock(CNetHandler* handler, CSock& sock, unsigned int type,
     tree.WriteLock();
     if (CEvent* known = static_cast<CEvent*>(tree.FindLocked(fd))) {
         tree.Unlock();
-        modify_exist_event(handler, RecordPin::Adopt(known), sock, type, time_out_ms);
+        modify_exist_event(*pool, handler, RecordPin::Adopt(known), type, time_out_ms);
         return 0;
     }
-    return register_new_event(handler, sock, type, time_out_ms);
+    return register_new_event(*pool, handler, fd, type, time_out_ms);
 }
 
 // Entered with the tree's lock held for writing, which it leaves.
-int CNetSock::register_new_event(CNetHandler* handler, CSock& sock, unsigned int type,
+int CNetSock::register_new_event(CThreadPool& pool, CNetHandler* handler, int fd, unsigned int type,
                                  int time_out) INFRA_NO_THREAD_SAFETY_ANALYSIS {
-    const int fd = sock.GetHandle();
-    if (tracing() && Flags::passesType(type) && Flags::matches(fd, handler->GetID())) {
+    if (tracing() && Flags::passesType(type) && Flags::matches(fd, id_of(handler))) {
         INFRA_LOG_PLAIN(3,
                         "<Reticor Debug> Enter CNetSock::register_new_event CNetHandler:%p, owner type:%s, "
                         "socket:%lld.\n",
                         static_cast<void*>(handler), className(*handler).c_str(), traced(fd));
     }
-    CThreadPool* pool = pool_of(handler->GetID());
     CEvent* event = getEvent();
     event->m_key = fd;
     RecordPin pin = RecordPin::Enter(event);
-    event->m_obj_id = handler->GetID();
+    event->m_obj_id = id_of(handler);
     event->m_event_mask = type;
     event->m_revents = 0;
     event->m_mux_state = 0;
     event->m_timer = SockTimerNode{};
     event->m_timer.m_timer_owner = event;
-    if (!pool->m_mux.Enlist(event) || !pool->m_sock_tree.InsertLocked(event)) {
-        pool->m_mux.Delist(event);
-        pool->m_sock_tree.Unlock();
+    if (!pool.m_mux.Enlist(event) || !pool.m_sock_tree.InsertLocked(event)) {
+        pool.m_mux.Delist(event);
+        pool.m_sock_tree.Unlock();
         pin.Leave();
         putEvent(event);
         INFRA_LOG_STATIC(2, "RegisterSock no memory, fd: %d\n", fd);
         return -1;
     }
-    pool->m_sock_tree.Unlock();
+    pool.m_sock_tree.Unlock();
     if (time_out > 0) {
         sockTimer().Link(event, time_out);
     }
-    pool->m_mux.AddEvent(event);
-    handler->AddSock();
+    pool.m_mux.AddEvent(event);
+    HandlerInternal::Of(*handler).AddSock();
     return 0;
 }
 
-void CNetSock::modify_exist_event(CNetHandler* handler, RecordPin event, CSock& sock, unsigned int type,
+void CNetSock::modify_exist_event(CThreadPool& pool, CNetHandler* handler, RecordPin event, unsigned int type,
                                   int time_out) {
-    if (tracing() && Flags::passesType(type) && Flags::matches(event->m_key, handler->GetID())) {
+    if (tracing() && Flags::passesType(type) && Flags::matches(event->m_key, id_of(handler))) {
         INFRA_LOG_PLAIN(3,
                         "<Reticor Debug> Enter CNetSock::modify_exist_event CNetHandler:%p, owner type:%s, "
                         "socket:%lld, m_set_time:%llu, m_revents:%x.\n",
-                        static_cast<void*>(handler), className(*handler).c_str(), traced(sock.GetHandle()),
+                        static_cast<void*>(handler), className(*handler).c_str(), traced(event->m_key),
                         static_cast<unsigned long long>(event->m_timer.m_set_time),
                         static_cast<unsigned int>(reventsNow(event.get())));
     }
-    CThreadPool* pool = pool_of(handler->GetID());
-    Infra::relaxedStore(event->m_obj_id, static_cast<int64_t>(handler->GetID()));
+    Infra::relaxedStore(event->m_obj_id, static_cast<int64_t>(id_of(handler)));
     clearFlag(event.get(), MUX_ORPHAN);
     if (event->m_timer.m_set_time != 0 || time_out != 0) {
         if (inFlight(event.get())) {
@@ -187,10 +185,10 @@ void CNetSock::modify_exist_event(CNetHandler* handler, RecordPin event, CSock& 
         // since the kernel was told.
         setFlag(event.get(), MUX_FORCE);
     } else {
-        pool->m_mux.ModifyEvent(event.get());
+        pool.m_mux.ModifyEvent(event.get());
     }
     if (event->m_event_mask & SOCK_REMOVED) {
-        handler->AddSock();
+        HandlerInternal::Of(*handler).AddSock();
         event->m_event_mask &= ~SOCK_REMOVED;
     }
 }
@@ -198,7 +196,7 @@ void CNetSock::modify_exist_event(CNetHandler* handler, RecordPin event, CSock& 
 int CNetSock::UnregisterSock(CNetHandler* handler, CSock& sock, unsigned int type) {
     const int fd = sock.GetHandle();
     if (tracing() && Flags::passesType(type) && Flags::passesDensity() &&
-        Flags::matches(fd, handler->GetID())) {
+        Flags::matches(fd, id_of(handler))) {
         INFRA_LOG_PLAIN(3,
                         "<Reticor Debug> Enter CNetSock::UnregisterSock CNetHandler:%p, owner type:%s, "
                         "socket:%lld, type:%d.\n",
@@ -206,8 +204,8 @@ int CNetSock::UnregisterSock(CNetHandler* handler, CSock& sock, unsigned int typ
                         static_cast<int>(type));
     }
     type &= SOCK_DIRECTIONS;
-    CThreadPool* pool = pool_of(handler->GetID());
-    if (pool == nullptr) {
+    const PoolLease pool = PoolLease::OfId(id_of(handler));
+    if (!pool) {
         return 0;
     }
     RecordPin event = RecordPin::Adopt(fd < 0 ? nullptr : static_cast<CEvent*>(pool->m_sock_tree.Find(fd)));
@@ -230,14 +228,14 @@ int CNetSock::RemoveSock(CNetHandler* handler, CSock& sock) INFRA_NO_THREAD_SAFE
     if (fd < 0) {
         // Harmless for a socket that never was registered; else the record stays, and can only be told by its
         // number, which is somebody else's by now.
-        if (OwnerDoor::CountsSocks(*handler)) {
+        if (HandlerInternal::Of(*handler).m_sock.load(std::memory_order_relaxed) != 0) {
             INFRA_LOG_STATIC(2, "RemoveSock closed sock, class: %s, id: %ld, remove it before it is closed\n",
-                             className(*handler).c_str(), handler->GetID());
+                             className(*handler).c_str(), id_of(handler));
         }
         return 0;
     }
-    CThreadPool* pool = pool_of(handler->GetID());
-    if (pool == nullptr) {
+    const PoolLease pool = PoolLease::OfId(id_of(handler));
+    if (!pool) {
         return 0;
     }
     BTree& tree = pool->m_sock_tree;
@@ -248,14 +246,14 @@ int CNetSock::RemoveSock(CNetHandler* handler, CSock& sock) INFRA_NO_THREAD_SAFE
         return 0;
     }
     if (!inFlight(event.get())) {
-        handler->DecSock();
+        HandlerInternal::Of(*handler).DecSock();
         remove_sock(std::move(event), *pool);
         trace_remove("CNetSock::RemoveSock &1 ", handler, fd);
         return 0;
     }
     tree.Unlock();
     if ((event->m_event_mask & SOCK_REMOVED) == 0) {
-        handler->DecSock();
+        HandlerInternal::Of(*handler).DecSock();
         // The number may be closed as soon as this returns, so the kernel forgets it now.
         pool->m_mux.Forget(event.get());
         event->m_event_mask = SOCK_REMOVED;
@@ -285,8 +283,8 @@ void CNetSock::remove_sock(RecordPin event, CThreadPool& pool) INFRA_NO_THREAD_S
 
 CNetSock::Registration CNetSock::Look(CNetHandler* handler, CSock& sock) {
     const int fd = sock.GetHandle();
-    CThreadPool* pool = pool_of(handler->GetID());
-    if (pool == nullptr || fd < 0) {
+    const PoolLease pool = PoolLease::OfId(id_of(handler));
+    if (!pool || fd < 0) {
         return {false, 0};
     }
     RecordPin event = RecordPin::Adopt(static_cast<CEvent*>(pool->m_sock_tree.Find(fd)));
@@ -365,7 +363,8 @@ int CNetSock::handle_timeout(CEvent* event, int64_t& missing_owner) {
 // The second half of a delivery: the record is idle again, or, if its removal is pending, freed.
 void CNetSock::finish(CEvent* record, int ret, int64_t missing_owner) {
     RecordPin event = RecordPin::Enter(record);
-    CThreadPool* pool = pool_of(event->m_obj_id);
+    // No lease: a worker of the pool runs this.
+    CThreadPool* pool = PoolTable::Get(INDEX_OF_ID(static_cast<long>(event->m_obj_id)));
     while (event->m_event_mask & SOCK_REMOVED) {
         event.Leave();
         if (free_removed(record, *pool)) {

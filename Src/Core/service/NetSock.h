@@ -44,9 +44,10 @@ public:
 
 private:
     static int check_valid(int fd);
-    static int register_new_event(CNetHandler* handler, CSock& sock, unsigned int type, int time_out);
-    static void modify_exist_event(CNetHandler* handler, RecordPin event, CSock& sock, unsigned int type,
-                                   int time_out);
+    static int register_new_event(CThreadPool& pool, CNetHandler* handler, int fd, unsigned int type,
+                                  int time_out);
+    static void modify_exist_event(CThreadPool& pool, CNetHandler* handler, RecordPin event,
+                                   unsigned int type, int time_out);
     // These three set `missing_owner` to the id of an owner that was not found.
     static int handle_net(CEvent* event, int64_t& missing_owner);
     static int handle_timeout(CEvent* event, int64_t& missing_owner);

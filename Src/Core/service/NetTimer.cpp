@@ -200,8 +200,8 @@ int CNetTimer::handle_timer(CEvent* ev) {
     return 0;
 }
 
-void CNetTimer::DropPool(int index) {
-    heap().RemovePool(index);
+void CNetTimer::DropPool(int index, int64_t next) {
+    heap().RemovePool(index, next);
 }
 
 }  // namespace Orvex::Reticor

@@ -37,8 +37,8 @@ public:
     static int handle_timer(CEvent* ev);
 
     /// Takes all timers of a pool out of the heap, after the pool's slot was cleared. Their ids go with the
-    /// pool's allocator.
-    static void DropPool(int index);
+    /// pool's allocator; `next` is the counter that it would have drawn next.
+    static void DropPool(int index, int64_t next);
 
     /// The process's heap.
     static TimerHeap& heap();

@@ -3,8 +3,7 @@
 
 #include <utility>
 
-#include "Core/handle/ObjectId.h"
-#include "Core/pool/PoolTable.h"
+#include "Core/pool/PoolLease.h"
 #include "Core/pool/ThreadPool.h"
 
 namespace Orvex::Reticor {
@@ -83,14 +82,15 @@ void CSockTimer::unlink_locked(CEvent* ev) {
 
 void CSockTimer::UnlinkAll(BTree& tree) {
     tree.ReadLock();
-    Infra::CGuard guard(m_mutex);
-    tree.ForEach([this](void* payload) INFRA_NO_THREAD_SAFETY_ANALYSIS {
-        CEvent* ev = static_cast<CEvent*>(payload);
-        if (IsLinked(ev)) {
-            unlink_locked(ev);
+    tree.ForEach([this](void* payload) {
+        const RecordPin record = RecordPin::Enter(static_cast<CEvent*>(payload));
+        if (IsLinked(record.get())) {
+            Unlink(record.get());
         }
     });
     tree.Unlock();
+    // A pass that is under way may have its eyes on a record that has just left the list.
+    Infra::CGuard guard(m_mutex);
 }
 
 void CSockTimer::thread_proc(Infra::CThreadLite& thread) {
@@ -120,10 +120,12 @@ void CSockTimer::expire(RecordPin record) {
     if (deadline < 1 || deadline > static_cast<int64_t>(m_now.load(std::memory_order_relaxed))) {
         return;
     }
-    const int index = INDEX_OF_ID(static_cast<long>(ev->m_obj_id));
-    if (CThreadPool* pool = PoolTable::Get(index)) {
-        pool->m_mux.RemoveEvent(ev);
+    unlink_locked(ev);
+    const PoolLease pool = PoolLease::OfId(ev->m_obj_id);
+    if (!pool) {
+        return;  // the record goes with its pool
     }
+    pool->m_mux.RemoveEvent(ev);
     if (ev->m_event_mask & SOCK_READ) {
         setRevents(ev, REVENT_READ_TIMEOUT);
     } else if (ev->m_event_mask & SOCK_WRITE) {
@@ -133,10 +135,9 @@ void CSockTimer::expire(RecordPin record) {
         // flight.
         setFlag(ev, MUX_BUSY);
     }
-    unlink_locked(ev);
     ev->m_next = nullptr;
     record.Leave();
-    PoolTable::PushEvent(index, ev);
+    pool->Push(ev);
 }
 
 }  // namespace Orvex::Reticor

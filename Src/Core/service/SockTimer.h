@@ -17,8 +17,8 @@ namespace Orvex::Reticor {
 /// inside its record, so that nothing is allocated, and the clock advances by the thread's own passes.
 ///
 /// Lock order: a record's mutex, then `m_mutex`. The thread runs against it, holds `m_mutex` over its whole
-/// pass, only tries the mutex of a record, and goes on from there to the multiplexer's book and, through the
-/// pool's slot lock, to a queue. So nobody who holds a slot lock or a queue's mutex may call in here.
+/// pass, only tries the mutex of a record, and goes on from there to the multiplexer's book and, with a lease
+/// of the pool, to a queue. So nobody who holds a queue's mutex may call in here.
 class CSockTimer {
 public:
     constexpr CSockTimer() = default;
@@ -29,16 +29,15 @@ public:
     /// Ends and joins the thread, and sets the clock back to 0. The list stays.
     void Stop();
 
-    // The caller of these five holds the record's mutex. Times in milliseconds.
+    // The caller of these four holds the record's mutex. Times in milliseconds.
 
     void Link(CEvent* ev, int time_out);
     void Unlink(CEvent* ev);
     void Update(CEvent* ev, int time_out);
-    static void Pause(CEvent* ev) { ev->m_timer.m_sock_deadline = 0; }
     static bool IsLinked(const CEvent* ev) { return hasFlag(ev, MUX_LISTED); }
 
-    /// Takes every record of a pool's tree off the list, at the pool's end, and waits for a pass that is
-    /// under way: after that no record of the pool is on its way to a queue.
+    /// Takes every record of a pool's tree off the list, at the pool's end, when nobody finds the pool any
+    /// more, and waits for a pass that is under way: after that nobody has a record of the pool in hand.
     void UnlinkAll(BTree& tree);
 
 private:

@@ -141,11 +141,11 @@ std::optional<ArmedTimer> TimerHeap::RemoveById(long id) {
     return removed;
 }
 
-void TimerHeap::RemovePool(int index) {
+void TimerHeap::RemovePool(int index, int64_t next) {
     Infra::CGuard guard(m_mutex);
     Pool& pool = m_pool[static_cast<size_t>(index)];
     pool.ids.Clear();
-    m_count -= pool.table.Clear();
+    m_count -= pool.table.Clear(next);
     m_soonest = m_count == 0 ? NEVER : m_soonest;
     sweep();
 }

@@ -54,8 +54,9 @@ public:
     /// Ends an armed timer, and lets its id wait for its next timer. Nothing if there is none with that id.
     std::optional<ArmedTimer> RemoveById(long id);
 
-    /// Takes out every timer of a pool that nobody finds any more. The ids end with the pool's allocator.
-    void RemovePool(int index);
+    /// Takes out every timer of a pool that nobody finds any more. The ids end with the pool's allocator;
+    /// those of the next pool in its place begin with the counter `next`.
+    void RemovePool(int index, int64_t next);
 
     /// No timer expires before this; 0 without timers. It may be early after one was removed.
     uint64_t Soonest();

@@ -7,7 +7,7 @@
 namespace Orvex::Reticor {
 
 void TimerTable::Put(const ArmedTimer& timer) {
-    const size_t place = CObjectId::place_of(timer.id);
+    const size_t place = place_of(timer.id);
     const size_t chunk = place / CHUNK;
     if (chunk >= m_chunks.size()) {
         m_chunks.resize(chunk + 1);
@@ -20,19 +20,20 @@ void TimerTable::Put(const ArmedTimer& timer) {
 }
 
 void TimerTable::Erase(ArmedTimer* timer) {
-    std::unique_ptr<Chunk>& chunk = m_chunks[CObjectId::place_of(timer->id) / CHUNK];
+    std::unique_ptr<Chunk>& chunk = m_chunks[place_of(timer->id) / CHUNK];
     timer->id = 0;
     if (--chunk->armed == 0) {
         m_spare = std::move(chunk);
     }
 }
 
-size_t TimerTable::Clear() {
+size_t TimerTable::Clear(int64_t first) {
     size_t armed = 0;
     for (const std::unique_ptr<Chunk>& chunk : m_chunks) {
         armed += chunk != nullptr ? chunk->armed : 0;
     }
     m_chunks.clear();
+    m_first = first;
     return armed;
 }
 

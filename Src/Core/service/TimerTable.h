@@ -27,7 +27,7 @@ class TimerTable {
 public:
     /// The timer with that id, generation included, or null. Good until the next Put or Erase.
     ArmedTimer* Find(int64_t id) {
-        const size_t place = CObjectId::place_of(id);
+        const size_t place = place_of(id);
         const size_t chunk = place / CHUNK;
         if (chunk >= m_chunks.size() || m_chunks[chunk] == nullptr) {
             return nullptr;
@@ -42,8 +42,8 @@ public:
     /// Takes a timer out that Find has found.
     void Erase(ArmedTimer* timer);
 
-    /// Takes all timers out. Result: how many there were.
-    size_t Clear();
+    /// Takes all timers out. Result: how many there were. The counters of ids to come begin with `first`.
+    size_t Clear(int64_t first);
 
 private:
     static constexpr size_t CHUNK = 1024;
@@ -52,6 +52,9 @@ private:
         std::array<ArmedTimer, CHUNK> timer{};
     };
 
+    size_t place_of(int64_t id) const { return CObjectId::place_of(id, m_first); }
+
+    int64_t m_first = CObjectId::FIRST_COUNTER;
     std::vector<std::unique_ptr<Chunk>> m_chunks;
     std::unique_ptr<Chunk> m_spare;  ///< The chunk that was given up last.
 };

@@ -4,8 +4,6 @@
 #include <cassert>
 #include <new>
 
-#include <Reticor/NetHandler.h>
-
 #include "Core/handle/HandlerInternal.h"
 #include "Core/record/Event.h"
 #include "Core/record/GeneralAllocator.h"
@@ -208,7 +206,7 @@ void* BTree::FindLocked(int64_t key) INFRA_NO_THREAD_SAFETY_ANALYSIS {
     if (key >= 0) {
         static_cast<CEvent*>(payload)->m_mutex.enter();
     } else {
-        static_cast<ObjectEntry*>(payload)->m_owner->AddRef();
+        HandlerInternal::Of(*static_cast<ObjectEntry*>(payload)->m_owner).AddRef();
     }
     return payload;
 }

@@ -24,7 +24,7 @@ void NFileEnd::detach(CNFile& file, CThreadPool& pool) {
         file.AddRef();
     }
     file.CNetHandler::Close();
-    pool.DetachObject(file.GetID());
+    const HandlerPin first = pool.DetachObject(file.GetID());  // not the last reference
 }
 
 NFileEnd::~NFileEnd() {

@@ -115,21 +115,20 @@ int CSenderHandler::handle_close(CNetHandler*) {
 
 // The close message may find no worker any more, so the id is taken away here and now. A tick that is running
 // holds a reference and ends the object when it returns.
-void CSenderHandler::Suspend() {
-    CSenderHandler* handler = nullptr;
+void CSenderHandler::Suspend(HandlerDrops& drops) {
+    HandlerPin handler;
     {
         Infra::CGuard guard(m_list_mutex);
         m_suspended = true;
         m_started = false;
-        handler = std::exchange(m_handler, nullptr);
-        if (handler != nullptr) {
-            handler->AddRef();
+        if (CSenderHandler* const running = std::exchange(m_handler, nullptr)) {
+            handler = HandlerPin::Take(running);
         }
     }
-    if (handler != nullptr) {
+    if (handler) {
         handler->Close();
-        PoolTable::Detach(handler->GetID());
-        handler->DecRef();
+        drops.Take(PoolTable::Detach(handler->GetID()));
+        drops.Take(std::move(handler));
     }
 }
 

@@ -7,6 +7,8 @@
 #include <Infra/Mutex.h>
 #include <Reticor/NetHandler.h>
 
+#include "Core/handle/HandlerDrops.h"
+
 namespace Orvex::Reticor {
 
 /// What the timer calls.
@@ -36,8 +38,8 @@ public:
     static void Remove(int type, SendTarget_IF* target);
 
     /// For the library's teardown, before the pools go: the timer ends, targets stay registered, and until
-    /// Resume new ones are only listed.
-    static void Suspend();
+    /// Resume new ones are only listed. What may be the last reference on the handler goes to `drops`.
+    static void Suspend(HandlerDrops& drops);
     /// For the library's set-up, when the public pool stands: starts the timer if there are targets.
     static void Resume();
 

@@ -9,7 +9,7 @@
 // clang-format off
 #define INFRA_LOCK_CLASSES(X) \
     X(R3_START, "start mutex of R3Server", "start and end of the debug server") \
-    X(SETUP, "sm_mutex of NetThread", "creating and destroying of pools; held while threads are joined") \
+    X(SETUP, "Library::m_mutex of NetThread", "creating and destroying of pools; held while threads are joined") \
     X(RECEIVER, "MediaReceiverState::m_mutex", "one stream receiver") \
     X(RECEIVER_GROUPS, "ReceiverGroup::sm_mutex", "the groups of receivers' threads") \
     X(RECEIVER_THREAD, "CReceiverThread::m_mutex", "a thread's list of receivers") \
@@ -43,12 +43,10 @@
     X(SOCKET_TREE, "BTree::m_lock of a pool's sockets", "the tree, the multiplexer's array of records") \
     X(SOCKET_RECORD, "CEvent::m_mutex", "a socket's record") \
     X(SOCKET_TIMER, "CSockTimer::m_mutex", \
-      "the list of time-outs. Its own thread then tries a record, and goes on to the slot") \
+      "the list of time-outs. Its own thread then tries a record, and goes on to the queue") \
     X(SELECT_LIST, "AlwaysReady::m_list_mutex", "the sockets that are always ready") \
     X(TIMER, "m_lock of NetTimer", "when the timer thread wakes") \
     X(TIMER_HEAP, "CTimerHeap::m_mutex", "armed timers") \
-    X(POOL_SLOT, "PoolTable::sm_pool_mutex", \
-      "a pool's place in the table, shared while a record is handed over") \
     X(POOL_SERIAL, "CThreadPool::m_serial_mutex", "the serial line and its idle flag") \
     X(OBJECT_IDS, "CObjectId::m_mutex", "the free ids of a pool") \
     X(OBJECT_TABLE, "CObjectTable::m_lock", \

@@ -91,12 +91,22 @@ TEST_F(MessageTest, AReceiverOfAnEmptySlotIsAcceptedAndTheRecordGoesBack) {
     putEvent(ev);
     CMessage::Notify(id(), nobody, 7, 42, false);
     CMessage::NotifySerial(id(), nobody, 7, 42, 0);
-    CMessage::NotifyClose(nobody);
+    CMessage::NotifyClose(nobody, handler);
     EXPECT_EQ(0u, log.lines().size()) << log.dump();
     CEvent* again = getEvent();
     EXPECT_EQ(ev, again);
     EXPECT_EQ(nobody, again->m_receiver);
     putEvent(again);
+}
+
+TEST_F(MessageTest, ACloseMessageMeansTheHandlerThatPostedIt) {
+    auto* stranger = new TestHandler;
+    const std::shared_ptr<HandlerLife> its_life = stranger->life;
+    CMessage::NotifyClose(stranger->GetID(), handler);
+    stranger->Notify(stranger->GetID(), 1, 0);
+    EXPECT_EVENTUALLY(its_life->messages == 1);
+    EXPECT_EQ(0, its_life->closes);
+    closeAndWait(stranger);
 }
 
 TEST_F(MessageTest, IdsBeyond32BitsAreValidReceivers) {

@@ -119,9 +119,9 @@ TEST(TimerHeap, RemovePoolTakesThatPoolsTimersAlone) {
     for (int i = 0; i < 300; ++i) {
         heap.Rearm(timer(i, static_cast<uint64_t>((i * 7919) % 1000), i % 3));
     }
-    heap.RemovePool(1);
+    heap.RemovePool(1, CObjectId::FIRST_COUNTER);
     EXPECT_EQ(200, heap.Count());
-    heap.RemovePool(1);
+    heap.RemovePool(1, CObjectId::FIRST_COUNTER);
     EXPECT_EQ(200, heap.Count());
     DueChains due;
     heap.PopDue(1000, due);

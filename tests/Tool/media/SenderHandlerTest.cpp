@@ -182,7 +182,9 @@ TEST_F(SenderHandler, ItIsDeletedWhenItsLastCallIsOver) {
     CSenderHandler::Add(0, &target);
     CSenderHandler* const handler = running();
     EXPECT_EQ(HandlerProbe::references(*handler), 1);
-    CSenderHandler::Suspend();  // without a worker that could take the close message; ASan looks for the leak
+    HandlerDrops drops;
+    CSenderHandler::Suspend(
+        drops);  // without a worker that could take the close message; ASan looks for the leak
     EXPECT_EQ(running(), nullptr);
     CountingTarget late;
     CSenderHandler::Add(0, &late);

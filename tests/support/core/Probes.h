@@ -147,10 +147,12 @@ struct NetSockProbe {
 
 struct ThreadPoolProbe {
     static uint64_t loopCount(const CThreadPool& pool) { return pool.m_loop_count.load(); }
-    static int workers(const CThreadPool& pool) { return static_cast<int>(pool.m_threads.size()); }
-    static CEvent* pollToken(const CThreadPool& pool) { return pool.m_poll_event; }
+    static int workers(const CThreadPool& pool) { return static_cast<int>(pool.m_running); }
+    static CEvent* pollToken(CThreadPool& pool) { return &pool.m_poll_event; }
     static CEvent* heartbeat(const CThreadPool& pool) { return pool.m_heartbeat.load(); }
-    static Infra::CThreadLite* daemon(const CThreadPool& pool) { return pool.m_daemon; }
+    // Whether the workers were not asked to end yet.
+    static bool looping(const CThreadPool& pool) { return pool.m_threads.front()->looping(); }
+    static Infra::CThreadLite* daemon(const CThreadPool& pool) { return pool.m_daemon.get(); }
     static CEventQueue& serialQueue(CThreadPool& pool) { return pool.m_event_serial; }
     static bool serialIdle(CThreadPool& pool) {
         Infra::CGuard guard(pool.m_serial_mutex);

@@ -110,10 +110,10 @@ public:
         while (Reticor::CEvent* ev = m_pool->m_event.TryPop()) {
             if (ev->m_key >= 0 || ev->m_key == Reticor::EVENT_KEY_MESSAGE) {
                 found.push_back(ev);
-            } else if (ev != token()) {
-                m_heartbeats += ev->m_key == Reticor::EVENT_KEY_HEARTBEAT ? 1 : 0;
-                Reticor::putEvent(ev);  // else it is the first drain
-            }
+            } else if (ev->m_key == Reticor::EVENT_KEY_HEARTBEAT) {
+                ++m_heartbeats;
+                Reticor::putEvent(ev);
+            }  // else it is one of the pool's tokens
         }
         Reticor::EventQueueProbe::takeCounts(m_pool->m_event);
         return found;
