@@ -29,9 +29,17 @@ int CMultiplexer::Init() {
 
 void CMultiplexer::WakeUp() {
     if (m_epoll.IsOpen()) {
-        m_waker.Wake();
+        note(m_waker.Wake());
     } else {
         m_blind.post();
+    }
+}
+
+void CMultiplexer::note(Waker::Pair pair) {
+    if (pair == Waker::Pair::renewed) {
+        INFRA_LOG(2, "pool %d: the wake pair was broken, a new one is built\n", m_pool_index);
+    } else if (pair == Waker::Pair::lost) {
+        INFRA_LOG(2, "pool %d: the wake pair was broken, and a new one failed\n", m_pool_index);
     }
 }
 
@@ -286,7 +294,11 @@ int CMultiplexer::wait_limit() {
         return 0;
     }
     if (!m_waker.IsOpen()) {
-        return BLIND_WAIT_MS;
+        const Waker::Pair pair = m_waker.Restore();
+        if (pair != Waker::Pair::renewed) {
+            return BLIND_WAIT_MS;
+        }
+        note(pair);
     }
     return m_refused.load(std::memory_order_relaxed) ? RETRY_MS : -1;
 }
@@ -318,7 +330,7 @@ void CMultiplexer::collect(int reports, Ready& ready) {
     m_sock_tree.ReadLock();
     for (int i = 0; i < reports; ++i) {
         if (m_reports[static_cast<size_t>(i)].data.u64 == EpollSet::WAKE_MARK) {
-            m_waker.Drain();
+            note(m_waker.Drain());
         } else {
             report(m_reports[static_cast<size_t>(i)], ready);
         }

@@ -126,6 +126,7 @@ private:
     int harvest();
     int wait_limit();
     void retry_refused();
+    void note(Waker::Pair pair);
     void collect(int reports, Ready& ready);
     void report(const epoll_event& report, Ready& ready);
     void stray(uint64_t mark_seen);

@@ -1,12 +1,15 @@
 // CWINPipe: a connected pair of loopback TCP sockets, by which a blocked wait is ended.
 #include "Core/watch/WakePipe.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <memory>
 
 #include <Infra/Log.h>
+#include <Infra/Time.h>
 #include <Reticor/SockAcceptor.h>
 #include <Reticor/SockAddrIPv4.h>
 #include <Reticor/SockStream.h>
@@ -21,10 +24,26 @@ namespace {
 /// Strangers who connected to the passing port are closed, but not without end.
 constexpr int STRANGER_LIMIT = 64;
 
-std::unique_ptr<CSockStream> accept_own(CSockAcceptor& acceptor, CSockStream& own) {
+/// For the whole of it: on loopback each step is done as soon as it is asked for, unless something is wrong.
+constexpr uint64_t SETUP_LIMIT_MS = 2000;
+
+/// Waits for `events` until the time is over. False if they do not come.
+bool await(int fd, short events, uint64_t deadline_ms) {
+    pollfd wanted{fd, events, 0};
+    for (;;) {
+        const uint64_t now_ms = Infra::CTime::getCurrentMilliSecond();
+        const int limit = now_ms < deadline_ms ? static_cast<int>(deadline_ms - now_ms) : 0;
+        const int found = ::poll(&wanted, 1, limit);
+        if (found >= 0 || errno != EINTR) {
+            return found > 0;
+        }
+    }
+}
+
+std::unique_ptr<CSockStream> accept_own(CSockAcceptor& acceptor, CSockStream& own, uint64_t deadline_ms) {
     CSockAddrIPv4 expected;
     own.GetLocalAddr(&expected);
-    for (int i = 0; i < STRANGER_LIMIT; ++i) {
+    for (int i = 0; i < STRANGER_LIMIT && await(acceptor.GetHandle(), POLLIN, deadline_ms); ++i) {
         CSockAddrIPv4 peer;
         std::unique_ptr<CSockStream> accepted(acceptor.Accept(&peer));
         if (!accepted || peer == expected) {
@@ -41,23 +60,22 @@ bool CWINPipe::CreatePipe(bool block) {
     if (addr.SetAddr("127.0.0.1", 0) < 0) {
         return false;
     }
+    // Neither blocks, so that each step can be waited for with a bound.
     CSockAcceptor acceptor;
     CSockStream writer;
-    // Blocking, so that connecting and accepting need no second try.
-    acceptor.SetBlockOpt(true);
-    writer.SetBlockOpt(true);
     if (acceptor.Open(addr) < 0) {
         return false;
     }
     acceptor.GetLocalAddr(&addr);
-    if (writer.Connect(addr, nullptr) < 0) {
+    const uint64_t deadline_ms = Infra::CTime::getCurrentMilliSecond() + SETUP_LIMIT_MS;
+    if (writer.Connect(addr, nullptr) < 0 || !await(writer.GetHandle(), POLLOUT, deadline_ms) ||
+        writer.GetConnectStatus() < 0) {
         return false;
     }
-    std::unique_ptr<CSockStream> reader = accept_own(acceptor, writer);
+    std::unique_ptr<CSockStream> reader = accept_own(acceptor, writer, deadline_ms);
     if (!reader) {
         return false;
     }
-    reader->SetBlockOpt(!block);  // the option acts on a change alone
     reader->SetBlockOpt(block);
     writer.SetBlockOpt(block);
     m_read_fd = reader->Detach();

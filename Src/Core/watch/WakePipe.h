@@ -8,7 +8,7 @@ struct CWINPipe {
     int m_read_fd = -1;
     int m_write_fd = -1;
 
-    /// Builds the pair; on failure everything that was opened is closed again.
+    /// Builds the pair, within two seconds; on failure everything that was opened is closed again.
     bool CreatePipe(bool block);
 
     /// recv: the bytes read; 0 for nothing now; -1, with a line unless the peer reset, for the end or an

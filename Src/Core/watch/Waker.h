@@ -30,11 +30,22 @@ public:
     /// Whether there is a pair. Without one the wait looks round by itself.
     bool IsOpen() const { return m_open.load(std::memory_order_relaxed); }
 
-    /// Ends the wait that is under way, or the next one.
-    void Wake();
+    /// How the pair was found.
+    enum class Pair {
+        sound,
+        renewed,  ///< Broken; a new one has its place.
+        lost,     ///< Broken, and there is no new one: the wait looks round by itself until Restore has one.
+    };
 
-    /// Takes the byte, after the wait was ended by it.
-    void Drain();
+    /// Ends the wait that is under way, or the next one.
+    Pair Wake();
+
+    /// Takes the byte, after the wake end was reported. A report without a byte is the end of the pair.
+    Pair Drain();
+
+    /// Builds the pair that was lost. For the holder of the poll token. `sound` if none is lost, `lost` if it
+    /// fails again.
+    Pair Restore();
 
     /// Waits until the pair was written to, and for `limit_ms` at most. For the holder of the poll token.
     void Pause(int limit_ms);
@@ -43,6 +54,8 @@ public:
     bool ReplaceEpoll();
 
 private:
+    Pair renew() INFRA_REQUIRES(m_pipe_mutex);
+    bool open() INFRA_REQUIRES(m_pipe_mutex);
     void close_ends() INFRA_REQUIRES(m_pipe_mutex);
 
     EpollSet& m_epoll;
@@ -50,6 +63,7 @@ private:
     Infra::CMutex m_pipe_mutex{Infra::LockClass::SELECT_PIPE};
     CWINPipe m_pipe INFRA_GUARDED_BY(m_pipe_mutex);
     int m_pipe_pending INFRA_GUARDED_BY(m_pipe_mutex) = 0;
+    bool m_lost INFRA_GUARDED_BY(m_pipe_mutex) = false;
     std::atomic<bool> m_open{false};
 
     friend struct MultiplexerProbe;  // tests

@@ -266,6 +266,42 @@ TEST_F(SelectWinQuietTest, SocketsWithoutAPlaceAreToldForPoolsThatExist) {
     }
 }
 
+// ---- a wake pair that breaks -----------------------------------------------------------------------------
+
+constexpr char RENEWED_LINE[] = "pool 0: the wake pair was broken, a new one is built\n";
+
+TEST_F(SelectWinQuietTest, WakePairWhoseEndIsShutIsBuiltAnewWithALineAndDoesNotSpin) {
+    for (const bool reading_end : {true, false}) {
+        LogCapture log;
+        const CWINPipe before = MultiplexerProbe::pipe(pool().m_mux);
+        ASSERT_EQ(0, ::shutdown(reading_end ? before.m_read_fd : before.m_write_fd, SHUT_RDWR));
+        EXPECT_TRUE(log.eventuallyContains(2, RENEWED_LINE));
+        EXPECT_LE(waitsMeanwhile(), FEW);
+        EXPECT_EQ(1u, log.count(2, RENEWED_LINE)) << log.dump();
+        const int messages = handler->life->messages;
+        handler->Notify(handler->GetID(), 1, 0);
+        EXPECT_EVENTUALLY(handler->life->messages == messages + 1);
+        add(SOCK_READ);
+        const int inputs = handler->life->inputs;
+        pair.write();
+        EXPECT_EVENTUALLY(handler->life->inputs == inputs + 1);
+    }
+}
+
+TEST_F(SelectWinQuietTest, WakePairThatCannotBeBuiltAnewIsALineAndComesBackLater) {
+    LogCapture log;
+    {
+        DescriptorShortage shortage(0);
+        ASSERT_EQ(0, ::shutdown(MultiplexerProbe::pipe(pool().m_mux).m_write_fd, SHUT_RDWR));
+        EXPECT_TRUE(log.eventuallyContains(2, "pool 0: the wake pair was broken, and a new one failed\n"));
+        add(SOCK_READ);
+        pair.write();
+        EXPECT_EVENTUALLY(handler->life->inputs == 1);
+    }
+    EXPECT_TRUE(log.eventuallyContains(2, RENEWED_LINE));
+    EXPECT_LE(waitsMeanwhile(), FEW);
+}
+
 TEST_F(SelectWinQuietTest, ClosedNumberDoesNotSpin) {
     add(SOCK_READ);
     BorrowedSock closed(pair.fd());

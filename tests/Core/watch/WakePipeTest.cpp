@@ -20,6 +20,8 @@ namespace Orvex::Testing {
 
 class Strangers;
 thread_local Strangers* t_strangers = nullptr;
+// The next connect of this thread only says that it succeeded.
+thread_local bool t_swallowed = false;
 
 using namespace Reticor;
 
@@ -244,6 +246,16 @@ TEST(WakePipeTest, StrangersInThePassingQueueAreTurnedAwayAndTheOwnEndTaken) {
     EXPECT_EQ(before, openDescriptors());
 }
 
+TEST(WakePipeTest, ConnectionThatNeverArrivesIsAFailureAfterABoundedWait) {
+    const std::set<int> before = openDescriptors();
+    LogCapture quiet(1);
+    t_swallowed = true;
+    Pipe pipe;
+    EXPECT_FALSE(pipe.CreatePipe(false));
+    EXPECT_EQ(-1, pipe.m_read_fd);
+    EXPECT_EQ(before, openDescriptors());
+}
+
 TEST(WakePipeTest, StrangersWithoutEndAreAFailure) {
     const std::set<int> before = openDescriptors();
     {
@@ -262,6 +274,9 @@ TEST(WakePipeTest, StrangersWithoutEndAreAFailure) {
 extern "C" __attribute__((visibility("default"))) int connect(int fd, const sockaddr* addr,
                                                               socklen_t length) {
     static auto* const real = reinterpret_cast<decltype(::connect)*>(::dlsym(RTLD_NEXT, "connect"));
+    if (std::exchange(Orvex::Testing::t_swallowed, false)) {
+        return 0;  // as if connected
+    }
     if (Orvex::Testing::Strangers* const strangers = std::exchange(Orvex::Testing::t_strangers, nullptr)) {
         strangers->comeFirst(addr, length);
     }
