@@ -12,6 +12,7 @@
 
 #include <Infra/Log.h>
 
+#include "Socket/address/SockError.h"
 #include "Tool/device/StorDev.h"
 
 namespace Orvex::Reticor {
@@ -49,7 +50,7 @@ struct Stream {
             return 0;
         }
         const int error = errno;
-        INFRA_LOG_STATIC(2, "close file failed! %s\n", std::strerror(error));
+        INFRA_LOG_STATIC(2, "close file failed! %s\n", GetSockErrorText(error).c_str());
         return -1;
     }
 
@@ -87,7 +88,7 @@ int CDefaultStorDev::Open(const char* path, const char* mode) {
     FILE* const file = std::fopen(m_state->m_path, mode != nullptr ? mode : "");
     if (file == nullptr) {
         const int error = errno;
-        INFRA_LOG_STATIC(2, "open file failed! %s\n", std::strerror(error));
+        INFRA_LOG_STATIC(2, "open file failed! %s\n", GetSockErrorText(error).c_str());
         return -1;
     }
     keep_from_children(file);
@@ -144,7 +145,7 @@ int CDefaultStorDev::Stat(NFile_Info* info) {
     struct stat found;
     if (::stat(m_state->m_path, &found) < 0) {
         const int error = errno;
-        INFRA_LOG_STATIC(2, "get fstat failed! %s\n", std::strerror(error));
+        INFRA_LOG_STATIC(2, "get fstat failed! %s\n", GetSockErrorText(error).c_str());
         return -1;
     }
     fill_file_info(found, m_state->m_path, info);

@@ -17,6 +17,7 @@
 #include <Infra/Log.h>
 #include <Infra/Mutex.h>
 
+#include "Socket/address/SockError.h"
 #include "Tool/device/StorDev.h"
 #include "Tool/task/FileTask.h"
 
@@ -84,7 +85,7 @@ struct __attribute__((visibility("hidden"))) CPosixStorDev::State {
             return 0;
         }
         const int error = errno;
-        INFRA_LOG_STATIC(2, "close file failed! %s\n", std::strerror(error));
+        INFRA_LOG_STATIC(2, "close file failed! %s\n", GetSockErrorText(error).c_str());
         return -1;
     }
 
@@ -126,7 +127,7 @@ int CPosixStorDev::Open(const char* path, const char* mode) {
     m_state->m_fd = open_file(path, mode);
     if (m_state->m_fd == -1) {
         const int error = errno;
-        INFRA_LOG_STATIC(2, "open file failed! %s\n", std::strerror(error));
+        INFRA_LOG_STATIC(2, "open file failed! %s\n", GetSockErrorText(error).c_str());
         return -1;
     }
     m_state->m_has_positions = ::lseek(m_state->m_fd, 0, SEEK_CUR) != -1;
@@ -185,7 +186,7 @@ int CPosixStorDev::Stat(NFile_Info* info) {
     struct stat found;
     if (::fstat(m_state->m_fd, &found) < 0) {
         const int error = errno;
-        INFRA_LOG_STATIC(2, "get fstat failed! %s\n", std::strerror(error));
+        INFRA_LOG_STATIC(2, "get fstat failed! %s\n", GetSockErrorText(error).c_str());
         return -1;
     }
     fill_file_info(found, m_state->m_path, info);

@@ -9,6 +9,8 @@
 
 #include <Infra/Log.h>
 
+#include "Socket/address/SockError.h"
+
 namespace Orvex::Reticor {
 
 int sync_file(int fd) {
@@ -17,7 +19,7 @@ int sync_file(int fd) {
         return 0;
     }
     const int error = errno;
-    INFRA_LOG_STATIC(2, "sync file failed! %s\n", std::strerror(error));
+    INFRA_LOG_STATIC(2, "sync file failed! %s\n", GetSockErrorText(error).c_str());
     return -1;
 }
 
