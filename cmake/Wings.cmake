@@ -62,6 +62,13 @@ reticor_wing(7 Tool/tick)
 reticor_wing(8 R3/server DOORS Debug)
 reticor_wing(9 Core)
 
+# A name that is not a wing would leave its objects without their guards in silence.
+foreach(name IN LISTS RETICOR_GUARDED_OBJECTS)
+  if(NOT TARGET ${name})
+    message(FATAL_ERROR "cmake/CompileOptions.cmake guards ${name}, which is not there")
+  endif()
+endforeach()
+
 # All wings together, for programs that reach what is hidden.
 add_library(reticor_objects INTERFACE)
 target_include_directories(reticor_objects INTERFACE
