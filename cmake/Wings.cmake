@@ -41,7 +41,7 @@ function(reticor_wing floor folder)
   endif()
 endfunction()
 
-reticor_wing(1 Core/record DOORS Event GeneralAllocator SockRecord WorkQueue)
+reticor_wing(1 Core/record DOORS Event EventFreeList GeneralAllocator SockRecord WorkQueue)
 reticor_wing(1 R3/print DOORS DebugSocket FuncBox HelpText R3Printf)
 reticor_wing(1 Socket/address DOORS IpLiteral SockAddrRecord SockError)
 reticor_wing(1 Tool/task DOORS FileTask FileTaskQueue)

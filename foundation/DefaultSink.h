@@ -5,8 +5,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include <Infra/CMutex.h>
 #include <Infra/LockClasses.h>
-#include <Infra/Mutex.h>
 
 namespace Orvex::Infra::Detail {
 

@@ -1,28 +1,9 @@
 // CTsMemory: recycles blocks of memory, per worker thread without a lock and for all threads with one.
 #pragma once
 
-#include <cstdint>
-
-#include <Infra/Mutex.h>
-#include <Infra/ThreadAnnotations.h>
-
 #include <Reticor/Export.h>
 
 namespace Orvex::Reticor {
-
-struct mem_block;
-
-/// One size class of a table: the free blocks of one size, first in, first out. The list holds `m_count` less
-/// `m_taken` blocks: putting writes the one and taking the other, so that neither waits for what the other
-/// has just stored. A list that looks full settles the two.
-struct mem_head {
-    uint16_t m_max;      ///< The most blocks that the class keeps.
-    uint16_t m_count;    ///< Blocks in the list, and those that were taken since the two were settled.
-    uint32_t m_size;     ///< Usable bytes of each block.
-    mem_block* m_first;  ///< Taken next. Null in an empty list.
-    mem_block* m_last;   ///< Put last. Means something only while `m_first` is not null.
-    uint32_t m_taken;    ///< Blocks taken since the counts were settled.
-};
 
 /// A recycler of memory blocks, used by its static operations alone.
 ///
@@ -75,32 +56,6 @@ public:
 
     /// Gives a block to the shared table.
     static void Free(void* p);
-
-private:
-    friend struct TsMemoryProbe;  // tests
-
-    static constexpr int CLASS_COUNT = 46;  ///< With the end mark, which is never chosen.
-
-    static int get_index(unsigned int size);
-    static void* do_malloc(mem_head* table, unsigned int size, bool lock);
-    static void do_free(mem_head* table, void* p, bool lock);
-    static void free_mem_key(void* table);
-    static void create_mem_key();
-
-    /// The number of the per-thread slot: -1 until the first thread got a table. The slot itself is a
-    /// variable of the compiler's per-thread storage, which needs no number and cannot fall to another
-    /// library.
-    static unsigned long mem_pool_key INFRA_GUARDED_BY(m_key_mutex);
-
-    /// The shared table. Set once by whichever worker comes first, without a lock; taken out, and its lists
-    /// changed, under `m_pool_mutex`.
-    static mem_head* m_mem_pool;
-
-    /// An empty table, from which all others are copied.
-    static const mem_head m_mem_template[CLASS_COUNT];
-
-    static Infra::CMutex m_key_mutex;   ///< Guards `mem_pool_key`.
-    static Infra::CMutex m_pool_mutex;  ///< Guards the lists of the shared table.
 };
 
 }  // namespace Orvex::Reticor

@@ -4,6 +4,7 @@
 #include "Core/handle/ObjectId.h"
 #include "Core/pool/PoolLease.h"
 #include "Core/pool/ThreadPool.h"
+#include "Core/record/EventFreeList.h"
 
 namespace Orvex::Reticor {
 

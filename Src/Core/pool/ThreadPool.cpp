@@ -7,6 +7,8 @@
 
 #include <Infra/Log.h>
 
+#include "Core/record/EventFreeList.h"
+
 namespace Orvex::Reticor {
 
 namespace {

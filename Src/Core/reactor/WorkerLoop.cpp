@@ -12,6 +12,7 @@
 #include "Core/handle/ClassName.h"
 #include "Core/pool/PoolLease.h"
 #include "Core/pool/ThreadPool.h"
+#include "Core/record/EventFreeList.h"
 #include "Core/service/Message.h"
 #include "Core/service/NetSock.h"
 #include "Core/service/NetTimer.h"

@@ -5,11 +5,11 @@
 
 namespace Orvex::Reticor {
 
-__attribute__((weak)) void* generalAllocate(std::size_t size) noexcept {
+void* generalAllocate(std::size_t size) noexcept {
     return std::malloc(size);
 }
 
-__attribute__((weak)) void generalFree(void* p) noexcept {
+void generalFree(void* p) noexcept {
     std::free(p);
 }
 

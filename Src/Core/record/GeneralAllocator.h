@@ -1,5 +1,5 @@
-// The general allocator as the core sees it: two functions, so that a test can count blocks and let memory
-// run out. Both are weak: a program that is linked from the library's objects may define its own.
+// The general allocator as the core sees it: two functions, so that a test, which is linked from the library's
+// objects, can count blocks and let memory run out.
 #pragma once
 
 #include <cstddef>

@@ -3,11 +3,12 @@
 // index of a block that belongs to no class.
 #include <Reticor/TsMemory.h>
 
+#include <cstddef>
+#include <cstdint>
 #include <cstring>
 
-#include <Infra/LockClasses.h>
-
 #include "Core/record/GeneralAllocator.h"
+#include "Core/record/MemTables.h"
 
 namespace Orvex::Reticor {
 
@@ -28,7 +29,6 @@ constexpr unsigned int SMALL_LIMIT = 1500;    ///< Up to here classes are looked
 constexpr unsigned int MIDDLE_LIMIT = 65536;  ///< Up to here classes are 4096 bytes apart, above 16384.
 constexpr int MIDDLE_BASE = 19;
 constexpr int LARGE_BASE = 31;
-constexpr unsigned long NO_KEY = static_cast<unsigned long>(-1);
 constexpr unsigned long SLOT_KEY = 0;
 
 /// The class of a size that is at least 1 and at most LARGEST. Each size falls into the smallest class that
@@ -161,86 +161,87 @@ void* newBlock(int index, std::size_t size) {
     return block + 1;
 }
 
+void free_table(void* table) {
+    auto* classes = static_cast<mem_head*>(table);
+    for (int i = 0; i < MemTables::CLASS_COUNT; ++i) {
+        while (mem_block* block = takeFirst(classes[i])) {
+            generalFree(block);
+        }
+    }
+    if (classes != MemTables::TEMPLATE) {
+        generalFree(classes - HEADS_IN_FRONT);
+    }
+}
+
+__attribute__((noinline)) void* do_malloc(mem_head* table, unsigned int size, bool lock) {
+    if (size == 0) {
+        size = 1;
+    }
+    if (size > LARGEST || table == nullptr || table == noTable()) {
+        return newBlock(NO_CLASS, size);
+    }
+    const int index = classOf(size);
+    mem_block* block = nullptr;
+    if (lock) {
+        Infra::CGuard guard(MemTables::sm_pool_mutex);
+        // The shared table may have gone while this thread waited.
+        mem_head* shared = __atomic_load_n(&MemTables::sm_shared, __ATOMIC_ACQUIRE);
+        block = shared != nullptr ? takeFirst(shared[index]) : nullptr;
+    } else {
+        block = takeFirst(table[index]);
+    }
+    return block != nullptr ? block + 1 : newBlock(index, MemTables::TEMPLATE[index].m_size);
+}
+
+__attribute__((noinline)) void do_free(mem_head* table, void* p, bool lock) {
+    if (p == nullptr) {
+        return;
+    }
+    mem_block* block = static_cast<mem_block*>(p) - 1;
+    bool kept = false;
+    if (lock) {
+        Infra::CGuard guard(MemTables::sm_pool_mutex);
+        mem_head* shared = __atomic_load_n(&MemTables::sm_shared, __ATOMIC_ACQUIRE);
+        kept = shared != nullptr && settleAndPutLast(shared[block->m_index], block);
+    } else {
+        kept = table != nullptr && settleAndPutLast(table[block->m_index], block);
+    }
+    if (!kept) {
+        generalFree(block);
+    }
+}
+
 }  // namespace
-
-unsigned long CTsMemory::mem_pool_key = NO_KEY;
-mem_head* CTsMemory::m_mem_pool = nullptr;
-Infra::CMutex CTsMemory::m_key_mutex{Infra::LockClass::TS_KEY};
-Infra::CMutex CTsMemory::m_pool_mutex{Infra::LockClass::TS_POOL};
-
-#define RETICOR_MEM_CLASS(size, max) \
-    { max, 0, size, nullptr, nullptr, 0 }
-
-const mem_head CTsMemory::m_mem_template[CLASS_COUNT] = {
-    // Small objects, 8 bytes apart.
-    RETICOR_MEM_CLASS(8, 2048), RETICOR_MEM_CLASS(16, 2048), RETICOR_MEM_CLASS(24, 2048),
-    RETICOR_MEM_CLASS(32, 2048), RETICOR_MEM_CLASS(40, 2048), RETICOR_MEM_CLASS(48, 2048),
-    RETICOR_MEM_CLASS(56, 2048), RETICOR_MEM_CLASS(64, 2048), RETICOR_MEM_CLASS(72, 2048),
-    RETICOR_MEM_CLASS(80, 2048), RETICOR_MEM_CLASS(88, 2048), RETICOR_MEM_CLASS(96, 2048),
-    RETICOR_MEM_CLASS(104, 2048), RETICOR_MEM_CLASS(112, 2048), RETICOR_MEM_CLASS(120, 2048),
-    RETICOR_MEM_CLASS(128, 2048), RETICOR_MEM_CLASS(256, 2048), RETICOR_MEM_CLASS(512, 2048),
-    // Network packets: twice as many as of their neighbours.
-    RETICOR_MEM_CLASS(1500, 4096),
-    // Pages, 4096 bytes apart.
-    RETICOR_MEM_CLASS(4096, 2048), RETICOR_MEM_CLASS(8192, 2048), RETICOR_MEM_CLASS(12288, 128),
-    RETICOR_MEM_CLASS(16384, 128), RETICOR_MEM_CLASS(20480, 128), RETICOR_MEM_CLASS(24576, 128),
-    RETICOR_MEM_CLASS(28672, 128), RETICOR_MEM_CLASS(32768, 128), RETICOR_MEM_CLASS(36864, 128),
-    RETICOR_MEM_CLASS(40960, 128), RETICOR_MEM_CLASS(45056, 128), RETICOR_MEM_CLASS(49152, 128),
-    RETICOR_MEM_CLASS(53248, 128), RETICOR_MEM_CLASS(57344, 128), RETICOR_MEM_CLASS(61440, 128),
-    RETICOR_MEM_CLASS(65536, 128),
-    // Frames, 16384 bytes apart.
-    RETICOR_MEM_CLASS(81920, 128), RETICOR_MEM_CLASS(98304, 128), RETICOR_MEM_CLASS(114688, 64),
-    RETICOR_MEM_CLASS(131072, 64), RETICOR_MEM_CLASS(147456, 64), RETICOR_MEM_CLASS(163840, 64),
-    RETICOR_MEM_CLASS(180224, 64), RETICOR_MEM_CLASS(196608, 64), RETICOR_MEM_CLASS(212992, 64),
-    RETICOR_MEM_CLASS(229376, 64),
-    // The end mark.
-    RETICOR_MEM_CLASS(0, 0)};
-
-#undef RETICOR_MEM_CLASS
 
 CTsMemory::CTsMemory() = default;
 CTsMemory::CTsMemory(const CTsMemory&) = default;
 CTsMemory& CTsMemory::operator=(const CTsMemory&) = default;
 
 void CTsMemory::InitStaticVal() {
-    Infra::CGuard guard(m_key_mutex);
-    __atomic_store_n(&m_mem_pool, nullptr, __ATOMIC_RELEASE);
-    mem_pool_key = NO_KEY;
+    Infra::CGuard guard(MemTables::sm_key_mutex);
+    __atomic_store_n(&MemTables::sm_shared, nullptr, __ATOMIC_RELEASE);
+    MemTables::sm_key = MemTables::NO_KEY;
 }
-
-void CTsMemory::create_mem_key() {}
 
 void CTsMemory::CreateMemPool() {
     {
-        Infra::CGuard guard(m_key_mutex);
-        if (mem_pool_key == NO_KEY) {
-            mem_pool_key = SLOT_KEY;
+        Infra::CGuard guard(MemTables::sm_key_mutex);
+        if (MemTables::sm_key == MemTables::NO_KEY) {
+            MemTables::sm_key = SLOT_KEY;
         }
     }
     if (t_classes == noTable()) {
-        mem_head* classes = newTable(m_mem_template);
+        mem_head* classes = newTable(MemTables::TEMPLATE);
         t_classes = classes != nullptr ? classes : noTable();
     }
-    if (__atomic_load_n(&m_mem_pool, __ATOMIC_ACQUIRE) == nullptr) {
+    if (__atomic_load_n(&MemTables::sm_shared, __ATOMIC_ACQUIRE) == nullptr) {
         mem_head* none = nullptr;
-        mem_head* shared = newTable(m_mem_template);
-        if (!__atomic_compare_exchange_n(&m_mem_pool, &none, shared, false, __ATOMIC_ACQ_REL,
+        mem_head* shared = newTable(MemTables::TEMPLATE);
+        if (!__atomic_compare_exchange_n(&MemTables::sm_shared, &none, shared, false, __ATOMIC_ACQ_REL,
                                          __ATOMIC_ACQUIRE) &&
             shared != nullptr) {
-            free_mem_key(shared);  // Another worker was quicker.
+            free_table(shared);  // Another worker was quicker.
         }
-    }
-}
-
-void CTsMemory::free_mem_key(void* table) {
-    auto* classes = static_cast<mem_head*>(table);
-    for (int i = 0; i < CLASS_COUNT; ++i) {
-        while (mem_block* block = takeFirst(classes[i])) {
-            generalFree(block);
-        }
-    }
-    if (classes != m_mem_template) {
-        generalFree(classes - HEADS_IN_FRONT);
     }
 }
 
@@ -248,7 +249,7 @@ void CTsMemory::DestroyThreadMemPool() {
     mem_head* classes = t_classes;
     if (classes != noTable()) {
         t_classes = noTable();
-        free_mem_key(classes);
+        free_table(classes);
     }
 }
 
@@ -256,53 +257,11 @@ void CTsMemory::DestroyMemPool() {
     // The per-thread slot needs no freeing, and its number stays until InitStaticVal.
     mem_head* shared = nullptr;
     {
-        Infra::CGuard guard(m_pool_mutex);
-        shared = __atomic_exchange_n(&m_mem_pool, nullptr, __ATOMIC_ACQ_REL);
+        Infra::CGuard guard(MemTables::sm_pool_mutex);
+        shared = __atomic_exchange_n(&MemTables::sm_shared, nullptr, __ATOMIC_ACQ_REL);
     }
     if (shared != nullptr) {
-        free_mem_key(shared);
-    }
-}
-
-int CTsMemory::get_index(unsigned int size) {
-    return classOf(size);
-}
-
-__attribute__((noinline)) void* CTsMemory::do_malloc(mem_head* table, unsigned int size, bool lock) {
-    if (size == 0) {
-        size = 1;
-    }
-    if (size > LARGEST || table == nullptr || table == noTable()) {
-        return newBlock(NO_CLASS, size);
-    }
-    const int index = get_index(size);
-    mem_block* block = nullptr;
-    if (lock) {
-        Infra::CGuard guard(m_pool_mutex);
-        // The shared table may have gone while this thread waited.
-        mem_head* shared = __atomic_load_n(&m_mem_pool, __ATOMIC_ACQUIRE);
-        block = shared != nullptr ? takeFirst(shared[index]) : nullptr;
-    } else {
-        block = takeFirst(table[index]);
-    }
-    return block != nullptr ? block + 1 : newBlock(index, m_mem_template[index].m_size);
-}
-
-__attribute__((noinline)) void CTsMemory::do_free(mem_head* table, void* p, bool lock) {
-    if (p == nullptr) {
-        return;
-    }
-    mem_block* block = static_cast<mem_block*>(p) - 1;
-    bool kept = false;
-    if (lock) {
-        Infra::CGuard guard(m_pool_mutex);
-        mem_head* shared = __atomic_load_n(&m_mem_pool, __ATOMIC_ACQUIRE);
-        kept = shared != nullptr && settleAndPutLast(shared[block->m_index], block);
-    } else {
-        kept = table != nullptr && settleAndPutLast(table[block->m_index], block);
-    }
-    if (!kept) {
-        generalFree(block);
+        free_table(shared);
     }
 }
 
@@ -329,11 +288,11 @@ __attribute__((aligned(64))) void CTsMemory::TsFree(void* p) {
 }
 
 void* CTsMemory::Malloc(unsigned int size) {
-    return do_malloc(__atomic_load_n(&m_mem_pool, __ATOMIC_ACQUIRE), size, true);
+    return do_malloc(__atomic_load_n(&MemTables::sm_shared, __ATOMIC_ACQUIRE), size, true);
 }
 
 void CTsMemory::Free(void* p) {
-    do_free(__atomic_load_n(&m_mem_pool, __ATOMIC_ACQUIRE), p, true);
+    do_free(__atomic_load_n(&MemTables::sm_shared, __ATOMIC_ACQUIRE), p, true);
 }
 
 }  // namespace Orvex::Reticor

@@ -16,6 +16,7 @@
 #include "Core/handle/ObjectId.h"
 #include "Core/pool/PoolTable.h"
 #include "Core/pool/ThreadPool.h"
+#include "Core/record/EventFreeList.h"
 #include "R3/print/FuncBox.h"
 #include "R3/print/HelpText.h"
 #include "Tool/task/FileTask.h"

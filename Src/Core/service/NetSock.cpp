@@ -13,6 +13,7 @@
 #include "Core/pool/PoolLease.h"
 #include "Core/pool/PoolTable.h"
 #include "Core/pool/ThreadPool.h"
+#include "Core/record/EventFreeList.h"
 #include "Core/service/SockTimer.h"
 #include "R3/print/DebugSocket.h"
 

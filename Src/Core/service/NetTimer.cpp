@@ -15,6 +15,7 @@
 #include "Core/handle/ClassName.h"
 #include "Core/handle/ObjectId.h"
 #include "Core/pool/PoolTable.h"
+#include "Core/record/EventFreeList.h"
 #include "Core/service/Message.h"
 
 namespace Orvex::Reticor {

@@ -11,21 +11,12 @@
 
 #include "Core/pool/PoolTable.h"
 #include "Core/record/Event.h"
+#include "Core/service/DueChains.h"
 #include "Core/service/TimerBuckets.h"
+#include "Core/service/TimerIds.h"
 #include "Core/service/TimerTable.h"
 
 namespace Orvex::Reticor {
-
-/// The records that one tick found due, one chain for each pool. Chains grow at their front: within one tick
-/// and one pool, the timer that was due last runs first.
-struct DueChains {
-    std::array<CEvent*, PoolTable::POOL_LIMIT> m_chain{};  ///< By pool index; all null between ticks.
-    std::array<int, PoolTable::POOL_LIMIT> m_active{};     ///< The indexes with a chain, by first appearance.
-    int m_active_num = 0;
-
-    /// Makes a record of a timer that is due.
-    void Add(const ArmedTimer& timer);
-};
 
 /// A binary min-heap by expiry of the timers that are due soon, buckets for the others, and a table that
 /// leads from an id to its timer.

@@ -1,4 +1,4 @@
-// TimerTable and TimerIds.
+// TimerTable: places by id, in chunks.
 #include "Core/service/TimerTable.h"
 
 #include <algorithm>
@@ -35,28 +35,6 @@ size_t TimerTable::Clear(int64_t first) {
     m_chunks.clear();
     m_first = first;
     return armed;
-}
-
-int64_t TimerIds::Take() {
-    if (m_count <= CObjectId::WAITING) {
-        return 0;
-    }
-    const int64_t id = (*m_ring)[m_read];
-    m_read = (m_read + 1) % CAPACITY;
-    --m_count;
-    return CObjectId::next_generation(id);
-}
-
-bool TimerIds::Put(int64_t id) {
-    if (m_count == CAPACITY) {
-        return false;
-    }
-    if (m_ring == nullptr) {
-        m_ring = std::make_unique<std::array<int64_t, CAPACITY>>();
-    }
-    (*m_ring)[(m_read + m_count) % CAPACITY] = id;
-    ++m_count;
-    return true;
 }
 
 }  // namespace Orvex::Reticor

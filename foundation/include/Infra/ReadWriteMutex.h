@@ -7,8 +7,8 @@
 #include <cstdint>
 #include <type_traits>
 
+#include <Infra/CMutex.h>
 #include <Infra/Export.h>
-#include <Infra/Mutex.h>
 #include <Infra/ThreadAnnotations.h>
 
 namespace Orvex::Infra {

@@ -1,9 +1,9 @@
 // CThreadLite: a thread whose body is a function object, which is given the thread object itself.
 #pragma once
 
+#include <Infra/CThread.h>
 #include <Infra/Export.h>
 #include <Infra/Function.h>
-#include <Infra/Thread.h>
 
 namespace Orvex::Infra {
 

@@ -9,7 +9,8 @@
 // clang-format off
 #define INFRA_LOCK_CLASSES(X) \
     X(R3_START, "start mutex of R3Server", "start and end of the debug server") \
-    X(SETUP, "Library::m_mutex of NetThread", "creating and destroying of pools; held while threads are joined") \
+    X(SETUP, "Library::m_mutex of NetThread", \
+      "creating and destroying of pools; held while threads are joined") \
     X(RECEIVER, "MediaReceiverState::m_mutex", "one stream receiver") \
     X(RECEIVER_GROUPS, "ReceiverGroup::sm_mutex", "the groups of receivers' threads") \
     X(RECEIVER_THREAD, "CReceiverThread::m_mutex", "a thread's list of receivers") \
@@ -55,8 +56,8 @@
     X(QUEUE, "CEventQueue::m_mutex", "a queue's records") \
     X(FREE_RECORDS, "CEventFreeList::m_mutex", "the records that rest") \
     X(RESOLVER, "CGetHostByName::sm_mutex", "names that are looked up") \
-    X(TS_KEY, "CTsMemory::m_key_mutex", "the thread-local key") \
-    X(TS_POOL, "CTsMemory::m_pool_mutex", "memory that threads have left") \
+    X(TS_KEY, "MemTables::sm_key_mutex", "the thread-local key") \
+    X(TS_POOL, "MemTables::sm_pool_mutex", "memory that threads have left") \
     X(THREAD_LIFE, "CThread::m_life_mutex", \
       "one start or end of a thread at a time; held while it is joined") \
     X(COMPONENTS, "g_mutex of ComponentRegistry", "the components on offer") \

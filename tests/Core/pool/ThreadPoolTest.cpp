@@ -15,6 +15,7 @@
 #include <Reticor/SockStream.h>
 
 #include "Core/pool/PoolTable.h"
+#include "Core/record/EventFreeList.h"
 #include "Core/service/Message.h"
 #include "support/KernelThread.h"
 #include "support/PoolFixture.h"

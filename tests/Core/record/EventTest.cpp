@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "Core/record/EventFreeList.h"
 #include "support/Eventually.h"
 #include "support/KernelThread.h"
 #include "support/LogCapture.h"

@@ -9,6 +9,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "Core/record/MemTables.h"
 #include "support/Eventually.h"
 #include "support/KernelThread.h"
 #include "support/SeededRandom.h"
@@ -18,14 +19,14 @@ namespace Orvex::Reticor {
 
 /// Opens the state of CTsMemory to its tests.
 struct TsMemoryProbe {
-    static constexpr int CLASS_COUNT = CTsMemory::CLASS_COUNT;
+    static constexpr int CLASS_COUNT = MemTables::CLASS_COUNT;
     static unsigned long key() {
-        Infra::CGuard guard(CTsMemory::m_key_mutex);
-        return CTsMemory::mem_pool_key;
+        Infra::CGuard guard(MemTables::sm_key_mutex);
+        return MemTables::sm_key;
     }
-    static Infra::CMutex& poolMutex() { return CTsMemory::m_pool_mutex; }
-    static mem_head* shared() { return CTsMemory::m_mem_pool; }
-    static const mem_head& classAt(int index) { return CTsMemory::m_mem_template[index]; }
+    static Infra::CMutex& poolMutex() { return MemTables::sm_pool_mutex; }
+    static mem_head* shared() { return MemTables::sm_shared; }
+    static const mem_head& classAt(int index) { return MemTables::TEMPLATE[index]; }
 };
 
 }  // namespace Orvex::Reticor

@@ -14,6 +14,7 @@
 
 #include "Core/handle/ObjectId.h"
 #include "Core/pool/PoolTable.h"
+#include "Core/record/EventFreeList.h"
 #include "R3/print/FuncBox.h"
 #include "R3/print/R3Printf.h"
 #include "support/PoolFixture.h"

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <thread>
 
+#include "Core/record/EventFreeList.h"
 #include "support/PoolFixture.h"
 #include "support/Rounds.h"
 #include "support/SeededRandom.h"

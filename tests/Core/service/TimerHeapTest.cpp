@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "Core/handle/ObjectId.h"
+#include "Core/record/EventFreeList.h"
 #include "support/SeededRandom.h"
 #include "support/core/Probes.h"
 

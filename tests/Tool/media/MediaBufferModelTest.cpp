@@ -1,6 +1,7 @@
 // CMediaBuffer and CMediaStreamSender against a plain model: random packets, clients that come, go and come
 // again, sockets that take a little, nothing, or fail. After every operation the bytes on every wire, every
 // counter and the order of all releases must agree.
+#include "Core/record/EventFreeList.h"
 #include "support/SeededRandom.h"
 #include "support/media/MediaFixture.h"
 #include "support/media/MediaModel.h"

@@ -1,11 +1,9 @@
-// CountingAllocator, in the place of the general allocator.
+// CountingAllocator. The linker puts it before the general allocator (--wrap in tests/CMakeLists.txt).
 #include "support/core/CountingAllocator.h"
 
 #include <atomic>
 #include <cstdlib>
 #include <utility>
-
-#include "Core/record/GeneralAllocator.h"
 
 namespace {
 
@@ -19,9 +17,14 @@ std::function<void()>* s_step = nullptr;
 
 }  // namespace
 
-namespace Orvex::Reticor {
+extern "C" {
 
-void* generalAllocate(std::size_t size) noexcept {
+// Orvex::Reticor::generalAllocate(unsigned long)
+void* __wrap__ZN5Orvex7Reticor15generalAllocateEm(std::size_t size) noexcept;
+// Orvex::Reticor::generalFree(void*)
+void __wrap__ZN5Orvex7Reticor11generalFreeEPv(void* p) noexcept;
+
+void* __wrap__ZN5Orvex7Reticor15generalAllocateEm(std::size_t size) noexcept {
     s_last_size = size;
     if (s_until_step >= 0 && s_until_step-- == 0) {
         (*s_step)();
@@ -33,14 +36,14 @@ void* generalAllocate(std::size_t size) noexcept {
     return std::malloc(size);
 }
 
-void generalFree(void* p) noexcept {
+void __wrap__ZN5Orvex7Reticor11generalFreeEPv(void* p) noexcept {
     if (p != nullptr) {
         ++s_freed;
         std::free(p);
     }
 }
 
-}  // namespace Orvex::Reticor
+}  // extern "C"
 
 namespace Orvex::Testing {
 

@@ -9,6 +9,7 @@
 #include <memory>
 #include <vector>
 
+#include "Core/record/EventFreeList.h"
 #include "Core/service/Message.h"
 #include "Core/service/NetSock.h"
 #include "support/Eventually.h"

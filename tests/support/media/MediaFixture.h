@@ -15,6 +15,7 @@
 #include <Reticor/MediaBuffer.h>
 #include <Reticor/MediaStreamSender.h>
 
+#include "Core/record/EventFreeList.h"
 #include "Tool/media/MediaBufferState.h"
 #include "support/core/StillPool.h"
 #include "support/media/ShapedStream.h"

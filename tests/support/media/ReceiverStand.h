@@ -10,6 +10,7 @@
 
 #include <Reticor/MediaStreamReceiver.h>
 
+#include "Core/record/EventFreeList.h"
 #include "Tool/receive/MediaReceiverState.h"
 #include "Tool/receive/ReceiverThread.h"
 #include "support/HandClock.h"

@@ -10,6 +10,7 @@
 
 #include <Reticor/StreamSender.h>
 
+#include "Core/record/EventFreeList.h"
 #include "Tool/stream/StreamSenderState.h"
 #include "support/core/StillPool.h"
 #include "support/media/ShapedStream.h"

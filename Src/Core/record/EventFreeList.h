@@ -1,0 +1,45 @@
+// CEventFreeList: records that rest, and the way in which everybody gets and gives them.
+#pragma once
+
+#include <Infra/LockClasses.h>
+#include <Infra/Mutex.h>
+#include <Infra/ThreadAnnotations.h>
+
+#include "Core/record/Event.h"
+
+namespace Orvex::Reticor {
+
+/// The records that rest. The process has one, behind `getEvent` and `putEvent`.
+class CEventFreeList {
+public:
+    constexpr CEventFreeList() = default;
+    /// Deletes the records in the list.
+    ~CEventFreeList();
+
+    CEventFreeList(const CEventFreeList&) = delete;
+    CEventFreeList& operator=(const CEventFreeList&) = delete;
+
+    /// A record with the values of its last life, but for `m_next`, which is null. Allocates only while the
+    /// list is empty.
+    CEvent* Get();
+
+    /// A chain of up to `most` records, or null.
+    CEvent* GetBatch(int most);
+
+    void Put(CEvent* ev);
+
+    /// Puts a chain whose ends are given.
+    void PutChain(CEvent* first, CEvent* last);
+
+private:
+    CEvent* m_head INFRA_GUARDED_BY(m_mutex) = nullptr;
+    Infra::CMutex m_mutex{Infra::LockClass::FREE_RECORDS};
+};
+
+/// Take from and give to the process's free list, through a small stock of records that each thread keeps: a
+/// record put and taken again on one thread is the same one. The list lives until the process ends.
+CEvent* getEvent();
+void putEvent(CEvent* ev);
+void putEventChain(CEvent* ev);
+
+}  // namespace Orvex::Reticor

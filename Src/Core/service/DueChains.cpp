@@ -1,0 +1,25 @@
+// DueChains: a record for each timer that is due.
+#include "Core/service/DueChains.h"
+
+#include <cstddef>
+
+#include "Core/handle/ObjectId.h"
+#include "Core/record/EventFreeList.h"
+
+namespace Orvex::Reticor {
+
+void DueChains::Add(const ArmedTimer& timer) {
+    CEvent* ev = getEvent();
+    ev->m_key = timer.id;
+    ev->m_obj_id = timer.obj_id;
+    ev->m_expire = timer.expire;
+    ev->m_delay = timer.delay;
+    const size_t index = static_cast<size_t>(INDEX_OF_ID(static_cast<long>(timer.obj_id)));
+    if (m_chain[index] == nullptr) {
+        m_active[static_cast<size_t>(m_active_num++)] = static_cast<int>(index);
+    }
+    ev->m_next = m_chain[index];
+    m_chain[index] = ev;
+}
+
+}  // namespace Orvex::Reticor

@@ -1,0 +1,23 @@
+// DueChains: what a tick of the timers has to push, by pool.
+#pragma once
+
+#include <array>
+
+#include "Core/pool/PoolTable.h"
+#include "Core/record/Event.h"
+#include "Core/service/TimerTable.h"
+
+namespace Orvex::Reticor {
+
+/// The records that one tick found due, one chain for each pool. Chains grow at their front: within one tick
+/// and one pool, the timer that was due last runs first.
+struct DueChains {
+    std::array<CEvent*, PoolTable::POOL_LIMIT> m_chain{};  ///< By pool index; all null between ticks.
+    std::array<int, PoolTable::POOL_LIMIT> m_active{};     ///< The indexes with a chain, by first appearance.
+    int m_active_num = 0;
+
+    /// Makes a record of a timer that is due.
+    void Add(const ArmedTimer& timer);
+};
+
+}  // namespace Orvex::Reticor
