@@ -1,4 +1,4 @@
-// The locks: CMutex with CGuard, and CReadWriteMutex with CReadGuard and CWriteGuard. Either has a header of its own.
+// The locks: CMutex and CReadWriteMutex with their guards. Either has a header of its own.
 #pragma once
 
 #include <Infra/CMutex.h>

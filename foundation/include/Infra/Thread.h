@@ -1,4 +1,4 @@
-// The threads: CThread, to derive from, and CThreadLite, which runs a function. Either has a header of its own.
+// The threads: CThread, to derive from, and CThreadLite. Either has a header of its own.
 #pragma once
 
 #include <Infra/CThread.h>
