@@ -1,5 +1,5 @@
-// The general allocator as the core sees it: two functions, so that a test, which is linked from the library's
-// objects, can count blocks and let memory run out.
+// The general allocator as the core sees it: two functions, so that a test, which is linked from the objects,
+// can count blocks and let memory run out.
 #pragma once
 
 #include <cstddef>
