@@ -51,6 +51,8 @@ TEST_F(R3DoorTest, LastHolderEndsTheServer) {
     EXPECT_EQ(0, CNetThread::DisableR3());
     EXPECT_EQ("", client.receiveAll());
     EXPECT_EQ(0, CNetThread::DisableR3()) << "one too many";
+    EXPECT_EQ(0, CNetThread::EnableR3());
+    EXPECT_EQ(nullptr, g_r3_daemon) << "it was taken away in advance";
     ASSERT_EQ(0, CNetThread::EnableR3());
     ASSERT_NE(nullptr, g_r3_daemon) << "and the server is there again";
     port = g_r3_daemon->Port();

@@ -55,10 +55,12 @@ TEST_F(R3ServerTest, IsSwitchedOn) {
 #endif
 
 // A disabling that nothing was enabled for must not make the next enabling believe that there is a server.
-TEST_F(R3ServerTest, DisablingWithoutEnablingLeavesTheCountAlone) {
+TEST_F(R3ServerTest, DisablingWithoutEnablingTakesTheNextUsesAway) {
     EXPECT_EQ(0, CNetThread::DisableR3());
     EXPECT_EQ(0, CNetThread::DisableR3());
     EXPECT_NE(nullptr, g_r3_funcbox) << "no server was ended";
+    EXPECT_EQ(0, CNetThread::EnableR3());
+    EXPECT_EQ(0, CNetThread::EnableR3()) << "neither of them wants a server";
 #if !RETICOR_R3_SERVER
     EXPECT_EQ(-1, CNetThread::EnableR3());
 #endif
