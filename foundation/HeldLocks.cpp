@@ -23,7 +23,7 @@ thread_local List t_list;
 struct Row {
     const char* what;
     bool any;
-    LockClass allowed[9];
+    LockClass allowed[10];
 };
 
 constexpr Row PROMISES[] = {
@@ -36,8 +36,8 @@ constexpr Row PROMISES[] = {
     {"the thread waits for others",
      false,
      {LockClass::SETUP, LockClass::R3_START, LockClass::THREAD_LIFE, LockClass::RECEIVER,
-      LockClass::RECEIVER_GROUPS, LockClass::TICK, LockClass::FILE_PASS, LockClass::SENDER_LIST,
-      LockClass::MEDIA_CORE}},
+      LockClass::RECEIVER_GROUPS, LockClass::RECEIVER_THREAD, LockClass::TICK, LockClass::FILE_PASS,
+      LockClass::SENDER_LIST, LockClass::MEDIA_CORE}},
 };
 
 [[noreturn]] void die(const char* what, LockClass lock_class, LockPlace place) noexcept {

@@ -1,6 +1,8 @@
 // HandlerInternal.
 #include "Core/handle/HandlerInternal.h"
 
+#include <Infra/HeldLocks.h>
+
 namespace Orvex::Reticor {
 
 void HandlerInternal::DecRef() {
@@ -9,6 +11,7 @@ void HandlerInternal::DecRef() {
         return;
     }
     if (m_close_called.exchange(1, std::memory_order_acq_rel) == 0) {
+        INFRA_PROMISE(HANDLER);
         m_entry.m_owner->handle_close(m_entry.m_owner);
     }
 }

@@ -8,9 +8,9 @@
 /// Each line: the enumerator, the lock as a reader finds it in the sources, and what it guards.
 // clang-format off
 #define INFRA_LOCK_CLASSES(X) \
-    X(R3_START, "start mutex of R3Server", "start and end of the debug server") \
     X(SETUP, "Library::m_mutex of NetThread", \
       "creating and destroying of pools; held while threads are joined") \
+    X(R3_START, "start mutex of R3Server", "start and end of the debug server") \
     X(RECEIVER, "MediaReceiverState::m_mutex", "one stream receiver") \
     X(RECEIVER_GROUPS, "ReceiverGroup::sm_mutex", "the groups of receivers' threads") \
     X(RECEIVER_THREAD, "CReceiverThread::m_mutex", "a thread's list of receivers") \
