@@ -150,7 +150,7 @@ struct ThreadPoolProbe {
     static int workers(const CThreadPool& pool) { return static_cast<int>(pool.m_running); }
     static CEvent* pollToken(CThreadPool& pool) { return &pool.m_poll_event; }
     static CEvent* heartbeat(const CThreadPool& pool) { return pool.m_heartbeat.load(); }
-    // Whether the workers were not asked to end yet. A worker may ask until it leaves: the last one goes last.
+    // Whether the workers were not asked to end yet. A worker may ask to its end: the last is freed last.
     static bool looping(const CThreadPool& pool) { return pool.m_threads.back()->looping(); }
     static Infra::CThreadLite* daemon(const CThreadPool& pool) { return pool.m_daemon.get(); }
     static CEventQueue& serialQueue(CThreadPool& pool) { return pool.m_event_serial; }
