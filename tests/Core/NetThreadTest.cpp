@@ -377,9 +377,9 @@ TEST(NetThread, DisableR3WithoutAUseTakesTheNextOneAway) {
     EXPECT_EQ(0, CNetThread::DestroyThreadPool());
 }
 
-class NetThreadDeathTest : public ::testing::Test {};
+class NetThreadDeath : public ::testing::Test {};
 
-TEST_F(NetThreadDeathTest, AWorkerThatDestroysItsOwnPoolIsStoppedByAnAssertion) {
+TEST_F(NetThreadDeath, AWorkerThatDestroysItsOwnPoolIsStoppedByAnAssertion) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(
         {
@@ -392,7 +392,7 @@ TEST_F(NetThreadDeathTest, AWorkerThatDestroysItsOwnPoolIsStoppedByAnAssertion) 
         "Assertion `.*thread.*' failed");
 }
 
-TEST_F(NetThreadDeathTest, TheDebugServerNeedsThePublicPool) {
+TEST_F(NetThreadDeath, TheDebugServerNeedsThePublicPool) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(CNetThread::EnableR3(), "Assertion `sm_pub_pool_ref' failed");
     EXPECT_DEATH(CNetThread::DisableR3(), "Assertion `sm_pub_pool_ref' failed");

@@ -16,9 +16,9 @@ using namespace Reticor;
 
 constexpr int PORT = 42323;
 
-class R3DoorTest : public DebugServerFixture {};
+class R3Door : public DebugServerFixture {};
 
-TEST_F(R3DoorTest, StartOpensThePort) {
+TEST_F(R3Door, StartOpensThePort) {
     EXPECT_EQ(0, R3ServerStart(freePort(), "door", false));
     port = g_r3_daemon->Port();
     TcpClient client = greeted(NEGOTIATION + BANNER + "door>");
@@ -28,7 +28,7 @@ TEST_F(R3DoorTest, StartOpensThePort) {
     EXPECT_EQ("", client.receiveAll());
 }
 
-TEST_F(R3DoorTest, EnableR3OpensItsPortOrOneAbove) {
+TEST_F(R3Door, EnableR3OpensItsPortOrOneAbove) {
     LogCapture log;
     ASSERT_EQ(0, CNetThread::EnableR3());
     port = g_r3_daemon->Port();
@@ -41,7 +41,7 @@ TEST_F(R3DoorTest, EnableR3OpensItsPortOrOneAbove) {
     EXPECT_EQ(nullptr, g_r3_daemon);
 }
 
-TEST_F(R3DoorTest, LastHolderEndsTheServer) {
+TEST_F(R3Door, LastHolderEndsTheServer) {
     ASSERT_EQ(0, CNetThread::EnableR3());
     ASSERT_EQ(0, CNetThread::EnableR3());
     port = g_r3_daemon->Port();
@@ -60,7 +60,7 @@ TEST_F(R3DoorTest, LastHolderEndsTheServer) {
     EXPECT_EQ(0, CNetThread::DisableR3());
 }
 
-TEST_F(R3DoorTest, StartThatFailsIsNotCounted) {
+TEST_F(R3Door, StartThatFailsIsNotCounted) {
     ASSERT_EQ(0, R3ServerStart(freePort(), nullptr, true));
     LogCapture log;
     EXPECT_EQ(-1, CNetThread::EnableR3()) << "it runs already";

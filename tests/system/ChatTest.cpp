@@ -18,7 +18,7 @@ namespace {
 class Guest : public TcpClient {
 public:
     Guest(const ServerProgram& chat, const std::string& name) : TcpClient(chat.port()) {
-        EXPECT_EQ(receiveLine(), "your name?");
+        EXPECT_EQ("your name?", receiveLine());
         EXPECT_TRUE(send(name + "\n"));
         EXPECT_EQ(receiveLine(), "* welcome, " + name);
     }
@@ -26,120 +26,121 @@ public:
 
 }  // namespace
 
-TEST(ChatTest, TellsEverybodyElseWhatOneSays) {
+TEST(Chat, TellsEverybodyElseWhatOneSays) {
     ServerProgram chat("chat");
     Guest ann(chat, "ann");
     Guest bob(chat, "bob");
-    EXPECT_EQ(ann.receiveLine(), "* bob joined");
+    EXPECT_EQ("* bob joined", ann.receiveLine());
     Guest cy(chat, "cy");
-    EXPECT_EQ(ann.receiveLine(), "* cy joined");
-    EXPECT_EQ(bob.receiveLine(), "* cy joined");
+    EXPECT_EQ("* cy joined", ann.receiveLine());
+    EXPECT_EQ("* cy joined", bob.receiveLine());
 
     ann.send("hello\r\n");
-    EXPECT_EQ(bob.receiveLine(), "ann: hello");
-    EXPECT_EQ(cy.receiveLine(), "ann: hello");
+    EXPECT_EQ("ann: hello", bob.receiveLine());
+    EXPECT_EQ("ann: hello", cy.receiveLine());
     bob.send("hi ann\n");
-    EXPECT_EQ(ann.receiveLine(), "bob: hi ann");  // and not her own line before it
-    EXPECT_EQ(cy.receiveLine(), "bob: hi ann");
+    EXPECT_EQ("bob: hi ann", ann.receiveLine());  // and not her own line before it
+    EXPECT_EQ("bob: hi ann", cy.receiveLine());
 
     bob.send("/quit\n");
-    EXPECT_EQ(bob.receiveAll(), "");
+    EXPECT_EQ("", bob.receiveAll());
     EXPECT_TRUE(bob.wasClosed());
-    EXPECT_EQ(ann.receiveLine(), "* bob left");
-    EXPECT_EQ(chat.end(), 0);
+    EXPECT_EQ("* bob left", ann.receiveLine());
+    EXPECT_EQ(0, chat.end());
 }
 
-TEST(ChatTest, ServesNcatFromBeginToEnd) {
+TEST(Chat, ServesNcatFromBeginToEnd) {
     ServerProgram chat("chat");
     Guest ann(chat, "ann");
     ChildProcess ncat({"ncat", chat.host(), std::to_string(chat.port())});
-    EXPECT_EQ(ncat.readLine(), "your name?");
-    EXPECT_EQ(ncat.exchange("bob\ngood day\n/who\n/quit\n"), "* welcome, bob\n* here: bob ann\n");
-    EXPECT_EQ(ann.receiveLine(), "* bob joined");
-    EXPECT_EQ(ann.receiveLine(), "bob: good day");
-    EXPECT_EQ(ann.receiveLine(), "* bob left");
-    EXPECT_EQ(chat.end(SIGINT), 0);
+    EXPECT_EQ("your name?", ncat.readLine());
+    EXPECT_EQ("* welcome, bob\n* here: bob ann\n", ncat.exchange("bob\ngood day\n/who\n/quit\n"));
+    EXPECT_EQ("* bob joined", ann.receiveLine());
+    EXPECT_EQ("bob: good day", ann.receiveLine());
+    EXPECT_EQ("* bob left", ann.receiveLine());
+    EXPECT_EQ(0, chat.end(SIGINT));
 }
 
-TEST(ChatTest, AsksForAnotherNameUntilItIsGoodAndFree) {
+TEST(Chat, AsksForAnotherNameUntilItIsGoodAndFree) {
     ServerProgram chat("chat");
     Guest ann(chat, "ann");
     TcpClient other(chat.port());
-    EXPECT_EQ(other.receiveLine(), "your name?");
+    EXPECT_EQ("your name?", other.receiveLine());
     other.send("ann\n");
-    EXPECT_EQ(other.receiveLine(), "* that name is taken");
+    EXPECT_EQ("* that name is taken", other.receiveLine());
     for (const char* name : {"two words", "", "nobody_needs_21_bytes", "tab\tbed name"}) {
         other.send(std::string(name) + "\n");
-        EXPECT_EQ(other.receiveLine(), "* a name has 1 to 20 letters, digits, - or _") << name;
+        EXPECT_EQ("* a name has 1 to 20 letters, digits, - or _", other.receiveLine()) << name;
     }
     other.send("an_other-1\n");
-    EXPECT_EQ(other.receiveLine(), "* welcome, an_other-1");
-    EXPECT_EQ(chat.end(), 0);
+    EXPECT_EQ("* welcome, an_other-1", other.receiveLine());
+    EXPECT_EQ(0, chat.end());
 }
 
-TEST(ChatTest, PutsLinesTogetherFromPieces) {
+TEST(Chat, PutsLinesTogetherFromPieces) {
     ServerProgram chat("chat");
     Guest ann(chat, "ann");
     Guest bob(chat, "bob");
-    EXPECT_EQ(ann.receiveLine(), "* bob joined");
+    EXPECT_EQ("* bob joined", ann.receiveLine());
     for (const char* piece : {"one li", "ne\ntwo lines\nthr", "e", "e\n"}) {
         bob.send(piece);
     }
-    EXPECT_EQ(ann.receiveLine(), "bob: one line");
-    EXPECT_EQ(ann.receiveLine(), "bob: two lines");
-    EXPECT_EQ(ann.receiveLine(), "bob: three");
-    EXPECT_EQ(chat.end(), 0);
+    EXPECT_EQ("bob: one line", ann.receiveLine());
+    EXPECT_EQ("bob: two lines", ann.receiveLine());
+    EXPECT_EQ("bob: three", ann.receiveLine());
+    EXPECT_EQ(0, chat.end());
 }
 
-TEST(ChatTest, TakesOutWhatSteersATerminal) {
+TEST(Chat, TakesOutWhatSteersATerminal) {
     ServerProgram chat("chat");
     Guest ann(chat, "ann");
     Guest bob(chat, "bob");
-    EXPECT_EQ(ann.receiveLine(), "* bob joined");
+    EXPECT_EQ("* bob joined", ann.receiveLine());
     bob.send(
         "\x1b[2Jred \x07"
         "alert\x7f, gr\xc3\xbc"
         "n\n");
-    EXPECT_EQ(ann.receiveLine(),
-              "bob: [2Jred alert, gr\xc3\xbc"
-              "n");
-    EXPECT_EQ(chat.end(), 0);
+    EXPECT_EQ(
+        "bob: [2Jred alert, gr\xc3\xbc"
+        "n",
+        ann.receiveLine());
+    EXPECT_EQ(0, chat.end());
 }
 
-TEST(ChatTest, PutsOutWhoSendsALineWithoutEnd) {
+TEST(Chat, PutsOutWhoSendsALineWithoutEnd) {
     ServerProgram chat("chat");
     Guest ann(chat, "ann");
     Guest bob(chat, "bob");
-    EXPECT_EQ(ann.receiveLine(), "* bob joined");
+    EXPECT_EQ("* bob joined", ann.receiveLine());
     bob.send(std::string(513, 'x'));
     bob.receiveAll();
     EXPECT_TRUE(bob.wasClosed());
-    EXPECT_EQ(ann.receiveLine(), "* bob left");
-    EXPECT_EQ(chat.end(), 0);
+    EXPECT_EQ("* bob left", ann.receiveLine());
+    EXPECT_EQ(0, chat.end());
 }
 
-TEST(ChatTest, TellsThatSomebodyHasGoneWithoutAWord) {
+TEST(Chat, TellsThatSomebodyHasGoneWithoutAWord) {
     ServerProgram chat("chat");
     Guest ann(chat, "ann");
     {
         Guest bob(chat, "bob");
-        EXPECT_EQ(ann.receiveLine(), "* bob joined");
+        EXPECT_EQ("* bob joined", ann.receiveLine());
         bob.reset();
     }
-    EXPECT_EQ(ann.receiveLine(), "* bob left");
-    EXPECT_EQ(chat.end(), 0);
+    EXPECT_EQ("* bob left", ann.receiveLine());
+    EXPECT_EQ(0, chat.end());
 }
 
 // Messages to one handler overlap and overtake each other. The order of the lines is the room's, the same for
 // all.
-TEST(ChatTest, ShowsEverybodyAllLinesInOneOrder) {
+TEST(Chat, ShowsEverybodyAllLinesInOneOrder) {
     constexpr int kGuests = 8;
     constexpr int kLines = 100;  // of each; together fewer than the room keeps
     ServerProgram chat("chat");
     std::list<Guest> guests;
     Guest first(chat, "first");
     Guest second(chat, "second");
-    EXPECT_EQ(first.receiveLine(), "* second joined");
+    EXPECT_EQ("* second joined", first.receiveLine());
     for (int i = 0; i < kGuests; ++i) {
         guests.emplace_back(chat, "guest" + std::to_string(i));
         EXPECT_EQ(first.receiveLine(), "* guest" + std::to_string(i) + " joined");
@@ -154,17 +155,17 @@ TEST(ChatTest, ShowsEverybodyAllLinesInOneOrder) {
     for (int i = 0; i < kGuests * kLines; ++i) {
         const std::string line = first.receiveLine();
         ASSERT_EQ(line, second.receiveLine());
-        ASSERT_EQ(line.substr(0, 5), "guest");
+        ASSERT_EQ("guest", line.substr(0, 5));
         const int guest = std::stoi(line.substr(5));
         ASSERT_EQ(line, "guest" + std::to_string(guest) + ": " +
                             std::to_string(next[static_cast<size_t>(guest)]++));
     }
-    EXPECT_EQ(chat.end(), 0);
+    EXPECT_EQ(0, chat.end());
 }
 
 // The room and the others do not wait for somebody who does not read: later that one is told how much was
 // missed.
-TEST(ChatTest, LetsASlowReaderMissLines) {
+TEST(Chat, LetsASlowReaderMissLines) {
     constexpr int kRounds = 200;
     constexpr int kLinesARound = 100;  // fewer than the room keeps, so the listener misses none
     ServerProgram chat("chat");
@@ -205,13 +206,13 @@ TEST(ChatTest, LetsASlowReaderMissLines) {
     EXPECT_EQ(0, chat.end());
 }
 
-TEST(ChatTest, EndsWithGuestsInTheRoom) {
+TEST(Chat, EndsWithGuestsInTheRoom) {
     ServerProgram chat("chat");
     Guest ann(chat, "ann");
     Guest bob(chat, "bob");
     TcpClient stranger(chat.port());
-    EXPECT_EQ(stranger.receiveLine(), "your name?");
-    EXPECT_EQ(chat.end(), 0);
-    EXPECT_EQ(bob.receiveAll(), "");
+    EXPECT_EQ("your name?", stranger.receiveLine());
+    EXPECT_EQ(0, chat.end());
+    EXPECT_EQ("", bob.receiveAll());
     EXPECT_TRUE(bob.wasClosed());
 }

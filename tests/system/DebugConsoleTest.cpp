@@ -17,7 +17,7 @@ const std::string kTips = "-                             Reticor tips           
 const std::string kDelivered = "CNetSock::handle_netevent";
 
 /// The program, after the lines of its start.
-class DebugConsoleTest : public testing::Test {
+class DebugConsole : public testing::Test {
 protected:
     void SetUp() override {
         std::string line;
@@ -90,16 +90,16 @@ protected:
     int m_port = 0;
 };
 
-TEST_F(DebugConsoleTest, LibraryEntersItsCommand) {
+TEST_F(DebugConsole, LibraryEntersItsCommand) {
     EXPECT_THAT(m_start, testing::Contains(testing::EndsWith(
                              "InitConsoleDebug Failed! Will not to able use console commands.")));
     m_console.write("what\n");
     EXPECT_EQ((std::vector<std::string>{"ntf: ntf [-h]", "quit"}), linesTo("quit"));
     EXPECT_THAT(ask("ntf -S"), testing::StartsWith("The command you entered is incorrect"));
-    EXPECT_EQ(end(), 0);
+    EXPECT_EQ(0, end());
 }
 
-TEST_F(DebugConsoleTest, TracesTheDeliveriesOfAnEcho) {
+TEST_F(DebugConsole, TracesTheDeliveriesOfAnEcho) {
     TcpClient echo = client();
     EXPECT_EQ("Display socket event all processes.", ask("ntf -S -a"));
     EXPECT_TRUE(echo.echoes("traced\n"));
@@ -108,10 +108,10 @@ TEST_F(DebugConsoleTest, TracesTheDeliveriesOfAnEcho) {
                     "<Reticor Debug> Enter CNetSock::handle_netevent event->m_obj_id:-[0-9]+ socket:[0-9]+, "
                     "m_revents:1, m_event_mask:1 ret:0, m_set_time:0\\."));
     EXPECT_EQ("Turn off debugging.", ask("ntf -S -off"));
-    EXPECT_EQ(end(), 0);
+    EXPECT_EQ(0, end());
 }
 
-TEST_F(DebugConsoleTest, IsQuietAfterOff) {
+TEST_F(DebugConsole, IsQuietAfterOff) {
     TcpClient echo = client();
     ask("ntf -S -a");
     ask("ntf -S -off");
@@ -126,10 +126,10 @@ TEST_F(DebugConsoleTest, IsQuietAfterOff) {
         traces += line.find("<Reticor Debug>") != std::string::npos ? 1 : 0;
     }
     EXPECT_EQ(0, traces);
-    EXPECT_EQ(end(), 0);
+    EXPECT_EQ(0, end());
 }
 
-TEST_F(DebugConsoleTest, TracesEveryStepWithHighDensity) {
+TEST_F(DebugConsole, TracesEveryStepWithHighDensity) {
     TcpClient echo = client();
     ask("ntf -S --more");
     ask("ntf -S -r");
@@ -143,10 +143,10 @@ TEST_F(DebugConsoleTest, TracesEveryStepWithHighDensity) {
     EXPECT_THAT(trace("fd:" + fd + ","), testing::HasSubstr("handle sock event end at"));
     EXPECT_THAT(trace("socket:" + fd), testing::HasSubstr(kDelivered));
     EXPECT_THAT(trace("socket:" + fd), testing::HasSubstr("CNetSock::reset_timer timt_out:0"));
-    EXPECT_EQ(end(), 0);
+    EXPECT_EQ(0, end());
 }
 
-TEST_F(DebugConsoleTest, FollowsOneSocketAmongOthers) {
+TEST_F(DebugConsole, FollowsOneSocketAmongOthers) {
     TcpClient followed = client();
     TcpClient other = client();
     ask("ntf -S --more");
@@ -158,13 +158,13 @@ TEST_F(DebugConsoleTest, FollowsOneSocketAmongOthers) {
     EXPECT_TRUE(followed.echoes("traced\n"));
     EXPECT_EQ(fd, numberIn(trace("handle sock event begin at "), "fd:"));
     EXPECT_EQ("Turn off debugging.", ask("ntf -S -off"));
-    EXPECT_EQ(end(), 0);
+    EXPECT_EQ(0, end());
 }
 
-TEST_F(DebugConsoleTest, EndsWithItsInput) {
+TEST_F(DebugConsole, EndsWithItsInput) {
     TcpClient echo = client();
     EXPECT_EQ("", m_console.exchange(""));
-    EXPECT_EQ(m_console.wait(), 0);
+    EXPECT_EQ(0, m_console.wait());
     EXPECT_EQ("", echo.receiveAll());
     EXPECT_TRUE(echo.wasClosed());
 }

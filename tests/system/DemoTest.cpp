@@ -88,7 +88,7 @@ std::string drive(const std::string& port, int& result) {
 
 }  // namespace
 
-TEST(DemoTest, RunsTheRelayAndVerifiesWhatEachClientGets) {
+TEST(Demo, RunsTheRelayAndVerifiesWhatEachClientGets) {
     ChildProcess program(demo({"--seconds", "2", "--memory", kMemory}));
     const std::string text = program.exchange("");
     EXPECT_EQ(0, program.wait()) << text;
@@ -99,7 +99,7 @@ TEST(DemoTest, RunsTheRelayAndVerifiesWhatEachClientGets) {
     EXPECT_NE(std::string::npos, verdict.find("4 fast clients missed no frame")) << verdict;
 }
 
-TEST(DemoTest, ShowsWhenTheRelayHangsUpOnTheStalledClient) {
+TEST(Demo, ShowsWhenTheRelayHangsUpOnTheStalledClient) {
     ChildProcess program(demo({"--seconds", "600", "--memory", kMemory}));
     while (program.readLine().find("0 on, 1 dropped") == std::string::npos && !program.hasEnded()) {
     }
@@ -110,7 +110,7 @@ TEST(DemoTest, ShowsWhenTheRelayHangsUpOnTheStalledClient) {
     EXPECT_EQ(0, program.wait());
 }
 
-TEST(DemoTest, GivesTheRelaysVerdictWhenItIsInterrupted) {
+TEST(Demo, GivesTheRelaysVerdictWhenItIsInterrupted) {
     ChildProcess program(demo({"relay", "--seconds=600", "--fast", "2", "--slow", "0", "--stalled", "0"}));
     while (program.readLine().find("frames/s") == std::string::npos && !program.hasEnded()) {
     }
@@ -122,29 +122,29 @@ TEST(DemoTest, GivesTheRelaysVerdictWhenItIsInterrupted) {
     EXPECT_EQ(0, program.wait());
 }
 
-TEST(DemoTest, FindsAPictureThatDiffers) {
+TEST(Demo, FindsAPictureThatDiffers) {
     MultipartReader good;
     const std::string head =
         "HTTP/1.1 200 OK\r\n\r\n--b\r\nContent-Length: 3\r\nX-Frame: 4\r\nX-Sum: e71fa2190541574b\r\n\r\n";
     EXPECT_TRUE(good.put((head + "abc\r\n--b\r\n").data(), head.size() + 10));
-    EXPECT_EQ(good.frames(), 1U);
+    EXPECT_EQ(1U, good.frames());
     MultipartReader bad;
     EXPECT_FALSE(bad.put((head + "abd").data(), head.size() + 3));
     MultipartReader refused;
     EXPECT_FALSE(refused.put("HTTP/1.1 503 x\r\n", 16));
 }
 
-TEST(DemoTest, EndsWithTheVerdictThatEveryByteWasVerified) {
+TEST(Demo, EndsWithTheVerdictThatEveryByteWasVerified) {
     ChildProcess program(demo({"echo", "--seconds", "2"}));
     const std::string text = program.exchange("");
-    EXPECT_EQ(program.wait(), 0) << text;
+    EXPECT_EQ(0, program.wait()) << text;
     EXPECT_NE(text.find("requests/s"), std::string::npos) << text;
     const std::string verdict = lastLine(text);
-    EXPECT_EQ(verdict.rfind("verdict: PASS: 1000 connections, ", 0), 0U) << verdict;
+    EXPECT_EQ(0U, verdict.rfind("verdict: PASS: 1000 connections, ", 0)) << verdict;
     EXPECT_NE(verdict.find("every byte came back and was verified"), std::string::npos) << verdict;
 }
 
-TEST(DemoTest, GivesItsVerdictWhenItIsInterrupted) {
+TEST(Demo, GivesItsVerdictWhenItIsInterrupted) {
     ChildProcess program(demo({"echo", "--seconds", "600", "--connections", "50"}));
     while (program.readLine().find("requests/s") == std::string::npos && !program.hasEnded()) {
     }
@@ -152,11 +152,11 @@ TEST(DemoTest, GivesItsVerdictWhenItIsInterrupted) {
     ASSERT_NE(row.find("s           50 "), std::string::npos) << row;
     program.signal(SIGINT);
     const std::string verdict = lastLine(program.exchange(""));
-    EXPECT_EQ(verdict.rfind("verdict: PASS (stopped early): 50 connections, ", 0), 0U) << verdict;
-    EXPECT_EQ(program.wait(), 0);
+    EXPECT_EQ(0U, verdict.rfind("verdict: PASS (stopped early): 50 connections, ", 0)) << verdict;
+    EXPECT_EQ(0, program.wait());
 }
 
-TEST(DemoTest, FindsAByteThatDiffers) {
+TEST(Demo, FindsAByteThatDiffers) {
     size_t seen = 0;
     CrookedServer server([&](std::string& answer) {
         seen += answer.size();
@@ -167,12 +167,12 @@ TEST(DemoTest, FindsAByteThatDiffers) {
     });
     int result = 0;
     const std::string verdict = drive(server.port(), result);
-    EXPECT_EQ(result, 1);
+    EXPECT_EQ(1, result);
     EXPECT_NE(verdict.find("verdict: FAIL: 1 of 1 connections lost, 1 wrong answers"), std::string::npos)
         << verdict;
 }
 
-TEST(DemoTest, FindsAByteTooMany) {
+TEST(Demo, FindsAByteTooMany) {
     size_t seen = 0;
     CrookedServer server([&](std::string& answer) {
         seen += answer.size();
@@ -183,32 +183,32 @@ TEST(DemoTest, FindsAByteTooMany) {
     });
     int result = 0;
     const std::string verdict = drive(server.port(), result);
-    EXPECT_EQ(result, 1);
+    EXPECT_EQ(1, result);
     EXPECT_NE(verdict.find("1 wrong answers"), std::string::npos) << verdict;
 }
 
-TEST(DemoTest, FindsAConnectionThatIsLost) {
+TEST(Demo, FindsAConnectionThatIsLost) {
     size_t seen = 0;
     CrookedServer server([&](std::string& answer) { return (seen += answer.size()) < 100000; });
     int result = 0;
     const std::string verdict = drive(server.port(), result);
-    EXPECT_EQ(result, 1);
+    EXPECT_EQ(1, result);
     EXPECT_NE(verdict.find("verdict: FAIL: 1 of 1 connections lost, 0 wrong answers, 64 of"),
               std::string::npos)
         << verdict;
 }
 
-TEST(DemoTest, SaysThatNobodyListens) {
+TEST(Demo, SaysThatNobodyListens) {
     const int idle = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t length = sizeof address;
-    ASSERT_EQ(bind(idle, reinterpret_cast<sockaddr*>(&address), length), 0);
-    ASSERT_EQ(getsockname(idle, reinterpret_cast<sockaddr*>(&address), &length), 0);
+    ASSERT_EQ(0, bind(idle, reinterpret_cast<sockaddr*>(&address), length));
+    ASSERT_EQ(0, getsockname(idle, reinterpret_cast<sockaddr*>(&address), &length));
     int result = 0;
     const std::string verdict = drive(std::to_string(ntohs(address.sin_port)), result);
-    EXPECT_EQ(result, 1);
+    EXPECT_EQ(1, result);
     EXPECT_NE(verdict.find("Connection refused"), std::string::npos) << verdict;
     close(idle);
 }

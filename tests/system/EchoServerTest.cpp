@@ -29,11 +29,11 @@ std::string randomBytes(size_t count) {
 
 void allowDescriptors(unsigned long count) {
     rlimit limit{};
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &limit));
     ASSERT_GE(limit.rlim_max, count)
         << "this machine lets no process open so many descriptors: see ulimit -Hn";
     limit.rlim_cur = limit.rlim_max;
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &limit));
 }
 
 std::string address(const ServerProgram& server) {
@@ -55,35 +55,35 @@ private:
 }  // namespace
 
 // Its input ends before the answer has come: the client closes its direction and goes on reading.
-TEST(EchoServerTest, ServesSocatThatClosesItsDirectionFirst) {
+TEST(EchoServer, ServesSocatThatClosesItsDirectionFirst) {
     ServerProgram server("echo_server");
     const std::string bytes = randomBytes(kMiB);
     ChildProcess socat({"socat", "-t", "30", "-", "TCP:" + address(server)});
     EXPECT_TRUE(socat.exchange(bytes) == bytes);
-    EXPECT_EQ(socat.wait(), 0);
-    EXPECT_EQ(server.end(), 0);
+    EXPECT_EQ(0, socat.wait());
+    EXPECT_EQ(0, server.end());
 }
 
-TEST(EchoServerTest, ServesNcatThatClosesItsDirectionFirst) {
+TEST(EchoServer, ServesNcatThatClosesItsDirectionFirst) {
     ServerProgram server("echo_server");
     const std::string bytes = randomBytes(kMiB);
     ChildProcess ncat({"ncat", server.host(), std::to_string(server.port())});
     EXPECT_TRUE(ncat.exchange(bytes) == bytes);
-    EXPECT_EQ(ncat.wait(), 0);
-    EXPECT_EQ(server.end(), 0);
+    EXPECT_EQ(0, ncat.wait());
+    EXPECT_EQ(0, server.end());
 }
 
 // Sixteen times as much as the other two send, which is more than the kernel's buffers take on the way.
-TEST(EchoServerTest, ServesSocatThatReadsSlowly) {
+TEST(EchoServer, ServesSocatThatReadsSlowly) {
     ServerProgram server("echo_server");
     const std::string bytes = randomBytes(16 * kMiB);
     ChildProcess socat({"socat", "-t", "30", "-b", "2048", "-", "TCP:" + address(server) + ",rcvbuf=4096"});
     EXPECT_TRUE(socat.exchange(bytes, true) == bytes);
-    EXPECT_EQ(socat.wait(), 0);
-    EXPECT_EQ(server.end(), 0);
+    EXPECT_EQ(0, socat.wait());
+    EXPECT_EQ(0, server.end());
 }
 
-TEST(EchoServerTest, AnswersAConversationLineByLine) {
+TEST(EchoServer, AnswersAConversationLineByLine) {
     ServerProgram server("echo_server");
     ChildProcess ncat({"ncat", server.host(), std::to_string(server.port())});
     for (int i = 0; i < 20; ++i) {
@@ -91,13 +91,13 @@ TEST(EchoServerTest, AnswersAConversationLineByLine) {
         ncat.write(line + "\n");
         ASSERT_EQ(ncat.readLine(), line);
     }
-    EXPECT_EQ(ncat.exchange(""), "");
-    EXPECT_EQ(ncat.wait(), 0);
-    EXPECT_EQ(server.end(), 0);
+    EXPECT_EQ("", ncat.exchange(""));
+    EXPECT_EQ(0, ncat.wait());
+    EXPECT_EQ(0, server.end());
 }
 
 // What a client does not take must not pile up in the server: it stops reading, and the client cannot send.
-TEST(EchoServerTest, StopsReadingFromAClientThatDoesNotRead) {
+TEST(EchoServer, StopsReadingFromAClientThatDoesNotRead) {
     ServerProgram server("echo_server");
     const std::string bytes = randomBytes(32 * kMiB);
     TcpClient client(server.port(), "127.0.0.1", 4096);
@@ -105,10 +105,10 @@ TEST(EchoServerTest, StopsReadingFromAClientThatDoesNotRead) {
     EXPECT_LT(sent, bytes.size());
     EXPECT_TRUE(client.receive(sent) == bytes.substr(0, sent));
     EXPECT_TRUE(client.echoes("and now on"));
-    EXPECT_EQ(server.end(), 0);
+    EXPECT_EQ(0, server.end());
 }
 
-TEST(EchoServerTest, ClosesAnIdleConnectionAndKeepsABusyOne) {
+TEST(EchoServer, ClosesAnIdleConnectionAndKeepsABusyOne) {
     const int idle_ms = scaledMs(1500);
     ServerProgram server("echo_server", {"--idle-timeout", std::to_string(idle_ms)});
     TcpClient busy(server.port());
@@ -118,19 +118,19 @@ TEST(EchoServerTest, ClosesAnIdleConnectionAndKeepsABusyOne) {
     EXPECT_EVENTUALLY(busy.echoes("again") && idle.isClosed());
     EXPECT_GE(silence.elapsed_ms(), idle_ms - 1);
     EXPECT_TRUE(busy.echoes("still here"));
-    EXPECT_EQ(server.end(), 0);
+    EXPECT_EQ(0, server.end());
 }
 
-TEST(EchoServerTest, ClosesAConnectionThatHasNeverSaidAnything) {
+TEST(EchoServer, ClosesAConnectionThatHasNeverSaidAnything) {
     ServerProgram server("echo_server", {"--idle-timeout", "200"});
     TcpClient client(server.port());
-    EXPECT_EQ(client.receiveAll(), "");
+    EXPECT_EQ("", client.receiveAll());
     EXPECT_TRUE(client.wasClosed());
-    EXPECT_EQ(server.end(), 0);
+    EXPECT_EQ(0, server.end());
 }
 
 // There the time-out comes to handle_output_timeout: the server waits for room, and not for bytes.
-TEST(EchoServerTest, ClosesAClientThatTakesNothing) {
+TEST(EchoServer, ClosesAClientThatTakesNothing) {
     ServerProgram server("echo_server", {"--idle-timeout", "300"});
     const size_t before = server.descriptors();
     const std::string bytes = randomBytes(32 * kMiB);
@@ -139,10 +139,10 @@ TEST(EchoServerTest, ClosesAClientThatTakesNothing) {
     EXPECT_EVENTUALLY(server.descriptors() == before);
     client.receiveAll();
     EXPECT_TRUE(client.wasClosed());
-    EXPECT_EQ(server.end(), 0);
+    EXPECT_EQ(0, server.end());
 }
 
-TEST(EchoServerTest, ServesFourThousandConnectionsAtOnce) {
+TEST(EchoServer, ServesFourThousandConnectionsAtOnce) {
     constexpr int kConnections = 4000;
     allowDescriptors(kConnections + 100);
     ServerProgram server("echo_server", {"--threads", "2", "--max-per-address", "0"});
@@ -164,12 +164,12 @@ TEST(EchoServerTest, ServesFourThousandConnectionsAtOnce) {
     clients.clear();
     EXPECT_EVENTUALLY(server.descriptors() == before);
     EXPECT_TRUE(TcpClient(server.port()).echoes("and one more"));
-    EXPECT_EQ(server.end(), 0);
+    EXPECT_EQ(0, server.end());
 }
 
 // More than a pool can watch: whoever is beyond that learns it at once, and need not wait until one of the
 // others leaves.
-TEST(EchoServerTest, ClosesConnectionsThatItsPoolHasNoPlaceFor) {
+TEST(EchoServer, ClosesConnectionsThatItsPoolHasNoPlaceFor) {
     constexpr int kPlaces = 4089;  // of the 4090 members one is the listener
     allowDescriptors(kPlaces + 200);
     ServerProgram server("echo_server", {"--max-per-address", "0"});
@@ -189,7 +189,7 @@ TEST(EchoServerTest, ClosesConnectionsThatItsPoolHasNoPlaceFor) {
     EXPECT_EQ(0, server.end());
 }
 
-TEST(EchoServerTest, LetsNoAddressTakeMoreThanItsShare) {
+TEST(EchoServer, LetsNoAddressTakeMoreThanItsShare) {
     ServerProgram server("echo_server", {"--host", "::", "--max-per-address", "2"});
     std::list<TcpClient> clients;
     for (int i = 0; i < 2; ++i) {
@@ -208,7 +208,7 @@ TEST(EchoServerTest, LetsNoAddressTakeMoreThanItsShare) {
 }
 
 // At least, as often as a second has passed.
-TEST(EchoServerTest, TellsOnceASecondWhomItHasTurnedAway) {
+TEST(EchoServer, TellsOnceASecondWhomItHasTurnedAway) {
     ChildProcess server(
         {"sh", "-c", "exec " RETICOR_EXAMPLES_DIR "/echo_server --port 0 --max-per-address 1 2>&1"});
     const std::string line = server.readLine();
@@ -233,7 +233,7 @@ TEST(EchoServerTest, TellsOnceASecondWhomItHasTurnedAway) {
     EXPECT_EQ(0, server.wait());
 }
 
-TEST(EchoServerTest, ClosesWhoeverItHasNoDescriptorFor) {
+TEST(EchoServer, ClosesWhoeverItHasNoDescriptorFor) {
     constexpr size_t kDescriptors = 64;
     constexpr size_t kConnections = 200;
     ServerProgram server("echo_server", {}, kDescriptors);
@@ -264,7 +264,7 @@ TEST(EchoServerTest, ClosesWhoeverItHasNoDescriptorFor) {
 
 // The descriptor that is kept for turning clients away is of no use either: the server rests, and looks
 // again.
-TEST(EchoServerTest, RestsWhileNoDescriptorCanBeOpened) {
+TEST(EchoServer, RestsWhileNoDescriptorCanBeOpened) {
     ServerProgram server("echo_server");
     EXPECT_TRUE(TcpClient(server.port()).echoes("nothing is scarce yet"));
     rlimit all{};
@@ -288,7 +288,7 @@ TEST(EchoServerTest, RestsWhileNoDescriptorCanBeOpened) {
     EXPECT_EQ(0, server.end());
 }
 
-TEST(EchoServerTest, GivesEveryDescriptorBack) {
+TEST(EchoServer, GivesEveryDescriptorBack) {
     ServerProgram server("echo_server");
     const size_t before = server.descriptors();
     const size_t threads = server.threads();
@@ -301,25 +301,25 @@ TEST(EchoServerTest, GivesEveryDescriptorBack) {
     }
     EXPECT_EVENTUALLY(server.descriptors() == before);
     EXPECT_EQ(server.threads(), threads);
-    EXPECT_EQ(server.end(), 0);
+    EXPECT_EQ(0, server.end());
 }
 
-TEST(EchoServerTest, EndsOnSigtermWithConnectionsOpen) {
+TEST(EchoServer, EndsOnSigtermWithConnectionsOpen) {
     ServerProgram server("echo_server");
     std::list<TcpClient> clients;
     for (int i = 0; i < 50; ++i) {
         clients.emplace_back(server.port());
         ASSERT_TRUE(clients.back().echoes("hello"));
     }
-    EXPECT_EQ(server.end(SIGTERM), 0);
+    EXPECT_EQ(0, server.end(SIGTERM));
     for (TcpClient& client : clients) {
-        EXPECT_EQ(client.receiveAll(), "");
+        EXPECT_EQ("", client.receiveAll());
         EXPECT_TRUE(client.wasClosed());
     }
     EXPECT_FALSE(TcpClient(server.port()).isConnected());
 }
 
-TEST(EchoServerTest, EndsOnSigintUnderLoad) {
+TEST(EchoServer, EndsOnSigintUnderLoad) {
     ServerProgram server("echo_server", {"--threads", "2"});
     const std::string bytes = randomBytes(kMiB);
     std::list<TcpClient> clients;
@@ -327,33 +327,33 @@ TEST(EchoServerTest, EndsOnSigintUnderLoad) {
         clients.emplace_back(server.port());
         clients.back().sendUntilStuck(bytes, 0);
     }
-    EXPECT_EQ(server.end(SIGINT), 0);
+    EXPECT_EQ(0, server.end(SIGINT));
 }
 
-TEST(EchoServerTest, EndsBeforeAnybodyHasConnected) {
-    EXPECT_EQ(ServerProgram("echo_server").end(), 0);
+TEST(EchoServer, EndsBeforeAnybodyHasConnected) {
+    EXPECT_EQ(0, ServerProgram("echo_server").end());
 }
 
-TEST(EchoServerTest, ServesBothFamiliesOnOneListener) {
+TEST(EchoServer, ServesBothFamiliesOnOneListener) {
     ServerProgram server("echo_server", {"--host", "::"});
-    EXPECT_EQ(server.host(), "[::]");
+    EXPECT_EQ("[::]", server.host());
     EXPECT_TRUE(TcpClient(server.port(), "127.0.0.1").echoes("IPv4"));
     EXPECT_TRUE(TcpClient(server.port(), "::1").echoes("IPv6"));
-    EXPECT_EQ(server.end(), 0);
+    EXPECT_EQ(0, server.end());
 }
 
-TEST(EchoServerTest, SaysThatItsPortIsTaken) {
+TEST(EchoServer, SaysThatItsPortIsTaken) {
     ServerProgram server("echo_server");
     ChildProcess second({RETICOR_EXAMPLES_DIR "/echo_server", "--port", std::to_string(server.port())});
-    EXPECT_EQ(second.readLine(), "");
-    EXPECT_EQ(second.wait(), 1);
-    EXPECT_EQ(server.end(), 0);
+    EXPECT_EQ("", second.readLine());
+    EXPECT_EQ(1, second.wait());
+    EXPECT_EQ(0, server.end());
 }
 
-TEST(EchoServerTest, RefusesOptionsThatMakeNoSense) {
+TEST(EchoServer, RefusesOptionsThatMakeNoSense) {
     for (const char* option : {"--port=70000", "--threads=0", "--idle-timeout=-1", "--surprise"}) {
         ChildProcess server({RETICOR_EXAMPLES_DIR "/echo_server", option});
-        EXPECT_EQ(server.exchange(""), "") << option;
+        EXPECT_EQ("", server.exchange("")) << option;
         EXPECT_GT(server.wait(), 0) << option;
     }
 }

@@ -15,13 +15,13 @@ using Orvex::Testing::ChildProcess;
 
 namespace {
 
-class FileCopyTest : public testing::Test {
+class FileCopy : public testing::Test {
 protected:
-    FileCopyTest() {
+    FileCopy() {
         m_folder = "/tmp/reticor-copy-" + std::string(6, 'X');  // which mkdtemp replaces
         EXPECT_NE(nullptr, mkdtemp(m_folder.data()));
     }
-    ~FileCopyTest() override { std::filesystem::remove_all(m_folder); }
+    ~FileCopy() override { std::filesystem::remove_all(m_folder); }
 
     std::string path(const char* name) const { return m_folder + "/" + name; }
 
@@ -45,7 +45,7 @@ private:
     std::string m_folder;
 };
 
-TEST_F(FileCopyTest, CopiesAndVerifies) {
+TEST_F(FileCopy, CopiesAndVerifies) {
     std::string bytes;
     for (unsigned i = 0; bytes.size() < 3000000; ++i) {
         bytes += std::to_string(i);
@@ -53,11 +53,11 @@ TEST_F(FileCopyTest, CopiesAndVerifies) {
     expectCopied(bytes);
 }
 
-TEST_F(FileCopyTest, CopiesAnEmptyFile) {
+TEST_F(FileCopy, CopiesAnEmptyFile) {
     expectCopied("");
 }
 
-TEST_F(FileCopyTest, ATargetThatCannotBeMadeIsAnError) {
+TEST_F(FileCopy, ATargetThatCannotBeMadeIsAnError) {
     std::ofstream(path("source")) << "some";
     ChildProcess program({RETICOR_EXAMPLES_DIR "/file_copy", path("source"), path("no/such/folder")});
     EXPECT_EQ("", program.exchange(""));
@@ -65,14 +65,14 @@ TEST_F(FileCopyTest, ATargetThatCannotBeMadeIsAnError) {
 }
 
 // Nobody makes room while the program runs, so it gives up.
-TEST_F(FileCopyTest, AFullDiskIsAnError) {
+TEST_F(FileCopy, AFullDiskIsAnError) {
     std::ofstream(path("source")) << "some";
     ChildProcess program({RETICOR_EXAMPLES_DIR "/file_copy", path("source"), "/dev/full"});
     program.exchange("");
     EXPECT_EQ(1, program.wait());
 }
 
-TEST_F(FileCopyTest, ATargetWhoseCloseFailsIsAnError) {
+TEST_F(FileCopy, ATargetWhoseCloseFailsIsAnError) {
     std::ofstream(path("source")) << "some";
     ChildProcess program({"/usr/bin/env", "LD_PRELOAD=" RETICOR_FILE_FAULT, "FILE_FAULT_CLOSE=1",
                           "FILE_FAULT_PATH=" + path("target"), RETICOR_EXAMPLES_DIR "/file_copy",
@@ -81,7 +81,7 @@ TEST_F(FileCopyTest, ATargetWhoseCloseFailsIsAnError) {
     EXPECT_EQ(1, program.wait());
 }
 
-TEST_F(FileCopyTest, ASourceThatEndsEarlyIsAnError) {
+TEST_F(FileCopy, ASourceThatEndsEarlyIsAnError) {
     std::ofstream(path("source")) << std::string(300000, 'x');
     ChildProcess program({"/usr/bin/env", "LD_PRELOAD=" RETICOR_FILE_FAULT, "FILE_FAULT_END=200001",
                           "FILE_FAULT_PATH=" + path("source"), RETICOR_EXAMPLES_DIR "/file_copy",

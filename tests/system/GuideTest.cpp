@@ -21,10 +21,10 @@ namespace {
 
 using Orvex::Testing::TcpClient;
 
-class GuideTest : public testing::Test {
+class Guide : public testing::Test {
 protected:
-    void SetUp() override { ASSERT_EQ(CreateThreadPool(2, 0), 0); }
-    void TearDown() override { EXPECT_EQ(DestroyThreadPool(), 0); }
+    void SetUp() override { ASSERT_EQ(0, CreateThreadPool(2, 0)); }
+    void TearDown() override { EXPECT_EQ(0, DestroyThreadPool()); }
 
     CSemaphore m_gone{0};
 };
@@ -36,8 +36,8 @@ public:
         m_address.sin_family = AF_INET;
         m_address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         socklen_t length = sizeof m_address;
-        EXPECT_EQ(bind(m_fd, reinterpret_cast<sockaddr*>(&m_address), length), 0);
-        EXPECT_EQ(getsockname(m_fd, reinterpret_cast<sockaddr*>(&m_address), &length), 0);
+        EXPECT_EQ(0, bind(m_fd, reinterpret_cast<sockaddr*>(&m_address), length));
+        EXPECT_EQ(0, getsockname(m_fd, reinterpret_cast<sockaddr*>(&m_address), &length));
     }
     ~DeadPort() { close(m_fd); }
     unsigned short number() const { return ntohs(m_address.sin_port); }
@@ -49,56 +49,56 @@ private:
 
 }  // namespace
 
-TEST_F(GuideTest, PulseBeatsAsOftenAsItWasAskedTo) {
+TEST_F(Guide, PulseBeatsAsOftenAsItWasAskedTo) {
     std::atomic<int> beats{0};
     Pulse::Create(m_gone, beats, 10);
     m_gone.pend();
-    EXPECT_EQ(beats, 10);
+    EXPECT_EQ(10, beats);
 }
 
-TEST_F(GuideTest, CountdownEndsItselfAndItsTimer) {
+TEST_F(Guide, CountdownEndsItselfAndItsTimer) {
     countDown(m_gone, 3);
     m_gone.pend();
 }
 
-TEST_F(GuideTest, AskerLearnsTheSumFromAdder) {
+TEST_F(Guide, AskerLearnsTheSumFromAdder) {
     std::atomic<long> sum{0};
     auto* adder = new Adder(m_gone);
     (new Asker(m_gone, adder->GetID(), 100, sum))->start();
     m_gone.pend();
-    EXPECT_EQ(sum, 5050);
+    EXPECT_EQ(5050, sum);
     adder->Close();
     m_gone.pend();
 }
 
-TEST_F(GuideTest, CallerHearsWhatDoorSays) {
+TEST_F(Guide, CallerHearsWhatDoorSays) {
     auto* door = new Door(m_gone);
     ASSERT_TRUE(door->open(CSockAddrIPv4("127.0.0.1", 0)));
     Caller::Result result;
     Caller::Create(m_gone, CSockAddrIPv4("127.0.0.1", static_cast<unsigned short>(door->port())), result);
     m_gone.pend();
     EXPECT_EQ(result.outcome, Caller::Outcome::Done);
-    EXPECT_EQ(result.answer, "welcome, 127.0.0.1\n");
+    EXPECT_EQ("welcome, 127.0.0.1\n", result.answer);
     door->shut();
     m_gone.pend();
 }
 
-TEST_F(GuideTest, CallerLearnsThatItWasRefused) {
+TEST_F(Guide, CallerLearnsThatItWasRefused) {
     const DeadPort port;
     Caller::Result result;
     Caller::Create(m_gone, CSockAddrIPv4("127.0.0.1", port.number()), result);
     m_gone.pend();
     EXPECT_EQ(result.outcome, Caller::Outcome::Refused);
-    EXPECT_EQ(result.answer, "");
+    EXPECT_EQ("", result.answer);
 }
 
-TEST_F(GuideTest, OneListenerServesBothFamilies) {
+TEST_F(Guide, OneListenerServesBothFamilies) {
     auto* door = new Door(m_gone);
     ASSERT_TRUE(openForEverybody(*door, 0));
     TcpClient four(door->port(), "127.0.0.1");
-    EXPECT_EQ(four.receiveLine(), "welcome, ::ffff:127.0.0.1");
+    EXPECT_EQ("welcome, ::ffff:127.0.0.1", four.receiveLine());
     TcpClient six(door->port(), "::1");
-    EXPECT_EQ(six.receiveLine(), "welcome, ::1");
+    EXPECT_EQ("welcome, ::1", six.receiveLine());
     auto* second = new Door(m_gone);
     EXPECT_FALSE(second->open(CSockAddrIPv4("0.0.0.0", static_cast<unsigned short>(door->port()))));
     second->shut();
@@ -107,14 +107,14 @@ TEST_F(GuideTest, OneListenerServesBothFamilies) {
     m_gone.pend();
 }
 
-TEST_F(GuideTest, DoorRestsWhileThereAreNoDescriptors) {
+TEST_F(Guide, DoorRestsWhileThereAreNoDescriptors) {
     auto* door = new Door(m_gone);
     ASSERT_TRUE(door->open(CSockAddrIPv4("127.0.0.1", 0)));
     const int port = door->port();
     rlimit limit{};
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &limit));
     limit.rlim_cur = 128;
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &limit));
 
     std::list<int> taken;
     for (int fd; (fd = dup(STDERR_FILENO)) >= 0;) {
@@ -130,20 +130,20 @@ TEST_F(GuideTest, DoorRestsWhileThereAreNoDescriptors) {
     for (const int fd : taken) {
         close(fd);
     }
-    EXPECT_EQ(client.receiveLine(), "welcome, 127.0.0.1");
+    EXPECT_EQ("welcome, 127.0.0.1", client.receiveLine());
     door->shut();
     m_gone.pend();
 }
 
-TEST_F(GuideTest, GiverSendsEverythingToASlowReader) {
+TEST_F(Guide, GiverSendsEverythingToASlowReader) {
     CSockAcceptor acceptor;
     acceptor.SetBlockOpt(true);
-    ASSERT_EQ(acceptor.Open(CSockAddrIPv4("127.0.0.1", 0)), 0);
+    ASSERT_EQ(0, acceptor.Open(CSockAddrIPv4("127.0.0.1", 0)));
     CSockAddrIPv4 local;
-    ASSERT_EQ(acceptor.GetLocalAddr(&local), 0);
+    ASSERT_EQ(0, acceptor.GetLocalAddr(&local));
     TcpClient client(local.GetPort(), "127.0.0.1", 4096);
     CSockStream peer;
-    ASSERT_EQ(acceptor.Accept(peer, nullptr), 0);
+    ASSERT_EQ(0, acceptor.Accept(peer, nullptr));
     peer.SetBlockOpt(false);
     std::string bytes;
     while (bytes.size() < 6000000) {
@@ -155,23 +155,23 @@ TEST_F(GuideTest, GiverSendsEverythingToASlowReader) {
     m_gone.pend();
 }
 
-TEST_F(GuideTest, GiverEndsWhenItsReaderHangsUp) {
+TEST_F(Guide, GiverEndsWhenItsReaderHangsUp) {
     CSockAcceptor acceptor;
     acceptor.SetBlockOpt(true);
-    ASSERT_EQ(acceptor.Open(CSockAddrIPv4("127.0.0.1", 0)), 0);
+    ASSERT_EQ(0, acceptor.Open(CSockAddrIPv4("127.0.0.1", 0)));
     CSockAddrIPv4 local;
-    ASSERT_EQ(acceptor.GetLocalAddr(&local), 0);
+    ASSERT_EQ(0, acceptor.GetLocalAddr(&local));
     TcpClient client(local.GetPort());
     CSockStream peer;
-    ASSERT_EQ(acceptor.Accept(peer, nullptr), 0);
+    ASSERT_EQ(0, acceptor.Accept(peer, nullptr));
     peer.SetBlockOpt(false);
     Giver::Create(m_gone, peer, std::string(50000000, 'g'));
-    EXPECT_EQ(client.receive(10000).size(), 10000u);
+    EXPECT_EQ(10000u, client.receive(10000).size());
     client.reset();
     m_gone.pend();
 }
 
-TEST_F(GuideTest, MeterAnswersInBothFamilies) {
+TEST_F(Guide, MeterAnswersInBothFamilies) {
     for (const char* ip : {"127.0.0.1", "::1"}) {
         auto* meter = new Meter(m_gone);
         meter->AddRef();  // it ends itself, and is asked for its port before that
@@ -181,29 +181,29 @@ TEST_F(GuideTest, MeterAnswersInBothFamilies) {
         CSockDgram sock;
         sock.SetBlockOpt(true);
         const CSockAddrStorage any(ip, 0);
-        ASSERT_EQ(sock.Open(&any), 0);
-        ASSERT_EQ(sock.SetRemote(&remote), 0);
+        ASSERT_EQ(0, sock.Open(&any));
+        ASSERT_EQ(0, sock.SetRemote(&remote));
         char answer[16] = "";
-        EXPECT_EQ(sock.Send("seventeen letters", 17, nullptr), 17);
-        EXPECT_EQ(sock.Recv(answer, sizeof answer, nullptr), 2);
-        EXPECT_STREQ(answer, "17");
+        EXPECT_EQ(17, sock.Send("seventeen letters", 17, nullptr));
+        EXPECT_EQ(2, sock.Recv(answer, sizeof answer, nullptr));
+        EXPECT_STREQ("17", answer);
         sock.Send("end", 3, nullptr);
         m_gone.pend();
     }
 }
 
-TEST_F(GuideTest, PlayerPlaysInRealTimeAndFaster) {
+TEST_F(Guide, PlayerPlaysInRealTimeAndFaster) {
     for (const float speed : {1.0F, 4.0F}) {
         std::atomic<int> played{0};
         const uint64_t begin = Orvex::Infra::CTime::getCurrentMilliSecond();
         Player::Create(m_gone, played, 6, speed);
         m_gone.pend();
-        EXPECT_EQ(played, 6);
+        EXPECT_EQ(6, played);
         EXPECT_GE(static_cast<float>(Orvex::Infra::CTime::getCurrentMilliSecond() - begin), 100 / speed);
     }
 }
 
-TEST_F(GuideTest, HandlersRunOnAPrivatePool) {
+TEST_F(Guide, HandlersRunOnAPrivatePool) {
     CSemaphore gone{0};
     const int result = onPrivatePool(2, [&](int pool) {
         EXPECT_GT(pool, 0);
@@ -211,22 +211,22 @@ TEST_F(GuideTest, HandlersRunOnAPrivatePool) {
         handler->Close();
         gone.pend();
     });
-    EXPECT_EQ(result, 0);
+    EXPECT_EQ(0, result);
 }
 
-TEST_F(GuideTest, SinkCountsErrors) {
+TEST_F(Guide, SinkCountsErrors) {
     ErrorCount count;
-    EXPECT_EQ(CNetThread::DestroyPrivatePool(63), -1);  // none there: one line at level 2
-    EXPECT_EQ(count.errors(), 1);
+    EXPECT_EQ(-1, CNetThread::DestroyPrivatePool(63));  // none there: one line at level 2
+    EXPECT_EQ(1, count.errors());
 }
 
-TEST_F(GuideTest, ScribeWritesAllThatItWasTold) {
+TEST_F(Guide, ScribeWritesAllThatItWasTold) {
     const std::string path = "/tmp/reticor-guide-" + std::to_string(getpid());
     const std::string text = "all work and no play makes a dull file\n";
-    ASSERT_EQ(CreateThreadPool(2, 1), 0);  // the file workers live until the fixture lets the library go
+    ASSERT_EQ(0, CreateThreadPool(2, 1));  // the file workers live until the fixture lets the library go
     Scribe::Create(m_gone, path, text, 50000);
     m_gone.pend();
-    EXPECT_EQ(DestroyThreadPool(), 0);
+    EXPECT_EQ(0, DestroyThreadPool());
     struct stat found {};
     EXPECT_EVENTUALLY(stat(path.c_str(), &found) == 0 &&
                       found.st_size == static_cast<off_t>(50000 * text.size()));

@@ -10,16 +10,16 @@
 
 namespace {
 
-class MediaGuideTest : public testing::Test {
+class MediaGuide : public testing::Test {
 protected:
     void SetUp() override {
-        ASSERT_EQ(CreateThreadPool(2, 0), 0);
-        ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, m_ends), 0);
+        ASSERT_EQ(0, CreateThreadPool(2, 0));
+        ASSERT_EQ(0, ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, m_ends));
         m_peer.Attach(m_ends[0]);
     }
     void TearDown() override {
         ::close(m_ends[1]);
-        EXPECT_EQ(DestroyThreadPool(), 0);
+        EXPECT_EQ(0, DestroyThreadPool());
     }
     std::string read(std::size_t length) {
         std::string bytes(length, '\0');
@@ -32,36 +32,36 @@ protected:
     Orvex::Infra::CSemaphore m_gone{0};
 };
 
-TEST_F(MediaGuideTest, AViewerGetsAccessUnitsAndEndsOnRequest) {
+TEST_F(MediaGuide, AViewerGetsAccessUnitsAndEndsOnRequest) {
     CMediaBuffer buffer;
     boundKernelShare(m_peer, 4000000);
     Viewer* const viewer = Viewer::Create(buffer, m_peer, m_gone);
     putAccessUnit(buffer, "head", "picture", levelOfPicture(true));
     putAccessUnit(buffer, "HEAD", "sound", levelOfSound());
     putAccessUnit(buffer, "head", "next", levelOfPicture(false));
-    EXPECT_EQ(read(28), "headpictureHEADsoundheadnext");
-    EXPECT_EQ(viewer->stats().frames, 3U);
+    EXPECT_EQ("headpictureHEADsoundheadnext", read(28));
+    EXPECT_EQ(3U, viewer->stats().frames);
     viewer->end();
     m_gone.pend();
 }
 
-TEST_F(MediaGuideTest, AViewerThatGoesAwayIsNoticed) {
+TEST_F(MediaGuide, AViewerThatGoesAwayIsNoticed) {
     CMediaBuffer buffer;
     Viewer::Create(buffer, m_peer, m_gone);
     putAccessUnit(buffer, "head", "picture", levelOfPicture(true));
     ::shutdown(m_ends[1], SHUT_RDWR);
     putAccessUnit(buffer, "head", "picture", levelOfPicture(true));
     m_gone.pend();
-    EXPECT_EQ(buffer.GetStats().senders, 0U);
+    EXPECT_EQ(0U, buffer.GetStats().senders);
 }
 
-TEST_F(MediaGuideTest, ARecorderKeepsWhatTheBufferLetsGo) {
+TEST_F(MediaGuide, ARecorderKeepsWhatTheBufferLetsGo) {
     CMediaBuffer buffer;
     Recorder recorder;
     buffer.AddLevel2Buffer(&recorder);
     putAccessUnit(buffer, "head", "picture", levelOfPicture(true));
-    EXPECT_EQ(recorder.frames(), 1);
-    EXPECT_EQ(buffer.GetBufferSize(), 0U);
+    EXPECT_EQ(1, recorder.frames());
+    EXPECT_EQ(0U, buffer.GetBufferSize());
     buffer.DelLevel2Buffer(&recorder);
 }
 

@@ -34,20 +34,21 @@ struct Output {
 
 }  // namespace
 
-TEST(MetronomeTest, CountsItsBeatsWithASecondVoiceFromTheSecondBarOn) {
+TEST(Metronome, CountsItsBeatsWithASecondVoiceFromTheSecondBarOn) {
     ChildProcess program(command({"--bpm", "3000", "--beats", "9", "--report", "0.05"}));
     const Output output(program);
-    EXPECT_EQ(output.beats,
-              "   1  TOCK\n   2\n   3\n   4\n"
-              "   5  TOCK\n      tick\n   6\n      tick\n   7\n      tick\n   8\n      tick\n"
-              "   9  TOCK\n");
+    EXPECT_EQ(
+        "   1  TOCK\n   2\n   3\n   4\n"
+        "   5  TOCK\n      tick\n   6\n      tick\n   7\n      tick\n   8\n      tick\n"
+        "   9  TOCK\n",
+        output.beats);
     ASSERT_GE(output.reports.size(), 2U);
-    EXPECT_EQ(output.reports.front().rfind("      after ", 0), 0U) << output.reports.front();
-    EXPECT_EQ(output.reports.back().rfind("9 beats, the worst ", 0), 0U) << output.reports.back();
-    EXPECT_EQ(program.wait(), 0);
+    EXPECT_EQ(0U, output.reports.front().rfind("      after ", 0)) << output.reports.front();
+    EXPECT_EQ(0U, output.reports.back().rfind("9 beats, the worst ", 0)) << output.reports.back();
+    EXPECT_EQ(0, program.wait());
 }
 
-TEST(MetronomeTest, EndsInOrderWhenItIsToldTo) {
+TEST(Metronome, EndsInOrderWhenItIsToldTo) {
     for (const int signal : {SIGINT, SIGTERM}) {
         ChildProcess program(command({"--bpm", "6000", "--report", "0.05"}));
         while (program.readLine().find("      after ") != 0) {
@@ -55,14 +56,14 @@ TEST(MetronomeTest, EndsInOrderWhenItIsToldTo) {
         }
         program.signal(signal);
         const Output output(program);
-        EXPECT_EQ(program.wait(), 0);
+        EXPECT_EQ(0, program.wait());
         ASSERT_FALSE(output.reports.empty());
         EXPECT_NE(output.reports.back().find(" beats, the worst "), std::string::npos);
     }
 }
 
-TEST(MetronomeTest, RefusesWhatItCannotPlay) {
+TEST(Metronome, RefusesWhatItCannotPlay) {
     ChildProcess program(command({"--bpm", "0"}));
     program.exchange("");
-    EXPECT_NE(program.wait(), 0);
+    EXPECT_NE(0, program.wait());
 }

@@ -22,13 +22,13 @@ std::string contents(const std::string& path) {
 
 }  // namespace
 
-TEST(ReadmeTest, FirstProgramRuns) {
+TEST(Readme, FirstProgramRuns) {
     ChildProcess program({RETICOR_BUILD_DIR "/samples/readme_program"});
-    EXPECT_EQ(program.exchange(""), "tick 1\ntick 2\ntick 3\n");
-    EXPECT_EQ(program.wait(), 0);
+    EXPECT_EQ("tick 1\ntick 2\ntick 3\n", program.exchange(""));
+    EXPECT_EQ(0, program.wait());
 }
 
-TEST(ReadmeTest, FirstProgramIsTheExampleOfThatName) {
+TEST(Readme, FirstProgramIsTheExampleOfThatName) {
     const std::string readme = contents(RETICOR_SOURCE_DIR "/README.md");
     const size_t begin = readme.find("```cpp\n") + 7;
     const std::string printed = readme.substr(begin, readme.find("```\n", begin) - begin);

@@ -139,7 +139,7 @@ bool isKey(Codec codec, const Bytes& bytes) {
 
 }  // namespace
 
-TEST(TsFramerTest, FindsPacketsWhateverThePieces) {
+TEST(TsFramer, FindsPacketsWhateverThePieces) {
     Bytes bytes;
     for (unsigned i = 0; i < 40; ++i) {
         const Bytes next = packet(kVideoPid, i, false, {static_cast<uint8_t>(i)});
@@ -148,13 +148,13 @@ TEST(TsFramerTest, FindsPacketsWhateverThePieces) {
     for (const size_t piece : {1U, 187U, 188U, 189U, 7000U, 100000U}) {
         uint64_t skipped = 1;
         const std::vector<Bytes> found = frame(bytes, piece, skipped);
-        ASSERT_EQ(found.size(), 40U) << piece;
-        EXPECT_EQ(found[39][4], 39) << piece;
-        EXPECT_EQ(skipped, 0U);
+        ASSERT_EQ(40U, found.size()) << piece;
+        EXPECT_EQ(39, found[39][4]) << piece;
+        EXPECT_EQ(0U, skipped);
     }
 }
 
-TEST(TsFramerTest, SkipsWhatIsNoPacket) {
+TEST(TsFramer, SkipsWhatIsNoPacket) {
     Bytes bytes(1000, 0x11);
     bytes[500] = kTsSync;  // one alone is not a packet
     for (unsigned i = 0; i < 10; ++i) {
@@ -166,11 +166,11 @@ TEST(TsFramerTest, SkipsWhatIsNoPacket) {
     }
     bytes.resize(bytes.size() - 20);  // the last one is cut
     uint64_t skipped = 0;
-    EXPECT_EQ(frame(bytes, 100, skipped).size(), 9U);
-    EXPECT_EQ(skipped, 1000U + 33 + 168);
+    EXPECT_EQ(9U, frame(bytes, 100, skipped).size());
+    EXPECT_EQ(1000U + 33 + 168, skipped);
 }
 
-TEST(TsPacketTest, KnowsAPacketThatIsNotSound) {
+TEST(TsPacket, KnowsAPacketThatIsNotSound) {
     Bytes bytes = packet(kVideoPid, 0, true, kIdr, true);
     EXPECT_TRUE(TsPacket(bytes.data()).isSound());
     bytes[4] = 183;  // an adaptation field that leaves no room for the payload
@@ -181,7 +181,7 @@ TEST(TsPacketTest, KnowsAPacketThatIsNotSound) {
     EXPECT_FALSE(TsPacket(bytes.data()).isSound());
 }
 
-TEST(TsSectionsTest, ReadsASectionOfSeveralPackets) {
+TEST(TsSections, ReadsASectionOfSeveralPackets) {
     Bytes section{2, 0xB3, 0, 0, kProgram, 0xC1, 0, 0, 0xE1, 0x00, 0xF0, 0};
     for (unsigned i = 0; i < 100; ++i) {
         section.insert(section.end(), {0x06, 0xE2, static_cast<uint8_t>(i), 0xF0, 0});
@@ -196,8 +196,8 @@ TEST(TsSectionsTest, ReadsASectionOfSeveralPackets) {
     Bytes packets;
     unsigned counter = 3;
     appendSection(packets, kMapPid, counter, section);
-    ASSERT_EQ(packets.size(), 3 * kTsPacketSize);
-    EXPECT_EQ(counter, 6U);
+    ASSERT_EQ(3 * kTsPacketSize, packets.size());
+    EXPECT_EQ(6U, counter);
 
     SectionReader reader;
     std::vector<Bytes> got;
@@ -207,15 +207,15 @@ TEST(TsSectionsTest, ReadsASectionOfSeveralPackets) {
         }
         packets[kTsPacketSize + 50] ^= 1;  // the second time it is damaged
     }
-    ASSERT_EQ(got.size(), 1U);
+    ASSERT_EQ(1U, got.size());
     EXPECT_EQ(got[0], section);
     ProgramMap map;
     ASSERT_TRUE(parseProgramMap(got[0], kProgram, map));
-    EXPECT_EQ(map.streams.size(), 100U);
+    EXPECT_EQ(100U, map.streams.size());
     EXPECT_FALSE(parseProgramMap(got[0], kProgram + 1, map));
 }
 
-TEST(KeyFramesTest, KnowsPicturesToBeginWith) {
+TEST(KeyFrames, KnowsPicturesToBeginWith) {
     EXPECT_TRUE(isKey(Codec::H264, kIdr));
     EXPECT_FALSE(isKey(Codec::H264, kSlice));
     EXPECT_TRUE(isKey(Codec::H264, {0, 0, 0, 1, 0x67, 1, 2, 0, 0, 1, 0x68, 0, 0, 1, 0x41}));
@@ -229,7 +229,7 @@ TEST(KeyFramesTest, KnowsPicturesToBeginWith) {
     EXPECT_FALSE(isKey(Codec::Other, kIdr));
 }
 
-TEST(TsDemuxerTest, CutsUnitsAndPutsTablesBeforeKeyFrames) {
+TEST(TsDemuxer, CutsUnitsAndPutsTablesBeforeKeyFrames) {
     Collector collector;
     TsDemuxer demuxer(collector);
     put(demuxer, packet(kVideoPid, 0, true, kIdr));  // before there are tables
@@ -244,20 +244,20 @@ TEST(TsDemuxerTest, CutsUnitsAndPutsTablesBeforeKeyFrames) {
     put(demuxer, packet(kVideoPid, 5, true, kSlice, true));  // the flag says that it is a key frame
     demuxer.flush();
 
-    ASSERT_EQ(collector.units.size(), 4U);
+    ASSERT_EQ(4U, collector.units.size());
     EXPECT_EQ(collector.units[0].kind, StreamKind::Video);
     EXPECT_TRUE(collector.units[0].key);
     EXPECT_EQ(collector.units[0].tables, tablePackets());
-    EXPECT_EQ(collector.units[0].packets.size(), 2 * kTsPacketSize);
+    EXPECT_EQ(2 * kTsPacketSize, collector.units[0].packets.size());
     EXPECT_FALSE(collector.units[1].key);
     EXPECT_TRUE(collector.units[1].tables.empty());
     EXPECT_TRUE(collector.units[2].key);
-    EXPECT_EQ(collector.units[2].tables.size(), 2 * kTsPacketSize);
+    EXPECT_EQ(2 * kTsPacketSize, collector.units[2].tables.size());
     EXPECT_EQ(collector.units[3].kind, StreamKind::Audio);
     EXPECT_FALSE(collector.units[3].key);
 }
 
-TEST(TsDemuxerTest, LetsClientsBeginAnywhereInSoundAlone) {
+TEST(TsDemuxer, LetsClientsBeginAnywhereInSoundAlone) {
     Collector collector;
     TsDemuxer demuxer(collector);
     put(demuxer, tablePackets(false));
@@ -268,24 +268,24 @@ TEST(TsDemuxerTest, LetsClientsBeginAnywhereInSoundAlone) {
     for (const AccessUnit& unit : collector.units) {
         keys += unit.key ? 1 : 0;
     }
-    EXPECT_EQ(collector.units.size(), 20U);
-    EXPECT_EQ(keys, 4U);
+    EXPECT_EQ(20U, collector.units.size());
+    EXPECT_EQ(4U, keys);
 }
 
-TEST(TsDemuxerTest, TakesAPictureForAKeyFrameIfThereIsNoneForLong) {
+TEST(TsDemuxer, TakesAPictureForAKeyFrameIfThereIsNoneForLong) {
     Collector collector;
     TsDemuxer demuxer(collector);
     put(demuxer, tablePackets());
     for (unsigned i = 0; i < 12; ++i) {
         put(demuxer, packet(kVideoPid, i, true, kSlice), 1 + i * 1000000);
     }
-    ASSERT_EQ(collector.units.size(), 11U);
+    ASSERT_EQ(11U, collector.units.size());
     EXPECT_FALSE(collector.units[8].key);
     EXPECT_TRUE(collector.units[9].key);
     EXPECT_FALSE(collector.units[10].key);
 }
 
-TEST(TsDemuxerTest, GivesUpAUnitWithoutEnd) {
+TEST(TsDemuxer, GivesUpAUnitWithoutEnd) {
     Collector collector;
     TsDemuxer demuxer(collector);
     put(demuxer, tablePackets());
@@ -294,13 +294,13 @@ TEST(TsDemuxerTest, GivesUpAUnitWithoutEnd) {
     for (int i = 0; i < 50000; ++i) {
         put(demuxer, more);
     }
-    EXPECT_EQ(demuxer.givenUp(), 1U);
+    EXPECT_EQ(1U, demuxer.givenUp());
     put(demuxer, packet(kVideoPid, 2, true, kIdr));
     demuxer.flush();
-    EXPECT_EQ(collector.units.size(), 1U);
+    EXPECT_EQ(1U, collector.units.size());
 }
 
-TEST(TsDemuxerTest, SurvivesAnyPackets) {
+TEST(TsDemuxer, SurvivesAnyPackets) {
     Collector collector;
     TsDemuxer demuxer(collector);
     TsLoop loop;
@@ -326,19 +326,19 @@ TEST(TsDemuxerTest, SurvivesAnyPackets) {
     EXPECT_GT(collector.units.size(), 100U);
 }
 
-TEST(PcrClockTest, RunsOnThroughWrapsAndJumps) {
+TEST(PcrClock, RunsOnThroughWrapsAndJumps) {
     PcrClock clock;
-    EXPECT_EQ(clock.at(kTsClockWrap - 27000, false), 1U);
-    EXPECT_EQ(clock.at(27000, false), 2001U);                  // 2 ms, and it wrapped
-    EXPECT_EQ(clock.at(27000 + 54000, false), 4001U);          // 2 ms
-    EXPECT_EQ(clock.at(90 * kTsClock, false), 6001U);          // too far ahead: as the step before
-    EXPECT_EQ(clock.at(10 * kTsClock, false), 8001U);          // back
-    EXPECT_EQ(clock.at(10 * kTsClock + 27000, true), 10001U);  // as the stream says
-    EXPECT_EQ(clock.at(10 * kTsClock + 54000, false), 11001U);
-    EXPECT_EQ(clock.jumps(), 3U);
+    EXPECT_EQ(1U, clock.at(kTsClockWrap - 27000, false));
+    EXPECT_EQ(2001U, clock.at(27000, false));                  // 2 ms, and it wrapped
+    EXPECT_EQ(4001U, clock.at(27000 + 54000, false));          // 2 ms
+    EXPECT_EQ(6001U, clock.at(90 * kTsClock, false));          // too far ahead: as the step before
+    EXPECT_EQ(8001U, clock.at(10 * kTsClock, false));          // back
+    EXPECT_EQ(10001U, clock.at(10 * kTsClock + 27000, true));  // as the stream says
+    EXPECT_EQ(11001U, clock.at(10 * kTsClock + 54000, false));
+    EXPECT_EQ(3U, clock.jumps());
 }
 
-TEST(TsLoopTest, CountsOnAndShiftsTheClock) {
+TEST(TsLoop, CountsOnAndShiftsTheClock) {
     TsLoop loop;
     const auto round = [&](std::vector<unsigned>& counters, std::vector<uint64_t>& clocks) {
         for (unsigned i = 0; i < 5; ++i) {
@@ -363,7 +363,7 @@ TEST(TsLoopTest, CountsOnAndShiftsTheClock) {
     }
 }
 
-TEST(HttpReaderTest, ReadsARequestInPiecesOfAnySize) {
+TEST(HttpReader, ReadsARequestInPiecesOfAnySize) {
     const std::string text = "GET /stats.json?x=1 HTTP/1.1\r\nHost: a\r\nAccept: */*\r\n\r\n";
     for (size_t piece = 1; piece <= text.size(); ++piece) {
         HttpReader reader;
@@ -372,13 +372,13 @@ TEST(HttpReaderTest, ReadsARequestInPiecesOfAnySize) {
         for (size_t at = 0; at < text.size() && status == 0; at += piece) {
             status = reader.put(text.data() + at, std::min(piece, text.size() - at), request);
         }
-        ASSERT_EQ(status, 200) << piece;
-        EXPECT_EQ(request.method, "GET");
-        EXPECT_EQ(request.path, "/stats.json");
+        ASSERT_EQ(200, status) << piece;
+        EXPECT_EQ("GET", request.method);
+        EXPECT_EQ("/stats.json", request.path);
     }
 }
 
-TEST(HttpReaderTest, BoundsTheHead) {
+TEST(HttpReader, BoundsTheHead) {
     HttpReader reader;
     HttpRequest request;
     const std::string line = "X-Header: " + std::string(100, 'x') + "\r\n";
@@ -388,11 +388,11 @@ TEST(HttpReaderTest, BoundsTheHead) {
         status = reader.put(line.data(), line.size(), request);
         size += line.size();
     }
-    EXPECT_EQ(status, 431);
+    EXPECT_EQ(431, status);
     EXPECT_LE(size, HttpReader::kMaxHead + line.size());
 }
 
-TEST(HttpReaderTest, SurvivesAnyBytes) {
+TEST(HttpReader, SurvivesAnyBytes) {
     std::mt19937 random(815);
     const std::string letters("GET /:\r\n \tHTP1.x\0\xff", 18);
     for (int i = 0; i < 20000; ++i) {

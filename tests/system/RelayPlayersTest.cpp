@@ -24,7 +24,7 @@ std::string probe(const std::string& url, char kind, int seconds) {
              " -count_frames -show_entries stream=codec_name,nb_read_frames -of compact=p=0 '" + url +
              "' 2>&1"});
     const std::string text = ffprobe.exchange("");
-    EXPECT_EQ(ffprobe.wait(), 0) << text;
+    EXPECT_EQ(0, ffprobe.wait()) << text;
     return text;
 }
 
@@ -33,7 +33,7 @@ std::string complaints(const std::string& url, const std::string& seconds) {
     ChildProcess ffmpeg(
         {"sh", "-c", "exec ffmpeg -v error -nostdin -i '" + url + "' -t " + seconds + " -f null - 2>&1"});
     const std::string text = ffmpeg.exchange("");
-    EXPECT_EQ(ffmpeg.wait(), 0);
+    EXPECT_EQ(0, ffmpeg.wait());
     return text;
 }
 
@@ -63,42 +63,42 @@ void playFromTheMiddle(const std::string& encoder, const std::string& codec) {
     const std::string audio = probe(relay.url("/live.ts"), 'a', 2);
     EXPECT_GE(field(audio, "aac", "nb_read_frames"), 80) << audio;  // of 86, at 44100 / 1024 a second
     EXPECT_LE(field(audio, "aac", "nb_read_frames"), 90) << audio;
-    EXPECT_EQ(complaints(relay.url("/live.ts"), "2"), "");
-    EXPECT_EQ(relay.end(), 0);
+    EXPECT_EQ("", complaints(relay.url("/live.ts"), "2"));
+    EXPECT_EQ(0, relay.end());
 }
 
 }  // namespace
 
-TEST(RelayPlayersTest, PlaysH264FromTheMiddleWithoutAnError) {
+TEST(RelayPlayers, PlaysH264FromTheMiddleWithoutAnError) {
     playFromTheMiddle("libx264", "h264");
 }
 
-TEST(RelayPlayersTest, PlaysH265FromTheMiddleWithoutAnError) {
+TEST(RelayPlayers, PlaysH265FromTheMiddleWithoutAnError) {
     playFromTheMiddle("libx265", "hevc");
 }
 
-TEST(RelayPlayersTest, PlaysMpeg2FromTheMiddleWithoutAnError) {
+TEST(RelayPlayers, PlaysMpeg2FromTheMiddleWithoutAnError) {
     playFromTheMiddle("mpeg2video", "mpeg2video");
 }
 
 // Clock, time stamps and counters go on where the file begins again: four rounds are one
 // stream. The sound of this file is longer than its picture, so a round lasts a little longer than one
 // second.
-TEST(RelayPlayersTest, PlaysALoopWithoutASeam) {
+TEST(RelayPlayers, PlaysALoopWithoutASeam) {
     const TempFolder folder;
     RelayProgram relay(patient({"--input", makeStream(folder, "libx264", 1), "--loop", "--speed", "4"}));
     const std::string found = probe(relay.url("/live.ts"), 'v', 4);
     EXPECT_GE(field(found, "h264", "nb_read_frames"), 94) << found;
     EXPECT_LE(field(found, "h264", "nb_read_frames"), 102) << found;
     EXPECT_EQ(found.find("DTS"), std::string::npos) << found;
-    EXPECT_EQ(complaints(relay.url("/live.ts"), "4"), "");
+    EXPECT_EQ("", complaints(relay.url("/live.ts"), "4"));
     EXPECT_GE(relay.stats()["input"]["rounds"], 3);
-    EXPECT_EQ(relay.end(), 0);
+    EXPECT_EQ(0, relay.end());
 }
 
 // A client of half the stream's speed skips ahead to key frames. What it gets is less, and all of it can be
 // decoded.
-TEST(RelayPlayersTest, GivesASlowPlayerOnlyWhatDecodes) {
+TEST(RelayPlayers, GivesASlowPlayerOnlyWhatDecodes) {
     const TempFolder folder;
     RelayProgram relay({"--input", makeStream(folder, "libx264", 4, 10, false), "--loop", "--speed", "4",
                         "--sndbuf", "4096", "--max-lag", "200"});
@@ -113,9 +113,9 @@ TEST(RelayPlayersTest, GivesASlowPlayerOnlyWhatDecodes) {
             bytes += slow.receive(3760);
         }
         stats = relay.stats();
-        ASSERT_EQ(stats["clients"].size(), 1U);
+        ASSERT_EQ(1U, stats["clients"].size());
     }
-    EXPECT_EQ(relay.end(), 0);
+    EXPECT_EQ(0, relay.end());
 
     size_t end = 0;  // of the last picture that is whole
     for (size_t at = 0; at + 188 <= bytes.size(); at += 188) {
@@ -125,10 +125,10 @@ TEST(RelayPlayersTest, GivesASlowPlayerOnlyWhatDecodes) {
     ASSERT_GT(end, 188U * 100);
     const std::string file = folder.file("slow.ts");
     std::ofstream(file, std::ios::binary) << bytes.substr(0, end);
-    EXPECT_EQ(complaints(file, "100"), "");
+    EXPECT_EQ("", complaints(file, "100"));
 }
 
-TEST(RelayPlayersTest, GivesThePlayerThatWasThereTheWholeFile) {
+TEST(RelayPlayers, GivesThePlayerThatWasThereTheWholeFile) {
     const TempFolder folder;
     const std::string file = makeStream(folder, "libx264", 2);
     ChildProcess relay({RETICOR_EXAMPLES_DIR "/media_relay", "--port", "0", "--input", "-"});
@@ -144,21 +144,21 @@ TEST(RelayPlayersTest, GivesThePlayerThatWasThereTheWholeFile) {
     }());
     ChildProcess cat({"cat", file});
     relay.exchange(cat.exchange(""));
-    EXPECT_EQ(relay.wait(), 0);  // the input has ended
+    EXPECT_EQ(0, relay.wait());  // the input has ended
     const std::string found = ffprobe.exchange("");
-    EXPECT_EQ(field(found, "h264", "nb_read_packets"), 50) << found;
-    EXPECT_EQ(ffprobe.wait(), 0);
+    EXPECT_EQ(50, field(found, "h264", "nb_read_packets")) << found;
+    EXPECT_EQ(0, ffprobe.wait());
 }
 
-TEST(RelayPlayersTest, PlaysTheTestPicture) {
+TEST(RelayPlayers, PlaysTheTestPicture) {
     RelayProgram relay(patient({"--fps", "50"}));
     const std::string found = probe(relay.url("/live.mjpg"), 'v', 1);
     EXPECT_GE(field(found, "mjpeg", "nb_read_frames"), 20) << found;
-    EXPECT_EQ(complaints(relay.url("/live.mjpg"), "0.5"), "");
-    EXPECT_EQ(relay.end(), 0);
+    EXPECT_EQ("", complaints(relay.url("/live.mjpg"), "0.5"));
+    EXPECT_EQ(0, relay.end());
 }
 
-TEST(RelayPlayersTest, AnswersCurl) {
+TEST(RelayPlayers, AnswersCurl) {
     RelayProgram relay({});
     const auto curl = [&](const std::vector<std::string>& options, const std::string& path) {
         std::vector<std::string> command{"curl", "-s", "-m", "20"};
@@ -168,17 +168,17 @@ TEST(RelayPlayersTest, AnswersCurl) {
     };
     EXPECT_NE(curl({}, "/").find("<title>media_relay</title>"), std::string::npos);
     EXPECT_TRUE(json::parse(curl({}, "/stats.json"))["buffer"].contains("frames"));
-    EXPECT_EQ(curl({"-o", "/dev/null", "-w", "%{http_code}"}, "/nothing"), "404");
-    EXPECT_EQ(curl({"-o", "/dev/null", "-w", "%{http_code}"}, "/live.ts"), "404");  // there is a test picture
-    EXPECT_EQ(curl({"-o", "/dev/null", "-w", "%{http_code}", "-d", "x=1"}, "/"), "405");
+    EXPECT_EQ("404", curl({"-o", "/dev/null", "-w", "%{http_code}"}, "/nothing"));
+    EXPECT_EQ("404", curl({"-o", "/dev/null", "-w", "%{http_code}"}, "/live.ts"));  // there is a test picture
+    EXPECT_EQ("405", curl({"-o", "/dev/null", "-w", "%{http_code}", "-d", "x=1"}, "/"));
     EXPECT_NE(curl({"-I"}, "/live.mjpg").find("multipart/x-mixed-replace"), std::string::npos);
     ChildProcess live({"sh", "-c", "curl -s -m 20 " + relay.url("/live.mjpg") + " | head -c 100000"});
     EXPECT_NE(live.exchange("").find("X-Frame: "), std::string::npos);
-    EXPECT_EQ(relay.end(), 0);
+    EXPECT_EQ(0, relay.end());
 }
 
 // The page as a person sees it: the picture moves, the plots draw, and a client that stalls is shown as such.
-TEST(RelayPlayersTest, ShowsThePageInABrowser) {
+TEST(RelayPlayers, ShowsThePageInABrowser) {
     RelayProgram relay({"--size", "320x180", "--stall-timeout", "60"});
     Browser browser(relay.url("/"));
     EXPECT_TRUE(browser.becomesTrue(R"(
@@ -214,14 +214,14 @@ TEST(RelayPlayersTest, ShowsThePageInABrowser) {
         << "the stalled client does not show";
     EXPECT_TRUE(browser.becomesTrue(R"(document.querySelectorAll("#clients tr.live").length === 1)"))
         << "the browser's own picture is no live client";
-    EXPECT_EQ(relay.end(), 0);
+    EXPECT_EQ(0, relay.end());
 }
 
-TEST(RelayPlayersTest, TellsABrowserHowToPlayATransportStream) {
+TEST(RelayPlayers, TellsABrowserHowToPlayATransportStream) {
     const TempFolder folder;
     RelayProgram relay({"--input", makeStream(folder, "libx264", 1), "--loop"});
     Browser browser(relay.url("/"));
     EXPECT_TRUE(browser.becomesTrue("document.getElementById('view').textContent.includes('" +
                                     relay.url("/live.ts") + "')"));
-    EXPECT_EQ(relay.end(), 0);
+    EXPECT_EQ(0, relay.end());
 }

@@ -72,29 +72,29 @@ unsigned pidOf(const std::string& packet) {
 
 }  // namespace
 
-TEST(RelayTest, NumbersEveryPictureAndMissesNone) {
+TEST(Relay, NumbersEveryPictureAndMissesNone) {
     RelayProgram relay({"--fps", "100", "--size", "160x120"});
     Viewer viewer(relay, "/live.mjpg");
     MultipartReader reader;
     readFrames(viewer, reader, 50);
     EXPECT_TRUE(reader.isGood());
-    EXPECT_EQ(reader.missed(), 0U);
-    EXPECT_EQ(relay.end(), 0);
+    EXPECT_EQ(0U, reader.missed());
+    EXPECT_EQ(0, relay.end());
 }
 
-TEST(RelayTest, EndsOnASignalWhileClientsWatch) {
+TEST(Relay, EndsOnASignalWhileClientsWatch) {
     for (const int number : {SIGINT, SIGTERM}) {
         RelayProgram relay({});
         Viewer fast(relay, "/live.mjpg");
         const Viewer stalled(relay, "/live.mjpg", 4096);
-        EXPECT_EQ(fast.receive(20000).size(), 20000U);
-        EXPECT_EQ(relay.end(number), 0);
+        EXPECT_EQ(20000U, fast.receive(20000).size());
+        EXPECT_EQ(0, relay.end(number));
         fast.receiveAll();
         EXPECT_TRUE(fast.wasClosed());
     }
 }
 
-TEST(RelayTest, AnswersBadRequestsAndStaysUp) {
+TEST(Relay, AnswersBadRequestsAndStaysUp) {
     RelayProgram relay({});
     const auto ask = [&](const std::string& request) {
         TcpClient client(relay.port());
@@ -102,70 +102,70 @@ TEST(RelayTest, AnswersBadRequestsAndStaysUp) {
         client.finish();
         return statusOf(client.receiveAll());
     };
-    EXPECT_EQ(ask("GET / HTTP/1.1\r\n\r\n"), "HTTP/1.1 200 OK");
-    EXPECT_EQ(ask("GET / HTTP/1.0\nA: b\n\n"), "HTTP/1.1 200 OK");
-    EXPECT_EQ(ask("GET /?t=1 HTTP/1.1\r\n\r\n"), "HTTP/1.1 200 OK");
-    EXPECT_EQ(ask("GET /../etc/passwd HTTP/1.1\r\n\r\n"), "HTTP/1.1 404 Not Found");
-    EXPECT_EQ(ask("PUT / HTTP/1.1\r\n\r\n"), "HTTP/1.1 405 Method Not Allowed");
-    EXPECT_EQ(ask("GET /" + std::string(3000, 'a') + " HTTP/1.1\r\n\r\n"), "HTTP/1.1 414 URI Too Long");
+    EXPECT_EQ("HTTP/1.1 200 OK", ask("GET / HTTP/1.1\r\n\r\n"));
+    EXPECT_EQ("HTTP/1.1 200 OK", ask("GET / HTTP/1.0\nA: b\n\n"));
+    EXPECT_EQ("HTTP/1.1 200 OK", ask("GET /?t=1 HTTP/1.1\r\n\r\n"));
+    EXPECT_EQ("HTTP/1.1 404 Not Found", ask("GET /../etc/passwd HTTP/1.1\r\n\r\n"));
+    EXPECT_EQ("HTTP/1.1 405 Method Not Allowed", ask("PUT / HTTP/1.1\r\n\r\n"));
+    EXPECT_EQ("HTTP/1.1 414 URI Too Long", ask("GET /" + std::string(3000, 'a') + " HTTP/1.1\r\n\r\n"));
     for (const std::string request :
          {"\r\n\r\n", "GET\r\n\r\n", "GET /\r\n\r\n", "GET / FTP/1.1\r\n\r\n", "GET x HTTP/1.1\r\n\r\n",
           "GET / HTTP/1.1 x\r\n\r\n", "GET / HTTP/1.1\r\nno colon\r\n\r\n", "GET / HTTP/1.1\r\n: x\r\n\r\n",
           "\x16\x03\x01\x02\x01\n\n"}) {
-        EXPECT_EQ(ask(request), "HTTP/1.1 400 Bad Request") << request;
+        EXPECT_EQ("HTTP/1.1 400 Bad Request", ask(request)) << request;
     }
-    EXPECT_EQ(relay.stats()["totals"]["bad_requests"], 12);
-    EXPECT_EQ(relay.end(), 0);
+    EXPECT_EQ(12, relay.stats()["totals"]["bad_requests"]);
+    EXPECT_EQ(0, relay.end());
 }
 
-TEST(RelayTest, TakesARequestInPieces) {
+TEST(Relay, TakesARequestInPieces) {
     RelayProgram relay({});
     TcpClient client(relay.port());
     for (const char letter : std::string("HEAD /stats.json HTTP/1.1\r\nHost: x\r\n\r\n")) {
         ASSERT_TRUE(client.send(std::string(1, letter)));
     }
     const std::string answer = client.receiveAll();
-    EXPECT_EQ(statusOf(answer), "HTTP/1.1 200 OK");
+    EXPECT_EQ("HTTP/1.1 200 OK", statusOf(answer));
     EXPECT_EQ(answer.find("\r\n\r\n") + 4, answer.size()) << "a body";
-    EXPECT_EQ(relay.end(), 0);
+    EXPECT_EQ(0, relay.end());
 }
 
-TEST(RelayTest, RefusesARequestThatDoesNotEnd) {
+TEST(Relay, RefusesARequestThatDoesNotEnd) {
     RelayProgram relay({});
     TcpClient client(relay.port());
     client.sendUntilStuck("GET / HTTP/1.1\r\nCookie: " + std::string(65536, 'x'), 2000);
-    EXPECT_EQ(statusOf(client.receiveAll()), "HTTP/1.1 431 Request Header Fields Too Large");
-    EXPECT_EQ(statusOf(relay.get("/")), "HTTP/1.1 200 OK");
-    EXPECT_EQ(relay.end(), 0);
+    EXPECT_EQ("HTTP/1.1 431 Request Header Fields Too Large", statusOf(client.receiveAll()));
+    EXPECT_EQ("HTTP/1.1 200 OK", statusOf(relay.get("/")));
+    EXPECT_EQ(0, relay.end());
 }
 
-TEST(RelayTest, GivesUpOnClientsThatSayNothingOrHalf) {
+TEST(Relay, GivesUpOnClientsThatSayNothingOrHalf) {
     RelayProgram relay({"--request-timeout", "1"});
     TcpClient silent(relay.port());
     TcpClient half(relay.port());
     half.send("GET / HT");
-    EXPECT_EQ(statusOf(silent.receiveAll()), "HTTP/1.1 408 Request Timeout");
-    EXPECT_EQ(statusOf(half.receiveAll()), "HTTP/1.1 408 Request Timeout");
-    EXPECT_EQ(relay.end(), 0);
+    EXPECT_EQ("HTTP/1.1 408 Request Timeout", statusOf(silent.receiveAll()));
+    EXPECT_EQ("HTTP/1.1 408 Request Timeout", statusOf(half.receiveAll()));
+    EXPECT_EQ(0, relay.end());
 }
 
-TEST(RelayTest, RefusesOneClientTooMany) {
+TEST(Relay, RefusesOneClientTooMany) {
     RelayProgram relay({"--max-clients", "2"});
     Viewer first(relay, "/live.mjpg");
     {
         Viewer second(relay, "/live.mjpg");
-        EXPECT_EQ(second.receiveLine(), "HTTP/1.1 200 OK\r");
-        EXPECT_EQ(first.receiveLine(), "HTTP/1.1 200 OK\r");
-        EXPECT_EQ(statusOf(relay.get("/live.mjpg")), "HTTP/1.1 503 Service Unavailable");
+        EXPECT_EQ("HTTP/1.1 200 OK\r", second.receiveLine());
+        EXPECT_EQ("HTTP/1.1 200 OK\r", first.receiveLine());
+        EXPECT_EQ("HTTP/1.1 503 Service Unavailable", statusOf(relay.get("/live.mjpg")));
     }
     ASSERT_EVENTUALLY(relay.stats()["clients"].size() == 1U);
     Viewer third(relay, "/live.mjpg");
-    EXPECT_EQ(third.receiveLine(), "HTTP/1.1 200 OK\r");
-    EXPECT_EQ(relay.stats()["totals"]["refused"], 1);
-    EXPECT_EQ(relay.end(), 0);
+    EXPECT_EQ("HTTP/1.1 200 OK\r", third.receiveLine());
+    EXPECT_EQ(1, relay.stats()["totals"]["refused"]);
+    EXPECT_EQ(0, relay.end());
 }
 
-TEST(RelayTest, DropsAStalledClientAndHurtsNobodyElse) {
+TEST(Relay, DropsAStalledClientAndHurtsNobodyElse) {
     RelayProgram relay({"--fps", "50", "--stall-timeout", "1", "--sndbuf", "8192"});
     const Viewer stalled(relay, "/live.mjpg", 4096);
     Viewer fast(relay, "/live.mjpg", 1 << 22);
@@ -180,12 +180,12 @@ TEST(RelayTest, DropsAStalledClientAndHurtsNobodyElse) {
     }
     EXPECT_TRUE(shown);
     EXPECT_TRUE(reader.isGood());
-    EXPECT_EQ(reader.missed(), 0U);
-    EXPECT_EQ(relay.stats()["clients"].size(), 1U);
-    EXPECT_EQ(relay.end(), 0);
+    EXPECT_EQ(0U, reader.missed());
+    EXPECT_EQ(1U, relay.stats()["clients"].size());
+    EXPECT_EQ(0, relay.end());
 }
 
-TEST(RelayTest, TellsOfEachClientThatItCutsOrRefuses) {
+TEST(Relay, TellsOfEachClientThatItCutsOrRefuses) {
     ChildProcess relay({"sh", "-c",
                         "exec " RETICOR_EXAMPLES_DIR
                         "/media_relay --port 0 --fps 50 --max-clients 1 --sndbuf 8192"
@@ -217,7 +217,7 @@ TEST(RelayTest, TellsOfEachClientThatItCutsOrRefuses) {
     EXPECT_EQ(0, relay.wait());
 }
 
-TEST(RelayTest, LetsNoAddressTakeMoreThanItsShare) {
+TEST(Relay, LetsNoAddressTakeMoreThanItsShare) {
     RelayProgram relay({"--max-per-address", "2"});
     Viewer first(relay, "/live.mjpg");
     Viewer second(relay, "/live.mjpg");
@@ -232,7 +232,7 @@ TEST(RelayTest, LetsNoAddressTakeMoreThanItsShare) {
 
 // The fast client's kernel takes what comes, also while the test waits for a processor: 3 KB a picture are
 // little enough for the small buffer on the relay's side.
-TEST(RelayTest, GivesASlowClientWholePicturesAndFewer) {
+TEST(Relay, GivesASlowClientWholePicturesAndFewer) {
     RelayProgram relay({"--fps", "50", "--size", "160x120", "--max-lag", "200", "--sndbuf", "8192"});
     Viewer slow(relay, "/live.mjpg", 4096);
     Viewer fast(relay, "/live.mjpg", 1 << 22);
@@ -254,35 +254,35 @@ TEST(RelayTest, GivesASlowClientWholePicturesAndFewer) {
     EXPECT_EQ(0, relay.end());
 }
 
-TEST(RelayTest, ServesAReaderOfSingleBytes) {
+TEST(Relay, ServesAReaderOfSingleBytes) {
     RelayProgram relay({"--size", "160x120", "--sndbuf", "4096"});
     Viewer slow(relay, "/live.mjpg", 1);  // the kernel makes it as small as it can
     MultipartReader reader;
     readFrames(slow, reader, 3, 1);
     EXPECT_TRUE(reader.isGood());
-    EXPECT_EQ(relay.end(), 0);
+    EXPECT_EQ(0, relay.end());
 }
 
-TEST(RelayTest, OutlivesClientsThatVanishInTheMiddleOfAFrame) {
+TEST(Relay, OutlivesClientsThatVanishInTheMiddleOfAFrame) {
     RelayProgram relay({"--fps", "50"});
     Viewer watcher(relay, "/live.mjpg");
     const size_t before = relay.descriptors();
     for (int i = 0; i < 20; ++i) {
         Viewer viewer(relay, "/live.mjpg");
-        EXPECT_EQ(viewer.receive(1000).size(), 1000U);
+        EXPECT_EQ(1000U, viewer.receive(1000).size());
         if (i % 2 == 0) {
             viewer.reset();
         }
     }
     MultipartReader reader;
     readFrames(watcher, reader, 20);
-    EXPECT_EQ(reader.missed(), 0U);
+    EXPECT_EQ(0U, reader.missed());
     ASSERT_EVENTUALLY(relay.stats()["clients"].size() == 1U);
     EXPECT_EVENTUALLY(relay.descriptors() <= before + 1);
-    EXPECT_EQ(relay.end(), 0);
+    EXPECT_EQ(0, relay.end());
 }
 
-TEST(RelayTest, PrintsALineEachSecondOnATerminal) {
+TEST(Relay, PrintsALineEachSecondOnATerminal) {
     ChildProcess terminal({"socat", "-u",
                            "EXEC:timeout -s INT 2.3 " RETICOR_EXAMPLES_DIR "/media_relay --port 0,pty",
                            "STDOUT"});
@@ -295,7 +295,7 @@ TEST(RelayTest, PrintsALineEachSecondOnATerminal) {
     EXPECT_LE(lines, 2U) << text;
 }
 
-TEST(RelayTest, BeginsATransportStreamWithTablesAndAKeyFrame) {
+TEST(Relay, BeginsATransportStreamWithTablesAndAKeyFrame) {
     const TempFolder folder;
     RelayProgram relay({"--input", makeStream(folder, "libx264", 2), "--loop", "--speed", "4"});
     ASSERT_EVENTUALLY(relay.stats()["input"]["frames"] > 40);
@@ -305,25 +305,25 @@ TEST(RelayTest, BeginsATransportStreamWithTablesAndAKeyFrame) {
     const std::string association = viewer.receive(kPacket);
     const std::string map = viewer.receive(kPacket);
     const std::string picture = viewer.receive(kPacket);
-    ASSERT_EQ(picture.size(), kPacket);
-    EXPECT_EQ(pidOf(association), 0U);
-    EXPECT_EQ(pidOf(map), 0x1000U);
-    EXPECT_EQ(pidOf(picture), 0x100U);
-    EXPECT_NE(picture[1] & 0x40, 0) << "no unit start";
-    EXPECT_NE(picture[5] & 0x40, 0) << "no random access";
-    EXPECT_EQ(relay.end(), 0);
+    ASSERT_EQ(kPacket, picture.size());
+    EXPECT_EQ(0U, pidOf(association));
+    EXPECT_EQ(0x1000U, pidOf(map));
+    EXPECT_EQ(0x100U, pidOf(picture));
+    EXPECT_NE(0, picture[1] & 0x40) << "no unit start";
+    EXPECT_NE(0, picture[5] & 0x40) << "no random access";
+    EXPECT_EQ(0, relay.end());
 }
 
-TEST(RelayTest, EndsWithItsInput) {
+TEST(Relay, EndsWithItsInput) {
     const TempFolder folder;
     const std::string file = makeStream(folder, "libx264", 1);
     int result = -1;
     const std::string text = runToEnd({"--input", file, "--speed", "10"}, result);
-    EXPECT_EQ(result, 0) << text;
+    EXPECT_EQ(0, result) << text;
     EXPECT_NE(text.find("/live.ts\n"), std::string::npos) << text;
 }
 
-TEST(RelayTest, SaysWhatIsWrongWithItsInput) {
+TEST(Relay, SaysWhatIsWrongWithItsInput) {
     const TempFolder folder;
     write(folder.file("noise"), noise(1000000));
     write(folder.file("sync"), std::string(1000000, '\x47'));
@@ -337,31 +337,31 @@ TEST(RelayTest, SaysWhatIsWrongWithItsInput) {
                 options.emplace_back("--loop");
             }
             const std::string text = runToEnd(options, result);
-            EXPECT_EQ(result, 1) << name;
+            EXPECT_EQ(1, result) << name;
             EXPECT_NE(text.find("holds no transport stream"), std::string::npos) << name << ": " << text;
         }
     }
     EXPECT_NE(runToEnd({"--input", folder.file("none")}, result).find("No such file"), std::string::npos);
-    EXPECT_EQ(result, 1);
+    EXPECT_EQ(1, result);
     EXPECT_NE(runToEnd({"--input", folder.path()}, result).find("Is a directory"), std::string::npos);
-    EXPECT_EQ(result, 1);
+    EXPECT_EQ(1, result);
 }
 
-TEST(RelayTest, RefusesOptionsThatMakeNoSense) {
+TEST(Relay, RefusesOptionsThatMakeNoSense) {
     int result = 0;
     EXPECT_NE(runToEnd({"--multicast", "239.1.2.3:5004"}, result).find("needs a transport stream"),
               std::string::npos);
-    EXPECT_NE(result, 0);
+    EXPECT_NE(0, result);
     for (const char* target : {"239.1.2.3", "239.1.2.3:0", "239.1.2.3:70000", "name:5004", "239.1.2.3:5x"}) {
         runToEnd({"--input", "x.ts", "--multicast", target}, result);
-        EXPECT_NE(result, 0) << target;
-        EXPECT_NE(result, 1) << target;  // not for the missing file
+        EXPECT_NE(0, result) << target;
+        EXPECT_NE(1, result) << target;  // not for the missing file
     }
     runToEnd({"--size", "641x360"}, result);
-    EXPECT_NE(result, 0);
+    EXPECT_NE(0, result);
 }
 
-TEST(RelayTest, FindsItsWayThroughGarbage) {
+TEST(Relay, FindsItsWayThroughGarbage) {
     const TempFolder folder;
     const std::string file = makeStream(folder, "libx264", 2);
     const std::string bytes = contents(file);
@@ -375,11 +375,11 @@ TEST(RelayTest, FindsItsWayThroughGarbage) {
     EXPECT_GE(input["skipped_bytes"], 2000);
     EXPECT_LE(input["skipped_bytes"], 2000 * (1 + input["rounds"].get<int>()) + 400);
     EXPECT_GE(input["frames"], 50);
-    EXPECT_EQ(relay.end(), 0);
+    EXPECT_EQ(0, relay.end());
 }
 
 // The file is open, so it may lose its name; one that is cut to nothing ends the relay with a clear word.
-TEST(RelayTest, PlaysOnWhenItsFileVanishesAndEndsWhenItIsEmptied) {
+TEST(Relay, PlaysOnWhenItsFileVanishesAndEndsWhenItIsEmptied) {
     const TempFolder folder;
     const std::string file = makeStream(folder, "libx264", 1);
     const std::string other = folder.file("other.ts");
@@ -400,10 +400,10 @@ TEST(RelayTest, PlaysOnWhenItsFileVanishesAndEndsWhenItIsEmptied) {
     EXPECT_EVENTUALLY(rounds() >= before + 2);
     std::filesystem::resize_file(other, 0);
     EXPECT_NE(relay.exchange("").find("holds no transport stream"), std::string::npos);
-    EXPECT_EQ(relay.wait(), 1);
+    EXPECT_EQ(1, relay.wait());
 }
 
-TEST(RelayTest, SendsSevenPacketsADatagramToAMulticastGroup) {
+TEST(Relay, SendsSevenPacketsADatagramToAMulticastGroup) {
     const TempFolder folder;
     const std::string file = makeStream(folder, "libx264", 1);
     const int receiver = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
@@ -412,9 +412,9 @@ TEST(RelayTest, SendsSevenPacketsADatagramToAMulticastGroup) {
     inet_pton(AF_INET, "239.255.77.7", &address.sin_addr);
     socklen_t length = sizeof address;
     ip_mreq group{address.sin_addr, {htonl(INADDR_LOOPBACK)}};
-    ASSERT_EQ(bind(receiver, reinterpret_cast<sockaddr*>(&address), length), 0);
-    ASSERT_EQ(getsockname(receiver, reinterpret_cast<sockaddr*>(&address), &length), 0);
-    ASSERT_EQ(setsockopt(receiver, IPPROTO_IP, IP_ADD_MEMBERSHIP, &group, sizeof group), 0);
+    ASSERT_EQ(0, bind(receiver, reinterpret_cast<sockaddr*>(&address), length));
+    ASSERT_EQ(0, getsockname(receiver, reinterpret_cast<sockaddr*>(&address), &length));
+    ASSERT_EQ(0, setsockopt(receiver, IPPROTO_IP, IP_ADD_MEMBERSHIP, &group, sizeof group));
 
     RelayProgram relay({"--input", file, "--loop", "--speed", "2", "--multicast-if", "127.0.0.1",
                         "--multicast", "239.255.77.7:" + std::to_string(ntohs(address.sin_port))});
@@ -422,12 +422,12 @@ TEST(RelayTest, SendsSevenPacketsADatagramToAMulticastGroup) {
     std::string got;
     while (got.size() < bytes.size()) {
         pollfd ready{receiver, POLLIN, 0};
-        ASSERT_EQ(poll(&ready, 1, scaledMs(10000)), 1);
+        ASSERT_EQ(1, poll(&ready, 1, scaledMs(10000)));
         char datagram[2048];
-        ASSERT_EQ(recv(receiver, datagram, sizeof datagram, 0), static_cast<ssize_t>(7 * kPacket));
+        ASSERT_EQ(static_cast<ssize_t>(7 * kPacket), recv(receiver, datagram, sizeof datagram, 0));
         got.append(datagram, 7 * kPacket);
     }
     EXPECT_TRUE(got == bytes) << "not the bytes of the file";
     close(receiver);
-    EXPECT_EQ(relay.end(), 0);
+    EXPECT_EQ(0, relay.end());
 }

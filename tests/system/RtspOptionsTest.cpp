@@ -45,9 +45,9 @@ std::string request(const std::string& method, int cseq, const std::string& head
     return method + " rtsp://h/door RTSP/1.0\r\nCSeq: " + std::to_string(cseq) + "\r\n" + headers + "\r\n";
 }
 
-class RtspOptionsTest : public testing::Test {
+class RtspOptions : public testing::Test {
 protected:
-    void TearDown() override { EXPECT_EQ(server.end(), 0); }
+    void TearDown() override { EXPECT_EQ(0, server.end()); }
 
     std::string ask(const std::string& text) {
         TcpClient client(server.port());
@@ -71,48 +71,47 @@ const std::string OPTIONS_ANSWER = "RTSP/1.0 200 OK\r\nCSeq: 1\r\nPublic: OPTION
 
 }  // namespace
 
-TEST_F(RtspOptionsTest, TellsCurlWhatItKnows) {
+TEST_F(RtspOptions, TellsCurlWhatItKnows) {
     for (const char* options : {"", "-X OPTIONS "}) {
         int result = -1;
         const std::string command =
             std::string("curl --silent --show-error --include --max-time 20 ") + options;
-        EXPECT_EQ(run(command + url(server), result), OPTIONS_ANSWER + "\r\n");
-        EXPECT_EQ(result, 0);
+        EXPECT_EQ(OPTIONS_ANSWER + "\r\n", run(command + url(server), result));
+        EXPECT_EQ(0, result);
     }
 }
 
 // It reads the description, and asks for the stream in it, which is not to be had.
-TEST(RtspOptionsFfprobeTest, IsDescribedToFfprobe) {
+TEST(RtspOptionsFfprobe, IsDescribedToFfprobe) {
     ServerProgram server("rtsp_options", {"--verbose"});
     int result = -1;
     const std::string output = run("ffprobe -v debug -rtsp_transport tcp " + url(server), result);
-    EXPECT_NE(result, 0);
+    EXPECT_NE(0, result);
     EXPECT_NE(output.find("video codec set to: h264"), std::string::npos) << output;
     EXPECT_NE(output.find("method SETUP failed: 405 Method Not Allowed"), std::string::npos) << output;
     EXPECT_EQ(server.readLine(), "200 OPTIONS " + url(server));
     EXPECT_EQ(server.readLine(), "200 DESCRIBE " + url(server));
     EXPECT_EQ(server.readLine(), "405 SETUP " + url(server) + "/trackID=0");
-    EXPECT_EQ(server.end(SIGINT), 0);
+    EXPECT_EQ(0, server.end(SIGINT));
 }
 
-TEST_F(RtspOptionsTest, DescribesItselfAsItsAddress) {
+TEST_F(RtspOptions, DescribesItselfAsItsAddress) {
     TcpClient client(server.port());
     ASSERT_TRUE(client.send(request("DESCRIBE", 7, "Accept: application/sdp\r\n")));
     const Answer answer(client);
-    EXPECT_EQ(answer.head.rfind("RTSP/1.0 200 OK\r\nCSeq: 7\r\nContent-Base: rtsp://h/door/\r\n"
-                                "Content-Type: application/sdp\r\nContent-Length: ",
-                                0),
-              0U)
+    EXPECT_EQ(0U, answer.head.rfind("RTSP/1.0 200 OK\r\nCSeq: 7\r\nContent-Base: rtsp://h/door/\r\n"
+                                    "Content-Type: application/sdp\r\nContent-Length: ",
+                                    0))
         << answer.head;
-    EXPECT_EQ(answer.body.rfind("v=0\r\no=- ", 0), 0U) << answer.body;
+    EXPECT_EQ(0U, answer.body.rfind("v=0\r\no=- ", 0)) << answer.body;
     EXPECT_NE(answer.body.find(" 1 IN IP4 127.0.0.1\r\ns="), std::string::npos) << answer.body;
     EXPECT_NE(answer.body.find("\r\nc=IN IP4 127.0.0.1\r\nt=0 0\r\n"), std::string::npos) << answer.body;
     EXPECT_NE(answer.body.find("\r\nm=video 0 RTP/AVP 96\r\n"), std::string::npos) << answer.body;
-    EXPECT_EQ(answer.body.substr(answer.body.size() - 2), "\r\n");
+    EXPECT_EQ("\r\n", answer.body.substr(answer.body.size() - 2));
     EXPECT_EQ(answer.body.find("0.0.0.0"), std::string::npos);
 }
 
-TEST(RtspOptionsAddressTest, DescribesItselfAsItsAddressOfEitherFamily) {
+TEST(RtspOptionsAddress, DescribesItselfAsItsAddressOfEitherFamily) {
     ServerProgram server("rtsp_options", {"--host", "::"});
     for (const bool six : {false, true}) {
         TcpClient client(server.port(), six ? "::1" : "127.0.0.1");
@@ -122,10 +121,10 @@ TEST(RtspOptionsAddressTest, DescribesItselfAsItsAddressOfEitherFamily) {
         EXPECT_NE(body.find(" 1 " + address + "s="), std::string::npos) << body;
         EXPECT_NE(body.find("\r\nc=" + address + "t="), std::string::npos) << body;
     }
-    EXPECT_EQ(server.end(), 0);
+    EXPECT_EQ(0, server.end());
 }
 
-TEST_F(RtspOptionsTest, ServesManyRequestsOfOneConnectionInOrder) {
+TEST_F(RtspOptions, ServesManyRequestsOfOneConnectionInOrder) {
     TcpClient client(server.port());
     std::string all;
     for (int i = 0; i < 300; ++i) {
@@ -134,14 +133,14 @@ TEST_F(RtspOptionsTest, ServesManyRequestsOfOneConnectionInOrder) {
     ASSERT_TRUE(client.send(all));
     for (int i = 0; i < 300; ++i) {
         const Answer answer(client);
-        ASSERT_EQ(answer.head.rfind("RTSP/1.0 200 OK\r\nCSeq: " + std::to_string(i) + "\r\n", 0), 0U)
+        ASSERT_EQ(0U, answer.head.rfind("RTSP/1.0 200 OK\r\nCSeq: " + std::to_string(i) + "\r\n", 0))
             << answer.head;
         ASSERT_EQ(answer.body.empty(), i % 3 != 0);
     }
 }
 
 // More answers than the kernel takes: then nothing is read until the client has taken some.
-TEST_F(RtspOptionsTest, DoesNotReadFromAClientThatTakesNoAnswers) {
+TEST_F(RtspOptions, DoesNotReadFromAClientThatTakesNoAnswers) {
     TcpClient client(server.port(), "127.0.0.1", 4096);
     const std::string one = request("DESCRIBE", 5);
     std::string all;
@@ -153,53 +152,53 @@ TEST_F(RtspOptionsTest, DoesNotReadFromAClientThatTakesNoAnswers) {
     ASSERT_GE(sent, 2000 * one.size());
     for (int i = 0; i < 2000; ++i) {
         const Answer answer(client);
-        ASSERT_EQ(answer.head.rfind("RTSP/1.0 200 OK\r\nCSeq: 5\r\n", 0), 0U) << answer.head;
+        ASSERT_EQ(0U, answer.head.rfind("RTSP/1.0 200 OK\r\nCSeq: 5\r\n", 0)) << answer.head;
         ASSERT_FALSE(answer.body.empty());
     }
 }
 
-TEST_F(RtspOptionsTest, TakesRequestsInPiecesAndInEveryNotation) {
+TEST_F(RtspOptions, TakesRequestsInPiecesAndInEveryNotation) {
     const std::string odd = "OPTIONS * RTSP/1.0\ncseqx: 9\nAccept\ncSEQ :\t1  \nEmpty:\n\n";
     TcpClient client(server.port());
     for (const char byte : odd) {
         ASSERT_TRUE(client.send(std::string(1, byte)));
     }
-    EXPECT_EQ(Answer(client).head, OPTIONS_ANSWER);
+    EXPECT_EQ(OPTIONS_ANSWER, Answer(client).head);
 }
 
-TEST_F(RtspOptionsTest, PassesTheBodyOfARequest) {
+TEST_F(RtspOptions, PassesTheBodyOfARequest) {
     TcpClient client(server.port());
     ASSERT_TRUE(client.send(request("SET_PARAMETER", 4, "Content-Length: 28\r\n") +
                             "OPTIONS * RTSP/1.0\r\nno\r\n\r\n\r\n" + request("OPTIONS", 1)));
-    EXPECT_EQ(Answer(client).head,
-              "RTSP/1.0 405 Method Not Allowed\r\nCSeq: 4\r\nAllow: OPTIONS, DESCRIBE\r\n");
-    EXPECT_EQ(Answer(client).head, OPTIONS_ANSWER);
+    EXPECT_EQ("RTSP/1.0 405 Method Not Allowed\r\nCSeq: 4\r\nAllow: OPTIONS, DESCRIBE\r\n",
+              Answer(client).head);
+    EXPECT_EQ(OPTIONS_ANSWER, Answer(client).head);
 }
 
-TEST_F(RtspOptionsTest, RefusesWhatItDoesNotDoAndGoesOn) {
+TEST_F(RtspOptions, RefusesWhatItDoesNotDoAndGoesOn) {
     TcpClient client(server.port());
     for (const char* method : {"SETUP", "PLAY", "PAUSE", "TEARDOWN", "ANNOUNCE", "RECORD", "GET_PARAMETER"}) {
         ASSERT_TRUE(client.send(request(method, 11)));
-        EXPECT_EQ(Answer(client).head,
-                  "RTSP/1.0 405 Method Not Allowed\r\nCSeq: 11\r\nAllow: OPTIONS, DESCRIBE\r\n")
+        EXPECT_EQ("RTSP/1.0 405 Method Not Allowed\r\nCSeq: 11\r\nAllow: OPTIONS, DESCRIBE\r\n",
+                  Answer(client).head)
             << method;
     }
     for (const char* method : {"options", "BREW", "GET"}) {
         ASSERT_TRUE(client.send(request(method, 12)));
-        EXPECT_EQ(Answer(client).head,
-                  "RTSP/1.0 501 Not Implemented\r\nCSeq: 12\r\nPublic: OPTIONS, DESCRIBE\r\n")
+        EXPECT_EQ("RTSP/1.0 501 Not Implemented\r\nCSeq: 12\r\nPublic: OPTIONS, DESCRIBE\r\n",
+                  Answer(client).head)
             << method;
     }
     ASSERT_TRUE(client.send(request("DESCRIBE", 13, "Accept: text/plain\r\n")));
-    EXPECT_EQ(Answer(client).head, "RTSP/1.0 406 Not Acceptable\r\nCSeq: 13\r\n");
+    EXPECT_EQ("RTSP/1.0 406 Not Acceptable\r\nCSeq: 13\r\n", Answer(client).head);
     ASSERT_TRUE(client.send(request("OPTIONS", 14, "Require: funky-feature\r\n")));
-    EXPECT_EQ(Answer(client).head,
-              "RTSP/1.0 551 Option not supported\r\nCSeq: 14\r\nUnsupported: funky-feature\r\n");
+    EXPECT_EQ("RTSP/1.0 551 Option not supported\r\nCSeq: 14\r\nUnsupported: funky-feature\r\n",
+              Answer(client).head);
     ASSERT_TRUE(client.send(request("OPTIONS", 1)));
-    EXPECT_EQ(Answer(client).head, OPTIONS_ANSWER);
+    EXPECT_EQ(OPTIONS_ANSWER, Answer(client).head);
 }
 
-TEST_F(RtspOptionsTest, ABadRequestIsTheLastOne) {
+TEST_F(RtspOptions, ABadRequestIsTheLastOne) {
     const std::string close = "Connection: close\r\n\r\n";
     const std::string bad = "RTSP/1.0 400 Bad Request\r\n";
     for (const char* text :
@@ -213,28 +212,28 @@ TEST_F(RtspOptionsTest, ABadRequestIsTheLastOne) {
          {"OPTIONS http://h/ RTSP/1.0\r\nCSeq: 3\r\n\r\n", "OPTIONS * RTSP/1.0 x\r\nCSeq: 3\r\n\r\n",
           "OPTIONS * RTSP/1.0\r\nCSeq: 3\r\nContent-Length: many\r\n\r\n",
           "DESCRIBE * RTSP/1.0\r\nCSeq: 3\r\n\r\n", "OPTIONS\t* RTSP/1.0\r\nCSeq: 3\r\n\r\n"}) {
-        EXPECT_EQ(askInVain(text), bad + "CSeq: 3\r\n" + close) << text;
+        EXPECT_EQ(bad + "CSeq: 3\r\n" + close, askInVain(text)) << text;
     }
-    EXPECT_EQ(askInVain(std::string("OPTIONS *\0 RTSP/1.0\r\nCSeq: 3\r\n\r\n", 32)),
-              bad + "CSeq: 3\r\n" + close);
-    EXPECT_EQ(askInVain("OPTIONS * RTSP/2.0\r\nCSeq: 3\r\n\r\n" + request("OPTIONS", 1)),
-              "RTSP/1.0 505 RTSP Version Not Supported\r\nCSeq: 3\r\n" + close);
-    EXPECT_EQ(ask(request("OPTIONS", 1)), OPTIONS_ANSWER);
+    EXPECT_EQ(bad + "CSeq: 3\r\n" + close,
+              askInVain(std::string("OPTIONS *\0 RTSP/1.0\r\nCSeq: 3\r\n\r\n", 32)));
+    EXPECT_EQ("RTSP/1.0 505 RTSP Version Not Supported\r\nCSeq: 3\r\n" + close,
+              askInVain("OPTIONS * RTSP/2.0\r\nCSeq: 3\r\n\r\n" + request("OPTIONS", 1)));
+    EXPECT_EQ(OPTIONS_ANSWER, ask(request("OPTIONS", 1)));
 }
 
-TEST_F(RtspOptionsTest, ARequestHasALimit) {
+TEST_F(RtspOptions, ARequestHasALimit) {
     const std::string refused = "RTSP/1.0 413 Request Entity Too Large\r\nConnection: close\r\n\r\n";
     EXPECT_EQ(askInVain("OPTIONS * RTSP/1.0\r\nX: " + std::string(8192, 'x')), refused);
     EXPECT_EQ(askInVain(std::string(100000, 'x')), refused);
     EXPECT_EQ(askInVain(request("ANNOUNCE", 3, "Content-Length: 999999999\r\n")), refused);
     const std::string longest = request("OPTIONS", 1, "X: " + std::string(8000, 'x') + "\r\n");
     ASSERT_LT(longest.size(), 8192U);
-    EXPECT_EQ(ask(longest), OPTIONS_ANSWER);
+    EXPECT_EQ(OPTIONS_ANSWER, ask(longest));
     EXPECT_EQ(askInVain("OPTIONS rtsp://" + std::string(2000, 'x') + " RTSP/1.0\r\nCSeq: 3\r\n\r\n"),
               "RTSP/1.0 400 Bad Request\r\nCSeq: 3\r\nConnection: close\r\n\r\n");
 }
 
-TEST_F(RtspOptionsTest, WhoStaysAfterTheLastAnswerIsPutOut) {
+TEST_F(RtspOptions, WhoStaysAfterTheLastAnswerIsPutOut) {
     const size_t before = server.descriptors();
     TcpClient client(server.port());
     ASSERT_TRUE(client.send("nonsense\n\n"));
@@ -242,16 +241,16 @@ TEST_F(RtspOptionsTest, WhoStaysAfterTheLastAnswerIsPutOut) {
     EXPECT_EVENTUALLY(server.descriptors() == before);
 }
 
-TEST(RtspOptionsTimeoutTest, ASilentClientIsPutOut) {
+TEST(RtspOptionsTimeout, ASilentClientIsPutOut) {
     ServerProgram server("rtsp_options", {"--idle-timeout", "200"});
     TcpClient silent(server.port());
     ASSERT_TRUE(silent.send("OPTIONS * RT"));
-    EXPECT_EQ(silent.receiveAll(), "");
+    EXPECT_EQ("", silent.receiveAll());
     EXPECT_TRUE(silent.wasClosed());
-    EXPECT_EQ(server.end(), 0);
+    EXPECT_EQ(0, server.end());
 }
 
-TEST_F(RtspOptionsTest, SurvivesRandomBytes) {
+TEST_F(RtspOptions, SurvivesRandomBytes) {
     SeededRandom random;
     const std::string pieces[] = {
         "OPTIONS ",         "DESCRIBE ", "rtsp://h/", " RTSP/1.0", "\r\n", "\n", "CSeq: ", "17",
@@ -268,5 +267,5 @@ TEST_F(RtspOptionsTest, SurvivesRandomBytes) {
         client.receiveAll();
         ASSERT_TRUE(client.wasClosed()) << bytes;
     }
-    EXPECT_EQ(ask(request("OPTIONS", 1)), OPTIONS_ANSWER);
+    EXPECT_EQ(OPTIONS_ANSWER, ask(request("OPTIONS", 1)));
 }

@@ -15,7 +15,7 @@ using Testing::HandlerLife;
 using Testing::PoolFixture;
 using Testing::TestHandler;
 
-class HandlerDropsTest : public PoolFixture {
+class HandlerDropsCases : public PoolFixture {
 protected:
     // A handler on which the test holds the last reference.
     TestHandler* closedHandler() {
@@ -27,7 +27,7 @@ protected:
     }
 };
 
-TEST_F(HandlerDropsTest, DropsInOrderWhenItGoes) {
+TEST_F(HandlerDropsCases, DropsInOrderWhenItGoes) {
     std::vector<int> closed;
     {
         HandlerDrops drops;
@@ -42,7 +42,7 @@ TEST_F(HandlerDropsTest, DropsInOrderWhenItGoes) {
     EXPECT_EQ((std::vector<int>{0, 1, 2}), closed);
 }
 
-TEST_F(HandlerDropsTest, TakesTwoReferencesOnOneHandler) {
+TEST_F(HandlerDropsCases, TakesTwoReferencesOnOneHandler) {
     TestHandler* const handler = closedHandler();
     const std::shared_ptr<HandlerLife> life = handler->life;
     {

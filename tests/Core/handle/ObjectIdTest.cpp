@@ -44,9 +44,9 @@ long nextGeneration(long id) {
 
 TEST(ObjectId, FirstIdCarriesCounterPoolAndGeneration) {
     CObjectId public_pool(0);
-    EXPECT_EQ(public_pool.Alloc(), -6553600);
+    EXPECT_EQ(-6553600, public_pool.Alloc());
     CObjectId third(3);
-    EXPECT_EQ(third.Alloc(), -6552832);
+    EXPECT_EQ(-6552832, third.Alloc());
     EXPECT_EQ(third.Alloc(), (-101L * 256 + 3) * 256);
     EXPECT_EQ(third.Alloc(), (-102L * 256 + 3) * 256);
 }
@@ -70,7 +70,7 @@ TEST(ObjectId, PlaceCountsTheCountersOfAPool) {
     for (size_t i = 0; i < 100; ++i) {
         EXPECT_EQ(CObjectId::place_of(ids.Alloc()), i);
     }
-    EXPECT_EQ(CObjectId::place_of(freshId(5, 7) + 200), 5U) << "whatever the generation";
+    EXPECT_EQ(5U, CObjectId::place_of(freshId(5, 7) + 200)) << "whatever the generation";
     EXPECT_GT(CObjectId::place_of(0), size_t{1} << 40);
     EXPECT_GT(CObjectId::place_of(-50), size_t{1} << 40);
 }
@@ -87,7 +87,7 @@ TEST(ObjectId, Release1025BringsBackTheFirstWithTheNextGeneration) {
     const std::vector<long> given = allocate(ids, 1025);
     releaseAll(ids, given);
     EXPECT_EQ(ids.Alloc(), given.front() + 1);
-    EXPECT_EQ(INDEX_OF_ID(given.front() + 1), 2);
+    EXPECT_EQ(2, INDEX_OF_ID(given.front() + 1));
     EXPECT_EQ(ids.Alloc(), freshId(1025, 2)) << "1024 wait again";
     ids.Release(given.front() + 1);
     EXPECT_EQ(ids.Alloc(), given[1] + 1) << "what was released first is reused first";
@@ -105,7 +105,7 @@ TEST(ObjectId, Generation255WrapsToZeroAndLeavesThePoolIndexAlone) {
     }
     const long wrapped = ids.Alloc();
     EXPECT_EQ(wrapped, freshId(5000, 63));
-    EXPECT_EQ(INDEX_OF_ID(wrapped), 63);
+    EXPECT_EQ(63, INDEX_OF_ID(wrapped));
 }
 
 TEST(ObjectId, IdMatchesAgainAfter256Reuses) {
@@ -120,9 +120,9 @@ TEST(ObjectId, IdMatchesAgainAfter256Reuses) {
         }
         ids.Release(id);
     }
-    ASSERT_EQ(seen.size(), 256U);
+    ASSERT_EQ(256U, seen.size());
     EXPECT_EQ(seen.back(), given.front());
-    EXPECT_EQ(std::set<long>(seen.begin(), seen.end()).size(), 256U);
+    EXPECT_EQ(256U, std::set<long>(seen.begin(), seen.end()).size());
 }
 
 TEST(ObjectId, FullRingOf2048DoublesAndKeepsTheOrder) {
@@ -142,7 +142,7 @@ TEST(ObjectId, FullRingOf2048DoublesAndKeepsTheOrder) {
         ids.Release(late[i]);
         waiting.push_back(late[i]);
     }
-    EXPECT_EQ(ObjectIdProbe::capacity(ids), 4096U) << "with " << waiting.size() << " ids";
+    EXPECT_EQ(4096U, ObjectIdProbe::capacity(ids)) << "with " << waiting.size() << " ids";
     EXPECT_GT(waiting.size(), 2048U);
     while (waiting.size() > 1024) {
         ASSERT_EQ(ids.Alloc(), nextGeneration(waiting.front()));
@@ -154,11 +154,11 @@ TEST(ObjectId, RingDoublesExactlyWhenItIsFull) {
     CObjectId ids(0);
     const std::vector<long> given = allocate(ids, 2049);
     releaseAll(ids, {given.begin(), given.end() - 1});
-    EXPECT_EQ(ObjectIdProbe::capacity(ids), 2048U);
-    EXPECT_EQ(ObjectIdProbe::count(ids), 2048U);
+    EXPECT_EQ(2048U, ObjectIdProbe::capacity(ids));
+    EXPECT_EQ(2048U, ObjectIdProbe::count(ids));
     ids.Release(given.back());
-    EXPECT_EQ(ObjectIdProbe::capacity(ids), 4096U);
-    EXPECT_EQ(ObjectIdProbe::count(ids), 2049U);
+    EXPECT_EQ(4096U, ObjectIdProbe::capacity(ids));
+    EXPECT_EQ(2049U, ObjectIdProbe::count(ids));
     for (size_t i = 0; i < 1025; ++i) {
         ASSERT_EQ(ids.Alloc(), given[i] + 1);
     }
@@ -168,8 +168,8 @@ TEST(ObjectId, RingNeverHoldsMoreThan204800AndLosesTheRest) {
     CObjectId ids(4);
     const std::vector<long> given = allocate(ids, 204800 + 10);
     releaseAll(ids, given);
-    EXPECT_EQ(ObjectIdProbe::capacity(ids), 204800U) << "131072 doubled would be more";
-    EXPECT_EQ(ObjectIdProbe::count(ids), 204800U);
+    EXPECT_EQ(204800U, ObjectIdProbe::capacity(ids)) << "131072 doubled would be more";
+    EXPECT_EQ(204800U, ObjectIdProbe::count(ids));
     for (size_t i = 0; i < 204800 - 1024; ++i) {
         ASSERT_EQ(ids.Alloc(), given[i] + 1);
     }
@@ -184,10 +184,10 @@ TEST(ObjectId, IdIsLostWhenThereIsNoMemoryToDouble) {
         const CountingAllocator::NoMemory no_memory;
         ids.Release(given[2048]);
     }
-    EXPECT_EQ(ObjectIdProbe::count(ids), 2048U);
-    EXPECT_EQ(ObjectIdProbe::capacity(ids), 2048U);
+    EXPECT_EQ(2048U, ObjectIdProbe::count(ids));
+    EXPECT_EQ(2048U, ObjectIdProbe::capacity(ids));
     ids.Release(given[2049]);
-    EXPECT_EQ(ObjectIdProbe::count(ids), 2049U) << "the next one tries again";
+    EXPECT_EQ(2049U, ObjectIdProbe::count(ids)) << "the next one tries again";
     for (size_t i = 0; i < 1025; ++i) {
         ASSERT_EQ(ids.Alloc(), given[i] + 1);
     }
@@ -198,11 +198,11 @@ TEST(ObjectId, AllocatorWithoutARingGivesFreshIdsAndMakesUpForIt) {
     CObjectId ids(0);
     EXPECT_EQ(ids.Alloc(), freshId(0, 0));
     ids.Release(freshId(0, 0));
-    EXPECT_EQ(ObjectIdProbe::count(ids), 0U);
+    EXPECT_EQ(0U, ObjectIdProbe::count(ids));
     delete no_memory;
     ids.Release(freshId(1, 0));
-    EXPECT_EQ(ObjectIdProbe::count(ids), 1U);
-    EXPECT_EQ(ObjectIdProbe::capacity(ids), 2048U);
+    EXPECT_EQ(1U, ObjectIdProbe::count(ids));
+    EXPECT_EQ(2048U, ObjectIdProbe::capacity(ids));
 }
 
 TEST(ObjectId, RingIsFreedWithTheAllocator) {
@@ -308,7 +308,7 @@ TEST(ObjectId, CounterLeaves32BitsWithoutTruncation) {
         ASSERT_EQ(last, freshId(i, 5));
     }
     EXPECT_LT(last, -2147483648L);
-    EXPECT_EQ(INDEX_OF_ID(last), 5);
+    EXPECT_EQ(5, INDEX_OF_ID(last));
 }
 
 }  // namespace

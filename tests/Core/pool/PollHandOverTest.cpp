@@ -40,10 +40,10 @@ long sleepsOf(const std::vector<int>& threads) {
 }
 
 // Echoes on `pair`, and blocks in the call once it was told to, with a guard on watch.
-class PollHandOverTest : public SockPoolFixture {
+class PollHandOver : public SockPoolFixture {
 protected:
     // One to block, one to poll, and somebody to serve messages and timers.
-    PollHandOverTest() { workers = 4; }
+    PollHandOver() { workers = 4; }
 
     void SetUp() override {
         SockPoolFixture::SetUp();
@@ -88,7 +88,7 @@ protected:
     Gate gate;
 };
 
-TEST_F(PollHandOverTest, HandlerThatBlocksDoesNotStopOtherSockets) {
+TEST_F(PollHandOver, HandlerThatBlocksDoesNotStopOtherSockets) {
     SocketPair others[2];
     for (SocketPair& other : others) {
         ASSERT_EQ(0, handler->RegisterSock(other.near, SOCK_READ, 0));
@@ -109,7 +109,7 @@ TEST_F(PollHandOverTest, HandlerThatBlocksDoesNotStopOtherSockets) {
     }
 }
 
-TEST_F(PollHandOverTest, MessagesAndTimersAreServedBesideAHandlerThatBlocks) {
+TEST_F(PollHandOver, MessagesAndTimersAreServedBesideAHandlerThatBlocks) {
     ASSERT_TRUE(blockInThePoller());
     handler->Notify(handler->GetID(), 1, 0);
     handler->SetTimer(3000);
@@ -121,7 +121,7 @@ TEST_F(PollHandOverTest, MessagesAndTimersAreServedBesideAHandlerThatBlocks) {
     request();
 }
 
-TEST_F(PollHandOverTest, SlowHandlersOfOneBatchRunSideBySide) {
+TEST_F(PollHandOver, SlowHandlersOfOneBatchRunSideBySide) {
     SocketPair others[2];
     std::atomic<int> inside{0};
     handler->on_input = [&](int fd) {
@@ -143,7 +143,7 @@ TEST_F(PollHandOverTest, SlowHandlersOfOneBatchRunSideBySide) {
     }
 }
 
-TEST_F(PollHandOverTest, SeveralHandlersThatBlockOutOfOneBatchDoNotStopOtherSockets) {
+TEST_F(PollHandOver, SeveralHandlersThatBlockOutOfOneBatchDoNotStopOtherSockets) {
     SocketPair other;
     ASSERT_EQ(0, handler->RegisterSock(other.near, SOCK_READ, 0));
     for (int i = 0; i < 300; ++i) {
@@ -179,7 +179,7 @@ TEST_F(PollHandOverTest, SeveralHandlersThatBlockOutOfOneBatchDoNotStopOtherSock
     removeAndWait(pair.near);
 }
 
-TEST_F(PollHandOverTest, OneRequestAtATimeWakesNobody) {
+TEST_F(PollHandOver, OneRequestAtATimeWakesNobody) {
     for (int i = 0; i < 2000; ++i) {
         request();
     }
@@ -196,7 +196,7 @@ TEST_F(PollHandOverTest, OneRequestAtATimeWakesNobody) {
     EXPECT_LE(sleeps, static_cast<long>(5000 + 2 * took_ms + 1500)) << took_ms << " ms";
 }
 
-TEST_F(PollHandOverTest, IdlePoolMakesNoWakeUps) {
+TEST_F(PollHandOver, IdlePoolMakesNoWakeUps) {
     for (int i = 0; i < 50; ++i) {
         request();
     }
@@ -210,7 +210,7 @@ TEST_F(PollHandOverTest, IdlePoolMakesNoWakeUps) {
     request();  // the first event after that finds a pool that works
 }
 
-TEST_F(PollHandOverTest, TokenIsAlwaysSomewhereUnderMixedLoad) {
+TEST_F(PollHandOver, TokenIsAlwaysSomewhereUnderMixedLoad) {
     SocketPair others[4];
     for (SocketPair& other : others) {
         ASSERT_EQ(0, handler->RegisterSock(other.near, SOCK_READ, 0));
@@ -236,12 +236,12 @@ TEST_F(PollHandOverTest, TokenIsAlwaysSomewhereUnderMixedLoad) {
 
 // ---- the end of a pool -----------------------------------------------------------------------------------
 
-class PollHandOverEndTest : public PoolFixture {
+class PollHandOverEnd : public PoolFixture {
 protected:
     static CThreadPool& poolAt(int index) { return *PoolTable::Get(index); }
 };
 
-TEST_F(PollHandOverEndTest, PoolEndsWhileAHandlerBlocksInThePoller) {
+TEST_F(PollHandOverEnd, PoolEndsWhileAHandlerBlocksInThePoller) {
     for (int round = 0; round < 5; ++round) {
         // One blocks, one polls, and one takes the close message.
         const int index = CNetThread::CreatePrivatePool(4, false);
@@ -279,7 +279,7 @@ TEST_F(PollHandOverEndTest, PoolEndsWhileAHandlerBlocksInThePoller) {
     }
 }
 
-TEST_F(PollHandOverEndTest, PoolEndsWhileItsWorkersGoToSleep) {
+TEST_F(PollHandOverEnd, PoolEndsWhileItsWorkersGoToSleep) {
     SeededRandom random;
     for (int round = 0; round < 200; ++round) {
         const int index = CNetThread::CreatePrivatePool(8, false);
@@ -291,7 +291,7 @@ TEST_F(PollHandOverEndTest, PoolEndsWhileItsWorkersGoToSleep) {
     }
 }
 
-TEST_F(PollHandOverEndTest, PoolOfManyWorkersEndsInTheMiddleOfTraffic) {
+TEST_F(PollHandOverEnd, PoolOfManyWorkersEndsInTheMiddleOfTraffic) {
     for (int round = 0; round < 30; ++round) {
         const int index = CNetThread::CreatePrivatePool(8, false);
         ASSERT_GT(index, 0);

@@ -108,7 +108,7 @@ void pushKey(CThreadPool& pool, int64_t key) {
     pool.m_event.PushOne(ev);
 }
 
-TEST(ThreadPoolDeathTest, AnUnknownKeyIsLoggedAndAsserted) {
+TEST(ThreadPoolDeath, AnUnknownKeyIsLoggedAndAsserted) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     for (int64_t key : {-100, -101, -1, -49, -52, -79}) {
         EXPECT_DEATH(
@@ -124,7 +124,7 @@ TEST(ThreadPoolDeathTest, AnUnknownKeyIsLoggedAndAsserted) {
     }
 }
 
-TEST(ThreadPoolDeathTest, AForeignRecordInTheSerialLineIsLoggedAndAsserted) {
+TEST(ThreadPoolDeath, AForeignRecordInTheSerialLineIsLoggedAndAsserted) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(
         {
@@ -140,13 +140,13 @@ TEST(ThreadPoolDeathTest, AForeignRecordInTheSerialLineIsLoggedAndAsserted) {
 
 // ---- the work of a pool -----------------------------------------------------------------------------------
 
-class RunningPoolTest : public PoolFixture {
+class RunningPool : public PoolFixture {
 protected:
-    RunningPoolTest() { workers = 4; }
+    RunningPool() { workers = 4; }
     CThreadPool& pool() { return *PoolTable::Get(0); }
 };
 
-TEST_F(RunningPoolTest, WhileAllWorkersAreInLongCallsSocketsAreNotPolled) {
+TEST_F(RunningPool, WhileAllWorkersAreInLongCallsSocketsAreNotPolled) {
     auto* handler = new TestHandler;
     std::atomic<bool> go{false};
     std::atomic<int> busy{0};
@@ -183,7 +183,7 @@ TEST_F(RunningPoolTest, WhileAllWorkersAreInLongCallsSocketsAreNotPolled) {
     closeAndWait(handler);
 }
 
-TEST_F(RunningPoolTest, TheListingNamesEverySocketWithItsOwner) {
+TEST_F(RunningPool, TheListingNamesEverySocketWithItsOwner) {
     auto* handler = new TestHandler;
     std::vector<std::unique_ptr<CSockStream>> socks;
     for (int i = 0; i < 20; ++i) {
@@ -207,7 +207,7 @@ TEST_F(RunningPoolTest, TheListingNamesEverySocketWithItsOwner) {
     closeAndWait(handler);
 }
 
-TEST_F(RunningPoolTest, ADeadOwnerHidesTheSocketsInTheSubtreeBelowIt) {
+TEST_F(RunningPool, ADeadOwnerHidesTheSocketsInTheSubtreeBelowIt) {
     // Handles in ascending order: the split of the eighth makes the fourth the root of three and four.
     auto* handler = new TestHandler;
     auto* dead = new TestHandler;
@@ -232,7 +232,7 @@ TEST_F(RunningPoolTest, ADeadOwnerHidesTheSocketsInTheSubtreeBelowIt) {
     closeAndWait(handler);
 }
 
-TEST_F(RunningPoolTest, TheListingCanBeWhatEndsAnOwner) {
+TEST_F(RunningPool, TheListingCanBeWhatEndsAnOwner) {
     // The pin of the listing is the last reference; handle_close removes the socket, and no lock stands in
     // its way.
     auto* handler = new TestHandler;
@@ -288,7 +288,7 @@ TEST(ThreadPool, TheOnlyWorkerServesMessagesAndTimersBetweenItsWaits) {
     delete pool;
 }
 
-TEST_F(RunningPoolTest, AMessageEndsTheWaitForSocketsWhenAllOthersAreBusy) {
+TEST_F(RunningPool, AMessageEndsTheWaitForSocketsWhenAllOthersAreBusy) {
     auto* handler = new TestHandler;
     std::atomic<int> busy{0};
     const int all = ThreadPoolProbe::workers(pool());

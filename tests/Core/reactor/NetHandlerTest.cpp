@@ -46,9 +46,9 @@ struct Pair {
 };
 
 // Enough for calls that block each other.
-class NetHandlerTest : public PoolFixture {
+class NetHandler : public PoolFixture {
 protected:
-    NetHandlerTest() { workers = 4; }
+    NetHandler() { workers = 4; }
 
     // Closes a handler whose handle_close leaves it allocated. The last reference goes on this thread, so
     // that no worker is in the object any more.
@@ -66,7 +66,7 @@ protected:
 
 // ---- the run from creation to the end --------------------------------------------------------------------
 
-TEST_F(NetHandlerTest, AFullRunFromTheFirstMessageToTheEnd) {
+TEST_F(NetHandler, AFullRunFromTheFirstMessageToTheEnd) {
     auto* handler = new TestHandler;
     const Life life = handler->life;
     const long id = handler->GetID();
@@ -94,7 +94,7 @@ TEST_F(NetHandlerTest, AFullRunFromTheFirstMessageToTheEnd) {
     EXPECT_FALSE(PoolTable::FindHandler(id));
 }
 
-TEST_F(NetHandlerTest, IdsOfAPoolCountDownAndCarryItsIndex) {
+TEST_F(NetHandler, IdsOfAPoolCountDownAndCarryItsIndex) {
     const int pool = CNetThread::CreatePrivatePool(2, false);
     ASSERT_EQ(1, pool);
     auto* first = new TestHandler(pool);
@@ -106,7 +106,7 @@ TEST_F(NetHandlerTest, IdsOfAPoolCountDownAndCarryItsIndex) {
     EXPECT_EQ(0, CNetThread::DestroyPrivatePool(pool));
 }
 
-TEST_F(NetHandlerTest, TheDefaultsOfAllSlotsAreMinusOne) {
+TEST_F(NetHandler, TheDefaultsOfAllSlotsAreMinusOne) {
     class Plain : public CNetHandler {};
     auto* handler = new Plain;
     EXPECT_EQ(-1, handler->handle_input(0));
@@ -124,9 +124,9 @@ TEST_F(NetHandlerTest, TheDefaultsOfAllSlotsAreMinusOne) {
 
 // ---- wrong uses ----------------------------------------------------------------------------------------
 
-class NetHandlerDeathTest : public NetHandlerTest {};
+class NetHandlerDeath : public NetHandler {};
 
-TEST(NetHandlerWithoutPoolDeathTest, AHandlerBeforeItsPoolIsLoggedAndAsserted) {
+TEST(NetHandlerWithoutPoolDeath, AHandlerBeforeItsPoolIsLoggedAndAsserted) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(
         TestHandler(0),
@@ -134,7 +134,7 @@ TEST(NetHandlerWithoutPoolDeathTest, AHandlerBeforeItsPoolIsLoggedAndAsserted) {
         "create thread pool first!\n(.|\n)*Assertion `0' failed");
 }
 
-TEST_F(NetHandlerDeathTest, APoolIndexOf64IsAsserted) {
+TEST_F(NetHandlerDeath, APoolIndexOf64IsAsserted) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(TestHandler(64),
                  "Can't find the thread pool 64, create thread pool first!\n(.|\n)*Assertion `0' failed");
@@ -142,12 +142,12 @@ TEST_F(NetHandlerDeathTest, APoolIndexOf64IsAsserted) {
                  "Can't find the thread pool -1, create thread pool first!\n(.|\n)*Assertion `0' failed");
 }
 
-TEST_F(NetHandlerDeathTest, DeletingAnOpenHandlerIsAsserted) {
+TEST_F(NetHandlerDeath, DeletingAnOpenHandlerIsAsserted) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(delete new TestHandler, "Assertion `__m_magic == 0x0202' failed");
 }
 
-TEST_F(NetHandlerDeathTest, AHandlerThatSentItselfTheCloseNumberIsStillOpenWhenItIsDeleted) {
+TEST_F(NetHandlerDeath, AHandlerThatSentItselfTheCloseNumberIsStillOpenWhenItIsDeleted) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(
         {
@@ -160,7 +160,7 @@ TEST_F(NetHandlerDeathTest, AHandlerThatSentItselfTheCloseNumberIsStillOpenWhenI
 
 // ---- closing -------------------------------------------------------------------------------------------
 
-TEST_F(NetHandlerTest, ASecondCloseChangesNothingAndPostsNothing) {
+TEST_F(NetHandler, ASecondCloseChangesNothingAndPostsNothing) {
     auto* handler = new TestHandler;
     const Life life = handler->life;
     handler->AddRef();
@@ -175,7 +175,7 @@ TEST_F(NetHandlerTest, ASecondCloseChangesNothingAndPostsNothing) {
     EXPECT_EQ(1, life->deleted);
 }
 
-TEST_F(NetHandlerTest, WithTwoReferencesHeldTheSecondDecRefClosesOnTheApplicationsThread) {
+TEST_F(NetHandler, WithTwoReferencesHeldTheSecondDecRefClosesOnTheApplicationsThread) {
     auto* handler = new TestHandler;
     const Life life = handler->life;
     handler->AddRef();
@@ -193,7 +193,7 @@ TEST_F(NetHandlerTest, WithTwoReferencesHeldTheSecondDecRefClosesOnTheApplicatio
     EXPECT_EQ(std::this_thread::get_id(), closer);
 }
 
-TEST_F(NetHandlerTest, HandleCloseRunsOnceAlsoWhenTheCountReachesZeroTwice) {
+TEST_F(NetHandler, HandleCloseRunsOnceAlsoWhenTheCountReachesZeroTwice) {
     auto* handler = new TestHandler;
     handler->keep_after_close = true;
     const Life life = handler->life;
@@ -205,7 +205,7 @@ TEST_F(NetHandlerTest, HandleCloseRunsOnceAlsoWhenTheCountReachesZeroTwice) {
     delete handler;
 }
 
-TEST_F(NetHandlerTest, TheDefaultHandleCloseLeavesTheObjectAllocated) {
+TEST_F(NetHandler, TheDefaultHandleCloseLeavesTheObjectAllocated) {
     class Plain : public CNetHandler {
     public:
         explicit Plain(std::atomic<int>& deleted) : m_deleted(deleted) {}
@@ -221,7 +221,7 @@ TEST_F(NetHandlerTest, TheDefaultHandleCloseLeavesTheObjectAllocated) {
     delete handler;
 }
 
-TEST_F(NetHandlerTest, TheCloseMessageOvertakesWhatWaitsAndDropsIt) {
+TEST_F(NetHandler, TheCloseMessageOvertakesWhatWaitsAndDropsIt) {
     auto* handler = new TestHandler;
     const Life life = handler->life;
     const long id = handler->GetID();
@@ -247,7 +247,7 @@ TEST_F(NetHandlerTest, TheCloseMessageOvertakesWhatWaitsAndDropsIt) {
     EXPECT_EQ(busy, life->messages);
 }
 
-TEST_F(NetHandlerTest, CloseInsideACallLetsTheCallRunToItsEnd) {
+TEST_F(NetHandler, CloseInsideACallLetsTheCallRunToItsEnd) {
     auto* handler = new TestHandler;
     const Life life = handler->life;
     std::atomic<int> closes_seen{-1};
@@ -263,7 +263,7 @@ TEST_F(NetHandlerTest, CloseInsideACallLetsTheCallRunToItsEnd) {
     EXPECT_EQ(0, closes_seen);
 }
 
-TEST_F(NetHandlerTest, HandleCloseWaitsForACallOnAnotherThread) {
+TEST_F(NetHandler, HandleCloseWaitsForACallOnAnotherThread) {
     auto* handler = new TestHandler;
     const Life life = handler->life;
     std::atomic<bool> inside{false};
@@ -283,7 +283,7 @@ TEST_F(NetHandlerTest, HandleCloseWaitsForACallOnAnotherThread) {
     EXPECT_EVENTUALLY(life->closes == 1);
 }
 
-TEST_F(NetHandlerTest, TwoCloseMessagesDetachOnce) {
+TEST_F(NetHandler, TwoCloseMessagesDetachOnce) {
     // A handler that sends itself the close number beside Close: the id goes back once, the reference drops
     // once.
     for (int round = 0; round < 200; ++round) {
@@ -303,7 +303,7 @@ TEST_F(NetHandlerTest, TwoCloseMessagesDetachOnce) {
     }
 }
 
-TEST_F(NetHandlerTest, CloseFromManyThreadsEndsTheHandlerOnce) {
+TEST_F(NetHandler, CloseFromManyThreadsEndsTheHandlerOnce) {
     for (int round = 0; round < 100; ++round) {
         auto* handler = new TestHandler;
         const Life life = handler->life;
@@ -322,7 +322,7 @@ TEST_F(NetHandlerTest, CloseFromManyThreadsEndsTheHandlerOnce) {
 
 // ---- guarded services ----------------------------------------------------------------------------------
 
-TEST_F(NetHandlerTest, SetTimerAndRegisterSockAfterCloseGiveMinusOneAndLeaveTheReferences) {
+TEST_F(NetHandler, SetTimerAndRegisterSockAfterCloseGiveMinusOneAndLeaveTheReferences) {
     auto* handler = new TestHandler;
     handler->AddRef();
     handler->Close();
@@ -335,7 +335,7 @@ TEST_F(NetHandlerTest, SetTimerAndRegisterSockAfterCloseGiveMinusOneAndLeaveTheR
     handler->DecRef();
 }
 
-TEST_F(NetHandlerTest, AHandlerClosedWithASocketRegisteredComplainsAndIsDestroyedAllTheSame) {
+TEST_F(NetHandler, AHandlerClosedWithASocketRegisteredComplainsAndIsDestroyedAllTheSame) {
     auto* handler = new TestHandler;
     const Life life = handler->life;
     Pair pair;
@@ -356,7 +356,7 @@ TEST_F(NetHandlerTest, AHandlerClosedWithASocketRegisteredComplainsAndIsDestroye
     closeAndWait(heir);
 }
 
-TEST_F(NetHandlerTest, CheckSockEndsTheWriteInterestOfASocketThatReads) {
+TEST_F(NetHandler, CheckSockEndsTheWriteInterestOfASocketThatReads) {
     auto* handler = new TestHandler;
     Pair pair;
     handler->on_output = [&](int) { return handler->CheckSock(pair.near); };
@@ -373,7 +373,7 @@ TEST_F(NetHandlerTest, CheckSockEndsTheWriteInterestOfASocketThatReads) {
     closeAndWait(handler);
 }
 
-TEST_F(NetHandlerTest, CheckSockRemovesASocketThatDoesNotRead) {
+TEST_F(NetHandler, CheckSockRemovesASocketThatDoesNotRead) {
     auto* handler = new TestHandler;
     Pair pair;
     handler->on_output = [&](int) { return handler->CheckSock(pair.near); };
@@ -383,7 +383,7 @@ TEST_F(NetHandlerTest, CheckSockRemovesASocketThatDoesNotRead) {
     closeAndWait(handler);
 }
 
-TEST_F(NetHandlerTest, CheckSockOfAnUnknownSocketDoesNothing) {
+TEST_F(NetHandler, CheckSockOfAnUnknownSocketDoesNothing) {
     auto* handler = new TestHandler;
     Pair pair;
     CSockStream none;
@@ -392,7 +392,7 @@ TEST_F(NetHandlerTest, CheckSockOfAnUnknownSocketDoesNothing) {
     closeAndWait(handler);
 }
 
-TEST_F(NetHandlerTest, TheShortFormsPostToTheDefaultReceiver) {
+TEST_F(NetHandler, TheShortFormsPostToTheDefaultReceiver) {
     auto* sender = new TestHandler;
     auto* receiver = new TestHandler;
     std::atomic<long> from{0};
@@ -410,7 +410,7 @@ TEST_F(NetHandlerTest, TheShortFormsPostToTheDefaultReceiver) {
     closeAndWait(receiver);
 }
 
-TEST_F(NetHandlerTest, WithoutADefaultReceiverTheShortFormsAreLoggedAndQueueNothing) {
+TEST_F(NetHandler, WithoutADefaultReceiverTheShortFormsAreLoggedAndQueueNothing) {
     auto* handler = new TestHandler;
     LogCapture log;
     handler->Notify(3, 0);
@@ -421,7 +421,7 @@ TEST_F(NetHandlerTest, WithoutADefaultReceiverTheShortFormsAreLoggedAndQueueNoth
     closeAndWait(handler);
 }
 
-TEST_F(NetHandlerTest, MemoryOfTheWorkerAndSharedMemoryAreWritable) {
+TEST_F(NetHandler, MemoryOfTheWorkerAndSharedMemoryAreWritable) {
     auto* handler = new TestHandler;
     std::atomic<bool> done{false};
     handler->on_message = [&](long, unsigned int, long) {
@@ -439,7 +439,7 @@ TEST_F(NetHandlerTest, MemoryOfTheWorkerAndSharedMemoryAreWritable) {
 
 // ---- the end with each kind of outstanding work -----------------------------------------------------------
 
-TEST_F(NetHandlerTest, AnArmedTimerOfAClosedHandlerMakesNoCallAndGivesItsIdBack) {
+TEST_F(NetHandler, AnArmedTimerOfAClosedHandlerMakesNoCallAndGivesItsIdBack) {
     auto* handler = new TestHandler;
     const Life life = handler->life;
     EXPECT_LT(handler->SetTimer(300000), -101);
@@ -448,7 +448,7 @@ TEST_F(NetHandlerTest, AnArmedTimerOfAClosedHandlerMakesNoCallAndGivesItsIdBack)
     EXPECT_EQ(0, life->timeouts);
 }
 
-TEST_F(NetHandlerTest, ARegistrationThatRacesWithCloseIsSeenBeforeOrAfter) {
+TEST_F(NetHandler, ARegistrationThatRacesWithCloseIsSeenBeforeOrAfter) {
     for (int round = 0; round < 200; ++round) {
         auto* handler = new TestHandler;
         const Life life = handler->life;

@@ -101,29 +101,29 @@ void onPlainThread(Body body) {
 }
 
 TEST(TsMemoryAtLoad, ThereIsNoSlotAndNoSharedTable) {
-    EXPECT_EQ(TsMemoryProbe::key(), NO_KEY);
-    EXPECT_EQ(TsMemoryProbe::shared(), nullptr);
+    EXPECT_EQ(NO_KEY, TsMemoryProbe::key());
+    EXPECT_EQ(nullptr, TsMemoryProbe::shared());
     void* own = CTsMemory::TsMalloc(10);
     void* shared = CTsMemory::Malloc(10);
-    EXPECT_EQ(headerOf(own).index, -1);
-    EXPECT_EQ(headerOf(shared).index, -1);
+    EXPECT_EQ(-1, headerOf(own).index);
+    EXPECT_EQ(-1, headerOf(shared).index);
     CTsMemory::TsFree(own);
     CTsMemory::Free(shared);
     CTsMemory::DestroyMemPool();
 }
 
 TEST_F(TsMemory, EveryClassHasItsSizeAndItsLimit) {
-    ASSERT_EQ(TsMemoryProbe::CLASS_COUNT, 46);
-    ASSERT_EQ(classSizes().size(), 45U);
+    ASSERT_EQ(46, TsMemoryProbe::CLASS_COUNT);
+    ASSERT_EQ(45U, classSizes().size());
     for (int i = 0; i < 45; ++i) {
         const mem_head& head = TsMemoryProbe::classAt(i);
         EXPECT_EQ(head.m_size, classSizes()[static_cast<std::size_t>(i)]) << "class " << i;
         EXPECT_EQ(head.m_max, mostBlocks(i)) << "class " << i;
-        EXPECT_EQ(head.m_count, 0);
-        EXPECT_EQ(head.m_first, nullptr);
+        EXPECT_EQ(0, head.m_count);
+        EXPECT_EQ(nullptr, head.m_first);
     }
-    EXPECT_EQ(TsMemoryProbe::classAt(45).m_size, 0U);
-    EXPECT_EQ(TsMemoryProbe::classAt(45).m_max, 0);
+    EXPECT_EQ(0U, TsMemoryProbe::classAt(45).m_size);
+    EXPECT_EQ(0, TsMemoryProbe::classAt(45).m_max);
 }
 
 TEST_F(TsMemory, EverySizeGetsTheSmallestClassThatHoldsIt) {
@@ -149,8 +149,8 @@ TEST_F(TsMemory, SharedTableUsesTheSameClasses) {
 
 TEST_F(TsMemory, LargestPooledSizeIsOfTheLastClassAndKept) {
     void* block = CTsMemory::TsMalloc(229376);
-    EXPECT_EQ(headerOf(block).index, 44);
-    EXPECT_EQ(headerOf(block).size, 229376);
+    EXPECT_EQ(44, headerOf(block).index);
+    EXPECT_EQ(229376, headerOf(block).size);
     CTsMemory::TsFree(block);
     EXPECT_EQ(CTsMemory::TsMalloc(229376), block);
     CTsMemory::TsFree(block);
@@ -159,7 +159,7 @@ TEST_F(TsMemory, LargestPooledSizeIsOfTheLastClassAndKept) {
 TEST_F(TsMemory, OneByteMoreIsOutsideTheClassesAndGoesBackToTheGeneralAllocator) {
     const long before = CountingAllocator::blocksInUse();
     void* block = CTsMemory::TsMalloc(229377);
-    EXPECT_EQ(headerOf(block).index, -1);
+    EXPECT_EQ(-1, headerOf(block).index);
     std::memset(block, 0x5A, 229377);
     EXPECT_EQ(CountingAllocator::blocksInUse(), before + 1);
     CTsMemory::TsFree(block);
@@ -169,7 +169,7 @@ TEST_F(TsMemory, OneByteMoreIsOutsideTheClassesAndGoesBackToTheGeneralAllocator)
 TEST_F(TsMemory, SharedTableSendsLargeBlocksBackToo) {
     const long before = CountingAllocator::blocksInUse();
     void* block = CTsMemory::Malloc(300000);
-    EXPECT_EQ(headerOf(block).index, -1);
+    EXPECT_EQ(-1, headerOf(block).index);
     CTsMemory::Free(block);
     EXPECT_EQ(CountingAllocator::blocksInUse(), before);
 }
@@ -177,8 +177,8 @@ TEST_F(TsMemory, SharedTableSendsLargeBlocksBackToo) {
 TEST_F(TsMemory, Size1500IsAPacketAndSize1501IsAPage) {
     void* packet = CTsMemory::TsMalloc(1500);
     void* page = CTsMemory::TsMalloc(1501);
-    EXPECT_EQ(headerOf(packet).index, 18);
-    EXPECT_EQ(headerOf(page).index, 19);
+    EXPECT_EQ(18, headerOf(packet).index);
+    EXPECT_EQ(19, headerOf(page).index);
     CTsMemory::TsFree(packet);
     CTsMemory::TsFree(page);
 }
@@ -186,13 +186,13 @@ TEST_F(TsMemory, Size1500IsAPacketAndSize1501IsAPage) {
 TEST_F(TsMemory, SizeZeroCountsAsOne) {
     void* own = CTsMemory::TsMalloc(0);
     void* shared = CTsMemory::Malloc(0);
-    EXPECT_EQ(headerOf(own).index, 0);
-    EXPECT_EQ(headerOf(shared).index, 0);
+    EXPECT_EQ(0, headerOf(own).index);
+    EXPECT_EQ(0, headerOf(shared).index);
     CTsMemory::TsFree(own);
     CTsMemory::Free(shared);
     onPlainThread([] {
         void* block = CTsMemory::TsMalloc(0);
-        EXPECT_EQ(CountingAllocator::lastSize(), 17U);
+        EXPECT_EQ(17U, CountingAllocator::lastSize());
         CTsMemory::TsFree(block);
     });
 }
@@ -209,7 +209,7 @@ TEST_F(TsMemory, BlocksAreAlignedAndUsableToTheirLastByte) {
     std::vector<void*> blocks;
     for (const unsigned int size : classSizes()) {
         void* block = CTsMemory::TsMalloc(size);
-        EXPECT_EQ(reinterpret_cast<std::uintptr_t>(block) % 16, 0U);
+        EXPECT_EQ(0U, reinterpret_cast<std::uintptr_t>(block) % 16);
         std::memset(block, 0xA5, size);
         blocks.push_back(block);
     }
@@ -254,16 +254,16 @@ TEST_F(TsMemory, LinkIsNullWhileABlockIsInUse) {
     void* blocks[3];
     for (void*& block : blocks) {
         block = CTsMemory::TsMalloc(512);
-        EXPECT_EQ(headerOf(block).next, nullptr) << "fresh";
+        EXPECT_EQ(nullptr, headerOf(block).next) << "fresh";
     }
     for (void* block : blocks) {
         CTsMemory::TsFree(block);
     }
-    EXPECT_NE(headerOf(blocks[0]).next, nullptr) << "in the list, with another behind it";
+    EXPECT_NE(nullptr, headerOf(blocks[0]).next) << "in the list, with another behind it";
     for (void* expected : blocks) {
         void* block = CTsMemory::TsMalloc(512);
         EXPECT_EQ(block, expected);
-        EXPECT_EQ(headerOf(block).next, nullptr) << "recycled";
+        EXPECT_EQ(nullptr, headerOf(block).next) << "recycled";
     }
     for (void* block : blocks) {
         CTsMemory::TsFree(block);
@@ -271,7 +271,7 @@ TEST_F(TsMemory, LinkIsNullWhileABlockIsInUse) {
     void* shared = CTsMemory::Malloc(512);
     CTsMemory::Free(shared);
     void* again = CTsMemory::Malloc(512);
-    EXPECT_EQ(headerOf(again).next, nullptr);
+    EXPECT_EQ(nullptr, headerOf(again).next);
     CTsMemory::Free(again);
 }
 
@@ -340,9 +340,9 @@ TEST_F(TsMemory, ThreadWithoutATableAllocatesOutsideTheClasses) {
     onPlainThread([] {
         const long before = CountingAllocator::blocksInUse();
         void* block = CTsMemory::TsMalloc(64);
-        EXPECT_EQ(headerOf(block).index, -1);
-        EXPECT_EQ(headerOf(block).next, nullptr);
-        EXPECT_EQ(CountingAllocator::lastSize(), 64U + 16U);
+        EXPECT_EQ(-1, headerOf(block).index);
+        EXPECT_EQ(nullptr, headerOf(block).next);
+        EXPECT_EQ(64U + 16U, CountingAllocator::lastSize());
         CTsMemory::TsFree(block);
         EXPECT_EQ(CountingAllocator::blocksInUse(), before);
     });
@@ -350,7 +350,7 @@ TEST_F(TsMemory, ThreadWithoutATableAllocatesOutsideTheClasses) {
 
 TEST_F(TsMemory, ClassBlockFreedOnAThreadWithoutATableGoesToTheGeneralAllocator) {
     void* block = CTsMemory::TsMalloc(64);
-    ASSERT_EQ(headerOf(block).index, 7);
+    ASSERT_EQ(7, headerOf(block).index);
     onPlainThread([block] {
         const long before = CountingAllocator::blocksFreed();
         CTsMemory::TsFree(block);
@@ -365,7 +365,7 @@ TEST_F(TsMemory, ClassBlockFreedAfterTheSharedTableWentGoesToTheGeneralAllocator
     CTsMemory::Free(block);
     EXPECT_EQ(CountingAllocator::blocksFreed(), before + 1);
     void* outside = CTsMemory::Malloc(1500);
-    EXPECT_EQ(headerOf(outside).index, -1);
+    EXPECT_EQ(-1, headerOf(outside).index);
     CTsMemory::Free(outside);
 }
 
@@ -376,7 +376,7 @@ TEST_F(TsMemory, BlockJoinsTheTableItIsFreedTo) {
         from_thread = CTsMemory::TsMalloc(100);
         CTsMemory::DestroyThreadMemPool();
     });
-    EXPECT_EQ(headerOf(from_thread).index, 12) << "a block in use outlives the table that it came from";
+    EXPECT_EQ(12, headerOf(from_thread).index) << "a block in use outlives the table that it came from";
     CTsMemory::TsFree(from_thread);
     EXPECT_EQ(CTsMemory::TsMalloc(100), from_thread);
 
@@ -415,7 +415,7 @@ TEST_F(TsMemory, DestroyThreadMemPoolFreesTheListsAndForgetsTheTable) {
     EXPECT_EQ(CountingAllocator::blocksInUse(), before - static_cast<long>(blocks.size()) - 1)
         << "all blocks and the table itself";
     void* block = CTsMemory::TsMalloc(64);
-    EXPECT_EQ(headerOf(block).index, -1);
+    EXPECT_EQ(-1, headerOf(block).index);
     CTsMemory::TsFree(block);
     CTsMemory::DestroyThreadMemPool();
     EXPECT_EQ(CountingAllocator::blocksInUse(), before - static_cast<long>(blocks.size()) - 1)
@@ -426,7 +426,7 @@ TEST_F(TsMemory, ThreadGetsANewTableAfterItGaveUpTheFirst) {
     CTsMemory::DestroyThreadMemPool();
     CTsMemory::CreateMemPool();
     void* block = CTsMemory::TsMalloc(64);
-    EXPECT_EQ(headerOf(block).index, 7);
+    EXPECT_EQ(7, headerOf(block).index);
     CTsMemory::TsFree(block);
     EXPECT_EQ(CTsMemory::TsMalloc(64), block);
     CTsMemory::TsFree(block);
@@ -435,25 +435,25 @@ TEST_F(TsMemory, ThreadGetsANewTableAfterItGaveUpTheFirst) {
 TEST_F(TsMemory, SlotNumberIsSetByTheFirstTableAndKeptUntilTheNextStart) {
     CTsMemory::DestroyMemPool();
     CTsMemory::InitStaticVal();
-    EXPECT_EQ(TsMemoryProbe::key(), NO_KEY);
-    EXPECT_EQ(TsMemoryProbe::shared(), nullptr);
+    EXPECT_EQ(NO_KEY, TsMemoryProbe::key());
+    EXPECT_EQ(nullptr, TsMemoryProbe::shared());
     CTsMemory::CreateMemPool();
     const unsigned long key = TsMemoryProbe::key();
-    EXPECT_NE(key, NO_KEY);
-    EXPECT_NE(TsMemoryProbe::shared(), nullptr);
+    EXPECT_NE(NO_KEY, key);
+    EXPECT_NE(nullptr, TsMemoryProbe::shared());
     CTsMemory::DestroyMemPool();
-    EXPECT_EQ(TsMemoryProbe::shared(), nullptr);
+    EXPECT_EQ(nullptr, TsMemoryProbe::shared());
     EXPECT_EQ(TsMemoryProbe::key(), key);
     CTsMemory::InitStaticVal();
-    EXPECT_EQ(TsMemoryProbe::key(), NO_KEY);
+    EXPECT_EQ(NO_KEY, TsMemoryProbe::key());
 }
 
 TEST_F(TsMemory, SumsDoNotWrapRoundForTheLargestSizes) {
     const CountingAllocator::NoMemory no_memory;
     for (const unsigned int size : {0xFFFFFFF0U, 0xFFFFFFF1U, 0xFFFFFFFFU}) {
-        EXPECT_EQ(CTsMemory::TsMalloc(size), nullptr);
+        EXPECT_EQ(nullptr, CTsMemory::TsMalloc(size));
         EXPECT_EQ(CountingAllocator::lastSize(), static_cast<std::size_t>(size) + 16);
-        EXPECT_EQ(CTsMemory::Malloc(size), nullptr);
+        EXPECT_EQ(nullptr, CTsMemory::Malloc(size));
         EXPECT_EQ(CountingAllocator::lastSize(), static_cast<std::size_t>(size) + 16);
     }
 }
@@ -463,11 +463,11 @@ TEST_F(TsMemory, NoMemoryGivesNull) {
     CTsMemory::TsFree(kept);
     {
         const CountingAllocator::NoMemory no_memory;
-        EXPECT_EQ(CTsMemory::TsMalloc(300), nullptr);
-        EXPECT_EQ(CTsMemory::TsMalloc(300000), nullptr);
-        EXPECT_EQ(CTsMemory::Malloc(300), nullptr);
+        EXPECT_EQ(nullptr, CTsMemory::TsMalloc(300));
+        EXPECT_EQ(nullptr, CTsMemory::TsMalloc(300000));
+        EXPECT_EQ(nullptr, CTsMemory::Malloc(300));
         EXPECT_EQ(CTsMemory::TsMalloc(64), kept) << "what waits in a list is still to be had";
-        onPlainThread([] { EXPECT_EQ(CTsMemory::TsMalloc(64), nullptr); });
+        onPlainThread([] { EXPECT_EQ(nullptr, CTsMemory::TsMalloc(64)); });
     }
     CTsMemory::TsFree(kept);
 }
@@ -480,13 +480,13 @@ TEST_F(TsMemory, NoMemoryForATableLeavesTheThreadWithoutOne) {
             CTsMemory::CreateMemPool();
         }
         void* block = CTsMemory::TsMalloc(64);
-        EXPECT_EQ(headerOf(block).index, -1);
+        EXPECT_EQ(-1, headerOf(block).index);
         CTsMemory::TsFree(block);
-        EXPECT_EQ(TsMemoryProbe::shared(), nullptr);
+        EXPECT_EQ(nullptr, TsMemoryProbe::shared());
         CTsMemory::DestroyThreadMemPool();
     });
     CTsMemory::CreateMemPool();
-    EXPECT_NE(TsMemoryProbe::shared(), nullptr) << "the next worker makes up for it";
+    EXPECT_NE(nullptr, TsMemoryProbe::shared()) << "the next worker makes up for it";
 }
 
 TEST_F(TsMemory, WorkersThatStartTogetherShareOneTableAndLoseNone) {
@@ -529,7 +529,7 @@ TEST_F(TsMemory, WorkerThatComesSecondWithTheSharedTableGivesItsOwnBack) {
         CTsMemory::DestroyThreadMemPool();
     });
     second.join();
-    EXPECT_NE(of_the_first, nullptr);
+    EXPECT_NE(nullptr, of_the_first);
     EXPECT_EQ(TsMemoryProbe::shared(), of_the_first);
     EXPECT_EQ(CountingAllocator::blocksInUse(), before + 1);
 }
@@ -580,7 +580,7 @@ TEST_F(TsMemory, ThreadThatWaitedForTheSharedTableSeesThatItHasGone) {
         other = std::thread([&thread_id] {
             thread_id = Orvex::Testing::kernelThreadId();
             void* block = CTsMemory::Malloc(64);
-            EXPECT_EQ(headerOf(block).index, 7);
+            EXPECT_EQ(7, headerOf(block).index);
             std::memset(block, 1, 64);
             CTsMemory::Free(block);
         });

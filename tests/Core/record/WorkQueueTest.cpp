@@ -21,7 +21,7 @@ namespace {
 using namespace Reticor;
 using Records = std::vector<CEvent*>;
 
-class WorkQueueTest : public ::testing::Test {
+class WorkQueue : public ::testing::Test {
 protected:
     void TearDown() override {
         while (queue.TryPop() != nullptr) {
@@ -73,7 +73,7 @@ private:
 
 // ---- order ---------------------------------------------------------------------------------------------
 
-TEST_F(WorkQueueTest, RecordsComeOutInTheOrderOfTheirPush) {
+TEST_F(WorkQueue, RecordsComeOutInTheOrderOfTheirPush) {
     queue.PushOne(&a);
     queue.PushOne(&b);
     queue.PushFront(&c);
@@ -84,7 +84,7 @@ TEST_F(WorkQueueTest, RecordsComeOutInTheOrderOfTheirPush) {
     EXPECT_EQ(0, sleepers());
 }
 
-TEST_F(WorkQueueTest, PollersPushIsTheReadyChainAndTheTokenBehindIt) {
+TEST_F(WorkQueue, PollersPushIsTheReadyChainAndTheTokenBehindIt) {
     token.m_next = &c;  // a link from earlier
     a.m_next = &b;
     b.m_next = nullptr;
@@ -97,7 +97,7 @@ TEST_F(WorkQueueTest, PollersPushIsTheReadyChainAndTheTokenBehindIt) {
     EXPECT_TRUE(EventQueueProbe::tailIsLast(queue));
 }
 
-TEST_F(WorkQueueTest, PushOfAnOldChainEndGoesNoFurther) {
+TEST_F(WorkQueue, PushOfAnOldChainEndGoesNoFurther) {
     a.m_next = &b;  // left over from the free list
     queue.PushOne(&a);
     EXPECT_EQ(Records{&a}, queued());
@@ -105,7 +105,7 @@ TEST_F(WorkQueueTest, PushOfAnOldChainEndGoesNoFurther) {
 
 // ---- wake-ups ------------------------------------------------------------------------------------------
 
-TEST_F(WorkQueueTest, EachPushWakesOneSleeperForEachRecord) {
+TEST_F(WorkQueue, EachPushWakesOneSleeperForEachRecord) {
     Worker first(queue), second(queue), third(queue);
     EXPECT_EVENTUALLY(sleepers() == 3);
     queue.PushOne(&a);
@@ -121,7 +121,7 @@ TEST_F(WorkQueueTest, EachPushWakesOneSleeperForEachRecord) {
     EXPECT_EQ(0, sleepers());
 }
 
-TEST_F(WorkQueueTest, PollersPushWithoutAGuardWakesOneWhateverItIsWorth) {
+TEST_F(WorkQueue, PollersPushWithoutAGuardWakesOneWhateverItIsWorth) {
     Worker sleeper(queue);
     EXPECT_EVENTUALLY(sleepers() == 1 && !guarded());
     a.m_next = nullptr;
@@ -129,7 +129,7 @@ TEST_F(WorkQueueTest, PollersPushWithoutAGuardWakesOneWhateverItIsWorth) {
     EXPECT_EQ(&a, sleeper.join());
 }
 
-TEST_F(WorkQueueTest, PollersPushWakesNoMoreThanItHasRecords) {
+TEST_F(WorkQueue, PollersPushWakesNoMoreThanItHasRecords) {
     Worker first(queue), second(queue), third(queue);
     EXPECT_EVENTUALLY(sleepers() == 3);
     a.m_next = nullptr;
@@ -143,7 +143,7 @@ TEST_F(WorkQueueTest, PollersPushWakesNoMoreThanItHasRecords) {
     third.join();
 }
 
-TEST_F(WorkQueueTest, WakeAllHasEverySleeperReturnWithWhatThereIs) {
+TEST_F(WorkQueue, WakeAllHasEverySleeperReturnWithWhatThereIs) {
     Worker first(queue), second(queue);
     EXPECT_EVENTUALLY(sleepers() == 2);
     queue.WakeAll();
@@ -177,7 +177,7 @@ private:
     std::thread m_thread;
 };
 
-TEST_F(WorkQueueTest, GuardTakesWhatThePollerWokeNobodyFor) {
+TEST_F(WorkQueue, GuardTakesWhatThePollerWokeNobodyFor) {
     Busy busy(progress);
     Worker guard(queue);
     EXPECT_EVENTUALLY(sleepers() == 1);
@@ -188,7 +188,7 @@ TEST_F(WorkQueueTest, GuardTakesWhatThePollerWokeNobodyFor) {
     EXPECT_EQ(Records{&token}, queued());
 }
 
-TEST_F(WorkQueueTest, GuardWakesAnotherForTheRest) {
+TEST_F(WorkQueue, GuardWakesAnotherForTheRest) {
     // On a machine that is busy otherwise the guard may see no progress and give up; then it is tried again.
     EXPECT_EVENTUALLY([&] {
         Busy busy(progress);
@@ -210,7 +210,7 @@ TEST_F(WorkQueueTest, GuardWakesAnotherForTheRest) {
     }());
 }
 
-TEST_F(WorkQueueTest, GuardThatSeesThePoolStandStillWaitsWithoutLimitAndWakesNoMore) {
+TEST_F(WorkQueue, GuardThatSeesThePoolStandStillWaitsWithoutLimitAndWakesNoMore) {
     Worker worker(queue);
     EXPECT_EVENTUALLY(!guarded() && sleepers() == 1 && sleepsInFutex(worker.id()));
     const long sleeps = voluntarySleeps(worker.id());
@@ -220,7 +220,7 @@ TEST_F(WorkQueueTest, GuardThatSeesThePoolStandStillWaitsWithoutLimitAndWakesNoM
     EXPECT_EQ(&a, worker.join());
 }
 
-TEST_F(WorkQueueTest, OneGuardIsEnough) {
+TEST_F(WorkQueue, OneGuardIsEnough) {
     Busy busy(progress);
     Worker guard(queue);
     EXPECT_EVENTUALLY(sleepers() == 1);
@@ -238,7 +238,7 @@ TEST_F(WorkQueueTest, OneGuardIsEnough) {
     queue.WakeAll();
 }
 
-TEST_F(WorkQueueTest, GuardServesARecordAndGuardsNoLonger) {
+TEST_F(WorkQueue, GuardServesARecordAndGuardsNoLonger) {
     Busy busy(progress);
     Worker guard(queue);
     EXPECT_EVENTUALLY(sleepers() == 1);
@@ -249,7 +249,7 @@ TEST_F(WorkQueueTest, GuardServesARecordAndGuardsNoLonger) {
 
 // However pushes, looks of the guard and wake-ups meet: each record comes out once, and nobody sleeps beside
 // one.
-TEST_F(WorkQueueTest, NoRecordIsLostDoubledOrLeftBehindUnderRace) {
+TEST_F(WorkQueue, NoRecordIsLostDoubledOrLeftBehindUnderRace) {
     constexpr int ROUNDS = 20000;
     std::vector<std::unique_ptr<CEvent>> records;
     for (int i = 0; i < 3 * ROUNDS; ++i) {

@@ -31,9 +31,9 @@ using Testing::TestHandler;
 
 constexpr int WORKERS = 4;
 
-class MessageTest : public PoolFixture {
+class Message : public PoolFixture {
 protected:
-    MessageTest() { workers = WORKERS; }
+    Message() { workers = WORKERS; }
     void SetUp() override {
         PoolFixture::SetUp();
         handler = new TestHandler;
@@ -52,7 +52,7 @@ protected:
 
 // ---- wrong receivers -----------------------------------------------------------------------------------
 
-TEST_F(MessageTest, AReceiverOf0OrAboveIsLoggedAsInvalidAndNothingIsQueued) {
+TEST_F(Message, AReceiverOf0OrAboveIsLoggedAsInvalidAndNothingIsQueued) {
     LogCapture log;
     CEvent* next = getEvent();
     next->m_receiver = 4712;
@@ -74,9 +74,9 @@ TEST_F(MessageTest, AReceiverOf0OrAboveIsLoggedAsInvalidAndNothingIsQueued) {
     putEvent(next);
 }
 
-class MessageDeathTest : public MessageTest {};
+class MessageDeath : public Message {};
 
-TEST_F(MessageDeathTest, AReceiverWhoseIndexIs64OrAboveIsAsserted) {
+TEST_F(MessageDeath, AReceiverWhoseIndexIs64OrAboveIsAsserted) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     const long foreign = (-100 * 256 + 64) * 256;
     EXPECT_DEATH(CMessage::Notify(-500, foreign, 7, 42, false),
@@ -85,7 +85,7 @@ TEST_F(MessageDeathTest, AReceiverWhoseIndexIs64OrAboveIsAsserted) {
                  "Assertion `63 >= INDEX_OF_ID\\( receiver \\)' failed");
 }
 
-TEST_F(MessageTest, AReceiverOfAnEmptySlotIsAcceptedAndTheRecordGoesBack) {
+TEST_F(Message, AReceiverOfAnEmptySlotIsAcceptedAndTheRecordGoesBack) {
     LogCapture log;
     const long nobody = (-100 * 256 + 63) * 256;
     CEvent* ev = getEvent();
@@ -100,7 +100,7 @@ TEST_F(MessageTest, AReceiverOfAnEmptySlotIsAcceptedAndTheRecordGoesBack) {
     putEvent(again);
 }
 
-TEST_F(MessageTest, ACloseMessageMeansTheHandlerThatPostedIt) {
+TEST_F(Message, ACloseMessageMeansTheHandlerThatPostedIt) {
     auto* stranger = new TestHandler;
     const std::shared_ptr<HandlerLife> its_life = stranger->life;
     CMessage::NotifyClose(stranger->GetID(), handler);
@@ -110,7 +110,7 @@ TEST_F(MessageTest, ACloseMessageMeansTheHandlerThatPostedIt) {
     closeAndWait(stranger);
 }
 
-TEST_F(MessageTest, IdsBeyond32BitsAreValidReceivers) {
+TEST_F(Message, IdsBeyond32BitsAreValidReceivers) {
     // About 32,000 live objects take the counter there.
     LogCapture log;
     const long far = (-40000L * 256 + 0) * 256;
@@ -120,7 +120,7 @@ TEST_F(MessageTest, IdsBeyond32BitsAreValidReceivers) {
     EXPECT_EQ(0u, log.lines().size()) << log.dump();
 }
 
-TEST_F(MessageTest, AMessageForSomebodyWhoIsGoneIsDroppedWithoutATrace) {
+TEST_F(Message, AMessageForSomebodyWhoIsGoneIsDroppedWithoutATrace) {
     auto* gone = new TestHandler;
     const std::shared_ptr<HandlerLife> goner = gone->life;
     const long old = gone->GetID();
@@ -136,7 +136,7 @@ TEST_F(MessageTest, AMessageForSomebodyWhoIsGoneIsDroppedWithoutATrace) {
 
 // ---- delivery ------------------------------------------------------------------------------------------
 
-TEST_F(MessageTest, WhatWasPostedArrives) {
+TEST_F(Message, WhatWasPostedArrives) {
     std::mutex mutex;
     std::vector<std::pair<unsigned int, long>> got;
     std::atomic<long> from{0};
@@ -157,7 +157,7 @@ TEST_F(MessageTest, WhatWasPostedArrives) {
         got);
 }
 
-TEST_F(MessageTest, PostingToOneselfReturnsBeforeTheCall) {
+TEST_F(Message, PostingToOneselfReturnsBeforeTheCall) {
     std::atomic<bool> returned{false};
     std::atomic<bool> seen{true};
     handler->on_message = [&](long, unsigned int msg, long) {
@@ -174,7 +174,7 @@ TEST_F(MessageTest, PostingToOneselfReturnsBeforeTheCall) {
     EXPECT_TRUE(seen);
 }
 
-TEST_F(MessageTest, TwoPlainMessagesToOneHandlerCanRunAtTheSameTime) {
+TEST_F(Message, TwoPlainMessagesToOneHandlerCanRunAtTheSameTime) {
     std::atomic<int> inside{0};
     handler->on_message = [&](long, unsigned int, long) {
         ++inside;
@@ -186,7 +186,7 @@ TEST_F(MessageTest, TwoPlainMessagesToOneHandlerCanRunAtTheSameTime) {
     EXPECT_EVENTUALLY(life->messages == 2);
 }
 
-TEST_F(MessageTest, PlainMessagesStartInTheOrderOfPosting) {
+TEST_F(Message, PlainMessagesStartInTheOrderOfPosting) {
     // With all workers but one in a long call, the remaining one starts them one by one.
     std::atomic<bool> go{false};
     std::atomic<int> busy{0};
@@ -215,7 +215,7 @@ TEST_F(MessageTest, PlainMessagesStartInTheOrderOfPosting) {
     }
 }
 
-TEST_F(MessageTest, SerialMessagesOfAllReceiversRunOneAfterTheOther) {
+TEST_F(Message, SerialMessagesOfAllReceiversRunOneAfterTheOther) {
     auto* other = new TestHandler;
     std::atomic<int> inside{0};
     std::atomic<bool> overlapped{false};
@@ -239,7 +239,7 @@ TEST_F(MessageTest, SerialMessagesOfAllReceiversRunOneAfterTheOther) {
     closeAndWait(other);
 }
 
-TEST_F(MessageTest, SerialMessagesOfManySendersKeepEachSendersOrderAndAllArrive) {
+TEST_F(Message, SerialMessagesOfManySendersKeepEachSendersOrderAndAllArrive) {
     constexpr int SENDERS = 4;
     constexpr long EACH = 3000;
     std::vector<long> next(SENDERS, 0);
@@ -263,7 +263,7 @@ TEST_F(MessageTest, SerialMessagesOfManySendersKeepEachSendersOrderAndAllArrive)
     EXPECT_TRUE(ordered);
 }
 
-TEST_F(MessageTest, ALongSerialMessageHoldsUpSerialMessagesAlone) {
+TEST_F(Message, ALongSerialMessageHoldsUpSerialMessagesAlone) {
     std::atomic<bool> inside{false};
     std::atomic<bool> go{false};
     handler->on_message = [&](long, unsigned int msg, long) {
@@ -287,7 +287,7 @@ TEST_F(MessageTest, ALongSerialMessageHoldsUpSerialMessagesAlone) {
     closeAndWait(other);
 }
 
-TEST_F(MessageTest, ThousandsOfMessagesFromManyThreadsArriveOnceEach) {
+TEST_F(Message, ThousandsOfMessagesFromManyThreadsArriveOnceEach) {
     constexpr int SENDERS = 4;
     constexpr long EACH = 5000;
     std::vector<std::atomic<int>> seen(SENDERS * EACH);
@@ -312,7 +312,7 @@ TEST_F(MessageTest, ThousandsOfMessagesFromManyThreadsArriveOnceEach) {
     }
 }
 
-TEST_F(MessageTest, HandleMessageHoldsNoLockAndOneReferenceMore) {
+TEST_F(Message, HandleMessageHoldsNoLockAndOneReferenceMore) {
     handler->on_message = [&](long, unsigned int, long) {
         EXPECT_EQ(2, HandlerProbe::references(*handler));
         EXPECT_FALSE(EventQueueProbe::mutex(pool().m_event).heldByThisThread());
@@ -326,7 +326,7 @@ TEST_F(MessageTest, HandleMessageHoldsNoLockAndOneReferenceMore) {
     EXPECT_EVENTUALLY(life->messages == 1);
 }
 
-TEST_F(MessageTest, AMessageForTheFileWorkersWaitsForOne) {
+TEST_F(Message, AMessageForTheFileWorkersWaitsForOne) {
     handler->NotifyIO(id(), 5, 50);
     handler->Notify(id(), 6, 60);
     std::atomic<unsigned int> last{0};

@@ -12,9 +12,9 @@ namespace {
 
 using namespace Reticor;
 
-class NetSockOverlapTest : public SockPoolFixture {
+class NetSockOverlap : public SockPoolFixture {
 protected:
-    NetSockOverlapTest() { workers = 4; }
+    NetSockOverlap() { workers = 4; }
 };
 
 // Counts the threads that are inside at the same time.
@@ -40,7 +40,7 @@ private:
     std::atomic<bool> m_met{false};
 };
 
-TEST_F(NetSockOverlapTest, CallsForOneSocketNeverOverlapAlsoAcrossItsTimeouts) {
+TEST_F(NetSockOverlap, CallsForOneSocketNeverOverlapAlsoAcrossItsTimeouts) {
     FastClock clock;
     Crossing crossing;
     SeededRandom random;
@@ -75,7 +75,7 @@ TEST_F(NetSockOverlapTest, CallsForOneSocketNeverOverlapAlsoAcrossItsTimeouts) {
     removeAndWait(pair.near);
 }
 
-TEST_F(NetSockOverlapTest, TwoSocketsOfOneHandlerAreServedAtTheSameTime) {
+TEST_F(NetSockOverlap, TwoSocketsOfOneHandlerAreServedAtTheSameTime) {
     SocketPair other;
     Gate gate;
     handler->on_input = [&](int fd) {
@@ -92,7 +92,7 @@ TEST_F(NetSockOverlapTest, TwoSocketsOfOneHandlerAreServedAtTheSameTime) {
     removeAndWait(other.near);
 }
 
-TEST_F(NetSockOverlapTest, SocketOverlapsWithMessagesAndTimersAndTimeoutsOfOthersOfItsHandler) {
+TEST_F(NetSockOverlap, SocketOverlapsWithMessagesAndTimersAndTimeoutsOfOthersOfItsHandler) {
     FastClock clock;
     SocketPair other;
     Gate gate;
@@ -117,7 +117,7 @@ TEST_F(NetSockOverlapTest, SocketOverlapsWithMessagesAndTimersAndTimeoutsOfOther
     removeAndWait(other.near);
 }
 
-TEST_F(NetSockOverlapTest, SlowHandlerHoldsUpItsOwnSocketAlone) {
+TEST_F(NetSockOverlap, SlowHandlerHoldsUpItsOwnSocketAlone) {
     Gate gate;
     SocketPair others[3];
     std::atomic<int> bytes{0};
@@ -148,7 +148,7 @@ TEST_F(NetSockOverlapTest, SlowHandlerHoldsUpItsOwnSocketAlone) {
     }
 }
 
-TEST_F(NetSockOverlapTest, SocketInTwoPoolsIsServedByBoth) {
+TEST_F(NetSockOverlap, SocketInTwoPoolsIsServedByBoth) {
     const int index = CNetThread::CreatePrivatePool(2, false);
     ASSERT_GT(index, 0);
     TestHandler* const other = new TestHandler(index);

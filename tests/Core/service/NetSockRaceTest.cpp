@@ -93,9 +93,9 @@ private:
     std::atomic<int> m_running{0};
 };
 
-class NetSockRaceTest : public PoolFixture {
+class NetSockRace : public PoolFixture {
 protected:
-    NetSockRaceTest() { workers = 4; }
+    NetSockRace() { workers = 4; }
 
     void TearDown() override {
         CThreadPool& the_pool = pool();
@@ -141,7 +141,7 @@ protected:
     SeededRandom seeds;
 };
 
-TEST_F(NetSockRaceTest, RemoveRacesWithDelivery) {
+TEST_F(NetSockRace, RemoveRacesWithDelivery) {
     for (Rounds rounds(200); rounds.next();) {
         Contested socket(seeds.engine()());
         ASSERT_EQ(0, socket.a->RegisterSock(socket.pair.near, SOCK_READ, 0));
@@ -158,7 +158,7 @@ TEST_F(NetSockRaceTest, RemoveRacesWithDelivery) {
     }
 }
 
-TEST_F(NetSockRaceTest, RemoveAndRegisterAgainRaceWithDeliveryAndSecondHalf) {
+TEST_F(NetSockRace, RemoveAndRegisterAgainRaceWithDeliveryAndSecondHalf) {
     for (Rounds rounds(20); rounds.next();) {
         Contested socket(seeds.engine()());
         ASSERT_EQ(0, socket.a->RegisterSock(socket.pair.near, SOCK_READ, 0));
@@ -174,7 +174,7 @@ TEST_F(NetSockRaceTest, RemoveAndRegisterAgainRaceWithDeliveryAndSecondHalf) {
     }
 }
 
-TEST_F(NetSockRaceTest, TwoThreadsRemoveAndRegisterAgainAtOnce) {
+TEST_F(NetSockRace, TwoThreadsRemoveAndRegisterAgainAtOnce) {
     for (Rounds rounds(20); rounds.next();) {
         Contested socket(seeds.engine()());
         socket.inside = [&] {
@@ -194,7 +194,7 @@ TEST_F(NetSockRaceTest, TwoThreadsRemoveAndRegisterAgainAtOnce) {
     }
 }
 
-TEST_F(NetSockRaceTest, RemoveAndRegisterAgainInsideTheCall) {
+TEST_F(NetSockRace, RemoveAndRegisterAgainInsideTheCall) {
     for (Rounds rounds(10); rounds.next();) {
         Contested socket(seeds.engine()());
         std::atomic<bool> again{true};
@@ -216,7 +216,7 @@ TEST_F(NetSockRaceTest, RemoveAndRegisterAgainInsideTheCall) {
     }
 }
 
-TEST_F(NetSockRaceTest, RegisterByASecondHandlerRacesWithDelivery) {
+TEST_F(NetSockRace, RegisterByASecondHandlerRacesWithDelivery) {
     for (Rounds rounds(20); rounds.next();) {
         Contested socket(seeds.engine()());
         ASSERT_EQ(0, socket.a->RegisterSock(socket.pair.near, SOCK_READ, 0));
@@ -238,7 +238,7 @@ TEST_F(NetSockRaceTest, RegisterByASecondHandlerRacesWithDelivery) {
     }
 }
 
-TEST_F(NetSockRaceTest, RegisterByASecondHandlerRacesWithTheEndOfTheFirst) {
+TEST_F(NetSockRace, RegisterByASecondHandlerRacesWithTheEndOfTheFirst) {
     for (Rounds rounds(100); rounds.next();) {
         Contested socket(seeds.engine()());
         TestHandler* const gone = new TestHandler;
@@ -259,7 +259,7 @@ TEST_F(NetSockRaceTest, RegisterByASecondHandlerRacesWithTheEndOfTheFirst) {
     }
 }
 
-TEST_F(NetSockRaceTest, UnregisterRacesWithDelivery) {
+TEST_F(NetSockRace, UnregisterRacesWithDelivery) {
     for (Rounds rounds(20); rounds.next();) {
         Contested socket(seeds.engine()());
         ASSERT_EQ(0, socket.a->RegisterSock(socket.pair.near, SOCK_READ, 0));
@@ -275,7 +275,7 @@ TEST_F(NetSockRaceTest, UnregisterRacesWithDelivery) {
     }
 }
 
-TEST_F(NetSockRaceTest, TimeoutRacesWithReadinessAndNoByteIsLost) {
+TEST_F(NetSockRace, TimeoutRacesWithReadinessAndNoByteIsLost) {
     FastClock clock;
     for (Rounds rounds(10); rounds.next();) {
         Contested socket(seeds.engine()());
@@ -302,7 +302,7 @@ TEST_F(NetSockRaceTest, TimeoutRacesWithReadinessAndNoByteIsLost) {
     }
 }
 
-TEST_F(NetSockRaceTest, RemoveRacesWithTimeout) {
+TEST_F(NetSockRace, RemoveRacesWithTimeout) {
     FastClock clock;
     for (Rounds rounds(200); rounds.next();) {
         Contested socket(seeds.engine()());
@@ -316,7 +316,7 @@ TEST_F(NetSockRaceTest, RemoveRacesWithTimeout) {
 }
 
 // Everything at once, on a few sockets.
-TEST_F(NetSockRaceTest, EverythingAtOnce) {
+TEST_F(NetSockRace, EverythingAtOnce) {
     FastClock clock;
     for (Rounds rounds(4); rounds.next();) {
         Contested socket(seeds.engine()());

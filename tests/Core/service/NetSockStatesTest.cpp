@@ -13,7 +13,7 @@ namespace {
 
 using namespace Reticor;
 
-class NetSockStatesTest : public ::testing::Test {
+class NetSockStates : public ::testing::Test {
 protected:
     void TearDown() override {
         handler->RemoveSock(pair.near);
@@ -48,7 +48,7 @@ protected:
     TestHandler* second = new TestHandler(StillPool::INDEX);
 };
 
-TEST_F(NetSockStatesTest, IdleIsInTheSetsOfItsMask) {
+TEST_F(NetSockStates, IdleIsInTheSetsOfItsMask) {
     add(handler, SOCK_READ | SOCK_EXCEPT);
     EXPECT_EQ(0, record()->m_revents);
     EXPECT_EQ(SOCK_READ | SOCK_EXCEPT, record()->m_event_mask);
@@ -60,7 +60,7 @@ TEST_F(NetSockStatesTest, IdleIsInTheSetsOfItsMask) {
     EXPECT_EQ(1, sockets(handler));
 }
 
-TEST_F(NetSockStatesTest, IdleToInFlightByReadinessLeavesTheSetsAndPausesTheTimeout) {
+TEST_F(NetSockStates, IdleToInFlightByReadinessLeavesTheSetsAndPausesTheTimeout) {
     CEvent* const ev = bringInFlight(SOCK_READ, 1000000);
     EXPECT_EQ(REVENT_READ, ev->m_revents);
     EXPECT_EQ(0, ev->m_timer.m_sock_deadline);
@@ -70,7 +70,7 @@ TEST_F(NetSockStatesTest, IdleToInFlightByReadinessLeavesTheSetsAndPausesTheTime
     rig.serve(ev);
 }
 
-TEST_F(NetSockStatesTest, IdleToInFlightByTimeoutLeavesTheSetsAndTheTimerList) {
+TEST_F(NetSockStates, IdleToInFlightByTimeoutLeavesTheSetsAndTheTimerList) {
     add(handler, SOCK_READ | SOCK_WRITE, 1000);
     const std::vector<CEvent*> due = rig.tick(2);
     ASSERT_EQ(1u, due.size());
@@ -84,7 +84,7 @@ TEST_F(NetSockStatesTest, IdleToInFlightByTimeoutLeavesTheSetsAndTheTimerList) {
     EXPECT_EQ(1, rig.pollAndServe());
 }
 
-TEST_F(NetSockStatesTest, IdleToGoneByRemove) {
+TEST_F(NetSockStates, IdleToGoneByRemove) {
     add(handler, SOCK_READ, 1000000);
     handler->RemoveSock(pair.near);
     EXPECT_EQ(nullptr, record());
@@ -95,7 +95,7 @@ TEST_F(NetSockStatesTest, IdleToGoneByRemove) {
     EXPECT_EQ(0, sockets(handler));
 }
 
-TEST_F(NetSockStatesTest, InFlightToIdleBySecondHalf) {
+TEST_F(NetSockStates, InFlightToIdleBySecondHalf) {
     CEvent* const ev = bringInFlight();
     rig.serve(ev);
     EXPECT_EQ(0, ev->m_revents);
@@ -104,7 +104,7 @@ TEST_F(NetSockStatesTest, InFlightToIdleBySecondHalf) {
     EXPECT_EQ(1, handler->life->inputs);
 }
 
-TEST_F(NetSockStatesTest, InFlightToRemovingToGone) {
+TEST_F(NetSockStates, InFlightToRemovingToGone) {
     CEvent* const ev = bringInFlight(SOCK_READ, 1000000);
     handler->RemoveSock(pair.near);
     EXPECT_EQ(REVENT_REMOVED, ev->m_revents);
@@ -121,7 +121,7 @@ TEST_F(NetSockStatesTest, InFlightToRemovingToGone) {
     EXPECT_EQ(0, handler->life->calls());
 }
 
-TEST_F(NetSockStatesTest, RemovingToInFlightByRegisterCarriesRemovedAndTheNewMaskAlone) {
+TEST_F(NetSockStates, RemovingToInFlightByRegisterCarriesRemovedAndTheNewMaskAlone) {
     handler->on_input = [this](int) {
         handler->RemoveSock(pair.near);
         add(handler, SOCK_WRITE);
@@ -139,7 +139,7 @@ TEST_F(NetSockStatesTest, RemovingToInFlightByRegisterCarriesRemovedAndTheNewMas
     EXPECT_EQ(1, handler->life->outputs);
 }
 
-TEST_F(NetSockStatesTest, RemovedAndRegisteredAgainInFlightActsAsIfTheHandlerHadReturned0) {
+TEST_F(NetSockStates, RemovedAndRegisteredAgainInFlightActsAsIfTheHandlerHadReturned0) {
     handler->on_input = [this](int) {
         handler->RemoveSock(pair.near);
         add(handler, SOCK_READ, 3000000);
@@ -159,7 +159,7 @@ TEST_F(NetSockStatesTest, RemovedAndRegisteredAgainInFlightActsAsIfTheHandlerHad
     EXPECT_EQ(4000, ev->m_timer.m_set_time);
 }
 
-TEST_F(NetSockStatesTest, RemovedAndRegisteredAgainBeforeItsWorkerComesMakesNoCall) {
+TEST_F(NetSockStates, RemovedAndRegisteredAgainBeforeItsWorkerComesMakesNoCall) {
     CEvent* const ev = bringInFlight();
     handler->RemoveSock(pair.near);
     add(handler, SOCK_READ);
@@ -171,7 +171,7 @@ TEST_F(NetSockStatesTest, RemovedAndRegisteredAgainBeforeItsWorkerComesMakesNoCa
     EXPECT_EQ(1, handler->life->inputs);
 }
 
-TEST_F(NetSockStatesTest, RemoveOfTheOldAndRegisterByASecondHandlerInFlightMovesTheSocket) {
+TEST_F(NetSockStates, RemoveOfTheOldAndRegisterByASecondHandlerInFlightMovesTheSocket) {
     CEvent* const ev = bringInFlight();
     handler->RemoveSock(pair.near);
     add(second, SOCK_READ);
@@ -185,7 +185,7 @@ TEST_F(NetSockStatesTest, RemoveOfTheOldAndRegisterByASecondHandlerInFlightMoves
     EXPECT_EQ(0, sockets(second));
 }
 
-TEST_F(NetSockStatesTest, RemoveCanBeCancelledAndRepeatedWhileOneWorkerHoldsTheRecord) {
+TEST_F(NetSockStates, RemoveCanBeCancelledAndRepeatedWhileOneWorkerHoldsTheRecord) {
     CEvent* const ev = bringInFlight();
     for (int i = 0; i < 3; ++i) {
         handler->RemoveSock(pair.near);
@@ -199,7 +199,7 @@ TEST_F(NetSockStatesTest, RemoveCanBeCancelledAndRepeatedWhileOneWorkerHoldsTheR
     EXPECT_EQ(0, handler->life->calls());
 }
 
-TEST_F(NetSockStatesTest, SecondHandlerRegisteredInFlightGetsTheCallThatIsStillToCome) {
+TEST_F(NetSockStates, SecondHandlerRegisteredInFlightGetsTheCallThatIsStillToCome) {
     CEvent* const ev = bringInFlight();
     add(second, SOCK_WRITE);
     EXPECT_EQ(SOCK_READ | SOCK_WRITE, ev->m_event_mask);
@@ -212,7 +212,7 @@ TEST_F(NetSockStatesTest, SecondHandlerRegisteredInFlightGetsTheCallThatIsStillT
     EXPECT_EQ(0, sockets(handler));
 }
 
-TEST_F(NetSockStatesTest, UnregisterInFlightLeavesTheRunningCallAndTakesTheDirectionAway) {
+TEST_F(NetSockStates, UnregisterInFlightLeavesTheRunningCallAndTakesTheDirectionAway) {
     CEvent* const ev = bringInFlight(SOCK_READ | SOCK_WRITE);
     EXPECT_EQ(REVENT_READ | REVENT_WRITE, ev->m_revents);
     handler->UnregisterSock(pair.near, SOCK_WRITE);
@@ -225,7 +225,7 @@ TEST_F(NetSockStatesTest, UnregisterInFlightLeavesTheRunningCallAndTakesTheDirec
     EXPECT_EQ(1, handler->life->outputs);
 }
 
-TEST_F(NetSockStatesTest, UnregisterOfEverythingKeepsTheRecordUntilRemove) {
+TEST_F(NetSockStates, UnregisterOfEverythingKeepsTheRecordUntilRemove) {
     add(handler, SOCK_READ | SOCK_WRITE | SOCK_EXCEPT);
     handler->UnregisterSock(pair.near, SOCK_DIRECTIONS);
     pair.write();
@@ -238,7 +238,7 @@ TEST_F(NetSockStatesTest, UnregisterOfEverythingKeepsTheRecordUntilRemove) {
     EXPECT_EQ(1u, rig.pollAndServe());
 }
 
-TEST_F(NetSockStatesTest, TimeoutOfARecordWithNoDirectionCountsAsInFlightAndMakesNoCall) {
+TEST_F(NetSockStates, TimeoutOfARecordWithNoDirectionCountsAsInFlightAndMakesNoCall) {
     add(handler, SOCK_EXCEPT, 1000);
     const std::vector<CEvent*> due = rig.tick(2);
     ASSERT_EQ(1u, due.size());
@@ -254,7 +254,7 @@ TEST_F(NetSockStatesTest, TimeoutOfARecordWithNoDirectionCountsAsInFlightAndMake
     EXPECT_EQ(1u, rig.pollAndServe());
 }
 
-TEST_F(NetSockStatesTest, RemoveDuringATimeoutWithNoDirectionLeavesTheRecordToItsWorker) {
+TEST_F(NetSockStates, RemoveDuringATimeoutWithNoDirectionLeavesTheRecordToItsWorker) {
     add(handler, SOCK_EXCEPT, 1000);
     const std::vector<CEvent*> due = rig.tick(2);
     ASSERT_EQ(1u, due.size());
@@ -265,7 +265,7 @@ TEST_F(NetSockStatesTest, RemoveDuringATimeoutWithNoDirectionLeavesTheRecordToIt
     EXPECT_EQ(nullptr, record());
 }
 
-TEST_F(NetSockStatesTest, RemoveDuringATimeoutStopsItsCall) {
+TEST_F(NetSockStates, RemoveDuringATimeoutStopsItsCall) {
     add(handler, SOCK_READ, 1000);
     const std::vector<CEvent*> due = rig.tick(2);
     ASSERT_EQ(1u, due.size());
@@ -308,7 +308,7 @@ private:
     const Infra::LogSink* m_before = nullptr;
 };
 
-TEST_F(NetSockStatesTest, HandlerThatComesAfterTheOldOneWasNotFoundIsCalledAllTheSame) {
+TEST_F(NetSockStates, HandlerThatComesAfterTheOldOneWasNotFoundIsCalledAllTheSame) {
     TestHandler* const gone = new TestHandler(StillPool::INDEX);
     ASSERT_EQ(0, gone->RegisterSock(pair.near, SOCK_READ, 0));
     rig.close(gone);
@@ -323,7 +323,7 @@ TEST_F(NetSockStatesTest, HandlerThatComesAfterTheOldOneWasNotFoundIsCalledAllTh
     EXPECT_EQ(1, second->life->inputs);
 }
 
-TEST_F(NetSockStatesTest, RemoveBetweenTheTestsOfATimeoutMakesNoCallOfEitherKind) {
+TEST_F(NetSockStates, RemoveBetweenTheTestsOfATimeoutMakesNoCallOfEitherKind) {
     add(handler, SOCK_READ, 1000);
     const std::vector<CEvent*> due = rig.tick(2);
     ASSERT_EQ(1u, due.size());
@@ -335,7 +335,7 @@ TEST_F(NetSockStatesTest, RemoveBetweenTheTestsOfATimeoutMakesNoCallOfEitherKind
     EXPECT_EQ(nullptr, record());
 }
 
-TEST_F(NetSockStatesTest, RemoveBetweenTheTestsOfADeliveryMakesNoCall) {
+TEST_F(NetSockStates, RemoveBetweenTheTestsOfADeliveryMakesNoCall) {
     CEvent* const ev = bringInFlight(SOCK_READ | SOCK_WRITE);
     {
         StepInTrace step("handle sock event begin", [this] { handler->RemoveSock(pair.near); });
@@ -349,7 +349,7 @@ TEST_F(NetSockStatesTest, RemoveBetweenTheTestsOfADeliveryMakesNoCall) {
 
 constexpr unsigned int SOCK_DIRECTIONS_OF_CALLERS = SOCK_READ | SOCK_WRITE | SOCK_EXCEPT;
 
-TEST_F(NetSockStatesTest, BitsBeyondTheDirectionsAreIgnoredByTheFirstRegistration) {
+TEST_F(NetSockStates, BitsBeyondTheDirectionsAreIgnoredByTheFirstRegistration) {
     add(handler, ~0u);
     EXPECT_EQ(SOCK_DIRECTIONS_OF_CALLERS, record()->m_event_mask);
     EXPECT_EQ(1u, rig.pollAndServe());
@@ -357,14 +357,14 @@ TEST_F(NetSockStatesTest, BitsBeyondTheDirectionsAreIgnoredByTheFirstRegistratio
     EXPECT_NE(nullptr, record()) << "registered, and not on its way out";
 }
 
-TEST_F(NetSockStatesTest, BitsBeyondTheDirectionsAreIgnoredByALaterRegistration) {
+TEST_F(NetSockStates, BitsBeyondTheDirectionsAreIgnoredByALaterRegistration) {
     add(handler, SOCK_READ);
     add(handler, SOCK_REMOVED | 0xFFFFFF00u);
     EXPECT_EQ(SOCK_READ, record()->m_event_mask);
     EXPECT_EQ(1, sockets(handler));
 }
 
-TEST_F(NetSockStatesTest, BitsBeyondTheDirectionsAreIgnoredByUnregisterAndTheRemovalStands) {
+TEST_F(NetSockStates, BitsBeyondTheDirectionsAreIgnoredByUnregisterAndTheRemovalStands) {
     CEvent* const ev = bringInFlight();
     handler->RemoveSock(pair.near);
     EXPECT_EQ(0, handler->UnregisterSock(pair.near, ~0u));
@@ -374,7 +374,7 @@ TEST_F(NetSockStatesTest, BitsBeyondTheDirectionsAreIgnoredByUnregisterAndTheRem
     EXPECT_EQ(0, sockets(handler));
 }
 
-TEST_F(NetSockStatesTest, RegistrationThatFindsNoMemoryIsRefusedWithALineAndLeavesNothing) {
+TEST_F(NetSockStates, RegistrationThatFindsNoMemoryIsRefusedWithALineAndLeavesNothing) {
     LogCapture log;
     {
         const CountingAllocator::NoMemory no_memory;

@@ -13,22 +13,22 @@ namespace {
 
 using namespace Reticor;
 
-class NetSockTest : public SockPoolFixture {};
+class NetSock : public SockPoolFixture {};
 
-TEST_F(NetSockTest, TimeoutOf999MicrosecondsRegistersWithoutATimeout) {
+TEST_F(NetSock, TimeoutOf999MicrosecondsRegistersWithoutATimeout) {
     add(SOCK_READ, 999);
     EXPECT_TRUE(look().exists);
     EXPECT_FALSE(look().timed);
     EXPECT_EQ(0, look().set_time);
 }
 
-TEST_F(NetSockTest, TimeoutIsCutToWholeMilliseconds) {
+TEST_F(NetSock, TimeoutIsCutToWholeMilliseconds) {
     add(SOCK_READ, 5001999);
     EXPECT_TRUE(look().timed);
     EXPECT_EQ(5001, look().set_time);
 }
 
-TEST_F(NetSockTest, SecondRegisterForWriteOnAReadSocketGivesMask3AndRebindsItToTheCaller) {
+TEST_F(NetSock, SecondRegisterForWriteOnAReadSocketGivesMask3AndRebindsItToTheCaller) {
     TestHandler* const second = new TestHandler;
     second->on_input = handler->on_input;
     add(SOCK_READ);
@@ -43,7 +43,7 @@ TEST_F(NetSockTest, SecondRegisterForWriteOnAReadSocketGivesMask3AndRebindsItToT
     closeAndWait(second);
 }
 
-TEST_F(NetSockTest, RegisterAgainWithTimeout0CancelsTheTimeout) {
+TEST_F(NetSock, RegisterAgainWithTimeout0CancelsTheTimeout) {
     add(SOCK_READ, 60000000);
     EXPECT_TRUE(look().timed);
     add(SOCK_READ, 0);
@@ -51,7 +51,7 @@ TEST_F(NetSockTest, RegisterAgainWithTimeout0CancelsTheTimeout) {
     EXPECT_EQ(0, look().set_time);
 }
 
-TEST_F(NetSockTest, UnregisterForWriteWithReadStillWantedKeepsTheTimeoutRunning) {
+TEST_F(NetSock, UnregisterForWriteWithReadStillWantedKeepsTheTimeoutRunning) {
     pair.fill();
     add(SOCK_READ | SOCK_WRITE, 60000000);
     handler->UnregisterSock(pair.near, SOCK_WRITE);
@@ -60,14 +60,14 @@ TEST_F(NetSockTest, UnregisterForWriteWithReadStillWantedKeepsTheTimeoutRunning)
     EXPECT_EQ(60000, look().set_time);
 }
 
-TEST_F(NetSockTest, UnregisterOfTheLastReadOrWriteDirectionCancelsTheTimeout) {
+TEST_F(NetSock, UnregisterOfTheLastReadOrWriteDirectionCancelsTheTimeout) {
     add(SOCK_READ | SOCK_EXCEPT, 60000000);
     handler->UnregisterSock(pair.near, SOCK_READ);
     EXPECT_EQ(SOCK_EXCEPT, look().mask);
     EXPECT_FALSE(look().timed);
 }
 
-TEST_F(NetSockTest, UnregisterOfADirectionThatWasNotAskedForDoesNothing) {
+TEST_F(NetSock, UnregisterOfADirectionThatWasNotAskedForDoesNothing) {
     add(SOCK_READ, 60000000);
     EXPECT_EQ(0, handler->UnregisterSock(pair.near, SOCK_WRITE | SOCK_EXCEPT));
     EXPECT_EQ(SOCK_READ, look().mask);
@@ -100,7 +100,7 @@ private:
     }};
 };
 
-TEST_F(NetSockTest, HandlerThatReturns500000GetsANewTimeoutOf500MsWhichIsStored) {
+TEST_F(NetSock, HandlerThatReturns500000GetsANewTimeoutOf500MsWhichIsStored) {
     handler->on_input = [](int fd) {
         SocketPair::drain(fd);
         return 500000;
@@ -115,7 +115,7 @@ TEST_F(NetSockTest, HandlerThatReturns500000GetsANewTimeoutOf500MsWhichIsStored)
     EXPECT_EVENTUALLY(handler->life->input_timeouts == 1);
 }
 
-TEST_F(NetSockTest, HandlerThatReturnsMinus1KeepsItsRegistrationAndLosesItsTimeout) {
+TEST_F(NetSock, HandlerThatReturnsMinus1KeepsItsRegistrationAndLosesItsTimeout) {
     handler->on_input = [](int fd) {
         SocketPair::drain(fd);
         return -1;
@@ -129,7 +129,7 @@ TEST_F(NetSockTest, HandlerThatReturnsMinus1KeepsItsRegistrationAndLosesItsTimeo
     EXPECT_EVENTUALLY(handler->life->inputs == 2);
 }
 
-TEST_F(NetSockTest, HandlerThatReturns0RunsTheStoredTimeoutAgain) {
+TEST_F(NetSock, HandlerThatReturns0RunsTheStoredTimeoutAgain) {
     add(SOCK_READ, 60000000);
     pair.write();
     EXPECT_EVENTUALLY(handler->life->inputs == 1 && !look().in_flight);
@@ -137,21 +137,21 @@ TEST_F(NetSockTest, HandlerThatReturns0RunsTheStoredTimeoutAgain) {
     EXPECT_EQ(60000, look().set_time);
 }
 
-TEST_F(NetSockTest, TimeoutDeliversInputTimeoutOnASocketRegisteredForReadAndWrite) {
+TEST_F(NetSock, TimeoutDeliversInputTimeoutOnASocketRegisteredForReadAndWrite) {
     pair.fill();
     add(SOCK_READ | SOCK_WRITE, 1000);
     EXPECT_EVENTUALLY(handler->life->input_timeouts == 1);
     EXPECT_EQ(1, handler->life->calls());
 }
 
-TEST_F(NetSockTest, TimeoutDeliversOutputTimeoutOnASocketRegisteredForWriteAlone) {
+TEST_F(NetSock, TimeoutDeliversOutputTimeoutOnASocketRegisteredForWriteAlone) {
     pair.fill();
     add(SOCK_WRITE, 1000);
     EXPECT_EVENTUALLY(handler->life->output_timeouts == 1);
     EXPECT_EQ(1, handler->life->calls());
 }
 
-TEST_F(NetSockTest, AfterATimeoutTheSocketIsStillWatchedButHasNoTimeout) {
+TEST_F(NetSock, AfterATimeoutTheSocketIsStillWatchedButHasNoTimeout) {
     add(SOCK_READ, 1000);
     EXPECT_EVENTUALLY(handler->life->input_timeouts == 1 && !look().in_flight);
     EXPECT_FALSE(look().timed);
@@ -162,7 +162,7 @@ TEST_F(NetSockTest, AfterATimeoutTheSocketIsStillWatchedButHasNoTimeout) {
     EXPECT_EQ(1, handler->life->input_timeouts);
 }
 
-TEST_F(NetSockTest, RemoveInsideHandleInputKeepsHandleOutputFromBeingCalledAndFreesTheRecordAfterwards) {
+TEST_F(NetSock, RemoveInsideHandleInputKeepsHandleOutputFromBeingCalledAndFreesTheRecordAfterwards) {
     std::atomic<int> revents{0};
     std::atomic<bool> there{false};
     handler->on_input = [&](int) {
@@ -180,7 +180,7 @@ TEST_F(NetSockTest, RemoveInsideHandleInputKeepsHandleOutputFromBeingCalledAndFr
     EXPECT_EQ(0, HandlerProbe::sockets(*handler));
 }
 
-TEST_F(NetSockTest, RemoveAndRegisterAgainWhileAWorkerRunsItKeepsTheRecordWithTheNewMaskAlone) {
+TEST_F(NetSock, RemoveAndRegisterAgainWhileAWorkerRunsItKeepsTheRecordWithTheNewMaskAlone) {
     Gate gate;
     handler->on_input = [&](int fd) {
         gate.pass();
@@ -206,7 +206,7 @@ TEST_F(NetSockTest, RemoveAndRegisterAgainWhileAWorkerRunsItKeepsTheRecordWithTh
     EXPECT_EQ(1, handler->life->inputs);
 }
 
-TEST_F(NetSockTest, EventWhoseHandlerIdNoLongerResolvesMakesNoCall) {
+TEST_F(NetSock, EventWhoseHandlerIdNoLongerResolvesMakesNoCall) {
     LogCapture log(3);
     TestHandler* const gone = new TestHandler;
     const std::shared_ptr<HandlerLife> life = gone->life;
@@ -221,7 +221,7 @@ TEST_F(NetSockTest, EventWhoseHandlerIdNoLongerResolvesMakesNoCall) {
 
 // ---- results and log lines -------------------------------------------------------------------------------
 
-TEST_F(NetSockTest, NegativeHandleIsRefusedWithALine) {
+TEST_F(NetSock, NegativeHandleIsRefusedWithALine) {
     LogCapture log;
     CSockStream none;
     EXPECT_EQ(-1, handler->RegisterSock(none, SOCK_READ, 0));
@@ -232,7 +232,7 @@ TEST_F(NetSockTest, NegativeHandleIsRefusedWithALine) {
     EXPECT_EQ(0, HandlerProbe::sockets(*handler));
 }
 
-TEST_F(NetSockTest, RemoveOfASocketThatWasClosedBeforeIsALineWithClassAndId) {
+TEST_F(NetSock, RemoveOfASocketThatWasClosedBeforeIsALineWithClassAndId) {
     const int number = pair.fd();
     add(SOCK_READ);
     pair.near.Close();
@@ -248,7 +248,7 @@ TEST_F(NetSockTest, RemoveOfASocketThatWasClosedBeforeIsALineWithClassAndId) {
     EXPECT_EQ(1u, log.lines().size()) << log.dump();
 }
 
-TEST_F(NetSockTest, HandlesOfStandardStreamsAreRegisteredWithAWarning) {
+TEST_F(NetSock, HandlesOfStandardStreamsAreRegisteredWithAWarning) {
     for (int number = 0; number <= 2; ++number) {
         const int saved = ::dup(number);
         LogCapture log;
@@ -268,7 +268,7 @@ TEST_F(NetSockTest, HandlesOfStandardStreamsAreRegisteredWithAWarning) {
     }
 }
 
-TEST_F(NetSockTest, UnknownHandleIsLeftAloneInSilence) {
+TEST_F(NetSock, UnknownHandleIsLeftAloneInSilence) {
     LogCapture log;
     EXPECT_EQ(0, handler->UnregisterSock(pair.near, SOCK_READ));
     EXPECT_EQ(0, handler->RemoveSock(pair.near));
@@ -276,7 +276,7 @@ TEST_F(NetSockTest, UnknownHandleIsLeftAloneInSilence) {
     EXPECT_TRUE(log.lines().empty()) << log.dump();
 }
 
-TEST_F(NetSockTest, ClosedHandlerRegistersNothing) {
+TEST_F(NetSock, ClosedHandlerRegistersNothing) {
     handler->AddRef();
     handler->Close();
     EXPECT_EQ(-1, handler->RegisterSock(pair.near, SOCK_READ, 0));
@@ -287,7 +287,7 @@ TEST_F(NetSockTest, ClosedHandlerRegistersNothing) {
 
 // ---- calls -----------------------------------------------------------------------------------------------
 
-TEST_F(NetSockTest, HandlerThatNeitherReadsNorUnregistersIsCalledAgain) {
+TEST_F(NetSock, HandlerThatNeitherReadsNorUnregistersIsCalledAgain) {
     handler->on_input = [](int) { return 0; };
     pair.write();
     add(SOCK_READ);
@@ -297,7 +297,7 @@ TEST_F(NetSockTest, HandlerThatNeitherReadsNorUnregistersIsCalledAgain) {
     EXPECT_TRUE(look().exists);
 }
 
-TEST_F(NetSockTest, HandlerMayRegisterAndUnregisterItsOwnSocketInsideTheCall) {
+TEST_F(NetSock, HandlerMayRegisterAndUnregisterItsOwnSocketInsideTheCall) {
     handler->on_input = [&](int fd) {
         SocketPair::drain(fd);
         handler->UnregisterSock(pair.near, SOCK_READ);
@@ -316,7 +316,7 @@ TEST_F(NetSockTest, HandlerMayRegisterAndUnregisterItsOwnSocketInsideTheCall) {
     }
 }
 
-TEST_F(NetSockTest, EndOfStreamAndResetOverTcpReachHandleInput) {
+TEST_F(NetSock, EndOfStreamAndResetOverTcpReachHandleInput) {
     const std::unique_ptr<SocketPair> tcp = SocketPair::overTcp();
     std::atomic<int> read{0};
     handler->on_input = [&](int) {

@@ -33,7 +33,7 @@ uint64_t now() {
     return Infra::CTime::getCurrentMicroSecond();
 }
 
-class NetTimerTest : public PoolFixture {
+class NetTimer : public PoolFixture {
 protected:
     void SetUp() override {
         PoolFixture::SetUp();
@@ -80,14 +80,14 @@ protected:
     std::shared_ptr<HandlerLife> life;
 };
 
-TEST_F(NetTimerTest, ShortDelaysBecome3000) {
+TEST_F(NetTimer, ShortDelaysBecome3000) {
     EXPECT_EQ(3000u, arm(0).delay);
     EXPECT_EQ(3000u, arm(2999).delay);
     EXPECT_EQ(3000u, arm(3000).delay);
     EXPECT_EQ(3001u, arm(3001).delay);
 }
 
-TEST_F(NetTimerTest, ADelayAboveADayIsLoggedAndCut) {
+TEST_F(NetTimer, ADelayAboveADayIsLoggedAndCut) {
     LogCapture log;
     EXPECT_EQ(DAY_US, arm(static_cast<int64_t>(DAY_US)).delay);
     EXPECT_EQ(0u, log.count(2, TOO_BIG));
@@ -95,19 +95,19 @@ TEST_F(NetTimerTest, ADelayAboveADayIsLoggedAndCut) {
     EXPECT_EQ(1u, log.count(2, TOO_BIG)) << log.dump();
 }
 
-TEST_F(NetTimerTest, ANegativeDelayCountsAsHuge) {
+TEST_F(NetTimer, ANegativeDelayCountsAsHuge) {
     LogCapture log;
     EXPECT_EQ(DAY_US, arm(-1).delay);
     EXPECT_EQ(1u, log.count(2, TOO_BIG)) << log.dump();
 }
 
-TEST_F(NetTimerTest, TimersAreArmedTwoMillisecondsEarly) {
+TEST_F(NetTimer, TimersAreArmedTwoMillisecondsEarly) {
     const Armed armed = arm(1000000);
     EXPECT_GE(armed.expire, armed.before + 1000000 - 2000);
     EXPECT_LE(armed.expire, armed.after + 1000000 - 2000);
 }
 
-TEST_F(NetTimerTest, TheIdOfATimerIsBelowMinus101AndNamesThePool) {
+TEST_F(NetTimer, TheIdOfATimerIsBelowMinus101AndNamesThePool) {
     const int pool = CNetThread::CreatePrivatePool(2, false);
     auto* other = new TestHandler(pool);
     const long id = other->SetTimer(60000000);
@@ -118,13 +118,13 @@ TEST_F(NetTimerTest, TheIdOfATimerIsBelowMinus101AndNamesThePool) {
     EXPECT_EQ(0, CNetThread::DestroyPrivatePool(pool));
 }
 
-TEST_F(NetTimerTest, AnUnhandledTimerFiresOnce) {
+TEST_F(NetTimer, AnUnhandledTimerFiresOnce) {
     handler->SetTimer(3000);
     EXPECT_EVENTUALLY(life->timeouts == 1);
     EXPECT_EVENTUALLY(CNetTimer::heap().Count() == 0);
 }
 
-TEST_F(NetTimerTest, ZeroRunsATimerAgainAfterTheSamePeriodWithItsId) {
+TEST_F(NetTimer, ZeroRunsATimerAgainAfterTheSamePeriodWithItsId) {
     std::atomic<int> calls{0};
     std::atomic<long> only{0};
     std::atomic<bool> same{true};
@@ -142,7 +142,7 @@ TEST_F(NetTimerTest, ZeroRunsATimerAgainAfterTheSamePeriodWithItsId) {
     EXPECT_GE(now() - begin, 5u * 8000u);
 }
 
-TEST_F(NetTimerTest, APositiveResultIsThePeriodOfAllFurtherExpiries) {
+TEST_F(NetTimer, APositiveResultIsThePeriodOfAllFurtherExpiries) {
     handler->on_timeout = [](long) -> int64_t { return 5000000; };
     const long id = handler->SetTimer(3000);
     EXPECT_EVENTUALLY(life->timeouts == 1);
@@ -159,7 +159,7 @@ TEST_F(NetTimerTest, APositiveResultIsThePeriodOfAllFurtherExpiries) {
     EXPECT_EQ(5000000u, timer->delay);
 }
 
-TEST_F(NetTimerTest, ATimerIsNeverCalledMoreThanTwoMillisecondsEarly) {
+TEST_F(NetTimer, ATimerIsNeverCalledMoreThanTwoMillisecondsEarly) {
     std::atomic<uint64_t> called{0};
     handler->on_timeout = [&](long) -> int64_t {
         called = now();
@@ -175,7 +175,7 @@ TEST_F(NetTimerTest, ATimerIsNeverCalledMoreThanTwoMillisecondsEarly) {
     }
 }
 
-TEST_F(NetTimerTest, ATimerOfAClosedHandlerMakesNoCallAndGivesItsIdBack) {
+TEST_F(NetTimer, ATimerOfAClosedHandlerMakesNoCallAndGivesItsIdBack) {
     handler->SetTimer(200000);
     closeAndWait(handler);
     handler = nullptr;
@@ -183,7 +183,7 @@ TEST_F(NetTimerTest, ATimerOfAClosedHandlerMakesNoCallAndGivesItsIdBack) {
     EXPECT_EQ(0, life->timeouts);
 }
 
-TEST_F(NetTimerTest, DestroyTimerEndsAnArmedTimerAndGivesItsIdBack) {
+TEST_F(NetTimer, DestroyTimerEndsAnArmedTimerAndGivesItsIdBack) {
     const long id = handler->SetTimer(60000000);
     handler->DestroyTimer(id);
     EXPECT_EQ(0, CNetTimer::heap().Count());
@@ -193,7 +193,7 @@ TEST_F(NetTimerTest, DestroyTimerEndsAnArmedTimerAndGivesItsIdBack) {
 }
 
 // A late DestroyTimer of an old timer must not reach a new one.
-TEST_F(NetTimerTest, AnIdWaitsBehind1024OthersAndComesBackWithAnotherGeneration) {
+TEST_F(NetTimer, AnIdWaitsBehind1024OthersAndComesBackWithAnotherGeneration) {
     const long first = handler->SetTimer(60000000);
     handler->DestroyTimer(first);
     for (int i = 0; i < 1024; ++i) {
@@ -209,7 +209,7 @@ TEST_F(NetTimerTest, AnIdWaitsBehind1024OthersAndComesBackWithAnotherGeneration)
 }
 
 // Timers keep few ids to themselves; handlers get the others.
-TEST_F(NetTimerTest, IdsOfManyTimersGoBackToThePool) {
+TEST_F(NetTimer, IdsOfManyTimersGoBackToThePool) {
     const uint32_t waiting = ObjectIdProbe::count(PoolTable::Get(0)->m_ids);
     std::vector<long> ids;
     for (int i = 0; i < 5000; ++i) {
@@ -223,7 +223,7 @@ TEST_F(NetTimerTest, IdsOfManyTimersGoBackToThePool) {
     EXPECT_LE(TimerHeapProbe::waitingIds(CNetTimer::heap(), 0), 2048u);
 }
 
-TEST_F(NetTimerTest, DestroyTimerOfAnUnknownIdDoesNothing) {
+TEST_F(NetTimer, DestroyTimerOfAnUnknownIdDoesNothing) {
     const long id = handler->SetTimer(60000000);
     for (long unknown : {0L, 1L, -1L, -50L, -101L, -102L, id + 1, id - 65536}) {
         handler->DestroyTimer(unknown);
@@ -232,7 +232,7 @@ TEST_F(NetTimerTest, DestroyTimerOfAnUnknownIdDoesNothing) {
     handler->DestroyTimer(id);
 }
 
-TEST_F(NetTimerTest, DestroyTimerInsideItsOwnCallFindsNothing) {
+TEST_F(NetTimer, DestroyTimerInsideItsOwnCallFindsNothing) {
     std::atomic<int> calls{0};
     handler->on_timeout = [&](long id) -> int64_t {
         handler->DestroyTimer(id);
@@ -242,7 +242,7 @@ TEST_F(NetTimerTest, DestroyTimerInsideItsOwnCallFindsNothing) {
     EXPECT_EVENTUALLY(life->timeouts == 3);
 }
 
-TEST_F(NetTimerTest, OneTimersCallsNeverOverlap) {
+TEST_F(NetTimer, OneTimersCallsNeverOverlap) {
     std::atomic<int> inside{0};
     std::atomic<int> most{0};
     handler->on_timeout = [&](long) -> int64_t {
@@ -256,7 +256,7 @@ TEST_F(NetTimerTest, OneTimersCallsNeverOverlap) {
     EXPECT_EQ(1, most);
 }
 
-TEST_F(NetTimerTest, WithoutTimersTheThreadSleepsWithoutLimitAndTheFirstOneWakesIt) {
+TEST_F(NetTimer, WithoutTimersTheThreadSleepsWithoutLimitAndTheFirstOneWakesIt) {
     const int thread = sleepingTimerThread();
     const long sleeps = Testing::voluntarySleeps(thread);
     Infra::CThread::sleep(50);
@@ -265,7 +265,7 @@ TEST_F(NetTimerTest, WithoutTimersTheThreadSleepsWithoutLimitAndTheFirstOneWakes
     EXPECT_EVENTUALLY(life->timeouts == 1);
 }
 
-TEST_F(NetTimerTest, TimersThatAreFarAwayCostNoWakeUps) {
+TEST_F(NetTimer, TimersThatAreFarAwayCostNoWakeUps) {
     std::vector<long> ids;
     for (int i = 0; i < 100; ++i) {
         ids.push_back(handler->SetTimer(3600000000));
@@ -279,7 +279,7 @@ TEST_F(NetTimerTest, TimersThatAreFarAwayCostNoWakeUps) {
     }
 }
 
-TEST_F(NetTimerTest, ASoonerTimerWakesTheThreadThatSleepsToAFarOne) {
+TEST_F(NetTimer, ASoonerTimerWakesTheThreadThatSleepsToAFarOne) {
     const long far = handler->SetTimer(3600000000);
     sleepingTimerThread();
     handler->SetTimer(3000);
@@ -287,7 +287,7 @@ TEST_F(NetTimerTest, ASoonerTimerWakesTheThreadThatSleepsToAFarOne) {
     handler->DestroyTimer(far);
 }
 
-TEST_F(NetTimerTest, EveryTimerOfManyFiresOnce) {
+TEST_F(NetTimer, EveryTimerOfManyFiresOnce) {
     constexpr int TIMERS = 2000;
     std::vector<std::atomic<int>> fired(TIMERS);
     std::vector<long> ids(TIMERS);
@@ -310,7 +310,7 @@ TEST_F(NetTimerTest, EveryTimerOfManyFiresOnce) {
     }
 }
 
-TEST_F(NetTimerTest, ArmingAndDestroyingFromManyThreadsLosesNothing) {
+TEST_F(NetTimer, ArmingAndDestroyingFromManyThreadsLosesNothing) {
     std::atomic<int> destroyed{0};
     handler->on_timeout = [](long) -> int64_t { return -1; };
     std::vector<std::thread> threads;
@@ -334,7 +334,7 @@ TEST_F(NetTimerTest, ArmingAndDestroyingFromManyThreadsLosesNothing) {
 
 // ---- ends of pools -------------------------------------------------------------------------------------
 
-TEST_F(NetTimerTest, APoolsEndTakesItsTimersAlong) {
+TEST_F(NetTimer, APoolsEndTakesItsTimersAlong) {
     const int pool = CNetThread::CreatePrivatePool(2, false);
     auto* other = new TestHandler(pool);
     const std::shared_ptr<HandlerLife> others = other->life;

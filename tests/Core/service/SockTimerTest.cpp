@@ -22,9 +22,9 @@ namespace {
 using namespace Reticor;
 
 // The list of a timer that belongs to the test.
-class SockTimerListTest : public ::testing::Test {
+class SockTimerList : public ::testing::Test {
 protected:
-    SockTimerListTest() {
+    SockTimerList() {
         for (CEvent& ev : records) {
             ev.m_timer.m_timer_owner = &ev;
         }
@@ -38,7 +38,7 @@ protected:
     CEvent* const c = &records[2];
 };
 
-TEST_F(SockTimerListTest, LinkSetsTheDeadlineHalfASecondBehindTheTimeout) {
+TEST_F(SockTimerList, LinkSetsTheDeadlineHalfASecondBehindTheTimeout) {
     timer.Link(a, 700);
     EXPECT_EQ(700, a->m_timer.m_set_time);
     EXPECT_EQ(1200, a->m_timer.m_sock_deadline);
@@ -52,7 +52,7 @@ TEST_F(SockTimerListTest, LinkSetsTheDeadlineHalfASecondBehindTheTimeout) {
     timer.Unlink(b);
 }
 
-TEST_F(SockTimerListTest, UpdateMovesTheDeadlineInPlace) {
+TEST_F(SockTimerList, UpdateMovesTheDeadlineInPlace) {
     timer.Link(a, 700);
     timer.Link(b, 100);
     timer.Update(a, 2000);
@@ -64,7 +64,7 @@ TEST_F(SockTimerListTest, UpdateMovesTheDeadlineInPlace) {
     timer.Unlink(b);
 }
 
-TEST_F(SockTimerListTest, NewNodesGoToTheHeadAndLeaveFromAnywhere) {
+TEST_F(SockTimerList, NewNodesGoToTheHeadAndLeaveFromAnywhere) {
     for (CEvent* const leaving : {a, b, c}) {
         timer.Link(a, 1);
         timer.Link(b, 1);
@@ -86,7 +86,7 @@ TEST_F(SockTimerListTest, NewNodesGoToTheHeadAndLeaveFromAnywhere) {
     }
 }
 
-TEST_F(SockTimerListTest, StopSetsTheClockBackAndKeepsTheList) {
+TEST_F(SockTimerList, StopSetsTheClockBackAndKeepsTheList) {
     timer.Link(a, 60000);
     ASSERT_EQ(0, timer.Start());
     EXPECT_TRUE(SockTimerProbe::running(timer));
@@ -101,7 +101,7 @@ TEST_F(SockTimerListTest, StopSetsTheClockBackAndKeepsTheList) {
     timer.Unlink(a);
 }
 
-TEST_F(SockTimerListTest, StartWithoutAThreadFailsAndCanBeTriedAgain) {
+TEST_F(SockTimerList, StartWithoutAThreadFailsAndCanBeTriedAgain) {
     {
         LogCapture quiet(1);
         ThreadFault no_threads;
@@ -115,7 +115,7 @@ TEST_F(SockTimerListTest, StartWithoutAThreadFailsAndCanBeTriedAgain) {
 
 // ---- with a pool -----------------------------------------------------------------------------------------
 
-class SockTimerTest : public ::testing::Test {
+class SockTimer : public ::testing::Test {
 protected:
     void SetUp() override {
         handler->on_input = [](int fd) {
@@ -156,7 +156,7 @@ protected:
     TestHandler* handler = new TestHandler(StillPool::INDEX);
 };
 
-TEST_F(SockTimerTest, TimeoutFiresAfterItsTimeAndLessThanASecondLater) {
+TEST_F(SockTimer, TimeoutFiresAfterItsTimeAndLessThanASecondLater) {
     // Armed just after a pass, the clock shows 500 for each pass since. Never before the time is over, even
     // if it was armed just before the first of the passes.
     for (const int ms : {1, 499, 500, 501, 999, 1000, 1001, 3700}) {
@@ -168,14 +168,14 @@ TEST_F(SockTimerTest, TimeoutFiresAfterItsTimeAndLessThanASecondLater) {
     EXPECT_EQ(8, handler->life->input_timeouts);
 }
 
-TEST_F(SockTimerTest, TimeoutFiresOnce) {
+TEST_F(SockTimer, TimeoutFiresOnce) {
     add(1000);
     EXPECT_EQ(2, passesToTimeout());
     EXPECT_EQ(-1, passesToTimeout());
     EXPECT_EQ(1, handler->life->calls());
 }
 
-TEST_F(SockTimerTest, TimeoutIsPausedInFlightAndRunsInFullAfterwards) {
+TEST_F(SockTimer, TimeoutIsPausedInFlightAndRunsInFullAfterwards) {
     add(1000000);
     rig.tick(2);
     pair.write();
@@ -186,7 +186,7 @@ TEST_F(SockTimerTest, TimeoutIsPausedInFlightAndRunsInFullAfterwards) {
     EXPECT_EQ(3, passesToTimeout());
 }
 
-TEST_F(SockTimerTest, PositiveReturnReplacesTheStoredTimeout) {
+TEST_F(SockTimer, PositiveReturnReplacesTheStoredTimeout) {
     add(1000000);
     handler->on_input = [](int fd) {
         SocketPair::drain(fd);
@@ -203,7 +203,7 @@ TEST_F(SockTimerTest, PositiveReturnReplacesTheStoredTimeout) {
     EXPECT_EQ(5, passesToTimeout());
 }
 
-TEST_F(SockTimerTest, PositiveReturnArmsATimeoutWhereThereWasNone) {
+TEST_F(SockTimer, PositiveReturnArmsATimeoutWhereThereWasNone) {
     add(0);
     handler->on_input = [](int fd) {
         SocketPair::drain(fd);
@@ -213,7 +213,7 @@ TEST_F(SockTimerTest, PositiveReturnArmsATimeoutWhereThereWasNone) {
     EXPECT_EQ(2, passesToTimeout());
 }
 
-TEST_F(SockTimerTest, PositiveReturnBelowAMillisecondCancels) {
+TEST_F(SockTimer, PositiveReturnBelowAMillisecondCancels) {
     add(1000000);
     handler->on_input = [](int fd) {
         SocketPair::drain(fd);
@@ -224,7 +224,7 @@ TEST_F(SockTimerTest, PositiveReturnBelowAMillisecondCancels) {
     EXPECT_EQ(0, record()->m_timer.m_set_time);
 }
 
-TEST_F(SockTimerTest, ReturnOfOutputCountsWhereBothDirectionsWereReady) {
+TEST_F(SockTimer, ReturnOfOutputCountsWhereBothDirectionsWereReady) {
     handler->on_output = [](int) { return 7000000; };
     pair.write();
     add(1000000, SOCK_READ | SOCK_WRITE);
@@ -233,7 +233,7 @@ TEST_F(SockTimerTest, ReturnOfOutputCountsWhereBothDirectionsWereReady) {
     EXPECT_EQ(7000, record()->m_timer.m_set_time);
 }
 
-TEST_F(SockTimerTest, ReturnOfATimeoutHandlerIsIgnored) {
+TEST_F(SockTimer, ReturnOfATimeoutHandlerIsIgnored) {
     handler->on_input_timeout = [](int) { return 5000000; };
     add(1000);
     EXPECT_EQ(2, passesToTimeout());
@@ -241,7 +241,7 @@ TEST_F(SockTimerTest, ReturnOfATimeoutHandlerIsIgnored) {
     EXPECT_EQ(0, record()->m_timer.m_set_time);
 }
 
-TEST_F(SockTimerTest, TimeoutRegisteredInsideTheTimeoutHandlerTakesEffectAtTheNextEventThatReturns0) {
+TEST_F(SockTimer, TimeoutRegisteredInsideTheTimeoutHandlerTakesEffectAtTheNextEventThatReturns0) {
     handler->on_input_timeout = [this](int) {
         add(1000000);
         return 0;
@@ -257,7 +257,7 @@ TEST_F(SockTimerTest, TimeoutRegisteredInsideTheTimeoutHandlerTakesEffectAtTheNe
     EXPECT_EQ(2, handler->life->input_timeouts);
 }
 
-TEST_F(SockTimerTest, RegisterInFlightOnlyStoresTheTimeoutAndTheReturnDecides) {
+TEST_F(SockTimer, RegisterInFlightOnlyStoresTheTimeoutAndTheReturnDecides) {
     handler->on_input = [this](int fd) {
         SocketPair::drain(fd);
         add(3000000);
@@ -278,7 +278,7 @@ TEST_F(SockTimerTest, RegisterInFlightOnlyStoresTheTimeoutAndTheReturnDecides) {
     EXPECT_EQ(-1, passesToTimeout());
 }
 
-TEST_F(SockTimerTest, BusyRecordIsSkippedAndFiresAtTheNextPass) {
+TEST_F(SockTimer, BusyRecordIsSkippedAndFiresAtTheNextPass) {
     add(1000);
     Gate gate;
     std::thread busy([&] {
@@ -292,7 +292,7 @@ TEST_F(SockTimerTest, BusyRecordIsSkippedAndFiresAtTheNextPass) {
     EXPECT_EQ(1, passesToTimeout());
 }
 
-TEST_F(SockTimerTest, AllThatIsDueFiresInOnePassAndTheRestStays) {
+TEST_F(SockTimer, AllThatIsDueFiresInOnePassAndTheRestStays) {
     SocketPair others[3];
     ASSERT_EQ(0, handler->RegisterSock(others[0].near, SOCK_READ, 1000));
     ASSERT_EQ(0, handler->RegisterSock(others[1].near, SOCK_WRITE, 90000000));
@@ -306,7 +306,7 @@ TEST_F(SockTimerTest, AllThatIsDueFiresInOnePassAndTheRestStays) {
     // Those in flight go with the pool: no worker comes for them.
 }
 
-TEST_F(SockTimerTest, TimeoutOfAHandlerThatHasGoneMakesNoCallAndEnds) {
+TEST_F(SockTimer, TimeoutOfAHandlerThatHasGoneMakesNoCallAndEnds) {
     SocketPair other;
     TestHandler* const gone = new TestHandler(StillPool::INDEX);
     ASSERT_EQ(0, gone->RegisterSock(other.near, SOCK_READ, 1000));
@@ -319,9 +319,9 @@ TEST_F(SockTimerTest, TimeoutOfAHandlerThatHasGoneMakesNoCallAndEnds) {
     handler->RemoveSock(other.near);
 }
 
-class SockTimerRealTest : public PoolFixture {};
+class SockTimerReal : public PoolFixture {};
 
-TEST_F(SockTimerRealTest, TimeoutFiresNotBeforeItsTimeAndTrafficPutsItOff) {
+TEST_F(SockTimerReal, TimeoutFiresNotBeforeItsTimeAndTrafficPutsItOff) {
     SocketPair pair;
     TestHandler* const handler = new TestHandler;
     std::atomic<uint64_t> last_us{Infra::CTime::getCurrentMicroSecond()};
@@ -347,7 +347,7 @@ TEST_F(SockTimerRealTest, TimeoutFiresNotBeforeItsTimeAndTrafficPutsItOff) {
     closeAndWait(handler);
 }
 
-TEST(SockTimerPoolEndTest, RecordsOfAPoolLeaveTheListWithIt) {
+TEST(SockTimerPoolEnd, RecordsOfAPoolLeaveTheListWithIt) {
     SocketPair pair;
     {
         StillPool rig;

@@ -102,7 +102,7 @@ std::string shown(const Flags& flags) {
                   static_cast<int>(flags.handler), flags.off, flags.density);
 }
 
-class SockTraceTest : public ::testing::Test {
+class SockTrace : public ::testing::Test {
 protected:
     void SetUp() override {
         handler->on_input = [this](int fd) {
@@ -264,7 +264,7 @@ Lines traced(const LogCapture& log) {
     return lines;
 }
 
-TEST_F(SockTraceTest, EverySiteUnderEveryCombinationOfTheFlags) {
+TEST_F(SockTrace, EverySiteUnderEveryCombinationOfTheFlags) {
     LogCapture log(3);
     for (int number = 0; number < Flags::COMBINATIONS; ++number) {
         flags = Flags::number(number);
@@ -277,7 +277,7 @@ TEST_F(SockTraceTest, EverySiteUnderEveryCombinationOfTheFlags) {
     }
 }
 
-TEST_F(SockTraceTest, NothingIsTracedWhileTheLogIsBelowLevel3) {
+TEST_F(SockTrace, NothingIsTracedWhileTheLogIsBelowLevel3) {
     LogCapture log(2);
     flags.all = flags.density = true;
     flags.set(fd(), id());
@@ -286,7 +286,7 @@ TEST_F(SockTraceTest, NothingIsTracedWhileTheLogIsBelowLevel3) {
     EXPECT_TRUE(log.lines().empty()) << log.dump();
 }
 
-TEST_F(SockTraceTest, FlagsAreAtFirstAsTheyAreDocumented) {
+TEST_F(SockTrace, FlagsAreAtFirstAsTheyAreDocumented) {
     // Before any test of this process has set one.
     EXPECT_FALSE(CDebugSocket::socket_all);
     EXPECT_FALSE(CDebugSocket::socket_read);
@@ -298,7 +298,7 @@ TEST_F(SockTraceTest, FlagsAreAtFirstAsTheyAreDocumented) {
     EXPECT_FALSE(CDebugSocket::socket_dendity);
 }
 
-TEST_F(SockTraceTest, ExceptionIsTracedByItsOwnClass) {
+TEST_F(SockTrace, ExceptionIsTracedByItsOwnClass) {
     pair = SocketPair::overTcp();
     ASSERT_EQ(0, handler->RegisterSock(pair->near, SOCK_EXCEPT, 0));
     ASSERT_EQ(1, ::send(pair->far.GetHandle(), "!", 1, MSG_OOB));
@@ -323,7 +323,7 @@ TEST_F(SockTraceTest, ExceptionIsTracedByItsOwnClass) {
     handler->RemoveSock(pair->near);
 }
 
-TEST_F(SockTraceTest, HandlerThatIsNotFoundMakesNoLineOfACall) {
+TEST_F(SockTrace, HandlerThatIsNotFoundMakesNoLineOfACall) {
     TestHandler* const gone = new TestHandler(StillPool::INDEX);
     ASSERT_EQ(0, gone->RegisterSock(pair->near, SOCK_READ, 0));
     gone->DecSock();

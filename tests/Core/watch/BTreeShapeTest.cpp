@@ -86,40 +86,40 @@ struct SmallTree : PlainTree {
 };
 
 TEST(BTreeShape, OddOrderIsRaisedByOne) {
-    EXPECT_EQ(BTreeProbe::order(BTree(7)), 8);
-    EXPECT_EQ(BTreeProbe::order(BTree(8)), 8);
-    EXPECT_EQ(BTreeProbe::order(BTree(5)), 6);
+    EXPECT_EQ(8, BTreeProbe::order(BTree(7)));
+    EXPECT_EQ(8, BTreeProbe::order(BTree(8)));
+    EXPECT_EQ(6, BTreeProbe::order(BTree(5)));
 }
 
 TEST(BTreeShape, EmptyTreeHasAnEmptyLeafAndGivesNull) {
     PlainTree tree(8);
-    EXPECT_EQ(tree.shape(), "()");
-    EXPECT_EQ(tree.faults(), "");
-    EXPECT_EQ(tree.remove(1), nullptr);
-    EXPECT_EQ(tree.tree().Find(1), nullptr);
-    EXPECT_EQ(tree.tree().Find(-1), nullptr);
-    EXPECT_EQ(tree.tree().Find(0), nullptr);
+    EXPECT_EQ("()", tree.shape());
+    EXPECT_EQ("", tree.faults());
+    EXPECT_EQ(nullptr, tree.remove(1));
+    EXPECT_EQ(nullptr, tree.tree().Find(1));
+    EXPECT_EQ(nullptr, tree.tree().Find(-1));
+    EXPECT_EQ(nullptr, tree.tree().Find(0));
 }
 
 TEST(BTreeShape, SevenKeysAreOneLeafAndTheEighthSplitsIt) {
     PlainTree tree(8);
     tree.insertAll(ascending(1, 7));
-    EXPECT_EQ(tree.shape(), "(1 2 3 4 5 6 7)");
+    EXPECT_EQ("(1 2 3 4 5 6 7)", tree.shape());
     tree.insert(8);
-    EXPECT_EQ(tree.shape(), "((1 2 3) 4 (5 6 7 8))");
+    EXPECT_EQ("((1 2 3) 4 (5 6 7 8))", tree.shape());
     PlainTree low(8);
     low.insertAll(ascending(1, 7));
     low.insert(0);
-    EXPECT_EQ(low.shape(), "((0 1 2 3) 4 (5 6 7))");
+    EXPECT_EQ("((0 1 2 3) 4 (5 6 7))", low.shape());
 }
 
 TEST(BTreeShape, SplitPutsTheMedianAheadOfItsNode) {
     PlainTree tree(8);
     tree.insertAll({10, 20, 30, 40, 50, 60, 70, 80});
     tree.insertAll({1, 2, 3, 4, 5});
-    EXPECT_EQ(tree.shape(), "((1 2 3) 4 (5 10 20 30) 40 (50 60 70 80))");
+    EXPECT_EQ("((1 2 3) 4 (5 10 20 30) 40 (50 60 70 80))", tree.shape());
     tree.insertAll({21, 22, 23, 24});
-    EXPECT_EQ(tree.shape(), "((1 2 3) 4 (5 10 20) 21 (22 23 24 30) 40 (50 60 70 80))")
+    EXPECT_EQ("((1 2 3) 4 (5 10 20) 21 (22 23 24 30) 40 (50 60 70 80))", tree.shape())
         << "a leaf of seven keys splits before the next one goes in";
 }
 
@@ -128,7 +128,7 @@ TEST(BTreeShape, DuplicateGoesAheadOfItsEqualInALeaf) {
     Payload* first = tree.insert(5);
     tree.insert(7);
     Payload* second = tree.insert(5);
-    EXPECT_EQ(tree.shape(), "(5 5 7)");
+    EXPECT_EQ("(5 5 7)", tree.shape());
     EXPECT_EQ(tree.remove(5), second);
     EXPECT_EQ(tree.remove(5), first);
 }
@@ -137,26 +137,26 @@ TEST(BTreeShape, DuplicateOfAnInnerKeyGoesIntoTheChildBehindIt) {
     PlainTree tree(8);
     tree.insertAll(ascending(1, 8));
     tree.insert(4);
-    EXPECT_EQ(tree.shape(), "((1 2 3) 4 (4 5 6 7 8))");
+    EXPECT_EQ("((1 2 3) 4 (4 5 6 7 8))", tree.shape());
 }
 
 TEST(BTreeShape, DuplicateOfTheMedianGoesIntoTheUpperHalf) {
     PlainTree tree(8);
     tree.insertAll(ascending(1, 7));
     tree.insert(4);
-    EXPECT_EQ(tree.shape(), "((1 2 3) 4 (4 5 6 7))");
+    EXPECT_EQ("((1 2 3) 4 (4 5 6 7))", tree.shape());
 }
 
 TEST(BTreeShape, AscendingInDescendingOutLeavesAnEmptyLeaf) {
     for (const int order : {4, 6, 8}) {
         PlainTree tree(order);
         tree.insertAll(ascending(1, 200));
-        EXPECT_EQ(tree.faults(), "");
+        EXPECT_EQ("", tree.faults());
         for (int64_t key = 200; key >= 1; --key) {
             ASSERT_EQ(tree.remove(key)->m_key, key);
-            ASSERT_EQ(tree.faults(), "");
+            ASSERT_EQ("", tree.faults());
         }
-        EXPECT_EQ(tree.shape(), "()");
+        EXPECT_EQ("()", tree.shape());
     }
 }
 
@@ -166,12 +166,12 @@ TEST(BTreeShape, DescendingInAscendingOutLeavesAnEmptyLeaf) {
         for (int64_t key = 200; key >= 1; --key) {
             tree.insert(key);
         }
-        EXPECT_EQ(tree.faults(), "");
+        EXPECT_EQ("", tree.faults());
         for (int64_t key = 1; key <= 200; ++key) {
             ASSERT_EQ(tree.remove(key)->m_key, key);
-            ASSERT_EQ(tree.faults(), "");
+            ASSERT_EQ("", tree.faults());
         }
-        EXPECT_EQ(tree.shape(), "()");
+        EXPECT_EQ("()", tree.shape());
     }
 }
 
@@ -179,9 +179,9 @@ TEST(BTreeShape, TreeLosesALevelWhenTheRootsLastKeyGoesIntoAMerge) {
     PlainTree tree(8);
     tree.insertAll(ascending(1, 8));
     tree.remove(8);
-    EXPECT_EQ(tree.shape(), "((1 2 3) 4 (5 6 7))");
+    EXPECT_EQ("((1 2 3) 4 (5 6 7))", tree.shape());
     tree.remove(6);
-    EXPECT_EQ(tree.shape(), "(1 2 3 4 5 7)");
+    EXPECT_EQ("(1 2 3 4 5 7)", tree.shape());
 }
 
 TEST(BTreeShape, RootKeyBetweenMinimalChildrenGoesIntoTheirMerge) {
@@ -189,106 +189,106 @@ TEST(BTreeShape, RootKeyBetweenMinimalChildrenGoesIntoTheirMerge) {
     tree.insertAll(ascending(1, 8));
     tree.remove(8);
     tree.remove(4);
-    EXPECT_EQ(tree.shape(), "(1 2 3 5 6 7)");
+    EXPECT_EQ("(1 2 3 5 6 7)", tree.shape());
 }
 
 TEST(BTreeShape, InnerKeyIsReplacedByItsPredecessorIfTheLeftChildCanSpareOne) {
     PlainTree tree(8);
     tree.insertAll(ascending(1, 8));
     tree.insert(0);
-    ASSERT_EQ(tree.shape(), "((0 1 2 3) 4 (5 6 7 8))");
-    EXPECT_EQ(tree.remove(4)->m_key, 4);
-    EXPECT_EQ(tree.shape(), "((0 1 2) 3 (5 6 7 8))") << "also when the right one could too";
-    EXPECT_EQ(tree.remove(3)->m_key, 3);
-    EXPECT_EQ(tree.shape(), "((0 1 2) 5 (6 7 8))") << "the successor only if the left child is minimal";
+    ASSERT_EQ("((0 1 2 3) 4 (5 6 7 8))", tree.shape());
+    EXPECT_EQ(4, tree.remove(4)->m_key);
+    EXPECT_EQ("((0 1 2) 3 (5 6 7 8))", tree.shape()) << "also when the right one could too";
+    EXPECT_EQ(3, tree.remove(3)->m_key);
+    EXPECT_EQ("((0 1 2) 5 (6 7 8))", tree.shape()) << "the successor only if the left child is minimal";
 }
 
 TEST(BTreeShape, InnerKeyIsPushedDownThroughTwoLevelsOfMinimalChildren) {
     SmallTree tree(10);
-    ASSERT_EQ(tree.shape(), "(((1) 2 (3)) 4 ((5) 6 (7) 8 (9 10)))");
+    ASSERT_EQ("(((1) 2 (3)) 4 ((5) 6 (7) 8 (9 10)))", tree.shape());
     tree.remove(10);
     tree.remove(9);
-    ASSERT_EQ(tree.shape(), "(((1) 2 (3)) 4 ((5) 6 (7 8)))");
-    EXPECT_EQ(tree.remove(4)->m_key, 4);
-    EXPECT_EQ(tree.shape(), "((1) 2 (3 5) 6 (7 8))");
-    EXPECT_EQ(tree.faults(), "");
+    ASSERT_EQ("(((1) 2 (3)) 4 ((5) 6 (7 8)))", tree.shape());
+    EXPECT_EQ(4, tree.remove(4)->m_key);
+    EXPECT_EQ("((1) 2 (3 5) 6 (7 8))", tree.shape());
+    EXPECT_EQ("", tree.faults());
 }
 
 TEST(BTreeShape, ReplacementFillsTheNodesOnItsWay) {
     SmallTree tree(10);
-    ASSERT_EQ(tree.shape(), "(((1) 2 (3)) 4 ((5) 6 (7) 8 (9 10)))");
-    EXPECT_EQ(tree.remove(4)->m_key, 4);
-    EXPECT_EQ(tree.shape(), "(((1) 2 (3)) 5 ((6 7) 8 (9 10)))") << "the successor's leaf was minimal";
+    ASSERT_EQ("(((1) 2 (3)) 4 ((5) 6 (7) 8 (9 10)))", tree.shape());
+    EXPECT_EQ(4, tree.remove(4)->m_key);
+    EXPECT_EQ("(((1) 2 (3)) 5 ((6 7) 8 (9 10)))", tree.shape()) << "the successor's leaf was minimal";
 }
 
 TEST(BTreeShape, FillBorrowsFromTheLeftNeighbourThroughThePredecessorOfTheLeadingKey) {
     PlainTree tree(4);
     tree.insertAll({10, 20, 30, 40, 50, 60});
     tree.insert(5);
-    ASSERT_EQ(tree.shape(), "((5 10) 20 (30) 40 (50 60))");
+    ASSERT_EQ("((5 10) 20 (30) 40 (50 60))", tree.shape());
     // 40 leads to the leaf of 30; 20 stands between it and the left neighbour.
-    EXPECT_EQ(tree.remove(30)->m_key, 30);
-    EXPECT_EQ(tree.shape(), "((5) 10 (20) 40 (50 60))");
-    EXPECT_EQ(tree.faults(), "");
+    EXPECT_EQ(30, tree.remove(30)->m_key);
+    EXPECT_EQ("((5) 10 (20) 40 (50 60))", tree.shape());
+    EXPECT_EQ("", tree.faults());
 }
 
 TEST(BTreeShape, RightMostChildBorrowsThroughTheLastKey) {
     PlainTree tree(4);
     tree.insertAll({10, 20, 30, 40, 50, 35});
-    ASSERT_EQ(tree.shape(), "((10) 20 (30 35) 40 (50))");
-    EXPECT_EQ(tree.remove(50)->m_key, 50);
-    EXPECT_EQ(tree.shape(), "((10) 20 (30) 35 (40))");
-    EXPECT_EQ(tree.faults(), "");
+    ASSERT_EQ("((10) 20 (30 35) 40 (50))", tree.shape());
+    EXPECT_EQ(50, tree.remove(50)->m_key);
+    EXPECT_EQ("((10) 20 (30) 35 (40))", tree.shape());
+    EXPECT_EQ("", tree.faults());
 }
 
 TEST(BTreeShape, FillBorrowsFromTheRightNeighbourIfTheLeftOneIsMinimal) {
     PlainTree tree(4);
     tree.insertAll({10, 20, 30, 40, 50, 60});
-    ASSERT_EQ(tree.shape(), "((10) 20 (30) 40 (50 60))");
-    EXPECT_EQ(tree.remove(30)->m_key, 30);
-    EXPECT_EQ(tree.shape(), "((10) 20 (40) 50 (60))");
-    EXPECT_EQ(tree.faults(), "");
+    ASSERT_EQ("((10) 20 (30) 40 (50 60))", tree.shape());
+    EXPECT_EQ(30, tree.remove(30)->m_key);
+    EXPECT_EQ("((10) 20 (40) 50 (60))", tree.shape());
+    EXPECT_EQ("", tree.faults());
 }
 
 TEST(BTreeShape, FillMergesWithTheLeftNeighbourIfThereIsOne) {
     PlainTree tree(4);
     tree.insertAll({10, 20, 30, 40, 50, 60});
     tree.remove(60);
-    ASSERT_EQ(tree.shape(), "((10) 20 (30) 40 (50))");
-    EXPECT_EQ(tree.remove(35), nullptr);
-    EXPECT_EQ(tree.shape(), "((10 20 30) 40 (50))");
-    EXPECT_EQ(tree.faults(), "");
+    ASSERT_EQ("((10) 20 (30) 40 (50))", tree.shape());
+    EXPECT_EQ(nullptr, tree.remove(35));
+    EXPECT_EQ("((10 20 30) 40 (50))", tree.shape());
+    EXPECT_EQ("", tree.faults());
 }
 
 TEST(BTreeShape, FirstChildMergesWithTheRightNeighbour) {
     PlainTree tree(4);
     tree.insertAll({10, 20, 30, 40, 50, 60});
     tree.remove(60);
-    ASSERT_EQ(tree.shape(), "((10) 20 (30) 40 (50))");
-    EXPECT_EQ(tree.remove(5), nullptr);
-    EXPECT_EQ(tree.shape(), "((10 20 30) 40 (50))");
-    EXPECT_EQ(tree.faults(), "");
+    ASSERT_EQ("((10) 20 (30) 40 (50))", tree.shape());
+    EXPECT_EQ(nullptr, tree.remove(5));
+    EXPECT_EQ("((10 20 30) 40 (50))", tree.shape());
+    EXPECT_EQ("", tree.faults());
 }
 
 TEST(BTreeShape, RightMostChildHasNoRightNeighbourAndMergesWithTheLeftOne) {
     PlainTree tree(4);
     tree.insertAll({10, 20, 30, 40, 50, 60});
     tree.remove(60);
-    ASSERT_EQ(tree.shape(), "((10) 20 (30) 40 (50))");
-    EXPECT_EQ(tree.remove(99), nullptr);
-    EXPECT_EQ(tree.shape(), "((10) 20 (30 40 50))");
-    EXPECT_EQ(tree.faults(), "");
+    ASSERT_EQ("((10) 20 (30) 40 (50))", tree.shape());
+    EXPECT_EQ(nullptr, tree.remove(99));
+    EXPECT_EQ("((10) 20 (30 40 50))", tree.shape());
+    EXPECT_EQ("", tree.faults());
 }
 
 TEST(BTreeShape, RemovalOfAnAbsentKeyFillsOnItsWayToo) {
     PlainTree tree(8);
     tree.insertAll(ascending(1, 8));
     tree.remove(8);
-    ASSERT_EQ(tree.shape(), "((1 2 3) 4 (5 6 7))");
-    EXPECT_EQ(tree.remove(100), nullptr);
-    EXPECT_EQ(tree.shape(), "(1 2 3 4 5 6 7)") << "the tree even loses a level";
-    EXPECT_EQ(tree.remove(100), nullptr);
-    EXPECT_EQ(tree.shape(), "(1 2 3 4 5 6 7)");
+    ASSERT_EQ("((1 2 3) 4 (5 6 7))", tree.shape());
+    EXPECT_EQ(nullptr, tree.remove(100));
+    EXPECT_EQ("(1 2 3 4 5 6 7)", tree.shape()) << "the tree even loses a level";
+    EXPECT_EQ(nullptr, tree.remove(100));
+    EXPECT_EQ("(1 2 3 4 5 6 7)", tree.shape());
 }
 
 TEST(BTreeShape, BorrowedSubtreeChangesItsParent) {
@@ -306,7 +306,7 @@ TEST(BTreeShape, BorrowedSubtreeChangesItsParent) {
         tree.remove(key);
         model.Remove(key);
         ASSERT_EQ(tree.shape(), model.Shape());
-        ASSERT_EQ(tree.faults(), "");
+        ASSERT_EQ("", tree.faults());
     }
 }
 
@@ -324,12 +324,12 @@ TEST(BTreeShape, PredecessorStepWorksAfterEveryKindOfChangeToAList) {
             model.Insert(key);
         }
         for (const int64_t key : keys) {
-            EXPECT_EQ(tree.remove(1000), nullptr);
+            EXPECT_EQ(nullptr, tree.remove(1000));
             EXPECT_FALSE(model.Remove(1000));
             ASSERT_EQ(tree.remove(key)->m_key, key);
             ASSERT_TRUE(model.Remove(key));
             ASSERT_EQ(tree.shape(), model.Shape());
-            ASSERT_EQ(tree.faults(), "");
+            ASSERT_EQ("", tree.faults());
         }
     }
 }
@@ -345,7 +345,7 @@ TEST(BTreeShape, NegativeAndOtherKeysSortBySignedComparison) {
     std::vector<int64_t> sorted = keys;
     std::sort(sorted.begin(), sorted.end());
     EXPECT_EQ(walked, sorted);
-    EXPECT_EQ(tree.faults(), "");
+    EXPECT_EQ("", tree.faults());
 }
 
 // ---- against the model -----------------------------------------------------------------------------------
@@ -372,7 +372,7 @@ void compareWithModel(int order, int64_t span, int steps) {
             known = nullptr;
         }
         ASSERT_EQ(tree.shape(), model.Shape()) << "step " << step;
-        ASSERT_EQ(tree.faults(), "") << "step " << step;
+        ASSERT_EQ("", tree.faults()) << "step " << step;
     }
 }
 
@@ -403,10 +403,10 @@ TEST(BTreeShape, LargeTreeGivesTheShapeOfTheModel) {
         model.Remove(keys[i]);
         if (i % 100 == 0) {
             ASSERT_EQ(tree.shape(), model.Shape());
-            ASSERT_EQ(tree.faults(), "");
+            ASSERT_EQ("", tree.faults());
         }
     }
-    EXPECT_EQ(tree.shape(), "()");
+    EXPECT_EQ("()", tree.shape());
 }
 
 // ---- memory ----------------------------------------------------------------------------------------------
@@ -441,9 +441,9 @@ TEST(BTreeMemory, RemovalNeedsNone) {
     tree.insertAll(ascending(1, 1000));
     const CountingAllocator::NoMemory no_memory;
     for (int64_t key = 1; key <= 1000; ++key) {
-        ASSERT_NE(tree.remove(key), nullptr);
+        ASSERT_NE(nullptr, tree.remove(key));
     }
-    EXPECT_EQ(tree.shape(), "()");
+    EXPECT_EQ("()", tree.shape());
 }
 
 TEST(BTreeMemory, InsertionWithoutMemoryIsRefusedAndLeavesASoundTree) {
@@ -459,7 +459,7 @@ TEST(BTreeMemory, InsertionWithoutMemoryIsRefusedAndLeavesASoundTree) {
                 const CountingAllocator::NoMemory no_memory(grace);
                 inserted = tree.insert(size + 1) != nullptr;
             }
-            ASSERT_EQ(tree.faults(), "");
+            ASSERT_EQ("", tree.faults());
             if (grace == 0) {
                 ASSERT_FALSE(inserted);
                 ASSERT_EQ(CountingAllocator::blocksInUse(), before);
@@ -479,7 +479,7 @@ TEST(BTreeMemory, InsertionWithoutMemoryIsRefusedAndLeavesASoundTree) {
 
 // ---- a broken tree ---------------------------------------------------------------------------------------
 
-TEST(BTreeDeathTest, NodeBelowTheRootThatLosesItsLastKeyFiresTheAssertion) {
+TEST(BTreeDeath, NodeBelowTheRootThatLosesItsLastKeyFiresTheAssertion) {
     testing::FLAGS_gtest_death_test_style = "threadsafe";
     EXPECT_DEATH(
         {

@@ -81,7 +81,7 @@ TEST(BTreePin, LookupUnderTheWriteLockPinsAndLeavesTheLockAlone) {
     tree.WriteLock();
     tree.InsertLocked(record);
     EXPECT_EQ(tree.FindLocked(5), record);
-    EXPECT_EQ(tree.FindLocked(6), nullptr);
+    EXPECT_EQ(nullptr, tree.FindLocked(6));
     EXPECT_FALSE(freeForOthers(record));
     std::atomic<bool> found{false};
     std::atomic<int> thread_id{0};
@@ -142,11 +142,11 @@ TEST_F(BTreeHandlerPin, LookupOfAnIdAddsOneReferenceThatKeepsTheHandler) {
     EXPECT_EQ(tree.Find(entry.m_id), &entry);
     handler->Close();
     EXPECT_EVENTUALLY(!PoolTable::FindHandler(entry.m_id));
-    EXPECT_EQ(m_closed, 0) << "detached, but pinned";
+    EXPECT_EQ(0, m_closed) << "detached, but pinned";
     EXPECT_EQ(tree.Remove(entry.m_id), &entry);
-    EXPECT_EQ(m_closed, 0);
+    EXPECT_EQ(0, m_closed);
     handler->DecRef();
-    EXPECT_EQ(m_closed, 1) << "it was one reference";
+    EXPECT_EQ(1, m_closed) << "it was one reference";
 }
 
 TEST_F(BTreeHandlerPin, LookupThatFindsNothingPinsNothing) {
@@ -154,10 +154,10 @@ TEST_F(BTreeHandlerPin, LookupThatFindsNothingPinsNothing) {
     ObjectEntry entry{handler->GetID(), handler};
     BTree tree(8);
     tree.Insert(&entry);
-    EXPECT_EQ(tree.Find(entry.m_id + 1), nullptr) << "another generation";
-    EXPECT_EQ(tree.Find(entry.m_id - 65536), nullptr);
+    EXPECT_EQ(nullptr, tree.Find(entry.m_id + 1)) << "another generation";
+    EXPECT_EQ(nullptr, tree.Find(entry.m_id - 65536));
     tree.Remove(entry.m_id);
-    EXPECT_EQ(tree.Find(entry.m_id), nullptr);
+    EXPECT_EQ(nullptr, tree.Find(entry.m_id));
     handler->Close();
     EXPECT_EVENTUALLY(m_closed == 1);
 }
@@ -184,7 +184,7 @@ TEST(BTreeLock, PinIsTakenUnderTheTreesLock) {
         removed = static_cast<CEvent*>(tree.Remove(5));
     });
     EXPECT_EVENTUALLY(remover_id != 0 && sleepsInFutex(remover_id));
-    EXPECT_EQ(removed, nullptr) << "nobody takes a record out before who found it has pinned it";
+    EXPECT_EQ(nullptr, removed) << "nobody takes a record out before who found it has pinned it";
     record->m_mutex.leave();
     finder.join();
     remover.join();
@@ -212,10 +212,10 @@ TEST(BTreeLock, LookupsRunWhileOthersReadAndChangesDoNot) {
     EXPECT_EVENTUALLY(writer_id != 0 && sleepsInFutex(writer_id));
     int count = 0;
     tree.ForEach([&count](void*) { ++count; });
-    EXPECT_EQ(count, 100);
+    EXPECT_EQ(100, count);
     tree.Unlock();
     writer.join();
-    EXPECT_EQ(faultsOf(tree, 8), "");
+    EXPECT_EQ("", faultsOf(tree, 8));
 }
 
 TEST(BTreeLock, ThreadsChangeAndLookUpSideBySide) {
@@ -264,7 +264,7 @@ TEST(BTreeLock, ThreadsChangeAndLookUpSideBySide) {
     }
     stop = true;
     finder.join();
-    EXPECT_EQ(Orvex::Testing::shapeOf(tree), "()");
+    EXPECT_EQ("()", Orvex::Testing::shapeOf(tree));
 }
 
 // ---- the end ---------------------------------------------------------------------------------------------
@@ -282,8 +282,8 @@ void treeComesAndGoes() {
             tree.Insert(newRecord(key));
         }
     }
-    EXPECT_EQ(zero.m_key, 0);
-    EXPECT_EQ(handler.m_id, -6553600);
+    EXPECT_EQ(0, zero.m_key);
+    EXPECT_EQ(-6553600, handler.m_id);
 }
 
 TEST(BTreeEnd, DeletesSocketRecordsAboveZeroAndNothingElse) {
@@ -302,7 +302,7 @@ TEST(BTreeEnd, WalkLetsAnOwnerTakeOutWhatTheTreeDoesNotDelete) {
     tree.ReadLock();
     tree.ForEach([&keys](void* payload) { keys.push_back(BTree::keyOf(payload)); });
     tree.Unlock();
-    ASSERT_EQ(keys.size(), 21U);
+    ASSERT_EQ(21U, keys.size());
     for (int64_t key = 0; key <= 20; ++key) {
         EXPECT_EQ(keys[static_cast<size_t>(key)], key);
     }

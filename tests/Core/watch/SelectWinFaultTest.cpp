@@ -45,7 +45,7 @@ void expectMessagesAndTimers(TestHandler* handler) {
     EXPECT_EVENTUALLY(handler->life->timeouts == 1);
 }
 
-TEST(SelectWinFaultTest, WithoutAWakePairThePoolServesSocketsMessagesAndTimersAndEnds) {
+TEST(SelectWinFault, WithoutAWakePairThePoolServesSocketsMessagesAndTimersAndEnds) {
     // The instance itself, and not all of the three sockets that make the pair.
     for (std::size_t spare = 1; spare <= 3; ++spare) {
         LogCapture log;
@@ -71,7 +71,7 @@ TEST(SelectWinFaultTest, WithoutAWakePairThePoolServesSocketsMessagesAndTimersAn
     }
 }
 
-TEST(SelectWinFaultTest, WakePairThatTheKernelDoesNotWatchIsNone) {
+TEST(SelectWinFault, WakePairThatTheKernelDoesNotWatchIsNone) {
     LogCapture log;
     {
         EpollFault fault(ENOSPC);
@@ -84,7 +84,7 @@ TEST(SelectWinFaultTest, WakePairThatTheKernelDoesNotWatchIsNone) {
     EXPECT_EQ(0, CNetThread::DestroyThreadPool());
 }
 
-TEST(SelectWinFaultTest, WithoutAWakePairThePollerLooksRoundSeldom) {
+TEST(SelectWinFault, WithoutAWakePairThePollerLooksRoundSeldom) {
     LogCapture quiet(1);
     ShortPool pool(1);
     const uint64_t before = epollWaits();
@@ -92,13 +92,13 @@ TEST(SelectWinFaultTest, WithoutAWakePairThePollerLooksRoundSeldom) {
     EXPECT_LE(epollWaits() - before, 8u);
 }
 
-TEST(SelectWinFaultTest, WithoutAWakePairTheReadSetTakes4096) {
+TEST(SelectWinFault, WithoutAWakePairTheReadSetTakes4096) {
     LogCapture quiet(1);
     ShortPool pool(1);
     EXPECT_EQ(0, MultiplexerProbe::places((*pool).m_mux, 0)) << "no wake end holds a place";
 }
 
-TEST(SelectWinFaultTest, WithoutAnInstanceThePoolServesMessagesAndTimersAndEnds) {
+TEST(SelectWinFault, WithoutAnInstanceThePoolServesMessagesAndTimersAndEnds) {
     LogCapture log;
     ShortPool pool(0);
     expectLines(log);
@@ -120,7 +120,7 @@ TEST(SelectWinFaultTest, WithoutAnInstanceThePoolServesMessagesAndTimersAndEnds)
     EXPECT_TRUE(log.lines().empty()) << log.dump();
 }
 
-TEST(SelectWinFaultTest, PoolsWithoutAnInstanceCanBeDestroyedAgainAndAgain) {
+TEST(SelectWinFault, PoolsWithoutAnInstanceCanBeDestroyedAgainAndAgain) {
     LogCapture quiet(1);
     for (int i = 0; i < 4; ++i) {
         ShortPool pool(static_cast<std::size_t>(i % 2));
@@ -129,7 +129,7 @@ TEST(SelectWinFaultTest, PoolsWithoutAnInstanceCanBeDestroyedAgainAndAgain) {
 
 // ---- what does not spin ----------------------------------------------------------------------------------
 
-class SelectWinQuietTest : public SockPoolFixture {
+class SelectWinQuiet : public SockPoolFixture {
 protected:
     // Waits of the poller while the test looks on for a moment, which would be thousands if it spun.
     static uint64_t waitsMeanwhile() {
@@ -140,7 +140,7 @@ protected:
     static constexpr uint64_t FEW = 40;
 };
 
-TEST_F(SelectWinQuietTest, HangUpThatNobodyAskedForDoesNotSpin) {
+TEST_F(SelectWinQuiet, HangUpThatNobodyAskedForDoesNotSpin) {
     add(SOCK_EXCEPT);
     pair.far.Close();
     EXPECT_LE(waitsMeanwhile(), FEW);
@@ -151,7 +151,7 @@ TEST_F(SelectWinQuietTest, HangUpThatNobodyAskedForDoesNotSpin) {
     EXPECT_LE(waitsMeanwhile(), FEW) << "nothing is asked for";
 }
 
-TEST_F(SelectWinQuietTest, SlowHandlerWithDataWaitingDoesNotSpin) {
+TEST_F(SelectWinQuiet, SlowHandlerWithDataWaitingDoesNotSpin) {
     Gate gate;
     handler->on_input = [&](int fd) {
         gate.pass();
@@ -166,7 +166,7 @@ TEST_F(SelectWinQuietTest, SlowHandlerWithDataWaitingDoesNotSpin) {
     removeAndWait(pair.near);
 }
 
-TEST_F(SelectWinQuietTest, DataForAHandlerThatHasGoneDoesNotSpin) {
+TEST_F(SelectWinQuiet, DataForAHandlerThatHasGoneDoesNotSpin) {
     LogCapture log(3);
     TestHandler* const gone = new TestHandler;
     ASSERT_EQ(0, gone->RegisterSock(pair.near, SOCK_READ, 0));
@@ -181,7 +181,7 @@ TEST_F(SelectWinQuietTest, DataForAHandlerThatHasGoneDoesNotSpin) {
     EXPECT_EVENTUALLY(handler->life->inputs == 1);
 }
 
-TEST_F(SelectWinQuietTest, FileOfAHandlerThatHasGoneDoesNotSpin) {
+TEST_F(SelectWinQuiet, FileOfAHandlerThatHasGoneDoesNotSpin) {
     LogCapture log(3);
     BorrowedSock file(::open("/proc/self/exe", O_RDONLY | O_CLOEXEC));
     TestHandler* const gone = new TestHandler;
@@ -196,7 +196,7 @@ TEST_F(SelectWinQuietTest, FileOfAHandlerThatHasGoneDoesNotSpin) {
     ::close(number);
 }
 
-TEST_F(SelectWinQuietTest, OrphanedCopyDoesNotSpin) {
+TEST_F(SelectWinQuiet, OrphanedCopyDoesNotSpin) {
     LogCapture log(3);
     add(SOCK_READ);
     const int copy = ::fcntl(pair.fd(), F_DUPFD_CLOEXEC, 0);
@@ -217,7 +217,7 @@ TEST_F(SelectWinQuietTest, OrphanedCopyDoesNotSpin) {
     ::close(copy);
 }
 
-TEST_F(SelectWinQuietTest, OrphanedCopyWithoutADescriptorForACureDoesNotSpinAndOthersAreServed) {
+TEST_F(SelectWinQuiet, OrphanedCopyWithoutADescriptorForACureDoesNotSpinAndOthersAreServed) {
     LogCapture log(3);
     SocketPair other;
     ASSERT_EQ(0, handler->RegisterSock(other.near, SOCK_READ, 0));
@@ -247,7 +247,7 @@ TEST_F(SelectWinQuietTest, OrphanedCopyWithoutADescriptorForACureDoesNotSpinAndO
     ::close(copy);
 }
 
-TEST_F(SelectWinQuietTest, SocketThatIsRefusedForAMomentIsServed) {
+TEST_F(SelectWinQuiet, SocketThatIsRefusedForAMomentIsServed) {
     {
         EpollFault fault(ENOSPC);
         LogCapture log;
@@ -259,7 +259,7 @@ TEST_F(SelectWinQuietTest, SocketThatIsRefusedForAMomentIsServed) {
     EXPECT_LE(waitsMeanwhile(), FEW);
 }
 
-TEST_F(SelectWinQuietTest, SocketsWithoutAPlaceAreToldForPoolsThatExist) {
+TEST_F(SelectWinQuiet, SocketsWithoutAPlaceAreToldForPoolsThatExist) {
     EXPECT_EQ(0, CNetThread::GetSocksWithoutPlace(0));
     for (const int index : {1, -1, 64, 1 << 30}) {
         EXPECT_EQ(-1, CNetThread::GetSocksWithoutPlace(index)) << index;
@@ -270,7 +270,7 @@ TEST_F(SelectWinQuietTest, SocketsWithoutAPlaceAreToldForPoolsThatExist) {
 
 constexpr char RENEWED_LINE[] = "pool 0: the wake pair was broken, a new one is built\n";
 
-TEST_F(SelectWinQuietTest, WakePairWhoseEndIsShutIsBuiltAnewWithALineAndDoesNotSpin) {
+TEST_F(SelectWinQuiet, WakePairWhoseEndIsShutIsBuiltAnewWithALineAndDoesNotSpin) {
     for (const bool reading_end : {true, false}) {
         LogCapture log;
         const CWINPipe before = MultiplexerProbe::pipe(pool().m_mux);
@@ -288,7 +288,7 @@ TEST_F(SelectWinQuietTest, WakePairWhoseEndIsShutIsBuiltAnewWithALineAndDoesNotS
     }
 }
 
-TEST_F(SelectWinQuietTest, WakePairThatCannotBeBuiltAnewIsALineAndComesBackLater) {
+TEST_F(SelectWinQuiet, WakePairThatCannotBeBuiltAnewIsALineAndComesBackLater) {
     LogCapture log;
     {
         DescriptorShortage shortage(0);
@@ -302,7 +302,7 @@ TEST_F(SelectWinQuietTest, WakePairThatCannotBeBuiltAnewIsALineAndComesBackLater
     EXPECT_LE(waitsMeanwhile(), FEW);
 }
 
-TEST_F(SelectWinQuietTest, ClosedNumberDoesNotSpin) {
+TEST_F(SelectWinQuiet, ClosedNumberDoesNotSpin) {
     add(SOCK_READ);
     BorrowedSock closed(pair.fd());
     pair.near.Close();
@@ -311,7 +311,7 @@ TEST_F(SelectWinQuietTest, ClosedNumberDoesNotSpin) {
     handler->RemoveSock(closed);
 }
 
-TEST_F(SelectWinQuietTest, RegularFileIsServedAgainAndAgainUntilItIsRemoved) {
+TEST_F(SelectWinQuiet, RegularFileIsServedAgainAndAgainUntilItIsRemoved) {
     const int fd = ::open("/proc/self/exe", O_RDONLY | O_CLOEXEC);
     BorrowedSock file(fd);
     handler->on_input = [](int) { return 0; };

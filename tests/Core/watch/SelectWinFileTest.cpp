@@ -14,7 +14,7 @@ namespace {
 using namespace Reticor;
 using Calls = std::vector<EpollCall>;
 
-class SelectWinFileTest : public ::testing::Test {
+class SelectWinFile : public ::testing::Test {
 protected:
     void SetUp() override {
         handler->on_input = [](int fd) {
@@ -44,7 +44,7 @@ public:
     }
 };
 
-TEST_F(SelectWinFileTest, RegularFileIsAlwaysReadyButNeverInFlightTwice) {
+TEST_F(SelectWinFile, RegularFileIsAlwaysReadyButNeverInFlightTwice) {
     RegularFile file;
     EpollRecorder kernel(file.GetHandle());
     add(file, SOCK_READ | SOCK_WRITE);
@@ -68,7 +68,7 @@ TEST_F(SelectWinFileTest, RegularFileIsAlwaysReadyButNeverInFlightTwice) {
     EXPECT_EQ(0u, MultiplexerProbe::alwaysReady(rig.mux()));
 }
 
-TEST_F(SelectWinFileTest, RegularFileRegisteredForExceptionsAloneIsNeverReady) {
+TEST_F(SelectWinFile, RegularFileRegisteredForExceptionsAloneIsNeverReady) {
     RegularFile file;
     add(file, SOCK_EXCEPT);
     EXPECT_TRUE(rig.poll().empty());
@@ -76,7 +76,7 @@ TEST_F(SelectWinFileTest, RegularFileRegisteredForExceptionsAloneIsNeverReady) {
     handler->RemoveSock(file);
 }
 
-TEST_F(SelectWinFileTest, FileRemovedInFlightAndRegisteredAgainIsAlwaysReadyAgain) {
+TEST_F(SelectWinFile, FileRemovedInFlightAndRegisteredAgainIsAlwaysReadyAgain) {
     RegularFile file;
     add(file);
     const std::vector<CEvent*> ready = rig.poll();
@@ -90,7 +90,7 @@ TEST_F(SelectWinFileTest, FileRemovedInFlightAndRegisteredAgainIsAlwaysReadyAgai
     handler->RemoveSock(file);
 }
 
-TEST_F(SelectWinFileTest, SocketThatTakesTheNumberOfAFileIsWatchedAsASocketOnceRegistered) {
+TEST_F(SelectWinFile, SocketThatTakesTheNumberOfAFileIsWatchedAsASocketOnceRegistered) {
     SocketPair pair;
     RegularFile file;
     const int number = file.GetHandle();
@@ -105,7 +105,7 @@ TEST_F(SelectWinFileTest, SocketThatTakesTheNumberOfAFileIsWatchedAsASocketOnceR
     handler->RemoveSock(file);
 }
 
-TEST_F(SelectWinFileTest, FileThatTakesTheNumberOfASocketIsAlwaysReadyOnceRegistered) {
+TEST_F(SelectWinFile, FileThatTakesTheNumberOfASocketIsAlwaysReadyOnceRegistered) {
     SocketPair pair;
     RegularFile file;
     const int number = pair.fd();
@@ -118,7 +118,7 @@ TEST_F(SelectWinFileTest, FileThatTakesTheNumberOfASocketIsAlwaysReadyOnceRegist
     handler->RemoveSock(pair.near);
 }
 
-TEST_F(SelectWinFileTest, PassesAllocateNothingWhileAFileIsRegisteredOrUnregistered) {
+TEST_F(SelectWinFile, PassesAllocateNothingWhileAFileIsRegisteredOrUnregistered) {
     RegularFile file;
     SocketPair pair;
     const auto allocationsOfAPass = [&] {
@@ -148,7 +148,7 @@ TEST_F(SelectWinFileTest, PassesAllocateNothingWhileAFileIsRegisteredOrUnregiste
 
 // ---- handlers that have gone ---------------------------------------------------------------------------
 
-class SelectWinOrphanTest : public SelectWinFileTest {
+class SelectWinOrphan : public SelectWinFile {
 protected:
     std::string goneLine() const {
         return "pool " + std::to_string(StillPool::INDEX) + ": the handler of ready socket " +
@@ -164,7 +164,7 @@ protected:
     SocketPair pair;
 };
 
-TEST_F(SelectWinOrphanTest, SocketOfAHandlerThatHasGoneRestsWithOneLineAndKeepsItsPlace) {
+TEST_F(SelectWinOrphan, SocketOfAHandlerThatHasGoneRestsWithOneLineAndKeepsItsPlace) {
     abandon();
     pair.write();
     LogCapture log;
@@ -185,7 +185,7 @@ TEST_F(SelectWinOrphanTest, SocketOfAHandlerThatHasGoneRestsWithOneLineAndKeepsI
     handler->RemoveSock(pair.near);
 }
 
-TEST_F(SelectWinOrphanTest, FileOfAHandlerThatHasGoneRestsToo) {
+TEST_F(SelectWinOrphan, FileOfAHandlerThatHasGoneRestsToo) {
     RegularFile file;
     TestHandler* const owner = new TestHandler(StillPool::INDEX);
     EXPECT_EQ(0, owner->RegisterSock(file, SOCK_READ, 0));
@@ -196,7 +196,7 @@ TEST_F(SelectWinOrphanTest, FileOfAHandlerThatHasGoneRestsToo) {
     handler->RemoveSock(file);
 }
 
-TEST_F(SelectWinOrphanTest, HandlerThatTakesTheSocketBetweenCallAndSecondHalfHearsOfIt) {
+TEST_F(SelectWinOrphan, HandlerThatTakesTheSocketBetweenCallAndSecondHalfHearsOfIt) {
     abandon();
     pair.write();
     const std::vector<CEvent*> ready = rig.poll();

@@ -21,7 +21,7 @@ constexpr EpollCall failed(int op, uint32_t events, int error) {
     return {op, events, error};
 }
 
-class SelectWinKernelTest : public ::testing::Test {
+class SelectWinKernel : public ::testing::Test {
 protected:
     void SetUp() override {
         handler->on_input = [](int fd) {
@@ -55,7 +55,7 @@ protected:
     EpollRecorder kernel{pair.fd()};
 };
 
-TEST_F(SelectWinKernelTest, NewRegistrationIsOneAddThatNamesNumberAndSequence) {
+TEST_F(SelectWinKernel, NewRegistrationIsOneAddThatNamesNumberAndSequence) {
     add(SOCK_READ | SOCK_EXCEPT);
     EXPECT_EQ((Calls{added(IN | PRI)}), kernel.take());
     const std::optional<EpollItem> item = epollItem(rig.epoll(), pair.fd());
@@ -70,7 +70,7 @@ TEST_F(SelectWinKernelTest, NewRegistrationIsOneAddThatNamesNumberAndSequence) {
     EXPECT_EQ((item->data >> 32) + 1, epollItem(rig.epoll(), pair.fd())->data >> 32) << "a life of its own";
 }
 
-TEST_F(SelectWinKernelTest, NewRegistrationOfWhatTheKernelStillHoldsIsAModification) {
+TEST_F(SelectWinKernel, NewRegistrationOfWhatTheKernelStillHoldsIsAModification) {
     epoll_event left_over{};
     ASSERT_EQ(0, ::epoll_ctl(rig.epoll(), EPOLL_CTL_ADD, pair.fd(), &left_over));
     kernel.take();
@@ -80,7 +80,7 @@ TEST_F(SelectWinKernelTest, NewRegistrationOfWhatTheKernelStillHoldsIsAModificat
     EXPECT_EQ(1u, rig.pollAndServe());
 }
 
-TEST_F(SelectWinKernelTest, KnownIdleSocketIsModifiedEvenIfNothingChanged) {
+TEST_F(SelectWinKernel, KnownIdleSocketIsModifiedEvenIfNothingChanged) {
     add(SOCK_READ);
     kernel.take();
     add(SOCK_READ);
@@ -89,7 +89,7 @@ TEST_F(SelectWinKernelTest, KnownIdleSocketIsModifiedEvenIfNothingChanged) {
     EXPECT_EQ((Calls{modified(IN | OUT)}), kernel.take());
 }
 
-TEST_F(SelectWinKernelTest, KnownSocketInFlightIsLeftAloneUntilItsSecondHalf) {
+TEST_F(SelectWinKernel, KnownSocketInFlightIsLeftAloneUntilItsSecondHalf) {
     add(SOCK_READ);
     pair.write();
     CEvent* const ev = takeReady();
@@ -107,7 +107,7 @@ TEST_F(SelectWinKernelTest, KnownSocketInFlightIsLeftAloneUntilItsSecondHalf) {
     EXPECT_EQ((Calls{modified(IN | OUT)}), kernel.take());
 }
 
-TEST_F(SelectWinKernelTest, UnregisterOfAnIdleSocketModifiesToTheRestAndParksWithoutOne) {
+TEST_F(SelectWinKernel, UnregisterOfAnIdleSocketModifiesToTheRestAndParksWithoutOne) {
     add(SOCK_READ | SOCK_WRITE);
     kernel.take();
     handler->UnregisterSock(pair.near, SOCK_WRITE);
@@ -118,7 +118,7 @@ TEST_F(SelectWinKernelTest, UnregisterOfAnIdleSocketModifiesToTheRestAndParksWit
     EXPECT_EQ(0, epollReports(rig.epoll())) << "silent, whatever is waiting";
 }
 
-TEST_F(SelectWinKernelTest, UnregisterInFlightTellsTheKernelInTheSecondHalf) {
+TEST_F(SelectWinKernel, UnregisterInFlightTellsTheKernelInTheSecondHalf) {
     add(SOCK_READ | SOCK_WRITE);
     CEvent* const ev = takeReady();
     kernel.take();
@@ -128,7 +128,7 @@ TEST_F(SelectWinKernelTest, UnregisterInFlightTellsTheKernelInTheSecondHalf) {
     EXPECT_EQ((Calls{modified(IN)}), kernel.take());
 }
 
-TEST_F(SelectWinKernelTest, HandlerThatReadsBeforeTheNextPollCostsNoCallAtAll) {
+TEST_F(SelectWinKernel, HandlerThatReadsBeforeTheNextPollCostsNoCallAtAll) {
     add(SOCK_READ);
     kernel.take();
     for (int i = 0; i < 100; ++i) {
@@ -139,7 +139,7 @@ TEST_F(SelectWinKernelTest, HandlerThatReadsBeforeTheNextPollCostsNoCallAtAll) {
     EXPECT_EQ(Calls{}, kernel.take());
 }
 
-TEST_F(SelectWinKernelTest, SocketMetAgainInFlightIsParkedOnceAndArmedBySecondHalf) {
+TEST_F(SelectWinKernel, SocketMetAgainInFlightIsParkedOnceAndArmedBySecondHalf) {
     add(SOCK_READ);
     pair.write();
     CEvent* const ev = takeReady();
@@ -156,7 +156,7 @@ TEST_F(SelectWinKernelTest, SocketMetAgainInFlightIsParkedOnceAndArmedBySecondHa
     rig.serve(ev);
 }
 
-TEST_F(SelectWinKernelTest, TimeoutTellsTheKernelNothingAndAReportMeanwhileComesBack) {
+TEST_F(SelectWinKernel, TimeoutTellsTheKernelNothingAndAReportMeanwhileComesBack) {
     add(SOCK_READ, 1000);
     kernel.take();
     const std::vector<CEvent*> due = rig.tick(2);
@@ -174,7 +174,7 @@ TEST_F(SelectWinKernelTest, TimeoutTellsTheKernelNothingAndAReportMeanwhileComes
     EXPECT_EQ(1, handler->life->inputs);
 }
 
-TEST_F(SelectWinKernelTest, RemoveDeletesAtOnceIdleOrInFlight) {
+TEST_F(SelectWinKernel, RemoveDeletesAtOnceIdleOrInFlight) {
     add(SOCK_READ);
     handler->RemoveSock(pair.near);
     EXPECT_EQ((Calls{added(IN), deleted()}), kernel.take());
@@ -191,7 +191,7 @@ TEST_F(SelectWinKernelTest, RemoveDeletesAtOnceIdleOrInFlight) {
     EXPECT_EQ(0, handler->life->inputs);
 }
 
-TEST_F(SelectWinKernelTest, HangUpThatNobodyAskedForIsReportedOnceAndThenKeptFrom) {
+TEST_F(SelectWinKernel, HangUpThatNobodyAskedForIsReportedOnceAndThenKeptFrom) {
     add(SOCK_EXCEPT);
     kernel.take();
     pair.far.Close();
@@ -207,7 +207,7 @@ TEST_F(SelectWinKernelTest, HangUpThatNobodyAskedForIsReportedOnceAndThenKeptFro
     EXPECT_EQ(1, handler->life->inputs);
 }
 
-TEST_F(SelectWinKernelTest, HangUpOfASocketWithNothingToWatchIsDropped) {
+TEST_F(SelectWinKernel, HangUpOfASocketWithNothingToWatchIsDropped) {
     add(SOCK_READ);
     handler->UnregisterSock(pair.near, SOCK_READ);
     kernel.take();
@@ -217,7 +217,7 @@ TEST_F(SelectWinKernelTest, HangUpOfASocketWithNothingToWatchIsDropped) {
     EXPECT_EQ(Calls{}, kernel.take());
 }
 
-TEST_F(SelectWinKernelTest, WriteOnlyEndWithHangUpAloneIsSilentUntilItsNextDelivery) {
+TEST_F(SelectWinKernel, WriteOnlyEndWithHangUpAloneIsSilentUntilItsNextDelivery) {
     int ends[2];
     ASSERT_EQ(0, ::pipe2(ends, O_NONBLOCK | O_CLOEXEC));
     BorrowedSock reading(ends[0]);
@@ -240,7 +240,7 @@ TEST_F(SelectWinKernelTest, WriteOnlyEndWithHangUpAloneIsSilentUntilItsNextDeliv
     ::close(ends[0]);
 }
 
-TEST_F(SelectWinKernelTest, SameSocketInTwoPoolsIsTwoRecordsAndRemovedFromEachByItself) {
+TEST_F(SelectWinKernel, SameSocketInTwoPoolsIsTwoRecordsAndRemovedFromEachByItself) {
     StillPool second(StillPool::INDEX + 1);
     TestHandler* const other = new TestHandler(StillPool::INDEX + 1);
     add(SOCK_READ);
@@ -259,7 +259,7 @@ TEST_F(SelectWinKernelTest, SameSocketInTwoPoolsIsTwoRecordsAndRemovedFromEachBy
     second.close(other);
 }
 
-TEST_F(SelectWinKernelTest, RefusedDirectionIsNotArmed) {
+TEST_F(SelectWinKernel, RefusedDirectionIsNotArmed) {
     allowDescriptors(5000);
     std::vector<int> copies;
     for (int i = 0; i < 4095; ++i) {
@@ -278,7 +278,7 @@ TEST_F(SelectWinKernelTest, RefusedDirectionIsNotArmed) {
     }
 }
 
-TEST_F(SelectWinKernelTest, SocketThatTheSystemHasNoRoomForIsALineAndIsToldAgain) {
+TEST_F(SelectWinKernel, SocketThatTheSystemHasNoRoomForIsALineAndIsToldAgain) {
     for (const int error : {ENOMEM, ENOSPC}) {
         LogCapture log;
         {
@@ -299,7 +299,7 @@ TEST_F(SelectWinKernelTest, SocketThatTheSystemHasNoRoomForIsALineAndIsToldAgain
     EXPECT_EQ(2, handler->life->inputs);
 }
 
-TEST_F(SelectWinKernelTest, SocketThatIsRefusedAgainAndAgainIsOneLine) {
+TEST_F(SelectWinKernel, SocketThatIsRefusedAgainAndAgainIsOneLine) {
     LogCapture log;
     EpollFault first(ENOMEM);
     add(SOCK_READ);

@@ -19,7 +19,7 @@ constexpr EpollCall failed(int op, uint32_t events, int error) {
     return {op, events, error};
 }
 
-class SelectWinReuseTest : public ::testing::Test {
+class SelectWinReuse : public ::testing::Test {
 protected:
     void SetUp() override {
         handler->on_input = [](int fd) {
@@ -61,7 +61,7 @@ protected:
     TestHandler* handler = new TestHandler(StillPool::INDEX);
 };
 
-TEST_F(SelectWinReuseTest, NumberClosedAndReusedWhileIdleIsAddedAnewByTheNextRegistration) {
+TEST_F(SelectWinReuse, NumberClosedAndReusedWhileIdleIsAddedAnewByTheNextRegistration) {
     SocketPair old, fresh;
     EpollRecorder kernel(old.fd());
     add(old.near);
@@ -76,7 +76,7 @@ TEST_F(SelectWinReuseTest, NumberClosedAndReusedWhileIdleIsAddedAnewByTheNextReg
     handler->RemoveSock(old.near);
 }
 
-TEST_F(SelectWinReuseTest, NumberClosedAndReusedInsideItsHandlerRestsUntilItIsRegisteredAgain) {
+TEST_F(SelectWinReuse, NumberClosedAndReusedInsideItsHandlerRestsUntilItIsRegisteredAgain) {
     SocketPair old, fresh;
     const int number = old.fd();
     add(old.near);
@@ -108,7 +108,7 @@ TEST_F(SelectWinReuseTest, NumberClosedAndReusedInsideItsHandlerRestsUntilItIsRe
     handler->RemoveSock(old.near);
 }
 
-TEST_F(SelectWinReuseTest, ClosedNumberKeepsItsPlaceIsSilentAndLeavesWithRemoveSock) {
+TEST_F(SelectWinReuse, ClosedNumberKeepsItsPlaceIsSilentAndLeavesWithRemoveSock) {
     SocketPair pair;
     BorrowedSock sock(pair.fd());
     add(sock);
@@ -128,7 +128,7 @@ TEST_F(SelectWinReuseTest, ClosedNumberKeepsItsPlaceIsSilentAndLeavesWithRemoveS
     EXPECT_TRUE(log.lines().empty()) << log.dump();
 }
 
-TEST_F(SelectWinReuseTest, NumberClosedInFlightAndNotReusedStaysOutInSilence) {
+TEST_F(SelectWinReuse, NumberClosedInFlightAndNotReusedStaysOutInSilence) {
     SocketPair pair;
     BorrowedSock sock(pair.fd());
     add(sock);
@@ -146,7 +146,7 @@ TEST_F(SelectWinReuseTest, NumberClosedInFlightAndNotReusedStaysOutInSilence) {
     handler->RemoveSock(sock);
 }
 
-TEST_F(SelectWinReuseTest, ReportOfAnEarlierLifeDoesNotReachALaterOne) {
+TEST_F(SelectWinReuse, ReportOfAnEarlierLifeDoesNotReachALaterOne) {
     SocketPair old, fresh, bystander;
     const int number = old.fd();
     BorrowedSock sock(number);
@@ -174,7 +174,7 @@ TEST_F(SelectWinReuseTest, ReportOfAnEarlierLifeDoesNotReachALaterOne) {
     ::close(number);
 }
 
-TEST_F(SelectWinReuseTest, OrphanedCopyHasTheInstanceRebuiltOnceWithALineAndOthersAreStillServed) {
+TEST_F(SelectWinReuse, OrphanedCopyHasTheInstanceRebuiltOnceWithALineAndOthersAreStillServed) {
     SocketPair gone, idle, slow;
     add(gone.near);
     add(idle.near);
@@ -207,7 +207,7 @@ TEST_F(SelectWinReuseTest, OrphanedCopyHasTheInstanceRebuiltOnceWithALineAndOthe
     ::close(copy);
 }
 
-TEST_F(SelectWinReuseTest, RebuildThatCannotWatchTheWakeEndKeepsTheOldInstanceAndTriesAgain) {
+TEST_F(SelectWinReuse, RebuildThatCannotWatchTheWakeEndKeepsTheOldInstanceAndTriesAgain) {
     SocketPair gone;
     add(gone.near);
     const int before = rig.epoll();
@@ -226,7 +226,7 @@ TEST_F(SelectWinReuseTest, RebuildThatCannotWatchTheWakeEndKeepsTheOldInstanceAn
     ::close(copy);
 }
 
-TEST_F(SelectWinReuseTest, ManyOrphansTogetherDoNotKeepThePollerBusy) {
+TEST_F(SelectWinReuse, ManyOrphansTogetherDoNotKeepThePollerBusy) {
     std::vector<std::unique_ptr<SocketPair>> pairs;
     std::vector<int> copies;
     for (int i = 0; i < 5; ++i) {
@@ -245,7 +245,7 @@ TEST_F(SelectWinReuseTest, ManyOrphansTogetherDoNotKeepThePollerBusy) {
     }
 }
 
-TEST_F(SelectWinReuseTest, LastReportsOfRemovedSocketsRebuildNothing) {
+TEST_F(SelectWinReuse, LastReportsOfRemovedSocketsRebuildNothing) {
     // As if they had been on their way when their sockets were removed: each comes once.
     SocketPair pairs[3];
     for (SocketPair& pair : pairs) {
@@ -267,7 +267,7 @@ TEST_F(SelectWinReuseTest, LastReportsOfRemovedSocketsRebuildNothing) {
 
 // ---- a registration is of a file, not of a number --------------------------------------------------------
 
-class SelectWinIdentityTest : public SelectWinReuseTest {
+class SelectWinIdentity : public SelectWinReuse {
 protected:
     std::string reusedLine(int number) {
         return "pool " + std::to_string(StillPool::INDEX) + ": socket " + std::to_string(number) +
@@ -275,7 +275,7 @@ protected:
                "counts\n";
     }
     void TearDown() override {
-        SelectWinReuseTest::TearDown();
+        SelectWinReuse::TearDown();
         rig.close(second);
     }
 
@@ -289,7 +289,7 @@ protected:
     TestHandler* second = new TestHandler(StillPool::INDEX);
 };
 
-TEST_F(SelectWinIdentityTest, NewSocketWithAClosedNumberInheritsNeitherMaskNorTimeoutNorOwner) {
+TEST_F(SelectWinIdentity, NewSocketWithAClosedNumberInheritsNeitherMaskNorTimeoutNorOwner) {
     SocketPair old, fresh;
     const int number = old.fd();
     ASSERT_EQ(0, handler->RegisterSock(old.near, SOCK_READ | SOCK_WRITE, 1000000));
@@ -319,7 +319,7 @@ TEST_F(SelectWinIdentityTest, NewSocketWithAClosedNumberInheritsNeitherMaskNorTi
     ::close(number);
 }
 
-TEST_F(SelectWinIdentityTest, NumberThatWasFoundDeadInheritsNothingEither) {
+TEST_F(SelectWinIdentity, NumberThatWasFoundDeadInheritsNothingEither) {
     SocketPair old, fresh;
     const int number = old.fd();
     BorrowedSock sock(number);
@@ -338,7 +338,7 @@ TEST_F(SelectWinIdentityTest, NumberThatWasFoundDeadInheritsNothingEither) {
     ::close(number);
 }
 
-TEST_F(SelectWinIdentityTest, SocketRegisteredWhileTheClosedOneIsInFlightStartsAfresh) {
+TEST_F(SelectWinIdentity, SocketRegisteredWhileTheClosedOneIsInFlightStartsAfresh) {
     for (const bool known_to_library : {true, false}) {
         SocketPair old, fresh;
         const int number = old.fd();
@@ -367,7 +367,7 @@ TEST_F(SelectWinIdentityTest, SocketRegisteredWhileTheClosedOneIsInFlightStartsA
     }
 }
 
-TEST_F(SelectWinIdentityTest, LivingCopyOfAClosedSocketIsNotHeardByTheNextOwnerOfItsNumber) {
+TEST_F(SelectWinIdentity, LivingCopyOfAClosedSocketIsNotHeardByTheNextOwnerOfItsNumber) {
     SocketPair old, fresh;
     const int number = old.fd();
     add(old.near);
@@ -389,7 +389,7 @@ TEST_F(SelectWinIdentityTest, LivingCopyOfAClosedSocketIsNotHeardByTheNextOwnerO
     ::close(number);
 }
 
-TEST_F(SelectWinIdentityTest, DeadNumberWithALivingCopyIsHeardOnceAndCuredOnce) {
+TEST_F(SelectWinIdentity, DeadNumberWithALivingCopyIsHeardOnceAndCuredOnce) {
     SocketPair pair;
     BorrowedSock sock(pair.fd());
     add(sock);
@@ -411,7 +411,7 @@ TEST_F(SelectWinIdentityTest, DeadNumberWithALivingCopyIsHeardOnceAndCuredOnce) 
     ::close(copy);
 }
 
-TEST_F(SelectWinIdentityTest, SocketClosedInFlightWithALivingCopyIsCuredWhileItsHandlerRuns) {
+TEST_F(SelectWinIdentity, SocketClosedInFlightWithALivingCopyIsCuredWhileItsHandlerRuns) {
     SocketPair pair;
     BorrowedSock sock(pair.fd());
     add(sock);
@@ -427,7 +427,7 @@ TEST_F(SelectWinIdentityTest, SocketClosedInFlightWithALivingCopyIsCuredWhileIts
     ::close(copy);
 }
 
-TEST_F(SelectWinIdentityTest, RebuildDoesNotWatchASocketThatNobodyRegistered) {
+TEST_F(SelectWinIdentity, RebuildDoesNotWatchASocketThatNobodyRegistered) {
     SocketPair old, stranger, gone;
     const int number = old.fd();
     BorrowedSock sock(number);
@@ -446,7 +446,7 @@ TEST_F(SelectWinIdentityTest, RebuildDoesNotWatchASocketThatNobodyRegistered) {
     ::close(number);
 }
 
-TEST_F(SelectWinIdentityTest, SocketsAndFilesThatTakeEachOthersNumbersStartAfresh) {
+TEST_F(SelectWinIdentity, SocketsAndFilesThatTakeEachOthersNumbersStartAfresh) {
     SocketPair pair;
     char name[] = "/tmp/reticor_reuse_XXXXXX";
     const int file = ::mkostemp(name, O_CLOEXEC);

@@ -43,7 +43,7 @@ private:
     std::vector<int> m_fds;
 };
 
-class SelectWinTest : public ::testing::Test {
+class SelectWin : public ::testing::Test {
 protected:
     void TearDown() override { rig.close(handler); }
 
@@ -88,7 +88,7 @@ private:
     std::vector<CEvent*> m_in_flight;
 };
 
-TEST_F(SelectWinTest, ReadSetTakes4095SocketsAndIgnoresTheNextWithNoError) {
+TEST_F(SelectWin, ReadSetTakes4095SocketsAndIgnoresTheNextWithNoError) {
     SocketPair pair;
     pair.write();
     LogCapture log;
@@ -108,7 +108,7 @@ TEST_F(SelectWinTest, ReadSetTakes4095SocketsAndIgnoresTheNextWithNoError) {
     EXPECT_EQ(0, rig.mux().SocksWithoutPlace());
 }
 
-TEST_F(SelectWinTest, WriteSetTakes4096SocketsAndIgnoresTheNext) {
+TEST_F(SelectWin, WriteSetTakes4096SocketsAndIgnoresTheNext) {
     SocketPair pair;
     const Copies copies(pair.fd(), 4097);
     registerCopies(copies, 0, 4097, SOCK_WRITE);
@@ -120,7 +120,7 @@ TEST_F(SelectWinTest, WriteSetTakes4096SocketsAndIgnoresTheNext) {
     EXPECT_EQ(0, rig.places(1));
 }
 
-TEST_F(SelectWinTest, ExceptionSetTakes4096SocketsAndIgnoresTheNext) {
+TEST_F(SelectWin, ExceptionSetTakes4096SocketsAndIgnoresTheNext) {
     SocketPair pair;
     const Copies copies(pair.fd(), 4097);
     registerCopies(copies, 0, 4097, SOCK_EXCEPT);
@@ -131,7 +131,7 @@ TEST_F(SelectWinTest, ExceptionSetTakes4096SocketsAndIgnoresTheNext) {
     EXPECT_EQ(0, rig.places(2));
 }
 
-TEST_F(SelectWinTest, FreeSlotDoesNotBringARefusedSocketBackUnlessItIsAddedAgain) {
+TEST_F(SelectWin, FreeSlotDoesNotBringARefusedSocketBackUnlessItIsAddedAgain) {
     SocketPair pair;
     const Copies copies(pair.fd(), 4096);
     registerCopies(copies, 0, 4096, SOCK_READ);
@@ -150,7 +150,7 @@ TEST_F(SelectWinTest, FreeSlotDoesNotBringARefusedSocketBackUnlessItIsAddedAgain
     removeCopies(copies, 4096);
 }
 
-TEST_F(SelectWinTest, SocketInFlightGivesUpItsPlaceAndIsDroppedInSilenceIfItFindsNoneAfterwards) {
+TEST_F(SelectWin, SocketInFlightGivesUpItsPlaceAndIsDroppedInSilenceIfItFindsNoneAfterwards) {
     SocketPair pair;
     SocketPair other;
     const Copies copies(pair.fd(), 4095);
@@ -180,7 +180,7 @@ TEST_F(SelectWinTest, SocketInFlightGivesUpItsPlaceAndIsDroppedInSilenceIfItFind
     EXPECT_EQ(1, rig.places(0));
 }
 
-TEST_F(SelectWinTest, AddingTheSameSocketTwiceLeavesOneEntry) {
+TEST_F(SelectWin, AddingTheSameSocketTwiceLeavesOneEntry) {
     SocketPair pair;
     ASSERT_EQ(0, handler->RegisterSock(pair.near, SOCK_READ, 0));
     CEvent* const ev = rig.record(pair.fd());
@@ -196,7 +196,7 @@ TEST_F(SelectWinTest, AddingTheSameSocketTwiceLeavesOneEntry) {
     EXPECT_EQ(1, rig.places(0));
 }
 
-TEST_F(SelectWinTest, RemovingASocketThatIsInNoSetChangesNothing) {
+TEST_F(SelectWin, RemovingASocketThatIsInNoSetChangesNothing) {
     SocketPair pair;
     ASSERT_EQ(0, handler->RegisterSock(pair.near, SOCK_READ, 0));
     CEvent* const ev = rig.record(pair.fd());
@@ -213,7 +213,7 @@ TEST_F(SelectWinTest, RemovingASocketThatIsInNoSetChangesNothing) {
     handler->RemoveSock(pair.near);
 }
 
-TEST_F(SelectWinTest, ReadableAndWritableInOnePassGivesRevents5AndIsQueuedOnce) {
+TEST_F(SelectWin, ReadableAndWritableInOnePassGivesRevents5AndIsQueuedOnce) {
     SocketPair pair;
     pair.write();
     std::vector<char> order;
@@ -235,7 +235,7 @@ TEST_F(SelectWinTest, ReadableAndWritableInOnePassGivesRevents5AndIsQueuedOnce) 
     handler->RemoveSock(pair.near);
 }
 
-TEST_F(SelectWinTest, ExceptionHidesReadabilityOfTheSamePassAndGivesRevents8Alone) {
+TEST_F(SelectWin, ExceptionHidesReadabilityOfTheSamePassAndGivesRevents8Alone) {
     const std::unique_ptr<SocketPair> pair = SocketPair::overTcp();
     pair->write("ordinary");
     ASSERT_EQ(1, ::send(pair->far.GetHandle(), "!", 1, MSG_OOB));
@@ -254,7 +254,7 @@ TEST_F(SelectWinTest, ExceptionHidesReadabilityOfTheSamePassAndGivesRevents8Alon
     handler->RemoveSock(pair->near);
 }
 
-TEST_F(SelectWinTest, EventInFlightThatIsStillReportedIsSkippedAndNotQueuedTwice) {
+TEST_F(SelectWin, EventInFlightThatIsStillReportedIsSkippedAndNotQueuedTwice) {
     SocketPair pair;
     pair.write();
     ASSERT_EQ(0, handler->RegisterSock(pair.near, SOCK_READ, 0));
@@ -269,7 +269,7 @@ TEST_F(SelectWinTest, EventInFlightThatIsStillReportedIsSkippedAndNotQueuedTwice
     handler->RemoveSock(pair.near);
 }
 
-TEST_F(SelectWinTest, TokenStandsBehindTheRecordsOfItsPass) {
+TEST_F(SelectWin, TokenStandsBehindTheRecordsOfItsPass) {
     SocketPair first, second;
     first.write();
     second.write();
@@ -314,7 +314,7 @@ private:
     std::thread m_thread;
 };
 
-TEST_F(SelectWinTest, TenAddsDuringAWaitWriteOneByteAtMostAndTheWaitHearsThemAll) {
+TEST_F(SelectWin, TenAddsDuringAWaitWriteOneByteAtMostAndTheWaitHearsThemAll) {
     std::vector<std::unique_ptr<SocketPair>> pairs;
     Waiter waiter(rig);
     for (int i = 0; i < 10; ++i) {
@@ -340,7 +340,7 @@ TEST_F(SelectWinTest, TenAddsDuringAWaitWriteOneByteAtMostAndTheWaitHearsThemAll
     }
 }
 
-TEST_F(SelectWinTest, TenWakeUpsWriteOneByteAndEndOneWait) {
+TEST_F(SelectWin, TenWakeUpsWriteOneByteAndEndOneWait) {
     int bytes = -1;
     for (int i = 0; i < 10; ++i) {
         rig.mux().WakeUp();
@@ -359,7 +359,7 @@ TEST_F(SelectWinTest, TenWakeUpsWriteOneByteAndEndOneWait) {
     EXPECT_TRUE(rig.takeQueue().empty());
 }
 
-TEST_F(SelectWinTest, InterruptedWaitLogsNothingAndQueuesNothingButTheToken) {
+TEST_F(SelectWin, InterruptedWaitLogsNothingAndQueuesNothingButTheToken) {
     SocketPair pair;
     ASSERT_EQ(0, handler->RegisterSock(pair.near, SOCK_READ, 0));
     struct sigaction action {};
@@ -376,7 +376,7 @@ TEST_F(SelectWinTest, InterruptedWaitLogsNothingAndQueuesNothingButTheToken) {
     handler->RemoveSock(pair.near);
 }
 
-TEST_F(SelectWinTest, FailingWaitIsLoggedOncePerPassAndTheTokenGoesBack) {
+TEST_F(SelectWin, FailingWaitIsLoggedOncePerPassAndTheTokenGoesBack) {
     // Something that is no epoll instance takes the number's place.
     const int null_device = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
     ASSERT_EQ(rig.epoll(), ::dup3(null_device, rig.epoll(), O_CLOEXEC));

@@ -96,13 +96,13 @@ std::set<int> openDescriptors() {
     return found;
 }
 
-TEST(WakePipeTest, EndsAreAbsentAtFirst) {
+TEST(WakePipe, EndsAreAbsentAtFirst) {
     const CWINPipe pipe;
     EXPECT_EQ(-1, pipe.m_read_fd);
     EXPECT_EQ(-1, pipe.m_write_fd);
 }
 
-TEST(WakePipeTest, BytesGoFromTheConnectingToTheAcceptedEnd) {
+TEST(WakePipe, BytesGoFromTheConnectingToTheAcceptedEnd) {
     Pipe pipe;
     ASSERT_TRUE(pipe.CreatePipe(false));
     EXPECT_EQ(3, CWINPipe::Write(pipe.m_write_fd, "MMM", 3));
@@ -117,7 +117,7 @@ TEST(WakePipeTest, BytesGoFromTheConnectingToTheAcceptedEnd) {
     EXPECT_EQ('M', buffer[0]);
 }
 
-TEST(WakePipeTest, EndsAreEachOthersOnLoopbackAndCloseOnExec) {
+TEST(WakePipe, EndsAreEachOthersOnLoopbackAndCloseOnExec) {
     Pipe pipe;
     ASSERT_TRUE(pipe.CreatePipe(false));
     const sockaddr_in reader = addressOf(pipe.m_read_fd, &::getpeername);
@@ -128,7 +128,7 @@ TEST(WakePipeTest, EndsAreEachOthersOnLoopbackAndCloseOnExec) {
     EXPECT_TRUE(::fcntl(pipe.m_write_fd, F_GETFD) & FD_CLOEXEC);
 }
 
-TEST(WakePipeTest, BothEndsBlockAsAsked) {
+TEST(WakePipe, BothEndsBlockAsAsked) {
     for (const bool block : {false, true}) {
         Pipe pipe;
         ASSERT_TRUE(pipe.CreatePipe(block));
@@ -138,7 +138,7 @@ TEST(WakePipeTest, BothEndsBlockAsAsked) {
     }
 }
 
-TEST(WakePipeTest, NothingButThePairStaysOpen) {
+TEST(WakePipe, NothingButThePairStaysOpen) {
     const std::set<int> before = openDescriptors();
     {
         Pipe pipe;
@@ -148,7 +148,7 @@ TEST(WakePipeTest, NothingButThePairStaysOpen) {
     EXPECT_EQ(before, openDescriptors());
 }
 
-TEST(WakePipeTest, FailsAtEveryShortageOfDescriptorsAndClosesWhatItOpened) {
+TEST(WakePipe, FailsAtEveryShortageOfDescriptorsAndClosesWhatItOpened) {
     const std::set<int> before = openDescriptors();
     for (std::size_t spare = 0; spare <= 3; ++spare) {
         LogCapture quiet(1);
@@ -164,7 +164,7 @@ TEST(WakePipeTest, FailsAtEveryShortageOfDescriptorsAndClosesWhatItOpened) {
     EXPECT_EQ(before, openDescriptors());
 }
 
-TEST(WakePipeTest, EmptyPipeReadsAs0InSilence) {
+TEST(WakePipe, EmptyPipeReadsAs0InSilence) {
     Pipe pipe;
     ASSERT_TRUE(pipe.CreatePipe(false));
     LogCapture log;
@@ -173,7 +173,7 @@ TEST(WakePipeTest, EmptyPipeReadsAs0InSilence) {
     EXPECT_TRUE(log.lines().empty()) << log.dump();
 }
 
-TEST(WakePipeTest, FullPipeWrites0InSilence) {
+TEST(WakePipe, FullPipeWrites0InSilence) {
     Pipe pipe;
     ASSERT_TRUE(pipe.CreatePipe(false));
     LogCapture log;
@@ -182,7 +182,7 @@ TEST(WakePipeTest, FullPipeWrites0InSilence) {
     EXPECT_TRUE(log.lines().empty()) << log.dump();
 }
 
-TEST(WakePipeTest, ClosedWriterReadsAsMinus1WithALine) {
+TEST(WakePipe, ClosedWriterReadsAsMinus1WithALine) {
     Pipe pipe;
     ASSERT_TRUE(pipe.CreatePipe(false));
     LogCapture log;
@@ -196,7 +196,7 @@ TEST(WakePipeTest, ClosedWriterReadsAsMinus1WithALine) {
     EXPECT_EQ(std::string::npos, log.lines()[0].start.find("this:"));
 }
 
-TEST(WakePipeTest, ResetReadsAsMinus1InSilence) {
+TEST(WakePipe, ResetReadsAsMinus1InSilence) {
     Pipe pipe;
     ASSERT_TRUE(pipe.CreatePipe(false));
     const linger reset = {1, 0};
@@ -209,14 +209,14 @@ TEST(WakePipeTest, ResetReadsAsMinus1InSilence) {
     EXPECT_TRUE(log.lines().empty()) << log.dump();
 }
 
-TEST(WakePipeTest, OtherReadErrorsAreMinus1WithTheSystemsText) {
+TEST(WakePipe, OtherReadErrorsAreMinus1WithTheSystemsText) {
     LogCapture log;
     char byte;
     EXPECT_EQ(-1, CWINPipe::Read(-1, &byte, 1));
     EXPECT_EQ(1u, log.count(2, "recv failed, Bad file descriptor\n")) << log.dump();
 }
 
-TEST(WakePipeTest, WriteErrorsAreMinus1WithTheSystemsTextAndNoSignal) {
+TEST(WakePipe, WriteErrorsAreMinus1WithTheSystemsTextAndNoSignal) {
     LogCapture log;
     EXPECT_EQ(-1, CWINPipe::Write(-1, "M", 1));
     EXPECT_EQ(1u, log.count(2, "send failed! Bad file descriptor\n")) << log.dump();
@@ -226,12 +226,12 @@ TEST(WakePipeTest, WriteErrorsAreMinus1WithTheSystemsTextAndNoSignal) {
     EXPECT_EQ(1u, log.count(2, "send failed! Broken pipe\n")) << log.dump();
 }
 
-TEST(WakePipeTest, CloseOfADeadNumberIsFalse) {
+TEST(WakePipe, CloseOfADeadNumberIsFalse) {
     EXPECT_FALSE(CWINPipe::Close(-1));
     EXPECT_FALSE(CWINPipe::Close(9999));
 }
 
-TEST(WakePipeTest, StrangersInThePassingQueueAreTurnedAwayAndTheOwnEndTaken) {
+TEST(WakePipe, StrangersInThePassingQueueAreTurnedAwayAndTheOwnEndTaken) {
     const std::set<int> before = openDescriptors();
     {
         Strangers strangers(5);
@@ -246,7 +246,7 @@ TEST(WakePipeTest, StrangersInThePassingQueueAreTurnedAwayAndTheOwnEndTaken) {
     EXPECT_EQ(before, openDescriptors());
 }
 
-TEST(WakePipeTest, ConnectionThatNeverArrivesIsAFailureAfterABoundedWait) {
+TEST(WakePipe, ConnectionThatNeverArrivesIsAFailureAfterABoundedWait) {
     const std::set<int> before = openDescriptors();
     LogCapture quiet(1);
     t_swallowed = true;
@@ -256,7 +256,7 @@ TEST(WakePipeTest, ConnectionThatNeverArrivesIsAFailureAfterABoundedWait) {
     EXPECT_EQ(before, openDescriptors());
 }
 
-TEST(WakePipeTest, StrangersWithoutEndAreAFailure) {
+TEST(WakePipe, StrangersWithoutEndAreAFailure) {
     const std::set<int> before = openDescriptors();
     {
         Strangers strangers(64);

@@ -26,9 +26,9 @@ TEST(DebugSocket, FlagsHaveTheirFirstValues) {
     EXPECT_FALSE(Flags::socket_write);
     EXPECT_FALSE(Flags::socket_exception);
     EXPECT_FALSE(Flags::socket_fd);
-    EXPECT_EQ(Flags::socket_fd_num, -1);
+    EXPECT_EQ(-1, Flags::socket_fd_num);
     EXPECT_FALSE(Flags::socket_nethandler);
-    EXPECT_EQ(Flags::socket_nethandler_num, 0);
+    EXPECT_EQ(0, Flags::socket_nethandler_num);
     EXPECT_TRUE(Flags::socket_off);
     EXPECT_FALSE(Flags::socket_dendity);
     EXPECT_TRUE((std::is_same_v<decltype(Flags::socket_fd_num), std::atomic<int64_t>>));

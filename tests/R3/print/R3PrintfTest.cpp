@@ -26,8 +26,8 @@ using testing::IsEmpty;
 const char* const s_nobodys_text = reinterpret_cast<const char*>(1);  // Reading it ends the process.
 
 TEST(R3Printf, ThereIsNoDaemonAtLoad) {
-    EXPECT_EQ(g_r3_daemon, nullptr);
-    EXPECT_EQ(g_r3_print, nullptr);
+    EXPECT_EQ(nullptr, g_r3_daemon);
+    EXPECT_EQ(nullptr, g_r3_print);
 }
 
 TEST(R3Printf, WithoutADaemonReturnsWithoutEvaluatingTheFormat) {
@@ -79,9 +79,9 @@ TEST(R3Printf, LeavesErrnoAlone) {
     errno = ECONNRESET;
     const wchar_t wide[] = {static_cast<wchar_t>(0x8C03), 0};
     R3Printf("%ls", wide);
-    EXPECT_EQ(errno, ECONNRESET);
+    EXPECT_EQ(ECONNRESET, errno);
     R3Printf("printed %d\n", 1);
-    EXPECT_EQ(errno, ECONNRESET);
+    EXPECT_EQ(ECONNRESET, errno);
     EXPECT_THAT(daemon.texts(), ElementsAre("printed 1\n"));
 }
 
@@ -98,9 +98,9 @@ TEST(R3Printf, PrintMadeWhilePrintingIsDropped) {
         }
     };
     R3Printf("a\n");
-    EXPECT_EQ(s_prints, 2);
+    EXPECT_EQ(2, s_prints);
     R3Printf("c\n");
-    EXPECT_EQ(s_prints, 3) << "a later print of this thread comes through";
+    EXPECT_EQ(3, s_prints) << "a later print of this thread comes through";
 }
 
 TEST(R3Printf, AnyThreadMayPrintWhileOthersDo) {
@@ -116,7 +116,7 @@ TEST(R3Printf, AnyThreadMayPrintWhileOthersDo) {
     for (std::thread& thread : threads) {
         thread.join();
     }
-    EXPECT_EQ(daemon.texts().size(), 2000U);
+    EXPECT_EQ(2000U, daemon.texts().size());
 }
 
 }  // namespace

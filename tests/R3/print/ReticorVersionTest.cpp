@@ -15,7 +15,7 @@ using Orvex::Testing::DaemonStandIn;
 TEST(ReticorVersion, PrintsNameVersionAndTimeOfTheBuild) {
     DaemonStandIn daemon;
     g_r3_funcbox->Find("reticorversion")->func(0, 0, 0, 0, 0, 0, 0, 0, 0, 0);
-    ASSERT_EQ(daemon.texts().size(), 1U);
+    ASSERT_EQ(1U, daemon.texts().size());
     EXPECT_THAT(daemon.texts()[0], testing::MatchesRegex("Orvex<Reticor> 1\\.0\\.0 \\| [^\n]+ [^\n ]+\n"));
 }
 
@@ -24,7 +24,7 @@ TEST(ReticorVersion, ArgumentsMakeNoDifference) {
     const Orvex::Reticor::TFuncEntry* entry = g_r3_funcbox->Find("reticorversion");
     entry->func(0, 0, 0, 0, 0, 0, 0, 0, 0, 0);
     entry->func(1, 2, 3, 4, 5, 6, 7, 8, 9, 10);
-    ASSERT_EQ(daemon.texts().size(), 2U);
+    ASSERT_EQ(2U, daemon.texts().size());
     EXPECT_EQ(daemon.texts()[0], daemon.texts()[1]);
 }
 

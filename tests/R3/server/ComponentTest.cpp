@@ -87,7 +87,7 @@ TEST(ComPtr, AsksForAnotherInterface) {
     EXPECT_EQ(1, s_alive);
 }
 
-TEST(ComPtrDeathTest, EmptyOneCannotBeFollowed) {
+TEST(ComPtrDeath, EmptyOneCannotBeFollowed) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     const TComPtr<ISpeaker> pointer;
     EXPECT_DEATH(pointer->speak(), "component/ComPtr.h.*Assertion `m_component != nullptr' failed");

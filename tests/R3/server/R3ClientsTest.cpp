@@ -94,7 +94,7 @@ int sayHello(int number, int, int, int, int, int, int, int, int, int) {
     return 0;
 }
 
-class R3ClientsTest : public DebugServerFixture {
+class R3Clients : public DebugServerFixture {
 protected:
     void SetUp() override {
         DebugServerFixture::SetUp();
@@ -108,12 +108,12 @@ protected:
     }
 };
 
-TEST_F(R3ClientsTest, TelnetShowsBannerAndPrompt) {
+TEST_F(R3Clients, TelnetShowsBannerAndPrompt) {
     Telnet telnet(port);
     expectGreeting(telnet);
 }
 
-TEST_F(R3ClientsTest, TelnetSendsKeysAndTheServerEchoesThem) {
+TEST_F(R3Clients, TelnetSendsKeysAndTheServerEchoesThem) {
     Telnet telnet(port);
     expectGreeting(telnet);
     telnet.type("hellx");
@@ -126,7 +126,7 @@ TEST_F(R3ClientsTest, TelnetSendsKeysAndTheServerEchoesThem) {
     EXPECT_EQ("threadpools 1\r\n:: command not found\r\nR3>", telnet.shownTo("R3>"));
 }
 
-TEST_F(R3ClientsTest, TelnetSaysByeAndEnds) {
+TEST_F(R3Clients, TelnetSaysByeAndEnds) {
     Telnet telnet(port);
     expectGreeting(telnet);
     telnet.type("bye\r");
@@ -134,7 +134,7 @@ TEST_F(R3ClientsTest, TelnetSaysByeAndEnds) {
     EXPECT_EQ(0, telnet.wait());
 }
 
-TEST_F(R3ClientsTest, SecondTelnetDisplacesTheFirst) {
+TEST_F(R3Clients, SecondTelnetDisplacesTheFirst) {
     Telnet first(port);
     expectGreeting(first);
     Telnet second(port);
@@ -144,19 +144,19 @@ TEST_F(R3ClientsTest, SecondTelnetDisplacesTheFirst) {
     EXPECT_EQ("hello 2\r\nhello 2\r\nR3>", second.shownTo("R3>"));
 }
 
-TEST_F(R3ClientsTest, NcatGetsEveryByteAsItIs) {
+TEST_F(R3Clients, NcatGetsEveryByteAsItIs) {
     ChildProcess ncat({"ncat", "127.0.0.1", std::to_string(port)});
     EXPECT_EQ(GREETING + "hello 1 2\r\nhello 1\r\nR3>x\x08 \x08y\r\n:: command not found\r\nR3>bye\r\n",
               ncat.exchange("hello 1 2\rx\x7fy\rbye\r"));
-    EXPECT_EQ(ncat.wait(), 0);
+    EXPECT_EQ(0, ncat.wait());
 }
 
-TEST_F(R3ClientsTest, NcatWithTelnetAnswersIsUnderstood) {
+TEST_F(R3Clients, NcatWithTelnetAnswersIsUnderstood) {
     ChildProcess ncat({"ncat", "--telnet", "127.0.0.1", std::to_string(port)});
     const std::string shown = ncat.exchange("hello 3\rbye\r");
     const std::string tail = BANNER + "R3>hello 3\r\nhello 3\r\nR3>bye\r\n";
     EXPECT_NE(shown.find(tail), std::string::npos) << shown;
-    EXPECT_EQ(ncat.wait(), 0);
+    EXPECT_EQ(0, ncat.wait());
 }
 
 }  // namespace

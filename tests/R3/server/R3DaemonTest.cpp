@@ -115,9 +115,9 @@ TEST(OpenPort, PortOfTheSystemsChoiceLooksLikeAFailure) {
 
 // ---- the daemon ------------------------------------------------------------------------------------------
 
-class R3DaemonTest : public DebugServerFixture {};
+class R3Daemon : public DebugServerFixture {};
 
-TEST_F(R3DaemonTest, IsEmptyBeforeInit) {
+TEST_F(R3Daemon, IsEmptyBeforeInit) {
     CR3Daemon* const daemon = CR3Daemon::Create(false);
     ASSERT_NE(nullptr, daemon);
     EXPECT_EQ(0, daemon->Port());
@@ -128,7 +128,7 @@ TEST_F(R3DaemonTest, IsEmptyBeforeInit) {
     daemon->Close();
 }
 
-TEST_F(R3DaemonTest, RegistersInTheTableThatSessionsSearch) {
+TEST_F(R3Daemon, RegistersInTheTableThatSessionsSearch) {
     CR3Daemon* const daemon = CR3Daemon::Create(false);
     daemon->SetFuncBox(acquireFuncBox());
     EXPECT_EQ(g_r3_funcbox, daemon->FuncBox());
@@ -137,7 +137,7 @@ TEST_F(R3DaemonTest, RegistersInTheTableThatSessionsSearch) {
     daemon->Close();
 }
 
-TEST_F(R3DaemonTest, WithoutAPortFails) {
+TEST_F(R3Daemon, WithoutAPortFails) {
     const OccupiedRange occupied(101);
     CR3Daemon* const daemon = CR3Daemon::Create(false);
     const LogCapture log;
@@ -147,7 +147,7 @@ TEST_F(R3DaemonTest, WithoutAPortFails) {
     daemon->Close();
 }
 
-TEST_F(R3DaemonTest, SecondClientDisplacesTheFirstAtOnceAndNeitherIsTold) {
+TEST_F(R3Daemon, SecondClientDisplacesTheFirstAtOnceAndNeitherIsTold) {
     start();
     const LogCapture log;
     TcpClient first = greeted();
@@ -162,7 +162,7 @@ TEST_F(R3DaemonTest, SecondClientDisplacesTheFirstAtOnceAndNeitherIsTold) {
     expectPrompt(third);
 }
 
-TEST_F(R3DaemonTest, ManyClientsInARowLeaveNothingBehind) {
+TEST_F(R3Daemon, ManyClientsInARowLeaveNothingBehind) {
     start();
     for (int i = 0; i < 50; ++i) {
         TcpClient client = greeted();
@@ -172,7 +172,7 @@ TEST_F(R3DaemonTest, ManyClientsInARowLeaveNothingBehind) {
     expectPrompt(client);
 }
 
-TEST_F(R3DaemonTest, CloseEndsTheClientAndThePort) {
+TEST_F(R3Daemon, CloseEndsTheClientAndThePort) {
     start();
     TcpClient client = greeted();
     endDebugServer();
@@ -183,7 +183,7 @@ TEST_F(R3DaemonTest, CloseEndsTheClientAndThePort) {
 }
 
 // Out of descriptors: the connection waits, nobody spins over it, and it is served when there is room again.
-TEST_F(R3DaemonTest, RestsWhileItCannotAccept) {
+TEST_F(R3Daemon, RestsWhileItCannotAccept) {
     start();
     std::unique_ptr<TcpClient> client;
     LogCapture log;
@@ -201,7 +201,7 @@ TEST_F(R3DaemonTest, RestsWhileItCannotAccept) {
 
 // ---- who may come in -------------------------------------------------------------------------------------
 
-class LocalOnlyTest : public R3DaemonTest {
+class LocalOnly : public R3Daemon {
 protected:
     // What a client gets whose address looks like this one.
     std::string greetingFor(const char* address) {
@@ -212,7 +212,7 @@ protected:
     }
 };
 
-TEST_F(LocalOnlyTest, ClientsOfThisMachineAreWelcome) {
+TEST_F(LocalOnly, ClientsOfThisMachineAreWelcome) {
     start(nullptr, true);
     LogCapture log;
     for (const char* address : {"127.0.0.1", "127.0.0.2", "127.255.255.254"}) {
@@ -221,7 +221,7 @@ TEST_F(LocalOnlyTest, ClientsOfThisMachineAreWelcome) {
     EXPECT_EQ(0u, log.countLevel(2)) << log.dump();
 }
 
-TEST_F(LocalOnlyTest, OthersAreClosedBeforeTheFirstByteWithALine) {
+TEST_F(LocalOnly, OthersAreClosedBeforeTheFirstByteWithALine) {
     start(nullptr, true);
     for (const char* address : {"10.0.0.1", "126.255.255.255", "128.0.0.1", "192.168.127.1", "0.0.0.0"}) {
         LogCapture log;
@@ -234,14 +234,14 @@ TEST_F(LocalOnlyTest, OthersAreClosedBeforeTheFirstByteWithALine) {
     }
 }
 
-TEST_F(LocalOnlyTest, StrangerDoesNotDisplaceThePresentClient) {
+TEST_F(LocalOnly, StrangerDoesNotDisplaceThePresentClient) {
     start(nullptr, true);
     TcpClient client = greeted();
     EXPECT_EQ("", greetingFor("10.0.0.1"));
     expectPrompt(client);
 }
 
-TEST_F(LocalOnlyTest, EverybodyIsWelcomeToAnOpenServer) {
+TEST_F(LocalOnly, EverybodyIsWelcomeToAnOpenServer) {
     start(nullptr, false);
     EXPECT_EQ(GREETING, greetingFor("10.0.0.1"));
     EXPECT_EQ(GREETING, greetingFor("127.0.0.1"));

@@ -20,11 +20,11 @@ namespace {
 
 using namespace Reticor;
 
-class R3ServerTest : public DebugServerFixture {};
+class R3Server : public DebugServerFixture {};
 
 #if !RETICOR_R3_SERVER
 
-TEST_F(R3ServerTest, IsSwitchedOff) {
+TEST_F(R3Server, IsSwitchedOff) {
     for (const bool open : {true, false}) {
         LogCapture log;
         EXPECT_EQ(-1, R3ServerStart(freePort(), "name", open));
@@ -37,7 +37,7 @@ TEST_F(R3ServerTest, IsSwitchedOff) {
     }
 }
 
-TEST_F(R3ServerTest, EnablingItFailsWhileItIsSwitchedOff) {
+TEST_F(R3Server, EnablingItFailsWhileItIsSwitchedOff) {
     LogCapture log;
     EXPECT_EQ(-1, CNetThread::EnableR3());
     EXPECT_EQ(1u, log.count(4, "R3 has been disable.\n")) << log.dump();
@@ -46,7 +46,7 @@ TEST_F(R3ServerTest, EnablingItFailsWhileItIsSwitchedOff) {
 
 #else
 
-TEST_F(R3ServerTest, IsSwitchedOn) {
+TEST_F(R3Server, IsSwitchedOn) {
     ASSERT_EQ(0, R3ServerStart(freePort(), "name", true));
     port = g_r3_daemon->Port();
     greeted(NEGOTIATION + BANNER + "name>");
@@ -55,7 +55,7 @@ TEST_F(R3ServerTest, IsSwitchedOn) {
 #endif
 
 // A disabling that nothing was enabled for must not make the next enabling believe that there is a server.
-TEST_F(R3ServerTest, DisablingWithoutEnablingTakesTheNextUsesAway) {
+TEST_F(R3Server, DisablingWithoutEnablingTakesTheNextUsesAway) {
     EXPECT_EQ(0, CNetThread::DisableR3());
     EXPECT_EQ(0, CNetThread::DisableR3());
     EXPECT_NE(nullptr, g_r3_funcbox) << "no server was ended";
@@ -66,7 +66,7 @@ TEST_F(R3ServerTest, DisablingWithoutEnablingTakesTheNextUsesAway) {
 #endif
 }
 
-TEST_F(R3ServerTest, StartAnnouncesTheDaemonAndExitTakesItBack) {
+TEST_F(R3Server, StartAnnouncesTheDaemonAndExitTakesItBack) {
     start();
     ASSERT_NE(nullptr, g_r3_daemon);
     EXPECT_EQ(g_r3_funcbox, g_r3_daemon->FuncBox());
@@ -76,7 +76,7 @@ TEST_F(R3ServerTest, StartAnnouncesTheDaemonAndExitTakesItBack) {
     EXPECT_EQ(0, R3ServerExit());
 }
 
-TEST_F(R3ServerTest, RunsOnceAtATime) {
+TEST_F(R3Server, RunsOnceAtATime) {
     start();
     CR3Daemon* const first = g_r3_daemon;
     LogCapture log;
@@ -87,7 +87,7 @@ TEST_F(R3ServerTest, RunsOnceAtATime) {
     expectPrompt(client);
 }
 
-TEST_F(R3ServerTest, StartsAgainAfterItsEnd) {
+TEST_F(R3Server, StartsAgainAfterItsEnd) {
     for (int i = 0; i < 3; ++i) {
         start();
         TcpClient client = greeted();
@@ -98,13 +98,13 @@ TEST_F(R3ServerTest, StartsAgainAfterItsEnd) {
     }
 }
 
-TEST_F(R3ServerTest, AfterItsEndPrintsAreDroppedUnformatted) {
+TEST_F(R3Server, AfterItsEndPrintsAreDroppedUnformatted) {
     start();
     endDebugServer();
     R3Printf("%s\n", reinterpret_cast<const char*>(1));
 }
 
-TEST_F(R3ServerTest, WithoutAPortItDoesNotStart) {
+TEST_F(R3Server, WithoutAPortItDoesNotStart) {
     CSockAcceptor last;
     {
         LogCapture quiet(0);
@@ -117,7 +117,7 @@ TEST_F(R3ServerTest, WithoutAPortItDoesNotStart) {
     EXPECT_EVENTUALLY(openHandlers() == 0);
 }
 
-TEST_F(R3ServerTest, CommandsMayBeRegisteredFromManyThreads) {
+TEST_F(R3Server, CommandsMayBeRegisteredFromManyThreads) {
     static std::vector<std::string> names;
     for (int i = 0; i < 200; ++i) {
         names.push_back("command" + std::to_string(i));
@@ -164,7 +164,7 @@ private:
     std::vector<std::thread> m_threads;
 };
 
-TEST_F(R3ServerTest, PrintsBesideStartsAndEndsDoNoHarm) {
+TEST_F(R3Server, PrintsBesideStartsAndEndsDoNoHarm) {
     for (int i = 0; i < 20; ++i) {
         const Printers printers;
         start();
@@ -175,7 +175,7 @@ TEST_F(R3ServerTest, PrintsBesideStartsAndEndsDoNoHarm) {
     }
 }
 
-TEST_F(R3ServerTest, PrintsBesideClientsThatComeAndGoDoNoHarm) {
+TEST_F(R3Server, PrintsBesideClientsThatComeAndGoDoNoHarm) {
     start();
     const Printers printers;
     for (int i = 0; i < 40; ++i) {
@@ -190,7 +190,7 @@ TEST_F(R3ServerTest, PrintsBesideClientsThatComeAndGoDoNoHarm) {
     }
 }
 
-TEST_F(R3ServerTest, CommandsBesideClientsThatDisplaceEachOtherDoNoHarm) {
+TEST_F(R3Server, CommandsBesideClientsThatDisplaceEachOtherDoNoHarm) {
     start();
     std::vector<std::thread> threads;
     for (int t = 0; t < 3; ++t) {

@@ -320,7 +320,7 @@ int waitAtGate(int, int, int, int, int, int, int, int, int, int) {
     return 0;
 }
 
-class RunningCommandTest : public R3TelnetSession {
+class RunningCommand : public R3TelnetSession {
 protected:
     void SetUp() override {
         R3TelnetSession::SetUp();
@@ -338,7 +338,7 @@ protected:
     Gate gate;
 };
 
-TEST_F(RunningCommandTest, DoesNotHoldUpPrints) {
+TEST_F(RunningCommand, DoesNotHoldUpPrints) {
     start();
     TcpClient client = waiting();
     R3Printf("meanwhile\n");
@@ -347,7 +347,7 @@ TEST_F(RunningCommandTest, DoesNotHoldUpPrints) {
     converse(client, "", "R3>next\r\n:: command not found\r\nR3>");
 }
 
-TEST_F(RunningCommandTest, DoesNotHoldUpTheNextClientAndReachesItWithNothing) {
+TEST_F(RunningCommand, DoesNotHoldUpTheNextClientAndReachesItWithNothing) {
     start();
     TcpClient client = waiting();
     TcpClient second(port);
@@ -358,7 +358,7 @@ TEST_F(RunningCommandTest, DoesNotHoldUpTheNextClientAndReachesItWithNothing) {
     expectPrompt(second);
 }
 
-TEST_F(RunningCommandTest, OutlivesTheServer) {
+TEST_F(RunningCommand, OutlivesTheServer) {
     start();
     TcpClient client = waiting();
     EXPECT_EQ(0, R3ServerExit());
@@ -373,7 +373,7 @@ int endServer(int, int, int, int, int, int, int, int, int, int) {
     return R3ServerExit();
 }
 
-TEST_F(RunningCommandTest, MayEndTheServerItself) {
+TEST_F(RunningCommand, MayEndTheServerItself) {
     enter(&endServer, "end");
     start();
     TcpClient client = greeted();
@@ -393,7 +393,7 @@ public:
 };
 
 // A session of the test's own, with connections that it was handed.
-class LateCallTest : public R3TelnetSession {
+class LateCall : public R3TelnetSession {
 protected:
     void SetUp() override {
         R3TelnetSession::SetUp();
@@ -433,7 +433,7 @@ protected:
     int handle = -1;
 };
 
-TEST_F(LateCallTest, FailureOfAnEarlierClientsSenderIsIgnored) {
+TEST_F(LateCall, FailureOfAnEarlierClientsSenderIsIgnored) {
     std::unique_ptr<SocketPair> first;
     std::unique_ptr<SocketPair> second;
     const long first_sender = begin(first);
@@ -454,7 +454,7 @@ TEST_F(LateCallTest, FailureOfAnEarlierClientsSenderIsIgnored) {
     EXPECT_EQ(0, session->handle_message(second_sender, 2, 0)) << "idle";
 }
 
-TEST_F(LateCallTest, EventsOfAnotherSocketAreIgnored) {
+TEST_F(LateCall, EventsOfAnotherSocketAreIgnored) {
     std::unique_ptr<SocketPair> pair;
     begin(pair);
     const std::unique_ptr<SocketPair> other = SocketPair::overTcp();
@@ -470,7 +470,7 @@ TEST_F(LateCallTest, EventsOfAnotherSocketAreIgnored) {
     session->End();
 }
 
-TEST_F(LateCallTest, PieceOfNoBytesIsNotSentWhileOthersWait) {
+TEST_F(LateCall, PieceOfNoBytesIsNotSentWhileOthersWait) {
     std::unique_ptr<SocketPair> pair;
     begin(pair);
     const std::string block(32768, 'x');
@@ -481,7 +481,7 @@ TEST_F(LateCallTest, PieceOfNoBytesIsNotSentWhileOthersWait) {
     EXPECT_EQ(-1, session->SendRaw(block.data(), static_cast<unsigned int>(block.size())));
 }
 
-TEST_F(LateCallTest, WithoutATableNoCommandIsKnown) {
+TEST_F(LateCall, WithoutATableNoCommandIsKnown) {
     std::unique_ptr<SocketPair> pair;
     begin(pair);
     pair->far.Send("threadpool 1\r", 13);

@@ -54,23 +54,23 @@ TEST(GetHostByName, DottedNumericTextNeverReachesTheNameService) {
     sockaddr_in result{};
     EXPECT_TRUE(resolve("10.1.2.3", result));
     EXPECT_EQ(result.sin_addr.s_addr, htonl(0x0A010203u));
-    EXPECT_EQ(result.sin_family, AF_INET);
+    EXPECT_EQ(AF_INET, result.sin_family);
     EXPECT_TRUE(resolve("127.1", result));
     EXPECT_EQ(result.sin_addr.s_addr, htonl(0x7F000001u));
     EXPECT_FALSE(resolve("1.2.3.256", result));
     EXPECT_FALSE(resolve("1.2.3.4.5", result));
-    EXPECT_EQ(seam.questions(), 0u);
+    EXPECT_EQ(0u, seam.questions());
 }
 
 TEST(GetHostByName, IPv6LoopbackTextIsAnsweredByGetaddrinfo) {
     const ResolverSeam seam;
     sockaddr_in6 result{};
     EXPECT_TRUE(resolve("::1", result));
-    EXPECT_EQ(textOf(result), "::1");
-    EXPECT_EQ(result.sin6_family, AF_INET6);
-    ASSERT_EQ(seam.calls().size(), 1u);
-    EXPECT_EQ(seam.calls()[0].host, "::1");
-    EXPECT_EQ(seam.calls()[0].family, AF_INET6);
+    EXPECT_EQ("::1", textOf(result));
+    EXPECT_EQ(AF_INET6, result.sin6_family);
+    ASSERT_EQ(1u, seam.calls().size());
+    EXPECT_EQ("::1", seam.calls()[0].host);
+    EXPECT_EQ(AF_INET6, seam.calls()[0].family);
 }
 
 TEST(GetHostByName, NameIsAskedForOnceAndThePortLeftAlone) {
@@ -80,15 +80,15 @@ TEST(GetHostByName, NameIsAskedForOnceAndThePortLeftAlone) {
     result.sin_port = htons(80);
     EXPECT_TRUE(resolve("camera.test", result));
     EXPECT_EQ(result.sin_addr.s_addr, htonl(0x0A090807u));
-    EXPECT_EQ(result.sin_family, AF_INET);
+    EXPECT_EQ(AF_INET, result.sin_family);
     EXPECT_EQ(result.sin_port, htons(80));
-    EXPECT_EQ(seam.questions(), 1u);
+    EXPECT_EQ(1u, seam.questions());
 }
 
 TEST(GetHostByName, NameFromTheSystemIsResolved) {
     sockaddr_in result{};
     EXPECT_TRUE(resolve("localhost", result));
-    EXPECT_EQ(ntohl(result.sin_addr.s_addr) >> 24, 127u);
+    EXPECT_EQ(127u, ntohl(result.sin_addr.s_addr) >> 24);
 }
 
 TEST(GetHostByName, OtherFamiliesCountAsIPv4) {
@@ -96,7 +96,7 @@ TEST(GetHostByName, OtherFamiliesCountAsIPv4) {
     CResolverHold resolver;
     EXPECT_TRUE(resolver.GetAddressInfo("10.1.2.3", AF_UNSPEC, reinterpret_cast<sockaddr*>(&result),
                                         sizeof result, limit_ms));
-    EXPECT_EQ(result.sin_family, AF_INET);
+    EXPECT_EQ(AF_INET, result.sin_family);
 }
 
 TEST(GetHostByName, NameWithIPv4AddressesOnlyComesBackMapped) {
@@ -105,8 +105,8 @@ TEST(GetHostByName, NameWithIPv4AddressesOnlyComesBackMapped) {
     const LogCapture log;
     sockaddr_in6 result{};
     EXPECT_TRUE(resolve("camera.test", result));
-    EXPECT_EQ(textOf(result), "::ffff:10.9.8.7");
-    EXPECT_EQ(result.sin6_family, AF_INET6);
+    EXPECT_EQ("::ffff:10.9.8.7", textOf(result));
+    EXPECT_EQ(AF_INET6, result.sin6_family);
     EXPECT_THAT(texts(log), IsEmpty());
 }
 
@@ -118,14 +118,14 @@ TEST(GetHostByName, MappedAddressLeavesTheOtherBytes) {
     result.sin6_port = htons(80);
     result.sin6_scope_id = 4;
     EXPECT_TRUE(resolve("camera.test", result));
-    EXPECT_EQ(result.sin6_addr.s6_addr[0], 0xAB);
-    EXPECT_EQ(result.sin6_addr.s6_addr[9], 0xAB);
-    EXPECT_EQ(result.sin6_addr.s6_addr[10], 0xFF);
-    EXPECT_EQ(result.sin6_addr.s6_addr[11], 0xFF);
-    EXPECT_EQ(result.sin6_addr.s6_addr[12], 10);
-    EXPECT_EQ(result.sin6_addr.s6_addr[15], 7);
+    EXPECT_EQ(0xAB, result.sin6_addr.s6_addr[0]);
+    EXPECT_EQ(0xAB, result.sin6_addr.s6_addr[9]);
+    EXPECT_EQ(0xFF, result.sin6_addr.s6_addr[10]);
+    EXPECT_EQ(0xFF, result.sin6_addr.s6_addr[11]);
+    EXPECT_EQ(10, result.sin6_addr.s6_addr[12]);
+    EXPECT_EQ(7, result.sin6_addr.s6_addr[15]);
     EXPECT_EQ(result.sin6_port, htons(80));
-    EXPECT_EQ(result.sin6_scope_id, 4u);
+    EXPECT_EQ(4u, result.sin6_scope_id);
 }
 
 TEST(GetHostByName, AnswerWithoutAnIPv6EntryIsTrueAndLeavesTheAddress) {
@@ -134,8 +134,8 @@ TEST(GetHostByName, AnswerWithoutAnIPv6EntryIsTrueAndLeavesTheAddress) {
     sockaddr_in6 result{};
     std::memset(&result.sin6_addr, 0xAB, sizeof result.sin6_addr);
     EXPECT_TRUE(resolve("odd.test", result));
-    EXPECT_EQ(result.sin6_family, AF_INET6);
-    EXPECT_EQ(std::count(std::begin(result.sin6_addr.s6_addr), std::end(result.sin6_addr.s6_addr), 0xAB), 16);
+    EXPECT_EQ(AF_INET6, result.sin6_family);
+    EXPECT_EQ(16, std::count(std::begin(result.sin6_addr.s6_addr), std::end(result.sin6_addr.s6_addr), 0xAB));
 }
 
 TEST(GetHostByName, LiteralIsStillReadWhenGetaddrinfoFails) {
@@ -143,7 +143,7 @@ TEST(GetHostByName, LiteralIsStillReadWhenGetaddrinfoFails) {
     seam.failFirst("2001:db8::1", AF_INET6, EAI_MEMORY, 1);
     sockaddr_in6 result{};
     EXPECT_TRUE(resolve("2001:db8::1", result));
-    EXPECT_EQ(textOf(result), "2001:db8::1");
+    EXPECT_EQ("2001:db8::1", textOf(result));
 }
 
 TEST(GetHostByName, FailureAsIPv6LogsTheCodeOfGetaddrinfo) {
@@ -153,12 +153,12 @@ TEST(GetHostByName, FailureAsIPv6LogsTheCodeOfGetaddrinfo) {
     sockaddr_in6 result{};
     errno = 0;
     EXPECT_FALSE(resolve("nowhere.test", result));
-    EXPECT_EQ(errno, EAI_AGAIN);
-    EXPECT_EQ(result.sin6_family, AF_INET6);
+    EXPECT_EQ(EAI_AGAIN, errno);
+    EXPECT_EQ(AF_INET6, result.sin6_family);
     EXPECT_THAT(texts(log), ElementsAre("2 getaddrinfo error:Temporary failure in name resolution\n"));
     EXPECT_THAT(log.lines()[0].start,
                 ::testing::MatchesRegex("\\[Src/Socket/GetHostByName.cpp:[0-9]+\\] tid:[0-9]+, "));
-    EXPECT_EQ(log.lines()[0].function, "Orvex::Reticor::CGetHostByName::GetAddressInfo");
+    EXPECT_EQ("Orvex::Reticor::CGetHostByName::GetAddressInfo", log.lines()[0].function);
 }
 
 TEST(GetHostByName, SystemErrorOfALookUpIsPassedOn) {
@@ -167,7 +167,7 @@ TEST(GetHostByName, SystemErrorOfALookUpIsPassedOn) {
     const LogCapture log;
     sockaddr_in6 result{};
     EXPECT_FALSE(resolve("nowhere.test", result));
-    EXPECT_EQ(errno, EMFILE);
+    EXPECT_EQ(EMFILE, errno);
     EXPECT_THAT(texts(log), ElementsAre("2 getaddrinfo error:Too many open files\n"));
 }
 
@@ -178,8 +178,8 @@ TEST(GetHostByName, FailureAsIPv4IsSilentAndWritesNothing) {
     result.sin_family = 77;
     errno = 0;
     EXPECT_FALSE(resolve("nowhere.test", result));
-    EXPECT_EQ(errno, EAI_NONAME);
-    EXPECT_EQ(result.sin_family, 77);
+    EXPECT_EQ(EAI_NONAME, errno);
+    EXPECT_EQ(77, result.sin_family);
     EXPECT_THAT(texts(log), IsEmpty());
 }
 
@@ -216,21 +216,21 @@ TEST(GetHostByName, UsersShareOneInstanceAndTheLastTakesItAlong) {
     EXPECT_EQ(Testing::allocationCount(), made);
     CGetHostByName::release();
     CGetHostByName::release();
-    EXPECT_NE(CGetHostByName::instance(), nullptr);
+    EXPECT_NE(nullptr, CGetHostByName::instance());
     EXPECT_EQ(Testing::allocationCount(), made + 1) << "a new object after the last release";
     CGetHostByName::release();
     CGetHostByName::release();  // One too many does nothing.
-    EXPECT_NE(CGetHostByName::instance(), nullptr);
+    EXPECT_NE(nullptr, CGetHostByName::instance());
     CGetHostByName::release();
 }
 
 TEST(GetHostByName, WithoutMemoryThereIsNoInstanceAndNoUse) {
     {
         const Testing::NoMemory no_memory;
-        EXPECT_EQ(CGetHostByName::instance(), nullptr);
+        EXPECT_EQ(nullptr, CGetHostByName::instance());
     }
     const std::size_t before = Testing::allocationCount();
-    EXPECT_NE(CGetHostByName::instance(), nullptr);
+    EXPECT_NE(nullptr, CGetHostByName::instance());
     EXPECT_EQ(Testing::allocationCount(), before + 1);
     CGetHostByName::release();
 }

@@ -30,12 +30,12 @@ TEST(IpLiteral, IPv6WritesTheWholeRecord) {
     sockaddr_in6 record;
     std::memset(&record, 0xAB, sizeof record);
     EXPECT_TRUE(parse_ipv6_literal("2001:db8::1", record));
-    EXPECT_EQ(record.sin6_family, AF_INET6);
-    EXPECT_EQ(record.sin6_port, 0);
-    EXPECT_EQ(record.sin6_flowinfo, 0u);
-    EXPECT_EQ(record.sin6_scope_id, 0u);
-    EXPECT_EQ(record.sin6_addr.s6_addr[0], 0x20);
-    EXPECT_EQ(record.sin6_addr.s6_addr[15], 1);
+    EXPECT_EQ(AF_INET6, record.sin6_family);
+    EXPECT_EQ(0, record.sin6_port);
+    EXPECT_EQ(0u, record.sin6_flowinfo);
+    EXPECT_EQ(0u, record.sin6_scope_id);
+    EXPECT_EQ(0x20, record.sin6_addr.s6_addr[0]);
+    EXPECT_EQ(1, record.sin6_addr.s6_addr[15]);
 }
 
 TEST(IpLiteral, IPv6TakesScopesByNameAndNumber) {
@@ -44,8 +44,8 @@ TEST(IpLiteral, IPv6TakesScopesByNameAndNumber) {
     EXPECT_TRUE(parse_ipv6_literal("fe80::1%lo", record));
     EXPECT_EQ(record.sin6_scope_id, if_nametoindex("lo"));
     EXPECT_TRUE(parse_ipv6_literal("fe80::1%3", record));
-    EXPECT_EQ(record.sin6_scope_id, 3u);
-    EXPECT_EQ(seam.questions(), 0u);
+    EXPECT_EQ(3u, record.sin6_scope_id);
+    EXPECT_EQ(0u, seam.questions());
 }
 
 TEST(IpLiteral, OtherTextsLeaveTheRecord) {
@@ -57,8 +57,8 @@ TEST(IpLiteral, OtherTextsLeaveTheRecord) {
         EXPECT_FALSE(parse_ipv6_literal(text, record)) << text;
     }
     EXPECT_FALSE(parse_ipv6_literal(nullptr, record));
-    EXPECT_EQ(record.sin6_port, 7);
-    EXPECT_EQ(seam.questions(), 0u);
+    EXPECT_EQ(7, record.sin6_port);
+    EXPECT_EQ(0u, seam.questions());
 }
 
 }  // namespace

@@ -36,20 +36,20 @@ sockaddr_in recordOf(const CSockAddrIPv4& addr) {
 TEST(SockAddrIPv4, DefaultIsTheValidWildcard) {
     const LogCapture log;
     const CSockAddrIPv4 addr;
-    EXPECT_EQ(addr.GetType(), 1u);
-    EXPECT_EQ(addr.GetIp(), 0u);
-    EXPECT_EQ(addr.GetPort(), 0);
-    EXPECT_EQ(recordOf(addr).sin_family, AF_INET);
+    EXPECT_EQ(1u, addr.GetType());
+    EXPECT_EQ(0u, addr.GetIp());
+    EXPECT_EQ(0, addr.GetPort());
+    EXPECT_EQ(AF_INET, recordOf(addr).sin_family);
     EXPECT_TRUE(addr.IsValid());
     EXPECT_THAT(texts(log), IsEmpty());
 }
 
 TEST(SockAddrIPv4, NumbersAreHostOrderOutsideAndNetworkOrderInTheRecord) {
     const CSockAddrIPv4 addr(0x0A010203u, 0x1234);
-    EXPECT_EQ(addr.GetIp(), 0x0A010203u);
-    EXPECT_EQ(addr.GetPort(), 0x1234);
+    EXPECT_EQ(0x0A010203u, addr.GetIp());
+    EXPECT_EQ(0x1234, addr.GetPort());
     const sockaddr_in record = recordOf(addr);
-    EXPECT_EQ(record.sin_family, AF_INET);
+    EXPECT_EQ(AF_INET, record.sin_family);
     EXPECT_EQ(record.sin_addr.s_addr, htonl(0x0A010203u));
     EXPECT_EQ(record.sin_port, htons(0x1234));
 }
@@ -57,37 +57,37 @@ TEST(SockAddrIPv4, NumbersAreHostOrderOutsideAndNetworkOrderInTheRecord) {
 TEST(SockAddrIPv4, TakesADottedLiteralWithoutTheNameService) {
     const ResolverSeam resolver;
     const CSockAddrIPv4 addr("192.168.7.9", 8080);
-    EXPECT_EQ(addr.GetIp(), 0xC0A80709u);
-    EXPECT_EQ(addr.GetPort(), 8080);
+    EXPECT_EQ(0xC0A80709u, addr.GetIp());
+    EXPECT_EQ(8080, addr.GetPort());
     EXPECT_THAT(resolver.calls(), IsEmpty());
 }
 
 TEST(SockAddrIPv4, TakesShortNumericFormsWithoutTheNameService) {
     const ResolverSeam resolver;
     CSockAddrIPv4 addr;
-    EXPECT_EQ(addr.SetIp("127.1"), 0);
-    EXPECT_EQ(addr.GetIp(), 0x7F000001u);
-    EXPECT_EQ(resolver.questions(), 0u);
+    EXPECT_EQ(0, addr.SetIp("127.1"));
+    EXPECT_EQ(0x7F000001u, addr.GetIp());
+    EXPECT_EQ(0u, resolver.questions());
 }
 
 TEST(SockAddrIPv4, EmptyAndNullTextAreTheWildcardAndKeepThePort) {
     CSockAddrIPv4 addr("10.0.0.1", 81);
-    EXPECT_EQ(addr.SetIp(""), 0);
-    EXPECT_EQ(addr.GetIp(), 0u);
-    EXPECT_EQ(addr.GetPort(), 81);
+    EXPECT_EQ(0, addr.SetIp(""));
+    EXPECT_EQ(0u, addr.GetIp());
+    EXPECT_EQ(81, addr.GetPort());
     addr.SetIp(0x0A000001u);
-    EXPECT_EQ(addr.SetIp(static_cast<const char*>(nullptr)), 0);
-    EXPECT_EQ(addr.GetIp(), 0u);
-    EXPECT_EQ(addr.GetPort(), 81);
+    EXPECT_EQ(0, addr.SetIp(static_cast<const char*>(nullptr)));
+    EXPECT_EQ(0u, addr.GetIp());
+    EXPECT_EQ(81, addr.GetPort());
 }
 
 TEST(SockAddrIPv4, MappedLiteralGivesItsIPv4Address) {
     CSockAddrIPv4 addr(0u, 82);
-    EXPECT_EQ(addr.SetIp("::ffff:10.20.30.40"), 0);
-    EXPECT_EQ(addr.GetIp(), 0x0A141E28u);
-    EXPECT_EQ(addr.GetPort(), 82);
-    EXPECT_EQ(addr.SetIp("::FFFF:0102:0304"), 0);
-    EXPECT_EQ(addr.GetIp(), 0x01020304u);
+    EXPECT_EQ(0, addr.SetIp("::ffff:10.20.30.40"));
+    EXPECT_EQ(0x0A141E28u, addr.GetIp());
+    EXPECT_EQ(82, addr.GetPort());
+    EXPECT_EQ(0, addr.SetIp("::FFFF:0102:0304"));
+    EXPECT_EQ(0x01020304u, addr.GetIp());
 }
 
 TEST(SockAddrIPv4, OtherIPv6LiteralsAreRefusedAndNeverLookedUp) {
@@ -95,27 +95,27 @@ TEST(SockAddrIPv4, OtherIPv6LiteralsAreRefusedAndNeverLookedUp) {
     CSockAddrIPv4 addr(0x0A000001u, 83);
     for (const char* literal :
          {"::1", "::", "2001:db8::1", "::10.0.0.1", "0:0:0:0:1:ffff:a00:1", "fe80::1%lo"}) {
-        EXPECT_EQ(addr.SetIp(literal), -1) << literal;
-        EXPECT_EQ(addr.GetIp(), 0x0A000001u) << literal;
+        EXPECT_EQ(-1, addr.SetIp(literal)) << literal;
+        EXPECT_EQ(0x0A000001u, addr.GetIp()) << literal;
     }
-    EXPECT_EQ(resolver.questions(), 0u);
+    EXPECT_EQ(0u, resolver.questions());
 }
 
 TEST(SockAddrIPv4, HostNameIsResolvedAndThePortKept) {
     CSockAddrIPv4 addr(0u, 84);
-    EXPECT_EQ(addr.SetIp("localhost"), 0);
-    EXPECT_EQ(addr.GetIp() >> 24, 127u);
-    EXPECT_EQ(addr.GetPort(), 84);
+    EXPECT_EQ(0, addr.SetIp("localhost"));
+    EXPECT_EQ(127u, addr.GetIp() >> 24);
+    EXPECT_EQ(84, addr.GetPort());
 }
 
 TEST(SockAddrIPv4, HostNameIsAskedForAsIPv4Alone) {
     ResolverSeam resolver;
     resolver.answer("camera.test", AF_INET, "10.9.8.7", AF_INET);
     CSockAddrIPv4 addr;
-    EXPECT_EQ(addr.SetIp("camera.test"), 0);
-    EXPECT_EQ(addr.GetIp(), 0x0A090807u);
-    ASSERT_EQ(resolver.calls().size(), 1u);
-    EXPECT_EQ(resolver.calls()[0].family, AF_INET);
+    EXPECT_EQ(0, addr.SetIp("camera.test"));
+    EXPECT_EQ(0x0A090807u, addr.GetIp());
+    ASSERT_EQ(1u, resolver.calls().size());
+    EXPECT_EQ(AF_INET, resolver.calls()[0].family);
 }
 
 TEST(SockAddrIPv4, UnknownNameFailsInSilenceAndLeavesTheCode) {
@@ -123,36 +123,36 @@ TEST(SockAddrIPv4, UnknownNameFailsInSilenceAndLeavesTheCode) {
     const LogCapture log;
     CSockAddrIPv4 addr(0x0A000001u, 85);
     errno = 0;
-    EXPECT_EQ(addr.SetIp("nowhere.test"), -1);
-    EXPECT_EQ(errno, EAI_NONAME);
-    EXPECT_EQ(addr.GetIp(), 0x0A000001u);
-    EXPECT_EQ(addr.GetPort(), 85);
+    EXPECT_EQ(-1, addr.SetIp("nowhere.test"));
+    EXPECT_EQ(EAI_NONAME, errno);
+    EXPECT_EQ(0x0A000001u, addr.GetIp());
+    EXPECT_EQ(85, addr.GetPort());
     EXPECT_THAT(texts(log), IsEmpty());
 }
 
 TEST(SockAddrIPv4, FailedSetAddrLeavesANewPortWithAnOldAddress) {
     const ResolverSeam resolver;
     CSockAddrIPv4 addr(0x0A000001u, 86);
-    EXPECT_EQ(addr.SetAddr("nowhere.test", 87), -1);
-    EXPECT_EQ(addr.GetIp(), 0x0A000001u);
-    EXPECT_EQ(addr.GetPort(), 87);
+    EXPECT_EQ(-1, addr.SetAddr("nowhere.test", 87));
+    EXPECT_EQ(0x0A000001u, addr.GetIp());
+    EXPECT_EQ(87, addr.GetPort());
 }
 
 TEST(SockAddrIPv4, SettersReturnZeroAndSetTheType) {
     const CSockAddrIPv6 other;
     CSockAddrIPv4 addr;
     static_cast<CSockAddr&>(addr) = other;
-    ASSERT_EQ(addr.GetType(), 2u);
-    EXPECT_EQ(addr.SetAddr(1u, 2), 0);
-    EXPECT_EQ(addr.GetType(), 1u);
+    ASSERT_EQ(2u, addr.GetType());
+    EXPECT_EQ(0, addr.SetAddr(1u, 2));
+    EXPECT_EQ(1u, addr.GetType());
     static_cast<CSockAddr&>(addr) = other;
-    EXPECT_EQ(addr.SetAddr("0.0.0.1", 2), 0);
-    EXPECT_EQ(addr.GetType(), 1u);
+    EXPECT_EQ(0, addr.SetAddr("0.0.0.1", 2));
+    EXPECT_EQ(1u, addr.GetType());
     static_cast<CSockAddr&>(addr) = other;
-    EXPECT_EQ(addr.SetAddr(sockaddr_in{}), 0);
-    EXPECT_EQ(addr.GetType(), 1u);
-    EXPECT_EQ(addr.SetIp(3u), 0);
-    EXPECT_EQ(addr.SetPort(4), 0);
+    EXPECT_EQ(0, addr.SetAddr(sockaddr_in{}));
+    EXPECT_EQ(1u, addr.GetType());
+    EXPECT_EQ(0, addr.SetIp(3u));
+    EXPECT_EQ(0, addr.SetPort(4));
 }
 
 TEST(SockAddrIPv4, TakesOverAWholeRecord) {
@@ -162,10 +162,10 @@ TEST(SockAddrIPv4, TakesOverAWholeRecord) {
     record.sin_addr.s_addr = htonl(0x01020304u);
     record.sin_zero[3] = 7;
     const CSockAddrIPv4 addr(record);
-    EXPECT_EQ(addr.GetType(), 1u);
-    EXPECT_EQ(addr.GetIp(), 0x01020304u);
-    EXPECT_EQ(addr.GetPort(), 99);
-    EXPECT_EQ(recordOf(addr).sin_zero[3], 7);
+    EXPECT_EQ(1u, addr.GetType());
+    EXPECT_EQ(0x01020304u, addr.GetIp());
+    EXPECT_EQ(99, addr.GetPort());
+    EXPECT_EQ(7, recordOf(addr).sin_zero[3]);
 }
 
 TEST(SockAddrIPv4, CopiesAreIndependentAndSelfAssignmentDoesNothing) {
@@ -173,7 +173,7 @@ TEST(SockAddrIPv4, CopiesAreIndependentAndSelfAssignmentDoesNothing) {
     CSockAddrIPv4 copy(first);
     EXPECT_TRUE(copy == first);
     copy.SetPort(81);
-    EXPECT_EQ(first.GetPort(), 80);
+    EXPECT_EQ(80, first.GetPort());
     CSockAddrIPv4 assigned;
     assigned = copy;
     EXPECT_TRUE(assigned == copy);
@@ -187,23 +187,23 @@ TEST(SockAddrIPv4, TextNeedsABufferAndRoom) {
     char text[32] = {};
     {
         const LogCapture log;
-        EXPECT_EQ(addr.GetIpStr(nullptr, 32), nullptr);
-        EXPECT_EQ(addr.GetIpStr(text, 0), nullptr);
-        EXPECT_EQ(addr.GetIpStr(text, 6), nullptr);
+        EXPECT_EQ(nullptr, addr.GetIpStr(nullptr, 32));
+        EXPECT_EQ(nullptr, addr.GetIpStr(text, 0));
+        EXPECT_EQ(nullptr, addr.GetIpStr(text, 6));
         EXPECT_EQ(addr.GetIpStr(text, 16), text);
-        EXPECT_STREQ(text, "192.168.100.200");
+        EXPECT_STREQ("192.168.100.200", text);
         EXPECT_THAT(texts(log), IsEmpty());
     }
     const LogCapture log;
-    EXPECT_EQ(addr.GetIpStr(text, 7), nullptr);
-    EXPECT_EQ(addr.GetIpStr(text, 15), nullptr);
+    EXPECT_EQ(nullptr, addr.GetIpStr(text, 7));
+    EXPECT_EQ(nullptr, addr.GetIpStr(text, 15));
     EXPECT_THAT(texts(log), ElementsAre("2 inet_ntop error\n", "2 inet_ntop error\n"));
 }
 
 TEST(SockAddrIPv4, RecordHasSixteenBytesAndNullGivesNull) {
     const CSockAddrIPv4 addr("10.0.0.1", 1);
-    EXPECT_EQ(addr.GetAddrLen(), 16u);
-    EXPECT_EQ(addr.GetAddr(nullptr), nullptr);
+    EXPECT_EQ(16u, addr.GetAddrLen());
+    EXPECT_EQ(nullptr, addr.GetAddr(nullptr));
     sockaddr_in record{};
     EXPECT_EQ(addr.GetAddr(reinterpret_cast<sockaddr*>(&record)), reinterpret_cast<sockaddr*>(&record));
 }
@@ -233,7 +233,7 @@ TEST(SockAddrIPv4, InvalidAddressIsNotEqualToItself) {
     const LogCapture log;
     const CSockAddrIPv4 addr(0xFFFFFFFFu, 0);
     EXPECT_FALSE(addr == addr);
-    EXPECT_EQ(log.countLevel(2), 1u);
+    EXPECT_EQ(1u, log.countLevel(2));
     EXPECT_FALSE(CSockAddrIPv4() == addr);
 }
 
@@ -243,13 +243,13 @@ TEST(SockAddrIPv4, WithoutMemoryNothingThrowsAndTheAddressStaysEmpty) {
     const Testing::NoMemory no_memory;
     CSockAddrIPv4 addr(0x0A000001u, 80);
     const CSockAddrIPv4 copy(addr);
-    EXPECT_EQ(addr.SetAddr(1u, 1), -1);
-    EXPECT_EQ(addr.SetAddr("10.0.0.1", 1), -1);
-    EXPECT_EQ(addr.SetAddr(record), -1);
-    EXPECT_EQ(addr.GetIp(), 0u);
-    EXPECT_EQ(addr.GetPort(), 0);
-    EXPECT_EQ(addr.GetIpStr(text, sizeof text), nullptr);
-    EXPECT_EQ(addr.GetAddr(reinterpret_cast<sockaddr*>(&record)), nullptr);
+    EXPECT_EQ(-1, addr.SetAddr(1u, 1));
+    EXPECT_EQ(-1, addr.SetAddr("10.0.0.1", 1));
+    EXPECT_EQ(-1, addr.SetAddr(record));
+    EXPECT_EQ(0u, addr.GetIp());
+    EXPECT_EQ(0, addr.GetPort());
+    EXPECT_EQ(nullptr, addr.GetIpStr(text, sizeof text));
+    EXPECT_EQ(nullptr, addr.GetAddr(reinterpret_cast<sockaddr*>(&record)));
     EXPECT_FALSE(addr.IsValid());
     EXPECT_FALSE(addr == copy);
 }

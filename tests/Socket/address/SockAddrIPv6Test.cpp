@@ -53,10 +53,10 @@ sockaddr_in6 sampleRecord() {
 TEST(SockAddrIPv6, DefaultIsZeroAndInvalid) {
     const LogCapture log;
     const CSockAddrIPv6 addr;
-    EXPECT_EQ(addr.GetType(), 2u);
-    EXPECT_EQ(addr.GetPort(), 0);
-    EXPECT_EQ(addr.GetScopeID(), 0u);
-    EXPECT_EQ(recordOf(addr).sin6_family, AF_INET6);
+    EXPECT_EQ(2u, addr.GetType());
+    EXPECT_EQ(0, addr.GetPort());
+    EXPECT_EQ(0u, addr.GetScopeID());
+    EXPECT_EQ(AF_INET6, recordOf(addr).sin6_family);
     EXPECT_FALSE(addr.IsValid());
     EXPECT_THAT(texts(log), ElementsAre("2 Orvex::Reticor::CSockAddrIPv6::IsValid :Invalid addr: "
                                         "m_addr.sin6_port:0 \n"));
@@ -67,35 +67,35 @@ TEST(SockAddrIPv6, ValidNeedsPortAndAddress) {
     const LogCapture log;
     EXPECT_FALSE(CSockAddrIPv6("::1", 0).IsValid());
     EXPECT_FALSE(CSockAddrIPv6("::", 80).IsValid());
-    EXPECT_EQ(log.count(2, "Orvex::Reticor::CSockAddrIPv6::IsValid :Invalid addr: m_addr.sin6_port:0 \n"),
-              1u);
-    EXPECT_EQ(log.count(2, "Orvex::Reticor::CSockAddrIPv6::IsValid :Invalid addr: m_addr.sin6_port:80 \n"),
-              1u);
+    EXPECT_EQ(1u,
+              log.count(2, "Orvex::Reticor::CSockAddrIPv6::IsValid :Invalid addr: m_addr.sin6_port:0 \n"));
+    EXPECT_EQ(1u,
+              log.count(2, "Orvex::Reticor::CSockAddrIPv6::IsValid :Invalid addr: m_addr.sin6_port:80 \n"));
 }
 
 TEST(SockAddrIPv6, TakesALiteralPortAndScope) {
     const ResolverSeam resolver;
     const CSockAddrIPv6 addr("2001:db8::7", 443);
-    EXPECT_EQ(textOf(addr), "2001:db8::7");
-    EXPECT_EQ(addr.GetPort(), 443);
-    EXPECT_EQ(addr.GetScopeID(), 0u);
+    EXPECT_EQ("2001:db8::7", textOf(addr));
+    EXPECT_EQ(443, addr.GetPort());
+    EXPECT_EQ(0u, addr.GetScopeID());
     EXPECT_EQ(recordOf(addr).sin6_port, htons(443));
     const CSockAddrIPv6 scoped("fe80::1", 443, 9);
-    EXPECT_EQ(scoped.GetScopeID(), 9u);
-    EXPECT_EQ(scoped.GetPort(), 443);
-    EXPECT_EQ(resolver.questions(), 0u);
+    EXPECT_EQ(9u, scoped.GetScopeID());
+    EXPECT_EQ(443, scoped.GetPort());
+    EXPECT_EQ(0u, resolver.questions());
 }
 
 TEST(SockAddrIPv6, LiteralReplacesTheWholeRecord) {
     const sockaddr_in6 sample = sampleRecord();
     CSockAddrIPv6 addr(&sample);
-    EXPECT_EQ(addr.SetIp("::2"), 0);
+    EXPECT_EQ(0, addr.SetIp("::2"));
     const sockaddr_in6 record = recordOf(addr);
-    EXPECT_EQ(record.sin6_family, AF_INET6);
-    EXPECT_EQ(record.sin6_port, 0);
-    EXPECT_EQ(record.sin6_flowinfo, 0u);
-    EXPECT_EQ(record.sin6_scope_id, 0u);
-    EXPECT_EQ(textOf(addr), "::2");
+    EXPECT_EQ(AF_INET6, record.sin6_family);
+    EXPECT_EQ(0, record.sin6_port);
+    EXPECT_EQ(0u, record.sin6_flowinfo);
+    EXPECT_EQ(0u, record.sin6_scope_id);
+    EXPECT_EQ("::2", textOf(addr));
 }
 
 TEST(SockAddrIPv6, LiteralWithAScopeKeepsIt) {
@@ -103,13 +103,13 @@ TEST(SockAddrIPv6, LiteralWithAScopeKeepsIt) {
     const unsigned loopback = if_nametoindex("lo");
     CSockAddrIPv6 addr;
     addr.SetPort(80);
-    EXPECT_EQ(addr.SetIp("fe80::1%lo"), 0);
+    EXPECT_EQ(0, addr.SetIp("fe80::1%lo"));
     EXPECT_EQ(addr.GetScopeID(), loopback);
-    EXPECT_EQ(addr.GetPort(), 0);
-    EXPECT_EQ(addr.SetIp(("fe80::2%" + std::to_string(loopback)).c_str()), 0);
+    EXPECT_EQ(0, addr.GetPort());
+    EXPECT_EQ(0, addr.SetIp(("fe80::2%" + std::to_string(loopback)).c_str()));
     EXPECT_EQ(addr.GetScopeID(), loopback);
-    EXPECT_EQ(textOf(addr), "fe80::2");
-    EXPECT_EQ(resolver.questions(), 0u);
+    EXPECT_EQ("fe80::2", textOf(addr));
+    EXPECT_EQ(0u, resolver.questions());
 }
 
 TEST(SockAddrIPv6, NameWithIPv4AddressesOnlyGivesAMappedOneAndKeepsThePort) {
@@ -117,18 +117,18 @@ TEST(SockAddrIPv6, NameWithIPv4AddressesOnlyGivesAMappedOneAndKeepsThePort) {
     resolver.answer("camera.test", AF_INET, "10.9.8.7", AF_INET);
     CSockAddrIPv6 addr;
     addr.SetPort(8554);
-    EXPECT_EQ(addr.SetIp("camera.test"), 0);
-    EXPECT_EQ(textOf(addr), "::ffff:10.9.8.7");
-    EXPECT_EQ(addr.GetPort(), 8554);
-    EXPECT_EQ(recordOf(addr).sin6_family, AF_INET6);
+    EXPECT_EQ(0, addr.SetIp("camera.test"));
+    EXPECT_EQ("::ffff:10.9.8.7", textOf(addr));
+    EXPECT_EQ(8554, addr.GetPort());
+    EXPECT_EQ(AF_INET6, recordOf(addr).sin6_family);
 }
 
 TEST(SockAddrIPv6, DottedTextGivesAMappedAddressWithoutTheNameService) {
     const ResolverSeam resolver;
     const CSockAddrIPv6 addr("127.0.0.1", 80);
-    EXPECT_EQ(textOf(addr), "::ffff:127.0.0.1");
-    EXPECT_EQ(addr.GetPort(), 80);
-    EXPECT_EQ(resolver.questions(), 0u);
+    EXPECT_EQ("::ffff:127.0.0.1", textOf(addr));
+    EXPECT_EQ(80, addr.GetPort());
+    EXPECT_EQ(0u, resolver.questions());
 }
 
 TEST(SockAddrIPv6, NameWithAnIPv6AddressGivesItAndKeepsThePort) {
@@ -137,16 +137,16 @@ TEST(SockAddrIPv6, NameWithAnIPv6AddressGivesItAndKeepsThePort) {
     resolver.answer("camera.test", AF_INET, "10.9.8.7", AF_INET);
     CSockAddrIPv6 addr;
     addr.SetPort(8554);
-    EXPECT_EQ(addr.SetIp("camera.test"), 0);
-    EXPECT_EQ(textOf(addr), "2001:db8::5");
-    EXPECT_EQ(addr.GetPort(), 8554);
+    EXPECT_EQ(0, addr.SetIp("camera.test"));
+    EXPECT_EQ("2001:db8::5", textOf(addr));
+    EXPECT_EQ(8554, addr.GetPort());
 }
 
 TEST(SockAddrIPv6, HostNameFromTheSystemIsResolved) {
     CSockAddrIPv6 addr;
-    EXPECT_EQ(addr.SetAddr("localhost", 80), 0);
+    EXPECT_EQ(0, addr.SetAddr("localhost", 80));
     EXPECT_THAT(textOf(addr), ::testing::AnyOf("::1", "::ffff:127.0.0.1"));
-    EXPECT_EQ(addr.GetPort(), 80);
+    EXPECT_EQ(80, addr.GetPort());
 }
 
 TEST(SockAddrIPv6, SecondLookUpAsIPv4IsTriedAfterTheFirstFailed) {
@@ -156,9 +156,9 @@ TEST(SockAddrIPv6, SecondLookUpAsIPv4IsTriedAfterTheFirstFailed) {
     const LogCapture log;
     CSockAddrIPv6 addr;
     addr.SetPort(8554);
-    EXPECT_EQ(addr.SetIp("camera.test"), 0);
-    EXPECT_EQ(textOf(addr), "::ffff:10.9.8.7");
-    EXPECT_EQ(addr.GetPort(), 8554);
+    EXPECT_EQ(0, addr.SetIp("camera.test"));
+    EXPECT_EQ("::ffff:10.9.8.7", textOf(addr));
+    EXPECT_EQ(8554, addr.GetPort());
     EXPECT_THAT(texts(log), ElementsAre("2 getaddrinfo error:Name or service not known\n"));
 }
 
@@ -166,9 +166,9 @@ TEST(SockAddrIPv6, AnswerWithoutAnEntryLeavesTheAddressAndKeepsThePort) {
     ResolverSeam resolver;
     resolver.answer("odd.test", AF_INET6, "10.9.8.7", AF_INET);
     CSockAddrIPv6 addr("2001:db8::1", 80);
-    EXPECT_EQ(addr.SetIp("odd.test"), 0);
-    EXPECT_EQ(textOf(addr), "2001:db8::1");
-    EXPECT_EQ(addr.GetPort(), 80);
+    EXPECT_EQ(0, addr.SetIp("odd.test"));
+    EXPECT_EQ("2001:db8::1", textOf(addr));
+    EXPECT_EQ(80, addr.GetPort());
 }
 
 TEST(SockAddrIPv6, UnknownNameFailsWithOneLine) {
@@ -176,51 +176,51 @@ TEST(SockAddrIPv6, UnknownNameFailsWithOneLine) {
     const LogCapture log;
     CSockAddrIPv6 addr("2001:db8::1", 80);
     errno = 0;
-    EXPECT_EQ(addr.SetIp("nowhere.test"), -1);
-    EXPECT_EQ(errno, EAI_NONAME);
+    EXPECT_EQ(-1, addr.SetIp("nowhere.test"));
+    EXPECT_EQ(EAI_NONAME, errno);
     EXPECT_THAT(texts(log), ElementsAre("2 getaddrinfo error:Name or service not known\n"));
-    EXPECT_EQ(addr.SetIp("fe80::1%nosuchlink"), -1);
-    EXPECT_EQ(addr.SetIp(nullptr), -1);
-    EXPECT_EQ(addr.SetIp(""), -1);
-    EXPECT_EQ(log.lines().size(), 4u);
+    EXPECT_EQ(-1, addr.SetIp("fe80::1%nosuchlink"));
+    EXPECT_EQ(-1, addr.SetIp(nullptr));
+    EXPECT_EQ(-1, addr.SetIp(""));
+    EXPECT_EQ(4u, log.lines().size());
 }
 
 TEST(SockAddrIPv6, SetAddrOfATextForgetsTheOldRecord) {
     const ResolverSeam resolver;
     const sockaddr_in6 sample = sampleRecord();
     CSockAddrIPv6 addr(&sample);
-    EXPECT_EQ(addr.SetAddr("nowhere.test", 90), -1);
+    EXPECT_EQ(-1, addr.SetAddr("nowhere.test", 90));
     const sockaddr_in6 record = recordOf(addr);
     EXPECT_TRUE(IN6_IS_ADDR_UNSPECIFIED(&record.sin6_addr));
-    EXPECT_EQ(record.sin6_port, 0);
-    EXPECT_EQ(record.sin6_scope_id, 0u);
-    EXPECT_EQ(addr.SetAddr("nowhere.test", 90, 3), -1);
-    EXPECT_EQ(addr.GetScopeID(), 0u);
-    EXPECT_EQ(addr.SetAddr("::3", 90, 3), 0);
-    EXPECT_EQ(addr.GetScopeID(), 3u);
+    EXPECT_EQ(0, record.sin6_port);
+    EXPECT_EQ(0u, record.sin6_scope_id);
+    EXPECT_EQ(-1, addr.SetAddr("nowhere.test", 90, 3));
+    EXPECT_EQ(0u, addr.GetScopeID());
+    EXPECT_EQ(0, addr.SetAddr("::3", 90, 3));
+    EXPECT_EQ(3u, addr.GetScopeID());
 }
 
 TEST(SockAddrIPv6, TakesARecordOfItsFamilyOnly) {
     sockaddr_in6 record = sampleRecord();
     CSockAddrIPv6 addr;
-    EXPECT_EQ(addr.SetAddr(&record), 0);
+    EXPECT_EQ(0, addr.SetAddr(&record));
     EXPECT_EQ(recordOf(addr).sin6_flowinfo, htonl(5));
-    EXPECT_EQ(addr.GetScopeID(), 6u);
-    EXPECT_EQ(addr.GetPort(), 80);
+    EXPECT_EQ(6u, addr.GetScopeID());
+    EXPECT_EQ(80, addr.GetPort());
     record.sin6_family = AF_INET;
     record.sin6_port = htons(81);
-    EXPECT_EQ(addr.SetAddr(&record), -1);
-    EXPECT_EQ(addr.SetAddr(static_cast<const sockaddr_in6*>(nullptr)), -1);
-    EXPECT_EQ(addr.GetPort(), 80);
-    EXPECT_EQ(textOf(CSockAddrIPv6(&record)), "::");
+    EXPECT_EQ(-1, addr.SetAddr(&record));
+    EXPECT_EQ(-1, addr.SetAddr(static_cast<const sockaddr_in6*>(nullptr)));
+    EXPECT_EQ(80, addr.GetPort());
+    EXPECT_EQ("::", textOf(CSockAddrIPv6(&record)));
 }
 
 TEST(SockAddrIPv6, PlainSettersReturnZero) {
     CSockAddrIPv6 addr;
-    EXPECT_EQ(addr.SetPort(80), 0);
-    EXPECT_EQ(addr.SetScopeID(4), 0);
-    EXPECT_EQ(addr.GetPort(), 80);
-    EXPECT_EQ(addr.GetScopeID(), 4u);
+    EXPECT_EQ(0, addr.SetPort(80));
+    EXPECT_EQ(0, addr.SetScopeID(4));
+    EXPECT_EQ(80, addr.GetPort());
+    EXPECT_EQ(4u, addr.GetScopeID());
 }
 
 TEST(SockAddrIPv6, CopiesTakeTheWholeRecord) {
@@ -229,9 +229,9 @@ TEST(SockAddrIPv6, CopiesTakeTheWholeRecord) {
     CSockAddrIPv6 copy(first);
     EXPECT_TRUE(copy == first);
     EXPECT_EQ(recordOf(copy).sin6_flowinfo, htonl(5));
-    EXPECT_EQ(copy.GetScopeID(), 6u);
+    EXPECT_EQ(6u, copy.GetScopeID());
     copy.SetPort(81);
-    EXPECT_EQ(first.GetPort(), 80);
+    EXPECT_EQ(80, first.GetPort());
     CSockAddrIPv6 assigned("::9", 9);
     assigned = copy;
     EXPECT_TRUE(assigned == copy);
@@ -245,22 +245,22 @@ TEST(SockAddrIPv6, TextNeedsABufferAndMoreThanSixteenBytes) {
     char text[64] = {};
     {
         const LogCapture log;
-        EXPECT_EQ(addr.GetIpStr(nullptr, 64), nullptr);
-        EXPECT_EQ(addr.GetIpStr(text, 16), nullptr);
+        EXPECT_EQ(nullptr, addr.GetIpStr(nullptr, 64));
+        EXPECT_EQ(nullptr, addr.GetIpStr(text, 16));
         EXPECT_EQ(addr.GetIpStr(text, 46), text);
-        EXPECT_STREQ(text, "2001:db8:1:2:3:4:5:6");
+        EXPECT_STREQ("2001:db8:1:2:3:4:5:6", text);
         EXPECT_THAT(texts(log), IsEmpty());
     }
     const LogCapture log;
-    EXPECT_EQ(addr.GetIpStr(text, 17), nullptr);
+    EXPECT_EQ(nullptr, addr.GetIpStr(text, 17));
     EXPECT_THAT(texts(log), ElementsAre("2 inet_ntop error\n"));
-    EXPECT_STREQ(CSockAddrIPv6("::1", 1).GetIpStr(text, 17), "::1");
+    EXPECT_STREQ("::1", CSockAddrIPv6("::1", 1).GetIpStr(text, 17));
 }
 
 TEST(SockAddrIPv6, RecordHasTwentyEightBytesAndNullGivesNull) {
     const CSockAddrIPv6 addr("::1", 1);
-    EXPECT_EQ(addr.GetAddrLen(), 28u);
-    EXPECT_EQ(addr.GetAddr(nullptr), nullptr);
+    EXPECT_EQ(28u, addr.GetAddrLen());
+    EXPECT_EQ(nullptr, addr.GetAddr(nullptr));
     sockaddr_in6 record{};
     EXPECT_EQ(addr.GetAddr(reinterpret_cast<sockaddr*>(&record)), reinterpret_cast<sockaddr*>(&record));
 }
@@ -285,16 +285,16 @@ TEST(SockAddrIPv6, WithoutMemoryNothingThrowsAndTheAddressStaysEmpty) {
     const Testing::NoMemory no_memory;
     CSockAddrIPv6 addr(&record);
     const CSockAddrIPv6 copy(addr);
-    EXPECT_EQ(addr.SetAddr("::1", 1), -1);
-    EXPECT_EQ(addr.SetAddr("::1", 1, 1), -1);
-    EXPECT_EQ(addr.SetAddr(&record), -1);
-    EXPECT_EQ(addr.SetIp("::1"), -1);
-    EXPECT_EQ(addr.SetPort(1), -1);
-    EXPECT_EQ(addr.SetScopeID(1), -1);
-    EXPECT_EQ(addr.GetPort(), 0);
-    EXPECT_EQ(addr.GetScopeID(), 0u);
-    EXPECT_EQ(addr.GetIpStr(text, sizeof text), nullptr);
-    EXPECT_EQ(addr.GetAddr(reinterpret_cast<sockaddr*>(&record)), nullptr);
+    EXPECT_EQ(-1, addr.SetAddr("::1", 1));
+    EXPECT_EQ(-1, addr.SetAddr("::1", 1, 1));
+    EXPECT_EQ(-1, addr.SetAddr(&record));
+    EXPECT_EQ(-1, addr.SetIp("::1"));
+    EXPECT_EQ(-1, addr.SetPort(1));
+    EXPECT_EQ(-1, addr.SetScopeID(1));
+    EXPECT_EQ(0, addr.GetPort());
+    EXPECT_EQ(0u, addr.GetScopeID());
+    EXPECT_EQ(nullptr, addr.GetIpStr(text, sizeof text));
+    EXPECT_EQ(nullptr, addr.GetAddr(reinterpret_cast<sockaddr*>(&record)));
     EXPECT_FALSE(addr.IsValid());
     EXPECT_FALSE(addr == copy);
 }
@@ -303,11 +303,11 @@ TEST(SockAddrIPv6, WithoutMemoryAHostNameIsNotResolved) {
     CSockAddrIPv6 addr;
     const Testing::NoMemory no_memory;
     errno = 0;
-    EXPECT_EQ(addr.SetIp("localhost"), -1);
-    EXPECT_EQ(errno, ENOMEM);
+    EXPECT_EQ(-1, addr.SetIp("localhost"));
+    EXPECT_EQ(ENOMEM, errno);
 }
 
-TEST(SockAddrIPv6DeathTest, DestructorAssertsItsType) {
+TEST(SockAddrIPv6Death, DestructorAssertsItsType) {
     ::testing::FLAGS_gtest_death_test_style = "threadsafe";
     EXPECT_DEATH(
         {

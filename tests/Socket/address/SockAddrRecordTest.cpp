@@ -16,16 +16,16 @@ namespace {
 
 TEST(SockAddrRecord, FamilyIsTheTypesOrForStorageTheKeptOne) {
     const SockAddrRecord ipv4(CSockAddrIPv4("10.0.0.1", 80));
-    EXPECT_EQ(ipv4.family(), AF_INET);
-    EXPECT_EQ(ipv4.length, 16u);
-    EXPECT_EQ(ipv4.port(), 80);
+    EXPECT_EQ(AF_INET, ipv4.family());
+    EXPECT_EQ(16u, ipv4.length);
+    EXPECT_EQ(80, ipv4.port());
     const SockAddrRecord ipv6(CSockAddrIPv6("::1", 81));
-    EXPECT_EQ(ipv6.family(), AF_INET6);
-    EXPECT_EQ(ipv6.length, 28u);
-    EXPECT_EQ(ipv6.port(), 81);
-    EXPECT_EQ(SockAddrRecord(CSockAddrStorage("10.0.0.1", 80)).family(), AF_INET);
-    EXPECT_EQ(SockAddrRecord(CSockAddrStorage("::1", 80)).family(), AF_INET6);
-    EXPECT_EQ(SockAddrRecord(CSockAddrStorage("::ffff:10.0.0.1", 80)).family(), AF_INET6);
+    EXPECT_EQ(AF_INET6, ipv6.family());
+    EXPECT_EQ(28u, ipv6.length);
+    EXPECT_EQ(81, ipv6.port());
+    EXPECT_EQ(AF_INET, SockAddrRecord(CSockAddrStorage("10.0.0.1", 80)).family());
+    EXPECT_EQ(AF_INET6, SockAddrRecord(CSockAddrStorage("::1", 80)).family());
+    EXPECT_EQ(AF_INET6, SockAddrRecord(CSockAddrStorage("::ffff:10.0.0.1", 80)).family());
 }
 
 TEST(SockAddrRecord, InvalidStorageHasNoFamily) {

@@ -55,99 +55,99 @@ TEST(SockAddrStorage, DefaultIsEmptyAndInvalid) {
     const LogCapture log;
     const CSockAddrStorage addr;
     sockaddr_storage record{};
-    EXPECT_EQ(addr.GetType(), 3u);
-    EXPECT_EQ(addr.GetRealType(), 0u);
-    EXPECT_EQ(addr.GetInputType(), 0u);
-    EXPECT_EQ(addr.GetAddrLen(), 0u);
-    EXPECT_EQ(addr.GetAddr(reinterpret_cast<sockaddr*>(&record)), nullptr);
-    EXPECT_EQ(addr.GetPort(), 0);
+    EXPECT_EQ(3u, addr.GetType());
+    EXPECT_EQ(0u, addr.GetRealType());
+    EXPECT_EQ(0u, addr.GetInputType());
+    EXPECT_EQ(0u, addr.GetAddrLen());
+    EXPECT_EQ(nullptr, addr.GetAddr(reinterpret_cast<sockaddr*>(&record)));
+    EXPECT_EQ(0, addr.GetPort());
     EXPECT_FALSE(addr.IsValid());
-    EXPECT_EQ(textOf(addr), "none");
+    EXPECT_EQ("none", textOf(addr));
     EXPECT_THAT(texts(log), IsEmpty());
 }
 
 TEST(SockAddrStorage, IPv4LiteralHasBothTypesOneAndSixteenBytes) {
     const CSockAddrStorage addr("10.0.0.7", 80);
-    EXPECT_EQ(addr.GetRealType(), 1u);
-    EXPECT_EQ(addr.GetInputType(), 1u);
-    EXPECT_EQ(addr.GetAddrLen(), 16u);
+    EXPECT_EQ(1u, addr.GetRealType());
+    EXPECT_EQ(1u, addr.GetInputType());
+    EXPECT_EQ(16u, addr.GetAddrLen());
     EXPECT_TRUE(addr.IsValid());
     const sockaddr_in record = recordIPv4(addr);
-    EXPECT_EQ(record.sin_family, AF_INET);
+    EXPECT_EQ(AF_INET, record.sin_family);
     EXPECT_EQ(record.sin_port, htons(80));
     EXPECT_EQ(record.sin_addr.s_addr, htonl(0x0A000007u));
 }
 
 TEST(SockAddrStorage, IPv6LiteralHasBothTypesTwoAndTwentyEightBytes) {
     const CSockAddrStorage addr("2001:db8::1", 80);
-    EXPECT_EQ(addr.GetRealType(), 2u);
-    EXPECT_EQ(addr.GetInputType(), 2u);
-    EXPECT_EQ(addr.GetAddrLen(), 28u);
+    EXPECT_EQ(2u, addr.GetRealType());
+    EXPECT_EQ(2u, addr.GetInputType());
+    EXPECT_EQ(28u, addr.GetAddrLen());
     EXPECT_TRUE(addr.IsValid());
     const sockaddr_in6 record = recordIPv6(addr);
-    EXPECT_EQ(record.sin6_family, AF_INET6);
+    EXPECT_EQ(AF_INET6, record.sin6_family);
     EXPECT_EQ(record.sin6_port, htons(80));
 }
 
 TEST(SockAddrStorage, MappedLiteralIsReallyIPv4AndKeptAsIPv6) {
     const CSockAddrStorage addr("::ffff:10.0.0.7", 80);
-    EXPECT_EQ(addr.GetRealType(), 1u);
-    EXPECT_EQ(addr.GetInputType(), 2u);
-    EXPECT_EQ(addr.GetAddrLen(), 28u);
+    EXPECT_EQ(1u, addr.GetRealType());
+    EXPECT_EQ(2u, addr.GetInputType());
+    EXPECT_EQ(28u, addr.GetAddrLen());
     const sockaddr_in6 record = recordIPv6(addr);
     EXPECT_TRUE(IN6_IS_ADDR_V4MAPPED(&record.sin6_addr));
-    EXPECT_EQ(record.sin6_addr.s6_addr[15], 7);
+    EXPECT_EQ(7, record.sin6_addr.s6_addr[15]);
 }
 
 TEST(SockAddrStorage, RecordOfAMappedLiteralHasThePortFromBefore) {
     CSockAddrStorage addr;
     addr.SetPort(8000);
-    EXPECT_EQ(addr.SetIp("::ffff:10.0.0.7"), 0);
+    EXPECT_EQ(0, addr.SetIp("::ffff:10.0.0.7"));
     EXPECT_EQ(recordIPv6(addr).sin6_port, htons(8000));
-    EXPECT_EQ(addr.SetPort(9000), 0);
-    EXPECT_EQ(addr.GetPort(), 9000);
+    EXPECT_EQ(0, addr.SetPort(9000));
+    EXPECT_EQ(9000, addr.GetPort());
     EXPECT_EQ(recordIPv6(addr).sin6_port, htons(8000));
-    EXPECT_EQ(recordIPv6(CSockAddrStorage("::ffff:10.0.0.7", 9000)).sin6_port, 0);
+    EXPECT_EQ(0, recordIPv6(CSockAddrStorage("::ffff:10.0.0.7", 9000)).sin6_port);
 }
 
 TEST(SockAddrStorage, PortIsWrittenToTheRecordOfTheRealType) {
     CSockAddrStorage addr("10.0.0.7", 80);
-    EXPECT_EQ(addr.SetPort(81), 0);
+    EXPECT_EQ(0, addr.SetPort(81));
     EXPECT_EQ(recordIPv4(addr).sin_port, htons(81));
-    EXPECT_EQ(addr.SetIp("10.0.0.8"), 0);
+    EXPECT_EQ(0, addr.SetIp("10.0.0.8"));
     EXPECT_EQ(recordIPv4(addr).sin_port, htons(81));
-    EXPECT_EQ(addr.SetIp("::1"), 0);
+    EXPECT_EQ(0, addr.SetIp("::1"));
     EXPECT_EQ(recordIPv6(addr).sin6_port, htons(81));
-    EXPECT_EQ(addr.SetPort(82), 0);
+    EXPECT_EQ(0, addr.SetPort(82));
     EXPECT_EQ(recordIPv6(addr).sin6_port, htons(82));
-    EXPECT_EQ(addr.GetPort(), 82);
+    EXPECT_EQ(82, addr.GetPort());
 }
 
 TEST(SockAddrStorage, PortShowsOnlyOnceTheAddressIsValid) {
     CSockAddrStorage addr;
-    EXPECT_EQ(addr.SetPort(80), 0);
-    EXPECT_EQ(addr.GetPort(), 0);
+    EXPECT_EQ(0, addr.SetPort(80));
+    EXPECT_EQ(0, addr.GetPort());
     addr.SetIp("10.0.0.7");
-    EXPECT_EQ(addr.GetPort(), 80);
+    EXPECT_EQ(80, addr.GetPort());
 }
 
 TEST(SockAddrStorage, TextIsReturnedAsItWasGiven) {
     ResolverSeam resolver;
     resolver.answer("Camera.Test", AF_INET, "10.9.8.7", AF_INET);
-    EXPECT_EQ(textOf(CSockAddrStorage("Camera.Test", 80)), "Camera.Test");
-    EXPECT_EQ(textOf(CSockAddrStorage("0:0::0:1", 80)), "0:0::0:1");
-    EXPECT_EQ(textOf(CSockAddrStorage("localhost", 80)), "localhost");
+    EXPECT_EQ("Camera.Test", textOf(CSockAddrStorage("Camera.Test", 80)));
+    EXPECT_EQ("0:0::0:1", textOf(CSockAddrStorage("0:0::0:1", 80)));
+    EXPECT_EQ("localhost", textOf(CSockAddrStorage("localhost", 80)));
 }
 
 TEST(SockAddrStorage, TextNeedsABufferThatHoldsItsEnd) {
     const CSockAddrStorage addr("10.0.0.7", 80);
     char text[32];
     std::memset(text, 'x', sizeof text);
-    EXPECT_EQ(addr.GetIpStr(nullptr, 32), nullptr);
-    EXPECT_EQ(addr.GetIpStr(text, 8), nullptr);
+    EXPECT_EQ(nullptr, addr.GetIpStr(nullptr, 32));
+    EXPECT_EQ(nullptr, addr.GetIpStr(text, 8));
     EXPECT_EQ(addr.GetIpStr(text, 9), text);
-    EXPECT_STREQ(text, "10.0.0.7");
-    EXPECT_EQ(text[9], 'x');
+    EXPECT_STREQ("10.0.0.7", text);
+    EXPECT_EQ('x', text[9]);
 }
 
 TEST(SockAddrStorage, TextIsCutAt127Characters) {
@@ -156,7 +156,7 @@ TEST(SockAddrStorage, TextIsCutAt127Characters) {
     resolver.answer(name, AF_INET, "10.9.8.7", AF_INET);
     const CSockAddrStorage addr(name.c_str(), 80);
     EXPECT_TRUE(addr.IsValid());
-    EXPECT_EQ(textOf(addr), std::string(127, 'n'));
+    EXPECT_EQ(std::string(127, 'n'), textOf(addr));
     EXPECT_TRUE(addr == CSockAddrStorage(addr));
 }
 
@@ -165,8 +165,8 @@ TEST(SockAddrStorage, NamePrefersIPv4) {
     resolver.answer("both.test", AF_INET, "10.9.8.7", AF_INET);
     resolver.answer("both.test", AF_INET6, "2001:db8::5", AF_INET6);
     const CSockAddrStorage addr("both.test", 80);
-    EXPECT_EQ(addr.GetRealType(), 1u);
-    EXPECT_EQ(addr.GetInputType(), 1u);
+    EXPECT_EQ(1u, addr.GetRealType());
+    EXPECT_EQ(1u, addr.GetInputType());
     EXPECT_EQ(recordIPv4(addr).sin_addr.s_addr, htonl(0x0A090807u));
 }
 
@@ -174,45 +174,45 @@ TEST(SockAddrStorage, NameWithIPv6AddressesOnlyHasBothTypesTwo) {
     ResolverSeam resolver;
     resolver.answer("six.test", AF_INET6, "2001:db8::5", AF_INET6);
     const CSockAddrStorage addr("six.test", 80);
-    EXPECT_EQ(addr.GetRealType(), 2u);
-    EXPECT_EQ(addr.GetInputType(), 2u);
+    EXPECT_EQ(2u, addr.GetRealType());
+    EXPECT_EQ(2u, addr.GetInputType());
     EXPECT_EQ(recordIPv6(addr).sin6_port, htons(80));
-    EXPECT_EQ(textOf(addr), "six.test");
+    EXPECT_EQ("six.test", textOf(addr));
 }
 
 TEST(SockAddrStorage, UnknownNameFailsAndIsInvalid) {
     const ResolverSeam resolver;
     CSockAddrStorage addr("10.0.0.7", 80);
-    EXPECT_EQ(addr.SetAddr("nowhere.test", 81), -1);
-    EXPECT_EQ(addr.GetRealType(), 0u);
-    EXPECT_EQ(addr.GetInputType(), 0u);
+    EXPECT_EQ(-1, addr.SetAddr("nowhere.test", 81));
+    EXPECT_EQ(0u, addr.GetRealType());
+    EXPECT_EQ(0u, addr.GetInputType());
     EXPECT_FALSE(addr.IsValid());
-    EXPECT_EQ(textOf(addr), "none");
+    EXPECT_EQ("none", textOf(addr));
 }
 
 TEST(SockAddrStorage, TextWithAColonIsNeverAskedForAsIPv4) {
     const ResolverSeam resolver;
     CSockAddrStorage addr;
-    EXPECT_EQ(addr.SetIp("no::literal::at::all"), -1);
-    EXPECT_EQ(addr.GetRealType(), 0u);
-    EXPECT_EQ(textOf(addr), "none");
-    EXPECT_EQ(resolver.questions(), 0u);
+    EXPECT_EQ(-1, addr.SetIp("no::literal::at::all"));
+    EXPECT_EQ(0u, addr.GetRealType());
+    EXPECT_EQ("none", textOf(addr));
+    EXPECT_EQ(0u, resolver.questions());
 }
 
 TEST(SockAddrStorage, NullTextIsRefusedAndChangesNoAddress) {
     CSockAddrStorage addr("10.0.0.7", 80);
-    EXPECT_EQ(addr.SetIp(nullptr), -1);
-    EXPECT_EQ(addr.SetAddr(static_cast<const char*>(nullptr), 80), -1);
-    EXPECT_EQ(textOf(addr), "10.0.0.7");
+    EXPECT_EQ(-1, addr.SetIp(nullptr));
+    EXPECT_EQ(-1, addr.SetAddr(static_cast<const char*>(nullptr), 80));
+    EXPECT_EQ("10.0.0.7", textOf(addr));
     EXPECT_TRUE(addr.IsValid());
 }
 
 TEST(SockAddrStorage, EmptyTextIsTheWildcardAndNotValid) {
     CSockAddrStorage addr;
-    EXPECT_EQ(addr.SetIp(""), 0);
-    EXPECT_EQ(addr.GetRealType(), 1u);
-    EXPECT_EQ(addr.GetInputType(), 0u);
-    EXPECT_EQ(addr.GetAddrLen(), 16u);
+    EXPECT_EQ(0, addr.SetIp(""));
+    EXPECT_EQ(1u, addr.GetRealType());
+    EXPECT_EQ(0u, addr.GetInputType());
+    EXPECT_EQ(16u, addr.GetAddrLen());
     EXPECT_FALSE(addr.IsValid());
 }
 
@@ -221,18 +221,18 @@ TEST(SockAddrStorage, TakesARecordOfEitherFamily) {
     sockaddr_in in{};
     ipv4.GetAddr(reinterpret_cast<sockaddr*>(&in));
     CSockAddrStorage addr;
-    EXPECT_EQ(addr.SetAddr(&in), 0);
-    EXPECT_EQ(textOf(addr), "10.0.0.7");
-    EXPECT_EQ(addr.GetPort(), 80);
-    EXPECT_EQ(addr.GetInputType(), 1u);
+    EXPECT_EQ(0, addr.SetAddr(&in));
+    EXPECT_EQ("10.0.0.7", textOf(addr));
+    EXPECT_EQ(80, addr.GetPort());
+    EXPECT_EQ(1u, addr.GetInputType());
 
     const CSockAddrIPv6 ipv6("2001:db8::1", 81);
     sockaddr_in6 in6{};
     ipv6.GetAddr(reinterpret_cast<sockaddr*>(&in6));
-    EXPECT_EQ(addr.SetAddr(reinterpret_cast<const sockaddr_in*>(&in6)), 0);
-    EXPECT_EQ(textOf(addr), "2001:db8::1");
-    EXPECT_EQ(addr.GetPort(), 81);
-    EXPECT_EQ(addr.GetInputType(), 2u);
+    EXPECT_EQ(0, addr.SetAddr(reinterpret_cast<const sockaddr_in*>(&in6)));
+    EXPECT_EQ("2001:db8::1", textOf(addr));
+    EXPECT_EQ(81, addr.GetPort());
+    EXPECT_EQ(2u, addr.GetInputType());
     EXPECT_EQ(recordIPv6(addr).sin6_port, htons(81));
 }
 
@@ -241,9 +241,9 @@ TEST(SockAddrStorage, RecordOfAMappedAddressKeepsItsPort) {
     sockaddr_in6 in6{};
     mapped.GetAddr(reinterpret_cast<sockaddr*>(&in6));
     CSockAddrStorage addr;
-    EXPECT_EQ(addr.SetAddr(reinterpret_cast<const sockaddr_in*>(&in6)), 0);
-    EXPECT_EQ(addr.GetRealType(), 1u);
-    EXPECT_EQ(addr.GetInputType(), 2u);
+    EXPECT_EQ(0, addr.SetAddr(reinterpret_cast<const sockaddr_in*>(&in6)));
+    EXPECT_EQ(1u, addr.GetRealType());
+    EXPECT_EQ(2u, addr.GetInputType());
     EXPECT_EQ(recordIPv6(addr).sin6_port, htons(82));
 }
 
@@ -252,18 +252,18 @@ TEST(SockAddrStorage, ScopeOfARecordIsKept) {
     sockaddr_in6 in6{};
     link_local.GetAddr(reinterpret_cast<sockaddr*>(&in6));
     CSockAddrStorage addr;
-    EXPECT_EQ(addr.SetAddr(reinterpret_cast<const sockaddr_in*>(&in6)), 0);
+    EXPECT_EQ(0, addr.SetAddr(reinterpret_cast<const sockaddr_in*>(&in6)));
     EXPECT_EQ(recordIPv6(addr).sin6_scope_id, if_nametoindex("lo"));
-    EXPECT_EQ(textOf(addr), "fe80::1%lo");
+    EXPECT_EQ("fe80::1%lo", textOf(addr));
 }
 
 TEST(SockAddrStorage, RecordsOfOtherFamiliesAndNullAreRefused) {
     sockaddr_in record{};
     record.sin_family = AF_UNIX;
     CSockAddrStorage addr("10.0.0.7", 80);
-    EXPECT_EQ(addr.SetAddr(&record), -1);
-    EXPECT_EQ(addr.SetAddr(static_cast<const sockaddr_in*>(nullptr)), -1);
-    EXPECT_EQ(textOf(addr), "10.0.0.7");
+    EXPECT_EQ(-1, addr.SetAddr(&record));
+    EXPECT_EQ(-1, addr.SetAddr(static_cast<const sockaddr_in*>(nullptr)));
+    EXPECT_EQ("10.0.0.7", textOf(addr));
 }
 
 TEST(SockAddrStorage, RecordThatCannotBeFormattedIsRefused) {
@@ -275,14 +275,14 @@ TEST(SockAddrStorage, RecordThatCannotBeFormattedIsRefused) {
     CSockAddrStorage addr;
     {
         const FailNext failure(SystemCall::inet_ntop, ENOSPC);
-        EXPECT_EQ(addr.SetAddr(&in), -1);
+        EXPECT_EQ(-1, addr.SetAddr(&in));
     }
     EXPECT_THAT(texts(log), ElementsAre("2 inet_ntop error\n"));
     {
         const FailNext failure(SystemCall::getnameinfo, EAI_MEMORY);
-        EXPECT_EQ(addr.SetAddr(reinterpret_cast<const sockaddr_in*>(&in6)), -1);
+        EXPECT_EQ(-1, addr.SetAddr(reinterpret_cast<const sockaddr_in*>(&in6)));
     }
-    EXPECT_EQ(log.lines().size(), 1u);
+    EXPECT_EQ(1u, log.lines().size());
 }
 
 TEST(SockAddrStorage, RealSockAddrIsNotSupported) {
@@ -296,7 +296,7 @@ TEST(SockAddrStorage, RealSockAddrIsNotSupported) {
 }
 
 TEST(SockAddrStorage, NullRecordBufferGivesNull) {
-    EXPECT_EQ(CSockAddrStorage("10.0.0.7", 80).GetAddr(nullptr), nullptr);
+    EXPECT_EQ(nullptr, CSockAddrStorage("10.0.0.7", 80).GetAddr(nullptr));
 }
 
 TEST(SockAddrStorage, EqualNeedsTheSameTextAndPort) {
@@ -317,8 +317,8 @@ TEST(SockAddrStorage, CopiesTakeEveryField) {
     first.SetPort(9000);
     const CSockAddrStorage copy(first);
     EXPECT_TRUE(copy == first);
-    EXPECT_EQ(copy.GetRealType(), 1u);
-    EXPECT_EQ(copy.GetPort(), 9000);
+    EXPECT_EQ(1u, copy.GetRealType());
+    EXPECT_EQ(9000, copy.GetPort());
     EXPECT_EQ(recordIPv6(copy).sin6_port, htons(8000));
     CSockAddrStorage assigned("10.0.0.1", 1);
     assigned = copy;
@@ -327,7 +327,7 @@ TEST(SockAddrStorage, CopiesTakeEveryField) {
     assigned = self;
     EXPECT_TRUE(assigned == copy);
     first.SetPort(1);
-    EXPECT_EQ(copy.GetPort(), 9000);
+    EXPECT_EQ(9000, copy.GetPort());
 }
 
 TEST(SockAddrStorage, WithoutMemoryNothingThrowsAndTheAddressStaysEmpty) {
@@ -336,13 +336,13 @@ TEST(SockAddrStorage, WithoutMemoryNothingThrowsAndTheAddressStaysEmpty) {
     CSockAddrStorage addr("10.0.0.1", 80);
     CSockAddrStorage copy(addr);
     copy = addr;
-    EXPECT_EQ(addr.SetAddr("10.0.0.1", 1), -1);
-    EXPECT_EQ(addr.SetPort(1), -1);
-    EXPECT_EQ(addr.GetRealType(), 0u);
-    EXPECT_EQ(addr.GetInputType(), 0u);
-    EXPECT_EQ(addr.GetAddrLen(), 0u);
-    EXPECT_EQ(addr.GetPort(), 0);
-    EXPECT_EQ(addr.GetIpStr(text, sizeof text), nullptr);
+    EXPECT_EQ(-1, addr.SetAddr("10.0.0.1", 1));
+    EXPECT_EQ(-1, addr.SetPort(1));
+    EXPECT_EQ(0u, addr.GetRealType());
+    EXPECT_EQ(0u, addr.GetInputType());
+    EXPECT_EQ(0u, addr.GetAddrLen());
+    EXPECT_EQ(0, addr.GetPort());
+    EXPECT_EQ(nullptr, addr.GetIpStr(text, sizeof text));
     EXPECT_FALSE(addr.IsValid());
     EXPECT_FALSE(addr == copy);
 }

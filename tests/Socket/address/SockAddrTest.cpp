@@ -30,21 +30,21 @@ static_assert(SOCKADDR_TYPE_UNKNOWN == 0 && SOCKADDR_TYPE_IPV4 == 1 && SOCKADDR_
               SOCKADDR_TYPE_STORAGE == 3);
 
 TEST(SockAddr, TypeCodesTellTheClasses) {
-    EXPECT_EQ(CUnknownAddr().GetType(), 0u);
-    EXPECT_EQ(CSockAddrIPv4().GetType(), 1u);
-    EXPECT_EQ(CSockAddrIPv6().GetType(), 2u);
-    EXPECT_EQ(CSockAddrStorage().GetType(), 3u);
+    EXPECT_EQ(0u, CUnknownAddr().GetType());
+    EXPECT_EQ(1u, CSockAddrIPv4().GetType());
+    EXPECT_EQ(2u, CSockAddrIPv6().GetType());
+    EXPECT_EQ(3u, CSockAddrStorage().GetType());
 }
 
 TEST(SockAddr, CopyingThroughTheBaseCopiesTheTypeCodeOnly) {
     CSockAddrIPv4 target(0x0A000001u, 80);
     const CUnknownAddr source;
     static_cast<CSockAddr&>(target) = source;
-    EXPECT_EQ(target.GetType(), 0u);
-    EXPECT_EQ(target.GetIp(), 0x0A000001u);
-    EXPECT_EQ(target.GetPort(), 80);
+    EXPECT_EQ(0u, target.GetType());
+    EXPECT_EQ(0x0A000001u, target.GetIp());
+    EXPECT_EQ(80, target.GetPort());
     const CUnknownAddr copy(source);
-    EXPECT_EQ(copy.GetType(), 0u);
+    EXPECT_EQ(0u, copy.GetType());
 }
 
 TEST(SockAddr, ReservedPortsAreTheListedOnesAndNoOthers) {

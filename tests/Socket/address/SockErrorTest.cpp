@@ -20,27 +20,27 @@ namespace Orvex::Reticor {
 namespace {
 
 TEST(SockError, TextIsTheSystems) {
-    EXPECT_EQ(GetSockErrorText(ECONNREFUSED), "Connection refused");
-    EXPECT_EQ(GetSockErrorText(EBADF), "Bad file descriptor");
-    EXPECT_EQ(GetSockErrorText(123456), "Unknown error 123456");
+    EXPECT_EQ("Connection refused", GetSockErrorText(ECONNREFUSED));
+    EXPECT_EQ("Bad file descriptor", GetSockErrorText(EBADF));
+    EXPECT_EQ("Unknown error 123456", GetSockErrorText(123456));
 }
 
 TEST(SockError, CodesOfLookUpsHaveTextsToo) {
-    EXPECT_EQ(GetSockErrorText(EAI_NONAME), "Name or service not known");
-    EXPECT_EQ(GetSockErrorText(EAI_AGAIN), "Temporary failure in name resolution");
+    EXPECT_EQ("Name or service not known", GetSockErrorText(EAI_NONAME));
+    EXPECT_EQ("Temporary failure in name resolution", GetSockErrorText(EAI_AGAIN));
 }
 
 TEST(SockError, TextLeavesErrnoAlone) {
     errno = EPIPE;
     GetSockErrorText(123456);
-    EXPECT_EQ(errno, EPIPE);
+    EXPECT_EQ(EPIPE, errno);
 }
 
 TEST(SockError, WithoutMemoryTheTextIsEmptyAndErrnoLeftAlone) {
     const Testing::NoMemory no_memory;
     errno = EPIPE;
     EXPECT_TRUE(GetSockErrorText(EAFNOSUPPORT).empty());
-    EXPECT_EQ(errno, EPIPE);
+    EXPECT_EQ(EPIPE, errno);
 }
 
 TEST(SockError, ThreadsDoNotShareTheirTexts) {
@@ -63,8 +63,8 @@ TEST(SockError, ThreadsDoNotShareTheirTexts) {
 
 TEST(SockError, FailingKeepsTheErrorForTheCaller) {
     errno = 0;
-    EXPECT_EQ(fail_with(ECONNRESET), -1);
-    EXPECT_EQ(errno, ECONNRESET);
+    EXPECT_EQ(-1, fail_with(ECONNRESET));
+    EXPECT_EQ(ECONNRESET, errno);
 }
 
 TEST(SockError, TryAgainMeansWouldBlockOrInterrupted) {

@@ -26,7 +26,7 @@ TEST(CloseCount, ClosingRaisesTheCountOfThatNumberOnly) {
     const int handle = newHandle();
     const std::uint32_t before = closeCount(handle);
     const std::uint32_t neighbour = closeCount(handle + 1);
-    EXPECT_EQ(closeCounted(handle), 0);
+    EXPECT_EQ(0, closeCounted(handle));
     EXPECT_FALSE(Testing::isOpen(handle));
     EXPECT_EQ(closeCount(handle), before + 1);
     EXPECT_EQ(closeCount(handle + 1), neighbour);
@@ -43,8 +43,8 @@ TEST(CloseCount, NumbersShareCountersModuloTheTable) {
 
 TEST(CloseCount, DeadNumbersAreReportedAndHarmless) {
     errno = 0;
-    EXPECT_EQ(closeCounted(-1), -1);
-    EXPECT_EQ(errno, EBADF);
+    EXPECT_EQ(-1, closeCounted(-1));
+    EXPECT_EQ(EBADF, errno);
     closeCount(-1);
     closeCount(0x7FFFFFFF);
 }
@@ -54,31 +54,31 @@ TEST(CloseCount, EveryCloseOfASocketIsCounted) {
     std::uint32_t count = closeCount(handle);
     {
         CSock sock;
-        ASSERT_EQ(sock.Attach(handle), 0);
+        ASSERT_EQ(0, sock.Attach(handle));
         sock.Close();
         EXPECT_EQ(closeCount(handle), ++count) << "Close";
         ASSERT_EQ(newHandle(), handle);
-        ASSERT_EQ(sock.Attach(handle), 0);
+        ASSERT_EQ(0, sock.Attach(handle));
     }
     EXPECT_EQ(closeCount(handle), ++count) << "destructor";
 
     CSock unreachable;
     const CSockAddrIPv4 nobody("127.0.0.1", Testing::refusingPort(unreachable));
     CSockStream stream;
-    ASSERT_EQ(stream.Connect(nobody, nullptr), 0);
+    ASSERT_EQ(0, stream.Connect(nobody, nullptr));
     const int first = stream.GetHandle();
     count = closeCount(first);
-    ASSERT_EQ(stream.Connect(nobody, nullptr), 0);
+    ASSERT_EQ(0, stream.Connect(nobody, nullptr));
     EXPECT_EQ(closeCount(first), ++count) << "reconnect";
     stream.SetBlockOpt(true);
-    EXPECT_EQ(stream.Connect(nobody, nullptr), -1);
+    EXPECT_EQ(-1, stream.Connect(nobody, nullptr));
     EXPECT_EQ(closeCount(first), count + 2) << "reconnect and failed connect";
 
     CSockAcceptor acceptor;
-    ASSERT_NE(Testing::openOnLoopback(acceptor), 0);
+    ASSERT_NE(0, Testing::openOnLoopback(acceptor));
     const int listening = acceptor.GetHandle();
     count = closeCount(listening);
-    EXPECT_EQ(acceptor.Open(CSockAddrStorage()), -1);
+    EXPECT_EQ(-1, acceptor.Open(CSockAddrStorage()));
     EXPECT_EQ(closeCount(listening), ++count) << "Open";
 }
 

@@ -44,20 +44,20 @@ template <typename Value = int>
 Value optionOf(const CSock& sock, int level, int option) {
     Value value{};
     socklen_t length = sizeof value;
-    EXPECT_EQ(::getsockopt(sock.GetHandle(), level, option, &value, &length), 0);
+    EXPECT_EQ(0, ::getsockopt(sock.GetHandle(), level, option, &value, &length));
     return value;
 }
 
 unsigned short portOf(CSockDgram& sock) {
     CSockAddrStorage local;
-    EXPECT_EQ(sock.GetLocalAddr(&local), 0);
+    EXPECT_EQ(0, sock.GetLocalAddr(&local));
     return local.GetPort();
 }
 
 std::string ipOf(CSockDgram& sock) {
     CSockAddrStorage local;
     char text[64] = "";
-    EXPECT_EQ(sock.GetLocalAddr(&local), 0);
+    EXPECT_EQ(0, sock.GetLocalAddr(&local));
     return local.GetIpStr(text, sizeof text);
 }
 
@@ -81,13 +81,13 @@ protected:
             return true;
         }
         EXPECT_FALSE(net.made()) << log.dump();
-        EXPECT_EQ(log.countMatching(2,
+        EXPECT_EQ(1u,
+                  log.countMatching(2,
                                     "Orvex::Reticor::CSockDgram::Open : (IP_ADD_MEMBERSHIP|IPV6_JOIN_GROUP) "
-                                    "failed, .*\n"),
-                  1u)
+                                    "failed, .*\n"))
             << log.dump();
         EXPECT_TRUE(sock.IsValid()) << "the next Open closes it";
-        EXPECT_NE(portOf(sock), 0) << "it was bound before";
+        EXPECT_NE(0, portOf(sock)) << "it was bound before";
         return false;
     }
 
@@ -99,16 +99,16 @@ TEST_F(DgramGroups, GroupIsBoundToTheWildcardAndJoined) {
     if (!opens(first, CSockAddrIPv4("224.0.0.1", 0))) {
         return;
     }
-    EXPECT_EQ(ipOf(first), "0.0.0.0");
-    EXPECT_EQ(first.SetMulticastLoop(true), 0) << "which needs a group";
+    EXPECT_EQ("0.0.0.0", ipOf(first));
+    EXPECT_EQ(0, first.SetMulticastLoop(true)) << "which needs a group";
     CSockDgram last;
     ASSERT_TRUE(opens(last, CSockAddrIPv4("239.255.255.255", 0)));
-    EXPECT_EQ(ipOf(last), "0.0.0.0");
-    EXPECT_EQ(last.SetMulticastLoop(true), 0);
+    EXPECT_EQ("0.0.0.0", ipOf(last));
+    EXPECT_EQ(0, last.SetMulticastLoop(true));
     CSockDgram ipv6;
     ASSERT_TRUE(opens(ipv6, CSockAddrIPv6(GROUP6, 0)));
-    EXPECT_EQ(ipOf(ipv6), "::");
-    EXPECT_EQ(ipv6.SetMulticastLoop(true), 0);
+    EXPECT_EQ("::", ipOf(ipv6));
+    EXPECT_EQ(0, ipv6.SetMulticastLoop(true));
 }
 
 TEST_F(DgramGroups, AddressBehindTheGroupsIsBoundAsAPlainOne) {
@@ -116,10 +116,10 @@ TEST_F(DgramGroups, AddressBehindTheGroupsIsBoundAsAPlainOne) {
     const CSockAddrIPv4 above("240.0.0.1", 0);
     const CSockAddrIPv4 below("223.255.255.255", 0);
     const LogCapture log;
-    EXPECT_EQ(sock.Open(&above), -1);
-    EXPECT_EQ(errno, EADDRNOTAVAIL) << "bound to itself, and it is nobody's";
-    EXPECT_EQ(sock.Open(&below), -1);
-    EXPECT_EQ(errno, EADDRNOTAVAIL);
+    EXPECT_EQ(-1, sock.Open(&above));
+    EXPECT_EQ(EADDRNOTAVAIL, errno) << "bound to itself, and it is nobody's";
+    EXPECT_EQ(-1, sock.Open(&below));
+    EXPECT_EQ(EADDRNOTAVAIL, errno);
     const std::string line =
         std::string(START) + "Open : bind failed! This port is 0 Cannot assign requested address\n";
     EXPECT_THAT(texts(log), ElementsAre(line, line));
@@ -130,13 +130,13 @@ TEST_F(DgramGroups, StorageAddressOfAGroupJoinsInTheFamilyInWhichItIsKept) {
     if (!opens(ipv4, CSockAddrStorage(GROUP4, 0))) {
         return;
     }
-    EXPECT_EQ(optionOf(ipv4, SOL_SOCKET, SO_DOMAIN), AF_INET);
-    EXPECT_EQ(ipOf(ipv4), "0.0.0.0");
-    EXPECT_EQ(ipv4.SetMulticastLoop(true), 0);
+    EXPECT_EQ(AF_INET, optionOf(ipv4, SOL_SOCKET, SO_DOMAIN));
+    EXPECT_EQ("0.0.0.0", ipOf(ipv4));
+    EXPECT_EQ(0, ipv4.SetMulticastLoop(true));
     CSockDgram ipv6;
     ASSERT_TRUE(opens(ipv6, CSockAddrStorage(GROUP6, 0)));
-    EXPECT_EQ(optionOf(ipv6, SOL_SOCKET, SO_DOMAIN), AF_INET6);
-    EXPECT_EQ(ipv6.SetMulticastLoop(true), 0);
+    EXPECT_EQ(AF_INET6, optionOf(ipv6, SOL_SOCKET, SO_DOMAIN));
+    EXPECT_EQ(0, ipv6.SetMulticastLoop(true));
 }
 
 TEST_F(DgramGroups, DatagramsReachEveryoneWhoJoinedOnThePort) {
@@ -150,14 +150,14 @@ TEST_F(DgramGroups, DatagramsReachEveryoneWhoJoinedOnThePort) {
         CSockDgram third;
         const LogCapture log;
         const CSockAddrStorage group(text, 5004);
-        EXPECT_EQ(third.Open(&group), -1) << "who does not share has the port alone";
+        EXPECT_EQ(-1, third.Open(&group)) << "who does not share has the port alone";
         CSockDgram sender;
-        ASSERT_EQ(sender.Open(text == GROUP4 ? nullptr : &group, text != GROUP4), 0);
-        ASSERT_EQ(sender.SetRemote(&group), 0);
-        EXPECT_EQ(sender.Send("to all", 6, nullptr), 6);
-        EXPECT_EQ(receive(first), "to all");
+        ASSERT_EQ(0, sender.Open(text == GROUP4 ? nullptr : &group, text != GROUP4));
+        ASSERT_EQ(0, sender.SetRemote(&group));
+        EXPECT_EQ(6, sender.Send("to all", 6, nullptr));
+        EXPECT_EQ("to all", receive(first));
         CSockAddrStorage from;
-        EXPECT_EQ(receive(second, &from), "to all");
+        EXPECT_EQ("to all", receive(second, &from));
         EXPECT_TRUE(from.IsValid());
     }
 }
@@ -174,17 +174,17 @@ TEST_F(DgramGroups, GroupsThatOthersJoinedAreNotReceived) {
         CSockDgram elsewhere;
         ASSERT_TRUE(opens(elsewhere, other, true));
         CSockDgram bystander;
-        ASSERT_EQ(bystander.Open(&wildcard, true), 0);
+        ASSERT_EQ(0, bystander.Open(&wildcard, true));
         CSockDgram sender;
         const CSockAddrStorage any(ipv6 ? "::" : "0.0.0.0", 0);
-        ASSERT_EQ(sender.Open(&any), 0);
-        EXPECT_EQ(sender.Send("members", 7, &group), 7);
-        EXPECT_EQ(receive(member), "members");
+        ASSERT_EQ(0, sender.Open(&any));
+        EXPECT_EQ(7, sender.Send("members", 7, &group));
+        EXPECT_EQ("members", receive(member));
         // Datagrams of one sender keep their order, so what was for members only would have come before this.
-        EXPECT_EQ(sender.Send("others", 6, &other), 6);
-        EXPECT_EQ(receive(elsewhere), "others");
+        EXPECT_EQ(6, sender.Send("others", 6, &other));
+        EXPECT_EQ("others", receive(elsewhere));
         char byte = 0;
-        EXPECT_EQ(bystander.Recv(&byte, 1, nullptr), 0);
+        EXPECT_EQ(0, bystander.Recv(&byte, 1, nullptr));
     }
 }
 
@@ -193,15 +193,15 @@ TEST_F(DgramGroups, PeerThatIsAGroupIsNotConnected) {
         CSockDgram sock;
         const CSockAddrStorage group(text, 5004);
         const CSockAddrStorage any(text == GROUP4 ? "0.0.0.0" : "::", 0);
-        ASSERT_EQ(sock.Open(&any), 0);
-        ASSERT_EQ(sock.SetRemote(&group), 0);
+        ASSERT_EQ(0, sock.Open(&any));
+        ASSERT_EQ(0, sock.SetRemote(&group));
         const LogCapture log;
         const iovec piece{const_cast<char*>("x"), 1};
-        EXPECT_EQ(sock.WriteV(&piece, 1), -1) << "a gather write names no peer";
+        EXPECT_EQ(-1, sock.WriteV(&piece, 1)) << "a gather write names no peer";
         EXPECT_THAT(texts(log),
                     ElementsAre(std::string(START) + "WriteV : send failed! Destination address required\n"));
         if (net.made()) {
-            EXPECT_EQ(sock.Send("x", 1, nullptr), 1);
+            EXPECT_EQ(1, sock.Send("x", 1, nullptr));
         }
     }
 }
@@ -213,10 +213,10 @@ TEST_F(DgramGroups, JoinThatIsRefusedLeavesABoundSocketWithoutAGroup) {
         const LogCapture log;
         // In front of it go the options that keep the groups of others away.
         const FailNext fail(SystemCall::setsockopt, ENOBUFS, text == GROUP4 ? 1 : 2);
-        EXPECT_EQ(sock.Open(&group), -1);
-        EXPECT_EQ(errno, ENOBUFS);
-        EXPECT_NE(portOf(sock), 0);
-        EXPECT_EQ(sock.SetMulticastLoop(true), -1);
+        EXPECT_EQ(-1, sock.Open(&group));
+        EXPECT_EQ(ENOBUFS, errno);
+        EXPECT_NE(0, portOf(sock));
+        EXPECT_EQ(-1, sock.SetMulticastLoop(true));
         EXPECT_EQ(texts(log)[0], std::string(START) +
                                      "Open : " + (text == GROUP4 ? "IP_ADD_MEMBERSHIP" : "IPV6_JOIN_GROUP") +
                                      " failed, No buffer space available\n");
@@ -228,10 +228,10 @@ TEST_F(DgramGroups, SecondOpenForgetsTheGroup) {
     if (!opens(sock, CSockAddrIPv4(GROUP4, 0))) {
         return;
     }
-    ASSERT_EQ(sock.Open(nullptr), 0);
+    ASSERT_EQ(0, sock.Open(nullptr));
     const LogCapture log;
-    EXPECT_EQ(sock.SetMulticastLoop(true), -1);
-    EXPECT_EQ(sock.SetMulticastIF(0x7F000001u), -1);
+    EXPECT_EQ(-1, sock.SetMulticastLoop(true));
+    EXPECT_EQ(-1, sock.SetMulticastIF(0x7F000001u));
     EXPECT_THAT(texts(log),
                 ElementsAre(std::string(START) +
                             "SetMulticastLoop : IP_MULTICAST_LOOP failed, multicast addr:(nil)\n"));
@@ -242,19 +242,19 @@ TEST_F(DgramGroups, MembershipMovesToAnotherInterfaceOnce) {
     if (!opens(sock, CSockAddrIPv4(GROUP4, 0)) || !net.made()) {
         return;
     }
-    EXPECT_EQ(sock.SetMulticastIF(MulticastNet::SECOND_IPV4), 0);
+    EXPECT_EQ(0, sock.SetMulticastIF(MulticastNet::SECOND_IPV4));
     EXPECT_EQ(ntohl(optionOf<in_addr>(sock, IPPROTO_IP, IP_MULTICAST_IF).s_addr),
               CSockAddrIPv4(MulticastNet::SECOND_IPV4, 0).GetIp());
     // Only what comes in on the second interface is for this socket now.
     const CSockAddrIPv4 group(GROUP4, portOf(sock));
     CSockDgram sender;
     sender.Open(nullptr);
-    EXPECT_EQ(sender.Send("first", 5, &group), 5);
-    EXPECT_EQ(sock.Send("second", 6, &group), 6);
-    EXPECT_EQ(receive(sock), "second");
+    EXPECT_EQ(5, sender.Send("first", 5, &group));
+    EXPECT_EQ(6, sock.Send("second", 6, &group));
+    EXPECT_EQ("second", receive(sock));
     const LogCapture log;
-    EXPECT_EQ(sock.SetMulticastIF(CSockAddrIPv4(MulticastNet::FIRST_IPV4, 0).GetIp()), -1);
-    EXPECT_EQ(errno, EADDRNOTAVAIL);
+    EXPECT_EQ(-1, sock.SetMulticastIF(CSockAddrIPv4(MulticastNet::FIRST_IPV4, 0).GetIp()));
+    EXPECT_EQ(EADDRNOTAVAIL, errno);
     EXPECT_THAT(texts(log), ElementsAre(std::string(START) +
                                         "SetMulticastIF : IP_DROP_MEMBERSHIP failed,errno:99, errmsg Cannot "
                                         "assign requested address\n"));
@@ -328,8 +328,8 @@ TEST_F(DgramGroups, EachRefusedStepOfAMoveIsLogged) {
         }
         const LogCapture log;
         const FailNext fail(SystemCall::setsockopt, ENOBUFS, step);
-        EXPECT_EQ(sock.SetMulticastIF(MulticastNet::SECOND_IPV4), -1);
-        EXPECT_EQ(errno, ENOBUFS);
+        EXPECT_EQ(-1, sock.SetMulticastIF(MulticastNet::SECOND_IPV4));
+        EXPECT_EQ(ENOBUFS, errno);
         EXPECT_THAT(texts(log), ElementsAre(std::string(START) + "SetMulticastIF : " + lines[step]));
     }
 }
@@ -340,9 +340,9 @@ TEST_F(DgramGroups, InterfaceIsNamedByADottedAddress) {
         return;
     }
     const LogCapture log;
-    EXPECT_EQ(sock.SetMulticastIF(static_cast<const char*>(nullptr)), -1);
-    EXPECT_EQ(sock.SetMulticastIF("localhost"), -1);
-    EXPECT_EQ(sock.SetMulticastIF("::1"), -1);
+    EXPECT_EQ(-1, sock.SetMulticastIF(static_cast<const char*>(nullptr)));
+    EXPECT_EQ(-1, sock.SetMulticastIF("localhost"));
+    EXPECT_EQ(-1, sock.SetMulticastIF("::1"));
     const std::string line = std::string(START) + "SetMulticastIF : inet_pton failed,, Invalid argument\n";
     EXPECT_THAT(texts(log), ElementsAre(line, line));
 }
@@ -352,44 +352,43 @@ TEST_F(DgramGroups, IPv6GroupTakesAnyTextAndStaysOnTheDefaultInterface) {
     if (!opens(sock, CSockAddrIPv6(GROUP6, 0))) {
         return;
     }
-    EXPECT_EQ(sock.SetMulticastIF("not looked at"), 0);
-    EXPECT_EQ(optionOf(sock, IPPROTO_IPV6, IPV6_MULTICAST_IF), 0);
+    EXPECT_EQ(0, sock.SetMulticastIF("not looked at"));
+    EXPECT_EQ(0, optionOf(sock, IPPROTO_IPV6, IPV6_MULTICAST_IF));
     const LogCapture log;
     {
         const FailNext fail(SystemCall::setsockopt, ENOBUFS);
-        EXPECT_EQ(sock.SetMulticastIF(""), -1);
+        EXPECT_EQ(-1, sock.SetMulticastIF(""));
     }
-    EXPECT_EQ(sock.SetMulticastIF(0x0A4D0101u), -1) << "an IPv4 address names no interface to it";
+    EXPECT_EQ(-1, sock.SetMulticastIF(0x0A4D0101u)) << "an IPv4 address names no interface to it";
     EXPECT_EQ(texts(log)[0],
               std::string(START) + "SetMulticastIF : IPV6_MULTICAST_IF faied, No buffer space available\n");
-    EXPECT_EQ(
-        log.countMatching(2, "Orvex::Reticor::CSockDgram::SetMulticastIF : IP_DROP_MEMBERSHIP failed,.*\n"),
-        1u);
+    EXPECT_EQ(1u, log.countMatching(
+                      2, "Orvex::Reticor::CSockDgram::SetMulticastIF : IP_DROP_MEMBERSHIP failed,.*\n"));
 }
 
 TEST_F(DgramGroups, InterfaceNeedsAGroup) {
     CSockDgram sock;
     sock.Open(nullptr);
     const LogCapture log;
-    EXPECT_EQ(sock.SetMulticastIF("127.0.0.1"), -1);
-    EXPECT_EQ(sock.SetMulticastIF(0x7F000001u), -1);
+    EXPECT_EQ(-1, sock.SetMulticastIF("127.0.0.1"));
+    EXPECT_EQ(-1, sock.SetMulticastIF(0x7F000001u));
     EXPECT_THAT(texts(log), IsEmpty());
 }
 
 TEST_F(DgramGroups, HopsNeedNoGroup) {
     CSockDgram ipv4;
     ipv4.Open(nullptr);
-    EXPECT_EQ(ipv4.SetMulticastTTL(37), 0);
-    EXPECT_EQ(optionOf(ipv4, IPPROTO_IP, IP_MULTICAST_TTL), 37);
+    EXPECT_EQ(0, ipv4.SetMulticastTTL(37));
+    EXPECT_EQ(37, optionOf(ipv4, IPPROTO_IP, IP_MULTICAST_TTL));
     CSockDgram ipv6;
     const CSockAddrIPv6 any("::", 0);
-    ASSERT_EQ(ipv6.Open(&any), 0);
-    EXPECT_EQ(ipv6.SetMulticastTTL(255), 0);
-    EXPECT_EQ(optionOf(ipv6, IPPROTO_IPV6, IPV6_MULTICAST_HOPS), 255);
+    ASSERT_EQ(0, ipv6.Open(&any));
+    EXPECT_EQ(0, ipv6.SetMulticastTTL(255));
+    EXPECT_EQ(255, optionOf(ipv6, IPPROTO_IPV6, IPV6_MULTICAST_HOPS));
     const LogCapture log;
     for (CSockDgram* sock : {&ipv4, &ipv6}) {
         const FailNext fail(SystemCall::setsockopt, ENOBUFS);
-        EXPECT_EQ(sock->SetMulticastTTL(1), -1);
+        EXPECT_EQ(-1, sock->SetMulticastTTL(1));
     }
     EXPECT_THAT(
         texts(log),
@@ -402,10 +401,10 @@ TEST_F(DgramGroups, HopsNeedNoGroup) {
 TEST_F(DgramGroups, LoopNeedsAGroup) {
     CSockDgram sock;
     const LogCapture log;
-    EXPECT_EQ(sock.SetMulticastLoop(true), -1) << "before Open, too";
+    EXPECT_EQ(-1, sock.SetMulticastLoop(true)) << "before Open, too";
     sock.Open(nullptr);
-    EXPECT_EQ(sock.SetMulticastLoop(false), -1);
-    EXPECT_EQ(sock.SetMulticastTTL(2), 0);
+    EXPECT_EQ(-1, sock.SetMulticastLoop(false));
+    EXPECT_EQ(0, sock.SetMulticastTTL(2));
     const std::string line =
         std::string(START) + "SetMulticastLoop : IP_MULTICAST_LOOP failed, multicast addr:(nil)\n";
     EXPECT_THAT(texts(log), ElementsAre(line, line));
@@ -420,13 +419,13 @@ TEST_F(DgramGroups, LoopIsSwitchedInEachFamily) {
         }
         const int level = ipv4 ? IPPROTO_IP : IPPROTO_IPV6;
         const int option = ipv4 ? IP_MULTICAST_LOOP : IPV6_MULTICAST_LOOP;
-        EXPECT_EQ(sock.SetMulticastLoop(false), 0);
-        EXPECT_EQ(optionOf(sock, level, option), 0);
-        EXPECT_EQ(sock.SetMulticastLoop(true), 0);
-        EXPECT_EQ(optionOf(sock, level, option), 1);
+        EXPECT_EQ(0, sock.SetMulticastLoop(false));
+        EXPECT_EQ(0, optionOf(sock, level, option));
+        EXPECT_EQ(0, sock.SetMulticastLoop(true));
+        EXPECT_EQ(1, optionOf(sock, level, option));
         const LogCapture log;
         const FailNext fail(SystemCall::setsockopt, ENOBUFS);
-        EXPECT_EQ(sock.SetMulticastLoop(true), -1);
+        EXPECT_EQ(-1, sock.SetMulticastLoop(true));
         EXPECT_THAT(texts(log),
                     ElementsAre(std::string(START) + "SetMulticastLoop : " + (ipv4 ? "IP" : "IPV6") +
                                 "_MULTICAST_LOOP failed, No buffer space available\n"));

@@ -30,8 +30,8 @@ int sendBytes(CSimulatorStream& simulator, unsigned length) {
 
 TEST(SimulatorStream, IsOfItsOwnTypeAndHoldsNoHandle) {
     const CSimulatorStream simulator;
-    EXPECT_EQ(simulator.GetType(), 4u);
-    EXPECT_EQ(simulator.GetHandle(), -1);
+    EXPECT_EQ(4u, simulator.GetType());
+    EXPECT_EQ(-1, simulator.GetHandle());
     EXPECT_FALSE(simulator.GetBlockOpt());
 }
 
@@ -39,8 +39,8 @@ TEST(SimulatorStream, WithoutABandwidthTakesNothing) {
     LoopbackPair pair;
     CSimulatorStream simulator;
     simulator.SetRealSocket(&pair.client);
-    EXPECT_EQ(sendBytes(simulator, 1), 0);
-    EXPECT_EQ(sendBytes(simulator, 1000), 0);
+    EXPECT_EQ(0, sendBytes(simulator, 1));
+    EXPECT_EQ(0, sendBytes(simulator, 1000));
 }
 
 TEST(SimulatorStream, CarriesTheHandleOfTheRealSocketAndNeverClosesIt) {
@@ -56,22 +56,22 @@ TEST(SimulatorStream, CarriesTheHandleOfTheRealSocketAndNeverClosesIt) {
     CSimulatorStream simulator;
     simulator.SetRealSocket(&pair.client);
     simulator.SetRealSocket(nullptr);
-    EXPECT_EQ(simulator.GetHandle(), -1);
+    EXPECT_EQ(-1, simulator.GetHandle());
 }
 
 TEST(SimulatorStream, WindowIsCutAndThenFull) {
     CSimulatorStream simulator;
     HandClock clock;
-    EXPECT_EQ(simulator.SetBandWidth(1), 0);
+    EXPECT_EQ(0, simulator.SetBandWidth(1));
     EXPECT_EQ(sendBytes(simulator, window_bytes + 1), window_bytes);
-    EXPECT_EQ(sendBytes(simulator, 1), 0);
+    EXPECT_EQ(0, sendBytes(simulator, 1));
 }
 
 TEST(SimulatorStream, WithoutARealSocketBytesAreCountedAndGoNowhere) {
     CSimulatorStream simulator;
     HandClock clock;
     simulator.SetBandWidth(1);
-    EXPECT_EQ(sendBytes(simulator, 1000), 1000);
+    EXPECT_EQ(1000, sendBytes(simulator, 1000));
     EXPECT_EQ(sendBytes(simulator, window_bytes), window_bytes - 1000);
 }
 
@@ -82,9 +82,9 @@ TEST(SimulatorStream, WindowGoesOnAtExactlyOneSecondAndEndsBehindIt) {
     simulator.SetBandWidth(1);
     EXPECT_EQ(sendBytes(simulator, window_bytes), window_bytes);
     clock.setUs(6000999);
-    EXPECT_EQ(sendBytes(simulator, 1), 0);
+    EXPECT_EQ(0, sendBytes(simulator, 1));
     clock.setUs(6001000);
-    EXPECT_EQ(sendBytes(simulator, 1), 1);
+    EXPECT_EQ(1, sendBytes(simulator, 1));
     clock.setUs(7001000);
     EXPECT_EQ(sendBytes(simulator, window_bytes), window_bytes - 1) << "counted from that send on";
     clock.setUs(7002000);
@@ -104,12 +104,12 @@ TEST(SimulatorStream, BandwidthCountsInUnitsOf1048576BitsAndWraps) {
     CSimulatorStream simulator;
     simulator.SetBandWidth(2);
     EXPECT_EQ(sendBytes(simulator, 3 * window_bytes), 2 * window_bytes);
-    EXPECT_EQ(simulator.SetBandWidth(3), 0);
+    EXPECT_EQ(0, simulator.SetBandWidth(3));
     EXPECT_EQ(sendBytes(simulator, 3 * window_bytes), window_bytes) << "what was sent still counts";
-    EXPECT_EQ(simulator.SetBandWidth(4096), 0);
+    EXPECT_EQ(0, simulator.SetBandWidth(4096));
     clock.advanceUs(2000000);
-    EXPECT_EQ(sendBytes(simulator, 1), 0);
-    EXPECT_EQ(simulator.SetBandWidth(4097), 0);
+    EXPECT_EQ(0, sendBytes(simulator, 1));
+    EXPECT_EQ(0, simulator.SetBandWidth(4097));
     EXPECT_EQ(sendBytes(simulator, 2 * window_bytes), window_bytes);
 }
 
@@ -119,15 +119,15 @@ TEST(SimulatorStream, PassesOnWhatTheRealSocketSays) {
     CSimulatorStream simulator;
     simulator.SetRealSocket(&pair.client);
     simulator.SetBandWidth(4095);
-    EXPECT_EQ(simulator.Send("bytes", 5), 5);
-    EXPECT_EQ(Testing::receive(pair.server, 5), "bytes");
+    EXPECT_EQ(5, simulator.Send("bytes", 5));
+    EXPECT_EQ("bytes", Testing::receive(pair.server, 5));
     Testing::fill(pair.client);
-    EXPECT_EQ(simulator.Send("bytes", 5), 0);
+    EXPECT_EQ(0, simulator.Send("bytes", 5));
     ::shutdown(pair.client.GetHandle(), SHUT_WR);
     const LogCapture log;
-    EXPECT_EQ(simulator.Send("bytes", 5), -1);
-    EXPECT_EQ(errno, EPIPE);
-    EXPECT_EQ(simulator.Send(nullptr, 5), -1);
+    EXPECT_EQ(-1, simulator.Send("bytes", 5));
+    EXPECT_EQ(EPIPE, errno);
+    EXPECT_EQ(-1, simulator.Send(nullptr, 5));
 }
 
 TEST(SimulatorStream, FailedSendCostsNothingOfTheWindow) {
@@ -137,7 +137,7 @@ TEST(SimulatorStream, FailedSendCostsNothingOfTheWindow) {
     simulator.SetRealSocket(&closed);
     simulator.SetBandWidth(1);
     const LogCapture log;
-    EXPECT_EQ(sendBytes(simulator, 1000), -1);
+    EXPECT_EQ(-1, sendBytes(simulator, 1000));
     simulator.SetRealSocket(nullptr);
     EXPECT_EQ(sendBytes(simulator, window_bytes), window_bytes);
 }
@@ -149,16 +149,16 @@ TEST(SimulatorStreamWriteV, SendsPieceByPieceUntilOneIsCut) {
     std::string bytes(window_bytes, 'v');
     const iovec pieces[] = {{&bytes[0], 1000}, {&bytes[0], window_bytes}, {&bytes[0], 1}};
     EXPECT_EQ(simulator.WriteV(pieces, 3), window_bytes);
-    EXPECT_EQ(simulator.WriteV(pieces, 3), 0);
+    EXPECT_EQ(0, simulator.WriteV(pieces, 3));
 }
 
 TEST(SimulatorStreamWriteV, NoVectorIsAnErrorAndNoPiecesAreNone) {
     CSimulatorStream simulator;
     simulator.SetBandWidth(1);
     const iovec piece = {const_cast<char*>("x"), 1};
-    EXPECT_EQ(simulator.WriteV(nullptr, 1), -1);
-    EXPECT_EQ(simulator.WriteV(&piece, 0), 0);
-    EXPECT_EQ(simulator.WriteV(&piece, -1), 0);
+    EXPECT_EQ(-1, simulator.WriteV(nullptr, 1));
+    EXPECT_EQ(0, simulator.WriteV(&piece, 0));
+    EXPECT_EQ(0, simulator.WriteV(&piece, -1));
 }
 
 TEST(SimulatorStreamWriteV, ErrorHidesWhatWentBeforeIt) {
@@ -167,8 +167,8 @@ TEST(SimulatorStreamWriteV, ErrorHidesWhatWentBeforeIt) {
     simulator.SetRealSocket(&pair.client);
     simulator.SetBandWidth(1);
     const iovec pieces[] = {{const_cast<char*>("sent"), 4}, {nullptr, 5}, {const_cast<char*>("x"), 1}};
-    EXPECT_EQ(simulator.WriteV(pieces, 3), -1);
-    EXPECT_EQ(Testing::receive(pair.server, 4), "sent");
+    EXPECT_EQ(-1, simulator.WriteV(pieces, 3));
+    EXPECT_EQ("sent", Testing::receive(pair.server, 4));
 }
 
 TEST(SimulatorStreamWriteV, PieceOfNothingIsPassedOver) {
@@ -178,8 +178,8 @@ TEST(SimulatorStreamWriteV, PieceOfNothingIsPassedOver) {
     simulator.SetBandWidth(1);
     const iovec pieces[] = {
         {const_cast<char*>("a"), 1}, {nullptr, 0}, {const_cast<char*>("b"), 0}, {const_cast<char*>("c"), 1}};
-    EXPECT_EQ(simulator.WriteV(pieces, 4), 2);
-    EXPECT_EQ(Testing::receive(pair.server, 2), "ac");
+    EXPECT_EQ(2, simulator.WriteV(pieces, 4));
+    EXPECT_EQ("ac", Testing::receive(pair.server, 2));
 }
 
 }  // namespace

@@ -66,14 +66,14 @@ struct Waiting {
 
 TEST(SockAcceptor, OpenListensNonBlockingAndClosedOnExec) {
     CSockAcceptor acceptor;
-    ASSERT_NE(openOnLoopback(acceptor), 0);
+    ASSERT_NE(0, openOnLoopback(acceptor));
     int listening = 0;
     int reuse = 0;
     socklen_t length = sizeof listening;
     ::getsockopt(acceptor.GetHandle(), SOL_SOCKET, SO_ACCEPTCONN, &listening, &length);
     ::getsockopt(acceptor.GetHandle(), SOL_SOCKET, SO_REUSEADDR, &reuse, &length);
-    EXPECT_EQ(listening, 1);
-    EXPECT_EQ(reuse, 1);
+    EXPECT_EQ(1, listening);
+    EXPECT_EQ(1, reuse);
     EXPECT_TRUE(Testing::isNonBlocking(acceptor.GetHandle()));
     EXPECT_TRUE(Testing::isCloseOnExec(acceptor.GetHandle()));
 }
@@ -82,25 +82,25 @@ TEST(SockAcceptor, OpenTakesEveryAddressClass) {
     CSockAcceptor acceptor;
     CSockAddrIPv4 ipv4;
     CSockAddrIPv6 ipv6;
-    EXPECT_EQ(acceptor.Open(CSockAddrIPv4("127.0.0.1", 0)), 0);
-    EXPECT_EQ(acceptor.GetLocalAddr(&ipv4), 0);
-    EXPECT_EQ(acceptor.Open(CSockAddrIPv6("::1", 0)), 0);
-    EXPECT_EQ(acceptor.GetLocalAddr(&ipv6), 0);
-    EXPECT_EQ(acceptor.Open(CSockAddrStorage("127.0.0.1", 0)), 0);
-    EXPECT_EQ(acceptor.GetLocalAddr(&ipv4), 0);
-    EXPECT_EQ(acceptor.Open(CSockAddrStorage("::ffff:127.0.0.1", 0)), 0);
-    EXPECT_EQ(acceptor.GetLocalAddr(&ipv6), 0) << "kept as IPv6, opened as IPv6";
+    EXPECT_EQ(0, acceptor.Open(CSockAddrIPv4("127.0.0.1", 0)));
+    EXPECT_EQ(0, acceptor.GetLocalAddr(&ipv4));
+    EXPECT_EQ(0, acceptor.Open(CSockAddrIPv6("::1", 0)));
+    EXPECT_EQ(0, acceptor.GetLocalAddr(&ipv6));
+    EXPECT_EQ(0, acceptor.Open(CSockAddrStorage("127.0.0.1", 0)));
+    EXPECT_EQ(0, acceptor.GetLocalAddr(&ipv4));
+    EXPECT_EQ(0, acceptor.Open(CSockAddrStorage("::ffff:127.0.0.1", 0)));
+    EXPECT_EQ(0, acceptor.GetLocalAddr(&ipv6)) << "kept as IPv6, opened as IPv6";
 }
 
 TEST(SockAcceptor, OpenOfAnUnknownTypeLosesTheOldSocket) {
     CSockAcceptor acceptor;
-    ASSERT_NE(openOnLoopback(acceptor), 0);
+    ASSERT_NE(0, openOnLoopback(acceptor));
     const int handle = acceptor.GetHandle();
     const LogCapture log;
-    EXPECT_EQ(acceptor.Open(CUnknownAddr()), -1);
+    EXPECT_EQ(-1, acceptor.Open(CUnknownAddr()));
     EXPECT_FALSE(isOpen(handle));
-    EXPECT_EQ(acceptor.GetHandle(), -1);
-    EXPECT_EQ(acceptor.Open(CSockAddrStorage()), -1);
+    EXPECT_EQ(-1, acceptor.GetHandle());
+    EXPECT_EQ(-1, acceptor.Open(CSockAddrStorage()));
     EXPECT_THAT(texts(log),
                 ElementsAre("2 Orvex::Reticor::CSockAcceptor::Open : invalid local addresst type!\n",
                             "2 Orvex::Reticor::CSockAcceptor::Open : invalid local addresst type!\n"));
@@ -109,12 +109,12 @@ TEST(SockAcceptor, OpenOfAnUnknownTypeLosesTheOldSocket) {
 TEST(SockAcceptor, SecondOpenReplacesTheFirst) {
     CSockAcceptor acceptor;
     const unsigned short first = openOnLoopback(acceptor);
-    ASSERT_NE(first, 0);
-    ASSERT_NE(openOnLoopback(acceptor), 0);
+    ASSERT_NE(0, first);
+    ASSERT_NE(0, openOnLoopback(acceptor));
     CSockStream stream;
     stream.SetBlockOpt(true);
-    EXPECT_EQ(stream.Connect(CSockAddrIPv4(0x7F000001u, first), nullptr), -1);
-    EXPECT_EQ(errno, ECONNREFUSED);
+    EXPECT_EQ(-1, stream.Connect(CSockAddrIPv4(0x7F000001u, first), nullptr));
+    EXPECT_EQ(ECONNREFUSED, errno);
 }
 
 TEST(SockAcceptor, OpenWithoutDescriptorsIsLogged) {
@@ -123,8 +123,8 @@ TEST(SockAcceptor, OpenWithoutDescriptorsIsLogged) {
     const LogCapture log;
     {
         const Testing::NoDescriptors no_descriptors;
-        EXPECT_EQ(acceptor.Open(local), -1);
-        EXPECT_EQ(errno, EMFILE);
+        EXPECT_EQ(-1, acceptor.Open(local));
+        EXPECT_EQ(EMFILE, errno);
     }
     EXPECT_THAT(texts(log),
                 ElementsAre("2 Orvex::Reticor::CSockAcceptor::Open : socket failed, Too many open files\n"));
@@ -134,18 +134,18 @@ TEST(SockAcceptor, OpenWithoutDescriptorsIsLogged) {
 TEST(SockAcceptor, OpenOfATakenPortKeepsTheHandleUntilTheNextOpen) {
     CSockAcceptor first;
     const unsigned short port = openOnLoopback(first);
-    ASSERT_NE(port, 0);
+    ASSERT_NE(0, port);
     const LogCapture log;
     CSockAcceptor second;
-    EXPECT_EQ(second.Open(CSockAddrIPv4(0x7F000001u, port)), -1);
-    EXPECT_EQ(errno, EADDRINUSE);
+    EXPECT_EQ(-1, second.Open(CSockAddrIPv4(0x7F000001u, port)));
+    EXPECT_EQ(EADDRINUSE, errno);
     EXPECT_THAT(texts(log), ElementsAre("2 Orvex::Reticor::CSockAcceptor::Open : bind failed! This port is " +
                                         std::to_string(port) + " Address already in use\n"));
     ASSERT_TRUE(second.IsValid());
     const int kept = second.GetHandle();
     EXPECT_TRUE(isOpen(kept));
     first.Close();
-    EXPECT_EQ(second.Open(CSockAddrIPv4(0x7F000001u, port)), 0);
+    EXPECT_EQ(0, second.Open(CSockAddrIPv4(0x7F000001u, port)));
 }
 
 TEST(SockAcceptor, FailedOptionListenAndModeAreLoggedAndKeepTheHandle) {
@@ -154,20 +154,20 @@ TEST(SockAcceptor, FailedOptionListenAndModeAreLoggedAndKeepTheHandle) {
     const LogCapture log;
     {
         const FailNext failure(SystemCall::setsockopt, ENOBUFS);
-        EXPECT_EQ(acceptor.Open(local), -1);
-        EXPECT_EQ(errno, ENOBUFS);
+        EXPECT_EQ(-1, acceptor.Open(local));
+        EXPECT_EQ(ENOBUFS, errno);
         EXPECT_TRUE(acceptor.IsValid());
     }
     {
         const FailNext failure(SystemCall::listen, EADDRINUSE);
-        EXPECT_EQ(acceptor.Open(local), -1);
-        EXPECT_EQ(errno, EADDRINUSE);
+        EXPECT_EQ(-1, acceptor.Open(local));
+        EXPECT_EQ(EADDRINUSE, errno);
         EXPECT_TRUE(acceptor.IsValid());
     }
     {
         const FailNext failure(SystemCall::ioctl, ENOTTY);
-        EXPECT_EQ(acceptor.Open(local), -1);
-        EXPECT_EQ(errno, ENOTTY);
+        EXPECT_EQ(-1, acceptor.Open(local));
+        EXPECT_EQ(ENOTTY, errno);
         EXPECT_TRUE(acceptor.IsValid());
     }
     EXPECT_THAT(texts(log),
@@ -180,15 +180,15 @@ TEST(SockAcceptor, FailedOptionListenAndModeAreLoggedAndKeepTheHandle) {
 
 TEST(SockAcceptor, AcceptWithNoConnectionWaitingIsSilent) {
     CSockAcceptor acceptor;
-    ASSERT_NE(openOnLoopback(acceptor), 0);
+    ASSERT_NE(0, openOnLoopback(acceptor));
     CSockStream stream;
     CSockAddrIPv4 remote(0x0A000001u, 80);
     const LogCapture log;
-    EXPECT_EQ(acceptor.Accept(stream, &remote), -1);
-    EXPECT_EQ(errno, EWOULDBLOCK);
-    EXPECT_EQ(acceptor.Accept(&remote), nullptr);
-    EXPECT_EQ(errno, EWOULDBLOCK);
-    EXPECT_EQ(remote.GetPort(), 80);
+    EXPECT_EQ(-1, acceptor.Accept(stream, &remote));
+    EXPECT_EQ(EWOULDBLOCK, errno);
+    EXPECT_EQ(nullptr, acceptor.Accept(&remote));
+    EXPECT_EQ(EWOULDBLOCK, errno);
+    EXPECT_EQ(80, remote.GetPort());
     EXPECT_FALSE(stream.IsValid());
     EXPECT_THAT(texts(log), IsEmpty());
 }
@@ -197,9 +197,9 @@ TEST(SockAcceptor, AcceptOnAClosedAcceptorIsSilent) {
     CSockAcceptor acceptor;
     CSockStream stream;
     const LogCapture log;
-    EXPECT_EQ(acceptor.Accept(stream, nullptr), -1);
-    EXPECT_EQ(errno, EBADF);
-    EXPECT_EQ(acceptor.Accept(nullptr), nullptr);
+    EXPECT_EQ(-1, acceptor.Accept(stream, nullptr));
+    EXPECT_EQ(EBADF, errno);
+    EXPECT_EQ(nullptr, acceptor.Accept(nullptr));
     EXPECT_THAT(texts(log), IsEmpty());
 }
 
@@ -208,13 +208,13 @@ TEST(SockAcceptor, AcceptGivesTheStreamTheConnectionAndThePeersAddress) {
     ASSERT_TRUE(waiting.ready);
     CSockStream stream;
     CSockAddrIPv4 remote;
-    EXPECT_EQ(waiting.acceptor.Accept(stream, &remote), 0);
-    EXPECT_EQ(remote.GetIp(), 0x7F000001u);
+    EXPECT_EQ(0, waiting.acceptor.Accept(stream, &remote));
+    EXPECT_EQ(0x7F000001u, remote.GetIp());
     EXPECT_EQ(remote.GetPort(), waiting.client_addr.GetPort());
     EXPECT_TRUE(Testing::isNonBlocking(stream.GetHandle()));
     EXPECT_TRUE(Testing::isCloseOnExec(stream.GetHandle()));
-    EXPECT_EQ(waiting.client.Send("hello", 5), 5);
-    EXPECT_EQ(Testing::receive(stream, 5), "hello");
+    EXPECT_EQ(5, waiting.client.Send("hello", 5));
+    EXPECT_EQ("hello", Testing::receive(stream, 5));
 }
 
 TEST(SockAcceptor, AcceptOfAPeerOfTheOtherFamilyLogsAndGoesOn) {
@@ -223,10 +223,10 @@ TEST(SockAcceptor, AcceptOfAPeerOfTheOtherFamilyLogsAndGoesOn) {
     CSockStream stream;
     CSockAddrIPv4 remote(0x0A000001u, 80);
     const LogCapture log;
-    EXPECT_EQ(waiting.acceptor.Accept(stream, &remote), 0);
+    EXPECT_EQ(0, waiting.acceptor.Accept(stream, &remote));
     EXPECT_TRUE(stream.IsValid());
-    EXPECT_EQ(remote.GetIp(), 0x0A000001u);
-    EXPECT_EQ(remote.GetPort(), 80);
+    EXPECT_EQ(0x0A000001u, remote.GetIp());
+    EXPECT_EQ(80, remote.GetPort());
     EXPECT_THAT(texts(log), ElementsAre("3 a ipv6 address can't be put into CSockAddrIPv4!\n"));
 }
 
@@ -236,7 +236,7 @@ TEST(SockAcceptor, AcceptOfAnIPv4PeerIntoAnIPv6AddressGoesOnWithoutIt) {
     CSockStream stream;
     CSockAddrIPv6 remote("2001:db8::1", 80);
     const LogCapture log;
-    EXPECT_EQ(waiting.acceptor.Accept(stream, &remote), 0);
+    EXPECT_EQ(0, waiting.acceptor.Accept(stream, &remote));
     EXPECT_TRUE(remote == CSockAddrIPv6("2001:db8::1", 80));
     EXPECT_THAT(texts(log), IsEmpty());
 }
@@ -247,13 +247,13 @@ TEST(SockAcceptor, AcceptRefusesAnAddressOfUnknownTypeBeforeItAccepts) {
     CSockStream stream;
     CUnknownAddr remote;
     const LogCapture log;
-    EXPECT_EQ(waiting.acceptor.Accept(stream, &remote), -1);
+    EXPECT_EQ(-1, waiting.acceptor.Accept(stream, &remote));
     EXPECT_FALSE(stream.IsValid());
-    EXPECT_EQ(waiting.acceptor.Accept(&remote), nullptr);
+    EXPECT_EQ(nullptr, waiting.acceptor.Accept(&remote));
     EXPECT_THAT(texts(log),
                 ElementsAre("2 Orvex::Reticor::CSockAcceptor::Accept : invalid local address type!\n",
                             "2 Orvex::Reticor::CSockAcceptor::Accept : invalid local address type!\n"));
-    EXPECT_EQ(waiting.acceptor.Accept(stream, nullptr), 0) << "the connection still waits";
+    EXPECT_EQ(0, waiting.acceptor.Accept(stream, nullptr)) << "the connection still waits";
 }
 
 TEST(SockAcceptor, AcceptIntoAStreamThatIsInUseLeavesTheConnectionWithoutAnOwner) {
@@ -261,10 +261,10 @@ TEST(SockAcceptor, AcceptIntoAStreamThatIsInUseLeavesTheConnectionWithoutAnOwner
     ASSERT_TRUE(waiting.ready);
     const int next_number = ::dup(0);
     ::close(next_number);
-    EXPECT_EQ(waiting.acceptor.Accept(waiting.client, nullptr), -1);
+    EXPECT_EQ(-1, waiting.acceptor.Accept(waiting.client, nullptr));
     EXPECT_TRUE(isOpen(next_number));
     CSockStream stream;
-    EXPECT_EQ(waiting.acceptor.Accept(stream, nullptr), -1) << "it was taken from the queue";
+    EXPECT_EQ(-1, waiting.acceptor.Accept(stream, nullptr)) << "it was taken from the queue";
     ::close(next_number);
 }
 
@@ -274,7 +274,7 @@ TEST(SockAcceptor, SecondFormGivesANonBlockingStreamEvenFromABlockingListener) {
     waiting.acceptor.SetBlockOpt(true);
     CSockAddrStorage remote;
     const std::unique_ptr<CSockStream> stream(waiting.acceptor.Accept(&remote));
-    ASSERT_NE(stream, nullptr);
+    ASSERT_NE(nullptr, stream);
     EXPECT_FALSE(stream->GetBlockOpt());
     EXPECT_TRUE(Testing::isNonBlocking(stream->GetHandle()));
     EXPECT_TRUE(remote == waiting.client_addr);
@@ -286,8 +286,8 @@ TEST(SockAcceptor, SecondFormClosesAConnectionWhoseModeCannotBeSet) {
     const int next_number = ::dup(0);
     ::close(next_number);
     const FailNext failure(SystemCall::ioctl, ENOTTY);
-    EXPECT_EQ(waiting.acceptor.Accept(nullptr), nullptr);
-    EXPECT_EQ(errno, ENOTTY);
+    EXPECT_EQ(nullptr, waiting.acceptor.Accept(nullptr));
+    EXPECT_EQ(ENOTTY, errno);
     EXPECT_FALSE(isOpen(next_number));
 }
 
@@ -296,10 +296,10 @@ TEST(SockAcceptor, SecondFormWithoutMemoryGivesNull) {
     ASSERT_TRUE(waiting.ready);
     {
         const Testing::NoMemory no_memory;
-        EXPECT_EQ(waiting.acceptor.Accept(nullptr), nullptr);
+        EXPECT_EQ(nullptr, waiting.acceptor.Accept(nullptr));
     }
     CSockStream stream;
-    EXPECT_EQ(waiting.acceptor.Accept(stream, nullptr), 0) << "the connection still waits";
+    EXPECT_EQ(0, waiting.acceptor.Accept(stream, nullptr)) << "the connection still waits";
 }
 
 TEST(SockAcceptor, OutOfDescriptorsAcceptIsSilentAndTheAcceptorStaysReady) {
@@ -309,27 +309,27 @@ TEST(SockAcceptor, OutOfDescriptorsAcceptIsSilentAndTheAcceptorStaysReady) {
     const LogCapture log;
     {
         const Testing::NoDescriptors no_descriptors;
-        EXPECT_EQ(waiting.acceptor.Accept(stream, nullptr), -1);
-        EXPECT_EQ(errno, EMFILE);
+        EXPECT_EQ(-1, waiting.acceptor.Accept(stream, nullptr));
+        EXPECT_EQ(EMFILE, errno);
         pollfd entry{waiting.acceptor.GetHandle(), POLLIN, 0};
-        EXPECT_EQ(::poll(&entry, 1, 0), 1);
+        EXPECT_EQ(1, ::poll(&entry, 1, 0));
     }
     EXPECT_THAT(texts(log), IsEmpty());
-    EXPECT_EQ(waiting.acceptor.Accept(stream, nullptr), 0);
+    EXPECT_EQ(0, waiting.acceptor.Accept(stream, nullptr));
 }
 
 TEST(SockAcceptor, IPv6WildcardListenerTakesTheIPv4PortToo) {
     Waiting waiting(CSockAddrIPv6("::", 0), CSockAddrIPv4());
     ASSERT_TRUE(waiting.ready) << "an IPv4 client reaches it";
     CSockAcceptor second;
-    EXPECT_EQ(second.Open(CSockAddrIPv4(0u, waiting.port)), -1);
-    EXPECT_EQ(errno, EADDRINUSE);
+    EXPECT_EQ(-1, second.Open(CSockAddrIPv4(0u, waiting.port)));
+    EXPECT_EQ(EADDRINUSE, errno);
 
     CSockStream stream;
     CSockAddrIPv6 remote;
-    EXPECT_EQ(waiting.acceptor.Accept(stream, &remote), 0);
+    EXPECT_EQ(0, waiting.acceptor.Accept(stream, &remote));
     char text[64] = {};
-    EXPECT_STREQ(remote.GetIpStr(text, sizeof text), "::ffff:127.0.0.1");
+    EXPECT_STREQ("::ffff:127.0.0.1", remote.GetIpStr(text, sizeof text));
     EXPECT_EQ(remote.GetPort(), waiting.client_addr.GetPort());
 }
 
@@ -339,9 +339,9 @@ TEST(SockAcceptor, MappedPeerCannotBePutIntoAnIPv4Address) {
     CSockStream stream;
     CSockAddrIPv4 remote;
     const LogCapture log;
-    EXPECT_EQ(waiting.acceptor.Accept(stream, &remote), 0);
+    EXPECT_EQ(0, waiting.acceptor.Accept(stream, &remote));
     EXPECT_THAT(texts(log), ElementsAre("3 a ipv6 address can't be put into CSockAddrIPv4!\n"));
-    EXPECT_EQ(remote.GetIp(), 0u);
+    EXPECT_EQ(0u, remote.GetIp());
 }
 
 TEST(SockAcceptor, MappedPeerInAStorageAddressIsReallyIPv4) {
@@ -349,9 +349,9 @@ TEST(SockAcceptor, MappedPeerInAStorageAddressIsReallyIPv4) {
     ASSERT_TRUE(waiting.ready);
     CSockStream stream;
     CSockAddrStorage remote;
-    EXPECT_EQ(waiting.acceptor.Accept(stream, &remote), 0);
-    EXPECT_EQ(remote.GetRealType(), 1u);
-    EXPECT_EQ(remote.GetInputType(), 2u);
+    EXPECT_EQ(0, waiting.acceptor.Accept(stream, &remote));
+    EXPECT_EQ(1u, remote.GetRealType());
+    EXPECT_EQ(2u, remote.GetInputType());
     EXPECT_EQ(remote.GetPort(), waiting.client_addr.GetPort());
 }
 

@@ -60,9 +60,9 @@ struct Receiver {
     explicit Receiver(bool ipv6 = false) {
         const CSockAddrIPv4 ipv4("127.0.0.1", 0);
         const CSockAddrIPv6 local6("::1", 0);
-        EXPECT_EQ(sock.Open(ipv6 ? static_cast<const CSockAddr*>(&local6) : &ipv4), 0);
+        EXPECT_EQ(0, sock.Open(ipv6 ? static_cast<const CSockAddr*>(&local6) : &ipv4));
         CSockAddrStorage bound;
-        EXPECT_EQ(sock.GetLocalAddr(&bound), 0);
+        EXPECT_EQ(0, sock.GetLocalAddr(&bound));
         port = bound.GetPort();
     }
 
@@ -81,33 +81,32 @@ struct Receiver {
 
 TEST(SockDgramOpen, StartsEmptyAndNonBlocking) {
     const CSockDgram sock;
-    EXPECT_EQ(sock.GetType(), 2u);
-    EXPECT_EQ(sock.GetHandle(), -1);
+    EXPECT_EQ(2u, sock.GetType());
+    EXPECT_EQ(-1, sock.GetHandle());
     EXPECT_FALSE(sock.GetBlockOpt());
 }
 
 TEST(SockDgramOpen, NoAddressGivesAnUnboundIPv4Socket) {
     CSockDgram sock;
-    EXPECT_EQ(sock.Open(nullptr), 0);
-    EXPECT_EQ(optionOf(sock, SOL_SOCKET, SO_DOMAIN), AF_INET);
-    EXPECT_EQ(optionOf(sock, SOL_SOCKET, SO_TYPE), SOCK_DGRAM);
+    EXPECT_EQ(0, sock.Open(nullptr));
+    EXPECT_EQ(AF_INET, optionOf(sock, SOL_SOCKET, SO_DOMAIN));
+    EXPECT_EQ(SOCK_DGRAM, optionOf(sock, SOL_SOCKET, SO_TYPE));
     EXPECT_TRUE(Testing::isNonBlocking(sock.GetHandle()));
     EXPECT_TRUE(Testing::isCloseOnExec(sock.GetHandle()));
     CSockAddrIPv4 local;
-    EXPECT_EQ(sock.GetLocalAddr(&local), 0);
-    EXPECT_EQ(local.GetPort(), 0);
+    EXPECT_EQ(0, sock.GetLocalAddr(&local));
+    EXPECT_EQ(0, local.GetPort());
 }
 
 TEST(SockDgramOpen, NoAddressCannotBeReused) {
     CSockDgram sock;
     const LogCapture log;
-    EXPECT_EQ(sock.Open(nullptr, true), -1);
-    EXPECT_EQ(log.countMatching(2,
-                                "Orvex::Reticor::CSockDgram::Open : open failed!Invalid parameter: "
-                                "reuseaddr:1, addr:\\(nil\\) \n"),
-              1u)
+    EXPECT_EQ(-1, sock.Open(nullptr, true));
+    EXPECT_EQ(1u, log.countMatching(2,
+                                    "Orvex::Reticor::CSockDgram::Open : open failed!Invalid parameter: "
+                                    "reuseaddr:1, addr:\\(nil\\) \n"))
         << log.dump();
-    EXPECT_EQ(sock.GetHandle(), -1);
+    EXPECT_EQ(-1, sock.GetHandle());
 }
 
 TEST(SockDgramOpen, BindsToAddressesOfEachClass) {
@@ -127,13 +126,13 @@ TEST(SockDgramOpen, BindsToAddressesOfEachClass) {
                  {&mapped, AF_INET6, "::ffff:127.0.0.1"}};
     for (const auto& one : cases) {
         CSockDgram sock;
-        EXPECT_EQ(sock.Open(one.addr), 0) << one.text;
+        EXPECT_EQ(0, sock.Open(one.addr)) << one.text;
         EXPECT_EQ(optionOf(sock, SOL_SOCKET, SO_DOMAIN), one.family);
         CSockAddrStorage local;
-        EXPECT_EQ(sock.GetLocalAddr(&local), 0);
+        EXPECT_EQ(0, sock.GetLocalAddr(&local));
         char text[64] = "";
         EXPECT_STREQ(local.GetIpStr(text, sizeof text), one.text);
-        EXPECT_NE(local.GetPort(), 0);
+        EXPECT_NE(0, local.GetPort());
     }
 }
 
@@ -144,7 +143,7 @@ TEST(SockDgramOpen, PortIsTheOneThatTheAddressTells) {
     CSockAddrStorage mapped("::ffff:127.0.0.1", 1);
     mapped.SetPort(port);  // The record of such an address keeps the port that it had before.
     CSockDgram sock;
-    ASSERT_EQ(sock.Open(&mapped), 0);
+    ASSERT_EQ(0, sock.Open(&mapped));
     CSockAddrStorage local;
     sock.GetLocalAddr(&local);
     EXPECT_EQ(local.GetPort(), port);
@@ -154,8 +153,8 @@ TEST(SockDgramOpen, KeepsTheScopeOfALinkLocalAddress) {
     const CSockAddrIPv6 local("fe80::1234", 0, 9999);
     CSockDgram sock;
     const LogCapture log;
-    EXPECT_EQ(sock.Open(&local), -1);
-    EXPECT_EQ(errno, ENODEV) << "without a scope the system would call it an invalid argument";
+    EXPECT_EQ(-1, sock.Open(&local));
+    EXPECT_EQ(ENODEV, errno) << "without a scope the system would call it an invalid argument";
 }
 
 TEST(SockDgramOpen, SecondOpenClosesTheFirstSocketAndForgetsItsPeer) {
@@ -163,13 +162,13 @@ TEST(SockDgramOpen, SecondOpenClosesTheFirstSocketAndForgetsItsPeer) {
     CSockDgram sock;
     sock.Open(nullptr);
     const CSockAddrIPv4 remote(loopback_ip, peer.port);
-    ASSERT_EQ(sock.SetRemote(&remote), 0);
-    EXPECT_EQ(sock.Send("x", 1, nullptr), 1);
+    ASSERT_EQ(0, sock.SetRemote(&remote));
+    EXPECT_EQ(1, sock.Send("x", 1, nullptr));
     const CSockAddrIPv6 local("::1", 0);
-    EXPECT_EQ(sock.Open(&local), 0);
-    EXPECT_EQ(optionOf(sock, SOL_SOCKET, SO_DOMAIN), AF_INET6);
+    EXPECT_EQ(0, sock.Open(&local));
+    EXPECT_EQ(AF_INET6, optionOf(sock, SOL_SOCKET, SO_DOMAIN));
     const LogCapture log;
-    EXPECT_EQ(sock.Send("x", 1, nullptr), -1);
+    EXPECT_EQ(-1, sock.Send("x", 1, nullptr));
     EXPECT_THAT(texts(log),
                 ElementsAre("2 Orvex::Reticor::CSockDgram::Send : send to failed! remote is null \n"));
 }
@@ -195,9 +194,9 @@ TEST(SockDgramOpen, AddressOfNoFamilyLeavesAnIPv6SocketOpenAndUnbound) {
          {static_cast<const CSockAddr*>(&empty), static_cast<const CSockAddr*>(&unknown)}) {
         CSockDgram sock;
         const LogCapture log;
-        EXPECT_EQ(sock.Open(addr), -1);
-        EXPECT_EQ(optionOf(sock, SOL_SOCKET, SO_DOMAIN), AF_INET6);
-        EXPECT_EQ(log.countMatching(2, "getaddrinfo error:.*\n"), 1u) << log.dump();
+        EXPECT_EQ(-1, sock.Open(addr));
+        EXPECT_EQ(AF_INET6, optionOf(sock, SOL_SOCKET, SO_DOMAIN));
+        EXPECT_EQ(1u, log.countMatching(2, "getaddrinfo error:.*\n")) << log.dump();
     }
 }
 
@@ -206,8 +205,8 @@ TEST(SockDgramOpen, SocketThatCannotBeMadeIsLogged) {
     {
         Testing::NoDescriptors none;
         CSockDgram sock;
-        EXPECT_EQ(sock.Open(nullptr), -1);
-        EXPECT_EQ(errno, EMFILE);
+        EXPECT_EQ(-1, sock.Open(nullptr));
+        EXPECT_EQ(EMFILE, errno);
     }
     EXPECT_THAT(texts(log),
                 ElementsAre("2 Orvex::Reticor::CSockDgram::Open : create socket failed, Too many open "
@@ -219,17 +218,17 @@ TEST(SockDgramOpen, ModeThatCannotBeSetEndsIt) {
     const CSockAddrIPv4 local("127.0.0.1", 0);
     const LogCapture log;
     const FailNext fail(SystemCall::ioctl, EIO);
-    EXPECT_EQ(sock.Open(&local), -1);
-    EXPECT_NE(sock.GetHandle(), -1);
+    EXPECT_EQ(-1, sock.Open(&local));
+    EXPECT_NE(-1, sock.GetHandle());
     CSockAddrIPv4 bound;
     sock.GetLocalAddr(&bound);
-    EXPECT_EQ(bound.GetPort(), 0);
+    EXPECT_EQ(0, bound.GetPort());
 }
 
 TEST(SockDgramOpen, BlockingModeIsKept) {
     CSockDgram sock;
     sock.SetBlockOpt(true);
-    ASSERT_EQ(sock.Open(nullptr), 0);
+    ASSERT_EQ(0, sock.Open(nullptr));
     EXPECT_FALSE(Testing::isNonBlocking(sock.GetHandle()));
 }
 
@@ -238,29 +237,29 @@ TEST(SockDgramOpen, PortInUseIsLoggedAndTheHandleStays) {
     CSockDgram sock;
     const CSockAddrIPv4 local(loopback_ip, first.port);
     const LogCapture log;
-    EXPECT_EQ(sock.Open(&local), -1);
-    EXPECT_EQ(errno, EADDRINUSE);
+    EXPECT_EQ(-1, sock.Open(&local));
+    EXPECT_EQ(EADDRINUSE, errno);
     EXPECT_TRUE(sock.IsValid());
     EXPECT_THAT(texts(log), ElementsAre("2 Orvex::Reticor::CSockDgram::Open : bind failed! This port is " +
                                         std::to_string(first.port) + " Address already in use\n"));
     const CSockAddrIPv4 other("127.0.0.1", 0);
-    EXPECT_EQ(sock.Open(&other), 0) << "the next Open closes it";
+    EXPECT_EQ(0, sock.Open(&other)) << "the next Open closes it";
 }
 
 TEST(SockDgramOpen, PortIsSharedByThoseWhoAllAskForIt) {
     CSockDgram first;
     CSockAddrIPv4 local("127.0.0.1", 0);
-    ASSERT_EQ(first.Open(&local, true), 0) << "port 0 asks for nothing";
-    EXPECT_EQ(optionOf(first, SOL_SOCKET, SO_REUSEADDR), 0);
+    ASSERT_EQ(0, first.Open(&local, true)) << "port 0 asks for nothing";
+    EXPECT_EQ(0, optionOf(first, SOL_SOCKET, SO_REUSEADDR));
     first.GetLocalAddr(&local);
     first.Close();
-    ASSERT_EQ(first.Open(&local, true), 0);
-    EXPECT_EQ(optionOf(first, SOL_SOCKET, SO_REUSEADDR), 1);
+    ASSERT_EQ(0, first.Open(&local, true));
+    EXPECT_EQ(1, optionOf(first, SOL_SOCKET, SO_REUSEADDR));
     CSockDgram second;
-    EXPECT_EQ(second.Open(&local, true), 0);
+    EXPECT_EQ(0, second.Open(&local, true));
     const LogCapture log;
     CSockDgram third;
-    EXPECT_EQ(third.Open(&local, false), -1);
+    EXPECT_EQ(-1, third.Open(&local, false));
 }
 
 TEST(SockDgramOpen, ReuseThatIsRefusedIsLogged) {
@@ -268,8 +267,8 @@ TEST(SockDgramOpen, ReuseThatIsRefusedIsLogged) {
     const CSockAddrIPv4 local("127.0.0.1", 45454);
     const LogCapture log;
     const FailNext fail(SystemCall::setsockopt, ENOPROTOOPT, 1);
-    EXPECT_EQ(sock.Open(&local, true), -1);
-    EXPECT_EQ(errno, ENOPROTOOPT);
+    EXPECT_EQ(-1, sock.Open(&local, true));
+    EXPECT_EQ(ENOPROTOOPT, errno);
     EXPECT_THAT(
         texts(log),
         ElementsAre("2 Orvex::Reticor::CSockDgram::Open : set reuseaddr failed!, Protocol not available\n"));
@@ -284,16 +283,16 @@ TEST(SockDgramSetRemote, ConnectsToAPeerAndReceivesFromItAlone) {
         Receiver own(ipv6);
         const CSockAddrStorage remote(ipv6 ? "::1" : "127.0.0.1", peer.port);
         const CSockAddrStorage to(ipv6 ? "::1" : "127.0.0.1", own.port);
-        ASSERT_EQ(own.sock.SetRemote(&remote), 0);
+        ASSERT_EQ(0, own.sock.SetRemote(&remote));
         CSockAddrStorage connected;
-        EXPECT_EQ(own.sock.GetRemoteAddr(&connected), 0);
+        EXPECT_EQ(0, own.sock.GetRemoteAddr(&connected));
         EXPECT_EQ(connected.GetPort(), peer.port);
-        EXPECT_EQ(stranger.sock.Send("stranger", 8, &to), 8);
-        EXPECT_EQ(peer.sock.Send("peer", 4, &to), 4);
-        EXPECT_EQ(own.receive(), "peer");
-        EXPECT_EQ(own.sock.Send("answer", 6, nullptr), 6);
+        EXPECT_EQ(8, stranger.sock.Send("stranger", 8, &to));
+        EXPECT_EQ(4, peer.sock.Send("peer", 4, &to));
+        EXPECT_EQ("peer", own.receive());
+        EXPECT_EQ(6, own.sock.Send("answer", 6, nullptr));
         CSockAddrStorage from;
-        EXPECT_EQ(peer.receive(&from), "answer");
+        EXPECT_EQ("answer", peer.receive(&from));
         EXPECT_EQ(from.GetPort(), own.port);
     }
 }
@@ -304,9 +303,9 @@ TEST(SockDgramSetRemote, NoPeerAndNoRecordAreInvalid) {
     const CSockAddrStorage empty;
     const CUnknownAddr no_record(false);
     const LogCapture log;
-    EXPECT_EQ(sock.SetRemote(nullptr), -1);
-    EXPECT_EQ(sock.SetRemote(&empty), -1);
-    EXPECT_EQ(sock.SetRemote(&no_record), -1);
+    EXPECT_EQ(-1, sock.SetRemote(nullptr));
+    EXPECT_EQ(-1, sock.SetRemote(&empty));
+    EXPECT_EQ(-1, sock.SetRemote(&no_record));
     const std::string line = "2 Orvex::Reticor::CSockDgram::SetRemote : invalid remote addresst type!\n";
     EXPECT_THAT(texts(log), ElementsAre(line, line, line));
 }
@@ -318,8 +317,8 @@ TEST(SockDgramSetRemote, AddressOfAnotherFamilyIsAnError) {
     sock.SetRemote(&valid);
     const LogCapture log;
     const CUnknownAddr unknown;
-    EXPECT_EQ(sock.SetRemote(&unknown), -1);
-    EXPECT_EQ(sock.Send("x", 1, nullptr), -1) << "the former peer is forgotten";
+    EXPECT_EQ(-1, sock.SetRemote(&unknown));
+    EXPECT_EQ(-1, sock.Send("x", 1, nullptr)) << "the former peer is forgotten";
     EXPECT_THAT(texts(log),
                 ElementsAre("2 Orvex::Reticor::CSockDgram::SetRemote : CSockDgram::SetRemote error!\n",
                             "2 Orvex::Reticor::CSockDgram::Send : send to failed! remote is null \n"));
@@ -330,19 +329,19 @@ TEST(SockDgramSetRemote, FourOnesAtTheEndMakeABroadcastAddressThatIsNotConnected
         CSockDgram sock;
         sock.Open(nullptr);
         const CSockAddrIPv4 remote(ip, 9);
-        EXPECT_EQ(sock.SetRemote(&remote), 0) << ip;
-        EXPECT_EQ(optionOf(sock, SOL_SOCKET, SO_BROADCAST), 1);
+        EXPECT_EQ(0, sock.SetRemote(&remote)) << ip;
+        EXPECT_EQ(1, optionOf(sock, SOL_SOCKET, SO_BROADCAST));
         CSockAddrIPv4 connected;
         const LogCapture log;
-        EXPECT_EQ(sock.GetRemoteAddr(&connected), -1);
+        EXPECT_EQ(-1, sock.GetRemoteAddr(&connected));
     }
     CSockDgram sock;
     sock.Open(nullptr);
     const CSockAddrIPv4 remote("127.0.0.14", 9);
-    EXPECT_EQ(sock.SetRemote(&remote), 0);
-    EXPECT_EQ(optionOf(sock, SOL_SOCKET, SO_BROADCAST), 0);
+    EXPECT_EQ(0, sock.SetRemote(&remote));
+    EXPECT_EQ(0, optionOf(sock, SOL_SOCKET, SO_BROADCAST));
     CSockAddrIPv4 connected;
-    EXPECT_EQ(sock.GetRemoteAddr(&connected), 0);
+    EXPECT_EQ(0, sock.GetRemoteAddr(&connected));
 }
 
 TEST(SockDgramSetRemote, BroadcastThatIsRefusedIsLogged) {
@@ -351,7 +350,7 @@ TEST(SockDgramSetRemote, BroadcastThatIsRefusedIsLogged) {
     const CSockAddrIPv4 remote("127.0.0.255", 9);
     const LogCapture log;
     const FailNext fail(SystemCall::setsockopt, EACCES);
-    EXPECT_EQ(sock.SetRemote(&remote), -1);
+    EXPECT_EQ(-1, sock.SetRemote(&remote));
     EXPECT_THAT(texts(log),
                 ElementsAre("2 Orvex::Reticor::CSockDgram::SetRemote : set SO_BROADCAST failed,errno:13, "
                             "errmsg Permission denied\n"));
@@ -363,9 +362,9 @@ TEST(SockDgramSetRemote, ConnectThatFailsClosesTheSocket) {
     const int handle = sock.GetHandle();
     const CSockAddrIPv6 remote("::1", 9);
     const LogCapture log;
-    EXPECT_EQ(sock.SetRemote(&remote), -1);
-    EXPECT_EQ(errno, EAFNOSUPPORT);
-    EXPECT_EQ(sock.GetHandle(), -1);
+    EXPECT_EQ(-1, sock.SetRemote(&remote));
+    EXPECT_EQ(EAFNOSUPPORT, errno);
+    EXPECT_EQ(-1, sock.GetHandle());
     EXPECT_FALSE(Testing::isOpen(handle));
     EXPECT_THAT(texts(log),
                 ElementsAre("2 Orvex::Reticor::CSockDgram::SetRemote : connect faield! Address family "
@@ -378,16 +377,16 @@ TEST(SockDgramSetRemote, FormerConnectStaysInForceUntilThereIsANewOne) {
     CSockDgram sock;
     sock.Open(nullptr);
     CSockAddrIPv4 remote(loopback_ip, first.port);
-    ASSERT_EQ(sock.SetRemote(&remote), 0);
+    ASSERT_EQ(0, sock.SetRemote(&remote));
     const CSockAddrIPv4 broadcast("127.0.0.255", 9);
-    ASSERT_EQ(sock.SetRemote(&broadcast), 0);
+    ASSERT_EQ(0, sock.SetRemote(&broadcast));
     const iovec piece{const_cast<char*>("still"), 5};
-    EXPECT_EQ(sock.WriteV(&piece, 1), 5);
-    EXPECT_EQ(first.receive(), "still");
+    EXPECT_EQ(5, sock.WriteV(&piece, 1));
+    EXPECT_EQ("still", first.receive());
     remote.SetPort(second.port);
-    ASSERT_EQ(sock.SetRemote(&remote), 0);
-    EXPECT_EQ(sock.WriteV(&piece, 1), 5);
-    EXPECT_EQ(second.receive(), "still");
+    ASSERT_EQ(0, sock.SetRemote(&remote));
+    EXPECT_EQ(5, sock.WriteV(&piece, 1));
+    EXPECT_EQ("still", second.receive());
 }
 
 // ---- Send, WriteV, Recv --------------------------------------------------------------------------------
@@ -399,11 +398,11 @@ TEST(SockDgramSend, InvalidParametersAreLogged) {
     const CSockAddrIPv4 invalid(0xFFFFFFFFu, 0);
     const CSockAddrIPv6 no_port("::1", 0);
     const LogCapture log;
-    EXPECT_EQ(sock.Send(nullptr, 1, &remote), -1);
-    EXPECT_EQ(sock.Send("x", 0, &remote), -1);
-    EXPECT_EQ(sock.Send("x", 1, nullptr), -1);
-    EXPECT_EQ(sock.Send("x", 1, &invalid), -1);
-    EXPECT_EQ(sock.Send("x", 1, &no_port), -1);
+    EXPECT_EQ(-1, sock.Send(nullptr, 1, &remote));
+    EXPECT_EQ(-1, sock.Send("x", 0, &remote));
+    EXPECT_EQ(-1, sock.Send("x", 1, nullptr));
+    EXPECT_EQ(-1, sock.Send("x", 1, &invalid));
+    EXPECT_EQ(-1, sock.Send("x", 1, &no_port));
     const std::string start = "2 Orvex::Reticor::CSockDgram::Send : send to failed! ";
     EXPECT_THAT(texts(log), ElementsAre(start + "Invalid parameter: buf:(nil), len:1 \n",
                                         MatchesRegex(start + "Invalid parameter: buf:0x[0-9a-f]+, len:0 \n"),
@@ -417,7 +416,7 @@ TEST(SockDgramSend, IPv4PeerWithPortZeroPassesTheTestAndFailsAtTheSystem) {
     sock.Open(nullptr);
     const CSockAddrIPv4 no_port("127.0.0.1", 0);
     const LogCapture log;
-    EXPECT_EQ(sock.Send("x", 1, &no_port), -1);
+    EXPECT_EQ(-1, sock.Send("x", 1, &no_port));
     EXPECT_THAT(texts(log),
                 ElementsAre("2 Orvex::Reticor::CSockDgram::Send : send to failed! Invalid argument\n"));
 }
@@ -430,11 +429,11 @@ TEST(SockDgramSend, GoesToTheAddressGivenThoughAnotherOneIsConnected) {
         const char* const ip = ipv6 ? "::1" : "127.0.0.1";
         const CSockAddrStorage remote(ip, fixed.port);
         const CSockAddrStorage to(ip, other.port);
-        ASSERT_EQ(own.sock.SetRemote(&remote), 0);
-        EXPECT_EQ(own.sock.Send("other", 5, &to), 5);
-        EXPECT_EQ(own.sock.Send("fixed", 5, nullptr), 5);
-        EXPECT_EQ(other.receive(), "other");
-        EXPECT_EQ(fixed.receive(), "fixed");
+        ASSERT_EQ(0, own.sock.SetRemote(&remote));
+        EXPECT_EQ(5, own.sock.Send("other", 5, &to));
+        EXPECT_EQ(5, own.sock.Send("fixed", 5, nullptr));
+        EXPECT_EQ("other", other.receive());
+        EXPECT_EQ("fixed", fixed.receive());
     }
 }
 
@@ -444,10 +443,10 @@ TEST(SockDgramSend, FullSocketGivesZero) {
     sock.Open(nullptr);
     const CSockAddrIPv4 to(loopback_ip, receiver.port);
     const FailNext fail(SystemCall::sendto, EWOULDBLOCK);
-    EXPECT_EQ(sock.Send("x", 1, &to), 0);
+    EXPECT_EQ(0, sock.Send("x", 1, &to));
     const FailNext interrupted(SystemCall::sendto, EINTR);
-    EXPECT_EQ(sock.Send("x", 1, &to), 0);
-    EXPECT_EQ(sock.Send("x", 1, &to), 1);
+    EXPECT_EQ(0, sock.Send("x", 1, &to));
+    EXPECT_EQ(1, sock.Send("x", 1, &to));
 }
 
 TEST(SockDgramSend, WhatNoDatagramHoldsIsAnError) {
@@ -456,11 +455,11 @@ TEST(SockDgramSend, WhatNoDatagramHoldsIsAnError) {
     sock.Open(nullptr);
     const CSockAddrIPv4 to(loopback_ip, receiver.port);
     const std::string bytes(65508, 'd');
-    EXPECT_EQ(sock.Send(bytes.data(), 65507, &to), 65507);
-    EXPECT_EQ(receiver.receive().size(), 65507u);
+    EXPECT_EQ(65507, sock.Send(bytes.data(), 65507, &to));
+    EXPECT_EQ(65507u, receiver.receive().size());
     const LogCapture log;
-    EXPECT_EQ(sock.Send(bytes.data(), 65508, &to), -1);
-    EXPECT_EQ(errno, EMSGSIZE);
+    EXPECT_EQ(-1, sock.Send(bytes.data(), 65508, &to));
+    EXPECT_EQ(EMSGSIZE, errno);
 }
 
 TEST(SockDgramSend, RefusedPortIsToldByTheNextSendAndTheSocketGoesOn) {
@@ -469,17 +468,17 @@ TEST(SockDgramSend, RefusedPortIsToldByTheNextSendAndTheSocketGoesOn) {
     gone.sock.Close();
     CSockDgram sock;
     sock.Open(nullptr);
-    ASSERT_EQ(sock.SetRemote(&to), 0);
-    EXPECT_EQ(sock.Send("x", 1, nullptr), 1);
+    ASSERT_EQ(0, sock.SetRemote(&to));
+    EXPECT_EQ(1, sock.Send("x", 1, nullptr));
     ASSERT_TRUE(waitFor(sock.GetHandle(), POLLERR));
     const LogCapture log;
-    EXPECT_EQ(sock.Send("x", 1, nullptr), -1);
-    EXPECT_EQ(errno, ECONNREFUSED);
-    EXPECT_EQ(sock.Send("x", 1, nullptr), 1);
+    EXPECT_EQ(-1, sock.Send("x", 1, nullptr));
+    EXPECT_EQ(ECONNREFUSED, errno);
+    EXPECT_EQ(1, sock.Send("x", 1, nullptr));
     ASSERT_TRUE(waitFor(sock.GetHandle(), POLLERR));
     char byte = 0;
-    EXPECT_EQ(sock.Recv(&byte, 1, nullptr), -1);
-    EXPECT_EQ(errno, ECONNREFUSED);
+    EXPECT_EQ(-1, sock.Recv(&byte, 1, nullptr));
+    EXPECT_EQ(ECONNREFUSED, errno);
     EXPECT_THAT(texts(log),
                 ElementsAre("2 Orvex::Reticor::CSockDgram::Send : send to failed! Connection refused\n",
                             "2 Orvex::Reticor::CSockDgram::Recv : recv from failed! Connection refused\n"));
@@ -490,11 +489,11 @@ TEST(SockDgramWriteV, PiecesMakeOneDatagram) {
         Receiver receiver(ipv6);
         Receiver own(ipv6);
         const CSockAddrStorage remote(ipv6 ? "::1" : "127.0.0.1", receiver.port);
-        ASSERT_EQ(own.sock.SetRemote(&remote), 0);
+        ASSERT_EQ(0, own.sock.SetRemote(&remote));
         const iovec pieces[] = {
             {const_cast<char*>("one "), 4}, {nullptr, 0}, {const_cast<char*>("datagram"), 8}};
-        EXPECT_EQ(own.sock.WriteV(pieces, 3), 12);
-        EXPECT_EQ(receiver.receive(), "one datagram");
+        EXPECT_EQ(12, own.sock.WriteV(pieces, 3));
+        EXPECT_EQ("one datagram", receiver.receive());
     }
 }
 
@@ -503,7 +502,7 @@ TEST(SockDgramWriteV, LongListIsStillOneDatagram) {
     CSockDgram sock;
     sock.Open(nullptr);
     const CSockAddrIPv4 remote(loopback_ip, receiver.port);
-    ASSERT_EQ(sock.SetRemote(&remote), 0);
+    ASSERT_EQ(0, sock.SetRemote(&remote));
     std::string bytes = Testing::pattern(30000);
     for (const std::size_t count : {std::size_t{IOV_MAX - 1}, std::size_t{IOV_MAX}, std::size_t{IOV_MAX + 1},
                                     std::size_t{3000}, std::size_t{30000}}) {
@@ -527,13 +526,13 @@ TEST(SockDgramWriteV, WhatNoDatagramHoldsIsAnErrorHoweverItIsCut) {
     std::vector<iovec> pieces(2000, iovec{&bytes[0], 0});
     const LogCapture log;
     pieces[1999].iov_len = 65508;
-    EXPECT_EQ(sock.WriteV(pieces.data(), 2000), -1);
-    EXPECT_EQ(errno, EMSGSIZE);
+    EXPECT_EQ(-1, sock.WriteV(pieces.data(), 2000));
+    EXPECT_EQ(EMSGSIZE, errno);
     pieces[1999].iov_len = SIZE_MAX;
-    EXPECT_EQ(sock.WriteV(pieces.data(), 2000), -1);
-    EXPECT_EQ(errno, EMSGSIZE);
-    EXPECT_EQ(sock.WriteV(pieces.data(), -1), -1);
-    EXPECT_EQ(errno, EMSGSIZE);
+    EXPECT_EQ(-1, sock.WriteV(pieces.data(), 2000));
+    EXPECT_EQ(EMSGSIZE, errno);
+    EXPECT_EQ(-1, sock.WriteV(pieces.data(), -1));
+    EXPECT_EQ(EMSGSIZE, errno);
     const std::string line = "2 Orvex::Reticor::CSockDgram::WriteV : send failed! Message too long\n";
     EXPECT_THAT(texts(log), ElementsAre(line, line, line));
 }
@@ -543,10 +542,10 @@ TEST(SockDgramWriteV, NeedsAVectorAndAPeer) {
     sock.Open(nullptr);
     const iovec piece{const_cast<char*>("x"), 1};
     const LogCapture log;
-    EXPECT_EQ(sock.WriteV(&piece, 1), -1);
+    EXPECT_EQ(-1, sock.WriteV(&piece, 1));
     const CSockAddrIPv4 remote(loopback_ip, 9);
     sock.SetRemote(&remote);
-    EXPECT_EQ(sock.WriteV(nullptr, 1), -1);
+    EXPECT_EQ(-1, sock.WriteV(nullptr, 1));
     const std::string start =
         "2 Orvex::Reticor::CSockDgram::WriteV : WriteV failed! Invalid parameter: vector:";
     EXPECT_THAT(texts(log), ElementsAre(MatchesRegex(start + "0x[0-9a-f]+, m_remote_addr:\\(nil\\) \n"),
@@ -561,26 +560,26 @@ TEST(SockDgramWriteV, FullSocketGivesZero) {
     sock.SetRemote(&remote);
     const iovec piece{const_cast<char*>("x"), 1};
     const FailNext fail(SystemCall::sendmsg, EWOULDBLOCK);
-    EXPECT_EQ(sock.WriteV(&piece, 1), 0);
+    EXPECT_EQ(0, sock.WriteV(&piece, 1));
     const FailNext interrupted(SystemCall::sendmsg, EINTR);
-    EXPECT_EQ(sock.WriteV(&piece, 1), 0);
-    EXPECT_EQ(sock.WriteV(&piece, 1), 1);
+    EXPECT_EQ(0, sock.WriteV(&piece, 1));
+    EXPECT_EQ(1, sock.WriteV(&piece, 1));
 }
 
 TEST(SockDgramRecv, NothingWaitingAndAnEmptyDatagramGiveZero) {
     Receiver receiver;
     char byte = 0;
-    EXPECT_EQ(receiver.sock.Recv(&byte, 1, nullptr), 0);
+    EXPECT_EQ(0, receiver.sock.Recv(&byte, 1, nullptr));
     CSockDgram sock;
     sock.Open(nullptr);
     const CSockAddrIPv4 remote(loopback_ip, receiver.port);
     sock.SetRemote(&remote);
     const iovec piece{const_cast<char*>(""), 0};
-    EXPECT_EQ(sock.WriteV(&piece, 1), 0);
+    EXPECT_EQ(0, sock.WriteV(&piece, 1));
     ASSERT_TRUE(waitFor(receiver.sock.GetHandle(), POLLIN));
     CSockAddrIPv4 from;
-    EXPECT_EQ(receiver.sock.Recv(&byte, 1, &from), 0);
-    EXPECT_EQ(from.GetPort(), 0) << "no address comes with it";
+    EXPECT_EQ(0, receiver.sock.Recv(&byte, 1, &from));
+    EXPECT_EQ(0, from.GetPort()) << "no address comes with it";
 }
 
 TEST(SockDgramRecv, TellsTheSenderInEachClass) {
@@ -594,17 +593,17 @@ TEST(SockDgramRecv, TellsTheSenderInEachClass) {
     char text[64] = "";
     receiver4.sock.Send("a", 1, &to4);
     receiver4.sock.Send("b", 1, &to4);
-    EXPECT_EQ(receiver4.receive(&ipv4), "a");
+    EXPECT_EQ("a", receiver4.receive(&ipv4));
     EXPECT_TRUE(ipv4 == to4);
-    EXPECT_EQ(receiver4.receive(&storage), "b");
-    EXPECT_STREQ(storage.GetIpStr(text, sizeof text), "127.0.0.1");
+    EXPECT_EQ("b", receiver4.receive(&storage));
+    EXPECT_STREQ("127.0.0.1", storage.GetIpStr(text, sizeof text));
     EXPECT_EQ(storage.GetPort(), receiver4.port);
     receiver6.sock.Send("c", 1, &to6);
     receiver6.sock.Send("d", 1, &to6);
-    EXPECT_EQ(receiver6.receive(&ipv6), "c");
+    EXPECT_EQ("c", receiver6.receive(&ipv6));
     EXPECT_TRUE(ipv6 == to6);
-    EXPECT_EQ(receiver6.receive(&storage), "d");
-    EXPECT_STREQ(storage.GetIpStr(text, sizeof text), "::1");
+    EXPECT_EQ("d", receiver6.receive(&storage));
+    EXPECT_STREQ("::1", storage.GetIpStr(text, sizeof text));
 }
 
 TEST(SockDgramRecv, IPv6SenderDoesNotFitInAnIPv4AddressAndTheDataStillCome) {
@@ -613,8 +612,8 @@ TEST(SockDgramRecv, IPv6SenderDoesNotFitInAnIPv4AddressAndTheDataStillCome) {
     receiver.sock.Send("data", 4, &to);
     CSockAddrIPv4 from("10.0.0.1", 7);
     const LogCapture log;
-    EXPECT_EQ(receiver.receive(&from), "data");
-    EXPECT_EQ(from.GetPort(), 7);
+    EXPECT_EQ("data", receiver.receive(&from));
+    EXPECT_EQ(7, from.GetPort());
     EXPECT_THAT(texts(log),
                 ElementsAre("2 Orvex::Reticor::CSockDgram::Recv : a ipv6 address can not put into "
                             "CSockAddrIPv4!\n"));
@@ -625,26 +624,26 @@ TEST(SockDgramRecv, IPv4SenderLeavesAnIPv6AddressAsItIs) {
     const CSockAddrIPv4 to(loopback_ip, receiver.port);
     receiver.sock.Send("data", 4, &to);
     CSockAddrIPv6 from("::1", 7);
-    EXPECT_EQ(receiver.receive(&from), "data");
-    EXPECT_EQ(from.GetPort(), 7);
+    EXPECT_EQ("data", receiver.receive(&from));
+    EXPECT_EQ(7, from.GetPort());
 }
 
 TEST(SockDgramRecv, IPv4SenderToADualStackSocketHasAMappedAddress) {
     CSockDgram dual;
     const CSockAddrIPv6 any("::", 0);
-    ASSERT_EQ(dual.Open(&any), 0);
+    ASSERT_EQ(0, dual.Open(&any));
     CSockAddrStorage bound;
     dual.GetLocalAddr(&bound);
     CSockDgram sock;
     sock.Open(nullptr);
     const CSockAddrIPv4 to(loopback_ip, bound.GetPort());
-    EXPECT_EQ(sock.Send("x", 1, &to), 1);
+    EXPECT_EQ(1, sock.Send("x", 1, &to));
     ASSERT_TRUE(waitFor(dual.GetHandle(), POLLIN));
     CSockAddrStorage from;
     char byte = 0;
-    EXPECT_EQ(dual.Recv(&byte, 1, &from), 1);
+    EXPECT_EQ(1, dual.Recv(&byte, 1, &from));
     char text[64] = "";
-    EXPECT_STREQ(from.GetIpStr(text, sizeof text), "::ffff:127.0.0.1");
+    EXPECT_STREQ("::ffff:127.0.0.1", from.GetIpStr(text, sizeof text));
 }
 
 TEST(SockDgramRecv, InvalidParametersAreLogged) {
@@ -652,9 +651,9 @@ TEST(SockDgramRecv, InvalidParametersAreLogged) {
     char byte = 0;
     CUnknownAddr unknown;
     const LogCapture log;
-    EXPECT_EQ(receiver.sock.Recv(nullptr, 1, nullptr), -1);
-    EXPECT_EQ(receiver.sock.Recv(&byte, 0, nullptr), -1);
-    EXPECT_EQ(receiver.sock.Recv(&byte, 1, &unknown), -1);
+    EXPECT_EQ(-1, receiver.sock.Recv(nullptr, 1, nullptr));
+    EXPECT_EQ(-1, receiver.sock.Recv(&byte, 0, nullptr));
+    EXPECT_EQ(-1, receiver.sock.Recv(&byte, 1, &unknown));
     const std::string start = "2 Orvex::Reticor::CSockDgram::Recv : recv failed! invalid parameter";
     EXPECT_THAT(texts(log), ElementsAre(start + ": buf:(nil), len:1 \n",
                                         MatchesRegex(start + ": buf:0x[0-9a-f]+, len:0 \n"),
@@ -667,8 +666,8 @@ TEST(SockDgramRecv, LongDatagramLosesItsEnd) {
     receiver.sock.Send("longer", 6, &to);
     char bytes[4];
     ASSERT_TRUE(waitFor(receiver.sock.GetHandle(), POLLIN));
-    EXPECT_EQ(receiver.sock.Recv(bytes, 4, nullptr), 4);
-    EXPECT_EQ(receiver.sock.Recv(bytes, 4, nullptr), 0);
+    EXPECT_EQ(4, receiver.sock.Recv(bytes, 4, nullptr));
+    EXPECT_EQ(0, receiver.sock.Recv(bytes, 4, nullptr));
 }
 
 // ---- Options, closed objects ---------------------------------------------------------------------------
@@ -676,10 +675,10 @@ TEST(SockDgramRecv, LongDatagramLosesItsEnd) {
 TEST(SockDgramOptions, BufferSizesAreSetAndTold) {
     CSockDgram sock;
     sock.Open(nullptr);
-    EXPECT_EQ(sock.SetSockRecvBuf(32768), 0);
-    EXPECT_EQ(sock.SetSockSendBuf(16384), 0);
-    EXPECT_EQ(sock.GetSockRecvBuf(), 65536);
-    EXPECT_EQ(sock.GetSockSendBuf(), 32768);
+    EXPECT_EQ(0, sock.SetSockRecvBuf(32768));
+    EXPECT_EQ(0, sock.SetSockSendBuf(16384));
+    EXPECT_EQ(65536, sock.GetSockRecvBuf());
+    EXPECT_EQ(32768, sock.GetSockSendBuf());
 }
 
 TEST(SockDgramOptions, ClosedSocketFailsEverywhere) {
@@ -687,15 +686,15 @@ TEST(SockDgramOptions, ClosedSocketFailsEverywhere) {
     const CSockAddrIPv4 to(loopback_ip, 9);
     char byte = 0;
     const LogCapture log;
-    EXPECT_EQ(sock.SetSockRecvBuf(1), -1);
-    EXPECT_EQ(sock.SetSockSendBuf(1), -1);
-    EXPECT_EQ(sock.GetSockRecvBuf(), -1);
-    EXPECT_EQ(sock.GetSockSendBuf(), -1);
-    EXPECT_EQ(sock.SetMulticastTTL(1), -1);
-    EXPECT_EQ(sock.Send("x", 1, &to), -1);
-    EXPECT_EQ(sock.Recv(&byte, 1, nullptr), -1);
-    EXPECT_EQ(sock.SetRemote(&to), -1);
-    EXPECT_EQ(errno, EBADF);
+    EXPECT_EQ(-1, sock.SetSockRecvBuf(1));
+    EXPECT_EQ(-1, sock.SetSockSendBuf(1));
+    EXPECT_EQ(-1, sock.GetSockRecvBuf());
+    EXPECT_EQ(-1, sock.GetSockSendBuf());
+    EXPECT_EQ(-1, sock.SetMulticastTTL(1));
+    EXPECT_EQ(-1, sock.Send("x", 1, &to));
+    EXPECT_EQ(-1, sock.Recv(&byte, 1, nullptr));
+    EXPECT_EQ(-1, sock.SetRemote(&to));
+    EXPECT_EQ(EBADF, errno);
     const std::string start = "2 Orvex::Reticor::CSockDgram::";
     EXPECT_THAT(texts(log),
                 ElementsAre(start + "SetSockRecvBuf : setsockopt failed! Bad file descriptor\n",

@@ -63,17 +63,17 @@ int optionOf(const CSock& sock, int level, int option) {
 TEST(SockStreamConnect, OpensANonBlockingSocketThatIsClosedOnExec) {
     LoopbackPair pair;
     ASSERT_TRUE(pair.connected);
-    EXPECT_EQ(pair.client.GetConnectStatus(), 0);
+    EXPECT_EQ(0, pair.client.GetConnectStatus());
     EXPECT_TRUE(Testing::isNonBlocking(pair.client.GetHandle()));
     EXPECT_TRUE(Testing::isCloseOnExec(pair.client.GetHandle()));
-    EXPECT_EQ(optionOf(pair.client, SOL_SOCKET, SO_TYPE), SOCK_STREAM);
+    EXPECT_EQ(SOCK_STREAM, optionOf(pair.client, SOL_SOCKET, SO_TYPE));
 }
 
 TEST(SockStreamConnect, TakesEveryAddressClass) {
     CSockAcceptor acceptor;
-    ASSERT_EQ(acceptor.Open(CSockAddrIPv6("::", 0)), 0);
+    ASSERT_EQ(0, acceptor.Open(CSockAddrIPv6("::", 0)));
     CSockAddrStorage bound;
-    ASSERT_EQ(acceptor.GetLocalAddr(&bound), 0);
+    ASSERT_EQ(0, acceptor.GetLocalAddr(&bound));
     const unsigned short port = bound.GetPort();
     CSockAddrStorage mapped;
     mapped.SetPort(port);
@@ -88,10 +88,10 @@ TEST(SockStreamConnect, TakesEveryAddressClass) {
           static_cast<const CSockAddr*>(&mapped)}) {
         CSockStream client;
         CSockStream server;
-        EXPECT_EQ(client.Connect(*remote, nullptr), 0);
+        EXPECT_EQ(0, client.Connect(*remote, nullptr));
         EXPECT_TRUE(Testing::acceptInto(acceptor, server));
         EXPECT_TRUE(waitFor(client.GetHandle(), POLLOUT));
-        EXPECT_EQ(client.GetConnectStatus(), 0);
+        EXPECT_EQ(0, client.GetConnectStatus());
     }
 }
 
@@ -118,11 +118,11 @@ TEST(SockStreamConnect, LocalAddressOfAnotherFamilyFailsBeforeAnySocketIsTouched
     CSockAddrIPv6 local("::1", 0);
     CSockAddrStorage empty;
     const LogCapture log;
-    EXPECT_EQ(pair.client.Connect(CSockAddrIPv4(loopback_ip, 80), &local), -1);
-    EXPECT_EQ(pair.client.Connect(CSockAddrIPv4(loopback_ip, 80), &empty), -1);
+    EXPECT_EQ(-1, pair.client.Connect(CSockAddrIPv4(loopback_ip, 80), &local));
+    EXPECT_EQ(-1, pair.client.Connect(CSockAddrIPv4(loopback_ip, 80), &empty));
     EXPECT_EQ(pair.client.GetHandle(), handle);
-    EXPECT_EQ(pair.client.Send("still", 5), 5);
-    EXPECT_EQ(Testing::receive(pair.server, 5), "still");
+    EXPECT_EQ(5, pair.client.Send("still", 5));
+    EXPECT_EQ("still", Testing::receive(pair.server, 5));
     EXPECT_THAT(texts(log), ElementsAre("2 Orvex::Reticor::CSockStream::Connect : SockAddr type error\n",
                                         "2 Orvex::Reticor::CSockStream::Connect : SockAddr type error\n"));
 }
@@ -132,8 +132,8 @@ TEST(SockStreamConnect, RemoteAddressOfNoFamilyFailsBeforeAnySocketIsTouched) {
     ASSERT_TRUE(pair.connected);
     const int handle = pair.client.GetHandle();
     const LogCapture log;
-    EXPECT_EQ(pair.client.Connect(CUnknownAddr(), nullptr), -1);
-    EXPECT_EQ(pair.client.Connect(CSockAddrStorage(), nullptr), -1);
+    EXPECT_EQ(-1, pair.client.Connect(CUnknownAddr(), nullptr));
+    EXPECT_EQ(-1, pair.client.Connect(CSockAddrStorage(), nullptr));
     EXPECT_EQ(pair.client.GetHandle(), handle);
     EXPECT_THAT(texts(log), ElementsAre("2 Orvex::Reticor::CSockStream::Connect : SockAddr type error\n",
                                         "2 Orvex::Reticor::CSockStream::Connect : SockAddr type error\n"));
@@ -144,14 +144,14 @@ TEST(SockStreamConnect, SecondConnectClosesTheFirstSocket) {
     ASSERT_TRUE(pair.connected);
     CSockAcceptor acceptor;
     const unsigned short port = Testing::openOnLoopback(acceptor);
-    ASSERT_EQ(pair.client.Connect(CSockAddrIPv4(loopback_ip, port), nullptr), 0);
+    ASSERT_EQ(0, pair.client.Connect(CSockAddrIPv4(loopback_ip, port), nullptr));
     CSockStream server;
     ASSERT_TRUE(Testing::acceptInto(acceptor, server));
     ASSERT_TRUE(waitFor(pair.server.GetHandle(), POLLIN));
     char byte = 0;
-    EXPECT_EQ(pair.server.Recv(&byte, 1), -1) << "the first peer sees the close";
-    EXPECT_EQ(pair.client.Send("new", 3), 3);
-    EXPECT_EQ(Testing::receive(server, 3), "new");
+    EXPECT_EQ(-1, pair.server.Recv(&byte, 1)) << "the first peer sees the close";
+    EXPECT_EQ(3, pair.client.Send("new", 3));
+    EXPECT_EQ("new", Testing::receive(server, 3));
 }
 
 TEST(SockStreamConnect, WithoutDescriptorsIsLogged) {
@@ -160,8 +160,8 @@ TEST(SockStreamConnect, WithoutDescriptorsIsLogged) {
     const LogCapture log;
     {
         const Testing::NoDescriptors no_descriptors;
-        EXPECT_EQ(stream.Connect(remote, nullptr), -1);
-        EXPECT_EQ(errno, EMFILE);
+        EXPECT_EQ(-1, stream.Connect(remote, nullptr));
+        EXPECT_EQ(EMFILE, errno);
     }
     EXPECT_THAT(
         texts(log),
@@ -172,8 +172,8 @@ TEST(SockStreamConnect, WithoutDescriptorsIsLogged) {
 TEST(SockStreamConnect, ModeThatCannotBeSetKeepsTheHandle) {
     const FailNext failure(SystemCall::ioctl, ENOTTY);
     CSockStream stream;
-    EXPECT_EQ(stream.Connect(CSockAddrIPv4(loopback_ip, 80), nullptr), -1);
-    EXPECT_EQ(errno, ENOTTY);
+    EXPECT_EQ(-1, stream.Connect(CSockAddrIPv4(loopback_ip, 80), nullptr));
+    EXPECT_EQ(ENOTTY, errno);
     EXPECT_TRUE(stream.IsValid());
 }
 
@@ -183,8 +183,8 @@ TEST(SockStreamConnect, TakenLocalPortIsLoggedAndKeepsTheHandle) {
     CSockAddrIPv4 local(loopback_ip, port);
     CSockStream stream;
     const LogCapture log;
-    EXPECT_EQ(stream.Connect(CSockAddrIPv4(loopback_ip, 80), &local), -1);
-    EXPECT_EQ(errno, EADDRINUSE);
+    EXPECT_EQ(-1, stream.Connect(CSockAddrIPv4(loopback_ip, 80), &local));
+    EXPECT_EQ(EADDRINUSE, errno);
     EXPECT_TRUE(stream.IsValid());
     EXPECT_THAT(texts(log),
                 ElementsAre("2 Orvex::Reticor::CSockStream::Connect : bind failed! This port is " +
@@ -197,8 +197,8 @@ TEST(SockStreamConnect, BlockingConnectThatIsRefusedClosesTheHandle) {
     CSockStream stream;
     stream.SetBlockOpt(true);
     const LogCapture log;
-    EXPECT_EQ(stream.Connect(nobody, nullptr), -1);
-    EXPECT_EQ(errno, ECONNREFUSED);
+    EXPECT_EQ(-1, stream.Connect(nobody, nullptr));
+    EXPECT_EQ(ECONNREFUSED, errno);
     EXPECT_FALSE(stream.IsValid());
     EXPECT_THAT(texts(log),
                 ElementsAre("2 Orvex::Reticor::CSockStream::Connect : connect faield! Connection refused\n"));
@@ -208,37 +208,37 @@ TEST(SockStreamConnect, RefusedConnectionIsReportedOnce) {
     CSock holder;
     const CSockAddrIPv4 nobody(loopback_ip, Testing::refusingPort(holder));
     CSockStream stream;
-    ASSERT_EQ(stream.Connect(nobody, nullptr), 0) << "only under way";
+    ASSERT_EQ(0, stream.Connect(nobody, nullptr)) << "only under way";
     ASSERT_TRUE(waitFor(stream.GetHandle(), POLLOUT));
     const LogCapture log;
-    EXPECT_EQ(stream.GetConnectStatus(), -2);
-    EXPECT_EQ(errno, ECONNREFUSED);
+    EXPECT_EQ(-2, stream.GetConnectStatus());
+    EXPECT_EQ(ECONNREFUSED, errno);
     EXPECT_THAT(texts(log), ElementsAre("2 Orvex::Reticor::CSockStream::GetConnectStatus : error: " +
                                         std::to_string(ECONNREFUSED) + "\n"));
-    EXPECT_EQ(stream.GetConnectStatus(), 0) << "the error is handed out once";
+    EXPECT_EQ(0, stream.GetConnectStatus()) << "the error is handed out once";
 }
 
 TEST(SockStreamConnect, RecvBeforeTheStatusTakesTheErrorAway) {
     CSock holder;
     const CSockAddrIPv4 nobody(loopback_ip, Testing::refusingPort(holder));
     CSockStream stream;
-    ASSERT_EQ(stream.Connect(nobody, nullptr), 0);
+    ASSERT_EQ(0, stream.Connect(nobody, nullptr));
     ASSERT_TRUE(waitFor(stream.GetHandle(), POLLOUT));
     pollfd entry{stream.GetHandle(), POLLIN | POLLOUT | POLLPRI, 0};
-    ASSERT_EQ(::poll(&entry, 1, 0), 1);
-    EXPECT_NE(entry.revents & POLLIN, 0) << "a refused connection shows as readable too";
-    EXPECT_EQ(entry.revents & POLLPRI, 0) << "and not as an exception";
+    ASSERT_EQ(1, ::poll(&entry, 1, 0));
+    EXPECT_NE(0, entry.revents & POLLIN) << "a refused connection shows as readable too";
+    EXPECT_EQ(0, entry.revents & POLLPRI) << "and not as an exception";
     char byte = 0;
-    EXPECT_EQ(stream.Recv(&byte, 1), -1);
-    EXPECT_EQ(errno, ECONNREFUSED);
-    EXPECT_EQ(stream.GetConnectStatus(), 0) << "which is why reading is added after the status";
+    EXPECT_EQ(-1, stream.Recv(&byte, 1));
+    EXPECT_EQ(ECONNREFUSED, errno);
+    EXPECT_EQ(0, stream.GetConnectStatus()) << "which is why reading is added after the status";
 }
 
 TEST(SockStreamConnect, StatusOfAClosedSocketFails) {
     CSockStream stream;
     const LogCapture log;
-    EXPECT_EQ(stream.GetConnectStatus(), -2);
-    EXPECT_EQ(errno, EBADF);
+    EXPECT_EQ(-2, stream.GetConnectStatus());
+    EXPECT_EQ(EBADF, errno);
     EXPECT_THAT(texts(log),
                 ElementsAre("2 Orvex::Reticor::CSockStream::GetConnectStatus : getsockopt error, Bad "
                             "file descriptor\n"));
@@ -247,13 +247,13 @@ TEST(SockStreamConnect, StatusOfAClosedSocketFails) {
 TEST(SockStreamSend, NullIsRefusedInSilence) {
     LoopbackPair pair;
     const LogCapture log;
-    EXPECT_EQ(pair.client.Send(nullptr, 1), -1);
-    EXPECT_EQ(pair.client.WriteV(nullptr, 1), -1);
+    EXPECT_EQ(-1, pair.client.Send(nullptr, 1));
+    EXPECT_EQ(-1, pair.client.WriteV(nullptr, 1));
     char byte = 0;
-    EXPECT_EQ(pair.client.Recv(nullptr, 1), -1);
-    EXPECT_EQ(pair.client.Send_n(nullptr, 1, 1000), -1);
-    EXPECT_EQ(pair.client.Recv_n(nullptr, 1, 1000), -1);
-    EXPECT_EQ(pair.client.Send(&byte, 0), 0);
+    EXPECT_EQ(-1, pair.client.Recv(nullptr, 1));
+    EXPECT_EQ(-1, pair.client.Send_n(nullptr, 1, 1000));
+    EXPECT_EQ(-1, pair.client.Recv_n(nullptr, 1, 1000));
+    EXPECT_EQ(0, pair.client.Send(&byte, 0));
     EXPECT_THAT(texts(log), IsEmpty());
 }
 
@@ -264,9 +264,9 @@ TEST(SockStreamSend, BytesArriveAndAFullSocketGivesZero) {
     const LogCapture log;
     const std::size_t taken = Testing::fill(pair.client);
     ASSERT_GT(taken, 0u);
-    EXPECT_EQ(pair.client.Send("x", 1), 0);
+    EXPECT_EQ(0, pair.client.Send("x", 1));
     iovec piece{const_cast<char*>("x"), 1};
-    EXPECT_EQ(pair.client.WriteV(&piece, 1), 0);
+    EXPECT_EQ(0, pair.client.WriteV(&piece, 1));
     EXPECT_EQ(Testing::receive(pair.server, taken).size(), taken);
     EXPECT_THAT(texts(log), IsEmpty());
 }
@@ -286,15 +286,15 @@ TEST(SockStreamSend, LargeSendIsCutShort) {
 TEST(SockStreamSend, ClosedOutputIsAResultAndNoSignal) {
     LoopbackPair pair;
     ASSERT_TRUE(pair.connected);
-    ASSERT_EQ(::shutdown(pair.client.GetHandle(), SHUT_WR), 0);
+    ASSERT_EQ(0, ::shutdown(pair.client.GetHandle(), SHUT_WR));
     iovec piece{const_cast<char*>("x"), 1};
     const LogCapture log;
-    EXPECT_EQ(pair.client.Send("x", 1), -1);
-    EXPECT_EQ(errno, EPIPE);
-    EXPECT_EQ(pair.client.WriteV(&piece, 1), -1);
-    EXPECT_EQ(errno, EPIPE);
-    EXPECT_EQ(pair.client.Send_n("x", 1, 1000), -1);
-    EXPECT_EQ(errno, EPIPE);
+    EXPECT_EQ(-1, pair.client.Send("x", 1));
+    EXPECT_EQ(EPIPE, errno);
+    EXPECT_EQ(-1, pair.client.WriteV(&piece, 1));
+    EXPECT_EQ(EPIPE, errno);
+    EXPECT_EQ(-1, pair.client.Send_n("x", 1, 1000));
+    EXPECT_EQ(EPIPE, errno);
     EXPECT_THAT(texts(log), ElementsAre("2 Orvex::Reticor::CSockStream::Send : send failed! Broken pipe\n",
                                         "2 Orvex::Reticor::CSockStream::WriteV : send failed! Broken pipe\n",
                                         "2 Orvex::Reticor::CSockStream::Send : send failed! Broken pipe\n"));
@@ -306,7 +306,7 @@ TEST(SockStreamSend, ResetByThePeerIsLogged) {
     closeWithReset(pair.server);
     ASSERT_TRUE(waitFor(pair.client.GetHandle(), POLLHUP));
     const LogCapture log;
-    EXPECT_EQ(pair.client.Send("x", 1), -1);
+    EXPECT_EQ(-1, pair.client.Send("x", 1));
     EXPECT_THAT(texts(log),
                 ElementsAre("2 Orvex::Reticor::CSockStream::Send : send failed! Connection reset by peer\n"));
 }
@@ -316,12 +316,12 @@ TEST(SockStreamSend, ClosedSocketIsLogged) {
     iovec piece{const_cast<char*>("x"), 1};
     char byte = 0;
     const LogCapture log;
-    EXPECT_EQ(stream.Send("x", 1), -1);
-    EXPECT_EQ(errno, EBADF);
-    EXPECT_EQ(stream.WriteV(&piece, 1), -1);
-    EXPECT_EQ(errno, EBADF);
-    EXPECT_EQ(stream.Recv(&byte, 1), -1);
-    EXPECT_EQ(errno, EBADF);
+    EXPECT_EQ(-1, stream.Send("x", 1));
+    EXPECT_EQ(EBADF, errno);
+    EXPECT_EQ(-1, stream.WriteV(&piece, 1));
+    EXPECT_EQ(EBADF, errno);
+    EXPECT_EQ(-1, stream.Recv(&byte, 1));
+    EXPECT_EQ(EBADF, errno);
     EXPECT_THAT(texts(log),
                 ElementsAre("2 Orvex::Reticor::CSockStream::Send : send failed! Bad file descriptor\n",
                             "2 Orvex::Reticor::CSockStream::WriteV : send failed! Bad file descriptor\n",
@@ -335,9 +335,9 @@ TEST(SockStreamWriteV, PiecesGoOutInOrder) {
     std::string middle;
     std::string tail = "tail";
     const iovec pieces[] = {{&head[0], head.size()}, {&middle[0], 0}, {&tail[0], tail.size()}};
-    EXPECT_EQ(pair.client.WriteV(pieces, 3), 9);
-    EXPECT_EQ(Testing::receive(pair.server, 9), "head tail");
-    EXPECT_EQ(pair.client.WriteV(pieces, 0), 0);
+    EXPECT_EQ(9, pair.client.WriteV(pieces, 3));
+    EXPECT_EQ("head tail", Testing::receive(pair.server, 9));
+    EXPECT_EQ(0, pair.client.WriteV(pieces, 0));
 }
 
 TEST(SockStreamWriteV, AtMostIovMaxPiecesGoOutInOneCall) {
@@ -348,7 +348,7 @@ TEST(SockStreamWriteV, AtMostIovMaxPiecesGoOutInOneCall) {
     for (char& byte : bytes) {
         pieces.push_back({&byte, 1});
     }
-    EXPECT_EQ(pair.client.WriteV(pieces.data(), static_cast<int>(pieces.size())), IOV_MAX);
+    EXPECT_EQ(IOV_MAX, pair.client.WriteV(pieces.data(), static_cast<int>(pieces.size())));
     EXPECT_EQ(Testing::receive(pair.server, IOV_MAX), bytes.substr(0, IOV_MAX));
 }
 
@@ -357,10 +357,10 @@ TEST(SockStreamWriteV, EmptyPiecesAheadOfTheKernelsLimitDoNotLookLikeAFullSocket
     ASSERT_TRUE(pair.connected);
     std::vector<iovec> pieces(3 * IOV_MAX, iovec{nullptr, 0});
     pieces.push_back({const_cast<char*>("behind"), 6});
-    EXPECT_EQ(pair.client.WriteV(pieces.data(), static_cast<int>(pieces.size())), 6);
-    EXPECT_EQ(Testing::receive(pair.server, 6), "behind");
+    EXPECT_EQ(6, pair.client.WriteV(pieces.data(), static_cast<int>(pieces.size())));
+    EXPECT_EQ("behind", Testing::receive(pair.server, 6));
     pieces.pop_back();
-    EXPECT_EQ(pair.client.WriteV(pieces.data(), static_cast<int>(pieces.size())), 0);
+    EXPECT_EQ(0, pair.client.WriteV(pieces.data(), static_cast<int>(pieces.size())));
 }
 
 TEST(SockStreamWriteV, NegativeCountIsAnError) {
@@ -368,8 +368,8 @@ TEST(SockStreamWriteV, NegativeCountIsAnError) {
     ASSERT_TRUE(pair.connected);
     iovec piece{const_cast<char*>("x"), 1};
     const LogCapture log;
-    EXPECT_EQ(pair.client.WriteV(&piece, -1), -1);
-    EXPECT_EQ(errno, EMSGSIZE);
+    EXPECT_EQ(-1, pair.client.WriteV(&piece, -1));
+    EXPECT_EQ(EMSGSIZE, errno);
     EXPECT_THAT(texts(log),
                 ElementsAre("2 Orvex::Reticor::CSockStream::WriteV : send failed! Message too long\n"));
 }
@@ -378,22 +378,22 @@ TEST(SockStreamRecv, NothingWaitingGivesZero) {
     LoopbackPair pair;
     ASSERT_TRUE(pair.connected);
     char buffer[8];
-    EXPECT_EQ(pair.client.Recv(buffer, sizeof buffer), 0);
+    EXPECT_EQ(0, pair.client.Recv(buffer, sizeof buffer));
 }
 
 TEST(SockStreamRecv, OrderlyCloseIsAResetToTheCaller) {
     LoopbackPair pair;
     ASSERT_TRUE(pair.connected);
-    ASSERT_EQ(pair.server.Send("last", 4), 4);
+    ASSERT_EQ(4, pair.server.Send("last", 4));
     pair.server.Close();
-    EXPECT_EQ(Testing::receive(pair.client, 4), "last");
+    EXPECT_EQ("last", Testing::receive(pair.client, 4));
     ASSERT_TRUE(waitFor(pair.client.GetHandle(), POLLIN));
     char buffer[8];
     const LogCapture log;
     errno = 0;
-    EXPECT_EQ(pair.client.Recv(buffer, sizeof buffer), -1);
-    EXPECT_EQ(errno, ECONNRESET);
-    EXPECT_EQ(pair.client.Recv_n(buffer, sizeof buffer, 1000000), 0);
+    EXPECT_EQ(-1, pair.client.Recv(buffer, sizeof buffer));
+    EXPECT_EQ(ECONNRESET, errno);
+    EXPECT_EQ(0, pair.client.Recv_n(buffer, sizeof buffer, 1000000));
     EXPECT_THAT(texts(log), IsEmpty());
 }
 
@@ -405,8 +405,8 @@ TEST(SockStreamRecv, ResetIsSilent) {
     char buffer[8];
     const LogCapture log;
     errno = 0;
-    EXPECT_EQ(pair.client.Recv(buffer, sizeof buffer), -1);
-    EXPECT_EQ(errno, ECONNRESET);
+    EXPECT_EQ(-1, pair.client.Recv(buffer, sizeof buffer));
+    EXPECT_EQ(ECONNRESET, errno);
     EXPECT_THAT(texts(log), IsEmpty());
 }
 
@@ -441,9 +441,9 @@ TEST(SockStreamRecv, InterruptedBlockingCallsGiveZero) {
         return kernel_id < 0;
     }));
     worker.join();
-    EXPECT_EQ(received, 0);
-    EXPECT_EQ(sent, 0);
-    EXPECT_EQ(gathered, 0);
+    EXPECT_EQ(0, received);
+    EXPECT_EQ(0, sent);
+    EXPECT_EQ(0, gathered);
 }
 
 TEST(SockStreamCost, TransferAllocatesNothing) {
@@ -458,45 +458,45 @@ TEST(SockStreamCost, TransferAllocatesNothing) {
     const int received = pair.server.Recv_n(buffer, sizeof buffer, 5000000);
     const int nothing = pair.client.Recv(buffer, sizeof buffer);
     EXPECT_EQ(Testing::allocationCount(), before);
-    EXPECT_EQ(sent, 5);
-    EXPECT_EQ(gathered, 6);
-    EXPECT_EQ(waited, 4);
-    EXPECT_EQ(received, 15);
-    EXPECT_EQ(nothing, 0);
+    EXPECT_EQ(5, sent);
+    EXPECT_EQ(6, gathered);
+    EXPECT_EQ(4, waited);
+    EXPECT_EQ(15, received);
+    EXPECT_EQ(0, nothing);
 }
 
 TEST(SockStreamOptions, BuffersAreSetAndRead) {
     LoopbackPair pair;
     ASSERT_TRUE(pair.connected);
-    EXPECT_EQ(pair.client.SetSockRecvBuf(20000), 0);
-    EXPECT_EQ(pair.client.SetSockSendBuf(30000), 0);
-    EXPECT_EQ(pair.client.GetSockRecvBuf(), 40000) << "the kernel doubles";
-    EXPECT_EQ(pair.client.GetSockSendBuf(), 60000);
+    EXPECT_EQ(0, pair.client.SetSockRecvBuf(20000));
+    EXPECT_EQ(0, pair.client.SetSockSendBuf(30000));
+    EXPECT_EQ(40000, pair.client.GetSockRecvBuf()) << "the kernel doubles";
+    EXPECT_EQ(60000, pair.client.GetSockSendBuf());
 }
 
 TEST(SockStreamOptions, KeepAliveAndNoDelayAreSwitched) {
     LoopbackPair pair;
     ASSERT_TRUE(pair.connected);
-    EXPECT_EQ(pair.client.SetSockKeepAlive(true), 0);
-    EXPECT_EQ(optionOf(pair.client, SOL_SOCKET, SO_KEEPALIVE), 1);
-    EXPECT_EQ(pair.client.SetSockKeepAlive(false), 0);
-    EXPECT_EQ(optionOf(pair.client, SOL_SOCKET, SO_KEEPALIVE), 0);
-    EXPECT_EQ(pair.client.SetSockNoDelay(true), 0);
-    EXPECT_EQ(optionOf(pair.client, IPPROTO_TCP, TCP_NODELAY), 1);
-    EXPECT_EQ(pair.client.SetSockNoDelay(false), 0);
-    EXPECT_EQ(optionOf(pair.client, IPPROTO_TCP, TCP_NODELAY), 0);
+    EXPECT_EQ(0, pair.client.SetSockKeepAlive(true));
+    EXPECT_EQ(1, optionOf(pair.client, SOL_SOCKET, SO_KEEPALIVE));
+    EXPECT_EQ(0, pair.client.SetSockKeepAlive(false));
+    EXPECT_EQ(0, optionOf(pair.client, SOL_SOCKET, SO_KEEPALIVE));
+    EXPECT_EQ(0, pair.client.SetSockNoDelay(true));
+    EXPECT_EQ(1, optionOf(pair.client, IPPROTO_TCP, TCP_NODELAY));
+    EXPECT_EQ(0, pair.client.SetSockNoDelay(false));
+    EXPECT_EQ(0, optionOf(pair.client, IPPROTO_TCP, TCP_NODELAY));
 }
 
 TEST(SockStreamOptions, FailuresAreLogged) {
     CSockStream stream;
     const LogCapture log;
-    EXPECT_EQ(stream.SetSockRecvBuf(1), -1);
-    EXPECT_EQ(stream.SetSockSendBuf(1), -1);
-    EXPECT_EQ(stream.GetSockRecvBuf(), -1);
-    EXPECT_EQ(stream.GetSockSendBuf(), -1);
-    EXPECT_EQ(stream.SetSockKeepAlive(true), -1);
-    EXPECT_EQ(stream.SetSockNoDelay(true), -1);
-    EXPECT_EQ(errno, EBADF);
+    EXPECT_EQ(-1, stream.SetSockRecvBuf(1));
+    EXPECT_EQ(-1, stream.SetSockSendBuf(1));
+    EXPECT_EQ(-1, stream.GetSockRecvBuf());
+    EXPECT_EQ(-1, stream.GetSockSendBuf());
+    EXPECT_EQ(-1, stream.SetSockKeepAlive(true));
+    EXPECT_EQ(-1, stream.SetSockNoDelay(true));
+    EXPECT_EQ(EBADF, errno);
     const std::string name = "2 Orvex::Reticor::CSockStream::";
     const std::string set = " : setsockopt failed! Bad file descriptor\n";
     const std::string get = " : getsockopt failed! Bad file descriptor\n";

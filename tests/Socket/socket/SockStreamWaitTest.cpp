@@ -119,14 +119,14 @@ TEST(SockStreamSendN, TimeoutOfZeroMakesOneSend) {
     LoopbackPair pair;
     ASSERT_TRUE(pair.connected);
     pair.shrink();
-    EXPECT_EQ(pair.client.Send_n("hello", 5, 0), 5);
-    EXPECT_EQ(Testing::receive(pair.server, 5), "hello");
+    EXPECT_EQ(5, pair.client.Send_n("hello", 5, 0));
+    EXPECT_EQ("hello", Testing::receive(pair.server, 5));
     const std::string bytes = Testing::pattern(1024 * 1024);
     const int sent = sendAll(pair.client, bytes, 0);
     EXPECT_GT(sent, 0);
     EXPECT_LT(sent, static_cast<int>(bytes.size()));
     Testing::fill(pair.client);
-    EXPECT_EQ(pair.client.Send_n("x", 1, 0), 0);
+    EXPECT_EQ(0, pair.client.Send_n("x", 1, 0));
 }
 
 TEST(SockStreamSendN, NegativeTimeoutDoesNotWait) {
@@ -135,7 +135,7 @@ TEST(SockStreamSendN, NegativeTimeoutDoesNotWait) {
     pair.shrink();
     Testing::fill(pair.client);
     const Outcome outcome = timed([&] { return pair.client.Send_n("x", 1, -1); });
-    EXPECT_EQ(outcome.result, 0);
+    EXPECT_EQ(0, outcome.result);
     EXPECT_LT(outcome.elapsed_us, 5000000);
 }
 
@@ -192,8 +192,8 @@ TEST(SockStreamSendN, ClosedOutputWhileWaitingIsLogged) {
     ASSERT_TRUE(waiter.waitUntilAsleep());
     ::shutdown(pair.client.GetHandle(), SHUT_WR);
     const Outcome outcome = waiter.outcome();
-    EXPECT_EQ(outcome.result, -1);
-    EXPECT_EQ(outcome.error, EPIPE);
+    EXPECT_EQ(-1, outcome.result);
+    EXPECT_EQ(EPIPE, outcome.error);
     EXPECT_THAT(texts(log), ElementsAre("2 Orvex::Reticor::CSockStream::Send_n : send error, Broken pipe\n"));
 }
 
@@ -207,8 +207,8 @@ TEST(SockStreamSendN, ResetWhileWaitingIsLogged) {
     ASSERT_TRUE(waiter.waitUntilAsleep());
     closeWithReset(pair.server);
     const Outcome outcome = waiter.outcome();
-    EXPECT_EQ(outcome.result, -1);
-    EXPECT_EQ(outcome.error, ECONNRESET);
+    EXPECT_EQ(-1, outcome.result);
+    EXPECT_EQ(ECONNRESET, outcome.error);
     EXPECT_THAT(
         texts(log),
         ElementsAre("2 Orvex::Reticor::CSockStream::Send_n : send error, Connection reset by peer\n"));
@@ -227,8 +227,8 @@ TEST(SockStreamSendN, NumberThatWasClosedUnderneathIsLogged) {
     ::syscall(SYS_close, pair.client.GetHandle());
     EXPECT_TRUE(waiter.interrupt(1));
     const Outcome outcome = waiter.outcome();
-    EXPECT_EQ(outcome.result, -1);
-    EXPECT_EQ(outcome.error, EBADF);
+    EXPECT_EQ(-1, outcome.result);
+    EXPECT_EQ(EBADF, outcome.error);
     EXPECT_LT(outcome.elapsed_us, a_minute_us);
     EXPECT_THAT(texts(log),
                 ElementsAre("2 Orvex::Reticor::CSockStream::Send_n : Send_n failed, Bad file descriptor\n"));
@@ -240,11 +240,11 @@ TEST(SockStreamSendN, UrgentDataIsAnException) {
     ASSERT_TRUE(pair.connected);
     pair.shrink();
     Testing::fill(pair.client);
-    ASSERT_EQ(::send(pair.server.GetHandle(), "!", 1, MSG_OOB), 1);
+    ASSERT_EQ(1, ::send(pair.server.GetHandle(), "!", 1, MSG_OOB));
     ASSERT_TRUE(waitFor(pair.client.GetHandle(), POLLPRI));
     const LogCapture log;
-    EXPECT_EQ(pair.client.Send_n("x", 1, 0), 0) << "without waiting nobody looks";
-    EXPECT_EQ(pair.client.Send_n("x", 1, a_minute_us), -1);
+    EXPECT_EQ(0, pair.client.Send_n("x", 1, 0)) << "without waiting nobody looks";
+    EXPECT_EQ(-1, pair.client.Send_n("x", 1, a_minute_us));
     EXPECT_THAT(texts(log),
                 ElementsAre("2 Orvex::Reticor::CSockStream::Send_n : Send_n error, socket exception!\n"));
 }
@@ -252,22 +252,22 @@ TEST(SockStreamSendN, UrgentDataIsAnException) {
 TEST(SockStreamRecvN, TimeoutOfZeroReturnsZeroWithoutReading) {
     LoopbackPair pair;
     ASSERT_TRUE(pair.connected);
-    ASSERT_EQ(pair.server.Send("kept", 4), 4);
+    ASSERT_EQ(4, pair.server.Send("kept", 4));
     ASSERT_TRUE(waitFor(pair.client.GetHandle(), POLLIN));
     char buffer[8] = {};
-    EXPECT_EQ(pair.client.Recv_n(buffer, sizeof buffer, 0), 0);
-    EXPECT_EQ(pair.client.Recv_n(buffer, sizeof buffer, -1), 0);
-    EXPECT_STREQ(buffer, "");
-    EXPECT_EQ(pair.client.Recv(buffer, sizeof buffer), 4);
+    EXPECT_EQ(0, pair.client.Recv_n(buffer, sizeof buffer, 0));
+    EXPECT_EQ(0, pair.client.Recv_n(buffer, sizeof buffer, -1));
+    EXPECT_STREQ("", buffer);
+    EXPECT_EQ(4, pair.client.Recv(buffer, sizeof buffer));
 }
 
 TEST(SockStreamRecvN, ReturnsAShortCountAtOnce) {
     LoopbackPair pair;
     ASSERT_TRUE(pair.connected);
-    ASSERT_EQ(pair.server.Send("short", 5), 5);
+    ASSERT_EQ(5, pair.server.Send("short", 5));
     char buffer[64] = {};
     const Outcome outcome = timed([&] { return pair.client.Recv_n(buffer, sizeof buffer, a_minute_us); });
-    EXPECT_EQ(outcome.result, 5);
+    EXPECT_EQ(5, outcome.result);
     EXPECT_LT(outcome.elapsed_us, a_minute_us);
 }
 
@@ -276,7 +276,7 @@ TEST(SockStreamRecvN, OutOfTimeReturnsZero) {
     ASSERT_TRUE(pair.connected);
     char byte = 0;
     const Outcome outcome = timed([&] { return pair.client.Recv_n(&byte, 1, 30000); });
-    EXPECT_EQ(outcome.result, 0);
+    EXPECT_EQ(0, outcome.result);
     EXPECT_GE(outcome.elapsed_us, 30000);
 }
 
@@ -287,9 +287,9 @@ TEST(SockStreamRecvN, WaitsForBytesAndGoesOnAfterInterruptions) {
     Waiter waiter([&] { return pair.client.Recv_n(&byte, 1, a_minute_us); });
     EXPECT_TRUE(waiter.interrupt(3));
     EXPECT_TRUE(waiter.waitUntilAsleep());
-    ASSERT_EQ(pair.server.Send("z", 1), 1);
-    EXPECT_EQ(waiter.outcome().result, 1);
-    EXPECT_EQ(byte, 'z');
+    ASSERT_EQ(1, pair.server.Send("z", 1));
+    EXPECT_EQ(1, waiter.outcome().result);
+    EXPECT_EQ('z', byte);
 }
 
 TEST(SockStreamRecvN, InterruptionsDoNotProlongTheWait) {
@@ -299,7 +299,7 @@ TEST(SockStreamRecvN, InterruptionsDoNotProlongTheWait) {
     Waiter waiter([&] { return pair.client.Recv_n(&byte, 1, 200000); });
     EXPECT_EVENTUALLY(waiter.interruptOnce() || waiter.over());
     EXPECT_EVENTUALLY(!waiter.interruptOnce() && waiter.over());
-    EXPECT_EQ(waiter.outcome().result, 0);
+    EXPECT_EQ(0, waiter.outcome().result);
     EXPECT_GE(waiter.outcome().elapsed_us, 200000);
 }
 
@@ -309,7 +309,7 @@ TEST(SockStreamRecvN, ClosedPeerGivesZeroAtOnce) {
     pair.server.Close();
     char byte = 0;
     const Outcome outcome = timed([&] { return pair.client.Recv_n(&byte, 1, a_minute_us); });
-    EXPECT_EQ(outcome.result, 0);
+    EXPECT_EQ(0, outcome.result);
     EXPECT_LT(outcome.elapsed_us, a_minute_us);
 }
 
@@ -321,19 +321,19 @@ TEST(SockStreamRecvN, ResetIsSilent) {
     char byte = 0;
     const LogCapture log;
     const Outcome outcome = timed([&] { return pair.client.Recv_n(&byte, 1, a_minute_us); });
-    EXPECT_EQ(outcome.result, -1);
-    EXPECT_EQ(outcome.error, ECONNRESET);
+    EXPECT_EQ(-1, outcome.result);
+    EXPECT_EQ(ECONNRESET, outcome.error);
     EXPECT_THAT(texts(log), IsEmpty());
 }
 
 TEST(SockStreamRecvN, OtherErrorsAreLogged) {
     CSockStream stream;
-    ASSERT_EQ(stream.Attach(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)), 0);
+    ASSERT_EQ(0, stream.Attach(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)));
     char byte = 0;
     const LogCapture log;
     const Outcome outcome = timed([&] { return stream.Recv_n(&byte, 1, a_minute_us); });
-    EXPECT_EQ(outcome.result, -1);
-    EXPECT_EQ(outcome.error, ENOTCONN);
+    EXPECT_EQ(-1, outcome.result);
+    EXPECT_EQ(ENOTCONN, outcome.error);
     EXPECT_THAT(texts(log),
                 ElementsAre("2 Orvex::Reticor::CSockStream::Recv_n : recv error Transport endpoint is "
                             "not connected\n"));
@@ -348,8 +348,8 @@ TEST(SockStreamRecvN, ClosedSocketFailsAtOnceAndInSilence) {
     const LogCapture log;
     for (CSockStream* stream : {&never_opened, &pair.client}) {
         const Outcome outcome = timed([&] { return stream->Recv_n(&byte, 1, a_minute_us); });
-        EXPECT_EQ(outcome.result, -1);
-        EXPECT_EQ(outcome.error, EBADF);
+        EXPECT_EQ(-1, outcome.result);
+        EXPECT_EQ(EBADF, outcome.error);
         EXPECT_LT(outcome.elapsed_us, a_minute_us);
     }
     EXPECT_THAT(texts(log), IsEmpty());
@@ -359,10 +359,10 @@ TEST(SockStreamRecvN, ClosedSocketFailsAtOnceAndInSilence) {
 TEST(SockStreamRecvN, UrgentDataIsAnException) {
     LoopbackPair pair;
     ASSERT_TRUE(pair.connected);
-    ASSERT_EQ(::send(pair.server.GetHandle(), "!", 1, MSG_OOB), 1);
+    ASSERT_EQ(1, ::send(pair.server.GetHandle(), "!", 1, MSG_OOB));
     char byte = 0;
     const LogCapture log;
-    EXPECT_EQ(pair.client.Recv_n(&byte, 1, a_minute_us), -1);
+    EXPECT_EQ(-1, pair.client.Recv_n(&byte, 1, a_minute_us));
     EXPECT_THAT(texts(log),
                 ElementsAre("2 Orvex::Reticor::CSockStream::Recv_n : Recv_n error, socket exception!\n"));
 }
@@ -375,11 +375,11 @@ TEST(SockStreamWaits, LimitIsTheTimeThatIsLeftToTheMicrosecond) {
     char byte = 0;
     {
         const Testing::WaitRecorder recorder;
-        EXPECT_EQ(pair.client.Recv_n(&byte, 1, 1234), 0);
-        EXPECT_EQ(pair.client.Send_n("x", 1, 2345), 0);
+        EXPECT_EQ(0, pair.client.Recv_n(&byte, 1, 1234));
+        EXPECT_EQ(0, pair.client.Send_n("x", 1, 2345));
         ASSERT_GE(recorder.limits().size(), 2u);
-        EXPECT_EQ(recorder.limits()[0], 1234000);
-        EXPECT_EQ(recorder.limits().back(), 2345000);
+        EXPECT_EQ(1234000, recorder.limits()[0]);
+        EXPECT_EQ(2345000, recorder.limits().back());
     }
     const Testing::WaitRecorder recorder;
     Waiter receiver([&] { return pair.client.Recv_n(&byte, 1, a_minute_us); });
@@ -398,15 +398,15 @@ TEST(SockStreamWaits, LimitIsTheTimeThatIsLeftToTheMicrosecond) {
 
 TEST(SockStreamWaits, WorkAtDescriptor5000) {
     rlimit limit{};
-    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+    ASSERT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &limit));
     limit.rlim_cur = 6000;
     limit.rlim_max = std::max<rlim_t>(limit.rlim_max, limit.rlim_cur);
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+    ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &limit));
     LoopbackPair pair;
     ASSERT_TRUE(pair.connected);
     pair.shrink();
     CSockStream high;
-    ASSERT_EQ(high.Attach(::fcntl(pair.client.GetHandle(), F_DUPFD_CLOEXEC, 5000)), 0);
+    ASSERT_EQ(0, high.Attach(::fcntl(pair.client.GetHandle(), F_DUPFD_CLOEXEC, 5000)));
     ASSERT_GE(high.GetHandle(), 5000);
     const std::string bytes = Testing::pattern(1024 * 1024);
     Waiter sender([&] { return sendAll(high, bytes, a_minute_us); });
@@ -417,9 +417,9 @@ TEST(SockStreamWaits, WorkAtDescriptor5000) {
     char buffer[8] = {};
     Waiter receiver([&] { return high.Recv_n(buffer, sizeof buffer, a_minute_us); });
     ASSERT_TRUE(receiver.waitUntilAsleep());
-    ASSERT_EQ(pair.server.Send("high", 4), 4);
-    EXPECT_EQ(receiver.outcome().result, 4);
-    EXPECT_EQ(std::string(buffer, 4), "high");
+    ASSERT_EQ(4, pair.server.Send("high", 4));
+    EXPECT_EQ(4, receiver.outcome().result);
+    EXPECT_EQ("high", std::string(buffer, 4));
 }
 
 }  // namespace

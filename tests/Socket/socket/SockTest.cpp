@@ -42,40 +42,40 @@ int newHandle(int family = AF_INET) {
 
 TEST(Sock, NewSocketHasNoHandleAndIsNotBlocking) {
     CSock sock;
-    EXPECT_EQ(sock.GetHandle(), -1);
-    EXPECT_EQ(sock.GetType(), 7u);
+    EXPECT_EQ(-1, sock.GetHandle());
+    EXPECT_EQ(7u, sock.GetType());
     EXPECT_FALSE(sock.GetBlockOpt());
     EXPECT_FALSE(sock.IsValid());
-    EXPECT_EQ(CSockStream().GetType(), 1u);
-    EXPECT_EQ(CSockAcceptor().GetType(), 6u);
+    EXPECT_EQ(1u, CSockStream().GetType());
+    EXPECT_EQ(6u, CSockAcceptor().GetType());
 }
 
 TEST(Sock, CloseClosesOnceAndIsQuietAfterwards) {
     const int handle = newHandle();
     CSock sock;
-    ASSERT_EQ(sock.Attach(handle), 0);
+    ASSERT_EQ(0, sock.Attach(handle));
     const LogCapture log;
-    EXPECT_EQ(sock.Close(), 0);
+    EXPECT_EQ(0, sock.Close());
     EXPECT_FALSE(isOpen(handle));
-    EXPECT_EQ(sock.GetHandle(), -1);
-    EXPECT_EQ(sock.Close(), -1);
+    EXPECT_EQ(-1, sock.GetHandle());
+    EXPECT_EQ(-1, sock.Close());
     EXPECT_THAT(texts(log), IsEmpty());
 }
 
 TEST(Sock, CloseForgetsTheHandleEvenIfTheSystemRefuses) {
     const int handle = newHandle();
     CSock sock;
-    ASSERT_EQ(sock.Attach(handle), 0);
+    ASSERT_EQ(0, sock.Attach(handle));
     ::close(handle);
-    EXPECT_EQ(sock.Close(), -1);
-    EXPECT_EQ(errno, EBADF);
+    EXPECT_EQ(-1, sock.Close());
+    EXPECT_EQ(EBADF, errno);
     EXPECT_FALSE(sock.IsValid());
 }
 
 TEST(Sock, AttachGivesTheHandleTheObjectsMode) {
     const int first = newHandle();
     CSock sock;
-    EXPECT_EQ(sock.Attach(first), 0);
+    EXPECT_EQ(0, sock.Attach(first));
     EXPECT_EQ(sock.GetHandle(), first);
     EXPECT_TRUE(sock.IsValid());
     EXPECT_TRUE(isNonBlocking(first));
@@ -84,7 +84,7 @@ TEST(Sock, AttachGivesTheHandleTheObjectsMode) {
     ::fcntl(second, F_SETFL, O_NONBLOCK);
     CSock blocking;
     blocking.SetBlockOpt(true);
-    EXPECT_EQ(blocking.Attach(second), 0);
+    EXPECT_EQ(0, blocking.Attach(second));
     EXPECT_FALSE(isNonBlocking(second));
 }
 
@@ -92,8 +92,8 @@ TEST(Sock, AttachKeepsAHandleThatIsHeldAlready) {
     const int first = newHandle();
     const int second = newHandle();
     CSock sock;
-    ASSERT_EQ(sock.Attach(first), 0);
-    EXPECT_EQ(sock.Attach(second), -1);
+    ASSERT_EQ(0, sock.Attach(first));
+    EXPECT_EQ(-1, sock.Attach(second));
     EXPECT_EQ(sock.GetHandle(), first);
     EXPECT_TRUE(isOpen(first));
     EXPECT_TRUE(isOpen(second));
@@ -106,8 +106,8 @@ TEST(Sock, AttachKeepsAHandleWhoseModeCannotBeSet) {
     ::close(dead);
     const LogCapture log;
     CSock sock;
-    EXPECT_EQ(sock.Attach(dead), -1);
-    EXPECT_EQ(errno, EBADF);
+    EXPECT_EQ(-1, sock.Attach(dead));
+    EXPECT_EQ(EBADF, errno);
     EXPECT_EQ(sock.GetHandle(), dead);
     EXPECT_THAT(
         texts(log),
@@ -119,10 +119,10 @@ TEST(Sock, DetachGivesTheHandleUpWithoutClosingIt) {
     const int handle = newHandle();
     {
         CSock sock;
-        ASSERT_EQ(sock.Attach(handle), 0);
+        ASSERT_EQ(0, sock.Attach(handle));
         EXPECT_EQ(sock.Detach(), handle);
-        EXPECT_EQ(sock.GetHandle(), -1);
-        EXPECT_EQ(sock.Detach(), -1);
+        EXPECT_EQ(-1, sock.GetHandle());
+        EXPECT_EQ(-1, sock.Detach());
     }
     EXPECT_TRUE(isOpen(handle));
     ::close(handle);
@@ -132,7 +132,7 @@ TEST(Sock, DestructorClosesAnAttachedHandle) {
     const int handle = newHandle();
     {
         CSock sock;
-        ASSERT_EQ(sock.Attach(handle), 0);
+        ASSERT_EQ(0, sock.Attach(handle));
     }
     EXPECT_FALSE(isOpen(handle));
 }
@@ -146,11 +146,11 @@ TEST(Sock, CopyDuplicatesTheNumberModeAndTypeOnly) {
         CSockStream copy(pair.client);
         EXPECT_EQ(copy.GetHandle(), handle);
         EXPECT_TRUE(copy.GetBlockOpt());
-        EXPECT_EQ(copy.GetType(), 1u);
+        EXPECT_EQ(1u, copy.GetType());
         CSock base;
         base = copy;
         EXPECT_EQ(base.GetHandle(), handle);
-        EXPECT_EQ(base.GetType(), 1u);
+        EXPECT_EQ(1u, base.GetType());
         EXPECT_TRUE(base.GetBlockOpt());
         base.Detach();
         EXPECT_EQ(pair.client.Detach(), handle);
@@ -160,19 +160,19 @@ TEST(Sock, CopyDuplicatesTheNumberModeAndTypeOnly) {
 
 TEST(Sock, SecondCloseOfACopyActsOnADeadNumber) {
     CSock first;
-    ASSERT_EQ(first.Attach(newHandle()), 0);
+    ASSERT_EQ(0, first.Attach(newHandle()));
     CSock second(first);
-    EXPECT_EQ(first.Close(), 0);
+    EXPECT_EQ(0, first.Close());
     EXPECT_TRUE(second.IsValid());
-    EXPECT_EQ(second.Close(), -1);
+    EXPECT_EQ(-1, second.Close());
 }
 
 TEST(Sock, AssignmentDoesNotCloseTheOldHandle) {
     const int old_handle = newHandle();
     CSock target;
     CSock source;
-    ASSERT_EQ(target.Attach(old_handle), 0);
-    ASSERT_EQ(source.Attach(newHandle()), 0);
+    ASSERT_EQ(0, target.Attach(old_handle));
+    ASSERT_EQ(0, source.Attach(newHandle()));
     target = source;
     EXPECT_EQ(target.GetHandle(), source.GetHandle());
     EXPECT_TRUE(isOpen(old_handle));
@@ -187,19 +187,19 @@ TEST(Sock, BlockOptIsKeptUntilASocketIsOpenedOrAttached) {
     EXPECT_TRUE(sock.GetBlockOpt());
     EXPECT_THAT(texts(log), IsEmpty());
     const int handle = newHandle();
-    ASSERT_EQ(sock.Attach(handle), 0);
+    ASSERT_EQ(0, sock.Attach(handle));
     EXPECT_FALSE(isNonBlocking(handle));
 
     CSockAcceptor acceptor;
     acceptor.SetBlockOpt(true);
-    ASSERT_NE(Testing::openOnLoopback(acceptor), 0);
+    ASSERT_NE(0, Testing::openOnLoopback(acceptor));
     EXPECT_FALSE(isNonBlocking(acceptor.GetHandle()));
 }
 
 TEST(Sock, BlockOptSwitchesAnOpenSocket) {
     CSock sock;
     const int handle = newHandle();
-    ASSERT_EQ(sock.Attach(handle), 0);
+    ASSERT_EQ(0, sock.Attach(handle));
     sock.SetBlockOpt(true);
     EXPECT_FALSE(isNonBlocking(handle));
     sock.SetBlockOpt(false);
@@ -209,7 +209,7 @@ TEST(Sock, BlockOptSwitchesAnOpenSocket) {
 TEST(Sock, BlockOptDoesNothingIfTheFlagIsUnchanged) {
     CSock sock;
     const int handle = newHandle();
-    ASSERT_EQ(sock.Attach(handle), 0);
+    ASSERT_EQ(0, sock.Attach(handle));
     ::fcntl(handle, F_SETFL, 0);
     sock.SetBlockOpt(false);
     EXPECT_FALSE(isNonBlocking(handle));
@@ -218,12 +218,12 @@ TEST(Sock, BlockOptDoesNothingIfTheFlagIsUnchanged) {
 TEST(Sock, BlockOptStaysAtTheNewValueWhenItFails) {
     CSock sock;
     const int handle = newHandle();
-    ASSERT_EQ(sock.Attach(handle), 0);
+    ASSERT_EQ(0, sock.Attach(handle));
     ::close(handle);
     const LogCapture log;
     sock.SetBlockOpt(true);
     EXPECT_TRUE(sock.GetBlockOpt());
-    EXPECT_EQ(errno, EBADF);
+    EXPECT_EQ(EBADF, errno);
     EXPECT_THAT(
         texts(log),
         ElementsAre("2 Orvex::Reticor::CSock::set_block_opt : set socket block failed! Bad file descriptor\n",
@@ -234,15 +234,15 @@ TEST(Sock, BlockOptStaysAtTheNewValueWhenItFails) {
 TEST(Sock, LinesStartWithPlaceObjectAndThread) {
     CSock sock;
     const LogCapture log;
-    EXPECT_EQ(sock.GetRemoteAddr(nullptr), -1);
-    ASSERT_EQ(log.lines().size(), 1u);
+    EXPECT_EQ(-1, sock.GetRemoteAddr(nullptr));
+    ASSERT_EQ(1u, log.lines().size());
     std::ostringstream start;
     start << "[Src/Socket/Sock.cpp:" << log.lines()[0].line << "] this:" << static_cast<void*>(&sock)
           << " tid:" << Infra::CThread::getCurrentThreadID() << ", ";
     EXPECT_EQ(log.lines()[0].start, start.str());
-    EXPECT_EQ(log.lines()[0].module, "Unknown");
-    EXPECT_EQ(log.lines()[0].module2, "Unknown");
-    EXPECT_EQ(log.lines()[0].function, "Orvex::Reticor::CSock::GetRemoteAddr");
+    EXPECT_EQ("Unknown", log.lines()[0].module);
+    EXPECT_EQ("Unknown", log.lines()[0].module2);
+    EXPECT_EQ("Orvex::Reticor::CSock::GetRemoteAddr", log.lines()[0].function);
 }
 
 TEST(Sock, AddressesOfAnIPv4Connection) {
@@ -251,32 +251,32 @@ TEST(Sock, AddressesOfAnIPv4Connection) {
     CSockAddrIPv4 client_local;
     CSockAddrIPv4 server_remote;
     CSockAddrStorage storage;
-    EXPECT_EQ(pair.client.GetLocalAddr(&client_local), 0);
-    EXPECT_EQ(pair.server.GetRemoteAddr(&server_remote), 0);
+    EXPECT_EQ(0, pair.client.GetLocalAddr(&client_local));
+    EXPECT_EQ(0, pair.server.GetRemoteAddr(&server_remote));
     EXPECT_TRUE(client_local == server_remote);
-    EXPECT_EQ(client_local.GetIp(), 0x7F000001u);
-    EXPECT_EQ(pair.server.GetRemoteAddr(&storage), 0);
+    EXPECT_EQ(0x7F000001u, client_local.GetIp());
+    EXPECT_EQ(0, pair.server.GetRemoteAddr(&storage));
     EXPECT_EQ(storage.GetPort(), client_local.GetPort());
-    EXPECT_EQ(storage.GetRealType(), 1u);
-    EXPECT_EQ(pair.client.GetLocalAddr(&storage), 0);
+    EXPECT_EQ(1u, storage.GetRealType());
+    EXPECT_EQ(0, pair.client.GetLocalAddr(&storage));
     EXPECT_EQ(storage.GetPort(), client_local.GetPort());
 }
 
 TEST(Sock, AddressesOfAnIPv6Connection) {
     CSockAcceptor acceptor;
     CSockAddrIPv6 local("::1", 0);
-    ASSERT_EQ(acceptor.Open(local), 0);
-    ASSERT_EQ(acceptor.GetLocalAddr(&local), 0);
+    ASSERT_EQ(0, acceptor.Open(local));
+    ASSERT_EQ(0, acceptor.GetLocalAddr(&local));
     CSockStream client;
     CSockStream server;
-    ASSERT_EQ(client.Connect(local, nullptr), 0);
+    ASSERT_EQ(0, client.Connect(local, nullptr));
     ASSERT_TRUE(Testing::acceptInto(acceptor, server));
     CSockAddrIPv6 remote;
     CSockAddrStorage storage;
-    EXPECT_EQ(client.GetRemoteAddr(&remote), 0);
+    EXPECT_EQ(0, client.GetRemoteAddr(&remote));
     EXPECT_TRUE(remote == local);
-    EXPECT_EQ(server.GetLocalAddr(&storage), 0);
-    EXPECT_EQ(storage.GetInputType(), 2u);
+    EXPECT_EQ(0, server.GetLocalAddr(&storage));
+    EXPECT_EQ(2u, storage.GetInputType());
     EXPECT_EQ(storage.GetPort(), local.GetPort());
 }
 
@@ -286,47 +286,47 @@ TEST(Sock, AddressOfTheWrongFamilyIsRefusedAndUnchanged) {
     CSockAddrIPv6 ipv6("2001:db8::1", 80);
     const CSockAddrIPv6 before(ipv6);
     const LogCapture log;
-    EXPECT_EQ(pair.client.GetLocalAddr(&ipv6), -1);
-    EXPECT_EQ(pair.client.GetLocalAddr(nullptr), -1);
+    EXPECT_EQ(-1, pair.client.GetLocalAddr(&ipv6));
+    EXPECT_EQ(-1, pair.client.GetLocalAddr(nullptr));
     EXPECT_THAT(texts(log), IsEmpty());
-    EXPECT_EQ(pair.client.GetRemoteAddr(&ipv6), -1);
-    EXPECT_EQ(pair.client.GetRemoteAddr(nullptr), -1);
+    EXPECT_EQ(-1, pair.client.GetRemoteAddr(&ipv6));
+    EXPECT_EQ(-1, pair.client.GetRemoteAddr(nullptr));
     EXPECT_THAT(texts(log), ElementsAre("2 Orvex::Reticor::CSock::GetRemoteAddr : Unkonw Sockaddr Type.\n",
                                         "2 Orvex::Reticor::CSock::GetRemoteAddr : Unkonw Sockaddr Type.\n"));
     EXPECT_TRUE(ipv6 == before);
 
     CSock sock;
-    ASSERT_EQ(sock.Attach(newHandle(AF_INET6)), 0);
+    ASSERT_EQ(0, sock.Attach(newHandle(AF_INET6)));
     CSockAddrIPv4 ipv4(0x0A000001u, 80);
-    EXPECT_EQ(sock.GetLocalAddr(&ipv4), -1);
-    EXPECT_EQ(ipv4.GetPort(), 80);
+    EXPECT_EQ(-1, sock.GetLocalAddr(&ipv4));
+    EXPECT_EQ(80, ipv4.GetPort());
 }
 
 TEST(Sock, AddressesOfOtherFamiliesAreRefused) {
     int pair[2] = {-1, -1};
-    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
+    ASSERT_EQ(0, ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair));
     CSock first;
     CSock second;
-    ASSERT_EQ(first.Attach(pair[0]), 0);
-    ASSERT_EQ(second.Attach(pair[1]), 0);
+    ASSERT_EQ(0, first.Attach(pair[0]));
+    ASSERT_EQ(0, second.Attach(pair[1]));
     CSockAddrStorage storage;
-    EXPECT_EQ(first.GetLocalAddr(&storage), -1);
-    EXPECT_EQ(first.GetRemoteAddr(&storage), -1);
+    EXPECT_EQ(-1, first.GetLocalAddr(&storage));
+    EXPECT_EQ(-1, first.GetRemoteAddr(&storage));
 }
 
 TEST(Sock, AddressesOfAClosedOrUnconnectedSocket) {
     CSock closed;
     CSock unconnected;
-    ASSERT_EQ(unconnected.Attach(newHandle()), 0);
+    ASSERT_EQ(0, unconnected.Attach(newHandle()));
     CSockAddrIPv4 addr;
     const LogCapture log;
-    EXPECT_EQ(closed.GetLocalAddr(&addr), -1);
-    EXPECT_EQ(errno, EBADF);
+    EXPECT_EQ(-1, closed.GetLocalAddr(&addr));
+    EXPECT_EQ(EBADF, errno);
     EXPECT_THAT(texts(log), IsEmpty());
-    EXPECT_EQ(closed.GetRemoteAddr(&addr), -1);
-    EXPECT_EQ(errno, EBADF);
-    EXPECT_EQ(unconnected.GetRemoteAddr(&addr), -1);
-    EXPECT_EQ(errno, ENOTCONN);
+    EXPECT_EQ(-1, closed.GetRemoteAddr(&addr));
+    EXPECT_EQ(EBADF, errno);
+    EXPECT_EQ(-1, unconnected.GetRemoteAddr(&addr));
+    EXPECT_EQ(ENOTCONN, errno);
     EXPECT_THAT(
         texts(log),
         ElementsAre("2 Orvex::Reticor::CSock::GetRemoteAddr : getpeername failed! Bad file descriptor\n",

@@ -130,7 +130,7 @@ TEST(SocketWriter, BytesWithoutAHandshakeGoToStreamsAndSimulators) {
     }
 }
 
-TEST(SocketWriterDeathTest, NothingElseIsWrittenTo) {
+TEST(SocketWriterDeath, NothingElseIsWrittenTo) {
     CSock plain;
     CSockAcceptor acceptor;
     EXPECT_DEATH(SocketWriter(plain).send("x", 1), "Assertion `0'");

@@ -19,9 +19,9 @@ using Testing::LogCapture;
 using Testing::putContent;
 using Testing::TempFolder;
 
-class DefaultStorDevTest : public ::testing::Test {
+class DefaultStorDev : public ::testing::Test {
 protected:
-    ~DefaultStorDevTest() override {
+    ~DefaultStorDev() override {
         if (device != nullptr) {
             device->Close();
         }
@@ -41,7 +41,7 @@ protected:
     CDefaultStorDev* device = new CDefaultStorDev;
 };
 
-TEST_F(DefaultStorDevTest, WritesReadsAndSeeks) {
+TEST_F(DefaultStorDev, WritesReadsAndSeeks) {
     ASSERT_EQ(0, device->Open(path.c_str(), "w+"));
     EXPECT_TRUE(device->NeedAIO());
     EXPECT_EQ(10, device->Write("0123456789", 10));
@@ -58,7 +58,7 @@ TEST_F(DefaultStorDevTest, WritesReadsAndSeeks) {
 }
 
 // The C library leaves undefined what happens without the positioning in between.
-TEST_F(DefaultStorDevTest, TurnsFromReadingToWritingAndBack) {
+TEST_F(DefaultStorDev, TurnsFromReadingToWritingAndBack) {
     putContent(path, "0123456789");
     ASSERT_EQ(0, device->Open(path.c_str(), "r+"));
     EXPECT_EQ("012", read(3));
@@ -69,7 +69,7 @@ TEST_F(DefaultStorDevTest, TurnsFromReadingToWritingAndBack) {
     EXPECT_EQ("012AB56C89", contentOf(path));
 }
 
-TEST_F(DefaultStorDevTest, APathOfMoreThan255BytesIsCut) {
+TEST_F(DefaultStorDev, APathOfMoreThan255BytesIsCut) {
     const std::string long_path = path + "/" + std::string(400, 'x');
     const std::string cut = folder.file(std::string(255 - folder.file("").size(), 'y'));
     ASSERT_EQ(255u, cut.size());
@@ -83,7 +83,7 @@ TEST_F(DefaultStorDevTest, APathOfMoreThan255BytesIsCut) {
     EXPECT_TRUE(log.contains(2, "open file failed! No such file or directory\n")) << log.dump();
 }
 
-TEST_F(DefaultStorDevTest, OpenThatFailsLogsTheReason) {
+TEST_F(DefaultStorDev, OpenThatFailsLogsTheReason) {
     LogCapture log;
     EXPECT_EQ(-1, device->Open(path.c_str(), "r"));
     EXPECT_TRUE(log.contains(2, "open file failed! No such file or directory\n")) << log.dump();
@@ -93,14 +93,14 @@ TEST_F(DefaultStorDevTest, OpenThatFailsLogsTheReason) {
     EXPECT_EQ(-1, device->Open(nullptr, nullptr));
 }
 
-TEST_F(DefaultStorDevTest, WithoutAStreamNothingIsWrittenReadOrSought) {
+TEST_F(DefaultStorDev, WithoutAStreamNothingIsWrittenReadOrSought) {
     char byte = 0;
     EXPECT_EQ(0, device->Write("x", 1));
     EXPECT_EQ(0, device->Read(&byte, 1));
     EXPECT_EQ(-1, device->Seek(0, 0));
 }
 
-TEST_F(DefaultStorDevTest, StatTellsWhatIsOnTheDisk) {
+TEST_F(DefaultStorDev, StatTellsWhatIsOnTheDisk) {
     putContent(path, "0123456789");
     ASSERT_EQ(0, device->Open(path.c_str(), "r+"));
     device->Seek(10, 0);
@@ -118,7 +118,7 @@ TEST_F(DefaultStorDevTest, StatTellsWhatIsOnTheDisk) {
     EXPECT_EQ(path, info.name);
 }
 
-TEST_F(DefaultStorDevTest, StatOfAFileThatWasRemovedLogsAndGivesMinus1) {
+TEST_F(DefaultStorDev, StatOfAFileThatWasRemovedLogsAndGivesMinus1) {
     ASSERT_EQ(0, device->Open(path.c_str(), "w"));
     std::filesystem::remove(path);
     LogCapture log;
@@ -127,7 +127,7 @@ TEST_F(DefaultStorDevTest, StatOfAFileThatWasRemovedLogsAndGivesMinus1) {
     EXPECT_TRUE(log.contains(2, "get fstat failed! No such file or directory\n")) << log.dump();
 }
 
-TEST_F(DefaultStorDevTest, OffsetsAbove2GiBReachTheStreamWhole) {
+TEST_F(DefaultStorDev, OffsetsAbove2GiBReachTheStreamWhole) {
     constexpr long long FAR = 5LL << 30;
     ASSERT_EQ(0, device->Open(path.c_str(), "w+"));
     ASSERT_EQ(0, device->Seek(FAR, 0));
@@ -139,7 +139,7 @@ TEST_F(DefaultStorDevTest, OffsetsAbove2GiBReachTheStreamWhole) {
     EXPECT_EQ(FAR + 3, info.size);
 }
 
-TEST_F(DefaultStorDevTest, AFullDiskIsAShortCountOfTheWriteThatMeetsIt) {
+TEST_F(DefaultStorDev, AFullDiskIsAShortCountOfTheWriteThatMeetsIt) {
     ASSERT_EQ(0, device->Open("/dev/full", "w"));
     const std::string much(Testing::BLOCK, 'x');
     EXPECT_EQ(0, device->Write(much.data(), Testing::BLOCK));
@@ -151,7 +151,7 @@ TEST_F(DefaultStorDevTest, AFullDiskIsAShortCountOfTheWriteThatMeetsIt) {
     EXPECT_TRUE(log.lines().empty()) << log.dump();
 }
 
-TEST_F(DefaultStorDevTest, WhatAWriteTookIsWithTheSystem) {
+TEST_F(DefaultStorDev, WhatAWriteTookIsWithTheSystem) {
     ASSERT_EQ(0, device->Open(path.c_str(), "w"));
     EXPECT_EQ(3, device->Write("abc", 3));
     EXPECT_EQ("abc", contentOf(path));
@@ -160,7 +160,7 @@ TEST_F(DefaultStorDevTest, WhatAWriteTookIsWithTheSystem) {
     EXPECT_EQ("aXc", contentOf(path));
 }
 
-TEST_F(DefaultStorDevTest, FinishClosesAndSaysWhetherThatFailed) {
+TEST_F(DefaultStorDev, FinishClosesAndSaysWhetherThatFailed) {
     ASSERT_EQ(0, device->Open(path.c_str(), "w"));
     EXPECT_EQ(0, device->Finish(false));
     EXPECT_EQ(0, device->Write("x", 1));
@@ -177,7 +177,7 @@ TEST_F(DefaultStorDevTest, FinishClosesAndSaysWhetherThatFailed) {
     EXPECT_EQ(1u, log.lines().size()) << "and nothing is closed twice";
 }
 
-TEST_F(DefaultStorDevTest, FinishSyncsOnDemandAndSaysWhetherThatFailed) {
+TEST_F(DefaultStorDev, FinishSyncsOnDemandAndSaysWhetherThatFailed) {
     LogCapture log;
     Testing::SyncFault fault(EIO);
     ASSERT_EQ(0, device->Open(path.c_str(), "w"));
@@ -188,7 +188,7 @@ TEST_F(DefaultStorDevTest, FinishSyncsOnDemandAndSaysWhetherThatFailed) {
     EXPECT_TRUE(log.contains(2, "sync file failed! Input/output error\n")) << log.dump();
 }
 
-TEST_F(DefaultStorDevTest, FinishOfACopyLetsTheOtherGoOn) {
+TEST_F(DefaultStorDev, FinishOfACopyLetsTheOtherGoOn) {
     ASSERT_EQ(0, device->Open(path.c_str(), "w"));
     CDefaultStorDev copy(*device);
     EXPECT_EQ(0, device->Finish(false));
@@ -196,7 +196,7 @@ TEST_F(DefaultStorDevTest, FinishOfACopyLetsTheOtherGoOn) {
     EXPECT_EQ("abc", contentOf(path));
 }
 
-TEST_F(DefaultStorDevTest, CopiesShareTheStreamAndTheLastOneClosesIt) {
+TEST_F(DefaultStorDev, CopiesShareTheStreamAndTheLastOneClosesIt) {
     ASSERT_EQ(0, device->Open(path.c_str(), "w"));
     auto* const copy = new CDefaultStorDev(*device);
     auto* const assigned = new CDefaultStorDev;
@@ -212,14 +212,14 @@ TEST_F(DefaultStorDevTest, CopiesShareTheStreamAndTheLastOneClosesIt) {
     EXPECT_EQ("abc", contentOf(path));
 }
 
-TEST_F(DefaultStorDevTest, ChildrenDoNotInheritTheDescriptor) {
+TEST_F(DefaultStorDev, ChildrenDoNotInheritTheDescriptor) {
     const int next = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
     ::close(next);
     ASSERT_EQ(0, device->Open(path.c_str(), "w"));
     EXPECT_EQ(FD_CLOEXEC, ::fcntl(next, F_GETFD) & FD_CLOEXEC);
 }
 
-TEST_F(DefaultStorDevTest, ADirectoryReadsAsEmpty) {
+TEST_F(DefaultStorDev, ADirectoryReadsAsEmpty) {
     ASSERT_EQ(0, device->Open(folder.file("").c_str(), "r"));
     EXPECT_EQ("", read(100));
 }

@@ -20,9 +20,9 @@ using Testing::LogCapture;
 using Testing::putContent;
 using Testing::TempFolder;
 
-class PosixStorDevTest : public ::testing::Test {
+class PosixStorDev : public ::testing::Test {
 protected:
-    ~PosixStorDevTest() override {
+    ~PosixStorDev() override {
         if (device != nullptr) {
             device->Close();
         }
@@ -43,7 +43,7 @@ protected:
     CPosixStorDev* device = new CPosixStorDev;
 };
 
-TEST_F(PosixStorDevTest, WritesReadsAndSeeks) {
+TEST_F(PosixStorDev, WritesReadsAndSeeks) {
     ASSERT_EQ(0, device->Open(path.c_str(), "w+"));
     EXPECT_TRUE(device->NeedAIO());
     EXPECT_EQ(10, device->Write("0123456789", 10));
@@ -61,7 +61,7 @@ TEST_F(PosixStorDevTest, WritesReadsAndSeeks) {
     EXPECT_EQ(-1, device->Seek(LLONG_MAX, 1)) << "no overflow";
 }
 
-TEST_F(PosixStorDevTest, TheModesAreThoseOfFopen) {
+TEST_F(PosixStorDev, TheModesAreThoseOfFopen) {
     LogCapture log;
     EXPECT_EQ(-1, device->Open(path.c_str(), "r"));
     EXPECT_TRUE(log.contains(2, "open file failed! No such file or directory\n")) << log.dump();
@@ -85,13 +85,13 @@ TEST_F(PosixStorDevTest, TheModesAreThoseOfFopen) {
     EXPECT_EQ(-1, device->Open(path.c_str(), nullptr));
 }
 
-TEST_F(PosixStorDevTest, ADirectoryIsRefused) {
+TEST_F(PosixStorDev, ADirectoryIsRefused) {
     LogCapture log;
     EXPECT_EQ(-1, device->Open(folder.file("").c_str(), "r"));
     EXPECT_TRUE(log.contains(2, "open file failed! Is a directory\n")) << log.dump();
 }
 
-TEST_F(PosixStorDevTest, WithoutAFileEverythingFails) {
+TEST_F(PosixStorDev, WithoutAFileEverythingFails) {
     LogCapture log;
     char byte = 0;
     NFile_Info info;
@@ -102,19 +102,19 @@ TEST_F(PosixStorDevTest, WithoutAFileEverythingFails) {
     EXPECT_TRUE(log.contains(2, "get fstat failed! Bad file descriptor\n")) << log.dump();
 }
 
-TEST_F(PosixStorDevTest, AFullDiskIsMinus1) {
+TEST_F(PosixStorDev, AFullDiskIsMinus1) {
     ASSERT_EQ(0, device->Open("/dev/full", "w"));
     EXPECT_EQ(-1, device->Write("x", 1));
     EXPECT_EQ(ENOSPC, errno);
 }
 
-TEST_F(PosixStorDevTest, AFileThatIsTooLargeIsMinus1) {
+TEST_F(PosixStorDev, AFileThatIsTooLargeIsMinus1) {
     ASSERT_EQ(0, device->Open(path.c_str(), "w"));
     ASSERT_EQ(0, device->Seek(LLONG_MAX, 0));
     EXPECT_EQ(-1, device->Write("x", 1));
 }
 
-TEST_F(PosixStorDevTest, OffsetsAbove2GiBAreKept) {
+TEST_F(PosixStorDev, OffsetsAbove2GiBAreKept) {
     constexpr long long FAR = 5LL << 30;
     ASSERT_EQ(0, device->Open(path.c_str(), "w+"));
     ASSERT_EQ(0, device->Seek(FAR, 0));
@@ -131,7 +131,7 @@ TEST_F(PosixStorDevTest, OffsetsAbove2GiBAreKept) {
     EXPECT_EQ(path, info.name);
 }
 
-TEST_F(PosixStorDevTest, APipeIsServedInOrder) {
+TEST_F(PosixStorDev, APipeIsServedInOrder) {
     ASSERT_EQ(0, ::mkfifo(path.c_str(), 0600));
     const int reader = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     ASSERT_EQ(0, device->Open(path.c_str(), "w"));
@@ -145,7 +145,7 @@ TEST_F(PosixStorDevTest, APipeIsServedInOrder) {
 
 // ---- the end -------------------------------------------------------------------------------------------
 
-TEST_F(PosixStorDevTest, FinishClosesAndSaysWhetherThatFailed) {
+TEST_F(PosixStorDev, FinishClosesAndSaysWhetherThatFailed) {
     ASSERT_EQ(0, device->Open(path.c_str(), "w"));
     EXPECT_EQ(0, device->Finish(false));
     EXPECT_EQ(-1, device->Write("x", 1));
@@ -162,7 +162,7 @@ TEST_F(PosixStorDevTest, FinishClosesAndSaysWhetherThatFailed) {
     EXPECT_EQ(1u, log.lines().size()) << "and nothing is closed twice";
 }
 
-TEST_F(PosixStorDevTest, FinishSyncsOnDemandAndSaysWhetherThatFailed) {
+TEST_F(PosixStorDev, FinishSyncsOnDemandAndSaysWhetherThatFailed) {
     {
         Testing::SyncFault none;
         ASSERT_EQ(0, device->Open(path.c_str(), "w"));
@@ -179,7 +179,7 @@ TEST_F(PosixStorDevTest, FinishSyncsOnDemandAndSaysWhetherThatFailed) {
     EXPECT_TRUE(log.contains(2, "sync file failed! Input/output error\n")) << log.dump();
 }
 
-TEST_F(PosixStorDevTest, WhatHasNoMediumNeedsNoSync) {
+TEST_F(PosixStorDev, WhatHasNoMediumNeedsNoSync) {
     ASSERT_EQ(0, ::mkfifo(path.c_str(), 0600));
     const int reader = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     ASSERT_EQ(0, device->Open(path.c_str(), "w"));
@@ -188,7 +188,7 @@ TEST_F(PosixStorDevTest, WhatHasNoMediumNeedsNoSync) {
 }
 
 // As a handler's calls come: on any worker of its pool, one after another.
-TEST_F(PosixStorDevTest, OrdinaryThreadsShareOnePosition) {
+TEST_F(PosixStorDev, OrdinaryThreadsShareOnePosition) {
     ASSERT_EQ(0, device->Open(path.c_str(), "w+"));
     EXPECT_EQ(1, device->Write("a", 1));
     std::thread([this] {
@@ -199,7 +199,7 @@ TEST_F(PosixStorDevTest, OrdinaryThreadsShareOnePosition) {
 }
 
 // Each thread makes sure that the other one has moved "the" position between its Seek and its transfer.
-TEST_F(PosixStorDevTest, ALoadAndAWritePassAtOnceDoNotDisturbEachOther) {
+TEST_F(PosixStorDev, ALoadAndAWritePassAtOnceDoNotDisturbEachOther) {
     constexpr int ROUNDS = 2000;
     const std::string old(Testing::BLOCK, 'o');
     putContent(path, old);

@@ -64,13 +64,13 @@ TEST(FileBuf, TheSubmitValuesAreThoseThatWorkersKnow) {
     EXPECT_EQ(3, CNFileBuf::SUBMIT_WRITE_FREE);
 }
 
-TEST(FileBufDeathTest, SubmitOfABufferThatIsNotBusyIsAsserted) {
+TEST(FileBufDeath, SubmitOfABufferThatIsNotBusyIsAsserted) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     CNFileBuf buffer;
     EXPECT_DEATH(buffer.Submit(CNFileBuf::SUBMIT_READ), "m_busy == true");
 }
 
-TEST(FileBufDeathTest, WritesAndReadsOutsideTheValidBytesAreAsserted) {
+TEST(FileBufDeath, WritesAndReadsOutsideTheValidBytesAreAsserted) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     Window window(100);
     window.put("0123456789", 100);

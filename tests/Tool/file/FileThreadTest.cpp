@@ -94,7 +94,7 @@ TEST(FileThread, ASystemWithoutThreadsIsAnErrorThatLeavesNothingBehind) {
 
 // ---- NotifyIO ------------------------------------------------------------------------------------------
 
-class NotifyIOTest : public FileFixture {
+class FileNotify : public FileFixture {
 protected:
     void SetUp() override {
         FileFixture::SetUp();
@@ -109,7 +109,7 @@ protected:
     std::shared_ptr<HandlerLife> life;
 };
 
-TEST_F(NotifyIOTest, RunsOnAFileWorkerAndMayBlockThere) {
+TEST_F(FileNotify, RunsOnAFileWorkerAndMayBlockThere) {
     Gate gate;
     std::atomic<bool> on_worker{false};
     handler->on_message = [&](long sender, unsigned int msg, long attach) {
@@ -130,7 +130,7 @@ TEST_F(NotifyIOTest, RunsOnAFileWorkerAndMayBlockThere) {
     EXPECT_EVENTUALLY(life->messages == 2);
 }
 
-TEST_F(NotifyIOTest, DoesNotWaitBehindABusyDisk) {
+TEST_F(FileNotify, DoesNotWaitBehindABusyDisk) {
     Gate gate;
     MemoryDevice* const device = newDevice();
     device->on_write = [&](unsigned) { return gate.pass(), MemoryDevice::LET_BE; };
@@ -147,7 +147,7 @@ TEST_F(NotifyIOTest, DoesNotWaitBehindABusyDisk) {
     closed(file);
 }
 
-TEST_F(NotifyIOTest, AMessageToSomebodyWhoIsGoneDisappears) {
+TEST_F(FileNotify, AMessageToSomebodyWhoIsGoneDisappears) {
     auto* const gone = new TestHandler;
     const long id = gone->GetID();
     closeAndWait(gone);
@@ -156,7 +156,7 @@ TEST_F(NotifyIOTest, AMessageToSomebodyWhoIsGoneDisappears) {
     EXPECT_EVENTUALLY(life->messages == 1);
 }
 
-TEST_F(NotifyIOTest, Number12FromAHandlerToItselfTakesItOutOfItsPool) {
+TEST_F(FileNotify, Number12FromAHandlerToItselfTakesItOutOfItsPool) {
     auto* const own = new TestHandler;
     const std::shared_ptr<HandlerLife> its_life = own->life;
     own->keep_after_close = true;
@@ -167,7 +167,7 @@ TEST_F(NotifyIOTest, Number12FromAHandlerToItselfTakesItOutOfItsPool) {
 }
 
 // File workers look into pools that nobody keeps for them.
-TEST_F(NotifyIOTest, PrivatePoolsComeAndGoUnderMessagesToThem) {
+TEST_F(FileNotify, PrivatePoolsComeAndGoUnderMessagesToThem) {
     for (int i = 0; i < 10; ++i) {
         const int pool = CNetThread::CreatePrivatePool(1, true);
         ASSERT_GT(pool, 0);

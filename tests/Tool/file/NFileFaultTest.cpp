@@ -23,7 +23,7 @@ using Testing::TempFolder;
 
 using Calls = std::vector<std::string>;
 
-class NFileFaultTest : public StillFileFixture {
+class NFileFault : public StillFileFixture {
 protected:
     std::string read(CNFile& file, unsigned len) {
         std::string bytes(len, '\0');
@@ -46,7 +46,7 @@ protected:
 
 // ---- writes that fail ----------------------------------------------------------------------------------
 
-class WriteResults : public NFileFaultTest, public ::testing::WithParamInterface<int> {};
+class WriteResults : public NFileFault, public ::testing::WithParamInterface<int> {};
 
 TEST_P(WriteResults, AWriteThatFailsGivesMessage8AndIsTriedAgain) {
     MemoryDevice* const device = newDevice();
@@ -72,7 +72,7 @@ TEST_P(WriteResults, AWriteThatFailsGivesMessage8AndIsTriedAgain) {
 // 10000 is more than was asked for.
 INSTANTIATE_TEST_SUITE_P(NFile, WriteResults, ::testing::Values(-1, 0, -5, INT_MIN + 1, 10000));
 
-TEST_F(NFileFaultTest, ShortCountsAreNoFailure) {
+TEST_F(NFileFault, ShortCountsAreNoFailure) {
     MemoryDevice* const device = newDevice();
     device->on_write = [](unsigned len) { return static_cast<int>(std::min(len, 1000u)); };
     device->on_read = [](unsigned len) { return static_cast<int>(std::min(len, 7u)); };
@@ -88,7 +88,7 @@ TEST_F(NFileFaultTest, ShortCountsAreNoFailure) {
 }
 
 // What the device has taken of a block before it failed may be lost with the failure.
-TEST_F(NFileFaultTest, ABlockThatFailedInTheMiddleIsWrittenWhole) {
+TEST_F(NFileFault, ABlockThatFailedInTheMiddleIsWrittenWhole) {
     MemoryDevice* const device = newDevice();
     int calls = 0;
     device->on_write = [&](unsigned) {
@@ -105,7 +105,7 @@ TEST_F(NFileFaultTest, ABlockThatFailedInTheMiddleIsWrittenWhole) {
               disk->log());
 }
 
-TEST_F(NFileFaultTest, ABlockThatFailedInTheMiddleGoesOnThereWhereTheDeviceCannotSeek) {
+TEST_F(NFileFault, ABlockThatFailedInTheMiddleGoesOnThereWhereTheDeviceCannotSeek) {
     MemoryDevice* const device = newDevice();
     int calls = 0;
     device->on_seek = [](long long) { return -1; };
@@ -120,7 +120,7 @@ TEST_F(NFileFaultTest, ABlockThatFailedInTheMiddleGoesOnThereWhereTheDeviceCanno
     EXPECT_TRUE(bytes == closed(file));
 }
 
-TEST_F(NFileFaultTest, AWriterThatWaitsForRoomIsToldWhenTheDeviceTakesBytesAgain) {
+TEST_F(NFileFault, AWriterThatWaitsForRoomIsToldWhenTheDeviceTakesBytesAgain) {
     MemoryDevice* const device = newDevice();
     bool full = true;
     device->on_write = [&](unsigned) { return full ? -1 : MemoryDevice::LET_BE; };
@@ -142,7 +142,7 @@ TEST_F(NFileFaultTest, AWriterThatWaitsForRoomIsToldWhenTheDeviceTakesBytesAgain
 }
 
 // Bytes that are not on the disk yet must not be read as if they had never been.
-TEST_F(NFileFaultTest, ALoadWaitsForWritesThatFail) {
+TEST_F(NFileFault, ALoadWaitsForWritesThatFail) {
     MemoryDevice* const device = newDevice();
     bool full = true;
     device->on_write = [&](unsigned) { return full ? -1 : MemoryDevice::LET_BE; };
@@ -165,7 +165,7 @@ TEST_F(NFileFaultTest, ALoadWaitsForWritesThatFail) {
 }
 
 // Blocks and callers that counted on a pass which then fails.
-TEST_F(NFileFaultTest, WhatWasLeftToAPassThatFailsIsTriedAgain) {
+TEST_F(NFileFault, WhatWasLeftToAPassThatFailsIsTriedAgain) {
     Gate gate;
     MemoryDevice* const device = newDevice();
     int failures = 2;
@@ -189,7 +189,7 @@ TEST_F(NFileFaultTest, WhatWasLeftToAPassThatFailsIsTriedAgain) {
 }
 
 // The read task found a pass at work and left the load to it.
-TEST_F(NFileFaultTest, ALoadThatWasLeftToAPassThatFailsIsMadeAllTheSame) {
+TEST_F(NFileFault, ALoadThatWasLeftToAPassThatFailsIsMadeAllTheSame) {
     Gate gate;
     MemoryDevice* const device = newDevice();
     disk->bytes = pattern(3 * BLOCK);
@@ -212,7 +212,7 @@ TEST_F(NFileFaultTest, ALoadThatWasLeftToAPassThatFailsIsMadeAllTheSame) {
     closed(file);
 }
 
-TEST_F(NFileFaultTest, ADeviceThatCannotSeekIsServedInOrder) {
+TEST_F(NFileFault, ADeviceThatCannotSeekIsServedInOrder) {
     MemoryDevice* const device = newDevice();
     device->on_seek = [](long long) { return -1; };
     CNFile* const file = open(device);
@@ -222,7 +222,7 @@ TEST_F(NFileFaultTest, ADeviceThatCannotSeekIsServedInOrder) {
     EXPECT_EQ(0, client->errors());
 }
 
-TEST_F(NFileFaultTest, ASeekThatFailsElsewhereIsAFailure) {
+TEST_F(NFileFault, ASeekThatFailsElsewhereIsAFailure) {
     MemoryDevice* const device = newDevice();
     bool broken = true;
     device->on_seek = [&](long long) { return broken ? -1 : MemoryDevice::LET_BE; };
@@ -237,7 +237,7 @@ TEST_F(NFileFaultTest, ASeekThatFailsElsewhereIsAFailure) {
     EXPECT_EQ(std::string(100, '\0') + "data", closed(file));
 }
 
-TEST_F(NFileFaultTest, AFullDiskIsToldByMessage8) {
+TEST_F(NFileFault, AFullDiskIsToldByMessage8) {
     CNFile* const file = open(new CPosixStorDev, "/dev/full", "w");
     ASSERT_NE(nullptr, file);
     write(*file, "data");
@@ -251,7 +251,7 @@ TEST_F(NFileFaultTest, AFullDiskIsToldByMessage8) {
 
 // ---- loads that fail -----------------------------------------------------------------------------------
 
-TEST_F(NFileFaultTest, AfterAReadErrorReadGives0ForEverUntilTheBuffersAreNew) {
+TEST_F(NFileFault, AfterAReadErrorReadGives0ForEverUntilTheBuffersAreNew) {
     MemoryDevice* const device = newDevice();
     disk->bytes = "0123456789";
     int result = -1;
@@ -276,7 +276,7 @@ TEST_F(NFileFaultTest, AfterAReadErrorReadGives0ForEverUntilTheBuffersAreNew) {
     closed(file);
 }
 
-TEST_F(NFileFaultTest, MoreBytesThanWereAskedForAreAReadError) {
+TEST_F(NFileFault, MoreBytesThanWereAskedForAreAReadError) {
     MemoryDevice* const device = newDevice();
     device->on_read = [](unsigned len) { return static_cast<int>(len) + 1; };
     CNFile* const file = open(device);
@@ -286,7 +286,7 @@ TEST_F(NFileFaultTest, MoreBytesThanWereAskedForAreAReadError) {
     closed(file);
 }
 
-TEST_F(NFileFaultTest, AFileThatIsCutWhileItIsReadEndsWhereItWasCut) {
+TEST_F(NFileFault, AFileThatIsCutWhileItIsReadEndsWhereItWasCut) {
     for (const bool posix : {false, true}) {
         TempFolder folder;
         const std::string path = folder.file("a");
@@ -312,7 +312,7 @@ TEST_F(NFileFaultTest, AFileThatIsCutWhileItIsReadEndsWhereItWasCut) {
 
 // ---- Close ---------------------------------------------------------------------------------------------
 
-TEST_F(NFileFaultTest, TheSecondCloseAndCallsAfterTheFirstDoNothing) {
+TEST_F(NFileFault, TheSecondCloseAndCallsAfterTheFirstDoNothing) {
     CNFile* const file = open(newDevice());
     file->AddRef();
     write(*file, "data");
@@ -334,7 +334,7 @@ TEST_F(NFileFaultTest, TheSecondCloseAndCallsAfterTheFirstDoNothing) {
     file->DecRef();
 }
 
-TEST_F(NFileFaultTest, CloseWithBytesInEveryBufferLosesNone) {
+TEST_F(NFileFault, CloseWithBytesInEveryBufferLosesNone) {
     CNFile* const file = open(newDevice());
     std::string wanted(900000, '\0');
     for (unsigned i = 0; i < 4; ++i) {
@@ -346,7 +346,7 @@ TEST_F(NFileFaultTest, CloseWithBytesInEveryBufferLosesNone) {
     EXPECT_TRUE(wanted == closed(file));
 }
 
-TEST_F(NFileFaultTest, ADirectFileIsClosedOnce) {
+TEST_F(NFileFault, ADirectFileIsClosedOnce) {
     MemoryDevice* const device = newDevice();
     device->needs_aio = false;
     CNFile* const file = open(device);
@@ -363,7 +363,7 @@ TEST_F(NFileFaultTest, ADirectFileIsClosedOnce) {
 
 // ---- the change of buffers -----------------------------------------------------------------------------
 
-TEST_F(NFileFaultTest, NewBuffersForgetWhereTheOldOnesLeftOff) {
+TEST_F(NFileFault, NewBuffersForgetWhereTheOldOnesLeftOff) {
     CNFile* const file = open(newDevice());
     EXPECT_EQ(10, write(*file, "0123456789"));
     EXPECT_EQ(0, file->SetBufferSize(1, 8));
@@ -371,7 +371,7 @@ TEST_F(NFileFaultTest, NewBuffersForgetWhereTheOldOnesLeftOff) {
     EXPECT_EQ(std::string(10, '\0') + "abc", closed(file)) << "what was not written is lost";
 }
 
-TEST_F(NFileFaultTest, NewBuffersDuringALoadPayTheMessageThatIsOwed) {
+TEST_F(NFileFault, NewBuffersDuringALoadPayTheMessageThatIsOwed) {
     disk = nullptr;
     MemoryDevice* const device = newDevice();
     disk->bytes = "0123456789";
@@ -386,7 +386,7 @@ TEST_F(NFileFaultTest, NewBuffersDuringALoadPayTheMessageThatIsOwed) {
     closed(file);
 }
 
-TEST_F(NFileFaultTest, NewBuffersDuringAPassWaitForTheCallThatRunsAndPayRoom) {
+TEST_F(NFileFault, NewBuffersDuringAPassWaitForTheCallThatRunsAndPayRoom) {
     Gate gate;
     MemoryDevice* const device = newDevice();
     device->on_write = [&](unsigned) { return gate.pass(), MemoryDevice::LET_BE; };
@@ -407,7 +407,7 @@ TEST_F(NFileFaultTest, NewBuffersDuringAPassWaitForTheCallThatRunsAndPayRoom) {
     EXPECT_EQ("abc", closed(file).substr(4 * BLOCK));
 }
 
-TEST_F(NFileFaultTest, ThereAreNeverMoreThan4096Buffers) {
+TEST_F(NFileFault, ThereAreNeverMoreThan4096Buffers) {
     CNFile* const file = open(newDevice());
     for (const unsigned count : {4097u, 32768u, 1000000000u, 4294967295u}) {
         EXPECT_EQ(0, file->SetBufferSize(1, count));
@@ -419,7 +419,7 @@ TEST_F(NFileFaultTest, ThereAreNeverMoreThan4096Buffers) {
 }
 
 // Whichever of the allocations it is that fails.
-TEST_F(NFileFaultTest, ACountThatMemoryHasNoRoomForGivesFourBuffers) {
+TEST_F(NFileFault, ACountThatMemoryHasNoRoomForGivesFourBuffers) {
     CNFile* const file = open(newDevice());
     size_t failed = 0;
     for (;; ++failed) {
@@ -438,7 +438,7 @@ TEST_F(NFileFaultTest, ACountThatMemoryHasNoRoomForGivesFourBuffers) {
     closed(file);
 }
 
-TEST_F(NFileFaultTest, WithoutAnyMemoryForBuffersCallsGoToTheDevice) {
+TEST_F(NFileFault, WithoutAnyMemoryForBuffersCallsGoToTheDevice) {
     CNFile* const file = open(newDevice());
     {
         Testing::NoMemory fault;
@@ -452,9 +452,9 @@ TEST_F(NFileFaultTest, WithoutAnyMemoryForBuffersCallsGoToTheDevice) {
 
 // ---- with real workers ---------------------------------------------------------------------------------
 
-class NFileDeviceTest : public FileFixture {};
+class NFileDevice : public FileFixture {};
 
-TEST_F(NFileDeviceTest, NoCallerWaitsForADeviceThatBlocks) {
+TEST_F(NFileDevice, NoCallerWaitsForADeviceThatBlocks) {
     Gate gate;
     MemoryDevice* const device = newDevice();
     device->on_write = [&](unsigned) { return gate.pass(), MemoryDevice::LET_BE; };
@@ -478,7 +478,7 @@ TEST_F(NFileDeviceTest, NoCallerWaitsForADeviceThatBlocks) {
     EXPECT_TRUE(bytes.substr(0, 4 * BLOCK) == disk->content());
 }
 
-TEST_F(NFileDeviceTest, AFailingDeviceIsTriedAtAPaceAndKeepsNoWorker) {
+TEST_F(NFileDevice, AFailingDeviceIsTriedAtAPaceAndKeepsNoWorker) {
     MemoryDevice* const device = newDevice();
     std::atomic<bool> broken{true};
     std::atomic<int> tries{0};
@@ -497,7 +497,7 @@ TEST_F(NFileDeviceTest, AFailingDeviceIsTriedAtAPaceAndKeepsNoWorker) {
     EXPECT_EQ("data", disk->content());
 }
 
-TEST_F(NFileDeviceTest, FilesBesideOneThatBlocksGoOn) {
+TEST_F(NFileDevice, FilesBesideOneThatBlocksGoOn) {
     Gate gate;
     std::vector<CNFile*> blocked;
     std::vector<std::shared_ptr<Testing::DeviceLife>> lives;
@@ -520,7 +520,7 @@ TEST_F(NFileDeviceTest, FilesBesideOneThatBlocksGoOn) {
     EXPECT_EVENTUALLY(lives[0]->closes == 1);
 }
 
-TEST_F(NFileDeviceTest, OffsetsAbove2GiBReachBothDevices) {
+TEST_F(NFileDevice, OffsetsAbove2GiBReachBothDevices) {
     TempFolder folder;
     for (const bool posix : {false, true}) {
         constexpr long long FAR = (5LL << 30) + 7;
@@ -539,7 +539,7 @@ TEST_F(NFileDeviceTest, OffsetsAbove2GiBReachBothDevices) {
 }
 
 // The device did not know when it was opened, so each Stat asks it.
-TEST_F(NFileDeviceTest, StatDoesNotCallTheDeviceBesideAWrite) {
+TEST_F(NFileDevice, StatDoesNotCallTheDeviceBesideAWrite) {
     MemoryDevice* const device = newDevice();
     const std::shared_ptr<Testing::DeviceLife> life = disk;
     device->stat_result = -7;
@@ -564,7 +564,7 @@ TEST_F(NFileDeviceTest, StatDoesNotCallTheDeviceBesideAWrite) {
     EXPECT_EQ(1, disk->most_inside);
 }
 
-TEST_F(NFileDeviceTest, NeitherStatNorSetBufferSizeCallsADeviceThatHasGotClose) {
+TEST_F(NFileDevice, NeitherStatNorSetBufferSizeCallsADeviceThatHasGotClose) {
     for (const bool buffered : {false, true}) {
         for (int i = 0; i < 100; ++i) {
             MemoryDevice* const device = newDevice();
@@ -595,7 +595,7 @@ TEST_F(NFileDeviceTest, NeitherStatNorSetBufferSizeCallsADeviceThatHasGotClose) 
     }
 }
 
-TEST_F(NFileDeviceTest, TheDeviceIsAskedOnceWhetherItNeedsWorkers) {
+TEST_F(NFileDevice, TheDeviceIsAskedOnceWhetherItNeedsWorkers) {
     CNFile* const file = open(newDevice());
     EXPECT_EQ(0, file->SetBufferSize(1, 2));
     EXPECT_EQ(0, file->SetBufferSize(1, 5));
@@ -604,7 +604,7 @@ TEST_F(NFileDeviceTest, TheDeviceIsAskedOnceWhetherItNeedsWorkers) {
 }
 
 // An open file holds a block only for what is in use.
-TEST_F(NFileDeviceTest, AFileThatReadsALittleHoldsOneBlock) {
+TEST_F(NFileDevice, AFileThatReadsALittleHoldsOneBlock) {
     MemoryDevice* const device = newDevice();
     disk->bytes = "0123456789";
     CNFile* const file = open(device);

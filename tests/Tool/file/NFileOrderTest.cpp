@@ -14,7 +14,7 @@ using Testing::StillFileFixture;
 
 using Calls = std::vector<std::string>;
 
-class NFileOrderTest : public StillFileFixture {
+class NFileOrder : public StillFileFixture {
 protected:
     std::string read(CNFile& file, unsigned len) {
         std::string bytes(len, '\0');
@@ -52,7 +52,7 @@ protected:
 
 // ---- loads and writes ----------------------------------------------------------------------------------
 
-TEST_F(NFileOrderTest, ALoadDoesNotOvertakeTheWriteThatItDependsOn) {
+TEST_F(NFileOrder, ALoadDoesNotOvertakeTheWriteThatItDependsOn) {
     CNFile* const file = open(newGatedDevice());
     EXPECT_EQ(10, write(*file, "0123456789"));
     EXPECT_EQ(0, file->Seek(0, 0));
@@ -69,7 +69,7 @@ TEST_F(NFileOrderTest, ALoadDoesNotOvertakeTheWriteThatItDependsOn) {
     closed(file);
 }
 
-TEST_F(NFileOrderTest, AReadTaskThatComesFirstWritesOutFirst) {
+TEST_F(NFileOrder, AReadTaskThatComesFirstWritesOutFirst) {
     CNFile* const file = open(newDevice());
     writeAt(*file, 0, "0123456789");
     file->Seek(0, 0);
@@ -81,7 +81,7 @@ TEST_F(NFileOrderTest, AReadTaskThatComesFirstWritesOutFirst) {
 }
 
 // Loaded bytes that a later call overwrote would be served, and written back over the newer ones.
-TEST_F(NFileOrderTest, AWriteIntoTheWindowOfARunningLoadMakesItStale) {
+TEST_F(NFileOrder, AWriteIntoTheWindowOfARunningLoadMakesItStale) {
     MemoryDevice* const device = newGatedDevice();
     disk->bytes = pattern(BLOCK);
     std::string wanted = disk->bytes;
@@ -101,7 +101,7 @@ TEST_F(NFileOrderTest, AWriteIntoTheWindowOfARunningLoadMakesItStale) {
     EXPECT_TRUE(wanted == closed(file));
 }
 
-TEST_F(NFileOrderTest, ALoadThatEndsBehindNewBytesNoLongerClaimsTheEndOfTheFile) {
+TEST_F(NFileOrder, ALoadThatEndsBehindNewBytesNoLongerClaimsTheEndOfTheFile) {
     MemoryDevice* const device = newGatedDevice();
     disk->bytes = "0123456789";
     CNFile* const file = open(device);
@@ -117,7 +117,7 @@ TEST_F(NFileOrderTest, ALoadThatEndsBehindNewBytesNoLongerClaimsTheEndOfTheFile)
     closed(file);
 }
 
-TEST_F(NFileOrderTest, ABlockAtTheOldEndOfTheFileIsForgottenWhenTheFileGrowsBehindIt) {
+TEST_F(NFileOrder, ABlockAtTheOldEndOfTheFileIsForgottenWhenTheFileGrowsBehindIt) {
     MemoryDevice* const device = newDevice();
     disk->bytes = "0123456789";
     CNFile* const file = open(device);
@@ -130,7 +130,7 @@ TEST_F(NFileOrderTest, ABlockAtTheOldEndOfTheFileIsForgottenWhenTheFileGrowsBehi
     closed(file);
 }
 
-TEST_F(NFileOrderTest, AWriteAtTheEndOfALoadedBlockContinuesIt) {
+TEST_F(NFileOrder, AWriteAtTheEndOfALoadedBlockContinuesIt) {
     MemoryDevice* const device = newDevice();
     disk->bytes = "0123456789";
     CNFile* const file = open(device);
@@ -144,7 +144,7 @@ TEST_F(NFileOrderTest, AWriteAtTheEndOfALoadedBlockContinuesIt) {
 
 // ---- overlapping writes --------------------------------------------------------------------------------
 
-TEST_F(NFileOrderTest, DistinctRangesGoToTheDeviceByOffset) {
+TEST_F(NFileOrder, DistinctRangesGoToTheDeviceByOffset) {
     CNFile* const file = open(newDevice());
     writeAt(*file, 600000, "c");
     writeAt(*file, 0, "a");
@@ -154,14 +154,14 @@ TEST_F(NFileOrderTest, DistinctRangesGoToTheDeviceByOffset) {
               disk->log());
 }
 
-TEST_F(NFileOrderTest, OverlappingRangesGoToTheDeviceInTheOrderOfTheCalls) {
+TEST_F(NFileOrder, OverlappingRangesGoToTheDeviceInTheOrderOfTheCalls) {
     CNFile* const file = open(newDevice());
     writeAt(*file, 5, "AAA");
     writeAt(*file, 0, "BBBBBBBBBB");
     EXPECT_EQ("BBBBBBBBBB", closed(file));
 }
 
-TEST_F(NFileOrderTest, EqualOffsetsGoToTheDeviceInTheOrderOfTheCalls) {
+TEST_F(NFileOrder, EqualOffsetsGoToTheDeviceInTheOrderOfTheCalls) {
     CNFile* const file = open(newDevice());
     writeAt(*file, 300000, "X");
     writeAt(*file, 200000, "OLD");
@@ -170,7 +170,7 @@ TEST_F(NFileOrderTest, EqualOffsetsGoToTheDeviceInTheOrderOfTheCalls) {
     EXPECT_EQ("NEW", closed(file).substr(200000, 3));
 }
 
-TEST_F(NFileOrderTest, ABufferThatAReadHadWrittenOutIsNotWrittenToAnyMore) {
+TEST_F(NFileOrder, ABufferThatAReadHadWrittenOutIsNotWrittenToAnyMore) {
     CNFile* const file = open(newDevice());
     EXPECT_EQ(10, write(*file, "0123456789"));
     EXPECT_EQ("", read(*file, 5));
@@ -179,7 +179,7 @@ TEST_F(NFileOrderTest, ABufferThatAReadHadWrittenOutIsNotWrittenToAnyMore) {
     EXPECT_EQ("0123456789abc", closed(file));
 }
 
-TEST_F(NFileOrderTest, AReusedBufferIsNotTakenForTheOneOfTheLastWrite) {
+TEST_F(NFileOrder, AReusedBufferIsNotTakenForTheOneOfTheLastWrite) {
     CNFile* const file = open(newDevice());
     file->SetBufferSize(1, 1);
     EXPECT_EQ(10, write(*file, "0123456789"));
@@ -194,7 +194,7 @@ TEST_F(NFileOrderTest, AReusedBufferIsNotTakenForTheOneOfTheLastWrite) {
 
 // ---- what is submitted while a pass runs ---------------------------------------------------------------
 
-TEST_F(NFileOrderTest, ABlockThatTheRunningPassDidNotSeeIsWrittenByItAllTheSame) {
+TEST_F(NFileOrder, ABlockThatTheRunningPassDidNotSeeIsWrittenByItAllTheSame) {
     CNFile* const file = open(newGatedDevice());
     const std::string bytes = pattern(2 * BLOCK);
     EXPECT_EQ(static_cast<int>(BLOCK), file->Write(bytes.data(), BLOCK));
@@ -208,7 +208,7 @@ TEST_F(NFileOrderTest, ABlockThatTheRunningPassDidNotSeeIsWrittenByItAllTheSame)
     closed(file);
 }
 
-TEST_F(NFileOrderTest, AWriteTaskThatIsRefusedAndDroppedMakesTheRunningPassLookAgain) {
+TEST_F(NFileOrder, AWriteTaskThatIsRefusedAndDroppedMakesTheRunningPassLookAgain) {
     CNFile* const file = open(newGatedDevice());
     const std::string bytes = pattern(2 * BLOCK);
     EXPECT_EQ(static_cast<int>(2 * BLOCK), write(*file, bytes));
@@ -223,7 +223,7 @@ TEST_F(NFileOrderTest, AWriteTaskThatIsRefusedAndDroppedMakesTheRunningPassLookA
     closed(file);
 }
 
-TEST_F(NFileOrderTest, AWriterThatFindsNoRoomDuringAPassIsToldByItsEnd) {
+TEST_F(NFileOrder, AWriterThatFindsNoRoomDuringAPassIsToldByItsEnd) {
     CNFile* const file = open(newGatedDevice());
     const std::string bytes = pattern(5 * BLOCK);
     EXPECT_EQ(static_cast<int>(BLOCK), file->Write(bytes.data(), BLOCK));
@@ -239,7 +239,7 @@ TEST_F(NFileOrderTest, AWriterThatFindsNoRoomDuringAPassIsToldByItsEnd) {
     EXPECT_TRUE(bytes == closed(file));
 }
 
-TEST_F(NFileOrderTest, SeeksWhileTheDeviceIsBusyDoNotPileUpTasks) {
+TEST_F(NFileOrder, SeeksWhileTheDeviceIsBusyDoNotPileUpTasks) {
     CNFile* const file = open(newGatedDevice());
     EXPECT_EQ(1, write(*file, "x"));
     file->Seek(0, 0);
@@ -257,10 +257,10 @@ TEST_F(NFileOrderTest, SeeksWhileTheDeviceIsBusyDoNotPileUpTasks) {
 // ---- all buffers taken ---------------------------------------------------------------------------------
 
 // Four blocks that were read and changed: nothing but the search for room ever writes them out.
-class FourChangedBlocks : public NFileOrderTest {
+class FourChangedBlocks : public NFileOrder {
 protected:
     void SetUp() override {
-        NFileOrderTest::SetUp();
+        NFileOrder::SetUp();
         MemoryDevice* const device = newDevice();
         disk->bytes = pattern(8 * BLOCK);
         wanted = disk->bytes;
@@ -294,7 +294,7 @@ TEST_F(FourChangedBlocks, WriteGoesOn) {
     EXPECT_TRUE(wanted == closed(file));
 }
 
-TEST_F(NFileOrderTest, AReadWithoutABufferIsToldAtOnceAndThenByTheEndOfThePass) {
+TEST_F(NFileOrder, AReadWithoutABufferIsToldAtOnceAndThenByTheEndOfThePass) {
     CNFile* const file = open(newGatedDevice());
     const std::string bytes = pattern(4 * BLOCK);
     EXPECT_EQ(static_cast<int>(4 * BLOCK), write(*file, bytes));
@@ -320,7 +320,7 @@ TEST_F(NFileOrderTest, AReadWithoutABufferIsToldAtOnceAndThenByTheEndOfThePass) 
 
 // ---- other files ---------------------------------------------------------------------------------------
 
-TEST_F(NFileOrderTest, TheEndOfOneFileDoesNotTakeTheBlocksOfOthers) {
+TEST_F(NFileOrder, TheEndOfOneFileDoesNotTakeTheBlocksOfOthers) {
     CNFile* const first = open(newDevice());
     const auto first_disk = disk;
     CNFile* const second = open(newDevice());

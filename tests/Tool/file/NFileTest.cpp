@@ -16,7 +16,7 @@ using Testing::TempFolder;
 
 using Calls = std::vector<std::string>;
 
-class NFileTest : public StillFileFixture {
+class NFile : public StillFileFixture {
 protected:
     CNFile* openWith(const std::string& bytes) {
         MemoryDevice* const device = newDevice();
@@ -36,7 +36,7 @@ protected:
 
 // ---- opening -------------------------------------------------------------------------------------------
 
-TEST_F(NFileTest, OpensTheDeviceAsksItAndHasFourBuffers) {
+TEST_F(NFile, OpensTheDeviceAsksItAndHasFourBuffers) {
     CNFile* const file = openWith("0123456789");
     EXPECT_EQ(1, disk->opens);
     EXPECT_EQ(1, disk->stats);
@@ -45,7 +45,7 @@ TEST_F(NFileTest, OpensTheDeviceAsksItAndHasFourBuffers) {
     EXPECT_EQ(Calls{"close"}, disk->log()) << "the last call of all";
 }
 
-TEST_F(NFileTest, ADeviceThatDoesNotOpenGetsCloseAndThereIsNoFile) {
+TEST_F(NFile, ADeviceThatDoesNotOpenGetsCloseAndThereIsNoFile) {
     MemoryDevice* const device = newDevice();
     device->open_fails = true;
     EXPECT_EQ(nullptr, CNFile::Open(client->id, "x", "r", device));
@@ -54,7 +54,7 @@ TEST_F(NFileTest, ADeviceThatDoesNotOpenGetsCloseAndThereIsNoFile) {
     EXPECT_EQ(0, disk->stats);
 }
 
-TEST_F(NFileTest, APathThatCannotBeOpenedGivesNull) {
+TEST_F(NFile, APathThatCannotBeOpenedGivesNull) {
     Testing::LogCapture log;
     EXPECT_EQ(nullptr, CNFile::Open(client->id, "/nowhere/at/all", "w", nullptr));
     EXPECT_TRUE(log.contains(2, "open file failed! No such file or directory\n")) << log.dump();
@@ -64,7 +64,7 @@ TEST_F(NFileTest, APathThatCannotBeOpenedGivesNull) {
     EXPECT_EQ(nullptr, CNFile::Open(client->id, nullptr, nullptr, nullptr));
 }
 
-TEST_F(NFileTest, WithoutADeviceItMakesTheDefaultOne) {
+TEST_F(NFile, WithoutADeviceItMakesTheDefaultOne) {
     TempFolder folder;
     CNFile* const file = CNFile::Open(client->id, folder.file("a").c_str(), "w", nullptr);
     ASSERT_NE(nullptr, file);
@@ -74,7 +74,7 @@ TEST_F(NFileTest, WithoutADeviceItMakesTheDefaultOne) {
     EXPECT_EQ("abc", contentOf(folder.file("a")));
 }
 
-TEST_F(NFileTest, SetBufferSizeCountsBuffersAndIgnoresTheSize) {
+TEST_F(NFile, SetBufferSizeCountsBuffersAndIgnoresTheSize) {
     CNFile* const file = openWith("");
     EXPECT_EQ(0, file->SetBufferSize(65536, 8));
     EXPECT_EQ(8u, NFileProbe::buffers(*file));
@@ -88,7 +88,7 @@ TEST_F(NFileTest, SetBufferSizeCountsBuffersAndIgnoresTheSize) {
     closed(file);
 }
 
-TEST_F(NFileTest, SetBufferSizeWithTheSameCountChangesNothing) {
+TEST_F(NFile, SetBufferSizeWithTheSameCountChangesNothing) {
     CNFile* const file = openWith("");
     EXPECT_EQ(3, write(*file, "abc"));
     EXPECT_EQ(0, file->SetBufferSize(1, 4));
@@ -97,7 +97,7 @@ TEST_F(NFileTest, SetBufferSizeWithTheSameCountChangesNothing) {
 
 // ---- arguments -----------------------------------------------------------------------------------------
 
-TEST_F(NFileTest, NullAndEmptyArgumentsGive0AndMessage8OnceEach) {
+TEST_F(NFile, NullAndEmptyArgumentsGive0AndMessage8OnceEach) {
     CNFile* const file = openWith("");
     bool eof = true;
     char byte = 0;
@@ -113,7 +113,7 @@ TEST_F(NFileTest, NullAndEmptyArgumentsGive0AndMessage8OnceEach) {
 
 // ---- writing -------------------------------------------------------------------------------------------
 
-TEST_F(NFileTest, AFullBlockGoesToTheDeviceAndAFurtherByteStaysUntilClose) {
+TEST_F(NFile, AFullBlockGoesToTheDeviceAndAFurtherByteStaysUntilClose) {
     CNFile* const file = openWith("");
     const std::string bytes = pattern(BLOCK + 1);
     EXPECT_EQ(static_cast<int>(BLOCK), file->Write(bytes.data(), BLOCK));
@@ -127,7 +127,7 @@ TEST_F(NFileTest, AFullBlockGoesToTheDeviceAndAFurtherByteStaysUntilClose) {
     EXPECT_EQ(0, client->rooms()) << "nobody had to wait";
 }
 
-TEST_F(NFileTest, SeekWritesOutWhatWasPartlyFilled) {
+TEST_F(NFile, SeekWritesOutWhatWasPartlyFilled) {
     CNFile* const file = openWith("");
     EXPECT_EQ(3, write(*file, "abc"));
     EXPECT_EQ(0, file->Seek(10, 0));
@@ -137,7 +137,7 @@ TEST_F(NFileTest, SeekWritesOutWhatWasPartlyFilled) {
     EXPECT_EQ(std::string("abc\0\0\0\0\0\0\0de", 12), closed(file));
 }
 
-TEST_F(NFileTest, WhenAllBuffersAreAtTheDiskWriteGivesAShortCountThen0UntilMessage6) {
+TEST_F(NFile, WhenAllBuffersAreAtTheDiskWriteGivesAShortCountThen0UntilMessage6) {
     CNFile* const file = openWith("");
     const std::string bytes = pattern(6 * BLOCK);
     EXPECT_EQ(static_cast<int>(4 * BLOCK), write(*file, bytes));
@@ -152,7 +152,7 @@ TEST_F(NFileTest, WhenAllBuffersAreAtTheDiskWriteGivesAShortCountThen0UntilMessa
     EXPECT_EQ(1, client->rooms());
 }
 
-TEST_F(NFileTest, ManySmallWritesAreFewOrderedWritesOfTheDevice) {
+TEST_F(NFile, ManySmallWritesAreFewOrderedWritesOfTheDevice) {
     CNFile* const file = openWith("");
     const std::string bytes = pattern(2 * BLOCK);
     for (unsigned i = 0; i < bytes.size(); i += 4096) {
@@ -162,7 +162,7 @@ TEST_F(NFileTest, ManySmallWritesAreFewOrderedWritesOfTheDevice) {
     EXPECT_EQ((Calls{"seek 0", "write 131072", "seek 131072", "write 131072", "close"}), disk->log());
 }
 
-TEST_F(NFileTest, OverwritesInTheMiddleOfAFile) {
+TEST_F(NFile, OverwritesInTheMiddleOfAFile) {
     CNFile* const file = openWith("0123456789");
     EXPECT_EQ(0, file->Seek(2, 0));
     EXPECT_EQ(3, write(*file, "abc"));
@@ -174,7 +174,7 @@ TEST_F(NFileTest, OverwritesInTheMiddleOfAFile) {
 
 // ---- reading -------------------------------------------------------------------------------------------
 
-TEST_F(NFileTest, ReadingAShortFileTakesALoadAndThenGivesItsBytesWithEof) {
+TEST_F(NFile, ReadingAShortFileTakesALoadAndThenGivesItsBytesWithEof) {
     CNFile* const file = openWith("0123456789");
     bool eof = true;
     EXPECT_EQ("", read(*file, 100, eof));
@@ -199,7 +199,7 @@ TEST_F(NFileTest, ReadingAShortFileTakesALoadAndThenGivesItsBytesWithEof) {
     EXPECT_EQ((Calls{"seek 0", "read 10", "read 0", "seek 10", "read 0", "close"}), disk->log());
 }
 
-TEST_F(NFileTest, AMissLoadsTheBlockThatStartsAtThePositionAndNoMore) {
+TEST_F(NFile, AMissLoadsTheBlockThatStartsAtThePositionAndNoMore) {
     const std::string bytes = pattern(4 * BLOCK);
     CNFile* const file = openWith(bytes);
     EXPECT_EQ(0, file->Seek(1000, 0));
@@ -213,7 +213,7 @@ TEST_F(NFileTest, AMissLoadsTheBlockThatStartsAtThePositionAndNoMore) {
     closed(file);
 }
 
-TEST_F(NFileTest, BlocksStayForLaterReadsUntilTheyAreEvictedInTurn) {
+TEST_F(NFile, BlocksStayForLaterReadsUntilTheyAreEvictedInTurn) {
     CNFile* const file = openWith(pattern(8 * BLOCK));
     bool eof = false;
     auto load = [&](unsigned block) {
@@ -237,7 +237,7 @@ TEST_F(NFileTest, BlocksStayForLaterReadsUntilTheyAreEvictedInTurn) {
     closed(file);
 }
 
-TEST_F(NFileTest, ReadsBackWhatWasWrittenButIsNotOnTheDisk) {
+TEST_F(NFile, ReadsBackWhatWasWrittenButIsNotOnTheDisk) {
     CNFile* const file = openWith("");
     EXPECT_EQ(10, write(*file, "0123456789"));
     EXPECT_EQ(0, file->Seek(0, 0));
@@ -250,7 +250,7 @@ TEST_F(NFileTest, ReadsBackWhatWasWrittenButIsNotOnTheDisk) {
 
 // ---- seeking -------------------------------------------------------------------------------------------
 
-TEST_F(NFileTest, SeekKnowsTwoKindsOfOffsetAndNotTheEnd) {
+TEST_F(NFile, SeekKnowsTwoKindsOfOffsetAndNotTheEnd) {
     CNFile* const file = openWith("0123456789");
     EXPECT_EQ(0, file->Seek(7, 0));
     EXPECT_EQ(0, file->Seek(-3, 1));
@@ -263,7 +263,7 @@ TEST_F(NFileTest, SeekKnowsTwoKindsOfOffsetAndNotTheEnd) {
     EXPECT_EQ(0, client->rooms()) << "nobody waited";
 }
 
-TEST_F(NFileTest, SeekOutsideTheNumbersOfAFileGivesMinus1AndChangesNothing) {
+TEST_F(NFile, SeekOutsideTheNumbersOfAFileGivesMinus1AndChangesNothing) {
     CNFile* const file = openWith("");
     EXPECT_EQ(3, write(*file, "abc"));
     EXPECT_EQ(-1, file->Seek(-5, 0));
@@ -276,7 +276,7 @@ TEST_F(NFileTest, SeekOutsideTheNumbersOfAFileGivesMinus1AndChangesNothing) {
     EXPECT_EQ("abcdef", closed(file));
 }
 
-TEST_F(NFileTest, NothingOverflowsAtTheLargestPosition) {
+TEST_F(NFile, NothingOverflowsAtTheLargestPosition) {
     MemoryDevice* const device = newDevice();
     device->on_write = [](unsigned) { return -1; };
     CNFile* const file = open(device);
@@ -295,7 +295,7 @@ TEST_F(NFileTest, NothingOverflowsAtTheLargestPosition) {
 
 // ---- stat ----------------------------------------------------------------------------------------------
 
-TEST_F(NFileTest, StatGivesWhatWasTrueWhenTheFileWasOpened) {
+TEST_F(NFile, StatGivesWhatWasTrueWhenTheFileWasOpened) {
     CNFile* const file = openWith("0123456789");
     NFile_Info info;
     EXPECT_EQ(0, file->Stat(&info));
@@ -314,7 +314,7 @@ TEST_F(NFileTest, StatGivesWhatWasTrueWhenTheFileWasOpened) {
     closed(file);
 }
 
-TEST_F(NFileTest, StatAsksAgainIfTheDeviceDidNotKnow) {
+TEST_F(NFile, StatAsksAgainIfTheDeviceDidNotKnow) {
     MemoryDevice* const device = newDevice();
     device->stat_result = -7;
     CNFile* const file = open(device);
@@ -328,7 +328,7 @@ TEST_F(NFileTest, StatAsksAgainIfTheDeviceDidNotKnow) {
 
 // ---- the end -------------------------------------------------------------------------------------------
 
-TEST_F(NFileTest, TheDeviceIsFinishedOnceBeforeItsCloseAndSyncedOnDemand) {
+TEST_F(NFile, TheDeviceIsFinishedOnceBeforeItsCloseAndSyncedOnDemand) {
     for (const bool buffered : {false, true}) {
         for (const bool sync : {false, true}) {
             MemoryDevice* const device = newDevice();
@@ -344,7 +344,7 @@ TEST_F(NFileTest, TheDeviceIsFinishedOnceBeforeItsCloseAndSyncedOnDemand) {
     EXPECT_EQ(0, client->errors());
 }
 
-TEST_F(NFileTest, ADeviceThatFailsAtItsEndIsToldByMessage8) {
+TEST_F(NFile, ADeviceThatFailsAtItsEndIsToldByMessage8) {
     for (const bool buffered : {false, true}) {
         MemoryDevice* const device = newDevice();
         device->needs_aio = buffered;
@@ -358,7 +358,7 @@ TEST_F(NFileTest, ADeviceThatFailsAtItsEndIsToldByMessage8) {
 
 // ---- direct mode ---------------------------------------------------------------------------------------
 
-TEST_F(NFileTest, ADeviceThatWantsNoWorkersIsCalledDirectly) {
+TEST_F(NFile, ADeviceThatWantsNoWorkersIsCalledDirectly) {
     MemoryDevice* const device = newDevice();
     device->needs_aio = false;
     CNFile* const file = open(device);
@@ -380,7 +380,7 @@ TEST_F(NFileTest, ADeviceThatWantsNoWorkersIsCalledDirectly) {
     EXPECT_EQ(1, disk->closes) << "right away";
 }
 
-TEST_F(NFileTest, DirectCallsGiveWhatWasDoneWhenTheDeviceFails) {
+TEST_F(NFile, DirectCallsGiveWhatWasDoneWhenTheDeviceFails) {
     MemoryDevice* const device = newDevice();
     device->needs_aio = false;
     CNFile* const file = open(device);

@@ -20,15 +20,15 @@ TEST_F(FrameStore, MemoryOfAFrameThatEndedServesTheNextOneWhichBeginsEmpty) {
     }
     store.end(first);
     for (int i = 0; i < 33; ++i) {
-        EXPECT_EQ(packets[static_cast<std::size_t>(i)].releases, 1);
+        EXPECT_EQ(1, packets[static_cast<std::size_t>(i)].releases);
     }
     CFrame* const next = store.make();
     EXPECT_EQ(next == memory, CFrameStore::SPARES_MOST > 0);
-    EXPECT_EQ(next->m_packet_num, 0U);
-    EXPECT_EQ(next->m_packet_cap, 32U);
-    EXPECT_EQ(next->m_frame_len, 0);
-    EXPECT_EQ(next->m_valid, 0);
-    EXPECT_EQ(next->m_level, 1);
+    EXPECT_EQ(0U, next->m_packet_num);
+    EXPECT_EQ(32U, next->m_packet_cap);
+    EXPECT_EQ(0, next->m_frame_len);
+    EXPECT_EQ(0, next->m_valid);
+    EXPECT_EQ(1, next->m_level);
     store.end(next);
 }
 

@@ -11,67 +11,67 @@ using MediaFrame = MediaFixture;
 
 TEST_F(MediaFrame, BeginsEmpty) {
     const CFrame frame;
-    EXPECT_EQ(frame.m_frame_len, 0);
-    EXPECT_EQ(frame.m_sent_len, 0);
-    EXPECT_EQ(frame.m_packet_cap, 32U);
-    EXPECT_EQ(frame.m_packet_num, 0U);
-    EXPECT_EQ(frame.m_mark, 0);
-    EXPECT_EQ(frame.m_level, 1);
-    EXPECT_EQ(frame.m_valid, 0);
-    EXPECT_EQ(frame.m_age, -1);
-    EXPECT_EQ(frame.m_key_mask, 0);
-    EXPECT_EQ(frame.m_next, nullptr);
-    EXPECT_EQ(frame.m_info_packet, nullptr);
-    EXPECT_EQ(frame.m_info_arg, 0);
-    EXPECT_EQ(frame.m_sender_count, 0);
+    EXPECT_EQ(0, frame.m_frame_len);
+    EXPECT_EQ(0, frame.m_sent_len);
+    EXPECT_EQ(32U, frame.m_packet_cap);
+    EXPECT_EQ(0U, frame.m_packet_num);
+    EXPECT_EQ(0, frame.m_mark);
+    EXPECT_EQ(1, frame.m_level);
+    EXPECT_EQ(0, frame.m_valid);
+    EXPECT_EQ(-1, frame.m_age);
+    EXPECT_EQ(0, frame.m_key_mask);
+    EXPECT_EQ(nullptr, frame.m_next);
+    EXPECT_EQ(nullptr, frame.m_info_packet);
+    EXPECT_EQ(0, frame.m_info_arg);
+    EXPECT_EQ(0, frame.m_sender_count);
 }
 
 TEST_F(MediaFrame, TheFirstFrameOfABufferAloneHasASentLengthBelowZero) {
-    EXPECT_EQ(head()->m_sent_len, -1);
+    EXPECT_EQ(-1, head()->m_sent_len);
     joinedClient();
-    EXPECT_EQ(current()->m_sent_len, 0);
+    EXPECT_EQ(0, current()->m_sent_len);
 }
 
 TEST_F(MediaFrame, GrowsByThirtyTwoAndKeepsOrderAndLengths) {
     CFrame frame;
     for (std::size_t i = 0; i < 65; ++i) {
         TestPacket& made = packet(i % 5);
-        EXPECT_EQ(frame.Put(&made, made.length(), i == 64 ? 1 : 0, 3), 0);
+        EXPECT_EQ(0, frame.Put(&made, made.length(), i == 64 ? 1 : 0, 3));
         EXPECT_EQ(frame.m_packet_cap, i < 32 ? 32U : i < 64 ? 64U : 96U);
     }
     for (std::size_t i = 0; i < 65; ++i) {
         EXPECT_EQ(frame.m_packet[i], &packets[i]);
         EXPECT_EQ(frame.m_iovec[i].iov_base, packets[i].bytes().data());
         EXPECT_EQ(frame.m_iovec[i].iov_len, i % 5);
-        EXPECT_EQ(packets[i].asked, 1);
+        EXPECT_EQ(1, packets[i].asked);
     }
-    EXPECT_EQ(frame.m_frame_len, 130);
+    EXPECT_EQ(130, frame.m_frame_len);
 }
 
 TEST_F(MediaFrame, TakesMarkAndLevelOfTheLastPacket) {
     CFrame frame;
     frame.Put(&packet(1), 1, 0, mediaLevel(3, 2));
-    EXPECT_EQ(frame.m_valid, 0);
+    EXPECT_EQ(0, frame.m_valid);
     frame.Put(&packet(1), 1, 7, mediaLevel(4, 9));
-    EXPECT_EQ(frame.m_mark, 7);
-    EXPECT_EQ(frame.m_valid, 0) << "only 1 ends a frame";
+    EXPECT_EQ(7, frame.m_mark);
+    EXPECT_EQ(0, frame.m_valid) << "only 1 ends a frame";
     frame.m_sent_len = -1;
     frame.Put(&packet(1), 1, 1, mediaLevel(5, 6));
-    EXPECT_EQ(frame.m_mark, 1);
-    EXPECT_EQ(frame.channel(), 5);
-    EXPECT_EQ(frame.level(), 6);
-    EXPECT_EQ(frame.m_valid, 1);
-    EXPECT_EQ(frame.m_age, -1);
-    EXPECT_EQ(frame.m_sent_len, 0);
+    EXPECT_EQ(1, frame.m_mark);
+    EXPECT_EQ(5, frame.channel());
+    EXPECT_EQ(6, frame.level());
+    EXPECT_EQ(1, frame.m_valid);
+    EXPECT_EQ(-1, frame.m_age);
+    EXPECT_EQ(0, frame.m_sent_len);
 }
 
 TEST_F(MediaFrame, LevelWordsAreSplitWithTheirSigns) {
-    EXPECT_EQ(channelOf(mediaLevel(7, 10)), 7);
-    EXPECT_EQ(channelOf(mediaLevel(128, 1)), -128);
-    EXPECT_EQ(channelOf(mediaLevel(255, 1)), -1);
-    EXPECT_EQ(levelOf(mediaLevel(7, 10)), 10);
-    EXPECT_EQ(levelOf(mediaLevel(7, -3)), -3);
-    EXPECT_EQ(levelOf(mediaLevel(255, 0)), 0);
+    EXPECT_EQ(7, channelOf(mediaLevel(7, 10)));
+    EXPECT_EQ(-128, channelOf(mediaLevel(128, 1)));
+    EXPECT_EQ(-1, channelOf(mediaLevel(255, 1)));
+    EXPECT_EQ(10, levelOf(mediaLevel(7, 10)));
+    EXPECT_EQ(-3, levelOf(mediaLevel(7, -3)));
+    EXPECT_EQ(0, levelOf(mediaLevel(255, 0)));
 }
 
 TEST_F(MediaFrame, APacketWithoutBytesIsAnEntryLikeAnyOther) {
@@ -79,8 +79,8 @@ TEST_F(MediaFrame, APacketWithoutBytesIsAnEntryLikeAnyOther) {
         CFrame frame;
         frame.Put(&packet(0), 0, 0, 1);
         frame.Put(&packet(4), 4, 1, 1);
-        EXPECT_EQ(frame.m_packet_num, 2U);
-        EXPECT_EQ(packets[0].asked, 1);
+        EXPECT_EQ(2U, frame.m_packet_num);
+        EXPECT_EQ(1, packets[0].asked);
     }
     EXPECT_EQ(released, (std::vector<int>{0, 1}));
 }
@@ -92,12 +92,12 @@ TEST_F(MediaFrame, ASecondInformationPacketReplacesTheFirst) {
         CFrame frame;
         frame.PutInfo(&first, 5);
         frame.PutInfo(&second, 6);
-        EXPECT_EQ(first.releases, 1);
-        EXPECT_EQ(second.releases, 0);
+        EXPECT_EQ(1, first.releases);
+        EXPECT_EQ(0, second.releases);
         EXPECT_EQ(frame.m_info_packet, &second);
-        EXPECT_EQ(frame.m_info_arg, 6);
+        EXPECT_EQ(6, frame.m_info_arg);
     }
-    EXPECT_EQ(second.releases, 1);
+    EXPECT_EQ(1, second.releases);
 }
 
 TEST_F(MediaFrame, ReleasesItsPacketsInOrderAndTheInformationPacketLast) {
@@ -108,8 +108,8 @@ TEST_F(MediaFrame, ReleasesItsPacketsInOrderAndTheInformationPacketLast) {
         frame->Put(&packet(3), 3, 0, 1);
     }
     delete frame;
-    ASSERT_EQ(released.size(), 41U);
-    EXPECT_EQ(released.back(), 0);
+    ASSERT_EQ(41U, released.size());
+    EXPECT_EQ(0, released.back());
     EXPECT_TRUE(std::is_sorted(released.begin(), released.end() - 1));
 }
 
@@ -122,17 +122,17 @@ TEST_F(MediaFrame, ClearReleasesAndKeepsTheArrays) {
     }
     frame.m_key_mask = 4;
     frame.Clear();
-    EXPECT_EQ(released.size(), 34U);
-    EXPECT_EQ(frame.m_packet_num, 0U);
-    EXPECT_EQ(frame.m_packet_cap, 64U);
-    EXPECT_EQ(frame.m_frame_len, 0);
-    EXPECT_EQ(frame.m_mark, 0);
-    EXPECT_EQ(frame.m_level, 1);
-    EXPECT_EQ(frame.m_valid, 0);
-    EXPECT_EQ(frame.m_age, -1);
-    EXPECT_EQ(frame.m_sent_len, -1);
-    EXPECT_EQ(frame.m_key_mask, 0);
-    EXPECT_EQ(frame.m_info_packet, nullptr);
+    EXPECT_EQ(34U, released.size());
+    EXPECT_EQ(0U, frame.m_packet_num);
+    EXPECT_EQ(64U, frame.m_packet_cap);
+    EXPECT_EQ(0, frame.m_frame_len);
+    EXPECT_EQ(0, frame.m_mark);
+    EXPECT_EQ(1, frame.m_level);
+    EXPECT_EQ(0, frame.m_valid);
+    EXPECT_EQ(-1, frame.m_age);
+    EXPECT_EQ(-1, frame.m_sent_len);
+    EXPECT_EQ(0, frame.m_key_mask);
+    EXPECT_EQ(nullptr, frame.m_info_packet);
 }
 
 TEST_F(MediaFrame, HoweverManySendersAPacketIsReleasedOnce) {
@@ -144,9 +144,9 @@ TEST_F(MediaFrame, HoweverManySendersAPacketIsReleasedOnce) {
     for (int i = 0; i < 9; ++i) {
         put(5, i == 8 ? 1 : 0);
     }
-    EXPECT_EQ(released.size(), 11U);
+    EXPECT_EQ(11U, released.size());
     for (const auto& made : clients) {
-        EXPECT_EQ(made->sock.wire().size(), 45U);
+        EXPECT_EQ(45U, made->sock.wire().size());
     }
 }
 

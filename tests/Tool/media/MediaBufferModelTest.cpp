@@ -58,7 +58,7 @@ protected:
         drop_pairs();
         buffer.reset();
         for (const TestPacket& made : packets) {
-            ASSERT_EQ(made.releases, 1);
+            ASSERT_EQ(1, made.releases);
         }
         packets.clear();
         released.clear();
@@ -254,7 +254,7 @@ protected:
             ASSERT_EQ(entry, &(*pair)->real.state());
             entry = (*pair)->real.state().m_next;
         }
-        ASSERT_EQ(entry, nullptr);
+        ASSERT_EQ(nullptr, entry);
         compare_frames();
         for (const auto& pair : pairs) {
             compare_client(*pair);

@@ -29,12 +29,12 @@ TEST_F(MediaBuffer, WithoutSendersACompleteFrameIsReleasedBeforePutReturns) {
     put(5, 0);
     put(6, 0);
     EXPECT_TRUE(released.empty());
-    EXPECT_EQ(buffer->GetBufferSize(), 11U);
+    EXPECT_EQ(11U, buffer->GetBufferSize());
     put(7);
     EXPECT_EQ(released, (std::vector<int>{0, 1, 2}));
-    EXPECT_EQ(byteTotal(), 0U);
-    EXPECT_EQ(buffer->GetBufferSize(), 0U);
-    EXPECT_EQ(frameNum(), 0U);
+    EXPECT_EQ(0U, byteTotal());
+    EXPECT_EQ(0U, buffer->GetBufferSize());
+    EXPECT_EQ(0U, frameNum());
 }
 
 TEST_F(MediaBuffer, AFrameGoesToEverySenderAndIsReleasedOnce) {
@@ -47,8 +47,8 @@ TEST_F(MediaBuffer, AFrameGoesToEverySenderAndIsReleasedOnce) {
     EXPECT_EQ(b.sock.wire(), bytes);
     EXPECT_EQ(a.sock.calls(), (std::vector<std::size_t>{4})) << "one write for the whole frame";
     EXPECT_EQ(released, (std::vector<int>{0, 1, 2, 3}));
-    EXPECT_EQ(frames(), 1U);
-    EXPECT_EQ(buffer->GetBufferNum(), 0);
+    EXPECT_EQ(1U, frames());
+    EXPECT_EQ(0, buffer->GetBufferNum());
 }
 
 TEST_F(MediaBuffer, AClientMoreCostsOneWriteAndNoAllocation) {
@@ -106,8 +106,8 @@ TEST_F(MediaBuffer, ASenderThatComesInTheMiddleOfAFrameWaitsForAKeyFrame) {
     buffer->AddSender(b.sender);
     put(21, 1, 5);
     put(22, 1, 5);
-    EXPECT_EQ(a.sock.wire().size(), 63U);
-    EXPECT_EQ(b.sock.wire(), "");
+    EXPECT_EQ(63U, a.sock.wire().size());
+    EXPECT_EQ("", b.sock.wire());
     const std::string key = put(23, 1, 1);
     EXPECT_EQ(b.sock.wire(), key);
     const std::string next = put(24, 1, 5);
@@ -143,7 +143,7 @@ TEST_F(MediaBuffer, LevelsAreClampedForTheFrameAndNotForTheTap) {
     for (const auto& [given, stored] : levels) {
         put(1, 1, given, 2);
         EXPECT_EQ(frame->level(), stored) << given;
-        EXPECT_EQ(frame->channel(), 2) << given;
+        EXPECT_EQ(2, frame->channel()) << given;
         EXPECT_EQ(std::get<3>(tap.seen.back()), mediaLevel(2, given));
         frame = frame->m_next;
     }
@@ -158,19 +158,19 @@ TEST_F(MediaBuffer, KeyFramesAreThoseOfTheLowestLevelSoFarForEver) {
         put(1, 1, level, channel);
         return static_cast<int>(frame->m_key_mask);
     };
-    EXPECT_EQ(key_mask(4, 3), 8);
-    EXPECT_EQ(key_mask(6, 3), 0);
-    EXPECT_EQ(key_mask(4, 3), 8);
-    EXPECT_EQ(key_mask(2, 3), 8);
-    EXPECT_EQ(key_mask(4, 3), 0);
-    EXPECT_EQ(key_mask(4, 5), 32) << "each channel has its own";
+    EXPECT_EQ(8, key_mask(4, 3));
+    EXPECT_EQ(0, key_mask(6, 3));
+    EXPECT_EQ(8, key_mask(4, 3));
+    EXPECT_EQ(8, key_mask(2, 3));
+    EXPECT_EQ(0, key_mask(4, 3));
+    EXPECT_EQ(32, key_mask(4, 5)) << "each channel has its own";
     buffer->DelSender(a.sender);
     for (int i = 0; i < 3; ++i) {
         buffer->Clear();
-        EXPECT_EQ(minLevel(3), 2);
+        EXPECT_EQ(2, minLevel(3));
         put(1, 1, 4, 3);
     }
-    EXPECT_EQ(minLevel(3), 2);
+    EXPECT_EQ(2, minLevel(3));
 }
 
 TEST_F(MediaBuffer, AChannelBeyondSevenAssertsOnTheLastPacketOnly) {
@@ -191,14 +191,14 @@ TEST_F(MediaBuffer, ASenderThatJoinsInAGapTakesTheNextFrameOfAnyLevel) {
     const CFrame* gap = current();
     tick();
     EXPECT_EQ(b.state().m_send_total, byteTotal());
-    EXPECT_EQ(b.state().m_frame, nullptr);
-    EXPECT_EQ(gap->m_sender_count, 1);
+    EXPECT_EQ(nullptr, b.state().m_frame);
+    EXPECT_EQ(1, gap->m_sender_count);
     const std::string bytes = put(20, 1, 5);
     EXPECT_EQ(b.sock.wire(), bytes) << "not a key frame";
     // The empty frame was counted and is not given back, so it outlives its age.
     clients[0]->sock.setRoom(0);
     put(20, 1, 10);
-    EXPECT_EQ(current()->m_sender_count, 0);
+    EXPECT_EQ(0, current()->m_sender_count);
 }
 
 TEST_F(MediaBuffer, AFrameThatAGapJoinCountedNeverExpires) {
@@ -210,9 +210,9 @@ TEST_F(MediaBuffer, AFrameThatAGapJoinCountedNeverExpires) {
     tick();
     put(20, 1, 10);
     tick(300);
-    EXPECT_EQ(frames(), 3U) << "a's, the counted one, and the empty one";
-    EXPECT_EQ(buffer->GetStats().pinned_frames, 1U);
-    EXPECT_EQ(buffer->GetStats().pinned_bytes, 20U);
+    EXPECT_EQ(3U, frames()) << "a's, the counted one, and the empty one";
+    EXPECT_EQ(1U, buffer->GetStats().pinned_frames);
+    EXPECT_EQ(20U, buffer->GetStats().pinned_bytes);
 }
 
 TEST_F(MediaBuffer, WithoutAutoSendClientsBeginAtAKeyFrameWithItMostlyNot) {
@@ -238,8 +238,8 @@ TEST_F(MediaBuffer, WithoutAutoSendClientsBeginAtAKeyFrameWithItMostlyNot) {
         return at_key;
     };
     joinedClient();
-    EXPECT_EQ(begins_at_key(false), 500);
-    EXPECT_EQ(begins_at_key(true), 10) << "every 50th";
+    EXPECT_EQ(500, begins_at_key(false));
+    EXPECT_EQ(10, begins_at_key(true)) << "every 50th";
 }
 
 TEST_F(MediaBuffer, ASenderAtPositionZeroThatWroteNothingIsJoinedAgain) {
@@ -249,16 +249,16 @@ TEST_F(MediaBuffer, ASenderAtPositionZeroThatWroteNothingIsJoinedAgain) {
     const CFrame* first = current();
     put(10);
     EXPECT_EQ(a.state().m_frame, first);
-    EXPECT_EQ(a.state().m_send_total, 0U);
+    EXPECT_EQ(0U, a.state().m_send_total);
     put(10, 1, 5);
-    EXPECT_EQ(a.state().m_frame, nullptr) << "the frame does not qualify: not joined, and so no frame";
-    EXPECT_EQ(first->m_sender_count, 1) << "stays raised";
+    EXPECT_EQ(nullptr, a.state().m_frame) << "the frame does not qualify: not joined, and so no frame";
+    EXPECT_EQ(1, first->m_sender_count) << "stays raised";
     const CFrame* third = current();
     put(10, 1, 1);
     EXPECT_EQ(a.state().m_frame, third);
-    EXPECT_EQ(a.state().m_send_total, 20U);
-    EXPECT_EQ(third->m_sender_count, 1);
-    EXPECT_EQ(frames(), 2U) << "what lies before its place is let go";
+    EXPECT_EQ(20U, a.state().m_send_total);
+    EXPECT_EQ(1, third->m_sender_count);
+    EXPECT_EQ(2U, frames()) << "what lies before its place is let go";
 }
 
 TEST_F(MediaBuffer, DoSendWhileAFrameIsHalfFilledDoesNothing) {
@@ -274,7 +274,7 @@ TEST_F(MediaBuffer, DoSendWhileAFrameIsHalfFilledDoesNothing) {
     EXPECT_EQ(frame->m_age, age);
     EXPECT_TRUE(a.sock.calls().empty());
     put(5);
-    EXPECT_EQ(a.sock.wire().size(), 20U);
+    EXPECT_EQ(20U, a.sock.wire().size());
 }
 
 TEST_F(MediaBuffer, DoSendWithoutSendersAgesAndKeepsTheEmptyFrame) {
@@ -286,7 +286,7 @@ TEST_F(MediaBuffer, DoSendWithoutSendersAgesAndKeepsTheEmptyFrame) {
     tick(3);
     EXPECT_EQ(current(), empty);
     EXPECT_EQ(head(), empty);
-    EXPECT_EQ(frames(), 1U);
+    EXPECT_EQ(1U, frames());
 }
 
 TEST_F(MediaBuffer, ClearWithSendersBehindItKeepsFramesUntilTheirAge) {
@@ -297,16 +297,16 @@ TEST_F(MediaBuffer, ClearWithSendersBehindItKeepsFramesUntilTheirAge) {
                                      ".*Src/Tool/MediaBuffer\\.cpp:\\d+ Orvex::Reticor::CMediaBuffer::Clear "
                                      "m_sender_header:0x[0-9a-f]+ not null\n"));
     EXPECT_TRUE(hasSender());
-    EXPECT_EQ(a.state().m_list, nullptr);
+    EXPECT_EQ(nullptr, a.state().m_list);
     put(10, 1, 10);
     put(10, 1, 10);
-    EXPECT_EQ(frames(), 3U);
+    EXPECT_EQ(3U, frames());
     tick(8);
-    EXPECT_EQ(frames(), 3U);
+    EXPECT_EQ(3U, frames());
     tick();
-    EXPECT_EQ(frames(), 2U) << "the tenth tick after its own";
+    EXPECT_EQ(2U, frames()) << "the tenth tick after its own";
     tick();
-    EXPECT_EQ(frames(), 1U);
+    EXPECT_EQ(1U, frames());
 }
 
 TEST_F(MediaBuffer, ClearReleasesEverythingAndSaysWhatWasLeft) {
@@ -324,18 +324,17 @@ TEST_F(MediaBuffer, ClearReleasesEverythingAndSaysWhatWasLeft) {
     EXPECT_TRUE(log.containsMatching(3,
                                      ".*Src/Tool/MediaBuffer\\.cpp:\\d+ Orvex::Reticor::CMediaBuffer::Clear "
                                      "m_buffer_header:0x[0-9a-f]+ not null\n"));
-    EXPECT_EQ(log.countMatching(3,
-                                ".*Src/Tool/MediaBuffer\\.cpp:\\d+ Orvex::Reticor::CMediaBuffer::Clear "
-                                "CMediaBuffer::Clear,m_frame_header:0x[0-9a-f]+\n"),
-              3U);
-    EXPECT_EQ(head(), nullptr);
-    EXPECT_EQ(current(), nullptr);
-    EXPECT_EQ(frameNum(), 0U);
-    EXPECT_EQ(byteTotal(), 0U);
-    EXPECT_EQ(byteDiscard(), 0U);
+    EXPECT_EQ(3U, log.countMatching(3,
+                                    ".*Src/Tool/MediaBuffer\\.cpp:\\d+ Orvex::Reticor::CMediaBuffer::Clear "
+                                    "CMediaBuffer::Clear,m_frame_header:0x[0-9a-f]+\n"));
+    EXPECT_EQ(nullptr, head());
+    EXPECT_EQ(nullptr, current());
+    EXPECT_EQ(0U, frameNum());
+    EXPECT_EQ(0U, byteTotal());
+    EXPECT_EQ(0U, byteDiscard());
     EXPECT_FALSE(sendReady()) << "left as it was";
     put(3);
-    EXPECT_EQ(tap.seen.size(), 4U) << "the tap is off the list";
+    EXPECT_EQ(4U, tap.seen.size()) << "the tap is off the list";
 }
 
 TEST_F(MediaBuffer, ASenderThatIsAddedAgainAfterClearKeepsItsPosition) {
@@ -344,13 +343,13 @@ TEST_F(MediaBuffer, ASenderThatIsAddedAgainAfterClearKeepsItsPosition) {
     buffer->DelSender(a.sender);
     buffer->Clear();
     const uint64_t position = a.state().m_send_total;
-    EXPECT_EQ(position, 110U);
+    EXPECT_EQ(110U, position);
     buffer->AddSender(a.sender);
     a.sock.clearWire();
     const std::string bytes = put(10, 1, 5);
     EXPECT_EQ(a.sock.wire(), bytes) << "it does not join again";
-    EXPECT_EQ(a.state().m_send_total, 120U);
-    EXPECT_EQ(frames(), 2U) << "beyond the stream's end, its position has no effect on the discard";
+    EXPECT_EQ(120U, a.state().m_send_total);
+    EXPECT_EQ(2U, frames()) << "beyond the stream's end, its position has no effect on the discard";
 }
 
 TEST_F(MediaBuffer, FramesExpireAtTheAgeOfTheirLevel) {
@@ -378,11 +377,11 @@ TEST_F(MediaBuffer, AFrameOnWhichASenderStandsAgesAndStays) {
     const CFrame* frame = current();
     put(10, 1, 10);
     tick(50);
-    EXPECT_EQ(frame->m_valid, 1);
-    EXPECT_EQ(frame->m_age, 50);
+    EXPECT_EQ(1, frame->m_valid);
+    EXPECT_EQ(50, frame->m_age);
     a.sock.setRoom(10);
     tick();
-    EXPECT_EQ(frames(), 1U);
+    EXPECT_EQ(1U, frames());
 }
 
 TEST_F(MediaBuffer, ExpiryLeavesAHoleThatTheSenderDoesNotNotice) {
@@ -391,15 +390,15 @@ TEST_F(MediaBuffer, ExpiryLeavesAHoleThatTheSenderDoesNotNotice) {
     const std::string first = put(10, 1, 1);
     put(10, 1, 10);
     tick(10);
-    EXPECT_EQ(frames(), 2U) << "the level-10 frame is gone";
+    EXPECT_EQ(2U, frames()) << "the level-10 frame is gone";
     const std::string third = put(10, 1, 5);
     a.sock.setRoom(ShapedStream::UNLIMITED);
     tick();
     EXPECT_EQ(a.sock.wire(), first + third);
-    EXPECT_EQ(a.state().m_lost_mask, 0);
-    EXPECT_EQ(a.sender->GetStats().holes, 1U);
-    EXPECT_EQ(a.sender->GetStats().hole_frames, 1U);
-    EXPECT_EQ(a.sender->GetStats().hole_bytes, 10U);
+    EXPECT_EQ(0, a.state().m_lost_mask);
+    EXPECT_EQ(1U, a.sender->GetStats().holes);
+    EXPECT_EQ(1U, a.sender->GetStats().hole_frames);
+    EXPECT_EQ(10U, a.sender->GetStats().hole_bytes);
 }
 
 TEST_F(MediaBuffer, ExpiredBytesDelayTheDiscardForAsLongAsTheClientStays) {
@@ -410,17 +409,17 @@ TEST_F(MediaBuffer, ExpiredBytesDelayTheDiscardForAsLongAsTheClientStays) {
     tick(10);  // 50 bytes expire before the client
     a.sock.setRoom(ShapedStream::UNLIMITED);
     tick();
-    EXPECT_EQ(a.state().m_frame, nullptr);
-    EXPECT_EQ(frames(), 2U) << "a frame that everybody has finished stays";
-    EXPECT_EQ(buffer->GetStats().debt_bytes, 40U);
+    EXPECT_EQ(nullptr, a.state().m_frame);
+    EXPECT_EQ(2U, frames()) << "a frame that everybody has finished stays";
+    EXPECT_EQ(40U, buffer->GetStats().debt_bytes);
     for (int i = 0; i < 4; ++i) {
         put(10, 1, 5);
     }
-    EXPECT_EQ(frames(), 6U);
+    EXPECT_EQ(6U, frames());
     put(10, 1, 5);
-    EXPECT_EQ(frames(), 6U) << "50 bytes late, always";
+    EXPECT_EQ(6U, frames()) << "50 bytes late, always";
     tick(200);
-    EXPECT_EQ(frames(), 1U) << "they leave by their age";
+    EXPECT_EQ(1U, frames()) << "they leave by their age";
 }
 
 TEST_F(MediaBuffer, GettersStopAtTheFirstFrameWithoutBytes) {
@@ -429,9 +428,9 @@ TEST_F(MediaBuffer, GettersStopAtTheFirstFrameWithoutBytes) {
     put(10);
     put(0);
     put(20);
-    EXPECT_EQ(buffer->GetBufferSize(), 10U);
-    EXPECT_EQ(buffer->GetBufferNum(), 1);
-    EXPECT_EQ(frames(), 4U);
+    EXPECT_EQ(10U, buffer->GetBufferSize());
+    EXPECT_EQ(1, buffer->GetBufferNum());
+    EXPECT_EQ(4U, frames());
 }
 
 TEST_F(MediaBuffer, ALastPacketWithoutBytesCompletesAndAgesNothing) {
@@ -439,14 +438,14 @@ TEST_F(MediaBuffer, ALastPacketWithoutBytesCompletesAndAgesNothing) {
     a.sock.setRoom(0);
     const CFrame* first = current();
     put(10);
-    EXPECT_EQ(first->m_age, 0);
+    EXPECT_EQ(0, first->m_age);
     const CFrame* second = current();
     put(10, 0);
     put(0);
-    EXPECT_EQ(second->m_valid, 1);
-    EXPECT_EQ(first->m_age, 0);
+    EXPECT_EQ(1, second->m_valid);
+    EXPECT_EQ(0, first->m_age);
     put(1);
-    EXPECT_EQ(first->m_age, 1);
+    EXPECT_EQ(1, first->m_age);
 }
 
 TEST_F(MediaBuffer, FramesWithoutAByteAreLetGoAfterTheStepsOfTheirLevel) {
@@ -455,15 +454,15 @@ TEST_F(MediaBuffer, FramesWithoutAByteAreLetGoAfterTheStepsOfTheirLevel) {
     TestPacket& nothing = packet(0);
     buffer->Put(&nothing, 0, 1, 10);
     for (int i = 0; i < 9; ++i) {
-        EXPECT_EQ(nothing.releases, 0) << i;
+        EXPECT_EQ(0, nothing.releases) << i;
         put(10, 1, 5);
     }
-    EXPECT_EQ(nothing.releases, 1);
+    EXPECT_EQ(1, nothing.releases);
     EXPECT_TRUE(log.containsMatching(3, "CMediaBuffer, frame:0x[0-9a-f]+ without a byte is let go\n"));
     put(10, 1, 5);
     tick();
-    EXPECT_EQ(frames(), 1U) << "and with it what had gathered after it";
-    EXPECT_EQ(a.sock.wire().size(), 100U);
+    EXPECT_EQ(1U, frames()) << "and with it what had gathered after it";
+    EXPECT_EQ(100U, a.sock.wire().size());
 }
 
 TEST_F(MediaBuffer, FramesWithoutAByteDoNotMakeTheBufferGrowForEver) {
@@ -480,13 +479,13 @@ TEST_F(MediaBuffer, BufferNumIsOfTheLastSendingStep) {
     MediaClient& a = joinedClient();
     a.sock.setRoom(5);
     put(10);
-    EXPECT_EQ(buffer->GetBufferNum(), 1);
+    EXPECT_EQ(1, buffer->GetBufferNum());
     put(10, 0);
     a.sock.setRoom(ShapedStream::UNLIMITED);
     tick();
-    EXPECT_EQ(buffer->GetBufferNum(), 1) << "half a frame is there: no step";
+    EXPECT_EQ(1, buffer->GetBufferNum()) << "half a frame is there: no step";
     put(10);
-    EXPECT_EQ(buffer->GetBufferNum(), 0);
+    EXPECT_EQ(0, buffer->GetBufferNum());
 }
 
 TEST_F(MediaBuffer, FrameInfoGoesWithTheFrameThatIsBeingFilled) {
@@ -500,18 +499,18 @@ TEST_F(MediaBuffer, FrameInfoGoesWithTheFrameThatIsBeingFilled) {
     a.sender->AttachSendProc({&Note::call, &note});
     TestPacket& first = putInfo(41);
     TestPacket& second = putInfo(42);
-    EXPECT_EQ(first.releases, 1);
-    EXPECT_EQ(buffer->PutFrameInfo(nullptr, 43), 0) << "changes nothing";
+    EXPECT_EQ(1, first.releases);
+    EXPECT_EQ(0, buffer->PutFrameInfo(nullptr, 43)) << "changes nothing";
     put(7);
     put(8);
-    ASSERT_EQ(calls.size(), 2U);
+    ASSERT_EQ(2U, calls.size());
     EXPECT_EQ(calls[0], std::make_tuple(static_cast<CMediaPacket*>(&second), 42, 7));
     EXPECT_EQ(calls[1], std::make_tuple(static_cast<CMediaPacket*>(nullptr), 0, 8));
-    EXPECT_EQ(second.releases, 1);
+    EXPECT_EQ(1, second.releases);
     buffer->DelSender(a.sender);
     buffer->Clear();
     putInfo(1);
-    EXPECT_EQ(frameNum(), 1U) << "it makes the frame that it belongs to";
+    EXPECT_EQ(1U, frameNum()) << "it makes the frame that it belongs to";
 }
 
 TEST_F(MediaBuffer, TapsSeeEveryPacketAndLeaveWithANegativeResult) {
@@ -520,19 +519,19 @@ TEST_F(MediaBuffer, TapsSeeEveryPacketAndLeaveWithANegativeResult) {
     buffer->AddLevel2Buffer(&first);
     buffer->AddLevel2Buffer(&second);
     put(3, 0, 5, 2);
-    EXPECT_EQ(first.seen.size(), 1U);
+    EXPECT_EQ(1U, first.seen.size());
     EXPECT_EQ(first.seen[0],
               std::make_tuple(static_cast<CMediaPacket*>(&packets[0]), 3, 0, mediaLevel(2, 5)));
     second.on_put = [] { return -1; };
     put(3);
     put(3);
-    EXPECT_EQ(first.seen.size(), 3U);
-    EXPECT_EQ(second.seen.size(), 2U);
-    EXPECT_EQ(second.link(), nullptr);
+    EXPECT_EQ(3U, first.seen.size());
+    EXPECT_EQ(2U, second.seen.size());
+    EXPECT_EQ(nullptr, second.link());
     buffer->DelLevel2Buffer(&second);
     buffer->DelLevel2Buffer(&first);
     put(3);
-    EXPECT_EQ(first.seen.size(), 3U);
+    EXPECT_EQ(3U, first.seen.size());
 }
 
 TEST_F(MediaBuffer, ACopyOfATapPointsIntoTheListAndIsOnNone) {
@@ -547,8 +546,8 @@ TEST_F(MediaBuffer, ACopyOfATapPointsIntoTheListAndIsOnNone) {
     EXPECT_EQ(assigned.link(), &first);
     buffer->AddLevel2Buffer(&copy);
     put(3);
-    EXPECT_EQ(copy.seen.size(), 1U);
-    EXPECT_EQ(first.seen.size(), 1U);
+    EXPECT_EQ(1U, copy.seen.size());
+    EXPECT_EQ(1U, first.seen.size());
     for (Tap* tap : {&first, &second, &copy}) {
         buffer->DelLevel2Buffer(tap);
     }
@@ -570,11 +569,11 @@ TEST_F(MediaBuffer, AFailedSenderLeavesTheListAndTheOthersGoOn) {
     const std::string bytes = put(10);
     EXPECT_TRUE(log.contains(3, "MediaStreamSender Send socket exception!\n"));
     EXPECT_EQ(messages(), (std::vector<SentMessage>{{waiter->GetID(), 2, 0}}));
-    EXPECT_EQ(b.state().m_list, nullptr);
-    EXPECT_EQ(a.sock.wire().size(), 30U);
-    EXPECT_EQ(c.sock.wire().size(), 30U);
+    EXPECT_EQ(nullptr, b.state().m_list);
+    EXPECT_EQ(30U, a.sock.wire().size());
+    EXPECT_EQ(30U, c.sock.wire().size());
     put(10);
-    EXPECT_EQ(b.sock.wire().size(), 14U);
+    EXPECT_EQ(14U, b.sock.wire().size());
     EXPECT_EQ(head(), current()) << "nothing is kept for it";
 }
 
@@ -587,9 +586,9 @@ TEST_F(MediaBuffer, WhenTheLastSenderFailsAllCompleteFramesGo) {
     a.sock.fail(ECONNRESET);
     tick();
     EXPECT_FALSE(hasSender());
-    EXPECT_EQ(released.size(), 3U);
-    EXPECT_EQ(frames(), 1U);
-    EXPECT_EQ(byteTotal(), 0U);
+    EXPECT_EQ(3U, released.size());
+    EXPECT_EQ(1U, frames());
+    EXPECT_EQ(0U, byteTotal());
 }
 
 TEST_F(MediaBuffer, PrintsWhatItDoesWhileTheFlagIsSet) {
@@ -597,7 +596,7 @@ TEST_F(MediaBuffer, PrintsWhatItDoesWhileTheFlagIsSet) {
     joinedClient();
     EXPECT_TRUE(daemon.texts().empty());
     const TFuncEntry* command = g_r3_funcbox->Find("MediaBufferPrt");
-    ASSERT_NE(command, nullptr);
+    ASSERT_NE(nullptr, command);
     command->func(1, 0, 0, 0, 0, 0, 0, 0, 0, 0);
     TestPacket& made = packet(3);
     buffer->Put(&made, 3, 1, mediaLevel(1, 5));
@@ -616,16 +615,16 @@ TEST_F(MediaBuffer, PrintsWhatItDoesWhileTheFlagIsSet) {
         return count;
     };
     tick();
-    EXPECT_EQ(printed("Orvex::Reticor::CFrame::Put, Frame:0x"), 1);
-    EXPECT_EQ(printed("Orvex::Reticor::CMediaBuffer::do_send, 0x"), 1);
-    EXPECT_EQ(printed("Orvex::Reticor::CMediaStreamSender::Send, media strem sender 0x"), 2);
+    EXPECT_EQ(1, printed("Orvex::Reticor::CFrame::Put, Frame:0x"));
+    EXPECT_EQ(1, printed("Orvex::Reticor::CMediaBuffer::do_send, 0x"));
+    EXPECT_EQ(2, printed("Orvex::Reticor::CMediaStreamSender::Send, media strem sender 0x"));
     EXPECT_GE(printed("Orvex::Reticor::CMediaBuffer::send_packet, 0x"), 8);
     clients[0]->sock.setRoom(0);
     put(10, 1, 10);
     put(10, 1, 10);
-    EXPECT_EQ(printed("Orvex::Reticor::CMediaBuffer::check_valid_frames, check valid frames0x"), 1);
+    EXPECT_EQ(1, printed("Orvex::Reticor::CMediaBuffer::check_valid_frames, check valid frames0x"));
     tick(11);
-    EXPECT_EQ(printed("Orvex::Reticor::CMediaBuffer::rebuild_frame_list, 0x"), 1);
+    EXPECT_EQ(1, printed("Orvex::Reticor::CMediaBuffer::rebuild_frame_list, 0x"));
     command->func(0, 0, 0, 0, 0, 0, 0, 0, 0, 0);
     const std::size_t before = daemon.texts().size();
     put(10);

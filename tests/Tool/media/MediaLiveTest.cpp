@@ -67,7 +67,7 @@ class LiveClient {
 public:
     LiveClient(CMediaBuffer& buffer, int pause_us) : m_buffer(buffer), m_pause_us(pause_us) {
         int ends[2];
-        EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+        EXPECT_EQ(0, ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends));
         int size = 16384;
         ::setsockopt(ends[0], SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
         sock.Attach(ends[0]);
@@ -184,7 +184,7 @@ TEST_F(MediaLive, EveryClientReadsWholeFramesWhileEverythingChanges) {
         over = true;
         changes.join();
     }
-    EXPECT_EQ(packets_alive, 0);
+    EXPECT_EQ(0, packets_alive);
 }
 
 }  // namespace Orvex::Testing

@@ -48,7 +48,7 @@ TEST_F(MediaResumePolicy, IsOffAndItsNumbersAreMicroseconds) {
     MediaClient& a = client();
     EXPECT_FALSE(a.state().has_policy());
     a.sender->SetResumePolicy(4000000000U);
-    EXPECT_EQ(a.state().max_lag_us(), 4000000000000U);
+    EXPECT_EQ(4000000000000U, a.state().max_lag_us());
     a.sender->SetResumePolicy(0);
     EXPECT_FALSE(a.state().has_policy());
 }
@@ -60,7 +60,7 @@ TEST_F(MediaResumePolicy, AFastViewerGetsEverything) {
         all += frame();
     }
     EXPECT_EQ(a.sock.wire(), all);
-    EXPECT_EQ(a.sender->GetStats().skips, 0U);
+    EXPECT_EQ(0U, a.sender->GetStats().skips);
     EXPECT_TRUE(messages().empty());
 }
 
@@ -74,21 +74,21 @@ TEST_F(MediaResumePolicy, ALateViewerResumesAtAKeyFrameAndHearsOfIt) {
     a.sock.setRoom(ShapedStream::UNLIMITED);
     tick();
     EXPECT_EQ(a.sock.wire(), key + second) << "what has begun is ended, then the key frame is waited for";
-    EXPECT_EQ(frames(), 1U) << "and nothing is kept for it";
+    EXPECT_EQ(1U, frames()) << "and nothing is kept for it";
     EXPECT_TRUE(messages().empty());
     const std::string next_key = frame();
     EXPECT_EQ(a.sock.wire(), key + second + next_key);
     const std::vector<SentMessage> found = messages();
-    ASSERT_EQ(found.size(), 1U);
+    ASSERT_EQ(1U, found.size());
     EXPECT_EQ(std::get<0>(found[0]), waiter->GetID());
-    EXPECT_EQ(std::get<1>(found[0]), 77U);
-    EXPECT_EQ(MediaSkip::of(std::get<2>(found[0])).frames, 8U);
-    EXPECT_EQ(MediaSkip::of(std::get<2>(found[0])).bytes, 80U);
+    EXPECT_EQ(77U, std::get<1>(found[0]));
+    EXPECT_EQ(8U, MediaSkip::of(std::get<2>(found[0])).frames);
+    EXPECT_EQ(80U, MediaSkip::of(std::get<2>(found[0])).bytes);
     const MediaSenderStats stats = a.sender->GetStats();
-    EXPECT_EQ(stats.skips, 1U);
-    EXPECT_EQ(stats.skipped_frames, 8U);
-    EXPECT_EQ(stats.skipped_bytes, 80U);
-    EXPECT_EQ(stats.holes, 0U);
+    EXPECT_EQ(1U, stats.skips);
+    EXPECT_EQ(8U, stats.skipped_frames);
+    EXPECT_EQ(80U, stats.skipped_bytes);
+    EXPECT_EQ(0U, stats.holes);
     const std::string after = frame();
     EXPECT_EQ(a.sock.wire(), key + second + next_key + after);
 }
@@ -120,7 +120,7 @@ TEST_F(MediaResumePolicy, AKeyFrameThatIsTooOldIsSteppedOverToo) {
     EXPECT_EQ(a.sock.wire(), all);
     all += frame();
     EXPECT_EQ(a.sock.wire(), all) << "the next key frame comes fresh";
-    EXPECT_EQ(a.sender->GetStats().skipped_frames, 18U);
+    EXPECT_EQ(18U, a.sender->GetStats().skipped_frames);
 }
 
 TEST_F(MediaResumePolicy, AFrameIsLookedAtAgainBeforeItIsBegun) {
@@ -146,7 +146,7 @@ TEST_F(MediaResumePolicy, AHoleIsAnsweredLikeALag) {
     all += put(10, 1, 5);
     put(10, 1, 10);
     tick(10);  // expired before the viewer came to it
-    EXPECT_EQ(frames(), 2U);
+    EXPECT_EQ(2U, frames());
     put(10, 1, 5);
     a.sock.setRoom(ShapedStream::UNLIMITED);
     tick();
@@ -154,11 +154,11 @@ TEST_F(MediaResumePolicy, AHoleIsAnsweredLikeALag) {
     all += put(30, 1, 1);
     EXPECT_EQ(a.sock.wire(), all);
     const MediaSenderStats stats = a.sender->GetStats();
-    EXPECT_EQ(stats.skips, 1U);
-    EXPECT_EQ(stats.skipped_frames, 1U);
-    EXPECT_EQ(stats.holes, 1U);
-    EXPECT_EQ(stats.hole_frames, 1U);
-    EXPECT_EQ(stats.hole_bytes, 10U);
+    EXPECT_EQ(1U, stats.skips);
+    EXPECT_EQ(1U, stats.skipped_frames);
+    EXPECT_EQ(1U, stats.holes);
+    EXPECT_EQ(1U, stats.hole_frames);
+    EXPECT_EQ(10U, stats.hole_bytes);
 }
 
 TEST_F(MediaResumePolicy, FramesLostToOtherDataAreAHole) {
@@ -173,9 +173,9 @@ TEST_F(MediaResumePolicy, FramesLostToOtherDataAreAHole) {
     EXPECT_EQ(a.sock.wire(), all + "x");
     all += "x" + frame();
     EXPECT_EQ(a.sock.wire(), all);
-    EXPECT_EQ(a.sender->GetStats().hole_frames, 3U);
-    EXPECT_EQ(a.sender->GetStats().skipped_frames, 6U);
-    EXPECT_EQ(frames(), 1U);
+    EXPECT_EQ(3U, a.sender->GetStats().hole_frames);
+    EXPECT_EQ(6U, a.sender->GetStats().skipped_frames);
+    EXPECT_EQ(1U, frames());
 }
 
 TEST_F(MediaResumePolicy, JoinsAtACompleteKeyFrameOnly) {
@@ -185,9 +185,9 @@ TEST_F(MediaResumePolicy, JoinsAtACompleteKeyFrameOnly) {
     const CFrame* gap = current();
     tick(3);
     EXPECT_FALSE(b.state().m_joined);
-    EXPECT_EQ(gap->m_sender_count, 0);
+    EXPECT_EQ(0, gap->m_sender_count);
     frames_of(9);
-    EXPECT_EQ(b.sock.wire(), "");
+    EXPECT_EQ("", b.sock.wire());
     const std::string key = frame();
     EXPECT_EQ(b.sock.wire(), key);
     EXPECT_TRUE(messages().empty()) << "what came before was never meant for it";
@@ -219,11 +219,11 @@ TEST_F(MediaResumePolicy, AViewerThatWasSlowOnceLeavesNoDebt) {
     tick(10);  // 50 bytes expire before the viewer
     a.sock.setRoom(ShapedStream::UNLIMITED);
     tick();
-    EXPECT_EQ(frames(), 1U);
-    EXPECT_EQ(buffer->GetStats().debt_bytes, 0U);
+    EXPECT_EQ(1U, frames());
+    EXPECT_EQ(0U, buffer->GetStats().debt_bytes);
     for (int i = 0; i < 5; ++i) {
         put(30, 1, 1);
-        EXPECT_EQ(frames(), 1U);
+        EXPECT_EQ(1U, frames());
         EXPECT_EQ(a.state().m_send_total, byteTotal());
     }
 }
@@ -236,18 +236,18 @@ TEST_F(MediaResumePolicy, ViewersLeaveNoCountBehind) {
     b.sock.setRoom(0);
     const CFrame* first = current();
     put(10, 1, 5);
-    EXPECT_EQ(first->m_sender_count, 2);
+    EXPECT_EQ(2, first->m_sender_count);
     buffer->DelSender(b.sender);
-    EXPECT_EQ(first->m_sender_count, 1);
+    EXPECT_EQ(1, first->m_sender_count);
     buffer->AddSender(b.sender);
     tick();
-    EXPECT_EQ(b.state().m_frame, nullptr) << "it waits for a key frame";
-    EXPECT_EQ(first->m_sender_count, 1);
+    EXPECT_EQ(nullptr, b.state().m_frame) << "it waits for a key frame";
+    EXPECT_EQ(1, first->m_sender_count);
     a.sock.fail(EPIPE);
     a.sock.setRoom(0);
     tick();
-    EXPECT_EQ(frames(), 1U);
-    EXPECT_EQ(buffer->GetStats().pinned_frames, 0U);
+    EXPECT_EQ(1U, frames());
+    EXPECT_EQ(0U, buffer->GetStats().pinned_frames);
 }
 
 TEST_F(MediaResumePolicy, AFrameThatExpiresWhileHalfOfItIsOnAWireIsCountedOnceMore) {
@@ -260,13 +260,13 @@ TEST_F(MediaResumePolicy, AFrameThatExpiresWhileHalfOfItIsOnAWireIsCountedOnceMo
     put(10, 1, 10);
     buffer->DelSender(b.sender);  // takes its count with it, and not the bytes it has written
     tick(9);
-    EXPECT_EQ(buffer->GetBufferNum(), 2);
-    EXPECT_EQ(frames(), 3U);
+    EXPECT_EQ(2, buffer->GetBufferNum());
+    EXPECT_EQ(3U, frames());
     tick();
-    EXPECT_EQ(buffer->GetBufferNum(), 2) << "expired in this pass";
-    EXPECT_EQ(frames(), 2U);
+    EXPECT_EQ(2, buffer->GetBufferNum()) << "expired in this pass";
+    EXPECT_EQ(2U, frames());
     tick();
-    EXPECT_EQ(buffer->GetBufferNum(), 1);
+    EXPECT_EQ(1, buffer->GetBufferNum());
 }
 
 TEST_F(MediaResumePolicy, AmongViewersAloneFramesExpireByWhoStandsOnThem) {
@@ -280,12 +280,12 @@ TEST_F(MediaResumePolicy, AmongViewersAloneFramesExpireByWhoStandsOnThem) {
     put(10, 1, 10);
     buffer->DelSender(b.sender);  // leaves its count
     tick(20);
-    EXPECT_EQ(frames(), 3U);
-    EXPECT_EQ(buffer->GetStats().pinned_frames, 1U);
+    EXPECT_EQ(3U, frames());
+    EXPECT_EQ(1U, buffer->GetStats().pinned_frames);
     a.sender->SetResumePolicy(3600000);
     tick();
-    EXPECT_EQ(frames(), 2U);
-    EXPECT_EQ(buffer->GetStats().pinned_frames, 0U);
+    EXPECT_EQ(2U, frames());
+    EXPECT_EQ(0U, buffer->GetStats().pinned_frames);
 }
 
 TEST_F(MediaResumePolicy, APausedViewerResumesAtAKeyFrame) {
@@ -349,7 +349,7 @@ protected:
             ASSERT_TRUE(frame_made.key || number == p.last + 1) << "frame " << number;
             ASSERT_LE(p.begun_us - frame_made.complete_us, MAX_LAG_MS * 1000);
             const std::string& bytes = frame_made.bytes;
-            ASSERT_EQ(wire.compare(p.parsed, bytes.size(), bytes.substr(0, wire.size() - p.parsed)), 0);
+            ASSERT_EQ(0, wire.compare(p.parsed, bytes.size(), bytes.substr(0, wire.size() - p.parsed)));
             p.last = number;
             p.parsed += bytes.size();
             p.begun_us = 0;
@@ -367,7 +367,7 @@ protected:
             counts -= one->state().m_frame != nullptr ? 1 : 0;
             ASSERT_LE(one->state().m_send_total, byteTotal());
         }
-        ASSERT_EQ(counts, 0);
+        ASSERT_EQ(0, counts);
         ASSERT_LE(frames(), 70U);
     }
 
@@ -400,7 +400,7 @@ TEST_F(MediaResumeWeather, EveryFrameThatGoesOutCanBeDecoded) {
     EXPECT_GT(progress[3].count, progress[1].count);
     EXPECT_GT(progress[1].count, 20);
     EXPECT_GT(clients[1]->sender->GetStats().skips, 10U);
-    EXPECT_EQ(buffer->GetStats().debt_bytes, 0U);
+    EXPECT_EQ(0U, buffer->GetStats().debt_bytes);
 }
 
 }  // namespace Orvex::Testing

@@ -39,8 +39,8 @@ TEST_F(MediaSafety, APausedViewerAtTheBeginningOfAFrameGoesOnWithTheNextOne) {
     put(10);
     put(10);
     buffer->DelSender(a.sender);  // the last one: all frames go
-    EXPECT_EQ(released.size(), 3U);
-    EXPECT_EQ(a.state().m_frame, nullptr);
+    EXPECT_EQ(3U, released.size());
+    EXPECT_EQ(nullptr, a.state().m_frame);
     buffer->AddSender(a.sender);
     a.sock.setRoom(ShapedStream::UNLIMITED);
     tick();
@@ -57,16 +57,16 @@ TEST_F(MediaSafety, APausedViewerInTheMiddleOfAFrameEndsItWithoutATear) {
     a.sock.setRoom(8);
     const std::string first = putFrame({5, 6, 0, 7});
     buffer->DelSender(a.sender);
-    EXPECT_EQ(released.size(), 5U) << "the packets are not kept for it";
+    EXPECT_EQ(5U, released.size()) << "the packets are not kept for it";
     a.sock.setRoom(6);
     buffer->AddSender(a.sender);
     tick();
     buffer->DelSender(a.sender);  // once more in the middle
     buffer->AddSender(a.sender);
     a.sock.setRoom(ShapedStream::UNLIMITED);
-    EXPECT_EQ(calls, 0);
+    EXPECT_EQ(0, calls);
     const std::string second = put(10);
-    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(1, calls);
     EXPECT_EQ(a.sock.wire(), first) << "then it has caught up; the frame on offer was not for it";
     const std::string third = put(10);
     EXPECT_EQ(a.sock.wire(), first + third);
@@ -76,7 +76,7 @@ TEST_F(MediaSafety, ACursorBetweenTwoPacketsIsInTheMiddleToo) {
     MediaClient& a = joinedClient();
     a.sock.setRoom(5);
     const std::string first = putFrame({5, 6});
-    EXPECT_EQ(a.state().m_iovec_offset, 0);
+    EXPECT_EQ(0, a.state().m_iovec_offset);
     buffer->DelSender(a.sender);
     buffer->AddSender(a.sender);
     a.sender->SendOtherData("other", 5);
@@ -107,7 +107,7 @@ TEST_F(MediaSafety, APausedViewerWithOthersOnTheListKeepsItsPlaceAsLongAsTheFram
     buffer->DelSender(a.sender);
     b.sock.setRoom(ShapedStream::UNLIMITED);
     put(10);
-    EXPECT_EQ(frames(), 1U);
+    EXPECT_EQ(1U, frames());
     buffer->AddSender(a.sender);
     a.sock.setRoom(ShapedStream::UNLIMITED);
     tick();
@@ -125,7 +125,7 @@ TEST_F(MediaSafety, APositionFromAnEarlierStreamDeletesNoFrameUnderTheSender) {
     for (int i = 0; i < 7; ++i) {
         all += put(10);
     }
-    EXPECT_EQ(frames(), 8U);
+    EXPECT_EQ(8U, frames());
     a.sock.setRoom(ShapedStream::UNLIMITED);
     tick();
     EXPECT_EQ(a.sock.wire(), all);
@@ -157,12 +157,12 @@ TEST_F(MediaSafety, AFailedSenderKeepsTheTailOfItsPacketAndNoMore) {
     const std::string bytes = putFrame({5, 6, 7});
     a.sock.fail(EPIPE);
     tick();
-    EXPECT_EQ(a.state().m_list, nullptr);
-    EXPECT_EQ(a.state().m_frame_left, 3U);
+    EXPECT_EQ(nullptr, a.state().m_list);
+    EXPECT_EQ(3U, a.state().m_frame_left);
     char tail[16];
-    EXPECT_EQ(a.sender->GetTailPacket(tail, 16), 3);
+    EXPECT_EQ(3, a.sender->GetTailPacket(tail, 16));
     EXPECT_EQ(std::string(tail, 3), bytes.substr(8, 3));
-    EXPECT_EQ(a.state().m_frame, nullptr);
+    EXPECT_EQ(nullptr, a.state().m_frame);
     a.sock.recover();
     a.sock.setRoom(ShapedStream::UNLIMITED);
     a.sock.clearWire();
@@ -178,9 +178,9 @@ TEST_F(MediaSafety, TheTailIsThereAfterTheLastSenderLeft) {
     a.sock.setRoom(8);
     const std::string bytes = putFrame({5, 6, 4});
     buffer->DelSender(a.sender);
-    EXPECT_EQ(released.size(), 4U);
+    EXPECT_EQ(4U, released.size());
     char tail[16];
-    EXPECT_EQ(a.sender->GetTailPacket(tail, 16), 3);
+    EXPECT_EQ(3, a.sender->GetTailPacket(tail, 16));
     EXPECT_EQ(std::string(tail, 3), bytes.substr(8, 3));
     buffer->AddSender(a.sender);
     a.sock.setRoom(ShapedStream::UNLIMITED);
@@ -198,22 +198,22 @@ TEST_F(MediaSafety, AFrameThatATailLedToDoesNotExpireUnderItsSender) {
     put(10, 1, 1);
     const std::string second = put(10, 1, 9);
     char tail[16];
-    EXPECT_EQ(a.sender->GetTailPacket(tail, 16), 6);
-    EXPECT_EQ(a.state().m_frame->m_sender_count, 0) << "not counted";
+    EXPECT_EQ(6, a.sender->GetTailPacket(tail, 16));
+    EXPECT_EQ(0, a.state().m_frame->m_sender_count) << "not counted";
     tick(60);
-    EXPECT_EQ(frames(), 3U);
+    EXPECT_EQ(3U, frames());
     a.sock.clearWire();
     a.sock.setRoom(4);
     tick();
     b.sock.setRoom(10 + 3);
     tick();
-    EXPECT_EQ(b.state().m_frame->m_sender_count, 1);
+    EXPECT_EQ(1, b.state().m_frame->m_sender_count);
     a.sock.setRoom(ShapedStream::UNLIMITED);
     tick();
     EXPECT_EQ(a.sock.wire(), second);
-    EXPECT_EQ(b.state().m_frame->m_sender_count, 0) << "one was taken back that was never added";
+    EXPECT_EQ(0, b.state().m_frame->m_sender_count) << "one was taken back that was never added";
     tick(60);
-    EXPECT_EQ(frames(), 2U) << "b still stands on it";
+    EXPECT_EQ(2U, frames()) << "b still stands on it";
     b.sock.setRoom(ShapedStream::UNLIMITED);
     b.sock.clearWire();
     tick();
@@ -226,14 +226,14 @@ TEST_F(MediaSafety, ATailTakenWhileAFrameIsFilledDoesNotStepOverThatFrame) {
     put(10);
     const std::string front = put(5, 0, 5);
     char tail[16];
-    EXPECT_EQ(a.sender->GetTailPacket(tail, 16), 6);
-    EXPECT_EQ(a.state().m_send_total, 20U);
-    EXPECT_EQ(a.state().m_lost_mask, 0);
+    EXPECT_EQ(6, a.sender->GetTailPacket(tail, 16));
+    EXPECT_EQ(20U, a.state().m_send_total);
+    EXPECT_EQ(0, a.state().m_lost_mask);
     a.sock.setRoom(ShapedStream::UNLIMITED);
     a.sock.clearWire();
     const std::string back = put(5, 1, 5);
     EXPECT_EQ(a.sock.wire(), front + back);
-    EXPECT_EQ(a.state().m_send_total, 30U);
+    EXPECT_EQ(30U, a.state().m_send_total);
 }
 
 // Ownership.
@@ -241,21 +241,21 @@ TEST_F(MediaSafety, ATailTakenWhileAFrameIsFilledDoesNotStepOverThatFrame) {
 TEST_F(MediaSafety, ASenderThatIsClosedOnTheListLivesUntilItIsTakenOff) {
     MediaClient& a = joinedClient();
     MediaClient& b = client();
-    EXPECT_EQ(HandlerProbe::references(*b.sender), 1);
+    EXPECT_EQ(1, HandlerProbe::references(*b.sender));
     buffer->AddSender(b.sender);
-    EXPECT_EQ(HandlerProbe::references(*b.sender), 2);
+    EXPECT_EQ(2, HandlerProbe::references(*b.sender));
     b.sender->AddRef();
     b.sender->Close();
     serveAll();
-    EXPECT_EQ(HandlerProbe::references(*b.sender), 2);
+    EXPECT_EQ(2, HandlerProbe::references(*b.sender));
     const std::string bytes = put(10);
     EXPECT_EQ(b.sock.wire(), bytes) << "it goes on writing";
     buffer->DelSender(b.sender);
-    EXPECT_EQ(HandlerProbe::references(*b.sender), 1);
+    EXPECT_EQ(1, HandlerProbe::references(*b.sender));
     b.sender->DecRef();
     clients.pop_back();
     put(10);
-    EXPECT_EQ(a.sock.wire().size(), 20U);
+    EXPECT_EQ(20U, a.sock.wire().size());
 }
 
 TEST_F(MediaSafety, EveryWayOffTheListDropsTheReference) {
@@ -266,18 +266,18 @@ TEST_F(MediaSafety, EveryWayOffTheListDropsTheReference) {
         buffer->AddSender(made->sender);
     }
     buffer->DelSender(b.sender);
-    EXPECT_EQ(HandlerProbe::references(*b.sender), 1);
+    EXPECT_EQ(1, HandlerProbe::references(*b.sender));
     buffer->DelSender(b.sender);
-    EXPECT_EQ(HandlerProbe::references(*b.sender), 1) << "it was not there";
+    EXPECT_EQ(1, HandlerProbe::references(*b.sender)) << "it was not there";
     c.sock.setRoom(0);
     c.sock.fail(EPIPE);
     put(10);
-    EXPECT_EQ(HandlerProbe::references(*c.sender), 1);
+    EXPECT_EQ(1, HandlerProbe::references(*c.sender));
     buffer->Clear();
-    EXPECT_EQ(HandlerProbe::references(*a.sender), 1);
+    EXPECT_EQ(1, HandlerProbe::references(*a.sender));
     buffer->AddSender(a.sender);
     buffer.reset();
-    EXPECT_EQ(HandlerProbe::references(*a.sender), 1);
+    EXPECT_EQ(1, HandlerProbe::references(*a.sender));
 }
 
 TEST_F(MediaSafety, ASenderOutlivesItsBuffer) {
@@ -285,11 +285,11 @@ TEST_F(MediaSafety, ASenderOutlivesItsBuffer) {
     a.sock.setRoom(4);
     const std::string bytes = put(10);
     buffer.reset();
-    EXPECT_EQ(released.size(), 2U);
+    EXPECT_EQ(2U, released.size());
     char tail[16];
-    EXPECT_EQ(a.sender->GetTailPacket(tail, 16), 6);
+    EXPECT_EQ(6, a.sender->GetTailPacket(tail, 16));
     EXPECT_EQ(std::string(tail, 6), bytes.substr(4));
-    EXPECT_EQ(a.sender->GetStats().frames, 2U);
+    EXPECT_EQ(2U, a.sender->GetStats().frames);
     buffer = std::make_unique<CMediaBuffer>();
     a.sock.setRoom(ShapedStream::UNLIMITED);
     a.sock.clearWire();
@@ -313,10 +313,10 @@ TEST_F(MediaSafety, AProcedureThatTakesItsSenderOffEndsTheWriting) {
     put(10);
     a.sock.setRoom(ShapedStream::UNLIMITED);
     tick();
-    EXPECT_EQ(a.sock.wire().size(), 10U) << "nothing after it";
-    EXPECT_EQ(a.state().m_list, nullptr);
+    EXPECT_EQ(10U, a.sock.wire().size()) << "nothing after it";
+    EXPECT_EQ(nullptr, a.state().m_list);
     EXPECT_FALSE(hasSender());
-    EXPECT_EQ(released.size(), 3U);
+    EXPECT_EQ(3U, released.size());
 }
 
 TEST_F(MediaSafety, AProcedureMayTakeAnotherSenderOffAndCloseItsSocket) {
@@ -336,9 +336,9 @@ TEST_F(MediaSafety, AProcedureMayTakeAnotherSenderOffAndCloseItsSocket) {
     put(10);
     first.sender->DetachSendProc();
     put(10);
-    EXPECT_EQ(last.sock.wire(), "");
-    EXPECT_EQ(first.sock.wire().size(), 30U);
-    EXPECT_EQ(frames(), 1U);
+    EXPECT_EQ("", last.sock.wire());
+    EXPECT_EQ(30U, first.sock.wire().size());
+    EXPECT_EQ(1U, frames());
 }
 
 TEST_F(MediaSafety, SendersThatCallBacksBringAreThereFromTheNextFrameOn) {
@@ -350,10 +350,10 @@ TEST_F(MediaSafety, SendersThatCallBacksBringAreThereFromTheNextFrameOn) {
     });
     buffer->AddLevel2Buffer(&tap);
     put(10);
-    EXPECT_EQ(b.sock.wire(), "");
+    EXPECT_EQ("", b.sock.wire());
     const std::string bytes = put(10);
     EXPECT_EQ(b.sock.wire(), bytes);
-    EXPECT_EQ(HandlerProbe::references(*b.sender), 2);
+    EXPECT_EQ(2, HandlerProbe::references(*b.sender));
 }
 
 TEST_F(MediaSafety, ASenderThatComesAndGoesInsideCallBacksIsGone) {
@@ -368,10 +368,10 @@ TEST_F(MediaSafety, ASenderThatComesAndGoesInsideCallBacksIsGone) {
     };
     a.sender->AttachSendProc(hook.proc());
     put(10);
-    EXPECT_EQ(b.state().m_list, nullptr);
-    EXPECT_EQ(HandlerProbe::references(*b.sender), 1);
-    EXPECT_NE(a.state().m_list, nullptr);
-    EXPECT_EQ(HandlerProbe::references(*a.sender), 2);
+    EXPECT_EQ(nullptr, b.state().m_list);
+    EXPECT_EQ(1, HandlerProbe::references(*b.sender));
+    EXPECT_NE(nullptr, a.state().m_list);
+    EXPECT_EQ(2, HandlerProbe::references(*a.sender));
     a.sender->DetachSendProc();
     a.sock.clearWire();
     const std::string bytes = put(10);
@@ -389,8 +389,8 @@ TEST_F(MediaSafety, AReleaseMayTakeTheLastSenderOff) {
     a.sock.setRoom(10);
     tick();
     EXPECT_FALSE(hasSender());
-    EXPECT_EQ(released.size(), 4U);
-    EXPECT_EQ(frames(), 1U);
+    EXPECT_EQ(4U, released.size());
+    EXPECT_EQ(1U, frames());
 }
 
 TEST_F(MediaSafety, ATapMayRemoveAndDestroyTheTapBehindIt) {
@@ -412,7 +412,7 @@ TEST_F(MediaSafety, ATapMayRemoveAndDestroyTheTapBehindIt) {
     });
     buffer->AddLevel2Buffer(&front);
     put(5);
-    EXPECT_EQ(seen, 1);
+    EXPECT_EQ(1, seen);
     buffer->DelLevel2Buffer(&last);
 }
 
@@ -435,17 +435,17 @@ TEST_F(MediaSafety, GettersAndFrameInfoWorkInsideCallBacks) {
     MediaClient& a = joinedClient();
     Hook hook;
     hook.run = [&] {
-        EXPECT_EQ(buffer->GetBufferSize(), 10U);
-        EXPECT_EQ(buffer->GetBufferNum(), 0);
-        EXPECT_EQ(buffer->GetStats().senders, 1U);
-        EXPECT_EQ(a.sender->GetStats().frames, 2U);
+        EXPECT_EQ(10U, buffer->GetBufferSize());
+        EXPECT_EQ(0, buffer->GetBufferNum());
+        EXPECT_EQ(1U, buffer->GetStats().senders);
+        EXPECT_EQ(2U, a.sender->GetStats().frames);
         char tail[4];
-        EXPECT_EQ(a.sender->GetTailPacket(tail, 4), 0);
+        EXPECT_EQ(0, a.sender->GetTailPacket(tail, 4));
         putInfo(1);
     };
     a.sender->AttachSendProc(hook.proc());
     put(10);
-    EXPECT_EQ(a.sender->GetStats().frames, 2U);
+    EXPECT_EQ(2U, a.sender->GetStats().frames);
 }
 
 TEST_F(MediaSafety, AProcedureMayReplaceItself) {
@@ -457,13 +457,13 @@ TEST_F(MediaSafety, AProcedureMayReplaceItself) {
     first.run = [&] { a.sender->AttachSendProc(second.proc()); };
     a.sender->AttachSendProc(first.proc());
     put(10);
-    EXPECT_EQ(calls, 0);
+    EXPECT_EQ(0, calls);
     put(10);
-    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(1, calls);
     second.run = [&] { a.sender->DetachSendProc(); };
     put(10);
     put(10);
-    EXPECT_EQ(a.state().m_send_proc, nullptr);
+    EXPECT_EQ(nullptr, a.state().m_send_proc);
 }
 
 TEST_F(MediaSafety, WhatACallBackMustNotDoAsserts) {
@@ -504,12 +504,12 @@ TEST_F(MediaSafety, ASenderThatIsOnTheListAlreadyStaysWhereItIs) {
     LogCapture log(3);
     buffer->AddSender(b.sender);
     buffer->AddSender(a.sender);
-    EXPECT_EQ(log.countMatching(3, "CMediaBuffer::AddSender, sender:0x[0-9a-f]+ is on the list already\n"),
-              2U);
+    EXPECT_EQ(2U,
+              log.countMatching(3, "CMediaBuffer::AddSender, sender:0x[0-9a-f]+ is on the list already\n"));
     EXPECT_EQ(firstSender(), &b.state());
     EXPECT_EQ(b.state().m_next, &a.state());
-    EXPECT_EQ(a.state().m_next, nullptr);
-    EXPECT_EQ(HandlerProbe::references(*a.sender), 2);
+    EXPECT_EQ(nullptr, a.state().m_next);
+    EXPECT_EQ(2, HandlerProbe::references(*a.sender));
     const std::string bytes = put(10);
     EXPECT_EQ(a.sock.wire(), bytes);
 }
@@ -529,10 +529,10 @@ TEST_F(MediaSafety, ATapThatIsOnTheListAlreadyStaysWhereItIs) {
     LogCapture log(3);
     buffer->AddLevel2Buffer(&first);
     buffer->AddLevel2Buffer(&second);
-    EXPECT_EQ(log.countMatching(3, "CMediaBuffer::AddLevel2Buffer, tap:0x[0-9a-f]+ is on the list already\n"),
-              2U);
+    EXPECT_EQ(
+        2U, log.countMatching(3, "CMediaBuffer::AddLevel2Buffer, tap:0x[0-9a-f]+ is on the list already\n"));
     put(1);
-    EXPECT_EQ(seen, 2);
+    EXPECT_EQ(2, seen);
     CMediaBuffer other;
     EXPECT_DEATH(other.AddLevel2Buffer(&first), "a tap can be on the list of one buffer only");
     buffer->DelLevel2Buffer(&first);

@@ -31,18 +31,18 @@ struct Finished {
 
 TEST_F(MediaStreamSender, BeginsWithAllChannelsAndNoTimeout) {
     const SenderRecord& made = client().state();
-    EXPECT_EQ(made.m_send_total, 0U);
-    EXPECT_EQ(made.m_channel_mask, 255);
-    EXPECT_EQ(made.m_lost_mask, 0);
-    EXPECT_EQ(made.m_send_timeout, 0xFFFFFFFFU);
-    EXPECT_EQ(made.m_exception_id, 0);
+    EXPECT_EQ(0U, made.m_send_total);
+    EXPECT_EQ(255, made.m_channel_mask);
+    EXPECT_EQ(0, made.m_lost_mask);
+    EXPECT_EQ(0xFFFFFFFFU, made.m_send_timeout);
+    EXPECT_EQ(0, made.m_exception_id);
 }
 
 TEST_F(MediaStreamSender, AttachAndDetachPassTheSocketOn) {
     MediaClient& a = client();
     EXPECT_EQ(a.sender->Detach(), &a.sock);
-    EXPECT_EQ(a.sender->Detach(), nullptr);
-    EXPECT_EQ(a.sender->Attach(&a.sock), 0);
+    EXPECT_EQ(nullptr, a.sender->Detach());
+    EXPECT_EQ(0, a.sender->Attach(&a.sock));
     EXPECT_EQ(a.sender->Detach(), &a.sock);
 }
 
@@ -53,12 +53,12 @@ TEST_F(MediaStreamSender, TheFirstChannelNarrowsFurtherOnesWiden) {
     a.sender->SetSendChannel(5);
     EXPECT_EQ(a.state().m_channel_mask, 1 << 2 | 1 << 5);
     a.sender->SetSendChannel(-1);
-    EXPECT_EQ(a.state().m_channel_mask, 255);
+    EXPECT_EQ(255, a.state().m_channel_mask);
     EXPECT_DEATH(a.sender->SetSendChannel(8), "channel <= 7");
     for (int channel = 0; channel < 8; ++channel) {
         a.sender->SetSendChannel(channel);
     }
-    EXPECT_EQ(a.state().m_channel_mask, 255);
+    EXPECT_EQ(255, a.state().m_channel_mask);
     a.sender->SetSendChannel(3);
     EXPECT_EQ(a.state().m_channel_mask, 1 << 3) << "all eight are all, and the next one narrows again";
 }
@@ -69,7 +69,7 @@ TEST_F(MediaStreamSender, DisablingAChannelThatIsOffChangesNothing) {
     a.sender->DisableSendChannel(3);
     EXPECT_EQ(a.state().m_channel_mask, 1 << 2);
     a.sender->DisableSendChannel(2);
-    EXPECT_EQ(a.state().m_channel_mask, 0);
+    EXPECT_EQ(0, a.state().m_channel_mask);
     EXPECT_DEATH(a.sender->DisableSendChannel(8), "channel <= 7 && channel >= 0");
     EXPECT_DEATH(a.sender->DisableSendChannel(-1), "channel <= 7 && channel >= 0");
 }
@@ -79,17 +79,17 @@ TEST_F(MediaStreamSender, AFrameOfAnotherChannelIsSteppedOver) {
     a.sender->DisableSendChannel(3);
     const uint64_t before = a.state().m_send_total;
     put(40, 1, 5, 3);
-    EXPECT_EQ(a.sock.wire(), "");
+    EXPECT_EQ("", a.sock.wire());
     EXPECT_TRUE(a.sock.calls().empty());
     EXPECT_EQ(a.state().m_send_total, before + 40);
-    EXPECT_EQ(frames(), 1U) << "it holds nothing back";
+    EXPECT_EQ(1U, frames()) << "it holds nothing back";
     a.sock.setRoom(0);
     const CFrame* wanted = current();
     put(10);
     const CFrame* other = current();
     put(40, 1, 5, 3);
-    EXPECT_EQ(wanted->m_sender_count, 1);
-    EXPECT_EQ(other->m_sender_count, 0);
+    EXPECT_EQ(1, wanted->m_sender_count);
+    EXPECT_EQ(0, other->m_sender_count);
 }
 
 TEST_F(MediaStreamSender, JoinsAtAnyKeyFrameWhateverItsChannels) {
@@ -100,8 +100,8 @@ TEST_F(MediaStreamSender, JoinsAtAnyKeyFrameWhateverItsChannels) {
     const CFrame* joined_at = current();
     clients[0]->sock.setRoom(0);
     put(10, 1, 1, 0);
-    EXPECT_EQ(b.state().m_send_total, 20U);
-    EXPECT_EQ(joined_at->m_sender_count, 2) << "b's count stays on a frame that it never wanted";
+    EXPECT_EQ(20U, b.state().m_send_total);
+    EXPECT_EQ(2, joined_at->m_sender_count) << "b's count stays on a frame that it never wanted";
     put(10, 1, 1, 2);
     b.sock.clearWire();
     const std::string bytes = put(10, 1, 9, 2);
@@ -111,19 +111,19 @@ TEST_F(MediaStreamSender, JoinsAtAnyKeyFrameWhateverItsChannels) {
 TEST_F(MediaStreamSender, AtPositionZeroEveryTickInAGapJoinsAgain) {
     buffer->AddSender(client().sender);
     tick(5);
-    EXPECT_EQ(current()->m_sender_count, 5);
+    EXPECT_EQ(5, current()->m_sender_count);
     const std::string bytes = put(10, 1, 8);
     EXPECT_EQ(clients[0]->sock.wire(), bytes);
-    EXPECT_EQ(frames(), 1U);
+    EXPECT_EQ(1U, frames());
 }
 
 TEST_F(MediaStreamSender, APartialWriteAtTheEndOfAnEntryStaysInTheMiddleOfTheFrame) {
     MediaClient& a = joinedClient();
     a.sock.setRoom(6);
     const std::string bytes = putFrame({6, 0, 5});
-    EXPECT_EQ(a.state().m_iovec_index, 2) << "entries without bytes are passed along";
-    EXPECT_EQ(a.state().m_iovec_offset, 0);
-    EXPECT_EQ(a.state().m_frame_left, 5U);
+    EXPECT_EQ(2, a.state().m_iovec_index) << "entries without bytes are passed along";
+    EXPECT_EQ(0, a.state().m_iovec_offset);
+    EXPECT_EQ(5U, a.state().m_frame_left);
     a.sender->SendOtherData("other", 5);
     a.sock.setRoom(ShapedStream::UNLIMITED);
     tick();
@@ -141,17 +141,17 @@ TEST_F(MediaStreamSender, APartialWriteLeavesTheListAsItWasForTheOthers) {
     b.sock.setRoom(9);
     const CFrame* frame = current();
     const std::string bytes = putFrame({3, 3, 3, 3});
-    EXPECT_EQ(a.state().m_iovec_index, 1);
-    EXPECT_EQ(a.state().m_iovec_offset, 1);
+    EXPECT_EQ(1, a.state().m_iovec_index);
+    EXPECT_EQ(1, a.state().m_iovec_offset);
     a.sock.setRoom(1);
     tick();
-    EXPECT_EQ(a.state().m_iovec_offset, 2);
+    EXPECT_EQ(2, a.state().m_iovec_offset);
     for (uint32_t i = 0; i < 4; ++i) {
-        EXPECT_EQ(frame->m_iovec[i].iov_len, 3U);
+        EXPECT_EQ(3U, frame->m_iovec[i].iov_len);
         EXPECT_EQ(std::string(static_cast<char*>(frame->m_iovec[i].iov_base), 3), bytes.substr(i * 3, 3));
     }
-    EXPECT_EQ(frame->m_sent_len, 14);
-    EXPECT_EQ(frame->m_sender_count, 2);
+    EXPECT_EQ(14, frame->m_sent_len);
+    EXPECT_EQ(2, frame->m_sender_count);
     for (int i = 0; i < 12; ++i) {
         a.sock.setRoom(1);
         b.sock.setRoom(1);
@@ -167,7 +167,7 @@ TEST_F(MediaStreamSender, AFrameWithoutAByteIsNeverSent) {
     tick();
     const std::string bytes = put(5);
     EXPECT_EQ(a.sock.wire(), bytes);
-    EXPECT_EQ(a.sock.calls().size(), 1U);
+    EXPECT_EQ(1U, a.sock.calls().size());
 }
 
 TEST_F(MediaStreamSender, OtherDataGoesBetweenTwoFrames) {
@@ -189,17 +189,17 @@ TEST_F(MediaStreamSender, OtherDataThatBlocksHoldsAllFramesBackAndLosesThoseOffe
     for (int i = 0; i < 3; ++i) {
         put(10, 1, 5);
     }
-    EXPECT_EQ(a.sock.wire(), "ot");
-    EXPECT_EQ(frames(), 4U);
+    EXPECT_EQ("ot", a.sock.wire());
+    EXPECT_EQ(4U, frames());
     a.sock.setRoom(ShapedStream::UNLIMITED);
     tick();
-    EXPECT_EQ(a.sock.wire(), "other") << "a sender that had caught up does not go back for them";
+    EXPECT_EQ("other", a.sock.wire()) << "a sender that had caught up does not go back for them";
     const std::string bytes = put(10, 1, 5);
     EXPECT_EQ(a.sock.wire(), "other" + bytes);
-    EXPECT_EQ(a.sender->GetStats().hole_frames, 3U);
-    EXPECT_EQ(a.sender->GetStats().hole_bytes, 30U);
+    EXPECT_EQ(3U, a.sender->GetStats().hole_frames);
+    EXPECT_EQ(30U, a.sender->GetStats().hole_bytes);
     tick(100);
-    EXPECT_EQ(frames(), 1U) << "the buffer lets them go by their age";
+    EXPECT_EQ(1U, frames()) << "the buffer lets them go by their age";
 }
 
 TEST_F(MediaStreamSender, OtherDataBeyondItsAreaIsDroppedWhole) {
@@ -207,15 +207,15 @@ TEST_F(MediaStreamSender, OtherDataBeyondItsAreaIsDroppedWhole) {
     const std::string most(4096, 'm');
     a.sender->SendOtherData(most.data(), 4000);
     a.sender->SendOtherData(most.data(), 97);
-    EXPECT_EQ(a.state().m_other_len, 4000);
+    EXPECT_EQ(4000, a.state().m_other_len);
     a.sender->SendOtherData(most.data(), 96);
-    EXPECT_EQ(a.state().m_other_len, 4096);
+    EXPECT_EQ(4096, a.state().m_other_len);
     a.sender->SendOtherData(most.data(), 1);
     a.sender->SendOtherData(most.data(), 0);
     a.sender->SendOtherData(most.data(), -1);
     a.sender->SendOtherData(most.data(), INT32_MIN);
     a.sender->SendOtherData(most.data(), INT32_MAX);
-    EXPECT_EQ(a.state().m_other_len, 4096);
+    EXPECT_EQ(4096, a.state().m_other_len);
 }
 
 TEST_F(MediaStreamSender, OtherDataThatFailsIsReportedOnce) {
@@ -228,8 +228,8 @@ TEST_F(MediaStreamSender, OtherDataThatFailsIsReportedOnce) {
     tick();
     EXPECT_TRUE(log.contains(3, "MediaStreamSender check_other_data socket exception!\n"));
     EXPECT_EQ(messages(), (std::vector<SentMessage>{{waiter->GetID(), 2, 0}}));
-    EXPECT_EQ(a.state().m_list, nullptr);
-    EXPECT_EQ(a.state().m_exception_id, 0);
+    EXPECT_EQ(nullptr, a.state().m_list);
+    EXPECT_EQ(0, a.state().m_exception_id);
 }
 
 TEST_F(MediaStreamSender, TwoFramesInOneSendAreFinishedOneAfterTheOther) {
@@ -243,13 +243,13 @@ TEST_F(MediaStreamSender, TwoFramesInOneSendAreFinishedOneAfterTheOther) {
     put(20);
     a.sock.setRoom(ShapedStream::UNLIMITED);
     tick();
-    ASSERT_EQ(finished.calls.size(), 2U);
+    ASSERT_EQ(2U, finished.calls.size());
     EXPECT_EQ(finished.calls[0], std::make_tuple(static_cast<CMediaPacket*>(&first), 1, 10));
     EXPECT_EQ(finished.calls[1], std::make_tuple(static_cast<CMediaPacket*>(&second), 2, 20));
     EXPECT_TRUE(a.sender->DetachSendProc());
     EXPECT_TRUE(a.sender->DetachSendProc());
     put(10);
-    EXPECT_EQ(finished.calls.size(), 2U);
+    EXPECT_EQ(2U, finished.calls.size());
 }
 
 TEST_F(MediaStreamSender, AFullSocketLeavesTheSenderAndThePositionWhereTheyAre) {
@@ -260,10 +260,10 @@ TEST_F(MediaStreamSender, AFullSocketLeavesTheSenderAndThePositionWhereTheyAre) 
     put(10);
     tick(3);
     EXPECT_EQ(a.state().m_frame, frame);
-    EXPECT_EQ(a.state().m_send_total, 10U);
-    EXPECT_EQ(byteDiscard(), 10U);
-    EXPECT_EQ(frames(), 3U);
-    EXPECT_EQ(a.state().m_block_count, 5U);
+    EXPECT_EQ(10U, a.state().m_send_total);
+    EXPECT_EQ(10U, byteDiscard());
+    EXPECT_EQ(3U, frames());
+    EXPECT_EQ(5U, a.state().m_block_count);
 }
 
 TEST_F(MediaStreamSender, EveryHundredthBlockedWriteIsLogged) {
@@ -272,10 +272,10 @@ TEST_F(MediaStreamSender, EveryHundredthBlockedWriteIsLogged) {
     put(10);
     LogCapture log(3);
     tick(98);
-    EXPECT_EQ(log.countMatching(3, "MediaStreamSender net warnning.*\n"), 0U);
+    EXPECT_EQ(0U, log.countMatching(3, "MediaStreamSender net warnning.*\n"));
     tick(102);
-    EXPECT_EQ(log.count(3, "MediaStreamSender net warnning 100!\n"), 1U);
-    EXPECT_EQ(log.count(3, "MediaStreamSender net warnning 200!\n"), 1U);
+    EXPECT_EQ(1U, log.count(3, "MediaStreamSender net warnning 100!\n"));
+    EXPECT_EQ(1U, log.count(3, "MediaStreamSender net warnning 200!\n"));
 }
 
 TEST_F(MediaStreamSender, AStallIsReportedOnceAndTheSenderStays) {
@@ -292,12 +292,12 @@ TEST_F(MediaStreamSender, AStallIsReportedOnceAndTheSenderStays) {
     clock.advanceUs(1);
     tick(2);
     EXPECT_EQ(messages(), (std::vector<SentMessage>{{waiter->GetID(), 2, 0}}));
-    EXPECT_EQ(log.count(3, "MediaStreamSender Send socket exception for timeout!\n"), 1U);
-    EXPECT_NE(a.state().m_list, nullptr);
+    EXPECT_EQ(1U, log.count(3, "MediaStreamSender Send socket exception for timeout!\n"));
+    EXPECT_NE(nullptr, a.state().m_list);
     a.sock.setRoom(ShapedStream::UNLIMITED);
     tick();
-    EXPECT_EQ(a.sock.wire().size(), 10U);
-    EXPECT_EQ(a.state().m_block_time, 0U);
+    EXPECT_EQ(10U, a.sock.wire().size());
+    EXPECT_EQ(0U, a.state().m_block_time);
 }
 
 TEST_F(MediaStreamSender, AClientThatTricklesStallsAllTheSame) {
@@ -311,11 +311,11 @@ TEST_F(MediaStreamSender, AClientThatTricklesStallsAllTheSame) {
         clock.advanceUs(1000000);
         a.sock.setRoom(1);
         tick();  // takes one byte
-        EXPECT_EQ(a.state().m_block_count, 0U);
+        EXPECT_EQ(0U, a.state().m_block_count);
         EXPECT_TRUE(messages().empty());
     }
     tick();
-    EXPECT_EQ(messages().size(), 1U);
+    EXPECT_EQ(1U, messages().size());
 }
 
 TEST_F(MediaStreamSender, OtherDataStallsTooAndAWriteOfItEndsTheStall) {
@@ -329,15 +329,15 @@ TEST_F(MediaStreamSender, OtherDataStallsTooAndAWriteOfItEndsTheStall) {
     clock.advanceUs(900000);
     a.sock.setRoom(1);
     tick();
-    EXPECT_EQ(a.state().m_block_time, 0U);
+    EXPECT_EQ(0U, a.state().m_block_time);
     clock.advanceUs(900000);
     tick();
     EXPECT_TRUE(messages().empty());
     clock.advanceUs(1000000);
     LogCapture log(3);
     tick();
-    EXPECT_EQ(log.count(3, "MediaStreamSender check_other_data socket exception for timeout!\n"), 1U);
-    EXPECT_EQ(messages().size(), 1U);
+    EXPECT_EQ(1U, log.count(3, "MediaStreamSender check_other_data socket exception for timeout!\n"));
+    EXPECT_EQ(1U, messages().size());
 }
 
 TEST_F(MediaStreamSender, WithoutATimeoutASenderWaitsForEver) {
@@ -360,11 +360,11 @@ TEST_F(MediaStreamSender, AFailureTakesBackWhatTheSenderHadWrittenOfTheFrame) {
     b.sock.setRoom(4);
     const CFrame* frame = current();
     put(10);
-    EXPECT_EQ(frame->m_sent_len, 7);
+    EXPECT_EQ(7, frame->m_sent_len);
     b.sock.fail(EPIPE);
     tick();
-    EXPECT_EQ(frame->m_sent_len, 3);
-    EXPECT_EQ(frame->m_sender_count, 2) << "the count is not taken back";
+    EXPECT_EQ(3, frame->m_sent_len);
+    EXPECT_EQ(2, frame->m_sender_count) << "the count is not taken back";
 }
 
 TEST_F(MediaStreamSender, AFailureNobodyWaitsForIsNotReported) {
@@ -373,7 +373,7 @@ TEST_F(MediaStreamSender, AFailureNobodyWaitsForIsNotReported) {
     a.sock.fail(EPIPE);
     LogCapture log(3);
     put(10);
-    EXPECT_EQ(log.countMatching(3, "MediaStreamSender.*\n"), 0U);
+    EXPECT_EQ(0U, log.countMatching(3, "MediaStreamSender.*\n"));
     EXPECT_TRUE(messages().empty());
 }
 
@@ -382,15 +382,15 @@ TEST_F(MediaStreamSender, TheTailOfAPacketIsHandedOver) {
     a.sock.setRoom(8);
     const std::string bytes = putFrame({5, 6, 4});
     char tail[16];
-    EXPECT_EQ(a.sender->GetTailPacket(tail, 2), -1);
-    EXPECT_EQ(a.state().m_iovec_offset, 3) << "nothing has changed";
-    EXPECT_EQ(a.sender->GetTailPacket(tail, 3), 3);
+    EXPECT_EQ(-1, a.sender->GetTailPacket(tail, 2));
+    EXPECT_EQ(3, a.state().m_iovec_offset) << "nothing has changed";
+    EXPECT_EQ(3, a.sender->GetTailPacket(tail, 3));
     EXPECT_EQ(std::string(tail, 3), bytes.substr(8, 3));
-    EXPECT_EQ(a.state().m_iovec_index, 2);
-    EXPECT_EQ(a.state().m_iovec_offset, 0);
-    EXPECT_EQ(a.state().m_frame_left, 4U);
-    EXPECT_EQ(a.state().m_send_total, 21U);
-    EXPECT_EQ(a.sender->GetTailPacket(tail, 16), 0) << "no packet is half-written";
+    EXPECT_EQ(2, a.state().m_iovec_index);
+    EXPECT_EQ(0, a.state().m_iovec_offset);
+    EXPECT_EQ(4U, a.state().m_frame_left);
+    EXPECT_EQ(21U, a.state().m_send_total);
+    EXPECT_EQ(0, a.sender->GetTailPacket(tail, 16)) << "no packet is half-written";
     a.sock.setRoom(ShapedStream::UNLIMITED);
     tick();
     EXPECT_EQ(a.sock.wire(), bytes.substr(0, 8) + bytes.substr(11));
@@ -407,15 +407,15 @@ TEST_F(MediaStreamSender, TheTailOfTheLastPacketFinishesTheFrame) {
     const CFrame* second = current();
     put(7);
     char tail[16];
-    EXPECT_EQ(a.sender->GetTailPacket(tail, 16), 3);
-    ASSERT_EQ(finished.calls.size(), 1U);
+    EXPECT_EQ(3, a.sender->GetTailPacket(tail, 16));
+    ASSERT_EQ(1U, finished.calls.size());
     EXPECT_EQ(finished.calls[0], std::make_tuple(static_cast<CMediaPacket*>(&about), 9, 11));
     EXPECT_EQ(a.state().m_frame, second);
-    EXPECT_EQ(a.state().m_frame_left, 7U);
-    EXPECT_EQ(first->m_sent_len, 0);
-    EXPECT_EQ(first->m_sender_count, 1) << "counts stay";
-    EXPECT_EQ(second->m_sender_count, 0);
-    EXPECT_EQ(client().sender->GetTailPacket(tail, 16), 0) << "a sender that was on no list";
+    EXPECT_EQ(7U, a.state().m_frame_left);
+    EXPECT_EQ(0, first->m_sent_len);
+    EXPECT_EQ(1, first->m_sender_count) << "counts stay";
+    EXPECT_EQ(0, second->m_sender_count);
+    EXPECT_EQ(0, client().sender->GetTailPacket(tail, 16)) << "a sender that was on no list";
 }
 
 TEST_F(MediaStreamSender, WithoutASocketSendAsserts) {
@@ -452,22 +452,22 @@ TEST_F(MediaStreamSender, ASecureSocketWithoutTlsFails) {
     a.sender->Attach(&secure);
     buffer->AddSender(a.sender);
     put(10);
-    EXPECT_EQ(a.state().m_list, nullptr);
+    EXPECT_EQ(nullptr, a.state().m_list);
     a.sender->SendOtherData("x", 1);
     buffer->AddSender(a.sender);
     tick();
-    EXPECT_EQ(a.state().m_list, nullptr);
+    EXPECT_EQ(nullptr, a.state().m_list);
 }
 
 // A datagram socket on loopback that receives, and one that is connected to it.
 struct DatagramPair {
     DatagramPair() {
         CSockAddrIPv4 any("127.0.0.1", 0);
-        EXPECT_EQ(far.Open(&any), 0);
+        EXPECT_EQ(0, far.Open(&any));
         CSockAddrIPv4 address;
-        EXPECT_EQ(far.GetLocalAddr(&address), 0);
-        EXPECT_EQ(near.Open(nullptr), 0);
-        EXPECT_EQ(near.SetRemote(&address), 0);
+        EXPECT_EQ(0, far.GetLocalAddr(&address));
+        EXPECT_EQ(0, near.Open(nullptr));
+        EXPECT_EQ(0, near.SetRemote(&address));
     }
     std::string receive() {
         char bytes[70000];
@@ -490,9 +490,9 @@ TEST_F(MediaStreamSender, AFrameIsOneDatagram) {
     for (int i = 0; i < 1500; ++i) {
         second += put(2, i == 1499 ? 1 : 0);
     }
-    EXPECT_EQ(pair.receive(), "other");
+    EXPECT_EQ("other", pair.receive());
     EXPECT_EQ(pair.receive(), second) << "also with more packets than the kernel takes at once";
-    EXPECT_EQ(a.sender->GetStats().frames, 2U);
+    EXPECT_EQ(2U, a.sender->GetStats().frames);
 }
 
 TEST_F(MediaStreamSender, AFrameThatNoDatagramHoldsMakesTheSenderFail) {
@@ -502,9 +502,9 @@ TEST_F(MediaStreamSender, AFrameThatNoDatagramHoldsMakesTheSenderFail) {
     a.sender->Attach(&pair.near);
     buffer->AddSender(a.sender);
     put(65507);
-    EXPECT_NE(a.state().m_list, nullptr);
+    EXPECT_NE(nullptr, a.state().m_list);
     put(65508);
-    EXPECT_EQ(a.state().m_list, nullptr);
+    EXPECT_EQ(nullptr, a.state().m_list);
 }
 
 TEST_F(MediaStreamSender, ADatagramClientThatIsGoneFails) {
@@ -529,15 +529,15 @@ TEST_F(MediaStreamSender, AFrameOfFiveThousandPacketsArrivesWholeAndInOrder) {
     }
     EXPECT_EQ(a.sock.wire(), bytes);
     EXPECT_LE(a.sock.calls().size(), 5U) << "some 1024 packets in each write";
-    EXPECT_EQ(frames(), 1U);
+    EXPECT_EQ(1U, frames());
 }
 
 TEST_F(MediaStreamSender, CountersTellWhatTheClientGot) {
     HandClock clock;
     MediaClient& a = joinedClient();
     MediaSenderStats stats = a.sender->GetStats();
-    EXPECT_EQ(stats.frames, 1U);
-    EXPECT_EQ(stats.bytes, 10U);
+    EXPECT_EQ(1U, stats.frames);
+    EXPECT_EQ(10U, stats.bytes);
     EXPECT_TRUE(stats.joined);
     EXPECT_TRUE(stats.listed);
     a.sock.setRoom(4);
@@ -547,16 +547,16 @@ TEST_F(MediaStreamSender, CountersTellWhatTheClientGot) {
     tick();
     clock.advanceUs(6000);
     stats = a.sender->GetStats();
-    EXPECT_EQ(stats.frames, 1U);
-    EXPECT_EQ(stats.bytes, 14U);
-    EXPECT_EQ(stats.backlog_bytes, 26U);
-    EXPECT_EQ(stats.lag_us, 11000U);
-    EXPECT_EQ(stats.blocked_us, 11000U);
+    EXPECT_EQ(1U, stats.frames);
+    EXPECT_EQ(14U, stats.bytes);
+    EXPECT_EQ(26U, stats.backlog_bytes);
+    EXPECT_EQ(11000U, stats.lag_us);
+    EXPECT_EQ(11000U, stats.blocked_us);
     buffer->DelSender(a.sender);
     stats = a.sender->GetStats();
     EXPECT_FALSE(stats.listed);
-    EXPECT_EQ(stats.backlog_bytes, 0U);
-    EXPECT_EQ(client().sender->GetStats().frames, 0U);
+    EXPECT_EQ(0U, stats.backlog_bytes);
+    EXPECT_EQ(0U, client().sender->GetStats().frames);
 }
 
 }  // namespace Orvex::Testing

@@ -71,32 +71,32 @@ struct CountingTarget : SendTarget_IF {
 using SenderHandler = MediaFixture;
 
 TEST_F(SenderHandler, TheFirstTargetStartsItAndTheTickAfterTheLastOneEndsIt) {
-    EXPECT_EQ(running(), nullptr);
+    EXPECT_EQ(nullptr, running());
     CountingTarget first;
     CountingTarget second;
     CSenderHandler::Add(0, &first);
     CSenderHandler* const handler = running();
-    ASSERT_NE(handler, nullptr);
+    ASSERT_NE(nullptr, handler);
     CSenderHandler::Add(0, &second, 50);
     EXPECT_EQ(running(), handler);
-    EXPECT_EQ(intervalOf(*handler), 100U) << "the interval is that of the first";
+    EXPECT_EQ(100U, intervalOf(*handler)) << "the interval is that of the first";
     const long id = timerOf(*handler);
-    EXPECT_EQ(handler->handle_timeout(id), 0);
-    EXPECT_EQ(first.sends, 1);
-    EXPECT_EQ(second.sends, 1);
+    EXPECT_EQ(0, handler->handle_timeout(id));
+    EXPECT_EQ(1, first.sends);
+    EXPECT_EQ(1, second.sends);
     CSenderHandler::Remove(0, &first);
     CSenderHandler::Remove(0, &first);
     CSenderHandler::Remove(1, &second);
-    EXPECT_EQ(handler->handle_timeout(id), 0);
-    EXPECT_EQ(first.sends, 1);
-    EXPECT_EQ(second.sends, 2);
+    EXPECT_EQ(0, handler->handle_timeout(id));
+    EXPECT_EQ(1, first.sends);
+    EXPECT_EQ(2, second.sends);
     CSenderHandler::Remove(0, &second);
     EXPECT_EQ(running(), handler);
-    EXPECT_EQ(handler->handle_timeout(id), -1);
-    EXPECT_EQ(running(), nullptr);
+    EXPECT_EQ(-1, handler->handle_timeout(id));
+    EXPECT_EQ(nullptr, running());
     serveAll();
     CSenderHandler::Add(0, &first, 50);
-    EXPECT_EQ(intervalOf(*running()), 50U);
+    EXPECT_EQ(50U, intervalOf(*running()));
     CSenderHandler::Remove(0, &first);
     running()->handle_timeout(timerOf(*running()));
 }
@@ -105,10 +105,10 @@ TEST_F(SenderHandler, AnotherTimersTickSweepsNothing) {
     CountingTarget target;
     CSenderHandler::Add(0, &target);
     CSenderHandler* const handler = running();
-    EXPECT_EQ(handler->handle_timeout(timerOf(*handler) + 1), -1);
-    EXPECT_EQ(target.sends, 0);
+    EXPECT_EQ(-1, handler->handle_timeout(timerOf(*handler) + 1));
+    EXPECT_EQ(0, target.sends);
     CSenderHandler::Remove(0, &target);
-    EXPECT_EQ(handler->handle_timeout(timerOf(*handler)), -1);
+    EXPECT_EQ(-1, handler->handle_timeout(timerOf(*handler)));
 }
 
 TEST_F(SenderHandler, ATargetThatIsThereTwiceIsSentTwice) {
@@ -118,10 +118,10 @@ TEST_F(SenderHandler, ATargetThatIsThereTwiceIsSentTwice) {
     CSenderHandler::Add(0, nullptr);
     CSenderHandler::Remove(0, nullptr);
     running()->handle_timeout(timerOf(*running()));
-    EXPECT_EQ(target.sends, 2);
+    EXPECT_EQ(2, target.sends);
     CSenderHandler::Remove(0, &target);
     running()->handle_timeout(timerOf(*running()));
-    EXPECT_EQ(target.sends, 3);
+    EXPECT_EQ(3, target.sends);
     CSenderHandler::Remove(0, &target);
     running()->handle_timeout(timerOf(*running()));
 }
@@ -137,7 +137,7 @@ TEST_F(SenderHandler, TheSweepSurvivesTargetsThatChangeTheList) {
     CSenderHandler::Add(0, &first);
     CSenderHandler::Add(0, &second);
     running()->handle_timeout(timerOf(*running()));
-    EXPECT_EQ(third.sends, 1);
+    EXPECT_EQ(1, third.sends);
     for (CountingTarget* target : {&second, &third}) {
         CSenderHandler::Remove(0, target);
     }
@@ -148,10 +148,10 @@ TEST_F(SenderHandler, ASecondBuffersIntervalChangesNothing) {
     CMediaBuffer second;
     buffer->EnableAutoSend();
     second.EnableAutoSend(50);
-    EXPECT_EQ(intervalOf(*running()), 100U);
+    EXPECT_EQ(100U, intervalOf(*running()));
     buffer->DisableAutoSend();
     second.DisableAutoSend();
-    EXPECT_EQ(running()->handle_timeout(timerOf(*running())), -1);
+    EXPECT_EQ(-1, running()->handle_timeout(timerOf(*running())));
 }
 
 TEST_F(SenderHandler, ABufferIsRegisteredOnceAndItsEndTakesItOff) {
@@ -159,41 +159,41 @@ TEST_F(SenderHandler, ABufferIsRegisteredOnceAndItsEndTakesItOff) {
     buffer->EnableAutoSend(20);
     buffer->EnableAutoSend();
     CSenderHandler* const handler = running();
-    EXPECT_EQ(intervalOf(*handler), 20U);
+    EXPECT_EQ(20U, intervalOf(*handler));
     a.sock.setRoom(0);
     const CFrame* frame = current();
     put(10);
-    EXPECT_EQ(frame->m_age, 0);
+    EXPECT_EQ(0, frame->m_age);
     handler->handle_timeout(timerOf(*handler));
-    EXPECT_EQ(frame->m_age, 1) << "one sweep, one tick";
+    EXPECT_EQ(1, frame->m_age) << "one sweep, one tick";
     buffer->DisableAutoSend();
     buffer->DisableAutoSend();
-    EXPECT_EQ(handler->handle_timeout(timerOf(*handler)), -1);
+    EXPECT_EQ(-1, handler->handle_timeout(timerOf(*handler)));
     serveAll();
     buffer->EnableAutoSend();
     buffer->DelSender(a.sender);
     buffer.reset();
-    EXPECT_EQ(running()->handle_timeout(timerOf(*running())), -1);
-    EXPECT_EQ(running(), nullptr);
+    EXPECT_EQ(-1, running()->handle_timeout(timerOf(*running())));
+    EXPECT_EQ(nullptr, running());
 }
 
 TEST_F(SenderHandler, ItIsDeletedWhenItsLastCallIsOver) {
     CountingTarget target;
     CSenderHandler::Add(0, &target);
     CSenderHandler* const handler = running();
-    EXPECT_EQ(HandlerProbe::references(*handler), 1);
+    EXPECT_EQ(1, HandlerProbe::references(*handler));
     HandlerDrops drops;
     CSenderHandler::Suspend(
         drops);  // without a worker that could take the close message; ASan looks for the leak
-    EXPECT_EQ(running(), nullptr);
+    EXPECT_EQ(nullptr, running());
     CountingTarget late;
     CSenderHandler::Add(0, &late);
-    EXPECT_EQ(running(), nullptr) << "on the way down nothing is started";
+    EXPECT_EQ(nullptr, running()) << "on the way down nothing is started";
     CSenderHandler::Resume();
-    ASSERT_NE(running(), nullptr);
+    ASSERT_NE(nullptr, running());
     running()->handle_timeout(timerOf(*running()));
-    EXPECT_EQ(target.sends, 1);
-    EXPECT_EQ(late.sends, 1);
+    EXPECT_EQ(1, target.sends);
+    EXPECT_EQ(1, late.sends);
     CSenderHandler::Remove(0, &target);
     CSenderHandler::Remove(0, &late);
     running()->handle_timeout(timerOf(*running()));
@@ -220,7 +220,7 @@ TEST_F(SenderHandlerLive, TheTimerLetsBlockedSendersGoOn) {
     buffer.EnableAutoSend(5);
     EXPECT_EVENTUALLY(done == 1);
     buffer.DisableAutoSend();
-    EXPECT_EQ(sock.wire(), "firstsecond");
+    EXPECT_EQ("firstsecond", sock.wire());
     buffer.DelSender(sender);
     sender->Close();
 }
@@ -243,8 +243,8 @@ TEST_F(SenderHandler, ATickThatComesBeforeTheTimersIdIsKnownIsNoStrangers) {
     handler->*stateOf(ProbeDetail::HandlerTimer{}) = ID;
     list_mutex.leave();
     worker.join();
-    EXPECT_EQ(result, 0);
-    EXPECT_EQ(target.sends, 1);
+    EXPECT_EQ(0, result);
+    EXPECT_EQ(1, target.sends);
     CSenderHandler::Remove(0, &target);
     handler->handle_timeout(ID);
 }
@@ -269,7 +269,7 @@ TEST(SenderHandlerTeardown, AutoSendGoesOnInTheLibrarysNextLife) {
         const int before = target.sends;
         EXPECT_EVENTUALLY(target.sends > before + 1);
         ASSERT_EQ(0, CNetThread::DestroyThreadPool());
-        EXPECT_EQ(running(), nullptr);
+        EXPECT_EQ(nullptr, running());
     }
     CSenderHandler::Remove(0, &target);
 }

@@ -25,7 +25,7 @@ using ::testing::MatchesRegex;
 
 constexpr char EXCEPTION_LINE[] = "MediaStreamReceiver do_receive socket exception!\n";
 
-class MediaStreamReceiverTest : public ReceiverStand {
+class MediaStreamReceiver : public ReceiverStand {
 protected:
     // A paced receiver whose units are `unit_us` of media each, the first one at `first_us`.
     TestReceiver* startPaced(long long unit_us, long long first_us = 1, long long offset = 0,
@@ -52,7 +52,7 @@ protected:
 
 // ---- Modes and results ---------------------------------------------------------------------------------
 
-TEST_F(MediaStreamReceiverTest, StartsCreatedAndActiveWithDefaultsThatFail) {
+TEST_F(MediaStreamReceiver, StartsCreatedAndActiveWithDefaultsThatFail) {
     struct Bare : CMediaStreamReceiver {
         int handle_close(CNetHandler* self) override {
             delete self;
@@ -60,52 +60,52 @@ TEST_F(MediaStreamReceiverTest, StartsCreatedAndActiveWithDefaultsThatFail) {
         }
     };
     auto* const bare = new Bare;
-    EXPECT_EQ(bare->handle_stream_input(), -1);
-    EXPECT_EQ(bare->handle_passive_input(), -1);
-    EXPECT_EQ(bare->handle_stream_write(), -1);
+    EXPECT_EQ(-1, bare->handle_stream_input());
+    EXPECT_EQ(-1, bare->handle_passive_input());
+    EXPECT_EQ(-1, bare->handle_stream_write());
     MediaReceiverState& state = ReceiverProbe::of(*bare);
-    EXPECT_EQ(state.m_state, 1);
+    EXPECT_EQ(1, state.m_state);
     EXPECT_EQ(state.m_mode, receiver_active);
-    EXPECT_EQ(state.m_exception_id, 0);
-    EXPECT_EQ(state.m_wait_ticks, 1);
+    EXPECT_EQ(0, state.m_exception_id);
+    EXPECT_EQ(1, state.m_wait_ticks);
     {
         const Infra::CGuard guard(state.m_mutex);
         EXPECT_EQ(state.m_first_time, ~uint64_t{0});
-        EXPECT_EQ(state.m_start_time, 0u);
-        EXPECT_EQ(state.m_elapsed, 0u);
-        EXPECT_EQ(state.m_start_offset, 0);
+        EXPECT_EQ(0u, state.m_start_time);
+        EXPECT_EQ(0u, state.m_elapsed);
+        EXPECT_EQ(0, state.m_start_offset);
         EXPECT_EQ(state.m_speed, 1.0F);
     }
     bare->Close();
     serveAll();
 }
 
-TEST_F(MediaStreamReceiverTest, EachModeHasItsCallback) {
+TEST_F(MediaStreamReceiver, EachModeHasItsCallback) {
     TestReceiver* const active = start(receiver_active);
     TestReceiver* const passive = start(receiver_passive);
     TestReceiver* const writer = start(receiver_write);
     TestReceiver* const other = start(static_cast<receiver_mode>(7));
     tick();
     tick();
-    EXPECT_EQ(active->life->inputs, 2);
-    EXPECT_EQ(passive->life->passives, 2);
-    EXPECT_EQ(writer->life->writes, 2);
-    EXPECT_EQ(other->life->passives, 2) << "any other number is passive";
+    EXPECT_EQ(2, active->life->inputs);
+    EXPECT_EQ(2, passive->life->passives);
+    EXPECT_EQ(2, writer->life->writes);
+    EXPECT_EQ(2, other->life->passives) << "any other number is passive";
     for (TestReceiver* receiver : {active, passive, writer, other}) {
-        EXPECT_EQ(receiver->life->calls(), 2);
+        EXPECT_EQ(2, receiver->life->calls());
     }
 }
 
-TEST_F(MediaStreamReceiverTest, ModeThatChangesLaterChangesTheCallback) {
+TEST_F(MediaStreamReceiver, ModeThatChangesLaterChangesTheCallback) {
     TestReceiver* const receiver = start(receiver_active);
     tick();
     receiver->SetReceiveMode(receiver_write);
     tick();
-    EXPECT_EQ(receiver->life->inputs, 1);
-    EXPECT_EQ(receiver->life->writes, 1);
+    EXPECT_EQ(1, receiver->life->inputs);
+    EXPECT_EQ(1, receiver->life->writes);
 }
 
-TEST_F(MediaStreamReceiverTest, NegativeResultIsToldOnEveryTickAndTheCallsGoOn) {
+TEST_F(MediaStreamReceiver, NegativeResultIsToldOnEveryTickAndTheCallsGoOn) {
     for (const receiver_mode mode : {receiver_active, receiver_passive, receiver_write}) {
         TestReceiver* const receiver = start(mode);
         receiver->on_input = [] { return -1; };
@@ -116,19 +116,19 @@ TEST_F(MediaStreamReceiverTest, NegativeResultIsToldOnEveryTickAndTheCallsGoOn) 
         tick();
         const Sent told(receiver->GetID(), waiter->GetID(), 2);
         EXPECT_THAT(messages(), ElementsAre(told, told)) << mode;
-        EXPECT_EQ(log.count(3, EXCEPTION_LINE), 2u);
-        EXPECT_EQ(ReceiverProbe::state(*receiver), 2) << "the state does not change";
+        EXPECT_EQ(2u, log.count(3, EXCEPTION_LINE));
+        EXPECT_EQ(2, ReceiverProbe::state(*receiver)) << "the state does not change";
         receiver->WaitException(0);
         tick();
         EXPECT_THAT(messages(), IsEmpty());
-        EXPECT_EQ(log.count(3, EXCEPTION_LINE), 2u);
+        EXPECT_EQ(2u, log.count(3, EXCEPTION_LINE));
         receiver->Close();
         tick();
         messages();
     }
 }
 
-TEST_F(MediaStreamReceiverTest, LineOfANegativeResultNamesTheReceiverAndTheCallOfOneTick) {
+TEST_F(MediaStreamReceiver, LineOfANegativeResultNamesTheReceiverAndTheCallOfOneTick) {
     TestReceiver* const receiver = start(receiver_active);
     receiver->on_input = [] { return -1; };
     const LogCapture log;
@@ -144,7 +144,7 @@ TEST_F(MediaStreamReceiverTest, LineOfANegativeResultNamesTheReceiverAndTheCallO
     EXPECT_EQ("Src/Tool/MediaStreamReceiver.cpp", line.file);
 }
 
-TEST_F(MediaStreamReceiverTest, ResultsFromZeroOnAreNotTold) {
+TEST_F(MediaStreamReceiver, ResultsFromZeroOnAreNotTold) {
     TestReceiver* const receiver = start(receiver_active);
     receiver->on_input = [] { return 1; };
     tick();
@@ -155,78 +155,78 @@ TEST_F(MediaStreamReceiverTest, ResultsFromZeroOnAreNotTold) {
 
 // ---- Start, stop, close --------------------------------------------------------------------------------
 
-TEST_F(MediaStreamReceiverTest, StoppedReceiverStaysOnItsThreadAndIsSkipped) {
+TEST_F(MediaStreamReceiver, StoppedReceiverStaysOnItsThreadAndIsSkipped) {
     TestReceiver* const receiver = start(receiver_active);
     tick();
     receiver->StopReceive();
-    EXPECT_EQ(ReceiverProbe::state(*receiver), 3);
+    EXPECT_EQ(3, ReceiverProbe::state(*receiver));
     EXPECT_TRUE(tick());
-    EXPECT_EQ(receiver->life->inputs, 1);
-    EXPECT_EQ(thread.Number(), 1);
+    EXPECT_EQ(1, receiver->life->inputs);
+    EXPECT_EQ(1, thread.Number());
     receiver->StartReceive(0, 1.0F);
     tick();
-    EXPECT_EQ(receiver->life->inputs, 2);
+    EXPECT_EQ(2, receiver->life->inputs);
 }
 
-TEST_F(MediaStreamReceiverTest, DoubleStartIsLoggedAndStillSetsTheClockAnew) {
+TEST_F(MediaStreamReceiver, DoubleStartIsLoggedAndStillSetsTheClockAnew) {
     TestReceiver* const receiver = startPaced(20000);
     tick();
     const LogCapture log;
     receiver->StartReceive(7000, 1.0F);
     EXPECT_EQ(
-        log.count(2, "Orvex::Reticor::CMediaStreamReceiver::StartReceive : this receiver already started!\n"),
-        1u);
-    EXPECT_EQ(log.lines().size(), 1u);
+        1u, log.count(
+                2, "Orvex::Reticor::CMediaStreamReceiver::StartReceive : this receiver already started!\n"));
+    EXPECT_EQ(1u, log.lines().size());
     MediaReceiverState& state = ReceiverProbe::of(*receiver);
     const Infra::CGuard guard(state.m_mutex);
-    EXPECT_EQ(state.m_start_offset, 7000);
-    EXPECT_EQ(state.m_first_time, MediaReceiverState::NOT_SEEN);
+    EXPECT_EQ(7000, state.m_start_offset);
+    EXPECT_EQ(MediaReceiverState::NOT_SEEN, state.m_first_time);
 }
 
-TEST_F(MediaStreamReceiverTest, StopOfOneThatDoesNotRunIsLogged) {
+TEST_F(MediaStreamReceiver, StopOfOneThatDoesNotRunIsLogged) {
     TestReceiver* const receiver = start(receiver_active);
     receiver->StopReceive();
     auto* const fresh = new TestReceiver;
     const LogCapture log;
     receiver->StopReceive();
     fresh->StopReceive();
-    EXPECT_EQ(log.count(2,
+    EXPECT_EQ(2u,
+              log.count(2,
                         "Orvex::Reticor::CMediaStreamReceiver::StopReceive : Can't stop a receiver not in "
-                        "running state!\n"),
-              2u);
-    EXPECT_EQ(ReceiverProbe::state(*fresh), 1);
+                        "running state!\n"));
+    EXPECT_EQ(1, ReceiverProbe::state(*fresh));
     fresh->Close();
 }
 
-TEST_F(MediaStreamReceiverTest, WhileTheLibraryIsDownNoThreadCanBeStarted) {
+TEST_F(MediaStreamReceiver, WhileTheLibraryIsDownNoThreadCanBeStarted) {
     auto* const receiver = new TestReceiver;
     const LogCapture log;
     receiver->StartReceive(0, 1.0F);
-    EXPECT_EQ(log.count(2, "Orvex::Reticor::CMediaStreamReceiver::StartReceive : Thread start failed.\n"),
-              1u);
-    EXPECT_EQ(ReceiverProbe::state(*receiver), 1) << "it can be started again";
+    EXPECT_EQ(1u,
+              log.count(2, "Orvex::Reticor::CMediaStreamReceiver::StartReceive : Thread start failed.\n"));
+    EXPECT_EQ(1, ReceiverProbe::state(*receiver)) << "it can be started again";
     receiver->Close();
 }
 
-TEST_F(MediaStreamReceiverTest, CloseOfACreatedReceiverTellsTheEndFromTheCallingThread) {
+TEST_F(MediaStreamReceiver, CloseOfACreatedReceiverTellsTheEndFromTheCallingThread) {
     auto* const receiver = new TestReceiver;
     const auto life = receiver->life;
     const long id = receiver->GetID();
     receiver->WaitException(waiter->GetID());
     receiver->Close();
     EXPECT_THAT(messages(), ElementsAre(Sent(id, waiter->GetID(), 5)));
-    EXPECT_EQ(life->closes, 1);
+    EXPECT_EQ(1, life->closes);
 }
 
-TEST_F(MediaStreamReceiverTest, CloseWithoutAWaiterTellsNobody) {
+TEST_F(MediaStreamReceiver, CloseWithoutAWaiterTellsNobody) {
     auto* const receiver = new TestReceiver;
     const auto life = receiver->life;
     receiver->Close();
     EXPECT_THAT(messages(), IsEmpty());
-    EXPECT_EQ(life->closes, 1);
+    EXPECT_EQ(1, life->closes);
 }
 
-TEST_F(MediaStreamReceiverTest, ClosedReceiversAreDroppedByTheNextTickWhereverTheyStand) {
+TEST_F(MediaStreamReceiver, ClosedReceiversAreDroppedByTheNextTickWhereverTheyStand) {
     for (int which = 0; which < 3; ++which) {
         TestReceiver* const receivers[] = {start(receiver_active), start(receiver_active),
                                            start(receiver_active)};
@@ -235,15 +235,15 @@ TEST_F(MediaStreamReceiverTest, ClosedReceiversAreDroppedByTheNextTickWhereverTh
         const long id = closed->GetID();
         closed->Close();
         EXPECT_THAT(messages(), IsEmpty()) << "its thread says it";
-        EXPECT_EQ(ReceiverProbe::state(*closed), 0);
+        EXPECT_EQ(0, ReceiverProbe::state(*closed));
         tick();
-        EXPECT_EQ(life->inputs, 0);
+        EXPECT_EQ(0, life->inputs);
         EXPECT_THAT(messages(), ElementsAre(Sent(id, waiter->GetID(), 5)));
-        EXPECT_EQ(life->closes, 1);
-        EXPECT_EQ(ReceiverThreadProbe::list(thread).size(), 2u);
+        EXPECT_EQ(1, life->closes);
+        EXPECT_EQ(2u, ReceiverThreadProbe::list(thread).size());
         for (TestReceiver* receiver : receivers) {
             if (receiver != closed) {
-                EXPECT_EQ(receiver->life->inputs, 1);
+                EXPECT_EQ(1, receiver->life->inputs);
                 receiver->Close();
             }
         }
@@ -253,7 +253,7 @@ TEST_F(MediaStreamReceiverTest, ClosedReceiversAreDroppedByTheNextTickWhereverTh
     }
 }
 
-TEST_F(MediaStreamReceiverTest, SeveralClosedReceiversInARowAreDroppedTogether) {
+TEST_F(MediaStreamReceiver, SeveralClosedReceiversInARowAreDroppedTogether) {
     std::vector<TestReceiver*> receivers;
     for (int i = 0; i < 6; ++i) {
         receivers.push_back(start(receiver_active));
@@ -263,11 +263,11 @@ TEST_F(MediaStreamReceiverTest, SeveralClosedReceiversInARowAreDroppedTogether) 
     }
     EXPECT_TRUE(tick());
     EXPECT_THAT(ReceiverThreadProbe::list(thread), ElementsAre(receivers[2]));
-    EXPECT_EQ(messages().size(), 5u);
-    EXPECT_EQ(receivers[2]->life->inputs, 1);
+    EXPECT_EQ(5u, messages().size());
+    EXPECT_EQ(1, receivers[2]->life->inputs);
 }
 
-TEST_F(MediaStreamReceiverTest, CallbackMayStopAndStartAndCloseItsOwnObject) {
+TEST_F(MediaStreamReceiver, CallbackMayStopAndStartAndCloseItsOwnObject) {
     TestReceiver* const first = start(receiver_active);
     TestReceiver* const second = start(receiver_active);
     first->on_input = [first] {
@@ -285,16 +285,16 @@ TEST_F(MediaStreamReceiverTest, CallbackMayStopAndStartAndCloseItsOwnObject) {
     const auto life = second->life;
     tick();
     tick();
-    EXPECT_EQ(first->life->inputs, 1);
-    EXPECT_EQ(life->inputs, 2);
-    EXPECT_EQ(life->closes, 0) << "not before the walk has left it";
+    EXPECT_EQ(1, first->life->inputs);
+    EXPECT_EQ(2, life->inputs);
+    EXPECT_EQ(0, life->closes) << "not before the walk has left it";
     tick();
     messages();
-    EXPECT_EQ(life->closes, 1);
-    EXPECT_EQ(life->inputs, 2);
+    EXPECT_EQ(1, life->closes);
+    EXPECT_EQ(2, life->inputs);
 }
 
-TEST_F(MediaStreamReceiverTest, CallbackMayCloseItsNeighbour) {
+TEST_F(MediaStreamReceiver, CallbackMayCloseItsNeighbour) {
     TestReceiver* const first = start(receiver_active);
     TestReceiver* const second = start(receiver_active);
     const auto life = second->life;
@@ -305,54 +305,53 @@ TEST_F(MediaStreamReceiverTest, CallbackMayCloseItsNeighbour) {
         return 0;
     };
     tick();
-    EXPECT_EQ(life->inputs, 0);
+    EXPECT_EQ(0, life->inputs);
     first->on_input = nullptr;
     tick();
     messages();
-    EXPECT_EQ(life->closes, 1);
+    EXPECT_EQ(1, life->closes);
 }
 
-TEST_F(MediaStreamReceiverTest, SetFrameRateOnlyLogs) {
+TEST_F(MediaStreamReceiver, SetFrameRateOnlyLogs) {
     TestReceiver* const receiver = start(receiver_active);
     const LogCapture log;
     receiver->SetFrameRate(25);
     receiver->SetFrameRate(50);
-    EXPECT_EQ(log.countMatching(
-                  3, "this interface SetFrameRate is discarded!!.*Src/Tool/MediaStreamReceiver.cpp\n"),
-              2u)
+    EXPECT_EQ(2u, log.countMatching(
+                      3, "this interface SetFrameRate is discarded!!.*Src/Tool/MediaStreamReceiver.cpp\n"))
         << log.dump();
     tick();
-    EXPECT_EQ(receiver->life->inputs, 1);
+    EXPECT_EQ(1, receiver->life->inputs);
 }
 
 // ---- Pace ----------------------------------------------------------------------------------------------
 
-TEST_F(MediaStreamReceiverTest, UnitsOfOnePeriodComeOnePerTick) {
+TEST_F(MediaStreamReceiver, UnitsOfOnePeriodComeOnePerTick) {
     EXPECT_THAT(unitsPerTick(startPaced(20000), 6), ElementsAre(1, 1, 1, 1, 1, 1));
 }
 
-TEST_F(MediaStreamReceiverTest, LongUnitsSkipTicks) {
+TEST_F(MediaStreamReceiver, LongUnitsSkipTicks) {
     EXPECT_THAT(unitsPerTick(startPaced(60000), 7), ElementsAre(1, 1, 0, 0, 1, 0, 0))
         << "the first unit sets the clock, and the second is due one period behind it";
 }
 
-TEST_F(MediaStreamReceiverTest, ShortUnitsComeSeveralPerTick) {
+TEST_F(MediaStreamReceiver, ShortUnitsComeSeveralPerTick) {
     const std::vector<int> units = unitsPerTick(startPaced(5000), 5);
-    EXPECT_EQ(units[0], 1) << "one period after the first unit is due with the next tick";
+    EXPECT_EQ(1, units[0]) << "one period after the first unit is due with the next tick";
     EXPECT_THAT(std::vector<int>(units.begin() + 2, units.end()), ElementsAre(4, 4, 4));
 }
 
-TEST_F(MediaStreamReceiverTest, DoubleSpeedPlaysTwiceAsMuch) {
+TEST_F(MediaStreamReceiver, DoubleSpeedPlaysTwiceAsMuch) {
     const std::vector<int> units = unitsPerTick(startPaced(20000, 1, 0, 2.0F), 6);
     EXPECT_THAT(std::vector<int>(units.begin() + 2, units.end()), ElementsAre(2, 2, 2, 2));
     EXPECT_THAT(unitsPerTick(startPaced(20000, 1, 0, 0.5F), 6), ElementsAre(1, 1, 0, 1, 0, 1));
 }
 
-TEST_F(MediaStreamReceiverTest, StartOffsetRunsAheadOfTheClockAndThenWaits) {
+TEST_F(MediaStreamReceiver, StartOffsetRunsAheadOfTheClockAndThenWaits) {
     TestReceiver* const receiver = startPaced(20000, 1, 5000000);
     const std::vector<int> burst = unitsPerTick(receiver, 30);
-    EXPECT_EQ(burst[0], 8) << "8 units a tick until it is ahead";
-    EXPECT_EQ(burst[29], 8);
+    EXPECT_EQ(8, burst[0]) << "8 units a tick until it is ahead";
+    EXPECT_EQ(8, burst[29]);
     unitsPerTick(receiver, 10);
     EXPECT_THAT(unitsPerTick(receiver, 5), ElementsAre(1, 1, 1, 1, 1));
     // 5 seconds are 250 units, beside those that went by in real time.
@@ -360,41 +359,41 @@ TEST_F(MediaStreamReceiverTest, StartOffsetRunsAheadOfTheClockAndThenWaits) {
     EXPECT_NEAR(receiver->life->passives, 250 + ticks, 2);
 }
 
-TEST_F(MediaStreamReceiverTest, StartOffsetCountsAtNormalSpeedAlone) {
+TEST_F(MediaStreamReceiver, StartOffsetCountsAtNormalSpeedAlone) {
     TestReceiver* const receiver = startPaced(20000, 1, 5000000, 2.0F);
     {
         MediaReceiverState& state = ReceiverProbe::of(*receiver);
         const Infra::CGuard guard(state.m_mutex);
-        EXPECT_EQ(state.m_start_offset, 0);
+        EXPECT_EQ(0, state.m_start_offset);
     }
     EXPECT_THAT(unitsPerTick(receiver, 2), ElementsAre(1, ::testing::Le(3)));
 }
 
-TEST_F(MediaStreamReceiverTest, LateReceiverDeliversEightUnitsPerTickUntilItHasCaughtUp) {
+TEST_F(MediaStreamReceiver, LateReceiverDeliversEightUnitsPerTickUntilItHasCaughtUp) {
     TestReceiver* const receiver = startPaced(20000);
     unitsPerTick(receiver, 3);
     clock.advanceUs(1000000);
     const std::vector<int> units = unitsPerTick(receiver, 9);
     EXPECT_THAT(std::vector<int>(units.begin(), units.begin() + 7), ElementsAre(8, 8, 8, 8, 8, 8, 8));
-    EXPECT_EQ(units[8], 1);
-    EXPECT_EQ(receiver->life->passives, 3 + 50 + 9);
+    EXPECT_EQ(1, units[8]);
+    EXPECT_EQ(3 + 50 + 9, receiver->life->passives);
 }
 
-TEST_F(MediaStreamReceiverTest, NothingToDeliverLeavesTheClockUnsetAndAsksEveryTick) {
+TEST_F(MediaStreamReceiver, NothingToDeliverLeavesTheClockUnsetAndAsksEveryTick) {
     TestReceiver* const receiver = start(receiver_passive);
     receiver->on_passive = [] { return 0LL; };
     EXPECT_THAT(unitsPerTick(receiver, 4), ElementsAre(1, 1, 1, 1));
     {
         MediaReceiverState& state = ReceiverProbe::of(*receiver);
         const Infra::CGuard guard(state.m_mutex);
-        EXPECT_EQ(state.m_first_time, MediaReceiverState::NOT_SEEN);
+        EXPECT_EQ(MediaReceiverState::NOT_SEEN, state.m_first_time);
     }
     EXPECT_THAT(messages(), IsEmpty());
     receiver->on_passive = [next = 0LL]() mutable { return next += 60000; };
     EXPECT_THAT(unitsPerTick(receiver, 5), ElementsAre(1, 1, 0, 0, 1)) << "the first unit sets the clock";
 }
 
-TEST_F(MediaStreamReceiverTest, MediaTimeMayJumpAcrossAPause) {
+TEST_F(MediaStreamReceiver, MediaTimeMayJumpAcrossAPause) {
     TestReceiver* const receiver = start(receiver_passive);
     long long next = 0;
     receiver->on_passive = [&next] { return next += 20000; };
@@ -409,7 +408,7 @@ TEST_F(MediaStreamReceiverTest, MediaTimeMayJumpAcrossAPause) {
     }
 }
 
-TEST_F(MediaStreamReceiverTest, UnitDeliveredWhileItIsStoppedDoesNotSetTheClock) {
+TEST_F(MediaStreamReceiver, UnitDeliveredWhileItIsStoppedDoesNotSetTheClock) {
     TestReceiver* const receiver = start(receiver_passive);
     receiver->on_passive = [receiver] {
         receiver->StopReceive();
@@ -418,16 +417,16 @@ TEST_F(MediaStreamReceiverTest, UnitDeliveredWhileItIsStoppedDoesNotSetTheClock)
     tick();
     MediaReceiverState& state = ReceiverProbe::of(*receiver);
     const Infra::CGuard guard(state.m_mutex);
-    EXPECT_EQ(state.m_first_time, MediaReceiverState::NOT_SEEN);
-    EXPECT_EQ(receiver->life->passives, 1);
+    EXPECT_EQ(MediaReceiverState::NOT_SEEN, state.m_first_time);
+    EXPECT_EQ(1, receiver->life->passives);
 }
 
-TEST_F(MediaStreamReceiverTest, SpeedThatIsNoneMakesEveryUnitDueAtOnce) {
+TEST_F(MediaStreamReceiver, SpeedThatIsNoneMakesEveryUnitDueAtOnce) {
     for (const float speed : {0.0F, -0.0F, std::numeric_limits<float>::quiet_NaN()}) {
         TestReceiver* const receiver = startPaced(20000, 1, 0, speed);
         const std::vector<int> units = unitsPerTick(receiver, 4);
-        EXPECT_EQ(units[0], 1);
-        EXPECT_EQ(units[3], 8);
+        EXPECT_EQ(1, units[0]);
+        EXPECT_EQ(8, units[3]);
         receiver->Close();
         tick();
         messages();
@@ -435,7 +434,7 @@ TEST_F(MediaStreamReceiverTest, SpeedThatIsNoneMakesEveryUnitDueAtOnce) {
 }
 
 // A reference in the terms of the rule: due in (media played - wall time played + one period) / period ticks.
-TEST_F(MediaStreamReceiverTest, AgreesWithAPlainReferenceOverManyRates) {
+TEST_F(MediaStreamReceiver, AgreesWithAPlainReferenceOverManyRates) {
     for (const long long unit : {1000LL, 7000LL, 33367LL, 40000LL, 123456LL}) {
         TestReceiver* const receiver = startPaced(unit, 1);
         const uint64_t begin = clock.nowUs();
@@ -463,28 +462,28 @@ TEST_F(MediaStreamReceiverTest, AgreesWithAPlainReferenceOverManyRates) {
 }
 
 TEST(MediaReceiverState, MediaTimesAreScaledInSinglePrecision) {
-    EXPECT_EQ(scale_media_time(1000000, 1.0F), 1000000);
-    EXPECT_EQ(scale_media_time(1000000, 2.0F), 500000);
-    EXPECT_EQ(scale_media_time(5, 2.0F), 2);
-    EXPECT_EQ(scale_media_time(1000000, -2.0F), -500000);
-    EXPECT_EQ(scale_media_time(16777217, 1.0F), 16777216) << "24 bits";
-    EXPECT_EQ(scale_media_time(3600000000LL + 100, 1.0F), 3600000000LL) << "steps of 256 us after an hour";
-    EXPECT_EQ(scale_media_time(3600000000LL + 200, 1.0F), 3600000000LL + 256);
+    EXPECT_EQ(1000000, scale_media_time(1000000, 1.0F));
+    EXPECT_EQ(500000, scale_media_time(1000000, 2.0F));
+    EXPECT_EQ(2, scale_media_time(5, 2.0F));
+    EXPECT_EQ(-500000, scale_media_time(1000000, -2.0F));
+    EXPECT_EQ(16777216, scale_media_time(16777217, 1.0F)) << "24 bits";
+    EXPECT_EQ(3600000000LL, scale_media_time(3600000000LL + 100, 1.0F)) << "steps of 256 us after an hour";
+    EXPECT_EQ(3600000000LL + 256, scale_media_time(3600000000LL + 200, 1.0F));
 }
 
 TEST(MediaReceiverState, WhatNoNumberHoldsGivesTheLeastOne) {
     const float infinity = std::numeric_limits<float>::infinity();
     for (const float speed : {0.0F, -0.0F, std::nanf(""), 1e-30F, -1e-30F}) {
-        EXPECT_EQ(scale_media_time(1000000, speed), INT64_MIN) << speed;
+        EXPECT_EQ(INT64_MIN, scale_media_time(1000000, speed)) << speed;
     }
-    EXPECT_EQ(scale_media_time(1000000, infinity), 0);
-    EXPECT_EQ(scale_media_time(INT64_MAX, 1.0F), INT64_MIN) << "rounded up to one too many";
+    EXPECT_EQ(0, scale_media_time(1000000, infinity));
+    EXPECT_EQ(INT64_MIN, scale_media_time(INT64_MAX, 1.0F)) << "rounded up to one too many";
     EXPECT_EQ(scale_media_time(INT64_MAX, 2.0F), INT64_C(1) << 62);
 }
 
 // ---- Trace ---------------------------------------------------------------------------------------------
 
-TEST_F(MediaStreamReceiverTest, CommandSwitchesTheTraceOn) {
+TEST_F(MediaStreamReceiver, CommandSwitchesTheTraceOn) {
     DaemonStandIn daemon;
     TestReceiver* const receiver = startPaced(60000);
     tick();
@@ -502,7 +501,7 @@ TEST_F(MediaStreamReceiverTest, CommandSwitchesTheTraceOn) {
                                             MatchesRegex(start + "end at [0-9]+ us\n"),
                                             MatchesRegex(start + "begin at [0-9]+ us\n")))
         << "a tick that is skipped has no end line";
-    EXPECT_EQ(receiver->life->passives, 2);
+    EXPECT_EQ(2, receiver->life->passives);
 }
 
 }  // namespace

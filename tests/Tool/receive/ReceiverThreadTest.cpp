@@ -50,10 +50,10 @@ TEST(ReceiverThreadGrid, TicksAreCountedFromItsBeginning) {
     CReceiverThread thread(0, CReceiverThread::FIRST_GROUP, 1, PERIOD);
     Probe::align(thread, 1000000);
     Probe::tick(thread) = 1;
-    EXPECT_EQ(Probe::nextDue(thread, 1000000), 2 * PERIOD);
-    EXPECT_EQ(Probe::nextDue(thread, 1039000), 1000);
-    EXPECT_EQ(Probe::nextDue(thread, 1045000), -5000);
-    EXPECT_EQ(Probe::tick(thread), 1u);
+    EXPECT_EQ(2 * PERIOD, Probe::nextDue(thread, 1000000));
+    EXPECT_EQ(1000, Probe::nextDue(thread, 1039000));
+    EXPECT_EQ(-5000, Probe::nextDue(thread, 1045000));
+    EXPECT_EQ(1u, Probe::tick(thread));
 }
 
 TEST(ReceiverThreadGrid, UpToTwentyPeriodsLateTicksAreCaughtUp) {
@@ -66,8 +66,8 @@ TEST(ReceiverThreadGrid, UpToTwentyPeriodsLateTicksAreCaughtUp) {
     while (++Probe::tick(thread), Probe::nextDue(thread, now) < 1000) {
         ++back_to_back;
     }
-    EXPECT_EQ(back_to_back, 20 - 1 + 1) << "20 periods late, up to the one that is due now";
-    EXPECT_EQ(Probe::base(thread), 1000000u);
+    EXPECT_EQ(20 - 1 + 1, back_to_back) << "20 periods late, up to the one that is due now";
+    EXPECT_EQ(1000000u, Probe::base(thread));
 }
 
 TEST(ReceiverThreadGrid, BeyondTwentyPeriodsItBeginsAnew) {
@@ -76,8 +76,8 @@ TEST(ReceiverThreadGrid, BeyondTwentyPeriodsItBeginsAnew) {
         Probe::align(thread, 1000000);
         Probe::tick(thread) = 1;
         const uint64_t now = Probe::base(thread) + 2 * PERIOD + 20 * PERIOD + static_cast<uint64_t>(beyond);
-        EXPECT_EQ(Probe::nextDue(thread, now), PERIOD);
-        EXPECT_EQ(Probe::tick(thread), 0u);
+        EXPECT_EQ(PERIOD, Probe::nextDue(thread, now));
+        EXPECT_EQ(0u, Probe::tick(thread));
         EXPECT_EQ(Probe::base(thread), now - now % 100000 + PERIOD / 2);
     }
 }
@@ -86,24 +86,24 @@ TEST(ReceiverThreadGrid, ThreadOfWritersTicksAtOnceThen) {
     CReceiverThread thread(1, CReceiverThread::WRITE_GROUP, 2, 40000);
     Probe::align(thread, 1000000);
     Probe::tick(thread) = 5;
-    EXPECT_EQ(Probe::nextDue(thread, 9000000), 0);
-    EXPECT_EQ(Probe::tick(thread), 1u);
-    EXPECT_EQ(Probe::base(thread), 9020000u);
+    EXPECT_EQ(0, Probe::nextDue(thread, 9000000));
+    EXPECT_EQ(1u, Probe::tick(thread));
+    EXPECT_EQ(9020000u, Probe::base(thread));
 }
 
 TEST(ReceiverThreadGrid, ClockThatJumpsBackBeginsAnewToo) {
     CReceiverThread thread(0, CReceiverThread::FIRST_GROUP, 1, PERIOD);
     Probe::align(thread, 90000000);
     Probe::tick(thread) = 1;
-    EXPECT_EQ(Probe::nextDue(thread, 90000000 + 2 * PERIOD - 20 * PERIOD), 20 * PERIOD);
-    EXPECT_EQ(Probe::nextDue(thread, 90000000 + 2 * PERIOD - 20 * PERIOD - 1), PERIOD);
-    EXPECT_EQ(Probe::base(thread), 89600000u);
+    EXPECT_EQ(20 * PERIOD, Probe::nextDue(thread, 90000000 + 2 * PERIOD - 20 * PERIOD));
+    EXPECT_EQ(PERIOD, Probe::nextDue(thread, 90000000 + 2 * PERIOD - 20 * PERIOD - 1));
+    EXPECT_EQ(89600000u, Probe::base(thread));
 }
 
 // ---- Period and processors -----------------------------------------------------------------------------
 
 TEST(ReceiverGroupPeriod, LevelsSetThePeriod) {
-    EXPECT_EQ(ReceiverGroup::PeriodUs(), 20000);
+    EXPECT_EQ(20000, ReceiverGroup::PeriodUs());
     const std::map<int, int> periods = {{0, 10000}, {1, 20000}, {2, 25000},
                                         {3, 30000}, {4, 20000}, {-1, 20000}};
     for (const auto& [level, period] : periods) {
@@ -117,18 +117,18 @@ TEST(ReceiverGroupPeriod, WhatIsNoPeriodIsRefused) {
     for (const int ms : {0, -1, 2147484, -2147483647 - 1}) {
         ReceiverGroup::SetPeriod(ms);
     }
-    EXPECT_EQ(ReceiverGroup::PeriodUs(), 20000);
-    EXPECT_EQ(log.countMatching(2, "Orvex::Reticor::ReceiverGroup::SetPeriod : invalid period:-?[0-9]+ ms\n"),
-              4u);
+    EXPECT_EQ(20000, ReceiverGroup::PeriodUs());
+    EXPECT_EQ(
+        4u, log.countMatching(2, "Orvex::Reticor::ReceiverGroup::SetPeriod : invalid period:-?[0-9]+ ms\n"));
     ReceiverGroup::SetPeriod(2147483);
-    EXPECT_EQ(ReceiverGroup::PeriodUs(), 2147483000);
+    EXPECT_EQ(2147483000, ReceiverGroup::PeriodUs());
 }
 
 TEST(ProcessorPin, KeepsTheThreadOnOneProcessorAndLetsItGo) {
     std::thread([] {
         cpu_set_t before;
         CPU_ZERO(&before);
-        ASSERT_EQ(::sched_getaffinity(0, sizeof before, &before), 0);
+        ASSERT_EQ(0, ::sched_getaffinity(0, sizeof before, &before));
         unsigned int allowed = 0;
         while (!CPU_ISSET(allowed, &before)) {
             ++allowed;
@@ -137,11 +137,11 @@ TEST(ProcessorPin, KeepsTheThreadOnOneProcessorAndLetsItGo) {
         CPU_ZERO(&now);
         {
             const ProcessorPin pin(allowed);
-            ASSERT_EQ(::sched_getaffinity(0, sizeof now, &now), 0);
-            EXPECT_EQ(CPU_COUNT(&now), 1);
+            ASSERT_EQ(0, ::sched_getaffinity(0, sizeof now, &now));
+            EXPECT_EQ(1, CPU_COUNT(&now));
             EXPECT_TRUE(CPU_ISSET(allowed, &now));
         }
-        ASSERT_EQ(::sched_getaffinity(0, sizeof now, &now), 0);
+        ASSERT_EQ(0, ::sched_getaffinity(0, sizeof now, &now));
         EXPECT_GE(CPU_COUNT(&now), CPU_COUNT(&before));
     }).join();
 }
@@ -154,13 +154,12 @@ TEST(ProcessorPin, ProcessorThatIsRefusedIsLoggedOnce) {
             const ProcessorPin again(8001);
             cpu_set_t now;
             CPU_ZERO(&now);
-            ASSERT_EQ(::sched_getaffinity(0, sizeof now, &now), 0);
+            ASSERT_EQ(0, ::sched_getaffinity(0, sizeof now, &now));
             EXPECT_GE(CPU_COUNT(&now), 1);
         }
-        EXPECT_EQ(log.countMatching(
-                      3, "Orvex::Reticor::ProcessorPin::ProcessorPin : processor 8000 is refused, .*\n"),
-                  1u);
-        EXPECT_EQ(log.lines().size(), 1u);
+        EXPECT_EQ(1u, log.countMatching(
+                          3, "Orvex::Reticor::ProcessorPin::ProcessorPin : processor 8000 is refused, .*\n"));
+        EXPECT_EQ(1u, log.lines().size());
     }).join();
 }
 
@@ -205,7 +204,7 @@ TEST_F(ReceiverThreads, CallbacksComeFromAThreadOfTheirOwnOnOneProcessor) {
     receiver->StartReceive(0, 1.0F);
     EXPECT_EVENTUALLY(receiver->life->inputs >= 3);
     EXPECT_TRUE(named);
-    EXPECT_EQ(processors, 1);
+    EXPECT_EQ(1, processors);
     end({receiver});
     EXPECT_EVENTUALLY(!threadRuns());
 }
@@ -231,7 +230,7 @@ TEST_F(ReceiverThreads, NewReceiverGoesToTheThreadWithTheFewest) {
     end(receivers);
     EXPECT_EQ(on_thread.size(), processors);
     for (const auto& [id, whose] : on_thread) {
-        EXPECT_EQ(whose.size(), 2u);
+        EXPECT_EQ(2u, whose.size());
         EXPECT_EQ(*whose.rbegin() - *whose.begin(), static_cast<int>(processors))
             << "in turn, the lowest first";
     }
@@ -310,10 +309,10 @@ TEST_F(ReceiverThreads, ThreadThatCannotBeStartedForgetsTheReceiverWhichMayTryAg
         const LogCapture log;
         const ThreadFault fault;
         receiver->StartReceive(0, 1.0F);
-        EXPECT_EQ(log.count(2, "Orvex::Reticor::CMediaStreamReceiver::StartReceive : Thread start failed.\n"),
-                  1u)
+        EXPECT_EQ(1u,
+                  log.count(2, "Orvex::Reticor::CMediaStreamReceiver::StartReceive : Thread start failed.\n"))
             << log.dump();
-        EXPECT_EQ(ReceiverProbe::state(*receiver), 1);
+        EXPECT_EQ(1, ReceiverProbe::state(*receiver));
     }
     receiver->StartReceive(0, 1.0F);
     EXPECT_EVENTUALLY(receiver->life->inputs >= 2);
@@ -333,7 +332,7 @@ TEST_F(ReceiverThreads, MessagesOfTheEndReachTheirHandler) {
     receiver->on_input = [] { return -1; };
     receiver->StartReceive(0, 1.0F);
     EXPECT_EVENTUALLY(failed >= 3);
-    EXPECT_EQ(ended, 0u);
+    EXPECT_EQ(0u, ended);
     end({receiver});
     EXPECT_EVENTUALLY(ended == 1);
     closeAndWait(waiter);
@@ -375,7 +374,7 @@ TEST_F(ReceiverThreads, ReceiversMayComeAndGoOnManyThreadsAtOnce) {
 // ---- With the library ----------------------------------------------------------------------------------
 
 TEST(ReceiverLifecycle, LibraryThatGoesDownEndsTheCallsAndTheReceivers) {
-    ASSERT_EQ(CNetThread::CreateThreadPool(2, false), 0);
+    ASSERT_EQ(0, CNetThread::CreateThreadPool(2, false));
     auto* const receiver = new TestReceiver;
     receiver->AddRef();
     const auto life = receiver->life;
@@ -385,13 +384,13 @@ TEST(ReceiverLifecycle, LibraryThatGoesDownEndsTheCallsAndTheReceivers) {
     stopped->StartReceive(0, 1.0F);
     stopped->StopReceive();
     EXPECT_EVENTUALLY(life->inputs >= 1);
-    ASSERT_EQ(CNetThread::DestroyThreadPool(), 0);
-    EXPECT_EQ(kernelThreadByName("stream_receiver"), 0);
+    ASSERT_EQ(0, CNetThread::DestroyThreadPool());
+    EXPECT_EQ(0, kernelThreadByName("stream_receiver"));
     const int calls = life->inputs;
     const LogCapture log;
     auto& state = HandlerProbe::state(*receiver);
-    EXPECT_EQ(state.__m_magic, HANDLER_CLOSED);
-    EXPECT_EQ(HandlerProbe::state(*stopped).__m_magic, HANDLER_CLOSED);
+    EXPECT_EQ(HANDLER_CLOSED, state.__m_magic);
+    EXPECT_EQ(HANDLER_CLOSED, HandlerProbe::state(*stopped).__m_magic);
     EXPECT_EQ(life->inputs, calls);
     // The references kept them, whether or not the pool still came to their close messages.
     delete receiver;
@@ -400,7 +399,7 @@ TEST(ReceiverLifecycle, LibraryThatGoesDownEndsTheCallsAndTheReceivers) {
 
 // A callback that is on its way when the library goes down still has timers, sockets and the pool.
 TEST(ReceiverLifecycle, ReceiversStopBeforeAllElse) {
-    ASSERT_EQ(CNetThread::CreateThreadPool(2, false), 0);
+    ASSERT_EQ(0, CNetThread::CreateThreadPool(2, false));
     auto* const handler = new TestHandler;
     handler->on_timeout = [](long) -> int64_t { return -1; };
     const auto handler_life = handler->life;
@@ -423,15 +422,15 @@ TEST(ReceiverLifecycle, ReceiversStopBeforeAllElse) {
     EXPECT_EVENTUALLY(called);
     std::thread destroyer([&] {
         destroyer_id = kernelThreadId();
-        EXPECT_EQ(CNetThread::DestroyThreadPool(), 0);
+        EXPECT_EQ(0, CNetThread::DestroyThreadPool());
     });
     destroyer.join();
     delete receiver;
 }
 
 TEST(ReceiverLifecycle, ThreadsHaveThePriorityThatWasSetForThem) {
-    ASSERT_EQ(CNetThread::SetRecvThreadPriority(1, 0, 0), 0);
-    ASSERT_EQ(CNetThread::CreateThreadPool(2, false), 0);
+    ASSERT_EQ(0, CNetThread::SetRecvThreadPriority(1, 0, 0));
+    ASSERT_EQ(0, CNetThread::CreateThreadPool(2, false));
     auto* const receiver = new TestReceiver;
     const auto life = receiver->life;
     std::atomic<int> nice{0};
@@ -444,25 +443,25 @@ TEST(ReceiverLifecycle, ThreadsHaveThePriorityThatWasSetForThem) {
     EXPECT_GT(nice, ::getpriority(PRIO_PROCESS, 0));
     receiver->Close();
     EXPECT_EVENTUALLY(life->closes == 1);
-    ASSERT_EQ(CNetThread::DestroyThreadPool(), 0);
+    ASSERT_EQ(0, CNetThread::DestroyThreadPool());
 }
 
 TEST(ReceiverLifecycle, PeriodOfTheThreadsIsTakenOverWhenTheLibraryStarts) {
     for (int round = 0; round < 2; ++round) {
         CNetThread::SetRcvPriority(0);
-        ASSERT_EQ(CNetThread::CreateThreadPool(2, false), 0);
+        ASSERT_EQ(0, CNetThread::CreateThreadPool(2, false));
         auto* const receiver = new TestReceiver;
         const auto life = receiver->life;
         receiver->StartReceive(0, 1.0F);
         EXPECT_EVENTUALLY(life->inputs >= 5);
         receiver->Close();
         EXPECT_EVENTUALLY(life->closes == 1);
-        ASSERT_EQ(CNetThread::DestroyThreadPool(), 0);
+        ASSERT_EQ(0, CNetThread::DestroyThreadPool());
     }
 }
 
 TEST(ReceiverLifecycle, CallbackThatStartsAReceiverWhileTheLibraryGoesDownIsRefused) {
-    ASSERT_EQ(CNetThread::CreateThreadPool(2, false), 0);
+    ASSERT_EQ(0, CNetThread::CreateThreadPool(2, false));
     auto* const receiver = new TestReceiver;
     auto* const late = new TestReceiver;
     receiver->AddRef();
@@ -479,7 +478,7 @@ TEST(ReceiverLifecycle, CallbackThatStartsAReceiverWhileTheLibraryGoesDownIsRefu
     };
     receiver->StartReceive(0, 1.0F);
     ASSERT_TRUE(gate.awaitArrivals(1));
-    std::thread destroyer([] { EXPECT_EQ(CNetThread::DestroyThreadPool(), 0); });
+    std::thread destroyer([] { EXPECT_EQ(0, CNetThread::DestroyThreadPool()); });
     gate.open();
     destroyer.join();
     delete receiver;

@@ -29,18 +29,18 @@ using namespace Reticor;
 
 constexpr unsigned WAIT_MS = 60000;
 
-class StreamSenderLiveTest : public PoolFixture {
+class StreamSenderLive : public PoolFixture {
 protected:
     // Connects `near` and `far` over TCP, with small buffers.
     void connect(const CSockAddr& any) {
         CSockAcceptor acceptor;
-        ASSERT_EQ(acceptor.Open(any), 0);
+        ASSERT_EQ(0, acceptor.Open(any));
         CSockAddrStorage local;
-        ASSERT_EQ(acceptor.GetLocalAddr(&local), 0);
+        ASSERT_EQ(0, acceptor.GetLocalAddr(&local));
         far.SetBlockOpt(true);
-        ASSERT_EQ(far.Connect(local, nullptr), 0);
+        ASSERT_EQ(0, far.Connect(local, nullptr));
         acceptor.SetBlockOpt(true);
-        ASSERT_EQ(acceptor.Accept(near, nullptr), 0);
+        ASSERT_EQ(0, acceptor.Accept(near, nullptr));
         near.SetSockSendBuf(16 * 1024);
         far.SetSockRecvBuf(16 * 1024);
     }
@@ -65,13 +65,13 @@ protected:
                 std::min<std::size_t>(total - at, random.between<std::size_t>(1, 100000));
             while (sender->Put(bytes.data() + at, static_cast<unsigned>(length)) != 0) {
                 sender->WaitBufferSize(waiter->GetID(), static_cast<unsigned>(length));
-                ASSERT_EQ(room.pend(WAIT_MS), 0);
+                ASSERT_EQ(0, room.pend(WAIT_MS));
                 ++stalls;
             }
             at += length;
         }
         sender->WaitSendFinish(waiter->GetID());
-        EXPECT_EQ(drained.pend(WAIT_MS), 0);
+        EXPECT_EQ(0, drained.pend(WAIT_MS));
         reader.join();
         EXPECT_TRUE(got == bytes);
     }
@@ -122,7 +122,7 @@ protected:
     int stalls = 0;
 };
 
-TEST_F(StreamSenderLiveTest, EveryByteArrivesOnceAndInOrderOverIPv4) {
+TEST_F(StreamSenderLive, EveryByteArrivesOnceAndInOrderOverIPv4) {
     connect(CSockAddrIPv4("127.0.0.1", 0));
     makeHandlers();
     transfer(3000000);
@@ -130,7 +130,7 @@ TEST_F(StreamSenderLiveTest, EveryByteArrivesOnceAndInOrderOverIPv4) {
     end();
 }
 
-TEST_F(StreamSenderLiveTest, EveryByteArrivesOnceAndInOrderOverIPv6) {
+TEST_F(StreamSenderLive, EveryByteArrivesOnceAndInOrderOverIPv6) {
     connect(CSockAddrIPv6("::1", 0));
     makeHandlers();
     transfer(3000000);
@@ -138,21 +138,21 @@ TEST_F(StreamSenderLiveTest, EveryByteArrivesOnceAndInOrderOverIPv6) {
     end();
 }
 
-TEST_F(StreamSenderLiveTest, FailureOfTheConnectionIsTold) {
+TEST_F(StreamSenderLive, FailureOfTheConnectionIsTold) {
     connect(CSockAddrIPv4("127.0.0.1", 0));
     makeHandlers();
     const std::string bytes(200000, 'x');
     while (sender->Put(bytes.data(), static_cast<unsigned>(bytes.size())) == 0) {
     }
     far.Close();  // with bytes unread, so that the near end gets a reset
-    EXPECT_EQ(failed.pend(WAIT_MS), 0);
+    EXPECT_EQ(0, failed.pend(WAIT_MS));
     EXPECT_EVENTUALLY(HandlerProbe::sockets(*owner) == 0);
     end();
 }
 
 // The last reference on the owner can go while a Put registers its socket: the owner's handle_close then runs
 // inside the Put, and must not run under the sender's mutex.
-TEST_F(StreamSenderLiveTest, OwnerThatGoesDuringAPutIsReleasedOutsideTheMutex) {
+TEST_F(StreamSenderLive, OwnerThatGoesDuringAPutIsReleasedOutsideTheMutex) {
     sender = CStreamSender::Create();
     sender->AddRef();
     Infra::CMutex& mutex = StreamSenderProbe::state(*sender).m_mutex;
@@ -167,17 +167,17 @@ TEST_F(StreamSenderLiveTest, OwnerThatGoesDuringAPutIsReleasedOutsideTheMutex) {
         owner->Close();
         for (int i = 0; i < 3; ++i) {
             sender->Clear();
-            EXPECT_EQ(sender->Put("bytes", 5), 0);
+            EXPECT_EQ(0, sender->Put("bytes", 5));
         }
         EXPECT_EVENTUALLY(life->closes == 1);
         EXPECT_TRUE(ThreadPoolProbe::sockets(*PoolTable::Get(0)).empty());
     }
-    EXPECT_EQ(under_mutex, 0);
+    EXPECT_EQ(0, under_mutex);
     sender->Close();
     sender->DecRef();
 }
 
-TEST_F(StreamSenderLiveTest, ThreadsMayPutAndAskAtTheSameTime) {
+TEST_F(StreamSenderLive, ThreadsMayPutAndAskAtTheSameTime) {
     connect(CSockAddrIPv4("127.0.0.1", 0));
     makeHandlers();
     std::atomic<std::size_t> put{0};

@@ -201,7 +201,7 @@ private:
             case 8:
             case 9:
             case 10:
-                EXPECT_EQ(sender->handle_output(sock.GetHandle()), 0);
+                EXPECT_EQ(0, sender->handle_output(sock.GetHandle()));
                 model.output();
                 break;
             case 11:
@@ -289,7 +289,7 @@ private:
         model.socket.wire.clear();
         ASSERT_EQ(mask(), model.mask);
         ASSERT_EQ(HandlerProbe::sockets(*owner), model.mask < 0 ? 0 : 1);
-        ASSERT_EQ(HandlerProbe::references(*owner), 1);
+        ASSERT_EQ(1, HandlerProbe::references(*owner));
         ASSERT_EQ(sender->GetBufferSize(), model.capacity / BLOCK);
         ASSERT_EQ(blocks().size(), model.block_count);
         const Infra::CGuard guard(state().m_mutex);

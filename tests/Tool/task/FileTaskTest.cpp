@@ -24,13 +24,13 @@ TEST(FileTask, WithoutThreadsNothingIsQueued) {
 
 // ---- what a worker does --------------------------------------------------------------------------------
 
-class RunFileTaskTest : public StillFileFixture {};
+class RunningFileTask : public StillFileFixture {};
 
-TEST_F(RunFileTaskTest, TheSemaphoreCanRunAheadOfTheList) {
+TEST_F(RunningFileTask, TheSemaphoreCanRunAheadOfTheList) {
     RunFileTask();
 }
 
-TEST_F(RunFileTaskTest, ATaskOfNoKnownKindIsDone) {
+TEST_F(RunningFileTask, ATaskOfNoKnownKindIsDone) {
     CNFile* const file = open(newDevice());
     PostFileTask(file, 2, 1);
     PostFileTask(nullptr, FILE_TASK_WRITE, 1);
@@ -41,7 +41,7 @@ TEST_F(RunFileTaskTest, ATaskOfNoKnownKindIsDone) {
     closed(file);
 }
 
-TEST_F(RunFileTaskTest, NodesAreUsedAgain) {
+TEST_F(RunningFileTask, NodesAreUsedAgain) {
     CNFile* const file = open(newDevice());
     PostFileTask(file, 2, 0);
     step();
@@ -54,7 +54,7 @@ TEST_F(RunFileTaskTest, NodesAreUsedAgain) {
     closed(file);
 }
 
-TEST_F(RunFileTaskTest, CloseWaitsForTheWritesOfItsFileWhateverTheOrder) {
+TEST_F(RunningFileTask, CloseWaitsForTheWritesOfItsFileWhateverTheOrder) {
     CNFile* const file = open(newDevice());
     PostFileTask(file, FILE_TASK_CLOSE, 1);
     PostFileTask(file, FILE_TASK_WRITE, 0);
@@ -69,7 +69,7 @@ TEST_F(RunFileTaskTest, CloseWaitsForTheWritesOfItsFileWhateverTheOrder) {
 }
 
 // While one worker is in a device call of its file, a task that must have its turn waits without a worker.
-TEST_F(RunFileTaskTest, ATaskThatIsRefusedWaitsForTheRunningPassWithoutAWorker) {
+TEST_F(RunningFileTask, ATaskThatIsRefusedWaitsForTheRunningPassWithoutAWorker) {
     Testing::Gate gate;
     MemoryDevice* const device = newDevice();
     device->on_write = [&](unsigned) { return gate.pass(), MemoryDevice::LET_BE; };

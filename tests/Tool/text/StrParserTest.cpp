@@ -138,7 +138,7 @@ TEST(StrParser, AppendTakesTheRoomThatAShorterEndLeftAndClearsWhatIsBehind) {
     EXPECT_EQ("1z" + std::string(128, '\0'), std::string(p.GetString(), 130));
 }
 
-TEST(StrParserDeathTest, AttachAssertsItsText) {
+TEST(StrParserDeath, AttachAssertsItsText) {
     testing::FLAGS_gtest_death_test_style = "threadsafe";
     CStrParser p;
     EXPECT_DEATH(p.Attach(nullptr), "Assertion `text' failed");

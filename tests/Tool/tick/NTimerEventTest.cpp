@@ -26,7 +26,7 @@ const std::string STARTED = " : this timer event already started!\n";
 const std::string NOT_READY = " : this timer event not ready for start!\n";
 const std::string NOT_RUNNING = " : Can't stop a timer event not in running state!\n";
 
-class NTimerEventTest : public Testing::NTimerStand {
+class NTimerEvent : public Testing::NTimerStand {
 protected:
     void SetUp() override {
         NTimerStand::SetUp();
@@ -61,16 +61,16 @@ protected:
     LetterEvent* event = nullptr;
 };
 
-TEST_F(NTimerEventTest, ANewEventIsCreatedAndOnNoTimer) {
+TEST_F(NTimerEvent, ANewEventIsCreatedAndOnNoTimer) {
     EXPECT_EQ(1, event->state());
     EXPECT_EQ(nullptr, NTimerProbe::of(*event).m_next);
 }
 
-TEST_F(NTimerEventTest, TheDefaultDoesNothingAndGivesMinusOne) {
+TEST_F(NTimerEvent, TheDefaultDoesNothingAndGivesMinusOne) {
     EXPECT_EQ(-1, event->CNTimerEvent::handle_timer_event());
 }
 
-TEST_F(NTimerEventTest, TheStatesOfALife) {
+TEST_F(NTimerEvent, TheStatesOfALife) {
     timer->PushTimerEvent(event);
     EXPECT_EQ(2, event->state());
     event->Start();
@@ -87,11 +87,11 @@ TEST_F(NTimerEventTest, TheStatesOfALife) {
     event = nullptr;
 }
 
-TEST_F(NTimerEventTest, StartBeforeThePushIsOnlyLogged) {
+TEST_F(NTimerEvent, StartBeforeThePushIsOnlyLogged) {
     expectOnlyALine(EVENT_CREATED, CLASS + "Start" + NOT_READY, [&] { event->Start(); });
 }
 
-TEST_F(NTimerEventTest, LinesSayWhereWhichEventAndWhichThread) {
+TEST_F(NTimerEvent, LinesSayWhereWhichEventAndWhichThread) {
     LogCapture log;
     event->Start();
     ASSERT_EQ(1U, log.lines().size());
@@ -103,7 +103,7 @@ TEST_F(NTimerEventTest, LinesSayWhereWhichEventAndWhichThread) {
     EXPECT_TRUE(std::regex_match(line.file, std::regex(".*\\bSrc/Tool/NTimerEvent\\.cpp"))) << line.file;
 }
 
-TEST_F(NTimerEventTest, StopOfAnEventThatDoesNotRunIsOnlyLogged) {
+TEST_F(NTimerEvent, StopOfAnEventThatDoesNotRunIsOnlyLogged) {
     for (int32_t state : {EVENT_CREATED, EVENT_READY, EVENT_STOPPED, EVENT_CLOSED}) {
         SCOPED_TRACE(state);
         expectOnlyALine(state, CLASS + "Stop" + NOT_RUNNING, [&] { event->Stop(); });
@@ -118,7 +118,7 @@ TEST_F(NTimerEventTest, StopOfAnEventThatDoesNotRunIsOnlyLogged) {
     }
 }
 
-class NTimerEventDeathTest : public NTimerEventTest {
+class NTimerEventDeath : public NTimerEvent {
 protected:
     // The line as the default sink writes it, and then the assertion.
     static std::string lineAndAssertion(const std::string& text) {
@@ -127,7 +127,7 @@ protected:
     }
 };
 
-TEST_F(NTimerEventDeathTest, StartOfARunningOrClosedEventIsAnError) {
+TEST_F(NTimerEventDeath, StartOfARunningOrClosedEventIsAnError) {
     timer->PushTimerEvent(event);
     for (int32_t state : {EVENT_RUNNING, EVENT_CLOSED}) {
         NTimerProbe::of(*event).m_state = state;
@@ -135,7 +135,7 @@ TEST_F(NTimerEventDeathTest, StartOfARunningOrClosedEventIsAnError) {
     }
 }
 
-TEST_F(NTimerEventDeathTest, PushingAnEventAgainIsAnError) {
+TEST_F(NTimerEventDeath, PushingAnEventAgainIsAnError) {
     timer->PushTimerEvent(event);
     for (int32_t state : {EVENT_READY, EVENT_RUNNING, EVENT_STOPPED, EVENT_CLOSED}) {
         NTimerProbe::of(*event).m_state = state;
@@ -143,7 +143,7 @@ TEST_F(NTimerEventDeathTest, PushingAnEventAgainIsAnError) {
     }
 }
 
-TEST_F(NTimerEventDeathTest, AListWithAHeadAndNoTailIsAnError) {
+TEST_F(NTimerEventDeath, AListWithAHeadAndNoTailIsAnError) {
     timer->PushTimerEvent(event);
     const auto lose_the_tail = [&] {
         {
@@ -155,7 +155,7 @@ TEST_F(NTimerEventDeathTest, AListWithAHeadAndNoTailIsAnError) {
     EXPECT_DEATH(lose_the_tail(), "Assertion `m_head == NULL' failed");
 }
 
-TEST_F(NTimerEventTest, AnEventThatWasNeverPushedClosesAtOnce) {
+TEST_F(NTimerEvent, AnEventThatWasNeverPushedClosesAtOnce) {
     event->AddRef();
     event->Close();
     EXPECT_EQ(1, event->state());
@@ -165,7 +165,7 @@ TEST_F(NTimerEventTest, AnEventThatWasNeverPushedClosesAtOnce) {
     event = nullptr;
 }
 
-TEST_F(NTimerEventTest, CloseInEveryPushedStateLeavesTheRestToTheTimer) {
+TEST_F(NTimerEvent, CloseInEveryPushedStateLeavesTheRestToTheTimer) {
     for (int32_t state : {EVENT_READY, EVENT_RUNNING, EVENT_STOPPED, EVENT_CLOSED}) {
         SCOPED_TRACE(state);
         put(state);
@@ -179,7 +179,7 @@ TEST_F(NTimerEventTest, CloseInEveryPushedStateLeavesTheRestToTheTimer) {
     }
 }
 
-TEST_F(NTimerEventTest, CloseMayBeCalledAgainWhileTheEventIsReferredTo) {
+TEST_F(NTimerEvent, CloseMayBeCalledAgainWhileTheEventIsReferredTo) {
     timer->PushTimerEvent(event);
     event->AddRef();
     event->Close();

@@ -18,9 +18,9 @@ namespace {
 
 using Testing::LetterEvent;
 
-class NTimerTest : public Testing::NTimerStand {};
+class NTimer : public Testing::NTimerStand {};
 
-TEST_F(NTimerTest, ATimerHasTheTimerOfItsTickAndOneOfASecond) {
+TEST_F(NTimer, ATimerHasTheTimerOfItsTickAndOneOfASecond) {
     EXPECT_EQ(2, CNetTimer::heap().Count());
     const auto tick_timer = CNetTimer::heap().RemoveById(NTimerProbe::tickId(*timer));
     const auto sweep_timer = CNetTimer::heap().RemoveById(NTimerProbe::sweepId(*timer));
@@ -29,12 +29,12 @@ TEST_F(NTimerTest, ATimerHasTheTimerOfItsTickAndOneOfASecond) {
     EXPECT_EQ(1000000U, sweep_timer->delay);
 }
 
-TEST_F(NTimerTest, TheTickIsArmedBeforeTheSweep) {
+TEST_F(NTimer, TheTickIsArmedBeforeTheSweep) {
     // Ids of one pool count down.
     EXPECT_GT(NTimerProbe::tickId(*timer), NTimerProbe::sweepId(*timer));
 }
 
-TEST_F(NTimerTest, ANewTimerHasNoEventsNoTicksAndStartsNow) {
+TEST_F(NTimer, ANewTimerHasNoEventsNoTicksAndStartsNow) {
     const uint64_t before = Infra::CTime::getCurrentMicroSecond();
     CNTimer* other = CNTimer::Create(20000);
     const uint64_t after = Infra::CTime::getCurrentMicroSecond();
@@ -49,7 +49,7 @@ TEST_F(NTimerTest, ANewTimerHasNoEventsNoTicksAndStartsNow) {
     gone();
 }
 
-TEST_F(NTimerTest, WithoutMemoryThereIsNoTimer) {
+TEST_F(NTimer, WithoutMemoryThereIsNoTimer) {
     for (size_t successes : {0U, 1U}) {
         const Testing::NoMemory none(successes);
         EXPECT_EQ(nullptr, CNTimer::Create(20000)) << successes;
@@ -57,24 +57,24 @@ TEST_F(NTimerTest, WithoutMemoryThereIsNoTimer) {
     EXPECT_EQ(2, CNetTimer::heap().Count());
 }
 
-TEST_F(NTimerTest, NobodyElseMakesOrDeletesATimer) {
+TEST_F(NTimer, NobodyElseMakesOrDeletesATimer) {
     EXPECT_FALSE((std::is_constructible_v<CNTimer, long long>));
     EXPECT_FALSE(std::is_destructible_v<CNTimer>);
     EXPECT_TRUE(std::has_virtual_destructor_v<CNTimer>);
 }
 
-TEST_F(NTimerTest, EventsAreCalledInTheOrderInWhichTheyWerePushed) {
+TEST_F(NTimer, EventsAreCalledInTheOrderInWhichTheyWerePushed) {
     running(4);
     EXPECT_EQ("abcd", callsOfATick());
     EXPECT_EQ("abcd", callsOfATick());
 }
 
-TEST_F(NTimerTest, PushingAlwaysGivesZero) {
+TEST_F(NTimer, PushingAlwaysGivesZero) {
     EXPECT_EQ(0, timer->PushTimerEvent(new LetterEvent(diary, 'a')));
     EXPECT_EQ(0, timer->PushTimerEvent(new LetterEvent(diary, 'b')));
 }
 
-TEST_F(NTimerTest, AnEventThatWasNeverStartedIsNotCalledAndThenFromTheNextTickOn) {
+TEST_F(NTimer, AnEventThatWasNeverStartedIsNotCalledAndThenFromTheNextTickOn) {
     auto* event = new LetterEvent(diary, 'a');
     timer->PushTimerEvent(event);
     EXPECT_EQ("", callsOfATick());
@@ -82,7 +82,7 @@ TEST_F(NTimerTest, AnEventThatWasNeverStartedIsNotCalledAndThenFromTheNextTickOn
     EXPECT_EQ("a", callsOfATick());
 }
 
-TEST_F(NTimerTest, AStoppedEventMissesItsTicksForGood) {
+TEST_F(NTimer, AStoppedEventMissesItsTicksForGood) {
     auto events = running(2);
     events[0]->Stop();
     EXPECT_EQ("b", callsOfATick());
@@ -91,7 +91,7 @@ TEST_F(NTimerTest, AStoppedEventMissesItsTicksForGood) {
     EXPECT_EQ("ab", callsOfATick());
 }
 
-TEST_F(NTimerTest, TheResultOfAnEventHasNoEffect) {
+TEST_F(NTimer, TheResultOfAnEventHasNoEffect) {
     auto events = running(3);
     for (int result : {-1, 0, 1, 5000000}) {
         for (LetterEvent* event : events) {
@@ -102,7 +102,7 @@ TEST_F(NTimerTest, TheResultOfAnEventHasNoEffect) {
     }
 }
 
-TEST_F(NTimerTest, TheSweepCallsNobodyAndLeavesTheGridAlone) {
+TEST_F(NTimer, TheSweepCallsNobodyAndLeavesTheGridAlone) {
     running(2);
     NTimerInternal& inside = NTimerProbe::of(*timer);
     inside.m_start = 17;
@@ -113,7 +113,7 @@ TEST_F(NTimerTest, TheSweepCallsNobodyAndLeavesTheGridAlone) {
     EXPECT_EQ(5, inside.m_ticks);
 }
 
-TEST_F(NTimerTest, EveryIdButTheSweepsIsTheTick) {
+TEST_F(NTimer, EveryIdButTheSweepsIsTheTick) {
     running(1);
     for (long id : {0L, -1L, -102L, NTimerProbe::sweepId(*timer) + 1}) {
         call(id);
@@ -122,7 +122,7 @@ TEST_F(NTimerTest, EveryIdButTheSweepsIsTheTick) {
     EXPECT_EQ(4, NTimerProbe::of(*timer).m_ticks);
 }
 
-TEST_F(NTimerTest, AnEmptyTimerKeepsTickingOnItsGrid) {
+TEST_F(NTimer, AnEmptyTimerKeepsTickingOnItsGrid) {
     const uint64_t start = NTimerProbe::of(*timer).m_start;
     for (int ticks = 1; ticks <= 5; ++ticks) {
         EXPECT_GT(tick(), (ticks + 1) * MINUTE_US - MINUTE_US);
@@ -140,7 +140,7 @@ struct Reaping {
     const char* left;
 };
 
-class NTimerReaping : public NTimerTest, public testing::WithParamInterface<bool> {};
+class NTimerReaping : public NTimer, public testing::WithParamInterface<bool> {};
 
 TEST_P(NTimerReaping, ClosedEventsAreUnlinkedWhereverTheyStand) {
     const Reaping cases[] = {{"a", "bcde"}, {"e", "abcd"}, {"c", "abde"}, {"ab", "cde"},
@@ -175,13 +175,13 @@ TEST_P(NTimerReaping, ClosedEventsAreUnlinkedWhereverTheyStand) {
 
 INSTANTIATE_TEST_SUITE_P(ByTickAndBySweep, NTimerReaping, testing::Bool());
 
-TEST_F(NTimerTest, AClosedEventIsNotCalledAgain) {
+TEST_F(NTimer, AClosedEventIsNotCalledAgain) {
     auto events = running(3);
     events[1]->Close();
     EXPECT_EQ("ac", callsOfATick());
 }
 
-TEST_F(NTimerTest, ClosingATimerClosesItsEventsInEveryStateWithoutACall) {
+TEST_F(NTimer, ClosingATimerClosesItsEventsInEveryStateWithoutACall) {
     auto events = running(4);
     events[1]->Stop();
     events[2]->Close();
@@ -191,7 +191,7 @@ TEST_F(NTimerTest, ClosingATimerClosesItsEventsInEveryStateWithoutACall) {
     EXPECT_EQ(0, CNetTimer::heap().Count()) << "both of its timers have ended";
 }
 
-TEST_F(NTimerTest, ATimerThatIsReferredToLivesOnAfterClose) {
+TEST_F(NTimer, ATimerThatIsReferredToLivesOnAfterClose) {
     running(1);
     CNTimer* kept = timer;
     kept->AddRef();
@@ -204,7 +204,7 @@ TEST_F(NTimerTest, ATimerThatIsReferredToLivesOnAfterClose) {
 
 // What handlers do to the list while it is walked.
 
-TEST_F(NTimerTest, AHandlerMayStopAndCloseItselfAndOthers) {
+TEST_F(NTimer, AHandlerMayStopAndCloseItselfAndOthers) {
     auto events = running(6);
     events[1]->on_event = [&] {
         events[0]->Close();  // was called already, and goes with the next pass
@@ -220,7 +220,7 @@ TEST_F(NTimerTest, AHandlerMayStopAndCloseItselfAndOthers) {
     EXPECT_EQ("ac", gone());
 }
 
-TEST_F(NTimerTest, AHandlerMayCloseTheLastEventWhichIsItself) {
+TEST_F(NTimer, AHandlerMayCloseTheLastEventWhichIsItself) {
     auto events = running(2);
     events[1]->on_event = [&] {
         events[1]->Close();
@@ -233,7 +233,7 @@ TEST_F(NTimerTest, AHandlerMayCloseTheLastEventWhichIsItself) {
     EXPECT_EQ(events[0], NTimerProbe::tail(*timer));
 }
 
-TEST_F(NTimerTest, AHandlerMayStartAnotherOne) {
+TEST_F(NTimer, AHandlerMayStartAnotherOne) {
     auto events = running(3);
     events[0]->Stop();
     events[2]->Stop();
@@ -249,7 +249,7 @@ TEST_F(NTimerTest, AHandlerMayStartAnotherOne) {
 }
 
 // Else one that pushes an event per call would never let the tick end.
-TEST_F(NTimerTest, AnEventThatAHandlerPushesIsCalledFromTheNextTickOn) {
+TEST_F(NTimer, AnEventThatAHandlerPushesIsCalledFromTheNextTickOn) {
     auto events = running(2);
     char letter = 'c';
     const auto breed = [&] {
@@ -270,7 +270,7 @@ TEST_F(NTimerTest, AnEventThatAHandlerPushesIsCalledFromTheNextTickOn) {
     EXPECT_EQ("acde", callsOfATick());
 }
 
-TEST_F(NTimerTest, TheLastEventOfAPassMayBeClosedWhileAnotherIsPushed) {
+TEST_F(NTimer, TheLastEventOfAPassMayBeClosedWhileAnotherIsPushed) {
     auto events = running(2);
     events[0]->on_event = [&] {
         events[0]->on_event = nullptr;
@@ -286,7 +286,7 @@ TEST_F(NTimerTest, TheLastEventOfAPassMayBeClosedWhileAnotherIsPushed) {
 }
 
 // What stands behind the last one is unlinked as well while the pass is under way.
-TEST_F(NTimerTest, APassEndsAlsoIfItsLastEventIsUnlinkedOnTheWay) {
+TEST_F(NTimer, APassEndsAlsoIfItsLastEventIsUnlinkedOnTheWay) {
     auto events = running(3);
     events[0]->on_event = [&] {
         events[0]->on_event = nullptr;
@@ -301,7 +301,7 @@ TEST_F(NTimerTest, APassEndsAlsoIfItsLastEventIsUnlinkedOnTheWay) {
     EXPECT_EQ("abd", callsOfATick());
 }
 
-TEST_F(NTimerTest, AHandlerMayCloseItsTimer) {
+TEST_F(NTimer, AHandlerMayCloseItsTimer) {
     auto events = running(2);
     timer->AddRef();  // as a worker does for the time of the call
     events[0]->on_event = [&] {
@@ -314,7 +314,7 @@ TEST_F(NTimerTest, AHandlerMayCloseItsTimer) {
     EXPECT_EQ("ab", gone());
 }
 
-TEST_F(NTimerTest, ATickAllocatesNothing) {
+TEST_F(NTimer, ATickAllocatesNothing) {
     running(20);
     diary.calls.reserve(1000);
     tick();

@@ -51,7 +51,7 @@ public:
     }
 };
 
-class NTimerThreadsTest : public PoolFixture {
+class NTimerThreads : public PoolFixture {
 protected:
     CountingEvent* running(CNTimer& timer, std::function<void()> on_event = nullptr) {
         auto* event = new CountingEvent;
@@ -74,7 +74,7 @@ protected:
     std::vector<std::shared_ptr<EventLife>> lives;
 };
 
-TEST_F(NTimerThreadsTest, RunningEventsAreCalledOncePerTick) {
+TEST_F(NTimerThreads, RunningEventsAreCalledOncePerTick) {
     CNTimer* timer = CNTimer::Create(5000);
     std::vector<int> order;  // by the calls of one timer, which never overlap
     running(*timer, [&] { order.push_back(0); });
@@ -91,7 +91,7 @@ TEST_F(NTimerThreadsTest, RunningEventsAreCalledOncePerTick) {
 
 // The event's work is a third of the period; a timer that counts from the end of a call would lose that each
 // time.
-TEST_F(NTimerThreadsTest, TheTimeThatHandlersTakeDoesNotAddUp) {
+TEST_F(NTimerThreads, TheTimeThatHandlersTakeDoesNotAddUp) {
     constexpr int64_t PERIOD = 30000;
     CNTimer* timer = CNTimer::Create(PERIOD);
     const uint64_t start = NTimerProbe::of(*timer).m_start;
@@ -107,7 +107,7 @@ TEST_F(NTimerThreadsTest, TheTimeThatHandlersTakeDoesNotAddUp) {
     end(timer);
 }
 
-TEST_F(NTimerThreadsTest, NoPeriodIsFasterThanATickIn2000) {
+TEST_F(NTimerThreads, NoPeriodIsFasterThanATickIn2000) {
     CNTimer* timer = CNTimer::Create(100);
     std::vector<uint64_t> calls;
     running(*timer, [&] { calls.push_back(Infra::CTime::getCurrentMicroSecond()); });
@@ -117,7 +117,7 @@ TEST_F(NTimerThreadsTest, NoPeriodIsFasterThanATickIn2000) {
     EXPECT_GE(calls.back() - calls.front(), 2000 * (calls.size() - 1) / 2);
 }
 
-TEST_F(NTimerThreadsTest, ExtremePeriodsWork) {
+TEST_F(NTimerThreads, ExtremePeriodsWork) {
     for (long long period : {0LL, -1LL, -9223372036854775807LL - 1}) {
         lives.clear();
         CNTimer* timer = CNTimer::Create(period);
@@ -130,7 +130,7 @@ TEST_F(NTimerThreadsTest, ExtremePeriodsWork) {
 }
 
 // The period is a minute, and so it must be the sweep.
-TEST_F(NTimerThreadsTest, AClosedEventGoesWithinAboutASecondAlsoOnASlowTimer) {
+TEST_F(NTimerThreads, AClosedEventGoesWithinAboutASecondAlsoOnASlowTimer) {
     CNTimer* timer = CNTimer::Create(60000000);
     CountingEvent* event = running(*timer);
     CountingEvent* stays = running(*timer);
@@ -142,7 +142,7 @@ TEST_F(NTimerThreadsTest, AClosedEventGoesWithinAboutASecondAlsoOnASlowTimer) {
 }
 
 // A tick never overlaps itself, but the sweep can come while one runs.
-TEST_F(NTimerThreadsTest, TickAndSweepOfOneTimerTakeTurns) {
+TEST_F(NTimerThreads, TickAndSweepOfOneTimerTakeTurns) {
     CNTimer* timer = CNTimer::Create(60000000);
     Gate gate;
     running(*timer, [&] { gate.pass(); });
@@ -162,7 +162,7 @@ TEST_F(NTimerThreadsTest, TickAndSweepOfOneTimerTakeTurns) {
     end(timer);
 }
 
-TEST_F(NTimerThreadsTest, PushWaitsForATickThatRuns) {
+TEST_F(NTimerThreads, PushWaitsForATickThatRuns) {
     CNTimer* timer = CNTimer::Create(3000);
     Gate gate;
     running(*timer, [&] { gate.pass(); });
@@ -185,7 +185,7 @@ TEST_F(NTimerThreadsTest, PushWaitsForATickThatRuns) {
 }
 
 // They take the event's lock alone: what they change counts for the ticks that follow.
-TEST_F(NTimerThreadsTest, StopAndCloseReturnWhileTheHandlerRuns) {
+TEST_F(NTimerThreads, StopAndCloseReturnWhileTheHandlerRuns) {
     CNTimer* timer = CNTimer::Create(3000);
     Gate gate;
     CountingEvent* event = running(*timer, [&] { gate.pass(); });
@@ -201,7 +201,7 @@ TEST_F(NTimerThreadsTest, StopAndCloseReturnWhileTheHandlerRuns) {
     end(timer);
 }
 
-TEST_F(NTimerThreadsTest, StartStopCloseAndPushRaceWithTheTicks) {
+TEST_F(NTimerThreads, StartStopCloseAndPushRaceWithTheTicks) {
     CNTimer* timer = CNTimer::Create(3000);
     constexpr int ROUNDS = 300;
     std::vector<std::thread> threads;
@@ -239,7 +239,7 @@ TEST_F(NTimerThreadsTest, StartStopCloseAndPushRaceWithTheTicks) {
 
 // The passes follow one another without a pause, so that many of them see an event in the very moment when it
 // becomes closed: after that step Close must not touch it.
-TEST_F(NTimerThreadsTest, CloseTouchesNothingOnceThePassMayTakeTheEvent) {
+TEST_F(NTimerThreads, CloseTouchesNothingOnceThePassMayTakeTheEvent) {
     CNTimer* timer = CNTimer::Create(60000000);
     CNetHandler* handler = timer;
     const long sweep_id = NTimerProbe::sweepId(*timer);
@@ -258,7 +258,7 @@ TEST_F(NTimerThreadsTest, CloseTouchesNothingOnceThePassMayTakeTheEvent) {
     end(timer);
 }
 
-TEST_F(NTimerThreadsTest, TimersEndWhileTheirTicksRun) {
+TEST_F(NTimerThreads, TimersEndWhileTheirTicksRun) {
     for (int round = 0; round < 100; ++round) {
         CNTimer* timer = CNTimer::Create(0);
         running(*timer, [] { std::this_thread::yield(); });
@@ -274,13 +274,13 @@ TEST_F(NTimerThreadsTest, TimersEndWhileTheirTicksRun) {
 
 // A tick can come before the constructor is over. It finds both ids, since it waits for the lock under which
 // they are stored.
-class NTimerConstructionTest : public NTimerStand {
+class NTimerConstruction : public NTimerStand {
 protected:
     void SetUp() override {}
 
     // Called while the constructor arms the tick, by the line about a period of more than a day.
     static void look(void* context, const Infra::LogLine&) {
-        auto& self = *static_cast<NTimerConstructionTest*>(context);
+        auto& self = *static_cast<NTimerConstruction*>(context);
         // The next fresh id of the pool behind that of the neighbour.
         const HandlerPin found = PoolTable::FindHandler(self.neighbour->GetID() - 65536);
         if (auto* made = dynamic_cast<CNTimer*>(found.get())) {
@@ -294,7 +294,7 @@ protected:
     bool locked = false;
 };
 
-TEST_F(NTimerConstructionTest, BothTimersAreArmedUnderTheLockOfTheTicks) {
+TEST_F(NTimerConstruction, BothTimersAreArmedUnderTheLockOfTheTicks) {
     neighbour = new Testing::LetterEvent(diary, 'a');
     const Infra::LogSink sink{&look, this};
     const Infra::LogSink* const before = Infra::setLogSink(&sink);

@@ -78,7 +78,7 @@ protected:
         rig.close(waiter);
         for (TestPacket& packet : packets) {
             if (packet.asked != 0 || info.count(&packet) != 0) {
-                EXPECT_EQ(packet.releases, 1) << "a packet of " << packet.length() << " bytes";
+                EXPECT_EQ(1, packet.releases) << "a packet of " << packet.length() << " bytes";
             }
         }
     }
@@ -111,7 +111,7 @@ protected:
     // Puts a packet and gives its bytes.
     std::string put(std::size_t length, int mark = 1, int level = 1, int channel = 0) {
         TestPacket& made = packet(length);
-        EXPECT_EQ(buffer->Put(&made, made.length(), mark, Reticor::mediaLevel(channel, level)), 0);
+        EXPECT_EQ(0, buffer->Put(&made, made.length(), mark, Reticor::mediaLevel(channel, level)));
         return made.bytes();
     }
     // A frame of packets with these lengths.
@@ -125,7 +125,7 @@ protected:
     TestPacket& putInfo(int arg) {
         TestPacket& made = packet(1);
         info.insert(&made);
-        EXPECT_EQ(buffer->PutFrameInfo(&made, arg), 0);
+        EXPECT_EQ(0, buffer->PutFrameInfo(&made, arg));
         return made;
     }
 
@@ -138,7 +138,7 @@ protected:
         MediaClient& made = client();
         buffer->AddSender(made.sender);
         put(10);
-        EXPECT_EQ(made.sock.wire().size(), 10U);
+        EXPECT_EQ(10U, made.sock.wire().size());
         made.sock.clearWire();
         made.sock.clearCalls();
         return made;

@@ -148,7 +148,7 @@ protected:
             if (ev->m_key == Reticor::EVENT_KEY_MESSAGE && ev->m_obj_id != ev->m_receiver) {
                 found.emplace_back(static_cast<long>(ev->m_obj_id), static_cast<long>(ev->m_receiver),
                                    ev->m_msg);
-                EXPECT_EQ(ev->m_attach, 0);
+                EXPECT_EQ(0, ev->m_attach);
                 Reticor::putEvent(ev);
             } else {
                 rig.serve(ev);

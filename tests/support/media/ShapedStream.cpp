@@ -25,7 +25,7 @@ std::atomic<int> shape_count{0};
 
 ShapedStream::ShapedStream() : m_error(EAGAIN) {
     int ends[2] = {-1, -1};
-    EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends), 0);
+    EXPECT_EQ(0, ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends));
     Attach(ends[0]);
     m_far.Attach(ends[1]);
     const std::lock_guard<std::mutex> guard(shapes_mutex);

@@ -54,12 +54,12 @@ protected:
         serveAll();
     }
 
-    void attach() { EXPECT_EQ(sender->Attach(owner, &sock), 0); }
+    void attach() { EXPECT_EQ(0, sender->Attach(owner, &sock)); }
 
     // Makes `bytes` wait: the socket takes nothing, and will take nothing after this.
     void backlog(std::size_t bytes) {
         sock.setRoom(0);
-        EXPECT_EQ(sender->Put(text(bytes).data(), static_cast<unsigned>(bytes)), 0);
+        EXPECT_EQ(0, sender->Put(text(bytes).data(), static_cast<unsigned>(bytes)));
         sock.clearCalls();
     }
 

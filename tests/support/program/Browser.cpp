@@ -78,7 +78,7 @@ void Browser::open(const std::string& url) {
     const json attached =
         call("Target.attachToTarget", {{"targetId", target.value("targetId", "")}, {"flatten", true}});
     m_session = attached.value("sessionId", "");
-    EXPECT_NE(m_session, "") << "the browser opens no page";
+    EXPECT_NE("", m_session) << "the browser opens no page";
 }
 
 /// The next message; false if none comes, or the browser has ended.

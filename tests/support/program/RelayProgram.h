@@ -71,7 +71,7 @@ inline std::string makeStream(const TempFolder& folder, const std::string& codec
     }
     add({"-bf", "2", "-f", "mpegts", file});
     ChildProcess ffmpeg(command);
-    EXPECT_EQ(ffmpeg.wait(), 0);
+    EXPECT_EQ(0, ffmpeg.wait());
     return file;
 }
 
