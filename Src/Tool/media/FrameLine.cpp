@@ -28,17 +28,24 @@ void FrameLine::begin() {
     ++m_frame_num;
 }
 
-void FrameLine::append(CMediaPacket* packet, int len, int mark, int level_word) {
-    m_current->Put(packet, len, mark, level_word);
-    m_core.m_byte_total += static_cast<uint64_t>(int64_t{len});
+void FrameLine::put_info(CMediaPacket* packet, int arg) {
+    begin_if_empty();
+    if (packet != nullptr) {
+        m_current->PutInfo(packet, arg);
+    }
 }
 
-void FrameLine::complete(int level_word) {
-    const int channel = channelOf(level_word);
+void FrameLine::append(CMediaPacket* packet, int len, int mark, int level_word) {
+    m_current->Put(packet, len, mark, level_word);
+    m_core.add_bytes(len);
+}
+
+void FrameLine::complete() {
     CFrame& frame = *m_current;
+    const int channel = frame.channel();
     int32_t& min_level = m_min_level[channel];
-    min_level = std::min(min_level, levelOf(level_word));
-    if (min_level == levelOf(level_word)) {
+    min_level = std::min(min_level, frame.level());
+    if (min_level == frame.level()) {
         frame.m_key_mask = static_cast<uint8_t>(1U << channel);
     }
     frame.m_ordinal = ++m_ordinal[channel];
@@ -57,7 +64,7 @@ void FrameLine::open_next() {
     ++m_frame_num;
 }
 
-/// Whether a sender of the list stands on the frame, which must then stay.
+// Whether a sender of the list stands on the frame, which must then stay.
 bool FrameLine::is_held(const CFrame& frame) const {
     for (const SenderRecord* sender = frame.m_standing; sender != nullptr; sender = sender->m_standing_next) {
         if (sender->m_list == &m_core) {
@@ -67,8 +74,8 @@ bool FrameLine::is_held(const CFrame& frame) const {
     return false;
 }
 
-/// The one way in which a frame ends. It is unlinked already; senders that still stand on it, on the list or
-/// not, are taken care of first.
+// The one way in which a frame ends. It is unlinked already; senders that still stand on it, on the list or
+// not, are taken care of first.
 void FrameLine::end(CFrame* frame) {
     while (frame->m_standing != nullptr) {
         frame->m_standing->rescue_frame();
@@ -86,18 +93,25 @@ CFrame* FrameLine::unlink_head() {
     return head;
 }
 
+void FrameLine::drop_all() {
+    while (m_head != nullptr) {
+        drop_head();
+    }
+    reset();
+}
+
 void FrameLine::drop_complete() {
     while (m_head != nullptr && m_head->m_mark != 0) {
         drop_head();
     }
     m_current = m_head;
-    m_core.m_byte_total = m_current != nullptr ? static_cast<uint64_t>(m_current->m_frame_len) : 0;
+    m_core.begin_stream(m_current != nullptr ? m_current->m_frame_len : 0);
     m_byte_discard = 0;
 }
 
 void FrameLine::reset() {
     m_current = nullptr;
-    m_core.m_byte_total = 0;
+    m_core.begin_stream(0);
     m_byte_discard = 0;
 }
 
@@ -159,7 +173,7 @@ void FrameLine::count_valid() {
     }
 }
 
-const CFrame* FrameLine::age_hollow(const CFrame* before) {
+const CFrame* FrameLine::walk_hollow(const CFrame* before) {
     for (CFrame* frame = before != nullptr ? before->m_next : m_head; frame != nullptr;
          frame = frame->m_next) {
         if (!frame->is_hollow() || frame == m_current) {
@@ -174,7 +188,7 @@ const CFrame* FrameLine::age_hollow(const CFrame* before) {
     return nullptr;
 }
 
-/// The frame that is being filled is not a valid one either, and stays.
+// The frame that is being filled is not a valid one either, and stays.
 void FrameLine::drop_expired() {
     if (std::exchange(m_expired_now, 0) == 0) {
         return;

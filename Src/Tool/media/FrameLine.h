@@ -48,10 +48,12 @@ public:
             begin();
         }
     }
+    /// Gives the current frame its information; a null packet changes nothing.
+    void put_info(CMediaPacket* packet, int arg) INFRA_REQUIRES(CORE_MUTEX);
     /// Puts a packet into the current frame.
     void append(CMediaPacket* packet, int len, int mark, int level_word) INFRA_REQUIRES(CORE_MUTEX);
     /// The current frame is complete, on a channel of 0 to 7.
-    void complete(int level_word) INFRA_REQUIRES(CORE_MUTEX);
+    void complete() INFRA_REQUIRES(CORE_MUTEX);
     /// The complete frame is offered to senders from now on.
     void offer() INFRA_REQUIRES(CORE_MUTEX) { m_current->m_complete_us = m_core.now(); }
     /// A new frame after the complete one.
@@ -70,23 +72,26 @@ public:
     void set_policy_only(bool policy_only) INFRA_REQUIRES(CORE_MUTEX) { m_policy_only = policy_only; }
     /// Counts what valid_num gives.
     void count_valid() INFRA_REQUIRES(CORE_MUTEX);
-    bool has_hollow() const INFRA_REQUIRES(CORE_MUTEX) { return m_hollow_num != 0; }
     /// All walks stop at a complete frame without a byte, so nothing after it would ever be let go, and
     /// neither would it. It goes after as many sending steps as a frame of its level has ticks. Counts one
     /// step for those after `before`, from the first one on with null, up to one that expires now, and gives
     /// that.
-    const CFrame* age_hollow(const CFrame* before) INFRA_REQUIRES(CORE_MUTEX);
+    const CFrame* age_hollow(const CFrame* before) INFRA_REQUIRES(CORE_MUTEX) {
+        return m_hollow_num != 0 ? walk_hollow(before) : nullptr;
+    }
     /// Takes out what has expired, wherever it stands.
     void drop_expired() INFRA_REQUIRES(CORE_MUTEX);
     /// Nobody is left to be sent anything: only a frame that is being filled stays, and the stream begins
     /// anew.
     void drop_complete() INFRA_REQUIRES(CORE_MUTEX);
     void drop_head() INFRA_REQUIRES(CORE_MUTEX) { end(unlink_head()); }
+    void drop_all() INFRA_REQUIRES(CORE_MUTEX);
     /// After the last frame was dropped: the stream begins anew.
     void reset() INFRA_REQUIRES(CORE_MUTEX);
 
 private:
     void begin() INFRA_REQUIRES(CORE_MUTEX);
+    const CFrame* walk_hollow(const CFrame* before) INFRA_REQUIRES(CORE_MUTEX);
     bool is_held(const CFrame& frame) const INFRA_REQUIRES(CORE_MUTEX);
     void expire(CFrame& frame) INFRA_REQUIRES(CORE_MUTEX);
     CFrame* unlink_head() INFRA_REQUIRES(CORE_MUTEX);
@@ -104,8 +109,8 @@ private:
     bool m_policy_only INFRA_GUARDED_BY(CORE_MUTEX) = false;
     std::atomic<uint32_t> m_valid_num{0};
     int32_t m_min_level[CHANNELS] INFRA_GUARDED_BY(CORE_MUTEX);
-    uint64_t m_ordinal[CHANNELS] INFRA_GUARDED_BY(
-        CORE_MUTEX) = {};  ///< Complete frames of each channel so far.
+    /// Complete frames of each channel so far.
+    uint64_t m_ordinal[CHANNELS] INFRA_GUARDED_BY(CORE_MUTEX) = {};
     uint64_t m_channel_bytes[CHANNELS] INFRA_GUARDED_BY(CORE_MUTEX) = {};  ///< And their bytes.
     uint64_t m_expired_frames INFRA_GUARDED_BY(CORE_MUTEX) = 0;
     uint64_t m_expired_bytes INFRA_GUARDED_BY(CORE_MUTEX) = 0;

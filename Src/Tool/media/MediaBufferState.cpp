@@ -4,7 +4,6 @@
 #include <algorithm>
 
 #include "Tool/frame/MediaTrace.h"
-#include "Tool/media/MediaStreamSender.h"
 
 namespace Orvex::Reticor {
 
@@ -20,10 +19,42 @@ int clamp_level(int level_word) {
 MediaBufferState::MediaBufferState(CMediaBuffer& owner)
     : m_owner(owner), m_frames(*m_core, &owner), m_senders(*m_core), m_auto_send(*this) {
     const CoreGuard guard(*m_core);
-    m_core->m_end = this;
+    m_core->open(*this);
 }
 
 MediaBufferState::~MediaBufferState() = default;
+
+// Senders.
+
+SenderEntry MediaBufferState::add_sender(SenderRecord& record) {
+    const std::shared_ptr<MediaCore> before = record.core();
+    const bool moves = before && before != m_core;
+    if (m_core->steps_on_this_thread() || (moves && TargetStepMark::inside())) {
+        return {nullptr, !record.m_coming.note(m_core)};
+    }
+    record.move_to(m_core);
+    const MediaStep step(m_core);
+    if (record.m_list == m_core.get()) {
+        return {nullptr, true};
+    }
+    if (record.m_list == nullptr) {
+        m_senders.add(record);
+        return {nullptr, false};
+    }
+    return {record.m_list, false};
+}
+
+// A call-back may be inside this sender's own sending, or in the walk over the list, so its wish waits; but
+// as the socket may be closed as soon as the call returns, nothing is written to it any more.
+void MediaBufferState::take_off(SenderRecord& record, bool inside_call_back) {
+    record.m_coming.take_back(*m_core);
+    if (!inside_call_back) {
+        del_sender(record);
+    } else if (m_senders.holds(record)) {
+        record.set_leaving();
+        m_core->note_leaving();
+    }
+}
 
 void MediaBufferState::drop_leaving() {
     for (SenderRecord* record = m_senders.first(); record != nullptr;) {
@@ -42,6 +73,8 @@ void MediaBufferState::del_sender(SenderRecord& record) {
     }
 }
 
+// Packets.
+
 int MediaBufferState::accept(CMediaPacket* packet, int len, int mark, int level) {
     m_send_ready = false;
     m_taps.show(packet, len, mark, level);
@@ -51,11 +84,11 @@ int MediaBufferState::accept(CMediaPacket* packet, int len, int mark, int level)
     }
     const int level_word = clamp_level(level);
     m_frames.append(packet, len, mark, level_word);
-    return level_word;
+    return channelOf(level_word);
 }
 
-void MediaBufferState::complete(int level_word) {
-    m_frames.complete(level_word);
+void MediaBufferState::complete() {
+    m_frames.complete();
     if (!m_senders.has_sender()) {
         m_frames.drop_complete();
         return;
@@ -64,8 +97,15 @@ void MediaBufferState::complete(int level_word) {
     m_send_ready = true;
 }
 
-uint64_t MediaBufferState::send_packet() {
+uint64_t MediaBufferState::send_packet(bool has_packet, bool ages) {
     m_frames.begin_if_empty();
+    const std::optional<uint64_t> passed = give_turns();
+    const uint64_t missing = passed ? m_frames.let_pass(*passed) : 0;
+    after_sending(has_packet, ages);
+    return missing;
+}
+
+std::optional<uint64_t> MediaBufferState::give_turns() {
     uint64_t should_discard = m_frames.byte_discard();
     uint64_t min_discard = m_core->m_byte_total;
     const bool printing = MediaTrace::on();
@@ -84,9 +124,10 @@ uint64_t MediaBufferState::send_packet() {
         if (printing) {
             MediaTrace::sender_begins(&m_owner, record->m_owner, offered);
         }
-        const TurnEnd end = MediaSending(*record).run(offered);
+        MediaSending turn(*record);
+        const TurnEnd end = turn.run(offered);
         if (end != TurnEnd::DONE) {
-            reportTurn(*record, end);
+            turn.report();
         }
         const uint64_t total = record->m_send_total;
         if (printing) {
@@ -102,7 +143,7 @@ uint64_t MediaBufferState::send_packet() {
             del_sender(*record);
             if (!m_senders.has_sender()) {
                 m_frames.set_policy_only(policy_only);
-                return 0;
+                return std::nullopt;
             }
         } else if (total <= min_discard) {
             min_discard = total;
@@ -111,12 +152,12 @@ uint64_t MediaBufferState::send_packet() {
         record = next;
     }
     m_frames.set_policy_only(policy_only);
-    return m_frames.let_pass(should_discard);
+    return should_discard;
 }
 
-/// Gives a sender that has no place in the stream yet its place, at the frame on offer, if that is a key
-/// frame of its channel. False if it has to wait for another one. Between two frames the frame on offer is
-/// the empty one, which looks like a key frame of channel 0; the resume policy does not take it for one.
+// Gives a sender that has no place in the stream yet its place, at the frame on offer, if that is a key frame
+// of its channel. False if it has to wait for another one. Between two frames the frame on offer is the empty
+// one, which looks like a key frame of channel 0; the resume policy does not take it for one.
 bool MediaBufferState::join(SenderRecord& record) {
     if (record.has_joined()) {
         return true;
@@ -142,6 +183,25 @@ void MediaBufferState::after_sending(bool has_packet, bool ages) {
         m_frames.open_next();
     }
     m_frames.count_valid();
+}
+
+MediaBufferStats MediaBufferState::stats() {
+    const CoreGuard guard(*m_core);
+    MediaBufferStats stats;
+    m_frames.add_stats(stats);
+    m_senders.add_stats(stats, m_frames.byte_discard());
+    return stats;
+}
+
+void MediaBufferState::retire() {
+    m_auto_send.disable();
+    // Whatever calls raced before, after this no record of the timer's list names this buffer.
+    CSenderHandler::Remove(0, this);
+    const MediaStep step(m_core);
+    m_frames.drop_all();
+    m_senders.clear();  // What came inside the releases.
+    m_taps.clear();
+    m_core->close();
 }
 
 }  // namespace Orvex::Reticor

@@ -3,7 +3,9 @@
 
 #include <Reticor/MediaBuffer.h>
 
+#include <cstdint>
 #include <memory>
+#include <optional>
 
 #include "Tool/media/AutoSend.h"
 #include "Tool/media/FrameLine.h"
@@ -13,7 +15,13 @@
 
 namespace Orvex::Reticor {
 
-/// The two ways back to the buffer, do_send and come, are the buffer's to fill in.
+/// What came of adding a sender.
+struct SenderEntry {
+    const MediaCore* m_list;  ///< Another buffer's, on whose list it is, so that it was not added; or null.
+    bool m_here_already;      ///< It was on the list before, or is to come to it.
+};
+
+/// The two ways back to the buffer, do_send and come, are left to OwnedBufferState.
 struct MediaBufferState : SendTarget_IF, StepEnd_IF {
     explicit MediaBufferState(CMediaBuffer& owner);
     virtual ~MediaBufferState();
@@ -25,18 +33,28 @@ struct MediaBufferState : SendTarget_IF, StepEnd_IF {
     /// For the tests.
     static MediaBufferState& of(CMediaBuffer& buffer) { return *buffer.m_state; }
 
-    /// Shows a packet to the taps and puts it into the frame. Gives the level word that counts, its level
-    /// within bounds.
+    /// Shows a packet to the taps and puts it into the frame, its level within bounds. Gives the channel.
     int accept(CMediaPacket* packet, int len, int mark, int level) INFRA_REQUIRES(CORE_MUTEX);
-    /// The packet was the last one of its frame.
-    void complete(int level_word) INFRA_REQUIRES(CORE_MUTEX);
+    /// The packet was the last one of its frame, whose channel is 0 to 7.
+    void complete() INFRA_REQUIRES(CORE_MUTEX);
+    /// Whether the last packet ended a frame, and there was a sender: the timer must not send half a frame.
+    bool sends() const INFRA_REQUIRES(CORE_MUTEX) { return m_send_ready; }
     /// All senders go on, and what they are past is let go. Gives the bytes that were to be let go and were
-    /// not there.
-    uint64_t send_packet() INFRA_REQUIRES(CORE_MUTEX);
-    /// What follows: frames grow older if this is a tick, and there is a frame to be filled.
-    void after_sending(bool has_packet, bool ages) INFRA_REQUIRES(CORE_MUTEX);
-    /// Takes a sender off; without any the complete frames go.
-    void del_sender(SenderRecord& record) INFRA_REQUIRES(CORE_MUTEX);
+    /// not there. Frames grow older if this is a tick, and there is a frame to be filled after it.
+    uint64_t send_packet(bool has_packet, bool ages) INFRA_REQUIRES(CORE_MUTEX);
+
+    /// A sender that was on another buffer's list before brings along what it needs of that buffer's frames,
+    /// under that buffer's lock. Inside a call-back, with a lock held already, it comes when the thread holds
+    /// none any more.
+    SenderEntry add_sender(SenderRecord& record);
+    /// Takes a sender off; without any the complete frames go. Inside a call-back it is marked, and goes when
+    /// the operation ends.
+    void take_off(SenderRecord& record, bool inside_call_back) INFRA_REQUIRES(CORE_MUTEX);
+
+    MediaBufferStats stats();
+
+    /// The buffer's end: neither the timer nor a sender finds it after this, and all frames have gone.
+    void retire();
 
     CMediaBuffer& m_owner;
     const std::shared_ptr<MediaCore> m_core = std::make_shared<MediaCore>();
@@ -44,11 +62,23 @@ struct MediaBufferState : SendTarget_IF, StepEnd_IF {
     SenderLine m_senders;
     TapLine m_taps;
     AutoSend m_auto_send;
-    /// The last packet ended a frame, and there was a sender.
     bool m_send_ready INFRA_GUARDED_BY(CORE_MUTEX) = true;
 
 private:
+    /// All senders have their turn. Gives the position up to which frames can be let go; none if the last
+    /// sender has gone.
+    std::optional<uint64_t> give_turns() INFRA_REQUIRES(CORE_MUTEX);
     bool join(SenderRecord& record) INFRA_REQUIRES(CORE_MUTEX);
+    void del_sender(SenderRecord& record) INFRA_REQUIRES(CORE_MUTEX);
+    void after_sending(bool has_packet, bool ages) INFRA_REQUIRES(CORE_MUTEX);
+};
+
+/// The state with its ways back to the buffer: of the shared timer, and of senders that call-backs have
+/// added.
+struct OwnedBufferState final : MediaBufferState {
+    using MediaBufferState::MediaBufferState;
+    void do_send() override { m_owner.do_send(); }
+    void come(CMediaStreamSender& sender) override INFRA_REQUIRES(CORE_MUTEX) { m_owner.AddSender(&sender); }
 };
 
 }  // namespace Orvex::Reticor

@@ -2,7 +2,10 @@
 #include "Tool/media/MediaSending.h"
 
 #include <cassert>
+#include <cstdio>
 #include <cstring>
+
+#include <Infra/Log.h>
 
 #include "Tool/frame/MediaTrace.h"
 #include "Tool/media/FrameChoice.h"
@@ -10,6 +13,12 @@
 namespace Orvex::Reticor {
 
 namespace {
+
+constexpr uint32_t WARNING_EVERY = 100;
+
+/// The names by which the lines of senders are known. They are a part of the lines.
+constexpr const char* BLOCKED_NAME = "void Orvex::Reticor::CMediaStreamSender::socket_blocked(const char*)";
+constexpr const char* FAILED_NAME = "void Orvex::Reticor::CMediaStreamSender::socket_failed(const char*)";
 
 /// The rest of a frame from a cursor on. The gather list is shared by all senders, so a cursor inside an
 /// entry is worked into the list for the time of one write, under the buffer's mutex, and taken out again.
@@ -45,6 +54,37 @@ TurnEnd MediaSending::run(CFrame* frame) {
         m_record.pass_all_if_caught_up();
     }
     return m_end;
+}
+
+void MediaSending::report() {
+    const bool other = m_end == TurnEnd::OTHER_BLOCKED || m_end == TurnEnd::OTHER_FAILED;
+    const char* const where = other ? "check_other_data" : "Send";
+    if (isFailure(m_end)) {
+        tell(FAILED_NAME, "MediaStreamSender %s socket exception!\n", where);
+    } else if (m_end != TurnEnd::DONE) {
+        if (m_record.has_stalled()) {
+            tell(BLOCKED_NAME, "MediaStreamSender %s socket exception for timeout!\n", where);
+        }
+        if (m_record.m_block_count % WARNING_EVERY == 0 && Infra::logEnabled(3)) {
+            Infra::Detail::logMember(3, __FILE__, BLOCKED_NAME, __LINE__, m_record.m_owner,
+                                     "MediaStreamSender net warnning %d!\n",
+                                     static_cast<int>(m_record.m_block_count));
+        }
+    }
+}
+
+// The wish is taken first: whoever is told may wish again at once.
+void MediaSending::tell(const char* name, const char* format, const char* where) {
+    const long id = m_record.take_failure_waiter();
+    if (id == 0) {
+        return;
+    }
+    if (Infra::logEnabled(3)) {
+        char text[128];
+        std::snprintf(text, sizeof text, format, where);
+        Infra::Detail::logMember(3, __FILE__, name, __LINE__, m_record.m_owner, "%s", text);
+    }
+    m_record.notify(id, MEDIA_MSG_SOCKET_FAILED, 0);
 }
 
 MediaSending::Progress MediaSending::choose_frame(CSock& stream, CFrame* frame) {
@@ -96,7 +136,7 @@ MediaSending::Progress MediaSending::finish_frame(CSock& stream) {
     return Progress::MORE;
 }
 
-/// The usual case, nothing waits, costs no lock.
+// The usual case, nothing waits, costs no lock.
 bool MediaSending::other_data_waits(CSock& stream) {
     if (!m_record.m_other.waits()) {
         return false;
@@ -115,9 +155,9 @@ bool MediaSending::other_data_waits(CSock& stream) {
     return sent.left > 0;
 }
 
-/// From `frame` on, the first one that this sender is to get; null if it has caught up. What is stepped over
-/// counts as passed, so that it does not keep frames from being let go. A frame that is being filled is the
-/// end of the list: its bytes are counted when it is complete.
+// From `frame` on, the first one that this sender is to get; null if it has caught up. What is stepped over
+// counts as passed, so that it does not keep frames from being let go. A frame that is being filled is the
+// end of the list: its bytes are counted when it is complete.
 CFrame* MediaSending::next_frame(CFrame* frame) {
     while (frame != nullptr && frame->m_frame_len >= 1 && !frame->is_filling()) {
         if (frame->m_valid != 0 && is_for_it(*frame)) {

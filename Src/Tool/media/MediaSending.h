@@ -18,15 +18,19 @@ constexpr bool isFailure(TurnEnd end) {
     return end == TurnEnd::FAILED || end == TurnEnd::OTHER_FAILED;
 }
 
-/// One turn, and how the frames follow each other for a sender. Nothing is logged and nobody is told of a
-/// failure here: that is done by whoever gave the turn. A gap that the resume policy made is told, before the
-/// frame after it goes on.
+/// One turn, and how the frames follow each other for a sender. A gap that the resume policy made is told
+/// before the frame after it goes on; how the turn ended is told by report, when whoever gave the turn wants
+/// it.
 class MediaSending {
 public:
     explicit MediaSending(SenderRecord& record) : m_record(record) {}
 
     /// Writes what the socket takes, `frame` being the frame on offer. The sender must have a socket.
     TurnEnd run(CFrame* frame) INFRA_REQUIRES(CORE_MUTEX);
+
+    /// Says how the turn ended, if it did not end well: in the log as the sender, and once to whoever waits
+    /// for it. Here, since the lines name this room, and the sender as their object.
+    void report() INFRA_REQUIRES(CORE_MUTEX);
 
     /// Counts the rest of a half-written packet as written, and copies it. Results as
     /// CMediaStreamSender::GetTailPacket.
@@ -44,6 +48,7 @@ private:
         m_end = end;
         return Progress::OVER;
     }
+    void tell(const char* name, const char* format, const char* where) INFRA_REQUIRES(CORE_MUTEX);
     CFrame* next_frame(CFrame* frame) INFRA_REQUIRES(CORE_MUTEX);
     bool is_for_it(const CFrame& frame) INFRA_REQUIRES(CORE_MUTEX);
 

@@ -9,16 +9,11 @@
 
 namespace Orvex::Reticor {
 
-// What the analysis cannot see in these three: the mutex is entered in one and left in another.
+// What the analysis cannot see in these: the mutex is entered in one and left in another.
 
 bool MediaStep::begin(MediaCore& core) INFRA_NO_THREAD_SAFETY_ANALYSIS {
     TargetStepMark::enter();
-    if (core.m_stepping) {
-        return false;
-    }
-    core.m_stepping = true;
-    core.m_now_us = 0;
-    return true;
+    return core.begin_step();
 }
 
 MediaStep::MediaStep(std::shared_ptr<MediaCore> core) INFRA_NO_THREAD_SAFETY_ANALYSIS
@@ -33,12 +28,7 @@ MediaStep::MediaStep(std::shared_ptr<MediaCore> core, Entered) INFRA_NO_THREAD_S
 MediaStep::~MediaStep() INFRA_NO_THREAD_SAFETY_ANALYSIS {
     std::vector<CNetHandler*> gone;
     if (m_outermost) {
-        // Taking one off can run call-backs that take off others.
-        while (std::exchange(m_core->m_some_leave, false) && m_core->m_end != nullptr) {
-            m_core->m_end->drop_leaving();
-        }
-        gone.swap(m_core->m_gone);
-        m_core->m_stepping = false;
+        m_core->end_step(gone);
     }
     m_core->m_mutex.leave();
     TargetStepMark::leave();

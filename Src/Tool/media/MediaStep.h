@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include <Infra/LockClasses.h>
@@ -33,7 +34,8 @@ protected:
 };
 
 /// The part of a buffer's state that its senders share, so that a sender can look after its own cursor when
-/// the buffer has gone. All fields are guarded by m_mutex, and so is what the senders' cursors touch.
+/// the buffer has gone. All fields are guarded by m_mutex, and so is what the senders' cursors touch. Nobody
+/// but its own operations writes them.
 struct MediaCore {
     /// Before it comes the list's lock of the shared timer, after it the senders' m_other_mutex.
     Infra::CMutex m_mutex{Infra::LockClass::MEDIA_CORE};
@@ -45,10 +47,45 @@ struct MediaCore {
     StepEnd_IF* m_end INFRA_GUARDED_BY(CORE_MUTEX) = nullptr;
     /// Senders that were taken off the list; their references are still to be dropped.
     std::vector<CNetHandler*> m_gone INFRA_GUARDED_BY(CORE_MUTEX);
-    /// The stream position of the end of the newest frame. FrameLine moves it.
+    /// The stream position of the end of the newest frame. FrameLine has it moved.
     uint64_t m_byte_total INFRA_GUARDED_BY(CORE_MUTEX) = 0;
     /// This step's reading of the clock; 0: not read yet.
     uint64_t m_now_us INFRA_GUARDED_BY(CORE_MUTEX) = 0;
+
+    /// The buffer is there, and senders come to it.
+    void open(StepEnd_IF& end) INFRA_REQUIRES(CORE_MUTEX) { m_end = &end; }
+    /// It goes. The core stays for as long as a sender knows it.
+    void close() INFRA_REQUIRES(CORE_MUTEX) { m_end = nullptr; }
+
+    /// An operation that runs call-backs begins. False if one is in progress, of which it is a part then.
+    bool begin_step() INFRA_REQUIRES(CORE_MUTEX) {
+        if (m_stepping) {
+            return false;
+        }
+        m_stepping = true;
+        m_now_us = 0;
+        return true;
+    }
+    /// The outermost operation ends: takes off what call-backs have taken off. Gives the senders that have
+    /// gone to `gone`, which is empty; their references are to be dropped when the mutex was left.
+    void end_step(std::vector<CNetHandler*>& gone) INFRA_REQUIRES(CORE_MUTEX) {
+        // Taking one off can run call-backs that take off others.
+        while (std::exchange(m_some_leave, false) && m_end != nullptr) {
+            m_end->drop_leaving();
+        }
+        gone.swap(m_gone);
+        m_stepping = false;
+    }
+    /// A call-back has taken a sender off: the end of the operation looks for it.
+    void note_leaving() INFRA_REQUIRES(CORE_MUTEX) { m_some_leave = true; }
+    /// Takes over the list's reference on a sender that is off it. Inside a step.
+    void let_go(CNetHandler& sender) INFRA_REQUIRES(CORE_MUTEX) { m_gone.push_back(&sender); }
+
+    void add_bytes(int64_t bytes) INFRA_REQUIRES(CORE_MUTEX) { m_byte_total += static_cast<uint64_t>(bytes); }
+    /// The stream begins anew, with these bytes.
+    void begin_stream(int64_t bytes) INFRA_REQUIRES(CORE_MUTEX) {
+        m_byte_total = static_cast<uint64_t>(bytes);
+    }
 
     uint64_t now() INFRA_REQUIRES(CORE_MUTEX) {
         if (m_now_us == 0) {

@@ -13,12 +13,6 @@
 
 namespace Orvex::Reticor {
 
-namespace {
-
-constexpr uint64_t DEFAULT_INTERVAL_MS = 100;
-
-}  // namespace
-
 Infra::CMutex CSenderHandler::m_list_mutex{Infra::LockClass::SENDER_LIST};
 bool CSenderHandler::m_started = false;
 bool CSenderHandler::m_suspended = false;

@@ -26,6 +26,8 @@ protected:
 /// Locks: the list's lock is held over a whole sweep, and taken before any lock of a target.
 class CSenderHandler : public CNetHandler {
 public:
+    static constexpr uint64_t DEFAULT_INTERVAL_MS = 100;
+
     CSenderHandler();
     explicit CSenderHandler(uint64_t interval);
 

@@ -5,6 +5,7 @@
 #include <cassert>
 #include <cstddef>
 #include <cstring>
+#include <new>
 #include <utility>
 
 #include <Infra/HeldLocks.h>
@@ -227,6 +228,35 @@ void SenderRecord::forget_order() {
 
 // Settings.
 
+void SenderRecord::attach(CSock* stream) {
+    Infra::relaxedStore(m_stream, stream);
+}
+
+CSock* SenderRecord::detach() {
+    return __atomic_exchange_n(&m_stream, nullptr, __ATOMIC_RELAXED);
+}
+
+void SenderRecord::wait_failure(long id) {
+    Infra::relaxedStore(m_exception_id, id);
+}
+
+long SenderRecord::take_failure_waiter() {
+    return __atomic_exchange_n(&m_exception_id, 0, __ATOMIC_RELAXED);
+}
+
+void SenderRecord::wait_skip(long id, unsigned msg) {
+    Infra::relaxedStore(m_skip_msg, msg);
+    Infra::relaxedStore(m_skip_id, id);
+}
+
+void SenderRecord::set_send_timeout(unsigned seconds) {
+    Infra::relaxedStore(m_send_timeout, seconds);
+}
+
+void SenderRecord::set_max_lag(unsigned max_lag_ms) {
+    Infra::relaxedStore(m_max_lag_us, uint64_t{max_lag_ms} * 1000);
+}
+
 void SenderRecord::choose_channel(int channel) {
     uint8_t mask = ALL_CHANNELS;
     if (channel >= 0) {
@@ -242,7 +272,17 @@ void SenderRecord::give_up_channel(int channel) {
     Infra::relaxedStore(m_channel_mask, mask & ~(1U << channel));
 }
 
-void SenderRecord::set_procedure(Infra::TFunction3<void, CMediaPacket*, int, int>* proc) {
+bool SenderRecord::set_procedure(const Infra::TFunction3<void, CMediaPacket*, int, int>& proc) {
+    auto* const copy = new (std::nothrow) Infra::TFunction3<void, CMediaPacket*, int, int>(proc);
+    change_procedure(copy);
+    return copy != nullptr;
+}
+
+void SenderRecord::drop_procedure() {
+    change_procedure(nullptr);
+}
+
+void SenderRecord::change_procedure(Infra::TFunction3<void, CMediaPacket*, int, int>* proc) {
     Infra::CGuard guard(m_other_mutex);
     delete m_send_proc;
     Infra::relaxedStore(m_send_proc, proc);
@@ -390,7 +430,7 @@ void SenderRecord::come_to_list(MediaCore& list, SenderRecord* next) {
 
 void SenderRecord::leave_list() {
     m_next = nullptr;
-    m_list->m_gone.push_back(m_owner);
+    m_list->let_go(*m_owner);
     m_list = nullptr;
     m_leaving = false;
     uncount();

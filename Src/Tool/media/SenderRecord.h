@@ -121,8 +121,16 @@ struct SenderRecord : SenderHotState {
         }
     }
 
-    // Settings, from any thread without a lock.
+    // Settings, from any thread without a lock. Results and units as of the sender's operations.
 
+    void attach(CSock* stream);
+    CSock* detach();
+    void wait_failure(long id);
+    /// Whom to tell of a failure, once: whoever wants to know more asks again. 0 is nobody.
+    long take_failure_waiter();
+    void wait_skip(long id, unsigned msg);
+    void set_send_timeout(unsigned seconds);
+    void set_max_lag(unsigned max_lag_ms);
     uint64_t max_lag_us() const { return Infra::relaxedLoad(m_max_lag_us); }
     bool has_policy() const { return max_lag_us() != 0; }
     void choose_channel(int channel);
@@ -263,8 +271,9 @@ struct SenderRecord : SenderHotState {
 
     // The rest.
 
-    /// Takes `proc`, which may be null, in place of the one before. The record deletes it.
-    void set_procedure(Infra::TFunction3<void, CMediaPacket*, int, int>* proc);
+    /// Takes a copy of `proc` in place of the one before. False, and there is none, without memory.
+    bool set_procedure(const Infra::TFunction3<void, CMediaPacket*, int, int>& proc);
+    void drop_procedure();
     MediaSenderStats stats() INFRA_REQUIRES(CORE_MUTEX);
     /// A message from the sender.
     void notify(long id, unsigned msg, long attach) { m_owner->Notify(id, msg, attach); }
@@ -291,6 +300,7 @@ private:
             call_procedure();
         }
     }
+    void change_procedure(Infra::TFunction3<void, CMediaPacket*, int, int>* proc);
     void count_gap(Course& course) INFRA_REQUIRES(CORE_MUTEX);
     void pass_written(uint64_t written) INFRA_REQUIRES(CORE_MUTEX);
     void call_procedure() INFRA_REQUIRES(CORE_MUTEX);

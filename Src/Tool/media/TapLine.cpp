@@ -43,15 +43,15 @@ TapRegistry& tap_registry() {
 TapLine::Added TapLine::add(CLevel2Buffer_IF& tap) {
     for (const CLevel2Buffer_IF* entry = m_first; entry != nullptr; entry = entry->m_next) {
         if (entry == &tap) {
-            return Added::HERE_ALREADY;
+            return {true, true};
         }
     }
     if (!tap_registry().enter(&tap)) {
-        return Added::ELSEWHERE;
+        return {false, false};
     }
     tap.m_next = m_first;
     m_first = &tap;
-    return Added::YES;
+    return {true, false};
 }
 
 void TapLine::remove(const CLevel2Buffer_IF* tap) {

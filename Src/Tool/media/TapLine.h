@@ -11,7 +11,11 @@ namespace Orvex::Reticor {
 /// place here.
 class TapLine {
 public:
-    enum class Added { YES, HERE_ALREADY, ELSEWHERE };
+    /// What came of adding a tap.
+    struct Added {
+        bool entered;       ///< False: it is on another buffer's list.
+        bool here_already;  ///< It was on this one before.
+    };
 
     TapLine() = default;
     TapLine(const TapLine&) = delete;
@@ -29,8 +33,8 @@ public:
 
 private:
     CLevel2Buffer_IF* m_first INFRA_GUARDED_BY(CORE_MUTEX) = nullptr;
-    CLevel2Buffer_IF* m_walk_next INFRA_GUARDED_BY(CORE_MUTEX) =
-        nullptr;  ///< The walk in progress comes to it next.
+    /// The walk in progress comes to it next.
+    CLevel2Buffer_IF* m_walk_next INFRA_GUARDED_BY(CORE_MUTEX) = nullptr;
 };
 
 }  // namespace Orvex::Reticor

@@ -1,5 +1,5 @@
 // CMediaStreamSender: one client's way through the frames.
-#include "Tool/media/MediaStreamSender.h"
+#include <Reticor/MediaStreamSender.h>
 
 #include <Reticor/SimulatorStream.h>
 #include <Reticor/SockAddrIPv4.h>
