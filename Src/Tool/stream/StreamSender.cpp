@@ -1,11 +1,9 @@
-// CStreamSender: the operations. The chain of blocks is in StreamSenderState.cpp.
+// CStreamSender: its operations, each under the mutex of its state, and its lines.
 #include <Reticor/StreamSender.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cassert>
 #include <cstdint>
-#include <new>
 
 #include <Infra/Log.h>
 #include <Infra/Mutex.h>
@@ -86,10 +84,7 @@ CStreamSender::~CStreamSender() {
 
 int CStreamSender::Attach(CNetHandler* owner, CSock* stream) {
     Infra::CGuard guard(m_state->m_mutex);
-    m_state->m_owner = owner;
-    m_state->m_owner_id = owner != nullptr ? owner->GetID() : 0;
-    m_state->m_stream = stream;
-    m_state->m_stream_type = stream != nullptr ? stream->GetType() : SOCK_TYPE_UNKNOWN;
+    m_state->attach(owner, stream);
     return 0;
 }
 
@@ -120,31 +115,16 @@ int CStreamSender::Put(const char* buf, unsigned int len) {
     Infra::CGuard guard(m_state->m_mutex);
     CSock* const m_stream = m_state->m_stream;
     assert(m_stream != NULL);
-    if (m_state->m_data_len != 0) {
-        // What came earlier goes first.
-        const bool fits = m_state->bufferSize() - m_state->m_data_len >= len;
-        return fits && m_state->put_buffer(buf, len, 0) ? 0 : -1;
-    }
-    const int result = m_state->send(buf, len);
-    if (result == -1) {
+    const PutEnd end = m_state->put(buf, len);
+    if (end == PutEnd::FAILED) {
         report_exception(*this, *m_state, m_stream->GetHandle());
-        return -1;
-    }
-    const auto sent = static_cast<uint32_t>(result);
-    if (sent >= len) {
-        return 0;
-    }
-    if (!m_state->put_buffer(buf, len, sent)) {
-        if (sent != 0) {  // The other side waits for the rest of this, which is lost.
-            report_exception(*this, *m_state, m_stream->GetHandle());
+    } else if (end == PutEnd::BEGINS_WAIT) {
+        owner = PoolTable::FindHandler(m_state->m_owner_id);
+        if (owner) {
+            OwnerDoor::Register(*owner.get(), *m_stream, SOCK_WRITE, 0);
         }
-        return -1;
     }
-    owner = PoolTable::FindHandler(m_state->m_owner_id);
-    if (owner) {
-        OwnerDoor::Register(*owner.get(), *m_stream, SOCK_WRITE, 0);
-    }
-    return 0;
+    return end == PutEnd::FAILED || end == PutEnd::REFUSED ? -1 : 0;
 }
 
 int CStreamSender::SetBufferSize(unsigned int blocks) {
@@ -175,9 +155,7 @@ int CStreamSender::Clear() {
 
 void CStreamSender::WaitBufferSize(long id, unsigned int size) {
     Infra::CGuard guard(m_state->m_mutex);
-    try {
-        m_state->m_wait_size[id] = static_cast<int>(size);
-    } catch (const std::bad_alloc&) {
+    if (!m_state->wait_room(id, static_cast<int>(size))) {
         INFRA_LOG(2, "%s no memory for waiter:%ld!\n", INFRA_FUNCTION, id);
     }
     m_state->check_buffer_free(*this);
@@ -185,20 +163,15 @@ void CStreamSender::WaitBufferSize(long id, unsigned int size) {
 
 void CStreamSender::WaitSendFinish(long id) {
     Infra::CGuard guard(m_state->m_mutex);
-    std::list<long>& waiting = m_state->m_wait_finish;
-    if (std::find(waiting.begin(), waiting.end(), id) == waiting.end()) {
-        try {
-            waiting.push_back(id);
-        } catch (const std::bad_alloc&) {
-            INFRA_LOG(2, "%s no memory for waiter:%ld!\n", INFRA_FUNCTION, id);
-        }
+    if (!m_state->wait_end(id)) {
+        INFRA_LOG(2, "%s no memory for waiter:%ld!\n", INFRA_FUNCTION, id);
     }
     m_state->check_buffer_free(*this);
 }
 
 void CStreamSender::WaitException(long id) {
     Infra::CGuard guard(m_state->m_mutex);
-    m_state->m_exception_id = id;
+    m_state->wait_failure(id);
 }
 
 int CStreamSender::handle_output(int handle) {
@@ -212,18 +185,12 @@ int CStreamSender::handle_output(int handle) {
         return -1;
     }
     assert(handle == m_stream->GetHandle());
-    if (m_state->m_data_len != 0) {
-        const int sent = m_state->write_v(m_state->gather());
-        if (sent < 0) {
-            owner = PoolTable::FindHandler(m_state->m_owner_id);
-            if (owner) {
-                OwnerDoor::Remove(*owner.get(), *m_stream);
-            }
-            report_exception(*this, *m_state, m_stream->GetHandle());
-        } else if (sent > 0) {
-            m_state->del_buffer_header(static_cast<uint32_t>(sent));
-            m_state->check_buffer_free(*this);
+    if (!m_state->drain(*this)) {
+        owner = PoolTable::FindHandler(m_state->m_owner_id);
+        if (owner) {
+            OwnerDoor::Remove(*owner.get(), *m_stream);
         }
+        report_exception(*this, *m_state, m_stream->GetHandle());
     }
     if (m_state->m_data_len == 0) {
         owner = PoolTable::FindHandler(m_state->m_owner_id);

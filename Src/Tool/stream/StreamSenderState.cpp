@@ -1,12 +1,16 @@
-// The chain of blocks of a CStreamSender, and its writes.
+// StreamSenderState: the chain of blocks, what is written from it, and who waits for what.
 #include "Tool/stream/StreamSenderState.h"
 
+#include <algorithm>
 #include <cassert>
 #include <cstring>
 #include <new>
 #include <utility>
 
+#include <Reticor/NetHandler.h>
 #include <Reticor/StreamSender.h>
+
+#include "Socket/socket/SocketWriter.h"
 
 namespace Orvex::Reticor {
 
@@ -14,19 +18,57 @@ StreamSenderState::StreamSenderState() : m_iovec(new iovec[m_buf_num + 1]) {}
 
 StreamSenderState::~StreamSenderState() = default;
 
-SocketWriter StreamSenderState::writer() {
-    if (!SocketWriter::is_byte_stream(m_stream_type)) {
-        assert(0);
+void StreamSenderState::attach(CNetHandler* owner, CSock* stream) {
+    m_owner = owner;
+    m_owner_id = owner != nullptr ? owner->GetID() : 0;
+    m_stream = stream;
+    m_stream_type = stream != nullptr ? stream->GetType() : SOCK_TYPE_UNKNOWN;
+}
+
+PutEnd StreamSenderState::put(const char* buf, uint32_t len) {
+    if (m_data_len != 0) {
+        // What came earlier goes first.
+        const bool fits = bufferSize() - m_data_len >= len;
+        return fits && put_buffer(buf, len, 0) ? PutEnd::TAKEN : PutEnd::REFUSED;
     }
-    return SocketWriter(*m_stream, m_stream_type);
+    const int result = send(buf, len);
+    if (result == -1) {
+        return PutEnd::FAILED;
+    }
+    const auto sent = static_cast<uint32_t>(result);
+    if (sent >= len) {
+        return PutEnd::TAKEN;
+    }
+    if (!put_buffer(buf, len, sent)) {
+        return sent != 0 ? PutEnd::FAILED : PutEnd::REFUSED;  // The other side waits for a rest that is lost.
+    }
+    return PutEnd::BEGINS_WAIT;
+}
+
+bool StreamSenderState::drain(CStreamSender& sender) {
+    if (m_data_len == 0) {
+        return true;
+    }
+    const int sent = write_v(gather());
+    if (sent > 0) {
+        del_buffer_header(static_cast<uint32_t>(sent));
+        check_buffer_free(sender);
+    }
+    return sent >= 0;
 }
 
 int StreamSenderState::send(const char* buf, uint32_t len) {
-    return writer().send(buf, len);
+    if (!SocketWriter::is_byte_stream(m_stream_type)) {
+        assert(0);
+    }
+    return SocketWriter(*m_stream, m_stream_type).send(buf, len);
 }
 
 int StreamSenderState::write_v(uint32_t count) {
-    return writer().write_v(m_iovec.get(), static_cast<int>(count));
+    if (!SocketWriter::is_byte_stream(m_stream_type)) {
+        assert(0);
+    }
+    return SocketWriter(*m_stream, m_stream_type).write_v(m_iovec.get(), static_cast<int>(count));
 }
 
 // Null if there is no memory.
@@ -142,12 +184,32 @@ void StreamSenderState::recycle_head() {
 }
 
 bool StreamSenderState::grow(uint32_t blocks) {
-    std::unique_ptr<iovec[]> longer(new (std::nothrow) iovec[std::size_t{blocks} + 1]);
+    std::unique_ptr<iovec[]> longer(new (std::nothrow) iovec[size_t{blocks} + 1]);
     if (longer == nullptr) {
         return false;
     }
     m_iovec = std::move(longer);
     Infra::relaxedStore(m_buf_num, blocks);
+    return true;
+}
+
+bool StreamSenderState::wait_room(long id, int size) {
+    try {
+        m_wait_size[id] = size;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    return true;
+}
+
+bool StreamSenderState::wait_end(long id) {
+    if (std::find(m_wait_finish.begin(), m_wait_finish.end(), id) == m_wait_finish.end()) {
+        try {
+            m_wait_finish.push_back(id);
+        } catch (const std::bad_alloc&) {
+            return false;
+        }
+    }
     return true;
 }
 

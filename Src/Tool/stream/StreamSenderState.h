@@ -14,8 +14,6 @@
 #include <Infra/Mutex.h>
 #include <Reticor/Sock.h>
 
-#include "Socket/socket/SocketWriter.h"
-
 namespace Orvex::Reticor {
 
 class CNetHandler;
@@ -38,7 +36,16 @@ struct SSendBuf {
     void reset() { m_read = m_write = m_data; }
 };
 
-/// Thread safety: the caller holds m_mutex for all but bufferSize().
+/// What came of bytes that were put.
+enum class PutEnd {
+    TAKEN,        ///< The socket took them, or they wait after earlier ones.
+    BEGINS_WAIT,  ///< Some wait, and nothing waited before: the socket is to be watched.
+    REFUSED,      ///< Not a byte was taken: there is no room or no memory.
+    FAILED,       ///< The socket failed, or a part went out whose rest is lost.
+};
+
+/// Thread safety: the caller holds m_mutex for all but bufferSize() and socket(). Nobody but its own
+/// operations writes the members.
 ///
 /// Invariants: the blocks between m_head and m_tail are full and untouched; only the head can be partly read,
 /// only the tail partly written. m_data_len is what all of them hold together. Blocks after the tail are
@@ -53,9 +60,15 @@ struct StreamSenderState {
     /// The capacity in bytes. Takes no lock. 64 bits, since the capacity in blocks has 32.
     uint64_t bufferSize() const { return uint64_t{Infra::relaxedLoad(m_buf_num)} << SEND_BUF_SHIFT; }
 
-    /// One write to the socket, by its type; results as CSockStream::Send and WriteV.
-    int send(const char* buf, uint32_t len) INFRA_REQUIRES(m_mutex);
-    int write_v(uint32_t count) INFRA_REQUIRES(m_mutex);
+    /// The owner and the socket from now on; either may be null.
+    void attach(CNetHandler* owner, CSock* stream) INFRA_REQUIRES(m_mutex);
+
+    /// Writes or keeps all of the bytes, or none, in the order in which they are put. There must be a socket.
+    PutEnd put(const char* buf, uint32_t len) INFRA_REQUIRES(m_mutex);
+
+    /// Writes as much of what waits as the socket takes, in one write, and tells waiters. False if the socket
+    /// failed. There must be a socket.
+    bool drain(CStreamSender& sender) INFRA_REQUIRES(m_mutex);
 
     /// Appends `buf` without its first `already_sent` bytes. False, and nothing was appended, if there is no
     /// memory.
@@ -69,6 +82,11 @@ struct StreamSenderState {
 
     /// Raises the capacity. False if there is no memory for the longer list.
     bool grow(uint32_t blocks) INFRA_REQUIRES(m_mutex);
+
+    /// Notes a wish to be told of room or of the end. False if there is no memory for it.
+    bool wait_room(long id, int size) INFRA_REQUIRES(m_mutex);
+    bool wait_end(long id) INFRA_REQUIRES(m_mutex);
+    void wait_failure(long id) INFRA_REQUIRES(m_mutex) { m_exception_id = id; }
 
     /// Tells every waiter whose wish is fulfilled, as a message from `sender`.
     void check_buffer_free(CStreamSender& sender) INFRA_REQUIRES(m_mutex);
@@ -109,7 +127,9 @@ struct StreamSenderState {
     long m_exception_id INFRA_GUARDED_BY(m_mutex) = 0;
 
 private:
-    SocketWriter writer() INFRA_REQUIRES(m_mutex);
+    /// One write to the socket, by its type; results as CSockStream::Send and WriteV.
+    int send(const char* buf, uint32_t len) INFRA_REQUIRES(m_mutex);
+    int write_v(uint32_t count) INFRA_REQUIRES(m_mutex);
     static SSendBuf* new_buffer();
     bool reserve(uint32_t len) INFRA_REQUIRES(m_mutex);
     void recycle_head() INFRA_REQUIRES(m_mutex);
