@@ -8,34 +8,7 @@
 #include "support/PoolFixture.h"
 #include "support/core/Probes.h"
 #include "support/media/MediaFixture.h"
-
-namespace Orvex::Reticor::ProbeDetail {
-
-struct RunningHandler {
-    using Type = CSenderHandler**;
-    friend Type stateOf(RunningHandler);
-};
-template struct Named<RunningHandler, &CSenderHandler::m_handler>;
-
-struct HandlerListMutex {
-    using Type = Infra::CMutex*;
-    friend Type stateOf(HandlerListMutex);
-};
-template struct Named<HandlerListMutex, &CSenderHandler::m_list_mutex>;
-
-struct HandlerInterval {
-    using Type = const uint64_t CSenderHandler::*;
-    friend Type stateOf(HandlerInterval);
-};
-template struct Named<HandlerInterval, &CSenderHandler::m_interval>;
-
-struct HandlerTimer {
-    using Type = long CSenderHandler::*;
-    friend Type stateOf(HandlerTimer);
-};
-template struct Named<HandlerTimer, &CSenderHandler::m_timer_id>;
-
-}  // namespace Orvex::Reticor::ProbeDetail
+#include "support/media/SenderHandlerProbe.h"
 
 namespace Orvex::Testing {
 
@@ -44,14 +17,13 @@ using namespace Reticor;
 namespace {
 
 CSenderHandler* running() {
-    const Infra::CGuard guard(*stateOf(ProbeDetail::HandlerListMutex{}));
-    return *stateOf(ProbeDetail::RunningHandler{});
+    return SenderHandlerProbe::running();
 }
 uint64_t intervalOf(const CSenderHandler& handler) {
-    return handler.*stateOf(ProbeDetail::HandlerInterval{});
+    return SenderHandlerProbe::interval(handler);
 }
 long timerOf(const CSenderHandler& handler) {
-    return handler.*stateOf(ProbeDetail::HandlerTimer{});
+    return SenderHandlerProbe::timer(handler);
 }
 
 struct CountingTarget : SendTarget_IF {
