@@ -6,6 +6,7 @@
 #include <cassert>
 #include <cstdint>
 #include <memory>
+#include <new>
 
 #include <Infra/LockClasses.h>
 #include <Infra/Log.h>
@@ -16,6 +17,7 @@
 #include "Core/handle/HandlerDrops.h"
 #include "Core/pool/PoolTable.h"
 #include "Core/pool/ThreadPool.h"
+#include "Core/record/EventFreeList.h"
 #include "Core/service/Message.h"
 #include "Core/service/NetSock.h"
 #include "Core/service/NetTimer.h"
@@ -82,6 +84,7 @@ private:
     CThreadPool* new_pool(int index, unsigned int threads) INFRA_REQUIRES(m_mutex);
     int set_up(unsigned int threads) INFRA_REQUIRES(m_mutex);
     int start_services() INFRA_REQUIRES(m_mutex);
+    static void stop_services();
     int start_file_threads(AfterLock& after) INFRA_REQUIRES(m_mutex);
     int check_on_init(unsigned int threads, bool file_io, AfterLock& after) INFRA_REQUIRES(m_mutex);
     CThreadPool* retire(int index, AfterLock& after) INFRA_REQUIRES(m_mutex);
@@ -100,17 +103,22 @@ int lowest_free_slot() {
     return -1;
 }
 
-/// The pool, which runs; null, with a line, if too many threads were asked for, or the system gave none of
-/// them.
+/// The pool, which runs; null, with a line, if too many threads were asked for, the system gave none of them,
+/// or there is no memory.
 CThreadPool* Library::new_pool(int index, unsigned int threads) {
     if (threads > CThreadPool::MOST_THREADS) {
         INFRA_LOG_STATIC(2, "Invalid thread num %u, a pool has %u at most!\n", threads,
                          CThreadPool::MOST_THREADS);
         return nullptr;
     }
-    auto pool = std::make_unique<CThreadPool>(index, threads, m_next_pool.priority, m_next_pool.policy,
-                                              m_next_pool.stack, &CThreadPool::ThreadProc, m_cpu_num);
-    return pool->HasWorkers() ? pool.release() : nullptr;
+    try {
+        auto pool = std::make_unique<CThreadPool>(index, threads, m_next_pool.priority, m_next_pool.policy,
+                                                  m_next_pool.stack, &CThreadPool::ThreadProc, m_cpu_num);
+        return pool->HasWorkers() ? pool.release() : nullptr;
+    } catch (const std::bad_alloc&) {
+        INFRA_LOG_STATIC(2, "No memory for pool %d!\n", index);
+        return nullptr;
+    }
 }
 
 /// What all pools share. On failure nothing of it is left.
@@ -125,8 +133,21 @@ int Library::start_services() {
         CleanupSocketLibrary();
         return -1;
     }
-    ReceiverGroup::Setup(m_cpu_num, m_receivers.priority, m_receivers.policy, m_receivers.stack);
+    if (ReceiverGroup::Setup(m_cpu_num, m_receivers.priority, m_receivers.policy, m_receivers.stack) != 0) {
+        INFRA_LOG_STATIC(2, "CNetThread::check_on_init, no memory for the stream receivers!\n");
+        stop_services();
+        return -1;
+    }
+    fillEventReserve();
     return 0;
+}
+
+void Library::stop_services() {
+    ReceiverGroup::Teardown();
+    CNetTimer::Exit();
+    StopSockTimer();
+    CTsMemory::DestroyMemPool();
+    CleanupSocketLibrary();
 }
 
 int Library::set_up(unsigned int threads) {
@@ -137,11 +158,7 @@ int Library::set_up(unsigned int threads) {
     }
     CThreadPool* pool = new_pool(0, threads);
     if (pool == nullptr) {
-        ReceiverGroup::Teardown();
-        CNetTimer::Exit();
-        StopSockTimer();
-        CTsMemory::DestroyMemPool();
-        CleanupSocketLibrary();
+        stop_services();
         return -1;
     }
     PoolTable::Set(0, pool);

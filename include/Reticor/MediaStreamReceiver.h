@@ -43,7 +43,8 @@ constexpr unsigned int MEDIA_RECEIVER_ENDED = 5;   ///< The receiver will make n
 /// they run: they may call every operation of their own object, but neither create nor destroy a pool.
 class RETICOR_API CMediaStreamReceiver : public CNetHandler {
 public:
-    /// A stopped receiver in receiver_active mode. The public pool must exist.
+    /// A stopped receiver in receiver_active mode. The public pool must exist. Without memory there is a line
+    /// at level 2, and StartReceive gives -1.
     CMediaStreamReceiver();
     ~CMediaStreamReceiver() override;
 
@@ -66,9 +67,10 @@ public:
     /// that far ahead of real time. It counts only with a `speed` of exactly 1.0. `speed` is the rate of
     /// play: 2.0 is twice as fast. With a speed of 0 or one that is not a number every unit is due at once.
     ///
-    /// Failures are logged at level 2: no thread could be started, or the receiver runs already, is closed,
-    /// or the library is down. Blocks while the thread that is taken ends an earlier run, some milliseconds.
-    void StartReceive(long long start_offset, float speed);
+    /// Result: 0; -1, with a line at level 2, if no thread could be started, the receiver runs already or is
+    /// closed, the library is down, or there is no memory. After -1 for want of a thread it may be called
+    /// again. Blocks while the thread that is taken ends an earlier run, some milliseconds.
+    int StartReceive(long long start_offset, float speed);
 
     /// Ends the calls until the next StartReceive. A callback that runs goes on. Logs at level 2 if the
     /// receiver does not run.

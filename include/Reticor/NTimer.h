@@ -44,13 +44,14 @@ struct NTimerEventInternal;
 ///    other. A handler itself may push on its own timer; what it pushes is called from the next tick on.
 class RETICOR_API CNTimer : public CNetHandler {
 public:
-    /// A new timer, which ticks from now on every `period` microseconds. Null if there is no memory for it.
-    /// The caller ends it by `Close` and never deletes it.
+    /// A new timer, which ticks from now on every `period` microseconds. Null, with a line at level 2, if
+    /// there is no memory for it. The caller ends it by `Close` and never deletes it.
     static CNTimer* Create(long long period);
 
-    /// Appends `ev`, which was not pushed before, and makes it ready to be started. Always 0. Pushing an
-    /// event again is logged at level 2, and an assertion ends the process. The timer must not have been
-    /// closed, unless the caller holds a reference on it. Never push an event that was closed.
+    /// Appends `ev`, which was not pushed before, and makes it ready to be started. 0; -1 if there was no
+    /// memory for `ev` when it was made. Pushing an event again is logged at level 2, and an assertion ends
+    /// the process. The timer must not have been closed, unless the caller holds a reference on it. Never
+    /// push an event that was closed.
     int PushTimerEvent(CNTimerEvent* ev);
 
     /// Ends the timer. Does not wait. When the last call has returned the timer closes the events that are
@@ -82,7 +83,8 @@ private:
 /// from another thread and wait for it.
 class RETICOR_API CNTimerEvent : public CNetHandler {
 public:
-    /// An event of the public pool, which must exist.
+    /// An event of the public pool, which must exist. Without memory there is a line at level 2, it cannot be
+    /// pushed, and it is to be closed as any other.
     CNTimerEvent();
     ~CNTimerEvent() override;
 

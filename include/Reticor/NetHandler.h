@@ -43,6 +43,9 @@ constexpr unsigned int SOCK_EXCEPT = 4;  ///< Out-of-band data.
 /// overlap, nor do those for one timer, but a socket, a timer and any number of messages can be served at the
 /// same time on different workers. A derived class guards its own state.
 ///
+/// Without memory nothing is thrown: what has a result gives -1 with a line at level 2, and a message is
+/// dropped.
+///
 /// No `handle_*` override may create or destroy a pool, nor call `CNetThread::EnableR3`, `DisableR3`,
 /// `TraversalSock` or wait for somebody who does: destroying a pool waits for its workers.
 class RETICOR_API CNetHandler {
@@ -51,7 +54,9 @@ public:
     CNetHandler();
 
     /// A handler of the pool with that index (0 is the public one). The pool must exist: otherwise a line is
-    /// logged at level 1 and an assertion ends the process.
+    /// logged at level 1 and an assertion ends the process. Without memory there is a line at level 2, and
+    /// the handler is closed from the start: its id is 0, nobody finds it, `RegisterSock` and `SetTimer` give
+    /// -1, and its first `Close` calls `handle_close` there and then, whatever references are out.
     explicit CNetHandler(int pool);
 
     /// Called by `delete` in `handle_close`. Asserts that `Close` was called. Logs at level 2 if sockets are
@@ -114,8 +119,9 @@ public:
     void AddSock();
     void DecSock();
 
-    /// The object's id: negative, never 0, unique among what is open. Safe to keep for any time: an id of a
-    /// closed handler finds nothing, also when its pool has ended and another one has come in its place.
+    /// The object's id: negative, and 0 only without memory for the object; unique among what is open. Safe
+    /// to keep for any time: an id of a closed handler finds nothing, also when its pool has ended and
+    /// another one has come in its place.
     long GetID();
 
     /// The receiver of the short `Notify`, `NotifySerial` and `NotifyIO` forms. 0, as it is at the start, is
@@ -152,7 +158,7 @@ protected:
 
     /// Arms a timer: `handle_timeout` after `us` microseconds, 3000 at least and 24 hours at most, with a
     /// resolution of about 5 ms. What repeats it is the result of `handle_timeout`. Result: the timer's id,
-    /// or -1 if this handler is closed.
+    /// or -1 if this handler is closed, or there is no memory; the latter with a line at level 2.
     long SetTimer(int64_t us);
 
     /// Ends a timer that is waiting. One that is on its way or running is not found: end it by a negative
@@ -160,8 +166,9 @@ protected:
     void DestroyTimer(long id);
 
     /// Posts a message to the handler with id `receiver`, with this one as sender. Returns at once, never
-    /// fails towards the sender; a receiver that is gone drops the message without a trace. `attach` is an
-    /// opaque number; what it may point to is between sender and receiver.
+    /// fails towards the sender; a receiver that is gone drops the message without a trace. One for which
+    /// there is no memory is dropped too, with a line at level 2 that counts them, once a second. `attach` is
+    /// an opaque number; what it may point to is between sender and receiver.
     ///
     /// `Notify`: any worker of the receiver's pool; started in order, but two messages can run side by side.
     /// `NotifySerial`: strictly one after the other for the whole pool. `reserved` is not used. Do not rely

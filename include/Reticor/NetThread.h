@@ -43,13 +43,13 @@ public:
     /// file workers per processor, for `CNFile` and `NotifyIO`, if no call of the process has done so yet:
     /// they serve all pools, live until the library goes down, and do not come again when it is started anew.
     /// Blocks for the start of the threads. Result: 0; -1, with a line at level 2, if the library cannot
-    /// start, or the system gives not one thread for the workers or for the files. What was begun is then
-    /// undone.
+    /// start, the system gives not one thread for the workers or for the files, or there is no memory. What
+    /// was begun is then undone.
     static int CreateThreadPool(unsigned int threads, bool file_io);
 
     /// Starts a private pool, and the library and the file workers if need be. Result: the pool's index, 1 to
     /// 63, for `CNetHandler(int)`; -1, with a line at level 2, if the library cannot start, 63 private pools
-    /// exist, or the pool has no worker, as above.
+    /// exist, the pool has no worker, or there is no memory, as above.
     static int CreatePrivatePool(unsigned int threads, bool file_io);
 
     /// Ends one use of the public pool, and with the last one (and no private pool alive) the library: blocks
@@ -86,7 +86,8 @@ public:
     /// exist, so call this before the last `DestroyThreadPool`. Result: 0, or the result of `R3ServerExit`.
     static int DisableR3();
 
-    /// Logs every registered socket of every pool at level 4. Result: the number of sockets listed.
+    /// Logs every registered socket of every pool at level 4. Result: the number of sockets listed; if memory
+    /// does not suffice for all of them, a line at level 2 says so.
     static int TraversalSock();
 
     /// How many sockets of a pool are registered for a direction in which it watches as many as it can

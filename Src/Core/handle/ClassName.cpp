@@ -4,19 +4,24 @@
 #include <cxxabi.h>
 
 #include <cstdlib>
+#include <memory>
+#include <new>
 #include <typeinfo>
 
 #include <Reticor/NetHandler.h>
 
 namespace Orvex::Reticor {
 
-std::string className(const CNetHandler& handler) {
+std::string className(const CNetHandler& handler) noexcept {
     const char* raw = typeid(handler).name();
     int status = 0;
-    char* readable = abi::__cxa_demangle(raw, nullptr, nullptr, &status);
-    std::string name = status == 0 ? readable : raw;
-    std::free(readable);
-    return name;
+    const std::unique_ptr<char, void (*)(void*)> readable(abi::__cxa_demangle(raw, nullptr, nullptr, &status),
+                                                          &std::free);
+    try {
+        return status == 0 ? readable.get() : raw;
+    } catch (const std::bad_alloc&) {
+        return std::string();
+    }
 }
 
 }  // namespace Orvex::Reticor

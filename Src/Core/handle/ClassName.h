@@ -8,6 +8,7 @@ namespace Orvex::Reticor {
 class CNetHandler;
 
 /// The readable name of the most derived class of a live handler. Allocates: for lines that are printed only.
-std::string className(const CNetHandler& handler);
+/// Empty if there is no memory.
+std::string className(const CNetHandler& handler) noexcept;
 
 }  // namespace Orvex::Reticor

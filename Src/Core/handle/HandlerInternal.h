@@ -15,6 +15,8 @@ struct ObjectEntry {
     CNetHandler* m_owner = nullptr;
 };
 
+struct CEvent;
+
 constexpr uint16_t HANDLER_OPEN = 0x0101;
 constexpr uint16_t HANDLER_CLOSED = 0x0202;
 
@@ -37,7 +39,27 @@ struct HandlerInternal {
     CNetHandler* m_drop_next = nullptr;
     bool m_drop_listed = false;
 
-    explicit HandlerInternal(CNetHandler* owner) { m_entry.m_owner = owner; }
+    /// The record of the close message: taken with the handler, since Close must not fail. The message's once
+    /// the handler is closed.
+    CEvent* const m_close_event;
+
+    HandlerInternal(const HandlerInternal&) = delete;
+    HandlerInternal& operator=(const HandlerInternal&) = delete;
+
+    /// The control block of a new handler. If there is no memory, one that all such handlers share: it is
+    /// closed from the start, and its id is 0.
+    static HandlerInternal* Create(CNetHandler* owner);
+
+    /// Ends what Create gave; whoever closed the handler has its record.
+    static void Destroy(HandlerInternal* internal);
+
+    /// The shared one.
+    static HandlerInternal* None() { return &sm_none; }
+    bool IsNone() const { return this == &sm_none || this == &sm_none_closed; }
+
+    /// The Close of a handler with the shared one, whose `internal` this is. True once for each handler: its
+    /// handle_close is to be called. False also for all other handlers.
+    static bool CloseNone(HandlerInternal*& internal);
 
     /// The control block of a handler that the caller knows alive.
     static HandlerInternal& Of(CNetHandler& handler) { return *handler.m_internal; }
@@ -52,6 +74,15 @@ struct HandlerInternal {
     /// Takes a reference if the handler is open. The reference comes first: it keeps the object alive over
     /// what the caller does, and a racing Close is seen either before or after it.
     bool EnterOpen();
+
+private:
+    HandlerInternal(CNetHandler* owner, CEvent* close_event) : m_close_event(close_event) {
+        m_entry.m_owner = owner;
+    }
+    constexpr HandlerInternal() : __m_magic(HANDLER_CLOSED), m_close_called(1), m_close_event(nullptr) {}
+
+    static HandlerInternal sm_none;         ///< Of handlers that are still to be closed.
+    static HandlerInternal sm_none_closed;  ///< Of those that were.
 };
 
 }  // namespace Orvex::Reticor

@@ -1,6 +1,8 @@
 // CObjectTable: a pool's open handlers by id.
 #include "Core/handle/ObjectTable.h"
 
+#include <new>
+
 namespace Orvex::Reticor {
 
 ObjectEntry** CObjectTable::slot(size_t place) {
@@ -8,17 +10,22 @@ ObjectEntry** CObjectTable::slot(size_t place) {
     return chunk < m_chunks.size() && m_chunks[chunk] ? &m_chunks[chunk][place % CHUNK] : nullptr;
 }
 
-void CObjectTable::Insert(ObjectEntry* entry) {
+bool CObjectTable::Insert(ObjectEntry* entry) {
     const size_t place = place_of(entry->m_id);
     Infra::CWriteGuard guard(m_lock);
-    if (place / CHUNK >= m_chunks.size()) {
-        m_chunks.resize(place / CHUNK + 1);
+    try {
+        if (place / CHUNK >= m_chunks.size()) {
+            m_chunks.resize(place / CHUNK + 1);
+        }
+        Chunk& chunk = m_chunks[place / CHUNK];
+        if (!chunk) {
+            chunk = std::make_unique<ObjectEntry*[]>(CHUNK);
+        }
+        chunk[place % CHUNK] = entry;
+    } catch (const std::bad_alloc&) {
+        return false;
     }
-    Chunk& chunk = m_chunks[place / CHUNK];
-    if (!chunk) {
-        chunk = std::make_unique<ObjectEntry*[]>(CHUNK);
-    }
-    chunk[place % CHUNK] = entry;
+    return true;
 }
 
 ObjectEntry* CObjectTable::Remove(int64_t id) {

@@ -26,8 +26,8 @@ public:
     /// `first`: the first counter of the ids that will be in the table.
     explicit CObjectTable(int64_t first) : m_first(first) {}
 
-    /// Adds an entry whose id is set.
-    void Insert(ObjectEntry* entry);
+    /// Adds an entry whose id is set. False, with the table as it was, if there is no memory.
+    bool Insert(ObjectEntry* entry);
 
     /// Takes the id out. Result: its entry, or null if it is not there.
     ObjectEntry* Remove(int64_t id);

@@ -134,10 +134,17 @@ void CThreadPool::drop_records() {
     delete zero;
 }
 
-void CThreadPool::AttachObject(ObjectEntry* entry) {
-    HandlerInternal::Of(*entry->m_owner).AddRef();
+bool CThreadPool::AttachObject(ObjectEntry* entry) {
+    HandlerInternal& internal = HandlerInternal::Of(*entry->m_owner);
+    internal.AddRef();
     entry->m_id = m_ids.Alloc();
-    m_obj_tree.Insert(entry);
+    if (m_obj_tree.Insert(entry)) {
+        return true;
+    }
+    m_ids.Release(static_cast<long>(entry->m_id));
+    entry->m_id = 0;
+    internal.m_ref.store(0, std::memory_order_relaxed);
+    return false;
 }
 
 HandlerPin CThreadPool::DetachObject(int64_t id) {
@@ -191,11 +198,13 @@ void CThreadPool::DaemonProc(Infra::CThreadLite& thread) {
             thread.setTimeout(LEASE_MS);
         }
         last = count;
-        CEvent* beat = getEvent();
-        m_heartbeat.store(beat, std::memory_order_relaxed);
-        beat->m_key = EVENT_KEY_HEARTBEAT;
-        beat->m_next = nullptr;
-        Push(beat);
+        fillEventReserve();
+        if (CEvent* beat = getEvent()) {
+            m_heartbeat.store(beat, std::memory_order_relaxed);
+            beat->m_key = EVENT_KEY_HEARTBEAT;
+            beat->m_next = nullptr;
+            Push(beat);
+        }
         thread.pause(HEARTBEAT_REST_MS);
         m_daemon_sem.pend(HEARTBEAT_WAIT_MS);
     }

@@ -52,8 +52,9 @@ public:
     /// did.
     void Stop();
 
-    /// Takes the first reference on the owner, gives it an id and makes it reachable.
-    void AttachObject(ObjectEntry* entry);
+    /// Takes the first reference on the owner, gives it an id and makes it reachable. False, with nothing of
+    /// it done, if there is no memory.
+    bool AttachObject(ObjectEntry* entry);
 
     /// Makes the handler with that id unreachable and gives the id back. Result: the first reference, which
     /// the caller drops with no lock held; empty for an id that is detached already, since a handler can be

@@ -3,6 +3,7 @@
 
 #include <cassert>
 
+#include <Infra/HeldLocks.h>
 #include <Infra/Log.h>
 #include <Reticor/Sock.h>
 #include <Reticor/TsMemory.h>
@@ -18,9 +19,15 @@ namespace Orvex::Reticor {
 
 CNetHandler::CNetHandler() : CNetHandler(0) {}
 
-CNetHandler::CNetHandler(int pool) : m_internal(new HandlerInternal(this)) {
+CNetHandler::CNetHandler(int pool) : m_internal(HandlerInternal::Create(this)) {
     if (const PoolLease found{pool}) {
-        found->AttachObject(&m_internal->m_entry);
+        if (!m_internal->IsNone() && !found->AttachObject(&m_internal->m_entry)) {
+            HandlerInternal::Destroy(m_internal);
+            m_internal = HandlerInternal::None();
+        }
+        if (m_internal->IsNone()) {
+            INFRA_LOG(2, "no memory for a handler of pool %d!\n", pool);
+        }
         return;
     }
     // The name of the operation in the line is part of the interface.
@@ -41,15 +48,19 @@ CNetHandler::~CNetHandler() {
                   "obj!\n",
                   static_cast<void*>(this));
     }
-    delete m_internal;
+    HandlerInternal::Destroy(m_internal);
     m_internal = nullptr;
 }
 
 void CNetHandler::Close() {
     const long id = GetID();
+    CEvent* const message = m_internal->m_close_event;
     if (m_internal->__m_magic.exchange(HANDLER_CLOSED, std::memory_order_acq_rel) == HANDLER_OPEN) {
-        CMessage::NotifyClose(id, this);
+        CMessage::NotifyClose(message, id, this);
         // From here on the object may be gone.
+    } else if (message == nullptr && HandlerInternal::CloseNone(m_internal)) {
+        INFRA_PROMISE(HANDLER);
+        handle_close(this);
     }
 }
 
@@ -117,7 +128,9 @@ void CNetHandler::DestroyTimer(long id) {
 }
 
 void CNetHandler::SetDefaultRcer(long id) {
-    m_internal->m_default_rcer.store(id, std::memory_order_relaxed);
+    if (!m_internal->IsNone()) {
+        m_internal->m_default_rcer.store(id, std::memory_order_relaxed);
+    }
 }
 
 void CNetHandler::Notify(long receiver, unsigned int msg, long attach) {

@@ -2,6 +2,7 @@
 // what stands on pools. Their log lines and assertions name this file and that class, which is part of the
 // interface, so they are members of CThreadPool here; all its other members are in ThreadPool.cpp.
 #include <cassert>
+#include <new>
 #include <utility>
 #include <vector>
 
@@ -109,9 +110,17 @@ int CThreadPool::TraversalSock() {
     // The owners are pinned under the tree's lock and let go after it: the last reference may be ours, and
     // handle_close runs with no lock held.
     std::vector<ListedSocket> listed;
+    bool complete = true;
     m_sock_tree.ReadLock();
-    list_sockets(m_sock_tree.root(), m_obj_tree, listed);
+    try {
+        list_sockets(m_sock_tree.root(), m_obj_tree, listed);
+    } catch (const std::bad_alloc&) {
+        complete = false;
+    }
     m_sock_tree.Unlock();
+    if (!complete) {
+        INFRA_LOG_STATIC(2, "CThreadPool::Traversal, no memory for all sockets of pool %d!\n", m_index);
+    }
     for (const ListedSocket& sock : listed) {
         INFRA_LOG_STATIC(4, "CThreadPool::Traversal, sock fd: %jd, owner: %p, owner type:%s \n",
                          static_cast<intmax_t>(sock.key), static_cast<void*>(sock.owner.get()),

@@ -1,6 +1,11 @@
 // CEventFreeList, and the stock of each thread in front of it.
 #include "Core/record/EventFreeList.h"
 
+#include <atomic>
+#include <new>
+
+#include <Infra/Forever.h>
+
 namespace Orvex::Reticor {
 
 CEventFreeList::~CEventFreeList() {
@@ -14,7 +19,7 @@ CEventFreeList::~CEventFreeList() {
 
 CEvent* CEventFreeList::Get() {
     CEvent* ev = GetBatch(1);
-    return ev != nullptr ? ev : new CEvent;
+    return ev != nullptr ? ev : new (std::nothrow) CEvent;
 }
 
 CEvent* CEventFreeList::GetBatch(int most) {
@@ -47,8 +52,22 @@ namespace {
 
 /// Never destroyed: threads of the library may still run while static objects are.
 CEventFreeList& freeList() {
-    static CEventFreeList& list = *new CEventFreeList;
+    static Infra::Forever<CEventFreeList> room;
+    static CEventFreeList& list = room.make();
     return list;
+}
+
+/// What the library's own threads go on with while there is no memory.
+struct Reserve {
+    static constexpr int SIZE = 256;
+    CEventFreeList list;
+    std::atomic<int> count{0};
+};
+
+Reserve& reserve() {
+    static Infra::Forever<Reserve> room;
+    static Reserve& kept = room.make();
+    return kept;
 }
 
 /// Records move between a thread and the process in batches, so that neither a producer nor a worker takes
@@ -150,6 +169,27 @@ void putEvent(CEvent* ev) {
         stock(ev);
     } else {
         spill(ev);
+    }
+}
+
+CEvent* getEventReserved() {
+    CEvent* ev = getEvent();
+    if (ev == nullptr) {
+        ev = reserve().list.GetBatch(1);
+        reserve().count.fetch_sub(ev != nullptr ? 1 : 0, std::memory_order_relaxed);
+    }
+    return ev;
+}
+
+void fillEventReserve() {
+    Reserve& kept = reserve();
+    while (kept.count.load(std::memory_order_relaxed) < Reserve::SIZE) {
+        CEvent* const ev = new (std::nothrow) CEvent;
+        if (ev == nullptr) {
+            return;
+        }
+        kept.count.fetch_add(1, std::memory_order_relaxed);
+        kept.list.Put(ev);
     }
 }
 

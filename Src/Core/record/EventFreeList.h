@@ -20,7 +20,7 @@ public:
     CEventFreeList& operator=(const CEventFreeList&) = delete;
 
     /// A record with the values of its last life, but for `m_next`, which is null. Allocates only while the
-    /// list is empty.
+    /// list is empty; null if there is no memory then.
     CEvent* Get();
 
     /// A chain of up to `most` records, or null.
@@ -37,9 +37,17 @@ private:
 };
 
 /// Take from and give to the process's free list, through a small stock of records that each thread keeps: a
-/// record put and taken again on one thread is the same one. The list lives until the process ends.
+/// record put and taken again on one thread is the same one. The list lives until the process ends. getEvent
+/// gives null if no record rests and there is no memory for one.
 CEvent* getEvent();
 void putEvent(CEvent* ev);
 void putEventChain(CEvent* ev);
+
+/// As getEvent, for what the library itself has to say while there is no memory: it then comes out of a small
+/// reserve. Null once that is used up.
+CEvent* getEventReserved();
+
+/// Fills that reserve up again, as far as there is memory. Any thread, now and then.
+void fillEventReserve();
 
 }  // namespace Orvex::Reticor

@@ -8,8 +8,11 @@
 
 namespace Orvex::Reticor {
 
-void DueChains::Add(const ArmedTimer& timer) {
-    CEvent* ev = getEvent();
+bool DueChains::Add(const ArmedTimer& timer) {
+    CEvent* ev = getEventReserved();
+    if (ev == nullptr) {
+        return false;
+    }
     ev->m_key = timer.id;
     ev->m_obj_id = timer.obj_id;
     ev->m_expire = timer.expire;
@@ -20,6 +23,7 @@ void DueChains::Add(const ArmedTimer& timer) {
     }
     ev->m_next = m_chain[index];
     m_chain[index] = ev;
+    return true;
 }
 
 }  // namespace Orvex::Reticor

@@ -16,8 +16,8 @@ struct DueChains {
     std::array<int, PoolTable::POOL_LIMIT> m_active{};     ///< The indexes with a chain, by first appearance.
     int m_active_num = 0;
 
-    /// Makes a record of a timer that is due.
-    void Add(const ArmedTimer& timer);
+    /// Makes a record of a timer that is due. False if there is no memory for it.
+    bool Add(const ArmedTimer& timer);
 };
 
 }  // namespace Orvex::Reticor

@@ -5,6 +5,8 @@
 #include <cassert>
 #include <utility>
 
+#include <Infra/CountedLine.h>
+#include <Infra/Forever.h>
 #include <Infra/HeldLocks.h>
 #include <Infra/Log.h>
 #include <Infra/Thread.h>
@@ -45,7 +47,8 @@ public:
 
 /// Never destroyed: file workers may still run while static objects are.
 IOQueue& io_queue() {
-    static IOQueue& sm_io_event = *new IOQueue;
+    static Infra::Forever<IOQueue> room;
+    static IOQueue& sm_io_event = room.make();
     return sm_io_event;
 }
 
@@ -82,8 +85,21 @@ void assert_index(long receiver) {
     // clang-format on
 }
 
-CEvent* make_record(int64_t key, long sender, long receiver, unsigned int msg, long attach) {
-    CEvent* ev = getEvent();
+Infra::CountedLine g_dropped;
+
+/// Posting never fails towards the sender.
+void count_dropped() {
+    if (const uint64_t dropped = g_dropped.Count()) {
+        INFRA_LOG_STATIC(2, "CMessage, no memory, messages dropped: %ju\n", static_cast<uintmax_t>(dropped));
+    }
+}
+
+/// Null, and counted, if there is no record.
+CEvent* fill_record(CEvent* ev, int64_t key, long sender, long receiver, unsigned int msg, long attach) {
+    if (ev == nullptr) {
+        count_dropped();
+        return nullptr;
+    }
     ev->m_key = key;
     ev->m_obj_id = sender;
     ev->m_receiver = receiver;
@@ -119,10 +135,24 @@ void CMessage::Notify(long sender, long receiver, unsigned int msg, long attach,
         return;
     }
     assert_index(receiver);
-    CEvent* ev = make_record(EVENT_KEY_MESSAGE, sender, receiver, msg, attach);
+    CEvent* ev = fill_record(getEvent(), EVENT_KEY_MESSAGE, sender, receiver, msg, attach);
+    if (ev == nullptr) {
+        return;
+    }
     if (io) {
         post_io(ev);
     } else {
+        PoolTable::PushEvent(INDEX_OF_ID(receiver), ev);
+    }
+}
+
+void CMessage::Tell(long sender, long receiver, unsigned int msg, long attach) {
+    if (receiver >= 0) {
+        INFRA_LOG_STATIC(2, "CMessage::Notify, invalid receiver id: %ld\n", receiver);
+        return;
+    }
+    assert_index(receiver);
+    if (CEvent* ev = fill_record(getEventReserved(), EVENT_KEY_MESSAGE, sender, receiver, msg, attach)) {
         PoolTable::PushEvent(INDEX_OF_ID(receiver), ev);
     }
 }
@@ -133,12 +163,13 @@ void CMessage::NotifySerial(long sender, long receiver, unsigned int msg, long a
         return;
     }
     assert_index(receiver);
-    PoolTable::PushSerialEvent(INDEX_OF_ID(receiver),
-                               make_record(EVENT_KEY_SERIAL, sender, receiver, msg, attach));
+    if (CEvent* ev = fill_record(getEvent(), EVENT_KEY_SERIAL, sender, receiver, msg, attach)) {
+        PoolTable::PushSerialEvent(INDEX_OF_ID(receiver), ev);
+    }
 }
 
-void CMessage::NotifyClose(long id, const CNetHandler* owner) {
-    CEvent* ev = make_record(EVENT_KEY_MESSAGE, id, id, MSG_CLOSE, static_cast<long>(handle_of(owner)));
+void CMessage::NotifyClose(CEvent* ev, long id, const CNetHandler* owner) {
+    fill_record(ev, EVENT_KEY_MESSAGE, id, id, MSG_CLOSE, static_cast<long>(handle_of(owner)));
     ev->m_from_close = 1;
     PoolTable::PushFrontEvent(INDEX_OF_ID(id), ev);
 }

@@ -10,7 +10,8 @@ class CThreadPool;
 class HandlerDrops;
 
 /// All static. Posting comes from any thread, never fails towards the sender and never waits for the
-/// receiver; a message to an object that is gone disappears when it is taken.
+/// receiver; a message to an object that is gone disappears when it is taken. Without memory the message is
+/// dropped, with a line at level 2 that counts them, once a second at most.
 class CMessage {
 public:
     /// The message number by which a handler that sends it to itself leaves the object table.
@@ -19,13 +20,17 @@ public:
     /// Posts to the main queue of the receiver's pool, or, with `io`, to the queue of the file workers.
     static void Notify(long sender, long receiver, unsigned int msg, long attach, bool io);
 
+    /// As Notify, for what the library owes a handler: while there is no memory it takes a record of the
+    /// reserve.
+    static void Tell(long sender, long receiver, unsigned int msg, long attach);
+
     /// Posts to the serial queue of the receiver's pool. `reserved` is not used.
     static void NotifySerial(long sender, long receiver, unsigned int msg, long attach,
                              unsigned int reserved);
 
-    /// Posts the close message of `owner`, whose id is `id`, ahead of everything in its pool's queue. It does
-    /// nothing to another handler that the id may find.
-    static void NotifyClose(long id, const CNetHandler* owner);
+    /// Posts the close message of `owner`, whose id is `id`, in the record `ev`, ahead of everything in its
+    /// pool's queue. It does nothing to another handler that the id may find.
+    static void NotifyClose(CEvent* ev, long id, const CNetHandler* owner);
 
     /// At the end of a pool, when its threads have ended and nobody finds it any more: detaches the handlers
     /// whose close messages are still queued.

@@ -135,6 +135,11 @@ int CNetSock::register_new_event(CThreadPool& pool, CNetHandler* handler, int fd
                         static_cast<void*>(handler), className(*handler).c_str(), traced(fd));
     }
     CEvent* event = getEvent();
+    if (event == nullptr) {
+        pool.m_sock_tree.Unlock();
+        INFRA_LOG_STATIC(2, "RegisterSock no memory, fd: %d\n", fd);
+        return -1;
+    }
     event->m_key = fd;
     RecordPin pin = RecordPin::Enter(event);
     event->m_obj_id = id_of(handler);

@@ -2,8 +2,10 @@
 #include "Core/service/NetTimer.h"
 
 #include <algorithm>
+#include <new>
 #include <utility>
 
+#include <Infra/Forever.h>
 #include <Infra/HeldLocks.h>
 #include <Infra/LockClasses.h>
 #include <Infra/Log.h>
@@ -74,14 +76,20 @@ void announce_top() {
 /// Everything that is due goes to the pools, each chain with one push.
 void tick(uint64_t now) {
     DueChains& due = g_timer.m_due;
-    CNetTimer::heap().PopDue(now + AHEAD_US, due);
+    const bool all = CNetTimer::heap().PopDue(now + AHEAD_US, due);
     for (int i = 0; i < due.m_active_num; ++i) {
         const int index = due.m_active[static_cast<size_t>(i)];
         PoolTable::PushEvent(index, std::exchange(due.m_chain[static_cast<size_t>(index)], nullptr));
     }
     due.m_active_num = 0;
-    Infra::CGuard guard(g_timer.m_lock);
-    g_timer.m_next_expire = CNetTimer::heap().Peek();
+    {
+        Infra::CGuard guard(g_timer.m_lock);
+        g_timer.m_next_expire = CNetTimer::heap().Peek();
+    }
+    if (!all) {
+        // There was no record for all of them: the others are due again a little later.
+        g_timer.m_sem.pendFor(GRID_US);
+    }
 }
 
 void thread_proc(Infra::CThreadLite& thread) {
@@ -125,8 +133,9 @@ void print_timer(const HandlerPin& handler, const char* moment) {
 }  // namespace
 
 TimerHeap& CNetTimer::heap() {
-    static TimerHeap& heap =
-        *new TimerHeap;  // never destroyed: workers may still run while static objects are
+    // Never destroyed: workers may still run while static objects are.
+    static Infra::Forever<TimerHeap> room;
+    static TimerHeap& heap = room.make();
     return heap;
 }
 
@@ -135,9 +144,9 @@ int CNetTimer::Init() {
         Infra::CGuard guard(g_timer.m_lock);
         g_timer.m_next_expire = heap().Peek();
     }
-    g_timer.m_thread = new Infra::CThreadLite(Infra::TFunction1<void, Infra::CThreadLite&>(&thread_proc),
-                                              "Timer_Thread", 64, 0, 0);
-    if (g_timer.m_thread->createThread()) {
+    g_timer.m_thread = new (std::nothrow) Infra::CThreadLite(
+        Infra::TFunction1<void, Infra::CThreadLite&>(&thread_proc), "Timer_Thread", 64, 0, 0);
+    if (g_timer.m_thread != nullptr && g_timer.m_thread->createThread()) {
         return 0;
     }
     delete g_timer.m_thread;
@@ -163,7 +172,10 @@ long CNetTimer::SetTimer(long handler_id, int64_t us) {
     if (first) {
         announce_top();
     }
-    return id != 0 ? id : -1;
+    if (id == TimerHeap::NO_MEMORY) {
+        INFRA_LOG_STATIC(2, "SetTimer no memory, obj: %ld\n", handler_id);
+    }
+    return id < 0 ? id : -1;
 }
 
 long CNetTimer::set_timer(CEvent* ev) {

@@ -17,7 +17,7 @@ namespace Orvex::Reticor {
 /// A timer is in the heap, or on its way through a queue, or runs; never two of these.
 class CNetTimer {
 public:
-    /// Starts the thread on the process's heap. Result: 0, or -1 if the system gives no thread.
+    /// Starts the thread on the process's heap. Result: 0, or -1 if the system gives no thread or no memory.
     static int Init();
 
     /// Ends and joins the thread. What is armed stays in the heap.

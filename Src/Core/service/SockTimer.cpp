@@ -1,6 +1,7 @@
 // CSockTimer: measures the idle time of sockets, for the whole process.
 #include "Core/service/SockTimer.h"
 
+#include <new>
 #include <utility>
 
 #include "Core/pool/PoolLease.h"
@@ -14,10 +15,10 @@ CSockTimer& sockTimer() {
 }
 
 int CSockTimer::Start() {
-    m_thread =
-        new Infra::CThreadLite(Infra::TFunction1<void, Infra::CThreadLite&>(&CSockTimer::thread_proc, this),
-                               "Sock_Timer_Thread", 64, 0, 0);
-    if (m_thread->createThread()) {
+    m_thread = new (std::nothrow)
+        Infra::CThreadLite(Infra::TFunction1<void, Infra::CThreadLite&>(&CSockTimer::thread_proc, this),
+                           "Sock_Timer_Thread", 64, 0, 0);
+    if (m_thread != nullptr && m_thread->createThread()) {
         return 0;
     }
     delete m_thread;

@@ -23,7 +23,7 @@ class CSockTimer {
 public:
     constexpr CSockTimer() = default;
 
-    /// Starts the thread. Result: 0, or -1 if the system gives none.
+    /// Starts the thread. Result: 0, or -1 if the system gives none, or no memory.
     int Start();
 
     /// Ends and joins the thread, and sets the clock back to 0. The list stays.

@@ -1,6 +1,7 @@
 // TimerBuckets.
 #include "Core/service/TimerBuckets.h"
 
+#include <new>
 #include <utility>
 
 namespace Orvex::Reticor {
@@ -32,18 +33,27 @@ uint64_t TimerBuckets::next_filled(uint64_t bucket) const {
     return bucket + (found + COUNT - place) % COUNT;
 }
 
-void TimerBuckets::add_chunk(size_t place) {
-    Chunk* chunk = m_spare;
-    if (chunk != nullptr) {
-        m_spare = chunk->next;
-        --m_spares;
-    } else {
-        chunk = new Chunk;
+bool TimerBuckets::have_spare() {
+    if (m_spare == nullptr) {
+        if (Chunk* chunk = new (std::nothrow) Chunk) {
+            put_chunk(chunk);
+        }
     }
+    return m_spare != nullptr;
+}
+
+bool TimerBuckets::add_chunk(size_t place) {
+    if (!have_spare()) {
+        return false;
+    }
+    Chunk* chunk = m_spare;
+    m_spare = chunk->next;
+    --m_spares;
     Bucket& bucket = m_bucket[place];
     chunk->next = bucket.first;
     bucket = {chunk, 0};
     m_filled[place / WORD_BITS] |= uint64_t{1} << place % WORD_BITS;
+    return true;
 }
 
 void TimerBuckets::put_chunk(Chunk* chunk) {

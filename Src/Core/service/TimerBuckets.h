@@ -41,8 +41,8 @@ public:
     /// Lets the first bucket be the one of `time`. Only while there is no entry.
     void StartAt(uint64_t time) { m_first = time >> SPAN_SHIFT; }
 
-    /// Adds an entry whose expiry is covered.
-    void Put(const TimerEntry& entry) { append(place_of(entry.expire), entry); }
+    /// Adds an entry whose expiry is covered. False without memory.
+    bool Put(const TimerEntry& entry) { return append(place_of(entry.expire), entry); }
 
     /// Has the processor fetch what Put of that expiry will write.
     void Prefetch(uint64_t expire) const {
@@ -62,10 +62,13 @@ public:
     }
 
     /// The soonest expiry of an entry for which `keep` holds, or 0. Drops those on the way for which it does
-    /// not.
+    /// not; without memory for that it gives the beginning of the first bucket that is not empty.
     template <class Keep>
     uint64_t Soonest(Keep keep) {
         while (m_size > 0) {
+            if (!have_spare()) {
+                return next_filled(m_first) << SPAN_SHIFT;
+            }
             const size_t place = next_filled(m_first) % COUNT;
             if (const uint64_t soonest = keep_only(place, keep)) {
                 return soonest;
@@ -74,11 +77,11 @@ public:
         return 0;
     }
 
-    /// Drops every entry for which `keep` does not hold.
+    /// Drops every entry for which `keep` does not hold; without memory for that, those of some buckets.
     template <class Keep>
     void KeepOnly(Keep keep) {
         for (size_t place = 0; place < COUNT && m_size > 0; ++place) {
-            if (m_bucket[place].first != nullptr) {
+            if (m_bucket[place].first != nullptr && have_spare()) {
                 keep_only(place, keep);
             }
         }
@@ -103,17 +106,19 @@ private:
 
     static size_t place_of(uint64_t expire) { return (expire >> SPAN_SHIFT) % COUNT; }
     uint64_t next_filled(uint64_t bucket) const;
-    void add_chunk(size_t place);
+    bool have_spare();
+    bool add_chunk(size_t place);
     void put_chunk(Chunk* chunk);
     Bucket take_bucket(size_t place);
 
-    void append(size_t place, const TimerEntry& entry) {
+    bool append(size_t place, const TimerEntry& entry) {
         Bucket& bucket = m_bucket[place];
-        if (bucket.first == nullptr || bucket.used == CHUNK) {
-            add_chunk(place);
+        if ((bucket.first == nullptr || bucket.used == CHUNK) && !add_chunk(place)) {
+            return false;
         }
         bucket.first->entry[bucket.used++] = entry;
         ++m_size;
+        return true;
     }
 
     template <class Take>
@@ -130,7 +135,8 @@ private:
         }
     }
 
-    /// Result: the soonest expiry that is left in the bucket, or 0.
+    /// Result: the soonest expiry that is left in the bucket, or 0. One spare chunk is all that it needs:
+    /// what is put back never runs ahead of what was taken out.
     template <class Keep>
     uint64_t keep_only(size_t place, Keep keep) {
         uint64_t soonest = 0;

@@ -2,15 +2,12 @@
 #include "Core/service/TimerHeap.h"
 
 #include <algorithm>
+#include <new>
 #include <utility>
 
 #include "Core/handle/ObjectId.h"
 
 namespace Orvex::Reticor {
-
-TimerHeap::TimerHeap() {
-    m_array.reserve(FIRST_CAPACITY);
-}
 
 // ---- timers and ids ------------------------------------------------------------------------------------
 
@@ -27,7 +24,8 @@ inline ArmedTimer* TimerHeap::armed(const TimerEntry& entry) {
 }
 
 void TimerHeap::erase(ArmedTimer* timer) {
-    pool_of(timer->id)->table.Erase(timer);
+    --pool_of(timer->id)->armed;
+    TimerTable::Erase(timer);
     if (--m_count == 0) {
         m_soonest = NEVER;
     }
@@ -52,6 +50,35 @@ void TimerHeap::put_id(int64_t id) {
 
 // ---- the heap and the buckets --------------------------------------------------------------------------
 
+/// Takes the memory that a timer with this id needs until let_go. The heap has an entry for each timer that
+/// is armed, and dead ones: no more than there were timers at the last removal, and a few, see sweep(). So it
+/// is never longer than twice the most timers that there were.
+bool TimerHeap::hold(int64_t id) {
+    const size_t needed = 2 * (m_held + 1 + FIRST_CAPACITY);
+    if (m_array.capacity() < needed) {
+        try {
+            m_array.reserve(2 * needed);
+        } catch (const std::bad_alloc&) {
+            return false;
+        }
+    }
+    Pool* const pool = pool_of(id);
+    if (!pool->table.Hold(id)) {
+        return false;
+    }
+    ++pool->held;
+    ++m_held;
+    return true;
+}
+
+void TimerHeap::let_go(int64_t id) {
+    Pool* const pool = pool_of(id);
+    pool->table.Drop(id);
+    --pool->held;
+    --m_held;
+}
+
+// Within the capacity that hold() has seen to.
 void TimerHeap::push(const TimerEntry& entry) {
     m_array.push_back(entry);
     std::push_heap(m_array.begin(), m_array.end(), Later());
@@ -75,16 +102,16 @@ void TimerHeap::sweep() {
 }
 
 bool TimerHeap::insert(const ArmedTimer& timer) {
-    pool_of(timer.id)->table.Put(timer);
+    Pool* const pool = pool_of(timer.id);
+    pool->table.Put(timer);
+    ++pool->armed;
     ++m_count;
     if (m_array.empty() && m_later.Size() == 0) {
         m_later.StartAt(timer.expire - std::min(timer.delay, timer.expire));  // about the time it is now
     }
     // What is due before the first bucket, or after the last one, has none.
     const TimerEntry entry{timer.expire, timer.id};
-    if (m_later.Covers(timer.expire)) {
-        m_later.Put(entry);
-    } else {
+    if (!m_later.Covers(timer.expire) || !m_later.Put(entry)) {
         push(entry);
     }
     const bool first = timer.expire < m_soonest;
@@ -95,8 +122,16 @@ bool TimerHeap::insert(const ArmedTimer& timer) {
 long TimerHeap::Arm(ArmedTimer timer, bool& first) {
     Infra::CGuard guard(m_mutex);
     m_later.Prefetch(timer.expire);
+    first = false;
     timer.id = take_id(INDEX_OF_ID(static_cast<long>(timer.obj_id)));
-    first = timer.id != 0 && insert(timer);
+    if (timer.id == 0) {
+        return NO_POOL;
+    }
+    if (!hold(timer.id)) {
+        put_id(timer.id);
+        return NO_MEMORY;
+    }
+    first = insert(timer);
     return static_cast<long>(timer.id);
 }
 
@@ -107,6 +142,7 @@ bool TimerHeap::Rearm(const ArmedTimer& timer) {
 
 void TimerHeap::Release(long id) {
     Infra::CGuard guard(m_mutex);
+    let_go(id);
     put_id(id);
 }
 
@@ -122,6 +158,7 @@ std::optional<ArmedTimer> TimerHeap::RemoveById(long id) {
     }
     const ArmedTimer removed = *timer;
     erase(timer);
+    let_go(id);
     put_id(id);
     sweep();
     return removed;
@@ -131,7 +168,11 @@ void TimerHeap::RemovePool(int index, int64_t next) {
     Infra::CGuard guard(m_mutex);
     Pool& pool = m_pool[static_cast<size_t>(index)];
     pool.ids.Clear();
-    m_count -= pool.table.Clear(next);
+    m_count -= pool.armed;
+    m_held -= pool.held;
+    pool.armed = 0;
+    pool.held = 0;
+    pool.table.Clear(next);
     m_soonest = m_count == 0 ? NEVER : m_soonest;
     sweep();
 }
@@ -156,7 +197,7 @@ uint64_t TimerHeap::Peek() {
     return m_soonest == NEVER ? 0 : m_soonest;
 }
 
-void TimerHeap::PopDue(uint64_t limit, DueChains& due) {
+bool TimerHeap::PopDue(uint64_t limit, DueChains& due) {
     Infra::CGuard guard(m_mutex);
     m_later.AdvanceBehind(limit, [this](const TimerEntry& entry) INFRA_NO_THREAD_SAFETY_ANALYSIS {
         if (armed(entry) != nullptr) {
@@ -165,12 +206,15 @@ void TimerHeap::PopDue(uint64_t limit, DueChains& due) {
     });
     while (!m_array.empty() && m_array.front().expire <= limit) {
         ArmedTimer* timer = armed(m_array.front());
+        if (timer != nullptr && !due.Add(*timer)) {
+            return false;
+        }
         pop_top();
         if (timer != nullptr) {
-            due.Add(*timer);
             erase(timer);
         }
     }
+    return true;
 }
 
 int TimerHeap::Count() {

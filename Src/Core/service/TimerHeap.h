@@ -30,10 +30,12 @@ namespace Orvex::Reticor {
 /// Thread safety: any thread. The mutex comes before that of a pool's id allocator.
 class TimerHeap {
 public:
-    TimerHeap();
+    static constexpr long NO_POOL = 0;
+    static constexpr long NO_MEMORY = 1;
 
-    /// Arms a timer under an id of the pool that `timer.obj_id` names. Result: the id; 0 if there is no such
-    /// pool. `first` tells whether Soonest() has become earlier, or is not 0 any more.
+    /// Arms a timer under an id of the pool that `timer.obj_id` names. Result: the id, or one of the two
+    /// above. `first` tells whether Soonest() has become earlier, or is not 0 any more. It takes all the
+    /// memory that the timer needs from now until it ends, on its way through queues and handlers too.
     long Arm(ArmedTimer timer, bool& first);
 
     /// Arms a timer again that was due. Result: whether Soonest() has become earlier, or is not 0 any more.
@@ -55,8 +57,9 @@ public:
     /// The soonest expiry, or 0: what Soonest() gives from now on. Looks for it if need be.
     uint64_t Peek();
 
-    /// Makes records of everything that expires up to `limit`, and adds them to the chains.
-    void PopDue(uint64_t limit, DueChains& due);
+    /// Makes records of everything that expires up to `limit`, and adds them to the chains. False if there
+    /// was no memory for all of them; the others stay armed.
+    bool PopDue(uint64_t limit, DueChains& due);
 
     /// Armed timers.
     int Count();
@@ -68,12 +71,16 @@ private:
     struct Pool {
         TimerTable table;
         TimerIds ids;
+        size_t armed = 0;
+        size_t held = 0;  ///< Timers of the pool, armed or on their way to a handler.
     };
     static constexpr size_t FIRST_CAPACITY = 200;
     static constexpr uint64_t NEVER = ~uint64_t{0};
 
     Pool* pool_of(int64_t id) INFRA_REQUIRES(m_mutex);
     ArmedTimer* armed(const TimerEntry& entry) INFRA_REQUIRES(m_mutex);
+    bool hold(int64_t id) INFRA_REQUIRES(m_mutex);
+    void let_go(int64_t id) INFRA_REQUIRES(m_mutex);
     bool insert(const ArmedTimer& timer) INFRA_REQUIRES(m_mutex);
     void erase(ArmedTimer* timer) INFRA_REQUIRES(m_mutex);
     int64_t take_id(int index) INFRA_REQUIRES(m_mutex);
@@ -84,6 +91,7 @@ private:
 
     Infra::CMutex m_mutex{Infra::LockClass::TIMER_HEAP};
     size_t m_count INFRA_GUARDED_BY(m_mutex) = 0;  ///< Armed timers.
+    size_t m_held INFRA_GUARDED_BY(m_mutex) = 0;   ///< Those that are on their way as well.
     uint64_t m_soonest INFRA_GUARDED_BY(m_mutex) = NEVER;
     std::vector<TimerEntry> m_array INFRA_GUARDED_BY(m_mutex);  ///< The heap.
     TimerBuckets m_later INFRA_GUARDED_BY(m_mutex);

@@ -1,6 +1,8 @@
 // TimerIds: a ring of ids.
 #include "Core/service/TimerIds.h"
 
+#include <new>
+
 namespace Orvex::Reticor {
 
 int64_t TimerIds::Take() {
@@ -18,7 +20,10 @@ bool TimerIds::Put(int64_t id) {
         return false;
     }
     if (m_ring == nullptr) {
-        m_ring = std::make_unique<std::array<int64_t, CAPACITY>>();
+        m_ring.reset(new (std::nothrow) std::array<int64_t, CAPACITY>);
+        if (m_ring == nullptr) {
+            return false;
+        }
     }
     (*m_ring)[(m_read + m_count) % CAPACITY] = id;
     ++m_count;

@@ -21,7 +21,7 @@ public:
     /// at least 1024 others.
     int64_t Take();
 
-    /// False if enough ids wait already.
+    /// False if enough ids wait already, or if there is no memory for the first one.
     bool Put(int64_t id);
 
     size_t Count() const { return m_count; }

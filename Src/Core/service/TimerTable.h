@@ -20,7 +20,7 @@ struct ArmedTimer {
 };
 
 /// The timers of one pool. The upper bits of the ids of a pool count down by one, so they index an array of
-/// chunks. A chunk without timers goes back, so ids that are never seen again cost nothing.
+/// chunks. A chunk without held places goes back, so ids that are never seen again cost nothing.
 ///
 /// Thread safety: none.
 class TimerTable {
@@ -36,19 +36,26 @@ public:
         return timer->id == id ? timer : nullptr;
     }
 
-    /// Adds a timer; its place is free.
-    void Put(const ArmedTimer& timer);
+    /// Keeps a place for the timers of an id, until Drop. False if there is no memory.
+    bool Hold(int64_t id);
+    void Drop(int64_t id);
 
-    /// Takes a timer out that Find has found.
-    void Erase(ArmedTimer* timer);
+    /// Puts a timer in the place that is held for its id, and is free. Needs no memory.
+    void Put(const ArmedTimer& timer) {
+        const size_t place = place_of(timer.id);
+        m_chunks[place / CHUNK]->timer[place % CHUNK] = timer;
+    }
 
-    /// Takes all timers out. Result: how many there were. The counters of ids to come begin with `first`.
-    size_t Clear(int64_t first);
+    /// Takes a timer out that Find has found. Its place stays held.
+    static void Erase(ArmedTimer* timer) { timer->id = 0; }
+
+    /// Takes all timers out and gives up all places. The counters of ids to come begin with `first`.
+    void Clear(int64_t first);
 
 private:
     static constexpr size_t CHUNK = 1024;
     struct Chunk {
-        size_t armed = 0;
+        size_t held = 0;
         std::array<ArmedTimer, CHUNK> timer{};
     };
 

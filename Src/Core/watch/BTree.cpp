@@ -160,9 +160,7 @@ void borrowFromRight(Node* child, KeyNode* separator, Node* right) {
 // ---- life ------------------------------------------------------------------------------------------------
 
 BTree::BTree(short order)
-    : m_root(make<Node>()), m_order(static_cast<int16_t>(order % 2 == 0 ? order : order + 1)) {
-    assert(m_root != nullptr);
-}
+    : m_root(make<Node>()), m_order(static_cast<int16_t>(order % 2 == 0 ? order : order + 1)) {}
 
 BTree::~BTree() {
     freeBelow(m_root);
@@ -226,7 +224,11 @@ bool BTree::Insert(void* payload) {
 bool BTree::InsertLocked(void* payload) {
     const int64_t key = keyOf(payload);
     KeyNode* key_node = make<KeyNode>();
-    if (key_node == nullptr) {
+    if (m_root == nullptr) {
+        m_root = make<Node>();
+    }
+    if (key_node == nullptr || m_root == nullptr) {
+        generalFree(key_node);
         return false;
     }
     key_node->m_data = payload;

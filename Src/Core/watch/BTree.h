@@ -44,7 +44,8 @@ public:
         KeyNode* m_prev = nullptr;  ///< The next smaller key; in the first keynode, the last one of the node.
     };
 
-    /// `order` is raised to an even number. From 4 to 128.
+    /// `order` is raised to an even number. From 4 to 128. Without memory for its first leaf the tree makes
+    /// that at the first insertion that finds some.
     explicit BTree(short order);
 
     /// Frees the nodes, and deletes the payloads with a key above 0, which are socket records. Other payloads
@@ -83,7 +84,7 @@ public:
         forEachBelow(m_root, visit);
     }
 
-    /// For walks of the caller's own. Never null: an empty tree has an empty leaf.
+    /// For walks of the caller's own. An empty tree has an empty leaf, or null if there was no memory for it.
     const Node* root() const INFRA_REQUIRES_SHARED(m_lock) { return m_root; }
 
     static int64_t keyOf(const void* payload) { return *static_cast<const int64_t*>(payload); }
@@ -123,7 +124,7 @@ private:
     static Neighbours neighboursOf(const Node* child, KeyNode* key_node, const Node* parent);
     static void freeBelow(Node* node);
 
-    Node* m_root INFRA_GUARDED_BY(m_lock);
+    Node* m_root INFRA_GUARDED_BY(m_lock);  ///< Null until there is memory for the first leaf.
     const int16_t m_order;
     mutable Infra::CReadWriteMutex m_lock{Infra::LockClass::SOCKET_TREE};  ///< Guards the whole tree.
 

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <new>
 
 #include <Infra/HeldLocks.h>
 #include <Infra/Log.h>
@@ -11,6 +12,7 @@
 #include <Reticor/R3.h>
 
 #include "Core/handle/ClassName.h"
+#include "Core/service/Message.h"
 #include "R3/print/FuncBox.h"
 #include "R3/print/HelpText.h"
 #include "Tool/receive/MediaReceiverState.h"
@@ -80,7 +82,7 @@ void CMediaStreamReceiver::Turn::turn() {
 void CMediaStreamReceiver::Turn::close() {
     CMediaStreamReceiver& receiver = m_receiver;
     if (const long id = m_exception_id.load(std::memory_order_relaxed); id != 0) {
-        receiver.Notify(id, MEDIA_RECEIVER_ENDED, 0);
+        CMessage::Tell(receiver.GetID(), id, MEDIA_RECEIVER_ENDED, 0);
     }
     receiver.CNetHandler::Close();
 }
@@ -118,28 +120,42 @@ void CMediaStreamReceiver::Turn::tell_failure(long id) {
         Infra::Detail::logMember(3, __FILE__, DO_RECEIVE, __LINE__, &m_receiver,
                                  "MediaStreamReceiver do_receive socket exception!\n");
     }
-    m_receiver.Notify(id, MEDIA_RECEIVER_FAILED, 0);
+    CMessage::Tell(m_receiver.GetID(), id, MEDIA_RECEIVER_FAILED, 0);
 }
 
-CMediaStreamReceiver::CMediaStreamReceiver() : m_state(new Turn(*this)) {}
+// Without memory for either part it is a handler that cannot be started.
+CMediaStreamReceiver::CMediaStreamReceiver()
+    : m_state(GetID() != 0 ? new (std::nothrow) Turn(*this) : nullptr) {
+    if (m_state == nullptr) {
+        INFRA_LOG(2, "%s : no memory, it cannot be started!\n", INFRA_FUNCTION);
+    }
+}
 
 CMediaStreamReceiver::~CMediaStreamReceiver() {
     delete m_state;
 }
 
 void CMediaStreamReceiver::SetReceiveMode(receiver_mode mode) {
-    m_state->m_mode.store(mode, std::memory_order_relaxed);
+    if (m_state != nullptr) {
+        m_state->m_mode.store(mode, std::memory_order_relaxed);
+    }
 }
 
 void CMediaStreamReceiver::WaitException(long id) {
-    m_state->m_exception_id.store(id, std::memory_order_relaxed);
+    if (m_state != nullptr) {
+        m_state->m_exception_id.store(id, std::memory_order_relaxed);
+    }
 }
 
 void CMediaStreamReceiver::SetFrameRate(unsigned int) {
     INFRA_LOG(3, "this interface SetFrameRate is discarded!!%s\n", __FILE__);
 }
 
-void CMediaStreamReceiver::StartReceive(long long start_offset, float speed) {
+int CMediaStreamReceiver::StartReceive(long long start_offset, float speed) {
+    if (m_state == nullptr) {
+        INFRA_LOG(2, "%s : Thread start failed.\n", INFRA_FUNCTION);
+        return -1;
+    }
     Infra::CGuard guard(m_state->m_mutex);
     // Ahead of real time by a fixed amount of media makes sense at real time only.
     m_state->m_start_offset = speed == 1.0F ? start_offset : 0;
@@ -148,21 +164,26 @@ void CMediaStreamReceiver::StartReceive(long long start_offset, float speed) {
     switch (m_state->m_state.load(std::memory_order_relaxed)) {
         case RECEIVER_STOPPED:
             m_state->m_state.store(RECEIVER_RUNNING, std::memory_order_release);
-            break;
+            return 0;
         case RECEIVER_CREATED:
             if (ReceiverGroup::Add(m_state,
                                    m_state->m_mode.load(std::memory_order_relaxed) == receiver_write) != 0) {
                 INFRA_LOG(2, "%s : Thread start failed.\n", INFRA_FUNCTION);
-            } else {
-                m_state->m_state.store(RECEIVER_RUNNING, std::memory_order_release);
+                return -1;
             }
-            break;
+            m_state->m_state.store(RECEIVER_RUNNING, std::memory_order_release);
+            return 0;
         default:
             INFRA_LOG(2, "%s : this receiver already started!\n", INFRA_FUNCTION);
+            return -1;
     }
 }
 
 void CMediaStreamReceiver::StopReceive() {
+    if (m_state == nullptr) {
+        INFRA_LOG(2, "%s : Can't stop a receiver not in running state!\n", INFRA_FUNCTION);
+        return;
+    }
     Infra::CGuard guard(m_state->m_mutex);
     if (m_state->m_state.load(std::memory_order_relaxed) == RECEIVER_RUNNING) {
         m_state->m_state.store(RECEIVER_STOPPED, std::memory_order_release);
@@ -172,6 +193,10 @@ void CMediaStreamReceiver::StopReceive() {
 }
 
 void CMediaStreamReceiver::Close() {
+    if (m_state == nullptr) {
+        CNetHandler::Close();
+        return;
+    }
     int32_t before = 0;
     {
         Infra::CGuard guard(m_state->m_mutex);

@@ -2,6 +2,7 @@
 #include "Tool/receive/ReceiverGroup.h"
 
 #include <climits>
+#include <new>
 #include <utility>
 
 #include <Infra/LockClasses.h>
@@ -11,19 +12,24 @@ namespace Orvex::Reticor {
 
 namespace {
 
-CReceiverThread** make_threads(int group, unsigned int count, int64_t period_us) {
-    auto** const threads = new CReceiverThread*[count];
-    for (unsigned int i = 0; i < count; ++i) {
-        threads[i] = new CReceiverThread(i, group, count, period_us);
-    }
-    return threads;
-}
-
 void delete_threads(CReceiverThread** threads, unsigned int count) {
     for (unsigned int i = 0; threads != nullptr && i < count; ++i) {
         delete threads[i];
     }
     delete[] threads;
+}
+
+/// Null if there is no memory.
+CReceiverThread** make_threads(int group, unsigned int count, int64_t period_us) {
+    auto** const threads = new (std::nothrow) CReceiverThread* [count] {};
+    for (unsigned int i = 0; threads != nullptr && i < count; ++i) {
+        threads[i] = new (std::nothrow) CReceiverThread(i, group, count, period_us);
+        if (threads[i] == nullptr) {
+            delete_threads(threads, i);
+            return nullptr;
+        }
+    }
+    return threads;
 }
 
 // The lowest index on a tie.
@@ -48,7 +54,7 @@ unsigned int ReceiverGroup::sm_count = 0;
 ReceiverScheduling ReceiverGroup::sm_scheduling;
 std::atomic<int32_t> ReceiverGroup::sm_period_us{20000};
 
-void ReceiverGroup::Setup(unsigned int count, int priority, int policy, int stack) {
+int ReceiverGroup::Setup(unsigned int count, int priority, int policy, int stack) {
     Infra::CGuard guard(sm_mutex);
     sm_count = count;
     sm_scheduling = {priority, policy, stack};
@@ -58,6 +64,13 @@ void ReceiverGroup::Setup(unsigned int count, int priority, int policy, int stac
     if (sm_writers == nullptr) {
         sm_writers = make_threads(CReceiverThread::WRITE_GROUP, count, CReceiverThread::WRITE_PERIOD_US);
     }
+    if (sm_readers != nullptr && sm_writers != nullptr) {
+        return 0;
+    }
+    // None of them runs yet.
+    delete_threads(std::exchange(sm_readers, nullptr), count);
+    delete_threads(std::exchange(sm_writers, nullptr), count);
+    return -1;
 }
 
 void ReceiverGroup::Teardown() {

@@ -19,9 +19,9 @@ class ReceiverGroup {
 public:
     ReceiverGroup() = delete;
 
-    /// At the library's start, and at its end. Teardown waits for the threads, and then ends every receiver
-    /// that was not closed.
-    static void Setup(unsigned int count, int priority, int policy, int stack);
+    /// At the library's start, and at its end. -1, with nothing made, if there is no memory. Teardown waits
+    /// for the threads, and then ends every receiver that was not closed.
+    static int Setup(unsigned int count, int priority, int policy, int stack);
     static void Teardown();
 
     /// Gives a receiver to the thread that has the fewest. -1 if the thread cannot be started, or there are

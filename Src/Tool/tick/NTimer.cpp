@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <new>
 
+#include <Infra/Log.h>
 #include <Infra/Time.h>
 
 #include "Tool/tick/NTimerInternal.h"
@@ -19,12 +20,15 @@ constexpr int64_t SWEEP_US = 1000000;
 
 CNTimer* CNTimer::Create(long long period) {
     auto* internal = new (std::nothrow) NTimerInternal;
-    if (internal == nullptr) {
-        return nullptr;
-    }
-    auto* timer = new (std::nothrow) CNTimer(period, internal);
+    auto* timer = internal != nullptr ? new (std::nothrow) CNTimer(period, internal) : nullptr;
     if (timer == nullptr) {
         delete internal;
+        INFRA_LOG_STATIC(2, "CNTimer::Create no memory!\n");
+        return nullptr;
+    }
+    if (!internal->is_armed()) {
+        timer->Close();  // what was missing has told of itself
+        return nullptr;
     }
     return timer;
 }
@@ -55,6 +59,9 @@ CNTimer::~CNTimer() {
 int CNTimer::PushTimerEvent(CNTimerEvent* ev) {
     Infra::CGuard guard(m_timer->m_mutex);
     NTimerEventInternal* const event = ev->m_event;
+    if (event == nullptr) {
+        return -1;
+    }
     event->set_ready();
     NTimerEventInternal*& m_head = m_timer->m_head;  // so named for the assertion's text
     if (m_timer->m_tail == nullptr) {

@@ -2,6 +2,7 @@
 #include <Reticor/NTimer.h>
 
 #include <cassert>
+#include <new>
 
 #include <Infra/Log.h>
 
@@ -32,7 +33,12 @@ void CNTimerEvent::Turn::set_ready() {
     }
 }
 
-CNTimerEvent::CNTimerEvent() : m_event(new Turn(*this)) {}
+// Without memory for either part it is a handler that cannot be pushed.
+CNTimerEvent::CNTimerEvent() : m_event(GetID() != 0 ? new (std::nothrow) Turn(*this) : nullptr) {
+    if (m_event == nullptr) {
+        INFRA_LOG(2, "%s : no memory, it cannot be pushed!\n", INFRA_FUNCTION);
+    }
+}
 
 CNTimerEvent::~CNTimerEvent() {
     delete m_event;
@@ -43,7 +49,7 @@ CNTimerEvent::~CNTimerEvent() {
 // one.
 
 void CNTimerEvent::Start() {
-    int32_t state = m_event->m_state.load(std::memory_order_relaxed);
+    int32_t state = m_event != nullptr ? m_event->m_state.load(std::memory_order_relaxed) : EVENT_CREATED;
     while (state == EVENT_READY || state == EVENT_STOPPED) {
         if (m_event->change(state, EVENT_RUNNING)) {
             return;
@@ -59,13 +65,13 @@ void CNTimerEvent::Start() {
 
 void CNTimerEvent::Stop() {
     int32_t state = EVENT_RUNNING;
-    if (!m_event->change(state, EVENT_STOPPED)) {
+    if (m_event == nullptr || !m_event->change(state, EVENT_STOPPED)) {
         INFRA_LOG(2, "%s : Can't stop a timer event not in running state!\n", INFRA_FUNCTION);
     }
 }
 
 void CNTimerEvent::Close() {
-    int32_t state = m_event->m_state.load(std::memory_order_relaxed);
+    int32_t state = m_event != nullptr ? m_event->m_state.load(std::memory_order_relaxed) : EVENT_CREATED;
     while (state != EVENT_CREATED) {
         if (m_event->change(state, EVENT_CLOSED)) {
             return;

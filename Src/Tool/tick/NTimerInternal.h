@@ -60,6 +60,11 @@ struct NTimerInternal {
     long m_tick_timer INFRA_GUARDED_BY(m_mutex) = 0;
     long m_sweep_timer INFRA_GUARDED_BY(m_mutex) = 0;  ///< Lets closed events go if the period is long.
 
+    /// Whether the two timers of the handler have been set.
+    bool is_armed() {
+        Infra::CGuard guard(m_mutex);
+        return m_tick_timer != -1 && m_sweep_timer != -1;
+    }
     /// One pass along the list: unlinks and closes what is closed, and with `fire` calls what runs.
     void scan(bool fire) INFRA_REQUIRES(m_mutex);
     /// Closes every event, whatever its state. By the destructor: without the lock, since nobody else knows

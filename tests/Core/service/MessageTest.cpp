@@ -92,7 +92,7 @@ TEST_F(Message, AReceiverOfAnEmptySlotIsAcceptedAndTheRecordGoesBack) {
     putEvent(ev);
     CMessage::Notify(id(), nobody, 7, 42, false);
     CMessage::NotifySerial(id(), nobody, 7, 42, 0);
-    CMessage::NotifyClose(nobody, handler);
+    CMessage::NotifyClose(getEvent(), nobody, handler);
     EXPECT_EQ(0u, log.lines().size()) << log.dump();
     CEvent* again = getEvent();
     EXPECT_EQ(ev, again);
@@ -103,7 +103,7 @@ TEST_F(Message, AReceiverOfAnEmptySlotIsAcceptedAndTheRecordGoesBack) {
 TEST_F(Message, ACloseMessageMeansTheHandlerThatPostedIt) {
     auto* stranger = new TestHandler;
     const std::shared_ptr<HandlerLife> its_life = stranger->life;
-    CMessage::NotifyClose(stranger->GetID(), handler);
+    CMessage::NotifyClose(getEvent(), stranger->GetID(), handler);
     stranger->Notify(stranger->GetID(), 1, 0);
     EXPECT_EVENTUALLY(its_life->messages == 1);
     EXPECT_EQ(0, its_life->closes);

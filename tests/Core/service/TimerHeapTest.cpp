@@ -42,9 +42,9 @@ int64_t idOf(const std::optional<ArmedTimer>& timer) {
 TEST(TimerHeap, ArmingTellsWhetherTheTimerIsTheSoonest) {
     TimerHeap heap;
     EXPECT_EQ(0u, heap.Peek());
-    EXPECT_TRUE(heap.Rearm(timer(0, 500)));
-    EXPECT_FALSE(heap.Rearm(timer(1, 700)));
-    EXPECT_TRUE(heap.Rearm(timer(2, 300)));
+    EXPECT_TRUE(TimerHeapProbe::arm(heap, timer(0, 500)));
+    EXPECT_FALSE(TimerHeapProbe::arm(heap, timer(1, 700)));
+    EXPECT_TRUE(TimerHeapProbe::arm(heap, timer(2, 300)));
     EXPECT_EQ(300u, heap.Peek());
     EXPECT_EQ(3, heap.Count());
 }
@@ -55,7 +55,7 @@ TEST(TimerHeap, PopDueTakesWhatIsNotAboveTheLimit) {
     auto b = timer(1, 200);
     auto c = timer(2, 201);
     for (const ArmedTimer& each : {c, a, b}) {
-        heap.Rearm(each);
+        TimerHeapProbe::arm(heap, each);
     }
     DueChains due;
     heap.PopDue(99, due);
@@ -73,7 +73,7 @@ TEST(TimerHeap, WithinATickTheLastDueRunsFirst) {
     auto b = timer(1, 200);
     auto c = timer(2, 300);
     for (const ArmedTimer& each : {b, c, a}) {
-        heap.Rearm(each);
+        TimerHeapProbe::arm(heap, each);
     }
     DueChains due;
     heap.PopDue(1000, due);
@@ -86,7 +86,7 @@ TEST(TimerHeap, EachPoolGetsAChainInTheOrderOfFirstAppearance) {
     auto b = timer(0, 200, 3);
     auto c = timer(1, 300, 5);
     for (const ArmedTimer& each : {a, b, c}) {
-        heap.Rearm(each);
+        TimerHeapProbe::arm(heap, each);
     }
     DueChains due;
     heap.PopDue(1000, due);
@@ -101,8 +101,8 @@ TEST(TimerHeap, RemoveByIdFindsOnlyWhatIsIn) {
     TimerHeap heap;
     auto a = timer(0, 100);
     auto b = timer(1, 200);
-    heap.Rearm(a);
-    heap.Rearm(b);
+    TimerHeapProbe::arm(heap, a);
+    TimerHeapProbe::arm(heap, b);
     for (long unknown : {-1L, -101L, 0L, 5L, static_cast<long>(timerId(7, 0)),
                          static_cast<long>(timerId(0, 9)), static_cast<long>(timerId(1 << 20, 0)),
                          static_cast<long>(timerId(0, 64)), static_cast<long>(a.id + 1)}) {
@@ -118,7 +118,7 @@ TEST(TimerHeap, RemoveByIdFindsOnlyWhatIsIn) {
 TEST(TimerHeap, RemovePoolTakesThatPoolsTimersAlone) {
     TimerHeap heap;
     for (int i = 0; i < 300; ++i) {
-        heap.Rearm(timer(i, static_cast<uint64_t>((i * 7919) % 1000), i % 3));
+        TimerHeapProbe::arm(heap, timer(i, static_cast<uint64_t>((i * 7919) % 1000), i % 3));
     }
     heap.RemovePool(1, CObjectId::FIRST_COUNTER);
     EXPECT_EQ(200, heap.Count());
@@ -142,7 +142,7 @@ TEST(TimerHeap, TimersOfAllDistancesComeOutInTheOrderOfExpiry) {
                                             10 * SPAN, 3 * SPAN - 1};
     int64_t place = 0;
     for (uint64_t expire : expiries) {
-        heap.Rearm(timer(place++, expire));
+        TimerHeapProbe::arm(heap, timer(place++, expire));
     }
     std::vector<uint64_t> sorted = expiries;
     std::sort(sorted.begin(), sorted.end());
@@ -162,7 +162,7 @@ TEST(TimerHeap, TimersOfAllDistancesComeOutInTheOrderOfExpiry) {
 TEST(TimerHeap, OneLateTickTakesTimersOfManyBuckets) {
     TimerHeap heap;
     for (int i = 0; i < 1000; ++i) {
-        heap.Rearm(timer(i, static_cast<uint64_t>((i * 7919) % 1000) * SPAN + 1));
+        TimerHeapProbe::arm(heap, timer(i, static_cast<uint64_t>((i * 7919) % 1000) * SPAN + 1));
     }
     DueChains due;
     heap.PopDue(999 * SPAN, due);
@@ -174,8 +174,8 @@ TEST(TimerHeap, AfterARemovalTheSoonestExpiryMayBeEarlyUntilItIsLookedFor) {
     TimerHeap heap;
     auto a = timer(0, 5 * SPAN);
     auto b = timer(1, 9 * SPAN);
-    heap.Rearm(a);
-    heap.Rearm(b);
+    TimerHeapProbe::arm(heap, a);
+    TimerHeapProbe::arm(heap, b);
     heap.RemoveById(static_cast<long>(a.id));
     EXPECT_EQ(5 * SPAN, heap.Soonest());
     EXPECT_EQ(9 * SPAN, heap.Peek());
@@ -189,7 +189,7 @@ TEST(TimerHeap, AnIdArmedAgainExpiresOnceAtItsLastExpiry) {
     auto a = timer(0, 0);
     for (uint64_t expire : {4 * SPAN, 2 * SPAN, 2 * SPAN + 5}) {
         a.expire = expire;
-        heap.Rearm(a);
+        TimerHeapProbe::arm(heap, a);
         if (expire != 2 * SPAN + 5) {
             ASSERT_TRUE(heap.RemoveById(static_cast<long>(a.id)));
         }
@@ -207,12 +207,12 @@ TEST(TimerHeap, DeadEntriesNeverOutnumberTheArmedByMuch) {
     std::vector<ArmedTimer> all;
     for (int i = 0; i < 1000; ++i) {
         all.push_back(timer(i, static_cast<uint64_t>(i) * SPAN / 10));
-        heap.Rearm(all.back());
+        TimerHeapProbe::arm(heap, all.back());
     }
     for (int round = 0; round < 20000; ++round) {
         const ArmedTimer& each = all[static_cast<size_t>(round) % all.size()];
         ASSERT_EQ(each.id, idOf(heap.RemoveById(static_cast<long>(each.id))));
-        heap.Rearm(each);
+        TimerHeapProbe::arm(heap, each);
         ASSERT_LE(TimerHeapProbe::entries(heap), 2 * all.size() + 200);
     }
 }
@@ -234,7 +234,7 @@ void compareWithASortedMap(uint64_t farthest) {
             idle.pop_back();
             each.expire = now + random.between<uint64_t>(1, farthest);
             const uint64_t soonest = heap.Soonest();
-            EXPECT_EQ(soonest == 0 || each.expire < soonest, heap.Rearm(each));
+            EXPECT_EQ(soonest == 0 || each.expire < soonest, TimerHeapProbe::arm(heap, each));
             model.emplace(each.expire, each);
         } else if (choice < 9 && !model.empty()) {
             auto it =

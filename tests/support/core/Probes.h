@@ -33,6 +33,12 @@ struct TimerHeapProbe {
         return heap.m_array.size() + heap.m_later.Size();
     }
 
+    /// Arms a timer under its own id, of a pool that need not exist.
+    static bool arm(TimerHeap& heap, const ArmedTimer& timer) {
+        Infra::CGuard guard(heap.m_mutex);
+        return heap.hold(timer.id) && heap.insert(timer);
+    }
+
     /// Ids of a pool that wait for their next timer.
     static std::size_t waitingIds(TimerHeap& heap, int pool) {
         Infra::CGuard guard(heap.m_mutex);

@@ -1,0 +1,101 @@
+// CNetThread while memory runs out: a pool that cannot be made is undone.
+#include <gtest/gtest.h>
+
+#include <Reticor/NetThread.h>
+
+#include "support/Eventually.h"
+#include "support/KernelThread.h"
+#include "support/TestHandler.h"
+#include "support/memory/MemorySweep.h"
+
+namespace Orvex::Testing {
+namespace {
+
+using Reticor::CNetThread;
+
+void expectAMessageArrives(int pool) {
+    auto* const handler = new TestHandler(pool);
+    const std::shared_ptr<HandlerLife> life = handler->life;
+    handler->Notify(handler->GetID(), 1, 0);
+    EXPECT_EVENTUALLY(life->messages == 1);
+    handler->Close();
+    EXPECT_EVENTUALLY(life->closes == 1);
+}
+
+TEST(PoolMemory, TheFirstPoolIsMadeOrUndone) {
+    for (const bool file_io : {false, true}) {
+        const int threads_before = kernelThreadCount();
+        sweep([&](size_t successes, Extent extent) {
+            int result = 1;
+            const Swept swept =
+                withFault(successes, extent, [&] { result = CNetThread::CreateThreadPool(2, file_io); });
+            if (result == 0) {
+                expectAMessageArrives(0);
+                EXPECT_EQ(0, CNetThread::DestroyThreadPool());
+            } else {
+                EXPECT_EQ(-1, result);
+                EXPECT_GE(swept.lines, 1u);
+            }
+            EXPECT_EQ(threads_before, kernelThreadCount());
+            EXPECT_EQ(-1, CNetThread::GetSocksWithoutPlace(0));
+            return swept.hit;
+        });
+        EXPECT_EQ(0, CNetThread::CreateThreadPool(2, file_io));
+        expectAMessageArrives(0);
+        EXPECT_EQ(0, CNetThread::DestroyThreadPool());
+    }
+}
+
+TEST(PoolMemory, APrivatePoolIsMadeOrUndoneWithTheLibraryThatWasStartedForIt) {
+    const int threads_before = kernelThreadCount();
+    sweep([&](size_t successes, Extent extent) {
+        int index = 0;
+        const Swept swept =
+            withFault(successes, extent, [&] { index = CNetThread::CreatePrivatePool(2, false); });
+        if (index == 1) {
+            expectAMessageArrives(1);
+            EXPECT_EQ(0, CNetThread::DestroyPrivatePool(1));
+        } else {
+            EXPECT_EQ(-1, index);
+            EXPECT_GE(swept.lines, 1u);
+        }
+        EXPECT_EQ(threads_before, kernelThreadCount());
+        return swept.hit;
+    });
+}
+
+TEST(PoolMemory, APrivatePoolThatFailsLeavesTheOthersAlone) {
+    ASSERT_EQ(0, CNetThread::CreateThreadPool(2, false));
+    const int threads_before = kernelThreadCount();
+    sweep([&](size_t successes, Extent extent) {
+        int index = 0;
+        const Swept swept =
+            withFault(successes, extent, [&] { index = CNetThread::CreatePrivatePool(2, false); });
+        if (index == 1) {
+            EXPECT_EQ(0, CNetThread::DestroyPrivatePool(1));
+        } else {
+            EXPECT_EQ(-1, index);
+            EXPECT_EQ(1u, swept.lines) << swept.text;
+        }
+        EXPECT_EQ(threads_before, kernelThreadCount());
+        expectAMessageArrives(0);
+        return swept.hit;
+    });
+    EXPECT_EQ(0, CNetThread::DestroyThreadPool());
+}
+
+TEST(PoolMemory, TheOtherThreadsOfThePoolStartWithoutMemoryToo) {
+    for (const Extent extent : {Extent::ONE, Extent::ALL}) {
+        for (size_t successes = 0; successes < 8; ++successes) {
+            SCOPED_TRACE(successes);
+            MemoryFault fault(Whose::OTHERS, extent, successes);
+            ASSERT_EQ(0, CNetThread::CreateThreadPool(2, true));
+            fault.end();
+            expectAMessageArrives(0);
+            ASSERT_EQ(0, CNetThread::DestroyThreadPool());
+        }
+    }
+}
+
+}  // namespace
+}  // namespace Orvex::Testing
