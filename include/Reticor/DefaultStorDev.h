@@ -20,6 +20,7 @@ namespace Orvex::Reticor {
 /// Threads: no lock of its own; one thread at a time. All operations may block but the constructors.
 class RETICOR_API CDefaultStorDev : public CNStorDev_IF {
 public:
+    /// Without memory, be it here or in the copy, there is no stream, and `Open` gives -1.
     CDefaultStorDev();
     /// The copy shares the stream, which is closed when the last of them is gone.
     CDefaultStorDev(const CDefaultStorDev& other);

@@ -12,7 +12,8 @@ struct buffer_node {
     buffer_node* m_next = nullptr;
 };
 
-/// Keeps blocks that are not in use, up to 257 of them: 32 MiB and a little over. A new pool holds one.
+/// Keeps blocks that are not in use, up to 257 of them: 32 MiB and a little over. A new pool holds one, or
+/// none if there is no memory.
 ///
 /// Thread safety: every operation on any thread. Nothing blocks but the allocation of memory.
 class RETICOR_API CNBufPool {
@@ -29,13 +30,13 @@ public:
     void Push(buffer_node* node);
 
     /// The block that has waited longest, or a new one. Ownership: the caller's, until Push or `FreeNode`.
-    /// Throws std::bad_alloc, the one operation of the library to do so, where there is no memory.
+    /// Null if there is no memory.
     buffer_node* Pop();
 
     /// Blocks that wait in the pool.
     int Size();
 
-    /// A block and its node from the system, and back.
+    /// A block and its node from the system, null if there is no memory; and back.
     static buffer_node* NewNode();
     static void FreeNode(buffer_node* node);
 
@@ -64,7 +65,7 @@ public:
         SUBMIT_WRITE_FREE = 3,  ///< Write out, forget the contents and give the block back.
     };
 
-    /// The first buffer makes the pool of the process.
+    /// The first buffer makes the pool of the process, if there is memory for it.
     CNFileBuf();
     /// Gives the block back, or frees it where there is no pool. A pool does not count the buffers that use
     /// it: it goes with the first buffer that is destroyed, and comes again with the next one that is made.
@@ -88,7 +89,8 @@ public:
     /// Forgets the contents. The block stays.
     void Reset();
 
-    /// Takes a block from the pool unless one is held. Result: its bytes; null if there is none and no pool.
+    /// Takes a block from the pool unless one is held. Result: its bytes; null if there is no pool, or no
+    /// memory.
     char* Malloc();
 
     /// Gives the block back to the pool; without a pool it stays.

@@ -49,8 +49,8 @@ class RETICOR_API CNFile : public CNetHandler {
 public:
     /// Opens a file. `mode` is one of fopen(3); use "a" for `Write` alone. `dev` is the device, which must
     /// stay alive until it gets `Close`; null makes a `CDefaultStorDev`. Blocks for the opening. Needs the
-    /// public pool. Result: the file, to be ended by `Close`; null if the device did not open, which has got
-    /// `Close` then.
+    /// public pool. Result: the file, to be ended by `Close`; null if the device did not open, or, with a
+    /// line at level 2, if there is no memory. The device has got `Close` then.
     static CNFile* Open(long handler_id, const char* path, const char* mode, CNStorDev_IF* dev);
 
     /// Takes up to `len` bytes (INT_MAX at most) at the position. Result: bytes taken; less than `len` means

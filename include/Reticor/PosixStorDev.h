@@ -18,6 +18,7 @@ namespace Orvex::Reticor {
 /// All operations but the constructor, `Seek` and `NeedAIO` may block.
 class RETICOR_API CPosixStorDev : public CNStorDev_IF {
 public:
+    /// Without memory `Open` gives -1.
     CPosixStorDev();
     CPosixStorDev(const CPosixStorDev&) = delete;
     CPosixStorDev& operator=(const CPosixStorDev&) = delete;

@@ -23,8 +23,9 @@ class ParserText;
 ///
 /// Errors: results, never exceptions. -1 unless another value is named, and `GetStatus` for the numbers,
 /// whose results cannot tell. A null pointer for a text that is searched or compared gives -1. Only `Attach`
-/// asserts. The parser's own record of some 50 bytes is taken with `new` by the constructors, which end the
-/// process if even that cannot be had.
+/// asserts. The parser's own record of some 50 bytes is taken by the constructors; without memory it comes
+/// out of a reserve of 256, and a parser that finds that used up as well never has a text: `Attach` and
+/// `Append` give -1.
 ///
 /// Lengths and offsets are counts of bytes. The longest text is INT_MAX - 16 bytes; what would be longer
 /// fails as if there were no memory.

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <utility>
 
 #include <Infra/Log.h>
@@ -63,17 +64,29 @@ struct Stream {
 struct __attribute__((visibility("hidden"))) CDefaultStorDev::State {
     std::shared_ptr<Stream> m_stream;
     char m_path[256] = {};
+
+    /// The open stream of a state that may be missing, or null.
+    static Stream* stream_of(const State* state) {
+        return state != nullptr ? state->m_stream.get() : nullptr;
+    }
 };
 
-CDefaultStorDev::CDefaultStorDev() : m_state(new State) {}
+// Without memory for its state a device is one that does not open.
+CDefaultStorDev::CDefaultStorDev() : m_state(new (std::nothrow) State) {}
 
 CDefaultStorDev::CDefaultStorDev(const CDefaultStorDev& other)
-    : CNStorDev_IF(other), m_state(new State(*other.m_state)) {}
+    : CNStorDev_IF(other),
+      m_state(other.m_state != nullptr ? new (std::nothrow) State(*other.m_state) : nullptr) {}
 
 CDefaultStorDev& CDefaultStorDev::operator=(const CDefaultStorDev& other) {
     if (this != &other) {
         CNStorDev_IF::operator=(other);
-        *m_state = *other.m_state;
+        if (m_state == nullptr) {
+            m_state = new (std::nothrow) State;
+        }
+        if (m_state != nullptr) {
+            *m_state = other.m_state != nullptr ? *other.m_state : State();
+        }
     }
     return *this;
 }
@@ -83,6 +96,10 @@ CDefaultStorDev::~CDefaultStorDev() {
 }
 
 int CDefaultStorDev::Open(const char* path, const char* mode) {
+    if (m_state == nullptr) {
+        INFRA_LOG_STATIC(2, "open file failed! %s\n", GetSockErrorText(ENOMEM).c_str());
+        return -1;
+    }
     m_state->m_stream.reset();
     std::strncpy(m_state->m_path, path != nullptr ? path : "", sizeof(m_state->m_path) - 1);
     FILE* const file = std::fopen(m_state->m_path, mode != nullptr ? mode : "");
@@ -95,7 +112,13 @@ int CDefaultStorDev::Open(const char* path, const char* mode) {
     // Bytes that wait in a buffer are counted as written, and dropped if the disk is full when they are to
     // leave it: without one, what the calls say is what the descriptor took.
     std::setvbuf(file, nullptr, _IONBF, 0);
-    m_state->m_stream = std::make_shared<Stream>(file);
+    try {
+        m_state->m_stream = std::make_shared<Stream>(file);
+    } catch (const std::bad_alloc&) {
+        std::fclose(file);
+        INFRA_LOG_STATIC(2, "open file failed! %s\n", GetSockErrorText(ENOMEM).c_str());
+        return -1;
+    }
     return 0;
 }
 
@@ -104,17 +127,17 @@ void CDefaultStorDev::Close() {
 }
 
 int CDefaultStorDev::Finish(bool sync) {
-    const std::shared_ptr<Stream> stream = std::move(m_state->m_stream);
-    if (stream == nullptr) {
+    if (State::stream_of(m_state) == nullptr) {
         return 0;
     }
+    const std::shared_ptr<Stream> stream = std::move(m_state->m_stream);
     const int synced = sync ? sync_file(::fileno(stream->m_file)) : 0;
     const int closed = stream.use_count() == 1 ? stream->close() : 0;
     return synced == 0 ? closed : synced;
 }
 
 int CDefaultStorDev::Write(const char* data, unsigned len) {
-    Stream* const stream = m_state->m_stream.get();
+    Stream* const stream = State::stream_of(m_state);
     if (stream == nullptr || !stream->begin(Turn::writing)) {
         return 0;
     }
@@ -122,7 +145,7 @@ int CDefaultStorDev::Write(const char* data, unsigned len) {
 }
 
 int CDefaultStorDev::Read(char* dst, unsigned len) {
-    Stream* const stream = m_state->m_stream.get();
+    Stream* const stream = State::stream_of(m_state);
     if (stream == nullptr || !stream->begin(Turn::reading)) {
         return 0;
     }
@@ -130,7 +153,7 @@ int CDefaultStorDev::Read(char* dst, unsigned len) {
 }
 
 int CDefaultStorDev::Seek(long long offset, int whence) {
-    Stream* const stream = m_state->m_stream.get();
+    Stream* const stream = State::stream_of(m_state);
     if (stream == nullptr || (whence != 0 && whence != 1)) {
         return -1;
     }
@@ -143,7 +166,7 @@ int CDefaultStorDev::Seek(long long offset, int whence) {
 
 int CDefaultStorDev::Stat(NFile_Info* info) {
     struct stat found;
-    if (::stat(m_state->m_path, &found) < 0) {
+    if (::stat(m_state != nullptr ? m_state->m_path : "", &found) < 0) {
         const int error = errno;
         INFRA_LOG_STATIC(2, "get fstat failed! %s\n", GetSockErrorText(error).c_str());
         return -1;

@@ -11,6 +11,7 @@
 #include <climits>
 #include <cstdint>
 #include <cstring>
+#include <new>
 #include <utility>
 
 #include <Infra/LockClasses.h>
@@ -115,14 +116,22 @@ struct __attribute__((visibility("hidden"))) CPosixStorDev::State {
     }
 };
 
-CPosixStorDev::CPosixStorDev() : m_state(new State) {}
+// Without memory for its state a device is one that does not open; what comes after that is refused as for a
+// closed one.
+CPosixStorDev::CPosixStorDev() : m_state(new (std::nothrow) State) {}
 
 CPosixStorDev::~CPosixStorDev() {
-    m_state->close();
-    delete m_state;
+    if (m_state != nullptr) {
+        m_state->close();
+        delete m_state;
+    }
 }
 
 int CPosixStorDev::Open(const char* path, const char* mode) {
+    if (m_state == nullptr) {
+        INFRA_LOG_STATIC(2, "open file failed! %s\n", GetSockErrorText(ENOMEM).c_str());
+        return -1;
+    }
     m_state->close();
     m_state->m_fd = open_file(path, mode);
     if (m_state->m_fd == -1) {
@@ -142,12 +151,19 @@ void CPosixStorDev::Close() {
 }
 
 int CPosixStorDev::Finish(bool sync) {
+    if (m_state == nullptr) {
+        return 0;
+    }
     const int synced = sync && m_state->m_fd != -1 ? sync_file(m_state->m_fd) : 0;
     const int closed = m_state->close();
     return synced == 0 ? closed : synced;
 }
 
 int CPosixStorDev::Write(const char* data, unsigned len) {
+    if (m_state == nullptr) {
+        errno = EBADF;
+        return -1;
+    }
     const State& state = *m_state;
     return m_state->transfer_at_position(len, [&state, data](off_t position, size_t bytes) {
         return state.m_has_positions ? ::pwrite(state.m_fd, data, bytes, position)
@@ -156,6 +172,10 @@ int CPosixStorDev::Write(const char* data, unsigned len) {
 }
 
 int CPosixStorDev::Read(char* dst, unsigned len) {
+    if (m_state == nullptr) {
+        errno = EBADF;
+        return -1;
+    }
     const State& state = *m_state;
     return m_state->transfer_at_position(len, [&state, dst](off_t position, size_t bytes) {
         return state.m_has_positions ? ::pread(state.m_fd, dst, bytes, position)
@@ -164,7 +184,8 @@ int CPosixStorDev::Read(char* dst, unsigned len) {
 }
 
 int CPosixStorDev::Seek(long long offset, int whence) {
-    if (m_state->m_fd == -1 || !m_state->m_has_positions || (whence != 0 && whence != 1)) {
+    if (m_state == nullptr || m_state->m_fd == -1 || !m_state->m_has_positions ||
+        (whence != 0 && whence != 1)) {
         return -1;
     }
     Infra::CGuard guard(m_state->m_mutex);
@@ -184,7 +205,7 @@ int CPosixStorDev::Seek(long long offset, int whence) {
 
 int CPosixStorDev::Stat(NFile_Info* info) {
     struct stat found;
-    if (::fstat(m_state->m_fd, &found) < 0) {
+    if (::fstat(m_state != nullptr ? m_state->m_fd : -1, &found) < 0) {
         const int error = errno;
         INFRA_LOG_STATIC(2, "get fstat failed! %s\n", GetSockErrorText(error).c_str());
         return -1;

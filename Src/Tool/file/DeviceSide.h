@@ -56,6 +56,8 @@ public:
     PassResult write_pass(long long arg);
     /// The task of a read pass.
     PassResult read_pass();
+    /// For the file's last task: writes what no task could be posted for.
+    PassResult write_left() { return m_exchange.m_slots.HasWrites() ? write_pass(1) : PassResult::done; }
     /// Teardown's own pass, on its thread, with no file worker running. False if something could not be
     /// written.
     bool write_out_at_end();

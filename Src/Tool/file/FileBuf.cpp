@@ -5,6 +5,7 @@
 #include <cassert>
 #include <cstdint>
 #include <cstring>
+#include <new>
 
 #include <Infra/LockClasses.h>
 
@@ -17,8 +18,8 @@ int CNFileBuf::m_pool_ref_cnt = 0;
 CNFileBuf::CNFileBuf() : m_mutex(Infra::LockClass::FILE_BUFFER) {
     Infra::CGuard guard(m_pool_mutex);
     if (m_buf_pool == nullptr) {
-        m_buf_pool = new CNBufPool;
-        ++m_pool_ref_cnt;
+        m_buf_pool = new (std::nothrow) CNBufPool;
+        m_pool_ref_cnt += m_buf_pool != nullptr ? 1 : 0;
     }
 }
 
@@ -83,7 +84,7 @@ char* CNFileBuf::Malloc() {
     Infra::CGuard guard(m_pool_mutex);
     if (m_buf_pool != nullptr) {
         m_node = m_buf_pool->Pop();
-        m_data = m_node->m_buf;
+        m_data = m_node != nullptr ? m_node->m_buf : nullptr;
     }
     return m_data;
 }

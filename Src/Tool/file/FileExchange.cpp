@@ -13,13 +13,18 @@ void FileExchange::post_write() {
 }
 
 void FileExchange::post_flush() {
-    if (m_turn.want_flush()) {
-        PostFileTask(&m_file, FILE_TASK_WRITE, 1);
+    if (m_turn.want_flush() && PostFileTask(&m_file, FILE_TASK_WRITE, 1) != 0) {
+        m_turn.flush_not_posted();
+        m_owed.notify_write_message();
+        m_owed.notify_stalled_read();
     }
 }
 
 void FileExchange::post_load() {
-    PostFileTask(&m_file, FILE_TASK_READ, 0);
+    if (PostFileTask(&m_file, FILE_TASK_READ, 0) != 0) {
+        m_load.read_end();
+        m_owed.notify_read_message();
+    }
 }
 
 }  // namespace Orvex::Reticor

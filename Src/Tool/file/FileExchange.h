@@ -25,6 +25,9 @@ public:
     PendingLoad m_load;
     PassTurn m_turn;
 
+    // Without memory for a task the work is left to the file's next one, be it the one that closes; whoever
+    // waits for it is told to try again.
+
     /// What was submitted is to be written: by a task, or by the pass that runs.
     void post_write();
     /// The same, tried until it succeeds, and message 6 is paid.

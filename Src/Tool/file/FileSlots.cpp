@@ -204,6 +204,11 @@ const std::vector<FileSlot*>& CFileSlots::CollectWrites() {
     return m_to_write;
 }
 
+bool CFileSlots::HasWrites() {
+    Infra::CGuard guard(m_order_mutex);
+    return in(SlotPlace::to_write).Next(0) != SlotSet::NONE;
+}
+
 FileSlot* CFileSlots::NextLoad(unsigned from) {
     Infra::CGuard guard(m_order_mutex);
     const unsigned index = in(SlotPlace::to_load).Next(from);

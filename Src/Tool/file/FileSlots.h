@@ -5,7 +5,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <new>
 #include <vector>
 
 #include <Infra/LockClasses.h>
@@ -39,13 +38,9 @@ struct FileSlot : CNFileBuf {
 
     /// The block, taken from the pool, or from the system where there is no pool. Null without memory.
     char* block() {
-        try {
-            if (Malloc() == nullptr) {
-                m_node = CNBufPool::NewNode();
-                m_data = m_node->m_buf;
-            }
-        } catch (const std::bad_alloc&) {
-            return nullptr;
+        if (Malloc() == nullptr) {
+            m_node = CNBufPool::NewNode();
+            m_data = m_node != nullptr ? m_node->m_buf : nullptr;
         }
         return m_data;
     }
@@ -73,6 +68,9 @@ public:
     /// `count` new buffers, up to MOST, in place of what was there. False, and none, if memory has no room.
     bool Allocate(unsigned count);
     void Clear();
+
+    /// Whether anything is submitted that has to be written.
+    bool HasWrites();
 
     unsigned count() const { return m_buf_count; }
     FileSlot& at(unsigned index) { return m_bufs[index]; }

@@ -1,6 +1,9 @@
 // The file workers: their start, their end, and what they do with a task.
 #include "Tool/file/FileThread.h"
 
+#include <new>
+
+#include <Infra/Log.h>
 #include <Infra/Time.h>
 #include <Reticor/NFile.h>
 
@@ -35,6 +38,14 @@ void file_thread_proc(Infra::CThreadLite& thread) {
     }
 }
 
+PassResult close(const FileTask& task) {
+    if (CNFile::State::of(*task.m_file).m_device.write_left() != PassResult::done) {
+        return PassResult::failed;
+    }
+    task.m_file->handle_close_file();
+    return PassResult::done;
+}
+
 PassResult run(const FileTask& task) {
     DeviceSide& device = CNFile::State::of(*task.m_file).m_device;
     switch (task.m_type) {
@@ -43,8 +54,7 @@ PassResult run(const FileTask& task) {
         case FILE_TASK_READ:
             return device.read_pass();
         case FILE_TASK_CLOSE:
-            task.m_file->handle_close_file();
-            return PassResult::done;
+            return close(task);
         default:
             return PassResult::done;
     }
@@ -117,10 +127,33 @@ void end_workers(Infra::CThreadLite** threads) {
     g_file_threads_stop.store(false);
 }
 
+/// The objects of that many threads, none of which runs; null without memory.
+Infra::CThreadLite** make_workers(unsigned count) {
+    auto** const threads = new (std::nothrow) Infra::CThreadLite* [count] {};
+    for (unsigned i = 0; threads != nullptr && i < count; ++i) {
+        threads[i] = new (std::nothrow) Infra::CThreadLite(
+            Infra::TFunction1<void, Infra::CThreadLite&>(&file_thread_proc), "Reticor::FileThread", 64, 0, 0);
+        if (threads[i] == nullptr) {
+            while (i > 0) {
+                delete threads[--i];
+            }
+            delete[] threads;
+            return nullptr;
+        }
+    }
+    return threads;
+}
+
 }  // namespace
 
 int StartFileThreads(unsigned n) {
     const unsigned count = 2 * n;
+    Infra::CThreadLite** const threads = make_workers(count);
+    if (threads == nullptr) {
+        INFRA_LOG_STATIC(2, "No memory for the file threads!\n");
+        return -1;
+    }
+    StockFileTasks();
     fileTasks().Clear(fileTaskPool());
     g_file_threads_over.store(false);
     // From here on whoever posts a message posts its task as well. Those that came before get theirs now: one
@@ -130,12 +163,12 @@ int StartFileThreads(unsigned n) {
         PostFileMessageTask();
     }
     g_file_threads_stop.store(false);
-    auto** const threads = new Infra::CThreadLite*[count];
     unsigned started = 0;
     for (unsigned i = 0; i < count; ++i) {
-        threads[i] = new Infra::CThreadLite(Infra::TFunction1<void, Infra::CThreadLite&>(&file_thread_proc),
-                                            "Reticor::FileThread", 64, 0, 0);
         started += threads[i]->createThread() ? 1 : 0;
+    }
+    if (started < count) {
+        INFRA_LOG_STATIC(2, "Only %u of %u file threads could be started!\n", started, count);
     }
     g_file_threads.store(threads, std::memory_order_release);
     if (started == 0 && count > 0) {

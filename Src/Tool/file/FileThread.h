@@ -6,7 +6,8 @@
 namespace Orvex::Reticor {
 
 /// Starts 2 * n file workers. They begin with the messages that were posted while there were none. Result: 0;
-/// -1 if the system gives not a single thread. Under the lock that serialises set-up and teardown.
+/// -1, with a line, if the system gives not a single thread, or there is no memory. Under the lock that
+/// serialises set-up and teardown.
 int StartFileThreads(unsigned n);
 
 /// Ends the file workers, each after the device call that it is in, and drops the tasks and messages that are

@@ -1,5 +1,5 @@
 // CNBufPool: the blocks that windows of files use.
-#include <memory>
+#include <new>
 
 #include <Infra/LockClasses.h>
 #include <Reticor/FileBuf.h>
@@ -17,7 +17,9 @@ constexpr int WARM_UP_ROUNDS = 64;
 // files need it.
 CNBufPool::CNBufPool() : m_mutex(Infra::LockClass::FILE_POOL) {
     for (int i = 0; i < WARM_UP_ROUNDS; ++i) {
-        Push(Pop());
+        if (buffer_node* const node = Pop()) {
+            Push(node);
+        }
     }
 }
 
@@ -31,9 +33,15 @@ CNBufPool::~CNBufPool() {
 }
 
 buffer_node* CNBufPool::NewNode() {
-    std::unique_ptr<char[]> block(new char[BLOCK_BYTES]);
-    auto* const node = new buffer_node;
-    node->m_buf = block.release();
+    auto* const node = new (std::nothrow) buffer_node;
+    if (node == nullptr) {
+        return nullptr;
+    }
+    node->m_buf = new (std::nothrow) char[BLOCK_BYTES];
+    if (node->m_buf == nullptr) {
+        delete node;
+        return nullptr;
+    }
     return node;
 }
 

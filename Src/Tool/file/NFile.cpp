@@ -2,7 +2,9 @@
 #include <Reticor/NFile.h>
 
 #include <algorithm>
+#include <new>
 
+#include <Infra/Log.h>
 #include <Reticor/DefaultStorDev.h>
 
 #include "Tool/device/StorDev.h"
@@ -19,8 +21,23 @@ CNFile::~CNFile() {
 }
 
 CNFile* CNFile::Open(long handler_id, const char* path, const char* mode, CNStorDev_IF* dev) {
-    auto* const file = new CNFile;
-    State* const state = new State(*file, handler_id, dev != nullptr ? dev : new CDefaultStorDev);
+    if (dev == nullptr) {
+        dev = new (std::nothrow) CDefaultStorDev;
+    }
+    auto* const file = dev != nullptr ? new (std::nothrow) CNFile : nullptr;
+    auto* state =
+        file != nullptr && file->GetID() != 0 ? new (std::nothrow) State(*file, handler_id, dev) : nullptr;
+    if (state == nullptr || !state->m_holds) {
+        INFRA_LOG_STATIC(2, "CNFile::Open no memory!\n");
+        delete state;
+        if (file != nullptr) {
+            file->CNetHandler::Close();
+        }
+        if (dev != nullptr) {
+            dev->Close();
+        }
+        return nullptr;
+    }
     file->m_state = state;
     state->m_place.enter();
     if (state->m_device.open(path, mode) < 0) {
@@ -113,7 +130,7 @@ void CNFile::Close() {
             DecRef();
             return;
         case CallerSide::Closing::by_task:
-            PostFileTask(this, FILE_TASK_CLOSE, 1);
+            PostFileTask(m_state->m_close_task.release(), this, FILE_TASK_CLOSE, 1);
             return;
         case CallerSide::Closing::handler:
             CNetHandler::Close();
@@ -137,8 +154,10 @@ int CNFile::handle_close_file() {
 }
 
 int CNFile::handle_close(CNetHandler*) {
-    m_state->m_place.leave();
-    m_state->m_device.close();
+    if (m_state != nullptr) {
+        m_state->m_place.leave();
+        m_state->m_device.close();
+    }
     delete this;
     return -1;
 }

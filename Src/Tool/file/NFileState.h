@@ -1,12 +1,17 @@
 // CNFile::State: the parts of a file.
 #pragma once
 
+#include <memory>
+#include <new>
+
 #include <Reticor/NFile.h>
 
 #include "Tool/file/CallerSide.h"
 #include "Tool/file/DeviceSide.h"
 #include "Tool/file/FileExchange.h"
 #include "Tool/file/FileList.h"
+#include "Tool/task/FileTask.h"
+#include "Tool/task/FileTaskQueue.h"
 
 namespace Orvex::Reticor {
 
@@ -17,7 +22,16 @@ struct __attribute__((visibility("hidden"))) CNFile::State {
         : m_place(file),
           m_exchange(file, handler_id),
           m_device(m_exchange, dev),
-          m_caller(m_exchange, m_device) {}
+          m_caller(m_exchange, m_device),
+          m_close_task(new (std::nothrow) FileTask),
+          m_holds(m_close_task != nullptr && fileTasks().Hold()) {}
+    ~State() {
+        if (m_holds) {
+            fileTasks().Drop();
+        }
+    }
+    State(const State&) = delete;
+    State& operator=(const State&) = delete;
 
     static State& of(CNFile& file) { return *file.m_state; }
 
@@ -25,7 +39,9 @@ struct __attribute__((visibility("hidden"))) CNFile::State {
     FileExchange m_exchange;
     DeviceSide m_device;
     CallerSide m_caller;
-    CNFile* m_next_to_end = nullptr;  ///< Link of NFileEnd.
+    std::unique_ptr<FileTask> m_close_task;  ///< Taken with the file, since Close must not fail.
+    const bool m_holds;                      ///< False: there was no memory for the file.
+    CNFile* m_next_to_end = nullptr;         ///< Link of NFileEnd.
 };
 
 }  // namespace Orvex::Reticor

@@ -9,7 +9,7 @@ namespace Orvex::Reticor {
 
 void OwedMessages::tell(unsigned int msg) {
     if (!m_silent.load(std::memory_order_relaxed)) {
-        CMessage::Notify(m_file.GetID(), m_handler_id, msg, 0, false);
+        CMessage::Tell(m_file.GetID(), m_handler_id, msg, 0);
     }
 }
 

@@ -29,6 +29,12 @@ bool PassTurn::want_flush() {
     return true;
 }
 
+void PassTurn::flush_not_posted() {
+    Infra::CGuard guard(m_write_mutex);
+    --m_flush_tasks;
+    m_flush_wanted = true;
+}
+
 void PassTurn::forget_load() {
     Infra::CGuard guard(m_write_mutex);
     m_load_wanted = false;

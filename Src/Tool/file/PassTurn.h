@@ -34,6 +34,8 @@ public:
     /// True if a write task with argument 1 is to be posted; false if there is one, or a running pass does
     /// it.
     bool want_flush();
+    /// There was no memory for the task that `want_flush` asked for. The next pass does it.
+    void flush_not_posted();
 
     /// Nothing is left to be loaded.
     void forget_load();

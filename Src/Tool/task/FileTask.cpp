@@ -1,6 +1,11 @@
 // FileTask: posting to the file workers.
 #include "Tool/task/FileTask.h"
 
+#include <cstdint>
+#include <new>
+
+#include <Infra/CountedLine.h>
+#include <Infra/Forever.h>
 #include <Infra/Log.h>
 
 #include "Tool/task/FileTaskQueue.h"
@@ -12,6 +17,13 @@ namespace {
 thread_local bool t_file_worker = false;
 
 std::atomic<bool> g_told_of_no_threads{false};
+Infra::CountedLine g_dropped;
+
+void count_dropped() {
+    if (const uint64_t dropped = g_dropped.Count()) {
+        INFRA_LOG_STATIC(2, "PostFileTask, no memory, tasks dropped: %ju\n", static_cast<uintmax_t>(dropped));
+    }
+}
 
 }  // namespace
 
@@ -22,12 +34,14 @@ std::atomic<bool> g_file_threads_stop{false};
 std::atomic<bool> g_file_threads_over{false};
 
 FileTaskQueue& fileTasks() {
-    static FileTaskQueue& g_file_tasks = *new FileTaskQueue(&g_file_sem);
+    static Infra::Forever<FileTaskQueue> room;
+    static FileTaskQueue& g_file_tasks = room.make(&g_file_sem);
     return g_file_tasks;
 }
 
 FileTaskQueue& fileTaskPool() {
-    static FileTaskQueue& g_file_task_pool = *new FileTaskQueue(nullptr);
+    static Infra::Forever<FileTaskQueue> room;
+    static FileTaskQueue& g_file_task_pool = room.make(nullptr);
     return g_file_task_pool;
 }
 
@@ -54,19 +68,46 @@ int PostFileTask(CNFile* file, int type, long long arg) {
     }
     FileTask* task = fileTaskPool().Get();
     if (task == nullptr) {
-        task = new FileTask;
+        task = new (std::nothrow) FileTask;
     }
+    if (task == nullptr) {
+        count_dropped();
+        return -1;
+    }
+    return PostFileTask(task, file, type, arg);
+}
+
+int PostFileTask(FileTask* task, CNFile* file, int type, long long arg) {
     task->m_file = file;
     task->m_type = type;
     task->m_arg = arg;
     task->m_wait_ms = 0;
-    fileTasks().Put(task, true);
+    if (!fileTasks().Put(task, true)) {
+        fileTaskPool().Put(task, false);
+        count_dropped();
+        return -1;
+    }
     g_file_sem.post();
     return 0;
 }
 
 int PostFileMessageTask() {
     return PostFileTask(nullptr, FILE_TASK_IO_MESSAGE, 0);
+}
+
+void StockFileTasks() {
+    constexpr int STOCK = 256;
+    static bool sm_stocked = false;  // under the lock of set-up and teardown
+    if (sm_stocked) {
+        return;
+    }
+    sm_stocked = true;
+    static_cast<void>(fileTasks().Hold());  // for the messages, which are without a file
+    for (int i = 0; i < STOCK; ++i) {
+        if (FileTask* const task = new (std::nothrow) FileTask) {
+            fileTaskPool().Put(task, false);
+        }
+    }
 }
 
 bool OnFileWorker() {

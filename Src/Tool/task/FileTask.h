@@ -11,6 +11,7 @@ namespace Orvex::Reticor {
 
 class CNFile;
 class FileTaskQueue;
+struct FileTask;
 
 /// The file workers. The pointer is set while they run, and only then; the count stays after they were
 /// stopped. Both change under the lock that serialises set-up and teardown.
@@ -34,11 +35,20 @@ int HasFileThreads();
 /// that files work without them.
 bool FileThreadsRun();
 
-/// Queues one task. Without workers ever started nothing is queued. Always 0.
+/// Queues one task. Without workers ever started nothing is queued. Result: 0; -1 if there is no memory, with
+/// a line at level 2 that counts, once a second at most.
 int PostFileTask(CNFile* file, int type, long long arg);
 
-/// A task for one message of NotifyIO. Always 0.
+/// The same in a node that the caller brings, which becomes the queue's. It does not fail for a file that
+/// holds (FileTaskQueue::Hold).
+int PostFileTask(FileTask* task, CNFile* file, int type, long long arg);
+
+/// A task for one message of NotifyIO. Result as above.
 int PostFileMessageTask();
+
+/// Sees to it that the free list of nodes, which it fills, has a stock that the workers can go on with while
+/// there is no memory.
+void StockFileTasks();
 
 /// Whether the calling thread is a file worker, and how it says so.
 bool OnFileWorker();

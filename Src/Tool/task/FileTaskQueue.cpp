@@ -2,6 +2,8 @@
 #include "Tool/task/FileTaskQueue.h"
 
 #include <algorithm>
+#include <new>
+#include <utility>
 
 namespace Orvex::Reticor {
 
@@ -33,12 +35,59 @@ FileTask* FileTaskQueue::Chain::take() {
     return task;
 }
 
-void FileTaskQueue::Put(FileTask* task, bool count) {
+bool FileTaskQueue::Hold() {
+    Infra::CGuard guard(m_mutex);
+    try {
+        m_spare.emplace(nullptr, FileEntry());
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    return true;
+}
+
+void FileTaskQueue::Drop() {
+    Infra::CGuard guard(m_mutex);
+    if (!m_spare.empty()) {
+        m_spare.erase(m_spare.begin());
+    }
+}
+
+/// The file's entry, a new one if it has none; the end without memory.
+FileTaskQueue::Entries::iterator FileTaskQueue::entry_of(CNFile* file) {
+    const auto found = m_pending.find(file);
+    if (found != m_pending.end()) {
+        return found;
+    }
+    if (!m_spare.empty()) {
+        auto node = m_spare.extract(m_spare.begin());
+        node.key() = file;
+        node.mapped() = FileEntry();
+        return m_pending.insert(std::move(node)).position;
+    }
+    try {
+        return m_pending.emplace(file, FileEntry()).first;
+    } catch (const std::bad_alloc&) {
+        return m_pending.end();
+    }
+}
+
+void FileTaskQueue::rest_entry(Entries::iterator entry) {
+    auto node = m_pending.extract(entry);
+    node.key() = nullptr;
+    m_spare.insert(m_spare.end(), std::move(node));
+}
+
+bool FileTaskQueue::Put(FileTask* task, bool count) {
     Infra::CGuard guard(m_mutex);
     if (count) {
-        ++m_pending[task->m_file].count;
+        const auto entry = entry_of(task->m_file);
+        if (entry == m_pending.end()) {
+            return false;
+        }
+        ++entry->second.count;
     }
     m_list.append(task);
+    return true;
 }
 
 FileTask* FileTaskQueue::Get() {
@@ -59,7 +108,7 @@ void FileTaskQueue::Release(CNFile* file) {
     }
     let_go(found->second);
     if (--found->second.count == 0) {
-        m_pending.erase(found);
+        rest_entry(found);
     }
 }
 
@@ -93,16 +142,21 @@ void FileTaskQueue::park(FileEntry& entry, FileTask* task) {
 
 void FileTaskQueue::Park(FileTask* task) {
     Infra::CGuard guard(m_mutex);
-    park(m_pending[task->m_file], task);
+    const auto found = m_pending.find(task->m_file);
+    if (found != m_pending.end()) {
+        park(found->second, task);
+    } else {
+        put_again(task);
+    }
 }
 
 bool FileTaskQueue::ParkUnlessLast(FileTask* task) {
     Infra::CGuard guard(m_mutex);
-    FileEntry& entry = m_pending[task->m_file];
-    if (entry.count == 1) {
+    const auto found = m_pending.find(task->m_file);
+    if (found == m_pending.end() || found->second.count == 1) {
         return false;
     }
-    park(entry, task);
+    park(found->second, task);
     return true;
 }
 
@@ -111,7 +165,10 @@ void FileTaskQueue::Rest(FileTask* task, uint64_t now_us) {
     task->m_wait_ms = task->m_wait_ms == 0 ? FIRST_REST_MS : std::min(2 * task->m_wait_ms, LONGEST_REST_MS);
     task->m_due_us = now_us + uint64_t{task->m_wait_ms} * 1000;
     insert_resting(task);
-    let_go(m_pending[task->m_file]);
+    const auto found = m_pending.find(task->m_file);
+    if (found != m_pending.end()) {
+        let_go(found->second);
+    }
 }
 
 void FileTaskQueue::insert_resting(FileTask* task) {
@@ -165,7 +222,9 @@ void FileTaskQueue::Clear(FileTaskQueue& rest) {
                 all.append(task);
             }
         }
-        m_pending.clear();
+        while (!m_pending.empty()) {
+            rest_entry(m_pending.begin());
+        }
     }
     while (FileTask* const task = all.take()) {
         rest.Put(task, false);

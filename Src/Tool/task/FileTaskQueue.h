@@ -46,8 +46,14 @@ public:
     FileTaskQueue(const FileTaskQueue&) = delete;
     FileTaskQueue& operator=(const FileTaskQueue&) = delete;
 
-    /// Appends the task; with `count` it is one more of its file. Posts nothing.
-    void Put(FileTask* task, bool count);
+    /// A file that is opened holds the memory that its tasks need beside their nodes, and drops it at its
+    /// end. False if there is none. Whoever does not hold needs memory with the first task.
+    bool Hold();
+    void Drop();
+
+    /// Appends the task; with `count` it is one more of its file. Posts nothing. False, with the task left to
+    /// the caller, if there is no memory to count.
+    bool Put(FileTask* task, bool count);
 
     /// The first task, or null.
     FileTask* Get();
@@ -93,6 +99,10 @@ private:
         Chain parked;
     };
 
+    using Entries = std::map<CNFile*, FileEntry>;
+
+    Entries::iterator entry_of(CNFile* file) INFRA_REQUIRES(m_mutex);
+    void rest_entry(Entries::iterator entry) INFRA_REQUIRES(m_mutex);
     void park(FileEntry& entry, FileTask* task) INFRA_REQUIRES(m_mutex);
     void let_go(FileEntry& entry) INFRA_REQUIRES(m_mutex);
     void put_again(FileTask* task) INFRA_REQUIRES(m_mutex);
@@ -101,7 +111,9 @@ private:
     Infra::CSemaphore* const m_wake;
     Infra::CMutex m_mutex{Infra::LockClass::FILE_TASKS};
     /// A file with no task out has no entry.
-    std::map<CNFile*, FileEntry> m_pending INFRA_GUARDED_BY(m_mutex);
+    Entries m_pending INFRA_GUARDED_BY(m_mutex);
+    /// Entries that rest. With those in use they are as many as there are files that hold, or more.
+    std::multimap<CNFile*, FileEntry> m_spare INFRA_GUARDED_BY(m_mutex);
     Chain m_list INFRA_GUARDED_BY(m_mutex);
     /// By the end of the rest, the soonest first.
     FileTask* m_resting INFRA_GUARDED_BY(m_mutex) = nullptr;

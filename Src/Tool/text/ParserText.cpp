@@ -2,7 +2,11 @@
 #include "Tool/text/ParserText.h"
 
 #include <algorithm>
+#include <array>
+#include <atomic>
 #include <new>
+
+#include <Infra/Forever.h>
 
 #include "Tool/text/ParserBytes.h"
 
@@ -23,7 +27,67 @@ int difference(const char* a, const char* b, size_t n) {
     return 0;
 }
 
+/// Places for parsers that find no memory.
+class Reserve {
+public:
+    static constexpr size_t SIZE = 256;
+
+    /// Null if all are taken.
+    ParserText* take() {
+        for (size_t i = 0; i < SIZE; ++i) {
+            if (!m_taken[i].exchange(true, std::memory_order_acquire)) {
+                return &m_rooms[i].make();
+            }
+        }
+        return nullptr;
+    }
+
+    /// False for one that is not from here.
+    bool give(ParserText* text) {
+        const auto from = reinterpret_cast<uintptr_t>(m_rooms.data());
+        const size_t place = (reinterpret_cast<uintptr_t>(text) - from) / sizeof(m_rooms[0]);
+        if (reinterpret_cast<uintptr_t>(text) < from || place >= SIZE) {
+            return false;
+        }
+        text->~ParserText();
+        m_taken[place].store(false, std::memory_order_release);
+        return true;
+    }
+
+private:
+    std::array<std::atomic<bool>, SIZE> m_taken{};
+    std::array<Infra::Forever<ParserText>, SIZE> m_rooms;
+};
+
+Reserve g_reserve;
+
+/// The one that never has a text.
+Infra::Forever<ParserText> g_without_text;
+
+ParserText& without_text() {
+    static ParserText& none = g_without_text.make();
+    return none;
+}
+
 }  // namespace
+
+ParserText* ParserText::make() noexcept {
+    ParserText* text = new (std::nothrow) ParserText;
+    if (text == nullptr) {
+        text = g_reserve.take();
+    }
+    if (text == nullptr) {
+        text = &without_text();
+        text->m_status = -1;
+    }
+    return text;
+}
+
+void ParserText::end(ParserText* text) noexcept {
+    if (text != g_without_text.place() && !g_reserve.give(text)) {
+        delete text;
+    }
+}
 
 // A block for `len` bytes of text with zeros after them, null without memory.
 char* ParserText::new_block(size_t len) {
@@ -43,6 +107,9 @@ void ParserText::free_block(char* block) {
 
 // The new block is filled before the old one goes: `text` may lie in it.
 int ParserText::attach(const char* text, size_t len) {
+    if (this == g_without_text.place()) {
+        return -1;
+    }
     char* block = new_block(len);
     if (block != nullptr) {
         memcpy(block, text, len);
@@ -60,6 +127,9 @@ int ParserText::attach(const char* text, size_t len) {
 // The block never shrinks under a cursor that stands far out, and everything after the new text is zero
 // again, whatever an earlier replacement left there.
 int ParserText::append(const char* text) {
+    if (this == g_without_text.place()) {
+        return -1;
+    }
     const size_t n = strlen(text);
     const size_t len = static_cast<size_t>(m_len) + n;
     if (n > LONGEST || len > LONGEST) {

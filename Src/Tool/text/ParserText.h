@@ -21,6 +21,12 @@ public:
 
     ParserText() = default;
     ~ParserText() { free_block(m_text); }
+
+    /// A new one, with no text. Without memory it comes out of a reserve; when that is used up, it is one
+    /// without a text for ever, which all those share.
+    static ParserText* make() noexcept;
+    static void end(ParserText* text) noexcept;
+
     ParserText(const ParserText&) = delete;
     ParserText& operator=(const ParserText&) = delete;
 

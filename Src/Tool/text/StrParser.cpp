@@ -28,7 +28,7 @@ unsigned char* search(unsigned char* hay, int hay_len, unsigned char* needle, in
 
 }  // namespace
 
-CStrParser::CStrParser() noexcept : m_text(new ParserText) {}
+CStrParser::CStrParser() noexcept : m_text(ParserText::make()) {}
 
 CStrParser::CStrParser(const char* text) noexcept : CStrParser() {
     Attach(text);
@@ -39,7 +39,7 @@ CStrParser::CStrParser(const char* text, unsigned len) noexcept : CStrParser() {
 }
 
 CStrParser::~CStrParser() {
-    delete m_text;
+    ParserText::end(m_text);
 }
 
 int CStrParser::Attach(const char* text) {
