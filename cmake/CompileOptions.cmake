@@ -73,8 +73,12 @@ function(reticor_program name)
   set_target_properties(${name} PROPERTIES CXX_EXTENSIONS OFF)
 endfunction()
 
-# Where tests are precompiled so is what makes programs slow to compile, once for all of them.
+# Where tests are precompiled so is what makes programs slow to compile, once for all of them. Sanitizers look at what
+# a program does, not at how fast it is: without optimising, the parser of options alone compiles in a third of the time.
 function(reticor_precompiled_program name)
+  if(RETICOR_SANITIZE)
+    target_compile_options(${name} PRIVATE -O0)
+  endif()
   if(NOT RETICOR_TEST_PCH)
     return()
   endif()
@@ -84,6 +88,9 @@ function(reticor_precompiled_program name)
     endif()
     add_library(reticor_program_pch OBJECT ${PROJECT_BINARY_DIR}/generated/program_pch.cpp)
     reticor_program(reticor_program_pch)
+    if(RETICOR_SANITIZE)
+      target_compile_options(reticor_program_pch PRIVATE -O0)
+    endif()
     target_precompile_headers(reticor_program_pch PRIVATE <CLI/CLI.hpp>)
   endif()
   target_precompile_headers(${name} REUSE_FROM reticor_program_pch)

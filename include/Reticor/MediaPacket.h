@@ -14,8 +14,8 @@ constexpr int MEDIA_MARK_LAST = 1;
 /// The level word of a packet: the channel (0 to 7) in bits 31 to 24, the importance (1, the most important,
 /// to 10, the least) in bits 23 to 0.
 constexpr int mediaLevel(int channel, int level) {
-    return static_cast<int>((static_cast<std::uint32_t>(channel) << 24) |
-                            (static_cast<std::uint32_t>(level) & 0xFFFFFFU));
+    return static_cast<int>((static_cast<uint32_t>(channel) << 24) |
+                            (static_cast<uint32_t>(level) & 0xFFFFFFU));
 }
 
 /// One block of media bytes. Products derive from it; the library never copies the bytes.

@@ -11,7 +11,7 @@ namespace Orvex::Reticor {
 struct MediaReceiverState;
 
 /// How a receiver is called. Any other number counts as receiver_passive.
-enum receiver_mode : std::uint32_t {
+enum receiver_mode : uint32_t {
     receiver_active = 0,   ///< handle_stream_input, once per receive period.
     receiver_passive = 1,  ///< handle_passive_input, paced by the media times that it returns.
     receiver_write = 2,    ///< handle_stream_write, every 40 ms.

@@ -125,7 +125,7 @@ public:
     long GetID();
 
     /// The receiver of the short `Notify`, `NotifySerial` and `NotifyIO` forms. 0, as it is at the start, is
-    /// no valid receiver.
+    /// not a valid receiver.
     void SetDefaultRcer(long id);
 
     /// Ends the write interest of a socket that also reads, and removes the registration of one that does

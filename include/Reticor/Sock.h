@@ -11,7 +11,7 @@ class CSockAddr;
 
 /// What CSock::GetType returns. CSock has no virtual operation but its destructor, so a caller that needs
 /// what a child does selects it by this code and a cast. Code 5 is not used.
-enum SockType : std::uint32_t {
+enum SockType : uint32_t {
     SOCK_TYPE_STREAM = 1,      ///< CSockStream
     SOCK_TYPE_DGRAM = 2,       ///< CSockDgram
     SOCK_TYPE_SSL_STREAM = 3,  ///< CSslStream
@@ -82,7 +82,7 @@ protected:
     int set_block_opt();
 
     int m_handle;
-    std::uint32_t m_type;
+    uint32_t m_type;
     bool m_block;
 };
 

@@ -10,7 +10,7 @@ struct sockaddr;
 namespace Orvex::Reticor {
 
 /// What CSockAddr::GetType returns: the class of the object, and so what it may be cast to.
-enum SockAddrType : std::uint32_t {
+enum SockAddrType : uint32_t {
     SOCKADDR_TYPE_UNKNOWN = 0,  ///< CSockAddr itself
     SOCKADDR_TYPE_IPV4 = 1,     ///< CSockAddrIPv4
     SOCKADDR_TYPE_IPV6 = 2,     ///< CSockAddrIPv6
@@ -53,7 +53,7 @@ public:
 protected:
     explicit CSockAddr(SockAddrType type);
 
-    std::uint32_t m_type;
+    uint32_t m_type;
 };
 
 }  // namespace Orvex::Reticor

@@ -13,7 +13,7 @@ namespace Orvex::Reticor {
 /// go to the general allocator and back.
 ///
 /// Every worker of a pool owns one table of classes, which `TsMalloc` and `TsFree` use without a lock.
-/// Threads that are no workers have none: there the two pass everything to the general allocator, and stay
+/// Threads that are not workers have none: there the two pass everything to the general allocator, and stay
 /// correct. One more table is shared by all threads; `Malloc` and `Free` use it under a lock.
 ///
 /// The four operations mix freely: a block may be freed on any thread and through either `TsFree` or `Free`,

@@ -5,7 +5,7 @@
 
 namespace Orvex::Reticor {
 
-void* generalAllocate(std::size_t size) noexcept {
+void* generalAllocate(size_t size) noexcept {
     return std::malloc(size);
 }
 

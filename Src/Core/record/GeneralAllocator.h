@@ -7,7 +7,7 @@
 namespace Orvex::Reticor {
 
 /// `size` bytes, aligned for any object, or null if there is no memory. Any thread.
-void* generalAllocate(std::size_t size) noexcept;
+void* generalAllocate(size_t size) noexcept;
 
 /// Gives back what generalAllocate gave. Null is ignored. Any thread.
 void generalFree(void* p) noexcept;

@@ -55,7 +55,7 @@ struct HeadOffsets {
 };
 
 constexpr uint16_t offsetFor(unsigned int size) {
-    return static_cast<uint16_t>(static_cast<std::size_t>(classOf(size)) * sizeof(mem_head));
+    return static_cast<uint16_t>(static_cast<size_t>(classOf(size)) * sizeof(mem_head));
 }
 
 constexpr HeadOffsets makeHeadOffsets() {
@@ -148,7 +148,7 @@ bool settleAndPutLast(mem_head& head, mem_block* block) {
     return putLast(head, block);
 }
 
-void* newBlock(int index, std::size_t size) {
+void* newBlock(int index, size_t size) {
     auto* block = static_cast<mem_block*>(generalAllocate(size + sizeof(mem_block)));
     if (block == nullptr) {
         return nullptr;
