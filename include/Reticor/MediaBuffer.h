@@ -20,8 +20,8 @@ struct MediaBufferStats {
     std::uint32_t senders = 0;         ///< Senders on the list.
     std::uint64_t expired_frames = 0;  ///< Frames thrown away for their age.
     std::uint64_t expired_bytes = 0;
-    /// Bytes by which the slowest sender's position lags what was let go already: by so much frames are let
-    /// go too late.
+    /// Bytes by which the slowest sender's position is short of what was let go already: frames are let go
+    /// that many bytes too late.
     std::uint64_t debt_bytes = 0;
     /// Frames that cannot grow too old though no sender stands on them.
     std::uint32_t pinned_frames = 0;
@@ -66,8 +66,8 @@ public:
     /// no bytes is sent to nobody. Always 0.
     int Put(CMediaPacket* packet, int len, int mark, int level);
 
-    /// The whole of it, for do_send: with a null packet the senders go on with what is there, if the last
-    /// frame is complete; `force_remark` makes that a tick. Always 0.
+    /// Put and do_send in one. With a null packet the senders go on with what is there, if the last frame is
+    /// complete; `force_remark` makes that a tick. Always 0.
     int put(CMediaPacket* packet, int len, int mark, int level, bool force_remark);
 
     /// Gives the frame that is being filled a packet and a number for the senders' procedures
@@ -101,7 +101,7 @@ public:
     /// between two frames then begins in the middle of a group of frames, unless it has a resume policy.
     void EnableAutoSend();
     void EnableAutoSend(unsigned long long interval);
-    /// Ends that. When the call returns the timer does not touch the buffer any more.
+    /// Takes the buffer off the timer, which does not touch it any more when the call returns.
     void DisableAutoSend();
 
     /// Frames that some sender may still want, as of the last frame or tick. Takes no lock.

@@ -104,8 +104,10 @@ public:
     /// `proc` is called each time that this sender has finished a frame, with the packet and the number of
     /// CMediaBuffer::PutFrameInfo (null and 0 without) and the frame's length in bytes. It runs with the
     /// buffer's lock held: see CMediaBuffer for what it must not do. It may be replaced from inside. An
-    /// object that it is bound to must outlive a call that has already begun. Always true.
+    /// object that it is bound to must outlive a call that has already begun. False, and no procedure is
+    /// called any more, if there is no memory.
     bool AttachSendProc(Infra::TFunction3<void, CMediaPacket*, int, int> proc);
+    /// No procedure is called from the next frame on. Always true.
     bool DetachSendProc();
 
     /// Reports a stall when for this many seconds the socket has taken no whole frame. 0xFFFFFFFF at the
@@ -137,6 +139,7 @@ public:
     /// Reads the counters, under the buffer's lock.
     MediaSenderStats GetStats();
 
+    /// The library's: ends the object.
     int handle_close(CNetHandler* self) override;
 
 private:

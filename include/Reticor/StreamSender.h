@@ -89,6 +89,7 @@ public:
 
     /// The owner calls this from its own `handle_output`, with the same descriptor. 0; -1 without a socket.
     int handle_output(int handle) override;
+    /// The library's: ends the object.
     int handle_close(CNetHandler* self) override;
 
 private:

@@ -20,7 +20,9 @@ constexpr int levelOf(int level_word) {
 }
 
 /// One frame. It is empty, then filling, then live from its last packet on (m_valid 1), then expired or
-/// deleted. Created and deleted by CMediaBuffer alone, touched by it and by CMediaStreamSender.
+/// deleted. Created and ended by the buffer's line of frames alone. Nobody but its own operations writes it,
+/// with two exceptions: the links, which are those of the line and of the senders, and the list entry at a
+/// sender's cursor, which is patched for the time of one write.
 ///
 /// Thread safety: none of its own; all fields are guarded by the mutex of the buffer that owns the frame.
 ///
@@ -44,6 +46,37 @@ public:
     /// Releases everything and makes the frame an empty one, the arrays keep their size.
     void Clear();
 
+    /// It is complete: gets its place in the stream, and its number and place on its channel.
+    void place(uint64_t begin, uint64_t ordinal, uint64_t channel_begin) {
+        m_begin = begin;
+        m_ordinal = ordinal;
+        m_channel_begin = channel_begin;
+    }
+    void set_key() { m_key_mask = channel_bit(); }
+    /// It is offered to senders from now on.
+    void offer(uint64_t now_us) { m_complete_us = now_us; }
+    void grow_older() { ++m_age; }
+    /// A sending step, for a frame without a byte. Gives their number.
+    uint32_t count_hollow_step() { return ++m_hollow_steps; }
+    void expire() {
+        m_valid = 0;
+        m_age = AGE_EXPIRED;
+    }
+
+    /// For a frame with a part of another one's packets: the send procedure is told the other one's length
+    /// and number.
+    void tell_as(const CFrame& other) {
+        m_frame_len = other.m_frame_len;
+        m_info_arg = other.m_info_arg;
+    }
+
+    void add_sender() { ++m_sender_count; }
+    void remove_sender() { --m_sender_count; }
+    /// A sender has written these bytes of it; fewer than none take some back.
+    void add_sent(int64_t bytes) { m_sent_len += bytes; }
+    /// A sender is through with it: its bytes are not those of somebody in the middle any more.
+    void end_sent() { m_sent_len -= m_frame_len; }
+
     int channel() const { return channelOf(m_level); }
     int level() const { return levelOf(m_level); }
     /// The frame's channel as a bit of the senders' masks. A complete frame's channel is 0 to 7.
@@ -54,8 +87,7 @@ public:
     /// Complete without a byte: nobody can be sent such a frame.
     bool is_hollow() const { return m_valid != 0 && m_frame_len < 1; }
 
-    iovec* m_iovec =
-        m_first_iovec;  ///< m_packet_cap entries. A sender may patch one for the time of one write.
+    iovec* m_iovec = m_first_iovec;            ///< m_packet_cap entries.
     CMediaPacket** m_packet = m_first_packet;  ///< m_packet_cap entries.
     int64_t m_frame_len = 0;
     /// Bytes that were written by the senders that are in the middle of the frame, all together.
@@ -71,7 +103,7 @@ public:
     CMediaPacket* m_info_packet = nullptr;
     int32_t m_info_arg = 0;
     /// Senders that took the frame and did not finish it, those that left meanwhile included. As long as it
-    /// is not 0 the frame does not expire. It can be off in both directions for senders that leave, join
+    /// is not 0 the frame does not expire. It can be too high and too low because of senders that leave, join
     /// twice or hand their socket over, so nothing that is about memory goes by it: see m_standing.
     int32_t m_sender_count = 0;
 

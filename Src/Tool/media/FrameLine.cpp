@@ -46,12 +46,11 @@ void FrameLine::complete() {
     int32_t& min_level = m_min_level[channel];
     min_level = std::min(min_level, frame.level());
     if (min_level == frame.level()) {
-        frame.m_key_mask = static_cast<uint8_t>(1U << channel);
+        frame.set_key();
     }
-    frame.m_ordinal = ++m_ordinal[channel];
-    frame.m_begin = m_core.m_byte_total - static_cast<uint64_t>(frame.m_frame_len);
-    frame.m_channel_begin = m_channel_bytes[channel];
-    m_channel_bytes[channel] += static_cast<uint64_t>(frame.m_frame_len);
+    const auto length = static_cast<uint64_t>(frame.m_frame_len);
+    frame.place(m_core.m_byte_total - length, ++m_ordinal[channel], m_channel_bytes[channel]);
+    m_channel_bytes[channel] += length;
     if (frame.m_frame_len < 1) {
         ++m_hollow_num;
     }
@@ -140,7 +139,7 @@ uint64_t FrameLine::let_pass(uint64_t should_discard) {
 void FrameLine::age() {
     for (CFrame* frame = m_head; frame != nullptr && frame->m_frame_len >= 1; frame = frame->m_next) {
         if (frame->m_valid == 1) {
-            ++frame->m_age;
+            frame->grow_older();
         }
         if (frame->level() <= 10 - frame->m_age / 10) {
             continue;
@@ -155,8 +154,7 @@ void FrameLine::age() {
 }
 
 void FrameLine::expire(CFrame& frame) {
-    frame.m_valid = 0;
-    frame.m_age = CFrame::AGE_EXPIRED;
+    frame.expire();
     ++m_expired_now;
 }
 
@@ -180,7 +178,7 @@ const CFrame* FrameLine::walk_hollow(const CFrame* before) {
             continue;
         }
         const auto limit = static_cast<uint32_t>((11 - frame->level()) * STEPS_PER_LEVEL);
-        if (++frame->m_hollow_steps >= limit && !is_held(*frame)) {
+        if (frame->count_hollow_step() >= limit && !is_held(*frame)) {
             expire(*frame);
             return frame;
         }

@@ -55,7 +55,7 @@ public:
     /// The current frame is complete, on a channel of 0 to 7.
     void complete() INFRA_REQUIRES(CORE_MUTEX);
     /// The complete frame is offered to senders from now on.
-    void offer() INFRA_REQUIRES(CORE_MUTEX) { m_current->m_complete_us = m_core.now(); }
+    void offer() INFRA_REQUIRES(CORE_MUTEX) { m_current->offer(m_core.now()); }
     /// A new frame after the complete one.
     void open_next() INFRA_REQUIRES(CORE_MUTEX);
 

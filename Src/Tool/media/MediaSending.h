@@ -29,7 +29,7 @@ public:
     TurnEnd run(CFrame* frame) INFRA_REQUIRES(CORE_MUTEX);
 
     /// Says how the turn ended, if it did not end well: in the log as the sender, and once to whoever waits
-    /// for it. Here, since the lines name this room, and the sender as their object.
+    /// for it. Here, since the lines name this file, and the sender as their object.
     void report() INFRA_REQUIRES(CORE_MUTEX);
 
     /// Counts the rest of a half-written packet as written, and copies it. Results as

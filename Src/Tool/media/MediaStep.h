@@ -15,9 +15,9 @@ namespace Orvex::Reticor {
 class CMediaStreamSender;
 class CNetHandler;
 
-/// What annotations call the mutex of the core at hand. Parts of a buffer and its senders reach the one core
-/// on different roads, which the analysis cannot tell to be the same; this name stands for all of them, and
-/// only MediaStep and CoreGuard, which enter the mutex, give it.
+/// What annotations call the mutex of the core at hand. Parts of a buffer and its senders know the one core
+/// by different names, and the analysis cannot tell that they are the same; this name stands for all of them,
+/// and only MediaStep and CoreGuard, which enter the mutex, give it.
 struct INFRA_CAPABILITY("mutex") CoreMutex {};
 inline constexpr CoreMutex CORE_MUTEX{};
 

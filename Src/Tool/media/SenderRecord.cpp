@@ -213,8 +213,7 @@ void SenderRecord::keep_rest(uint32_t end) {
         left += entry.iov_len;
     }
     m_frame_left = left - static_cast<uint64_t>(m_iovec_offset);
-    rest->m_frame_len = m_frame->m_frame_len;  // what the send procedure is told
-    rest->m_info_arg = m_frame->m_info_arg;
+    rest->tell_as(*m_frame);
     m_tail = rest;
     m_frame = rest;
     settle();
@@ -393,13 +392,13 @@ bool SenderRecord::pass_tail(uint64_t tail) {
     m_frame_left -= tail;
     m_iovec_offset = 0;
     m_send_total += tail;
-    m_frame->m_sent_len += static_cast<int64_t>(tail);
+    m_frame->add_sent(static_cast<int64_t>(tail));
     return m_frame_left == 0;
 }
 
 CFrame* SenderRecord::end_tail() {
     CFrame& frame = *m_frame;
-    frame.m_sent_len -= frame.m_frame_len;
+    frame.end_sent();
     uncount();
     m_iovec_index = 0;
     finished();

@@ -91,8 +91,8 @@ struct SenderRecord : SenderHotState {
         bool m_waits INFRA_GUARDED_BY(m_mutex) = false;
     };
 
-    CFrame* m_tail =
-        nullptr;  ///< A private copy of what was left of a frame, owned; m_frame while it is set.
+    /// A private copy of what was left of a frame, owned; m_frame while it is set.
+    CFrame* m_tail = nullptr;
     SenderRecord* m_standing_next = nullptr;
     SenderRecord** m_standing_link = nullptr;  ///< What points at it in that chain.
     long m_exception_id = 0;                   ///< No lock.
@@ -177,7 +177,7 @@ struct SenderRecord : SenderHotState {
     bool at_boundary() const INFRA_REQUIRES(CORE_MUTEX) { return m_iovec_index == 0 && m_iovec_offset == 0; }
     /// Stands at the start of `frame`, and is counted there.
     void take_frame(CFrame* frame) INFRA_REQUIRES(CORE_MUTEX) {
-        ++frame->m_sender_count;
+        frame->add_sender();
         m_counted = true;
         m_frame = frame;
         m_iovec_index = 0;
@@ -194,7 +194,7 @@ struct SenderRecord : SenderHotState {
     /// leaves half-way stays counted, and so outlives its age.
     void uncount() INFRA_REQUIRES(CORE_MUTEX) {
         if (m_counted && has_policy()) {
-            --m_frame->m_sender_count;
+            m_frame->remove_sender();
             m_counted = false;
         }
     }
@@ -209,7 +209,7 @@ struct SenderRecord : SenderHotState {
         }
         m_send_total += written;
         m_stats.bytes += written;
-        m_frame->m_sent_len += written;
+        m_frame->add_sent(written);
         if (written == m_frame_left) {
             return true;
         }
@@ -219,9 +219,9 @@ struct SenderRecord : SenderHotState {
     /// The frame is over: calls the procedure, and gives the frame after it. The sender then stands at none.
     CFrame* end_frame() INFRA_REQUIRES(CORE_MUTEX) {
         CFrame& frame = *m_frame;
-        frame.m_sent_len -= frame.m_frame_len;
+        frame.end_sent();
         if (m_counted || !has_policy()) {
-            --frame.m_sender_count;
+            frame.remove_sender();
         }
         m_iovec_index = 0;
         m_iovec_offset = 0;
@@ -237,7 +237,7 @@ struct SenderRecord : SenderHotState {
     CFrame* end_tail() INFRA_REQUIRES(CORE_MUTEX);
     /// The socket failed: what it took of the frame does not count there any more.
     void take_back_sent() INFRA_REQUIRES(CORE_MUTEX) {
-        m_frame->m_sent_len += static_cast<int64_t>(m_frame_left) - m_frame->m_frame_len;
+        m_frame->add_sent(static_cast<int64_t>(m_frame_left) - m_frame->m_frame_len);
     }
     void note_blocked() INFRA_REQUIRES(CORE_MUTEX);
     void note_unblocked() INFRA_REQUIRES(CORE_MUTEX) {
@@ -269,7 +269,7 @@ struct SenderRecord : SenderHotState {
     /// m_frame is about to be deleted: what the sender still needs of it is copied.
     void rescue_frame() INFRA_REQUIRES(CORE_MUTEX);
 
-    // The rest.
+    // Others.
 
     /// Takes a copy of `proc` in place of the one before. False, and there is none, without memory.
     bool set_procedure(const Infra::TFunction3<void, CMediaPacket*, int, int>& proc);

@@ -65,6 +65,35 @@ TEST_F(MediaFrame, TakesMarkAndLevelOfTheLastPacket) {
     EXPECT_EQ(0, frame.m_sent_len);
 }
 
+TEST_F(MediaFrame, AnExpiredFrameIsNeitherFillingNorComplete) {
+    CFrame frame;
+    EXPECT_TRUE(frame.is_filling());
+    frame.Put(&packet(0), 0, 1, 1);
+    EXPECT_TRUE(frame.is_hollow());
+    frame.expire();
+    EXPECT_FALSE(frame.is_hollow());
+    EXPECT_FALSE(frame.is_filling());
+}
+
+TEST_F(MediaFrame, IsAKeyFrameOfItsOwnChannelAlone) {
+    CFrame frame;
+    frame.Put(&packet(1), 1, 1, mediaLevel(3, 2));
+    EXPECT_FALSE(frame.is_key());
+    frame.set_key();
+    EXPECT_TRUE(frame.is_key());
+    EXPECT_EQ(1 << 3, frame.m_key_mask);
+}
+
+TEST_F(MediaFrame, SentBytesAreThoseOfSendersInTheMiddle) {
+    CFrame frame;
+    frame.Put(&packet(10), 10, 1, 1);
+    frame.add_sent(4);
+    frame.add_sent(7);
+    frame.add_sent(3);
+    frame.end_sent();
+    EXPECT_EQ(4, frame.m_sent_len) << "one is through, the other one has written four";
+}
+
 TEST_F(MediaFrame, LevelWordsAreSplitWithTheirSigns) {
     EXPECT_EQ(7, channelOf(mediaLevel(7, 10)));
     EXPECT_EQ(-128, channelOf(mediaLevel(128, 1)));
