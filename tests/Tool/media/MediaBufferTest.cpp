@@ -1,6 +1,8 @@
 // CMediaBuffer: what happens to frames between the producer and senders of different speed.
 #include <Reticor/MediaBuffer.h>
 
+#include <cstdio>
+
 #include "R3/print/FuncBox.h"
 #include "support/debug/DaemonStandIn.h"
 #include "support/media/MediaFixture.h"
@@ -463,6 +465,29 @@ TEST_F(MediaBuffer, FramesWithoutAByteAreLetGoAfterTheStepsOfTheirLevel) {
     tick();
     EXPECT_EQ(1U, frames()) << "and with it what had gathered after it";
     EXPECT_EQ(100U, a.sock.wire().size());
+}
+
+TEST_F(MediaBuffer, ItsLinesNameTheOperationsByWhichTheyAreKnownAndTheBuffer) {
+    Tap tap;
+    buffer->AddLevel2Buffer(&tap);
+    MediaClient& a = joinedClient();
+    LogCapture log(3);
+    buffer->AddSender(a.sender);
+    buffer->AddLevel2Buffer(&tap);
+    put(0, 1, 10);
+    for (int i = 0; i < 9; ++i) {
+        put(10, 1, 5);
+    }
+    buffer->DelLevel2Buffer(&tap);
+    char pointer[32];
+    std::snprintf(pointer, sizeof pointer, " this:%p ", static_cast<const void*>(buffer.get()));
+    std::vector<std::string> functions;
+    for (const CapturedLine& line : log.lines()) {
+        EXPECT_EQ("Src/Tool/MediaBuffer.cpp", line.file);
+        EXPECT_NE(std::string::npos, line.start.find(pointer)) << line.start << pointer;
+        functions.push_back(line.function.substr(line.function.rfind(':') + 1));
+    }
+    EXPECT_EQ((std::vector<std::string>{"AddSender", "AddLevel2Buffer", "expire_hollow_frames"}), functions);
 }
 
 TEST_F(MediaBuffer, FramesWithoutAByteDoNotMakeTheBufferGrowForEver) {
