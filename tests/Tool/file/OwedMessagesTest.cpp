@@ -1,8 +1,8 @@
-// OwedMessages: what is owed is paid once. PendingLoad and KnownInfo, which are as small.
+// OwedMessages: what is owed is paid once, to the one who waits for it.
 #include "Tool/file/OwedMessages.h"
 
-#include "Tool/file/KnownInfo.h"
-#include "Tool/file/PendingLoad.h"
+#include "support/KernelThread.h"
+#include "support/core/Probes.h"
 #include "support/file/FileWorld.h"
 
 namespace Orvex::Reticor {
@@ -30,7 +30,24 @@ protected:
     std::unique_ptr<OwedMessages> owed;
 };
 
+TEST_F(OwedMessagesOfAFile, AMessageComesFromTheFileWithNothingAttached) {
+    auto* const receiver = new Testing::TestHandler;
+    const std::shared_ptr<Testing::HandlerLife> life = receiver->life;
+    const long its_file = file->GetID();
+    receiver->on_message = [its_file](long sender, unsigned int msg, long attach) {
+        EXPECT_EQ(its_file, sender);
+        EXPECT_EQ(static_cast<unsigned>(FILE_MSG_ERROR), msg);
+        EXPECT_EQ(0, attach);
+        return 0;
+    };
+    OwedMessages(*file, receiver->GetID()).tell(FILE_MSG_ERROR);
+    EXPECT_EVENTUALLY(life->messages == 1);
+    closeAndWait(receiver);
+}
+
 TEST_F(OwedMessagesOfAFile, NothingIsPaidThatIsNotOwed) {
+    EXPECT_FALSE(owed->waiting_read_message());
+    EXPECT_FALSE(owed->waiting_write_message());
     owed->notify_read_message();
     owed->notify_write_message();
     owed->notify_stalled_read();
@@ -55,8 +72,41 @@ TEST_F(OwedMessagesOfAFile, EachIsPaidOnce) {
     EXPECT_EQ(2, client->loads() + client->rooms());
 }
 
+TEST_F(OwedMessagesOfAFile, WhatIsOwedTwiceIsPaidOnce) {
+    owed->need_read_message();
+    owed->need_read_message();
+    owed->need_write_message();
+    owed->need_write_message();
+    owed->notify_read_message();
+    owed->notify_write_message();
+    await();
+    EXPECT_EQ(1, client->loads());
+    EXPECT_EQ(1, client->rooms());
+}
+
+TEST_F(OwedMessagesOfAFile, TheOneIsPaidWithoutTheOther) {
+    owed->need_read_message();
+    owed->need_write_message();
+    owed->notify_write_message();
+    EXPECT_TRUE(owed->waiting_read_message());
+    await();
+    EXPECT_EQ(0, client->loads());
+    owed->notify_read_message();
+    await();
+    EXPECT_EQ(1, client->loads());
+}
+
+TEST_F(OwedMessagesOfAFile, AReadThatWaitsForItsLoadIsNotPaidByAPassThatWrites) {
+    owed->need_read_message();
+    owed->notify_stalled_read();
+    EXPECT_TRUE(owed->waiting_read_message());
+    await();
+    EXPECT_EQ(0, client->loads());
+}
+
 TEST_F(OwedMessagesOfAFile, AStalledReadIsPaidByAPassThatWrites) {
     owed->need_read_message_from_pass();
+    EXPECT_TRUE(owed->waiting_read_message());
     owed->notify_stalled_read();
     EXPECT_FALSE(owed->waiting_read_message());
     owed->notify_read_message();
@@ -64,40 +114,50 @@ TEST_F(OwedMessagesOfAFile, AStalledReadIsPaidByAPassThatWrites) {
     EXPECT_EQ(1, client->loads());
 }
 
+TEST_F(OwedMessagesOfAFile, AStalledReadThatALoadHasPaidIsNotPaidAgain) {
+    owed->need_read_message_from_pass();
+    owed->notify_read_message();
+    owed->need_read_message();
+    owed->notify_stalled_read();
+    EXPECT_TRUE(owed->waiting_read_message()) << "it is the load's to pay";
+    await();
+    EXPECT_EQ(1, client->loads());
+}
+
+// The caller's thread and a worker may both find that it is time.
+TEST_F(OwedMessagesOfAFile, TwoThatPayAtTheSameTimePayOnce) {
+    owed->need_write_message();
+    std::vector<std::thread> payers;
+    std::atomic<int> ids[2] = {};
+    {
+        // Nothing can be posted for a while: the first one stays on its way, and the second meets it there.
+        Infra::CGuard guard(EventQueueProbe::mutex(PoolTable::Get(0)->m_event));
+        for (std::atomic<int>& id : ids) {
+            payers.emplace_back([this, &id] {
+                id = Testing::kernelThreadId();
+                owed->notify_write_message();
+            });
+            EXPECT_EVENTUALLY(id != 0 && Testing::sleepsInFutex(id));
+        }
+    }
+    for (std::thread& payer : payers) {
+        payer.join();
+    }
+    await();
+    EXPECT_EQ(1, client->rooms());
+}
+
 TEST_F(OwedMessagesOfAFile, OnceSilentTheyAreNoLongerPosted) {
     owed->need_write_message();
     await();
     owed->be_silent();
     owed->notify_write_message();
+    EXPECT_FALSE(owed->waiting_write_message()) << "paid, though nobody hears of it";
     owed->tell(FILE_MSG_ERROR);
     OwedMessages(*file, client->id).tell(FILE_MSG_READ);
     EXPECT_EVENTUALLY(client->loads() == 1);
     EXPECT_EQ(0, client->rooms());
     EXPECT_EQ(1, client->errors());
-}
-
-TEST(PendingLoad, LastsFromTheQuestionToTheEnd) {
-    PendingLoad load;
-    EXPECT_FALSE(load.reading());
-    EXPECT_TRUE(load.read_start());
-    EXPECT_FALSE(load.read_start());
-    EXPECT_TRUE(load.reading());
-    load.read_end();
-    EXPECT_FALSE(load.reading());
-}
-
-TEST(KnownInfo, SaysWhetherTheDeviceKnew) {
-    KnownInfo known;
-    NFile_Info info;
-    EXPECT_FALSE(known.get(info));
-    info.size = 5;
-    known.set(info);
-    info.size = 0;
-    EXPECT_FALSE(known.get(info)) << "without a time of creation";
-    EXPECT_EQ(5, info.size);
-    info.time_create = 1;
-    known.set(info);
-    EXPECT_TRUE(known.get(info));
 }
 
 }  // namespace
