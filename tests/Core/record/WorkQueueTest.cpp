@@ -129,14 +129,19 @@ TEST_F(WorkQueue, PollersPushWithoutAGuardWakesOneWhateverItIsWorth) {
     EXPECT_EQ(&a, sleeper.join());
 }
 
+// The queue's mutex is held over the pushes and the looks. A sleeper that is woken could wake another one for
+// the token, which it leaves behind, as soon as nobody is on guard.
 TEST_F(WorkQueue, PollersPushWakesNoMoreThanItHasRecords) {
     Worker first(queue), second(queue), third(queue);
     EXPECT_EVENTUALLY(sleepers() == 3);
     a.m_next = nullptr;
-    queue.PushReady(&a, 1, &token, 100);
-    EXPECT_EQ(2, sleepers());
-    queue.PushReady(nullptr, 0, &b, 100);
-    EXPECT_EQ(2, sleepers()) << "the token alone is for the poller itself";
+    {
+        Infra::CGuard guard(EventQueueProbe::mutex(queue));
+        queue.PushReady(&a, 1, &token, 100);
+        EXPECT_EQ(2, sleepers());
+        queue.PushReady(nullptr, 0, &b, 100);
+        EXPECT_EQ(2, sleepers()) << "the token alone is for the poller itself";
+    }
     queue.WakeAll();
     first.join();
     second.join();
