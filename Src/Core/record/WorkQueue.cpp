@@ -32,8 +32,9 @@ bool CWorkQueue::Push(CEvent* ev) {
     bool poller;
     {
         Infra::CGuard guard(m_mutex);
-        claimed = claim(append(ev));
-        poller = claimed == 0 && claim_poller();
+        const int records = append(ev);
+        claimed = claim(records);
+        poller = claimed < records && claim_poller();
     }
     wake(claimed);
     return poller;

@@ -121,6 +121,36 @@ TEST_F(PollHandOver, MessagesAndTimersAreServedBesideAHandlerThatBlocks) {
     request();
 }
 
+// As many timers as there are workers, of which all but the one that waits for sockets sleep. Most rounds
+// have them due in one tick.
+TEST(TimersOfOneTick, NoneWaitsForAnotherWhileAWorkerIsIdle) {
+    ASSERT_EQ(0, CNetThread::CreateThreadPool(2, false));
+    CThreadPool& pool = *PoolTable::Get(0);
+    const int count = ThreadPoolProbe::workers(pool);
+    TestHandler* const handler = new TestHandler;
+    std::atomic<int> inside{0};
+    std::atomic<int> met{0};
+    handler->on_timeout = [&](long) -> int64_t {
+        const int all = (inside++ / count + 1) * count;
+        // A heartbeat comes by every five seconds, and sets a pool going that stood still.
+        met += eventually([&] { return inside >= all; }, 2000) ? 1 : 0;
+        return -1;
+    };
+    for (int round = 1; round <= 20; ++round) {
+        EXPECT_EVENTUALLY(WorkQueueProbe::sleepers(pool.m_event) == count - 1 &&
+                          pool.m_event.PollerMayWait());
+        for (int i = 0; i < count; ++i) {
+            handler->SetTimer(5000);
+        }
+        EXPECT_EVENTUALLY(handler->life->timeouts == count * round);
+        ASSERT_EQ(count * round, met) << "the last one began after another had ended";
+    }
+    const std::shared_ptr<HandlerLife> life = handler->life;
+    handler->Close();
+    EXPECT_EVENTUALLY(life->closes == 1);
+    EXPECT_EQ(0, CNetThread::DestroyThreadPool());
+}
+
 TEST_F(PollHandOver, SlowHandlersOfOneBatchRunSideBySide) {
     SocketPair others[2];
     std::atomic<int> inside{0};

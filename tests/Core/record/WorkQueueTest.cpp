@@ -148,6 +148,29 @@ TEST_F(WorkQueue, PollersPushWakesNoMoreThanItHasRecords) {
     third.join();
 }
 
+// A chain, as the timer thread pushes whatever is due in one tick.
+TEST_F(WorkQueue, ThePollerIsToldOfAChainThatIsLongerThanThereAreSleepers) {
+    a.m_next = &b;
+    b.m_next = nullptr;
+    {
+        Worker sleeper(queue);
+        EXPECT_EVENTUALLY(sleepers() == 1);
+        WorkQueueProbe::letPollerWait(queue);
+        EXPECT_TRUE(queue.Push(&a)) << "one for the sleeper, and one for the poller";
+        EXPECT_FALSE(queue.PollerMayWait());
+        EXPECT_EQ(&a, sleeper.join());
+    }
+    EXPECT_EQ(&b, queue.TryPop());
+    WorkQueueProbe::letPollerWait(queue);
+    Worker first(queue), second(queue);
+    EXPECT_EVENTUALLY(sleepers() == 2);
+    a.m_next = &b;
+    EXPECT_FALSE(queue.Push(&a)) << "there is a sleeper for each";
+    EXPECT_TRUE(queue.PollerMayWait());
+    first.join();
+    second.join();
+}
+
 TEST_F(WorkQueue, WakeAllHasEverySleeperReturnWithWhatThereIs) {
     Worker first(queue), second(queue);
     EXPECT_EVENTUALLY(sleepers() == 2);
