@@ -25,10 +25,12 @@ CNFile* CNFile::Open(long handler_id, const char* path, const char* mode, CNStor
         dev = new (std::nothrow) CDefaultStorDev;
     }
     auto* const file = dev != nullptr ? new (std::nothrow) CNFile : nullptr;
-    auto* state =
-        file != nullptr && file->GetID() != 0 ? new (std::nothrow) State(*file, handler_id, dev) : nullptr;
+    const bool is_handler = file != nullptr && file->GetID() != 0;
+    State* const state = is_handler ? new (std::nothrow) State(*file, handler_id, dev) : nullptr;
     if (state == nullptr || !state->m_holds) {
-        INFRA_LOG_STATIC(2, "CNFile::Open no memory!\n");
+        if (is_handler || file == nullptr) {  // else the handler has told of itself
+            INFRA_LOG_STATIC(2, "CNFile::Open no memory!\n");
+        }
         delete state;
         if (file != nullptr) {
             file->CNetHandler::Close();

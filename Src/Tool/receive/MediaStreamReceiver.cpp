@@ -126,7 +126,7 @@ void CMediaStreamReceiver::Turn::tell_failure(long id) {
 // Without memory for either part it is a handler that cannot be started.
 CMediaStreamReceiver::CMediaStreamReceiver()
     : m_state(GetID() != 0 ? new (std::nothrow) Turn(*this) : nullptr) {
-    if (m_state == nullptr) {
+    if (m_state == nullptr && GetID() != 0) {
         INFRA_LOG(2, "%s : no memory, it cannot be started!\n", INFRA_FUNCTION);
     }
 }

@@ -35,7 +35,7 @@ void CNTimerEvent::Turn::set_ready() {
 
 // Without memory for either part it is a handler that cannot be pushed.
 CNTimerEvent::CNTimerEvent() : m_event(GetID() != 0 ? new (std::nothrow) Turn(*this) : nullptr) {
-    if (m_event == nullptr) {
+    if (m_event == nullptr && GetID() != 0) {
         INFRA_LOG(2, "%s : no memory, it cannot be pushed!\n", INFRA_FUNCTION);
     }
 }
