@@ -82,7 +82,7 @@ struct Library {
 
 private:
     CThreadPool* new_pool(int index, unsigned int threads) INFRA_REQUIRES(m_mutex);
-    int set_up(unsigned int threads) INFRA_REQUIRES(m_mutex);
+    int set_up(unsigned int threads, AfterLock& after) INFRA_REQUIRES(m_mutex);
     int start_services() INFRA_REQUIRES(m_mutex);
     static void stop_services();
     int start_file_threads(AfterLock& after) INFRA_REQUIRES(m_mutex);
@@ -150,7 +150,7 @@ void Library::stop_services() {
     CleanupSocketLibrary();
 }
 
-int Library::set_up(unsigned int threads) {
+int Library::set_up(unsigned int threads, AfterLock& after) {
     CTsMemory::InitStaticVal();
     m_cpu_num = CThreadPool::processorCount();
     if (start_services() != 0) {
@@ -164,7 +164,11 @@ int Library::set_up(unsigned int threads) {
     PoolTable::Set(0, pool);
     m_pool_num = 1;
     ++m_pub_pool_ref;
-    CSenderHandler::Resume();
+    if (!CSenderHandler::Resume()) {
+        INFRA_LOG_STATIC(2, "CNetThread::check_on_init, no memory for the timer of the media buffers!\n");
+        ReleaseAll(after);
+        return -1;
+    }
     return 0;
 }
 
@@ -217,7 +221,7 @@ int Library::start_file_threads(AfterLock& after) {
 
 /// -1, or the number of references on the public pool.
 int Library::check_on_init(unsigned int threads, bool file_io, AfterLock& after) {
-    if (m_pool_num == NOT_SET_UP && set_up(threads) != 0) {
+    if (m_pool_num == NOT_SET_UP && set_up(threads, after) != 0) {
         return -1;
     }
     if (!m_file_started && file_io && start_file_threads(after) != 0) {

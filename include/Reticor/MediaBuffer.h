@@ -50,8 +50,12 @@ struct MediaBufferStats {
 /// AddSender there, and no frame is torn. Taps can be added and removed, and the getters work. Put, do_send
 /// and Clear of the same buffer assert there, and so do EnableAutoSend, DisableAutoSend and the destruction
 /// of any buffer. A tap may put into another buffer, as long as the taps form no circle.
+///
+/// Without memory nothing is thrown: what has a result gives -1 with a line at level 2, and nothing has
+/// changed.
 class RETICOR_API CMediaBuffer {
 public:
+    /// Without memory there is a line at level 2, and the buffer takes nothing: `Put` gives -1.
     CMediaBuffer();
     /// Releases all packets. Senders and taps should be off the lists: those that are not are let go as by
     /// Clear, and so are those that come while packets are released.
@@ -63,16 +67,17 @@ public:
     /// MEDIA_MARK_LAST and mediaLevel. A level beyond 1 to 10 is clamped; the word that counts for a frame is
     /// that of its last packet, whose channel must be 0 to 7. With MEDIA_MARK_LAST the frame is complete and
     /// is offered to the senders before the call returns, or released at once if there are none. A frame of
-    /// no bytes is sent to nobody. Always 0.
+    /// no bytes is sent to nobody. 0; -1 without memory, and the packet stays the caller's: it can be put
+    /// again.
     int Put(CMediaPacket* packet, int len, int mark, int level);
 
     /// Put and do_send in one. With a null packet the senders go on with what is there, if the last frame is
-    /// complete; `force_remark` makes that a tick. Always 0.
+    /// complete; `force_remark` makes that a tick. Result as of Put.
     int put(CMediaPacket* packet, int len, int mark, int level, bool force_remark);
 
     /// Gives the frame that is being filled a packet and a number for the senders' procedures
     /// (CMediaStreamSender::AttachSendProc). The packet is released with the frame, an earlier one at once. A
-    /// null packet changes nothing. Always 0.
+    /// null packet changes nothing. Result as of Put.
     int PutFrameInfo(CMediaPacket* packet, int arg);
 
     /// Lets all senders go on with what is there. Does nothing while a frame is half filled.
@@ -81,6 +86,7 @@ public:
     /// Puts a sender, which must have a socket, at the head of the list. Its own state stays: one that was on
     /// the list before goes on where it stood. The list holds a reference on it. A sender that is on this
     /// list already is left there with a log line at level 3; one that is on another buffer's asserts.
+    /// Without memory it is on none, with a line at level 2.
     void AddSender(CMediaStreamSender* sender);
 
     /// Takes a sender off. When the call returns its socket is not used any more. Without senders the buffer
@@ -89,6 +95,7 @@ public:
 
     /// Puts a tap at the head of the list. It stays the caller's; take it off before it goes away. A tap that
     /// is on this list already is left there with a log line at level 3; one on another buffer's asserts.
+    /// Without memory it is on none, with a line at level 2.
     void AddLevel2Buffer(CLevel2Buffer_IF* tap);
     /// Takes a tap off. One that is not on the list is ignored.
     void DelLevel2Buffer(CLevel2Buffer_IF* tap);
@@ -99,6 +106,7 @@ public:
     /// Lets the process's shared timer call do_send, each `interval` milliseconds, 100 unless given; the
     /// interval is that of the buffer that started the timer. A pool must exist. A new client that comes
     /// between two frames then begins in the middle of a group of frames, unless it has a resume policy.
+    /// Without memory it stays off, with a line at level 2.
     void EnableAutoSend();
     void EnableAutoSend(unsigned long long interval);
     /// Takes the buffer off the timer, which does not touch it any more when the call returns.

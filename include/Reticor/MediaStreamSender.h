@@ -62,7 +62,8 @@ struct MediaSkip {
 /// frame would go to whoever has got its number.
 ///
 /// A sender that is taken off and added again goes on where it stood. Of a frame that was let go meanwhile it
-/// has kept the unwritten rest if it was in the middle, and ends it before it takes a new one.
+/// has kept the unwritten rest if it was in the middle, and ends it before it takes a new one. If there was
+/// no memory to keep it, the socket counts as failed.
 ///
 /// One sender, one connection: the place in the frame is the sender's and not the socket's. A sender that is
 /// attached to another connection in the middle of a frame goes on in the middle there. Make a new sender for
@@ -73,7 +74,8 @@ struct MediaSkip {
 /// from the next frame or write on.
 class RETICOR_API CMediaStreamSender : public CNetHandler {
 public:
-    /// A sender that is attached to nothing. A pool must exist.
+    /// A sender that is attached to nothing. A pool must exist. Null, with a line at level 2, if there is no
+    /// memory.
     static CMediaStreamSender* Create();
 
     /// Takes `stream`, of type SOCK_TYPE_STREAM, SOCK_TYPE_DGRAM, SOCK_TYPE_SSL_STREAM or
@@ -91,8 +93,9 @@ public:
     long long Send(CFrame* frame, unsigned long long size);
 
     /// Keeps up to 4096 bytes in all that go out between two frames, before the next one. What does not fit
-    /// whole is dropped in silence; a `len` below 1 is ignored. While such bytes are blocked no frame is
-    /// begun, and a sender that had caught up loses the frames that are offered meanwhile.
+    /// whole is dropped in silence, and without memory with a line at level 2; a `len` below 1 is ignored.
+    /// While such bytes are blocked no frame is begun, and a sender that had caught up loses the frames that
+    /// are offered meanwhile.
     void SendOtherData(const char* data, int len);
 
     /// For handing the socket to another writer without tearing a packet: copies the unwritten rest of a
@@ -104,8 +107,8 @@ public:
     /// `proc` is called each time that this sender has finished a frame, with the packet and the number of
     /// CMediaBuffer::PutFrameInfo (null and 0 without) and the frame's length in bytes. It runs with the
     /// buffer's lock held: see CMediaBuffer for what it must not do. It may be replaced from inside. An
-    /// object that it is bound to must outlive a call that has already begun. False, and no procedure is
-    /// called any more, if there is no memory.
+    /// object that it is bound to must outlive a call that has already begun. False, with a line at level 2,
+    /// and no procedure is called any more, if there is no memory.
     bool AttachSendProc(Infra::TFunction3<void, CMediaPacket*, int, int> proc);
     /// No procedure is called from the next frame on. Always true.
     bool DetachSendProc();

@@ -41,6 +41,7 @@ constexpr unsigned int STREAM_SENDER_DRAINED = 9;  ///< Nothing waits any more. 
 class RETICOR_API CStreamSender : public CNetHandler {
 public:
     /// A sender of the public pool with room for 8 blocks, 256 KiB, without a socket. The pool must exist.
+    /// Null, with a line at level 2, if there is no memory.
     static CStreamSender* Create();
 
     CStreamSender(const CStreamSender&) = delete;
@@ -60,8 +61,8 @@ public:
     /// say so. While bytes wait, `len` must not be 0.
     ///
     /// Returns 0; -1 if there is no room for all of it (WaitBufferSize tells when there is), or if the socket
-    /// failed, which is also told by message. If there is no memory: -1, and if a part was written by then
-    /// the socket counts as failed.
+    /// failed, which is also told by message. If there is no memory: -1 with a line at level 2, and if a part
+    /// was written by then the socket counts as failed; so it does if it cannot be registered for the rest.
     int Put(const char* buf, unsigned int len);
 
     /// Raises the room to `blocks` of 32 KiB. A smaller number changes nothing; below what waits now it logs

@@ -146,7 +146,8 @@ TEST_F(FileMemory, ALoadThatFoundNoMemoryIsTriedAgainAfterItsBuffersAreReplaced)
     }
     file->SetBufferSize(131072, 5);
     int total = 0;
-    EXPECT_EVENTUALLY((total += file->Read(got + total, sizeof(got) - static_cast<unsigned>(total), eof), eof));
+    EXPECT_EVENTUALLY(
+        (total += file->Read(got + total, sizeof(got) - static_cast<unsigned>(total), eof), eof));
     EXPECT_EQ(7, total);
     file->Close();
 }
@@ -193,8 +194,9 @@ TEST_F(FileMemory, DevicesWithoutAStateDoNotOpen) {
         }
         EXPECT_EQ((opened[0] != 0 ? 1u : 0u) + (opened[1] != 0 ? 1u : 0u), swept.lines) << swept.text;
         Reticor::NFile_Info info;
-        for (CNStorDev_IF* const device : {static_cast<CNStorDev_IF*>(posix), static_cast<CNStorDev_IF*>(plain),
-                                           static_cast<CNStorDev_IF*>(copy)}) {
+        for (CNStorDev_IF* const device :
+             {static_cast<CNStorDev_IF*>(posix), static_cast<CNStorDev_IF*>(plain),
+              static_cast<CNStorDev_IF*>(copy)}) {
             char byte = 'x';
             device->Write(&byte, 1);
             device->Read(&byte, 1);

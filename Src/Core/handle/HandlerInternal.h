@@ -64,12 +64,23 @@ struct HandlerInternal {
     /// The control block of a handler that the caller knows alive.
     static HandlerInternal& Of(CNetHandler& handler) { return *handler.m_internal; }
 
+    /// Ends a handler that nobody knows yet, for want of memory for what belongs to it. Also under locks.
+    static void Discard(CNetHandler* handler) {
+        if (Of(*handler).IsNone()) {
+            delete handler;
+        } else {
+            handler->CNetHandler::Close();
+        }
+    }
+
     /// As the operations of CNetHandler with these names: pins and tables need them below it.
     void AddRef() { m_ref.fetch_add(1, std::memory_order_relaxed); }
     void DecRef();
     void AddSock() { m_sock.fetch_add(1, std::memory_order_relaxed); }
     void DecSock() { m_sock.fetch_sub(1, std::memory_order_relaxed); }
     long GetID() const { return static_cast<long>(m_entry.m_id); }
+
+    bool IsOpen() const { return __m_magic.load(std::memory_order_acquire) == HANDLER_OPEN; }
 
     /// Takes a reference if the handler is open. The reference comes first: it keeps the object alive over
     /// what the caller does, and a racing Close is seen either before or after it.

@@ -7,6 +7,7 @@
 #include <Infra/Log.h>
 #include <Reticor/DefaultStorDev.h>
 
+#include "Core/handle/HandlerInternal.h"
 #include "Tool/device/StorDev.h"
 #include "Tool/file/NFileState.h"
 #include "Tool/task/FileTask.h"
@@ -33,7 +34,7 @@ CNFile* CNFile::Open(long handler_id, const char* path, const char* mode, CNStor
         }
         delete state;
         if (file != nullptr) {
-            file->CNetHandler::Close();
+            HandlerInternal::Discard(file);
         }
         if (dev != nullptr) {
             dev->Close();

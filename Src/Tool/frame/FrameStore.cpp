@@ -23,20 +23,32 @@ CFrameStore::~CFrameStore() {
     }
 }
 
+bool CFrameStore::fill(uint32_t frames) {
+    while (m_count < frames) {
+        void* const memory = ::operator new(sizeof(CFrame), std::nothrow);
+        if (memory == nullptr) {
+            return false;
+        }
+        m_spares = new (memory) Spare{m_spares};
+        ++m_count;
+    }
+    return true;
+}
+
 CFrame* CFrameStore::make() {
     void* memory = m_spares;
     if (memory != nullptr) {
         m_spares = m_spares->next;
         --m_count;
     } else {
-        memory = ::operator new(sizeof(CFrame));
+        memory = ::operator new(sizeof(CFrame), std::nothrow);
     }
-    return new (memory) CFrame;
+    return memory != nullptr ? new (memory) CFrame : nullptr;
 }
 
 void CFrameStore::end(CFrame* frame) {
     frame->~CFrame();
-    if (m_count == SPARES_MOST) {
+    if (m_count >= SPARES_MOST) {
         ::operator delete(frame);
         return;
     }

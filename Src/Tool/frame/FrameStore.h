@@ -21,11 +21,16 @@ public:
     CFrameStore(const CFrameStore&) = delete;
     CFrameStore& operator=(const CFrameStore&) = delete;
 
+    /// Has memory for that many frames at rest. False if there is none.
+    bool hold(uint32_t frames) { return m_count >= frames || fill(frames); }
+    /// Out of what rests, or of new memory; null if there is none.
     CFrame* make();
     /// Destroys the frame, which releases its packets.
     void end(CFrame* frame);
 
 private:
+    bool fill(uint32_t frames);
+
     /// What is linked in place of a frame.
     struct Spare {
         Spare* next;

@@ -35,9 +35,11 @@ int CFrame::Put(CMediaPacket* packet, int len, int mark, int level) {
     if (MediaTrace::on()) {
         MediaTrace::frame_put(this, packet, len, mark, level);
     }
-    if (m_packet_num == m_packet_cap) {
+    if (!make_room()) {
+        return -1;
+    }
+    if (std::exchange(m_grew, false)) {
         assert(m_packet_num % BUFFER_INCREMENT == 0);
-        grow();
         if (MediaTrace::on()) {
             MediaTrace::frame_grew(this, m_frame_len, m_packet_num);
         }
@@ -57,16 +59,32 @@ int CFrame::Put(CMediaPacket* packet, int len, int mark, int level) {
     return 0;
 }
 
-void CFrame::grow() {
-    m_packet_cap += BUFFER_INCREMENT;
+bool CFrame::grow() {
+    const uint32_t capacity = m_packet_cap + BUFFER_INCREMENT;
     const bool first = m_iovec == m_first_iovec;
-    m_iovec = static_cast<iovec*>(std::realloc(first ? nullptr : m_iovec, m_packet_cap * sizeof(iovec)));
-    m_packet = static_cast<CMediaPacket**>(
-        std::realloc(first ? nullptr : m_packet, m_packet_cap * sizeof(CMediaPacket*)));
+    void* const entries = std::realloc(first ? nullptr : m_iovec, capacity * sizeof(iovec));
+    if (entries == nullptr) {
+        return false;
+    }
+    if (!first) {
+        m_iovec = static_cast<iovec*>(entries);
+    }
+    void* const packets = std::realloc(first ? nullptr : m_packet, capacity * sizeof(CMediaPacket*));
+    if (packets == nullptr) {
+        if (first) {
+            std::free(entries);
+        }
+        return false;
+    }
+    m_iovec = static_cast<iovec*>(entries);
+    m_packet = static_cast<CMediaPacket**>(packets);
     if (first) {
         std::copy(std::begin(m_first_iovec), std::end(m_first_iovec), m_iovec);
         std::copy(std::begin(m_first_packet), std::end(m_first_packet), m_packet);
     }
+    m_packet_cap = capacity;
+    m_grew = true;
+    return true;
 }
 
 int CFrame::PutInfo(CMediaPacket* packet, int arg) {

@@ -25,8 +25,6 @@ constexpr int levelOf(int level_word) {
 /// sender's cursor, which is patched for the time of one write.
 ///
 /// Thread safety: none of its own; all fields are guarded by the mutex of the buffer that owns the frame.
-///
-/// Running out of memory for a frame ends the process.
 class CFrame {
 public:
     static constexpr uint32_t BUFFER_INCREMENT = 32;
@@ -39,7 +37,10 @@ public:
     CFrame(const CFrame&) = delete;
     CFrame& operator=(const CFrame&) = delete;
 
-    /// Takes a packet, which is the frame's to release from now on. Always 0.
+    /// Sees to it that one more packet has a place. False, with nothing changed, if there is no memory.
+    bool make_room() { return m_packet_num < m_packet_cap || grow(); }
+    /// Takes a packet, which is the frame's to release from now on. 0; -1, and the packet stays the caller's,
+    /// if there is no memory, which there is after make_room.
     int Put(CMediaPacket* packet, int len, int mark, int level);
     /// Takes the information packet in place of an earlier one, which is released. Always 0.
     int PutInfo(CMediaPacket* packet, int arg);
@@ -116,7 +117,9 @@ public:
     uint32_t m_hollow_steps = 0;   ///< Sending steps since then, for a frame without a byte.
 
 private:
-    void grow();
+    bool grow();
+
+    bool m_grew = false;  ///< A trace line tells of it, with the next packet.
 
     /// Room for as many packets as a frame usually has, so that it is one piece of memory.
     iovec m_first_iovec[BUFFER_INCREMENT];

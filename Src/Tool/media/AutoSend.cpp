@@ -7,12 +7,11 @@
 
 namespace Orvex::Reticor {
 
-void AutoSend::enable(uint64_t interval) {
+bool AutoSend::enable(uint64_t interval) {
     TargetStepMark::assert_none();
     Infra::CGuard guard(m_mutex);
-    if (!std::exchange(m_on, true)) {
-        CSenderHandler::Add(0, &m_target, interval);
-    }
+    m_on = m_on || CSenderHandler::Add(0, &m_target, interval);
+    return m_on;
 }
 
 void AutoSend::disable() {

@@ -18,8 +18,9 @@ public:
     AutoSend(const AutoSend&) = delete;
     AutoSend& operator=(const AutoSend&) = delete;
 
-    /// Nothing changes if it is on already. `interval` is in milliseconds.
-    void enable(uint64_t interval);
+    /// Nothing changes if it is on already. `interval` is in milliseconds. False, and it stays off, if there
+    /// is no memory.
+    bool enable(uint64_t interval);
     /// When it returns, the timer does not touch the target any more.
     void disable();
 

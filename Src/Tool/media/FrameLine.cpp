@@ -17,6 +17,10 @@ constexpr int STEPS_PER_LEVEL = 10;
 
 FrameLine::FrameLine(MediaCore& core, const void* name) : m_core(core), m_name(name) {
     std::fill(std::begin(m_min_level), std::end(m_min_level), LEVEL_LEAST);
+    if (!m_store.hold(1 + FRAMES_OF_A_STEP)) {
+        m_frame_num = 0;
+        return;  // no memory: the first packet finds some, or says that there is none
+    }
     m_head = m_store.make();
     m_head->Clear();
     m_current = m_head;

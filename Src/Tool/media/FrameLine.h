@@ -42,6 +42,11 @@ public:
 
     // Filling.
 
+    /// Takes the memory that the next operation can need: for the frames that it begins, and, with `packet`,
+    /// for one more packet of the current one. False, with nothing else changed, if there is none.
+    bool make_room(bool packet) INFRA_REQUIRES(CORE_MUTEX) {
+        return m_store.hold(FRAMES_OF_A_STEP) && (!packet || m_current == nullptr || m_current->make_room());
+    }
     /// There is a current frame after this.
     void begin_if_empty() INFRA_REQUIRES(CORE_MUTEX) {
         if (m_head == nullptr) {
@@ -90,6 +95,9 @@ public:
     void reset() INFRA_REQUIRES(CORE_MUTEX);
 
 private:
+    /// One that is begun before the senders' turns, and one after them.
+    static constexpr uint32_t FRAMES_OF_A_STEP = 2;
+
     void begin() INFRA_REQUIRES(CORE_MUTEX);
     const CFrame* walk_hollow(const CFrame* before) INFRA_REQUIRES(CORE_MUTEX);
     bool is_held(const CFrame& frame) const INFRA_REQUIRES(CORE_MUTEX);

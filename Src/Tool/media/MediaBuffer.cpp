@@ -2,6 +2,7 @@
 #include <Reticor/MediaBuffer.h>
 
 #include <cassert>
+#include <new>
 
 #include <Infra/Log.h>
 
@@ -10,10 +11,30 @@
 
 namespace Orvex::Reticor {
 
-CMediaBuffer::CMediaBuffer() : m_state(new OwnedBufferState(*this)) {}
+namespace {
+
+/// Null if there is no memory.
+MediaBufferState* make_state(CMediaBuffer& owner) {
+    try {
+        return new OwnedBufferState(owner);
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
+
+}  // namespace
+
+CMediaBuffer::CMediaBuffer() : m_state(make_state(*this)) {
+    if (m_state == nullptr) {
+        INFRA_LOG(2, "CMediaBuffer, no memory, the buffer takes nothing\n");
+    }
+}
 
 CMediaBuffer::~CMediaBuffer() {
     TargetStepMark::assert_none();
+    if (m_state == nullptr) {
+        return;
+    }
     Clear();
     m_state->retire();
     delete m_state;
@@ -31,9 +52,16 @@ void CMediaBuffer::do_send() {
 }
 
 int CMediaBuffer::put(CMediaPacket* packet, int len, int mark, int level, bool force_remark) {
+    if (m_state == nullptr) {
+        return -1;
+    }
     MediaBufferState& state = *m_state;
     const MediaStep step(state.m_core);
     assert(!step.nested() && "Put or do_send inside a call-back of the same media buffer");
+    if (!state.m_frames.make_room(packet != nullptr)) {
+        INFRA_LOG(2, "CMediaBuffer, no memory for a packet or a frame\n");
+        return -1;
+    }
     if (packet != nullptr) {
         assert(len >= 0);
         const int channel = state.accept(packet, len, mark, level);
@@ -65,14 +93,27 @@ int CMediaBuffer::put(CMediaPacket* packet, int len, int mark, int level, bool f
 }
 
 int CMediaBuffer::PutFrameInfo(CMediaPacket* packet, int arg) {
+    if (m_state == nullptr) {
+        return -1;
+    }
     const MediaStep step(m_state->m_core);
+    if (!m_state->m_frames.make_room(false)) {
+        INFRA_LOG(2, "CMediaBuffer, no memory for a packet or a frame\n");
+        return -1;
+    }
     m_state->m_frames.put_info(packet, arg);
     return 0;
 }
 
 void CMediaBuffer::AddSender(CMediaStreamSender* sender) {
+    if (m_state == nullptr) {
+        return;
+    }
     const SenderEntry state = m_state->add_sender(SenderRecord::of(*sender));
     assert(state.m_list == nullptr && "a sender can be on the list of one buffer only");
+    if (state.m_no_memory) {
+        INFRA_LOG(2, "CMediaBuffer::AddSender, no memory for sender:%p\n", static_cast<void*>(sender));
+    }
     if (state.m_here_already) {
         INFRA_LOG(3, "CMediaBuffer::AddSender, sender:%p is on the list already\n",
                   static_cast<void*>(sender));
@@ -80,14 +121,23 @@ void CMediaBuffer::AddSender(CMediaStreamSender* sender) {
 }
 
 void CMediaBuffer::DelSender(CMediaStreamSender* sender) {
+    if (m_state == nullptr) {
+        return;
+    }
     const MediaStep step(m_state->m_core);
     m_state->take_off(SenderRecord::of(*sender), step.nested());
 }
 
 void CMediaBuffer::AddLevel2Buffer(CLevel2Buffer_IF* tap) {
+    if (m_state == nullptr) {
+        return;
+    }
     const MediaStep step(m_state->m_core);
-    const auto [entered, here_already] = m_state->m_taps.add(*tap);
+    const auto [entered, here_already, no_memory] = m_state->m_taps.add(*tap);
     assert(entered && "a tap can be on the list of one buffer only");
+    if (no_memory) {
+        INFRA_LOG(2, "CMediaBuffer::AddLevel2Buffer, no memory for tap:%p\n", static_cast<void*>(tap));
+    }
     if (here_already) {
         INFRA_LOG(3, "CMediaBuffer::AddLevel2Buffer, tap:%p is on the list already\n",
                   static_cast<void*>(tap));
@@ -95,11 +145,17 @@ void CMediaBuffer::AddLevel2Buffer(CLevel2Buffer_IF* tap) {
 }
 
 void CMediaBuffer::DelLevel2Buffer(CLevel2Buffer_IF* tap) {
+    if (m_state == nullptr) {
+        return;
+    }
     const MediaStep step(m_state->m_core);
     m_state->m_taps.remove(tap);
 }
 
 void CMediaBuffer::Clear() {
+    if (m_state == nullptr) {
+        return;
+    }
     const MediaStep step(m_state->m_core);
     assert(!step.nested() && "Clear inside a call-back of the same media buffer");
     if (const SenderRecord* const first = m_state->m_senders.first()) {
@@ -125,24 +181,31 @@ void CMediaBuffer::EnableAutoSend() {
 }
 
 void CMediaBuffer::EnableAutoSend(unsigned long long interval) {
-    m_state->m_auto_send.enable(interval);
+    if (m_state != nullptr && !m_state->m_auto_send.enable(interval)) {
+        INFRA_LOG(2, "CMediaBuffer::EnableAutoSend, no memory\n");
+    }
 }
 
 void CMediaBuffer::DisableAutoSend() {
-    m_state->m_auto_send.disable();
+    if (m_state != nullptr) {
+        m_state->m_auto_send.disable();
+    }
 }
 
 int CMediaBuffer::GetBufferNum() {
-    return static_cast<int>(m_state->m_frames.valid_num());
+    return m_state != nullptr ? static_cast<int>(m_state->m_frames.valid_num()) : 0;
 }
 
 unsigned long long CMediaBuffer::GetBufferSize() {
+    if (m_state == nullptr) {
+        return 0;
+    }
     const CoreGuard guard(*m_state->m_core);
     return m_state->m_frames.size();
 }
 
 MediaBufferStats CMediaBuffer::GetStats() {
-    return m_state->stats();
+    return m_state != nullptr ? m_state->stats() : MediaBufferStats();
 }
 
 }  // namespace Orvex::Reticor

@@ -2,6 +2,8 @@
 #include "Tool/media/MediaBufferState.h"
 
 #include <algorithm>
+#include <new>
+#include <utility>
 
 #include "Tool/frame/MediaTrace.h"
 
@@ -30,18 +32,22 @@ SenderEntry MediaBufferState::add_sender(SenderRecord& record) {
     const std::shared_ptr<MediaCore> before = record.core();
     const bool moves = before && before != m_core;
     if (m_core->steps_on_this_thread() || (moves && TargetStepMark::inside())) {
-        return {nullptr, !record.m_coming.note(m_core)};
+        return {nullptr, !record.m_coming.note(m_core), false};
+    }
+    std::unique_ptr<GoneSender> reference(new (std::nothrow) GoneSender{record.m_owner});
+    if (reference == nullptr) {
+        return {nullptr, false, true};
     }
     record.move_to(m_core);
     const MediaStep step(m_core);
     if (record.m_list == m_core.get()) {
-        return {nullptr, true};
+        return {nullptr, true, false};
     }
     if (record.m_list == nullptr) {
-        m_senders.add(record);
-        return {nullptr, false};
+        m_senders.add(record, std::move(reference));
+        return {nullptr, false, false};
     }
-    return {record.m_list, false};
+    return {record.m_list, false, false};
 }
 
 // A call-back may be inside this sender's own sending, or in the walk over the list, so its wish waits; but

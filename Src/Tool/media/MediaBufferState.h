@@ -19,6 +19,7 @@ namespace Orvex::Reticor {
 struct SenderEntry {
     const MediaCore* m_list;  ///< Another buffer's, on whose list it is, so that it was not added; or null.
     bool m_here_already;      ///< It was on the list before, or is to come to it.
+    bool m_no_memory;         ///< Nothing was done.
 };
 
 /// The two ways back to the buffer, do_send and come, are left to OwnedBufferState.

@@ -1,6 +1,7 @@
 // MediaStep: beginning and end of an operation on a media buffer.
 #include "Tool/media/MediaStep.h"
 
+#include <memory>
 #include <utility>
 
 #include <Reticor/NetHandler.h>
@@ -26,14 +27,12 @@ MediaStep::MediaStep(std::shared_ptr<MediaCore> core, Entered) INFRA_NO_THREAD_S
 
 // Dropping a reference can end a sender, so it is done with the mutex left.
 MediaStep::~MediaStep() INFRA_NO_THREAD_SAFETY_ANALYSIS {
-    std::vector<CNetHandler*> gone;
-    if (m_outermost) {
-        m_core->end_step(gone);
-    }
+    GoneSender* gone = m_outermost ? m_core->end_step() : nullptr;
     m_core->m_mutex.leave();
     TargetStepMark::leave();
-    for (CNetHandler* sender : gone) {
-        sender->DecRef();
+    while (gone != nullptr) {
+        const std::unique_ptr<GoneSender> first(std::exchange(gone, gone->next));
+        first->sender->DecRef();
     }
 }
 

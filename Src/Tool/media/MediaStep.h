@@ -33,6 +33,13 @@ protected:
     ~StepEnd_IF() = default;
 };
 
+/// A sender's reference of a list, and the link by which it waits to be dropped. Each sender on a list brings
+/// one along, so that it can be taken off without memory.
+struct GoneSender {
+    CNetHandler* sender;
+    GoneSender* next = nullptr;
+};
+
 /// The part of a buffer's state that its senders share, so that a sender can look after its own cursor when
 /// the buffer has gone. All fields are guarded by m_mutex, and so is what the senders' cursors touch. Nobody
 /// but its own operations writes them.
@@ -46,7 +53,8 @@ struct MediaCore {
     /// The buffer; null when it has gone.
     StepEnd_IF* m_end INFRA_GUARDED_BY(CORE_MUTEX) = nullptr;
     /// Senders that were taken off the list; their references are still to be dropped.
-    std::vector<CNetHandler*> m_gone INFRA_GUARDED_BY(CORE_MUTEX);
+    GoneSender* m_gone INFRA_GUARDED_BY(CORE_MUTEX) = nullptr;
+    GoneSender** m_gone_end INFRA_GUARDED_BY(CORE_MUTEX) = &m_gone;  ///< Where the next one is linked.
     /// The stream position of the end of the newest frame. FrameLine has it moved.
     uint64_t m_byte_total INFRA_GUARDED_BY(CORE_MUTEX) = 0;
     /// This step's reading of the clock; 0: not read yet.
@@ -67,19 +75,23 @@ struct MediaCore {
         return true;
     }
     /// The outermost operation ends: takes off what call-backs have taken off. Gives the senders that have
-    /// gone to `gone`, which is empty; their references are to be dropped when the mutex was left.
-    void end_step(std::vector<CNetHandler*>& gone) INFRA_REQUIRES(CORE_MUTEX) {
+    /// gone; their references are to be dropped when the mutex was left.
+    GoneSender* end_step() INFRA_REQUIRES(CORE_MUTEX) {
         // Taking one off can run call-backs that take off others.
         while (std::exchange(m_some_leave, false) && m_end != nullptr) {
             m_end->drop_leaving();
         }
-        gone.swap(m_gone);
         m_stepping = false;
+        m_gone_end = &m_gone;
+        return std::exchange(m_gone, nullptr);
     }
     /// A call-back has taken a sender off: the end of the operation looks for it.
     void note_leaving() INFRA_REQUIRES(CORE_MUTEX) { m_some_leave = true; }
     /// Takes over the list's reference on a sender that is off it. Inside a step.
-    void let_go(CNetHandler& sender) INFRA_REQUIRES(CORE_MUTEX) { m_gone.push_back(&sender); }
+    void let_go(GoneSender* gone) INFRA_REQUIRES(CORE_MUTEX) {
+        *m_gone_end = gone;
+        m_gone_end = &gone->next;
+    }
 
     void add_bytes(int64_t bytes) INFRA_REQUIRES(CORE_MUTEX) { m_byte_total += static_cast<uint64_t>(bytes); }
     /// The stream begins anew, with these bytes.

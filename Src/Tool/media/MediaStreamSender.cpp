@@ -2,19 +2,37 @@
 #include <Reticor/MediaStreamSender.h>
 
 #include <cassert>
+#include <new>
 #include <optional>
 
+#include <Infra/Log.h>
+
+#include "Core/handle/HandlerInternal.h"
 #include "Tool/media/MediaSending.h"
 
 namespace Orvex::Reticor {
 
 CMediaStreamSender* CMediaStreamSender::Create() {
-    return new CMediaStreamSender;
+    auto* const sender = new (std::nothrow) CMediaStreamSender;
+    if (sender != nullptr && sender->m_state != nullptr) {
+        return sender;
+    }
+    if (sender == nullptr || sender->GetID() != 0) {  // else the handler has told of itself
+        INFRA_LOG_STATIC(2, "CMediaStreamSender::Create no memory!\n");
+    }
+    if (sender != nullptr) {
+        HandlerInternal::Discard(sender);
+    }
+    return nullptr;
 }
 
-CMediaStreamSender::CMediaStreamSender() : m_state(new SenderRecord(*this)) {}
+CMediaStreamSender::CMediaStreamSender()
+    : m_state(GetID() != 0 ? new (std::nothrow) SenderRecord(*this) : nullptr) {}
 
 CMediaStreamSender::~CMediaStreamSender() {
+    if (m_state == nullptr) {
+        return;
+    }
     if (const std::shared_ptr<MediaCore> core = m_state->core()) {
         const CoreGuard guard(*core);
         m_state->leave_frame();
@@ -68,11 +86,17 @@ MediaSenderStats CMediaStreamSender::GetStats() {
 }
 
 void CMediaStreamSender::SendOtherData(const char* data, int len) {
-    m_state->m_other.add(data, len);
+    if (!m_state->m_other.add(data, len)) {
+        INFRA_LOG(2, "CMediaStreamSender::SendOtherData no memory!\n");
+    }
 }
 
 bool CMediaStreamSender::AttachSendProc(Infra::TFunction3<void, CMediaPacket*, int, int> proc) {
-    return m_state->set_procedure(proc);
+    if (!m_state->set_procedure(proc)) {
+        INFRA_LOG(2, "CMediaStreamSender::AttachSendProc no memory!\n");
+        return false;
+    }
+    return true;
 }
 
 bool CMediaStreamSender::DetachSendProc() {

@@ -2,22 +2,27 @@
 #include "Tool/media/OtherData.h"
 
 #include <cstring>
+#include <new>
 
 namespace Orvex::Reticor {
 
-void OtherData::add(const char* data, int len) {
+bool OtherData::add(const char* data, int len) {
     if (data == nullptr || len < 1) {
-        return;
+        return true;
     }
     Infra::CGuard guard(m_mutex);
     if (int64_t{m_length} + len > SIZE) {
-        return;
+        return true;
     }
     if (!m_bytes) {
-        m_bytes.reset(new char[SIZE]);
+        m_bytes.reset(new (std::nothrow) char[SIZE]);
+    }
+    if (!m_bytes) {
+        return false;
     }
     std::memcpy(m_bytes.get() + m_length, data, static_cast<size_t>(len));
     Infra::relaxedStore(m_length, m_length + len);
+    return true;
 }
 
 OtherData::Sent OtherData::send(const SocketWriter& writer) {

@@ -28,8 +28,8 @@ public:
     /// Without the lock; bytes that arrive just now are seen the next time.
     bool waits() const { return Infra::relaxedLoad(m_length) >= 1; }
 
-    /// Keeps the bytes, all of them or none.
-    void add(const char* data, int len);
+    /// Keeps the bytes, all of them or none. False if there is no memory.
+    bool add(const char* data, int len);
 
     /// Writes as much as the socket takes.
     Sent send(const SocketWriter& writer);

@@ -4,8 +4,10 @@
 #include <algorithm>
 #include <cassert>
 #include <climits>
+#include <new>
 #include <utility>
 
+#include <Infra/Forever.h>
 #include <Infra/LockClasses.h>
 
 #include "Core/pool/PoolTable.h"
@@ -23,40 +25,67 @@ CSenderHandler::CSenderHandler() : CSenderHandler(DEFAULT_INTERVAL_MS) {}
 
 CSenderHandler::CSenderHandler(uint64_t interval) : m_interval(interval) {}
 
-void CSenderHandler::Add(int type, SendTarget_IF* target) {
-    add(type, target, DEFAULT_INTERVAL_MS);
+bool CSenderHandler::Add(int type, SendTarget_IF* target) {
+    return Add(type, target, DEFAULT_INTERVAL_MS);
 }
 
-void CSenderHandler::Add(int type, SendTarget_IF* target, uint64_t interval) {
-    add(type, target, interval);
-}
-
-void CSenderHandler::add(int type, SendTarget_IF* target, uint64_t interval) {
+bool CSenderHandler::Add(int type, SendTarget_IF* target, uint64_t interval) {
     TargetStepMark::assert_none();
     if (target == nullptr) {
-        return;
+        return true;
     }
-    Infra::CGuard guard(m_list_mutex);
-    std::vector<Record>& m_sender_list = sender_list();
-    if (!m_started && !m_suspended) {
-        assert(m_sender_list.empty());
-        start(interval);
+    CSenderHandler* failed = nullptr;
+    {
+        Infra::CGuard guard(m_list_mutex);
+        std::vector<Record>& m_sender_list = sender_list();
+        try {
+            m_sender_list.reserve(m_sender_list.size() + 1);
+        } catch (const std::bad_alloc&) {
+            return false;
+        }
+        bool started = true;
+        if (!m_started && !m_suspended) {
+            assert(m_sender_list.empty());
+            started = start(interval, failed);
+        }
+        if (started) {
+            m_sender_list.push_back({type, target, true});
+            return true;
+        }
     }
-    m_sender_list.push_back({type, target, true});
+    return end(failed);
 }
 
 std::vector<CSenderHandler::Record>& CSenderHandler::sender_list() {
-    static auto& list = *new std::vector<Record>;
+    static Infra::Forever<std::vector<Record>> room;
+    static std::vector<Record>& list = room.make();
     return list;
 }
 
-void CSenderHandler::start(uint64_t interval) {
-    m_handler = new CSenderHandler(interval);
+/// False if there is no memory: `failed` is then to be ended with the lock left, unless it is null.
+bool CSenderHandler::start(uint64_t interval, CSenderHandler*& failed) {
+    failed = new (std::nothrow) CSenderHandler(interval);
+    if (failed == nullptr) {
+        return false;
+    }
+    // Beyond a day the timer cuts it; here it only must not wrap.
+    const uint64_t period_us = std::min<uint64_t>(failed->m_interval, INT64_MAX / 1000) * 1000;
+    failed->m_timer_id = failed->SetTimer(static_cast<int64_t>(period_us));
+    if (failed->m_timer_id == -1) {
+        return false;
+    }
+    m_handler = std::exchange(failed, nullptr);
     m_started = true;
     m_last_interval = interval;
-    // Beyond a day the timer cuts it; here it only must not wrap.
-    const uint64_t period_us = std::min<uint64_t>(m_handler->m_interval, INT64_MAX / 1000) * 1000;
-    m_handler->m_timer_id = m_handler->SetTimer(static_cast<int64_t>(period_us));
+    return true;
+}
+
+/// Always false.
+bool CSenderHandler::end(CSenderHandler* failed) {
+    if (failed != nullptr) {
+        HandlerInternal::Discard(failed);
+    }
+    return false;
 }
 
 void CSenderHandler::Remove(int type, SendTarget_IF* target) {
@@ -126,12 +155,16 @@ void CSenderHandler::Suspend(HandlerDrops& drops) {
     }
 }
 
-void CSenderHandler::Resume() {
-    Infra::CGuard guard(m_list_mutex);
-    m_suspended = false;
-    if (!m_started && !sender_list().empty()) {
-        start(m_last_interval);
+bool CSenderHandler::Resume() {
+    CSenderHandler* failed = nullptr;
+    {
+        Infra::CGuard guard(m_list_mutex);
+        m_suspended = false;
+        if (m_started || sender_list().empty() || start(m_last_interval, failed)) {
+            return true;
+        }
     }
+    return end(failed);
 }
 
 }  // namespace Orvex::Reticor

@@ -32,9 +32,10 @@ public:
     explicit CSenderHandler(uint64_t interval);
 
     /// Registers a target, and starts the timer if it does not run. `interval` is in milliseconds. 0 is the
-    /// only type in use. A null target is ignored.
-    static void Add(int type, SendTarget_IF* target);
-    static void Add(int type, SendTarget_IF* target, uint64_t interval);
+    /// only type in use. A null target is ignored. False, with the target not registered, if there is no
+    /// memory.
+    static bool Add(int type, SendTarget_IF* target);
+    static bool Add(int type, SendTarget_IF* target, uint64_t interval);
     /// Takes the first record of the target away, if there is one. When it returns, the timer does not touch
     /// the target any more.
     static void Remove(int type, SendTarget_IF* target);
@@ -42,8 +43,9 @@ public:
     /// For the library's teardown, before the pools go: the timer ends, targets stay registered, and until
     /// Resume new ones are only listed. What may be the last reference on the handler goes to `drops`.
     static void Suspend(HandlerDrops& drops);
-    /// For the library's set-up, when the public pool stands: starts the timer if there are targets.
-    static void Resume();
+    /// For the library's set-up, when the public pool stands: starts the timer if there are targets. False if
+    /// there is no memory for it.
+    static bool Resume();
 
     int64_t handle_timeout(long id) override;
     int handle_close(CNetHandler* self) override;
@@ -55,8 +57,8 @@ private:
         bool enabled;
     };
 
-    static void add(int type, SendTarget_IF* target, uint64_t interval);
-    static void start(uint64_t interval) INFRA_REQUIRES(m_list_mutex);
+    static bool start(uint64_t interval, CSenderHandler*& failed) INFRA_REQUIRES(m_list_mutex);
+    static bool end(CSenderHandler* failed);
     ~CSenderHandler() override = default;
 
     /// Never destroyed: a timer may still run while static objects are.

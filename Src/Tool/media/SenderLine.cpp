@@ -2,6 +2,7 @@
 #include "Tool/media/SenderLine.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace Orvex::Reticor {
 
@@ -13,8 +14,8 @@ bool SenderLine::holds(const SenderRecord& record) const {
     return entry != nullptr;
 }
 
-void SenderLine::add(SenderRecord& record) {
-    record.come_to_list(m_core, m_first);
+void SenderLine::add(SenderRecord& record, std::unique_ptr<GoneSender> reference) {
+    record.come_to_list(m_core, m_first, std::move(reference));
     m_first = &record;
     m_has_sender = true;
 }

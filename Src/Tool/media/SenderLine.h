@@ -1,6 +1,8 @@
 // SenderLine: the senders of a buffer, the newest first.
 #pragma once
 
+#include <memory>
+
 #include <Reticor/MediaBuffer.h>
 
 #include "Tool/media/SenderRecord.h"
@@ -22,7 +24,8 @@ public:
     bool holds(const SenderRecord& record) const INFRA_REQUIRES(CORE_MUTEX);
 
     /// The record must be on no list.
-    void add(SenderRecord& record) INFRA_REQUIRES(CORE_MUTEX);
+    /// `reference` is the list's, for the time when it is dropped.
+    void add(SenderRecord& record, std::unique_ptr<GoneSender> reference) INFRA_REQUIRES(CORE_MUTEX);
     /// One that is not on the list is ignored.
     void remove(SenderRecord& record) INFRA_REQUIRES(CORE_MUTEX);
     /// True once, when the last sender was taken off.

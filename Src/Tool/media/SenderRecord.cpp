@@ -9,6 +9,9 @@
 #include <utility>
 
 #include <Infra/HeldLocks.h>
+#include <Infra/Log.h>
+
+#include "Core/service/Message.h"
 
 namespace Orvex::Reticor {
 
@@ -17,10 +20,16 @@ namespace {
 /// A copy of the bytes of one packet, for a sender whose frame was let go while it was half-written.
 class CRestPacket : public CMediaPacket {
 public:
-    explicit CRestPacket(const iovec& bytes) : m_bytes(new char[bytes.iov_len]) {
-        if (bytes.iov_len != 0) {
-            std::memcpy(m_bytes.get(), bytes.iov_base, bytes.iov_len);
+    /// Null if there is no memory.
+    static CRestPacket* make(const iovec& bytes) {
+        std::unique_ptr<char[]> copy(new (std::nothrow) char[bytes.iov_len]);
+        if (copy == nullptr) {
+            return nullptr;
         }
+        if (bytes.iov_len != 0) {
+            std::memcpy(copy.get(), bytes.iov_base, bytes.iov_len);
+        }
+        return new (std::nothrow) CRestPacket(std::move(copy));
     }
     int Release() override {
         delete this;
@@ -29,8 +38,20 @@ public:
     char* GetBuffer() override { return m_bytes.get(); }
 
 private:
+    explicit CRestPacket(std::unique_ptr<char[]> bytes) : m_bytes(std::move(bytes)) {}
+
     const std::unique_ptr<char[]> m_bytes;
 };
+
+/// Adds a copy of a packet's bytes. False if there is no memory.
+bool put_copy(CFrame& rest, const iovec& bytes, int mark, int level) {
+    CRestPacket* const copy = CRestPacket::make(bytes);
+    if (copy != nullptr && rest.Put(copy, static_cast<int>(bytes.iov_len), mark, level) != 0) {
+        copy->Release();
+        return false;
+    }
+    return copy != nullptr;
+}
 
 constexpr uint64_t SECOND_US = 1000000;
 
@@ -199,24 +220,49 @@ void SenderRecord::rescue_frame() {
 void SenderRecord::keep_rest(uint32_t end) {
     uncount();
     m_counted = false;
-    CFrame* const rest = new CFrame;
-    auto index = static_cast<uint32_t>(m_iovec_index);
-    m_iovec_index = 0;
-    if (m_iovec_offset == 0) {
-        rest->Put(new CRestPacket(iovec{nullptr, 0}), 0, MEDIA_MARK_MORE, m_frame->m_level);
-        m_iovec_index = 1;
+    CFrame* const rest = copy_rest(end);
+    if (rest == nullptr) {
+        lose_rest();
+        return;
     }
-    uint64_t left = 0;
-    for (; index < end; ++index) {
-        const iovec& entry = m_frame->m_iovec[index];
-        rest->Put(new CRestPacket(entry), static_cast<int>(entry.iov_len), m_frame->m_mark, m_frame->m_level);
-        left += entry.iov_len;
-    }
-    m_frame_left = left - static_cast<uint64_t>(m_iovec_offset);
+    m_iovec_index = m_iovec_offset == 0 ? 1 : 0;
+    m_frame_left = static_cast<uint64_t>(rest->m_frame_len - m_iovec_offset);
     rest->tell_as(*m_frame);
     m_tail = rest;
     m_frame = rest;
     settle();
+}
+
+/// Null if there is no memory.
+CFrame* SenderRecord::copy_rest(uint32_t end) const {
+    std::unique_ptr<CFrame> rest(new (std::nothrow) CFrame);
+    const int level = m_frame->m_level;
+    if (rest == nullptr ||
+        (m_iovec_offset == 0 && !put_copy(*rest, iovec{nullptr, 0}, MEDIA_MARK_MORE, level))) {
+        return nullptr;
+    }
+    for (auto index = static_cast<uint32_t>(m_iovec_index); index < end; ++index) {
+        if (!put_copy(*rest, m_frame->m_iovec[index], m_frame->m_mark, level)) {
+            return nullptr;
+        }
+    }
+    return rest.release();
+}
+
+/// There was no memory for the rest of a frame that is half on the wire: the connection is of no use any
+/// more.
+void SenderRecord::lose_rest() {
+    leave_frame();
+    set_failed();
+    INFRA_LOG_STATIC(2, "CMediaStreamSender, no memory for the rest of a frame, sender:%p\n",
+                     static_cast<void*>(m_owner));
+    if (const long id = take_failure_waiter()) {
+        notify(id, MEDIA_MSG_SOCKET_FAILED, 0);
+    }
+}
+
+void SenderRecord::notify(long id, unsigned msg, long attach) {
+    CMessage::Tell(m_owner->GetID(), id, msg, attach);
 }
 
 void SenderRecord::forget_order() {
@@ -419,8 +465,9 @@ bool SenderRecord::has_stalled() {
 
 // Lists.
 
-void SenderRecord::come_to_list(MediaCore& list, SenderRecord* next) {
+void SenderRecord::come_to_list(MediaCore& list, SenderRecord* next, std::unique_ptr<GoneSender> reference) {
     m_owner->AddRef();
+    m_reference = std::move(reference);
     m_list = &list;
     m_leaving = false;
     m_failed = false;
@@ -429,7 +476,7 @@ void SenderRecord::come_to_list(MediaCore& list, SenderRecord* next) {
 
 void SenderRecord::leave_list() {
     m_next = nullptr;
-    m_list->let_go(*m_owner);
+    m_list->let_go(m_reference.release());
     m_list = nullptr;
     m_leaving = false;
     uncount();

@@ -93,6 +93,7 @@ struct SenderRecord : SenderHotState {
 
     /// A private copy of what was left of a frame, owned; m_frame while it is set.
     CFrame* m_tail = nullptr;
+    std::unique_ptr<GoneSender> m_reference;  ///< The list's on it, while it is on one.
     SenderRecord* m_standing_next = nullptr;
     SenderRecord** m_standing_link = nullptr;  ///< What points at it in that chain.
     long m_exception_id = 0;                   ///< No lock.
@@ -250,7 +251,8 @@ struct SenderRecord : SenderHotState {
     // Links.
 
     /// Comes to a list, at the head, `next` being the head so far.
-    void come_to_list(MediaCore& list, SenderRecord* next) INFRA_REQUIRES(CORE_MUTEX);
+    void come_to_list(MediaCore& list, SenderRecord* next, std::unique_ptr<GoneSender> reference)
+        INFRA_REQUIRES(CORE_MUTEX);
     /// Every way off the list. Where the sender stands stays with it, should it come back.
     void leave_list() INFRA_REQUIRES(CORE_MUTEX);
     void set_next(SenderRecord* next) INFRA_REQUIRES(CORE_MUTEX) { m_next = next; }
@@ -276,7 +278,7 @@ struct SenderRecord : SenderHotState {
     void drop_procedure();
     MediaSenderStats stats() INFRA_REQUIRES(CORE_MUTEX);
     /// A message from the sender.
-    void notify(long id, unsigned msg, long attach) { m_owner->Notify(id, msg, attach); }
+    void notify(long id, unsigned msg, long attach);
 
 private:
     bool change_core(const std::shared_ptr<MediaCore>& before, const std::shared_ptr<MediaCore>& after);
@@ -307,6 +309,8 @@ private:
     void relink() INFRA_REQUIRES(CORE_MUTEX);
     void drop_tail() INFRA_REQUIRES(CORE_MUTEX);
     void keep_rest(uint32_t end) INFRA_REQUIRES(CORE_MUTEX);
+    CFrame* copy_rest(uint32_t end) const INFRA_REQUIRES(CORE_MUTEX);
+    void lose_rest() INFRA_REQUIRES(CORE_MUTEX);
 };
 
 }  // namespace Orvex::Reticor

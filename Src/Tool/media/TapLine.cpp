@@ -2,9 +2,11 @@
 #include "Tool/media/TapLine.h"
 
 #include <algorithm>
+#include <new>
 #include <utility>
 #include <vector>
 
+#include <Infra/Forever.h>
 #include <Infra/HeldLocks.h>
 #include <Infra/LockClasses.h>
 #include <Infra/Mutex.h>
@@ -18,14 +20,17 @@ struct TapRegistry {
     Infra::CMutex m_mutex{Infra::LockClass::MEDIA_TAPS};
     std::vector<const CLevel2Buffer_IF*> m_taps INFRA_GUARDED_BY(m_mutex);
 
-    /// False if it was there before.
-    bool enter(const CLevel2Buffer_IF* tap) {
+    TapLine::Added enter(const CLevel2Buffer_IF* tap) {
         Infra::CGuard guard(m_mutex);
         if (std::find(m_taps.begin(), m_taps.end(), tap) != m_taps.end()) {
-            return false;
+            return {false, false, false};
         }
-        m_taps.push_back(tap);
-        return true;
+        try {
+            m_taps.push_back(tap);
+        } catch (const std::bad_alloc&) {
+            return {true, false, true};
+        }
+        return {true, false, false};
     }
     void leave(const CLevel2Buffer_IF* tap) {
         Infra::CGuard guard(m_mutex);
@@ -34,7 +39,8 @@ struct TapRegistry {
 };
 
 TapRegistry& tap_registry() {
-    static auto& registry = *new TapRegistry;
+    static Infra::Forever<TapRegistry> room;
+    static TapRegistry& registry = room.make();
     return registry;
 }
 
@@ -43,15 +49,16 @@ TapRegistry& tap_registry() {
 TapLine::Added TapLine::add(CLevel2Buffer_IF& tap) {
     for (const CLevel2Buffer_IF* entry = m_first; entry != nullptr; entry = entry->m_next) {
         if (entry == &tap) {
-            return {true, true};
+            return {true, true, false};
         }
     }
-    if (!tap_registry().enter(&tap)) {
-        return {false, false};
+    const Added added = tap_registry().enter(&tap);
+    if (!added.entered || added.no_memory) {
+        return added;
     }
     tap.m_next = m_first;
     m_first = &tap;
-    return {true, false};
+    return added;
 }
 
 void TapLine::remove(const CLevel2Buffer_IF* tap) {

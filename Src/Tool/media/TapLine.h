@@ -15,6 +15,7 @@ public:
     struct Added {
         bool entered;       ///< False: it is on another buffer's list.
         bool here_already;  ///< It was on this one before.
+        bool no_memory;     ///< It is on none.
     };
 
     TapLine() = default;

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cassert>
 #include <cstdint>
+#include <new>
 
 #include <Infra/Log.h>
 #include <Infra/Mutex.h>
@@ -73,10 +74,20 @@ void report_exception(CStreamSender& sender, StreamSenderState& state, int fd) I
 }  // namespace
 
 CStreamSender* CStreamSender::Create() {
-    return new CStreamSender;
+    auto* const sender = new (std::nothrow) CStreamSender;
+    if (sender != nullptr && sender->m_state != nullptr && sender->m_state->is_made()) {
+        return sender;
+    }
+    if (sender == nullptr || sender->GetID() != 0) {  // else the handler has told of itself
+        INFRA_LOG_STATIC(2, "CStreamSender::Create no memory!\n");
+    }
+    if (sender != nullptr) {
+        HandlerInternal::Discard(sender);
+    }
+    return nullptr;
 }
 
-CStreamSender::CStreamSender() : m_state(new StreamSenderState) {}
+CStreamSender::CStreamSender() : m_state(GetID() != 0 ? new (std::nothrow) StreamSenderState : nullptr) {}
 
 CStreamSender::~CStreamSender() {
     delete m_state;
@@ -116,15 +127,20 @@ int CStreamSender::Put(const char* buf, unsigned int len) {
     CSock* const m_stream = m_state->m_stream;
     assert(m_stream != NULL);
     const PutEnd end = m_state->put(buf, len);
-    if (end == PutEnd::FAILED) {
-        report_exception(*this, *m_state, m_stream->GetHandle());
-    } else if (end == PutEnd::BEGINS_WAIT) {
-        owner = PoolTable::FindHandler(m_state->m_owner_id);
-        if (owner) {
-            OwnerDoor::Register(*owner.get(), *m_stream, SOCK_WRITE, 0);
-        }
+    if (end == PutEnd::NO_MEMORY || end == PutEnd::LOST) {
+        INFRA_LOG(2, "%s no memory for %u bytes!\n", INFRA_FUNCTION, len);
     }
-    return end == PutEnd::FAILED || end == PutEnd::REFUSED ? -1 : 0;
+    bool failed = end == PutEnd::FAILED || end == PutEnd::LOST;
+    if (end == PutEnd::BEGINS_WAIT) {
+        owner = PoolTable::FindHandler(m_state->m_owner_id);
+        // Refused by an owner that is open, for want of memory: nobody would write what waits.
+        failed = owner && OwnerDoor::Register(*owner.get(), *m_stream, SOCK_WRITE, 0) != 0 &&
+                 HandlerInternal::Of(*owner.get()).IsOpen();
+    }
+    if (failed) {
+        report_exception(*this, *m_state, m_stream->GetHandle());
+    }
+    return end == PutEnd::TAKEN || end == PutEnd::BEGINS_WAIT ? 0 : -1;
 }
 
 int CStreamSender::SetBufferSize(unsigned int blocks) {
@@ -202,7 +218,7 @@ int CStreamSender::handle_output(int handle) {
 }
 
 int CStreamSender::handle_close(CNetHandler*) {
-    {
+    if (m_state != nullptr) {
         // Waits for a call in progress.
         Infra::CGuard guard(m_state->m_mutex);
         m_state->free_all();

@@ -10,11 +10,12 @@
 #include <Reticor/NetHandler.h>
 #include <Reticor/StreamSender.h>
 
+#include "Core/service/Message.h"
 #include "Socket/socket/SocketWriter.h"
 
 namespace Orvex::Reticor {
 
-StreamSenderState::StreamSenderState() : m_iovec(new iovec[m_buf_num + 1]) {}
+StreamSenderState::StreamSenderState() : m_iovec(new (std::nothrow) iovec[m_buf_num + 1]) {}
 
 StreamSenderState::~StreamSenderState() = default;
 
@@ -28,8 +29,10 @@ void StreamSenderState::attach(CNetHandler* owner, CSock* stream) {
 PutEnd StreamSenderState::put(const char* buf, uint32_t len) {
     if (m_data_len != 0) {
         // What came earlier goes first.
-        const bool fits = bufferSize() - m_data_len >= len;
-        return fits && put_buffer(buf, len, 0) ? PutEnd::TAKEN : PutEnd::REFUSED;
+        if (bufferSize() - m_data_len < len) {
+            return PutEnd::REFUSED;
+        }
+        return put_buffer(buf, len, 0) ? PutEnd::TAKEN : PutEnd::NO_MEMORY;
     }
     const int result = send(buf, len);
     if (result == -1) {
@@ -40,7 +43,7 @@ PutEnd StreamSenderState::put(const char* buf, uint32_t len) {
         return PutEnd::TAKEN;
     }
     if (!put_buffer(buf, len, sent)) {
-        return sent != 0 ? PutEnd::FAILED : PutEnd::REFUSED;  // The other side waits for a rest that is lost.
+        return sent != 0 ? PutEnd::LOST : PutEnd::NO_MEMORY;  // The other side waits for a rest that is lost.
     }
     return PutEnd::BEGINS_WAIT;
 }
@@ -218,20 +221,20 @@ void StreamSenderState::check_buffer_free(CStreamSender& sender) {
     const auto free = static_cast<int>(bufferSize() - m_data_len);
     for (auto& [id, size] : m_wait_size) {
         if (size > 0 && free >= size) {
-            sender.Notify(id, STREAM_SENDER_ROOM, free);
+            CMessage::Tell(sender.GetID(), id, STREAM_SENDER_ROOM, free);
             size = -1;
         }
     }
     if (m_data_len == 0) {
         for (const long id : m_wait_finish) {
-            sender.Notify(id, STREAM_SENDER_DRAINED, 0);
+            CMessage::Tell(sender.GetID(), id, STREAM_SENDER_DRAINED, 0);
         }
         m_wait_finish.clear();
     }
 }
 
 void StreamSenderState::tell_failure(CStreamSender& sender) {
-    sender.Notify(m_exception_id, STREAM_SENDER_FAILED, 0);
+    CMessage::Tell(sender.GetID(), m_exception_id, STREAM_SENDER_FAILED, 0);
 }
 
 std::pair<CSock*, int> StreamSenderState::socket() const {

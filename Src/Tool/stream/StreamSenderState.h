@@ -40,8 +40,10 @@ struct SSendBuf {
 enum class PutEnd {
     TAKEN,        ///< The socket took them, or they wait after earlier ones.
     BEGINS_WAIT,  ///< Some wait, and nothing waited before: the socket is to be watched.
-    REFUSED,      ///< Not a byte was taken: there is no room or no memory.
-    FAILED,       ///< The socket failed, or a part went out whose rest is lost.
+    REFUSED,      ///< Not a byte was taken: there is no room.
+    NO_MEMORY,    ///< The same for want of memory.
+    FAILED,       ///< The socket failed.
+    LOST,         ///< A part went out, and there was no memory for the rest.
 };
 
 /// Thread safety: the caller holds m_mutex for all but bufferSize() and socket(). Nobody but its own
@@ -73,6 +75,9 @@ struct StreamSenderState {
     /// Appends `buf` without its first `already_sent` bytes. False, and nothing was appended, if there is no
     /// memory.
     bool put_buffer(const char* buf, uint32_t len, uint32_t already_sent) INFRA_REQUIRES(m_mutex);
+
+    /// Whether there was memory for it.
+    bool is_made() const INFRA_NO_THREAD_SAFETY_ANALYSIS { return m_iovec != nullptr; }  // of the creator
 
     /// Makes m_iovec name all that waits, and returns the number of its entries.
     uint32_t gather() INFRA_REQUIRES(m_mutex);

@@ -8,6 +8,7 @@
 #include <Infra/Log.h>
 #include <Infra/Time.h>
 
+#include "Core/handle/HandlerInternal.h"
 #include "Tool/tick/NTimerInternal.h"
 
 namespace Orvex::Reticor {
@@ -27,7 +28,7 @@ CNTimer* CNTimer::Create(long long period) {
         return nullptr;
     }
     if (!internal->is_armed()) {
-        timer->Close();  // what was missing has told of itself
+        HandlerInternal::Discard(timer);  // what was missing has told of itself
         return nullptr;
     }
     return timer;

@@ -117,7 +117,7 @@ TEST_F(MediaStepOfABuffer, ReferencesAreDroppedWithTheMutexLeft) {
     }
     {
         const MediaStep step(core);
-        core->let_go(*handler);
+        core->let_go(new GoneSender{handler});
         EXPECT_EQ(0, life->closes);
     }
     EXPECT_EQ(1, life->closes);

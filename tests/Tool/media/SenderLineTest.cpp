@@ -14,7 +14,7 @@ class SenderLineOfABuffer : public MediaFixture {
 protected:
     void add(MediaClient& one) {
         const MediaStep step(core);
-        line.add(one.state());
+        line.add(one.state(), std::make_unique<GoneSender>(GoneSender{one.sender}));
     }
     void remove(MediaClient& one) {
         const MediaStep step(core);
