@@ -19,7 +19,7 @@ RETICOR_API void R3Printf(const char* format, ...) __attribute__((format(printf,
 ///
 /// `name` and `help` (one line; may be null) are kept by pointer and must outlive the box, so give literals.
 /// Result: 0; -1 if `func` or `name` is null, and, with a line logged at level 2, if the box holds 1024
-/// commands already or one of that name.
+/// commands already or one of that name, or if there is no memory.
 ///
 /// Thread safety: any thread. `R3ServerExit` empties the box; what is registered after that starts a new one.
 RETICOR_API int R3Register(void* func, const char* name, const char* help);

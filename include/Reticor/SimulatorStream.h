@@ -24,7 +24,8 @@ class CSockStream;
 /// Thread safety: a simulator has no lock; its owner serialises all use. Nothing here throws.
 class RETICOR_API CSimulatorStream : public CSock {
 public:
-    /// No real socket, and a bandwidth of 0: until SetBandWidth every Send gives 0.
+    /// No real socket, and a bandwidth of 0: until SetBandWidth every Send gives 0. Without memory there is a
+    /// line at level 2, and it stays so.
     CSimulatorStream();
     /// The real socket is left open.
     ~CSimulatorStream() override;

@@ -46,7 +46,8 @@ public:
     int Accept(CSockStream& stream, CSockAddr* remote);
 
     /// The same with a new stream, non-blocking whatever the acceptor's mode. The caller owns the stream and
-    /// deletes it. Null where the other form gives -1.
+    /// deletes it. Null where the other form gives -1, and, with a line at level 2, without memory: the
+    /// connection waits on.
     CSockStream* Accept(CSockAddr* remote);
 };
 

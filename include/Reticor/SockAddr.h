@@ -22,8 +22,8 @@ enum SockAddrType : uint32_t {
 /// Thread safety: an address has no lock. Any number of threads may read it, but nobody may read it while
 /// another thread writes it.
 ///
-/// Nothing here throws. An address whose record could not be allocated stays empty: its setters return -1,
-/// its getters null or 0, and it is not valid.
+/// Nothing here throws. An address whose record could not be allocated stays empty, with a line at level 2:
+/// its setters return -1, its getters null or 0, and it is not valid.
 class RETICOR_API CSockAddr {
 public:
     CSockAddr();

@@ -31,6 +31,7 @@ class CSockAddr;
 /// -1 and log the system's text for EBADF, unless it is noted otherwise.
 class RETICOR_API CSockDgram : public CSock {
 public:
+    /// Without memory there is a line at level 2, and Open gives -1.
     CSockDgram();
     ~CSockDgram() override;
 

@@ -69,6 +69,8 @@ TFuncBox* acquireFuncBox() {
     }
     if (g_r3_funcbox != nullptr) {
         g_r3_funcbox->AddRef();
+    } else {
+        INFRA_LOG_STATIC(2, "no memory for the commands of the debug server\n");
     }
     return g_r3_funcbox;
 }

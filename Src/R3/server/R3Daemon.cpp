@@ -11,6 +11,8 @@
 #include <Reticor/SockAddrIPv4.h>
 #include <Reticor/SockStream.h>
 
+#include "Core/handle/HandlerInternal.h"
+
 namespace Orvex::Reticor {
 
 namespace {
@@ -38,8 +40,8 @@ unsigned short open_port(CSockAcceptor& acceptor, unsigned short port) {
 
 CR3Daemon* CR3Daemon::Create(bool local_only) {
     auto* daemon = new (std::nothrow) CR3Daemon(local_only);
-    if (daemon != nullptr && daemon->m_name == nullptr) {
-        daemon->Close();
+    if (daemon != nullptr && (daemon->m_name == nullptr || daemon->GetID() == 0)) {
+        HandlerInternal::Discard(daemon);
         return nullptr;
     }
     return daemon;
@@ -69,8 +71,7 @@ int CR3Daemon::Init(unsigned short port, const char* name) {
         return -1;
     }
     std::strncpy(m_name, name != nullptr ? name : "R3", NAME_LIMIT);
-    RegisterSock(m_acceptor, SOCK_READ, 0);
-    return 0;
+    return RegisterSock(m_acceptor, SOCK_READ, 0);
 }
 
 int CR3Daemon::Register(void* func, const char* name, const char* help) {
@@ -108,8 +109,9 @@ int CR3Daemon::handle_input(int) {
 
 // A connection that cannot be accepted keeps the acceptor ready, and would keep a worker busy.
 void CR3Daemon::rest() {
-    UnregisterSock(m_acceptor, SOCK_READ);
-    SetTimer(REST_US);
+    if (SetTimer(REST_US) != -1) {
+        UnregisterSock(m_acceptor, SOCK_READ);
+    }
 }
 
 int64_t CR3Daemon::handle_timeout(long) {

@@ -8,9 +8,11 @@
 #include <new>
 #include <utility>
 
+#include <Infra/Log.h>
 #include <Reticor/SockStream.h>
 #include <Reticor/StreamSender.h>
 
+#include "Core/handle/HandlerInternal.h"
 #include "R3/print/FuncBox.h"
 #include "R3/server/CommandLine.h"
 #include "R3/server/TelnetInput.h"
@@ -73,7 +75,12 @@ struct CR3TelnetSession::Echo final : CTelnetEcho_IF {
 };
 
 CR3TelnetSession* CR3TelnetSession::Create() {
-    return new (std::nothrow) CR3TelnetSession;
+    auto* const session = new (std::nothrow) CR3TelnetSession;
+    if (session == nullptr || session->GetID() != 0) {
+        return session;
+    }
+    HandlerInternal::Discard(session);
+    return nullptr;
 }
 
 // ---- a client comes and goes -----------------------------------------------------------------------------
@@ -84,6 +91,7 @@ void CR3TelnetSession::Start(CSockStream* sock, CR3Owner_IF* daemon) {
     detach();
     m_connection = new (std::nothrow) R3Connection;
     if (m_connection == nullptr) {
+        INFRA_LOG(2, "R3 telnet, no memory for a client\n");
         delete sock;
         return;
     }

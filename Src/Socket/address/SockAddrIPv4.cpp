@@ -24,6 +24,8 @@ constexpr unsigned SHORTEST_TEXT = 7;
 CSockAddrIPv4::CSockAddrIPv4() : CSockAddr(SOCKADDR_TYPE_IPV4), m_addrin(new (std::nothrow) sockaddr_in()) {
     if (m_addrin) {
         m_addrin->sin_family = AF_INET;
+    } else {
+        INFRA_LOG(2, "no memory for an address!\n");
     }
 }
 

@@ -47,6 +47,8 @@ bool resolve(const char* host, sockaddr_in6& record) {
 CSockAddrIPv6::CSockAddrIPv6() : CSockAddr(SOCKADDR_TYPE_IPV6), m_addr(new (std::nothrow) sockaddr_in6()) {
     if (m_addr) {
         clear(*m_addr);
+    } else {
+        INFRA_LOG(2, "no memory for an address!\n");
     }
 }
 

@@ -32,7 +32,11 @@ struct CSockAddrStorage::Record {
 };
 
 CSockAddrStorage::CSockAddrStorage()
-    : CSockAddr(SOCKADDR_TYPE_STORAGE), m_storage(new (std::nothrow) Record()) {}
+    : CSockAddr(SOCKADDR_TYPE_STORAGE), m_storage(new (std::nothrow) Record()) {
+    if (!m_storage) {
+        INFRA_LOG(2, "no memory for an address!\n");
+    }
+}
 
 CSockAddrStorage::CSockAddrStorage(const char* ip, unsigned short port) : CSockAddrStorage() {
     SetAddr(ip, port);

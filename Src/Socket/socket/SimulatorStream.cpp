@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <new>
 
+#include <Infra/Log.h>
 #include <Infra/Time.h>
 #include <Reticor/SockStream.h>
 
@@ -25,8 +26,11 @@ struct CSimulatorStream::Record {
     CSockStream* m_real = nullptr;  // not owned
 };
 
-CSimulatorStream::CSimulatorStream()
-    : CSock(-1, SOCK_TYPE_SIMULATOR), m_record(new (std::nothrow) Record()) {}
+CSimulatorStream::CSimulatorStream() : CSock(-1, SOCK_TYPE_SIMULATOR), m_record(new (std::nothrow) Record()) {
+    if (!m_record) {
+        INFRA_LOG(2, "no memory for a socket!\n");
+    }
+}
 
 CSimulatorStream::~CSimulatorStream() {
     m_handle = -1;  // It is the real socket's, which closes it.

@@ -95,6 +95,9 @@ CSockStream* CSockAcceptor::Accept(CSockAddr* remote) {
         return stream.release();
     }
     const int error = errno;
+    if (!stream) {
+        INFRA_LOG(2, "no memory for a socket!\n");
+    }
     stream.reset();
     errno = error;
     return nullptr;

@@ -87,7 +87,11 @@ struct CSockDgram::Record {
     bool m_is_ipv4 = true;  ///< Family of the socket.
 };
 
-CSockDgram::CSockDgram() : CSock(-1, SOCK_TYPE_DGRAM), m_record(new (std::nothrow) Record()) {}
+CSockDgram::CSockDgram() : CSock(-1, SOCK_TYPE_DGRAM), m_record(new (std::nothrow) Record()) {
+    if (!m_record) {
+        INFRA_LOG(2, "no memory for a socket!\n");
+    }
+}
 
 CSockDgram::~CSockDgram() = default;
 
