@@ -50,7 +50,7 @@ private:
         uint32_t left_out = 0;  // In this second, not yet said.
         uint64_t second_us = 0;
     };
-    // A place is looked for in a few neighbours; with all of them busy its lines are not limited.
+    /// A place is looked for in a few neighbours; with all of them busy its lines are not limited.
     static constexpr size_t PLACES = 128;
     static constexpr size_t NEIGHBOURS = 8;
 

@@ -64,8 +64,8 @@ public:
     /// Logs every registered socket whose handler is open, at level 4. Result: how many. In WorkerLoop.cpp.
     int TraversalSock();
 
-    // Push on the main queue, for a worker that sleeps there or waits for sockets. The caller keeps the pool
-    // alive.
+    /// Push on the main queue, for a worker that sleeps there or waits for sockets. The caller keeps the pool
+    /// alive.
     void Push(CEvent* ev);
     void PushFront(CEvent* ev);
 
@@ -124,7 +124,7 @@ private:
     void DaemonProc(Infra::CThreadLite& thread);
     CEvent* next_serial();
 
-    // In WorkerLoop.cpp.
+    /// In WorkerLoop.cpp.
     void serve(CEvent* ev, Infra::CThreadLite& thread);
     void drain(Infra::CThreadLite& thread);
     void unexpected(CEvent* ev);

@@ -11,12 +11,12 @@
 
 namespace Orvex::Reticor {
 
-// m_event_mask: what the owner asked for, SOCK_READ and its fellows. Not the same bits as in m_revents.
+/// m_event_mask: what the owner asked for, SOCK_READ and its fellows. Not the same bits as in m_revents.
 constexpr uint32_t SOCK_DIRECTIONS = SOCK_READ | SOCK_WRITE | SOCK_EXCEPT;
 constexpr uint32_t SOCK_REMOVED = 32;  ///< The record dies when its worker has finished.
 
-// m_revents: what is to be delivered. Written under the record's mutex, read by the worker that serves the
-// record without it, afresh at each test: a removal meanwhile must stop the calls that have not been made.
+/// m_revents: what is to be delivered. Written under the record's mutex, read by the worker that serves the
+/// record without it, afresh at each test: a removal meanwhile must stop the calls that have not been made.
 constexpr int16_t REVENT_READ = 1;
 constexpr int16_t REVENT_WRITE = 4;
 constexpr int16_t REVENT_EXCEPT = 8;
@@ -24,8 +24,8 @@ constexpr int16_t REVENT_READ_TIMEOUT = 256;
 constexpr int16_t REVENT_WRITE_TIMEOUT = 512;
 constexpr int16_t REVENT_REMOVED = 1024;
 
-// m_mux_state, under the record's mutex. The directions of the two first groups are SOCK_READ, SOCK_WRITE and
-// SOCK_EXCEPT, shifted.
+/// m_mux_state, under the record's mutex. The directions of the two first groups are SOCK_READ, SOCK_WRITE and
+/// SOCK_EXCEPT, shifted.
 constexpr unsigned int MUX_BOOK_SHIFT = 0;   ///< In which of the pool's sets the socket has a place.
 constexpr unsigned int MUX_ARMED_SHIFT = 3;  ///< What the kernel was told to watch.
 constexpr unsigned int MUX_FORM_SHIFT = 6;   ///< A MuxForm, three bits.

@@ -26,9 +26,9 @@ public:
     /// `progress` moves with every record that the pool takes; it tells the guard whether the pool is idle.
     explicit CWorkQueue(const std::atomic<uint64_t>& progress) : m_progress(progress) {}
 
-    // As in CEventQueue. True if fewer sleep here than there are new records, and the poller waits for
-    // sockets: the caller ends that wait, so that the poller takes one of them. It is told once for each
-    // wait.
+    /// As in CEventQueue. True if fewer sleep here than there are new records, and the poller waits for
+    /// sockets: the caller ends that wait, so that the poller takes one of them. It is told once for each
+    /// wait.
     bool Push(CEvent* ev);
     bool PushOne(CEvent* ev);
     bool PushFront(CEvent* ev);

@@ -48,7 +48,7 @@ private:
                                   int time_out);
     static void modify_exist_event(CThreadPool& pool, CNetHandler* handler, RecordPin event,
                                    unsigned int type, int time_out);
-    // These three set `missing_owner` to the id of an owner that was not found.
+    /// These three set `missing_owner` to the id of an owner that was not found.
     static int handle_net(CEvent* event, int64_t& missing_owner);
     static int handle_timeout(CEvent* event, int64_t& missing_owner);
     static int deliver(CEvent* event, int64_t& missing_owner);

@@ -17,7 +17,7 @@ inline uint32_t kernelBits(uint32_t directions) {
            (directions & SOCK_EXCEPT ? uint32_t{EPOLLPRI} : 0);
 }
 
-// How the kernel's bits are the three directions, as select(2) has it.
+/// How the kernel's bits are the three directions, as select(2) has it.
 constexpr uint32_t READ_REPORTS = EPOLLIN | EPOLLHUP | EPOLLERR;
 constexpr uint32_t WRITE_REPORTS = EPOLLOUT | EPOLLERR;
 
