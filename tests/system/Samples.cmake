@@ -1,6 +1,6 @@
 # The C++ blocks of the documents become sources: those of docs/guide.md are included by GuideTest.cpp, those of
-# docs/media.md by MediaGuideTest.cpp, the one of README.md is the program readme_program. Included by
-# tests/CMakeLists.txt.
+# docs/media.md by MediaGuideTest.cpp, the one of README.md is the program readme_program, those of docs/coming-from.md
+# are the program coming_from_program. Included by tests/CMakeLists.txt.
 set(samples_dir ${PROJECT_BINARY_DIR}/samples)
 file(MAKE_DIRECTORY ${samples_dir})
 
@@ -19,9 +19,14 @@ add_custom_target(guide_samples DEPENDS ${samples_dir}/guide.inc ${samples_dir}/
 add_dependencies(tests_system guide_samples)
 target_include_directories(tests_system PRIVATE ${samples_dir})
 
-reticor_samples(README.md readme_program.cpp)
-add_executable(readme_program ${samples_dir}/readme_program.cpp)
-reticor_program(readme_program)
-target_link_libraries(readme_program PRIVATE Orvex::Reticor)
-set_target_properties(readme_program PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${samples_dir})
-add_dependencies(tests_system readme_program)
+foreach(page README.md:readme_program docs/coming-from.md:coming_from_program)
+  string(REPLACE ":" ";" page ${page})
+  list(GET page 0 document)
+  list(GET page 1 program)
+  reticor_samples(${document} ${program}.cpp)
+  add_executable(${program} ${samples_dir}/${program}.cpp)
+  reticor_program(${program})
+  target_link_libraries(${program} PRIVATE Orvex::Reticor)
+  set_target_properties(${program} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${samples_dir})
+  add_dependencies(tests_system ${program})
+endforeach()
