@@ -11,6 +11,7 @@
 #include <Reticor/NTimer.h>
 #include <Reticor/NetHandler.h>
 #include <Reticor/NetThread.h>
+#include <Reticor/PoolSet.h>
 #include <Reticor/PosixStorDev.h>
 #include <Reticor/R3.h>
 #include <Reticor/SimulatorStream.h>

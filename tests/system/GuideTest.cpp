@@ -214,6 +214,37 @@ TEST_F(Guide, HandlersRunOnAPrivatePool) {
     EXPECT_EQ(0, result);
 }
 
+TEST_F(Guide, ResidentsAnswerOnSeveralPools) {
+    CPoolSet pools;
+    ASSERT_EQ(0, pools.Create(2, 2));
+    const int room = pools.GetRoom(SOCK_READ);
+    CSockAcceptor acceptor;
+    acceptor.SetBlockOpt(true);
+    ASSERT_EQ(0, acceptor.Open(CSockAddrIPv4("127.0.0.1", 0)));
+    CSockAddrIPv4 local;
+    ASSERT_EQ(0, acceptor.GetLocalAddr(&local));
+    std::list<TcpClient> clients;
+    for (int i = 0; i < 4; ++i) {
+        clients.emplace_back(local.GetPort());
+        CSockStream peer;
+        ASSERT_EQ(0, acceptor.Accept(peer, nullptr));
+        peer.SetBlockOpt(false);
+        EXPECT_TRUE(Resident::Create(m_gone, pools, peer));
+    }
+    EXPECT_EQ(room - 4, pools.GetRoom(SOCK_READ));
+    for (TcpClient& client : clients) {
+        EXPECT_TRUE(client.echoes("who is there?"));
+    }
+    clients.clear();
+    for (int i = 0; i < 4; ++i) {
+        m_gone.pend();
+    }
+    EXPECT_EQ(room, pools.GetRoom(SOCK_READ));
+    EXPECT_EQ(0, pools.Destroy());
+    CSockStream nobody;
+    EXPECT_FALSE(Resident::Create(m_gone, pools, nobody));
+}
+
 TEST_F(Guide, SinkCountsErrors) {
     ErrorCount count;
     EXPECT_EQ(-1, CNetThread::DestroyPrivatePool(63));  // none there: one line at level 2

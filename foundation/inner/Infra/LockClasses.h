@@ -60,6 +60,7 @@
     X(TS_POOL, "MemTables::sm_pool_mutex", "memory that threads have left") \
     X(THREAD_LIFE, "CThread::m_life_mutex", \
       "one start or end of a thread at a time; held while it is joined") \
+    X(POOL_SET, "State::m_mutex of CPoolSet", "what is reserved in each of its pools") \
     X(COMPONENTS, "g_mutex of ComponentRegistry", "the components on offer") \
     X(LOG, "m_mutex of DefaultSink", "lines on their way to standard error")
 // clang-format on
