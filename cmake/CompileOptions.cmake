@@ -67,10 +67,20 @@ function(reticor_library_objects name)
     POSITION_INDEPENDENT_CODE ON)
 endfunction()
 
-# A program of ours (test, example, benchmark).
+# A program of ours (test, benchmark).
 function(reticor_program name)
   target_link_libraries(${name} PRIVATE reticor_options Threads::Threads)
   set_target_properties(${name} PROPERTIES CXX_EXTENSIONS OFF)
+endfunction()
+
+# A program for users, which reads foreign bytes (example, tool): hardened as the libraries are, all of it with canaries,
+# since its own work is small beside theirs. Position-independent by these words and not by the property, which would give
+# precompiled headers, an object library, other ones.
+function(reticor_hardened_program name)
+  reticor_program(${name})
+  target_link_libraries(${name} PRIVATE reticor_hardening reticor_guards)
+  target_compile_options(${name} PRIVATE -fPIE)
+  target_link_options(${name} PRIVATE -pie -Wl,-z,relro,-z,now)
 endfunction()
 
 # Where tests are precompiled so is what makes programs slow to compile, once for all of them. Sanitizers look at what
@@ -87,7 +97,7 @@ function(reticor_precompiled_program name)
       file(WRITE ${PROJECT_BINARY_DIR}/generated/program_pch.cpp "")
     endif()
     add_library(reticor_program_pch OBJECT ${PROJECT_BINARY_DIR}/generated/program_pch.cpp)
-    reticor_program(reticor_program_pch)
+    reticor_hardened_program(reticor_program_pch)
     if(RETICOR_SANITIZE)
       target_compile_options(reticor_program_pch PRIVATE -O0)
     endif()
