@@ -207,6 +207,26 @@ TEST(EchoServer, LetsNoAddressTakeMoreThanItsShare) {
     EXPECT_EQ(0, server.end());
 }
 
+// In the order in which they came: nobody who is let in is served before the one ahead of it was closed.
+TEST(EchoServer, ClosesWhoeverIsTooManyBeforeItServesTheNextClient) {
+    ServerProgram server("echo_server", {"--max-per-address", "1"});
+    TcpClient first(server.port());
+    EXPECT_TRUE(first.echoes("the only one"));
+    for (int i = 2; i < 52; ++i) {
+        TcpClient excess(server.port());
+        ASSERT_TRUE(excess.isConnected());
+        TcpClient next(server.port(), "127.0.0.1", 0, "127.0.0." + std::to_string(i));
+        EXPECT_TRUE(next.echoes("from elsewhere"));
+        // The end is on its way; the system may be slower with it than with another socket's bytes.
+        for (int trips = 0; trips < 20 && !excess.isClosed(); ++trips) {
+            EXPECT_TRUE(next.echoes("still there?"));
+        }
+        EXPECT_TRUE(excess.isClosed()) << "number " << i;
+    }
+    EXPECT_TRUE(first.echoes("still here"));
+    EXPECT_EQ(0, server.end());
+}
+
 // At least, as often as a second has passed.
 TEST(EchoServer, TellsOnceASecondWhomItHasTurnedAway) {
     ChildProcess server(
@@ -248,12 +268,15 @@ TEST(EchoServer, ClosesWhoeverItHasNoDescriptorFor) {
         clients.emplace_back(server.port());
         ASSERT_TRUE(clients.back().echoes("number " + std::to_string(i)));
     }
+    const StopWatch watch;
     for (size_t i = places; i < kConnections; ++i) {
         TcpClient late(server.port());
         ASSERT_TRUE(late.isConnected()) << "the system completes connections without the server";
         EXPECT_EQ("", late.receiveAll());
         EXPECT_TRUE(late.wasClosed()) << "connection " << i;
     }
+    // Each at once: a tenth of a second on the average is a busy machine.
+    EXPECT_LT(watch.elapsed_ms(), static_cast<long>(kConnections - places) * scaledMs(100));
     for (TcpClient& client : clients) {
         EXPECT_TRUE(client.echoes("served while others are turned away"));
     }
