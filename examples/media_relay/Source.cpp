@@ -29,7 +29,9 @@ int Source::handle_message(long, unsigned int msg, long) {
 
 void Source::start(double speed) {
     m_speed = static_cast<float>(speed);
-    StartReceive(0, m_speed);
+    if (StartReceive(0, m_speed) != 0) {
+        end("the input cannot be played, its receiver was not started");
+    }
 }
 
 void Source::restartClock() {

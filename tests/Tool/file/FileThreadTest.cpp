@@ -226,9 +226,10 @@ TEST_F(NotifyIOStart, WhatWasPostedBeforeTheWorkersIsDeliveredOnceEachInOrder) {
         post(i);
     }
     {
-        LogCapture quiet;
+        const LogCapture log;
         Testing::ThreadFault one_worker(1);
         ASSERT_EQ(0, StartFileThreads(1));
+        EXPECT_EQ(1u, log.count(2, "Only 1 of 2 file threads could be started!\n")) << log.dump();
     }
     EXPECT_EVENTUALLY(life->messages == 5);
     post(5);

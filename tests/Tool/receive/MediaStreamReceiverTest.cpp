@@ -172,7 +172,7 @@ TEST_F(MediaStreamReceiver, DoubleStartIsLoggedAndStillSetsTheClockAnew) {
     TestReceiver* const receiver = startPaced(20000);
     tick();
     const LogCapture log;
-    receiver->StartReceive(7000, 1.0F);
+    EXPECT_EQ(-1, receiver->StartReceive(7000, 1.0F));
     EXPECT_EQ(
         1u, log.count(
                 2, "Orvex::Reticor::CMediaStreamReceiver::StartReceive : this receiver already started!\n"));
@@ -201,7 +201,7 @@ TEST_F(MediaStreamReceiver, StopOfOneThatDoesNotRunIsLogged) {
 TEST_F(MediaStreamReceiver, WhileTheLibraryIsDownNoThreadCanBeStarted) {
     auto* const receiver = new TestReceiver;
     const LogCapture log;
-    receiver->StartReceive(0, 1.0F);
+    EXPECT_EQ(-1, receiver->StartReceive(0, 1.0F));
     EXPECT_EQ(1u,
               log.count(2, "Orvex::Reticor::CMediaStreamReceiver::StartReceive : Thread start failed.\n"));
     EXPECT_EQ(1, ReceiverProbe::state(*receiver)) << "it can be started again";

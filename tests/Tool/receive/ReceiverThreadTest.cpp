@@ -308,13 +308,13 @@ TEST_F(ReceiverThreads, ThreadThatCannotBeStartedForgetsTheReceiverWhichMayTryAg
     {
         const LogCapture log;
         const ThreadFault fault;
-        receiver->StartReceive(0, 1.0F);
+        EXPECT_EQ(-1, receiver->StartReceive(0, 1.0F));
         EXPECT_EQ(1u,
                   log.count(2, "Orvex::Reticor::CMediaStreamReceiver::StartReceive : Thread start failed.\n"))
             << log.dump();
         EXPECT_EQ(1, ReceiverProbe::state(*receiver));
     }
-    receiver->StartReceive(0, 1.0F);
+    EXPECT_EQ(0, receiver->StartReceive(0, 1.0F));
     EXPECT_EVENTUALLY(receiver->life->inputs >= 2);
     end({receiver});
 }
