@@ -41,8 +41,8 @@ inline int futex_wake(std::atomic<uint32_t>& word, int count = INT_MAX) noexcept
     return woken > 0 ? static_cast<int>(woken) : 0;
 }
 
-/// The point of CLOCK_MONOTONIC that lies `us` microseconds ahead. False if it lies beyond what a timespec can
-/// say in practice; such a wait needs no deadline.
+/// The point of CLOCK_MONOTONIC that lies `us` microseconds ahead. False if it lies beyond what a timespec
+/// can say in practice; such a wait needs no deadline.
 inline bool deadline_after(uint64_t us, timespec& deadline) noexcept {
     constexpr uint64_t US_PER_SECOND = 1000000;
     constexpr uint64_t TOO_FAR_SECONDS = uint64_t{1} << 31;

@@ -24,8 +24,8 @@ constexpr int16_t REVENT_READ_TIMEOUT = 256;
 constexpr int16_t REVENT_WRITE_TIMEOUT = 512;
 constexpr int16_t REVENT_REMOVED = 1024;
 
-/// m_mux_state, under the record's mutex. The directions of the two first groups are SOCK_READ, SOCK_WRITE and
-/// SOCK_EXCEPT, shifted.
+/// m_mux_state, under the record's mutex. The directions of the two first groups are SOCK_READ, SOCK_WRITE
+/// and SOCK_EXCEPT, shifted.
 constexpr unsigned int MUX_BOOK_SHIFT = 0;   ///< In which of the pool's sets the socket has a place.
 constexpr unsigned int MUX_ARMED_SHIFT = 3;  ///< What the kernel was told to watch.
 constexpr unsigned int MUX_FORM_SHIFT = 6;   ///< A MuxForm, three bits.
