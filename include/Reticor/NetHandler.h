@@ -36,6 +36,9 @@ constexpr unsigned int SOCK_EXCEPT = 4;  ///< Out-of-band data.
 /// end normally; armed timers are given back when they expire, without a call; registered sockets stay in the
 /// pool until they are removed, so remove them in or before `Close`.
 ///
+/// A handler that is still open when its pool ends is never released: its later `Close` finds no worker that
+/// could take the close message. Close every handler before its pool is destroyed.
+///
 /// Thread safety: every operation can be called from any thread, also from inside a `handle_*` call, as long
 /// as the caller knows the object alive (it is inside one of its calls, or holds a reference), also while the
 /// object's pool ends or after that: registrations and timers then give -1, messages are dropped. `handle_*`
@@ -120,8 +123,9 @@ public:
     void DecSock();
 
     /// The object's id: negative, and 0 only without memory for the object; unique among what is open. Safe
-    /// to keep for any time: an id of a closed handler finds nothing, also when its pool has ended and
-    /// another one has come in its place.
+    /// to keep: an id of a closed handler finds nothing, also when its pool has ended and another one has come
+    /// in its place. The same number comes again in a pool after a quarter of a million handlers at the
+    /// earliest.
     long GetID();
 
     /// The receiver of the short `Notify`, `NotifySerial` and `NotifyIO` forms. 0, as it is at the start, is
@@ -157,7 +161,8 @@ protected:
     int RemoveSock(CSock& sock);
 
     /// Arms a timer: `handle_timeout` after `us` microseconds, 3000 at least and 24 hours at most, with a
-    /// resolution of about 5 ms. What repeats it is the result of `handle_timeout`. Result: the timer's id,
+    /// resolution of about 5 ms. More than that, and a negative number, become 24 hours, with a line at
+    /// level 2. What repeats it is the result of `handle_timeout`. Result: the timer's id,
     /// or -1 if this handler is closed, or there is no memory; the latter with a line at level 2.
     long SetTimer(int64_t us);
 
