@@ -4,9 +4,12 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+#include <thread>
 #include <vector>
 
 #include "Core/record/EventFreeList.h"
+#include "support/KernelThread.h"
 #include "support/memory/MemoryFault.h"
 
 namespace Orvex::Testing {
@@ -38,6 +41,12 @@ public:
 private:
     std::vector<Reticor::CEvent*> m_taken;
 };
+
+// Threads of this process before any of the library's: a sanitizer starts one of its own with the first.
+inline int threadsAtRest() {
+    std::thread([] {}).join();
+    return kernelThreadCount();
+}
 
 // What came of the call of an operation.
 struct Swept {
