@@ -123,8 +123,8 @@ public:
     void DecSock();
 
     /// The object's id: negative, and 0 only without memory for the object; unique among what is open. Safe
-    /// to keep: an id of a closed handler finds nothing, also when its pool has ended and another one has come
-    /// in its place. The same number comes again in a pool after a quarter of a million handlers at the
+    /// to keep: an id of a closed handler finds nothing, also when its pool has ended and another one has
+    /// come in its place. The same number comes again in a pool after a quarter of a million handlers at the
     /// earliest.
     long GetID();
 
