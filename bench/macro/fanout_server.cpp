@@ -252,7 +252,7 @@ public:
         self->m_sender = CMediaStreamSender::Create();
         self->m_sender->Attach(&self->m_stream);
         self->m_sender->WaitException(self->GetID());
-        self->m_sender->SetResumePolicy(options.maxLagMs);
+        self->m_sender->SetResumePolicy(options.maxLagMs, MediaResume::STRICT);
         self->AddRef();  // it may end before this returns
         if (delivery.enter(self)) {
             delivery.buffer().AddSender(self->m_sender);

@@ -72,8 +72,14 @@ void addClients(CLI::App& app, Options& options) {
         ->capture_default_str();
     app.add_option(
            "--max-lag", options.maxLag_ms,
-           "ms that a slow client may be late, before it goes on at a fresh key frame; 0 is no limit but "
-           "the buffer's own")
+           "ms that a slow client may be late, before it steps ahead to the newest key frame; 0 is no limit "
+           "but the buffer's own")
+        ->check(CLI::Range(0, 3600000))
+        ->capture_default_str();
+    app.add_flag("--strict-lag", options.strictLag,
+                 "a client above --max-lag waits for a key frame that is not late");
+    app.add_option("--hard-lag", options.hardLag_ms,
+                   "ms above which a client waits for a key frame, late or not; 0 is no such bound")
         ->check(CLI::Range(0, 3600000))
         ->capture_default_str();
     app.add_option("--request-timeout", options.requestTimeout_s, "s for a request to come in whole")

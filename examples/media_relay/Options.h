@@ -16,6 +16,8 @@ struct Options {
     unsigned maxPerAddress = 1024;  // connections of one address, 0 is no limit
     unsigned stallTimeout_s = 10;
     unsigned maxLag_ms = 1000;  // 0: a slow client gets what is left of the buffer
+    unsigned hardLag_ms = 0;    // 0: none
+    bool strictLag = false;
     unsigned requestTimeout_s = 10;
     unsigned sendBuffer = 131072;  // bytes of the kernel's, per client
     std::string multicastIp;       // empty: no multicast

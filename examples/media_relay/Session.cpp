@@ -149,7 +149,8 @@ void Session::watch() {
     sender->Attach(&m_sock);
     sender->WaitException(GetID());
     sender->SetSendTimeout(options.stallTimeout_s);
-    sender->SetResumePolicy(options.maxLag_ms);
+    sender->SetResumePolicy(options.maxLag_ms, options.strictLag ? MediaResume::STRICT : MediaResume::AHEAD,
+                            options.hardLag_ms);
     m_sock.SetSockSendBuf(options.sendBuffer);
     m_sock.SetSockNoDelay(true);
     if (!m_relay.stream().join(client, options.maxClients)) {

@@ -26,6 +26,10 @@ struct MediaBufferStats {
     /// Frames that cannot grow too old though no sender stands on them.
     std::uint32_t pinned_frames = 0;
     std::uint64_t pinned_bytes = 0;
+    /// Frames that wait for senders that step ahead when they are late (CMediaStreamSender::SetResumePolicy),
+    /// those held for all senders among them.
+    std::uint32_t kept_frames = 0;
+    std::uint64_t kept_bytes = 0;
 };
 
 /// Stands between one producer and its CMediaStreamSenders. The producer hands in packets; the buffer groups
@@ -38,6 +42,10 @@ struct MediaBufferStats {
 ///
 /// Age counts in ticks: one for each complete frame and one for each do_send between frames, while senders
 /// are attached. A frame of level L that no sender stands on goes when it is (11 - L) * 10 ticks old.
+///
+/// A sender that steps ahead when it is late has frames kept for it, in the same memory: to the list above it
+/// is one that has always caught up, and a frame that has left the list waits on until that sender is past it
+/// or it is too old (SetKeepLimits). Then only its Release comes later.
 ///
 /// Thread safety: every operation may be called from any thread. All work of a buffer, the writes to all its
 /// sockets included, is done under one lock, for which other callers wait.
@@ -111,6 +119,16 @@ public:
     void EnableAutoSend(unsigned long long interval);
     /// Takes the buffer off the timer, which does not touch it any more when the call returns.
     void DisableAutoSend();
+
+    /// Declares frames of this level, 1 to 10, and above disposable: a frame of such a level is referred to
+    /// by frames of higher levels only, and a key frame is never one. A sender that steps ahead leaves them
+    /// out first. From the next frame on; 0, as at the start: none is disposable.
+    void SetDisposableLevel(int level);
+
+    /// How long frames wait for senders that step ahead, in milliseconds, and how many bytes of them, 10000
+    /// and 64 MiB at the start. Beyond that they go, the oldest first; a frame that is half on the wire of a
+    /// sender stays. A sender that is that late waits for the next key frame.
+    void SetKeepLimits(unsigned keep_ms, unsigned long long most_bytes);
 
     /// Frames that some sender may still want, as of the last frame or tick. Takes no lock.
     int GetBufferNum();

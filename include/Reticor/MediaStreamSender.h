@@ -17,6 +17,12 @@ struct SenderRecord;
 /// The message that CMediaStreamSender posts when its socket has failed or stalled.
 constexpr unsigned int MEDIA_MSG_SOCKET_FAILED = 2;
 
+/// What a sender with a resume policy does when it is late.
+enum class MediaResume {
+    AHEAD,   ///< Steps ahead to the newest key frame of the channel that is there; without one it goes on.
+    STRICT,  ///< Begins nothing above the limit, and waits for a key frame below it.
+};
+
 /// What has become of one client. Counters only rise, from Create on.
 struct MediaSenderStats {
     std::uint64_t frames = 0;  ///< Frames delivered whole.
@@ -36,6 +42,10 @@ struct MediaSenderStats {
     std::uint64_t skips = 0;
     std::uint64_t skipped_frames = 0;
     std::uint64_t skipped_bytes = 0;
+    /// Disposable frames that were left out, and how many times that began anew.
+    std::uint64_t thinnings = 0;
+    std::uint64_t thinned_frames = 0;
+    std::uint64_t thinned_bytes = 0;
     bool joined = false;  ///< It has a place in the stream.
     bool listed = false;  ///< It is on a buffer's list.
 };
@@ -44,10 +54,11 @@ struct MediaSenderStats {
 struct MediaSkip {
     std::uint64_t frames;  ///< Frames that the client did not get, up to 2^23 - 1.
     std::uint64_t bytes;   ///< Their bytes, up to 2^40 - 1.
+    bool thinned;          ///< They were disposable and left out here and there, and the picture went on.
 
     static constexpr MediaSkip of(long attach) {
-        return {static_cast<std::uint64_t>(attach) >> 40,
-                static_cast<std::uint64_t>(attach) & 0xFFFFFFFFFFULL};
+        return {static_cast<std::uint64_t>(attach) >> 40 & 0x7FFFFFULL,
+                static_cast<std::uint64_t>(attach) & 0xFFFFFFFFFFULL, attach < 0};
     }
 };
 
@@ -128,15 +139,32 @@ public:
     /// nobody. Reported once; call again for another report.
     void WaitException(long id);
 
-    /// Lets a client that is slow see a whole picture: at the beginning of a frame, one that is older than
-    /// `max_lag_ms` or that does not follow the last one on its channel makes the sender step ahead to the
-    /// next key frame of that channel that is not too old. The client joins at a complete key frame only, and
-    /// leaves no slack in the buffer. 0, as at the start, is off: frames go out until they are too old for
-    /// their level, gaps or not.
-    void SetResumePolicy(unsigned max_lag_ms);
+    /// Lets a client that is slow see whole pictures. At the beginning of a frame that is older than
+    /// `max_lag_ms` it steps ahead: over all frames up to the newest key frame of that channel that is in the
+    /// buffer, however old that is. If there is none it goes on, late. After a gap it waits for a key frame.
+    /// Frames wait for it by time and not by ticks (CMediaBuffer::SetKeepLimits).
+    ///
+    /// Of disposable frames (CMediaBuffer::SetDisposableLevel) it leaves out those that are older than half
+    /// the limit; a key frame that took longer than that to send gives them more. A channel whose last two
+    /// frames were key frames, as of sound, follows: it does none of that while the client gets another
+    /// channel, one that predicts.
+    ///
+    /// `hard_lag_ms`, 0 is none, is for clients to whom no picture is better than a late one: above it
+    /// nothing is begun but a key frame that is the newest.
+    ///
+    /// With STRICT the sender begins nothing that is older than `max_lag_ms`, a key frame neither, and waits
+    /// for the next key frame then and after a gap, on each channel by itself; frames wait as for others, and
+    /// `hard_lag_ms` does not count.
+    ///
+    /// In both modes the client joins at a complete key frame only, and leaves no slack in the buffer. 0, as
+    /// at the start, is off: frames go out until they are too old for their level, gaps or not. May change at
+    /// any time, and holds from the next frame or tick on.
+    void SetResumePolicy(unsigned max_lag_ms, MediaResume mode = MediaResume::AHEAD,
+                         unsigned hard_lag_ms = 0);
 
     /// The handler `id` gets a message `msg` when the resume policy has stepped over a gap and the next frame
-    /// goes out; MediaSkip::of reads the attachment. 0 is nobody.
+    /// goes out; and one for each episode of disposable frames left out, when none was for a second or, if
+    /// that is longer, the limit. MediaSkip::of reads the attachment. 0 is nobody.
     void WaitSkip(long id, unsigned int msg);
 
     /// Reads the counters, under the buffer's lock.

@@ -71,6 +71,16 @@ public:
         m_info_arg = other.m_info_arg;
     }
 
+    /// Its place among the frames that others need, and whether it is one.
+    void place_among_needed(uint64_t before, bool disposable) {
+        m_needed_before = before;
+        m_disposable = disposable;
+    }
+    void set_kept(bool kept) { m_kept = kept; }
+    void leave_list() { m_left_list = true; }
+    void add_holder() { ++m_holders; }
+    void remove_holder() { --m_holders; }
+
     void add_sender() { ++m_sender_count; }
     void remove_sender() { --m_sender_count; }
     /// A sender has written these bytes of it; fewer than none take some back.
@@ -100,6 +110,10 @@ public:
     int32_t m_valid = 0;  ///< 1 from completion to expiry.
     int32_t m_age = AGE_NEW;
     uint8_t m_key_mask = 0;
+    // For senders that step ahead: see KeptLine and ChannelBook.
+    bool m_left_list = false;   ///< It is not on the buffer's list any more.
+    bool m_kept = false;        ///< On the buffer's kept line.
+    bool m_disposable = false;  ///< No other frame needs it, but those of higher levels.
     CFrame* m_next = nullptr;
     CMediaPacket* m_info_packet = nullptr;
     int32_t m_info_arg = 0;
@@ -115,6 +129,9 @@ public:
     uint64_t m_channel_begin = 0;  ///< Bytes that its channel has had before it.
     uint64_t m_complete_us = 0;    ///< When it became complete.
     uint32_t m_hollow_steps = 0;   ///< Sending steps since then, for a frame without a byte.
+    uint32_t m_holders = 0;        ///< Senders with their cursor here that keep it on the kept line.
+    CFrame* m_kept_next = nullptr;
+    uint64_t m_needed_before = 0;  ///< Frames of its channel before it that others need.
 
 private:
     bool grow();

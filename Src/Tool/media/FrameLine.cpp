@@ -67,26 +67,43 @@ void FrameLine::open_next() {
     ++m_frame_num;
 }
 
-// Whether a sender of the list stands on the frame, which must then stay.
+// Whether a sender of the list stands on the frame, which must then stay. Those that keep frames do not need
+// the list for that.
 bool FrameLine::is_held(const CFrame& frame) const {
     for (const SenderRecord* sender = frame.m_standing; sender != nullptr; sender = sender->m_standing_next) {
-        if (sender->m_list == &m_core) {
+        if (sender->m_list == &m_core && !sender->m_keeps) {
             return true;
         }
     }
     return false;
 }
 
-// The one way in which a frame ends. It is unlinked already; senders that still stand on it, on the list or
-// not, are taken care of first.
-void FrameLine::end(CFrame* frame) {
-    while (frame->m_standing != nullptr) {
-        frame->m_standing->rescue_frame();
-    }
+// The one way in which a frame goes off the list, where it ends if it is not kept. It is unlinked already.
+inline void FrameLine::leave(CFrame* frame) {
     if (frame->m_ordinal != 0 && frame->m_frame_len < 1) {
         --m_hollow_num;
     }
-    m_store.end(frame);
+    if (frame->m_standing != nullptr || frame->m_kept) {
+        leave_senders(frame);
+    } else {
+        m_store.end(frame);
+    }
+}
+
+// Senders that still stand on it, on the list or not, are taken care of first. Those that keep frames stay
+// where they are, if this one is kept.
+void FrameLine::leave_senders(CFrame* frame) {
+    using Rescue = SenderRecord::Rescue;
+    SenderRecord::rescue_all(*frame, frame->m_kept ? Rescue::NO_KEEPERS : Rescue::ALL);
+    if (frame->m_kept) {
+        frame->leave_list();
+    } else {
+        m_store.end(frame);
+    }
+}
+
+void FrameLine::drop_head() {
+    leave(unlink_head());
 }
 
 CFrame* FrameLine::unlink_head() {
@@ -104,6 +121,7 @@ void FrameLine::drop_all() {
 }
 
 void FrameLine::drop_complete() {
+    drop_kept();
     while (m_head != nullptr && m_head->m_mark != 0) {
         drop_head();
     }
@@ -113,6 +131,7 @@ void FrameLine::drop_complete() {
 }
 
 void FrameLine::reset() {
+    drop_kept();
     m_current = nullptr;
     m_core.begin_stream(0);
     m_byte_discard = 0;
@@ -134,7 +153,7 @@ uint64_t FrameLine::let_pass(uint64_t should_discard) {
         if (MediaTrace::on()) {
             MediaTrace::frame_passed(m_name, frame, frame->m_frame_len);
         }
-        end(frame);
+        leave(frame);
     }
     m_current = nullptr;
     return discard_byte;
@@ -209,12 +228,63 @@ void FrameLine::drop_expired() {
             }
             --m_frame_num;
             m_byte_discard += static_cast<uint64_t>(frame->m_frame_len);
-            end(frame);
+            leave(frame);
         }
         frame = next;
     }
     if (m_head == nullptr) {
         m_head = m_current;
+    }
+}
+
+// Keeping.
+
+void FrameLine::keep(CFrame& frame) {
+    if (frame.m_frame_len >= 1) {
+        m_core.m_channels.enter(frame);
+        m_kept.append(frame);
+    }
+}
+
+void FrameLine::begin_keeping(SenderRecord& record) {
+    if (m_core.m_keepers == 0) {
+        drop_kept();
+        m_core.m_channels.forget();
+        for (CFrame* frame = m_head; frame != nullptr; frame = frame->m_next) {
+            if (frame->m_valid != 0) {
+                keep(*frame);
+            }
+        }
+    }
+    record.begin_keeping();
+}
+
+// The frame is off the kept line. Senders that keep frames, and are paused or too late for it, are taken care
+// of.
+void FrameLine::keep_no_more(CFrame* frame) {
+    SenderRecord::rescue_all(*frame,
+                             frame->m_left_list ? SenderRecord::Rescue::ALL : SenderRecord::Rescue::KEEPERS);
+    if (frame->m_left_list) {
+        m_store.end(frame);
+    }
+}
+
+void FrameLine::let_go_kept() {
+    if (m_core.m_keepers == 0) {
+        drop_kept();
+        return;
+    }
+    while (CFrame* const frame = m_kept.take_passed()) {
+        keep_no_more(frame);
+    }
+    while (CFrame* const frame = m_kept.take_over(m_core.now())) {
+        keep_no_more(frame);
+    }
+}
+
+void FrameLine::drop_kept() {
+    while (CFrame* const frame = m_kept.take_head()) {
+        keep_no_more(frame);
     }
 }
 
@@ -230,6 +300,10 @@ void FrameLine::add_stats(MediaBufferStats& stats) const {
     stats.byte_total = m_core.m_byte_total;
     stats.expired_frames = m_expired_frames;
     stats.expired_bytes = m_expired_bytes;
+    for (const CFrame* frame = m_kept.head(); frame != nullptr; frame = frame->m_kept_next) {
+        ++stats.kept_frames;
+    }
+    stats.kept_bytes = m_kept.bytes();
     for (const CFrame* frame = m_head; frame != nullptr; frame = frame->m_next) {
         if (frame->m_valid == 0) {
             continue;

@@ -7,12 +7,14 @@
 #include <Reticor/MediaBuffer.h>
 
 #include "Tool/frame/FrameStore.h"
+#include "Tool/media/KeptLine.h"
 #include "Tool/media/MediaStep.h"
 
 namespace Orvex::Reticor {
 
 /// Owns the frames, and both positions in the stream: of the end of the newest frame (in the core, where
-/// senders see it) and of what was let go.
+/// senders see it) and of what was let go. Frames that leave the list stay for as long as they are kept, if
+/// there are senders that keep them.
 ///
 /// Invariants, between two operations of the buffer: the current frame is the last one, or there is none; all
 /// frames before it are complete and have not expired; m_standing of each frame holds exactly the senders
@@ -60,7 +62,12 @@ public:
     /// The current frame is complete, on a channel of 0 to 7.
     void complete() INFRA_REQUIRES(CORE_MUTEX);
     /// The complete frame is offered to senders from now on.
-    void offer() INFRA_REQUIRES(CORE_MUTEX) { m_current->offer(m_core.now()); }
+    void offer() INFRA_REQUIRES(CORE_MUTEX) {
+        m_current->offer(m_core.now());
+        if (m_core.m_keepers != 0) {
+            keep(*m_current);
+        }
+    }
     /// A new frame after the complete one.
     void open_next() INFRA_REQUIRES(CORE_MUTEX);
 
@@ -89,10 +96,25 @@ public:
     /// Nobody is left to be sent anything: only a frame that is being filled stays, and the stream begins
     /// anew.
     void drop_complete() INFRA_REQUIRES(CORE_MUTEX);
-    void drop_head() INFRA_REQUIRES(CORE_MUTEX) { end(unlink_head()); }
+    void drop_head() INFRA_REQUIRES(CORE_MUTEX);
     void drop_all() INFRA_REQUIRES(CORE_MUTEX);
     /// After the last frame was dropped: the stream begins anew.
     void reset() INFRA_REQUIRES(CORE_MUTEX);
+
+    // Keeping.
+
+    /// A sender of the list wants frames kept from now on: those of the list are there for it.
+    void begin_keeping(SenderRecord& record) INFRA_REQUIRES(CORE_MUTEX);
+    /// Lets go what is kept and not needed, or not any longer.
+    void trim_kept() INFRA_REQUIRES(CORE_MUTEX) {
+        if (!m_kept.empty()) {
+            let_go_kept();
+        }
+    }
+    void set_keep_bounds(uint64_t keep_us, uint64_t most_bytes) INFRA_REQUIRES(CORE_MUTEX) {
+        m_kept.set_bounds(keep_us, most_bytes);
+    }
+    const KeptLine& kept() const INFRA_REQUIRES(CORE_MUTEX) { return m_kept; }
 
 private:
     /// One that is begun before the senders' turns, and one after them.
@@ -103,13 +125,20 @@ private:
     bool is_held(const CFrame& frame) const INFRA_REQUIRES(CORE_MUTEX);
     void expire(CFrame& frame) INFRA_REQUIRES(CORE_MUTEX);
     CFrame* unlink_head() INFRA_REQUIRES(CORE_MUTEX);
-    void end(CFrame* frame) INFRA_REQUIRES(CORE_MUTEX);
+    void leave(CFrame* frame) INFRA_REQUIRES(CORE_MUTEX);
+    // Apart from what is done where no sender keeps frames.
+    __attribute__((noinline)) void leave_senders(CFrame* frame) INFRA_REQUIRES(CORE_MUTEX);
+    __attribute__((noinline)) void keep(CFrame& frame) INFRA_REQUIRES(CORE_MUTEX);
+    __attribute__((noinline)) void let_go_kept() INFRA_REQUIRES(CORE_MUTEX);
+    void keep_no_more(CFrame* frame) INFRA_REQUIRES(CORE_MUTEX);
+    void drop_kept() INFRA_REQUIRES(CORE_MUTEX);
 
     MediaCore& m_core;
     const void* const m_name;
     CFrameStore m_store INFRA_GUARDED_BY(CORE_MUTEX);
     CFrame* m_head INFRA_GUARDED_BY(CORE_MUTEX) = nullptr;
     CFrame* m_current INFRA_GUARDED_BY(CORE_MUTEX) = nullptr;
+    KeptLine m_kept INFRA_GUARDED_BY(CORE_MUTEX);
     uint64_t m_byte_discard INFRA_GUARDED_BY(CORE_MUTEX) = 0;  ///< Bytes of frames that were let go.
     uint32_t m_frame_num INFRA_GUARDED_BY(CORE_MUTEX) = 1;
     uint32_t m_hollow_num INFRA_GUARDED_BY(CORE_MUTEX) = 0;   ///< Complete frames without a byte.

@@ -89,6 +89,7 @@ int CMediaBuffer::put(CMediaPacket* packet, int len, int mark, int level, bool f
         }
     }
     state.m_frames.drop_expired();
+    state.m_frames.trim_kept();
     return 0;
 }
 
@@ -190,6 +191,16 @@ void CMediaBuffer::DisableAutoSend() {
     if (m_state != nullptr) {
         m_state->m_auto_send.disable();
     }
+}
+
+void CMediaBuffer::SetDisposableLevel(int level) {
+    const CoreGuard guard(*m_state->m_core);
+    m_state->set_disposable_level(level);
+}
+
+void CMediaBuffer::SetKeepLimits(unsigned keep_ms, unsigned long long most_bytes) {
+    const CoreGuard guard(*m_state->m_core);
+    m_state->m_frames.set_keep_bounds(uint64_t{keep_ms} * 1000, most_bytes);
 }
 
 int CMediaBuffer::GetBufferNum() {

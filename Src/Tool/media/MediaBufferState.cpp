@@ -99,8 +99,8 @@ void MediaBufferState::complete() {
         m_frames.drop_complete();
         return;
     }
-    m_frames.offer();
     m_send_ready = true;
+    m_frames.offer();
 }
 
 uint64_t MediaBufferState::send_packet(bool has_packet, bool ages) {
@@ -123,6 +123,9 @@ std::optional<uint64_t> MediaBufferState::give_turns() {
     for (SenderRecord* record = m_senders.first(); record != nullptr;) {
         record->fetch_next();
         policy_only = policy_only && record->has_policy();
+        if (record->wants_keep() != record->m_keeps) {
+            change_mode(*record);
+        }
         if (record->m_leaving || !join(*record)) {
             record = record->m_next;
             continue;
@@ -161,6 +164,19 @@ std::optional<uint64_t> MediaBufferState::give_turns() {
     return should_discard;
 }
 
+// A sender's own choice of a mode holds from its next turn on.
+void MediaBufferState::change_mode(SenderRecord& record) {
+    if (record.m_keeps) {
+        record.end_keeping();
+    } else {
+        m_frames.begin_keeping(record);
+    }
+    if (record.m_failed) {  // There was no memory for what it had begun.
+        record.set_leaving();
+        m_core->note_leaving();
+    }
+}
+
 // Gives a sender that has no place in the stream yet its place, at the frame on offer, if that is a key frame
 // of its channel. False if it has to wait for another one. Between two frames the frame on offer is the empty
 // one, which looks like a key frame of channel 0; the resume policy does not take it for one.
@@ -172,7 +188,8 @@ bool MediaBufferState::join(SenderRecord& record) {
     if (record.m_frame != nullptr || !record.at_boundary()) {
         record.leave_frame();
     }
-    if (frame.level() > m_frames.min_level(frame.channel()) || (record.has_policy() && frame.m_valid == 0)) {
+    if (frame.level() > m_frames.min_level(frame.channel()) || (record.has_policy() && frame.m_valid == 0) ||
+        (record.m_keeps && !frame.m_kept)) {
         return false;
     }
     record.join(frame, m_core->m_byte_total - static_cast<uint64_t>(frame.m_frame_len));

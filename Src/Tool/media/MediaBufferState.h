@@ -52,6 +52,12 @@ struct MediaBufferState : SendTarget_IF, StepEnd_IF {
     /// the operation ends.
     void take_off(SenderRecord& record, bool inside_call_back) INFRA_REQUIRES(CORE_MUTEX);
 
+    /// From the next frame on; beyond 1 to 10 none is disposable.
+    void set_disposable_level(int level) INFRA_REQUIRES(CORE_MUTEX) {
+        const bool any = level >= FrameLine::LEVEL_MOST && level <= FrameLine::LEVEL_LEAST;
+        m_core->m_channels.set_disposable_level(any ? level : 0);
+    }
+
     MediaBufferStats stats();
 
     /// The buffer's end: neither the timer nor a sender finds it after this, and all frames have gone.
@@ -69,6 +75,7 @@ private:
     /// All senders have their turn. Gives the position up to which frames can be let go; none if the last
     /// sender has gone.
     std::optional<uint64_t> give_turns() INFRA_REQUIRES(CORE_MUTEX);
+    __attribute__((noinline)) void change_mode(SenderRecord& record) INFRA_REQUIRES(CORE_MUTEX);
     bool join(SenderRecord& record) INFRA_REQUIRES(CORE_MUTEX);
     void del_sender(SenderRecord& record) INFRA_REQUIRES(CORE_MUTEX);
     void after_sending(bool has_packet, bool ages) INFRA_REQUIRES(CORE_MUTEX);

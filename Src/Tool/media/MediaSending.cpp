@@ -89,6 +89,7 @@ void MediaSending::tell(const char* name, const char* format, const char* where)
 
 MediaSending::Progress MediaSending::choose_frame(CSock& stream, CFrame* frame) {
     if (other_data_waits(stream)) {
+        m_record.note_offered(frame);
         return Progress::OVER;
     }
     if (m_record.m_frame != nullptr || frame == nullptr || frame->m_frame_len == 0) {
@@ -124,8 +125,10 @@ MediaSending::Progress MediaSending::write_frame(CSock& stream) {
 
 MediaSending::Progress MediaSending::finish_frame(CSock& stream) {
     CFrame* const after = m_record.end_frame();
-    if (CFrame* const next = next_frame(after)) {
-        m_record.take_frame(next);
+    if (after != nullptr) {
+        if (CFrame* const next = next_frame(after)) {
+            m_record.take_frame(next);
+        }
     }
     if (m_record.m_leaving) {
         return Progress::OVER;  // The procedure has taken this sender off, and its socket may be gone.
@@ -159,6 +162,9 @@ bool MediaSending::other_data_waits(CSock& stream) {
 // counts as passed, so that it does not keep frames from being let go. A frame that is being filled is the
 // end of the list: its bytes are counted when it is complete.
 CFrame* MediaSending::next_frame(CFrame* frame) {
+    if (m_record.m_keeps) {
+        return next_kept(frame);
+    }
     while (frame != nullptr && frame->m_frame_len >= 1 && !frame->is_filling()) {
         if (frame->m_valid != 0 && is_for_it(*frame)) {
             return frame;
@@ -169,9 +175,22 @@ CFrame* MediaSending::next_frame(CFrame* frame) {
     return nullptr;
 }
 
+CFrame* MediaSending::next_kept(CFrame* frame) {
+    for (; frame != nullptr; frame = frame->m_kept_next) {
+        const FrameDecision decision = FrameChoice::decide(m_record, *frame, m_record.now());
+        m_record.set_waits(*frame, decision.waits);
+        if (decision.send) {
+            return frame;
+        }
+        m_record.pass_kept(*frame, decision.leaves_out);
+    }
+    return nullptr;
+}
+
 bool MediaSending::is_for_it(const CFrame& frame) {
-    const FrameDecision decision =
-        FrameChoice::decide(m_record, frame, m_record.has_policy() ? m_record.now() : 0);
+    const FrameDecision decision = m_record.has_policy()
+                                       ? FrameChoice::by_policy(m_record, frame, m_record.now())
+                                       : FrameChoice::plain(m_record, frame);
     m_record.set_waits(frame, decision.waits);
     return decision.send;
 }

@@ -50,6 +50,8 @@ private:
     }
     void tell(const char* name, const char* format, const char* where) INFRA_REQUIRES(CORE_MUTEX);
     CFrame* next_frame(CFrame* frame) INFRA_REQUIRES(CORE_MUTEX);
+    // Apart from what senders that do not keep frames go through.
+    __attribute__((noinline)) CFrame* next_kept(CFrame* frame) INFRA_REQUIRES(CORE_MUTEX);
     bool is_for_it(const CFrame& frame) INFRA_REQUIRES(CORE_MUTEX);
 
     SenderRecord& m_record;

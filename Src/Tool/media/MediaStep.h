@@ -10,6 +10,8 @@
 #include <Infra/Mutex.h>
 #include <Infra/Time.h>
 
+#include "Tool/frame/ChannelBook.h"
+
 namespace Orvex::Reticor {
 
 class CMediaStreamSender;
@@ -57,6 +59,10 @@ struct MediaCore {
     GoneSender** m_gone_end INFRA_GUARDED_BY(CORE_MUTEX) = &m_gone;  ///< Where the next one is linked.
     /// The stream position of the end of the newest frame. FrameLine has it moved.
     uint64_t m_byte_total INFRA_GUARDED_BY(CORE_MUTEX) = 0;
+    /// What senders that keep frames need to know of the channels. FrameLine writes it, while there are such.
+    ChannelBook m_channels INFRA_GUARDED_BY(CORE_MUTEX);
+    /// Senders on the list that keep frames.
+    uint32_t m_keepers INFRA_GUARDED_BY(CORE_MUTEX) = 0;
     /// This step's reading of the clock; 0: not read yet.
     uint64_t m_now_us INFRA_GUARDED_BY(CORE_MUTEX) = 0;
 
@@ -92,6 +98,9 @@ struct MediaCore {
         *m_gone_end = gone;
         m_gone_end = &gone->next;
     }
+
+    void add_keeper() INFRA_REQUIRES(CORE_MUTEX) { ++m_keepers; }
+    void drop_keeper() INFRA_REQUIRES(CORE_MUTEX) { --m_keepers; }
 
     void add_bytes(int64_t bytes) INFRA_REQUIRES(CORE_MUTEX) { m_byte_total += static_cast<uint64_t>(bytes); }
     /// The stream begins anew, with these bytes.

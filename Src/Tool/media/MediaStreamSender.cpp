@@ -122,8 +122,8 @@ void CMediaStreamSender::WaitException(long id) {
     m_state->wait_failure(id);
 }
 
-void CMediaStreamSender::SetResumePolicy(unsigned max_lag_ms) {
-    m_state->set_max_lag(max_lag_ms);
+void CMediaStreamSender::SetResumePolicy(unsigned max_lag_ms, MediaResume mode, unsigned hard_lag_ms) {
+    m_state->set_policy(max_lag_ms, mode, hard_lag_ms);
 }
 
 void CMediaStreamSender::WaitSkip(long id, unsigned int msg) {

@@ -1,18 +1,13 @@
-// ResumePolicy: at which frames a sender with a limit of lag may go on.
+// ResumePolicy: at which frames a sender may go on that begins nothing above its limit of lag.
 #pragma once
 
+#include "Tool/frame/StepAhead.h"
 #include "Tool/media/SenderRecord.h"
 
 namespace Orvex::Reticor {
 
-/// What a sender does with a frame that it comes to.
-struct FrameDecision {
-    bool send;   ///< It takes the frame.
-    bool waits;  ///< After this its channel waits for a key frame.
-};
-
-/// A function of the sender's place and the frame alone. After a gap, and above the limit of lag, only a key
-/// frame within the limit will do.
+/// The strict mode, a function of the sender's place and the frame alone. After a gap, and above the limit of
+/// lag, only a key frame within the limit will do.
 class ResumePolicy {
 public:
     static FrameDecision decide(const SenderRecord& record, const CFrame& frame, uint64_t now_us)

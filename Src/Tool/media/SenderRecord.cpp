@@ -55,16 +55,18 @@ bool put_copy(CFrame& rest, const iovec& bytes, int mark, int level) {
 
 constexpr uint64_t SECOND_US = 1000000;
 
-long pack_skip(uint64_t frames, uint64_t bytes) {
+long pack_skip(uint64_t frames, uint64_t bytes, bool thinned) {
     static_assert(sizeof(long) == 8, "an attachment holds both numbers");
     constexpr uint64_t FRAMES_LIMIT = (1ULL << 23) - 1;
     constexpr uint64_t BYTES_LIMIT = (1ULL << 40) - 1;
-    return static_cast<long>(std::min(frames, FRAMES_LIMIT) << 40 | std::min(bytes, BYTES_LIMIT));
+    constexpr uint64_t THINNED = 1ULL << 63;
+    return static_cast<long>((thinned ? THINNED : 0) | std::min(frames, FRAMES_LIMIT) << 40 |
+                             std::min(bytes, BYTES_LIMIT));
 }
 
 }  // namespace
 
-static_assert(alignof(SenderRecord) == 64 && offsetof(SenderHotState, m_failed) < 64,
+static_assert(alignof(SenderRecord) == 64 && offsetof(SenderHotState, m_wants_keep) < 64,
               "what every frame touches is one cache line");
 static_assert(offsetof(SenderHotState, m_owner) == 64 && offsetof(SenderHotState, m_stats) + 16 <= 128,
               "what a delivered frame touches besides is the next one");
@@ -172,6 +174,7 @@ void SenderRecord::Coming::come() {
 }
 
 void SenderRecord::relink() {
+    hold_no_more();
     if (m_linked != nullptr) {
         *m_standing_link = m_standing_next;
         if (m_standing_next != nullptr) {
@@ -186,6 +189,7 @@ void SenderRecord::relink() {
             m_standing_next->m_standing_link = &m_standing_next;
         }
         m_linked->m_standing = this;
+        hold();
     }
 }
 
@@ -201,6 +205,16 @@ void SenderRecord::leave_frame() {
     m_iovec_offset = 0;
     m_frame_left = 0;
     settle();
+}
+
+void SenderRecord::rescue_all(CFrame& frame, Rescue which) {
+    for (SenderRecord* one = frame.m_standing; one != nullptr;) {
+        SenderRecord* const next = one->m_standing_next;
+        if (which == Rescue::ALL || one->m_keeps == (which == Rescue::KEEPERS)) {
+            one->rescue_frame();
+        }
+        one = next;
+    }
 }
 
 // A sender that failed has a connection that is over: of its frame at most the packet that is half on the
@@ -269,6 +283,9 @@ void SenderRecord::forget_order() {
     for (Course& course : m_course) {
         course = Course();
     }
+    for (AheadCourse& course : m_ahead) {
+        course = AheadCourse();
+    }
 }
 
 // Settings.
@@ -298,8 +315,10 @@ void SenderRecord::set_send_timeout(unsigned seconds) {
     Infra::relaxedStore(m_send_timeout, seconds);
 }
 
-void SenderRecord::set_max_lag(unsigned max_lag_ms) {
+void SenderRecord::set_policy(unsigned max_lag_ms, MediaResume mode, unsigned hard_lag_ms) {
+    Infra::relaxedStore(m_hard_lag_us, uint64_t{hard_lag_ms} * 1000);
     Infra::relaxedStore(m_max_lag_us, uint64_t{max_lag_ms} * 1000);
+    Infra::relaxedStore(m_wants_keep, max_lag_ms != 0 && mode == MediaResume::AHEAD);
 }
 
 void SenderRecord::choose_channel(int channel) {
@@ -374,11 +393,14 @@ void SenderRecord::count_gap(Course& course) {
     const CFrame& frame = *m_frame;
     const uint64_t stepped_frames = std::exchange(course.m_stepped_frames, 0);
     const uint64_t stepped_bytes = std::exchange(course.m_stepped_bytes, 0);
+    AheadCourse& ahead = m_ahead[frame.channel()];
+    const uint64_t left_frames = std::exchange(ahead.m_left_frames, 0);
+    const uint64_t left_bytes = std::exchange(ahead.m_left_bytes, 0);
     if (course.m_last_ordinal == 0 || frame.m_ordinal <= course.m_last_ordinal) {
         return;  // It begins with this channel: what came before was never meant for it.
     }
-    const uint64_t frames = frame.m_ordinal - course.m_last_ordinal - 1;
-    const uint64_t bytes = frame.m_channel_begin - course.m_end;
+    const uint64_t frames = frame.m_ordinal - course.m_last_ordinal - 1 - left_frames;
+    const uint64_t bytes = frame.m_channel_begin - course.m_end - left_bytes;
     m_stats.skipped_frames += stepped_frames;
     m_stats.skipped_bytes += stepped_bytes;
     if (frames > stepped_frames) {
@@ -386,11 +408,15 @@ void SenderRecord::count_gap(Course& course) {
         m_stats.hole_frames += frames - stepped_frames;
         m_stats.hole_bytes += bytes - stepped_bytes;
     }
-    if (has_policy()) {
+    if (has_policy() && frames != 0) {
         ++m_stats.skips;
-        if (const long id = Infra::relaxedLoad(m_skip_id)) {
-            notify(id, Infra::relaxedLoad(m_skip_msg), pack_skip(frames, bytes));
-        }
+        tell_skip(frames, bytes, false);
+    }
+}
+
+void SenderRecord::tell_skip(uint64_t frames, uint64_t bytes, bool thinned) {
+    if (const long id = Infra::relaxedLoad(m_skip_id)) {
+        notify(id, Infra::relaxedLoad(m_skip_msg), pack_skip(frames, bytes, thinned));
     }
 }
 
@@ -419,6 +445,9 @@ void SenderRecord::stand_on(CFrame* frame) {
 void SenderRecord::pass_written(uint64_t written) {
     const iovec* const entries = m_frame->m_iovec;
     m_frame_left -= written;
+    if (m_keeps) {
+        m_frame->add_sent(-static_cast<int64_t>(written));
+    }
     const uint64_t first = entries[m_iovec_index].iov_len - static_cast<uint64_t>(m_iovec_offset);
     if (written < first) {
         m_iovec_offset += static_cast<int32_t>(written);
@@ -438,11 +467,16 @@ bool SenderRecord::pass_tail(uint64_t tail) {
     m_frame_left -= tail;
     m_iovec_offset = 0;
     m_send_total += tail;
-    m_frame->add_sent(static_cast<int64_t>(tail));
+    if (!m_keeps) {
+        m_frame->add_sent(static_cast<int64_t>(tail));
+    }
     return m_frame_left == 0;
 }
 
 CFrame* SenderRecord::end_tail() {
+    if (m_keeps) {
+        return end_kept_frame();
+    }
     CFrame& frame = *m_frame;
     frame.end_sent();
     uncount();
@@ -472,24 +506,190 @@ void SenderRecord::come_to_list(MediaCore& list, SenderRecord* next, std::unique
     m_leaving = false;
     m_failed = false;
     m_next = next;
+    if (m_keeps) {
+        m_list->add_keeper();
+        hold();
+    }
 }
 
 void SenderRecord::leave_list() {
+    if (m_keeps) {
+        m_list->drop_keeper();
+        hold_no_more();
+        m_cut = !at_boundary();
+    }
     m_next = nullptr;
     m_list->let_go(m_reference.release());
     m_list = nullptr;
     m_leaving = false;
     uncount();
     forget_order();
+    if (m_keeps && at_boundary()) {
+        leave_frame();
+    }
+}
+
+// Keeping.
+
+void SenderRecord::begin_keeping() {
+    if (m_frame != nullptr && m_frame != m_tail) {
+        if (m_counted) {
+            m_frame->remove_sender();
+            m_counted = false;
+        }
+        uncount_written();
+        if (!m_frame->m_kept) {
+            rescue_frame();
+        }
+    }
+    m_keeps = true;
+    m_cut = false;
+    m_list->add_keeper();
+    hold();
+}
+
+void SenderRecord::uncount_written() {
+    m_frame->add_sent(static_cast<int64_t>(m_frame_left) - m_frame->m_frame_len);
+}
+
+// A frame that has left the list in the middle of its writing is ended from a copy. One that was not begun is
+// left for the next one on the list.
+void SenderRecord::end_keeping() {
+    m_send_total = position();
+    hold_no_more();
+    m_keeps = false;
+    m_cut = false;
+    m_list->drop_keeper();
+    for (AheadCourse& course : m_ahead) {
+        course = AheadCourse();
+    }
+    if (m_frame == nullptr || m_frame == m_tail) {
+        return;
+    }
+    if (!at_boundary()) {
+        if (m_frame->m_left_list) {
+            rescue_frame();
+            return;
+        }
+        m_frame->add_sender();
+        m_counted = true;
+        m_frame->add_sent(m_frame->m_frame_len - static_cast<int64_t>(m_frame_left));
+        return;
+    }
+    CFrame* next = m_frame;
+    while (next != nullptr && next->m_left_list) {
+        next = next->m_kept_next;
+    }
+    m_frame = nullptr;
+    m_frame_left = 0;
+    if (next != nullptr) {
+        take_frame(next);
+    }
+    settle();
+}
+
+// Its own, for a sender that keeps frames.
+uint64_t SenderRecord::position() const {
+    if (m_frame == nullptr || m_frame == m_tail) {
+        return m_list->m_byte_total - m_frame_left;
+    }
+    return m_frame->m_begin + static_cast<uint64_t>(m_frame->m_frame_len) - m_frame_left;
+}
+
+void SenderRecord::hold() {
+    if (m_keeps && m_list != nullptr && m_linked != nullptr) {
+        m_linked->add_holder();
+        m_holds = true;
+    }
+    if (m_keeps && m_counted) {
+        m_frame->remove_sender();
+        m_counted = false;
+    }
+}
+
+void SenderRecord::hold_no_more() {
+    if (std::exchange(m_holds, false)) {
+        m_linked->remove_holder();
+    }
+}
+
+void SenderRecord::begin_kept_frame() {
+    const CFrame& frame = *m_frame;
+    AheadCourse& ahead = m_ahead[frame.channel()];
+    ahead.m_needed = frame.m_needed_before + (frame.m_disposable ? 0 : 1);
+    ahead.m_left_frames = 0;
+    ahead.m_left_bytes = 0;
+    if (frame.level() <= ahead.m_left_level) {
+        ahead.m_left_level = 0;
+    }
+    m_begun_us = now();
+    const Thinning::Sum over = m_thinning.take_over(m_begun_us, max_lag_us());
+    if (over.frames != 0) {
+        tell_skip(over.frames, over.bytes, true);
+    }
+}
+
+// Of what was written, m_sent_len has the last part in it; those before it have been taken back.
+CFrame* SenderRecord::end_kept_frame() {
+    CFrame& frame = *m_frame;
+    frame.add_sent(-static_cast<int64_t>(m_frame_left));
+    if (m_counted) {
+        frame.remove_sender();
+    }
+    if (frame.is_key() && !m_cut) {
+        AheadCourse& ahead = m_ahead[frame.channel()];
+        ahead.m_key_took_us = now() - m_begun_us;
+        ahead.m_key_made_us = frame.m_complete_us;
+    }
+    m_iovec_index = 0;
+    m_iovec_offset = 0;
+    m_block_time = 0;
+    finished();
+    m_frame = nullptr;
+    m_frame_left = 0;
+    return std::exchange(m_cut, false) ? nullptr : frame.m_kept_next;
+}
+
+void SenderRecord::pass_kept(const CFrame& frame, bool leaves_out) {
+    Course& course = m_course[frame.channel()];
+    AheadCourse& ahead = m_ahead[frame.channel()];
+    if ((Infra::relaxedLoad(m_channel_mask) & frame.channel_bit()) == 0) {
+        course.m_last_ordinal = 0;
+        ahead.m_needed = NOT_KNOWN;
+    } else if (leaves_out) {
+        ++ahead.m_left_frames;
+        ahead.m_left_bytes += static_cast<uint64_t>(frame.m_frame_len);
+        ahead.m_left_level =
+            ahead.m_left_level == 0 ? frame.level() : std::min(ahead.m_left_level, frame.level());
+        m_thinning.leave_out(frame.m_frame_len, now());
+    } else {
+        ++course.m_stepped_frames;
+        course.m_stepped_bytes += static_cast<uint64_t>(frame.m_frame_len);
+    }
+}
+
+bool SenderRecord::misses_needed(const CFrame& frame) const {
+    const AheadCourse& ahead = m_ahead[frame.channel()];
+    return ahead.m_needed == NOT_KNOWN ? misses_any(frame) : frame.m_needed_before != ahead.m_needed;
+}
+
+bool SenderRecord::misses_any(const CFrame& frame) const {
+    const Course& course = m_course[frame.channel()];
+    const AheadCourse& ahead = m_ahead[frame.channel()];
+    return frame.m_ordinal != course.m_last_ordinal + 1 + course.m_stepped_frames + ahead.m_left_frames;
 }
 
 MediaSenderStats SenderRecord::stats() {
     MediaSenderStats stats = m_stats;
     const uint64_t now_us = Infra::CTime::getCurrentMicroSecond();
     stats.joined = m_joined;
+    stats.thinnings = m_thinning.episodes();
+    stats.thinned_frames = m_thinning.all().frames;
+    stats.thinned_bytes = m_thinning.all().bytes;
     stats.listed = m_list != nullptr;
-    if (stats.joined && stats.listed && m_list->m_byte_total > m_send_total) {
-        stats.backlog_bytes = m_list->m_byte_total - m_send_total;
+    if (stats.joined && stats.listed) {
+        const uint64_t own = m_keeps ? position() : m_send_total;
+        stats.backlog_bytes = m_list->m_byte_total > own ? m_list->m_byte_total - own : 0;
     }
     if (m_frame != nullptr && m_frame != m_tail && m_frame->m_complete_us != 0) {
         stats.lag_us = now_us - m_frame->m_complete_us;

@@ -12,6 +12,7 @@
 #include <Infra/Time.h>
 
 #include "Tool/frame/MediaFrame.h"
+#include "Tool/frame/Thinning.h"
 #include "Tool/media/MediaStep.h"
 #include "Tool/media/OtherData.h"
 #include "Tool/media/TargetStepMark.h"
@@ -47,6 +48,9 @@ struct alignas(64) SenderHotState {
     bool m_counted = false;                 ///< m_frame's m_sender_count has this sender in it.
     bool m_leaving = false;                 ///< To be taken off as soon as the operation ends.
     bool m_failed = false;                  ///< Taken off by a socket failure.
+    /// Frames are kept for it, and its cursor is on the kept line: it steps ahead when it is late.
+    bool m_keeps = false;
+    bool m_wants_keep = false;  ///< To be so from its next turn on. No lock.
 
     CMediaStreamSender* m_owner = nullptr;  ///< Whose record it is.
     uint64_t m_block_time = 0;  ///< us; of the first write since the last finished frame that would block.
@@ -57,7 +61,7 @@ struct alignas(64) SenderHotState {
     CFrame* m_linked = nullptr;   ///< The frame whose chain of standing senders it is in.
     MediaSenderStats m_stats;
 
-    Course m_course[CHANNELS];
+    alignas(sizeof(Course)) Course m_course[CHANNELS];  // One lies in one cache line.
 };
 
 /// What a sender knows: its place in the stream, the cursor in its frame, its links, its settings and
@@ -70,6 +74,18 @@ struct SenderRecord : SenderHotState {
     SenderRecord& operator=(const SenderRecord&) = delete;
 
     static constexpr uint64_t NO_TIMEOUT_S = 0xFFFFFFFF;
+    static constexpr uint64_t NOT_KNOWN = ~uint64_t{0};
+
+    /// What a sender that keeps frames knows besides of a channel.
+    struct AheadCourse {
+        /// Frames that others need, up to and with the last one begun; NOT_KNOWN: see its ordinal.
+        uint64_t m_needed = NOT_KNOWN;
+        uint64_t m_left_frames = 0;  ///< Disposable frames left out since then.
+        uint64_t m_left_bytes = 0;
+        uint64_t m_key_took_us = 0;  ///< To write the last key frame.
+        uint64_t m_key_made_us = 0;  ///< When that was complete.
+        int32_t m_left_level = 0;    ///< Frames above it may refer to one that was left out; 0: none.
+    };
 
     /// The way to a buffer's list for a sender that was added inside a call-back.
     class Coming : public StepGuest_IF {
@@ -100,6 +116,12 @@ struct SenderRecord : SenderHotState {
     uint64_t m_send_timeout = NO_TIMEOUT_S;    ///< s. No lock.
     long m_skip_id = 0;                        ///< No lock.
     unsigned m_skip_msg = 0;                   ///< No lock.
+    uint64_t m_hard_lag_us = 0;                ///< No lock.
+    bool m_holds = false;                      ///< m_linked's m_holders has this sender in it.
+    bool m_cut = false;       ///< It was paused in the middle of m_frame, which is followed by none.
+    uint64_t m_begun_us = 0;  ///< When m_frame was begun.
+    Thinning m_thinning;      ///< Frames left out.
+    AheadCourse m_ahead[CHANNELS];
 
     /// Comes after the core's mutex. Also guards changes of m_core.
     Infra::CMutex m_other_mutex{Infra::LockClass::MEDIA_OTHER};
@@ -131,7 +153,9 @@ struct SenderRecord : SenderHotState {
     long take_failure_waiter();
     void wait_skip(long id, unsigned msg);
     void set_send_timeout(unsigned seconds);
-    void set_max_lag(unsigned max_lag_ms);
+    void set_policy(unsigned max_lag_ms, MediaResume mode, unsigned hard_lag_ms);
+    uint64_t hard_lag_us() const { return Infra::relaxedLoad(m_hard_lag_us); }
+    bool wants_keep() const { return Infra::relaxedLoad(m_wants_keep); }
     uint64_t max_lag_us() const { return Infra::relaxedLoad(m_max_lag_us); }
     bool has_policy() const { return max_lag_us() != 0; }
     void choose_channel(int channel);
@@ -164,9 +188,10 @@ struct SenderRecord : SenderHotState {
         const uint8_t bit = frame.channel_bit();
         m_lost_mask = static_cast<uint8_t>(waits ? m_lost_mask | bit : m_lost_mask & ~bit);
     }
-    /// With the policy: nothing before the end of the stream will be sent to a sender that has caught up.
+    /// With the policy: nothing before the end of the stream will be sent to a sender that has caught up. For
+    /// one that keeps frames the list need not have anything either way.
     void pass_all_if_caught_up() INFRA_REQUIRES(CORE_MUTEX) {
-        if (m_frame == nullptr && has_policy() && m_joined && m_list != nullptr) {
+        if ((m_frame == nullptr || m_keeps) && has_policy() && m_joined && m_list != nullptr) {
             m_send_total = m_list->m_byte_total;
         }
     }
@@ -219,6 +244,9 @@ struct SenderRecord : SenderHotState {
     }
     /// The frame is over: calls the procedure, and gives the frame after it. The sender then stands at none.
     CFrame* end_frame() INFRA_REQUIRES(CORE_MUTEX) {
+        if (m_keeps) {
+            return end_kept_frame();
+        }
         CFrame& frame = *m_frame;
         frame.end_sent();
         if (m_counted || !has_policy()) {
@@ -238,7 +266,9 @@ struct SenderRecord : SenderHotState {
     CFrame* end_tail() INFRA_REQUIRES(CORE_MUTEX);
     /// The socket failed: what it took of the frame does not count there any more.
     void take_back_sent() INFRA_REQUIRES(CORE_MUTEX) {
-        m_frame->add_sent(static_cast<int64_t>(m_frame_left) - m_frame->m_frame_len);
+        if (!m_keeps) {
+            m_frame->add_sent(static_cast<int64_t>(m_frame_left) - m_frame->m_frame_len);
+        }
     }
     void note_blocked() INFRA_REQUIRES(CORE_MUTEX);
     void note_unblocked() INFRA_REQUIRES(CORE_MUTEX) {
@@ -270,6 +300,29 @@ struct SenderRecord : SenderHotState {
     }
     /// m_frame is about to be deleted: what the sender still needs of it is copied.
     void rescue_frame() INFRA_REQUIRES(CORE_MUTEX);
+    /// The same for the senders that stand on a frame: all, those that keep frames, or the others.
+    enum class Rescue { ALL, KEEPERS, NO_KEEPERS };
+    static void rescue_all(CFrame& frame, Rescue which) INFRA_REQUIRES(CORE_MUTEX);
+
+    // Keeping. To the buffer's list, and to the counts of frames, a sender that keeps frames is one that has
+    // caught up: it is counted within a turn at most. It stands on kept frames alone, or on its private rest.
+
+    /// Frames are kept for it from now on. It is on the list, and where it stands was kept, if it is.
+    void begin_keeping() INFRA_REQUIRES(CORE_MUTEX);
+    /// It goes on by the list.
+    void end_keeping() INFRA_REQUIRES(CORE_MUTEX);
+    /// The frame on offer cannot be begun, since other data waits. One that is kept is not lost to that.
+    void note_offered(CFrame* frame) INFRA_REQUIRES(CORE_MUTEX) {
+        if (m_keeps && m_frame == nullptr && frame != nullptr && frame->m_kept) {
+            change_frame(frame);
+        }
+    }
+    /// A kept frame is not for it.
+    void pass_kept(const CFrame& frame, bool leaves_out) INFRA_REQUIRES(CORE_MUTEX);
+    /// Whether a frame of its channel is missing before this one that others need; or any other one, but for
+    /// those that it has passed itself.
+    bool misses_needed(const CFrame& frame) const INFRA_REQUIRES(CORE_MUTEX);
+    bool misses_any(const CFrame& frame) const INFRA_REQUIRES(CORE_MUTEX);
 
     // Others.
 
@@ -293,6 +346,9 @@ private:
         course.m_end = frame.m_channel_begin + static_cast<uint64_t>(frame.m_frame_len);
         if (has_policy()) {
             m_send_total = frame.m_begin;
+            if (m_keeps) {
+                begin_kept_frame();
+            }
         }
     }
     void finished() INFRA_REQUIRES(CORE_MUTEX) {
@@ -307,6 +363,13 @@ private:
     void pass_written(uint64_t written) INFRA_REQUIRES(CORE_MUTEX);
     void call_procedure() INFRA_REQUIRES(CORE_MUTEX);
     void relink() INFRA_REQUIRES(CORE_MUTEX);
+    void begin_kept_frame() INFRA_REQUIRES(CORE_MUTEX);
+    CFrame* end_kept_frame() INFRA_REQUIRES(CORE_MUTEX);
+    void hold() INFRA_REQUIRES(CORE_MUTEX);
+    void hold_no_more() INFRA_REQUIRES(CORE_MUTEX);
+    void uncount_written() INFRA_REQUIRES(CORE_MUTEX);
+    uint64_t position() const INFRA_REQUIRES(CORE_MUTEX);
+    void tell_skip(uint64_t frames, uint64_t bytes, bool thinned) INFRA_REQUIRES(CORE_MUTEX);
     void drop_tail() INFRA_REQUIRES(CORE_MUTEX);
     void keep_rest(uint32_t end) INFRA_REQUIRES(CORE_MUTEX);
     CFrame* copy_rest(uint32_t end) const INFRA_REQUIRES(CORE_MUTEX);

@@ -155,8 +155,11 @@ TEST_F(MediaLive, EveryClientReadsWholeFramesWhileEverythingChanges) {
             CountingTap tap;
             while (!over) {
                 LiveClient client(buffer, random.between(0, 300));
-                client.sender->SetResumePolicy(random.oneIn(2) ? 20 : 0);
                 for (int i = 0; i < 10; ++i) {
+                    client.sender->SetResumePolicy(
+                        random.oneIn(2) ? 20 : 0, random.oneIn(2) ? MediaResume::STRICT : MediaResume::AHEAD);
+                    buffer.SetDisposableLevel(random.between(0, 10));
+                    buffer.SetKeepLimits(random.between(5U, 100U), 1 << 20);
                     client.sender->AttachSendProc({&LiveClient::note, &client});
                     client.sender->SetSendChannel(random.between(-1, 1));
                     buffer.AddLevel2Buffer(&tap);
@@ -174,6 +177,8 @@ TEST_F(MediaLive, EveryClientReadsWholeFramesWhileEverythingChanges) {
         {
             LiveClient fast(buffer, 0);
             LiveClient slow(buffer, 700);
+            LiveClient strict(buffer, 700);
+            strict.sender->SetResumePolicy(30, MediaResume::STRICT);
             LiveClient viewer(buffer, 700);
             viewer.sender->SetResumePolicy(30);
             for (uint32_t number = 0; number < FRAMES; ++number) {

@@ -18,7 +18,7 @@ class MediaResumePolicy : public MediaFixture {
 protected:
     MediaClient& viewer(unsigned max_lag_ms) {
         MediaClient& made = client();
-        made.sender->SetResumePolicy(max_lag_ms);
+        made.sender->SetResumePolicy(max_lag_ms, MediaResume::STRICT);
         made.sender->WaitSkip(waiter->GetID(), 77);
         buffer->AddSender(made.sender);
         return made;
@@ -47,7 +47,7 @@ private:
 TEST_F(MediaResumePolicy, IsOffAndItsNumbersAreMicroseconds) {
     MediaClient& a = client();
     EXPECT_FALSE(a.state().has_policy());
-    a.sender->SetResumePolicy(4000000000U);
+    a.sender->SetResumePolicy(4000000000U, MediaResume::STRICT);
     EXPECT_EQ(4000000000000U, a.state().max_lag_us());
     a.sender->SetResumePolicy(0);
     EXPECT_FALSE(a.state().has_policy());
@@ -282,7 +282,7 @@ TEST_F(MediaResumePolicy, AmongViewersAloneFramesExpireByWhoStandsOnThem) {
     tick(20);
     EXPECT_EQ(3U, frames());
     EXPECT_EQ(1U, buffer->GetStats().pinned_frames);
-    a.sender->SetResumePolicy(3600000);
+    a.sender->SetResumePolicy(3600000, MediaResume::STRICT);
     tick();
     EXPECT_EQ(2U, frames());
     EXPECT_EQ(0U, buffer->GetStats().pinned_frames);

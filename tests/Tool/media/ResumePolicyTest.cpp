@@ -14,7 +14,7 @@ constexpr unsigned LAG_MS = 200;
 
 class ResumePolicyOfASender : public MediaFixture {
 protected:
-    ResumePolicyOfASender() { made.sender->SetResumePolicy(LAG_MS); }
+    ResumePolicyOfASender() { made.sender->SetResumePolicy(LAG_MS, MediaResume::STRICT); }
 
     // A frame of channel 0 that is `age_us` old; the last one that went out was number `last`.
     FrameDecision decide(uint64_t ordinal, uint64_t last, bool key,

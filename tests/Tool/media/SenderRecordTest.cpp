@@ -229,7 +229,7 @@ TEST_F(SenderRecordOfASender, WhatCameBetweenTwoFramesIsSteppedOverOrAHole) {
 
 TEST_F(SenderRecordOfASender, WithThePolicyAGapIsToldWhenTheNextFrameGoesOut) {
     const CoreGuard guard(*core);
-    record.set_max_lag(100);
+    record.set_policy(100, MediaResume::STRICT, 0);
     record.wait_skip(waiter->GetID(), 77);
     sendWhole(frame({10}));
     record.step_over(frame({20}));

@@ -51,6 +51,8 @@ struct ModelSender {
     bool failed = false;
     bool wants_message = false;
     int messages = 0;
+    bool keeper = false;                              // frames are kept for it: here it has always caught up
+    bool joined = false;                              // as a keeper
     std::vector<std::tuple<int, int, int>> finished;  // information packet or -1, its number, length
 
     long write(const std::vector<std::string>& pieces, std::size_t from, std::size_t skip) {
@@ -83,6 +85,7 @@ public:
     bool has_sender = false;
     int min_level[8] = {10, 10, 10, 10, 10, 10, 10, 10};
     int valid_num = 0;
+    int completed_level = 0;
     std::vector<int> released;
 
     MediaModel() { current->sent = -1; }
@@ -191,12 +194,15 @@ public:
     std::vector<ModelSender*> everybody;
 
 private:
+    bool keepers_only = false;
+
     void begin() {
         current = std::make_shared<ModelFrame>();
         frames.push_back(current);
     }
 
     void complete(ModelFrame& f) {
+        completed_level = f.level;
         int& least = min_level[f.channel];
         least = std::min(least, f.level);
         if (least == f.level) {
@@ -415,6 +421,11 @@ private:
     }
 
     bool joins(ModelSender& s) {
+        if (s.keeper) {
+            const bool key = current->valid != 0 && current->len > 0 && current->key_mask != 0;
+            s.joined = s.joined || key;
+            return s.joined;
+        }
         if (s.total != 0) {
             return true;
         }
@@ -431,6 +442,8 @@ private:
     }
 
     void offer() {
+        keepers_only = !listed.empty() && std::all_of(listed.begin(), listed.end(),
+                                                      [](const ModelSender* s) { return s->keeper; });
         uint64_t should = byte_discard;
         uint64_t least = byte_total;
         const std::vector<ModelSender*> walk = listed;
@@ -438,13 +451,17 @@ private:
             if (!joins(*s)) {
                 continue;
             }
-            if (!send(*s)) {
+            if (s->keeper) {
+                s->total = byte_total;
+            } else if (!send(*s)) {
                 s->failed = true;
                 del(*s);
                 if (!has_sender) {
                     return;
                 }
-            } else if (s->total <= least) {
+                continue;
+            }
+            if (s->total <= least) {
                 least = s->total;
                 should = s->total;
             }
@@ -467,7 +484,7 @@ private:
                 return;
             }
             f->age += f->valid == 1 ? 1 : 0;
-            if (f->level > 10 - f->age / 10 && f->count == 0 && !held(f)) {
+            if (f->level > 10 - f->age / 10 && (f->count == 0 || keepers_only) && !held(f)) {
                 f->valid = 0;
                 f->age = -100;
             }
