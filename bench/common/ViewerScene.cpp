@@ -331,6 +331,15 @@ void add_layers(SceneList& list) {
     });
 }
 
+void add_hard_bounds(SceneList& list) {
+    list.add("hard bound", {2, 10}, {50, 75, 95}, [](ViewerScene& scene) { scene.hard_lag_ms = 2000; });
+    list.add("hard bound, layers, sound", {2, 10}, {50, 75, 95}, [](ViewerScene& scene) {
+        layers(scene);
+        scene.sound = true;
+        scene.hard_lag_ms = 2000;
+    });
+}
+
 }  // namespace
 
 std::vector<ViewerScene> viewerScenes() {
@@ -339,6 +348,7 @@ std::vector<ViewerScene> viewerScenes() {
     add_sound(list);
     add_settings(list);
     add_layers(list);
+    add_hard_bounds(list);
     return list.scenes;
 }
 

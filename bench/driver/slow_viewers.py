@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""What viewers of slow links get, with the resume policy off and on: docs/bench/slow-viewers.md.
+"""What viewers of slow links get, with the resume policy off and in both modes: docs/bench/slow-viewers.md.
 
     bench/driver/slow_viewers.py [--seconds N] [--skip N] [--max-lag MS] [--percents 120,95,...] [--out FILE] [--render]
 
@@ -23,6 +23,11 @@ LINKS = {
     "simulated": "A `CSimulatorStream` before a connection that is read at once. It lets a second's bytes through in one "
                  "go, so a viewer gets its frames in bursts, and the lag moves within each second. All frames are 5.2 "
                  "times as large here, for the simulator's bandwidth comes in steps of 128 KiB/s.",
+}
+MODES = {
+    "off": "Without the policy",
+    "strict": "`SetResumePolicy({}, MediaResume::STRICT)`",
+    "ahead": "`SetResumePolicy({})`",
 }
 COLUMNS = [
     ("Delivered", lambda row: f"{100 * row['delivered']:.1f} %"),
@@ -95,7 +100,8 @@ def page(stored):
     yield "Written by `bench/driver/slow_viewers.py`. A stream of 25 frames/s with a key frame of 170 KB (level 1) every 50"
     yield "and others of 17 KB (level 5), 4 Mbit/s, through one `CMediaBuffer` for each slow viewer and a fast one beside"
     yield "it, over real sockets. A frame decodes if it is a key frame or the one before it decodes. Held are the frames"
-    yield "of the slow viewer's buffer. How the policy works, and how to choose levels, is in [media.md](../media.md)."
+    yield "of the slow viewer's buffer. How the policy works, and how to choose levels, is in [media.md](../media.md); more"
+    yield "streams and links, in virtual time, are in [late-viewers.md](late-viewers.md)."
     yield ""
     yield (f"- Machine: {'virtual machine with ' if machine['virtual'] else ''}{machine['processors']} processors "
            f"({machine['processor']}), {machine['system']}")
@@ -106,10 +112,12 @@ def page(stored):
         yield f"## {'Paced link' if link == 'paced' else 'CSimulatorStream'}"
         yield ""
         yield text
-        for max_lag in (0, stored["max_lag_ms"]):
+        for mode, heading in MODES.items():
             for run in stored["runs"]:
-                rows = [row for row in run["viewers"] if row["link"] == link and row["max_lag_ms"] == max_lag]
-                policy = f"`SetResumePolicy({max_lag})`" if max_lag else "Without the policy"
+                rows = [row for row in run["viewers"] if row["link"] == link and row["mode"] == mode]
+                if not rows:
+                    continue  # stored before there was this mode
+                policy = heading.format(stored["max_lag_ms"])
                 ticks = f"at {run['auto_send_ms']} ms" if run["auto_send_ms"] else "off"
                 yield ""
                 yield f"### {policy}, auto-send {ticks}"

@@ -1,11 +1,11 @@
-// What viewers of slow links get from a CMediaBuffer, with and without the resume policy.
+// What viewers of slow links get from a CMediaBuffer, without the resume policy and with it in both modes.
 //
 //   slow_viewers [--seconds N] [--skip N] [--auto-send MS] [--max-lag MS] [--percents 120,95,...]
 //
 // 25 frames a second, a key frame of 170 KB and level 1 every 50, the others of 17 KB and level 5. For each
-// bandwidth, in percent of the stream's, there are two buffers, one without the policy and one with it; each
-// has the slow viewer and a fast one. Twice over: the link of a "paced" viewer is a TCP connection that is
-// read at its bandwidth, that of a "simulated" one a CSimulatorStream before a connection that is read at
+// bandwidth, in percent of the stream's, there are three buffers, one without the policy and two with it;
+// each has the slow viewer and a fast one. Twice over: the link of a "paced" viewer is a TCP connection that
+// is read at its bandwidth, that of a "simulated" one a CSimulatorStream before a connection that is read at
 // once. The simulator's bandwidth comes in steps of 128 KiB/s, so there all frames are larger by one factor.
 // All run at the same time. Prints a JSON list with an object for each slow viewer.
 #include <poll.h>
@@ -196,17 +196,20 @@ private:
 // One buffer with its slow and its fast viewer.
 class Cell {
 public:
-    Cell(bool simulated, int percent, unsigned max_lag_ms)
+    Cell(bool simulated, int percent, const char* mode, unsigned max_lag_ms)
         : m_simulated(simulated),
           m_percent(percent),
-          m_max_lag_ms(max_lag_ms),
+          m_mode(mode),
           m_scale(simulated ? SIMULATOR_SCALE : 1),
           m_slow_link(simulated ? 0 : STREAM_RATE * percent / 100, kernel_bytes()),
           m_fast_link(0, kernel_bytes()) {
         m_simulator.SetRealSocket(&m_slow_link.sock);
         m_simulator.SetBandWidth(static_cast<unsigned>(percent / 5));
         m_slow->Attach(simulated ? static_cast<CSock*>(&m_simulator) : &m_slow_link.sock);
-        m_slow->SetResumePolicy(max_lag_ms);
+        if (m_mode != "off") {
+            m_slow->SetResumePolicy(max_lag_ms,
+                                    m_mode == "strict" ? MediaResume::STRICT : MediaResume::AHEAD);
+        }
         m_fast->Attach(&m_fast_link.sock);
         buffer.AddSender(m_fast);
         buffer.AddSender(m_slow);
@@ -228,7 +231,7 @@ public:
         buffer.Put(new HeaderPacket({length, number, Bench::nowNs()}), sizeof(Header), MEDIA_MARK_MORE,
                    level);
         buffer.Put(&g_payload_packet, static_cast<int>(length), MEDIA_MARK_LAST, level);
-        m_samples.push_back({Bench::nowNs(), m_slow->GetStats().bytes, buffer.GetStats().frames});
+        m_samples.push_back({Bench::nowNs(), m_slow->GetStats().bytes, held()});
     }
 
     // Ends the slow viewer's connection, and says what it got.
@@ -243,11 +246,15 @@ private:
         std::uint32_t held;
     };
 
+    std::uint32_t held() {
+        const MediaBufferStats stats = buffer.GetStats();
+        return std::max(stats.frames, stats.kept_frames);
+    }
     unsigned kernel_bytes() const { return static_cast<unsigned>(KERNEL_BYTES * m_scale); }
 
     const bool m_simulated;
     const int m_percent;
-    const unsigned m_max_lag_ms;
+    const std::string m_mode;
     const double m_scale;
     Connection m_slow_link;
     Connection m_fast_link;
@@ -351,7 +358,7 @@ json Cell::figures(const Options& options, std::uint64_t start_ns) {
     const MediaSenderStats stats = m_slow->GetStats();
     return {{"link", m_simulated ? "simulated" : "paced"},
             {"percent", m_percent},
-            {"max_lag_ms", m_max_lag_ms},
+            {"mode", m_mode},
             {"delivered", static_cast<double>(course.delivered) / frames},
             {"decoded", static_cast<double>(course.decoded) / frames},
             {"first_hole_s", course.first_hole_s},
@@ -371,9 +378,9 @@ json Cell::figures(const Options& options, std::uint64_t start_ns) {
 void run(const Options& options) {
     std::vector<std::unique_ptr<Cell>> cells;
     for (const bool simulated : {false, true}) {
-        for (const unsigned max_lag_ms : {0U, options.max_lag_ms}) {
+        for (const char* const mode : {"off", "strict", "ahead"}) {
             for (const int percent : options.percents) {
-                cells.push_back(std::make_unique<Cell>(simulated, percent, max_lag_ms));
+                cells.push_back(std::make_unique<Cell>(simulated, percent, mode, options.max_lag_ms));
                 if (options.auto_send_ms != 0) {
                     cells.back()->buffer.EnableAutoSend(options.auto_send_ms);
                 }

@@ -1,10 +1,18 @@
-// What late viewers get by each rule, in virtual time, over some hundred scenes of streams and links.
+// What late viewers get by each rule, in virtual time, over some hundred scenes of streams and links: from a
+// plain model, and from the library, whose clock and socket are the scene's.
 //
-//   viewer_scenes [--check]
+//   viewer_scenes [--check] [--kind NAME]
 //
 // Prints a JSON list with an object for each scene. With --check it prints what is not as it should be
-// instead, and fails if there is anything.
+// instead, and where library and model do not agree, and fails if there is anything.
+#include <dlfcn.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
+#include <time.h>
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -12,9 +20,12 @@
 #include <string>
 #include <vector>
 
+#include <Reticor/Reticor.h>
+
 #include "common/ViewerModel.h"
 
 using namespace Bench;
+using namespace Orvex::Reticor;
 using nlohmann::json;
 
 namespace {
@@ -33,10 +44,169 @@ constexpr Column COLUMNS[] = {
 };
 constexpr std::size_t OFF = 0, STRICT = 1, AGED = 2, POLICY = 4;
 
+// The library has no frames that grow old for who steps ahead.
+bool libraryHas(const Column& column) {
+    return column.policy.rule != LateRule::AHEAD || column.policy.keep;
+}
+
 struct Row {
     ViewerScene scene;
-    std::vector<ViewerFigures> by_column;
+    std::vector<ViewerFigures> by_column;  // of the model
+    std::vector<ViewerFigures> library;
 };
+
+// What stands before the C library's functions for this thread, while a scene is played.
+struct Stage {
+    bool plays = false;
+    std::int64_t now_us = 0;
+    int socket = -1;
+    class LibraryViewer* viewer = nullptr;
+};
+thread_local Stage t_stage;
+
+struct Header {
+    std::uint32_t frame;
+    std::uint32_t bytes;  // of the frame, this included
+};
+
+class HeaderPacket : public CMediaPacket {
+public:
+    explicit HeaderPacket(const Header& header) : m_header(header) {}
+    int Release() override {
+        delete this;
+        return 0;
+    }
+    char* GetBuffer() override { return reinterpret_cast<char*>(&m_header); }
+
+private:
+    Header m_header;
+};
+
+class PayloadPacket : public CMediaPacket {
+public:
+    int Release() override { return 0; }
+    char* GetBuffer() override { return m_bytes.data(); }
+
+private:
+    std::vector<char> m_bytes = std::vector<char>(1000000);
+};
+
+// A buffer of the library with one viewer, whose socket is the scene's link.
+class LibraryViewer {
+public:
+    LibraryViewer(const ViewerScene& scene, const ViewerPolicy& policy)
+        : m_scene(scene), m_stream(streamOf(scene)), m_link(scene, rateOf(scene, m_stream)) {
+        int ends[2];
+        if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends) != 0) {
+            std::perror("socketpair");
+            std::exit(1);
+        }
+        m_far = ends[1];
+        m_sock.Attach(ends[0]);
+        // Time begins late enough that no age is before its beginning.
+        t_stage = {true, START_US, ends[0], this};
+        m_sender->Attach(&m_sock);
+        if (policy.rule != LateRule::NONE) {
+            m_sender->SetResumePolicy(
+                scene.max_lag_ms, policy.rule == LateRule::AHEAD ? MediaResume::AHEAD : MediaResume::STRICT,
+                scene.hard_lag_ms);
+        }
+        m_buffer.SetDisposableLevel(policy.layers ? LEVEL_LAYER : 0);
+        m_buffer.AddSender(m_sender);
+    }
+    ~LibraryViewer() {
+        m_buffer.DelSender(m_sender);
+        m_sender->Detach();
+        m_sender->Close();
+        m_sock.Close();
+        ::close(m_far);
+        t_stage = Stage();
+    }
+    LibraryViewer(const LibraryViewer&) = delete;
+    LibraryViewer& operator=(const LibraryViewer&) = delete;
+
+    ViewerFigures play();
+
+    // What sendmsg is here.
+    ssize_t take(const iovec* pieces, std::size_t count) {
+        std::size_t taken = 0;
+        for (std::size_t i = 0; i < count; ++i) {
+            const std::size_t part = std::min(pieces[i].iov_len, m_link.room());
+            read(static_cast<const char*>(pieces[i].iov_base), part);
+            taken += part;
+            if (part < pieces[i].iov_len) {
+                break;
+            }
+        }
+        if (taken == 0) {
+            errno = EAGAIN;
+            return -1;
+        }
+        return static_cast<ssize_t>(taken);
+    }
+
+private:
+    static constexpr std::int64_t START_US = 1000000000;
+
+    void put(std::size_t index) {
+        const StreamFrame& frame = m_stream[index];
+        const int level = mediaLevel(frame.channel, frame.level);
+        const Header header = {static_cast<std::uint32_t>(index), static_cast<std::uint32_t>(frame.bytes)};
+        m_buffer.Put(new HeaderPacket(header), sizeof header, MEDIA_MARK_MORE, level);
+        m_buffer.Put(&m_payload, static_cast<int>(frame.bytes - sizeof header), MEDIA_MARK_LAST, level);
+    }
+
+    // Bytes of frames, one after another.
+    void read(const char* bytes, std::size_t length) {
+        m_link.take(length);
+        for (std::size_t part = 0; length > 0; bytes += part, length -= part) {
+            part = std::min(length, (m_at < sizeof m_header ? sizeof m_header : m_header.bytes) - m_at);
+            if (m_at < sizeof m_header) {
+                std::memcpy(reinterpret_cast<char*>(&m_header) + m_at, bytes, part);
+            }
+            m_at += part;
+            if (m_at >= sizeof m_header && m_at == m_header.bytes) {
+                m_link.ends(m_header.frame);
+                m_at = 0;
+            }
+        }
+    }
+
+    const ViewerScene& m_scene;
+    const std::vector<StreamFrame> m_stream;
+    ViewerLink m_link;
+    PayloadPacket m_payload;
+    Header m_header{};
+    std::size_t m_at = 0;
+    int m_far = -1;
+    CSockStream m_sock;
+    CMediaStreamSender* const m_sender = CMediaStreamSender::Create();
+    CMediaBuffer m_buffer;
+};
+
+ViewerFigures LibraryViewer::play() {
+    double most = 0;
+    std::int64_t next_tick_us = m_scene.auto_send_ms * 1000;
+    std::size_t next = 0;
+    while (next < m_stream.size()) {
+        const bool ticks = m_scene.auto_send_ms != 0 && next_tick_us < m_stream[next].made_us;
+        const std::int64_t now_us = ticks ? next_tick_us : m_stream[next].made_us;
+        t_stage.now_us = START_US + now_us;
+        m_link.advance(now_us);
+        if (ticks) {
+            next_tick_us += m_scene.auto_send_ms * 1000;
+            m_buffer.do_send();
+        } else {
+            put(next++);
+        }
+        const MediaBufferStats stats = m_buffer.GetStats();
+        most = std::max(most, static_cast<double>(std::max(stats.bytes, stats.kept_bytes)));
+    }
+    m_link.advance(m_stream.back().made_us + 60000000);
+    ViewerFigures figures = figuresOf(m_scene, m_stream, m_link.arrivals);
+    figures.held_bytes = most;
+    return figures;
+}
 
 json toJson(const ViewerFigures& figures) {
     return {
@@ -58,7 +228,10 @@ json toJson(const Row& row) {
                   {"auto_send_ms", row.scene.auto_send_ms},
                   {"max_lag_ms", row.scene.max_lag_ms}};
     for (std::size_t i = 0; i < row.by_column.size(); ++i) {
-        found["columns"][COLUMNS[i].name] = toJson(row.by_column[i]);
+        found["model"][COLUMNS[i].name] = toJson(row.by_column[i]);
+        if (libraryHas(COLUMNS[i])) {
+            found["library"][COLUMNS[i].name] = toJson(row.library[i]);
+        }
     }
     return found;
 }
@@ -167,7 +340,28 @@ void checkSound(Check& check, const Row& row) {
                  without.freeze_s + std::max(sound_s, row.scene.group_s == 2 ? 0.1 : 0.4));
 }
 
+// The library does what the model does.
+void checkLibrary(Check& check, const Row& row) {
+    for (std::size_t i = 0; i < row.by_column.size(); ++i) {
+        if (libraryHas(COLUMNS[i])) {
+            const ViewerFigures& model = row.by_column[i];
+            const ViewerFigures& library = row.library[i];
+            const std::string name = COLUMNS[i].name;
+            check.atMost(row, (name + ": share, library and model").c_str(),
+                         std::abs(library.shown - model.shown), 0.01);
+            check.atMost(row, (name + ": freeze, library and model").c_str(),
+                         std::abs(library.freeze_s - model.freeze_s), 0.15);
+            check.atMost(row, (name + ": lag p99, library and model").c_str(),
+                         std::abs(library.lag_p99_s - model.lag_p99_s), 0.15);
+        }
+    }
+}
+
 void check(Check& check, const Row& row) {
+    checkLibrary(check, row);
+    if (row.scene.hard_lag_ms != 0) {
+        return;  // Whoever wants that prefers a freeze.
+    }
     row.scene.layered ? checkLayered(check, row) : checkPlain(check, row);
     if (row.scene.sound) {
         checkSound(check, row);
@@ -175,20 +369,54 @@ void check(Check& check, const Row& row) {
     check.atMost(row, "waste", row.by_column[POLICY].waste, 0);
 }
 
+Row play(const ViewerScene& scene) {
+    Row row{scene, {}, {}};
+    for (const Column& column : COLUMNS) {
+        row.by_column.push_back(modelViewer(scene, column.policy).figures);
+        row.library.push_back(libraryHas(column) ? LibraryViewer(scene, column.policy).play()
+                                                 : ViewerFigures());
+    }
+    return row;
+}
+
 }  // namespace
+
+extern "C" int clock_gettime(clockid_t clock, timespec* now) noexcept {
+    if (clock == CLOCK_MONOTONIC && t_stage.plays) {
+        now->tv_sec = static_cast<time_t>(t_stage.now_us / 1000000);
+        now->tv_nsec = static_cast<long>(t_stage.now_us % 1000000 * 1000);
+        return 0;
+    }
+    static auto* const real =
+        reinterpret_cast<decltype(::clock_gettime)*>(::dlsym(RTLD_NEXT, "clock_gettime"));
+    return real(clock, now);
+}
+
+extern "C" ssize_t sendmsg(int socket, const msghdr* message, int flags) {
+    if (t_stage.plays && socket == t_stage.socket) {
+        return t_stage.viewer->take(message->msg_iov, message->msg_iovlen);
+    }
+    static auto* const real = reinterpret_cast<decltype(::sendmsg)*>(::dlsym(RTLD_NEXT, "sendmsg"));
+    return real(socket, message, flags);
+}
 
 int main(int argc, char** argv) {
     bool checking = false;
+    std::string kind;
     CLI::App app{"What late viewers get by each rule"};
     app.add_flag("--check", checking, "prints what is not as it should be");
+    app.add_option("--kind", kind, "scenes of this kind only");
     CLI11_PARSE(app, argc, argv);
+    if (CreateThreadPool(2, 0) != 0) {
+        return 1;
+    }
     Check found;
     json rows = json::array();
     for (const ViewerScene& scene : viewerScenes()) {
-        Row row{scene, {}};
-        for (const Column& column : COLUMNS) {
-            row.by_column.push_back(modelViewer(scene, column.policy).figures);
+        if (!kind.empty() && scene.kind != kind) {
+            continue;
         }
+        const Row row = play(scene);
         if (checking) {
             check(found, row);
         } else {
@@ -198,5 +426,6 @@ int main(int argc, char** argv) {
     if (!checking) {
         std::puts(rows.dump().c_str());
     }
+    DestroyThreadPool();
     return found.count() != 0 ? 1 : 0;
 }
