@@ -107,14 +107,14 @@ void Seam::afterUnlock(const void* lock, LockWay way) noexcept {
     tsan_after_unlock(lock, way);
 }
 
-void Seam::beforeWait(const void* object) noexcept {
+void Seam::enter_wait(const void* object) noexcept {
     HeldLocks::require(Promise::WAIT);
     if (SeamObserver* const listener = observer()) {
         listener->waits(object);
     }
 }
 
-void Seam::afterWait(const void* object) noexcept {
+void Seam::leave_wait(const void* object) noexcept {
     if (SeamObserver* const listener = observer()) {
         listener->woke(object);
     }
@@ -126,16 +126,16 @@ void Seam::posted(const void* object) noexcept {
     }
 }
 
-void Seam::threadBegins(const char* name) noexcept {
+void Seam::thread_begins(const char* name) noexcept {
     if (SeamObserver* const listener = observer()) {
-        listener->threadBegins(name);
+        listener->thread_begins(name);
     }
 }
 
-void Seam::threadEnds(const char* name) noexcept {
+void Seam::thread_ends(const char* name) noexcept {
     HeldLocks::require(Promise::HANDLER);
     if (SeamObserver* const listener = observer()) {
-        listener->threadEnds(name);
+        listener->thread_ends(name);
     }
 }
 
@@ -148,7 +148,7 @@ timespec Seam::now() noexcept {
     return now;
 }
 
-SeamObserver* Seam::setObserver(SeamObserver* new_observer) noexcept {
+SeamObserver* Seam::set_observer(SeamObserver* new_observer) noexcept {
     return g_observer.exchange(new_observer, std::memory_order_acq_rel);
 }
 

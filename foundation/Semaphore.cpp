@@ -72,9 +72,9 @@ bool wait(std::atomic<uint64_t>& word, const timespec* deadline) noexcept {
 // As wait(), with whoever watches told.
 bool wait_watched(std::atomic<uint64_t>& word, const timespec* deadline) noexcept {
 #if defined(RETICOR_HELD_LOCKS)
-    Seam::beforeWait(&word);
+    Seam::enter_wait(&word);
     const bool taken = wait(word, deadline);
-    Seam::afterWait(&word);
+    Seam::leave_wait(&word);
     return taken;
 #else
     return wait(word, deadline);

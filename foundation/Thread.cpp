@@ -55,13 +55,13 @@ private:
 // Whoever watches the locks is told of the sleeps of threads; others are not.
 void before_wait([[maybe_unused]] const void* object) noexcept {
 #if defined(RETICOR_HELD_LOCKS)
-    Seam::beforeWait(object);
+    Seam::enter_wait(object);
 #endif
 }
 
 void after_wait([[maybe_unused]] const void* object) noexcept {
 #if defined(RETICOR_HELD_LOCKS)
-    Seam::afterWait(object);
+    Seam::leave_wait(object);
 #endif
 }
 
@@ -81,11 +81,11 @@ void* ThreadLife::run(void* self) {
     Detail::set_kernel_thread_name(thread->m_name);
     Detail::apply_scheduling(thread->m_name, thread->m_priority, thread->m_policy);
 #if defined(RETICOR_HELD_LOCKS)
-    Seam::threadBegins(thread->m_name);
+    Seam::thread_begins(thread->m_name);
 #endif
     thread->thread_proc();
 #if defined(RETICOR_HELD_LOCKS)
-    Seam::threadEnds(thread->m_name);
+    Seam::thread_ends(thread->m_name);
 #endif
     t_running = nullptr;
     // The last touch: whoever sees it may start the thread again.

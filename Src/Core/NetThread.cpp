@@ -138,7 +138,7 @@ int Library::start_services() {
         stop_services();
         return -1;
     }
-    fillEventReserve();
+    fill_event_reserve();
     return 0;
 }
 
@@ -152,7 +152,7 @@ void Library::stop_services() {
 
 int Library::set_up(unsigned int threads, AfterLock& after) {
     CTsMemory::InitStaticVal();
-    m_cpu_num = CThreadPool::processorCount();
+    m_cpu_num = CThreadPool::processor_count();
     if (start_services() != 0) {
         return -1;
     }
@@ -180,7 +180,7 @@ CThreadPool* Library::retire(int index, AfterLock& after) {
     CThreadPool* pool = PoolTable::Get(index);
     pool->Stop();
     PoolTable::Set(index, nullptr);
-    sockTimer().UnlinkAll(pool->m_sock_tree);
+    sock_timer().UnlinkAll(pool->m_sock_tree);
     CNetTimer::DropPool(index, pool->m_ids.Next());
     CMessage::CloseQueued(*pool, after.drops);
     return pool;

@@ -159,7 +159,7 @@ TEST_F(FileMemory, CloseNeedsNoMemory) {
     EXPECT_EQ(3, file->Write("abc", 3));
     std::vector<Reticor::FileTask*> nodes;
     nodes.reserve(1000);
-    while (Reticor::FileTask* const node = Reticor::fileTaskPool().Get()) {
+    while (Reticor::FileTask* const node = Reticor::file_task_pool().Get()) {
         nodes.push_back(node);
     }
     EXPECT_FALSE(nodes.empty());
@@ -169,7 +169,7 @@ TEST_F(FileMemory, CloseNeedsNoMemory) {
     EXPECT_EQ(1u, swept.lines) << swept.text;
     EXPECT_EVENTUALLY(contentOf(path) == "abc");
     for (Reticor::FileTask* const node : nodes) {
-        Reticor::fileTaskPool().Put(node, false);
+        Reticor::file_task_pool().Put(node, false);
     }
 }
 

@@ -233,7 +233,7 @@ TEST_F(HandlerMemory, ATimerThatFindsNoRecordRunsWhenThereIsOne) {
         std::vector<Reticor::CEvent*> reserve;
         reserve.reserve(1000);
         MemoryFault own(Whose::OWN, Extent::ALL);
-        while (Reticor::CEvent* const ev = Reticor::getEventReserved()) {
+        while (Reticor::CEvent* const ev = Reticor::get_event_reserved()) {
             reserve.push_back(ev);
         }
         own.end();
@@ -245,7 +245,7 @@ TEST_F(HandlerMemory, ATimerThatFindsNoRecordRunsWhenThereIsOne) {
         fault.end();
         EXPECT_EVENTUALLY(life->timeouts == 1);
         for (Reticor::CEvent* const ev : reserve) {
-            Reticor::putEvent(ev);
+            Reticor::put_event(ev);
         }
     }
     expectItWorks();

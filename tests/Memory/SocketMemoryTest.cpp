@@ -145,7 +145,7 @@ TEST_F(DebugServerMemory, TheServerStartsOrDoesNot) {
         int started = 1;
         const unsigned short port = freePort();
         const Swept swept =
-            withFault(successes, extent, [&] { started = Reticor::startDebugServer(port, "R3", true); });
+            withFault(successes, extent, [&] { started = Reticor::start_debug_server(port, "R3", true); });
         EXPECT_TRUE(started == 0 || (started == -1 && swept.hit && swept.lines > 0)) << swept.text;
         Reticor::R3ServerExit();
         return swept.hit;
@@ -167,7 +167,7 @@ TEST_F(DebugServerMemory, ACommandIsEnteredOrRefused) {
 
 TEST_F(DebugServerMemory, AClientThatFindsNoMemoryIsClosedAndTheNextOneServed) {
     const unsigned short port = freePort();
-    ASSERT_EQ(0, Reticor::startDebugServer(port, "R3", true));
+    ASSERT_EQ(0, Reticor::start_debug_server(port, "R3", true));
     for (size_t successes = 0; successes < 12; ++successes) {
         SCOPED_TRACE(successes);
         char byte = 0;

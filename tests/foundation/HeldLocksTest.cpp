@@ -227,8 +227,8 @@ TEST(LockOrders, WhatIsWantedUnderATriedLockMakesOne) {
 
 class Listener : public SeamObserver {
 public:
-    Listener() : m_before(Seam::setObserver(this)) {}
-    ~Listener() { Seam::setObserver(m_before); }
+    Listener() : m_before(Seam::set_observer(this)) {}
+    ~Listener() { Seam::set_observer(m_before); }
     std::string heard() const {
         const std::lock_guard<std::mutex> guard(m_mutex);
         return m_heard;
@@ -243,8 +243,8 @@ private:
     void waits(const void*) noexcept override { note("waits"); }
     void woke(const void*) noexcept override { note("woke"); }
     void posted(const void*) noexcept override { note("posts"); }
-    void threadBegins(const char* name) noexcept override { note(std::string("begins ") + name); }
-    void threadEnds(const char* name) noexcept override { note(std::string("ends ") + name); }
+    void thread_begins(const char* name) noexcept override { note(std::string("begins ") + name); }
+    void thread_ends(const char* name) noexcept override { note(std::string("ends ") + name); }
     void reads(timespec& now) noexcept override {
         if (m_moved) {
             now = timespec{5, 7000};

@@ -12,7 +12,7 @@
 
 namespace Orvex::Reticor {
 
-std::string className(const CNetHandler& handler) noexcept {
+std::string class_name(const CNetHandler& handler) noexcept {
     const char* raw = typeid(handler).name();
     int status = 0;
     const std::unique_ptr<char, void (*)(void*)> readable(abi::__cxa_demangle(raw, nullptr, nullptr, &status),

@@ -9,6 +9,6 @@ class CNetHandler;
 
 /// The readable name of the most derived class of a live handler. Allocates: for lines that are printed only.
 /// Empty if there is no memory.
-std::string className(const CNetHandler& handler) noexcept;
+std::string class_name(const CNetHandler& handler) noexcept;
 
 }  // namespace Orvex::Reticor

@@ -14,13 +14,13 @@ INFRA_CONSTINIT HandlerInternal HandlerInternal::sm_none;
 INFRA_CONSTINIT HandlerInternal HandlerInternal::sm_none_closed;
 
 HandlerInternal* HandlerInternal::Create(CNetHandler* owner) {
-    CEvent* const close_event = getEvent();
+    CEvent* const close_event = get_event();
     if (close_event == nullptr) {
         return None();
     }
     auto* const internal = new (std::nothrow) HandlerInternal(owner, close_event);
     if (internal == nullptr) {
-        putEvent(close_event);
+        put_event(close_event);
         return None();
     }
     return internal;
@@ -31,7 +31,7 @@ void HandlerInternal::Destroy(HandlerInternal* internal) {
         return;
     }
     if (internal->__m_magic.load(std::memory_order_relaxed) == HANDLER_OPEN) {
-        putEvent(internal->m_close_event);
+        put_event(internal->m_close_event);
     }
     delete internal;
 }

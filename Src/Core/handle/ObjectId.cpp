@@ -9,8 +9,8 @@ namespace Orvex::Reticor {
 
 namespace {
 
-int64_t* newRing(uint32_t capacity) {
-    return static_cast<int64_t*>(generalAllocate(sizeof(int64_t) * capacity));
+int64_t* new_ring(uint32_t capacity) {
+    return static_cast<int64_t*>(general_allocate(sizeof(int64_t) * capacity));
 }
 
 }  // namespace
@@ -20,7 +20,7 @@ std::atomic<int64_t> CObjectId::sm_drawn[POOLS];
 // Without memory the ring starts with no place, and the first release tries again.
 CObjectId::CObjectId(int index)
     : m_capacity(FIRST_CAPACITY),
-      m_ring(newRing(FIRST_CAPACITY)),
+      m_ring(new_ring(FIRST_CAPACITY)),
       m_index(index),
       m_first(FIRST_COUNTER - sm_drawn[index].load(std::memory_order_relaxed)),
       m_counter(m_first) {
@@ -31,7 +31,7 @@ CObjectId::CObjectId(int index)
 
 CObjectId::~CObjectId() {
     sm_drawn[m_index].store(FIRST_COUNTER - m_counter, std::memory_order_relaxed);
-    generalFree(m_ring);
+    general_free(m_ring);
 }
 
 int64_t CObjectId::Next() {
@@ -73,14 +73,14 @@ bool CObjectId::make_room() {
     if (capacity == m_capacity) {
         return false;
     }
-    int64_t* ring = newRing(capacity);
+    int64_t* ring = new_ring(capacity);
     if (ring == nullptr) {
         return false;
     }
     for (uint32_t i = 0; i < m_count; ++i) {
         ring[i] = m_ring[(m_read + i) % m_capacity];
     }
-    generalFree(m_ring);
+    general_free(m_ring);
     m_ring = ring;
     m_capacity = capacity;
     m_read = 0;

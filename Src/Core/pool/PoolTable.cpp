@@ -21,7 +21,7 @@ int PoolTable::PushEvent(int index, CEvent* ev) {
         pool->Push(ev);
         return 0;
     }
-    putEventChain(ev);
+    put_event_chain(ev);
     return 0;
 }
 
@@ -30,7 +30,7 @@ int PoolTable::PushFrontEvent(int index, CEvent* ev) {
         pool->PushFront(ev);
         return 0;
     }
-    putEvent(ev);
+    put_event(ev);
     return 0;
 }
 
@@ -39,7 +39,7 @@ int PoolTable::PushSerialEvent(int index, CEvent* ev) {
         pool->PushSerial(ev);
         return 0;
     }
-    putEventChain(ev);
+    put_event_chain(ev);
     return 0;
 }
 

@@ -21,12 +21,12 @@ constexpr unsigned int HEARTBEAT_WAIT_MS = 5000;
 
 }  // namespace
 
-unsigned int CThreadPool::processorCount() {
+unsigned int CThreadPool::processor_count() {
     const long count = sysconf(_SC_NPROCESSORS_ONLN);
     return count > 0 ? static_cast<unsigned int>(count) : 1;
 }
 
-int CThreadPool::workerCount(unsigned int threads, unsigned int cpus) {
+int CThreadPool::worker_count(unsigned int threads, unsigned int cpus) {
     if (cpus <= 1) {
         return static_cast<int>(threads);
     }
@@ -46,7 +46,7 @@ CThreadPool::CThreadPool(int index, unsigned int threads, int priority, int poli
     if (threads == 0) {
         INFRA_LOG(2, "Invalid thread num 0, Please check it!\n");
     }
-    m_thread_num = workerCount(threads, cpus);
+    m_thread_num = worker_count(threads, cpus);
     make_threads(body, priority, policy, stack);
     if (m_mux.Init() == -1) {
         INFRA_LOG(2, "socket mutiplexer init fail, Please check it!\n");
@@ -198,8 +198,8 @@ void CThreadPool::DaemonProc(Infra::CThreadLite& thread) {
             thread.setTimeout(LEASE_MS);
         }
         last = count;
-        fillEventReserve();
-        if (CEvent* beat = getEvent()) {
+        fill_event_reserve();
+        if (CEvent* beat = get_event()) {
             m_heartbeat.store(beat, std::memory_order_relaxed);
             beat->m_key = EVENT_KEY_HEARTBEAT;
             beat->m_next = nullptr;

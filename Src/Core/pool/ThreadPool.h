@@ -35,7 +35,7 @@ public:
     /// logged, and the pool runs as far as it can. The workers run `body`, which is handed in since it stands
     /// on what stands on pools; a pool without workers takes a null one.
     CThreadPool(int index, unsigned int threads, int priority, int policy, int stack, WorkerBody body,
-                unsigned int cpus = processorCount());
+                unsigned int cpus = processor_count());
     ~CThreadPool();
 
     CThreadPool(const CThreadPool&) = delete;
@@ -73,10 +73,10 @@ public:
     void PushSerial(CEvent* ev);
 
     /// The number of logical processors.
-    static unsigned int processorCount();
+    static unsigned int processor_count();
 
     /// `threads` raised to a multiple of `cpus`; on one processor as it is.
-    static int workerCount(unsigned int threads, unsigned int cpus);
+    static int worker_count(unsigned int threads, unsigned int cpus);
 
     /// Logs a frame at level 4 that names the library. Which version it is, `reticorversion` tells.
     static void Version();

@@ -52,7 +52,7 @@ void CThreadPool::serve(CEvent* ev, Infra::CThreadLite& thread) {
     } else if (key == EVENT_KEY_DRAIN) {
         drain(thread);
     } else if (key == EVENT_KEY_HEARTBEAT) {
-        putEvent(ev);  // it has done its job by being taken
+        put_event(ev);  // it has done its job by being taken
     } else {
         unexpected(ev);
     }
@@ -60,7 +60,7 @@ void CThreadPool::serve(CEvent* ev, Infra::CThreadLite& thread) {
 
 void CThreadPool::unexpected(CEvent* ev) {
     INFRA_LOG(2, "Exist unexpected event, Please check it, key : [%d]!\n", static_cast<int>(ev->m_key));
-    putEvent(ev);
+    put_event(ev);
     assert(0);
 }
 
@@ -73,7 +73,7 @@ void CThreadPool::drain(Infra::CThreadLite& thread) {
         if (ev->m_key != EVENT_KEY_SERIAL) {
             INFRA_LOG(2, "Exist unexpected event_serial, Please check it, key : [%d]!\n",
                       static_cast<int>(ev->m_key));
-            putEvent(ev);
+            put_event(ev);
             assert(0);
         }
         CMessage::HandleMessage(ev);
@@ -124,7 +124,7 @@ int CThreadPool::TraversalSock() {
     for (const ListedSocket& sock : listed) {
         INFRA_LOG_STATIC(4, "CThreadPool::Traversal, sock fd: %jd, owner: %p, owner type:%s \n",
                          static_cast<intmax_t>(sock.key), static_cast<void*>(sock.owner.get()),
-                         className(*sock.owner.get()).c_str());
+                         class_name(*sock.owner.get()).c_str());
     }
     return static_cast<int>(listed.size());
 }

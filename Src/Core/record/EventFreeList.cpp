@@ -51,7 +51,7 @@ void CEventFreeList::PutChain(CEvent* first, CEvent* last) {
 namespace {
 
 /// Never destroyed: threads of the library may still run while static objects are.
-CEventFreeList& freeList() {
+CEventFreeList& free_list() {
     static Infra::Forever<CEventFreeList> room;
     static CEventFreeList& list = room.make();
     return list;
@@ -93,7 +93,7 @@ struct StockReturn {
         while (t_stock.head != nullptr) {
             CEvent* ev = t_stock.head;
             t_stock.head = ev->m_next;
-            freeList().Put(ev);
+            free_list().Put(ev);
         }
     }
 };
@@ -111,9 +111,9 @@ bool open_stock() {
 
 /// Out of line: the stock is empty.
 CEvent* refill() {
-    CEvent* chain = open_stock() ? freeList().GetBatch(STOCK_BATCH) : nullptr;
+    CEvent* chain = open_stock() ? free_list().GetBatch(STOCK_BATCH) : nullptr;
     if (chain == nullptr) {
-        return freeList().Get();
+        return free_list().Get();
     }
     t_stock.head = chain->m_next;
     t_stock.count = 0;
@@ -133,7 +133,7 @@ void stock(CEvent* ev) {
 /// Out of line: the stock is full or not open yet.
 void spill(CEvent* ev) {
     if (!open_stock()) {
-        freeList().Put(ev);
+        free_list().Put(ev);
         return;
     }
     if (t_stock.count >= STOCK_LIMIT) {
@@ -144,14 +144,14 @@ void spill(CEvent* ev) {
         }
         t_stock.head = last->m_next;
         t_stock.count -= STOCK_BATCH;
-        freeList().PutChain(first, last);
+        free_list().PutChain(first, last);
     }
     stock(ev);
 }
 
 }  // namespace
 
-CEvent* getEvent() {
+CEvent* get_event() {
     CEvent* ev = t_stock.head;
     if (ev == nullptr) {
         return refill();
@@ -164,7 +164,7 @@ CEvent* getEvent() {
     return ev;
 }
 
-void putEvent(CEvent* ev) {
+void put_event(CEvent* ev) {
     if (t_stock.open && t_stock.count < STOCK_LIMIT) {
         stock(ev);
     } else {
@@ -172,8 +172,8 @@ void putEvent(CEvent* ev) {
     }
 }
 
-CEvent* getEventReserved() {
-    CEvent* ev = getEvent();
+CEvent* get_event_reserved() {
+    CEvent* ev = get_event();
     if (ev == nullptr) {
         ev = reserve().list.GetBatch(1);
         reserve().count.fetch_sub(ev != nullptr ? 1 : 0, std::memory_order_relaxed);
@@ -181,7 +181,7 @@ CEvent* getEventReserved() {
     return ev;
 }
 
-void fillEventReserve() {
+void fill_event_reserve() {
     Reserve& kept = reserve();
     while (kept.count.load(std::memory_order_relaxed) < Reserve::SIZE) {
         CEvent* const ev = new (std::nothrow) CEvent;
@@ -193,10 +193,10 @@ void fillEventReserve() {
     }
 }
 
-void putEventChain(CEvent* ev) {
+void put_event_chain(CEvent* ev) {
     while (ev != nullptr) {
         CEvent* next = ev->m_next;
-        putEvent(ev);
+        put_event(ev);
         ev = next;
     }
 }

@@ -9,7 +9,7 @@
 
 namespace Orvex::Reticor {
 
-/// The records that rest. The process has one, behind `getEvent` and `putEvent`.
+/// The records that rest. The process has one, behind `get_event` and `put_event`.
 class CEventFreeList {
 public:
     constexpr CEventFreeList() = default;
@@ -37,17 +37,17 @@ private:
 };
 
 /// Take from and give to the process's free list, through a small stock of records that each thread keeps: a
-/// record put and taken again on one thread is the same one. The list lives until the process ends. getEvent
+/// record put and taken again on one thread is the same one. The list lives until the process ends. get_event
 /// gives null if no record rests and there is no memory for one.
-CEvent* getEvent();
-void putEvent(CEvent* ev);
-void putEventChain(CEvent* ev);
+CEvent* get_event();
+void put_event(CEvent* ev);
+void put_event_chain(CEvent* ev);
 
-/// As getEvent, for what the library itself has to say while there is no memory: it then comes out of a small
+/// As get_event, for what the library itself has to say while there is no memory: it then comes out of a small
 /// reserve. Null once that is used up.
-CEvent* getEventReserved();
+CEvent* get_event_reserved();
 
 /// Fills that reserve up again, as far as there is memory. Any thread, now and then.
-void fillEventReserve();
+void fill_event_reserve();
 
 }  // namespace Orvex::Reticor

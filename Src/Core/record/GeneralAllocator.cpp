@@ -5,11 +5,11 @@
 
 namespace Orvex::Reticor {
 
-void* generalAllocate(size_t size) noexcept {
+void* general_allocate(size_t size) noexcept {
     return std::malloc(size);
 }
 
-void generalFree(void* p) noexcept {
+void general_free(void* p) noexcept {
     std::free(p);
 }
 

@@ -7,9 +7,9 @@
 namespace Orvex::Reticor {
 
 /// `size` bytes, aligned for any object, or null if there is no memory. Any thread.
-void* generalAllocate(size_t size) noexcept;
+void* general_allocate(size_t size) noexcept;
 
-/// Gives back what generalAllocate gave. Null is ignored. Any thread.
-void generalFree(void* p) noexcept;
+/// Gives back what general_allocate gave. Null is ignored. Any thread.
+void general_free(void* p) noexcept;
 
 }  // namespace Orvex::Reticor

@@ -48,45 +48,45 @@ enum class MuxForm : uint16_t {
 };
 
 /// Whether the kernel watches a socket in this form, or would if it were not parked.
-constexpr bool kernelKnows(MuxForm form) {
+constexpr bool kernel_knows(MuxForm form) {
     return form == MuxForm::level || form == MuxForm::parked || form == MuxForm::edge;
 }
 
-inline MuxForm muxForm(const CEvent* ev) {
+inline MuxForm mux_form(const CEvent* ev) {
     return static_cast<MuxForm>((ev->m_mux_state >> MUX_FORM_SHIFT) & 7);
 }
 
-inline uint32_t muxBook(const CEvent* ev) {
+inline uint32_t mux_book(const CEvent* ev) {
     return (ev->m_mux_state >> MUX_BOOK_SHIFT) & SOCK_DIRECTIONS;
 }
-inline void setMuxBook(CEvent* ev, uint32_t directions) {
+inline void set_mux_book(CEvent* ev, uint32_t directions) {
     Infra::relaxedStore(ev->m_mux_state, (ev->m_mux_state & ~(SOCK_DIRECTIONS << MUX_BOOK_SHIFT)) |
                                              directions << MUX_BOOK_SHIFT);
 }
 
-inline uint32_t muxArmed(const CEvent* ev) {
+inline uint32_t mux_armed(const CEvent* ev) {
     return (ev->m_mux_state >> MUX_ARMED_SHIFT) & SOCK_DIRECTIONS;
 }
 
 /// From the moment a record is queued until its worker has finished. Under the record's mutex.
-inline bool inFlight(const CEvent* ev) {
+inline bool is_in_flight(const CEvent* ev) {
     return ev->m_revents != 0 || (ev->m_mux_state & MUX_BUSY) != 0;
 }
 
-inline void setFlag(CEvent* ev, uint16_t flag) {
+inline void set_flag(CEvent* ev, uint16_t flag) {
     Infra::relaxedStore(ev->m_mux_state, ev->m_mux_state | flag);
 }
-inline void clearFlag(CEvent* ev, uint16_t flag) {
+inline void clear_flag(CEvent* ev, uint16_t flag) {
     Infra::relaxedStore(ev->m_mux_state, ev->m_mux_state & ~flag);
 }
-inline bool hasFlag(const CEvent* ev, uint16_t flag) {
+inline bool has_flag(const CEvent* ev, uint16_t flag) {
     return (ev->m_mux_state & flag) != 0;
 }
 
-inline void setRevents(CEvent* ev, int16_t revents) {
+inline void set_revents(CEvent* ev, int16_t revents) {
     Infra::relaxedStore(ev->m_revents, revents);
 }
-inline int16_t reventsNow(const CEvent* ev) {
+inline int16_t revents_now(const CEvent* ev) {
     return Infra::relaxedLoad(ev->m_revents);
 }
 

@@ -33,7 +33,7 @@ constexpr unsigned long SLOT_KEY = 0;
 
 /// The class of a size that is at least 1 and at most LARGEST. Each size falls into the smallest class that
 /// holds it, but for those from 1501 to 4096, which share one.
-constexpr int classOf(unsigned int size) {
+constexpr int class_of(unsigned int size) {
     const unsigned int last = size - 1;
     if (size <= 128) {
         return static_cast<int>(last / 8);
@@ -54,25 +54,25 @@ struct HeadOffsets {
     uint16_t m_large[LARGEST / 4096];
 };
 
-constexpr uint16_t offsetFor(unsigned int size) {
-    return static_cast<uint16_t>(static_cast<size_t>(classOf(size)) * sizeof(mem_head));
+constexpr uint16_t offset_for(unsigned int size) {
+    return static_cast<uint16_t>(static_cast<size_t>(class_of(size)) * sizeof(mem_head));
 }
 
-constexpr HeadOffsets makeHeadOffsets() {
+constexpr HeadOffsets make_head_offsets() {
     HeadOffsets offsets{};
     for (unsigned int i = 0; i < SMALL_LIMIT / 4; ++i) {
-        offsets.m_small[i] = offsetFor((i + 1) * 4);
+        offsets.m_small[i] = offset_for((i + 1) * 4);
     }
     for (unsigned int i = 0; i < LARGEST / 4096; ++i) {
-        offsets.m_large[i] = offsetFor((i + 1) * 4096);
+        offsets.m_large[i] = offset_for((i + 1) * 4096);
     }
     return offsets;
 }
 
-constexpr HeadOffsets s_head_offsets = makeHeadOffsets();
+constexpr HeadOffsets s_head_offsets = make_head_offsets();
 
 /// The head in `classes` for `size`. Null for 0 and for what is above LARGEST.
-inline mem_head* headFor(mem_head* classes, unsigned int size) {
+inline mem_head* head_for(mem_head* classes, unsigned int size) {
     const unsigned int last = size - 1;  // 0 wraps round to the largest number.
     unsigned int offset = 0;
     if (__builtin_expect(last < SMALL_LIMIT, 1)) {
@@ -96,13 +96,13 @@ const mem_head s_nothing[HEADS_IN_FRONT + CLASSES] = {};
 __attribute__((tls_model("initial-exec"))) thread_local mem_head* t_classes =
     const_cast<mem_head*>(s_nothing) + HEADS_IN_FRONT;
 
-mem_head* noTable() {
+mem_head* no_table() {
     return const_cast<mem_head*>(s_nothing) + HEADS_IN_FRONT;
 }
 
 /// A table in use, with empty classes. Null if there is no memory.
-mem_head* newTable(const mem_head (&classes)[CLASSES]) {
-    void* memory = generalAllocate(sizeof(s_nothing));
+mem_head* new_table(const mem_head (&classes)[CLASSES]) {
+    void* memory = general_allocate(sizeof(s_nothing));
     if (memory == nullptr) {
         return nullptr;
     }
@@ -112,7 +112,7 @@ mem_head* newTable(const mem_head (&classes)[CLASSES]) {
     return heads + HEADS_IN_FRONT;
 }
 
-inline mem_block* takeFirst(mem_head& head) {
+inline mem_block* take_first_block(mem_head& head) {
     mem_block* block = head.m_first;
     if (__builtin_expect(block == nullptr, 0)) {
         return nullptr;
@@ -124,7 +124,7 @@ inline mem_block* takeFirst(mem_head& head) {
 }
 
 /// False if the count says that the list is full.
-inline bool putLast(mem_head& head, mem_block* block) {
+inline bool put_last(mem_head& head, mem_block* block) {
     if (__builtin_expect(head.m_count == head.m_max, 0)) {
         return false;
     }
@@ -139,17 +139,17 @@ inline bool putLast(mem_head& head, mem_block* block) {
     return true;
 }
 
-/// As putLast, after counting what was taken. False if the list is full indeed.
-bool settleAndPutLast(mem_head& head, mem_block* block) {
+/// As put_last, after counting what was taken. False if the list is full indeed.
+bool settle_and_put_last(mem_head& head, mem_block* block) {
     if (head.m_taken != 0) {
         head.m_count = static_cast<uint16_t>(head.m_count - head.m_taken);
         head.m_taken = 0;
     }
-    return putLast(head, block);
+    return put_last(head, block);
 }
 
-void* newBlock(int index, size_t size) {
-    auto* block = static_cast<mem_block*>(generalAllocate(size + sizeof(mem_block)));
+void* fresh_block(int index, size_t size) {
+    auto* block = static_cast<mem_block*>(general_allocate(size + sizeof(mem_block)));
     if (block == nullptr) {
         return nullptr;
     }
@@ -164,12 +164,12 @@ void* newBlock(int index, size_t size) {
 void free_table(void* table) {
     auto* classes = static_cast<mem_head*>(table);
     for (int i = 0; i < MemTables::CLASS_COUNT; ++i) {
-        while (mem_block* block = takeFirst(classes[i])) {
-            generalFree(block);
+        while (mem_block* block = take_first_block(classes[i])) {
+            general_free(block);
         }
     }
     if (classes != MemTables::TEMPLATE) {
-        generalFree(classes - HEADS_IN_FRONT);
+        general_free(classes - HEADS_IN_FRONT);
     }
 }
 
@@ -177,20 +177,20 @@ __attribute__((noinline)) void* do_malloc(mem_head* table, unsigned int size, bo
     if (size == 0) {
         size = 1;
     }
-    if (size > LARGEST || table == nullptr || table == noTable()) {
-        return newBlock(NO_CLASS, size);
+    if (size > LARGEST || table == nullptr || table == no_table()) {
+        return fresh_block(NO_CLASS, size);
     }
-    const int index = classOf(size);
+    const int index = class_of(size);
     mem_block* block = nullptr;
     if (lock) {
         Infra::CGuard guard(MemTables::sm_pool_mutex);
         // The shared table may have gone while this thread waited.
         mem_head* shared = __atomic_load_n(&MemTables::sm_shared, __ATOMIC_ACQUIRE);
-        block = shared != nullptr ? takeFirst(shared[index]) : nullptr;
+        block = shared != nullptr ? take_first_block(shared[index]) : nullptr;
     } else {
-        block = takeFirst(table[index]);
+        block = take_first_block(table[index]);
     }
-    return block != nullptr ? block + 1 : newBlock(index, MemTables::TEMPLATE[index].m_size);
+    return block != nullptr ? block + 1 : fresh_block(index, MemTables::TEMPLATE[index].m_size);
 }
 
 __attribute__((noinline)) void do_free(mem_head* table, void* p, bool lock) {
@@ -202,12 +202,12 @@ __attribute__((noinline)) void do_free(mem_head* table, void* p, bool lock) {
     if (lock) {
         Infra::CGuard guard(MemTables::sm_pool_mutex);
         mem_head* shared = __atomic_load_n(&MemTables::sm_shared, __ATOMIC_ACQUIRE);
-        kept = shared != nullptr && settleAndPutLast(shared[block->m_index], block);
+        kept = shared != nullptr && settle_and_put_last(shared[block->m_index], block);
     } else {
-        kept = table != nullptr && settleAndPutLast(table[block->m_index], block);
+        kept = table != nullptr && settle_and_put_last(table[block->m_index], block);
     }
     if (!kept) {
-        generalFree(block);
+        general_free(block);
     }
 }
 
@@ -230,13 +230,13 @@ void CTsMemory::CreateMemPool() {
             MemTables::sm_key = SLOT_KEY;
         }
     }
-    if (t_classes == noTable()) {
-        mem_head* classes = newTable(MemTables::TEMPLATE);
-        t_classes = classes != nullptr ? classes : noTable();
+    if (t_classes == no_table()) {
+        mem_head* classes = new_table(MemTables::TEMPLATE);
+        t_classes = classes != nullptr ? classes : no_table();
     }
     if (__atomic_load_n(&MemTables::sm_shared, __ATOMIC_ACQUIRE) == nullptr) {
         mem_head* none = nullptr;
-        mem_head* shared = newTable(MemTables::TEMPLATE);
+        mem_head* shared = new_table(MemTables::TEMPLATE);
         if (!__atomic_compare_exchange_n(&MemTables::sm_shared, &none, shared, false, __ATOMIC_ACQ_REL,
                                          __ATOMIC_ACQUIRE) &&
             shared != nullptr) {
@@ -247,8 +247,8 @@ void CTsMemory::CreateMemPool() {
 
 void CTsMemory::DestroyThreadMemPool() {
     mem_head* classes = t_classes;
-    if (classes != noTable()) {
-        t_classes = noTable();
+    if (classes != no_table()) {
+        t_classes = no_table();
         free_table(classes);
     }
 }
@@ -269,9 +269,9 @@ void CTsMemory::DestroyMemPool() {
 // Each starts a cache line, of which the short way takes one and a bit.
 
 __attribute__((aligned(64))) void* CTsMemory::TsMalloc(unsigned int size) {
-    mem_head* head = headFor(t_classes, size);
+    mem_head* head = head_for(t_classes, size);
     if (__builtin_expect(head != nullptr, 1)) {
-        if (mem_block* block = takeFirst(*head)) {
+        if (mem_block* block = take_first_block(*head)) {
             return block + 1;
         }
     }
@@ -281,7 +281,7 @@ __attribute__((aligned(64))) void* CTsMemory::TsMalloc(unsigned int size) {
 __attribute__((aligned(64))) void CTsMemory::TsFree(void* p) {
     if (__builtin_expect(p != nullptr, 1)) {
         mem_block* block = static_cast<mem_block*>(p) - 1;
-        if (!putLast(t_classes[block->m_index], block)) {
+        if (!put_last(t_classes[block->m_index], block)) {
             do_free(t_classes, p, false);
         }
     }

@@ -9,7 +9,7 @@
 namespace Orvex::Reticor {
 
 bool DueChains::Add(const ArmedTimer& timer) {
-    CEvent* ev = getEventReserved();
+    CEvent* ev = get_event_reserved();
     if (ev == nullptr) {
         return false;
     }

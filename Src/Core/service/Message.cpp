@@ -30,7 +30,7 @@ namespace {
 /// Whether the workers print what they handle; set by the command "threadpool".
 std::atomic<int32_t> g_print{0};
 
-const R3Command g_threadpool_command(&r3StoreFlag<g_print>, "threadpool", HELP_THREADPOOL);
+const R3Command g_threadpool_command(&r3_store_flag<g_print>, "threadpool", HELP_THREADPOOL);
 
 /// What NotifyIO posts.
 class IOQueue : public CEventQueue {
@@ -119,8 +119,9 @@ void print_message(const HandlerPin& handler, const CEvent* ev, Moment moment) {
                  ? "thread:%d, object:%p,class:%s, handle message begin at %ju us,msg:%d,attach:%d\n"
                  : "thread:%d, object:%p,class:%s, handle message end at %ju us,msg:%d,attach:%d\n",
              Infra::CThread::getCurrentThreadID(), static_cast<void*>(handler.get()),
-             className(*handler.get()).c_str(), static_cast<uintmax_t>(Infra::CTime::getCurrentMicroSecond()),
-             static_cast<int>(ev->m_msg), ev->m_from_close != 0 ? 0 : static_cast<int>(ev->m_attach));
+             class_name(*handler.get()).c_str(),
+             static_cast<uintmax_t>(Infra::CTime::getCurrentMicroSecond()), static_cast<int>(ev->m_msg),
+             ev->m_from_close != 0 ? 0 : static_cast<int>(ev->m_attach));
 }
 
 }  // namespace
@@ -135,7 +136,7 @@ void CMessage::Notify(long sender, long receiver, unsigned int msg, long attach,
         return;
     }
     assert_index(receiver);
-    CEvent* ev = fill_record(getEvent(), EVENT_KEY_MESSAGE, sender, receiver, msg, attach);
+    CEvent* ev = fill_record(get_event(), EVENT_KEY_MESSAGE, sender, receiver, msg, attach);
     if (ev == nullptr) {
         return;
     }
@@ -152,7 +153,7 @@ void CMessage::Tell(long sender, long receiver, unsigned int msg, long attach) {
         return;
     }
     assert_index(receiver);
-    if (CEvent* ev = fill_record(getEventReserved(), EVENT_KEY_MESSAGE, sender, receiver, msg, attach)) {
+    if (CEvent* ev = fill_record(get_event_reserved(), EVENT_KEY_MESSAGE, sender, receiver, msg, attach)) {
         PoolTable::PushEvent(INDEX_OF_ID(receiver), ev);
     }
 }
@@ -163,7 +164,7 @@ void CMessage::NotifySerial(long sender, long receiver, unsigned int msg, long a
         return;
     }
     assert_index(receiver);
-    if (CEvent* ev = fill_record(getEvent(), EVENT_KEY_SERIAL, sender, receiver, msg, attach)) {
+    if (CEvent* ev = fill_record(get_event(), EVENT_KEY_SERIAL, sender, receiver, msg, attach)) {
         PoolTable::PushSerialEvent(INDEX_OF_ID(receiver), ev);
     }
 }
@@ -190,7 +191,7 @@ int CMessage::HandleMessage(CEvent* ev) {
         }
         print_message(handler, ev, Moment::end);
     }
-    putEvent(ev);
+    put_event(ev);
     return 0;
 }
 
@@ -206,7 +207,7 @@ void CMessage::CloseQueued(CThreadPool& pool, HandlerDrops& drops) {
             drops.Take(pool.DetachObject(ev->m_receiver));
         }
         drops.Take(std::move(handler));
-        putEvent(ev);
+        put_event(ev);
     }
     if (others != nullptr) {
         pool.m_event.Push(others);
@@ -225,7 +226,7 @@ unsigned CMessage::CountIOMessages() {
 
 void CMessage::DropIOMessages() {
     while (CEvent* ev = io_queue().PopNow()) {
-        putEvent(ev);
+        put_event(ev);
     }
 }
 

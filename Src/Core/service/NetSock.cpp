@@ -41,15 +41,15 @@ uintmax_t now() {
 
 /// The lines of a call into a handler, at its begin and its end: `what` is the operation.
 void trace_call(const char* what, const char* moment, const CEvent* event, const HandlerPin& handler) {
-    const int revents = reventsNow(event);
-    if (Flags::passesRevents(revents) && Flags::passesDensity() &&
+    const int revents = revents_now(event);
+    if (Flags::passes_revents(revents) && Flags::passes_density() &&
         Flags::matches(event->m_key, Infra::relaxedLoad(event->m_obj_id))) {
         const bool timeout = what[0] == 't';
         INFRA_LOG_PLAIN(
             3,
             "<Reticor Debug> Enter CNetSock::handle_%s  object:%p, class:%s handle sock %s%s at %ju us, "
             "fd:%lld,revents:%x.\n",
-            what, static_cast<void*>(handler.get()), className(*handler.get()).c_str(),
+            what, static_cast<void*>(handler.get()), class_name(*handler.get()).c_str(),
             timeout ? "timeout " : "event ", moment, now(), traced(event->m_key),
             static_cast<unsigned int>(revents));
     }
@@ -57,14 +57,14 @@ void trace_call(const char* what, const char* moment, const CEvent* event, const
 
 /// The lines of RemoveSock: at its entry, and for the idle (&1) and the in-flight case (&2).
 void trace_remove(const char* where, CNetHandler* handler, int64_t fd) {
-    if (tracing() && Flags::passesDensity() && Flags::matches(fd, id_of(handler))) {
+    if (tracing() && Flags::passes_density() && Flags::matches(fd, id_of(handler))) {
         INFRA_LOG_PLAIN(3, "<Reticor Debug> %s CNetHandler:%p, owner type:%s, socket:%lld.\n", where,
-                        static_cast<void*>(handler), className(*handler).c_str(), traced(fd));
+                        static_cast<void*>(handler), class_name(*handler).c_str(), traced(fd));
     }
 }
 
 void trace_delivered(CEvent* event, int ret) {
-    if (Flags::passesRevents(reventsNow(event)) &&
+    if (Flags::passes_revents(revents_now(event)) &&
         Flags::matches(event->m_key, Infra::relaxedLoad(event->m_obj_id))) {
         RecordPin pin = RecordPin::Enter(event);
         INFRA_LOG_PLAIN(3,
@@ -93,13 +93,13 @@ int CNetSock::check_valid(int fd) {
 int CNetSock::RegisterSock(CNetHandler* handler, CSock& sock, unsigned int type,
                            int time_out) INFRA_NO_THREAD_SAFETY_ANALYSIS {
     const int fd = sock.GetHandle();
-    if (tracing() && Flags::passesType(type) && Flags::passesDensity() &&
+    if (tracing() && Flags::passes_type(type) && Flags::passes_density() &&
         Flags::matches(fd, id_of(handler))) {
         INFRA_LOG_PLAIN(
             3,
             "<Reticor Debug> Enter CNetSock::RegisterSock CNetHandler:%p, owner type:%s, socket:%lld, "
             "type:%d, time_out:%d obj:%lld. \n",
-            static_cast<void*>(handler), className(*handler).c_str(), traced(fd), static_cast<int>(type),
+            static_cast<void*>(handler), class_name(*handler).c_str(), traced(fd), static_cast<int>(type),
             time_out, traced(id_of(handler)));
     }
     if (check_valid(fd) == -1) {
@@ -128,13 +128,13 @@ int CNetSock::RegisterSock(CNetHandler* handler, CSock& sock, unsigned int type,
 // Entered with the tree's lock held for writing, which it leaves.
 int CNetSock::register_new_event(CThreadPool& pool, CNetHandler* handler, int fd, unsigned int type,
                                  int time_out) INFRA_NO_THREAD_SAFETY_ANALYSIS {
-    if (tracing() && Flags::passesType(type) && Flags::matches(fd, id_of(handler))) {
+    if (tracing() && Flags::passes_type(type) && Flags::matches(fd, id_of(handler))) {
         INFRA_LOG_PLAIN(3,
                         "<Reticor Debug> Enter CNetSock::register_new_event CNetHandler:%p, owner type:%s, "
                         "socket:%lld.\n",
-                        static_cast<void*>(handler), className(*handler).c_str(), traced(fd));
+                        static_cast<void*>(handler), class_name(*handler).c_str(), traced(fd));
     }
-    CEvent* event = getEvent();
+    CEvent* event = get_event();
     if (event == nullptr) {
         pool.m_sock_tree.Unlock();
         INFRA_LOG_STATIC(2, "RegisterSock no memory, fd: %d\n", fd);
@@ -152,13 +152,13 @@ int CNetSock::register_new_event(CThreadPool& pool, CNetHandler* handler, int fd
         pool.m_mux.Delist(event);
         pool.m_sock_tree.Unlock();
         pin.Leave();
-        putEvent(event);
+        put_event(event);
         INFRA_LOG_STATIC(2, "RegisterSock no memory, fd: %d\n", fd);
         return -1;
     }
     pool.m_sock_tree.Unlock();
     if (time_out > 0) {
-        sockTimer().Link(event, time_out);
+        sock_timer().Link(event, time_out);
     }
     pool.m_mux.AddEvent(event);
     HandlerInternal::Of(*handler).AddSock();
@@ -167,18 +167,18 @@ int CNetSock::register_new_event(CThreadPool& pool, CNetHandler* handler, int fd
 
 void CNetSock::modify_exist_event(CThreadPool& pool, CNetHandler* handler, RecordPin event, unsigned int type,
                                   int time_out) {
-    if (tracing() && Flags::passesType(type) && Flags::matches(event->m_key, id_of(handler))) {
+    if (tracing() && Flags::passes_type(type) && Flags::matches(event->m_key, id_of(handler))) {
         INFRA_LOG_PLAIN(3,
                         "<Reticor Debug> Enter CNetSock::modify_exist_event CNetHandler:%p, owner type:%s, "
                         "socket:%lld, m_set_time:%llu, m_revents:%x.\n",
-                        static_cast<void*>(handler), className(*handler).c_str(), traced(event->m_key),
+                        static_cast<void*>(handler), class_name(*handler).c_str(), traced(event->m_key),
                         static_cast<unsigned long long>(event->m_timer.m_set_time),
-                        static_cast<unsigned int>(reventsNow(event.get())));
+                        static_cast<unsigned int>(revents_now(event.get())));
     }
     Infra::relaxedStore(event->m_obj_id, static_cast<int64_t>(id_of(handler)));
-    clearFlag(event.get(), MUX_ORPHAN);
+    clear_flag(event.get(), MUX_ORPHAN);
     if (event->m_timer.m_set_time != 0 || time_out != 0) {
-        if (inFlight(event.get())) {
+        if (is_in_flight(event.get())) {
             event->m_timer.m_set_time = time_out;  // the worker applies it
         } else {
             reset_timer(event.get(), time_out);
@@ -186,10 +186,10 @@ void CNetSock::modify_exist_event(CThreadPool& pool, CNetHandler* handler, Recor
     }
     event->m_event_mask |= type;
     event->m_timer.m_asked |= type;
-    if (inFlight(event.get())) {
+    if (is_in_flight(event.get())) {
         // The worker watches the socket again by the new mask. The number may have been closed and reused
         // since the kernel was told.
-        setFlag(event.get(), MUX_FORCE);
+        set_flag(event.get(), MUX_FORCE);
     } else {
         pool.m_mux.ModifyEvent(event.get());
     }
@@ -201,12 +201,12 @@ void CNetSock::modify_exist_event(CThreadPool& pool, CNetHandler* handler, Recor
 
 int CNetSock::UnregisterSock(CNetHandler* handler, CSock& sock, unsigned int type) {
     const int fd = sock.GetHandle();
-    if (tracing() && Flags::passesType(type) && Flags::passesDensity() &&
+    if (tracing() && Flags::passes_type(type) && Flags::passes_density() &&
         Flags::matches(fd, id_of(handler))) {
         INFRA_LOG_PLAIN(3,
                         "<Reticor Debug> Enter CNetSock::UnregisterSock CNetHandler:%p, owner type:%s, "
                         "socket:%lld, type:%d.\n",
-                        static_cast<void*>(handler), className(*handler).c_str(), traced(fd),
+                        static_cast<void*>(handler), class_name(*handler).c_str(), traced(fd),
                         static_cast<int>(type));
     }
     type &= SOCK_DIRECTIONS;
@@ -220,9 +220,9 @@ int CNetSock::UnregisterSock(CNetHandler* handler, CSock& sock, unsigned int typ
     }
     event->m_event_mask &= ~type;
     if ((event->m_event_mask & (SOCK_READ | SOCK_WRITE)) == 0 && CSockTimer::IsLinked(event.get())) {
-        sockTimer().Unlink(event.get());
+        sock_timer().Unlink(event.get());
     }
-    if (!inFlight(event.get())) {
+    if (!is_in_flight(event.get())) {
         pool->m_mux.ModifyEvent(event.get());
     }
     return 0;
@@ -236,7 +236,7 @@ int CNetSock::RemoveSock(CNetHandler* handler, CSock& sock) INFRA_NO_THREAD_SAFE
         // number, which is somebody else's by now.
         if (HandlerInternal::Of(*handler).m_sock.load(std::memory_order_relaxed) != 0) {
             INFRA_LOG_STATIC(2, "RemoveSock closed sock, class: %s, id: %ld, remove it before it is closed\n",
-                             className(*handler).c_str(), id_of(handler));
+                             class_name(*handler).c_str(), id_of(handler));
         }
         return 0;
     }
@@ -251,7 +251,7 @@ int CNetSock::RemoveSock(CNetHandler* handler, CSock& sock) INFRA_NO_THREAD_SAFE
         tree.Unlock();
         return 0;
     }
-    if (!inFlight(event.get())) {
+    if (!is_in_flight(event.get())) {
         HandlerInternal::Of(*handler).DecSock();
         remove_sock(std::move(event), *pool);
         trace_remove("CNetSock::RemoveSock &1 ", handler, fd);
@@ -263,7 +263,7 @@ int CNetSock::RemoveSock(CNetHandler* handler, CSock& sock) INFRA_NO_THREAD_SAFE
         // The number may be closed as soon as this returns, so the kernel forgets it now.
         pool->m_mux.Forget(event.get());
         event->m_event_mask = SOCK_REMOVED;
-        setRevents(event.get(), REVENT_REMOVED);
+        set_revents(event.get(), REVENT_REMOVED);
         trace_remove("CNetSock::RemoveSock &2 ", handler, fd);
     }
     return 0;
@@ -281,10 +281,10 @@ void CNetSock::remove_sock(RecordPin event, CThreadPool& pool) INFRA_NO_THREAD_S
     pool.m_sock_tree.RemoveLocked(record->m_key);
     pool.m_sock_tree.Unlock();
     if (CSockTimer::IsLinked(record)) {
-        sockTimer().Unlink(record);
+        sock_timer().Unlink(record);
     }
     event.Leave();
-    putEvent(record);
+    put_event(record);
 }
 
 CNetSock::Registration CNetSock::Look(CNetHandler* handler, CSock& sock) {
@@ -310,7 +310,7 @@ int CNetSock::handle_netevent(CEvent* event) {
 }
 
 int CNetSock::deliver(CEvent* event, int64_t& missing_owner) {
-    const bool timed_out = (reventsNow(event) & (REVENT_READ_TIMEOUT | REVENT_WRITE_TIMEOUT)) != 0;
+    const bool timed_out = (revents_now(event) & (REVENT_READ_TIMEOUT | REVENT_WRITE_TIMEOUT)) != 0;
     return timed_out ? handle_timeout(event, missing_owner) : handle_net(event, missing_owner);
 }
 
@@ -328,13 +328,13 @@ int CNetSock::handle_net(CEvent* event, int64_t& missing_owner) {
     const int fd = static_cast<int>(event->m_key);
     int ret = -1;
     INFRA_PROMISE(HANDLER);
-    if (reventsNow(event) & REVENT_EXCEPT) {
+    if (revents_now(event) & REVENT_EXCEPT) {
         ret = handler->handle_exception(fd);
     } else {
-        if (reventsNow(event) & REVENT_READ) {
+        if (revents_now(event) & REVENT_READ) {
             ret = handler->handle_input(fd);
         }
-        if (reventsNow(event) & REVENT_WRITE) {
+        if (revents_now(event) & REVENT_WRITE) {
             ret = handler->handle_output(fd);
         }
     }
@@ -355,9 +355,9 @@ int CNetSock::handle_timeout(CEvent* event, int64_t& missing_owner) {
         trace_call("timeout", "begin", event, handler);
     }
     const int fd = static_cast<int>(event->m_key);
-    if (reventsNow(event) & REVENT_READ_TIMEOUT) {
+    if (revents_now(event) & REVENT_READ_TIMEOUT) {
         handler->handle_input_timeout(fd);
-    } else if (reventsNow(event) & REVENT_WRITE_TIMEOUT) {
+    } else if (revents_now(event) & REVENT_WRITE_TIMEOUT) {
         handler->handle_output_timeout(fd);
     }
     if (tracing()) {
@@ -381,8 +381,8 @@ void CNetSock::finish(CEvent* record, int ret, int64_t missing_owner) {
     if (event->m_revents & REVENT_REMOVED) {
         ret = 0;  // removed and registered again while the handler ran
     }
-    setRevents(record, 0);
-    clearFlag(record, MUX_BUSY);
+    set_revents(record, 0);
+    clear_flag(record, MUX_BUSY);
     // A registration meanwhile may have named an owner that this delivery did not look for.
     if (!pool->m_mux.Rearm(record, event->m_obj_id != missing_owner)) {
         ret = 0;  // as if removed and registered again: the call was about an earlier socket
@@ -409,25 +409,25 @@ bool CNetSock::free_removed(CEvent* record, CThreadPool& pool) INFRA_NO_THREAD_S
 }
 
 void CNetSock::reset_timer(CEvent* event, int time_out) {
-    if (tracing() && Flags::passesDensity() && Flags::matches(event->m_key, event->m_obj_id)) {
+    if (tracing() && Flags::passes_density() && Flags::matches(event->m_key, event->m_obj_id)) {
         INFRA_LOG_PLAIN(3, "<Reticor Debug> Enter CNetSock::reset_timer timt_out:%d, socket:%d.\n", time_out,
                         static_cast<int>(event->m_key));
     }
     if (time_out > 0) {
         if (CSockTimer::IsLinked(event)) {
-            sockTimer().Update(event, time_out);
+            sock_timer().Update(event, time_out);
         } else {
-            sockTimer().Link(event, time_out);
+            sock_timer().Link(event, time_out);
         }
     } else if (CSockTimer::IsLinked(event)) {
-        sockTimer().Unlink(event);
+        sock_timer().Unlink(event);
     }
 }
 
 // ---- process level -------------------------------------------------------------------------------------
 
 int InitSocketLibrary() {
-    return sockTimer().Start();
+    return sock_timer().Start();
 }
 
 int CleanupSocketLibrary() {
@@ -435,7 +435,7 @@ int CleanupSocketLibrary() {
 }
 
 int StopSockTimer() {
-    sockTimer().Stop();
+    sock_timer().Stop();
     return 0;
 }
 

@@ -125,7 +125,7 @@ void print_timer(const HandlerPin& handler, const char* moment) {
     if (CMessage::printing()) {
         R3Printf("thread:%d, object:%p,class:%s, handle message %s at %ju us\n",
                  Infra::CThread::getCurrentThreadID(), static_cast<void*>(handler.get()),
-                 className(*handler.get()).c_str(), moment,
+                 class_name(*handler.get()).c_str(), moment,
                  static_cast<uintmax_t>(Infra::CTime::getCurrentMicroSecond()));
     }
 }
@@ -184,7 +184,7 @@ long CNetTimer::set_timer(CEvent* ev) {
     if (heap().Rearm({id, ev->m_obj_id, expiry(delay), delay})) {
         announce_top();
     }
-    putEvent(ev);
+    put_event(ev);
     return id;
 }
 
@@ -203,7 +203,7 @@ int CNetTimer::handle_timer(CEvent* ev) {
     }
     if (result < 0) {
         heap().Release(id);
-        putEvent(ev);
+        put_event(ev);
         return 0;
     }
     if (result > 0) {

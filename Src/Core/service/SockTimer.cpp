@@ -9,7 +9,7 @@
 
 namespace Orvex::Reticor {
 
-CSockTimer& sockTimer() {
+CSockTimer& sock_timer() {
     static CSockTimer timer;
     return timer;
 }
@@ -45,7 +45,7 @@ void CSockTimer::set_deadline(CEvent* ev, int time_out) {
 
 void CSockTimer::Link(CEvent* ev, int time_out) {
     set_deadline(ev, time_out);
-    setFlag(ev, MUX_LISTED);
+    set_flag(ev, MUX_LISTED);
     ev->m_timer.m_timer_prev = nullptr;
     Infra::CGuard guard(m_mutex);
     ev->m_timer.m_timer_next = m_head;
@@ -78,7 +78,7 @@ void CSockTimer::unlink_locked(CEvent* ev) {
     node.m_sock_deadline = 0;
     node.m_timer_prev = nullptr;
     node.m_timer_next = nullptr;
-    clearFlag(ev, MUX_LISTED);
+    clear_flag(ev, MUX_LISTED);
 }
 
 void CSockTimer::UnlinkAll(BTree& tree) {
@@ -128,13 +128,13 @@ void CSockTimer::expire(RecordPin record) {
     }
     pool->m_mux.RemoveEvent(ev);
     if (ev->m_event_mask & SOCK_READ) {
-        setRevents(ev, REVENT_READ_TIMEOUT);
+        set_revents(ev, REVENT_READ_TIMEOUT);
     } else if (ev->m_event_mask & SOCK_WRITE) {
-        setRevents(ev, REVENT_WRITE_TIMEOUT);
+        set_revents(ev, REVENT_WRITE_TIMEOUT);
     } else {
         // No direction is left to call: the record passes through a worker all the same, and counts as in
         // flight.
-        setFlag(ev, MUX_BUSY);
+        set_flag(ev, MUX_BUSY);
     }
     ev->m_next = nullptr;
     record.Leave();

@@ -34,7 +34,7 @@ public:
     void Link(CEvent* ev, int time_out);
     void Unlink(CEvent* ev);
     void Update(CEvent* ev, int time_out);
-    static bool IsLinked(const CEvent* ev) { return hasFlag(ev, MUX_LISTED); }
+    static bool IsLinked(const CEvent* ev) { return has_flag(ev, MUX_LISTED); }
 
     /// Takes every record of a pool's tree off the list, at the pool's end, when nobody finds the pool any
     /// more, and waits for a pass that is under way: after that nobody has a record of the pool in hand.
@@ -59,6 +59,6 @@ private:
 };
 
 /// The process's one.
-CSockTimer& sockTimer();
+CSockTimer& sock_timer();
 
 }  // namespace Orvex::Reticor

@@ -17,17 +17,17 @@ using KeyNode = BTree::KeyNode;
 
 template <class Record>
 Record* make() {
-    void* memory = generalAllocate(sizeof(Record));
+    void* memory = general_allocate(sizeof(Record));
     return memory != nullptr ? new (memory) Record : nullptr;
 }
 
-int64_t keyIn(const KeyNode* key_node) {
-    return BTree::keyOf(key_node->m_data);
+int64_t key_in(const KeyNode* key_node) {
+    return BTree::key_of(key_node->m_data);
 }
 
 // ---- the list of a node ----------------------------------------------------------------------------------
 
-KeyNode* lastOf(const Node* node) {
+KeyNode* last_of(const Node* node) {
     return node->m_head != nullptr ? node->m_head->m_prev : nullptr;
 }
 
@@ -71,8 +71,8 @@ void prepend(Node* from, Node* to) {
     if (from->m_head == nullptr) {
         return;
     }
-    KeyNode* last = lastOf(to);
-    KeyNode* middle = lastOf(from);
+    KeyNode* last = last_of(to);
+    KeyNode* middle = last_of(from);
     middle->m_next = to->m_head;
     to->m_head->m_prev = middle;
     to->m_head = from->m_head;
@@ -83,46 +83,46 @@ void prepend(Node* from, Node* to) {
 }
 
 /// The first keynode with this key or a greater one, or null.
-KeyNode* notBelow(const Node* node, int64_t key) {
+KeyNode* not_below(const Node* node, int64_t key) {
     KeyNode* key_node = node->m_head;
-    while (key_node != nullptr && keyIn(key_node) < key) {
+    while (key_node != nullptr && key_in(key_node) < key) {
         key_node = key_node->m_next;
     }
     return key_node;
 }
 
 /// The child that stands ahead of `key_node`, or the last one if `key_node` is null.
-Node* childAt(const Node* node, const KeyNode* key_node) {
+Node* child_at(const Node* node, const KeyNode* key_node) {
     return key_node != nullptr ? key_node->m_left : node->m_right;
 }
 
 /// The child in which a new `key` belongs: behind its equals, if there are any.
-Node* childForNew(const Node* node, int64_t key) {
+Node* child_for_new(const Node* node, int64_t key) {
     const KeyNode* key_node = node->m_head;
-    while (key_node != nullptr && keyIn(key_node) <= key) {
+    while (key_node != nullptr && key_in(key_node) <= key) {
         key_node = key_node->m_next;
     }
-    return childAt(node, key_node);
+    return child_at(node, key_node);
 }
 
-int64_t smallestBelow(const Node* node) {
+int64_t smallest_below(const Node* node) {
     while (node->m_leaf == 0) {
         node = node->m_head->m_left;
     }
-    return keyIn(node->m_head);
+    return key_in(node->m_head);
 }
 
-int64_t greatestBelow(const Node* node) {
+int64_t greatest_below(const Node* node) {
     while (node->m_leaf == 0) {
         node = node->m_right;
     }
-    return keyIn(lastOf(node));
+    return key_in(last_of(node));
 }
 
-void* takeFrom(Node* leaf, KeyNode* key_node) {
+void* take_from(Node* leaf, KeyNode* key_node) {
     void* payload = key_node->m_data;
     unlink(leaf, key_node);
-    generalFree(key_node);
+    general_free(key_node);
     return payload;
 }
 
@@ -131,8 +131,8 @@ void* takeFrom(Node* leaf, KeyNode* key_node) {
 // A payload moves from the neighbour up into the separator, and the separator's down into `child`. The
 // keynode that becomes free on the one side serves on the other, so that a removal never needs memory.
 
-void borrowFromLeft(Node* left, KeyNode* separator, Node* child) {
-    KeyNode* moved = lastOf(left);
+void borrow_from_left(Node* left, KeyNode* separator, Node* child) {
+    KeyNode* moved = last_of(left);
     unlink(left, moved);
     Node* between = moved->m_left;
     moved->m_left = left->m_right;
@@ -143,7 +143,7 @@ void borrowFromLeft(Node* left, KeyNode* separator, Node* child) {
     link(child, child->m_head, moved);
 }
 
-void borrowFromRight(Node* child, KeyNode* separator, Node* right) {
+void borrow_from_right(Node* child, KeyNode* separator, Node* right) {
     KeyNode* moved = right->m_head;
     unlink(right, moved);
     Node* between = moved->m_left;
@@ -163,33 +163,33 @@ BTree::BTree(short order)
     : m_root(make<Node>()), m_order(static_cast<int16_t>(order % 2 == 0 ? order : order + 1)) {}
 
 BTree::~BTree() {
-    freeBelow(m_root);
+    free_below(m_root);
 }
 
-void BTree::freeBelow(Node* node) {
+void BTree::free_below(Node* node) {
     if (node == nullptr) {
         return;
     }
     while (KeyNode* key_node = node->m_head) {
-        freeBelow(key_node->m_left);
-        if (keyIn(key_node) > 0) {
+        free_below(key_node->m_left);
+        if (key_in(key_node) > 0) {
             delete static_cast<CEvent*>(key_node->m_data);
         }
-        takeFrom(node, key_node);
+        take_from(node, key_node);
     }
-    freeBelow(node->m_right);
-    generalFree(node);
+    free_below(node->m_right);
+    general_free(node);
 }
 
 // ---- lookup ----------------------------------------------------------------------------------------------
 
 void* BTree::find(int64_t key) const {
     for (const Node* node = m_root; node != nullptr;) {
-        KeyNode* key_node = notBelow(node, key);
-        if (key_node != nullptr && keyIn(key_node) == key) {
+        KeyNode* key_node = not_below(node, key);
+        if (key_node != nullptr && key_in(key_node) == key) {
             return key_node->m_data;
         }
-        node = childAt(node, key_node);
+        node = child_at(node, key_node);
     }
     return nullptr;
 }
@@ -222,26 +222,26 @@ bool BTree::Insert(void* payload) {
 }
 
 bool BTree::InsertLocked(void* payload) {
-    const int64_t key = keyOf(payload);
+    const int64_t key = key_of(payload);
     KeyNode* key_node = make<KeyNode>();
     if (m_root == nullptr) {
         m_root = make<Node>();
     }
     if (key_node == nullptr || m_root == nullptr) {
-        generalFree(key_node);
+        general_free(key_node);
         return false;
     }
     key_node->m_data = payload;
     Node* node = m_root->m_count == maximum() ? split(m_root, nullptr, key) : m_root;
     while (node != nullptr && node->m_leaf == 0) {
-        Node* child = childForNew(node, key);
+        Node* child = child_for_new(node, key);
         node = child->m_count == maximum() ? split(child, node, key) : child;
     }
     if (node == nullptr) {
-        generalFree(key_node);
+        general_free(key_node);
         return false;
     }
-    link(node, notBelow(node, key), key_node);
+    link(node, not_below(node, key), key_node);
     return true;
 }
 
@@ -252,8 +252,8 @@ BTree::Node* BTree::split(Node* child, Node* parent, int64_t key) {
     Node* left = make<Node>();
     Node* new_root = parent == nullptr ? make<Node>() : nullptr;
     if (left == nullptr || (parent == nullptr && new_root == nullptr)) {
-        generalFree(left);
-        generalFree(new_root);
+        general_free(left);
+        general_free(new_root);
         return nullptr;
     }
     for (int half = (child->m_count + 1) / 2 - 1; half > 0; --half) {
@@ -277,7 +277,7 @@ BTree::Node* BTree::split(Node* child, Node* parent, int64_t key) {
         place = place->m_next;
     }
     link(parent, place, median);
-    return key < keyIn(median) ? left : child;
+    return key < key_in(median) ? left : child;
 }
 
 // ---- removal ---------------------------------------------------------------------------------------------
@@ -288,19 +288,19 @@ void* BTree::Remove(int64_t key) {
 }
 
 void* BTree::RemoveLocked(int64_t key) {
-    return removeBelow(m_root, key);
+    return remove_below(m_root, key);
 }
 
 /// Takes `key` out of the subtree of `node`, which can spare a key or is the root.
-void* BTree::removeBelow(Node* node, int64_t key) {
+void* BTree::remove_below(Node* node, int64_t key) {
     while (node != nullptr && node->m_head != nullptr) {
-        KeyNode* key_node = notBelow(node, key);
-        if (key_node != nullptr && keyIn(key_node) == key) {
-            return node->m_leaf != 0 ? takeFrom(node, key_node) : removeFromInner(node, key_node);
+        KeyNode* key_node = not_below(node, key);
+        if (key_node != nullptr && key_in(key_node) == key) {
+            return node->m_leaf != 0 ? take_from(node, key_node) : remove_from_inner(node, key_node);
         }
-        Node* child = childAt(node, key_node);
+        Node* child = child_at(node, key_node);
         if (child != nullptr && child->m_count == minimum()) {
-            child = fill(child, key_node != nullptr ? key_node : lastOf(node), node);
+            child = fill(child, key_node != nullptr ? key_node : last_of(node), node);
         }
         node = child;
     }
@@ -310,25 +310,25 @@ void* BTree::removeBelow(Node* node, int64_t key) {
 /// Takes the payload of `key_node` out of `node`, which is no leaf: pushes it down as long as both children
 /// are minimal, and else puts the next key of a child in its place, the successor only if the left child is
 /// minimal.
-void* BTree::removeFromInner(Node* node, KeyNode* key_node) {
+void* BTree::remove_from_inner(Node* node, KeyNode* key_node) {
     Node* left = key_node->m_left;
-    Node* right = childAt(node, key_node->m_next);
+    Node* right = child_at(node, key_node->m_next);
     while (left->m_count == minimum() && right->m_count == minimum()) {
         node = merge(left, right, key_node, node);
         if (node->m_leaf != 0) {
-            return takeFrom(node, key_node);
+            return take_from(node, key_node);
         }
         left = key_node->m_left;
-        right = childAt(node, key_node->m_next);
+        right = child_at(node, key_node->m_next);
     }
     void* payload = key_node->m_data;
-    key_node->m_data = left->m_count <= minimum() ? removeBelow(right, smallestBelow(right))
-                                                  : removeBelow(left, greatestBelow(left));
+    key_node->m_data = left->m_count <= minimum() ? remove_below(right, smallest_below(right))
+                                                  : remove_below(left, greatest_below(left));
     return payload;
 }
 
 /// `key_node` leads to `child`, which is its left child or the right-most one of `parent`.
-BTree::Neighbours BTree::neighboursOf(const Node* child, KeyNode* key_node, const Node* parent) {
+BTree::Neighbours BTree::neighbours_of(const Node* child, KeyNode* key_node, const Node* parent) {
     Neighbours found;
     if (key_node->m_left != child) {
         found.left = key_node->m_left;
@@ -339,20 +339,20 @@ BTree::Neighbours BTree::neighboursOf(const Node* child, KeyNode* key_node, cons
         found.left = key_node->m_prev->m_left;
         found.left_separator = key_node->m_prev;
     }
-    found.right = childAt(parent, key_node->m_next);
+    found.right = child_at(parent, key_node->m_next);
     found.right_separator = key_node;
     return found;
 }
 
 /// Gives the minimal node `child` one key more, or merges it. Result: the node with the keys of `child`.
 BTree::Node* BTree::fill(Node* child, KeyNode* key_node, Node* parent) {
-    const Neighbours by = neighboursOf(child, key_node, parent);
+    const Neighbours by = neighbours_of(child, key_node, parent);
     if (by.left != nullptr && by.left->m_count > minimum()) {
-        borrowFromLeft(by.left, by.left_separator, child);
+        borrow_from_left(by.left, by.left_separator, child);
         return child;
     }
     if (by.right != nullptr && by.right->m_count > minimum()) {
-        borrowFromRight(child, by.right_separator, by.right);
+        borrow_from_right(child, by.right_separator, by.right);
         return child;
     }
     return by.left != nullptr ? merge(by.left, child, by.left_separator, parent)
@@ -366,10 +366,10 @@ BTree::Node* BTree::merge(Node* a, Node* b, KeyNode* separator, Node* parent) {
     separator->m_left = a->m_right;
     link(b, b->m_head, separator);
     prepend(a, b);
-    generalFree(a);
+    general_free(a);
     if (parent->m_head == nullptr) {
         assert(m_root == parent);
-        generalFree(parent);
+        general_free(parent);
         m_root = b;
     }
     return b;

@@ -81,13 +81,13 @@ public:
     /// tree.
     template <class Visitor>
     void ForEach(Visitor visit) const INFRA_REQUIRES_SHARED(m_lock) {
-        forEachBelow(m_root, visit);
+        for_each_below(m_root, visit);
     }
 
     /// For walks of the caller's own. An empty tree has an empty leaf, or null if there was no memory for it.
     const Node* root() const INFRA_REQUIRES_SHARED(m_lock) { return m_root; }
 
-    static int64_t keyOf(const void* payload) { return *static_cast<const int64_t*>(payload); }
+    static int64_t key_of(const void* payload) { return *static_cast<const int64_t*>(payload); }
 
 private:
     /// The neighbours of a node under its parent, with the keynodes that stand between. Null where there is
@@ -100,15 +100,15 @@ private:
     };
 
     template <class Visitor>
-    static void forEachBelow(const Node* node, Visitor& visit) {
+    static void for_each_below(const Node* node, Visitor& visit) {
         if (node == nullptr) {
             return;
         }
         for (const KeyNode* key = node->m_head; key != nullptr; key = key->m_next) {
-            forEachBelow(key->m_left, visit);
+            for_each_below(key->m_left, visit);
             visit(key->m_data);
         }
-        forEachBelow(node->m_right, visit);
+        for_each_below(node->m_right, visit);
     }
 
     int maximum() const { return m_order - 1; }
@@ -116,13 +116,13 @@ private:
 
     void* find(int64_t key) const INFRA_REQUIRES_SHARED(m_lock);
     Node* split(Node* child, Node* parent, int64_t key) INFRA_REQUIRES(m_lock);
-    void* removeBelow(Node* node, int64_t key) INFRA_REQUIRES(m_lock);
-    void* removeFromInner(Node* node, KeyNode* key_node) INFRA_REQUIRES(m_lock);
+    void* remove_below(Node* node, int64_t key) INFRA_REQUIRES(m_lock);
+    void* remove_from_inner(Node* node, KeyNode* key_node) INFRA_REQUIRES(m_lock);
     Node* fill(Node* child, KeyNode* key_node, Node* parent) INFRA_REQUIRES(m_lock);
     Node* merge(Node* a, Node* b, KeyNode* separator, Node* parent) INFRA_REQUIRES(m_lock);
 
-    static Neighbours neighboursOf(const Node* child, KeyNode* key_node, const Node* parent);
-    static void freeBelow(Node* node);
+    static Neighbours neighbours_of(const Node* child, KeyNode* key_node, const Node* parent);
+    static void free_below(Node* node);
 
     Node* m_root INFRA_GUARDED_BY(m_lock);  ///< Null until there is memory for the first leaf.
     const int16_t m_order;

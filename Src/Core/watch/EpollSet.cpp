@@ -35,17 +35,17 @@ bool EpollSet::watch_wake_end(int epoll, int fd) {
 
 void EpollSet::Enlist(CEvent* ev) {
     if (m_side != 0) {
-        setFlag(ev, MUX_SIDE);
+        set_flag(ev, MUX_SIDE);
     } else {
-        clearFlag(ev, MUX_SIDE);
+        clear_flag(ev, MUX_SIDE);
     }
 }
 
 bool EpollSet::Tell(const CEvent* ev, int operation, uint32_t events) {
     epoll_event interest{};
     interest.events = events;
-    interest.data.u64 = markOf(ev);
-    const int epoll = m_sides[hasFlag(ev, MUX_SIDE) ? 1 : 0].load(std::memory_order_relaxed);
+    interest.data.u64 = mark_of(ev);
+    const int epoll = m_sides[has_flag(ev, MUX_SIDE) ? 1 : 0].load(std::memory_order_relaxed);
     return ::epoll_ctl(epoll, operation, static_cast<int>(ev->m_key), &interest) == 0;
 }
 
@@ -67,7 +67,7 @@ bool EpollSet::Replace(int wake_fd) {
 }
 
 bool EpollSet::MoveOver(CEvent* ev) {
-    const bool in_kernel = kernelKnows(muxForm(ev));
+    const bool in_kernel = kernel_knows(mux_form(ev));
     const bool known = !in_kernel || Tell(ev, EPOLL_CTL_DEL, 0);
     Enlist(ev);
     return known;

@@ -11,7 +11,7 @@
 namespace Orvex::Reticor {
 
 /// For the kernel. EPOLLHUP and EPOLLERR are reported unasked.
-inline uint32_t kernelBits(uint32_t directions) {
+inline uint32_t kernel_bits(uint32_t directions) {
     return (directions & SOCK_READ ? uint32_t{EPOLLIN} : 0) |
            (directions & SOCK_WRITE ? uint32_t{EPOLLOUT} : 0) |
            (directions & SOCK_EXCEPT ? uint32_t{EPOLLPRI} : 0);
@@ -34,10 +34,10 @@ inline int16_t delivered(uint32_t reported, uint32_t admitted) {
 
 /// What the kernel says with each report: the handle, and the number of the registration, so that a report of
 /// an earlier life of the handle never reaches a later one.
-inline uint64_t markOf(const CEvent* ev) {
+inline uint64_t mark_of(const CEvent* ev) {
     return uint64_t{ev->m_timer.m_sequence} << 32 | static_cast<uint32_t>(ev->m_key);
 }
-inline uint32_t handleOf(uint64_t mark) {
+inline uint32_t handle_in_mark(uint64_t mark) {
     return static_cast<uint32_t>(mark);
 }
 

@@ -12,7 +12,7 @@ namespace {
 /// An array of null pointers, or null without memory.
 template <class Pointer>
 Pointer* make_pointers(size_t count) {
-    auto* pointers = static_cast<Pointer*>(generalAllocate(count * sizeof(Pointer)));
+    auto* pointers = static_cast<Pointer*>(general_allocate(count * sizeof(Pointer)));
     if (pointers != nullptr) {
         std::fill_n(pointers, count, nullptr);
     }
@@ -23,9 +23,9 @@ Pointer* make_pointers(size_t count) {
 
 RecordTable::~RecordTable() {
     for (size_t i = 0; i < m_count; ++i) {
-        generalFree(m_chunks[i]);
+        general_free(m_chunks[i]);
     }
-    generalFree(m_chunks);
+    general_free(m_chunks);
 }
 
 bool RecordTable::reach(size_t chunk) {
@@ -35,7 +35,7 @@ bool RecordTable::reach(size_t chunk) {
             return false;
         }
         std::copy_n(m_chunks, m_count, chunks);
-        generalFree(m_chunks);
+        general_free(m_chunks);
         m_chunks = chunks;
         m_count = chunk + 1;
     }

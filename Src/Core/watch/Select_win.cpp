@@ -64,14 +64,14 @@ void CMultiplexer::Delist(CEvent* ev) {
 
 int CMultiplexer::AddEvent(CEvent* ev) {
     m_book.Add(ev);
-    arm(ev, muxBook(ev), true);
+    arm(ev, mux_book(ev), true);
     return 0;
 }
 
 int CMultiplexer::ModifyEvent(CEvent* ev) {
     m_book.Remove(ev);
     m_book.Add(ev);
-    arm(ev, muxBook(ev), true);
+    arm(ev, mux_book(ev), true);
     return 0;
 }
 
@@ -84,11 +84,11 @@ bool CMultiplexer::Rearm(CEvent* ev, bool owner_found) {
     const uint32_t sequence = ev->m_timer.m_sequence;
     m_book.Add(ev);
     if (owner_found) {
-        arm(ev, muxBook(ev), hasFlag(ev, MUX_FORCE));
+        arm(ev, mux_book(ev), has_flag(ev, MUX_FORCE));
         return ev->m_timer.m_sequence == sequence;
     }
-    if (!hasFlag(ev, MUX_ORPHAN)) {
-        setFlag(ev, MUX_ORPHAN);
+    if (!has_flag(ev, MUX_ORPHAN)) {
+        set_flag(ev, MUX_ORPHAN);
         INFRA_LOG(3,
                   "pool %d: the handler of ready socket %d is gone, the socket rests until it is registered "
                   "again\n",
@@ -100,9 +100,9 @@ bool CMultiplexer::Rearm(CEvent* ev, bool owner_found) {
 
 void CMultiplexer::Forget(CEvent* ev) {
     m_book.Forget(ev);
-    if (muxForm(ev) == MuxForm::always) {
+    if (mux_form(ev) == MuxForm::always) {
         m_always.Remove(ev);
-    } else if (kernelKnows(muxForm(ev))) {
+    } else if (kernel_knows(mux_form(ev))) {
         // A number that was closed has left the kernel's set by itself.
         m_epoll.Tell(ev, EPOLL_CTL_DEL, 0);
     }
@@ -113,23 +113,23 @@ void CMultiplexer::Forget(CEvent* ev) {
 // ---- the kernel ----------------------------------------------------------------------------------------
 
 void CMultiplexer::set_kernel_state(CEvent* ev, MuxForm form, uint32_t armed) {
-    clearFlag(ev,
-              static_cast<uint16_t>(7u << MUX_FORM_SHIFT | SOCK_DIRECTIONS << MUX_ARMED_SHIFT | MUX_FORCE));
-    setFlag(ev, static_cast<uint16_t>(static_cast<unsigned int>(form) << MUX_FORM_SHIFT |
-                                      armed << MUX_ARMED_SHIFT));
+    clear_flag(ev,
+               static_cast<uint16_t>(7u << MUX_FORM_SHIFT | SOCK_DIRECTIONS << MUX_ARMED_SHIFT | MUX_FORCE));
+    set_flag(ev, static_cast<uint16_t>(static_cast<unsigned int>(form) << MUX_FORM_SHIFT |
+                                       armed << MUX_ARMED_SHIFT));
 }
 
 /// The one place that decides how the kernel watches a socket for the `admitted` directions. Does nothing if
 /// it does so already and the number was not closed meanwhile, unless `force` is set.
 void CMultiplexer::arm(CEvent* ev, uint32_t admitted, bool force) {
-    const uint32_t closes = closeCount(static_cast<int>(ev->m_key));
-    const MuxForm form = muxForm(ev);
+    const uint32_t closes = close_count(static_cast<int>(ev->m_key));
+    const MuxForm form = mux_form(ev);
     if (!force && ev->m_timer.m_close_count == closes) {
         if (form == MuxForm::always) {
             WakeUp();  // the wait only looks while such a socket is idle
             return;
         }
-        if (form == form_for(admitted) && muxArmed(ev) == admitted) {
+        if (form == form_for(admitted) && mux_armed(ev) == admitted) {
             return;
         }
     }
@@ -149,8 +149,8 @@ void CMultiplexer::arm(CEvent* ev, uint32_t admitted, bool force) {
 
 /// Tells the kernel, which knows the socket by its file and its number.
 CMultiplexer::Answer CMultiplexer::ask(CEvent* ev, uint32_t admitted) {
-    const uint32_t events = admitted != 0 ? kernelBits(admitted) : uint32_t{EPOLLONESHOT};
-    const bool known = kernelKnows(muxForm(ev));
+    const uint32_t events = admitted != 0 ? kernel_bits(admitted) : uint32_t{EPOLLONESHOT};
+    const bool known = kernel_knows(mux_form(ev));
     if (m_epoll.Tell(ev, known ? EPOLL_CTL_MOD : EPOLL_CTL_ADD, events) ||
         (errno == EEXIST && m_epoll.Tell(ev, EPOLL_CTL_MOD, events))) {
         return Answer::watched;
@@ -173,11 +173,11 @@ bool CMultiplexer::names_another_file(MuxForm form, Answer answer) {
     if (form == MuxForm::always) {
         return answer == Answer::watched;
     }
-    return kernelKnows(form) && (answer == Answer::unknown || answer == Answer::always_ready);
+    return kernel_knows(form) && (answer == Answer::unknown || answer == Answer::always_ready);
 }
 
 void CMultiplexer::settle(CEvent* ev, Answer answer, uint32_t admitted) {
-    if (muxForm(ev) == MuxForm::always && answer != Answer::always_ready) {
+    if (mux_form(ev) == MuxForm::always && answer != Answer::always_ready) {
         m_always.Remove(ev);
     }
     if (answer == Answer::watched) {
@@ -196,7 +196,7 @@ void CMultiplexer::settle(CEvent* ev, Answer answer, uint32_t admitted) {
 /// may live on, do not reach it. Otherwise nobody asked for it. `answer` is what the kernel said to the mask
 /// of both.
 void CMultiplexer::replace_registration(CEvent* ev, Answer answer) {
-    if (muxForm(ev) == MuxForm::always) {
+    if (mux_form(ev) == MuxForm::always) {
         m_always.Remove(ev);
         if (answer == Answer::watched) {
             m_epoll.Tell(ev, EPOLL_CTL_DEL, 0);
@@ -210,10 +210,10 @@ void CMultiplexer::replace_registration(CEvent* ev, Answer answer) {
     ev->m_event_mask = ev->m_timer.m_asked | (ev->m_event_mask & SOCK_REMOVED);
     m_book.Add(ev);
     number(ev);
-    const uint32_t admitted = hasFlag(ev, MUX_ORPHAN) ? 0 : muxBook(ev);
+    const uint32_t admitted = has_flag(ev, MUX_ORPHAN) ? 0 : mux_book(ev);
     answer = ask(ev, admitted);
     settle(ev, answer, admitted);
-    if (muxForm(ev) != MuxForm::gone) {
+    if (mux_form(ev) != MuxForm::gone) {
         INFRA_LOG(3,
                   "pool %d: socket %d was closed without RemoveSock, its number is another socket's: the new "
                   "registration alone counts\n",
@@ -228,7 +228,7 @@ void CMultiplexer::park(CEvent* ev) {
 }
 
 void CMultiplexer::set_always(CEvent* ev) {
-    if (muxForm(ev) != MuxForm::always && !m_always.Add(ev)) {
+    if (mux_form(ev) != MuxForm::always && !m_always.Add(ev)) {
         set_refused(ev, ENOMEM);
         return;
     }
@@ -238,7 +238,7 @@ void CMultiplexer::set_always(CEvent* ev) {
 
 /// The socket keeps its places, and the wait looks at it again from time to time.
 void CMultiplexer::set_refused(CEvent* ev, int error) {
-    if (muxForm(ev) != MuxForm::refused) {
+    if (mux_form(ev) != MuxForm::refused) {
         INFRA_LOG(2, "pool %d: socket %d is not watched yet, the system refused it, %s\n", m_pool_index,
                   static_cast<int>(ev->m_key), GetSockErrorText(error).c_str());
     }
@@ -250,11 +250,11 @@ void CMultiplexer::set_refused(CEvent* ev, int error) {
 
 /// A condition that nobody asked for would be reported for ever: from here on only its changes are.
 void CMultiplexer::quieten(CEvent* ev) {
-    if (muxForm(ev) != MuxForm::level) {
+    if (mux_form(ev) != MuxForm::level) {
         return;  // parked: its one stray report is spent; edge: a change that does not matter
     }
-    const bool quiet = m_epoll.Tell(ev, EPOLL_CTL_MOD, kernelBits(muxBook(ev)) | EPOLLET);
-    set_kernel_state(ev, quiet ? MuxForm::edge : MuxForm::gone, quiet ? muxBook(ev) : 0);
+    const bool quiet = m_epoll.Tell(ev, EPOLL_CTL_MOD, kernel_bits(mux_book(ev)) | EPOLLET);
+    set_kernel_state(ev, quiet ? MuxForm::edge : MuxForm::gone, quiet ? mux_book(ev) : 0);
 }
 
 // ---- the wait ------------------------------------------------------------------------------------------
@@ -315,8 +315,8 @@ void CMultiplexer::retry_refused() {
     m_sock_tree.ForEach([this](void* payload) {
         CEvent* ev = static_cast<CEvent*>(payload);
         RecordPin pin = RecordPin::Enter(ev);
-        if (muxForm(ev) == MuxForm::refused && !inFlight(ev)) {
-            arm(ev, hasFlag(ev, MUX_ORPHAN) ? 0 : muxBook(ev), true);
+        if (mux_form(ev) == MuxForm::refused && !is_in_flight(ev)) {
+            arm(ev, has_flag(ev, MUX_ORPHAN) ? 0 : mux_book(ev), true);
         }
     });
     m_sock_tree.Unlock();
@@ -344,23 +344,23 @@ void CMultiplexer::collect(int reports, Ready& ready) {
 
 void CMultiplexer::report(const epoll_event& report, Ready& ready) {
     const uint64_t mark_seen = report.data.u64;
-    CEvent* ev = m_records.Find(handleOf(mark_seen));
+    CEvent* ev = m_records.Find(handle_in_mark(mark_seen));
     if (ev == nullptr) {
         stray(mark_seen);
         return;
     }
     RecordPin pin = RecordPin::Enter(ev);
-    if (markOf(ev) != mark_seen || muxForm(ev) == MuxForm::out || muxForm(ev) == MuxForm::gone) {
+    if (mark_of(ev) != mark_seen || mux_form(ev) == MuxForm::out || mux_form(ev) == MuxForm::gone) {
         stray(mark_seen);
         return;
     }
-    if (inFlight(ev)) {
-        if (muxForm(ev) != MuxForm::parked) {
+    if (is_in_flight(ev)) {
+        if (mux_form(ev) != MuxForm::parked) {
             park(ev);
         }
         return;
     }
-    const int16_t revents = hasFlag(ev, MUX_ORPHAN) ? int16_t{0} : delivered(report.events, muxBook(ev));
+    const int16_t revents = has_flag(ev, MUX_ORPHAN) ? int16_t{0} : delivered(report.events, mux_book(ev));
     if (revents == 0) {
         quieten(ev);
         return;
@@ -375,7 +375,7 @@ void CMultiplexer::stray(uint64_t mark_seen) {
 }
 
 void CMultiplexer::mark(CEvent* ev, int16_t revents, Ready& ready) {
-    setRevents(ev, revents);
+    set_revents(ev, revents);
     ev->m_timer.m_sock_deadline = 0;  // an idle time-out rests while the socket is in flight
     SetBook::Leave(ev, ready.freed);
     ev->m_next = nullptr;
@@ -390,8 +390,8 @@ void CMultiplexer::mark(CEvent* ev, int16_t revents, Ready& ready) {
 
 /// A part of rebuild: the kernel watches the record as before, but in the new instance.
 void CMultiplexer::move_over(CEvent* ev) {
-    const bool watched = kernelKnows(muxForm(ev));
-    const uint32_t armed = muxArmed(ev);
+    const bool watched = kernel_knows(mux_form(ev));
+    const uint32_t armed = mux_armed(ev);
     const uint16_t force = ev->m_mux_state & MUX_FORCE;
     if (!m_epoll.MoveOver(ev)) {
         set_kernel_state(ev, MuxForm::gone, 0);
@@ -399,7 +399,7 @@ void CMultiplexer::move_over(CEvent* ev) {
         set_kernel_state(ev, MuxForm::out, 0);
         settle(ev, ask(ev, armed), armed);
     }
-    setFlag(ev, force);
+    set_flag(ev, force);
 }
 
 /// Puts every record into a new instance. The tree's write lock keeps records from coming and going, and
@@ -441,7 +441,7 @@ bool CMultiplexer::always_pending() {
     for (size_t i = 0; !pending && i < always->size(); ++i) {
         RecordPin pin = RecordPin::Enter((*always)[i]);
         const CEvent* ev = pin.get();
-        pending = !inFlight(ev) && (muxBook(ev) & (SOCK_READ | SOCK_WRITE)) && !hasFlag(ev, MUX_ORPHAN);
+        pending = !is_in_flight(ev) && (mux_book(ev) & (SOCK_READ | SOCK_WRITE)) && !has_flag(ev, MUX_ORPHAN);
     }
     m_sock_tree.Unlock();
     return pending;
@@ -454,8 +454,9 @@ void CMultiplexer::collect_always(Ready& ready) {
     }
     for (CEvent* ev : *always) {
         RecordPin pin = RecordPin::Enter(ev);
-        const int16_t revents = delivered(EPOLLIN | EPOLLOUT, muxBook(ev));
-        if (muxForm(ev) == MuxForm::always && !inFlight(ev) && revents != 0 && !hasFlag(ev, MUX_ORPHAN)) {
+        const int16_t revents = delivered(EPOLLIN | EPOLLOUT, mux_book(ev));
+        if (mux_form(ev) == MuxForm::always && !is_in_flight(ev) && revents != 0 &&
+            !has_flag(ev, MUX_ORPHAN)) {
             mark(ev, revents, ready);
         }
     }

@@ -21,17 +21,17 @@ void SetBook::Remove(CEvent* ev) {
 
 void SetBook::Forget(CEvent* ev) {
     Remove(ev);
-    if (hasFlag(ev, MUX_UNPLACED)) {
+    if (has_flag(ev, MUX_UNPLACED)) {
         count_unplaced(ev, false);
     }
 }
 
 void SetBook::count_unplaced(CEvent* ev, bool unplaced) {
     if (unplaced) {
-        setFlag(ev, MUX_UNPLACED);
+        set_flag(ev, MUX_UNPLACED);
         m_without_place.fetch_add(1, std::memory_order_relaxed);
     } else {
-        clearFlag(ev, MUX_UNPLACED);
+        clear_flag(ev, MUX_UNPLACED);
         m_without_place.fetch_sub(1, std::memory_order_relaxed);
     }
 }

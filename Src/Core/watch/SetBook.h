@@ -13,7 +13,7 @@ namespace Orvex::Reticor {
 /// Places in each of a pool's three sets. What finds no place is not watched, in silence.
 constexpr int FD_CAPACITY = 4096;
 
-/// Counts the places that are taken; which of them a record holds stands in the record (`muxBook`), so that
+/// Counts the places that are taken; which of them a record holds stands in the record (`mux_book`), so that
 /// taking and leaving cost the same with 10 sockets and with 4000.
 ///
 /// Thread safety: any thread that holds the mutex of the record.
@@ -67,26 +67,26 @@ inline bool SetBook::take(size_t direction) {
 }
 
 inline void SetBook::Add(CEvent* ev) {
-    uint32_t book = muxBook(ev);
+    uint32_t book = mux_book(ev);
     for (uint32_t wanted = ev->m_event_mask & SOCK_DIRECTIONS & ~book; wanted != 0; wanted &= wanted - 1) {
         const int direction = __builtin_ctz(wanted);  // read before write before exception
         if (take(static_cast<size_t>(direction))) {
             book |= SOCK_READ << direction;
         }
     }
-    setMuxBook(ev, book);
+    set_mux_book(ev, book);
     const bool unplaced = (ev->m_event_mask & SOCK_DIRECTIONS & ~book) != 0;
-    if (unplaced != hasFlag(ev, MUX_UNPLACED)) {
+    if (unplaced != has_flag(ev, MUX_UNPLACED)) {
         count_unplaced(ev, unplaced);
     }
 }
 
 inline void SetBook::Leave(CEvent* ev, Places& freed) {
-    const uint32_t book = muxBook(ev);
+    const uint32_t book = mux_book(ev);
     for (size_t direction = 0; direction < freed.size(); ++direction) {
         freed[direction] += book >> direction & 1;
     }
-    setMuxBook(ev, 0);
+    set_mux_book(ev, 0);
 }
 
 inline void SetBook::GiveBack(const Places& freed) {

@@ -116,7 +116,7 @@ int CWINPipe::Write(int fd, const char* buf, int len) {
 }
 
 bool CWINPipe::Close(int fd) {
-    return closeCounted(fd) != -1;
+    return close_counted(fd) != -1;
 }
 
 }  // namespace Orvex::Reticor

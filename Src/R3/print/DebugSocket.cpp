@@ -33,7 +33,7 @@ void CDebugSocket::follow(std::atomic<bool>& flag, std::atomic<int64_t>& number,
     number.store(value, std::memory_order_relaxed);
 }
 
-void CDebugSocket::setAll(bool on) {
+void CDebugSocket::set_all(bool on) {
     for (std::atomic<bool>* flag : {&socket_all, &socket_read, &socket_write, &socket_exception}) {
         set(*flag, on);
     }
@@ -66,7 +66,7 @@ bool CDebugSocket::DebugControl(int type, bool on, long long value) {
             set(socket_off, on);
             return true;
         case 7:
-            setAll(on);
+            set_all(on);
             return true;
         case 8:
             set(socket_dendity, on);
@@ -77,23 +77,23 @@ bool CDebugSocket::DebugControl(int type, bool on, long long value) {
     }
 }
 
-bool CDebugSocket::anyClass() {
+bool CDebugSocket::any_class() {
     return on(socket_all) || on(socket_read) || on(socket_write) || on(socket_exception);
 }
 
-bool CDebugSocket::passesType(unsigned int type) {
+bool CDebugSocket::passes_type(unsigned int type) {
     return ((type & TYPE_READ) != 0 && on(socket_read)) || ((type & TYPE_WRITE) != 0 && on(socket_write)) ||
            on(socket_all) || on(socket_exception);
 }
 
-bool CDebugSocket::passesRevents(int revents) {
+bool CDebugSocket::passes_revents(int revents) {
     return ((revents & REVENTS_READ) != 0 && on(socket_read)) ||
            ((revents & REVENTS_WRITE) != 0 && on(socket_write)) ||
            ((revents & REVENTS_EXCEPTION) != 0 && on(socket_exception)) || on(socket_all);
 }
 
 bool CDebugSocket::matches(int64_t socket, int64_t handler) {
-    if (!anyClass() || !on(socket_off)) {
+    if (!any_class() || !on(socket_off)) {
         return false;
     }
     const bool by_socket = on(socket_fd);

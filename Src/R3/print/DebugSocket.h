@@ -41,13 +41,13 @@ public:
     static bool DebugControl(int type, bool on, long long value);
 
     /// The class test of a site that is asked for directions: `type` has 1 for read, 2 for write.
-    static bool passesType(unsigned int type);
+    static bool passes_type(unsigned int type);
 
     /// The class test of a site that delivers: `revents` as in a socket's record.
-    static bool passesRevents(int revents);
+    static bool passes_revents(int revents);
 
     /// The test of the sites that print often.
-    static bool passesDensity() { return on(socket_dendity); }
+    static bool passes_density() { return on(socket_dendity); }
 
     /// The test of every site: whether a line about this socket and this handler is wanted.
     static bool matches(int64_t socket, int64_t handler);
@@ -56,8 +56,8 @@ private:
     static bool on(const std::atomic<bool>& flag) { return flag.load(std::memory_order_relaxed); }
     static void set(std::atomic<bool>& flag, bool value) { flag.store(value, std::memory_order_relaxed); }
     static void follow(std::atomic<bool>& flag, std::atomic<int64_t>& number, bool on, int64_t value);
-    static void setAll(bool on);
-    static bool anyClass();
+    static void set_all(bool on);
+    static bool any_class();
 };
 
 }  // namespace Orvex::Reticor

@@ -62,7 +62,7 @@ void TFuncBox::Release() {
     }
 }
 
-TFuncBox* acquireFuncBox() {
+TFuncBox* acquire_func_box() {
     const Infra::CGuard guard(g_r3_funcbox_mutex);
     if (g_r3_funcbox == nullptr) {
         g_r3_funcbox = new (std::nothrow) TFuncBox;
@@ -75,7 +75,7 @@ TFuncBox* acquireFuncBox() {
     return g_r3_funcbox;
 }
 
-void dropFuncBox() {
+void drop_func_box() {
     TFuncBox* box = nullptr;
     {
         const Infra::CGuard guard(g_r3_funcbox_mutex);
@@ -88,7 +88,7 @@ void dropFuncBox() {
 
 int R3Register(void* func, const char* name, const char* help) {
     FuncBoxRef box;
-    box.adopt(acquireFuncBox());
+    box.adopt(acquire_func_box());
     return box.get() != nullptr ? box.get()->Register(func, name, help) : -1;
 }
 

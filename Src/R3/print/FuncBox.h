@@ -84,10 +84,10 @@ private:
 };
 
 /// The one box, made if there is none, with a reference for the caller. Null if there is no memory for it.
-TFuncBox* acquireFuncBox();
+TFuncBox* acquire_func_box();
 
 /// Drops the global reference. Somebody else's may keep the box.
-void dropFuncBox();
+void drop_func_box();
 
 /// Registers a command from a static object:
 /// `const R3Command g_command(&print_version, "reticorversion", HELP_RETICORVERSION);`
@@ -98,9 +98,9 @@ struct R3Command {
 };
 
 /// The command that stores its first argument in a print flag:
-/// `const R3Command g_command(&r3StoreFlag<g_print>, "threadpool", HELP_THREADPOOL);`
+/// `const R3Command g_command(&r3_store_flag<g_print>, "threadpool", HELP_THREADPOOL);`
 template <std::atomic<int32_t>& Flag>
-int r3StoreFlag(int value, int, int, int, int, int, int, int, int, int) {
+int r3_store_flag(int value, int, int, int, int, int, int, int, int, int) {
     Flag.store(value, std::memory_order_relaxed);
     return 0;
 }

@@ -49,7 +49,7 @@ const char* next_word(char*& place) {
 
 }  // namespace
 
-CommandLine splitCommandLine(char* line) {
+CommandLine split_command_line(char* line) {
     CommandLine split = {};
     split.word = next_word(line);
     for (int& value : split.arguments) {
@@ -62,7 +62,7 @@ CommandLine splitCommandLine(char* line) {
     return split;
 }
 
-void callCommand(const TFuncEntry& entry, const CommandLine& line) {
+void call_command(const TFuncEntry& entry, const CommandLine& line) {
     const int* const a = line.arguments;
     entry.func(a[0], a[1], a[2], a[3], a[4], a[5], a[6], a[7], a[8], a[9]);
 }

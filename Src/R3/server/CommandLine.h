@@ -18,9 +18,9 @@ struct CommandLine {
 /// Splits a line in place. Words are runs of the bytes 21 to 7E, whatever stands between them. Those after
 /// the first are arguments: an optional '-' and digits is a number, anything else R3_NO_NUMBER. What follows
 /// the tenth is not looked at.
-CommandLine splitCommandLine(char* line);
+CommandLine split_command_line(char* line);
 
 /// Calls the command with all ten numbers.
-void callCommand(const TFuncEntry& entry, const CommandLine& line);
+void call_command(const TFuncEntry& entry, const CommandLine& line);
 
 }  // namespace Orvex::Reticor

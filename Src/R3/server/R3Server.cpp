@@ -48,7 +48,7 @@ void print(CR3Daemon*, const char* text) {
 
 }  // namespace
 
-int startDebugServer(unsigned short port, const char* name, bool local_only) {
+int start_debug_server(unsigned short port, const char* name, bool local_only) {
     const Infra::CGuard guard(g_start_mutex);
     if (__atomic_load_n(&g_r3_daemon, __ATOMIC_RELAXED) != nullptr) {
         INFRA_LOG_STATIC(2, "R3Server runs already\n");
@@ -59,7 +59,7 @@ int startDebugServer(unsigned short port, const char* name, bool local_only) {
         INFRA_LOG_STATIC(2, "R3Server has no memory\n");
         return -1;
     }
-    daemon->SetFuncBox(acquireFuncBox());
+    daemon->SetFuncBox(acquire_func_box());
     if (daemon->Init(port, name) < 0) {
         daemon->Close();
         return -1;
@@ -69,7 +69,7 @@ int startDebugServer(unsigned short port, const char* name, bool local_only) {
     return 0;
 }
 
-void endDebugServer() {
+void end_debug_server() {
     if (CR3Daemon* const daemon = exchange_daemon(nullptr)) {
         daemon->Close();
     }
@@ -78,7 +78,7 @@ void endDebugServer() {
 int R3ServerStart([[maybe_unused]] unsigned short port, [[maybe_unused]] const char* name,
                   [[maybe_unused]] bool open) {
 #if RETICOR_R3_SERVER
-    return startDebugServer(port, name, open);
+    return start_debug_server(port, name, open);
 #else
     INFRA_LOG_PLAIN(4, "R3 has been disable.\n");
     return -1;
@@ -86,8 +86,8 @@ int R3ServerStart([[maybe_unused]] unsigned short port, [[maybe_unused]] const c
 }
 
 int R3ServerExit() {
-    endDebugServer();
-    dropFuncBox();
+    end_debug_server();
+    drop_func_box();
     return 0;
 }
 

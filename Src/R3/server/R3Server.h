@@ -8,9 +8,9 @@ namespace Orvex::Reticor {
 ///
 /// 0; -1, with a line at level 2, if the server runs already or cannot start. The public pool must exist.
 /// Any thread, but not from inside a command.
-int startDebugServer(unsigned short port, const char* name, bool local_only);
+int start_debug_server(unsigned short port, const char* name, bool local_only);
 
 /// Ends the server if it runs; does not wait for the handlers to go. Any thread.
-void endDebugServer();
+void end_debug_server();
 
 }  // namespace Orvex::Reticor

@@ -224,7 +224,7 @@ bool CR3TelnetSession::line(R3Connection& connection, char* text) {
 
 // Entered and left with the mutex held, which is free while the command runs.
 void CR3TelnetSession::run(R3Connection& connection, char* text) {
-    const CommandLine line = splitCommandLine(text);
+    const CommandLine line = split_command_line(text);
     if (line.word == nullptr) {
         return;
     }
@@ -235,7 +235,7 @@ void CR3TelnetSession::run(R3Connection& connection, char* text) {
         return;
     }
     m_mutex.leave();
-    callCommand(*entry, line);
+    call_command(*entry, line);
     m_mutex.enter();
 }
 

@@ -44,7 +44,7 @@ void take_command(unsigned char command) {
 
 }  // namespace
 
-bool telnetPasses(unsigned char byte) {
+bool telnet_passes(unsigned char byte) {
     if (g_iac_seen) {
         take_command(byte);
         return false;
@@ -67,7 +67,7 @@ bool telnetPasses(unsigned char byte) {
 }
 
 // The byte after ESC is consumed whatever it is, then digits, then the one that ends the sequence.
-bool CTelnetInput::escapePasses(unsigned char byte) {
+bool CTelnetInput::escape_passes(unsigned char byte) {
     if (byte == ESC) {
         m_esc_active = 1;
         return false;
@@ -86,7 +86,7 @@ bool CTelnetInput::escapePasses(unsigned char byte) {
 
 bool CTelnetInput::edit(unsigned char byte, CTelnetEcho_IF& session) {
     if (byte == CR) {
-        return finishLine(session);
+        return finish_line(session);
     }
     if (byte == BACKSPACE || byte == DEL) {
         if (m_line_len > 0) {
@@ -103,7 +103,7 @@ bool CTelnetInput::edit(unsigned char byte, CTelnetEcho_IF& session) {
     return true;
 }
 
-bool CTelnetInput::finishLine(CTelnetEcho_IF& session) {
+bool CTelnetInput::finish_line(CTelnetEcho_IF& session) {
     session.Send("\r\n", 2);
     m_line[m_line_len] = '\0';
     const bool goes_on = session.Line(m_line);
@@ -115,7 +115,7 @@ bool CTelnetInput::Process(unsigned int count, CTelnetEcho_IF& session) {
     m_recv_len += static_cast<int32_t>(count);
     for (int32_t i = 0; i < m_recv_len; ++i) {
         const unsigned char byte = static_cast<unsigned char>(m_recv_buf[i]);
-        if (telnetPasses(byte) && escapePasses(byte) && !edit(byte, session)) {
+        if (telnet_passes(byte) && escape_passes(byte) && !edit(byte, session)) {
             return false;
         }
     }

@@ -20,7 +20,7 @@ enum TelnetState : int32_t {
 };
 
 /// The first stage, for one byte. False if it is part of a telnet command, or zero (telnet's CR NUL).
-bool telnetPasses(unsigned char byte);
+bool telnet_passes(unsigned char byte);
 
 /// What a line editor needs of its session.
 class CTelnetEcho_IF {
@@ -48,9 +48,9 @@ public:
     bool Process(unsigned int count, CTelnetEcho_IF& session);
 
 private:
-    bool escapePasses(unsigned char byte);
+    bool escape_passes(unsigned char byte);
     bool edit(unsigned char byte, CTelnetEcho_IF& session);
-    bool finishLine(CTelnetEcho_IF& session);
+    bool finish_line(CTelnetEcho_IF& session);
 
     char m_recv_buf[1024];  ///< Received and not yet consumed.
     int32_t m_recv_len = 0;

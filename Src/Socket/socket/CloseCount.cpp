@@ -21,11 +21,11 @@ std::atomic<uint32_t>& counter_of(int fd) {
 
 }  // namespace
 
-uint32_t closeCount(int fd) {
+uint32_t close_count(int fd) {
     return counter_of(fd).load(std::memory_order_relaxed);
 }
 
-int closeCounted(int fd) {
+int close_counted(int fd) {
     counter_of(fd).fetch_add(1, std::memory_order_relaxed);
     return ::close(fd);
 }

@@ -14,10 +14,10 @@ namespace Orvex::Reticor {
 
 /// How many times a number that shares this counter was closed by the library. Any thread; a relaxed read:
 /// the kernel hands a number out again only after the close that raised its count.
-uint32_t closeCount(int fd);
+uint32_t close_count(int fd);
 
 /// close(2), after the count was raised, so that no later owner of the number can meet the old count. Every
 /// close in the library goes through here. Any thread.
-int closeCounted(int fd);
+int close_counted(int fd);
 
 }  // namespace Orvex::Reticor

@@ -70,7 +70,7 @@ int CSock::Close() {
     }
     const int handle = m_handle;
     m_handle = -1;
-    return closeCounted(handle) == -1 ? -1 : 0;
+    return close_counted(handle) == -1 ? -1 : 0;
 }
 
 int CSock::Attach(int handle) {

@@ -19,13 +19,13 @@ namespace {
 /// task.
 bool wait_for_task() {
     uint64_t due_us = 0;
-    if (!fileTasks().BeginWatch(&due_us)) {
+    if (!file_tasks().BeginWatch(&due_us)) {
         g_file_sem.pend();
         return true;
     }
     const uint64_t now_us = Infra::CTime::getCurrentMicroSecond();
     const bool got_one = g_file_sem.pendFor(due_us > now_us ? due_us - now_us : 0);
-    fileTasks().EndWatch(due_us, Infra::CTime::getCurrentMicroSecond(), got_one);
+    file_tasks().EndWatch(due_us, Infra::CTime::getCurrentMicroSecond(), got_one);
     return got_one;
 }
 
@@ -70,29 +70,29 @@ void run_without_file(const FileTask& task) {
 /// with its end when it has not, and after a rest when the device has failed.
 void put_back(FileTask* task, PassResult result) {
     if (result == PassResult::failed) {
-        fileTasks().Rest(task, Infra::CTime::getCurrentMicroSecond());
+        file_tasks().Rest(task, Infra::CTime::getCurrentMicroSecond());
     } else {
-        fileTasks().Park(task);
+        file_tasks().Park(task);
     }
 }
 
 }  // namespace
 
 void RunFileTask() {
-    FileTask* const task = fileTasks().Get();
+    FileTask* const task = file_tasks().Get();
     if (task == nullptr) {
         return;
     }
     if (g_file_threads_stop.load()) {
         // A pass that was cut short has let its file's next task go, which may be the one that closes: what
         // is left is for teardown to write.
-        fileTasks().Put(task, false);
+        file_tasks().Put(task, false);
         return;
     }
     PassResult result = PassResult::done;
     if (task->m_file == nullptr) {
         run_without_file(*task);
-    } else if (task->m_type == FILE_TASK_CLOSE && fileTasks().ParkUnlessLast(task)) {
+    } else if (task->m_type == FILE_TASK_CLOSE && file_tasks().ParkUnlessLast(task)) {
         return;
     } else {
         result = run(*task);
@@ -101,8 +101,8 @@ void RunFileTask() {
         put_back(task, result);
         return;
     }
-    fileTasks().Release(task->m_file);
-    fileTaskPool().Put(task, false);
+    file_tasks().Release(task->m_file);
+    file_task_pool().Put(task, false);
 }
 
 namespace {
@@ -123,7 +123,7 @@ void end_workers(Infra::CThreadLite** threads) {
         delete threads[i];
     }
     delete[] threads;
-    fileTasks().Clear(fileTaskPool());
+    file_tasks().Clear(file_task_pool());
     g_file_threads_stop.store(false);
 }
 
@@ -154,7 +154,7 @@ int StartFileThreads(unsigned n) {
         return -1;
     }
     StockFileTasks();
-    fileTasks().Clear(fileTaskPool());
+    file_tasks().Clear(file_task_pool());
     g_file_threads_over.store(false);
     // From here on whoever posts a message posts its task as well. Those that came before get theirs now: one
     // too many finds nothing, one too few would make every later message wait for the next.

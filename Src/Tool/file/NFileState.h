@@ -24,10 +24,10 @@ struct __attribute__((visibility("hidden"))) CNFile::State {
           m_device(m_exchange, dev),
           m_caller(m_exchange, m_device),
           m_close_task(new (std::nothrow) FileTask),
-          m_holds(m_close_task != nullptr && fileTasks().Hold()) {}
+          m_holds(m_close_task != nullptr && file_tasks().Hold()) {}
     ~State() {
         if (m_holds) {
-            fileTasks().Drop();
+            file_tasks().Drop();
         }
     }
     State(const State&) = delete;

@@ -12,7 +12,7 @@ std::atomic<int32_t> MediaTrace::sm_print{0};
 
 namespace {
 
-const R3Command g_media_command(&r3StoreFlag<MediaTrace::sm_print>, "MediaBufferPrt", HELP_MEDIABUFFERPRT);
+const R3Command g_media_command(&r3_store_flag<MediaTrace::sm_print>, "MediaBufferPrt", HELP_MEDIABUFFERPRT);
 
 constexpr const char* DO_SEND_NAME = "Orvex::Reticor::CMediaBuffer::do_send";
 constexpr const char* PUT_NAME = "Orvex::Reticor::CMediaBuffer::put";

@@ -28,7 +28,7 @@ constexpr int UNITS_PER_TICK = 8;
 /// Whether receivers print when they are called; set by the command "mediastreamreceiver".
 std::atomic<int32_t> g_print{0};
 
-const R3Command g_receiver_command(&r3StoreFlag<g_print>, "mediastreamreceiver", HELP_MEDIASTREAMRECEIVER);
+const R3Command g_receiver_command(&r3_store_flag<g_print>, "mediastreamreceiver", HELP_MEDIASTREAMRECEIVER);
 
 /// The call of one tick by the name that its lines give it.
 constexpr char DO_RECEIVE[] = "Orvex::Reticor::CMediaStreamReceiver::do_receive";
@@ -110,7 +110,7 @@ bool CMediaStreamReceiver::Turn::receive_paced(long long& result) {
 
 void CMediaStreamReceiver::Turn::print(const char* moment) {
     R3Printf("%s, object:%p, class:%s handle_stream_input %s at %ju us\n", DO_RECEIVE,
-             static_cast<void*>(&m_receiver), className(m_receiver).c_str(), moment,
+             static_cast<void*>(&m_receiver), class_name(m_receiver).c_str(), moment,
              static_cast<uintmax_t>(Infra::CTime::getCurrentMicroSecond()));
 }
 

@@ -29,7 +29,7 @@ constexpr unsigned int BLOCK_LIMIT = 65535;
 /// Whether senders print what they do; set by the command "streamsender".
 std::atomic<int32_t> g_print{0};
 
-const R3Command g_streamsender_command(&r3StoreFlag<g_print>, "streamsender", HELP_STREAMSENDER);
+const R3Command g_streamsender_command(&r3_store_flag<g_print>, "streamsender", HELP_STREAMSENDER);
 
 bool printing() {
     return g_print.load(std::memory_order_relaxed) != 0;
@@ -42,8 +42,8 @@ void print_put(CStreamSender& sender, const StreamSenderState& state, unsigned i
     const auto [stream, fd] = state.socket();
     if (stream != nullptr) {
         R3Printf("%s, object:%p, class:%s, put len:%d, strem:%p, fd:%d\n",
-                 "Orvex::Reticor::CStreamSender::Put", static_cast<void*>(&sender), className(sender).c_str(),
-                 static_cast<int>(len), static_cast<void*>(stream), fd);
+                 "Orvex::Reticor::CStreamSender::Put", static_cast<void*>(&sender),
+                 class_name(sender).c_str(), static_cast<int>(len), static_cast<void*>(stream), fd);
     }
 }
 
@@ -51,7 +51,7 @@ void print_output(CStreamSender& sender, const StreamSenderState& state) {
     const auto [stream, fd] = state.socket();
     if (stream != nullptr) {
         R3Printf("%s, object:%p, class:%s, strem:%p, fd:%d\n", "Orvex::Reticor::CStreamSender::handle_output",
-                 static_cast<void*>(&sender), className(sender).c_str(), static_cast<void*>(stream), fd);
+                 static_cast<void*>(&sender), class_name(sender).c_str(), static_cast<void*>(stream), fd);
     }
 }
 

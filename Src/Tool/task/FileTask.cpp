@@ -33,13 +33,13 @@ Infra::CSemaphore g_file_sem{0};
 std::atomic<bool> g_file_threads_stop{false};
 std::atomic<bool> g_file_threads_over{false};
 
-FileTaskQueue& fileTasks() {
+FileTaskQueue& file_tasks() {
     static Infra::Forever<FileTaskQueue> room;
     static FileTaskQueue& g_file_tasks = room.make(&g_file_sem);
     return g_file_tasks;
 }
 
-FileTaskQueue& fileTaskPool() {
+FileTaskQueue& file_task_pool() {
     static Infra::Forever<FileTaskQueue> room;
     static FileTaskQueue& g_file_task_pool = room.make(nullptr);
     return g_file_task_pool;
@@ -66,7 +66,7 @@ int PostFileTask(CNFile* file, int type, long long arg) {
     if (HasFileThreads() == 0) {
         return 0;
     }
-    FileTask* task = fileTaskPool().Get();
+    FileTask* task = file_task_pool().Get();
     if (task == nullptr) {
         task = new (std::nothrow) FileTask;
     }
@@ -82,8 +82,8 @@ int PostFileTask(FileTask* task, CNFile* file, int type, long long arg) {
     task->m_type = type;
     task->m_arg = arg;
     task->m_wait_ms = 0;
-    if (!fileTasks().Put(task, true)) {
-        fileTaskPool().Put(task, false);
+    if (!file_tasks().Put(task, true)) {
+        file_task_pool().Put(task, false);
         count_dropped();
         return -1;
     }
@@ -102,10 +102,10 @@ void StockFileTasks() {
         return;
     }
     sm_stocked = true;
-    static_cast<void>(fileTasks().Hold());  // for the messages, which are without a file
+    static_cast<void>(file_tasks().Hold());  // for the messages, which are without a file
     for (int i = 0; i < STOCK; ++i) {
         if (FileTask* const task = new (std::nothrow) FileTask) {
-            fileTaskPool().Put(task, false);
+            file_task_pool().Put(task, false);
         }
     }
 }

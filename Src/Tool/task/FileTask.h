@@ -25,8 +25,8 @@ extern std::atomic<bool> g_file_threads_stop;
 extern std::atomic<bool> g_file_threads_over;
 
 /// The work, and the free list of nodes. Never destroyed: threads may still run while static objects are.
-FileTaskQueue& fileTasks();
-FileTaskQueue& fileTaskPool();
+FileTaskQueue& file_tasks();
+FileTaskQueue& file_task_pool();
 
 /// 1 if file workers were ever started, otherwise 0.
 int HasFileThreads();

@@ -36,8 +36,8 @@ public:
     virtual void waits(const void* /*object*/) noexcept {}
     virtual void woke(const void* /*object*/) noexcept {}
     virtual void posted(const void* /*object*/) noexcept {}
-    virtual void threadBegins(const char* /*name*/) noexcept {}
-    virtual void threadEnds(const char* /*name*/) noexcept {}
+    virtual void thread_begins(const char* /*name*/) noexcept {}
+    virtual void thread_ends(const char* /*name*/) noexcept {}
     /// May put another time in the place of the system's.
     virtual void reads(timespec& /*now*/) noexcept {}
 
@@ -56,20 +56,20 @@ public:
     static void afterUnlock(const void* lock, LockWay way) noexcept;
 
     /// Around a sleep in which the thread waits for another one or for time to pass: not that of a lock.
-    static void beforeWait(const void* object) noexcept;
-    static void afterWait(const void* object) noexcept;
+    static void enter_wait(const void* object) noexcept;
+    static void leave_wait(const void* object) noexcept;
     /// A wait on `object` may be over.
     static void posted(const void* object) noexcept;
 
     /// First and last on a library thread.
-    static void threadBegins(const char* name) noexcept;
-    static void threadEnds(const char* name) noexcept;
+    static void thread_begins(const char* name) noexcept;
+    static void thread_ends(const char* name) noexcept;
 
     /// The monotonic clock.
     static timespec now() noexcept;
 
     /// Null, the default, for none. Returns the one before. It must outlive every thread that may be in it.
-    static SeamObserver* setObserver(SeamObserver* observer) noexcept;
+    static SeamObserver* set_observer(SeamObserver* observer) noexcept;
 };
 
 }  // namespace Orvex::Infra

@@ -38,14 +38,14 @@ constexpr CThreadPool::WorkerBody WORK = &CThreadPool::ThreadProc;
 // ---- construction --------------------------------------------------------------------------------------
 
 TEST(ThreadPool, TheNumberOfWorkersIsAMultipleOfTheProcessors) {
-    EXPECT_EQ(4, CThreadPool::workerCount(1, 4));
-    EXPECT_EQ(4, CThreadPool::workerCount(3, 4));
-    EXPECT_EQ(4, CThreadPool::workerCount(4, 4));
-    EXPECT_EQ(8, CThreadPool::workerCount(5, 4));
-    EXPECT_EQ(4, CThreadPool::workerCount(0, 4));
-    EXPECT_EQ(2, CThreadPool::workerCount(2, 2));
-    EXPECT_EQ(0, CThreadPool::workerCount(0, 1));
-    EXPECT_EQ(3, CThreadPool::workerCount(3, 1));
+    EXPECT_EQ(4, CThreadPool::worker_count(1, 4));
+    EXPECT_EQ(4, CThreadPool::worker_count(3, 4));
+    EXPECT_EQ(4, CThreadPool::worker_count(4, 4));
+    EXPECT_EQ(8, CThreadPool::worker_count(5, 4));
+    EXPECT_EQ(4, CThreadPool::worker_count(0, 4));
+    EXPECT_EQ(2, CThreadPool::worker_count(2, 2));
+    EXPECT_EQ(0, CThreadPool::worker_count(0, 1));
+    EXPECT_EQ(3, CThreadPool::worker_count(3, 1));
 }
 
 TEST(ThreadPool, APoolOfOneThreadOnFourProcessorsHasFourWorkers) {
@@ -58,7 +58,7 @@ TEST(ThreadPool, APoolOfNoThreadsOnOneProcessorLogsAndHasNoWorkers) {
     CThreadPool pool(7, 0, 64, 0, 0, nullptr, 1);
     EXPECT_EQ(1u, log.count(2, "Invalid thread num 0, Please check it!\n")) << log.dump();
     EXPECT_EQ(0, ThreadPoolProbe::workers(pool));
-    CEvent* ev = getEvent();
+    CEvent* ev = get_event();
     ev->m_key = EVENT_KEY_HEARTBEAT;
     pool.m_event.PushOne(ev);
     pool.Stop();
@@ -103,7 +103,7 @@ TEST(ThreadPool, ThreadsThatCannotStartLeaveAPoolThatCanBeDestroyed) {
 // ---- records of unknown kind ------------------------------------------------------------------------------
 
 void pushKey(CThreadPool& pool, int64_t key) {
-    CEvent* ev = getEvent();
+    CEvent* ev = get_event();
     ev->m_key = key;
     pool.m_event.PushOne(ev);
 }
@@ -129,7 +129,7 @@ TEST(ThreadPoolDeath, AForeignRecordInTheSerialLineIsLoggedAndAsserted) {
     EXPECT_DEATH(
         {
             CThreadPool pool(7, 2, 64, 0, 0, WORK, 2);
-            CEvent* ev = getEvent();
+            CEvent* ev = get_event();
             ev->m_key = EVENT_KEY_MESSAGE;
             ev->m_next = nullptr;
             pool.PushSerial(ev);
@@ -373,7 +373,7 @@ TEST(ThreadPoolEnd, WhatIsQueuedAfterTheStopIsDeletedWithThePool) {
     for (int64_t key : {EVENT_KEY_MESSAGE, EVENT_KEY_HEARTBEAT, int64_t{-6553600}}) {
         pushKey(*pool, key);
     }
-    CEvent* serial = getEvent();
+    CEvent* serial = get_event();
     serial->m_key = EVENT_KEY_SERIAL;
     pool->PushSerial(serial);
     pool.reset();  // the sanitizer counts what is left

@@ -169,14 +169,14 @@ TEST(EventQueue, PopBlocksUntilARecordComes) {
 }
 
 TEST(EventQueue, TheDestructorDeletesWhatIsQueuedAndLeavesTheFreeListAlone) {
-    CEvent* mine = getEvent();
-    putEvent(mine);
+    CEvent* mine = get_event();
+    put_event(mine);
     {
         CEventQueue queue;
         queue.Push(chain(-200, 3));
     }
-    EXPECT_EQ(mine, getEvent());
-    putEvent(mine);
+    EXPECT_EQ(mine, get_event());
+    put_event(mine);
 }
 
 TEST(EventQueue, ManyThreadsLoseAndDoubleNothing) {
@@ -248,31 +248,31 @@ TEST(EventFreeList, GetBatchTakesUpToSoMany) {
 }
 
 TEST(EventStock, ARecordPutAndTakenOnOneThreadIsTheSameOne) {
-    CEvent* ev = getEvent();
+    CEvent* ev = get_event();
     ev->m_key = -4711;
-    putEvent(ev);
-    CEvent* again = getEvent();
+    put_event(ev);
+    CEvent* again = get_event();
     EXPECT_EQ(ev, again);
     EXPECT_EQ(-4711, again->m_key);
     EXPECT_EQ(nullptr, again->m_next);
-    putEvent(again);
+    put_event(again);
 }
 
 TEST(EventStock, AThreadsEndGivesItsRecordsBack) {
     CEvent* theirs = nullptr;
     std::thread([&] {
-        theirs = getEvent();
-        putEvent(theirs);
+        theirs = get_event();
+        put_event(theirs);
     }).join();
     std::vector<CEvent*> taken;
     bool found = false;
     for (int i = 0; i < 200 && !found; ++i) {
-        taken.push_back(getEvent());
+        taken.push_back(get_event());
         found = taken.back() == theirs;
     }
     EXPECT_TRUE(found);
     for (CEvent* ev : taken) {
-        putEvent(ev);
+        put_event(ev);
     }
 }
 
@@ -280,22 +280,22 @@ TEST(EventStock, AProducerAndAConsumerExchangeRecordsWithoutNewOnes) {
     // One thread takes, the other gives back: after the first rounds all records are known ones.
     std::vector<CEvent*> known;
     for (int i = 0; i < 300; ++i) {
-        known.push_back(getEvent());
+        known.push_back(get_event());
     }
     for (CEvent* ev : known) {
-        putEvent(ev);
+        put_event(ev);
     }
     std::sort(known.begin(), known.end());
     int strangers = 0;
     for (int round = 0; round < 20; ++round) {
         std::vector<CEvent*> batch;
         for (int i = 0; i < 150; ++i) {
-            batch.push_back(getEvent());
+            batch.push_back(get_event());
             strangers += std::binary_search(known.begin(), known.end(), batch.back()) ? 0 : 1;
         }
         std::thread([&] {
             for (CEvent* ev : batch) {
-                putEvent(ev);
+                put_event(ev);
             }
         }).join();
     }
@@ -303,16 +303,16 @@ TEST(EventStock, AProducerAndAConsumerExchangeRecordsWithoutNewOnes) {
 }
 
 TEST(EventStock, PutEventChainGivesBackEveryRecord) {
-    CEvent* first = getEvent();
-    CEvent* second = getEvent();
+    CEvent* first = get_event();
+    CEvent* second = get_event();
     first->m_next = second;
     second->m_next = nullptr;
-    putEventChain(first);
-    CEvent* a = getEvent();
-    CEvent* b = getEvent();
+    put_event_chain(first);
+    CEvent* a = get_event();
+    CEvent* b = get_event();
     EXPECT_TRUE((a == first && b == second) || (a == second && b == first));
-    putEvent(a);
-    putEvent(b);
+    put_event(a);
+    put_event(b);
 }
 
 }  // namespace

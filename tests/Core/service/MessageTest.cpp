@@ -54,9 +54,9 @@ protected:
 
 TEST_F(Message, AReceiverOf0OrAboveIsLoggedAsInvalidAndNothingIsQueued) {
     LogCapture log;
-    CEvent* next = getEvent();
+    CEvent* next = get_event();
     next->m_receiver = 4712;
-    putEvent(next);
+    put_event(next);
     for (long receiver : {0L, 1L, 4711L, 0x7FFFFFFFL}) {
         CMessage::Notify(id(), receiver, 7, 42, false);
         CMessage::Notify(id(), receiver, 7, 42, true);
@@ -69,9 +69,9 @@ TEST_F(Message, AReceiverOf0OrAboveIsLoggedAsInvalidAndNothingIsQueued) {
     const std::string start = log.lines().front().start;
     EXPECT_EQ(0u, start.find("[Src/Core/Message.cpp:")) << start;
     EXPECT_NE(std::string::npos, start.find("] tid:")) << start;
-    EXPECT_EQ(next, getEvent());
+    EXPECT_EQ(next, get_event());
     EXPECT_EQ(4712, next->m_receiver) << "no record was made";
-    putEvent(next);
+    put_event(next);
 }
 
 class MessageDeath : public Message {};
@@ -88,22 +88,22 @@ TEST_F(MessageDeath, AReceiverWhoseIndexIs64OrAboveIsAsserted) {
 TEST_F(Message, AReceiverOfAnEmptySlotIsAcceptedAndTheRecordGoesBack) {
     LogCapture log;
     const long nobody = (-100 * 256 + 63) * 256;
-    CEvent* ev = getEvent();
-    putEvent(ev);
+    CEvent* ev = get_event();
+    put_event(ev);
     CMessage::Notify(id(), nobody, 7, 42, false);
     CMessage::NotifySerial(id(), nobody, 7, 42, 0);
-    CMessage::NotifyClose(getEvent(), nobody, handler);
+    CMessage::NotifyClose(get_event(), nobody, handler);
     EXPECT_EQ(0u, log.lines().size()) << log.dump();
-    CEvent* again = getEvent();
+    CEvent* again = get_event();
     EXPECT_EQ(ev, again);
     EXPECT_EQ(nobody, again->m_receiver);
-    putEvent(again);
+    put_event(again);
 }
 
 TEST_F(Message, ACloseMessageMeansTheHandlerThatPostedIt) {
     auto* stranger = new TestHandler;
     const std::shared_ptr<HandlerLife> its_life = stranger->life;
-    CMessage::NotifyClose(getEvent(), stranger->GetID(), handler);
+    CMessage::NotifyClose(get_event(), stranger->GetID(), handler);
     stranger->Notify(stranger->GetID(), 1, 0);
     EXPECT_EVENTUALLY(its_life->messages == 1);
     EXPECT_EQ(0, its_life->closes);

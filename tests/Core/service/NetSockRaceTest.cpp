@@ -100,7 +100,7 @@ protected:
     void TearDown() override {
         CThreadPool& the_pool = pool();
         EXPECT_TRUE(ThreadPoolProbe::sockets(the_pool).empty());
-        EXPECT_TRUE(SockTimerProbe::listed(sockTimer()).empty());
+        EXPECT_TRUE(SockTimerProbe::listed(sock_timer()).empty());
         EXPECT_EQ(1, MultiplexerProbe::places(the_pool.m_mux, 0));
         EXPECT_EQ(0, MultiplexerProbe::places(the_pool.m_mux, 1));
         EXPECT_EQ(0, MultiplexerProbe::places(the_pool.m_mux, 2));
@@ -114,13 +114,13 @@ protected:
     static void expectNoRecordTwice() {
         std::vector<CEvent*> taken;
         for (int i = 0; i < 2000; ++i) {
-            taken.push_back(getEvent());
+            taken.push_back(get_event());
         }
         std::vector<CEvent*> sorted = taken;
         std::sort(sorted.begin(), sorted.end());
         EXPECT_EQ(sorted.end(), std::adjacent_find(sorted.begin(), sorted.end()));
         for (CEvent* ev : taken) {
-            putEvent(ev);
+            put_event(ev);
         }
     }
 

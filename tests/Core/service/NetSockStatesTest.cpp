@@ -18,7 +18,7 @@ protected:
     void TearDown() override {
         handler->RemoveSock(pair.near);
         EXPECT_TRUE(ThreadPoolProbe::sockets(rig.pool()).empty());
-        EXPECT_TRUE(SockTimerProbe::listed(sockTimer()).empty());
+        EXPECT_TRUE(SockTimerProbe::listed(sock_timer()).empty());
         EXPECT_EQ(1, rig.places(0));
         EXPECT_EQ(0, rig.places(1));
         EXPECT_EQ(0, rig.places(2));
@@ -76,7 +76,7 @@ TEST_F(NetSockStates, IdleToInFlightByTimeoutLeavesTheSetsAndTheTimerList) {
     ASSERT_EQ(1u, due.size());
     EXPECT_EQ(REVENT_READ_TIMEOUT, due[0]->m_revents);
     EXPECT_EQ(0, due[0]->m_timer.m_set_time);
-    EXPECT_TRUE(SockTimerProbe::listed(sockTimer()).empty());
+    EXPECT_TRUE(SockTimerProbe::listed(sock_timer()).empty());
     EXPECT_EQ(1, rig.places(0));
     EXPECT_EQ(0, rig.places(1));
     EXPECT_TRUE(rig.poll().empty()) << "writable, and in flight";
@@ -243,13 +243,13 @@ TEST_F(NetSockStates, TimeoutOfARecordWithNoDirectionCountsAsInFlightAndMakesNoC
     const std::vector<CEvent*> due = rig.tick(2);
     ASSERT_EQ(1u, due.size());
     EXPECT_EQ(0, due[0]->m_revents);
-    EXPECT_TRUE(inFlight(due[0]));
+    EXPECT_TRUE(is_in_flight(due[0]));
     add(handler, SOCK_READ);
     pair.write();
     EXPECT_TRUE(rig.poll().empty()) << "or it would be queued twice";
     rig.serve(due[0]);
     EXPECT_EQ(0, handler->life->calls());
-    EXPECT_FALSE(inFlight(due[0]));
+    EXPECT_FALSE(is_in_flight(due[0]));
     EXPECT_EQ(0, due[0]->m_timer.m_set_time);
     EXPECT_EQ(1u, rig.pollAndServe());
 }
@@ -384,7 +384,7 @@ TEST_F(NetSockStates, RegistrationThatFindsNoMemoryIsRefusedWithALineAndLeavesNo
         << log.dump();
     EXPECT_EQ(nullptr, record());
     EXPECT_EQ(0, sockets(handler));
-    EXPECT_TRUE(SockTimerProbe::listed(sockTimer()).empty());
+    EXPECT_TRUE(SockTimerProbe::listed(sock_timer()).empty());
     EXPECT_EQ(1, rig.places(0));
     EXPECT_FALSE(epollItem(rig.epoll(), pair.fd()));
 

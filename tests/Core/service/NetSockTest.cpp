@@ -92,7 +92,7 @@ private:
     std::atomic<bool> m_holds{false};
     std::atomic<bool> m_over{false};
     std::thread m_thread{[this] {
-        const Infra::CGuard guard(SockTimerProbe::mutex(sockTimer()));
+        const Infra::CGuard guard(SockTimerProbe::mutex(sock_timer()));
         m_holds = true;
         while (!m_over) {
             std::this_thread::yield();

@@ -125,7 +125,7 @@ protected:
     }
     void TearDown() override {
         handler->RemoveSock(pair.near);
-        EXPECT_TRUE(SockTimerProbe::listed(sockTimer()).empty());
+        EXPECT_TRUE(SockTimerProbe::listed(sock_timer()).empty());
         rig.close(handler);
     }
 
@@ -299,7 +299,7 @@ TEST_F(SockTimer, AllThatIsDueFiresInOnePassAndTheRestStays) {
     ASSERT_EQ(0, handler->RegisterSock(others[2].near, SOCK_READ, 2000));
     add(1000);
     EXPECT_EQ(3u, rig.tick(2).size());
-    EXPECT_EQ(std::vector<CEvent*>{rig.record(others[1].fd())}, SockTimerProbe::listed(sockTimer()));
+    EXPECT_EQ(std::vector<CEvent*>{rig.record(others[1].fd())}, SockTimerProbe::listed(sock_timer()));
     for (SocketPair& other : others) {
         handler->RemoveSock(other.near);
     }
@@ -314,7 +314,7 @@ TEST_F(SockTimer, TimeoutOfAHandlerThatHasGoneMakesNoCallAndEnds) {
     rig.close(gone);
     EXPECT_EQ(2, passesToTimeout());
     EXPECT_EQ(-1, passesToTimeout());
-    EXPECT_TRUE(inFlight(rig.record(other.fd())) == false);
+    EXPECT_TRUE(is_in_flight(rig.record(other.fd())) == false);
     handler->AddSock();
     handler->RemoveSock(other.near);
 }
@@ -356,9 +356,9 @@ TEST(SockTimerPoolEnd, RecordsOfAPoolLeaveTheListWithIt) {
         handler->DecSock();
         rig.close(handler);
     }
-    EXPECT_TRUE(SockTimerProbe::listed(sockTimer()).empty());
-    SockTimerProbe::pass(sockTimer());
-    SockTimerProbe::pass(sockTimer());
+    EXPECT_TRUE(SockTimerProbe::listed(sock_timer()).empty());
+    SockTimerProbe::pass(sock_timer());
+    SockTimerProbe::pass(sock_timer());
 }
 
 }  // namespace

@@ -31,7 +31,7 @@ std::vector<int64_t> keys(CEvent* chain) {
     for (const CEvent* ev = chain; ev != nullptr; ev = ev->m_next) {
         found.push_back(ev->m_key);
     }
-    putEventChain(chain);
+    put_event_chain(chain);
     return found;
 }
 

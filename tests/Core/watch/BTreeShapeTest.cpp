@@ -44,7 +44,7 @@ public:
     ~PlainTree() {
         std::vector<int64_t> keys;
         m_tree.ReadLock();
-        m_tree.ForEach([&keys](void* payload) { keys.push_back(BTree::keyOf(payload)); });
+        m_tree.ForEach([&keys](void* payload) { keys.push_back(BTree::key_of(payload)); });
         m_tree.Unlock();
         for (const int64_t key : keys) {
             m_tree.Remove(key);
@@ -340,7 +340,7 @@ TEST(BTreeShape, NegativeAndOtherKeysSortBySignedComparison) {
     tree.insertAll(keys);
     std::vector<int64_t> walked;
     tree.tree().ReadLock();
-    tree.tree().ForEach([&walked](void* payload) { walked.push_back(BTree::keyOf(payload)); });
+    tree.tree().ForEach([&walked](void* payload) { walked.push_back(BTree::key_of(payload)); });
     tree.tree().Unlock();
     std::vector<int64_t> sorted = keys;
     std::sort(sorted.begin(), sorted.end());
@@ -469,7 +469,7 @@ TEST(BTreeMemory, InsertionWithoutMemoryIsRefusedAndLeavesASoundTree) {
             tree.tree().ReadLock();
             tree.tree().ForEach([&count](void* payload) {
                 ++count;
-                EXPECT_EQ(BTree::keyOf(payload), count);
+                EXPECT_EQ(BTree::key_of(payload), count);
             });
             tree.tree().Unlock();
             ASSERT_EQ(count, size);

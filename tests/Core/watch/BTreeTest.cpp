@@ -300,7 +300,7 @@ TEST(BTreeEnd, WalkLetsAnOwnerTakeOutWhatTheTreeDoesNotDelete) {
     }
     std::vector<int64_t> keys;
     tree.ReadLock();
-    tree.ForEach([&keys](void* payload) { keys.push_back(BTree::keyOf(payload)); });
+    tree.ForEach([&keys](void* payload) { keys.push_back(BTree::key_of(payload)); });
     tree.Unlock();
     ASSERT_EQ(21U, keys.size());
     for (int64_t key = 0; key <= 20; ++key) {

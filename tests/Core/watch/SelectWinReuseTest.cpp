@@ -140,7 +140,7 @@ TEST_F(SelectWinReuse, NumberClosedInFlightAndNotReusedStaysOutInSilence) {
     LogCapture log;
     EXPECT_EQ(1u, rig.pollAndServe());
     EXPECT_TRUE(rig.poll().empty());
-    EXPECT_EQ(MuxForm::gone, muxForm(rig.record(sock.GetHandle())));
+    EXPECT_EQ(MuxForm::gone, mux_form(rig.record(sock.GetHandle())));
     EXPECT_EQ(2, rig.places(0));
     EXPECT_TRUE(log.lines().empty()) << log.dump();
     handler->RemoveSock(sock);

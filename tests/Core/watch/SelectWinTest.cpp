@@ -125,8 +125,8 @@ TEST_F(SelectWin, ExceptionSetTakes4096SocketsAndIgnoresTheNext) {
     const Copies copies(pair.fd(), 4097);
     registerCopies(copies, 0, 4097, SOCK_EXCEPT);
     EXPECT_EQ(4096, rig.places(2));
-    EXPECT_EQ(SOCK_EXCEPT, muxBook(rig.record(copies[4095])));
-    EXPECT_EQ(0u, muxBook(rig.record(copies[4096])));
+    EXPECT_EQ(SOCK_EXCEPT, mux_book(rig.record(copies[4095])));
+    EXPECT_EQ(0u, mux_book(rig.record(copies[4096])));
     removeCopies(copies, 4097);
     EXPECT_EQ(0, rig.places(2));
 }
@@ -166,14 +166,14 @@ TEST_F(SelectWin, SocketInFlightGivesUpItsPlaceAndIsDroppedInSilenceIfItFindsNon
     LogCapture log;
     handler->on_input = [](int) { return 0; };
     rig.serve(ready[0]);
-    EXPECT_EQ(0u, muxBook(ready[0]));
+    EXPECT_EQ(0u, mux_book(ready[0]));
     EXPECT_EQ(1, rig.mux().SocksWithoutPlace());
     handler->UnregisterSock(other.near, SOCK_READ);
     EXPECT_EQ(0, rig.mux().SocksWithoutPlace()) << "it asks for nothing";
     ASSERT_EQ(0, handler->RegisterSock(other.near, SOCK_READ, 1000000));
     EXPECT_EQ(1, rig.mux().SocksWithoutPlace());
     EXPECT_TRUE(rig.poll().empty()) << "it has data, but no place";
-    EXPECT_EQ(1u, SockTimerProbe::listed(sockTimer()).size()) << "its time-out still runs";
+    EXPECT_EQ(1u, SockTimerProbe::listed(sock_timer()).size()) << "its time-out still runs";
     EXPECT_TRUE(log.lines().empty()) << log.dump();
     handler->RemoveSock(other.near);
     removeCopies(copies, 4095);

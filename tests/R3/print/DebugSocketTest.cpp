@@ -36,26 +36,26 @@ TEST(DebugSocket, FlagsHaveTheirFirstValues) {
 }
 
 TEST(DebugSocket, NothingIsTracedAtFirst) {
-    EXPECT_FALSE(Flags::passesType(7));
-    EXPECT_FALSE(Flags::passesRevents(0x30D));
-    EXPECT_FALSE(Flags::passesDensity());
+    EXPECT_FALSE(Flags::passes_type(7));
+    EXPECT_FALSE(Flags::passes_revents(0x30D));
+    EXPECT_FALSE(Flags::passes_density());
     EXPECT_FALSE(Flags::matches(SOCKET, HANDLER));
 }
 
 TEST(DebugSocket, RequestsPassByTheDirectionsTheyName) {
     setClasses(2);
-    EXPECT_TRUE(Flags::passesType(1));
-    EXPECT_TRUE(Flags::passesType(3));
-    EXPECT_FALSE(Flags::passesType(2));
-    EXPECT_FALSE(Flags::passesType(4));
+    EXPECT_TRUE(Flags::passes_type(1));
+    EXPECT_TRUE(Flags::passes_type(3));
+    EXPECT_FALSE(Flags::passes_type(2));
+    EXPECT_FALSE(Flags::passes_type(4));
     setClasses(4);
-    EXPECT_TRUE(Flags::passesType(2));
-    EXPECT_FALSE(Flags::passesType(1));
-    EXPECT_FALSE(Flags::passesType(4));
+    EXPECT_TRUE(Flags::passes_type(2));
+    EXPECT_FALSE(Flags::passes_type(1));
+    EXPECT_FALSE(Flags::passes_type(4));
     for (const int any : {1, 8}) {
         setClasses(any);
         for (unsigned int type = 0; type < 8; ++type) {
-            EXPECT_TRUE(Flags::passesType(type)) << "all and exception let every request pass";
+            EXPECT_TRUE(Flags::passes_type(type)) << "all and exception let every request pass";
         }
     }
 }
@@ -63,30 +63,30 @@ TEST(DebugSocket, RequestsPassByTheDirectionsTheyName) {
 TEST(DebugSocket, DeliveriesPassByWhatIsReady) {
     setClasses(2);
     for (const int revents : {1, 0x100, 0x105}) {
-        EXPECT_TRUE(Flags::passesRevents(revents));
+        EXPECT_TRUE(Flags::passes_revents(revents));
     }
     for (const int revents : {0, 4, 0x200, 8, 0x400}) {
-        EXPECT_FALSE(Flags::passesRevents(revents));
+        EXPECT_FALSE(Flags::passes_revents(revents));
     }
     setClasses(4);
     for (const int revents : {4, 0x200, 5}) {
-        EXPECT_TRUE(Flags::passesRevents(revents));
+        EXPECT_TRUE(Flags::passes_revents(revents));
     }
     for (const int revents : {0, 1, 0x100, 8, 0x400}) {
-        EXPECT_FALSE(Flags::passesRevents(revents));
+        EXPECT_FALSE(Flags::passes_revents(revents));
     }
     setClasses(8);
-    EXPECT_TRUE(Flags::passesRevents(8));
-    EXPECT_FALSE(Flags::passesRevents(0x705));
+    EXPECT_TRUE(Flags::passes_revents(8));
+    EXPECT_FALSE(Flags::passes_revents(0x705));
     setClasses(1);
-    EXPECT_TRUE(Flags::passesRevents(0));
-    EXPECT_TRUE(Flags::passesRevents(0x400));
+    EXPECT_TRUE(Flags::passes_revents(0));
+    EXPECT_TRUE(Flags::passes_revents(0x400));
 }
 
 TEST(DebugSocket, DenseSitesPrintOnDemandOnly) {
-    EXPECT_FALSE(Flags::passesDensity());
+    EXPECT_FALSE(Flags::passes_density());
     Flags::socket_dendity = true;
-    EXPECT_TRUE(Flags::passesDensity());
+    EXPECT_TRUE(Flags::passes_density());
 }
 
 TEST(DebugSocket, WithoutAFilterAnyClassMatchesEverySocket) {

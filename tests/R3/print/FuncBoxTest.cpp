@@ -210,7 +210,7 @@ TEST(R3Command, RegistersItsFunction) {
 }
 
 TEST(R3Command, FlagCommandStoresItsFirstArgument) {
-    const R3Command registrar(&Orvex::Reticor::r3StoreFlag<s_flag>, "flag", nullptr);
+    const R3Command registrar(&Orvex::Reticor::r3_store_flag<s_flag>, "flag", nullptr);
     const TFuncEntry* entry = g_r3_funcbox->Find("flag");
     entry->func(7, 1, 1, 1, 1, 1, 1, 1, 1, 1);
     EXPECT_EQ(7, s_flag);

@@ -21,7 +21,7 @@ struct Split {
 };
 
 Split split(std::string line) {
-    const CommandLine result = splitCommandLine(line.data());
+    const CommandLine result = split_command_line(line.data());
     return {result.word != nullptr, result.word != nullptr ? result.word : "",
             std::vector<int>(result.arguments, result.arguments + R3_ARGUMENTS)};
 }
@@ -94,7 +94,7 @@ int keep(int a, int b, int c, int d, int e, int f, int g, int h, int i, int j) {
 TEST(CommandLine, CommandIsCalledWithAllTen) {
     const TFuncEntry entry = {&keep, "keep", nullptr};
     std::string line = "keep 1 two 3 -4";
-    callCommand(entry, splitCommandLine(line.data()));
+    call_command(entry, split_command_line(line.data()));
     EXPECT_THAT(s_called, ElementsAre(1, -1128481604, 3, -4, 0, 0, 0, 0, 0, 0));
 }
 

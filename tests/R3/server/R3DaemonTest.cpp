@@ -130,7 +130,7 @@ TEST_F(R3Daemon, IsEmptyBeforeInit) {
 
 TEST_F(R3Daemon, RegistersInTheTableThatSessionsSearch) {
     CR3Daemon* const daemon = CR3Daemon::Create(false);
-    daemon->SetFuncBox(acquireFuncBox());
+    daemon->SetFuncBox(acquire_func_box());
     EXPECT_EQ(g_r3_funcbox, daemon->FuncBox());
     EXPECT_EQ(0, daemon->Register(reinterpret_cast<void*>(&freePort), "name", nullptr));
     EXPECT_NE(nullptr, g_r3_funcbox->Find("name"));
@@ -175,7 +175,7 @@ TEST_F(R3Daemon, ManyClientsInARowLeaveNothingBehind) {
 TEST_F(R3Daemon, CloseEndsTheClientAndThePort) {
     start();
     TcpClient client = greeted();
-    endDebugServer();
+    end_debug_server();
     EXPECT_EQ("", client.receiveAll());
     EXPECT_TRUE(client.wasClosed());
     EXPECT_FALSE(TcpClient(port).isConnected());

@@ -80,7 +80,7 @@ TEST_F(R3Server, RunsOnceAtATime) {
     start();
     CR3Daemon* const first = g_r3_daemon;
     LogCapture log;
-    EXPECT_EQ(-1, startDebugServer(freePort(), nullptr, false));
+    EXPECT_EQ(-1, start_debug_server(freePort(), nullptr, false));
     EXPECT_EQ(1u, log.countLevel(2)) << log.dump();
     EXPECT_EQ(first, g_r3_daemon);
     TcpClient client = greeted();
@@ -100,7 +100,7 @@ TEST_F(R3Server, StartsAgainAfterItsEnd) {
 
 TEST_F(R3Server, AfterItsEndPrintsAreDroppedUnformatted) {
     start();
-    endDebugServer();
+    end_debug_server();
     R3Printf("%s\n", reinterpret_cast<const char*>(1));
 }
 
@@ -111,7 +111,7 @@ TEST_F(R3Server, WithoutAPortItDoesNotStart) {
         last.Open(CSockAddrIPv4(0u, 65535));
     }
     LogCapture log;
-    EXPECT_EQ(-1, startDebugServer(65535, nullptr, false));
+    EXPECT_EQ(-1, start_debug_server(65535, nullptr, false));
     EXPECT_EQ(nullptr, g_r3_daemon);
     EXPECT_TRUE(log.contains(2, "CR3Daemon::Create new open_port fail!\n")) << log.dump();
     EXPECT_EVENTUALLY(openHandlers() == 0);

@@ -63,7 +63,7 @@ std::string bytes(std::initializer_list<int> values) {
 std::string filtered(const std::string& text) {
     std::string passed;
     for (const char letter : text) {
-        if (telnetPasses(static_cast<unsigned char>(letter))) {
+        if (telnet_passes(static_cast<unsigned char>(letter))) {
             passed.push_back(letter);
         }
     }
@@ -82,9 +82,9 @@ std::string typed(const std::string& text) {
 
 TEST(TelnetFilter, EveryByteBut0AndIacPassesWhileNothingIsOpen) {
     for (int byte = 1; byte < 255; ++byte) {
-        EXPECT_TRUE(telnetPasses(static_cast<unsigned char>(byte))) << byte;
+        EXPECT_TRUE(telnet_passes(static_cast<unsigned char>(byte))) << byte;
     }
-    EXPECT_FALSE(telnetPasses(0));
+    EXPECT_FALSE(telnet_passes(0));
     EXPECT_FALSE(g_iac_seen);
     EXPECT_EQ(TELNET_NORMAL, g_telnet_state);
 }

@@ -24,71 +24,71 @@ int newHandle() {
 
 TEST(CloseCount, ClosingRaisesTheCountOfThatNumberOnly) {
     const int handle = newHandle();
-    const std::uint32_t before = closeCount(handle);
-    const std::uint32_t neighbour = closeCount(handle + 1);
-    EXPECT_EQ(0, closeCounted(handle));
+    const std::uint32_t before = close_count(handle);
+    const std::uint32_t neighbour = close_count(handle + 1);
+    EXPECT_EQ(0, close_counted(handle));
     EXPECT_FALSE(Testing::isOpen(handle));
-    EXPECT_EQ(closeCount(handle), before + 1);
-    EXPECT_EQ(closeCount(handle + 1), neighbour);
+    EXPECT_EQ(close_count(handle), before + 1);
+    EXPECT_EQ(close_count(handle + 1), neighbour);
 }
 
 TEST(CloseCount, NumbersShareCountersModuloTheTable) {
     const int handle = newHandle();
-    const std::uint32_t before = closeCount(handle + 4096);
-    const std::uint32_t other = closeCount(handle + 2048);
-    closeCounted(handle);
-    EXPECT_EQ(closeCount(handle + 4096), before + 1);
-    EXPECT_EQ(closeCount(handle + 2048), other);
+    const std::uint32_t before = close_count(handle + 4096);
+    const std::uint32_t other = close_count(handle + 2048);
+    close_counted(handle);
+    EXPECT_EQ(close_count(handle + 4096), before + 1);
+    EXPECT_EQ(close_count(handle + 2048), other);
 }
 
 TEST(CloseCount, DeadNumbersAreReportedAndHarmless) {
     errno = 0;
-    EXPECT_EQ(-1, closeCounted(-1));
+    EXPECT_EQ(-1, close_counted(-1));
     EXPECT_EQ(EBADF, errno);
-    closeCount(-1);
-    closeCount(0x7FFFFFFF);
+    close_count(-1);
+    close_count(0x7FFFFFFF);
 }
 
 TEST(CloseCount, EveryCloseOfASocketIsCounted) {
     const int handle = newHandle();
-    std::uint32_t count = closeCount(handle);
+    std::uint32_t count = close_count(handle);
     {
         CSock sock;
         ASSERT_EQ(0, sock.Attach(handle));
         sock.Close();
-        EXPECT_EQ(closeCount(handle), ++count) << "Close";
+        EXPECT_EQ(close_count(handle), ++count) << "Close";
         ASSERT_EQ(newHandle(), handle);
         ASSERT_EQ(0, sock.Attach(handle));
     }
-    EXPECT_EQ(closeCount(handle), ++count) << "destructor";
+    EXPECT_EQ(close_count(handle), ++count) << "destructor";
 
     CSock unreachable;
     const CSockAddrIPv4 nobody("127.0.0.1", Testing::refusingPort(unreachable));
     CSockStream stream;
     ASSERT_EQ(0, stream.Connect(nobody, nullptr));
     const int first = stream.GetHandle();
-    count = closeCount(first);
+    count = close_count(first);
     ASSERT_EQ(0, stream.Connect(nobody, nullptr));
-    EXPECT_EQ(closeCount(first), ++count) << "reconnect";
+    EXPECT_EQ(close_count(first), ++count) << "reconnect";
     stream.SetBlockOpt(true);
     EXPECT_EQ(-1, stream.Connect(nobody, nullptr));
-    EXPECT_EQ(closeCount(first), count + 2) << "reconnect and failed connect";
+    EXPECT_EQ(close_count(first), count + 2) << "reconnect and failed connect";
 
     CSockAcceptor acceptor;
     ASSERT_NE(0, Testing::openOnLoopback(acceptor));
     const int listening = acceptor.GetHandle();
-    count = closeCount(listening);
+    count = close_count(listening);
     EXPECT_EQ(-1, acceptor.Open(CSockAddrStorage()));
-    EXPECT_EQ(closeCount(listening), ++count) << "Open";
+    EXPECT_EQ(close_count(listening), ++count) << "Open";
 }
 
 TEST(CloseCount, DetachingCountsNothing) {
     LoopbackPair pair;
     ASSERT_TRUE(pair.connected);
     const int handle = pair.client.GetHandle();
-    const std::uint32_t before = closeCount(handle);
+    const std::uint32_t before = close_count(handle);
     EXPECT_EQ(pair.client.Detach(), handle);
-    EXPECT_EQ(closeCount(handle), before);
+    EXPECT_EQ(close_count(handle), before);
     ::close(handle);
 }
 

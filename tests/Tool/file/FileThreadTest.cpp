@@ -37,7 +37,7 @@ int fileThreads() {
 // ---- start and end -------------------------------------------------------------------------------------
 
 TEST(FileThread, TwoPerProcessorAreStartedByTheFirstPoolThatAsksForThem) {
-    const int wanted = 2 * static_cast<int>(CThreadPool::processorCount());
+    const int wanted = 2 * static_cast<int>(CThreadPool::processor_count());
     ASSERT_EQ(0, CNetThread::CreateThreadPool(2, false));
     EXPECT_EQ(0, fileThreads());
     EXPECT_EQ(0, HasFileThreads());
@@ -279,7 +279,7 @@ TEST_F(NotifyIOStart, AfterTheEndOfTheWorkersMessagesAreDroppedAndTheLogSaysSoOn
         post(i);
     }
     EXPECT_EQ(0u, CMessage::CountIOMessages());
-    EXPECT_EQ(nullptr, fileTasks().Get());
+    EXPECT_EQ(nullptr, file_tasks().Get());
     EXPECT_EQ(1u, log.count(2, "The file threads have been stopped, messages of NotifyIO are dropped!\n"));
 }
 

@@ -37,8 +37,8 @@ protected:
     // Brings tasks at rest back, as the time does.
     static void endRest() {
         uint64_t due = 0;
-        while (fileTasks().BeginWatch(&due)) {
-            fileTasks().EndWatch(due, UINT64_MAX - 1, false);
+        while (file_tasks().BeginWatch(&due)) {
+            file_tasks().EndWatch(due, UINT64_MAX - 1, false);
         }
     }
     bool eof = false;
@@ -59,12 +59,12 @@ TEST_P(WriteResults, AWriteThatFailsGivesMessage8AndIsTriedAgain) {
         EXPECT_TRUE(step());
         EXPECT_EVENTUALLY(client->errors() == i);
         EXPECT_FALSE(step()) << "it rests, and keeps no worker";
-        EXPECT_EQ(1, fileTasks().Count(file));
+        EXPECT_EQ(1, file_tasks().Count(file));
         endRest();
     }
     EXPECT_TRUE(step());
     EXPECT_EQ("data", disk->content());
-    EXPECT_EQ(0, fileTasks().Count(file));
+    EXPECT_EQ(0, file_tasks().Count(file));
     EXPECT_EQ("data", closed(file));
     EXPECT_EQ(3, client->errors());
 }
@@ -318,7 +318,7 @@ TEST_F(NFileFault, TheSecondCloseAndCallsAfterTheFirstDoNothing) {
     write(*file, "data");
     file->Close();
     file->Close();
-    EXPECT_EQ(2, fileTasks().Count(file)) << "one to write, one to close";
+    EXPECT_EQ(2, file_tasks().Count(file)) << "one to write, one to close";
     char byte = 0;
     EXPECT_EQ(0, file->Write("x", 1));
     EXPECT_EQ(0, file->Read(&byte, 1, eof));

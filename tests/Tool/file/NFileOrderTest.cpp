@@ -216,7 +216,7 @@ TEST_F(NFileOrder, AWriteTaskThatIsRefusedAndDroppedMakesTheRunningPassLookAgain
     ASSERT_TRUE(gate.awaitArrivals(1));
     EXPECT_TRUE(step());
     EXPECT_FALSE(step());
-    EXPECT_EQ(1, fileTasks().Count(file)) << "the one that runs";
+    EXPECT_EQ(1, file_tasks().Count(file)) << "the one that runs";
     gate.open();
     worker.join();
     EXPECT_TRUE(bytes == disk->content());
@@ -248,7 +248,7 @@ TEST_F(NFileOrder, SeeksWhileTheDeviceIsBusyDoNotPileUpTasks) {
     for (int i = 0; i < 1000; ++i) {
         file->Seek(i, 0);
     }
-    EXPECT_LE(fileTasks().Count(file), 2);
+    EXPECT_LE(file_tasks().Count(file), 2);
     gate.open();
     worker.join();
     closed(file);

@@ -282,7 +282,7 @@ protected:
             if (ev->m_key == EVENT_KEY_MESSAGE && ev->m_receiver == waiter->GetID()) {
                 ++found[static_cast<long>(ev->m_obj_id)];
             }
-            putEvent(ev);
+            put_event(ev);
         }
         for (const auto& pair : pairs) {
             ASSERT_EQ(found[pair->real.sender->GetID()], pair->model.messages);

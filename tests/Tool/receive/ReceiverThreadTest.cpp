@@ -210,7 +210,7 @@ TEST_F(ReceiverThreads, CallbacksComeFromAThreadOfTheirOwnOnOneProcessor) {
 }
 
 TEST_F(ReceiverThreads, NewReceiverGoesToTheThreadWithTheFewest) {
-    const auto processors = static_cast<std::size_t>(CThreadPool::processorCount());
+    const auto processors = static_cast<std::size_t>(CThreadPool::processor_count());
     std::mutex mutex;
     std::map<int, std::set<int>> on_thread;
     std::vector<TestReceiver*> receivers;
@@ -291,7 +291,7 @@ TEST_F(ReceiverThreads, NextReceiverWaitsForARunThatHasSeenItsListEmpty) {
     const auto life = held->life;
     held->Close();
     std::vector<TestReceiver*> others;
-    for (unsigned int i = 0; i < CThreadPool::processorCount(); ++i) {
+    for (unsigned int i = 0; i < CThreadPool::processor_count(); ++i) {
         others.push_back(make());
         others.back()->StartReceive(0, 1.0F);
     }

@@ -231,7 +231,7 @@ TEST_F(StreamSender, IdleTimeoutOfTheOwnerEndsWithTheFirstShortWrite) {
     backlog(1);
     EXPECT_EQ(static_cast<int>(SOCK_READ | SOCK_WRITE), mask());
     EXPECT_EQ(0, rig.record(sock.GetHandle())->m_timer.m_set_time);
-    EXPECT_TRUE(SockTimerProbe::listed(sockTimer()).empty());
+    EXPECT_TRUE(SockTimerProbe::listed(sock_timer()).empty());
     // The owner's way to have one again: a positive result of handle_input.
     owner->on_input = [](int) { return 7000000; };
     owner->on_output = [this](int fd) {

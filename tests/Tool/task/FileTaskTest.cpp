@@ -18,8 +18,8 @@ TEST(FileTask, WithoutThreadsNothingIsQueued) {
     EXPECT_EQ(0, HasFileThreads());
     EXPECT_EQ(0, PostFileTask(ONE, FILE_TASK_WRITE, 0));
     EXPECT_EQ(0, PostFileMessageTask());
-    EXPECT_EQ(0, fileTasks().Count(ONE));
-    EXPECT_EQ(nullptr, fileTasks().Get());
+    EXPECT_EQ(0, file_tasks().Count(ONE));
+    EXPECT_EQ(nullptr, file_tasks().Get());
 }
 
 // ---- what a worker does --------------------------------------------------------------------------------
@@ -36,8 +36,8 @@ TEST_F(RunningFileTask, ATaskOfNoKnownKindIsDone) {
     PostFileTask(nullptr, FILE_TASK_WRITE, 1);
     EXPECT_TRUE(step());
     EXPECT_TRUE(step());
-    EXPECT_EQ(0, fileTasks().Count(file));
-    EXPECT_EQ(0, fileTasks().Count(nullptr));
+    EXPECT_EQ(0, file_tasks().Count(file));
+    EXPECT_EQ(0, file_tasks().Count(nullptr));
     closed(file);
 }
 
@@ -45,12 +45,12 @@ TEST_F(RunningFileTask, NodesAreUsedAgain) {
     CNFile* const file = open(newDevice());
     PostFileTask(file, 2, 0);
     step();
-    FileTask* const node = fileTaskPool().Get();
+    FileTask* const node = file_task_pool().Get();
     ASSERT_NE(nullptr, node);
-    EXPECT_EQ(nullptr, fileTaskPool().Get());
-    fileTaskPool().Put(node, false);
+    EXPECT_EQ(nullptr, file_task_pool().Get());
+    file_task_pool().Put(node, false);
     PostFileTask(file, 2, 0);
-    EXPECT_EQ(nullptr, fileTaskPool().Get());
+    EXPECT_EQ(nullptr, file_task_pool().Get());
     closed(file);
 }
 
@@ -58,11 +58,11 @@ TEST_F(RunningFileTask, CloseWaitsForTheWritesOfItsFileWhateverTheOrder) {
     CNFile* const file = open(newDevice());
     PostFileTask(file, FILE_TASK_CLOSE, 1);
     PostFileTask(file, FILE_TASK_WRITE, 0);
-    EXPECT_EQ(2, fileTasks().Count(file));
+    EXPECT_EQ(2, file_tasks().Count(file));
     EXPECT_TRUE(step());
     EXPECT_EQ(0, disk->closes);
     EXPECT_TRUE(step());
-    EXPECT_EQ(1, fileTasks().Count(file)) << "a close task counts itself";
+    EXPECT_EQ(1, file_tasks().Count(file)) << "a close task counts itself";
     EXPECT_TRUE(step());
     EXPECT_EQ(1, disk->closes);
     EXPECT_FALSE(step());
@@ -81,11 +81,11 @@ TEST_F(RunningFileTask, ATaskThatIsRefusedWaitsForTheRunningPassWithoutAWorker) 
     PostFileTask(file, FILE_TASK_WRITE, 1);
     EXPECT_TRUE(step()) << "it is refused";
     EXPECT_FALSE(step()) << "and does not come again at once";
-    EXPECT_EQ(2, fileTasks().Count(file));
+    EXPECT_EQ(2, file_tasks().Count(file));
     gate.open();
     worker.join();
     EXPECT_TRUE(step());
-    EXPECT_EQ(0, fileTasks().Count(file));
+    EXPECT_EQ(0, file_tasks().Count(file));
     closed(file);
 }
 

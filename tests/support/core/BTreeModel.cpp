@@ -169,7 +169,7 @@ void appendShape(const BTree::Node& node, std::string& text) {
             appendShape(*key->m_left, text);
             text += ' ';
         }
-        text += std::to_string(BTree::keyOf(key->m_data));
+        text += std::to_string(BTree::key_of(key->m_data));
     }
     if (node.m_right != nullptr) {
         text += ' ';
@@ -221,7 +221,7 @@ private:
         int depth = -1;
         for (const BTree::KeyNode* key = node.m_head; key != nullptr; key = key->m_next) {
             visitChild(key->m_left, depth);
-            const int64_t value = BTree::keyOf(key->m_data);
+            const int64_t value = BTree::key_of(key->m_data);
             fail(m_any && value < m_last, "keys do not ascend");
             m_any = true;
             m_last = value;

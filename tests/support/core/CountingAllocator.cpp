@@ -19,12 +19,12 @@ std::function<void()>* s_step = nullptr;
 
 extern "C" {
 
-// Orvex::Reticor::generalAllocate(unsigned long)
-void* __wrap__ZN5Orvex7Reticor15generalAllocateEm(std::size_t size) noexcept;
-// Orvex::Reticor::generalFree(void*)
-void __wrap__ZN5Orvex7Reticor11generalFreeEPv(void* p) noexcept;
+// Orvex::Reticor::general_allocate(unsigned long)
+void* __wrap__ZN5Orvex7Reticor16general_allocateEm(std::size_t size) noexcept;
+// Orvex::Reticor::general_free(void*)
+void __wrap__ZN5Orvex7Reticor12general_freeEPv(void* p) noexcept;
 
-void* __wrap__ZN5Orvex7Reticor15generalAllocateEm(std::size_t size) noexcept {
+void* __wrap__ZN5Orvex7Reticor16general_allocateEm(std::size_t size) noexcept {
     s_last_size = size;
     if (s_until_step >= 0 && s_until_step-- == 0) {
         (*s_step)();
@@ -36,7 +36,7 @@ void* __wrap__ZN5Orvex7Reticor15generalAllocateEm(std::size_t size) noexcept {
     return std::malloc(size);
 }
 
-void __wrap__ZN5Orvex7Reticor11generalFreeEPv(void* p) noexcept {
+void __wrap__ZN5Orvex7Reticor12general_freeEPv(void* p) noexcept {
     if (p != nullptr) {
         ++s_freed;
         std::free(p);

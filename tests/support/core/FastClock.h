@@ -14,7 +14,7 @@ public:
     FastClock()
         : m_thread([this] {
               while (!m_stop) {
-                  Reticor::SockTimerProbe::pass(Reticor::sockTimer());
+                  Reticor::SockTimerProbe::pass(Reticor::sock_timer());
                   std::this_thread::yield();
               }
           }) {}

@@ -32,7 +32,7 @@ inline Registered lookAt(Reticor::CThreadPool& pool, int fd) {
             ev->m_revents,
             ev->m_timer.m_set_time,
             CSockTimer::IsLinked(ev.get()),
-            inFlight(ev.get()),
+            is_in_flight(ev.get()),
             static_cast<long>(ev->m_obj_id)};
 }
 
@@ -49,7 +49,7 @@ protected:
     void TearDown() override {
         handler->RemoveSock(pair.near);
         EXPECT_EVENTUALLY(Reticor::ThreadPoolProbe::sockets(pool()).empty());
-        EXPECT_TRUE(Reticor::SockTimerProbe::listed(Reticor::sockTimer()).empty());
+        EXPECT_TRUE(Reticor::SockTimerProbe::listed(Reticor::sock_timer()).empty());
         closeAndWait(handler);
         PoolFixture::TearDown();
     }

@@ -39,7 +39,7 @@ public:
     ~StillPool() {
         m_pool->Stop();
         takeQueue();
-        Reticor::sockTimer().UnlinkAll(m_pool->m_sock_tree);
+        Reticor::sock_timer().UnlinkAll(m_pool->m_sock_tree);
         Reticor::PoolTable::Set(m_index, nullptr);
         m_pool->m_event.PushOne(token());
         delete m_pool;
@@ -90,7 +90,7 @@ public:
     // A pass of the socket timer: 500 ms on its clock. What it queued is taken from the queue.
     std::vector<Reticor::CEvent*> tick(int times = 1) {
         for (int i = 0; i < times; ++i) {
-            Reticor::SockTimerProbe::pass(Reticor::sockTimer());
+            Reticor::SockTimerProbe::pass(Reticor::sock_timer());
         }
         return takeQueue();
     }
@@ -113,7 +113,7 @@ public:
                 found.push_back(ev);
             } else if (ev->m_key == Reticor::EVENT_KEY_HEARTBEAT) {
                 ++m_heartbeats;
-                Reticor::putEvent(ev);
+                Reticor::put_event(ev);
             }  // else it is one of the pool's tokens
         }
         Reticor::EventQueueProbe::takeCounts(m_pool->m_event);

@@ -49,13 +49,13 @@ inline int openHandlers() {
 class DebugServerFixture : public PoolFixture {
 protected:
     void TearDown() override {
-        Reticor::endDebugServer();
+        Reticor::end_debug_server();
         EXPECT_EVENTUALLY(openHandlers() == 0);
         PoolFixture::TearDown();
     }
 
     void start(const char* name = nullptr, bool local_only = false) {
-        ASSERT_EQ(0, Reticor::startDebugServer(freePort(), name, local_only));
+        ASSERT_EQ(0, Reticor::start_debug_server(freePort(), name, local_only));
         port = Reticor::g_r3_daemon->Port();
     }
 

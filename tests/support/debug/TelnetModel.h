@@ -141,7 +141,7 @@ public:
 
     bool Line(char* line) override {
         lines.emplace_back(line);
-        const Reticor::CommandLine split = Reticor::splitCommandLine(line);
+        const Reticor::CommandLine split = Reticor::split_command_line(line);
         std::string shown = split.word != nullptr ? split.word : "";
         for (const int argument : split.arguments) {
             shown += shown.empty() ? "" : " " + std::to_string(argument);

@@ -367,11 +367,11 @@ protected:
     static void drain() {
         for (int i = 0; i < 100000; ++i) {
             uint64_t due = 0;
-            if (!step() && !Reticor::fileTasks().BeginWatch(&due)) {
+            if (!step() && !Reticor::file_tasks().BeginWatch(&due)) {
                 return;
             }
             if (due != 0) {
-                Reticor::fileTasks().EndWatch(due, UINT64_MAX - 1, false);
+                Reticor::file_tasks().EndWatch(due, UINT64_MAX - 1, false);
             }
         }
         ADD_FAILURE() << "the tasks go on and on";

@@ -149,7 +149,7 @@ protected:
                 found.emplace_back(static_cast<long>(ev->m_obj_id), static_cast<long>(ev->m_receiver),
                                    ev->m_msg);
                 EXPECT_EQ(0, ev->m_attach);
-                Reticor::putEvent(ev);
+                Reticor::put_event(ev);
             } else {
                 rig.serve(ev);
             }

@@ -72,7 +72,7 @@ protected:
                 found.emplace_back(static_cast<long>(ev->m_receiver), ev->m_msg,
                                    static_cast<long>(ev->m_attach));
             }
-            Reticor::putEvent(ev);
+            Reticor::put_event(ev);
         }
         return found;
     }

@@ -138,10 +138,10 @@ std::string QuietLog::all() {
 
 extern "C" {
 
-// Orvex::Reticor::generalAllocate(unsigned long)
-void* __wrap__ZN5Orvex7Reticor15generalAllocateEm(size_t size) noexcept;
+// Orvex::Reticor::general_allocate(unsigned long)
+void* __wrap__ZN5Orvex7Reticor16general_allocateEm(size_t size) noexcept;
 
-void* __wrap__ZN5Orvex7Reticor15generalAllocateEm(size_t size) noexcept {
+void* __wrap__ZN5Orvex7Reticor16general_allocateEm(size_t size) noexcept {
     return Orvex::Testing::allocate(size);
 }
 

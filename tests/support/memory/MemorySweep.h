@@ -27,12 +27,12 @@ public:
             // With room for it first, or the vector's own allocation would be taken for that of a record.
             m_taken.reserve(m_taken.size() + 1);
             before = MemoryFault::own();
-            m_taken.push_back(Reticor::getEvent());
+            m_taken.push_back(Reticor::get_event());
         } while (MemoryFault::own() == before);
     }
     ~NoRecords() {
         for (Reticor::CEvent* ev : m_taken) {
-            Reticor::putEvent(ev);
+            Reticor::put_event(ev);
         }
     }
     NoRecords(const NoRecords&) = delete;
