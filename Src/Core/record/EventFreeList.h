@@ -43,8 +43,8 @@ CEvent* get_event();
 void put_event(CEvent* ev);
 void put_event_chain(CEvent* ev);
 
-/// As get_event, for what the library itself has to say while there is no memory: it then comes out of a small
-/// reserve. Null once that is used up.
+/// As get_event, for what the library itself has to say while there is no memory: it then comes out of a
+/// small reserve. Null once that is used up.
 CEvent* get_event_reserved();
 
 /// Fills that reserve up again, as far as there is memory. Any thread, now and then.

@@ -146,7 +146,7 @@ TEST_F(FileSlots, AWriteBeyondTheEndOfTheFileOutdatesWhoClaimsThatEnd) {
     EXPECT_NE(nullptr, slots.TakeAt(BLOCK));
 }
 
-// A call that looks at each buffer takes hundreds of times as long with 4096 of them as with 4.
+// A call that looks at each buffer takes twenty times as long with 4096 of them as with 4, or longer.
 TEST(FileSlotsCost, ACallCostsTheSameWithAnyNumberOfBuffers) {
     const auto cost_ns = [](unsigned count) {
         CFileSlots slots;
@@ -169,7 +169,7 @@ TEST(FileSlotsCost, ACallCostsTheSameWithAnyNumberOfBuffers) {
     };
     const long long few = cost_ns(4);
     const long long many = cost_ns(4096);
-    EXPECT_LT(many, 30 * few);
+    EXPECT_LT(many, 10 * few);
 }
 
 }  // namespace

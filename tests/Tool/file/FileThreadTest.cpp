@@ -252,19 +252,20 @@ TEST_F(NotifyIOStart, AStartThatFailsKeepsThemForTheNextOne) {
 }
 
 TEST_F(NotifyIOStart, NoMessageIsLeftWithoutATaskByAStartThatMeetsIt) {
+    constexpr int POSTS = 200;
     for (int round = 1; round <= 300; ++round) {
-        std::atomic<bool> go{false};
+        std::atomic<int> posted{0};
         std::thread poster([&] {
-            while (!go) {
-            }
-            for (long i = 0; i < 10; ++i) {
+            for (long i = 0; i < POSTS; ++i) {
                 post(i);
+                ++posted;
             }
         });
-        go = true;
+        while (posted <= round % POSTS) {
+        }
         ASSERT_EQ(0, StartFileThreads(1));
         poster.join();
-        ASSERT_TRUE(Testing::eventually([&] { return life->messages == 10 * round; })) << round;
+        ASSERT_TRUE(Testing::eventually([&] { return life->messages == POSTS * round; })) << round;
         StopFileThreads();
         g_file_thread_count = 0;  // as if they had never run
         g_file_threads_over = false;
