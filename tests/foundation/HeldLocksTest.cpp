@@ -165,13 +165,14 @@ std::string orders_of(void (*work)()) {
         },
         testing::ExitedWithCode(0), "");
     std::ifstream file(path, std::ios::binary);
-    std::stringstream bytes;
-    bytes << file.rdbuf();
+    std::stringstream read;
+    read << file.rdbuf();
     ::unlink(path);
+    const std::string table = read.str();
     std::string orders;
-    for (size_t at = 0; at < bytes.str().size(); at += LockOrders::ENTRY_SIZE) {
-        if (bytes.str()[at] != 0) {
-            orders += std::string(bytes.str().c_str() + at + 1) + "\n";
+    for (size_t at = 0; at < table.size(); at += LockOrders::ENTRY_SIZE) {
+        if (table[at] != 0) {
+            orders += std::string(table.c_str() + at + 1) + "\n";
         }
     }
     return orders;
