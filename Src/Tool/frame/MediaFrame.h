@@ -12,10 +12,10 @@ namespace Orvex::Reticor {
 struct SenderRecord;
 
 /// The two halves of a level word. The channel of a word whose top byte is 128 or more is negative.
-constexpr int channelOf(int level_word) {
+constexpr int channel_of(int level_word) {
     return level_word >> 24;
 }
-constexpr int levelOf(int level_word) {
+constexpr int level_of(int level_word) {
     return static_cast<int>(static_cast<uint32_t>(level_word) << 8) >> 8;
 }
 
@@ -88,8 +88,8 @@ public:
     /// A sender is through with it: its bytes are not those of somebody in the middle any more.
     void end_sent() { m_sent_len -= m_frame_len; }
 
-    int channel() const { return channelOf(m_level); }
-    int level() const { return levelOf(m_level); }
+    int channel() const { return channel_of(m_level); }
+    int level() const { return level_of(m_level); }
     /// The frame's channel as a bit of the senders' masks. A complete frame's channel is 0 to 7.
     uint8_t channel_bit() const { return static_cast<uint8_t>(1U << (channel() & 31)); }
     bool is_key() const { return (m_key_mask & channel_bit()) != 0; }

@@ -12,7 +12,7 @@ namespace Orvex::Reticor {
 namespace {
 
 int clamp_level(int level_word) {
-    const int level = std::clamp(levelOf(level_word), FrameLine::LEVEL_MOST, FrameLine::LEVEL_LEAST);
+    const int level = std::clamp(level_of(level_word), FrameLine::LEVEL_MOST, FrameLine::LEVEL_LEAST);
     return static_cast<int>((static_cast<uint32_t>(level_word) & 0xFF000000U) | static_cast<uint32_t>(level));
 }
 
@@ -90,7 +90,7 @@ int MediaBufferState::accept(CMediaPacket* packet, int len, int mark, int level)
     }
     const int level_word = clamp_level(level);
     m_frames.append(packet, len, mark, level_word);
-    return channelOf(level_word);
+    return channel_of(level_word);
 }
 
 void MediaBufferState::complete() {
@@ -141,10 +141,10 @@ std::optional<uint64_t> MediaBufferState::give_turns() {
         const uint64_t total = record->m_send_total;
         if (printing) {
             MediaTrace::sender_ends(&m_owner, record->m_owner,
-                                    isFailure(end) ? -1 : static_cast<long long>(total));
+                                    is_failure(end) ? -1 : static_cast<long long>(total));
         }
         SenderRecord* const next = record->m_next;
-        if (isFailure(end)) {
+        if (is_failure(end)) {
             if (printing) {
                 MediaTrace::sender_failed(&m_owner, next != nullptr ? next->m_owner : nullptr);
             }

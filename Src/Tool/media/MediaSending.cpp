@@ -50,7 +50,7 @@ TurnEnd MediaSending::run(CFrame* frame) {
         progress = write_frame(*m_stream);
     }
     m_record.settle();
-    if (!isFailure(m_end)) {
+    if (!is_failure(m_end)) {
         m_record.pass_all_if_caught_up();
     }
     return m_end;
@@ -59,7 +59,7 @@ TurnEnd MediaSending::run(CFrame* frame) {
 void MediaSending::report() {
     const bool other = m_end == TurnEnd::OTHER_BLOCKED || m_end == TurnEnd::OTHER_FAILED;
     const char* const where = other ? "check_other_data" : "Send";
-    if (isFailure(m_end)) {
+    if (is_failure(m_end)) {
         tell(FAILED_NAME, "MediaStreamSender %s socket exception!\n", where);
     } else if (m_end != TurnEnd::DONE) {
         if (m_record.has_stalled()) {

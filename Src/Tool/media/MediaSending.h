@@ -14,7 +14,7 @@ enum class TurnEnd {
     OTHER_FAILED,   ///< It failed over other data.
 };
 
-constexpr bool isFailure(TurnEnd end) {
+constexpr bool is_failure(TurnEnd end) {
     return end == TurnEnd::FAILED || end == TurnEnd::OTHER_FAILED;
 }
 

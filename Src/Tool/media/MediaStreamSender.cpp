@@ -64,7 +64,7 @@ long long CMediaStreamSender::Send(CFrame* frame, unsigned long long) INFRA_NO_T
     MediaSending turn(*m_state);
     const TurnEnd end = turn.run(frame);
     turn.report();
-    return isFailure(end) ? -1 : static_cast<long long>(m_state->m_send_total);
+    return is_failure(end) ? -1 : static_cast<long long>(m_state->m_send_total);
 }
 
 int CMediaStreamSender::GetTailPacket(char* buffer, int len) {

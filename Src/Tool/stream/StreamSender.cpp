@@ -117,7 +117,7 @@ CSock* CStreamSender::Detach() {
 }
 
 int CStreamSender::Put(const char* buf, unsigned int len) {
-    const uint64_t BUF_SIZE = m_state->bufferSize();
+    const uint64_t BUF_SIZE = m_state->buffer_size();
     assert(buf != NULL && len <= BUF_SIZE);
     if (printing()) {
         print_put(*this, *m_state, len);

@@ -29,7 +29,7 @@ void StreamSenderState::attach(CNetHandler* owner, CSock* stream) {
 PutEnd StreamSenderState::put(const char* buf, uint32_t len) {
     if (m_data_len != 0) {
         // What came earlier goes first.
-        if (bufferSize() - m_data_len < len) {
+        if (buffer_size() - m_data_len < len) {
             return PutEnd::REFUSED;
         }
         return put_buffer(buf, len, 0) ? PutEnd::TAKEN : PutEnd::NO_MEMORY;
@@ -218,7 +218,7 @@ bool StreamSenderState::wait_end(long id) {
 
 void StreamSenderState::check_buffer_free(CStreamSender& sender) {
     // Fits: the capacity has a limit below what an int holds.
-    const auto free = static_cast<int>(bufferSize() - m_data_len);
+    const auto free = static_cast<int>(buffer_size() - m_data_len);
     for (auto& [id, size] : m_wait_size) {
         if (size > 0 && free >= size) {
             CMessage::Tell(sender.GetID(), id, STREAM_SENDER_ROOM, free);

@@ -46,7 +46,7 @@ enum class PutEnd {
     LOST,         ///< A part went out, and there was no memory for the rest.
 };
 
-/// Thread safety: the caller holds m_mutex for all but bufferSize() and socket(). Nobody but its own
+/// Thread safety: the caller holds m_mutex for all but buffer_size() and socket(). Nobody but its own
 /// operations writes the members.
 ///
 /// Invariants: the blocks between m_head and m_tail are full and untouched; only the head can be partly read,
@@ -60,7 +60,7 @@ struct StreamSenderState {
     StreamSenderState& operator=(const StreamSenderState&) = delete;
 
     /// The capacity in bytes. Takes no lock. 64 bits, since the capacity in blocks has 32.
-    uint64_t bufferSize() const { return uint64_t{Infra::relaxedLoad(m_buf_num)} << SEND_BUF_SHIFT; }
+    uint64_t buffer_size() const { return uint64_t{Infra::relaxedLoad(m_buf_num)} << SEND_BUF_SHIFT; }
 
     /// The owner and the socket from now on; either may be null.
     void attach(CNetHandler* owner, CSock* stream) INFRA_REQUIRES(m_mutex);

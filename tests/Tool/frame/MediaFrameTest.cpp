@@ -95,12 +95,12 @@ TEST_F(MediaFrame, SentBytesAreThoseOfSendersInTheMiddle) {
 }
 
 TEST_F(MediaFrame, LevelWordsAreSplitWithTheirSigns) {
-    EXPECT_EQ(7, channelOf(mediaLevel(7, 10)));
-    EXPECT_EQ(-128, channelOf(mediaLevel(128, 1)));
-    EXPECT_EQ(-1, channelOf(mediaLevel(255, 1)));
-    EXPECT_EQ(10, levelOf(mediaLevel(7, 10)));
-    EXPECT_EQ(-3, levelOf(mediaLevel(7, -3)));
-    EXPECT_EQ(0, levelOf(mediaLevel(255, 0)));
+    EXPECT_EQ(7, channel_of(mediaLevel(7, 10)));
+    EXPECT_EQ(-128, channel_of(mediaLevel(128, 1)));
+    EXPECT_EQ(-1, channel_of(mediaLevel(255, 1)));
+    EXPECT_EQ(10, level_of(mediaLevel(7, 10)));
+    EXPECT_EQ(-3, level_of(mediaLevel(7, -3)));
+    EXPECT_EQ(0, level_of(mediaLevel(255, 0)));
 }
 
 TEST_F(MediaFrame, APacketWithoutBytesIsAnEntryLikeAnyOther) {
