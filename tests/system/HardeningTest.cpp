@@ -52,7 +52,7 @@ TEST(Hardening, ProgramsLieWhereTheSystemLikesAndNothingTheLinkerFillsInStaysWri
 }
 
 // Neither in builds with sanitizers, which have checks of their own, nor in those that are not optimised.
-#if defined(__OPTIMIZE__)
+#if RETICOR_CHECKED_CALLS
 TEST(Hardening, ProgramsHaveCanariesAndCallTheCheckedFunctions) {
     for (const std::string& path : programs()) {
         const std::string symbols = readelf("--dyn-syms", path);
