@@ -14,7 +14,7 @@ FrameDecision FrameChoice::ahead(const SenderRecord& record, const CFrame& frame
     static const ChannelBook NOTHING_KNOWN;
     const ChannelBook& book = record.m_list != nullptr ? record.m_list->m_channels : NOTHING_KNOWN;
     const int channel = frame.channel();
-    const SenderRecord::AheadCourse& course = record.m_ahead[channel];
+    const AheadCourse& course = record.m_ahead[channel];
     AheadQuestion question;
     question.age_us = now_us - frame.m_complete_us;
     question.key = frame.is_key();
@@ -25,10 +25,10 @@ FrameDecision FrameChoice::ahead(const SenderRecord& record, const CFrame& frame
     if (frame.m_disposable) {
         question.disposable = true;
         const int lost_level = record.misses_any(frame) ? book.disposable_level() : 0;
-        question.refers = (course.m_left_level != 0 && frame.level() > course.m_left_level) ||
-                          (lost_level != 0 && frame.level() > lost_level);
-        question.key_took_us = course.m_key_took_us;
-        question.since_key_us = frame.m_complete_us - course.m_key_made_us;
+        question.refers =
+            course.may_refer_to_left(frame.level()) || (lost_level != 0 && frame.level() > lost_level);
+        question.key_took_us = course.key_took_us();
+        question.since_key_us = frame.m_complete_us - course.key_made_us();
         question.group_us = book.group_us(channel);
     }
     return StepAhead::decide(question, {record.max_lag_us(), record.hard_lag_us()});

@@ -1,10 +1,9 @@
-// SenderRecord: what a frame seldom needs: gaps, chains, frames that go away under a sender, and its coming.
+// SenderRecord: what a frame seldom needs: gaps, chains, settings, its coming, frames that go away or are kept.
 #include "Tool/media/SenderRecord.h"
 
 #include <algorithm>
 #include <cassert>
 #include <cstddef>
-#include <cstring>
 #include <new>
 #include <utility>
 
@@ -12,46 +11,11 @@
 #include <Infra/Log.h>
 
 #include "Core/service/Message.h"
+#include "Tool/frame/FrameRest.h"
 
 namespace Orvex::Reticor {
 
 namespace {
-
-/// A copy of the bytes of one packet, for a sender whose frame was let go while it was half-written.
-class CRestPacket : public CMediaPacket {
-public:
-    /// Null if there is no memory.
-    static CRestPacket* make(const iovec& bytes) {
-        std::unique_ptr<char[]> copy(new (std::nothrow) char[bytes.iov_len]);
-        if (copy == nullptr) {
-            return nullptr;
-        }
-        if (bytes.iov_len != 0) {
-            std::memcpy(copy.get(), bytes.iov_base, bytes.iov_len);
-        }
-        return new (std::nothrow) CRestPacket(std::move(copy));
-    }
-    int Release() override {
-        delete this;
-        return 0;
-    }
-    char* GetBuffer() override { return m_bytes.get(); }
-
-private:
-    explicit CRestPacket(std::unique_ptr<char[]> bytes) : m_bytes(std::move(bytes)) {}
-
-    const std::unique_ptr<char[]> m_bytes;
-};
-
-/// Adds a copy of a packet's bytes. False if there is no memory.
-bool put_copy(CFrame& rest, const iovec& bytes, int mark, int level) {
-    CRestPacket* const copy = CRestPacket::make(bytes);
-    if (copy != nullptr && rest.Put(copy, static_cast<int>(bytes.iov_len), mark, level) != 0) {
-        copy->Release();
-        return false;
-    }
-    return copy != nullptr;
-}
 
 constexpr uint64_t SECOND_US = 1000000;
 
@@ -228,13 +192,13 @@ void SenderRecord::rescue_frame() {
     }
 }
 
-/// Puts a private frame in the place of m_frame. It holds copies of the packets from the cursor up to `end`,
-/// the first one whole so that the cursor's offset stays, and an empty one before it if the cursor is between
-/// two packets, since it must not look like the beginning of a frame.
+/// Puts a private frame in the place of m_frame: the packets from the cursor up to `end`, the first one whole
+/// so that the cursor's offset stays.
 void SenderRecord::keep_rest(uint32_t end) {
     uncount();
     m_counted = false;
-    CFrame* const rest = copy_rest(end);
+    CFrame* const rest =
+        FrameRest::copy(*m_frame, static_cast<uint32_t>(m_iovec_index), end, m_iovec_offset == 0);
     if (rest == nullptr) {
         lose_rest();
         return;
@@ -245,22 +209,6 @@ void SenderRecord::keep_rest(uint32_t end) {
     m_tail = rest;
     m_frame = rest;
     settle();
-}
-
-/// Null if there is no memory.
-CFrame* SenderRecord::copy_rest(uint32_t end) const {
-    std::unique_ptr<CFrame> rest(new (std::nothrow) CFrame);
-    const int level = m_frame->m_level;
-    if (rest == nullptr ||
-        (m_iovec_offset == 0 && !put_copy(*rest, iovec{nullptr, 0}, MEDIA_MARK_MORE, level))) {
-        return nullptr;
-    }
-    for (auto index = static_cast<uint32_t>(m_iovec_index); index < end; ++index) {
-        if (!put_copy(*rest, m_frame->m_iovec[index], m_frame->m_mark, level)) {
-            return nullptr;
-        }
-    }
-    return rest.release();
 }
 
 /// There was no memory for the rest of a frame that is half on the wire: the connection is of no use any
@@ -394,13 +342,12 @@ void SenderRecord::count_gap(Course& course) {
     const uint64_t stepped_frames = std::exchange(course.m_stepped_frames, 0);
     const uint64_t stepped_bytes = std::exchange(course.m_stepped_bytes, 0);
     AheadCourse& ahead = m_ahead[frame.channel()];
-    const uint64_t left_frames = std::exchange(ahead.m_left_frames, 0);
-    const uint64_t left_bytes = std::exchange(ahead.m_left_bytes, 0);
+    const Thinning::Sum left = ahead.take_left_out();
     if (course.m_last_ordinal == 0 || frame.m_ordinal <= course.m_last_ordinal) {
         return;  // It begins with this channel: what came before was never meant for it.
     }
-    const uint64_t frames = frame.m_ordinal - course.m_last_ordinal - 1 - left_frames;
-    const uint64_t bytes = frame.m_channel_begin - course.m_end - left_bytes;
+    const uint64_t frames = frame.m_ordinal - course.m_last_ordinal - 1 - left.frames;
+    const uint64_t bytes = frame.m_channel_begin - course.m_end - left.bytes;
     m_stats.skipped_frames += stepped_frames;
     m_stats.skipped_bytes += stepped_bytes;
     if (frames > stepped_frames) {
@@ -614,14 +561,7 @@ void SenderRecord::hold_no_more() {
 }
 
 void SenderRecord::begin_kept_frame() {
-    const CFrame& frame = *m_frame;
-    AheadCourse& ahead = m_ahead[frame.channel()];
-    ahead.m_needed = frame.m_needed_before + (frame.m_disposable ? 0 : 1);
-    ahead.m_left_frames = 0;
-    ahead.m_left_bytes = 0;
-    if (frame.level() <= ahead.m_left_level) {
-        ahead.m_left_level = 0;
-    }
+    m_ahead[m_frame->channel()].begin(*m_frame);
     m_begun_us = now();
     const Thinning::Sum over = m_thinning.take_over(m_begun_us, max_lag_us());
     if (over.frames != 0) {
@@ -637,9 +577,7 @@ CFrame* SenderRecord::end_kept_frame() {
         frame.remove_sender();
     }
     if (frame.is_key() && !m_cut) {
-        AheadCourse& ahead = m_ahead[frame.channel()];
-        ahead.m_key_took_us = now() - m_begun_us;
-        ahead.m_key_made_us = frame.m_complete_us;
+        m_ahead[frame.channel()].end_key(frame, now() - m_begun_us);
     }
     m_iovec_index = 0;
     m_iovec_offset = 0;
@@ -655,12 +593,9 @@ void SenderRecord::pass_kept(const CFrame& frame, bool leaves_out) {
     AheadCourse& ahead = m_ahead[frame.channel()];
     if ((Infra::relaxedLoad(m_channel_mask) & frame.channel_bit()) == 0) {
         course.m_last_ordinal = 0;
-        ahead.m_needed = NOT_KNOWN;
+        ahead.pass_unwanted();
     } else if (leaves_out) {
-        ++ahead.m_left_frames;
-        ahead.m_left_bytes += static_cast<uint64_t>(frame.m_frame_len);
-        ahead.m_left_level =
-            ahead.m_left_level == 0 ? frame.level() : std::min(ahead.m_left_level, frame.level());
+        ahead.leave_out(frame);
         m_thinning.leave_out(frame.m_frame_len, now());
     } else {
         ++course.m_stepped_frames;
@@ -670,13 +605,13 @@ void SenderRecord::pass_kept(const CFrame& frame, bool leaves_out) {
 
 bool SenderRecord::misses_needed(const CFrame& frame) const {
     const AheadCourse& ahead = m_ahead[frame.channel()];
-    return ahead.m_needed == NOT_KNOWN ? misses_any(frame) : frame.m_needed_before != ahead.m_needed;
+    return ahead.knows_needed() ? ahead.misses_needed(frame) : misses_any(frame);
 }
 
 bool SenderRecord::misses_any(const CFrame& frame) const {
     const Course& course = m_course[frame.channel()];
     const AheadCourse& ahead = m_ahead[frame.channel()];
-    return frame.m_ordinal != course.m_last_ordinal + 1 + course.m_stepped_frames + ahead.m_left_frames;
+    return frame.m_ordinal != course.m_last_ordinal + 1 + course.m_stepped_frames + ahead.left_out().frames;
 }
 
 MediaSenderStats SenderRecord::stats() {

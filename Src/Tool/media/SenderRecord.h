@@ -11,6 +11,7 @@
 #include <Infra/Mutex.h>
 #include <Infra/Time.h>
 
+#include "Tool/frame/AheadCourse.h"
 #include "Tool/frame/MediaFrame.h"
 #include "Tool/frame/Thinning.h"
 #include "Tool/media/MediaStep.h"
@@ -74,18 +75,6 @@ struct SenderRecord : SenderHotState {
     SenderRecord& operator=(const SenderRecord&) = delete;
 
     static constexpr uint64_t NO_TIMEOUT_S = 0xFFFFFFFF;
-    static constexpr uint64_t NOT_KNOWN = ~uint64_t{0};
-
-    /// What a sender that keeps frames knows besides of a channel.
-    struct AheadCourse {
-        /// Frames that others need, up to and with the last one begun; NOT_KNOWN: see its ordinal.
-        uint64_t m_needed = NOT_KNOWN;
-        uint64_t m_left_frames = 0;  ///< Disposable frames left out since then.
-        uint64_t m_left_bytes = 0;
-        uint64_t m_key_took_us = 0;  ///< To write the last key frame.
-        uint64_t m_key_made_us = 0;  ///< When that was complete.
-        int32_t m_left_level = 0;    ///< Frames above it may refer to one that was left out; 0: none.
-    };
 
     /// The way to a buffer's list for a sender that was added inside a call-back.
     class Coming : public StepGuest_IF {
@@ -118,10 +107,10 @@ struct SenderRecord : SenderHotState {
     unsigned m_skip_msg = 0;                   ///< No lock.
     uint64_t m_hard_lag_us = 0;                ///< No lock.
     bool m_holds = false;                      ///< m_linked's m_holders has this sender in it.
-    bool m_cut = false;       ///< It was paused in the middle of m_frame, which is followed by none.
-    uint64_t m_begun_us = 0;  ///< When m_frame was begun.
-    Thinning m_thinning;      ///< Frames left out.
-    AheadCourse m_ahead[CHANNELS];
+    bool m_cut = false;             ///< It was paused in the middle of m_frame, which is followed by none.
+    uint64_t m_begun_us = 0;        ///< When m_frame was begun.
+    Thinning m_thinning;            ///< Frames left out.
+    AheadCourse m_ahead[CHANNELS];  ///< Of a sender that keeps frames, beside its Course.
 
     /// Comes after the core's mutex. Also guards changes of m_core.
     Infra::CMutex m_other_mutex{Infra::LockClass::MEDIA_OTHER};
@@ -372,7 +361,6 @@ private:
     void tell_skip(uint64_t frames, uint64_t bytes, bool thinned) INFRA_REQUIRES(CORE_MUTEX);
     void drop_tail() INFRA_REQUIRES(CORE_MUTEX);
     void keep_rest(uint32_t end) INFRA_REQUIRES(CORE_MUTEX);
-    CFrame* copy_rest(uint32_t end) const INFRA_REQUIRES(CORE_MUTEX);
     void lose_rest() INFRA_REQUIRES(CORE_MUTEX);
 };
 
