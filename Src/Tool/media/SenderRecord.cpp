@@ -1,4 +1,4 @@
-// SenderRecord: what a frame seldom needs: gaps, chains, settings, its coming, frames that go away or are kept.
+// SenderRecord: what a frame seldom needs: gaps, chains, settings, coming, frames that go away or are kept.
 #include "Tool/media/SenderRecord.h"
 
 #include <algorithm>
