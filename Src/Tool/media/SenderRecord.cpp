@@ -579,12 +579,7 @@ CFrame* SenderRecord::end_kept_frame() {
     if (frame.is_key() && !m_cut) {
         m_ahead[frame.channel()].end_key(frame, now() - m_begun_us);
     }
-    m_iovec_index = 0;
-    m_iovec_offset = 0;
-    m_block_time = 0;
-    finished();
-    m_frame = nullptr;
-    m_frame_left = 0;
+    leave_ended();
     return std::exchange(m_cut, false) ? nullptr : frame.m_kept_next;
 }
 

@@ -241,12 +241,7 @@ struct SenderRecord : SenderHotState {
         if (m_counted || !has_policy()) {
             frame.remove_sender();
         }
-        m_iovec_index = 0;
-        m_iovec_offset = 0;
-        m_block_time = 0;
-        finished();
-        m_frame = nullptr;
-        m_frame_left = 0;
+        leave_ended();
         return frame.m_next;
     }
     /// The rest of the entry at the cursor counts as written. True if that was the rest of the frame.
@@ -339,6 +334,15 @@ private:
                 begin_kept_frame();
             }
         }
+    }
+    /// The frame is over, and the sender stands at none.
+    void leave_ended() INFRA_REQUIRES(CORE_MUTEX) {
+        m_iovec_index = 0;
+        m_iovec_offset = 0;
+        m_block_time = 0;
+        finished();
+        m_frame = nullptr;
+        m_frame_left = 0;
     }
     void finished() INFRA_REQUIRES(CORE_MUTEX) {
         ++m_stats.frames;
