@@ -154,7 +154,7 @@ int main(int argc, char** argv) {
     app.add_option("--report", report_s, "seconds between reports")
         ->check(CLI::Range(0.05, 3600.0))
         ->capture_default_str();
-    app.add_option("--beats", beats, "ends after so many beats")
+    app.add_option("--beats", beats, "ends after that number of beats")
         ->check(CLI::PositiveNumber)
         ->capture_default_str();
     CLI11_PARSE(app, argc, argv);

@@ -92,7 +92,7 @@ HEADINGS = {
               "Reticor's caller is a handler on a pool with CPosixStorDev and its usual four buffers of 128 KiB; libuv's "
               "calls are made one after the other from its loop, and a call is the handing over of the request. "
               "Ratios are to fwrite and fread. The slow device sleeps 50 ms in every call (fwrite: in every write "
-              "behind its buffer of 8 KiB) and keeps nothing; what counts there is how long the caller is held."),
+              "after its buffer of 8 KiB) and keeps nothing; what counts there is how long the caller is held."),
     "micro": ("Single operations", "Nanoseconds per item, or per round where a round has no items; with several "
               "threads that of one thread."),
 }

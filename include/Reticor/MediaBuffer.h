@@ -14,22 +14,22 @@ struct MediaBufferState;
 /// What a buffer holds. Totals count from the construction on, `byte_total` from the last time that the
 /// buffer ran empty of senders.
 struct MediaBufferStats {
-    std::uint64_t byte_total = 0;      ///< Bytes put.
-    std::uint32_t frames = 0;          ///< Complete frames held.
-    std::uint64_t bytes = 0;           ///< Their bytes.
-    std::uint32_t senders = 0;         ///< Senders on the list.
-    std::uint64_t expired_frames = 0;  ///< Frames thrown away for their age.
-    std::uint64_t expired_bytes = 0;
+    uint64_t byte_total = 0;      ///< Bytes put.
+    uint32_t frames = 0;          ///< Complete frames held.
+    uint64_t bytes = 0;           ///< Their bytes.
+    uint32_t senders = 0;         ///< Senders on the list.
+    uint64_t expired_frames = 0;  ///< Frames thrown away for their age.
+    uint64_t expired_bytes = 0;
     /// Bytes by which the slowest sender's position is short of what was let go already: frames are let go
     /// that many bytes too late.
-    std::uint64_t debt_bytes = 0;
+    uint64_t debt_bytes = 0;
     /// Frames that cannot grow too old though no sender stands on them.
-    std::uint32_t pinned_frames = 0;
-    std::uint64_t pinned_bytes = 0;
+    uint32_t pinned_frames = 0;
+    uint64_t pinned_bytes = 0;
     /// Frames that wait for senders that step ahead when they are late (CMediaStreamSender::SetResumePolicy),
     /// those held for all senders among them.
-    std::uint32_t kept_frames = 0;
-    std::uint64_t kept_bytes = 0;
+    uint32_t kept_frames = 0;
+    uint64_t kept_bytes = 0;
 };
 
 /// Stands between one producer and its CMediaStreamSenders. The producer hands in packets; the buffer groups

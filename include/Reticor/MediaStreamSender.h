@@ -25,40 +25,40 @@ enum class MediaResume {
 
 /// What has become of one client. Counters only rise, from Create on.
 struct MediaSenderStats {
-    std::uint64_t frames = 0;  ///< Frames delivered whole.
-    std::uint64_t bytes = 0;   ///< Bytes of frames that the socket took.
+    uint64_t frames = 0;  ///< Frames delivered whole.
+    uint64_t bytes = 0;   ///< Bytes of frames that the socket took.
     /// Bytes of the buffer's stream that lie before the sender. Frames that were thrown away under a sender
     /// without a resume policy stay in here for as long as it is attached.
-    std::uint64_t backlog_bytes = 0;
-    std::uint64_t lag_us = 0;      ///< Age of the frame that it stands on; 0 when it has caught up.
-    std::uint64_t blocked_us = 0;  ///< Time since the first write that would block, without a finished frame.
+    uint64_t backlog_bytes = 0;
+    uint64_t lag_us = 0;      ///< Age of the frame that it stands on; 0 when it has caught up.
+    uint64_t blocked_us = 0;  ///< Time since the first write that would block, without a finished frame.
     /// Frames that were gone when their turn came: too old for their level, or lost to other data that
     /// blocked. Counted when the next frame of the channel goes out.
-    std::uint64_t holes = 0;
-    std::uint64_t hole_frames = 0;
-    std::uint64_t hole_bytes = 0;
+    uint64_t holes = 0;
+    uint64_t hole_frames = 0;
+    uint64_t hole_bytes = 0;
     /// What the resume policy stepped over, holes not included; and how often it resumed after a gap of
     /// either kind.
-    std::uint64_t skips = 0;
-    std::uint64_t skipped_frames = 0;
-    std::uint64_t skipped_bytes = 0;
+    uint64_t skips = 0;
+    uint64_t skipped_frames = 0;
+    uint64_t skipped_bytes = 0;
     /// Disposable frames that were left out, and how many times that began anew.
-    std::uint64_t thinnings = 0;
-    std::uint64_t thinned_frames = 0;
-    std::uint64_t thinned_bytes = 0;
+    uint64_t thinnings = 0;
+    uint64_t thinned_frames = 0;
+    uint64_t thinned_bytes = 0;
     bool joined = false;  ///< It has a place in the stream.
     bool listed = false;  ///< It is on a buffer's list.
 };
 
 /// What the attachment of a skip message says.
 struct MediaSkip {
-    std::uint64_t frames;  ///< Frames that the client did not get, up to 2^23 - 1.
-    std::uint64_t bytes;   ///< Their bytes, up to 2^40 - 1.
-    bool thinned;          ///< They were disposable and left out here and there, and the picture went on.
+    uint64_t frames;  ///< Frames that the client did not get, up to 2^23 - 1.
+    uint64_t bytes;   ///< Their bytes, up to 2^40 - 1.
+    bool thinned;     ///< They were disposable and left out here and there, and the picture went on.
 
     static constexpr MediaSkip of(long attach) {
-        return {static_cast<std::uint64_t>(attach) >> 40 & 0x7FFFFFULL,
-                static_cast<std::uint64_t>(attach) & 0xFFFFFFFFFFULL, attach < 0};
+        return {static_cast<uint64_t>(attach) >> 40 & 0x7FFFFFULL,
+                static_cast<uint64_t>(attach) & 0xFFFFFFFFFFULL, attach < 0};
     }
 };
 

@@ -20,7 +20,8 @@ struct CEvent;
 constexpr uint16_t HANDLER_OPEN = 0x0101;
 constexpr uint16_t HANDLER_CLOSED = 0x0202;
 
-/// Both state words change once and for all, so they need no lock: who makes the change acts on it.
+/// Both state words change once and for all, so they need no lock: the thread that makes the change acts
+/// on it.
 struct HandlerInternal {
     /// HANDLER_OPEN, then HANDLER_CLOSED.
     std::atomic<uint16_t> __m_magic{HANDLER_OPEN};

@@ -20,7 +20,7 @@ inline int INDEX_OF_ID(long id) {
     return static_cast<int>((id >> 8) & 0xFF);
 }
 
-/// The ids of one pool. An id that was given back waits behind at least 1024 others and comes back with
+/// The ids of one pool. An id that was given back waits after at least 1024 others and comes back with
 /// another generation, so that a stale id does not reach a newer object.
 ///
 /// Thread safety: any thread.

@@ -93,7 +93,7 @@ public:
     CEventQueue& operator=(const CEventQueue&) = delete;
 
     /// Appends the chain that starts with `ev` and posts once for each of its records. The chain ends where
-    /// `m_next` is null: who pushes a single record uses PushOne, or clears the link first.
+    /// `m_next` is null: whoever pushes a single record uses PushOne, or clears the link first.
     void Push(CEvent* ev);
 
     /// Appends one record, whatever its link says.

@@ -112,7 +112,7 @@ CEvent* CWorkQueue::PopWork() {
 }
 
 /// The take of a worker that was asleep. If it leaves records behind with nobody on guard, it wakes another
-/// one: its own record may block, and the poll token stand behind it.
+/// one: its own record may block, and the poll token stand after it.
 CEvent* CWorkQueue::take_woken() {
     CEvent* ev;
     int claimed;

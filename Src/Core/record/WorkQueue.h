@@ -12,7 +12,7 @@ namespace Orvex::Reticor {
 /// while nobody sleeps, and a wake-up is given out once.
 ///
 /// A pushed record wakes a sleeper, with one exception: the poller's own push. The poller itself takes the
-/// next record, and where the handlers are quick, waking somebody for the one behind it costs more than
+/// next record, and where the handlers are quick, waking somebody for the one after it costs more than
 /// serving it. So the poller says how many workers its batch is worth. Others are served in spite of a
 /// handler that blocks, because one idle worker is the *guard*: it looks every millisecond for a record that
 /// is still there, and takes it. Without a guard the poller's push wakes one worker at least. And whoever was
@@ -35,14 +35,14 @@ public:
     void PushSilent(CEvent* ev) = delete;
     CEvent* Pop() = delete;
 
-    /// The poller's push: the ready chain (null if empty) of `count` records, and the token behind it. Wakes
+    /// The poller's push: the ready chain (null if empty) of `count` records, and the token after it. Wakes
     /// up to `wakes` sleepers for them, and no more than `count`.
     void PushReady(CEvent* chain, int count, CEvent* token, int wakes);
 
     /// A worker's Pop: waits for a record. Null after WakeAll.
     CEvent* PopWork();
 
-    /// Whether the holder of the token may wait for sockets without limit. Not while records stand behind the
+    /// Whether the holder of the token may wait for sockets without limit. Not while records stand after the
     /// token: all others may be in long calls.
     bool PollerMayWait() const { return m_poller_waits.load(std::memory_order_relaxed); }
 
@@ -74,7 +74,7 @@ private:
     /// Workers that sleep, or are about to, and for whom no wake-up was given out.
     int m_sleepers INFRA_GUARDED_BY(m_mutex) = 0;
     bool m_guard INFRA_GUARDED_BY(m_mutex) = false;
-    /// The token was taken from a queue that was empty behind it, and nothing was pushed since without a
+    /// The token was taken from a queue that was empty after it, and nothing was pushed since without a
     /// sleeper to wake. Written under the mutex.
     std::atomic<bool> m_poller_waits{false};
 

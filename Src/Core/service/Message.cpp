@@ -56,7 +56,7 @@ IOQueue& io_queue() {
 std::atomic<bool> g_told_of_dropped{false};
 
 /// Looks for the end of the workers only when the message is in the queue: either this sees it, or the one
-/// who drops what is left at the end sees the message.
+/// whoever drops what is left at the end sees the message.
 void post_io(CEvent* ev) {
     io_queue().Push(ev);
     if (!g_file_threads_over.load()) {

@@ -29,7 +29,7 @@ constexpr uint64_t LONGEST_US = 86400000000;
 /// Timers are armed early by this much, to make up for the grid and for the queue on the way to the worker.
 constexpr uint64_t EARLY_US = 2000;
 constexpr uint64_t GRID_US = 5000;
-/// A tick takes along what is due in the time just behind it.
+/// A tick takes along what is due in the time just after it.
 constexpr uint64_t AHEAD_US = 1000;
 
 /// What the thread and those who arm timers share.

@@ -7,7 +7,8 @@
 
 namespace Orvex::Reticor {
 
-/// What the heap and the buckets keep of an armed timer. It may be armed no more: who reads an entry asks.
+/// What the heap and the buckets keep of an armed timer. It may be armed no more: whoever reads an entry
+/// asks.
 struct TimerEntry {
     uint64_t expire;  ///< Absolute, microseconds.
     int64_t id;
@@ -50,7 +51,7 @@ public:
         __builtin_prefetch(bucket.first == nullptr ? nullptr : &bucket.first->entry[bucket.used], 1);
     }
 
-    /// Lets the first bucket be the one behind `time`, and hands out the entries of all earlier ones.
+    /// Lets the first bucket be the one after `time`, and hands out the entries of all earlier ones.
     template <class Take>
     void AdvanceBehind(uint64_t time, Take take) {
         const uint64_t first = (time >> SPAN_SHIFT) + 1;

@@ -17,7 +17,7 @@ namespace Orvex::Reticor {
 /// Thread safety: none.
 class TimerIds {
 public:
-    /// An id with its next generation, or 0 if too few wait: like those of the allocator, an id waits behind
+    /// An id with its next generation, or 0 if too few wait: like those of the allocator, an id waits after
     /// at least 1024 others.
     int64_t Take();
 

@@ -41,9 +41,9 @@ void link(Node* node, KeyNode* place, KeyNode* key_node) {
         node->m_head = key_node;
         return;
     }
-    KeyNode* behind = place != nullptr ? place : head;  // Whose m_prev leads to the new one from now on.
-    key_node->m_prev = behind->m_prev;
-    behind->m_prev = key_node;
+    KeyNode* after = place != nullptr ? place : head;  // Whose m_prev leads to the new one from now on.
+    key_node->m_prev = after->m_prev;
+    after->m_prev = key_node;
     if (place == head) {
         node->m_head = key_node;
     } else {
@@ -59,8 +59,8 @@ void unlink(Node* node, KeyNode* key_node) {
     } else {
         key_node->m_prev->m_next = next;
     }
-    if (KeyNode* behind = next != nullptr ? next : node->m_head) {
-        behind->m_prev = key_node->m_prev;
+    if (KeyNode* after = next != nullptr ? next : node->m_head) {
+        after->m_prev = key_node->m_prev;
     }
     key_node->m_next = nullptr;
     key_node->m_prev = nullptr;
@@ -96,7 +96,7 @@ Node* child_at(const Node* node, const KeyNode* key_node) {
     return key_node != nullptr ? key_node->m_left : node->m_right;
 }
 
-/// The child in which a new `key` belongs: behind its equals, if there are any.
+/// The child in which a new `key` belongs: after its equals, if there are any.
 Node* child_for_new(const Node* node, int64_t key) {
     const KeyNode* key_node = node->m_head;
     while (key_node != nullptr && key_in(key_node) <= key) {

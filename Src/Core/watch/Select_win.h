@@ -54,7 +54,7 @@ public:
     int Init();
 
     /// One pass: waits until a socket is ready or WakeUp was called, and pushes what is ready, and `token`
-    /// behind it.
+    /// after it.
     void Wait(CEvent* token);
 
     /// Ends a wait that is under way, or the next one.

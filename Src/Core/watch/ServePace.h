@@ -9,7 +9,7 @@
 namespace Orvex::Reticor {
 
 /// Estimates how long the handlers of a pool take for one ready socket, from the time that passes until the
-/// poll token comes back from behind a batch. Quick handlers are served by the worker that polled; for each
+/// poll token comes back after a batch. Quick handlers are served by the worker that polled; for each
 /// WORTH_A_WORKER_US of work another one is woken.
 ///
 /// Thread safety: for the holder of the poll token.
@@ -38,8 +38,8 @@ public:
 
 private:
     static constexpr uint64_t WORTH_A_WORKER_US = 50;
-    static constexpr uint32_t TIMED_EACH =
-        8;  ///< One batch in so many is timed; a clock costs as much as a lock.
+    /// One batch of this number is timed; a clock costs as much as a lock.
+    static constexpr uint32_t TIMED_EACH = 8;
     static constexpr uint64_t LONGEST_NS = 200000;
 
     uint64_t m_record_ns = WORTH_A_WORKER_US * 1000;  ///< Unknown at first: as if each were worth a worker.

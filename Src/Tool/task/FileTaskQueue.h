@@ -76,7 +76,7 @@ public:
     void Rest(FileTask* task, uint64_t now_us);
 
     /// The calling worker is idle: whether it is to watch the time, because a rest ends at `*due_us` and
-    /// nobody watches for that yet. Who watches calls EndWatch afterwards with the same time.
+    /// nobody watches for that yet. Whoever watches calls EndWatch afterwards with the same time.
     bool BeginWatch(uint64_t* due_us);
 
     /// Tasks whose rest is over return to the tail. With `leaving` the caller has got other work, and another

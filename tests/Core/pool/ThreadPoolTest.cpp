@@ -174,7 +174,7 @@ TEST_F(RunningPool, WhileAllWorkersAreInLongCallsSocketsAreNotPolled) {
     for (int i = 0; i < 3; ++i) {
         pushKey(pool(), EVENT_KEY_HEARTBEAT);
     }
-    EXPECT_GE(EventQueueProbe::size(pool().m_event), 4u);  // heartbeats pile up behind the token
+    EXPECT_GE(EventQueueProbe::size(pool().m_event), 4u);  // heartbeats pile up after the token
     EXPECT_EQ(0, handler->life->inputs);
     go = true;
     EXPECT_EVENTUALLY(handler->life->inputs == 1);

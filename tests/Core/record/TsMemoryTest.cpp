@@ -259,7 +259,7 @@ TEST_F(TsMemory, LinkIsNullWhileABlockIsInUse) {
     for (void* block : blocks) {
         CTsMemory::TsFree(block);
     }
-    EXPECT_NE(nullptr, headerOf(blocks[0]).next) << "in the list, with another behind it";
+    EXPECT_NE(nullptr, headerOf(blocks[0]).next) << "in the list, with another after it";
     for (void* expected : blocks) {
         void* block = CTsMemory::TsMalloc(512);
         EXPECT_EQ(block, expected);

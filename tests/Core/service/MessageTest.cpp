@@ -128,7 +128,7 @@ TEST_F(Message, AMessageForSomebodyWhoIsGoneIsDroppedWithoutATrace) {
     LogCapture log;
     CMessage::Notify(id(), old, 7, 42, false);
     CMessage::NotifySerial(id(), old, 7, 42, 0);
-    handler->NotifySerial(id(), 1, 0, 0);  // behind them
+    handler->NotifySerial(id(), 1, 0, 0);  // after them
     EXPECT_EVENTUALLY(life->messages == 1);
     EXPECT_EQ(0, goner->messages);
     EXPECT_EQ(0u, log.countLevel(2)) << log.dump();

@@ -56,7 +56,7 @@ Lines texts(const LogCapture& log) {
     return lines;
 }
 
-// What is logged for these words. Memory behind the last word is none of the command's, so there is none.
+// What is logged for these words. Memory after the last word is none of the command's, so there is none.
 Lines ntf(const Words& words) {
     std::vector<std::string> copies = words;
     std::vector<char*> argv;

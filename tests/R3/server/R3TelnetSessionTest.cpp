@@ -327,7 +327,7 @@ protected:
         s_gate = &gate;
         enter(&waitAtGate, "wait");
     }
-    // A client whose command waits at the gate, with another one behind it.
+    // A client whose command waits at the gate, with another one after it.
     TcpClient waiting() {
         TcpClient client = greeted();
         EXPECT_TRUE(client.send("wait\rnext\r"));

@@ -332,7 +332,7 @@ TEST_F(MediaStreamReceiver, UnitsOfOnePeriodComeOnePerTick) {
 
 TEST_F(MediaStreamReceiver, LongUnitsSkipTicks) {
     EXPECT_THAT(unitsPerTick(startPaced(60000), 7), ElementsAre(1, 1, 0, 0, 1, 0, 0))
-        << "the first unit sets the clock, and the second is due one period behind it";
+        << "the first unit sets the clock, and the second is due one period after it";
 }
 
 TEST_F(MediaStreamReceiver, ShortUnitsComeSeveralPerTick) {

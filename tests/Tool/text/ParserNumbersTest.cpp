@@ -273,7 +273,7 @@ TEST(ParserNumbers, ReplaceLengthTakesAPartOfTheTextItself) {
     EXPECT_EQ("bcdgh   ", text_of(p));
 }
 
-// A shorter text that reaches the end leaves its old bytes behind the length, where no operation may find
+// A shorter text that reaches the end leaves its old bytes after the length, where no operation may find
 // them.
 
 TEST(ParserNumbers, DigitsBehindTheLengthAreNoPartOfANumber) {

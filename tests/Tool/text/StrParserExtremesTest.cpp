@@ -14,7 +14,7 @@
 namespace Orvex::Reticor {
 namespace {
 
-// Every operation, with a few arguments, at every offset from the start to behind the last byte, and at -1 on
+// Every operation, with a few arguments, at every offset from the start to after the last byte, and at -1 on
 // an empty text.
 void expect_agreement(const std::string& text) {
     const std::string arguments[] = {std::string(16, '\0'), std::string(16, '\xFF'), "\x01\n\x03\x0C\x01\x02",

@@ -285,7 +285,7 @@ TEST_F(NTimer, TheLastEventOfAPassMayBeClosedWhileAnotherIsPushed) {
     EXPECT_EQ("b", gone());
 }
 
-// What stands behind the last one is unlinked as well while the pass is under way.
+// What stands after the last one is unlinked as well while the pass is under way.
 TEST_F(NTimer, APassEndsAlsoIfItsLastEventIsUnlinkedOnTheWay) {
     auto events = running(3);
     events[0]->on_event = [&] {

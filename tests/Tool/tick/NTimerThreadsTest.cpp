@@ -281,7 +281,7 @@ protected:
     // Called while the constructor arms the tick, by the line about a period of more than a day.
     static void look(void* context, const Infra::LogLine&) {
         auto& self = *static_cast<NTimerConstruction*>(context);
-        // The next fresh id of the pool behind that of the neighbour.
+        // The next fresh id of the pool after that of the neighbour.
         const HandlerPin found = PoolTable::FindHandler(self.neighbour->GetID() - 65536);
         if (auto* made = dynamic_cast<CNTimer*>(found.get())) {
             ++self.seen;
