@@ -25,8 +25,8 @@
 #include "R3/server/Debug.h"
 #include "Tool/file/FileThread.h"
 #include "Tool/file/NFileEnd.h"
-#include "Tool/media/SenderHandler.h"
 #include "Tool/receive/ReceiverGroup.h"
+#include "Tool/step/SenderHandler.h"
 
 namespace Orvex::Reticor {
 

@@ -8,7 +8,7 @@
 
 #include "Tool/frame/FrameStore.h"
 #include "Tool/media/KeptLine.h"
-#include "Tool/media/MediaStep.h"
+#include "Tool/step/MediaStep.h"
 
 namespace Orvex::Reticor {
 

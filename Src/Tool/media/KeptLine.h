@@ -4,7 +4,7 @@
 #include <cstdint>
 
 #include "Tool/frame/MediaFrame.h"
-#include "Tool/media/MediaStep.h"
+#include "Tool/step/MediaStep.h"
 
 namespace Orvex::Reticor {
 

@@ -7,11 +7,11 @@
 #include <memory>
 #include <optional>
 
-#include "Tool/media/AutoSend.h"
 #include "Tool/media/FrameLine.h"
 #include "Tool/media/MediaSending.h"
 #include "Tool/media/SenderLine.h"
-#include "Tool/media/TapLine.h"
+#include "Tool/step/AutoSend.h"
+#include "Tool/step/TapLine.h"
 
 namespace Orvex::Reticor {
 

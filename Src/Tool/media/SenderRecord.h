@@ -14,9 +14,9 @@
 #include "Tool/frame/AheadCourse.h"
 #include "Tool/frame/MediaFrame.h"
 #include "Tool/frame/Thinning.h"
-#include "Tool/media/MediaStep.h"
-#include "Tool/media/OtherData.h"
-#include "Tool/media/TargetStepMark.h"
+#include "Tool/step/MediaStep.h"
+#include "Tool/step/OtherData.h"
+#include "Tool/step/TargetStepMark.h"
 
 namespace Orvex::Reticor {
 

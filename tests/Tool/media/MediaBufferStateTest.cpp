@@ -4,7 +4,7 @@
 
 #include <cerrno>
 
-#include "Tool/media/TargetStepMark.h"
+#include "Tool/step/TargetStepMark.h"
 #include "support/core/Probes.h"
 #include "support/media/MediaFixture.h"
 #include "support/media/SenderHandlerProbe.h"

@@ -1,7 +1,7 @@
 // SenderHandlerProbe: the shared timer of all buffers with auto-send, and its ticks by the test's hand.
 #pragma once
 
-#include "Tool/media/SenderHandler.h"
+#include "Tool/step/SenderHandler.h"
 #include "support/core/Probes.h"
 
 namespace Orvex::Reticor::ProbeDetail {

@@ -1,5 +1,5 @@
 // TapLine: the list, and the register of all taps of the process that are on one.
-#include "Tool/media/TapLine.h"
+#include "Tool/step/TapLine.h"
 
 #include <algorithm>
 #include <new>

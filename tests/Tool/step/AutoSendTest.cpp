@@ -1,7 +1,7 @@
 // AutoSend: on is once on the timer's list, off is not at all.
-#include "Tool/media/AutoSend.h"
+#include "Tool/step/AutoSend.h"
 
-#include "Tool/media/TargetStepMark.h"
+#include "Tool/step/TargetStepMark.h"
 #include "support/core/StillPool.h"
 #include "support/media/SenderHandlerProbe.h"
 

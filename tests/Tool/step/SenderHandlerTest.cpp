@@ -1,5 +1,5 @@
 // CSenderHandler: one timer for all buffers with auto-send, over the life of the library.
-#include "Tool/media/SenderHandler.h"
+#include "Tool/step/SenderHandler.h"
 
 #include <atomic>
 #include <thread>

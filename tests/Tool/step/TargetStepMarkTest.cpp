@@ -1,5 +1,5 @@
 // TargetStepMark: a thread knows whether it is inside, and calls its guests when it is out.
-#include "Tool/media/TargetStepMark.h"
+#include "Tool/step/TargetStepMark.h"
 
 #include <gtest/gtest.h>
 

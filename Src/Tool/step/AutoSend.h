@@ -6,7 +6,7 @@
 #include <Infra/LockClasses.h>
 #include <Infra/Mutex.h>
 
-#include "Tool/media/SenderHandler.h"
+#include "Tool/step/SenderHandler.h"
 
 namespace Orvex::Reticor {
 

@@ -1,9 +1,9 @@
 // AutoSend: on and off.
-#include "Tool/media/AutoSend.h"
+#include "Tool/step/AutoSend.h"
 
 #include <utility>
 
-#include "Tool/media/TargetStepMark.h"
+#include "Tool/step/TargetStepMark.h"
 
 namespace Orvex::Reticor {
 

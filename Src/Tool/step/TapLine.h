@@ -3,7 +3,7 @@
 
 #include <Reticor/MediaPacket.h>
 
-#include "Tool/media/MediaStep.h"
+#include "Tool/step/MediaStep.h"
 
 namespace Orvex::Reticor {
 

@@ -1,5 +1,5 @@
 // OtherData: one buffer, filled at its end and emptied at its beginning.
-#include "Tool/media/OtherData.h"
+#include "Tool/step/OtherData.h"
 
 #include <cstring>
 #include <new>

@@ -1,12 +1,12 @@
 // MediaStep: beginning and end of an operation on a media buffer.
-#include "Tool/media/MediaStep.h"
+#include "Tool/step/MediaStep.h"
 
 #include <memory>
 #include <utility>
 
 #include <Reticor/NetHandler.h>
 
-#include "Tool/media/TargetStepMark.h"
+#include "Tool/step/TargetStepMark.h"
 
 namespace Orvex::Reticor {
 

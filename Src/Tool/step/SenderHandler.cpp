@@ -1,5 +1,5 @@
 // CSenderHandler: the shared timer of all buffers with auto-send.
-#include "Tool/media/SenderHandler.h"
+#include "Tool/step/SenderHandler.h"
 
 #include <algorithm>
 #include <cassert>
@@ -11,7 +11,7 @@
 #include <Infra/LockClasses.h>
 
 #include "Core/pool/PoolTable.h"
-#include "Tool/media/TargetStepMark.h"
+#include "Tool/step/TargetStepMark.h"
 
 namespace Orvex::Reticor {
 

@@ -1,5 +1,5 @@
 // OtherData: bytes are kept whole or not at all, and go out in order.
-#include "Tool/media/OtherData.h"
+#include "Tool/step/OtherData.h"
 
 #include <gtest/gtest.h>
 

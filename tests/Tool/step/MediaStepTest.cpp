@@ -1,5 +1,5 @@
 // MediaCore, MediaStep: what begins and ends with an operation on a media buffer.
-#include "Tool/media/MediaStep.h"
+#include "Tool/step/MediaStep.h"
 
 #include <gtest/gtest.h>
 
@@ -7,7 +7,7 @@
 #include <optional>
 #include <thread>
 
-#include "Tool/media/TargetStepMark.h"
+#include "Tool/step/TargetStepMark.h"
 #include "support/HandClock.h"
 #include "support/TestHandler.h"
 #include "support/core/StillPool.h"

@@ -1,5 +1,5 @@
 // TargetStepMark: the calling thread's own words.
-#include "Tool/media/TargetStepMark.h"
+#include "Tool/step/TargetStepMark.h"
 
 #include <cassert>
 #include <utility>

@@ -1,5 +1,5 @@
 // TapLine: what taps see, and what a walk over them survives.
-#include "Tool/media/TapLine.h"
+#include "Tool/step/TapLine.h"
 
 #include <gtest/gtest.h>
 
