@@ -29,14 +29,18 @@ int Source::handle_message(long, unsigned int msg, long) {
 
 void Source::start(double speed) {
     m_speed = static_cast<float>(speed);
-    if (StartReceive(0, m_speed) != 0) {
-        end("the input cannot be played, its receiver was not started");
-    }
+    play();
 }
 
 void Source::restartClock() {
     StopReceive();
-    StartReceive(0, m_speed);
+    play();
+}
+
+void Source::play() {
+    if (StartReceive(0, m_speed) != 0) {
+        end("the input cannot be played, its receiver was not started");
+    }
 }
 
 void Source::end(const std::string& error) {

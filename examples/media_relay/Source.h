@@ -55,6 +55,8 @@ protected:
     SourceView m_now;
 
 private:
+    void play();
+
     example::Roster& m_roster;
     SourceListener& m_listener;
     float m_speed = 1;

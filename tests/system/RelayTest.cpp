@@ -314,6 +314,32 @@ TEST(Relay, BeginsATransportStreamWithTablesAndAKeyFrame) {
     EXPECT_EQ(0, relay.end());
 }
 
+// The receiver's thread is the last one that the program asks for.
+TEST(Relay, SaysThatItsReceiverWasNotStarted) {
+    const TempFolder folder;
+    const std::string told = folder.file("threads");
+    const auto faulty = [&](const std::string& fault) {
+        return std::vector<std::string>{"sh", "-c",
+                                        "exec env LD_PRELOAD=" RETICOR_THREAD_FAULT " " + fault +
+                                            " " RETICOR_EXAMPLES_DIR "/media_relay --port 0 2>&1"};
+    };
+    ChildProcess sound(faulty("THREAD_FAULT_TOLD=" + told));
+    std::string line = sound.readLine();
+    TcpClient client(std::stoi("0" + line.substr(line.rfind(':') + 1)));
+    client.send("GET /live.mjpg HTTP/1.1\r\n\r\n");
+    ASSERT_EQ(2000U, client.receive(2000).size()) << line;
+    sound.signal(SIGTERM);
+    ASSERT_EQ(0, sound.wait());
+
+    const long receiver = std::stol("0" + contents(told)) - 1;
+    ChildProcess refused(faulty("THREAD_FAULT_AFTER=" + std::to_string(receiver)));
+    const std::string text = refused.exchange("");
+    EXPECT_NE(std::string::npos,
+              text.find("media_relay: the input cannot be played, its receiver was not started\n"))
+        << text;
+    EXPECT_EQ(1, refused.wait());
+}
+
 TEST(Relay, EndsWithItsInput) {
     const TempFolder folder;
     const std::string file = makeStream(folder, "libx264", 1);
