@@ -34,7 +34,7 @@ endif()
 # Mistakes of memory are harder to misuse with these. Not beside sanitizers, which have checks of their own.
 #
 # For the libraries: functions of the C library that check the room they write to, which needs an optimising compiler.
-# That no table of functions stays writable is in SharedLibraries.cmake.
+# That no table of functions stays writable is in Libraries.cmake.
 add_library(reticor_hardening INTERFACE)
 # For objects that read foreign text also canaries in stack frames. The rest of the library goes without, and all of it
 # without marks on the targets of indirect jumps, since the limit is 1 % of the instructions of an event (callgrind,

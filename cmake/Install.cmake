@@ -4,7 +4,8 @@ include(CMakePackageConfigHelpers)
 install(DIRECTORY include/ foundation/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
   FILES_MATCHING PATTERN "*.h")
 install(TARGETS orvex_infra reticor EXPORT ReticorTargets
-  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/Reticor)
 install(EXPORT ReticorTargets NAMESPACE Orvex:: DESTINATION ${package_dir})

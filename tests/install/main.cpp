@@ -92,6 +92,17 @@ bool echo(const Reticor::CSockAddrIPv4& address) {
     return got == sizeof line && std::strcmp(line, answer) == 0;
 }
 
+// The library has entered its console commands by itself: their names are taken.
+bool has_commands() {
+    const auto command = [](int, int, int, int, int, int, int, int, int, int) { return 0; };
+    int (*const function)(int, int, int, int, int, int, int, int, int, int) = command;
+    int taken = 0;
+    for (const char* name :
+         {"threadpool", "mediastreamreceiver", "reticorversion", "MediaBufferPrt", "streamsender"})
+        taken += Reticor::R3Register(reinterpret_cast<void*>(function), name, nullptr) == -1;
+    return taken == 5;
+}
+
 }  // namespace
 
 int main() {
@@ -111,6 +122,8 @@ int main() {
     g_step.pend();
     if (Reticor::DestroyThreadPool() != 0)
         return 4;
+    if (!has_commands())
+        return 5;
     std::puts("done");
     return 0;
 }
