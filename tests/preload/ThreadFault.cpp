@@ -1,4 +1,4 @@
-// Loaded into a program by LD_PRELOAD: the system refuses it one thread, that which follows THREAD_FAULT_AFTER
+// Loaded into a program by LD_PRELOAD: the system refuses it one thread, the one after THREAD_FAULT_AFTER
 // others, where that is set. How many were asked for stands in the file THREAD_FAULT_TOLD at the end.
 #include <dlfcn.h>
 #include <pthread.h>
