@@ -32,6 +32,18 @@ struct MediaBufferStats {
     uint64_t kept_bytes = 0;
 };
 
+/// What the start cache holds, and what became of it. The caller's memory: `size` says how much of it there
+/// is, so that later versions may add to its end.
+struct MediaStartStats {
+    std::uint32_t size = sizeof(MediaStartStats);  ///< Of the caller's memory.
+    std::uint32_t version = 1;                     ///< Of what was filled in.
+    std::uint64_t frames = 0;                      ///< Frames held for clients that come.
+    std::uint64_t bytes = 0;                       ///< Their bytes.
+    std::uint64_t age_us = 0;                      ///< Age of the oldest one.
+    std::uint64_t drops = 0;                       ///< Groups that went because they were beyond the bounds.
+    std::uint64_t starts = 0;                      ///< Senders that have begun with it.
+};
+
 /// Stands between one producer and its CMediaStreamSenders. The producer hands in packets; the buffer groups
 /// them into frames, offers each complete frame to every sender, keeps it until the slowest one is past it,
 /// and throws frames away by age and importance when senders are late. Writing happens inside Put, on the
@@ -92,9 +104,9 @@ public:
     void do_send();
 
     /// Puts a sender, which must have a socket, at the head of the list. Its own state stays: one that was on
-    /// the list before goes on where it stood. The list holds a reference on it. A sender that is on this
-    /// list already is left there with a log line at level 3; one that is on another buffer's asserts.
-    /// Without memory it is on none, with a line at level 2.
+    /// the list before goes on where it stood, but for one that begins with the start cache. The list holds a
+    /// reference on it. A sender that is on this list already is left there with a log line at level 3; one
+    /// that is on another buffer's asserts. Without memory it is on none, with a line at level 2.
     void AddSender(CMediaStreamSender* sender);
 
     /// Takes a sender off. When the call returns its socket is not used any more. Without senders the buffer
@@ -129,6 +141,22 @@ public:
     /// and 64 MiB at the start. Beyond that they go, the oldest first; a frame that is half on the wire of a
     /// sender stays. A sender that is that late waits for the next key frame.
     void SetKeepLimits(unsigned keep_ms, unsigned long long most_bytes);
+
+    /// Holds the frames since the last key frame for clients that come, in the same memory and also without a
+    /// client: for `keep_ms` milliseconds and up to `most_bytes` bytes. Both must be above 0; else it is off,
+    /// as at the start. A sender with a resume policy then has a whole picture at once: it begins inside
+    /// AddSender, on the caller's thread, also between two frames and while one is being filled
+    /// (CMediaStreamSender::SetStartMode). Frames of a group that is longer or larger than that go all
+    /// together, and nothing is held until the next key frame: choose both for the longest group. Releases
+    /// come later by as much. May change at any time.
+    ///
+    /// Until it has caught up such a sender is sent half a megabyte in one turn, up to the end of a frame,
+    /// and 16 such senders have a turn in a step.
+    void SetStartCache(unsigned keep_ms, unsigned long long most_bytes);
+
+    /// Reads the figures of the start cache, under the lock, by a walk over its frames. Fills as much as
+    /// `stats->size` says. False if that has no room for the first two.
+    bool GetStartStats(MediaStartStats* stats);
 
     /// Frames that some sender may still want, as of the last frame or tick. Takes no lock.
     int GetBufferNum();

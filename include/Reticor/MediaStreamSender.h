@@ -23,6 +23,12 @@ enum class MediaResume {
     STRICT,  ///< Begins nothing above the limit, and waits for a key frame below it.
 };
 
+/// Where a sender with a resume policy begins in a buffer with a start cache.
+enum class MediaStart {
+    BURST,     ///< At the newest key frame that is held, at once: as fast as the link goes, then live.
+    NEXT_KEY,  ///< At the next key frame.
+};
+
 /// What has become of one client. Counters only rise, from Create on.
 struct MediaSenderStats {
     uint64_t frames = 0;  ///< Frames delivered whole.
@@ -161,6 +167,13 @@ public:
     /// any time, and holds from the next frame or tick on.
     void SetResumePolicy(unsigned max_lag_ms, MediaResume mode = MediaResume::AHEAD,
                          unsigned hard_lag_ms = 0);
+
+    /// Where the sender begins that comes to a buffer with a start cache (CMediaBuffer::SetStartCache), if it
+    /// has a resume policy. BURST at the start. What is sent before it has caught up is subject to the
+    /// policy; but the strict mode and the hard bound, for which what is held is too late, begin when it has
+    /// caught up or comes to the next key frame. In both modes the channels begin together: sound with the
+    /// last frame before the picture. May change at any time, and holds for the next AddSender.
+    void SetStartMode(MediaStart mode);
 
     /// The handler `id` gets a message `msg` when the resume policy has stepped over a gap and the next frame
     /// goes out; and one for each episode of disposable frames left out, when none was for a second or, if

@@ -76,6 +76,11 @@ public:
         m_needed_before = before;
         m_disposable = disposable;
     }
+    /// Its number among all frames that were kept, and what they were long before it.
+    void place_among_kept(uint64_t number, uint64_t begin) {
+        m_kept_number = number;
+        m_kept_begin = begin;
+    }
     void set_kept(bool kept) { m_kept = kept; }
     void leave_list() { m_left_list = true; }
     void add_holder() { ++m_holders; }
@@ -132,6 +137,8 @@ public:
     uint32_t m_holders = 0;        ///< Senders with their cursor here that keep it on the kept line.
     CFrame* m_kept_next = nullptr;
     uint64_t m_needed_before = 0;  ///< Frames of its channel before it that others need.
+    uint64_t m_kept_number = 0;
+    uint64_t m_kept_begin = 0;
 
 private:
     bool grow();

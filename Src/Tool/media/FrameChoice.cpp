@@ -7,7 +7,8 @@ FrameDecision FrameChoice::by_policy(const SenderRecord& record, const CFrame& f
     if ((Infra::relaxedLoad(record.m_channel_mask) & frame.channel_bit()) == 0) {
         return plain(record, frame);
     }
-    return record.m_keeps ? ahead(record, frame, now_us) : ResumePolicy::decide(record, frame, now_us);
+    const bool steps_ahead = record.m_keeps && (record.wants_keep() || record.starts_with(frame));
+    return steps_ahead ? ahead(record, frame, now_us) : ResumePolicy::decide(record, frame, now_us);
 }
 
 FrameDecision FrameChoice::ahead(const SenderRecord& record, const CFrame& frame, uint64_t now_us) {
@@ -31,7 +32,8 @@ FrameDecision FrameChoice::ahead(const SenderRecord& record, const CFrame& frame
         question.since_key_us = frame.m_complete_us - course.key_made_us();
         question.group_us = book.group_us(channel);
     }
-    return StepAhead::decide(question, {record.max_lag_us(), record.hard_lag_us()});
+    const uint64_t hard_lag_us = record.starts_with(frame) ? 0 : record.hard_lag_us();
+    return StepAhead::decide(question, {record.max_lag_us(), hard_lag_us});
 }
 
 }  // namespace Orvex::Reticor

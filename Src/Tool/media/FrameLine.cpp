@@ -121,13 +121,16 @@ void FrameLine::drop_all() {
 }
 
 void FrameLine::drop_complete() {
-    drop_kept();
+    if (!m_starts.on()) {
+        drop_kept();
+    }
     while (m_head != nullptr && m_head->m_mark != 0) {
         drop_head();
     }
     m_current = m_head;
     m_core.begin_stream(m_current != nullptr ? m_current->m_frame_len : 0);
     m_byte_discard = 0;
+    trim_kept();
 }
 
 void FrameLine::reset() {
@@ -241,22 +244,51 @@ void FrameLine::drop_expired() {
 
 void FrameLine::keep(CFrame& frame) {
     if (frame.m_frame_len >= 1) {
+        frame.place_among_kept(m_core.m_kept_number, m_core.m_kept_total);
+        m_core.add_kept(frame.m_frame_len);
         m_core.m_channels.enter(frame);
         m_kept.append(frame);
+        if (m_starts.on()) {
+            m_starts.enter(frame, m_core.m_channels);
+        }
     }
 }
 
 void FrameLine::begin_keeping(SenderRecord& record) {
     if (m_core.m_keepers == 0) {
-        drop_kept();
-        m_core.m_channels.forget();
-        for (CFrame* frame = m_head; frame != nullptr; frame = frame->m_next) {
-            if (frame->m_valid != 0) {
-                keep(*frame);
-            }
-        }
+        open_book();
     }
     record.begin_keeping();
+}
+
+void FrameLine::open_book() {
+    drop_kept();
+    m_core.m_channels.forget();
+    for (CFrame* frame = m_head; frame != nullptr; frame = frame->m_next) {
+        if (frame->m_valid != 0) {
+            keep(*frame);
+        }
+    }
+}
+
+void FrameLine::set_start_bounds(uint64_t keep_us, uint64_t most_bytes) {
+    const bool before = m_starts.on();
+    m_starts.set_bounds(keep_us, most_bytes);
+    if (m_starts.on() && !before) {
+        if (m_core.m_keepers == 0) {
+            open_book();
+        }
+        m_core.add_keeper();
+    } else if (!m_starts.on() && before) {
+        m_core.drop_keeper();
+    }
+    trim_kept();
+}
+
+void FrameLine::hold_for_starts() {
+    if (m_starts.on()) {
+        offer();
+    }
 }
 
 // The frame is off the kept line. Senders that keep frames, and are paused or too late for it, are taken care
@@ -274,15 +306,19 @@ void FrameLine::let_go_kept() {
         drop_kept();
         return;
     }
+    if (m_starts.on()) {
+        m_starts.trim(m_core.now(), m_core.m_kept_total, m_core.m_channels);
+    }
     while (CFrame* const frame = m_kept.take_passed()) {
         keep_no_more(frame);
     }
-    while (CFrame* const frame = m_kept.take_over(m_core.now())) {
+    while (CFrame* const frame = m_kept.take_over(m_core.now(), m_starts.from())) {
         keep_no_more(frame);
     }
 }
 
 void FrameLine::drop_kept() {
+    m_starts.forget();
     while (CFrame* const frame = m_kept.take_head()) {
         keep_no_more(frame);
     }
@@ -315,6 +351,16 @@ void FrameLine::add_stats(MediaBufferStats& stats) const {
             stats.pinned_bytes += static_cast<uint64_t>(frame->m_frame_len);
         }
     }
+}
+
+void FrameLine::add_stats(MediaStartStats& stats) const {
+    const CFrame* const from = m_starts.from();
+    for (const CFrame* frame = from; frame != nullptr; frame = frame->m_kept_next) {
+        ++stats.frames;
+        stats.bytes += static_cast<uint64_t>(frame->m_frame_len);
+    }
+    stats.age_us = from != nullptr ? Infra::CTime::getCurrentMicroSecond() - from->m_complete_us : 0;
+    stats.drops = m_starts.drops();
 }
 
 }  // namespace Orvex::Reticor

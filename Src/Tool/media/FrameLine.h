@@ -7,6 +7,7 @@
 #include <Reticor/MediaBuffer.h>
 
 #include "Tool/frame/FrameStore.h"
+#include "Tool/frame/StartCache.h"
 #include "Tool/media/KeptLine.h"
 #include "Tool/step/MediaStep.h"
 
@@ -41,6 +42,7 @@ public:
     uint32_t valid_num() const { return m_valid_num.load(std::memory_order_relaxed); }
     uint64_t size() const INFRA_REQUIRES(CORE_MUTEX);
     void add_stats(MediaBufferStats& stats) const INFRA_REQUIRES(CORE_MUTEX);
+    void add_stats(MediaStartStats& stats) const INFRA_REQUIRES(CORE_MUTEX);
 
     // Filling.
 
@@ -93,8 +95,8 @@ public:
     }
     /// Takes out what has expired, wherever it stands.
     void drop_expired() INFRA_REQUIRES(CORE_MUTEX);
-    /// Nobody is left to be sent anything: only a frame that is being filled stays, and the stream begins
-    /// anew.
+    /// Nobody is left to be sent anything: only a frame that is being filled stays, and what is held for
+    /// those that come, and the stream begins anew.
     void drop_complete() INFRA_REQUIRES(CORE_MUTEX);
     void drop_head() INFRA_REQUIRES(CORE_MUTEX);
     void drop_all() INFRA_REQUIRES(CORE_MUTEX);
@@ -105,6 +107,11 @@ public:
 
     /// A sender of the list wants frames kept from now on: those of the list are there for it.
     void begin_keeping(SenderRecord& record) INFRA_REQUIRES(CORE_MUTEX);
+    /// Frames are held for clients that come. Those of the list are there for them. Without bounds, none.
+    void set_start_bounds(uint64_t keep_us, uint64_t most_bytes) INFRA_REQUIRES(CORE_MUTEX);
+    const StartCache& starts() const INFRA_REQUIRES(CORE_MUTEX) { return m_starts; }
+    /// The complete frame is held for clients that come, there being none.
+    void hold_for_starts() INFRA_REQUIRES(CORE_MUTEX);
     /// Lets go what is kept and not needed, or not any longer.
     void trim_kept() INFRA_REQUIRES(CORE_MUTEX) {
         if (!m_kept.empty()) {
@@ -131,6 +138,7 @@ private:
     __attribute__((noinline)) void keep(CFrame& frame) INFRA_REQUIRES(CORE_MUTEX);
     __attribute__((noinline)) void let_go_kept() INFRA_REQUIRES(CORE_MUTEX);
     void keep_no_more(CFrame* frame) INFRA_REQUIRES(CORE_MUTEX);
+    void open_book() INFRA_REQUIRES(CORE_MUTEX);
     void drop_kept() INFRA_REQUIRES(CORE_MUTEX);
 
     MediaCore& m_core;
@@ -139,6 +147,7 @@ private:
     CFrame* m_head INFRA_GUARDED_BY(CORE_MUTEX) = nullptr;
     CFrame* m_current INFRA_GUARDED_BY(CORE_MUTEX) = nullptr;
     KeptLine m_kept INFRA_GUARDED_BY(CORE_MUTEX);
+    StartCache m_starts INFRA_GUARDED_BY(CORE_MUTEX);
     uint64_t m_byte_discard INFRA_GUARDED_BY(CORE_MUTEX) = 0;  ///< Bytes of frames that were let go.
     uint32_t m_frame_num INFRA_GUARDED_BY(CORE_MUTEX) = 1;
     uint32_t m_hollow_num INFRA_GUARDED_BY(CORE_MUTEX) = 0;   ///< Complete frames without a byte.

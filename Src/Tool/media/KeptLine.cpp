@@ -40,8 +40,8 @@ CFrame* KeptLine::take(CFrame** link) {
     return frame;
 }
 
-CFrame* KeptLine::take_over(uint64_t now_us) {
-    for (CFrame** link = &m_head; *link != nullptr; link = &(*link)->m_kept_next) {
+CFrame* KeptLine::take_over(uint64_t now_us, const CFrame* stop) {
+    for (CFrame** link = &m_head; *link != nullptr && *link != stop; link = &(*link)->m_kept_next) {
         if (m_bytes <= m_most_bytes && now_us <= (*link)->m_complete_us + m_keep_us) {
             break;
         }

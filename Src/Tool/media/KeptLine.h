@@ -13,7 +13,8 @@ namespace Orvex::Reticor {
 /// they look like senders that have caught up. A frame is on both lists, on one of them, or is let go.
 ///
 /// Nothing stays for longer than a sender needs it, nor beyond the bounds of time and bytes; but a frame that
-/// is half on the wire of a sender on the buffer's list stays.
+/// is half on the wire of a sender on the buffer's list stays, and so do those of the start cache, which has
+/// bounds of its own.
 ///
 /// Thread safety: none of its own; guarded by the mutex of the buffer. What is taken out is the caller's to
 /// end, if it is not on the buffer's list.
@@ -37,9 +38,9 @@ public:
     CFrame* take_head() { return take(&m_head); }
     /// Takes the oldest one out if no sender needs it; null if one does, or if there is none.
     CFrame* take_passed() { return m_head != nullptr && m_head->m_holders == 0 ? take_head() : nullptr; }
-    /// Takes out the oldest one that is beyond the bounds and that no sender has begun; null if there is
-    /// none.
-    CFrame* take_over(uint64_t now_us) INFRA_REQUIRES(CORE_MUTEX);
+    /// Takes out the oldest one that is beyond the bounds and that no sender has begun; null if there is none
+    /// before `stop`.
+    CFrame* take_over(uint64_t now_us, const CFrame* stop) INFRA_REQUIRES(CORE_MUTEX);
 
 private:
     CFrame* take(CFrame** link);

@@ -1,7 +1,10 @@
 // CMediaBuffer: its operations, each a step under the core's lock, and its lines.
 #include <Reticor/MediaBuffer.h>
 
+#include <algorithm>
 #include <cassert>
+#include <cstddef>
+#include <cstring>
 #include <new>
 
 #include <Infra/Log.h>
@@ -201,6 +204,24 @@ void CMediaBuffer::SetDisposableLevel(int level) {
 void CMediaBuffer::SetKeepLimits(unsigned keep_ms, unsigned long long most_bytes) {
     const CoreGuard guard(*m_state->m_core);
     m_state->m_frames.set_keep_bounds(uint64_t{keep_ms} * 1000, most_bytes);
+}
+
+void CMediaBuffer::SetStartCache(unsigned keep_ms, unsigned long long most_bytes) {
+    if (m_state != nullptr) {
+        const MediaStep step(m_state->m_core);
+        m_state->m_frames.set_start_bounds(uint64_t{keep_ms} * 1000, most_bytes);
+    }
+}
+
+bool CMediaBuffer::GetStartStats(MediaStartStats* stats) {
+    const uint32_t size = stats->size;
+    if (m_state == nullptr || size < offsetof(MediaStartStats, frames)) {
+        return false;
+    }
+    MediaStartStats all = m_state->start_stats();
+    all.size = size;
+    std::memcpy(static_cast<void*>(stats), &all, std::min<size_t>(size, sizeof all));
+    return true;
 }
 
 int CMediaBuffer::GetBufferNum() {

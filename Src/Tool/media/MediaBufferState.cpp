@@ -45,6 +45,7 @@ SenderEntry MediaBufferState::add_sender(SenderRecord& record) {
     }
     if (record.m_list == nullptr) {
         m_senders.add(record, std::move(reference));
+        first_turn(record);
         return {nullptr, false, false};
     }
     return {record.m_list, false, false};
@@ -96,6 +97,7 @@ int MediaBufferState::accept(CMediaPacket* packet, int len, int mark, int level)
 void MediaBufferState::complete() {
     m_frames.complete();
     if (!m_senders.has_sender()) {
+        m_frames.hold_for_starts();
         m_frames.drop_complete();
         return;
     }
@@ -119,6 +121,7 @@ std::optional<uint64_t> MediaBufferState::give_turns() {
         MediaTrace::walk_begins(&m_owner, should_discard, min_discard);
     }
     bool policy_only = m_senders.first() != nullptr;
+    m_shares.begin_step();
     CFrame* const offered = m_frames.current();
     for (SenderRecord* record = m_senders.first(); record != nullptr;) {
         record->fetch_next();
@@ -126,30 +129,23 @@ std::optional<uint64_t> MediaBufferState::give_turns() {
         if (record->wants_keep() != record->m_keeps) {
             change_mode(*record);
         }
-        if (record->m_leaving || !join(*record)) {
+        const Place place = record->m_leaving ? Place::NONE : place_of(*record);
+        if (place == Place::NONE) {
             record = record->m_next;
             continue;
         }
-        if (printing) {
-            MediaTrace::sender_begins(&m_owner, record->m_owner, offered);
+        const bool waits = place == Place::ELSEWHERE || (record->m_keeps && !m_shares.admit(*record));
+        const TurnEnd end = waits ? TurnEnd::DONE : give_turn(*record, offered);
+        if (place == Place::REST) {
+            record->stay_out();
         }
-        MediaSending turn(*record);
-        const TurnEnd end = turn.run(offered);
-        if (end != TurnEnd::DONE) {
-            turn.report();
-        }
-        const uint64_t total = record->m_send_total;
-        if (printing) {
-            MediaTrace::sender_ends(&m_owner, record->m_owner,
-                                    is_failure(end) ? -1 : static_cast<long long>(total));
-        }
+        const uint64_t total = waits || place == Place::REST ? m_core->m_byte_total : record->m_send_total;
         SenderRecord* const next = record->m_next;
         if (is_failure(end)) {
             if (printing) {
                 MediaTrace::sender_failed(&m_owner, next != nullptr ? next->m_owner : nullptr);
             }
-            record->set_failed();
-            del_sender(*record);
+            fail(*record);
             if (!m_senders.has_sender()) {
                 m_frames.set_policy_only(policy_only);
                 return std::nullopt;
@@ -164,8 +160,58 @@ std::optional<uint64_t> MediaBufferState::give_turns() {
     return should_discard;
 }
 
+TurnEnd MediaBufferState::give_turn(SenderRecord& record, CFrame* offered) {
+    const bool printing = MediaTrace::on();
+    if (printing) {
+        MediaTrace::sender_begins(&m_owner, record.m_owner, offered);
+    }
+    MediaSending turn(record);
+    const TurnEnd end = turn.run(offered);
+    if (end != TurnEnd::DONE) {
+        turn.report();
+    }
+    if (printing) {
+        MediaTrace::sender_ends(&m_owner, record.m_owner,
+                                is_failure(end) ? -1 : static_cast<long long>(record.m_send_total));
+    }
+    return end;
+}
+
+void MediaBufferState::fail(SenderRecord& record) {
+    record.set_failed();
+    del_sender(record);
+}
+
+// A sender that begins with what is held for it does so on the thread that adds it: neither the next frame
+// nor the end of one that is being filled is waited for.
+void MediaBufferState::first_turn(SenderRecord& record) {
+    if (!m_frames.starts().on() || !record.has_policy()) {
+        return;
+    }
+    record.begin_anew();
+    if (record.wants_keep() != record.m_keeps) {
+        change_mode(record);
+    }
+    TurnEnd end = TurnEnd::DONE;
+    if (record.has_rest()) {
+        end = give_turn(record, nullptr);
+        record.stay_out();
+    }
+    if (!is_failure(end) && !record.m_leaving && !record.has_rest() && place_of(record) == Place::HERE) {
+        end = give_turn(record, nullptr);
+    }
+    if (is_failure(end)) {
+        fail(record);
+    }
+    m_frames.trim_kept();
+}
+
 // A sender's own choice of a mode holds from its next turn on.
+// One that began with the cache keeps frames until it has caught up.
 void MediaBufferState::change_mode(SenderRecord& record) {
+    if (record.m_keeps && record.m_start.m_runs && record.has_policy()) {
+        return;
+    }
     if (record.m_keeps) {
         record.end_keeping();
     } else {
@@ -177,23 +223,48 @@ void MediaBufferState::change_mode(SenderRecord& record) {
     }
 }
 
-// Gives a sender that has no place in the stream yet its place, at the frame on offer, if that is a key frame
-// of its channel. False if it has to wait for another one. Between two frames the frame on offer is the empty
-// one, which looks like a key frame of channel 0; the resume policy does not take it for one.
-bool MediaBufferState::join(SenderRecord& record) {
-    if (record.has_joined()) {
-        return true;
+// Gives a sender that has no place in the stream yet its place: out of the start cache, or at the frame on
+// offer, if that is a key frame of its channel. Between two frames the frame on offer is the empty one, which
+// looks like a key frame of channel 0; the resume policy does not take it for one.
+MediaBufferState::Place MediaBufferState::join(SenderRecord& record) {
+    if (record.has_rest()) {
+        return Place::REST;
     }
-    CFrame& frame = *m_frames.current();
     if (record.m_frame != nullptr || !record.at_boundary()) {
         record.leave_frame();
     }
-    if (frame.level() > m_frames.min_level(frame.channel()) || (record.has_policy() && frame.m_valid == 0) ||
+    if (m_frames.starts().on() && record.has_policy()) {
+        CFrame* const from = start_of(record);
+        if (from == nullptr) {
+            return Place::ELSEWHERE;
+        }
+        if (!record.m_keeps) {
+            m_frames.begin_keeping(record);
+        }
+        record.start(*from);
+        ++m_started;
+        return Place::HERE;
+    }
+    CFrame& frame = *m_frames.current();
+    const bool whole = record.has_policy() || record.m_start.m_waits;
+    if (frame.level() > m_frames.min_level(frame.channel()) || (whole && frame.m_valid == 0) ||
         (record.m_keeps && !frame.m_kept)) {
-        return false;
+        return Place::NONE;
     }
     record.join(frame, m_core->m_byte_total - static_cast<uint64_t>(frame.m_frame_len));
-    return true;
+    return Place::HERE;
+}
+
+// Null if there is nothing, or nothing yet, for it.
+CFrame* MediaBufferState::start_of(const SenderRecord& record) const {
+    const uint8_t mask = Infra::relaxedLoad(record.m_channel_mask);
+    if (!record.starts_at_key()) {
+        return m_frames.starts().start(mask, m_core->m_channels);
+    }
+    const CFrame* const offered = m_frames.current();
+    return offered != nullptr && offered->m_kept
+               ? m_frames.starts().start_at(*offered, mask, m_core->m_channels)
+               : nullptr;
 }
 
 void MediaBufferState::after_sending(bool has_packet, bool ages) {
@@ -213,6 +284,14 @@ MediaBufferStats MediaBufferState::stats() {
     MediaBufferStats stats;
     m_frames.add_stats(stats);
     m_senders.add_stats(stats, m_frames.byte_discard());
+    return stats;
+}
+
+MediaStartStats MediaBufferState::start_stats() {
+    const CoreGuard guard(*m_core);
+    MediaStartStats stats;
+    m_frames.add_stats(stats);
+    stats.starts = m_started;
     return stats;
 }
 

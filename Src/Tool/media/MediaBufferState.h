@@ -10,6 +10,7 @@
 #include "Tool/media/FrameLine.h"
 #include "Tool/media/MediaSending.h"
 #include "Tool/media/SenderLine.h"
+#include "Tool/media/StartShares.h"
 #include "Tool/step/AutoSend.h"
 #include "Tool/step/TapLine.h"
 
@@ -59,6 +60,7 @@ struct MediaBufferState : SendTarget_IF, StepEnd_IF {
     }
 
     MediaBufferStats stats();
+    MediaStartStats start_stats();
 
     /// The buffer's end: neither the timer nor a sender finds it after this, and all frames have gone.
     void retire();
@@ -70,13 +72,30 @@ struct MediaBufferState : SendTarget_IF, StepEnd_IF {
     TapLine m_taps;
     AutoSend m_auto_send;
     bool m_send_ready INFRA_GUARDED_BY(CORE_MUTEX) = true;
+    StartShares m_shares INFRA_GUARDED_BY(CORE_MUTEX);
+    uint64_t m_started INFRA_GUARDED_BY(CORE_MUTEX) = 0;  ///< Senders that have begun with the start cache.
 
 private:
+    /// Where a sender stands in the stream.
+    enum class Place {
+        NONE,       ///< It has no place yet, and waits for a frame of the list.
+        ELSEWHERE,  ///< It has none, and will need nothing of the list.
+        REST,       ///< It has none, and ends a frame that it has begun.
+        HERE,
+    };
+
     /// All senders have their turn. Gives the position up to which frames can be let go; none if the last
     /// sender has gone.
     std::optional<uint64_t> give_turns() INFRA_REQUIRES(CORE_MUTEX);
     __attribute__((noinline)) void change_mode(SenderRecord& record) INFRA_REQUIRES(CORE_MUTEX);
-    bool join(SenderRecord& record) INFRA_REQUIRES(CORE_MUTEX);
+    Place place_of(SenderRecord& record) INFRA_REQUIRES(CORE_MUTEX) {
+        return record.has_joined() ? Place::HERE : join(record);
+    }
+    Place join(SenderRecord& record) INFRA_REQUIRES(CORE_MUTEX);
+    CFrame* start_of(const SenderRecord& record) const INFRA_REQUIRES(CORE_MUTEX);
+    TurnEnd give_turn(SenderRecord& record, CFrame* offered) INFRA_REQUIRES(CORE_MUTEX);
+    void first_turn(SenderRecord& record) INFRA_REQUIRES(CORE_MUTEX);
+    void fail(SenderRecord& record) INFRA_REQUIRES(CORE_MUTEX);
     void del_sender(SenderRecord& record) INFRA_REQUIRES(CORE_MUTEX);
     void after_sending(bool has_packet, bool ages) INFRA_REQUIRES(CORE_MUTEX);
 };

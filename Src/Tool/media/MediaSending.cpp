@@ -9,6 +9,7 @@
 
 #include "Tool/frame/MediaTrace.h"
 #include "Tool/media/FrameChoice.h"
+#include "Tool/media/StartShares.h"
 
 namespace Orvex::Reticor {
 
@@ -45,6 +46,7 @@ TurnEnd MediaSending::run(CFrame* frame) {
     if (MediaTrace::on()) {
         MediaTrace::turn_begins(m_record.m_owner, frame);
     }
+    m_bytes_before = m_record.m_stats.bytes;
     Progress progress = m_record.at_boundary() ? choose_frame(*m_stream, frame) : Progress::MORE;
     while (progress == Progress::MORE) {
         progress = write_frame(*m_stream);
@@ -135,6 +137,10 @@ MediaSending::Progress MediaSending::finish_frame(CSock& stream) {
     }
     if (other_data_waits(stream) || m_record.m_frame == nullptr) {
         return Progress::OVER;
+    }
+    if (m_record.m_keeps && m_record.m_start.m_runs &&
+        m_record.m_stats.bytes - m_bytes_before >= StartShares::SENDER_BYTES) {
+        return Progress::OVER;  // The others wait.
     }
     return Progress::MORE;
 }

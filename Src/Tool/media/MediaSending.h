@@ -56,6 +56,7 @@ private:
 
     SenderRecord& m_record;
     TurnEnd m_end = TurnEnd::DONE;
+    uint64_t m_bytes_before = 0;  ///< What it had sent before this turn.
 };
 
 }  // namespace Orvex::Reticor

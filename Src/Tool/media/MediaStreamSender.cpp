@@ -126,6 +126,10 @@ void CMediaStreamSender::SetResumePolicy(unsigned max_lag_ms, MediaResume mode, 
     m_state->set_policy(max_lag_ms, mode, hard_lag_ms);
 }
 
+void CMediaStreamSender::SetStartMode(MediaStart mode) {
+    m_state->start_at_key(mode == MediaStart::NEXT_KEY);
+}
+
 void CMediaStreamSender::WaitSkip(long id, unsigned int msg) {
     m_state->wait_skip(id, msg);
 }

@@ -320,6 +320,31 @@ void SenderRecord::join(CFrame& frame, uint64_t position) {
     m_send_total = position;
     take_frame(&frame);
     m_joined = true;
+    m_start.m_waits = false;
+}
+
+void SenderRecord::begin_anew() {
+    m_start = {true, false, 0, m_start.m_round};
+    m_joined = false;
+    m_send_total = 0;
+    m_lost_mask = ALL_CHANNELS;
+}
+
+void SenderRecord::start(CFrame& frame) {
+    forget_order();
+    m_lost_mask = ALL_CHANNELS;
+    m_send_total = m_list->m_byte_total;
+    m_joined = true;
+    m_start.m_waits = false;
+    m_start.m_runs = true;
+    m_start.m_newest = m_list->m_kept_number;
+    change_frame(&frame);
+}
+
+bool SenderRecord::starts_with(const CFrame& frame) const {
+    const uint8_t mask = Infra::relaxedLoad(m_channel_mask);
+    return m_start.m_runs && (!frame.is_key() || frame.m_kept_number < m_start.m_newest ||
+                              m_list == nullptr || m_list->m_channels.follows(frame.channel(), mask));
 }
 
 void SenderRecord::step_over(const CFrame& frame) {
@@ -535,12 +560,23 @@ void SenderRecord::end_keeping() {
     settle();
 }
 
-// Its own, for a sender that keeps frames.
-uint64_t SenderRecord::position() const {
+// Its own, for a sender that keeps frames. A kept frame can be older than the stream, which began anew while
+// there was nobody.
+uint64_t SenderRecord::backlog() const {
     if (m_frame == nullptr || m_frame == m_tail) {
-        return m_list->m_byte_total - m_frame_left;
+        return m_frame_left;
     }
-    return m_frame->m_begin + static_cast<uint64_t>(m_frame->m_frame_len) - m_frame_left;
+    const uint64_t from_begin = m_frame->m_kept_begin < m_list->m_kept_at_begin
+                                    ? m_list->m_kept_at_begin - m_frame->m_kept_begin + m_list->m_byte_total
+                                    : m_list->m_byte_total - m_frame->m_begin;
+    return from_begin - (static_cast<uint64_t>(m_frame->m_frame_len) - m_frame_left);
+}
+
+// On the list, which has nothing of what is older than the stream; one that has a place there is not at 0.
+uint64_t SenderRecord::position() const {
+    const uint64_t own = backlog();
+    const uint64_t total = m_list->m_byte_total;
+    return own <= total ? total - own : std::max<uint64_t>(total, 1);
 }
 
 void SenderRecord::hold() {
@@ -618,8 +654,8 @@ MediaSenderStats SenderRecord::stats() {
     stats.thinned_bytes = m_thinning.all().bytes;
     stats.listed = m_list != nullptr;
     if (stats.joined && stats.listed) {
-        const uint64_t own = m_keeps ? position() : m_send_total;
-        stats.backlog_bytes = m_list->m_byte_total > own ? m_list->m_byte_total - own : 0;
+        const uint64_t total = m_list->m_byte_total;
+        stats.backlog_bytes = m_keeps ? backlog() : total > m_send_total ? total - m_send_total : 0;
     }
     if (m_frame != nullptr && m_frame != m_tail && m_frame->m_complete_us != 0) {
         stats.lag_us = now_us - m_frame->m_complete_us;

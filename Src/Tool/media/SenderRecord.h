@@ -65,6 +65,14 @@ struct alignas(64) SenderHotState {
     alignas(sizeof(Course)) Course m_course[CHANNELS];  // One lies in one cache line.
 };
 
+/// How a sender begins with the stream of a buffer to which it has come.
+struct SenderStart {
+    bool m_waits = false;   ///< It has no place yet, and is given one out of the start cache if that has any.
+    bool m_runs = false;    ///< It began with frames of the cache, and has not caught up.
+    uint64_t m_newest = 0;  ///< The number of the newest frame that was kept when it began.
+    uint64_t m_round = 0;   ///< The last one of its buffer's rounds in which it had a turn.
+};
+
 /// What a sender knows: its place in the stream, the cursor in its frame, its links, its settings and
 /// counters. Guarded by the mutex of m_core but for what says otherwise; nobody but its own operations writes
 /// it. What each delivered frame touches comes first and close together, so all of it is one record.
@@ -111,6 +119,8 @@ struct SenderRecord : SenderHotState {
     uint64_t m_begun_us = 0;        ///< When m_frame was begun.
     Thinning m_thinning;            ///< Frames left out.
     AheadCourse m_ahead[CHANNELS];  ///< Of a sender that keeps frames, beside its Course.
+    SenderStart m_start;            ///< How it begins where it comes to.
+    bool m_starts_at_key = false;   ///< Not before the next key frame. No lock.
 
     /// Comes after the core's mutex. Also guards changes of m_core.
     Infra::CMutex m_other_mutex{Infra::LockClass::MEDIA_OTHER};
@@ -149,6 +159,8 @@ struct SenderRecord : SenderHotState {
     bool has_policy() const { return max_lag_us() != 0; }
     void choose_channel(int channel);
     void give_up_channel(int channel);
+    void start_at_key(bool at_key) { Infra::relaxedStore(m_starts_at_key, at_key); }
+    bool starts_at_key() const { return Infra::relaxedLoad(m_starts_at_key); }
 
     // The core.
 
@@ -170,6 +182,20 @@ struct SenderRecord : SenderHotState {
     bool has_joined() const INFRA_REQUIRES(CORE_MUTEX) { return has_policy() ? m_joined : m_send_total != 0; }
     /// Gets its place, at the beginning of `frame`.
     void join(CFrame& frame, uint64_t position) INFRA_REQUIRES(CORE_MUTEX);
+    /// It has no place in this stream, and waits for a key frame of each channel. What it has begun is ended
+    /// first.
+    void begin_anew() INFRA_REQUIRES(CORE_MUTEX);
+    /// Has begun a frame, and is without a place.
+    bool has_rest() const INFRA_REQUIRES(CORE_MUTEX) {
+        return m_start.m_waits && m_frame != nullptr && !at_boundary();
+    }
+    void set_round(uint64_t round) INFRA_REQUIRES(CORE_MUTEX) { m_start.m_round = round; }
+    /// What was written of the rest is not a place.
+    void stay_out() INFRA_REQUIRES(CORE_MUTEX) { m_send_total = 0; }
+    /// Gets its place at kept frames.
+    void start(CFrame& frame) INFRA_REQUIRES(CORE_MUTEX);
+    /// It is where it began with the cache, and its limits of lag do not hold: they do at the next key frame.
+    bool starts_with(const CFrame& frame) const INFRA_REQUIRES(CORE_MUTEX);
     /// The frame is not for it: its bytes count as passed.
     void step_over(const CFrame& frame) INFRA_REQUIRES(CORE_MUTEX);
     /// Whether the frame's channel waits for a key frame from now on.
@@ -182,6 +208,7 @@ struct SenderRecord : SenderHotState {
     void pass_all_if_caught_up() INFRA_REQUIRES(CORE_MUTEX) {
         if ((m_frame == nullptr || m_keeps) && has_policy() && m_joined && m_list != nullptr) {
             m_send_total = m_list->m_byte_total;
+            m_start.m_runs = m_start.m_runs && m_frame != nullptr;
         }
     }
     /// Forgets which frames came last, so that the next ones are neither holes nor followers.
@@ -361,6 +388,7 @@ private:
     void hold() INFRA_REQUIRES(CORE_MUTEX);
     void hold_no_more() INFRA_REQUIRES(CORE_MUTEX);
     void uncount_written() INFRA_REQUIRES(CORE_MUTEX);
+    uint64_t backlog() const INFRA_REQUIRES(CORE_MUTEX);
     uint64_t position() const INFRA_REQUIRES(CORE_MUTEX);
     void tell_skip(uint64_t frames, uint64_t bytes, bool thinned) INFRA_REQUIRES(CORE_MUTEX);
     void drop_tail() INFRA_REQUIRES(CORE_MUTEX);

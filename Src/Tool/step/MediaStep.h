@@ -61,8 +61,12 @@ struct MediaCore {
     uint64_t m_byte_total INFRA_GUARDED_BY(CORE_MUTEX) = 0;
     /// What senders that keep frames need to know of the channels. FrameLine writes it, while there are such.
     ChannelBook m_channels INFRA_GUARDED_BY(CORE_MUTEX);
-    /// Senders on the list that keep frames.
+    /// Whoever has frames kept: senders on the list, and the start cache.
     uint32_t m_keepers INFRA_GUARDED_BY(CORE_MUTEX) = 0;
+    /// Frames that were ever kept, their bytes, and what those were when the stream began anew last.
+    uint64_t m_kept_number INFRA_GUARDED_BY(CORE_MUTEX) = 0;
+    uint64_t m_kept_total INFRA_GUARDED_BY(CORE_MUTEX) = 0;
+    uint64_t m_kept_at_begin INFRA_GUARDED_BY(CORE_MUTEX) = 0;
     /// This step's reading of the clock; 0: not read yet.
     uint64_t m_now_us INFRA_GUARDED_BY(CORE_MUTEX) = 0;
 
@@ -106,6 +110,12 @@ struct MediaCore {
     /// The stream begins anew, with these bytes.
     void begin_stream(int64_t bytes) INFRA_REQUIRES(CORE_MUTEX) {
         m_byte_total = static_cast<uint64_t>(bytes);
+        m_kept_at_begin = m_kept_total;
+    }
+    /// Another frame is kept.
+    void add_kept(int64_t bytes) INFRA_REQUIRES(CORE_MUTEX) {
+        ++m_kept_number;
+        m_kept_total += static_cast<uint64_t>(bytes);
     }
 
     uint64_t now() INFRA_REQUIRES(CORE_MUTEX) {

@@ -20,7 +20,7 @@ protected:
     }
     CFrame* take_over(uint64_t now_us) {
         const CoreGuard guard(*state().m_core);
-        return kept.take_over(now_us);
+        return kept.take_over(now_us, nullptr);
     }
 
     std::deque<CFrame> own;

@@ -349,10 +349,10 @@ protected:
         mood.clears = false;  // One keeper stays all the time, so that the book is never closed.
         stream = KeeperStream();
         stream.keep_us = KEEP_MS * 1000;
+        set_start_cache();
         stream.disposable_level = random.oneIn(3) ? 0 : random.between(2, 9);
         buffer->SetDisposableLevel(stream.disposable_level);
         buffer->SetKeepLimits(KEEP_MS, 1 << 30);
-        kept.clear();
         filling.clear();
         std::fill(std::begin(ordinals), std::end(ordinals), 0);
         pace_us = random.oneIn(2) ? 20000 : 150000;
@@ -361,6 +361,9 @@ protected:
             add_keeper();
         }
     }
+
+    // None here.
+    virtual void set_start_cache() {}
 
     void add_keeper() {
         keepers.push_back(std::make_unique<Keeper>());
@@ -371,11 +374,17 @@ protected:
         one.model.hard_us = hard_ms * 1000;
         one.real.sender->SetResumePolicy(limit_ms, MediaResume::AHEAD, hard_ms);
         one.ghost.keeper = true;
+        one.model.at_key = stream.start_bytes != 0 && random.oneIn(3);
+        one.real.sender->SetStartMode(one.model.at_key ? MediaStart::NEXT_KEY : MediaStart::BURST);
         list(one);
     }
 
     void list(Keeper& one) {
-        one.model.add();
+        stream.now_us = clock.nowUs();
+        one.model.add(stream);
+        if (stream.start_bytes != 0) {
+            trim();
+        }
         model.add(one.ghost);
         buffer->AddSender(one.real.sender);
     }
@@ -395,8 +404,8 @@ protected:
             f->key = f->level == model.min_level[channel];
             f->ordinal = ordinal;
             stream.now_us = clock.nowUs();
-            stream.enter(*f);
-            kept.push_back(f);
+            stream.keep(f);
+            stream.offered = f;
             for (const auto& one : keepers) {
                 if (one->model.listed) {
                     one->model.offer(f, f->key);
@@ -404,6 +413,7 @@ protected:
             }
         }
         turns();
+        stream.offered.reset();
     }
 
     // The model has opened the next frame after it.
@@ -422,15 +432,22 @@ protected:
                 one->model.turn(stream);
             }
         }
+        trim();
+    }
+
+    void trim() {
+        stream.trim_starts();
+        const KeeperFramePtr held = stream.first_held();
         std::vector<KeeperFramePtr> left;
-        for (const KeeperFramePtr& f : kept) {
-            if (stream.now_us <= f->made_us + stream.keep_us || is_begun(f)) {
+        for (const KeeperFramePtr& f : stream.kept) {
+            if (stream.now_us <= f->made_us + stream.keep_us || is_begun(f) ||
+                (held && f->number >= held->number)) {
                 left.push_back(f);
             }
         }
-        kept.swap(left);
+        stream.kept.swap(left);
         for (const auto& one : keepers) {
-            one->model.trim(kept);
+            one->model.trim(stream.kept);
         }
     }
 
@@ -507,7 +524,6 @@ protected:
 
     HandClock clock;
     KeeperStream stream;
-    std::vector<KeeperFramePtr> kept;
     std::vector<std::unique_ptr<Keeper>> keepers;
     std::string filling;
     int64_t ordinals[8] = {};
@@ -526,6 +542,29 @@ TEST_F(MediaMixedModel, WhoeverStepsAheadChangesNothingForTheOthers) {
         drop_keepers();
         new_round();
     }
+}
+
+// And with frames held for those that come and come again.
+class MediaStartModel : public MediaMixedModel {
+protected:
+    void set_start_cache() override {
+        const unsigned keep_ms = random.oneIn(2) ? 60000 : random.between(100u, 3000u);
+        stream.start_us = keep_ms * 1000;
+        stream.start_bytes = random.oneIn(2) ? 1 << 30 : random.between(10u, 200u);
+        buffer->SetStartCache(keep_ms, stream.start_bytes);
+        model.keepers_begin_with_cache = true;
+    }
+};
+
+TEST_F(MediaStartModel, WhoeverBeginsWithTheCacheChangesNothingForTheOthers) {
+    uint64_t starts = 0;
+    for (int round = 0; round < ROUNDS / 3 && !HasFatalFailure(); ++round) {
+        run_round(round);
+        MediaStartStats stats;
+        buffer->GetStartStats(&stats);
+        starts += stats.starts;
+    }
+    EXPECT_GT(starts, 100U);
 }
 
 }  // namespace Orvex::Testing

@@ -19,9 +19,17 @@ struct KeeperFrame {
     uint64_t made_us = 0;
     int64_t ordinal = 0;  // on its channel, from 1 on
     int64_t needed = 0;   // frames of its channel before it that others need
+    int64_t number = 0;   // among all
+    uint64_t begin = 0;   // bytes of all before it
 };
 
 using KeeperFramePtr = std::shared_ptr<KeeperFrame>;
+
+// Where clients that come begin.
+struct KeeperStart {
+    KeeperFramePtr key;
+    KeeperFramePtr from;
+};
 
 // What is known of the stream.
 struct KeeperStream {
@@ -38,6 +46,85 @@ struct KeeperStream {
     int disposable_level = 0;
     uint64_t keep_us = 0;
     uint64_t now_us = 0;
+    // The start cache; without bytes there is none.
+    uint64_t start_us = 0;
+    uint64_t start_bytes = 0;
+    KeeperStart starts[8];
+    std::vector<KeeperFramePtr> kept;
+    KeeperFramePtr offered;
+    int64_t frames = 0;
+    uint64_t bytes = 0;
+
+    unsigned predicting(unsigned mask) const {
+        unsigned found = 0;
+        for (unsigned i = 0; i < 8; ++i) {
+            found |= channels[i].seen && !channels[i].two_keys ? mask & 1U << i : 0;
+        }
+        return found;
+    }
+    unsigned first_channels(unsigned mask) const { return predicting(mask) != 0 ? predicting(mask) : mask; }
+    KeeperFramePtr oldest_start(unsigned mask) const {
+        KeeperFramePtr found;
+        for (unsigned i = 0; i < 8; ++i) {
+            const KeeperFramePtr& from = starts[i].from;
+            if ((mask & 1U << i) != 0 && from && (!found || from->number < found->number)) {
+                found = from;
+            }
+        }
+        return found;
+    }
+    KeeperFramePtr first_held() const {
+        const KeeperFramePtr found = oldest_start(first_channels(255));
+        return found ? found : oldest_start(255);
+    }
+    void forget_older_starts() {
+        const KeeperFramePtr first = first_held();
+        for (KeeperStart& start : starts) {
+            if (!first || (start.from && start.from->number < first->number)) {
+                start = KeeperStart();
+            }
+        }
+    }
+    void keep(const KeeperFramePtr& f) {
+        f->number = frames++;
+        f->begin = bytes;
+        bytes += f->bytes.size();
+        enter(*f);
+        kept.push_back(f);
+        if (start_bytes == 0) {
+            return;
+        }
+        if (f->key) {
+            const unsigned own = 1U << f->channel;
+            starts[f->channel] = {f, f};
+            for (unsigned i = 0; i < 8 && predicting(own) != 0; ++i) {
+                const KeeperFramePtr& last = starts[i].key;
+                if ((1U << i & (own | predicting(255))) == 0 && last &&
+                    last->number < starts[f->channel].from->number && f->made_us - last->made_us <= 1000000) {
+                    starts[f->channel].from = last;
+                }
+            }
+        }
+        forget_older_starts();
+    }
+    void trim_starts() {
+        for (KeeperFramePtr first = first_held();
+             first && (now_us > first->made_us + start_us || bytes - first->begin > start_bytes);
+             first = first_held()) {
+            for (KeeperStart& start : starts) {
+                start = start.from == first ? KeeperStart() : start;
+            }
+            forget_older_starts();
+        }
+    }
+    KeeperFramePtr start(unsigned mask, bool at_key) const {
+        if (!at_key) {
+            return oldest_start(first_channels(mask));
+        }
+        const bool begins = offered && (first_channels(mask) & 1U << offered->channel) != 0;
+        return begins && starts[offered->channel].key == offered ? starts[offered->channel].from
+                                                                 : KeeperFramePtr();
+    }
 
     void enter(KeeperFrame& f) {
         Channel& c = channels[f.channel];
@@ -79,7 +166,11 @@ struct KeeperSender {
     uint64_t limit_us = 0;
     uint64_t hard_us = 0;
     unsigned mask = 255;
+    bool at_key = false;  // begins at the next key frame
 
+    bool waits_for_start = false;
+    bool starts = false;  // has begun with the cache, and not caught up
+    int64_t newest = 0;
     bool joined = false;
     bool listed = false;
     bool cut = false;
@@ -95,7 +186,24 @@ struct KeeperSender {
 
     bool begun() const { return written != 0; }
 
-    void add() { listed = true; }
+    void add(const KeeperStream& stream) {
+        listed = true;
+        if (stream.start_bytes == 0) {
+            return;
+        }
+        joined = false;
+        waits_for_start = true;
+        starts = false;
+        for (Course& c : course) {
+            c.waits = true;
+        }
+        if (begun()) {
+            end_rest(stream.now_us);
+        }
+        if (!begun() && start(stream)) {
+            turn(stream);
+        }
+    }
     void del() {
         listed = false;
         begun() ? queue.resize(1) : queue.clear();
@@ -109,16 +217,25 @@ struct KeeperSender {
 
     // A frame is offered. `may_join`: it is a key frame.
     void offer(const KeeperFramePtr& f, bool may_join) {
-        joined = joined || may_join;
+        joined = joined || (may_join && !waits_for_start);
         if (joined) {
             queue.push_back(f);
         }
     }
 
     void turn(const KeeperStream& stream) {
-        if (!joined) {
+        if (waits_for_start && begun()) {
+            end_rest(stream.now_us);
             return;
         }
+        if (!joined && !start(stream)) {
+            return;
+        }
+        frames_turn(stream);
+        starts = starts && !queue.empty();
+    }
+
+    void frames_turn(const KeeperStream& stream) {
         if (!begun() && !other_gone()) {
             return;
         }
@@ -151,6 +268,29 @@ struct KeeperSender {
     }
 
 private:
+    bool start(const KeeperStream& stream) {
+        const KeeperFramePtr from = waits_for_start ? stream.start(mask, at_key) : KeeperFramePtr();
+        if (!from) {
+            return false;
+        }
+        for (Course& c : course) {
+            c = Course();
+            c.waits = true;
+        }
+        queue.assign(std::find(stream.kept.begin(), stream.kept.end(), from), stream.kept.end());
+        waits_for_start = false;
+        joined = true;
+        starts = true;
+        newest = stream.frames;
+        return true;
+    }
+
+    void end_rest(uint64_t now_us) {
+        if (write(now_us)) {
+            other_gone();
+        }
+    }
+
     std::size_t take(const std::string& bytes, std::size_t from) {
         const std::size_t part = std::min(bytes.size() - from, room);
         wire.append(bytes, from, part);
@@ -213,7 +353,8 @@ private:
             return false;
         }
         const uint64_t age_us = stream.now_us - f.made_us;
-        const bool above_hard = hard_us != 0 && age_us > hard_us;
+        const bool starting = starts && (!f.key || f.number < newest || stream.follows(f.channel, mask));
+        const bool above_hard = hard_us != 0 && age_us > hard_us && !starting;
         const bool newer = stream.channels[f.channel].newest_key > f.ordinal;
         if (stream.follows(f.channel, mask)) {
             c.waits = false;

@@ -192,6 +192,7 @@ public:
 
     // All senders that ever stood on a frame of this buffer.
     std::vector<ModelSender*> everybody;
+    bool keepers_begin_with_cache = false;  // and need nothing of the list before either
 
 private:
     bool keepers_only = false;
@@ -423,7 +424,7 @@ private:
     bool joins(ModelSender& s) {
         if (s.keeper) {
             const bool key = current->valid != 0 && current->len > 0 && current->key_mask != 0;
-            s.joined = s.joined || key;
+            s.joined = s.joined || key || keepers_begin_with_cache;
             return s.joined;
         }
         if (s.total != 0) {
