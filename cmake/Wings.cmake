@@ -62,6 +62,7 @@ reticor_wing(7 Tool/stream)
 reticor_wing(7 Tool/tick)
 reticor_wing(8 R3/server DOORS Debug)
 reticor_wing(9 Core)
+reticor_wing(10 Kit)
 
 # A name that is not a wing would leave its objects without their guards in silence.
 foreach(name IN LISTS RETICOR_GUARDED_OBJECTS)

@@ -41,6 +41,13 @@
     X(MEDIA_COMING, "m_mutex of SenderRecord's Coming", "to which buffer a sender comes") \
     X(MEDIA_OTHER, "SenderRecord::m_other_mutex", "other data and the send procedure") \
     X(MEDIA_TAPS, "m_mutex of the taps' registry", "which taps are alive") \
+    X(KIT_POOL, "PoolState::m_mutex of the kit", \
+      "what lives on a pool of the kit; held while something new is made there") \
+    X(KIT_LISTENER, "ListenerBody::m_mutex", "a listening socket of the kit, and its spare descriptor") \
+    X(KIT_SERVER, "ServerState::m_mutex", "whom a server of the kit has let in and turned away") \
+    X(KIT_MAILBOX, "MailboxBody::m_mutex", "calls that were posted to a pool of the kit") \
+    X(KIT_CONNECTION, "ConnectionBody::m_mutex", \
+      "a connection's descriptor and output; held while it registers and posts") \
     X(SOCKET_TREE, "BTree::m_lock of a pool's sockets", "the tree, the multiplexer's array of records") \
     X(SOCKET_RECORD, "CEvent::m_mutex", "a socket's record") \
     X(SOCKET_TIMER, "CSockTimer::m_mutex", \

@@ -1,0 +1,672 @@
+// ConnectionBody: the calls for a connection, one at a time, from its start to its end.
+#include "Kit/ConnectionBody.h"
+
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <new>
+#include <utility>
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+
+#include <Infra/Log.h>
+#include <Infra/Time.h>
+
+#include "Kit/DelayedCall.h"
+#include "Kit/SocketText.h"
+#include "Kit/UserCall.h"
+
+namespace Orvex::Reticor::Kit {
+inline namespace v1 {
+
+using Infra::CGuard;
+
+namespace {
+
+constexpr size_t INPUT_ROOM = 16384;
+constexpr size_t MOST_SPARE_MAIL = 64;  ///< Room that an idle connection keeps for mail.
+
+uint64_t now_us() {
+    return Infra::CTime::getCurrentMicroSecond();
+}
+
+}  // namespace
+
+// ---- begin ---------------------------------------------------------------------------------------------
+
+ConnectionBody* ConnectionBody::make(PoolState& pool, int descriptor, const ConnectionOptions& options,
+                                     ConnectionKeeper* keeper, bool held) {
+    CSockStream sock;
+    sock.Attach(descriptor);  // closes it if there is no body
+    if (!pool.take_place()) {
+        return nullptr;
+    }
+    ConnectionBody* const body = pool.make<ConnectionBody>(options, keeper, held);
+    if (body == nullptr) {
+        pool.give_place();
+        return nullptr;
+    }
+    if (options.no_delay) {
+        const int on = 1;
+        setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    }
+    CGuard guard(body->m_mutex);
+    body->m_sock.Attach(sock.Detach());
+    return body;
+}
+
+ConnectionBody::ConnectionBody(PoolState& pool, const ConnectionOptions& options, ConnectionKeeper* keeper,
+                               bool held)
+    : Member(pool), m_pool(pool), m_options(options), m_keeper(keeper), m_word(held) {}
+
+ConnectionBody::~ConnectionBody() = default;
+
+void ConnectionBody::start_here(Connection::Event& start) {
+    call([&](Connection& self) { start(self); });
+    begin();
+    run();
+}
+
+void ConnectionBody::start_there(Connection::Event start) {
+    m_start = std::move(start);
+    ring(START);
+}
+
+void ConnectionBody::begin() {
+    CGuard guard(m_mutex);
+    if (m_options.idle_timeout.count() > 0 && !m_cut) {
+        touch();
+        m_idle_timer = SetTimer(clamp_delay(m_options.idle_timeout.count()));
+    }
+    release(HOLD_START);
+}
+
+// ---- the word ------------------------------------------------------------------------------------------
+
+void ConnectionBody::ring(uint32_t bits) {
+    if (m_word.signal(bits)) {
+        Notify(GetID(), 1, 0);
+    }
+}
+
+void ConnectionBody::run() {
+    while (!m_over) {
+        const uint32_t bits = m_word.leave();
+        if (bits == 0) {
+            return;
+        }
+        serve(bits);
+    }
+}
+
+void ConnectionBody::serve(uint32_t bits) {
+    if ((bits & START) != 0) {
+        Connection::Event start = std::move(m_start);
+        call([&](Connection& self) { start(self); });
+        begin();
+    }
+    if ((bits & MAIL) != 0) {
+        run_mail();
+    }
+    if ((bits & DRAINED) != 0 && m_on_drained) {
+        call([this](Connection& self) { m_on_drained(self); });
+    }
+    if ((bits & END) != 0) {
+        finalize();
+    } else if ((bits & INPUT) != 0) {
+        CGuard guard(m_mutex);
+        release(HOLD_BUSY);  // the input is still there, and the pool calls again
+    }
+}
+
+template <typename Call>
+void ConnectionBody::call(Call&& call) {
+    if (!m_self) {  // somebody has moved it away
+        AddRef();
+        m_self = Connection(this);
+    }
+    const auto thread_ends = [this] {
+        abort(CloseReason::FAILED);
+        m_word.abandon();
+        ring(END);
+    };
+    if (!UserCall::run(
+            this, kind(), [&] { call(m_self); }, thread_ends)) {
+        abort(CloseReason::FAILED);
+    }
+}
+
+bool ConnectionBody::is_inside() const {
+    return UserCall::owner() == this;
+}
+
+int ConnectionBody::handle_message(long, unsigned int, long) {
+    if (m_word.enter(0)) {
+        run();
+    }
+    return 0;
+}
+
+// ---- call-backs ----------------------------------------------------------------------------------------
+
+// Before the start nothing can be in a call. After it the change is posted: a lambda must not go while it
+// runs.
+void ConnectionBody::set(Connection::Event change) {
+    if (is_inside() && (m_hold.load(std::memory_order_relaxed) & HOLD_START) != 0) {
+        change(m_self);
+    } else {
+        post(change);
+    }
+}
+
+void ConnectionBody::set_input(Connection::Input call) {
+    set([this, call = std::move(call)](Connection&) mutable { m_input = std::move(call); });
+}
+
+void ConnectionBody::set_end(Connection::Event call) {
+    set([this, call = std::move(call)](Connection&) mutable { m_end = std::move(call); });
+}
+
+void ConnectionBody::set_drained(Connection::Event call) {
+    set([this, call = std::move(call)](Connection&) mutable { m_on_drained = std::move(call); });
+}
+
+void ConnectionBody::set_closed(Connection::Closed call) {
+    set([this, call = std::move(call)](Connection&) mutable { m_closed = std::move(call); });
+}
+
+// ---- input ---------------------------------------------------------------------------------------------
+
+int ConnectionBody::handle_input(int) {
+    if (m_word.enter_free()) {
+        input();
+    } else {
+        {
+            CGuard guard(m_mutex);
+            hold(HOLD_BUSY);
+        }
+        if (!m_word.enter(INPUT)) {
+            return 0;
+        }
+    }
+    run();
+    return 0;
+}
+
+void ConnectionBody::input() INFRA_NO_THREAD_SAFETY_ANALYSIS {
+    if (m_hold.load(std::memory_order_relaxed) != 0) {
+        return;
+    }
+    if (m_pull && !m_reader) {
+        CGuard guard(m_mutex);
+        hold(HOLD_DEMAND);
+        return;
+    }
+    char buffer[INPUT_ROOM];
+    // Only the holder of the word closes the descriptor.
+    const ssize_t got = ::recv(m_sock.GetHandle(), buffer, sizeof buffer, MSG_DONTWAIT);
+    if (got > 0) {
+        if (m_options.idle_timeout.count() > 0) {
+            touch();
+        }
+        const std::string_view bytes(buffer, static_cast<size_t>(got));
+        if (m_pull) {
+            answer_reader(bytes);
+        } else if (m_input) {
+            call([&](Connection& self) { m_input(self, bytes); });
+        }
+    } else if (got == 0) {
+        input_ended();
+    } else if (errno != EAGAIN && errno != EINTR) {
+        CGuard guard(m_mutex);
+        end(CloseReason::PEER_LOST);
+    }
+}
+
+void ConnectionBody::input_ended() {
+    m_ended = true;
+    {
+        CGuard guard(m_mutex);
+        hold(HOLD_END);
+    }
+    if (m_pull) {
+        answer_reader({});
+    } else if (m_end) {
+        call([this](Connection& self) { m_end(self); });
+    } else {
+        close(CloseReason::PEER_CLOSED);
+    }
+}
+
+void ConnectionBody::answer_reader(std::string_view bytes) {
+    if (m_reader) {
+        Connection::Input reader = std::move(m_reader);
+        call([&](Connection& self) { reader(self, bytes); });
+    }
+}
+
+void ConnectionBody::read_once(Connection::Input call) {
+    if (!is_inside()) {
+        Connection::Event ask = [this, call = std::move(call)](Connection& self) mutable {
+            is_inside() ? read_once(std::move(call)) : call(self, {});
+        };
+        if (!post(ask) && ask) {
+            Connection nobody;  // it is over
+            ask(nobody);
+        }
+        return;
+    }
+    m_pull = true;
+    if (m_reader || m_ended || m_over) {
+        if (m_reader) {
+            INFRA_LOG(2, "one question for input at a time: the second gets nothing\n");
+        }
+        this->call([&](Connection& self) { call(self, {}); });
+        return;
+    }
+    m_reader = std::move(call);
+    if ((m_hold.load(std::memory_order_relaxed) & HOLD_DEMAND) != 0) {
+        CGuard guard(m_mutex);
+        release(HOLD_DEMAND);
+    }
+}
+
+void ConnectionBody::pause(bool on) {
+    CGuard guard(m_mutex);
+    on ? hold(HOLD_USER) : release(HOLD_USER);
+}
+
+void ConnectionBody::hold(uint8_t why) {
+    const uint8_t before = m_hold.load(std::memory_order_relaxed);
+    m_hold.store(static_cast<uint8_t>(before | why), std::memory_order_relaxed);
+    if (before == 0 && m_sock.IsValid()) {
+        UnregisterSock(m_sock, SOCK_READ);
+    }
+}
+
+void ConnectionBody::release(uint8_t why) {
+    const uint8_t before = m_hold.load(std::memory_order_relaxed);
+    const uint8_t after = static_cast<uint8_t>(before & ~why);
+    m_hold.store(after, std::memory_order_relaxed);
+    if (before != 0 && after == 0 && m_sock.IsValid() && RegisterSock(m_sock, SOCK_READ, 0) != 0) {
+        end(CloseReason::ABORTED);
+    }
+}
+
+// ---- output --------------------------------------------------------------------------------------------
+
+bool ConnectionBody::write(const std::string_view* pieces, size_t count) {
+    size_t total = 0;
+    for (size_t i = 0; i < count; ++i) {
+        total += pieces[i].size();
+    }
+    CGuard guard(m_mutex);
+    if (!m_open.load(std::memory_order_relaxed) || m_finish) {
+        return false;
+    }
+    const size_t waits = m_output.waiting();
+    if (total > m_options.max_output - waits) {
+        return refuse();
+    }
+    size_t sent = 0;
+    if (waits == 0 && total != 0) {
+        const int64_t taken = ConnectionOutput::send(m_sock.GetHandle(), pieces, count);
+        if (taken < 0) {
+            end(CloseReason::PEER_LOST);
+            return false;
+        }
+        sent = static_cast<size_t>(taken);
+        if (m_options.idle_timeout.count() > 0 && sent != 0) {
+            touch();
+        }
+    }
+    return sent == total || keep(pieces, count, sent);
+}
+
+bool ConnectionBody::refuse() {
+    if (m_options.policy == OutputPolicy::DROP) {
+        m_dropped.fetch_add(1, std::memory_order_relaxed);
+    } else if (m_options.policy == OutputPolicy::CLOSE) {
+        end(CloseReason::OVERFLOW);
+    }
+    return false;
+}
+
+// Where it fails a piece may be half on its way.
+bool ConnectionBody::keep(const std::string_view* pieces, size_t count, size_t sent) {
+    const bool first = m_output.waiting() == 0;
+    if (!m_output.keep(pieces, count, sent) || (first && RegisterSock(m_sock, SOCK_WRITE, 0) != 0)) {
+        end(CloseReason::ABORTED);
+        return false;
+    }
+    if (first && m_age_timer == -1 && m_options.max_output_age.count() > 0) {
+        m_age_timer = SetTimer(clamp_delay(m_options.max_output_age.count()));
+    }
+    if (m_options.policy == OutputPolicy::PAUSE_READING && m_output.waiting() > m_options.max_output / 4) {
+        hold(HOLD_OUTPUT);
+    }
+    return true;
+}
+
+int ConnectionBody::handle_output(int) {
+    uint32_t bits = 0;
+    {
+        CGuard guard(m_mutex);
+        if (!m_sock.IsValid() || m_cut) {
+            return 0;
+        }
+        const int64_t sent = m_output.flush(m_sock.GetHandle());
+        if (sent > 0 && m_options.idle_timeout.count() > 0) {
+            touch();
+        }
+        if (sent < 0) {
+            end(CloseReason::PEER_LOST);
+        } else if (m_output.waiting() == 0) {
+            bits = drained();
+        } else if (m_output.waiting() <= m_options.max_output / 8) {
+            release(HOLD_OUTPUT);
+        }
+    }
+    // A loss that was found here is served here too.
+    if (m_word.enter(bits)) {
+        run();
+    }
+    return 0;
+}
+
+// Nothing waits any more: what has waited for that? The bits are for the word.
+uint32_t ConnectionBody::drained() {
+    m_output.trim(false);
+    UnregisterSock(m_sock, SOCK_WRITE);
+    if (!m_open.load(std::memory_order_relaxed)) {
+        end(m_reason);
+        return 0;
+    }
+    if (m_finish) {
+        ::shutdown(m_sock.GetHandle(), SHUT_WR);
+    }
+    release(HOLD_OUTPUT);
+    uint32_t bits = DRAINED;
+    if (m_room) {
+        Connection::Event tell = [room = std::move(m_room)](Connection& self) mutable { room(self, true); };
+        bits |= put_mail(tell) ? MAIL : 0;
+    }
+    return bits;
+}
+
+size_t ConnectionBody::waiting() {
+    CGuard guard(m_mutex);
+    return m_output.waiting();
+}
+
+void ConnectionBody::when_room(Connection::Room call) {
+    Connection::Room other;
+    bool now = false;
+    bool open = false;
+    {
+        CGuard guard(m_mutex);
+        open = !m_sealed;
+        now = !open || m_output.waiting() == 0;
+        other = std::move(m_room);
+        if (!now) {
+            m_room = std::move(call);
+        }
+    }
+    if (other) {
+        Connection::Event tell = [other = std::move(other)](Connection& self) mutable {
+            other(self, self.waiting() == 0);
+        };
+        post(tell);
+    }
+    if (now) {
+        Connection::Event tell = [call = std::move(call), open](Connection& self) mutable {
+            call(self, open);
+        };
+        if (!post(tell) && tell) {
+            Connection nobody;
+            tell(nobody);  // it has ended: nothing else of it is called any more
+        }
+    }
+}
+
+bool ConnectionBody::finish() {
+    CGuard guard(m_mutex);
+    if (!m_open.load(std::memory_order_relaxed) || m_finish) {
+        return false;
+    }
+    m_finish = true;
+    if (m_output.waiting() == 0) {
+        ::shutdown(m_sock.GetHandle(), SHUT_WR);
+    }
+    return true;
+}
+
+int64_t ConnectionBody::watch_age() {
+    if (m_output.waiting() == 0) {
+        return -1;
+    }
+    const uint64_t due = m_output.progress_us() + static_cast<uint64_t>(m_options.max_output_age.count());
+    const uint64_t now = now_us();
+    if (now < due) {
+        return clamp_delay(static_cast<int64_t>(due - now));
+    }
+    end(CloseReason::STALLED);
+    return -1;
+}
+
+// ---- mail and timers -----------------------------------------------------------------------------------
+
+bool ConnectionBody::put_mail(Connection::Event& call) {
+    try {
+        m_mail.push_back(std::move(call));
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    return true;
+}
+
+bool ConnectionBody::post(Connection::Event& call) {
+    {
+        CGuard guard(m_mutex);
+        if (m_sealed || !call || !put_mail(call)) {
+            return false;
+        }
+    }
+    ring(MAIL);
+    return true;
+}
+
+void ConnectionBody::run_mail() {
+    {
+        CGuard guard(m_mutex);
+        m_mail.swap(m_mail_served);
+    }
+    for (Connection::Event& letter : m_mail_served) {
+        call([&](Connection& self) { letter(self); });
+        letter = nullptr;
+    }
+    m_mail_served.clear();
+    if (m_mail_served.capacity() > MOST_SPARE_MAIL) {
+        std::vector<Connection::Event>().swap(m_mail_served);
+    }
+}
+
+bool ConnectionBody::after(int64_t delay_us, Connection::Event& call) {
+    CGuard guard(m_mutex);
+    if (m_sealed || !call) {
+        return false;
+    }
+    try {
+        m_due.emplace_back();
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    Due& due = m_due.back();
+    due.due_us = now_us() + static_cast<uint64_t>(std::max<int64_t>(delay_us, 0));
+    due.timer = SetTimer(clamp_delay(delay_us));
+    if (due.timer == -1) {
+        m_due.pop_back();
+        return false;
+    }
+    due.call = std::move(call);
+    return true;
+}
+
+// Timers that are longer than those of the pool are made of several.
+int64_t ConnectionBody::take_due(long id, bool& mail) {
+    const auto found =
+        std::find_if(m_due.begin(), m_due.end(), [&](const Due& due) { return due.timer == id; });
+    if (found == m_due.end()) {
+        return -1;
+    }
+    const uint64_t now = now_us();
+    if (!is_due(found->due_us, now)) {
+        return clamp_delay(static_cast<int64_t>(found->due_us - now));
+    }
+    mail = put_mail(found->call);
+    if (found != m_due.end() - 1) {
+        std::swap(*found, m_due.back());
+    }
+    m_due.pop_back();
+    return -1;
+}
+
+int64_t ConnectionBody::handle_timeout(long id) {
+    int64_t again = -1;
+    bool mail = false;
+    {
+        CGuard guard(m_mutex);
+        if (id == m_idle_timer) {
+            again = m_cut ? -1 : watch_idle();
+            m_idle_timer = again == -1 ? -1 : id;
+        } else if (id == m_age_timer) {
+            again = m_cut ? -1 : watch_age();
+            m_age_timer = again == -1 ? -1 : id;
+        } else {
+            again = take_due(id, mail);
+        }
+    }
+    if (m_word.enter(mail ? MAIL : 0)) {
+        run();
+    }
+    return again;
+}
+
+int64_t ConnectionBody::watch_idle() {
+    const uint64_t due =
+        m_activity_us.load(std::memory_order_relaxed) + static_cast<uint64_t>(m_options.idle_timeout.count());
+    const uint64_t now = now_us();
+    if (now < due) {
+        return clamp_delay(static_cast<int64_t>(due - now));
+    }
+    end(CloseReason::IDLE);
+    return -1;
+}
+
+void ConnectionBody::touch() {
+    m_activity_us.store(now_us(), std::memory_order_relaxed);
+}
+
+// ---- end -----------------------------------------------------------------------------------------------
+
+void ConnectionBody::close(CloseReason reason) {
+    CGuard guard(m_mutex);
+    if (!m_open.load(std::memory_order_relaxed)) {
+        return;
+    }
+    m_open.store(false, std::memory_order_release);
+    m_reason = reason;
+    hold(HOLD_END);
+    if (m_output.waiting() == 0) {
+        end(reason);
+    }
+}
+
+bool ConnectionBody::abort(CloseReason reason) {
+    CGuard guard(m_mutex);
+    const bool lost = !m_cut && m_output.waiting() != 0;
+    end(reason);
+    return lost;
+}
+
+void ConnectionBody::end(CloseReason reason) {
+    if (m_cut) {
+        return;
+    }
+    m_cut = true;
+    m_reason = reason;
+    m_open.store(false, std::memory_order_release);
+    hold(HOLD_END);
+    ring(END);
+}
+
+// The last act of the last holder. From here on the word is held for good.
+void ConnectionBody::finalize() {
+    CloseReason reason;
+    Connection::Room room;
+    std::vector<Due> due;
+    std::array<long, 2> own_timers{};
+    {
+        CGuard guard(m_mutex);
+        m_sealed = true;
+        reason = m_reason;
+        RemoveSock(m_sock);
+        m_sock.Close();
+        m_output.trim(true);
+        room = std::move(m_room);
+        due.swap(m_due);
+        own_timers = {m_idle_timer, m_age_timer};
+    }
+    for (const long timer : own_timers) {
+        if (timer != -1) {
+            DestroyTimer(timer);
+        }
+    }
+    for (const Due& timer : due) {
+        DestroyTimer(timer.timer);
+    }
+    m_over = true;
+    run_mail();
+    m_ended = true;
+    answer_reader({});
+    if (room) {
+        call([&](Connection& self) { room(self, false); });
+    }
+    if (m_closed) {
+        call([&](Connection& self) { m_closed(self, reason); });
+    }
+    UserCall::run(
+        this, kind(),
+        [&] {
+            m_input = nullptr;
+            m_end = nullptr;
+            m_on_drained = nullptr;
+            m_closed = nullptr;
+            due.clear();
+        },
+        [] {});
+    if (m_keeper != nullptr) {
+        m_keeper->gone(*this);
+    }
+    m_pool.give_place();
+    leave();
+    m_self = Connection();
+    Close();
+}
+
+size_t ConnectionBody::peer(char* text, size_t size) {
+    sockaddr_storage address{};
+    socklen_t length = sizeof address;
+    CGuard guard(m_mutex);
+    if (!m_sock.IsValid() ||
+        getpeername(m_sock.GetHandle(), reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+        return write_address(nullptr, text, size);
+    }
+    return write_address(&address, text, size);
+}
+
+}  // namespace v1
+}  // namespace Orvex::Reticor::Kit

@@ -1,0 +1,170 @@
+// ConnectionBody: what a Connection refers to: a socket, what waits to be sent, and the calls.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <Infra/LockClasses.h>
+#include <Infra/Mutex.h>
+#include <Reticor/SockStream.h>
+#include <Reticor/kit/Connection.h>
+
+#include "Kit/ConnectionOutput.h"
+#include "Kit/PoolState.h"
+#include "Kit/SerialWord.h"
+
+namespace Orvex::Reticor::Kit {
+inline namespace v1 {
+
+/// Who wants to hear that a connection is gone.
+class ConnectionKeeper {
+public:
+    /// On a worker, once, when `onClose` has returned.
+    virtual void gone(ConnectionBody& body) = 0;
+
+protected:
+    ~ConnectionKeeper() = default;
+};
+
+/// Two ways to keep things apart. The word is for calls: whoever holds it is the one that calls the user,
+/// reads, and ends the connection. The mutex is short and guards the descriptor's number and the output; it
+/// is never held in a call of the user's. The descriptor is closed under both.
+class ConnectionBody final : public Member {
+public:
+    /// A connection on `descriptor`, which is closed if there is none to be had; the result has a reference
+    /// for the caller. With `held` the caller holds the word, and calls `start_here`.
+    static ConnectionBody* make(PoolState& pool, int descriptor, const ConnectionOptions& options,
+                                ConnectionKeeper* keeper, bool held);
+
+    ConnectionBody(PoolState& pool, const ConnectionOptions& options, ConnectionKeeper* keeper, bool held);
+    ~ConnectionBody() override;
+
+    /// Sets the call-backs by `start` and begins to listen: here, on a worker, or by a message.
+    void start_here(Connection::Event& start);
+    void start_there(Connection::Event start);
+
+    // What Connection offers.
+    void set_input(Connection::Input call);
+    void set_end(Connection::Event call);
+    void set_drained(Connection::Event call);
+    void set_closed(Connection::Closed call);
+    bool write(const std::string_view* pieces, size_t count);
+    size_t waiting();
+    uint64_t dropped() const { return m_dropped.load(std::memory_order_relaxed); }
+    void when_room(Connection::Room call);
+    bool finish();
+    void pause(bool on);
+    void read_once(Connection::Input call);
+    bool post(Connection::Event& call);
+    bool after(int64_t delay_us, Connection::Event& call);
+    bool is_inside() const;
+    bool is_open() const { return m_open.load(std::memory_order_acquire); }
+    void close(CloseReason reason);
+    bool abort(CloseReason reason);
+    size_t peer(char* text, size_t size);
+
+    /// What the keeper keeps here.
+    std::string& origin() { return m_origin; }
+
+    const char* kind() const override { return "Connection"; }
+    void drain() override { close(CloseReason::CLOSED); }
+    bool cut() override { return abort(CloseReason::ABORTED); }
+
+    int handle_input(int fd) override;
+    int handle_output(int fd) override;
+    int64_t handle_timeout(long id) override;
+    int handle_message(long sender, unsigned int msg, long attach) override;
+
+private:
+    // Bits of the word.
+    static constexpr uint32_t START = SerialWord::FIRST_BIT;
+    static constexpr uint32_t INPUT = START << 1;    ///< Input came while the word was held.
+    static constexpr uint32_t MAIL = START << 2;     ///< Something was posted.
+    static constexpr uint32_t DRAINED = START << 3;  ///< Nothing waits any more.
+    static constexpr uint32_t END = START << 4;      ///< It is over.
+
+    // Reasons not to read; nothing is registered for reading while there is one.
+    static constexpr uint8_t HOLD_START = 1;
+    static constexpr uint8_t HOLD_USER = 2;
+    static constexpr uint8_t HOLD_BUSY = 4;     ///< The word was held when input came.
+    static constexpr uint8_t HOLD_OUTPUT = 8;   ///< Too much waits to be sent.
+    static constexpr uint8_t HOLD_DEMAND = 16;  ///< Nobody asks.
+    static constexpr uint8_t HOLD_END = 32;     ///< No more will be read.
+
+    struct Due {
+        long timer = -1;
+        uint64_t due_us = 0;
+        Connection::Event call;
+    };
+
+    // By the holder of the word.
+    void run();
+    void serve(uint32_t bits);
+    void begin();
+    void input();
+    void input_ended();
+    void run_mail();
+    void finalize();
+    void answer_reader(std::string_view bytes);
+    template <typename Call>
+    void call(Call&& call);
+    void set(Connection::Event change);
+
+    // Under the mutex.
+    void hold(uint8_t why) INFRA_REQUIRES(m_mutex);
+    void release(uint8_t why) INFRA_REQUIRES(m_mutex);
+    bool refuse() INFRA_REQUIRES(m_mutex);
+    bool keep(const std::string_view* pieces, size_t count, size_t sent) INFRA_REQUIRES(m_mutex);
+    uint32_t drained() INFRA_REQUIRES(m_mutex);
+    void end(CloseReason reason) INFRA_REQUIRES(m_mutex);
+    int64_t watch_idle() INFRA_REQUIRES(m_mutex);
+    int64_t watch_age() INFRA_REQUIRES(m_mutex);
+    int64_t take_due(long id, bool& mail) INFRA_REQUIRES(m_mutex);
+    bool put_mail(Connection::Event& call) INFRA_REQUIRES(m_mutex);
+
+    void ring(uint32_t bits);
+    void touch();
+
+    PoolState& m_pool;  ///< Until it leaves.
+    const ConnectionOptions m_options;
+    ConnectionKeeper* const m_keeper;
+    std::string m_origin;
+
+    SerialWord m_word;
+    std::atomic<uint8_t> m_hold{HOLD_START};  ///< Written under the mutex.
+    std::atomic<bool> m_open{true};           ///< Written under the mutex: false once it closes.
+    std::atomic<uint64_t> m_activity_us{0};   ///< If there is an idle time-out.
+    std::atomic<uint64_t> m_dropped{0};
+
+    // The holder's.
+    bool m_over = false;   ///< The word is never left any more.
+    bool m_pull = false;   ///< Input is asked for.
+    bool m_ended = false;  ///< The peer has ended its direction.
+    Connection m_self;     ///< What call-backs are given.
+    Connection::Input m_input;
+    Connection::Input m_reader;  ///< Who asks.
+    Connection::Event m_end;
+    Connection::Event m_on_drained;
+    Connection::Closed m_closed;
+    Connection::Event m_start;
+
+    Infra::CMutex m_mutex{Infra::LockClass::KIT_CONNECTION};
+    CSockStream m_sock INFRA_GUARDED_BY(m_mutex);  ///< Its number the holder may use as well.
+    ConnectionOutput m_output INFRA_GUARDED_BY(m_mutex);
+    bool m_finish INFRA_GUARDED_BY(m_mutex) = false;  ///< End our direction when all is sent.
+    bool m_cut INFRA_GUARDED_BY(m_mutex) = false;     ///< END is on its way.
+    bool m_sealed INFRA_GUARDED_BY(m_mutex) = false;  ///< No more mail.
+    CloseReason m_reason INFRA_GUARDED_BY(m_mutex) = CloseReason::CLOSED;
+    long m_idle_timer INFRA_GUARDED_BY(m_mutex) = -1;
+    long m_age_timer INFRA_GUARDED_BY(m_mutex) = -1;
+    Connection::Room m_room INFRA_GUARDED_BY(m_mutex);
+    std::vector<Connection::Event> m_mail INFRA_GUARDED_BY(m_mutex);
+    std::vector<Connection::Event> m_mail_served;  ///< The holder's; takes turns with the other.
+    std::vector<Due> m_due INFRA_GUARDED_BY(m_mutex);
+};
+
+}  // namespace v1
+}  // namespace Orvex::Reticor::Kit
