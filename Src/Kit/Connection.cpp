@@ -11,6 +11,18 @@
 namespace Orvex::Reticor::Kit {
 inline namespace v1 {
 
+namespace {
+
+size_t total(const std::string_view* pieces, size_t count) {
+    size_t sum = 0;
+    for (size_t i = 0; i < count; ++i) {
+        sum += pieces[i].size();
+    }
+    return sum;
+}
+
+}  // namespace
+
 const char* toText(CloseReason reason) noexcept {
     switch (reason) {
         case CloseReason::CLOSED:
@@ -33,18 +45,6 @@ const char* toText(CloseReason reason) noexcept {
     return "?";
 }
 
-Connection& Connection::operator=(Connection&& other) noexcept {
-    std::swap(m_body, other.m_body);
-    Connection before(std::move(other));
-    return *this;
-}
-
-Connection::~Connection() {
-    if (m_body != nullptr) {
-        m_body->DecRef();
-    }
-}
-
 Connection Connection::adopt(Pool& pool, int descriptor, const ConnectionOptions& options, Event start) {
     PoolState* const state = PoolState::of(pool);
     ConnectionBody* body = nullptr;
@@ -60,124 +60,146 @@ Connection Connection::adopt(Pool& pool, int descriptor, const ConnectionOptions
             descriptor);
         return {};
     }
-    Connection connection(body);
+    Connection connection = ConnectionBody::refer(body);
     body->start_there(std::move(start));
     return connection;
 }
 
 Connection Connection::share() const noexcept {
-    if (m_body != nullptr) {
-        m_body->AddRef();
+    if (m_handler != nullptr) {
+        m_handler->AddRef();
     }
-    return Connection(m_body);
+    return ConnectionBody::refer(ConnectionBody::of(*this));
 }
 
 bool Connection::isOpen() const noexcept {
-    return m_body != nullptr && m_body->is_open();
+    ConnectionBody* const body = ConnectionBody::of(*this);
+    return body != nullptr && body->is_open();
 }
 
 void Connection::onInput(Input call) {
-    if (m_body != nullptr) {
-        m_body->set_input(std::move(call));
+    ConnectionBody* const body = ConnectionBody::of(*this);
+    if (body != nullptr) {
+        body->set_input(std::move(call));
     }
 }
 
 void Connection::onEnd(Event call) {
-    if (m_body != nullptr) {
-        m_body->set_end(std::move(call));
+    ConnectionBody* const body = ConnectionBody::of(*this);
+    if (body != nullptr) {
+        body->set_end(std::move(call));
     }
 }
 
 void Connection::onDrained(Event call) {
-    if (m_body != nullptr) {
-        m_body->set_drained(std::move(call));
+    ConnectionBody* const body = ConnectionBody::of(*this);
+    if (body != nullptr) {
+        body->set_drained(std::move(call));
     }
 }
 
 void Connection::onClose(Closed call) {
-    if (m_body != nullptr) {
-        m_body->set_closed(std::move(call));
+    ConnectionBody* const body = ConnectionBody::of(*this);
+    if (body != nullptr) {
+        body->set_closed(std::move(call));
     }
 }
 
 bool Connection::write(std::string_view bytes) {
-    return m_body != nullptr && m_body->write(&bytes, 1);
+    ConnectionBody* const body = ConnectionBody::of(*this);
+    return body != nullptr && body->write(&bytes, 1, bytes.size());
 }
 
 bool Connection::write(std::initializer_list<std::string_view> pieces) {
-    return m_body != nullptr && m_body->write(pieces.begin(), pieces.size());
+    ConnectionBody* const body = ConnectionBody::of(*this);
+    return body != nullptr &&
+           body->write(pieces.begin(), pieces.size(), total(pieces.begin(), pieces.size()));
 }
 
 bool Connection::write(const std::string_view* pieces, size_t count) {
-    return m_body != nullptr && m_body->write(pieces, count);
+    ConnectionBody* const body = ConnectionBody::of(*this);
+    return body != nullptr && body->write(pieces, count, total(pieces, count));
 }
 
 size_t Connection::waiting() const noexcept {
-    return m_body != nullptr ? m_body->waiting() : 0;
+    ConnectionBody* const body = ConnectionBody::of(*this);
+    return body != nullptr ? body->waiting() : 0;
 }
 
 uint64_t Connection::dropped() const noexcept {
-    return m_body != nullptr ? m_body->dropped() : 0;
+    ConnectionBody* const body = ConnectionBody::of(*this);
+    return body != nullptr ? body->dropped() : 0;
 }
 
 void Connection::whenRoom(Room call) {
-    if (m_body != nullptr && call) {
-        m_body->when_room(std::move(call));
+    ConnectionBody* const body = ConnectionBody::of(*this);
+    if (body != nullptr && call) {
+        body->when_room(std::move(call));
     } else if (call) {
         call(*this, false);
     }
 }
 
 bool Connection::finish() {
-    return m_body != nullptr && m_body->finish();
+    ConnectionBody* const body = ConnectionBody::of(*this);
+    return body != nullptr && body->finish();
 }
 
 void Connection::pause() {
-    if (m_body != nullptr) {
-        m_body->pause(true);
+    ConnectionBody* const body = ConnectionBody::of(*this);
+    if (body != nullptr) {
+        body->pause(true);
     }
 }
 
 void Connection::resume() {
-    if (m_body != nullptr) {
-        m_body->pause(false);
+    ConnectionBody* const body = ConnectionBody::of(*this);
+    if (body != nullptr) {
+        body->pause(false);
     }
 }
 
 void Connection::readOnce(Input call) {
-    if (m_body != nullptr && call) {
-        m_body->read_once(std::move(call));
+    ConnectionBody* const body = ConnectionBody::of(*this);
+    if (body != nullptr && call) {
+        body->read_once(std::move(call));
     } else if (call) {
         call(*this, {});
     }
 }
 
 bool Connection::post(Event call) {
-    return m_body != nullptr && m_body->post(call);
+    ConnectionBody* const body = ConnectionBody::of(*this);
+    return body != nullptr && body->post(call);
 }
 
 bool Connection::after(std::chrono::microseconds delay, Event call) {
-    return m_body != nullptr && m_body->after(delay.count(), call);
+    ConnectionBody* const body = ConnectionBody::of(*this);
+    return body != nullptr && body->after(delay.count(), call);
 }
 
 bool Connection::isInside() const noexcept {
-    return m_body != nullptr && m_body->is_inside();
+    ConnectionBody* const body = ConnectionBody::of(*this);
+    return body != nullptr && body->is_inside();
 }
 
 void Connection::close() {
-    if (m_body != nullptr) {
-        m_body->close(CloseReason::CLOSED);
+    ConnectionBody* const body = ConnectionBody::of(*this);
+    if (body != nullptr) {
+        body->close(CloseReason::CLOSED);
     }
 }
 
 void Connection::abort() {
-    if (m_body != nullptr) {
-        m_body->abort(CloseReason::ABORTED);
+    ConnectionBody* const body = ConnectionBody::of(*this);
+    if (body != nullptr) {
+        body->abort(CloseReason::ABORTED);
     }
 }
 
 size_t Connection::peer(char* text, size_t size) const noexcept {
-    return m_body != nullptr ? m_body->peer(text, size) : 0;
+    ConnectionBody* const body = ConnectionBody::of(*this);
+    return body != nullptr ? body->peer(text, size) : 0;
 }
 
 }  // namespace v1

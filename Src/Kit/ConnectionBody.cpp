@@ -126,7 +126,7 @@ template <typename Call>
 void ConnectionBody::call(Call&& call) {
     if (!m_self) {  // somebody has moved it away
         AddRef();
-        m_self = Connection(this);
+        m_self = refer(this);
     }
     const auto thread_ends = [this] {
         abort(CloseReason::FAILED);
@@ -298,13 +298,9 @@ void ConnectionBody::release(uint8_t why) {
 
 // ---- output --------------------------------------------------------------------------------------------
 
-bool ConnectionBody::write(const std::string_view* pieces, size_t count) {
-    size_t total = 0;
-    for (size_t i = 0; i < count; ++i) {
-        total += pieces[i].size();
-    }
+bool ConnectionBody::write(const std::string_view* pieces, size_t count, size_t total) {
     CGuard guard(m_mutex);
-    if (!m_open.load(std::memory_order_relaxed) || m_finish) {
+    if (!m_writable) {
         return false;
     }
     const size_t waits = m_output.waiting();
@@ -438,6 +434,7 @@ bool ConnectionBody::finish() {
         return false;
     }
     m_finish = true;
+    m_writable = false;
     if (m_output.waiting() == 0) {
         ::shutdown(m_sock.GetHandle(), SHUT_WR);
     }
@@ -578,6 +575,7 @@ void ConnectionBody::close(CloseReason reason) {
         return;
     }
     m_open.store(false, std::memory_order_release);
+    m_writable = false;
     m_reason = reason;
     hold(HOLD_END);
     if (m_output.waiting() == 0) {
@@ -599,6 +597,7 @@ void ConnectionBody::end(CloseReason reason) {
     m_cut = true;
     m_reason = reason;
     m_open.store(false, std::memory_order_release);
+    m_writable = false;
     hold(HOLD_END);
     ring(END);
 }

@@ -46,12 +46,22 @@ public:
     void start_here(Connection::Event& start);
     void start_there(Connection::Event start);
 
+    /// The step between a reference and what it is of; the reference becomes the result's.
+    static Connection refer(ConnectionBody* body) {
+        Connection connection;
+        connection.m_handler = body;
+        return connection;
+    }
+    static ConnectionBody* of(const Connection& connection) {
+        return static_cast<ConnectionBody*>(connection.m_handler);
+    }
+
     // What Connection offers.
     void set_input(Connection::Input call);
     void set_end(Connection::Event call);
     void set_drained(Connection::Event call);
     void set_closed(Connection::Closed call);
-    bool write(const std::string_view* pieces, size_t count);
+    bool write(const std::string_view* pieces, size_t count, size_t total);
     size_t waiting();
     uint64_t dropped() const { return m_dropped.load(std::memory_order_relaxed); }
     void when_room(Connection::Room call);
@@ -154,9 +164,10 @@ private:
     Infra::CMutex m_mutex{Infra::LockClass::KIT_CONNECTION};
     CSockStream m_sock INFRA_GUARDED_BY(m_mutex);  ///< Its number the holder may use as well.
     ConnectionOutput m_output INFRA_GUARDED_BY(m_mutex);
-    bool m_finish INFRA_GUARDED_BY(m_mutex) = false;  ///< End our direction when all is sent.
-    bool m_cut INFRA_GUARDED_BY(m_mutex) = false;     ///< END is on its way.
-    bool m_sealed INFRA_GUARDED_BY(m_mutex) = false;  ///< No more mail.
+    bool m_writable INFRA_GUARDED_BY(m_mutex) = true;  ///< Open, and our direction is not to end.
+    bool m_finish INFRA_GUARDED_BY(m_mutex) = false;   ///< End our direction when all is sent.
+    bool m_cut INFRA_GUARDED_BY(m_mutex) = false;      ///< END is on its way.
+    bool m_sealed INFRA_GUARDED_BY(m_mutex) = false;   ///< No more mail.
     CloseReason m_reason INFRA_GUARDED_BY(m_mutex) = CloseReason::CLOSED;
     long m_idle_timer INFRA_GUARDED_BY(m_mutex) = -1;
     long m_age_timer INFRA_GUARDED_BY(m_mutex) = -1;

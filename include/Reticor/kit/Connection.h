@@ -7,8 +7,10 @@
 #include <initializer_list>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include <Reticor/Export.h>
+#include <Reticor/NetHandler.h>
 #include <Reticor/kit/UniqueFunction.h>
 
 namespace Orvex::Reticor::Kit {
@@ -53,6 +55,7 @@ struct ConnectionOptions {
     /// How long bytes may wait while the peer takes none; counted anew whenever it takes some. 0 is for
     /// ever.
     std::chrono::microseconds max_output_age = std::chrono::seconds(60);
+    /// What happens when more is written than may wait.
     OutputPolicy policy = OutputPolicy::PAUSE_READING;
     /// TCP_NODELAY: small pieces are sent at once.
     bool no_delay = true;
@@ -76,18 +79,33 @@ class RETICOR_API Connection {
 public:
     /// Bytes that have come. They may be cut anywhere, and are good until the call-back returns.
     using Input = UniqueFunction<void(Connection&, std::string_view)>;
+    /// What happens without more to say.
     using Event = UniqueFunction<void(Connection&)>;
+    /// The end, and why.
     using Closed = UniqueFunction<void(Connection&, CloseReason)>;
     /// Of `whenRoom`: false if the connection has ended instead.
     using Room = UniqueFunction<void(Connection&, bool)>;
 
     /// Empty.
     Connection() noexcept = default;
-    Connection(Connection&& other) noexcept : m_body(other.m_body) { other.m_body = nullptr; }
-    Connection& operator=(Connection&& other) noexcept;
+    /// Takes the reference over; `other` is empty then.
+    Connection(Connection&& other) noexcept : m_handler(std::exchange(other.m_handler, nullptr)) {}
+    /// The same, and drops the reference that was held before.
+    Connection& operator=(Connection&& other) noexcept {
+        Connection taken(std::move(other));
+        std::swap(m_handler, taken.m_handler);
+        return *this;
+    }
+    /// There is no copy: see `share`.
     Connection(const Connection&) = delete;
+    /// There is no copy: see `share`.
     Connection& operator=(const Connection&) = delete;
-    ~Connection();
+    /// Drops the reference. Does not end the connection.
+    ~Connection() {
+        if (m_handler != nullptr) {
+            m_handler->DecRef();
+        }
+    }
 
     /// Makes a connection of a connected stream socket, which is the kit's from now on, also if this fails
     /// and closes it. `start` is called on the pool, before anything else, to set the call-backs. Empty,
@@ -99,10 +117,11 @@ public:
     Connection share() const noexcept;
 
     /// Whether this is a reference at all.
-    explicit operator bool() const noexcept { return m_body != nullptr; }
+    explicit operator bool() const noexcept { return m_handler != nullptr; }
     /// Whether both are of the same connection.
-    bool operator==(const Connection& other) const noexcept { return m_body == other.m_body; }
-    bool operator!=(const Connection& other) const noexcept { return m_body != other.m_body; }
+    bool operator==(const Connection& other) const noexcept { return m_handler == other.m_handler; }
+    /// Whether they are of two, or one of them is empty.
+    bool operator!=(const Connection& other) const noexcept { return m_handler != other.m_handler; }
 
     /// Whether bytes can still be written: false from `close` on.
     bool isOpen() const noexcept;
@@ -135,6 +154,7 @@ public:
 
     /// The same for pieces that are sent as one, with one call of the system.
     bool write(std::initializer_list<std::string_view> pieces);
+    /// The same for an array of pieces.
     bool write(const std::string_view* pieces, size_t count);
 
     /// Bytes that wait to be sent.
@@ -155,6 +175,7 @@ public:
     /// No input is delivered after the call that may be running, until `resume`. The peer is then held up
     /// by the system. The peer's end is not noticed meanwhile; the idle time-out goes on.
     void pause();
+    /// Input is delivered again.
     void resume();
 
     /// Reads by asking: `call` gets the next bytes, once, or an empty view when no more will come. From the
@@ -191,14 +212,13 @@ public:
         char text[64];
         return std::string(text, peer(text, sizeof text));
     }
+    /// The same, written to `text`; returns its length. 64 bytes are enough.
     size_t peer(char* text, size_t size) const noexcept;
 
 private:
     friend class ConnectionBody;
 
-    explicit Connection(ConnectionBody* body) noexcept : m_body(body) {}
-
-    ConnectionBody* m_body = nullptr;  ///< A reference.
+    CNetHandler* m_handler = nullptr;  ///< A reference.
 };
 
 }  // namespace v1

@@ -39,9 +39,13 @@ public:
 
     /// `stop` with its default.
     ~Pool();
+    /// Takes the workers over; `other` has none then.
     Pool(Pool&& other) noexcept;
+    /// The same; the pool that was held before ends as by the destructor.
     Pool& operator=(Pool&& other) noexcept;
+    /// There is no copy.
     Pool(const Pool&) = delete;
+    /// There is no copy.
     Pool& operator=(const Pool&) = delete;
 
     /// Whether there are workers.
@@ -79,13 +83,15 @@ private:
     PoolState* m_state = nullptr;  ///< Owned.
 };
 
-/// `pool.post(call)` and so on.
+/// `pool.post(call)`.
 inline bool post(Pool& pool, UniqueFunction<void()> call) {
     return pool.post(std::move(call));
 }
+/// `pool.postSerial(call)`.
 inline bool postSerial(Pool& pool, UniqueFunction<void()> call) {
     return pool.postSerial(std::move(call));
 }
+/// `pool.postIO(call)`.
 inline bool postIO(Pool& pool, UniqueFunction<void()> call) {
     return pool.postIO(std::move(call));
 }

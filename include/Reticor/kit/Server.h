@@ -39,6 +39,7 @@ struct ServerCounts {
     uint64_t refused_places = 0;       ///< Closed at once: `most_connections` were there.
     uint64_t refused_address = 0;      ///< Closed at once: `most_per_address` of their address were there.
     uint64_t refused_descriptors = 0;  ///< Closed at once: the process had no descriptor left.
+    /// All who were refused.
     uint64_t refused() const { return refused_places + refused_address + refused_descriptors; }
 };
 
@@ -64,7 +65,9 @@ public:
 
     /// `stop` with its default, if that has not been done.
     ~Server();
+    /// There is no copy.
     Server(const Server&) = delete;
+    /// There is no copy.
     Server& operator=(const Server&) = delete;
 
     /// Listens on an address as well: "127.0.0.1", "::1", "0.0.0.0" for every IPv4 address of this machine,
@@ -76,6 +79,7 @@ public:
     /// The port, and the address as text, "127.0.0.1:7007", of the listener with that number, counted from
     /// 0 in the order of `listen`. 0 and an empty text if there is none.
     unsigned short port(size_t listener = 0) const noexcept;
+    /// The address as text.
     std::string address(size_t listener = 0) const {
         char text[64];
         return std::string(text, address(listener, text, sizeof text));
@@ -83,6 +87,7 @@ public:
     /// The same, written to `text`; returns its length. 64 bytes are enough.
     size_t address(size_t listener, char* text, size_t size) const noexcept;
 
+    /// What has been counted until now.
     ServerCounts counts() const noexcept;
 
     /// The first of the server's pools, for timers, posted lambdas and connections to elsewhere. Its end is

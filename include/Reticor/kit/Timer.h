@@ -31,13 +31,16 @@ class RETICOR_API Timer {
 public:
     /// Empty.
     Timer() noexcept = default;
+    /// Calls `call` once, `delay` from now.
     template <typename F>
     Timer(Pool& pool, std::chrono::microseconds delay, F call) {
         arm(pool, delay, std::chrono::microseconds(0), wrap(std::move(call)));
     }
     /// `cancel`.
     ~Timer();
+    /// Takes the lambda over; `other` is empty then.
     Timer(Timer&& other) noexcept : m_body(std::exchange(other.m_body, nullptr)) {}
+    /// The same; the lambda that was held before is cancelled.
     Timer& operator=(Timer&& other) noexcept;
 
     /// Whether the lambda is still to be called.
@@ -54,6 +57,7 @@ protected:
     void arm(Pool& pool, std::chrono::microseconds delay, std::chrono::microseconds period,
              UniqueFunction<void(uint64_t)> call);
 
+    /// A lambda that takes that number, or does not want it.
     template <typename F>
     static UniqueFunction<void(uint64_t)> wrap(F call) {
         if constexpr (std::is_invocable_v<F&, uint64_t>) {
@@ -75,8 +79,9 @@ private:
 ///     Kit::Every tick(pool, std::chrono::milliseconds(20), [](uint64_t missed) { ... });
 class Every : public Timer {
 public:
+    /// Empty.
     Every() noexcept = default;
-    /// A period of 0 or less counts as 5 ms.
+    /// Calls `call` every `period`, for the first time one period from now. A period of 0 or less counts as 5 ms.
     template <typename F>
     Every(Pool& pool, std::chrono::microseconds period, F call) {
         const std::chrono::microseconds grid = std::chrono::milliseconds(5);

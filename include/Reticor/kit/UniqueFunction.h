@@ -29,7 +29,8 @@ public:
 
     /// Empty.
     UniqueFunction() noexcept = default;
-    UniqueFunction(std::nullptr_t) noexcept {}  // NOLINT: f = nullptr empties it
+    /// Empty: `call = nullptr` destroys what it holds.
+    UniqueFunction(std::nullptr_t) noexcept {}  // NOLINT: converts
 
     /// Holds `callable`.
     template <typename F, typename D = std::decay_t<F>,
@@ -48,7 +49,9 @@ public:
         }
     }
 
+    /// Takes over what `other` holds, which is empty then.
     UniqueFunction(UniqueFunction&& other) noexcept { take(other); }
+    /// The same; what was held before is destroyed last.
     UniqueFunction& operator=(UniqueFunction&& other) noexcept {
         if (this != &other) {
             UniqueFunction before(std::move(*this));  // goes last: its end may look at this one
@@ -56,8 +59,11 @@ public:
         }
         return *this;
     }
+    /// There is no copy.
     UniqueFunction(const UniqueFunction&) = delete;
+    /// There is no copy.
     UniqueFunction& operator=(const UniqueFunction&) = delete;
+    /// Destroys what it holds.
     ~UniqueFunction() {
         if (m_table != nullptr) {
             m_table->destroy(m_room);
