@@ -11,6 +11,12 @@ namespace Orvex::Reticor {
 class CMediaStreamSender;
 struct MediaBufferState;
 
+/// When a sender moves to another buffer.
+enum class MediaMove {
+    NOW,       ///< At its next frame boundary.
+    NEXT_KEY,  ///< When the next key frame of the other buffer is complete.
+};
+
 /// What a buffer holds. Totals count from the construction on, `byte_total` from the last time that the
 /// buffer ran empty of senders.
 struct MediaBufferStats {
@@ -112,6 +118,20 @@ public:
     /// Takes a sender off. When the call returns its socket is not used any more. Without senders the buffer
     /// lets all complete frames go. One that is not on the list is ignored.
     void DelSender(CMediaStreamSender* sender);
+
+    /// Moves a sender of this list to the list of `to`, for example to another camera: it ends the frame that
+    /// it is in the middle of, and goes on there with a key frame of each of its channels, so that nothing is
+    /// torn and everything after it can be decoded; no gap is told or counted. With a resume policy, and a
+    /// start cache there, the first picture comes at once, and so does the move at NEXT_KEY; until then the
+    /// sender goes on here. Without either it goes on with the next key frame of `to`.
+    ///
+    /// From any thread and inside any call-back; it is done when the thread is out of all call-backs, and at
+    /// NEXT_KEY on the producer's thread of `to`. No two buffers are locked at a time. The rest of a frame
+    /// that is half on the wire is copied. A later call for the same sender takes the place of an earlier one
+    /// that is not done. DelSender on either buffer takes back a move that is not done: a product that does
+    /// not know calls it on both. False, and nothing is done, for the same buffer, and for NEXT_KEY if `to`
+    /// has no start cache or the sender no resume policy. A sender that is not on this list is ignored.
+    bool MoveSender(CMediaBuffer& to, CMediaStreamSender* sender, MediaMove when = MediaMove::NOW);
 
     /// Puts a tap at the head of the list. It stays the caller's; take it off before it goes away. A tap that
     /// is on this list already is left there with a log line at level 3; one on another buffer's asserts.

@@ -132,6 +132,13 @@ void CMediaBuffer::DelSender(CMediaStreamSender* sender) {
     m_state->take_off(SenderRecord::of(*sender), step.nested());
 }
 
+bool CMediaBuffer::MoveSender(CMediaBuffer& to, CMediaStreamSender* sender, MediaMove when) {
+    if (m_state == nullptr || to.m_state == nullptr) {
+        return false;
+    }
+    return m_state->move(SenderRecord::of(*sender), *to.m_state, when == MediaMove::NEXT_KEY);
+}
+
 void CMediaBuffer::AddLevel2Buffer(CLevel2Buffer_IF* tap) {
     if (m_state == nullptr) {
         return;
@@ -209,7 +216,7 @@ void CMediaBuffer::SetKeepLimits(unsigned keep_ms, unsigned long long most_bytes
 void CMediaBuffer::SetStartCache(unsigned keep_ms, unsigned long long most_bytes) {
     if (m_state != nullptr) {
         const MediaStep step(m_state->m_core);
-        m_state->m_frames.set_start_bounds(uint64_t{keep_ms} * 1000, most_bytes);
+        m_state->set_start_cache(uint64_t{keep_ms} * 1000, most_bytes);
     }
 }
 

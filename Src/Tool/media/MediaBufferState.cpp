@@ -80,6 +80,37 @@ void MediaBufferState::del_sender(SenderRecord& record) {
     }
 }
 
+bool MediaBufferState::go(CMediaStreamSender& sender) {
+    SenderRecord& record = SenderRecord::of(sender);
+    if (record.m_list != m_core.get()) {
+        return false;
+    }
+    del_sender(record);
+    return true;
+}
+
+bool MediaBufferState::move(SenderRecord& record, const MediaBufferState& to, bool at_key) {
+    const bool can_wait = to.m_core->m_has_starts.load(std::memory_order_relaxed) && record.has_policy();
+    if (&to == this || (at_key && !can_wait)) {
+        return false;
+    }
+    TargetStepMark::enter();
+    record.m_coming.note_move(m_core, to.m_core, !at_key && goes_with_this_step(record), at_key);
+    TargetStepMark::leave();
+    return true;
+}
+
+// Inside a call-back of this buffer, where it can be its own sending: it begins no other frame, and is taken
+// off when the operation ends.
+bool MediaBufferState::goes_with_this_step(SenderRecord& record) INFRA_NO_THREAD_SAFETY_ANALYSIS {
+    if (!m_core->steps_on_this_thread() || !m_senders.holds(record)) {
+        return false;
+    }
+    record.set_leaving();
+    m_core->note_leaving();
+    return true;
+}
+
 // Packets.
 
 int MediaBufferState::accept(CMediaPacket* packet, int len, int mark, int level) {
@@ -98,11 +129,32 @@ void MediaBufferState::complete() {
     m_frames.complete();
     if (!m_senders.has_sender()) {
         m_frames.hold_for_starts();
+        call_movers();
         m_frames.drop_complete();
         return;
     }
     m_send_ready = true;
     m_frames.offer();
+    call_movers();
+}
+
+// A key frame at which one can begin is complete: those that wait for it come when this thread has left the
+// lock.
+void MediaBufferState::call_movers() {
+    const CFrame& frame = *m_frames.current();
+    if (!m_core->m_moves.empty() && frame.m_kept &&
+        m_frames.starts().start_at(frame, SenderRecord::ALL_CHANNELS, m_core->m_channels) != nullptr) {
+        m_core->m_moves.call_all(*m_core);
+    }
+}
+
+// Without a start cache nobody waits for its next key frame.
+void MediaBufferState::set_start_cache(uint64_t keep_us, uint64_t most_bytes) {
+    m_frames.set_start_bounds(keep_us, most_bytes);
+    m_core->m_has_starts.store(m_frames.starts().on(), std::memory_order_relaxed);
+    if (!m_frames.starts().on()) {
+        m_core->m_moves.call_all(*m_core);
+    }
 }
 
 uint64_t MediaBufferState::send_packet(bool has_packet, bool ages) {
@@ -188,7 +240,7 @@ void MediaBufferState::first_turn(SenderRecord& record) {
     if (!m_frames.starts().on() || !record.has_policy()) {
         return;
     }
-    record.begin_anew();
+    record.begin_anew(record.m_start.m_moved);
     if (record.wants_keep() != record.m_keeps) {
         change_mode(record);
     }
@@ -258,7 +310,7 @@ MediaBufferState::Place MediaBufferState::join(SenderRecord& record) {
 // Null if there is nothing, or nothing yet, for it.
 CFrame* MediaBufferState::start_of(const SenderRecord& record) const {
     const uint8_t mask = Infra::relaxedLoad(record.m_channel_mask);
-    if (!record.starts_at_key()) {
+    if (record.m_start.m_moved || !record.starts_at_key()) {
         return m_frames.starts().start(mask, m_core->m_channels);
     }
     const CFrame* const offered = m_frames.current();
@@ -304,6 +356,7 @@ void MediaBufferState::retire() {
     m_senders.clear();  // What came inside the releases.
     m_taps.clear();
     m_core->close();
+    m_core->m_moves.call_all(*m_core, true);
 }
 
 }  // namespace Orvex::Reticor

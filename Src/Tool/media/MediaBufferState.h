@@ -53,6 +53,11 @@ struct MediaBufferState : SendTarget_IF, StepEnd_IF {
     /// the operation ends.
     void take_off(SenderRecord& record, bool inside_call_back) INFRA_REQUIRES(CORE_MUTEX);
 
+    bool go(CMediaStreamSender& sender) override INFRA_REQUIRES(CORE_MUTEX);
+    /// Moves a sender, as CMediaBuffer::MoveSender tells.
+    bool move(SenderRecord& record, const MediaBufferState& to, bool at_key);
+    void set_start_cache(uint64_t keep_us, uint64_t most_bytes) INFRA_REQUIRES(CORE_MUTEX);
+
     /// From the next frame on; beyond 1 to 10 none is disposable.
     void set_disposable_level(int level) INFRA_REQUIRES(CORE_MUTEX) {
         const bool any = level >= FrameLine::LEVEL_MOST && level <= FrameLine::LEVEL_LEAST;
@@ -93,6 +98,8 @@ private:
     }
     Place join(SenderRecord& record) INFRA_REQUIRES(CORE_MUTEX);
     CFrame* start_of(const SenderRecord& record) const INFRA_REQUIRES(CORE_MUTEX);
+    void call_movers() INFRA_REQUIRES(CORE_MUTEX);
+    bool goes_with_this_step(SenderRecord& record);
     TurnEnd give_turn(SenderRecord& record, CFrame* offered) INFRA_REQUIRES(CORE_MUTEX);
     void first_turn(SenderRecord& record) INFRA_REQUIRES(CORE_MUTEX);
     void fail(SenderRecord& record) INFRA_REQUIRES(CORE_MUTEX);

@@ -93,48 +93,142 @@ void SenderRecord::move_to(const std::shared_ptr<MediaCore>& core)
 // Coming.
 
 bool SenderRecord::Coming::note(const std::shared_ptr<MediaCore>& core) {
+    Note before;  // Outlives the lock.
     Infra::CGuard guard(m_mutex);
-    if (m_target == core) {
+    if (m_note.target == core) {
         return false;
     }
-    m_target = core;
+    leave_line();
+    before = std::exchange(m_note, Note{core, nullptr, false, false});
+    wait_as_guest();
+    return true;
+}
+
+void SenderRecord::Coming::note_move(const std::shared_ptr<MediaCore>& from,
+                                     const std::shared_ptr<MediaCore>& to, bool left, bool at_key) {
+    Note before;
+    Infra::CGuard guard(m_mutex);
+    leave_line();
+    before = m_note;
+    if (before.target == from && before.from == to && !before.left) {
+        m_note = Note();  // There and back, and not yet gone.
+        return;
+    }
+    if (before.target == from) {
+        m_note = {to, before.from != nullptr ? before.from : from, before.from == nullptr || before.left,
+                  at_key};
+    } else {
+        m_note = {to, from, left, at_key};
+    }
+    if (!at_key) {
+        wait_as_guest();
+        return;
+    }
+    enter_line();
+}
+
+// One that was taken out of another line a moment ago, and is about to be called, comes to this one then.
+void SenderRecord::Coming::enter_line() {
+    if (!std::exchange(m_in_line, true)) {
+        m_state.m_owner->AddRef();
+        m_note.target->m_moves.add(*this);
+    }
+}
+
+void SenderRecord::Coming::wait_as_guest() {
     if (!std::exchange(m_waits, true)) {
         m_state.m_owner->AddRef();
         TargetStepMark::await(*this);
     }
-    return true;
+}
+
+// Inside the step of a buffer, where the last reference must not be dropped: as a guest it has another one,
+// and the guest's cannot be dropped before the mutex is left.
+void SenderRecord::Coming::take_line_reference() {
+    m_in_line = false;
+    wait_as_guest();
+    m_state.m_owner->DecRef();
+}
+
+// It can be out of it already, and is called then.
+void SenderRecord::Coming::leave_line() {
+    if (m_in_line && m_note.target != nullptr && m_note.target->m_moves.remove(*this)) {
+        take_line_reference();
+    }
 }
 
 bool SenderRecord::Coming::take_back(const MediaCore& core) {
-    std::shared_ptr<MediaCore> target;  // Outlives the lock.
+    Note before;  // Outlives the lock.
     Infra::CGuard guard(m_mutex);
-    if (m_target.get() != &core) {
+    if (m_note.target.get() != &core && m_note.from.get() != &core) {
         return false;
     }
-    target.swap(m_target);
+    leave_line();
+    before = std::exchange(m_note, Note());
     return true;
+}
+
+void SenderRecord::Coming::called(const MediaCore& core, bool gone) {
+    Note before;  // Outlives the lock.
+    Infra::CGuard guard(m_mutex);
+    if (m_note.target.get() == &core) {
+        m_note.at_key = false;
+        if (gone) {
+            before = std::exchange(m_note, Note());
+        }
+    }
+    take_line_reference();
 }
 
 // The note stands until the sender is on the list, so that whoever takes it off meanwhile finds it in one
 // place.
 void SenderRecord::Coming::come() {
     for (;;) {
-        std::shared_ptr<MediaCore> target;
+        Note note;
         {
             Infra::CGuard guard(m_mutex);
-            target = m_target;
-            if (!target) {
+            note = m_note;
+            if (!note.target || note.at_key) {
                 m_waits = false;
+                if (note.at_key) {
+                    enter_line();
+                }
                 break;
             }
         }
-        m_state.move_to(target);
-        const CoreGuard guard(*target);
-        if (m_state.core() == target && take_back(*target) && target->m_end != nullptr) {
-            target->m_end->come(*m_state.m_owner);
+        if (note.from == nullptr || note.left || leave(note)) {
+            arrive(note);
         }
     }
     m_state.m_owner->DecRef();
+}
+
+// Off the list from which it moves; under no other lock than that one's. False if it is not on it, and then
+// there is nothing to move.
+bool SenderRecord::Coming::leave(const Note& note) {
+    const MediaStep step(note.from);
+    bool moves = false;
+    {
+        Infra::CGuard guard(m_mutex);
+        moves = m_note.target == note.target && m_note.from == note.from && !m_note.left;
+        m_note.left = moves || m_note.left;
+    }
+    if (moves && (note.from->m_end == nullptr || !note.from->m_end->go(*m_state.m_owner))) {
+        take_back(*note.target);
+        return false;
+    }
+    return moves;
+}
+
+void SenderRecord::Coming::arrive(const Note& note) {
+    m_state.move_to(note.target);
+    const CoreGuard guard(*note.target);
+    if (m_state.core() == note.target && take_back(*note.target) && note.target->m_end != nullptr) {
+        if (note.from != nullptr) {
+            m_state.begin_anew(true);
+        }
+        note.target->m_end->come(*m_state.m_owner);
+    }
 }
 
 void SenderRecord::relink() {
@@ -323,8 +417,8 @@ void SenderRecord::join(CFrame& frame, uint64_t position) {
     m_start.m_waits = false;
 }
 
-void SenderRecord::begin_anew() {
-    m_start = {true, false, 0, m_start.m_round};
+void SenderRecord::begin_anew(bool moved) {
+    m_start = {true, false, 0, moved, m_start.m_round};
     m_joined = false;
     m_send_total = 0;
     m_lost_mask = ALL_CHANNELS;

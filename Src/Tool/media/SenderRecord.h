@@ -15,6 +15,7 @@
 #include "Tool/frame/MediaFrame.h"
 #include "Tool/frame/Thinning.h"
 #include "Tool/step/MediaStep.h"
+#include "Tool/step/MoveLine.h"
 #include "Tool/step/OtherData.h"
 #include "Tool/step/TargetStepMark.h"
 
@@ -70,6 +71,7 @@ struct SenderStart {
     bool m_waits = false;   ///< It has no place yet, and is given one out of the start cache if that has any.
     bool m_runs = false;    ///< It began with frames of the cache, and has not caught up.
     uint64_t m_newest = 0;  ///< The number of the newest frame that was kept when it began.
+    bool m_moved = false;   ///< It comes from another buffer, and does not wait for a key frame of its own.
     uint64_t m_round = 0;   ///< The last one of its buffer's rounds in which it had a turn.
 };
 
@@ -85,23 +87,48 @@ struct SenderRecord : SenderHotState {
     static constexpr uint64_t NO_TIMEOUT_S = 0xFFFFFFFF;
 
     /// The way to a buffer's list for a sender that was added inside a call-back.
-    class Coming : public StepGuest_IF {
+    /// It has a reference on the sender for as long as a thread has it as its guest, and one for the time in a
+    /// line of movers.
+    class Coming : public StepGuest_IF, public MoveGuest_IF {
     public:
         explicit Coming(SenderRecord& state) : m_state(state) {}
 
         /// The sender comes to the list of `core` when the thread is out of all call-backs. False if that was
         /// noted already.
         bool note(const std::shared_ptr<MediaCore>& core);
-        /// Takes back that it comes to `core`; true if that was noted.
+        /// The sender moves from the list of `from` to that of `to` when the thread is out of all call-backs,
+        /// or at the next key frame there. `left`: it will be off its list by then. One that is on its way to
+        /// `from` goes to `to` instead.
+        void note_move(const std::shared_ptr<MediaCore>& from, const std::shared_ptr<MediaCore>& to,
+                       bool left, bool at_key);
+        /// Takes back that it comes to `core`, or that it moves from there; true if that was noted. Inside a
+        /// step.
         bool take_back(const MediaCore& core);
         void come() override;
+        void called(const MediaCore& core, bool gone) override;
 
     private:
+        /// What is noted.
+        struct Note {
+            std::shared_ptr<MediaCore> target;  ///< Null: it comes to none.
+            std::shared_ptr<MediaCore> from;    ///< Of a move; null without.
+            bool left = false;                  ///< It is off the list of `from`, or will be.
+            bool at_key = false;                ///< It waits in the target's line.
+        };
+
+        void wait_as_guest() INFRA_REQUIRES(m_mutex);
+        void take_line_reference() INFRA_REQUIRES(m_mutex);
+        void enter_line() INFRA_REQUIRES(m_mutex);
+        void leave_line() INFRA_REQUIRES(m_mutex);
+        bool leave(const Note& note);
+        void arrive(const Note& note);
+
         SenderRecord& m_state;
-        Infra::CMutex m_mutex{Infra::LockClass::MEDIA_COMING};          ///< Comes after the core's.
-        std::shared_ptr<MediaCore> m_target INFRA_GUARDED_BY(m_mutex);  ///< Null: it comes to none.
-        /// A thread has it as its guest, and it holds a reference on the sender.
-        bool m_waits INFRA_GUARDED_BY(m_mutex) = false;
+        Infra::CMutex m_mutex{Infra::LockClass::MEDIA_COMING};  ///< Comes after the core's.
+        Note m_note INFRA_GUARDED_BY(m_mutex);
+        bool m_waits INFRA_GUARDED_BY(m_mutex) = false;    ///< A thread has it as its guest.
+        /// Until whoever has taken it out calls it.
+        bool m_in_line INFRA_GUARDED_BY(m_mutex) = false;
     };
 
     /// A private copy of what was left of a frame, owned; m_frame while it is set.
@@ -184,7 +211,7 @@ struct SenderRecord : SenderHotState {
     void join(CFrame& frame, uint64_t position) INFRA_REQUIRES(CORE_MUTEX);
     /// It has no place in this stream, and waits for a key frame of each channel. What it has begun is ended
     /// first.
-    void begin_anew() INFRA_REQUIRES(CORE_MUTEX);
+    void begin_anew(bool moved) INFRA_REQUIRES(CORE_MUTEX);
     /// Has begun a frame, and is without a place.
     bool has_rest() const INFRA_REQUIRES(CORE_MUTEX) {
         return m_start.m_waits && m_frame != nullptr && !at_boundary();

@@ -1,6 +1,7 @@
 // MediaCore, MediaStep: the lock of a media buffer, and the frame of an operation under it.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <utility>
@@ -11,6 +12,7 @@
 #include <Infra/Time.h>
 
 #include "Tool/frame/ChannelBook.h"
+#include "Tool/step/MoveLine.h"
 
 namespace Orvex::Reticor {
 
@@ -30,6 +32,8 @@ public:
     virtual void drop_leaving() INFRA_REQUIRES(CORE_MUTEX) = 0;
     /// Puts a sender on the list that a call-back has added. The sender's core is this one.
     virtual void come(CMediaStreamSender& sender) INFRA_REQUIRES(CORE_MUTEX) = 0;
+    /// Takes a sender off that moves to another buffer. False if it is not on the list.
+    virtual bool go(CMediaStreamSender& sender) INFRA_REQUIRES(CORE_MUTEX) = 0;
 
 protected:
     ~StepEnd_IF() = default;
@@ -67,6 +71,10 @@ struct MediaCore {
     uint64_t m_kept_number INFRA_GUARDED_BY(CORE_MUTEX) = 0;
     uint64_t m_kept_total INFRA_GUARDED_BY(CORE_MUTEX) = 0;
     uint64_t m_kept_at_begin INFRA_GUARDED_BY(CORE_MUTEX) = 0;
+    /// Senders that move to this buffer at its next key frame.
+    MoveLine m_moves;
+    /// The buffer has a start cache, to which such senders come. No lock.
+    std::atomic<bool> m_has_starts{false};
     /// This step's reading of the clock; 0: not read yet.
     uint64_t m_now_us INFRA_GUARDED_BY(CORE_MUTEX) = 0;
 

@@ -332,6 +332,7 @@ TEST_F(SenderRecordOfASender, ItMovesWithTheRestOfItsFrame) {
 // What comes inside call-backs.
 
 struct Arrivals final : StepEnd_IF {
+    bool go(CMediaStreamSender&) override { return false; }
     void drop_leaving() override {}
     void come(CMediaStreamSender& sender) override { arrived.push_back(&sender); }
     std::vector<const CMediaStreamSender*> arrived;

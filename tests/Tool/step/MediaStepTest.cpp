@@ -19,6 +19,7 @@ using namespace Reticor;
 namespace {
 
 struct End final : StepEnd_IF {
+    bool go(CMediaStreamSender&) override { return false; }
     void drop_leaving() override INFRA_REQUIRES(CORE_MUTEX) {
         ++drops;
         if (on_drop) {
