@@ -87,8 +87,8 @@ struct SenderRecord : SenderHotState {
     static constexpr uint64_t NO_TIMEOUT_S = 0xFFFFFFFF;
 
     /// The way to a buffer's list for a sender that was added inside a call-back.
-    /// It has a reference on the sender for as long as a thread has it as its guest, and one for the time in a
-    /// line of movers.
+    /// It has a reference on the sender for as long as a thread has it as its guest, and another one for the
+    /// time in a line of movers.
     class Coming : public StepGuest_IF, public MoveGuest_IF {
     public:
         explicit Coming(SenderRecord& state) : m_state(state) {}
@@ -126,7 +126,7 @@ struct SenderRecord : SenderHotState {
         SenderRecord& m_state;
         Infra::CMutex m_mutex{Infra::LockClass::MEDIA_COMING};  ///< Comes after the core's.
         Note m_note INFRA_GUARDED_BY(m_mutex);
-        bool m_waits INFRA_GUARDED_BY(m_mutex) = false;    ///< A thread has it as its guest.
+        bool m_waits INFRA_GUARDED_BY(m_mutex) = false;  ///< A thread has it as its guest.
         /// Until whoever has taken it out calls it.
         bool m_in_line INFRA_GUARDED_BY(m_mutex) = false;
     };
