@@ -107,7 +107,7 @@ void Connection::onClose(Closed call) {
 
 bool Connection::write(std::string_view bytes) {
     ConnectionBody* const body = ConnectionBody::of(*this);
-    return body != nullptr && body->write(&bytes, 1, bytes.size());
+    return body != nullptr && body->write(bytes);
 }
 
 bool Connection::write(std::initializer_list<std::string_view> pieces) {

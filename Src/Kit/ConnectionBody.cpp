@@ -55,12 +55,17 @@ ConnectionBody* ConnectionBody::make(PoolState& pool, int descriptor, const Conn
     }
     CGuard guard(body->m_mutex);
     body->m_sock.Attach(sock.Detach());
+    body->look_direct();
     return body;
 }
 
 ConnectionBody::ConnectionBody(PoolState& pool, const ConnectionOptions& options, ConnectionKeeper* keeper,
                                bool held)
-    : Member(pool), m_pool(pool), m_options(options), m_keeper(keeper), m_word(held) {}
+    : Member(pool), m_pool(pool), m_options(options), m_keeper(keeper), m_word(held) {
+    if (options.idle_timeout.count() > 0) {
+        m_hold.fetch_or(MODE_IDLE, std::memory_order_relaxed);
+    }
+}
 
 ConnectionBody::~ConnectionBody() = default;
 
@@ -102,6 +107,11 @@ void ConnectionBody::run() {
     }
 }
 
+void ConnectionBody::serve_all(uint32_t bits) {
+    serve(bits);
+    run();
+}
+
 void ConnectionBody::serve(uint32_t bits) {
     if ((bits & START) != 0) {
         Connection::Event start = std::move(m_start);
@@ -122,11 +132,10 @@ void ConnectionBody::serve(uint32_t bits) {
     }
 }
 
-template <typename Call>
-void ConnectionBody::call(Call&& call) {
-    if (!m_self) {  // somebody has moved it away
-        AddRef();
-        m_self = refer(this);
+template <typename Mark, typename Call>
+inline void ConnectionBody::call(Call&& call) {
+    if (__builtin_expect(!m_self, 0)) {
+        find_self();
     }
     const auto thread_ends = [this] {
         abort(CloseReason::FAILED);
@@ -137,6 +146,12 @@ void ConnectionBody::call(Call&& call) {
             this, kind(), [&] { call(m_self); }, thread_ends)) {
         abort(CloseReason::FAILED);
     }
+}
+
+// At the start, and when somebody has moved it away.
+void ConnectionBody::find_self() {
+    AddRef();
+    m_self = refer(this);
 }
 
 bool ConnectionBody::is_inside() const {
@@ -180,47 +195,75 @@ void ConnectionBody::set_closed(Connection::Closed call) {
 
 // ---- input ---------------------------------------------------------------------------------------------
 
-int ConnectionBody::handle_input(int) {
-    if (m_word.enter_free()) {
-        input();
-    } else {
-        {
-            CGuard guard(m_mutex);
-            hold(HOLD_BUSY);
-        }
-        if (!m_word.enter(INPUT)) {
-            return 0;
-        }
+// The way of every request: as little as can be stands here, and all else in functions of its own.
+int ConnectionBody::handle_input(int) INFRA_NO_THREAD_SAFETY_ANALYSIS {
+    if (!m_word.enter_free()) {
+        return come_later();
     }
-    run();
+    if (m_hold.load(std::memory_order_relaxed) == 0) {
+        char buffer[INPUT_ROOM];
+        // Only the holder of the word closes the descriptor.
+        const ssize_t got = ::recv(m_sock.GetHandle(), buffer, sizeof buffer, MSG_DONTWAIT);
+        if (got <= 0) {
+            nothing_read(got == 0 ? 0 : errno);
+        } else if (m_input) {
+            const std::string_view bytes(buffer, static_cast<size_t>(got));
+            call<UserCall::FromWorker>([&](Connection& self) { m_input(self, bytes); });
+        }
+    } else {
+        input_by_mode();
+    }
+    const uint32_t bits = m_word.leave();
+    if (bits != 0) {
+        serve_all(bits);
+    }
     return 0;
 }
 
-void ConnectionBody::input() INFRA_NO_THREAD_SAFETY_ANALYSIS {
-    if (m_hold.load(std::memory_order_relaxed) != 0) {
-        return;
+// The word is held. Reading is unregistered, or the pool would call again at once; the holder registers it
+// anew.
+int ConnectionBody::come_later() {
+    {
+        CGuard guard(m_mutex);
+        hold(HOLD_BUSY);
     }
-    if (m_pull && !m_reader) {
+    if (m_word.enter(INPUT)) {
+        run();
+    }
+    return 0;
+}
+
+void ConnectionBody::input_by_mode() INFRA_NO_THREAD_SAFETY_ANALYSIS {
+    const uint8_t mode = m_hold.load(std::memory_order_relaxed);
+    if ((mode & REASONS) != 0) {
+        return;  // since the pool was told
+    }
+    if ((mode & MODE_PULL) != 0 && !m_reader) {
         CGuard guard(m_mutex);
         hold(HOLD_DEMAND);
         return;
     }
     char buffer[INPUT_ROOM];
-    // Only the holder of the word closes the descriptor.
     const ssize_t got = ::recv(m_sock.GetHandle(), buffer, sizeof buffer, MSG_DONTWAIT);
-    if (got > 0) {
-        if (m_options.idle_timeout.count() > 0) {
-            touch();
-        }
-        const std::string_view bytes(buffer, static_cast<size_t>(got));
-        if (m_pull) {
-            answer_reader(bytes);
-        } else if (m_input) {
-            call([&](Connection& self) { m_input(self, bytes); });
-        }
-    } else if (got == 0) {
+    if (got <= 0) {
+        nothing_read(got == 0 ? 0 : errno);
+        return;
+    }
+    if ((mode & MODE_IDLE) != 0) {
+        touch();
+    }
+    const std::string_view bytes(buffer, static_cast<size_t>(got));
+    if ((mode & MODE_PULL) != 0) {
+        answer_reader(bytes);
+    } else if (m_input) {
+        call([&](Connection& self) { m_input(self, bytes); });
+    }
+}
+
+void ConnectionBody::nothing_read(int error) {
+    if (error == 0) {
         input_ended();
-    } else if (errno != EAGAIN && errno != EINTR) {
+    } else if (error != EAGAIN && error != EINTR) {
         CGuard guard(m_mutex);
         end(CloseReason::PEER_LOST);
     }
@@ -232,7 +275,7 @@ void ConnectionBody::input_ended() {
         CGuard guard(m_mutex);
         hold(HOLD_END);
     }
-    if (m_pull) {
+    if ((m_hold.load(std::memory_order_relaxed) & MODE_PULL) != 0) {
         answer_reader({});
     } else if (m_end) {
         call([this](Connection& self) { m_end(self); });
@@ -259,7 +302,10 @@ void ConnectionBody::read_once(Connection::Input call) {
         }
         return;
     }
-    m_pull = true;
+    if ((m_hold.load(std::memory_order_relaxed) & MODE_PULL) == 0) {
+        CGuard guard(m_mutex);
+        m_hold.fetch_or(MODE_PULL, std::memory_order_relaxed);
+    }
     if (m_reader || m_ended || m_over) {
         if (m_reader) {
             INFRA_LOG(2, "one question for input at a time: the second gets nothing\n");
@@ -282,7 +328,7 @@ void ConnectionBody::pause(bool on) {
 void ConnectionBody::hold(uint8_t why) {
     const uint8_t before = m_hold.load(std::memory_order_relaxed);
     m_hold.store(static_cast<uint8_t>(before | why), std::memory_order_relaxed);
-    if (before == 0 && m_sock.IsValid()) {
+    if ((before & REASONS) == 0 && m_sock.IsValid()) {
         UnregisterSock(m_sock, SOCK_READ);
     }
 }
@@ -291,19 +337,41 @@ void ConnectionBody::release(uint8_t why) {
     const uint8_t before = m_hold.load(std::memory_order_relaxed);
     const uint8_t after = static_cast<uint8_t>(before & ~why);
     m_hold.store(after, std::memory_order_relaxed);
-    if (before != 0 && after == 0 && m_sock.IsValid() && RegisterSock(m_sock, SOCK_READ, 0) != 0) {
+    if ((before & REASONS) != 0 && (after & REASONS) == 0 && m_sock.IsValid() &&
+        RegisterSock(m_sock, SOCK_READ, 0) != 0) {
         end(CloseReason::ABORTED);
     }
 }
 
 // ---- output --------------------------------------------------------------------------------------------
 
+bool ConnectionBody::write(std::string_view bytes) {
+    CGuard guard(m_mutex);
+    if (m_direct < 0 || bytes.size() > m_options.max_output) {
+        return write_pieces(&bytes, 1, bytes.size());
+    }
+    const ssize_t taken = ::send(m_direct, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    return taken == static_cast<ssize_t>(bytes.size()) || write_rest(bytes, taken);
+}
+
+bool ConnectionBody::write_rest(std::string_view bytes, ssize_t taken) {
+    if (taken < 0 && errno != EAGAIN && errno != EINTR) {
+        end(CloseReason::PEER_LOST);
+        return false;
+    }
+    return keep(&bytes, 1, static_cast<size_t>(taken < 0 ? 0 : taken));
+}
+
 bool ConnectionBody::write(const std::string_view* pieces, size_t count, size_t total) {
     CGuard guard(m_mutex);
+    return write_pieces(pieces, count, total);
+}
+
+bool ConnectionBody::write_pieces(const std::string_view* pieces, size_t count, size_t total) {
+    const size_t waits = m_output.waiting();
     if (!m_writable) {
         return false;
     }
-    const size_t waits = m_output.waiting();
     if (total > m_options.max_output - waits) {
         return refuse();
     }
@@ -322,6 +390,12 @@ bool ConnectionBody::write(const std::string_view* pieces, size_t count, size_t 
     return sent == total || keep(pieces, count, sent);
 }
 
+// Where nothing but the system is to be asked: it is told by this number.
+void ConnectionBody::look_direct() {
+    const bool direct = m_writable && m_output.waiting() == 0 && m_options.idle_timeout.count() <= 0;
+    m_direct = direct ? m_sock.GetHandle() : -1;
+}
+
 bool ConnectionBody::refuse() {
     if (m_options.policy == OutputPolicy::DROP) {
         m_dropped.fetch_add(1, std::memory_order_relaxed);
@@ -334,6 +408,7 @@ bool ConnectionBody::refuse() {
 // Where it fails a piece may be half on its way.
 bool ConnectionBody::keep(const std::string_view* pieces, size_t count, size_t sent) {
     const bool first = m_output.waiting() == 0;
+    m_direct = -1;
     if (!m_output.keep(pieces, count, sent) || (first && RegisterSock(m_sock, SOCK_WRITE, 0) != 0)) {
         end(CloseReason::ABORTED);
         return false;
@@ -384,6 +459,7 @@ uint32_t ConnectionBody::drained() {
     if (m_finish) {
         ::shutdown(m_sock.GetHandle(), SHUT_WR);
     }
+    look_direct();
     release(HOLD_OUTPUT);
     uint32_t bits = DRAINED;
     if (m_room) {
@@ -412,8 +488,8 @@ void ConnectionBody::when_room(Connection::Room call) {
         }
     }
     if (other) {
-        Connection::Event tell = [other = std::move(other)](Connection& self) mutable {
-            other(self, self.waiting() == 0);
+        Connection::Event tell = [this, other = std::move(other)](Connection& self) mutable {
+            other(self, waiting() == 0);
         };
         post(tell);
     }
@@ -435,6 +511,7 @@ bool ConnectionBody::finish() {
     }
     m_finish = true;
     m_writable = false;
+    m_direct = -1;
     if (m_output.waiting() == 0) {
         ::shutdown(m_sock.GetHandle(), SHUT_WR);
     }
@@ -576,6 +653,7 @@ void ConnectionBody::close(CloseReason reason) {
     }
     m_open.store(false, std::memory_order_release);
     m_writable = false;
+    m_direct = -1;
     m_reason = reason;
     hold(HOLD_END);
     if (m_output.waiting() == 0) {
@@ -598,6 +676,7 @@ void ConnectionBody::end(CloseReason reason) {
     m_reason = reason;
     m_open.store(false, std::memory_order_release);
     m_writable = false;
+    m_direct = -1;
     hold(HOLD_END);
     ring(END);
 }

@@ -1,6 +1,8 @@
 // ConnectionBody: what a Connection refers to: a socket, what waits to be sent, and the calls.
 #pragma once
 
+#include <sys/types.h>
+
 #include <atomic>
 #include <cstdint>
 #include <string>
@@ -15,6 +17,7 @@
 #include "Kit/ConnectionOutput.h"
 #include "Kit/PoolState.h"
 #include "Kit/SerialWord.h"
+#include "Kit/UserCall.h"
 
 namespace Orvex::Reticor::Kit {
 inline namespace v1 {
@@ -61,6 +64,7 @@ public:
     void set_end(Connection::Event call);
     void set_drained(Connection::Event call);
     void set_closed(Connection::Closed call);
+    bool write(std::string_view bytes);
     bool write(const std::string_view* pieces, size_t count, size_t total);
     size_t waiting();
     uint64_t dropped() const { return m_dropped.load(std::memory_order_relaxed); }
@@ -103,6 +107,10 @@ private:
     static constexpr uint8_t HOLD_OUTPUT = 8;   ///< Too much waits to be sent.
     static constexpr uint8_t HOLD_DEMAND = 16;  ///< Nobody asks.
     static constexpr uint8_t HOLD_END = 32;     ///< No more will be read.
+    static constexpr uint8_t REASONS = 63;
+    // In the same word, so that the way of most connections asks once.
+    static constexpr uint8_t MODE_PULL = 64;   ///< Input is asked for.
+    static constexpr uint8_t MODE_IDLE = 128;  ///< There is an idle time-out.
 
     struct Due {
         long timer = -1;
@@ -113,19 +121,26 @@ private:
     // By the holder of the word.
     void run();
     void serve(uint32_t bits);
+    __attribute__((noinline)) void serve_all(uint32_t bits);
     void begin();
-    void input();
+    __attribute__((noinline)) int come_later();
+    __attribute__((noinline)) void input_by_mode();
+    __attribute__((noinline)) void nothing_read(int error);
     void input_ended();
     void run_mail();
     void finalize();
     void answer_reader(std::string_view bytes);
-    template <typename Call>
+    template <typename Mark = UserCall, typename Call>
     void call(Call&& call);
+    __attribute__((noinline)) void find_self();
     void set(Connection::Event change);
 
     // Under the mutex.
     void hold(uint8_t why) INFRA_REQUIRES(m_mutex);
     void release(uint8_t why) INFRA_REQUIRES(m_mutex);
+    bool write_pieces(const std::string_view* pieces, size_t count, size_t total) INFRA_REQUIRES(m_mutex);
+    __attribute__((noinline)) bool write_rest(std::string_view bytes, ssize_t taken) INFRA_REQUIRES(m_mutex);
+    void look_direct() INFRA_REQUIRES(m_mutex);
     bool refuse() INFRA_REQUIRES(m_mutex);
     bool keep(const std::string_view* pieces, size_t count, size_t sent) INFRA_REQUIRES(m_mutex);
     uint32_t drained() INFRA_REQUIRES(m_mutex);
@@ -151,7 +166,6 @@ private:
 
     // The holder's.
     bool m_over = false;   ///< The word is never left any more.
-    bool m_pull = false;   ///< Input is asked for.
     bool m_ended = false;  ///< The peer has ended its direction.
     Connection m_self;     ///< What call-backs are given.
     Connection::Input m_input;
@@ -164,6 +178,7 @@ private:
     Infra::CMutex m_mutex{Infra::LockClass::KIT_CONNECTION};
     CSockStream m_sock INFRA_GUARDED_BY(m_mutex);  ///< Its number the holder may use as well.
     ConnectionOutput m_output INFRA_GUARDED_BY(m_mutex);
+    int m_direct INFRA_GUARDED_BY(m_mutex) = -1;       ///< The descriptor, while a write needs it alone.
     bool m_writable INFRA_GUARDED_BY(m_mutex) = true;  ///< Open, and our direction is not to end.
     bool m_finish INFRA_GUARDED_BY(m_mutex) = false;   ///< End our direction when all is sent.
     bool m_cut INFRA_GUARDED_BY(m_mutex) = false;      ///< END is on its way.

@@ -19,10 +19,10 @@ public:
 
     /// Runs `call` for `owner`. True, or false after a line if it has thrown. A thread that is ended inside
     /// it calls `ended`, and goes on ending.
-    template <typename Call, typename Ended>
+    template <typename Mark = UserCall, typename Call, typename Ended>
     static bool run(const void* owner, const char* what, Call&& call, Ended&& ended) {
         try {
-            const UserCall mark(owner);
+            const Mark mark(owner);
             call();
             return true;
         } catch (const abi::__forced_unwind&) {
@@ -33,6 +33,15 @@ public:
             return false;
         }
     }
+
+    /// The same mark where a worker comes from outside of all calls: a little shorter.
+    class FromWorker {
+    public:
+        explicit FromWorker(const void* owner) { t_owner = owner; }
+        ~FromWorker() { t_owner = nullptr; }
+        FromWorker(const FromWorker&) = delete;
+        FromWorker& operator=(const FromWorker&) = delete;
+    };
 
 private:
     /// A line about the exception that is being handled.

@@ -81,7 +81,8 @@ class Every : public Timer {
 public:
     /// Empty.
     Every() noexcept = default;
-    /// Calls `call` every `period`, for the first time one period from now. A period of 0 or less counts as 5 ms.
+    /// Calls `call` every `period`, for the first time one period from now. A period of 0 or less counts as
+    /// 5 ms.
     template <typename F>
     Every(Pool& pool, std::chrono::microseconds period, F call) {
         const std::chrono::microseconds grid = std::chrono::milliseconds(5);
