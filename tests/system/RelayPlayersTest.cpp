@@ -24,7 +24,7 @@ std::string probe(const std::string& url, char kind, int seconds) {
              " -count_frames -show_entries stream=codec_name,nb_read_frames -of compact=p=0 '" + url +
              "' 2>&1"});
     const std::string text = ffprobe.exchange("");
-    EXPECT_EQ(0, ffprobe.wait()) << text;
+    EXPECT_EQ(0, ffprobe.wait(ChildProcess::WORK_LIMIT_MS)) << text;
     return text;
 }
 
@@ -33,7 +33,7 @@ std::string complaints(const std::string& url, const std::string& seconds) {
     ChildProcess ffmpeg(
         {"sh", "-c", "exec ffmpeg -v error -nostdin -i '" + url + "' -t " + seconds + " -f null - 2>&1"});
     const std::string text = ffmpeg.exchange("");
-    EXPECT_EQ(0, ffmpeg.wait());
+    EXPECT_EQ(0, ffmpeg.wait(ChildProcess::WORK_LIMIT_MS));
     return text;
 }
 
@@ -147,7 +147,7 @@ TEST(RelayPlayers, GivesThePlayerThatWasThereTheWholeFile) {
     EXPECT_EQ(0, relay.wait());  // the input has ended
     const std::string found = ffprobe.exchange("");
     EXPECT_EQ(50, field(found, "h264", "nb_read_packets")) << found;
-    EXPECT_EQ(0, ffprobe.wait());
+    EXPECT_EQ(0, ffprobe.wait(ChildProcess::WORK_LIMIT_MS));
 }
 
 TEST(RelayPlayers, PlaysTheTestPicture) {

@@ -189,10 +189,10 @@ void ChildProcess::signal(int number) const {
     kill(m_pid, number);
 }
 
-int ChildProcess::wait() {
+int ChildProcess::wait(int limit_ms) {
     int status = 0;
     if (!m_ended) {
-        m_ended = eventually([&] { return waitpid(m_pid, &status, WNOHANG) == m_pid; }, kLimit_ms);
+        m_ended = eventually([&] { return waitpid(m_pid, &status, WNOHANG) == m_pid; }, limit_ms);
         EXPECT_TRUE(m_ended) << "the program does not end";
         m_result = WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
     }

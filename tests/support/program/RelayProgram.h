@@ -71,7 +71,7 @@ inline std::string makeStream(const TempFolder& folder, const std::string& codec
     }
     add({"-bf", "2", "-f", "mpegts", file});
     ChildProcess ffmpeg(command);
-    EXPECT_EQ(0, ffmpeg.wait());
+    EXPECT_EQ(0, ffmpeg.wait(ChildProcess::WORK_LIMIT_MS));
     return file;
 }
 
