@@ -5,7 +5,7 @@
 
 #include "support/core/EpollSeam.h"
 #include "support/core/SocketPair.h"
-#include "support/core/StillPool.h"
+#include "support/core/StillHandler.h"
 #include "support/socket/Allocations.h"
 
 namespace Orvex::Testing {
@@ -14,26 +14,7 @@ namespace {
 using namespace Reticor;
 using Calls = std::vector<EpollCall>;
 
-class SelectWinFile : public ::testing::Test {
-protected:
-    void SetUp() override {
-        handler->on_input = [](int fd) {
-            SocketPair::drain(fd);
-            return 0;
-        };
-    }
-    void TearDown() override {
-        EXPECT_TRUE(ThreadPoolProbe::sockets(rig.pool()).empty());
-        rig.close(handler);
-    }
-
-    void add(CSock& sock, unsigned int mask = SOCK_READ) {
-        EXPECT_EQ(0, handler->RegisterSock(sock, mask, 0));
-    }
-
-    StillPool rig;
-    TestHandler* handler = new TestHandler(StillPool::INDEX);
-};
+class SelectWinFile : public StillHandler {};
 
 class RegularFile : public CSock {
 public:

@@ -3,7 +3,7 @@
 
 #include "support/core/EpollSeam.h"
 #include "support/core/SocketPair.h"
-#include "support/core/StillPool.h"
+#include "support/core/StillHandler.h"
 
 namespace Orvex::Testing {
 namespace {
@@ -17,30 +17,17 @@ constexpr uint32_t PRI = EPOLLPRI;
 constexpr uint32_t PARKED = EPOLLONESHOT;
 constexpr uint32_t EDGE = static_cast<uint32_t>(EPOLLET);
 
-constexpr EpollCall failed(int op, uint32_t events, int error) {
-    return {op, events, error};
-}
-
-class SelectWinKernel : public ::testing::Test {
+class SelectWinKernel : public StillHandler {
 protected:
-    void SetUp() override {
-        handler->on_input = [](int fd) {
-            SocketPair::drain(fd);
-            return 0;
-        };
-    }
     void TearDown() override {
         handler->RemoveSock(pair.near);
-        EXPECT_TRUE(ThreadPoolProbe::sockets(rig.pool()).empty());
         EXPECT_EQ(1, rig.places(0));
         EXPECT_EQ(0, rig.places(1));
         EXPECT_EQ(0, rig.places(2));
-        rig.close(handler);
+        StillHandler::TearDown();
     }
 
-    void add(unsigned int mask, int time_out_us = 0) {
-        EXPECT_EQ(0, handler->RegisterSock(pair.near, mask, time_out_us));
-    }
+    void add(unsigned int mask, int time_out_us = 0) { StillHandler::add(pair.near, mask, time_out_us); }
 
     // The one record that is ready, in flight from now on.
     CEvent* takeReady() {
@@ -49,9 +36,7 @@ protected:
         return ready.empty() ? nullptr : ready[0];
     }
 
-    StillPool rig;
     SocketPair pair;
-    TestHandler* handler = new TestHandler(StillPool::INDEX);
     EpollRecorder kernel{pair.fd()};
 };
 

@@ -3,7 +3,7 @@
 
 #include "support/core/EpollSeam.h"
 #include "support/core/SocketPair.h"
-#include "support/core/StillPool.h"
+#include "support/core/StillHandler.h"
 
 namespace Orvex::Testing {
 namespace {
@@ -15,27 +15,8 @@ constexpr uint32_t IN = EPOLLIN;
 constexpr char REBUILD_LINE[] =
     "a closed socket is still reported, its descriptor was copied: watching all sockets anew\n";
 
-constexpr EpollCall failed(int op, uint32_t events, int error) {
-    return {op, events, error};
-}
-
-class SelectWinReuse : public ::testing::Test {
+class SelectWinReuse : public StillHandler {
 protected:
-    void SetUp() override {
-        handler->on_input = [](int fd) {
-            SocketPair::drain(fd);
-            return 0;
-        };
-    }
-    void TearDown() override {
-        EXPECT_TRUE(ThreadPoolProbe::sockets(rig.pool()).empty());
-        rig.close(handler);
-    }
-
-    void add(CSock& sock, unsigned int mask = SOCK_READ) {
-        EXPECT_EQ(0, handler->RegisterSock(sock, mask, 0));
-    }
-
     // Closes the near end and leaves a copy of it elsewhere, with data waiting: the kernel goes on about it.
     int orphan(SocketPair& pair) {
         const int copy = ::fcntl(pair.fd(), F_DUPFD_CLOEXEC, 0);
@@ -56,9 +37,6 @@ protected:
         }
         return true;
     }
-
-    StillPool rig;
-    TestHandler* handler = new TestHandler(StillPool::INDEX);
 };
 
 TEST_F(SelectWinReuse, NumberClosedAndReusedWhileIdleIsAddedAnewByTheNextRegistration) {

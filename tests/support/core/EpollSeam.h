@@ -31,6 +31,9 @@ constexpr EpollCall added(uint32_t events) {
 constexpr EpollCall modified(uint32_t events) {
     return {EPOLL_CTL_MOD, events, 0};
 }
+constexpr EpollCall failed(int op, uint32_t events, int error) {
+    return {op, events, error};
+}
 constexpr EpollCall deleted() {
     return {EPOLL_CTL_DEL, 0, 0};
 }
