@@ -168,6 +168,22 @@ public:
     void SetResumePolicy(unsigned max_lag_ms, MediaResume mode = MediaResume::AHEAD,
                          unsigned hard_lag_ms = 0);
 
+    /// Keeps what lies unsent in the socket small, since a frame that the kernel has cannot be stepped over
+    /// any more: about `limit_ms` milliseconds of what the link carries, 16 KiB at least. The rate is
+    /// measured while the socket is full. What is on its way to the peer, and in its receive buffer, is not a
+    /// part of it, so that a fast link is not slowed down. For TCP sockets. 0, as at the start, is the
+    /// system's own bound. May change at any time; also sets the bound of an attached socket.
+    void SetKernelLag(unsigned int limit_ms);
+
+    /// Calls a sender stalled (SetSendTimeout) only if for that time its peer has acknowledged fewer than
+    /// `bytes` bytes, and no frame was finished: whoever reads slowly, but steadily, stays, and whoever takes
+    /// nothing or trickles does not. Acknowledgements come in half windows: the time-out must be longer than
+    /// half the peer's receive window takes at its rate, with 216 KB and 10 KB/s 11 seconds. And the time
+    /// begins anew with AddSender: a sender that was taken off on purpose is not stalled at its first blocked
+    /// write. 0, as at the start, is off: a frame must be finished in that time. Where the socket is not a
+    /// TCP one, what was written counts. May change at any time.
+    void SetStallFloor(unsigned int bytes = 64 * 1024);
+
     /// Where the sender begins that comes to a buffer with a start cache (CMediaBuffer::SetStartCache), if it
     /// has a resume policy. BURST at the start. What is sent before it has caught up is subject to the
     /// policy; but the strict mode and the hard bound, for which what is held is too late, begin when it has

@@ -54,6 +54,9 @@ TurnEnd MediaSending::run(CFrame* frame) {
     m_record.settle();
     if (!is_failure(m_end)) {
         m_record.pass_all_if_caught_up();
+        if (m_end == TurnEnd::BLOCKED || !m_record.at_boundary()) {
+            m_record.note_full(m_bytes_before);
+        }
     }
     return m_end;
 }

@@ -126,6 +126,14 @@ void CMediaStreamSender::SetResumePolicy(unsigned max_lag_ms, MediaResume mode, 
     m_state->set_policy(max_lag_ms, mode, hard_lag_ms);
 }
 
+void CMediaStreamSender::SetKernelLag(unsigned int limit_ms) {
+    m_state->set_kernel_lag(limit_ms);
+}
+
+void CMediaStreamSender::SetStallFloor(unsigned int bytes) {
+    m_state->set_stall_floor(bytes);
+}
+
 void CMediaStreamSender::SetStartMode(MediaStart mode) {
     m_state->start_at_key(mode == MediaStart::NEXT_KEY);
 }

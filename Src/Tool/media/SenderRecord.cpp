@@ -334,6 +334,18 @@ void SenderRecord::forget_order() {
 
 void SenderRecord::attach(CSock* stream) {
     Infra::relaxedStore(m_stream, stream);
+    if (m_kernel_lag.on()) {
+        m_kernel_lag.forget();
+        KernelLag::apply(*stream, KernelLag::LEAST_BYTES);
+    }
+}
+
+// Until the rate is known, the least.
+void SenderRecord::set_kernel_lag(unsigned limit_ms) {
+    m_kernel_lag.set_limit(limit_ms);
+    if (CSock* const stream = Infra::relaxedLoad(m_stream)) {
+        KernelLag::apply(*stream, limit_ms != 0 ? KernelLag::LEAST_BYTES : 0);
+    }
 }
 
 CSock* SenderRecord::detach() {
@@ -560,7 +572,21 @@ void SenderRecord::note_blocked() {
 }
 
 bool SenderRecord::has_stalled() {
-    return now() - m_block_time >= Infra::relaxedLoad(m_send_timeout) * SECOND_US;
+    const uint64_t timeout_us = Infra::relaxedLoad(m_send_timeout) * SECOND_US;
+    CSock* const stream = Infra::relaxedLoad(m_stream);
+    if (!m_stall_floor.on() || stream == nullptr) {
+        return now() - m_block_time >= timeout_us;
+    }
+    return m_stall_floor.has_stalled(m_block_time, now(), timeout_us,
+                                     StallFloor::acknowledged(*stream, m_stats.bytes));
+}
+
+void SenderRecord::note_full(uint64_t bytes_before) {
+    CSock* const stream = Infra::relaxedLoad(m_stream);
+    if (stream != nullptr && m_kernel_lag.on() &&
+        m_kernel_lag.note_full(now(), bytes_before, m_stats.bytes)) {
+        KernelLag::apply(*stream, m_kernel_lag.bound());
+    }
 }
 
 // Lists.
@@ -572,6 +598,9 @@ void SenderRecord::come_to_list(MediaCore& list, SenderRecord* next, std::unique
     m_leaving = false;
     m_failed = false;
     m_next = next;
+    if (m_stall_floor.on()) {
+        m_block_time = 0;  // It was taken off on purpose.
+    }
     if (m_keeps) {
         m_list->add_keeper();
         hold();

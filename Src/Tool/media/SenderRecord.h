@@ -14,9 +14,11 @@
 #include "Tool/frame/AheadCourse.h"
 #include "Tool/frame/MediaFrame.h"
 #include "Tool/frame/Thinning.h"
+#include "Tool/step/KernelLag.h"
 #include "Tool/step/MediaStep.h"
 #include "Tool/step/MoveLine.h"
 #include "Tool/step/OtherData.h"
+#include "Tool/step/StallFloor.h"
 #include "Tool/step/TargetStepMark.h"
 
 namespace Orvex::Reticor {
@@ -147,7 +149,9 @@ struct SenderRecord : SenderHotState {
     Thinning m_thinning;            ///< Frames left out.
     AheadCourse m_ahead[CHANNELS];  ///< Of a sender that keeps frames, beside its Course.
     SenderStart m_start;            ///< How it begins where it comes to.
-    bool m_starts_at_key = false;   ///< Not before the next key frame. No lock.
+    KernelLag m_kernel_lag;
+    StallFloor m_stall_floor;
+    bool m_starts_at_key = false;  ///< Not before the next key frame. No lock.
 
     /// Comes after the core's mutex. Also guards changes of m_core.
     Infra::CMutex m_other_mutex{Infra::LockClass::MEDIA_OTHER};
@@ -186,6 +190,8 @@ struct SenderRecord : SenderHotState {
     bool has_policy() const { return max_lag_us() != 0; }
     void choose_channel(int channel);
     void give_up_channel(int channel);
+    void set_kernel_lag(unsigned limit_ms);
+    void set_stall_floor(unsigned bytes) { m_stall_floor.set_bytes(bytes); }
     void start_at_key(bool at_key) { Infra::relaxedStore(m_starts_at_key, at_key); }
     bool starts_at_key() const { return Infra::relaxedLoad(m_starts_at_key); }
 
@@ -313,7 +319,9 @@ struct SenderRecord : SenderHotState {
         m_block_count = 0;
         m_block_time = 0;
     }
-    /// It has not finished a frame for as long as is allowed.
+    /// A turn has ended with the socket full; what was sent before it.
+    __attribute__((noinline)) void note_full(uint64_t bytes_before) INFRA_REQUIRES(CORE_MUTEX);
+    /// It has not finished a frame for as long as is allowed, or, with a floor, not taken enough.
     bool has_stalled() INFRA_REQUIRES(CORE_MUTEX);
 
     // Links.

@@ -318,6 +318,47 @@ TEST_F(MediaStreamSender, AClientThatTricklesStallsAllTheSame) {
     EXPECT_EQ(1U, messages().size());
 }
 
+TEST_F(MediaStreamSender, WithAFloorASteadyReaderHasNotStalledAndATricklingOneHas) {
+    HandClock clock;
+    MediaClient& a = joinedClient();
+    a.sender->WaitException(waiter->GetID());
+    a.sender->SetSendTimeout(3);
+    a.sender->SetStallFloor(6);
+    a.sock.setRoom(0);
+    put(1000);
+    for (int i = 0; i < 20; ++i) {
+        clock.advanceUs(1000000);
+        a.sock.setRoom(2);
+        tick(2);  // takes two bytes, and finds no room
+        EXPECT_TRUE(messages().empty()) << i;
+    }
+    for (int i = 0; i < 4; ++i) {
+        clock.advanceUs(1000000);
+        a.sock.setRoom(1);
+        tick(2);
+    }
+    EXPECT_EQ(1U, messages().size());
+}
+
+TEST_F(MediaStreamSender, WithAFloorAPauseIsNotAStall) {
+    HandClock clock;
+    MediaClient& a = joinedClient();
+    a.sender->WaitException(waiter->GetID());
+    a.sender->SetSendTimeout(3);
+    a.sender->SetStallFloor();
+    a.sock.setRoom(5);
+    put(10);
+    tick();  // the clock runs
+    buffer->DelSender(a.sender);
+    clock.advanceUs(10000000);
+    buffer->AddSender(a.sender);
+    put(10);
+    EXPECT_TRUE(messages().empty());
+    clock.advanceUs(3000000);
+    tick();
+    EXPECT_EQ(1U, messages().size());
+}
+
 TEST_F(MediaStreamSender, OtherDataStallsTooAndAWriteOfItEndsTheStall) {
     HandClock clock;
     MediaClient& a = joinedClient();
