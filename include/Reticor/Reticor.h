@@ -25,6 +25,7 @@
 #include <Reticor/SockStream.h>
 #include <Reticor/SslAcceptor.h>
 #include <Reticor/SslStream.h>
+#include <Reticor/Stats.h>
 #include <Reticor/StorDev.h>
 #include <Reticor/StrParser.h>
 #include <Reticor/StreamSender.h>

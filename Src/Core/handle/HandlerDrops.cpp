@@ -1,6 +1,8 @@
 // HandlerDrops.
 #include "Core/handle/HandlerDrops.h"
 
+#include <Infra/Atomic.h>
+
 namespace Orvex::Reticor {
 
 HandlerDrops::~HandlerDrops() {
@@ -9,7 +11,7 @@ HandlerDrops::~HandlerDrops() {
         HandlerInternal& internal = HandlerInternal::Of(*handler);
         m_first = internal.m_drop_next;
         internal.m_drop_next = nullptr;
-        internal.m_drop_listed = false;
+        Infra::relaxedStore(internal.m_drop_listed, false);
         internal.DecRef();
     }
 }
@@ -19,7 +21,7 @@ void HandlerDrops::Take(HandlerPin pin) {
         return;  // the reference that is listed already makes this one not the last
     }
     CNetHandler* const handler = pin.Release();
-    HandlerInternal::Of(*handler).m_drop_listed = true;
+    Infra::relaxedStore(HandlerInternal::Of(*handler).m_drop_listed, true);
     if (m_last != nullptr) {
         HandlerInternal::Of(*m_last).m_drop_next = handler;
     } else {

@@ -6,6 +6,8 @@
 #include <Infra/HeldLocks.h>
 #include <Infra/Mutex.h>
 
+#include "Core/handle/ClassName.h"
+#include "Core/handle/HandlerList.h"
 #include "Core/record/EventFreeList.h"
 
 namespace Orvex::Reticor {
@@ -23,6 +25,7 @@ HandlerInternal* HandlerInternal::Create(CNetHandler* owner) {
         put_event(close_event);
         return None();
     }
+    HandlerList::Enter(*internal);
     return internal;
 }
 
@@ -33,6 +36,7 @@ void HandlerInternal::Destroy(HandlerInternal* internal) {
     if (internal->__m_magic.load(std::memory_order_relaxed) == HANDLER_OPEN) {
         put_event(internal->m_close_event);
     }
+    HandlerList::Leave(*internal);
     delete internal;
 }
 
@@ -42,6 +46,33 @@ bool HandlerInternal::CloseNone(HandlerInternal*& internal) {
                                        __ATOMIC_RELAXED);
 }
 
+namespace {
+
+/// Around `handle_close`, which can come inside another call, and on any thread.
+class CloseMark {
+public:
+    explicit CloseMark(CNetHandler& handler) {
+        ThreadCounts::Attach(-1);
+        ThreadCounts& counts = ThreadCounts::Mine();
+        HandlerInternal& internal = HandlerInternal::Of(handler);
+        ClassTally& row = counts.at_offset(internal.RowOffset(handler));
+        row.calls.Increment();
+        row.closed.Increment();
+        m_outer = counts.m_call.load(std::memory_order_relaxed);
+        counts.m_call.store(ThreadCounts::call_word(internal.GetID(), CallKind::CLOSE),
+                            std::memory_order_relaxed);
+    }
+    // At its very end a thread may have lost its counters in between.
+    ~CloseMark() { ThreadCounts::Mine().m_call.store(m_outer, std::memory_order_relaxed); }
+    CloseMark(const CloseMark&) = delete;
+    CloseMark& operator=(const CloseMark&) = delete;
+
+private:
+    uint64_t m_outer;
+};
+
+}  // namespace
+
 void HandlerInternal::DecRef() {
     // After a result above 0 the object belongs to the other references and may be gone.
     if (m_ref.fetch_sub(1, std::memory_order_acq_rel) - 1 != 0) {
@@ -49,8 +80,19 @@ void HandlerInternal::DecRef() {
     }
     if (m_close_called.exchange(1, std::memory_order_acq_rel) == 0) {
         INFRA_PROMISE(HANDLER);
+        const CloseMark mark(*m_entry.m_owner);
         m_entry.m_owner->handle_close(m_entry.m_owner);
     }
+}
+
+/// Out of the way of a call: at the first one of each handler, and where its class was another one then.
+__attribute__((noinline, cold)) void HandlerInternal::note_class(const CNetHandler& handler,
+                                                                 const void* vtable) {
+    uint32_t row = ClassRows::Find(vtable);
+    if (row == ClassRows::NOT_CALLED) {
+        row = ClassRows::Enter(vtable, class_name(handler).c_str());
+    }
+    HandlerList::SetClass(*this, vtable, ThreadCounts::offset_of(row));
 }
 
 bool HandlerInternal::EnterOpen() {

@@ -6,39 +6,20 @@
 
 #include <Reticor/NetHandler.h>
 
-namespace Orvex::Reticor {
+#include "Core/count/ThreadCounts.h"
+#include "Core/handle/HandlerList.h"
 
-/// What the object table of a pool holds of a handler. The id comes first: the table reads its key from
-/// there.
-struct ObjectEntry {
-    int64_t m_id = 0;
-    CNetHandler* m_owner = nullptr;
-};
+namespace Orvex::Reticor {
 
 struct CEvent;
 
-constexpr uint16_t HANDLER_OPEN = 0x0101;
-constexpr uint16_t HANDLER_CLOSED = 0x0202;
-
-/// Both state words change once and for all, so they need no lock: the thread that makes the change acts
-/// on it.
-struct HandlerInternal {
-    /// HANDLER_OPEN, then HANDLER_CLOSED.
-    std::atomic<uint16_t> __m_magic{HANDLER_OPEN};
-    /// 1 once handle_close was called: the guarantee of a single call.
-    std::atomic<uint16_t> m_close_called{0};
-    /// Constant between attaching and detaching; the owner from the construction on.
-    ObjectEntry m_entry;
-    /// References on the object; the thread that brings it to 0 runs handle_close.
-    std::atomic<int64_t> m_ref{0};
-    /// Sockets registered on the object.
-    std::atomic<int64_t> m_sock{0};
+/// The control block of a handler: what is seen of it in lists, and what the operations need beside that.
+struct HandlerInternal : HandlerNode {
     /// Receiver of the short posting forms. Set and read without a lock.
     std::atomic<int64_t> m_default_rcer{0};
 
-    /// Link of HandlerDrops, and whether the handler is in one.
+    /// Link of HandlerDrops.
     CNetHandler* m_drop_next = nullptr;
-    bool m_drop_listed = false;
 
     /// The record of the close message: taken with the handler, since Close must not fail. The message's once
     /// the handler is closed.
@@ -81,7 +62,14 @@ struct HandlerInternal {
     void DecSock() { m_sock.fetch_sub(1, std::memory_order_relaxed); }
     long GetID() const { return static_cast<long>(m_entry.m_id); }
 
-    bool IsOpen() const { return __m_magic.load(std::memory_order_acquire) == HANDLER_OPEN; }
+    /// Where calls of the handler are counted, by its class at this moment. `handler` is this one's, alive.
+    uint32_t RowOffset(const CNetHandler& handler) {
+        const void* const vtable = vtable_of(handler);
+        if (__builtin_expect(m_vtable.load(std::memory_order_acquire) != vtable, 0)) {
+            note_class(handler, vtable);
+        }
+        return m_row_offset.load(std::memory_order_relaxed);
+    }
 
     /// Takes a reference if the handler is open. The reference comes first: it keeps the object alive over
     /// what the caller does, and a racing Close is seen either before or after it.
@@ -91,7 +79,13 @@ private:
     HandlerInternal(CNetHandler* owner, CEvent* close_event) : m_close_event(close_event) {
         m_entry.m_owner = owner;
     }
-    constexpr HandlerInternal() : __m_magic(HANDLER_CLOSED), m_close_called(1), m_close_event(nullptr) {}
+    constexpr HandlerInternal() : HandlerNode(HANDLER_CLOSED, 1), m_close_event(nullptr) {}
+
+    /// The first word of every object with virtual operations.
+    static const void* vtable_of(const CNetHandler& handler) {
+        return *reinterpret_cast<const void* const*>(&handler);
+    }
+    void note_class(const CNetHandler& handler, const void* vtable);
 
     static HandlerInternal sm_none;         ///< Of handlers that are still to be closed.
     static HandlerInternal sm_none_closed;  ///< Of those that were.

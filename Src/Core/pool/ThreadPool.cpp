@@ -5,6 +5,7 @@
 
 #include <cstdio>
 
+#include <Infra/Atomic.h>
 #include <Infra/Log.h>
 
 #include "Core/record/EventFreeList.h"
@@ -40,8 +41,7 @@ CThreadPool::CThreadPool(int index, unsigned int threads, int priority, int poli
       m_obj_tree(m_ids.First()),
       m_sock_tree(TREE_ORDER),
       m_index(index),
-      m_mux(index, m_sock_tree, m_event),
-      m_event(m_loop_count) {
+      m_mux(index, m_sock_tree, m_event) {
     Version();
     if (threads == 0) {
         INFRA_LOG(2, "Invalid thread num 0, Please check it!\n");
@@ -137,12 +137,12 @@ void CThreadPool::drop_records() {
 bool CThreadPool::AttachObject(ObjectEntry* entry) {
     HandlerInternal& internal = HandlerInternal::Of(*entry->m_owner);
     internal.AddRef();
-    entry->m_id = m_ids.Alloc();
+    Infra::relaxedStore(entry->m_id, m_ids.Alloc());
     if (m_obj_tree.Insert(entry)) {
         return true;
     }
     m_ids.Release(static_cast<long>(entry->m_id));
-    entry->m_id = 0;
+    Infra::relaxedStore(entry->m_id, 0);
     internal.m_ref.store(0, std::memory_order_relaxed);
     return false;
 }
@@ -152,6 +152,7 @@ HandlerPin CThreadPool::DetachObject(int64_t id) {
     if (entry == nullptr) {
         return HandlerPin();
     }
+    HandlerInternal::Of(*entry->m_owner).m_detached.store(true, std::memory_order_relaxed);
     m_ids.Release(static_cast<long>(id));
     return HandlerPin::Adopt(entry->m_owner);
 }
@@ -191,9 +192,9 @@ CEvent* CThreadPool::next_serial() {
 }
 
 void CThreadPool::DaemonProc(Infra::CThreadLite& thread) {
-    uint32_t last = 0;
+    uint64_t last = 0;
     while (thread.looping()) {
-        const uint32_t count = static_cast<uint32_t>(m_loop_count.load(std::memory_order_relaxed));
+        const uint64_t count = m_event.Count().taken;
         if (count != last) {
             thread.setTimeout(LEASE_MS);
         }

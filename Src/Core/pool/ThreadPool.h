@@ -72,6 +72,12 @@ public:
     /// Puts a serial record in line, and queues the drain token if no drain is under way.
     void PushSerial(CEvent* ev);
 
+    /// Threads that were started and not yet joined.
+    size_t Workers() const { return m_running.load(std::memory_order_relaxed); }
+
+    /// Serial messages that were put in line and taken.
+    CEventQueue::Amounts SerialAmounts() { return m_event_serial.Count(); }
+
     /// The number of logical processors.
     static unsigned int processor_count();
 
@@ -88,14 +94,12 @@ public:
 private:
     /// The workers; the first `m_running` of them run, or have run.
     std::vector<std::unique_ptr<Infra::CThreadLite>> m_threads;
-    size_t m_running = 0;
+    std::atomic<size_t> m_running{0};
     int m_thread_num;
     CEvent m_poll_event;   ///< The poll token: queued, or with its worker.
     CEvent m_drain_event;  ///< The drain token: queued, or with its worker, or at rest.
     std::unique_ptr<Infra::CThreadLite> m_daemon;
     std::atomic<CEvent*> m_heartbeat{nullptr};  ///< The last heartbeat; for a debugger's eyes.
-    /// Every record that a worker took. The daemon compares it, and the queue's guard.
-    std::atomic<uint64_t> m_loop_count{0};
 
     // The order of the following is the reverse of the order in which a pool falls apart.
     Infra::CSemaphore m_daemon_sem{0};  ///< Holds the daemon back between heartbeats.

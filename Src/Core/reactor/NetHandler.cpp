@@ -55,6 +55,9 @@ CNetHandler::~CNetHandler() {
 void CNetHandler::Close() {
     const long id = GetID();
     CEvent* const message = m_internal->m_close_event;
+    if (m_internal->IsOpen()) {
+        m_internal->RowOffset(*this);
+    }
     if (m_internal->__m_magic.exchange(HANDLER_CLOSED, std::memory_order_acq_rel) == HANDLER_OPEN) {
         CMessage::NotifyClose(message, id, this);
         // From here on the object may be gone.
@@ -88,6 +91,7 @@ int CNetHandler::RegisterSock(CSock& sock, unsigned int mask, int timeout) {
     if (!m_internal->EnterOpen()) {
         return -1;
     }
+    m_internal->RowOffset(*this);
     const int result = CNetSock::RegisterSock(this, sock, mask, timeout);
     DecRef();
     return result;
@@ -118,6 +122,7 @@ long CNetHandler::SetTimer(int64_t us) {
     if (!m_internal->EnterOpen()) {
         return -1;
     }
+    m_internal->RowOffset(*this);
     const long id = CNetTimer::SetTimer(GetID(), us);
     DecRef();
     return id;

@@ -10,6 +10,8 @@
 #include <Infra/Time.h>
 #include <Reticor/TsMemory.h>
 
+#include "Core/count/ThreadCounts.h"
+#include "Core/count/WatchDoor.h"
 #include "Core/handle/ClassName.h"
 #include "Core/pool/PoolLease.h"
 #include "Core/pool/ThreadPool.h"
@@ -23,12 +25,13 @@ namespace Orvex::Reticor {
 void CThreadPool::ThreadProc(Infra::CThreadLite& thread) {
     PoolLease::EnterWorker(m_index, this);
     CTsMemory::CreateMemPool();
+    ThreadCounts::Attach(m_index);
     if (m_poll_event.m_key != EVENT_KEY_POLL) {
         assert(0);
     }
     while (thread.looping()) {
         CEvent* ev = m_event.PopWork();
-        m_loop_count.fetch_add(1, std::memory_order_relaxed);
+        WatchDoor::Knock();
         if (ev != nullptr) {
             serve(ev, thread);
         }
@@ -39,19 +42,33 @@ void CThreadPool::ThreadProc(Infra::CThreadLite& thread) {
     CTsMemory::DestroyThreadMemPool();
 }
 
+namespace {
+
+void count(Served kind) {
+    ThreadCounts::Mine().m_pool_tally.served[static_cast<size_t>(kind)].Increment();
+}
+
+}  // namespace
+
 void CThreadPool::serve(CEvent* ev, Infra::CThreadLite& thread) {
     const int64_t key = ev->m_key;
     if (key >= 0) {
+        count(Served::SOCKET);
         CNetSock::handle_netevent(ev);
     } else if (key == EVENT_KEY_MESSAGE) {
+        count(Served::MESSAGE);
         CMessage::HandleMessage(ev);
     } else if (key < EVENT_KEY_TIMER_LIMIT) {
+        count(Served::TIMER);
         CNetTimer::handle_timer(ev);
     } else if (key == EVENT_KEY_POLL) {
+        count(Served::POLL);
         m_mux.Wait(ev);
     } else if (key == EVENT_KEY_DRAIN) {
+        count(Served::DRAIN);
         drain(thread);
     } else if (key == EVENT_KEY_HEARTBEAT) {
+        count(Served::HEARTBEAT);
         put_event(ev);  // it has done its job by being taken
     } else {
         unexpected(ev);
@@ -76,6 +93,7 @@ void CThreadPool::drain(Infra::CThreadLite& thread) {
             put_event(ev);
             assert(0);
         }
+        count(Served::SERIAL);
         CMessage::HandleMessage(ev);
     }
 }

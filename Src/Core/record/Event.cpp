@@ -26,6 +26,7 @@ int CEventQueue::append(CEvent* ev) {
         m_tail = m_tail->m_next;
         ++count;
     }
+    m_pushed += static_cast<unsigned int>(count);
     return count;
 }
 
@@ -36,11 +37,18 @@ void CEventQueue::put_front(CEvent* ev) {
         m_tail = ev;
     }
     m_head = ev;
+    ++m_pushed;
+}
+
+CEventQueue::Amounts CEventQueue::Count() {
+    Infra::CGuard guard(m_mutex);
+    return {m_pushed, m_taken};
 }
 
 CEvent* CEventQueue::take() {
     CEvent* ev = m_head;
     if (ev != nullptr) {
+        ++m_taken;
         m_head = ev->m_next;
         if (m_head == nullptr) {
             m_tail = nullptr;

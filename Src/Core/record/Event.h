@@ -55,7 +55,10 @@ struct CEvent {
         int16_t m_revents = 0;  ///< Socket: to be delivered, REVENT_*; not 0 means in flight.
         int16_t m_from_close;   ///< Message: 1 from CNetHandler::Close; m_attach is then the handler.
     };
-    uint16_t m_mux_state = 0;  ///< Socket: what the multiplexer knows of it, MUX_*.
+    union {
+        uint16_t m_mux_state = 0;  ///< Socket: what the multiplexer knows of it, MUX_*.
+        uint16_t m_stamped;        ///< Message: 1 if m_stamp_ns is set.
+    };
 
     union {
         int64_t m_receiver = 0;  ///< Message: id of the receiver.
@@ -68,6 +71,10 @@ struct CEvent {
         uint64_t m_delay;       ///< Timer: period in microseconds.
     };
 
+    /// When the record was pushed, by the clock of `Timing`; 0 if nobody looked. Read of a message only if it
+    /// is stamped, since it is on another cache line.
+    uint64_t m_stamp_ns = 0;
+
     CEvent() : m_timer{} {}
     CEvent(const CEvent&) = delete;
     CEvent& operator=(const CEvent&) = delete;
@@ -76,7 +83,7 @@ struct CEvent {
 // A queue touches one cache line of a message, and a delivery both lines of a socket.
 static_assert(offsetof(CEvent, m_key) == 0, "the socket tree reads the key from the start of a record");
 static_assert(offsetof(CEvent, m_attach) + sizeof(CEvent::m_attach) <= 64, "a message is one cache line");
-static_assert(sizeof(CEvent) == 104, "a socket's record is two cache lines with room to spare");
+static_assert(sizeof(CEvent) == 112, "a socket's record is two cache lines with room to spare");
 
 /// The FIFO of records. Nothing is allocated: a record links through its own field.
 ///
@@ -112,6 +119,13 @@ public:
     /// As Pop, but null at once if there is no record.
     CEvent* PopNow();
 
+    /// How many records were ever pushed and taken. The difference is the length of the queue.
+    struct Amounts {
+        uint64_t pushed;
+        uint64_t taken;
+    };
+    Amounts Count();
+
     /// The first record, or null. Takes no count of the semaphore, so it is for queues that are pushed in
     /// silence and for teardown.
     CEvent* TryPop();
@@ -123,6 +137,8 @@ protected:
 
     CEvent* m_head INFRA_GUARDED_BY(m_mutex) = nullptr;
     CEvent* m_tail INFRA_GUARDED_BY(m_mutex) = nullptr;
+    uint64_t m_pushed INFRA_GUARDED_BY(m_mutex) = 0;
+    uint64_t m_taken INFRA_GUARDED_BY(m_mutex) = 0;
     Infra::CMutex m_mutex{Infra::LockClass::QUEUE};
     Infra::CSemaphore m_sem{0};
 

@@ -73,6 +73,11 @@ void CWorkQueue::PushReady(CEvent* chain, int count, CEvent* token, int wakes) {
     wake(claimed);
 }
 
+CWorkQueue::Load CWorkQueue::Measure() {
+    Infra::CGuard guard(m_mutex);
+    return {{m_pushed, m_taken}, m_sleepers + (m_poller_waits.load(std::memory_order_relaxed) ? 1 : 0)};
+}
+
 void CWorkQueue::WakeAll() {
     int claimed;
     {
@@ -146,9 +151,9 @@ void CWorkQueue::sleep_as_guard() {
 /// A look of the guard: whether records are overdue, or the pool has stood still for a while.
 CWorkQueue::Look CWorkQueue::look(Watch& watch) {
     Infra::CGuard guard(m_mutex);
-    const uint64_t progress = m_progress.load(std::memory_order_relaxed);
-    watch.idle_looks = progress == watch.seen_progress ? watch.idle_looks + 1 : 0;
-    watch.seen_progress = progress;
+    // Every record that the pool takes tells that it is not idle.
+    watch.idle_looks = m_taken == watch.seen_taken ? watch.idle_looks + 1 : 0;
+    watch.seen_taken = m_taken;
     // With no sleeper counted, a wake-up is on its way to this thread, and is waited for.
     if (m_head == nullptr || claim(1) == 0) {
         const bool idle = watch.idle_looks >= IDLE_LOOKS || m_head != nullptr;

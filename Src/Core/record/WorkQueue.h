@@ -23,8 +23,7 @@ namespace Orvex::Reticor {
 /// it is one of the pool's threads, or holds the lock of the pool's slot.
 class CWorkQueue : public CEventQueue {
 public:
-    /// `progress` moves with every record that the pool takes; it tells the guard whether the pool is idle.
-    explicit CWorkQueue(const std::atomic<uint64_t>& progress) : m_progress(progress) {}
+    CWorkQueue() = default;
 
     /// As in CEventQueue. True if fewer sleep here than there are new records, and the poller waits for
     /// sockets: the caller ends that wait, so that the poller takes one of them. It is told once for each
@@ -46,6 +45,13 @@ public:
     /// token: all others may be in long calls.
     bool PollerMayWait() const { return m_poller_waits.load(std::memory_order_relaxed); }
 
+    /// What the pool has before it at one moment.
+    struct Load {
+        Amounts records;
+        int resting;  ///< Threads that sleep, are about to, or wait for sockets, and were not woken.
+    };
+    Load Measure();
+
     /// Has every sleeper return. For the end of the pool: each worker that leaves calls it, since another may
     /// have gone to sleep after the call before.
     void WakeAll();
@@ -58,7 +64,7 @@ private:
 
     /// What a guard remembers from look to look.
     struct Watch {
-        uint64_t seen_progress = ~uint64_t{0};
+        uint64_t seen_taken = ~uint64_t{0};
         int idle_looks = 0;
     };
 
@@ -70,7 +76,6 @@ private:
     void sleep_as_guard();
     Look look(Watch& watch);
 
-    const std::atomic<uint64_t>& m_progress;
     /// Workers that sleep, or are about to, and for whom no wake-up was given out.
     int m_sleepers INFRA_GUARDED_BY(m_mutex) = 0;
     bool m_guard INFRA_GUARDED_BY(m_mutex) = false;

@@ -17,6 +17,8 @@ bool DueChains::Add(const ArmedTimer& timer) {
     ev->m_obj_id = timer.obj_id;
     ev->m_expire = timer.expire;
     ev->m_delay = timer.delay;
+    ev->m_stamp_ns = m_stamp_ns;
+    m_late.Add(m_now_us > timer.expire ? (m_now_us - timer.expire) * 1000 : 0);
     const size_t index = static_cast<size_t>(INDEX_OF_ID(static_cast<long>(timer.obj_id)));
     if (m_chain[index] == nullptr) {
         m_active[static_cast<size_t>(m_active_num++)] = static_cast<int>(index);

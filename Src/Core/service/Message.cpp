@@ -13,6 +13,10 @@
 #include <Infra/Time.h>
 #include <Reticor/R3.h>
 
+#include "Core/count/ThreadCounts.h"
+#include "Core/count/Timing.h"
+#include "Core/count/WatchDoor.h"
+#include "Core/handle/CallMark.h"
 #include "Core/handle/ClassName.h"
 #include "Core/handle/HandlerDrops.h"
 #include "Core/handle/ObjectId.h"
@@ -105,16 +109,19 @@ CEvent* fill_record(CEvent* ev, int64_t key, long sender, long receiver, unsigne
     ev->m_receiver = receiver;
     ev->m_msg = msg;
     ev->m_from_close = 0;
+    ev->m_stamped = 0;
     ev->m_attach = attach;
+    if (const uint64_t stamp_ns = Timing::StampMessage()) {
+        ev->m_stamp_ns = stamp_ns;
+        ev->m_stamped = 1;
+    }
     return ev;
 }
 
 enum class Moment { begin, end };
 
-void print_message(const HandlerPin& handler, const CEvent* ev, Moment moment) {
-    if (!CMessage::printing()) {
-        return;
-    }
+__attribute__((noinline, cold)) void print_message(const HandlerPin& handler, const CEvent* ev,
+                                                   Moment moment) {
     R3Printf(moment == Moment::begin
                  ? "thread:%d, object:%p,class:%s, handle message begin at %ju us,msg:%d,attach:%d\n"
                  : "thread:%d, object:%p,class:%s, handle message end at %ju us,msg:%d,attach:%d\n",
@@ -122,6 +129,22 @@ void print_message(const HandlerPin& handler, const CEvent* ev, Moment moment) {
              class_name(*handler.get()).c_str(),
              static_cast<uintmax_t>(Infra::CTime::getCurrentMicroSecond()), static_cast<int>(ev->m_msg),
              ev->m_from_close != 0 ? 0 : static_cast<int>(ev->m_attach));
+}
+
+__attribute__((noinline, cold)) void call_timed(const HandlerPin& handler, const CEvent* ev) {
+    const CallMark mark(*handler.get(), CallKind::MESSAGE);
+    const CallTime time(*handler.get(), Timing::Taken(ev->m_stamp_ns));
+    handler->handle_message(static_cast<long>(ev->m_obj_id), ev->m_msg, static_cast<long>(ev->m_attach));
+}
+
+void call(const HandlerPin& handler, const CEvent* ev) {
+    INFRA_PROMISE(HANDLER);
+    if (__builtin_expect(ev->m_stamped != 0, 0)) {
+        call_timed(handler, ev);
+        return;
+    }
+    const CallMark mark(*handler.get(), CallKind::MESSAGE);
+    handler->handle_message(static_cast<long>(ev->m_obj_id), ev->m_msg, static_cast<long>(ev->m_attach));
 }
 
 }  // namespace
@@ -181,15 +204,17 @@ bool CMessage::IsClose(const CEvent* ev) {
 
 int CMessage::HandleMessage(CEvent* ev) {
     if (HandlerPin handler = PoolTable::FindHandler(ev->m_receiver)) {
-        print_message(handler, ev, Moment::begin);
+        if (printing()) {
+            print_message(handler, ev, Moment::begin);
+        }
         if (!IsClose(ev)) {
-            INFRA_PROMISE(HANDLER);
-            handler->handle_message(static_cast<long>(ev->m_obj_id), ev->m_msg,
-                                    static_cast<long>(ev->m_attach));
+            call(handler, ev);
         } else if (meant_for(ev, handler.get())) {
             const HandlerPin first = PoolTable::Detach(ev->m_receiver);
         }
-        print_message(handler, ev, Moment::end);
+        if (printing()) {
+            print_message(handler, ev, Moment::end);
+        }
     }
     put_event(ev);
     return 0;
@@ -216,6 +241,8 @@ void CMessage::CloseQueued(CThreadPool& pool, HandlerDrops& drops) {
 
 void CMessage::HandleIOMessage() {
     if (CEvent* ev = io_queue().PopNow()) {
+        ThreadCounts::Attach(-1);
+        WatchDoor::Knock();
         HandleMessage(ev);
     }
 }

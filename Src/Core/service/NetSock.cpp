@@ -7,6 +7,8 @@
 #include <Reticor/NetHandler.h>
 #include <Reticor/Sock.h>
 
+#include "Core/count/Timing.h"
+#include "Core/handle/CallMark.h"
 #include "Core/handle/ClassName.h"
 #include "Core/handle/HandlerInternal.h"
 #include "Core/handle/ObjectId.h"
@@ -314,7 +316,34 @@ int CNetSock::deliver(CEvent* event, int64_t& missing_owner) {
     return timed_out ? handle_timeout(event, missing_owner) : handle_net(event, missing_owner);
 }
 
+namespace {
+
 // m_revents is read anew at each test: a removal in between replaces it, and selects no further call.
+int call(const CEvent* event, CNetHandler& handler, int fd) {
+    int ret = -1;
+    if (revents_now(event) & REVENT_EXCEPT) {
+        const CallMark mark(handler, CallKind::EXCEPTION);
+        return handler.handle_exception(fd);
+    }
+    if (revents_now(event) & REVENT_READ) {
+        const CallMark mark(handler, CallKind::INPUT);
+        ret = handler.handle_input(fd);
+    }
+    if (revents_now(event) & REVENT_WRITE) {
+        const CallMark mark(handler, CallKind::OUTPUT);
+        ret = handler.handle_output(fd);
+    }
+    return ret;
+}
+
+/// The calls of one delivery are timed together.
+__attribute__((noinline, cold)) int call_timed(const CEvent* event, CNetHandler& handler, int fd) {
+    const CallTime time(handler, Timing::Taken(event->m_stamp_ns));
+    return call(event, handler, fd);
+}
+
+}  // namespace
+
 int CNetSock::handle_net(CEvent* event, int64_t& missing_owner) {
     const int64_t owner = Infra::relaxedLoad(event->m_obj_id);
     HandlerPin handler = PoolTable::FindHandler(owner);
@@ -326,18 +355,9 @@ int CNetSock::handle_net(CEvent* event, int64_t& missing_owner) {
         trace_call("net", "begin", event, handler);
     }
     const int fd = static_cast<int>(event->m_key);
-    int ret = -1;
     INFRA_PROMISE(HANDLER);
-    if (revents_now(event) & REVENT_EXCEPT) {
-        ret = handler->handle_exception(fd);
-    } else {
-        if (revents_now(event) & REVENT_READ) {
-            ret = handler->handle_input(fd);
-        }
-        if (revents_now(event) & REVENT_WRITE) {
-            ret = handler->handle_output(fd);
-        }
-    }
+    const int ret = __builtin_expect(event->m_stamp_ns != 0, 0) ? call_timed(event, *handler.get(), fd)
+                                                                : call(event, *handler.get(), fd);
     if (tracing()) {
         trace_call("net", "end", event, handler);
     }
@@ -356,8 +376,10 @@ int CNetSock::handle_timeout(CEvent* event, int64_t& missing_owner) {
     }
     const int fd = static_cast<int>(event->m_key);
     if (revents_now(event) & REVENT_READ_TIMEOUT) {
+        const CallMark mark(*handler.get(), CallKind::INPUT_TIMEOUT);
         handler->handle_input_timeout(fd);
     } else if (revents_now(event) & REVENT_WRITE_TIMEOUT) {
+        const CallMark mark(*handler.get(), CallKind::OUTPUT_TIMEOUT);
         handler->handle_output_timeout(fd);
     }
     if (tracing()) {

@@ -14,6 +14,8 @@
 #include <Infra/Time.h>
 #include <Reticor/R3.h>
 
+#include "Core/count/Timing.h"
+#include "Core/handle/CallMark.h"
 #include "Core/handle/ClassName.h"
 #include "Core/handle/ObjectId.h"
 #include "Core/pool/PoolTable.h"
@@ -76,6 +78,8 @@ void announce_top() {
 /// Everything that is due goes to the pools, each chain with one push.
 void tick(uint64_t now) {
     DueChains& due = g_timer.m_due;
+    due.m_stamp_ns = Timing::Stamp();
+    due.m_now_us = now;
     const bool all = CNetTimer::heap().PopDue(now + AHEAD_US, due);
     for (int i = 0; i < due.m_active_num; ++i) {
         const int index = due.m_active[static_cast<size_t>(i)];
@@ -198,7 +202,11 @@ int CNetTimer::handle_timer(CEvent* ev) {
     if (HandlerPin handler = PoolTable::FindHandler(ev->m_obj_id)) {
         print_timer(handler, "begin");
         INFRA_PROMISE(HANDLER);
-        result = handler->handle_timeout(id);
+        {
+            const CallMark mark(*handler.get(), CallKind::TIMEOUT);
+            const CallTime time(*handler.get(), Timing::Taken(ev->m_stamp_ns));
+            result = handler->handle_timeout(id);
+        }
         print_timer(handler, "end");
     }
     if (result < 0) {
@@ -211,6 +219,10 @@ int CNetTimer::handle_timer(CEvent* ev) {
     }
     set_timer(ev);
     return 0;
+}
+
+void CNetTimer::AddLateness(SpreadValues& values) {
+    g_timer.m_due.m_late.AddTo(values);
 }
 
 void CNetTimer::DropPool(int index, int64_t next) {

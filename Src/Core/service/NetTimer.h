@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+#include "Core/count/Spread.h"
 #include "Core/record/Event.h"
 #include "Core/service/TimerHeap.h"
 
@@ -39,6 +40,9 @@ public:
     /// Takes all timers of a pool out of the heap, after the pool's slot was cleared. Their ids go with the
     /// pool's allocator; `next` is the counter that it would have drawn next.
     static void DropPool(int index, int64_t next);
+
+    /// Adds to `values` how long after their time timers were found due.
+    static void AddLateness(SpreadValues& values);
 
     /// The process's heap.
     static TimerHeap& heap();

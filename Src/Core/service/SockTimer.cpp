@@ -136,6 +136,7 @@ void CSockTimer::expire(RecordPin record) {
         // flight.
         set_flag(ev, MUX_BUSY);
     }
+    ev->m_stamp_ns = 0;
     ev->m_next = nullptr;
     record.Leave();
     pool->Push(ev);

@@ -217,6 +217,16 @@ bool TimerHeap::PopDue(uint64_t limit, DueChains& due) {
     return true;
 }
 
+size_t TimerHeap::CountOfPool(int index) {
+    Infra::CGuard guard(m_mutex);
+    return m_pool[static_cast<size_t>(index)].armed;
+}
+
+bool TimerHeap::ListOwners(int index, size_t part, std::vector<int64_t>& owners) {
+    Infra::CGuard guard(m_mutex);
+    return m_pool[static_cast<size_t>(index)].table.ListOwners(part, owners);
+}
+
 int TimerHeap::Count() {
     Infra::CGuard guard(m_mutex);
     return static_cast<int>(m_count);

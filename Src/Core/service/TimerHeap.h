@@ -64,6 +64,13 @@ public:
     /// Armed timers.
     int Count();
 
+    /// Those of one pool.
+    size_t CountOfPool(int index);
+
+    /// Puts the handlers of a part of a pool's armed timers in `owners`, one for each timer; the parts count
+    /// from 0. False if there is no such part. Takes memory only where `owners` is too short.
+    bool ListOwners(int index, size_t part, std::vector<int64_t>& owners);
+
 private:
     struct Later {
         bool operator()(const TimerEntry& a, const TimerEntry& b) const { return a.expire > b.expire; }

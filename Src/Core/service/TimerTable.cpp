@@ -29,6 +29,20 @@ void TimerTable::Drop(int64_t id) {
     }
 }
 
+bool TimerTable::ListOwners(size_t chunk, std::vector<int64_t>& owners) const {
+    if (chunk >= m_chunks.size()) {
+        return false;
+    }
+    if (m_chunks[chunk] != nullptr) {
+        for (const ArmedTimer& timer : m_chunks[chunk]->timer) {
+            if (timer.id != 0) {
+                owners.push_back(timer.obj_id);
+            }
+        }
+    }
+    return true;
+}
+
 void TimerTable::Clear(int64_t first) {
     m_chunks.clear();
     m_first = first;

@@ -49,6 +49,10 @@ public:
     /// Takes a timer out that Find has found. Its place stays held.
     static void Erase(ArmedTimer* timer) { timer->id = 0; }
 
+    /// Appends the handler of each timer in a chunk to `owners`; std::bad_alloc without memory. False if
+    /// there is no such chunk.
+    bool ListOwners(size_t chunk, std::vector<int64_t>& owners) const;
+
     /// Takes all timers out and gives up all places. The counters of ids to come begin with `first`.
     void Clear(int64_t first);
 

@@ -2,6 +2,7 @@
 #include "Core/watch/RecordTable.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "Core/record/GeneralAllocator.h"
 
@@ -54,11 +55,12 @@ bool RecordTable::Add(CEvent* ev) {
     return true;
 }
 
-void RecordTable::Remove(const CEvent* ev) {
+bool RecordTable::Remove(const CEvent* ev) {
     const size_t handle = static_cast<size_t>(ev->m_key);
-    if (handle / CHUNK < m_count && m_chunks[handle / CHUNK] != nullptr) {
-        m_chunks[handle / CHUNK][handle % CHUNK] = nullptr;
+    if (handle / CHUNK >= m_count || m_chunks[handle / CHUNK] == nullptr) {
+        return false;
     }
+    return std::exchange(m_chunks[handle / CHUNK][handle % CHUNK], nullptr) != nullptr;
 }
 
 }  // namespace Orvex::Reticor

@@ -22,8 +22,8 @@ public:
     /// Puts the record under its key. False, with nothing changed, if there is no memory.
     bool Add(CEvent* ev);
 
-    /// Takes out what is under the key of the record.
-    void Remove(const CEvent* ev);
+    /// Takes out what is under the key of the record. False if nothing was.
+    bool Remove(const CEvent* ev);
 
     /// The record of that handle, or null.
     CEvent* Find(uint32_t handle) const {

@@ -10,6 +10,7 @@
 #include <Infra/Log.h>
 #include <Infra/Time.h>
 
+#include "Core/count/Timing.h"
 #include "Socket/address/SockError.h"
 #include "Socket/socket/CloseCount.h"
 
@@ -51,6 +52,7 @@ bool CMultiplexer::Enlist(CEvent* ev) {
     }
     m_epoll.Enlist(ev);
     number(ev);
+    m_sockets.store(m_sockets.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     return true;
 }
 
@@ -59,7 +61,19 @@ void CMultiplexer::number(CEvent* ev) {
 }
 
 void CMultiplexer::Delist(CEvent* ev) {
-    m_records.Remove(ev);
+    if (m_records.Remove(ev)) {
+        m_sockets.store(m_sockets.load(std::memory_order_relaxed) - 1, std::memory_order_relaxed);
+    }
+}
+
+CMultiplexer::Figures CMultiplexer::GetFigures() const {
+    return {m_reported.Get(),
+            m_strayed.Get(),
+            m_rebuilt.Get(),
+            m_refusals.load(std::memory_order_relaxed),
+            m_sockets.load(std::memory_order_relaxed),
+            m_book.WithoutPlace(),
+            {m_book.Left(0), m_book.Left(1), m_book.Left(2)}};
 }
 
 int CMultiplexer::AddEvent(CEvent* ev) {
@@ -238,6 +252,7 @@ void CMultiplexer::set_always(CEvent* ev) {
 
 /// The socket keeps its places, and the wait looks at it again from time to time.
 void CMultiplexer::set_refused(CEvent* ev, int error) {
+    m_refusals.fetch_add(1, std::memory_order_relaxed);
     if (mux_form(ev) != MuxForm::refused) {
         INFRA_LOG(2, "pool %d: socket %d is not watched yet, the system refused it, %s\n", m_pool_index,
                   static_cast<int>(ev->m_key), GetSockErrorText(error).c_str());
@@ -286,6 +301,7 @@ int CMultiplexer::harvest() {
         const int error = errno;
         INFRA_LOG(2, "select failed!%d,%s\n", error, GetSockErrorText(error).c_str());
     }
+    m_reported.Add(static_cast<uint64_t>(std::max(reports, 0)));
     return std::max(reports, 0);
 }
 
@@ -327,6 +343,7 @@ void CMultiplexer::collect(int reports, Ready& ready) {
     if (reports == 0 && !always) {
         return;
     }
+    m_stamp_ns = Timing::Stamp();
     m_sock_tree.ReadLock();
     for (int i = 0; i < reports; ++i) {
         if (m_reports[static_cast<size_t>(i)].data.u64 == EpollSet::WAKE_MARK) {
@@ -371,11 +388,13 @@ void CMultiplexer::report(const epoll_event& report, Ready& ready) {
 /// A report of nobody, of an earlier registration, or of a closed number. One that lasts has the whole
 /// instance built anew.
 void CMultiplexer::stray(uint64_t mark_seen) {
+    m_strayed.Increment();
     m_rebuild = m_strays.ComesAgain(mark_seen) || m_rebuild;
 }
 
 void CMultiplexer::mark(CEvent* ev, int16_t revents, Ready& ready) {
     set_revents(ev, revents);
+    ev->m_stamp_ns = m_stamp_ns;
     ev->m_timer.m_sock_deadline = 0;  // an idle time-out rests while the socket is in flight
     SetBook::Leave(ev, ready.freed);
     ev->m_next = nullptr;
@@ -417,6 +436,7 @@ void CMultiplexer::rebuild() {
     }
     m_rebuild = false;
     m_rebuild_failed = false;
+    m_rebuilt.Increment();
     m_strays.Reset();
     INFRA_LOG(3, "a closed socket is still reported, its descriptor was copied: watching all sockets anew\n");
     m_sock_tree.WriteLock();

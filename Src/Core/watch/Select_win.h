@@ -7,6 +7,7 @@
 
 #include <Infra/Semaphore.h>
 
+#include "Core/count/Tally.h"
 #include "Core/record/SockRecord.h"
 #include "Core/record/WorkQueue.h"
 #include "Core/watch/AlwaysReady.h"
@@ -65,6 +66,18 @@ public:
 
     /// How many sockets have no place in a set that they asked for. Any thread.
     int SocksWithoutPlace() const { return m_book.WithoutPlace(); }
+
+    /// What the pool watches, and what its polling came to, since its beginning. Any thread.
+    struct Figures {
+        uint64_t reports;  ///< Of the kernel, the wake-ups among them.
+        uint64_t strays;   ///< Reports of no socket that is registered.
+        uint64_t rebuilds;
+        uint64_t refused;  ///< Sockets that the system had no room for, each time that it said so.
+        int sockets;       ///< Registered now.
+        int without_place;
+        std::array<int, 3> places_left;  ///< For reading, writing, exceptions.
+    };
+    Figures GetFigures() const;
 
     // On a record:
 
@@ -149,6 +162,10 @@ private:
     // Under the lock of the socket tree.
     RecordTable m_records;
 
+    // Written under the write lock of the socket tree.
+    std::atomic<int> m_sockets{0};
+
+    std::atomic<uint64_t> m_refusals{0};
     std::atomic<uint32_t> m_sequence{0};  ///< The number of the last registration.
     std::atomic<bool> m_refused{false};   ///< There are sockets to be told to the kernel once more.
 
@@ -156,6 +173,10 @@ private:
     ServePace m_pace;
     std::array<epoll_event, BATCH> m_reports;
     StrayWatch m_strays;
+    Tally m_reported;
+    Tally m_strayed;
+    Tally m_rebuilt;
+    uint64_t m_stamp_ns = 0;        ///< Of the sockets that this pass finds ready.
     bool m_rebuild = false;         ///< Wanted, also when the last try failed.
     bool m_rebuild_failed = false;  ///< It did, and the line was written.
     uint64_t m_last_retry_ms = 0;

@@ -43,6 +43,11 @@ public:
     /// How many sockets found no place, when they were last added, in a set that they asked for. Any thread.
     int WithoutPlace() const { return m_without_place.load(std::memory_order_relaxed); }
 
+    /// Places that are left in a set. Any thread.
+    int Left(size_t direction) const {
+        return FD_CAPACITY - m_taken[direction].load(std::memory_order_relaxed);
+    }
+
 private:
     void count_unplaced(CEvent* ev, bool unplaced);
     bool take(size_t direction);

@@ -60,6 +60,10 @@
     X(OBJECT_IDS, "CObjectId::m_mutex", "the free ids of a pool") \
     X(OBJECT_TABLE, "CObjectTable::m_lock", \
       "the open handlers; nothing but a reference count is touched under it") \
+    X(STATS, "m_mutex of OpenedSoFar", "how many handlers of each class were made") \
+    X(HANDLER_LIST, "shards of HandlerList", "the list of all handlers, also of those that nobody finds") \
+    X(CLASS_ROWS, "ClassRows::sm_mutex", "the names of handler classes") \
+    X(THREAD_COUNTS, "ThreadCounts::sm_mutex", "the list of the threads' counters") \
     X(SELECT_PIPE, "Waker::m_pipe_mutex", "wake-ups on their way") \
     X(QUEUE, "CEventQueue::m_mutex", "a queue's records") \
     X(FREE_RECORDS, "CEventFreeList::m_mutex", "the records that rest") \

@@ -32,8 +32,7 @@ protected:
     bool guarded() { return WorkQueueProbe::guarded(queue); }
     int sleepers() { return WorkQueueProbe::sleepers(queue); }
 
-    std::atomic<uint64_t> progress{0};
-    CWorkQueue queue{progress};
+    CWorkQueue queue;
     CEvent token, a, b, c;
 };
 
@@ -188,10 +187,10 @@ TEST_F(WorkQueue, WakeAllHasEverySleeperReturnWithWhatThereIs) {
 // Keeps the pool busy in the eyes of its guard.
 class Busy {
 public:
-    explicit Busy(std::atomic<uint64_t>& progress)
-        : m_thread([this, &progress] {
+    explicit Busy(CWorkQueue& queue)
+        : m_thread([this, &queue] {
               while (!m_stop) {
-                  ++progress;
+                  WorkQueueProbe::progress(queue);
                   std::this_thread::yield();
               }
           }) {}
@@ -206,7 +205,7 @@ private:
 };
 
 TEST_F(WorkQueue, GuardTakesWhatThePollerWokeNobodyFor) {
-    Busy busy(progress);
+    Busy busy(queue);
     Worker guard(queue);
     EXPECT_EVENTUALLY(sleepers() == 1);
     a.m_next = nullptr;
@@ -219,7 +218,7 @@ TEST_F(WorkQueue, GuardTakesWhatThePollerWokeNobodyFor) {
 TEST_F(WorkQueue, GuardWakesAnotherForTheRest) {
     // On a machine that is busy otherwise the guard may see no progress and give up; then it is tried again.
     EXPECT_EVENTUALLY([&] {
-        Busy busy(progress);
+        Busy busy(queue);
         Worker guard(queue);
         EXPECT_EVENTUALLY(sleepers() == 1);
         Worker other(queue);
@@ -249,7 +248,7 @@ TEST_F(WorkQueue, GuardThatSeesThePoolStandStillWaitsWithoutLimitAndWakesNoMore)
 }
 
 TEST_F(WorkQueue, OneGuardIsEnough) {
-    Busy busy(progress);
+    Busy busy(queue);
     Worker guard(queue);
     EXPECT_EVENTUALLY(sleepers() == 1);
     Worker second(queue);
@@ -267,7 +266,7 @@ TEST_F(WorkQueue, OneGuardIsEnough) {
 }
 
 TEST_F(WorkQueue, GuardServesARecordAndGuardsNoLonger) {
-    Busy busy(progress);
+    Busy busy(queue);
     Worker guard(queue);
     EXPECT_EVENTUALLY(sleepers() == 1);
     queue.PushOne(&a);
@@ -293,7 +292,6 @@ TEST_F(WorkQueue, NoRecordIsLostDoubledOrLeftBehindUnderRace) {
         workers.emplace_back([&] {
             while (!stop) {
                 if (CEvent* ev = queue.PopWork()) {
-                    ++progress;
                     ++seen[static_cast<size_t>(ev->m_key)];
                     ++taken;
                 }

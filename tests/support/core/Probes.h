@@ -88,6 +88,11 @@ struct WorkQueueProbe {
         Infra::CGuard guard(queue.m_mutex);
         queue.m_poller_waits.store(true);
     }
+    // As if the pool had taken one more record.
+    static void progress(CWorkQueue& queue) {
+        Infra::CGuard guard(queue.m_mutex);
+        ++queue.m_taken;
+    }
     static int sleepers(CWorkQueue& queue) {
         Infra::CGuard guard(queue.m_mutex);
         return queue.m_sleepers;
@@ -152,7 +157,7 @@ struct NetSockProbe {
 };
 
 struct ThreadPoolProbe {
-    static uint64_t loopCount(const CThreadPool& pool) { return pool.m_loop_count.load(); }
+    static uint64_t loopCount(CThreadPool& pool) { return pool.m_event.Count().taken; }
     static int workers(const CThreadPool& pool) { return static_cast<int>(pool.m_running); }
     static CEvent* pollToken(CThreadPool& pool) { return &pool.m_poll_event; }
     static CEvent* heartbeat(const CThreadPool& pool) { return pool.m_heartbeat.load(); }

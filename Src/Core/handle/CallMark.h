@@ -1,0 +1,48 @@
+// CallMark: counts a call of a handler, and shows while it runs that it does.
+#pragma once
+
+#include <Reticor/NetHandler.h>
+
+#include "Core/count/ThreadCounts.h"
+#include "Core/count/Timing.h"
+#include "Core/handle/HandlerInternal.h"
+
+namespace Orvex::Reticor {
+
+/// Around a call from a loop of the library, on a thread that is in no other one.
+class CallMark {
+public:
+    CallMark(CNetHandler& handler, CallKind kind) : m_counts(ThreadCounts::Mine()) {
+        HandlerInternal& internal = HandlerInternal::Of(handler);
+        m_counts.at_offset(internal.RowOffset(handler)).calls.Increment();
+        m_counts.m_begun.Increment();
+        m_counts.m_call.store(ThreadCounts::call_word(internal.GetID(), kind), std::memory_order_relaxed);
+    }
+    ~CallMark() { m_counts.m_call.store(0, std::memory_order_relaxed); }
+    CallMark(const CallMark&) = delete;
+    CallMark& operator=(const CallMark&) = delete;
+
+private:
+    ThreadCounts& m_counts;
+};
+
+/// Around a call that is timed, beside the other one.
+class CallTime {
+public:
+    /// `begin_ns`: from Timing; 0 for a call that is not timed after all.
+    CallTime(CNetHandler& handler, uint64_t begin_ns)
+        : m_row_offset(HandlerInternal::Of(handler).RowOffset(handler)), m_begin_ns(begin_ns) {}
+    ~CallTime() {
+        if (m_begin_ns != 0) {
+            Timing::Ran(m_begin_ns, ThreadCounts::Mine().at_offset(m_row_offset));
+        }
+    }
+    CallTime(const CallTime&) = delete;
+    CallTime& operator=(const CallTime&) = delete;
+
+private:
+    const uint32_t m_row_offset;
+    const uint64_t m_begin_ns;
+};
+
+}  // namespace Orvex::Reticor

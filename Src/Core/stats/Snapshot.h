@@ -1,0 +1,27 @@
+// Snapshot: what a CStats holds, and how it is gathered.
+#pragma once
+
+#include <vector>
+
+#include <Reticor/Stats.h>
+
+namespace Orvex::Reticor {
+
+/// Pools by index, workers by pool and thread, classes by their calls.
+struct Snapshot {
+    ProcessStats process{};
+    std::vector<PoolStats> pools;
+    std::vector<WorkerStats> workers;
+    std::vector<HandlerClassStats> classes;
+
+    /// Into an empty one. False if there is no memory.
+    bool Gather();
+
+private:
+    void gather_process();
+    void gather_pools();
+    void gather_threads();
+    void gather_classes();
+};
+
+}  // namespace Orvex::Reticor

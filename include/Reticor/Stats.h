@@ -1,0 +1,201 @@
+// CStats: what the process does, at one moment. HandlerInfo: one handler.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include <Reticor/Export.h>
+
+namespace Orvex::Reticor {
+
+/// The version of the structures below, and of the texts that are written of them. It rises when one grows.
+/// Fields are only ever added at the end of a structure. `size` says what the caller knows of it: no more is
+/// written there, and what the library does not know is 0.
+constexpr uint32_t STATS_VERSION = 1;
+
+/// Places of a `TimeSpread`.
+constexpr size_t TIME_SPREAD_PLACES = 40;
+
+/// How long something took, counted by powers of two: `count[i]` is of times below 2^i ns that are not below
+/// 2^(i-1) ns; the last place has the rest. This structure does not grow.
+struct TimeSpread {
+    uint64_t count[TIME_SPREAD_PLACES];  ///< By place.
+    uint64_t sum_ns;                     ///< All of them together.
+    uint64_t max_ns;                     ///< The longest.
+
+    /// How many there are.
+    uint64_t GetCount() const {
+        uint64_t all = 0;
+        for (const uint64_t one : count) {
+            all += one;
+        }
+        return all;
+    }
+
+    /// No less than the time below which `share` (0 to 1) of all are, and less than twice as much; the median
+    /// with 0.5. 0 if there are none.
+    uint64_t GetBound(double share) const {
+        const double wanted = share * static_cast<double>(GetCount());
+        uint64_t found = 0;
+        for (size_t i = 0; i < TIME_SPREAD_PLACES; ++i) {
+            found += count[i];
+            if (count[i] != 0 && static_cast<double>(found) >= wanted) {
+                return (uint64_t{1} << i) < max_ns ? uint64_t{1} << i : max_ns;
+            }
+        }
+        return max_ns;
+    }
+};
+
+/// The process as a whole. Counters never fall, while the process lives.
+struct ProcessStats {
+    uint32_t size = sizeof(ProcessStats);  ///< Bytes that the caller knows.
+    uint32_t version = STATS_VERSION;      ///< For which the caller was built.
+    uint64_t taken_us;                     ///< When: microseconds on the clock of Infra::CTime.
+    uint32_t pools;                        ///< Pools that run.
+    uint32_t timing;                       ///< 1 while times are measured (`CStats::SetTiming`).
+    uint64_t handlers;                     ///< That were constructed and not yet destroyed.
+    uint64_t timers_armed;                 ///< Timers of all pools that wait for their time.
+    TimeSpread timer_lateness;             ///< From a timer's time until it was given to its pool.
+};
+
+/// A pool. Counters go on over all lives of the pools with that index.
+struct PoolStats {
+    uint32_t size = sizeof(PoolStats);  ///< Bytes that the caller knows.
+    uint32_t version = STATS_VERSION;   ///< For which the caller was built.
+    int32_t pool;                       ///< Its index, 0 for the public one.
+    uint32_t workers;                   ///< Threads that were started.
+    uint32_t busy;                      ///< Of them, those that neither sleep nor wait for sockets.
+    uint32_t reserved;                  ///< 0.
+    uint64_t queue_length;              ///< Records that wait for a worker, the library's own among them.
+    uint64_t serial_length;             ///< Serial messages in line.
+    uint64_t pushed;                    ///< Records that were ever queued, since this pool was created.
+    uint64_t calls;                     ///< Of handlers, on its workers.
+    // Records that workers took, by kind.
+    uint64_t socket_events;    ///< Ready sockets, and idle time-outs.
+    uint64_t messages;         ///< Close messages among them.
+    uint64_t serial_messages;  ///< Of `NotifySerial`.
+    uint64_t timers;           ///< That were due.
+    uint64_t passes;           ///< Of the poller.
+    uint64_t drains;           ///< Of the serial line.
+    uint64_t heartbeats;       ///< Of the pool's daemon.
+    // Since this pool was created.
+    uint64_t reports;        ///< Of sockets that are ready, and of wake-ups.
+    uint64_t strays;         ///< Reports that were about no registered socket.
+    uint64_t rebuilds;       ///< What watches the sockets was built anew, for reports that did not cease.
+    uint64_t epoll_refused;  ///< Times that the system had no room for a socket.
+    uint64_t sockets;        ///< Registered now.
+    uint64_t sockets_without_place;  ///< As `CNetThread::GetSocksWithoutPlace`.
+    // Sockets that can still be watched. A socket whose handler runs leaves its place meanwhile.
+    uint64_t places_left_read;    ///< For reading,
+    uint64_t places_left_write;   ///< for writing,
+    uint64_t places_left_except;  ///< and for exceptions.
+    uint64_t timers_armed;        ///< Timers that wait for their time.
+    uint64_t cpu_ns;              ///< Processor time of the workers that live.
+    TimeSpread wait;              ///< From the push of a record until its call, while times are measured.
+    TimeSpread run;               ///< Of calls, while times are measured; of messages one in 16.
+};
+
+/// A thread that calls handlers: a worker, or another one that has called some.
+struct WorkerStats {
+    uint32_t size = sizeof(WorkerStats);  ///< Bytes that the caller knows.
+    uint32_t version = STATS_VERSION;     ///< For which the caller was built.
+    int32_t pool;                         ///< -1 for a thread that is not a worker.
+    int32_t thread_id;                    ///< The kernel's number, gettid(2).
+    uint64_t cpu_ns;                      ///< Processor time of the thread.
+    uint64_t calls;                       ///< Of handlers.
+    uint64_t served;                      ///< Records that it took.
+    int64_t handler;                      ///< The id of the handler in whose call it is; 0 for none.
+    const char* call;  ///< "handle_input" and so on; empty for none. Good for the life of the process.
+};
+
+/// A class of handlers. Classes of equal name are one. An object whose handler was never called, and has
+/// registered nothing, belongs to "not called yet"; from the 255th class on all are "other classes".
+struct HandlerClassStats {
+    uint32_t size = sizeof(HandlerClassStats);  ///< Bytes that the caller knows.
+    uint32_t version = STATS_VERSION;           ///< For which the caller was built.
+    const char* name;  ///< Readable, as the trace prints it. Good for the life of the process.
+    uint64_t live;     ///< Objects whose `handle_close` was not called.
+    uint64_t opened;   ///< Those, and those that were closed.
+    uint64_t closed;   ///< Objects whose `handle_close` was called.
+    uint64_t calls;    ///< `handle_close` among them.
+    uint64_t timed;    ///< Calls that were measured,
+    uint64_t time_ns;  ///< and how long they took together.
+};
+
+/// How much was done between two snapshots, and how fast. Rates are by second.
+struct PoolRates {
+    uint32_t size = sizeof(PoolRates);  ///< Bytes that the caller knows.
+    uint32_t version = STATS_VERSION;   ///< For which the caller was built.
+    int32_t pool;                       ///< Its index.
+    uint32_t reserved;                  ///< 0.
+    double seconds;                     ///< From the older one to the newer one.
+    double utilisation;                 ///< Processor time of the workers, by worker: 0 to 1.
+    double calls;                       ///< Of handlers.
+    double socket_events;               ///< Ready sockets, and idle time-outs.
+    double messages;                    ///< Serial ones as well.
+    double timers;                      ///< That were due.
+    double passes;                      ///< Of the poller.
+    double reports;                     ///< Of ready sockets, and of wake-ups.
+    TimeSpread wait;                    ///< What came between the two; max_ns is that of the newer one.
+    TimeSpread run;                     ///< The same for calls.
+};
+
+/// A snapshot. Making one reads what each thread counts for itself; nobody waits for it longer than for a
+/// few loads. It does not look at any object of the product.
+///
+/// Thread safety: the snapshot itself has no lock; the static operations on any thread, also inside
+/// `handle_*`.
+class RETICOR_API CStats {
+public:
+    /// Empty: no pools, no classes.
+    CStats();
+    /// Frees what was seen.
+    ~CStats();
+    /// Is moved, not copied.
+    CStats(const CStats&) = delete;
+    /// Is moved, not copied.
+    CStats& operator=(const CStats&) = delete;
+    /// Takes over what `other` saw, and leaves it empty.
+    CStats(CStats&& other) noexcept;
+    /// The two exchange what they saw.
+    CStats& operator=(CStats&& other) noexcept;
+
+    /// Looks at everything anew. Any number of threads may do so at a time, each with a snapshot of its own.
+    /// Result: 0; -1, with the snapshot as it was, if there is no memory.
+    int Take();
+
+    // What was seen. `place` counts from 0. Result: 0; -1, with nothing written, if there is none with that
+    // place, or `size` is too small to be one of ours. All but `size` and `version` is written.
+
+    /// The process. -1 also in a snapshot that is empty.
+    int GetProcess(ProcessStats& stats) const;
+    /// How many pools there were.
+    size_t GetPoolCount() const;
+    /// The pools in the order of their indices.
+    int GetPool(size_t place, PoolStats& stats) const;
+    /// How many threads there were that call handlers.
+    size_t GetWorkerCount() const;
+    /// The threads in the order of their pools.
+    int GetWorker(size_t place, WorkerStats& stats) const;
+    /// How many classes of handlers there were.
+    size_t GetClassCount() const;
+    /// The classes, those with the most calls first.
+    int GetClass(size_t place, HandlerClassStats& stats) const;
+
+    /// Has clocks read from now on, or not any more: for `wait`, `run` and `time_ns`. Off at the start.
+    static void SetTiming(bool on);
+
+    /// Below.
+    friend int StatsDiff(const CStats& older, const CStats& newer, int pool, PoolRates& rates);
+
+private:
+    struct State;
+    State* m_state;  ///< Owned.
+};
+
+/// What the pool with that index did between two snapshots. Result: 0; -1, with nothing written, if one of
+/// the two does not have the pool, they are not in order, or `size` is too small.
+RETICOR_API int StatsDiff(const CStats& older, const CStats& newer, int pool, PoolRates& rates);
+
+}  // namespace Orvex::Reticor
