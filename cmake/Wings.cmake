@@ -43,6 +43,7 @@ endfunction()
 
 reticor_wing(1 Core/count DOORS ClassRows Spread Tally ThreadCounts Timing WatchDoor)
 reticor_wing(1 Core/record DOORS Event EventFreeList GeneralAllocator SockRecord WorkQueue)
+reticor_wing(1 Kit/resolve DOORS Resolver)
 reticor_wing(1 R3/print DOORS DebugSocket FuncBox HelpText R3Printf)
 reticor_wing(1 Socket/address DOORS IpLiteral SockAddrRecord SockError)
 reticor_wing(1 Tool/task DOORS FileTask FileTaskQueue)
@@ -64,7 +65,8 @@ reticor_wing(7 Tool/stream)
 reticor_wing(7 Tool/tick)
 reticor_wing(8 R3/server DOORS Debug)
 reticor_wing(9 Core)
-reticor_wing(10 Kit)
+reticor_wing(10 Kit DOORS ConnectionBody DelayedCall Member PoolState UserCall)
+reticor_wing(11 Kit/connect)
 
 # A name that is not a wing would leave its objects without their guards in silence.
 foreach(name IN LISTS RETICOR_GUARDED_OBJECTS)

@@ -159,12 +159,28 @@ void Connection::resume() {
     }
 }
 
+void Connection::readByAsking() {
+    ConnectionBody* const body = ConnectionBody::of(*this);
+    if (body != nullptr) {
+        body->read_by_asking();
+    }
+}
+
 void Connection::readOnce(Input call) {
     ConnectionBody* const body = ConnectionBody::of(*this);
     if (body != nullptr && call) {
-        body->read_once(std::move(call));
+        body->read_once(call);
     } else if (call) {
         call(*this, {});
+    }
+}
+
+void Connection::readOnce(Reader& reader) {
+    ConnectionBody* const body = ConnectionBody::of(*this);
+    if (body != nullptr) {
+        body->read_once(reader);
+    } else {
+        reader.answer(reader, {});
     }
 }
 

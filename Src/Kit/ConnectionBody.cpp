@@ -200,14 +200,18 @@ int ConnectionBody::handle_input(int) INFRA_NO_THREAD_SAFETY_ANALYSIS {
     if (!m_word.enter_free()) {
         return come_later();
     }
-    if (m_hold.load(std::memory_order_relaxed) == 0) {
+    const uint8_t mode = m_hold.load(std::memory_order_relaxed);
+    if (mode == 0 || (mode == MODE_PULL && m_reader != nullptr)) {
         char buffer[INPUT_ROOM];
         // Only the holder of the word closes the descriptor.
         const ssize_t got = ::recv(m_sock.GetHandle(), buffer, sizeof buffer, MSG_DONTWAIT);
+        const std::string_view bytes(buffer, static_cast<size_t>(got));
         if (got <= 0) {
             nothing_read(got == 0 ? 0 : errno);
+        } else if (Connection::Reader* const reader = m_reader) {
+            m_reader = nullptr;
+            call<UserCall::FromWorker>([&](Connection&) { reader->answer(*reader, bytes); });
         } else if (m_input) {
-            const std::string_view bytes(buffer, static_cast<size_t>(got));
             call<UserCall::FromWorker>([&](Connection& self) { m_input(self, bytes); });
         }
     } else {
@@ -238,7 +242,7 @@ void ConnectionBody::input_by_mode() INFRA_NO_THREAD_SAFETY_ANALYSIS {
     if ((mode & REASONS) != 0) {
         return;  // since the pool was told
     }
-    if ((mode & MODE_PULL) != 0 && !m_reader) {
+    if ((mode & MODE_PULL) != 0 && m_reader == nullptr) {
         CGuard guard(m_mutex);
         hold(HOLD_DEMAND);
         return;
@@ -254,9 +258,10 @@ void ConnectionBody::input_by_mode() INFRA_NO_THREAD_SAFETY_ANALYSIS {
     }
     const std::string_view bytes(buffer, static_cast<size_t>(got));
     if ((mode & MODE_PULL) != 0) {
-        answer_reader(bytes);
+        Connection::Reader* const reader = std::exchange(m_reader, nullptr);
+        call<UserCall::FromWorker>([&](Connection&) { reader->answer(*reader, bytes); });
     } else if (m_input) {
-        call([&](Connection& self) { m_input(self, bytes); });
+        call<UserCall::FromWorker>([&](Connection& self) { m_input(self, bytes); });
     }
 }
 
@@ -285,38 +290,68 @@ void ConnectionBody::input_ended() {
 }
 
 void ConnectionBody::answer_reader(std::string_view bytes) {
-    if (m_reader) {
-        Connection::Input reader = std::move(m_reader);
-        call([&](Connection& self) { reader(self, bytes); });
+    if (Connection::Reader* const reader = std::exchange(m_reader, nullptr)) {
+        call([&](Connection&) { reader->answer(*reader, bytes); });
     }
 }
 
-void ConnectionBody::read_once(Connection::Input call) {
-    if (!is_inside()) {
-        Connection::Event ask = [this, call = std::move(call)](Connection& self) mutable {
-            is_inside() ? read_once(std::move(call)) : call(self, {});
-        };
-        if (!post(ask) && ask) {
-            Connection nobody;  // it is over
-            ask(nobody);
-        }
-        return;
-    }
+void ConnectionBody::read_by_asking() {
     if ((m_hold.load(std::memory_order_relaxed) & MODE_PULL) == 0) {
         CGuard guard(m_mutex);
         m_hold.fetch_or(MODE_PULL, std::memory_order_relaxed);
     }
-    if (m_reader || m_ended || m_over) {
-        if (m_reader) {
-            INFRA_LOG(2, "one question for input at a time: the second gets nothing\n");
+}
+
+void ConnectionBody::read_once(Connection::Reader& reader) {
+    if (!is_inside()) {
+        Connection::Event ask = [this, &reader](Connection&) { read_once(reader); };
+        read_by_asking();
+        if (!post(ask)) {
+            reader.answer(reader, {});  // it is over
         }
-        this->call([&](Connection& self) { call(self, {}); });
         return;
     }
-    m_reader = std::move(call);
-    if ((m_hold.load(std::memory_order_relaxed) & HOLD_DEMAND) != 0) {
+    if (!may_ask()) {
+        call([&](Connection&) { reader.answer(reader, {}); });
+        return;
+    }
+    m_reader = &reader;
+    const uint8_t mode = m_hold.load(std::memory_order_relaxed);
+    if (mode != MODE_PULL) {
+        read_by_asking();
         CGuard guard(m_mutex);
         release(HOLD_DEMAND);
+    }
+}
+
+bool ConnectionBody::may_ask() const {
+    if (m_reader != nullptr) {
+        INFRA_LOG(2, "one question for input at a time: the second gets nothing\n");
+    }
+    return m_reader == nullptr && !m_ended;
+}
+
+ConnectionBody::FunctionReader::FunctionReader(ConnectionBody& of) : Connection::Reader{nullptr}, body(of) {
+    answer = [](Connection::Reader& self, std::string_view bytes) {
+        ConnectionBody& asked = static_cast<FunctionReader&>(self).body;
+        Connection::Input question = std::move(asked.m_question);
+        question(asked.m_self, bytes);
+    };
+}
+
+void ConnectionBody::read_once(Connection::Input& question) {
+    read_by_asking();
+    if (is_inside() && may_ask()) {
+        m_question = std::move(question);
+        read_once(m_by_lambda);
+        return;
+    }
+    Connection::Event ask = [this, question = std::move(question)](Connection& self) mutable {
+        is_inside() && may_ask() ? read_once(question) : question(self, {});
+    };
+    if (!post(ask)) {
+        Connection nobody;  // it is over
+        ask(nobody);
     }
 }
 

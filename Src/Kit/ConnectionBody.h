@@ -71,7 +71,9 @@ public:
     void when_room(Connection::Room call);
     bool finish();
     void pause(bool on);
-    void read_once(Connection::Input call);
+    void read_by_asking();
+    void read_once(Connection::Input& call);
+    void read_once(Connection::Reader& reader);
     bool post(Connection::Event& call);
     bool after(int64_t delay_us, Connection::Event& call);
     bool is_inside() const;
@@ -112,6 +114,12 @@ private:
     static constexpr uint8_t MODE_PULL = 64;   ///< Input is asked for.
     static constexpr uint8_t MODE_IDLE = 128;  ///< There is an idle time-out.
 
+    /// Asks for a lambda.
+    struct FunctionReader : Connection::Reader {
+        explicit FunctionReader(ConnectionBody& of);
+        ConnectionBody& body;
+    };
+
     struct Due {
         long timer = -1;
         uint64_t due_us = 0;
@@ -130,6 +138,7 @@ private:
     void run_mail();
     void finalize();
     void answer_reader(std::string_view bytes);
+    bool may_ask() const;
     template <typename Mark = UserCall, typename Call>
     void call(Call&& call);
     __attribute__((noinline)) void find_self();
@@ -169,7 +178,9 @@ private:
     bool m_ended = false;  ///< The peer has ended its direction.
     Connection m_self;     ///< What call-backs are given.
     Connection::Input m_input;
-    Connection::Input m_reader;  ///< Who asks.
+    Connection::Input m_question;            ///< What a lambda is asked for by,
+    Connection::Reader* m_reader = nullptr;  ///< and by an object; both answers to one.
+    FunctionReader m_by_lambda{*this};
     Connection::Event m_end;
     Connection::Event m_on_drained;
     Connection::Closed m_closed;

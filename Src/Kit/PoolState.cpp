@@ -8,6 +8,8 @@
 #include <Infra/Time.h>
 #include <Reticor/NetThread.h>
 
+#include "Kit/resolve/Resolver.h"
+
 namespace Orvex::Reticor::Kit {
 inline namespace v1 {
 
@@ -153,6 +155,7 @@ void PoolState::destroy() {
     while (!wait_empty(UINT64_MAX)) {
     }
     CNetThread::DestroyPrivatePool(m_index);
+    Resolver::reap();
     m_index = -1;
 }
 

@@ -1,13 +1,7 @@
 // Server: the face of ServerState.
 #include <Reticor/kit/Server.h>
 
-#include <poll.h>
-#include <sys/eventfd.h>
-#include <sys/signalfd.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <new>
@@ -36,37 +30,20 @@ size_t pools_for(size_t connections) {
     return std::min(MOST_POOLS, connections > EACH ? (connections - 1) / EACH + 1 : 1);
 }
 
-/// SIGINT and SIGTERM, kept from the calling thread while this lives.
-class EndSignals {
-public:
-    EndSignals() {
-        sigemptyset(&m_set);
-        sigaddset(&m_set, SIGINT);
-        sigaddset(&m_set, SIGTERM);
-        pthread_sigmask(SIG_BLOCK, &m_set, &m_before);
-        m_descriptor = signalfd(-1, &m_set, SFD_CLOEXEC | SFD_NONBLOCK);
+/// Waits for SIGINT or SIGTERM, which are blocked, and takes those that have come.
+void take_signals(bool wait) {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGTERM);
+    int number = 0;
+    if (wait) {
+        sigwait(&set, &number);
     }
-    ~EndSignals() {
-        close(m_descriptor);
-        pthread_sigmask(SIG_SETMASK, &m_before, nullptr);
+    const timespec now{};
+    while (sigtimedwait(&set, nullptr, &now) >= 0) {
     }
-    EndSignals(const EndSignals&) = delete;
-    EndSignals& operator=(const EndSignals&) = delete;
-
-    /// Waits for one of them, or until `wake` can be read; takes the signal.
-    void wait(int wake) {
-        pollfd watched[2] = {{m_descriptor, POLLIN, 0}, {wake, POLLIN, 0}};
-        while (poll(watched, 2, -1) < 0 && errno == EINTR) {
-        }
-        signalfd_siginfo taken;
-        static_cast<void>(!read(m_descriptor, &taken, sizeof taken));
-    }
-
-private:
-    sigset_t m_set{};
-    sigset_t m_before{};
-    int m_descriptor = -1;
-};
+}
 
 }  // namespace
 
@@ -80,7 +57,6 @@ Server::Server(Connection::Event start, const ServerOptions& options)
         INFRA_LOG(2, "a server without a call-back for its connections serves nobody\n");
         return;
     }
-    m_state->m_wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     const size_t count = pools_for(options.most_connections);
     try {
         m_state->m_pools.reserve(count);
@@ -109,9 +85,6 @@ Server::~Server() {
     m_state->m_pools.clear();  // waits for whatever stayed
     for (ListenerBody* const listener : m_state->m_listeners) {
         listener->DecRef();
-    }
-    if (m_state->m_wake >= 0) {
-        close(m_state->m_wake);
     }
     delete m_state;
 }
@@ -180,16 +153,17 @@ int Server::run(std::chrono::milliseconds drain) {
         return 1;
     }
     {
-        EndSignals signals;
-        signals.wait(m_state->m_wake);
+        const EndSignals signals;
+        take_signals(m_state->begin_run());
+        m_state->end_run();
+        take_signals(false);  // of a request that came beside a signal
     }
     return stop(drain).stayed == 0 ? 0 : 1;
 }
 
 void Server::requestStop() noexcept {
-    const uint64_t one = 1;
-    if (m_state != nullptr && m_state->m_wake >= 0) {
-        static_cast<void>(!write(m_state->m_wake, &one, sizeof one));
+    if (m_state != nullptr) {
+        m_state->request_stop();
     }
 }
 

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <new>
 
 #include <Infra/Log.h>
@@ -137,6 +138,26 @@ void ServerState::tell() {
         program_invocation_short_name, static_cast<uintmax_t>(fresh[NO_PLACE]),
         static_cast<uintmax_t>(fresh[TOO_MANY]), static_cast<uintmax_t>(fresh[NO_DESCRIPTOR]),
         static_cast<uintmax_t>(sum));
+}
+
+bool ServerState::begin_run() {
+    CGuard guard(m_mutex);
+    m_runner = pthread_self();
+    m_running = true;
+    return !m_stop_asked;
+}
+
+void ServerState::end_run() {
+    CGuard guard(m_mutex);
+    m_running = false;
+}
+
+void ServerState::request_stop() {
+    CGuard guard(m_mutex);
+    m_stop_asked = true;
+    if (m_running) {
+        pthread_kill(m_runner, SIGTERM);
+    }
 }
 
 ServerCounts ServerState::counts() const {

@@ -1,6 +1,8 @@
 // ServerState: what a server of the kit shares with its listeners and connections.
 #pragma once
 
+#include <pthread.h>
+
 #include <array>
 #include <atomic>
 #include <cstddef>
@@ -40,6 +42,12 @@ struct ServerState final : ConnectionKeeper {
     void tell();
     bool has_news() const { return refused_sum() != m_told.load(std::memory_order_relaxed); }
 
+    /// The calling thread has SIGTERM blocked and is going to wait for it: from here on `request_stop`
+    /// sends it one. False if it was asked before.
+    bool begin_run();
+    void end_run();
+    void request_stop();
+
     void gone(ConnectionBody& body) override;
     ServerCounts counts() const;
 
@@ -51,8 +59,6 @@ struct ServerState final : ConnectionKeeper {
     std::vector<Pool> m_pools;               ///< Constant once the server is made,
     std::vector<PoolState*> m_states;        ///< as are these, of the same pools.
     std::vector<ListenerBody*> m_listeners;  ///< The server's own thread's. References.
-    int m_wake = -1;                         ///< An eventfd that ends `run`.
-    std::atomic<bool> m_stop_asked{false};
     bool m_stopped = false;
     StopReport m_report;
 
@@ -67,6 +73,9 @@ private:
     std::atomic<uint64_t> m_told{0};
 
     Infra::CMutex m_mutex{Infra::LockClass::KIT_SERVER};
+    bool m_stop_asked INFRA_GUARDED_BY(m_mutex) = false;
+    bool m_running INFRA_GUARDED_BY(m_mutex) = false;
+    pthread_t m_runner INFRA_GUARDED_BY(m_mutex){};                     ///< While it is in `run`.
     std::map<std::string, size_t> m_origins INFRA_GUARDED_BY(m_mutex);  ///< Connections from there.
     std::array<uint64_t, REFUSALS> m_last INFRA_GUARDED_BY(m_mutex){};  ///< As they were told last.
 };

@@ -46,6 +46,7 @@
       "what lives on a pool of the kit; held while something new is made there") \
     X(KIT_LISTENER, "ListenerBody::m_mutex", "a listening socket of the kit, and its spare descriptor") \
     X(KIT_SERVER, "ServerState::m_mutex", "whom a server of the kit has let in and turned away") \
+    X(KIT_CONNECTOR, "Connector::m_mutex of the kit", "an attempt to connect") \
     X(KIT_MAILBOX, "MailboxBody::m_mutex", "calls that were posted to a pool of the kit") \
     X(KIT_CONNECTION, "ConnectionBody::m_mutex", \
       "a connection's descriptor and output; held while it registers and posts") \
@@ -67,6 +68,7 @@
     X(SELECT_PIPE, "Waker::m_pipe_mutex", "wake-ups on their way") \
     X(QUEUE, "CEventQueue::m_mutex", "a queue's records") \
     X(FREE_RECORDS, "CEventFreeList::m_mutex", "the records that rest") \
+    X(KIT_RESOLVER, "mutex of the kit's Resolver", "names that are to be looked up, and who does that") \
     X(RESOLVER, "CGetHostByName::sm_mutex", "names that are looked up") \
     X(TS_KEY, "MemTables::sm_key_mutex", "the thread-local key") \
     X(TS_POOL, "MemTables::sm_pool_mutex", "memory that threads have left") \

@@ -178,10 +178,23 @@ public:
     /// Input is delivered again.
     void resume();
 
-    /// Reads by asking: `call` gets the next bytes, once, or an empty view when no more will come. From the
-    /// first time on this takes the place of `onInput`, and nothing is read while nobody asks. One question
-    /// at a time: a second one is answered with an empty view, and a line at level 2.
+    /// From now on nothing is read but what `readOnce` asks for, and `onInput` is not called.
+    void readByAsking();
+
+    /// `readByAsking`, and the question: `call` gets the next bytes, once, or an empty view when no more will
+    /// come. One question at a time: a second one is answered with an empty view, and a line at level 2.
     void readOnce(Input call);
+
+    /// Whoever asks by an object of its own, such as a coroutine: the shortest way.
+    struct Reader {
+        /// Called once, as a call of the connection, with what `readOnce` tells; on the asking thread, if the
+        /// connection has ended already. The reader may be gone when it returns.
+        void (*answer)(Reader& self, std::string_view bytes);
+    };
+
+    /// The same with a reader, which stays the caller's and must stay until it is answered. An empty
+    /// connection answers at once.
+    void readOnce(Reader& reader);
 
     // ---- calls -----------------------------------------------------------------------------------------
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <csignal>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -41,6 +42,30 @@ struct ServerCounts {
     uint64_t refused_descriptors = 0;  ///< Closed at once: the process had no descriptor left.
     /// All who were refused.
     uint64_t refused() const { return refused_places + refused_address + refused_descriptors; }
+};
+
+/// Keeps SIGINT and SIGTERM from the calling thread, and from those that it starts, while this lives; they
+/// wait for `Server::run` then. Made first in `main`, it leaves no moment in which Ctrl-C ends the program
+/// by force.
+class EndSignals {
+public:
+    /// Blocks the two signals.
+    EndSignals() {
+        sigset_t both;
+        sigemptyset(&both);
+        sigaddset(&both, SIGINT);
+        sigaddset(&both, SIGTERM);
+        pthread_sigmask(SIG_BLOCK, &both, &m_before);
+    }
+    /// Back to what was before.
+    ~EndSignals() { pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
+    /// There is no copy.
+    EndSignals(const EndSignals&) = delete;
+    /// There is no copy.
+    EndSignals& operator=(const EndSignals&) = delete;
+
+private:
+    sigset_t m_before;
 };
 
 /// A server for byte streams. It owns its pools, and all connections that come to it.

@@ -53,7 +53,9 @@ public:
     UniqueFunction(UniqueFunction&& other) noexcept { take(other); }
     /// The same; what was held before is destroyed last.
     UniqueFunction& operator=(UniqueFunction&& other) noexcept {
-        if (this != &other) {
+        if (m_table == nullptr) {
+            take(other);
+        } else if (this != &other) {
             UniqueFunction before(std::move(*this));  // goes last: its end may look at this one
             take(other);
         }
