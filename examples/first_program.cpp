@@ -1,41 +1,23 @@
-// The first program of README.md: three ticks of a timer, on a worker thread, and a clean end.
+// first_program: an echo server in fifteen lines, the first program of the README.
+//
+// What it teaches:
+//  - a server takes a lambda that sets up each connection; the connection keeps what it is given;
+//  - `run` waits for Ctrl-C and ends in order.
 #include <cstdio>
 
-#include <Infra/Semaphore.h>
-#include <Reticor/NetHandler.h>
-#include <Reticor/NetThread.h>
+#include <Reticor/kit/Server.h>
 
-using namespace Orvex;
-
-Infra::CSemaphore g_gone{0};
-
-class Ticker : public Reticor::CNetHandler {
-public:
-    void start() { SetTimer(200000); }  // microseconds
-
-    int64_t handle_timeout(long) override {  // runs on a worker of the pool
-        std::printf("tick %d\n", ++m_ticks);
-        if (m_ticks == 3) {
-            Close();
-        }
-        return m_ticks == 3 ? -1 : 0;  // below 0: no more; 0: again, after the same time
-    }
-
-    int handle_close(CNetHandler* self) override {  // the last reference is gone
-        delete self;
-        g_gone.post();
-        return 0;
-    }
-
-private:
-    int m_ticks = 0;
-};
+namespace Kit = Orvex::Reticor::Kit;
 
 int main() {
-    if (Reticor::CreateThreadPool(2, 0) != 0) {
+    Kit::EndSignals signals;                          // Ctrl-C waits for `run`
+    Kit::Server server([](Kit::Connection& client) {  // called for everybody who connects
+        client.onInput([](Kit::Connection& c, std::string_view bytes) { c.write(bytes); });
+    });
+    if (!server.listen("127.0.0.1", 0)) {  // 0: any port that is free
         return 1;
     }
-    (new Ticker)->start();
-    g_gone.pend();
-    return Reticor::DestroyThreadPool();
+    std::printf("listening on %s\n", server.address().c_str());
+    std::fflush(stdout);
+    return server.run();  // until Ctrl-C
 }

@@ -54,7 +54,7 @@ TEST(Chat, ServesNcatFromBeginToEnd) {
     Guest ann(chat, "ann");
     ChildProcess ncat({"ncat", chat.host(), std::to_string(chat.port())});
     EXPECT_EQ("your name?", ncat.readLine());
-    EXPECT_EQ("* welcome, bob\n* here: bob ann\n", ncat.exchange("bob\ngood day\n/who\n/quit\n"));
+    EXPECT_EQ("* welcome, bob\n* here: ann bob\n", ncat.exchange("bob\ngood day\n/who\n/quit\n"));
     EXPECT_EQ("* bob joined", ann.receiveLine());
     EXPECT_EQ("bob: good day", ann.receiveLine());
     EXPECT_EQ("* bob left", ann.receiveLine());

@@ -49,6 +49,41 @@ private:
 
 }  // namespace
 
+TEST_F(Guide, AServerCountsLetters) {
+    std::atomic<int> lines{0};
+    Kit::Server server(countLetters(lines));
+    ASSERT_TRUE(openOnBothFamilies(server, 0));
+    TcpClient client(server.port(), "::1");
+    client.send("four\nthre");
+    EXPECT_EQ("4 letters", client.receiveLine());
+    client.send("e\n");
+    EXPECT_EQ("5 letters", client.receiveLine());
+    EXPECT_EQ(2, lines);
+}
+
+TEST_F(Guide, AServerStaysAwake) {
+    std::atomic<int> count{0};
+    Kit::Pool pool(1);
+    Kit::Every seconds;
+    Kit::Server server(stayAwake(seconds, pool, count));
+    ASSERT_TRUE(server.listen("127.0.0.1", 0));
+    TcpClient client(server.port());
+    EXPECT_EQ("welcome", client.receiveLine());
+    EXPECT_EQ("still here", client.receiveLine());
+    EXPECT_TRUE(seconds.isArmed());
+}
+
+TEST_F(Guide, AClientAsksForALine) {
+    std::atomic<int> lines{0};
+    Kit::Server server(countLetters(lines));
+    ASSERT_TRUE(server.listen("127.0.0.1", 0));
+    std::string answer;
+    CSemaphore done(0);
+    ASSERT_TRUE(askForALine(server.pool(), "127.0.0.1", server.port(), answer, done));
+    done.pend();
+    EXPECT_EQ("5 letters\n", answer);
+}
+
 TEST_F(Guide, PulseBeatsAsOftenAsItWasAskedTo) {
     std::atomic<int> beats{0};
     Pulse::Create(m_gone, beats, 10);
