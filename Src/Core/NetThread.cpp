@@ -4,14 +4,18 @@
 
 #include <atomic>
 #include <cassert>
+#include <cerrno>
 #include <cstdint>
 #include <memory>
 #include <new>
+#include <utility>
+#include <vector>
 
 #include <Infra/LockClasses.h>
 #include <Infra/Log.h>
 #include <Infra/Mutex.h>
 #include <Reticor/R3.h>
+#include <Reticor/Stats.h>
 #include <Reticor/TsMemory.h>
 
 #include "Core/handle/HandlerDrops.h"
@@ -22,7 +26,12 @@
 #include "Core/service/NetSock.h"
 #include "Core/service/NetTimer.h"
 #include "Core/service/SockTimer.h"
+#include "Core/stats/HandlerListing.h"
+#include "Core/stats/LeftHandlers.h"
+#include "Core/stats/StatsServer.h"
+#include "Core/stats/StuckWatch.h"
 #include "R3/server/Debug.h"
+#include "Socket/address/SockError.h"
 #include "Tool/file/FileThread.h"
 #include "Tool/file/NFileEnd.h"
 #include "Tool/receive/ReceiverGroup.h"
@@ -88,10 +97,19 @@ private:
     int start_file_threads(AfterLock& after) INFRA_REQUIRES(m_mutex);
     int check_on_init(unsigned int threads, bool file_io, AfterLock& after) INFRA_REQUIRES(m_mutex);
     CThreadPool* retire(int index, AfterLock& after) INFRA_REQUIRES(m_mutex);
+    static void tell_of_left(const LeftHandlers& left, int index);
     int ReleaseAll(AfterLock& after) INFRA_REQUIRES(m_mutex);
 };
 
 Library g_library;
+
+/// What looks at the process from threads of its own, whatever pools there are.
+struct Serving {
+    Infra::CMutex m_mutex{Infra::LockClass::STATS_SERVING};  ///< Held while such a thread is joined.
+    StatsServer* m_server INFRA_GUARDED_BY(m_mutex) = nullptr;
+};
+
+Serving g_serving;
 
 /// The index of the lowest empty slot for a private pool; -1 if there is none.
 int lowest_free_slot() {
@@ -183,7 +201,21 @@ CThreadPool* Library::retire(int index, AfterLock& after) {
     sock_timer().UnlinkAll(pool->m_sock_tree);
     CNetTimer::DropPool(index, pool->m_ids.Next());
     CMessage::CloseQueued(*pool, after.drops);
+    tell_of_left(LeftHandlers(index, pool->m_ids.First(), pool->m_ids.Next()), index);
     return pool;
+}
+
+/// Who keeps a process alive is hard to find once its pool is gone.
+void Library::tell_of_left(const LeftHandlers& left, int index) {
+    for (size_t i = 0; i < left.Count(); ++i) {
+        INFRA_LOG_STATIC(
+            2, "pool %d ends with handlers left of class %s: %u open, %u closed, close not delivered\n",
+            index, left.At(i).class_name, left.At(i).open, left.At(i).unreleased);
+    }
+    if (left.OtherClasses() != 0) {
+        INFRA_LOG_STATIC(2, "pool %d ends with %u handlers left of %u other classes\n", index,
+                         left.OtherHandlers(), left.OtherClasses());
+    }
 }
 
 /// Takes the library down once the public pool is the last one and only the set-up's own count is left.
@@ -348,6 +380,61 @@ int CNetThread::TraversalSock() {
 
 int CNetThread::GetSocksWithoutPlace(int pool) {
     return PoolTable::SocksWithoutPlace(pool);
+}
+
+int CNetThread::ListHandlers(bool (*call)(void* context, const HandlerInfo& handler), void* context) {
+    std::vector<HandlerInfo> handlers;
+    try {
+        list_handlers(handlers);
+    } catch (const std::bad_alloc&) {
+        return -1;
+    }
+    for (const HandlerInfo& handler : handlers) {
+        if (!call(context, handler)) {
+            break;
+        }
+    }
+    return static_cast<int>(handlers.size());
+}
+
+int CNetThread::SetStuckLimit(int limit_ms) {
+    Infra::CGuard guard(g_serving.m_mutex);
+    return StuckWatch::Set(limit_ms) ? 0 : -1;
+}
+
+void CNetThread::SetStuckHook(void (*hook)(void* context, const StuckCall& call), void* context) {
+    StuckWatch::SetHook(hook, context);
+}
+
+int CNetThread::ServeStats(const char* path) {
+    Infra::CGuard guard(g_serving.m_mutex);
+    if (g_serving.m_server != nullptr) {
+        INFRA_LOG_STATIC(2, "%s : serves already!\n", INFRA_FUNCTION);
+        return -1;
+    }
+    int error = ENOMEM;
+    try {
+        auto server = std::make_unique<StatsServer>();
+        if (server->Start(path)) {
+            g_serving.m_server = server.release();
+            return 0;
+        }
+        error = errno;
+    } catch (const std::bad_alloc&) {
+        error = ENOMEM;
+    }
+    INFRA_LOG_STATIC(2, "%s : can't serve at %s, %s\n", INFRA_FUNCTION, path,
+                     GetSockErrorText(error).c_str());
+    return -1;
+}
+
+int CNetThread::StopServingStats() {
+    Infra::CGuard guard(g_serving.m_mutex);
+    if (g_serving.m_server == nullptr) {
+        return -1;
+    }
+    delete std::exchange(g_serving.m_server, nullptr);
+    return 0;
 }
 
 int CNetThread::EnableR3() {

@@ -5,6 +5,9 @@
 
 namespace Orvex::Reticor {
 
+struct HandlerInfo;
+struct StuckCall;
+
 extern "C" {
 
 /// `CNetThread::CreateThreadPool(threads, file_io != 0)`.
@@ -95,6 +98,34 @@ public:
     /// they are registered once more while there is room. 0 in a pool that was never full. Any thread, also
     /// inside `handle_*`; does not block. Result: the number, or -1 if there is no such pool.
     static int GetSocksWithoutPlace(int pool);
+
+    /// Calls `call` for every handler of the process, the oldest first, with no lock held: what it is, and
+    /// what may keep it alive. It ends early when `call` gives false. `context` is handed through. Any
+    /// thread, also inside `handle_*`; waits for no handler. Result: how many there were; -1 without memory.
+    static int ListHandlers(bool (*call)(void* context, const HandlerInfo& handler), void* context);
+
+    /// Has calls of handlers named that run longer than `limit_ms` milliseconds: a line at level 2, once for
+    /// each call, no later than twice the limit after its beginning. It tells pool, thread, class, id, which
+    /// call, and whether it blocks, and where, or spins. 0 ends that, as it is at the start. A thread of its
+    /// own looks twice in each limit while anything is called, and sleeps otherwise; calls read no clock for
+    /// it. Blocks for the end of that thread with 0. Result: 0, or -1 if the system gives no thread.
+    static int SetStuckLimit(int limit_ms);
+
+    /// Has `hook` called as well for each call that is named, on the thread that looks, with no lock held.
+    /// Null, as it is at the start, calls nothing. `context` is handed through. The hook changes no limit.
+    static void SetStuckHook(void (*hook)(void* context, const StuckCall& call), void* context);
+
+    /// Answers at a Unix socket at `path`, which this user alone may open, what the process does: from a
+    /// thread of its own, so also while all workers hang. A client sends a line ("text", "json", "metrics",
+    /// "handlers", "timing on" or "timing off") and gets the answer; then its connection is closed. Sixteen
+    /// may be connected; whoever has been so longest gives way to the next one. A socket at the path that
+    /// nobody listens at is replaced. It stays until StopServingStats, whatever pools there are. Result: 0;
+    /// -1, with a line at level 2, if it serves already, the path is taken or longer than 107 bytes, or the
+    /// system gives no socket, no thread or no memory.
+    static int ServeStats(const char* path);
+
+    /// Ends that: blocks until the thread has ended, and removes the path. Result: 0; -1 if none is served.
+    static int StopServingStats();
 };
 
 }  // namespace Orvex::Reticor

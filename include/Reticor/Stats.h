@@ -57,6 +57,8 @@ struct ProcessStats {
     uint64_t handlers;                     ///< That were constructed and not yet destroyed.
     uint64_t timers_armed;                 ///< Timers of all pools that wait for their time.
     TimeSpread timer_lateness;             ///< From a timer's time until it was given to its pool.
+    uint64_t stuck;       ///< Calls that run longer than `CNetThread::SetStuckLimit` says, now.
+    uint64_t stuck_ever;  ///< Calls that were named for that.
 };
 
 /// A pool. Counters go on over all lives of the pools with that index.
@@ -123,6 +125,39 @@ struct HandlerClassStats {
     uint64_t time_ns;  ///< and how long they took together.
 };
 
+/// A handler at one moment.
+struct HandlerInfo {
+    uint32_t size = sizeof(HandlerInfo);  ///< Bytes that the library knows.
+    uint32_t version = STATS_VERSION;     ///< Of the library.
+    const char* class_name;               ///< As in HandlerClassStats. Good for the life of the process.
+    const char* state;   ///< "open", "closing" (nobody took the close message yet), "detached" (there are
+                         ///< references), "released" (`handle_close` was called). As long.
+    int64_t id;          ///< 0 for one that is being made, or for which there was no memory.
+    int32_t pool;        ///< The pool that the id names, -1 with the id 0. It may have ended.
+    uint32_t reserved;   ///< 0.
+    uint64_t age_ms;     ///< Since the constructor, in steps of some milliseconds.
+    int64_t references;  ///< That keep it alive; one of them is the pool's until it is detached.
+    int64_t sockets;     ///< Registered on it.
+    uint64_t timers;     ///< Armed.
+};
+
+/// A call of a handler that does not come back.
+struct StuckCall {
+    uint32_t size = sizeof(StuckCall);  ///< Bytes that the library knows.
+    uint32_t version = STATS_VERSION;   ///< Of the library.
+    int32_t pool;                       ///< Whose worker it holds; -1 for another thread.
+    int32_t thread_id;                  ///< The kernel's number, gettid(2).
+    const char* class_name;             ///< As in HandlerClassStats. Good for the life of the process.
+    const char* call;                   ///< "handle_input" and so on. As long.
+    int64_t handler;                    ///< The handler's id.
+    uint64_t run_us;                    ///< For how long it was seen to run.
+    uint32_t times;                     ///< How many calls of this class were named, this one included.
+    uint32_t spins;                     ///< 1 if it uses the processor, 0 if it blocks,
+    char where[64];                     ///< in the kernel's function of that name; empty if it spins.
+    uint32_t starved;                   ///< 1 if records wait in the pool and no worker is left.
+    uint32_t reserved;                  ///< 0.
+};
+
 /// How much was done between two snapshots, and how fast. Rates are by second.
 struct PoolRates {
     uint32_t size = sizeof(PoolRates);  ///< Bytes that the caller knows.
@@ -182,6 +217,16 @@ public:
     size_t GetClassCount() const;
     /// The classes, those with the most calls first.
     int GetClass(size_t place, HandlerClassStats& stats) const;
+
+    // As texts. The first `size` bytes are written to `room`, without an end mark. Result: the length of the
+    // whole text, whatever the room; 0 of an empty snapshot, or without memory.
+
+    /// For people.
+    size_t toText(char* room, size_t size) const;
+    /// One object, on one line. Ids are strings: many readers keep numbers of 53 bits.
+    size_t toJson(char* room, size_t size) const;
+    /// The text exposition format of metrics, with `reticor_build_info`; pools are told by the label `pool`.
+    size_t toPrometheus(char* room, size_t size) const;
 
     /// Has clocks read from now on, or not any more: for `wait`, `run` and `time_ns`. Off at the start.
     static void SetTiming(bool on);

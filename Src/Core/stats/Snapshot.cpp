@@ -18,6 +18,7 @@
 #include "Core/pool/PoolLease.h"
 #include "Core/pool/ThreadPool.h"
 #include "Core/service/NetTimer.h"
+#include "Core/stats/StuckWatch.h"
 
 namespace Orvex::Reticor {
 
@@ -170,6 +171,8 @@ void Snapshot::gather_process() {
     process.timing = Timing::IsOn() ? 1 : 0;
     process.timers_armed = static_cast<uint64_t>(CNetTimer::heap().Count());
     process.timer_lateness = spread_of(late);
+    process.stuck = StuckWatch::Now();
+    process.stuck_ever = StuckWatch::Total();
 }
 
 void Snapshot::gather_pools() {

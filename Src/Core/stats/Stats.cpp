@@ -8,6 +8,7 @@
 
 #include "Core/count/Timing.h"
 #include "Core/stats/Snapshot.h"
+#include "Core/stats/StatsTexts.h"
 
 namespace Orvex::Reticor {
 
@@ -44,6 +45,20 @@ int hand_out(const Stats& from, Stats& to) {
 template <class Stats>
 int hand_out_at(const std::vector<Stats>* all, size_t place, Stats& to) {
     return all != nullptr && place < all->size() ? hand_out((*all)[place], to) : -1;
+}
+
+size_t write_out(const Snapshot& snapshot, void (*write)(const Snapshot&, TextRoom&), char* room,
+                 size_t size) {
+    try {
+        TextRoom out;
+        write(snapshot, out);
+        if (size != 0) {
+            std::memcpy(room, out.text().data(), std::min(size, out.text().size()));
+        }
+        return out.text().size();
+    } catch (const std::bad_alloc&) {
+        return 0;
+    }
 }
 
 TimeSpread difference(const TimeSpread& older, const TimeSpread& newer) {
@@ -106,6 +121,18 @@ size_t CStats::GetClassCount() const {
 
 int CStats::GetClass(size_t place, HandlerClassStats& stats) const {
     return hand_out_at(m_state != nullptr ? &m_state->snapshot.classes : nullptr, place, stats);
+}
+
+size_t CStats::toText(char* room, size_t size) const {
+    return m_state != nullptr ? write_out(m_state->snapshot, &write_text, room, size) : 0;
+}
+
+size_t CStats::toJson(char* room, size_t size) const {
+    return m_state != nullptr ? write_out(m_state->snapshot, &write_json, room, size) : 0;
+}
+
+size_t CStats::toPrometheus(char* room, size_t size) const {
+    return m_state != nullptr ? write_out(m_state->snapshot, &write_metrics, room, size) : 0;
 }
 
 void CStats::SetTiming(bool on) {

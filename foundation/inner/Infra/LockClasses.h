@@ -10,6 +10,8 @@
 #define INFRA_LOCK_CLASSES(X) \
     X(SETUP, "Library::m_mutex of NetThread", \
       "creating and destroying of pools; held while threads are joined") \
+    X(STATS_SERVING, "m_mutex of Serving in NetThread", \
+      "start and end of the threads that look on; held while they are joined") \
     X(R3_START, "start mutex of R3Server", "start and end of the debug server") \
     X(RECEIVER, "MediaReceiverState::m_mutex", "one stream receiver") \
     X(RECEIVER_GROUPS, "ReceiverGroup::sm_mutex", "the groups of receivers' threads") \
@@ -61,6 +63,7 @@
     X(OBJECT_IDS, "CObjectId::m_mutex", "the free ids of a pool") \
     X(OBJECT_TABLE, "CObjectTable::m_lock", \
       "the open handlers; nothing but a reference count is touched under it") \
+    X(STUCK_HOOK, "StuckWatch::sm_mutex", "the hook for calls that do not come back") \
     X(STATS, "m_mutex of OpenedSoFar", "how many handlers of each class were made") \
     X(HANDLER_LIST, "shards of HandlerList", "the list of all handlers, also of those that nobody finds") \
     X(CLASS_ROWS, "ClassRows::sm_mutex", "the names of handler classes") \

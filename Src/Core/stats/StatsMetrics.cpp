@@ -1,0 +1,128 @@
+// StatsMetrics: the exposition format of StatsTexts. Every series once, under help and type of its family.
+#include "Core/stats/StatsTexts.h"
+
+namespace Orvex::Reticor {
+
+namespace {
+
+constexpr char LIBRARY_VERSION[] = "1.0.0";
+
+void family(const char* name, const char* type, const char* help, TextRoom& out) {
+    out << "# HELP " << name << " " << help << "\n# TYPE " << name << " " << type << "\n";
+}
+
+void pool_families(const Snapshot& snapshot, TextRoom& out) {
+    for (size_t i = 0; i < POOL_FIGURE_COUNT; ++i) {
+        const PoolFigure& figure = POOL_FIGURES[i];
+        const std::string name =
+            std::string("reticor_pool_") + figure.name + (figure.counter ? "_total" : "");
+        family(name.c_str(), figure.counter ? "counter" : "gauge", figure.help, out);
+        for (const PoolStats& pool : snapshot.pools) {
+            out << name << "{pool=\"" << pool.pool << "\"} " << pool.*figure.value << "\n";
+        }
+    }
+    family("reticor_pool_workers", "gauge", "Threads that call handlers.", out);
+    for (const PoolStats& pool : snapshot.pools) {
+        out << "reticor_pool_workers{pool=\"" << pool.pool << "\"} " << pool.workers << "\n";
+    }
+    family("reticor_pool_busy", "gauge", "Workers that neither sleep nor wait for sockets.", out);
+    for (const PoolStats& pool : snapshot.pools) {
+        out << "reticor_pool_busy{pool=\"" << pool.pool << "\"} " << pool.busy << "\n";
+    }
+}
+
+double in_seconds(uint64_t ns) {
+    return static_cast<double>(ns) / 1e9;
+}
+
+/// Places from 1 us to 17 s, every other one: enough to see where time goes.
+void histogram(const char* name, const std::string& label, const TimeSpread& spread, TextRoom& out) {
+    constexpr size_t FIRST = 10;
+    constexpr size_t LAST = 34;
+    const std::string comma = label.empty() ? "" : ",";
+    uint64_t below = 0;
+    for (size_t i = 0; i <= LAST; ++i) {
+        below += spread.count[i];
+        if (i >= FIRST && i % 2 == 0) {
+            out << name << "_bucket{" << label << comma << "le=\"" << in_seconds(uint64_t{1} << i) << "\"} "
+                << below << "\n";
+        }
+    }
+    const std::string braces = label.empty() ? "" : "{" + label + "}";
+    out << name << "_bucket{" << label << comma << "le=\"+Inf\"} " << spread.GetCount() << "\n"
+        << name << "_sum" << braces << " " << in_seconds(spread.sum_ns) << "\n"
+        << name << "_count" << braces << " " << spread.GetCount() << "\n";
+}
+
+void spread_families(const Snapshot& snapshot, TextRoom& out) {
+    struct Family {
+        const char* name;
+        const char* help;
+        TimeSpread PoolStats::*spread;
+    };
+    constexpr Family FAMILIES[] = {
+        {"reticor_pool_wait_seconds", "From the push of a record until its call, while timing is on.",
+         &PoolStats::wait},
+        {"reticor_pool_run_seconds", "Calls of handlers, while timing is on; of messages one in 16.",
+         &PoolStats::run},
+    };
+    for (const Family& each : FAMILIES) {
+        family(each.name, "histogram", each.help, out);
+        for (const PoolStats& pool : snapshot.pools) {
+            histogram(each.name, "pool=\"" + std::to_string(pool.pool) + "\"", pool.*each.spread, out);
+        }
+    }
+    family("reticor_timer_lateness_seconds", "histogram",
+           "From a timer's time until it was given to its pool.", out);
+    histogram("reticor_timer_lateness_seconds", "", snapshot.process.timer_lateness, out);
+}
+
+void class_families(const Snapshot& snapshot, TextRoom& out) {
+    struct Family {
+        const char* name;
+        const char* type;
+        const char* help;
+        uint64_t HandlerClassStats::*value;
+    };
+    constexpr Family FAMILIES[] = {
+        {"reticor_handlers", "gauge", "Live handlers of a class.", &HandlerClassStats::live},
+        {"reticor_handlers_closed_total", "counter", "Handlers of a class that were closed.",
+         &HandlerClassStats::closed},
+        {"reticor_handler_calls_total", "counter", "Calls of handlers of a class.",
+         &HandlerClassStats::calls},
+        {"reticor_handler_timed_calls_total", "counter", "Calls that were measured.",
+         &HandlerClassStats::timed},
+    };
+    for (const Family& each : FAMILIES) {
+        family(each.name, each.type, each.help, out);
+        for (const HandlerClassStats& row : snapshot.classes) {
+            out << each.name << "{class=";
+            out.Quote(row.name) << "} " << row.*each.value << "\n";
+        }
+    }
+    family("reticor_handler_time_seconds_total", "counter", "How long measured calls took.", out);
+    for (const HandlerClassStats& row : snapshot.classes) {
+        out << "reticor_handler_time_seconds_total{class=";
+        out.Quote(row.name) << "} " << in_seconds(row.time_ns) << "\n";
+    }
+}
+
+}  // namespace
+
+void write_metrics(const Snapshot& snapshot, TextRoom& out) {
+    family("reticor_build_info", "gauge", "The library; its value is always 1.", out);
+    out << "reticor_build_info{version=\"" << LIBRARY_VERSION << "\"} 1\n";
+    family("reticor_pools", "gauge", "Pools that run.", out);
+    out << "reticor_pools " << snapshot.process.pools << "\n";
+    family("reticor_timing", "gauge", "1 while times are measured.", out);
+    out << "reticor_timing " << snapshot.process.timing << "\n";
+    family("reticor_stuck_calls", "gauge", "Calls that run longer than the limit.", out);
+    out << "reticor_stuck_calls " << snapshot.process.stuck << "\n";
+    family("reticor_stuck_calls_named_total", "counter", "Calls that ran longer than the limit.", out);
+    out << "reticor_stuck_calls_named_total " << snapshot.process.stuck_ever << "\n";
+    pool_families(snapshot, out);
+    spread_families(snapshot, out);
+    class_families(snapshot, out);
+}
+
+}  // namespace Orvex::Reticor

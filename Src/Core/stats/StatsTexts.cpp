@@ -1,0 +1,176 @@
+// StatsTexts: a snapshot as text, as JSON, and a list of handlers. The exposition is in StatsMetrics.cpp.
+#include "Core/stats/StatsTexts.h"
+
+namespace Orvex::Reticor {
+
+const PoolFigure POOL_FIGURES[] = {
+    {"queue_length", "Records that wait for a worker.", false, &PoolStats::queue_length},
+    {"serial_length", "Serial messages in line.", false, &PoolStats::serial_length},
+    {"pushed", "Records that were queued.", true, &PoolStats::pushed},
+    {"calls", "Calls of handlers on the pool's workers.", true, &PoolStats::calls},
+    {"socket_events", "Ready sockets and idle time-outs that were served.", true, &PoolStats::socket_events},
+    {"messages", "Messages that were served.", true, &PoolStats::messages},
+    {"serial_messages", "Serial messages that were served.", true, &PoolStats::serial_messages},
+    {"timers", "Expired timers that were served.", true, &PoolStats::timers},
+    {"passes", "Passes of the poller.", true, &PoolStats::passes},
+    {"drains", "Drains of the serial line.", true, &PoolStats::drains},
+    {"heartbeats", "Heartbeats of the pool's daemon.", true, &PoolStats::heartbeats},
+    {"reports", "Reports of ready sockets and wake-ups.", true, &PoolStats::reports},
+    {"strays", "Reports that were about no registered socket.", true, &PoolStats::strays},
+    {"rebuilds", "Times that the watch of all sockets was built anew.", true, &PoolStats::rebuilds},
+    {"epoll_refused", "Times that the system had no room for a socket.", true, &PoolStats::epoll_refused},
+    {"sockets", "Registered sockets.", false, &PoolStats::sockets},
+    {"sockets_without_place", "Registered sockets that a full pool leaves out.", false,
+     &PoolStats::sockets_without_place},
+    {"places_left_read", "Sockets that can still be watched for reading.", false,
+     &PoolStats::places_left_read},
+    {"places_left_write", "Sockets that can still be watched for writing.", false,
+     &PoolStats::places_left_write},
+    {"places_left_except", "Sockets that can still be watched for exceptions.", false,
+     &PoolStats::places_left_except},
+    {"timers_armed", "Timers that wait for their time.", false, &PoolStats::timers_armed},
+};
+const size_t POOL_FIGURE_COUNT = sizeof(POOL_FIGURES) / sizeof(POOL_FIGURES[0]);
+
+namespace {
+
+double in_us(uint64_t ns) {
+    return static_cast<double>(ns / 10) / 100;
+}
+
+void text_of_spread(const char* what, const TimeSpread& spread, TextRoom& out) {
+    if (spread.GetCount() == 0) {
+        return;
+    }
+    out << "  " << what << ": " << spread.GetCount() << " times, us: below " << in_us(spread.GetBound(0.5))
+        << " (half), " << in_us(spread.GetBound(0.9)) << " (90 %), " << in_us(spread.GetBound(0.99))
+        << " (99 %), " << in_us(spread.max_ns) << " at most\n";
+}
+
+void text_of_pool(const PoolStats& pool, TextRoom& out) {
+    out << "pool " << pool.pool << ": " << pool.workers << " workers, " << pool.busy
+        << " busy, processor time " << static_cast<double>(pool.cpu_ns / 1000000) / 1000 << " s\n";
+    size_t column = 0;
+    for (size_t i = 0; i < POOL_FIGURE_COUNT; ++i) {
+        out << "  " << POOL_FIGURES[i].name << " " << pool.*POOL_FIGURES[i].value;
+        column = (column + 1) % 3;
+        column == 0 || i + 1 == POOL_FIGURE_COUNT ? out << "\n" : out.Column(column * 34);
+    }
+    text_of_spread("wait in the queue", pool.wait, out);
+    text_of_spread("calls", pool.run, out);
+}
+
+void json_of_spread(const char* name, const TimeSpread& spread, TextRoom& out) {
+    out << ",\"" << name << "\":{\"count\":" << spread.GetCount() << ",\"sum_ns\":" << spread.sum_ns
+        << ",\"p50_ns\":" << spread.GetBound(0.5) << ",\"p90_ns\":" << spread.GetBound(0.9)
+        << ",\"p99_ns\":" << spread.GetBound(0.99) << ",\"max_ns\":" << spread.max_ns << "}";
+}
+
+void json_of_pool(const PoolStats& pool, TextRoom& out) {
+    out << "{\"pool\":" << pool.pool << ",\"workers\":" << pool.workers << ",\"busy\":" << pool.busy
+        << ",\"cpu_ns\":" << pool.cpu_ns;
+    for (size_t i = 0; i < POOL_FIGURE_COUNT; ++i) {
+        out << ",\"" << POOL_FIGURES[i].name << "\":" << pool.*POOL_FIGURES[i].value;
+    }
+    json_of_spread("wait", pool.wait, out);
+    json_of_spread("run", pool.run, out);
+    out << "}";
+}
+
+void json_of_worker(const WorkerStats& worker, TextRoom& out) {
+    out << "{\"pool\":" << worker.pool << ",\"thread\":" << worker.thread_id
+        << ",\"cpu_ns\":" << worker.cpu_ns << ",\"calls\":" << worker.calls << ",\"served\":" << worker.served
+        << ",\"handler\":\"" << worker.handler << "\",\"call\":";
+    out.Quote(worker.call) << "}";
+}
+
+void json_of_class(const HandlerClassStats& row, TextRoom& out) {
+    out << "{\"class\":";
+    out.Quote(row.name) << ",\"live\":" << row.live << ",\"opened\":" << row.opened
+                        << ",\"closed\":" << row.closed << ",\"calls\":" << row.calls
+                        << ",\"timed\":" << row.timed << ",\"time_ns\":" << row.time_ns << "}";
+}
+
+template <class Row>
+void json_list(const char* name, const std::vector<Row>& rows, void (*write)(const Row&, TextRoom&),
+               TextRoom& out) {
+    out << ",\"" << name << "\":[";
+    bool first = true;
+    for (const Row& row : rows) {
+        out << (first ? "" : ",");
+        write(row, out);
+        first = false;
+    }
+    out << "]";
+}
+
+}  // namespace
+
+void write_text(const Snapshot& snapshot, TextRoom& out) {
+    const ProcessStats& process = snapshot.process;
+    out << "handlers " << process.handlers << ", armed timers " << process.timers_armed << ", timing "
+        << (process.timing != 0 ? "on" : "off") << ", stuck calls " << process.stuck << " ("
+        << process.stuck_ever << " ever)\n";
+    text_of_spread("lateness of timers", process.timer_lateness, out);
+    for (const PoolStats& pool : snapshot.pools) {
+        text_of_pool(pool, out);
+    }
+    for (const WorkerStats& worker : snapshot.workers) {
+        if (worker.handler != 0) {
+            out << "thread " << worker.thread_id << " of pool " << worker.pool << " is in " << worker.call
+                << " of handler " << worker.handler << "\n";
+        }
+    }
+    out << "class";
+    out.Column(56) << "live";
+    out.Column(66) << "opened";
+    out.Column(76) << "closed";
+    out.Column(86) << "calls";
+    out.Column(100) << "us each\n";
+    for (const HandlerClassStats& row : snapshot.classes) {
+        out << row.name;
+        out.Column(56) << row.live;
+        out.Column(66) << row.opened;
+        out.Column(76) << row.closed;
+        out.Column(86) << row.calls;
+        if (row.timed != 0) {
+            out.Column(100) << in_us(row.time_ns / row.timed);
+        }
+        out << "\n";
+    }
+}
+
+void write_json(const Snapshot& snapshot, TextRoom& out) {
+    const ProcessStats& process = snapshot.process;
+    out << "{\"version\":" << STATS_VERSION << ",\"taken_us\":" << process.taken_us
+        << ",\"timing\":" << (process.timing != 0 ? "true" : "false") << ",\"handlers\":" << process.handlers
+        << ",\"timers_armed\":" << process.timers_armed << ",\"stuck\":" << process.stuck
+        << ",\"stuck_ever\":" << process.stuck_ever;
+    json_of_spread("timer_lateness", process.timer_lateness, out);
+    json_list("pools", snapshot.pools, &json_of_pool, out);
+    json_list("workers", snapshot.workers, &json_of_worker, out);
+    json_list("classes", snapshot.classes, &json_of_class, out);
+    out << "}\n";
+}
+
+void write_handlers(const std::vector<HandlerInfo>& handlers, TextRoom& out) {
+    out << "age_s";
+    out.Column(12) << "pool";
+    out.Column(17) << "id";
+    out.Column(36) << "state";
+    out.Column(46) << "refs";
+    out.Column(52) << "socks";
+    out.Column(58) << "timers class\n";
+    for (const HandlerInfo& handler : handlers) {
+        out << static_cast<double>(handler.age_ms) / 1000;
+        out.Column(12) << handler.pool;
+        out.Column(17) << handler.id;
+        out.Column(36) << handler.state;
+        out.Column(46) << handler.references;
+        out.Column(52) << handler.sockets;
+        out.Column(58) << handler.timers;
+        out.Column(65) << handler.class_name << "\n";
+    }
+}
+
+}  // namespace Orvex::Reticor

@@ -1,0 +1,35 @@
+// StatsTexts: a snapshot as text, as JSON, and in the exposition format of metrics.
+#pragma once
+
+#include <vector>
+
+#include <Reticor/Stats.h>
+
+#include "Core/stats/Snapshot.h"
+#include "Core/stats/TextRoom.h"
+
+namespace Orvex::Reticor {
+
+/// For people: pools, workers in calls, classes by their calls.
+void write_text(const Snapshot& snapshot, TextRoom& out);
+
+/// One object on one line. Ids are strings, since readers keep numbers of 53 bits.
+void write_json(const Snapshot& snapshot, TextRoom& out);
+
+/// Every family of series once, with its help and its type.
+void write_metrics(const Snapshot& snapshot, TextRoom& out);
+
+/// A line for each handler.
+void write_handlers(const std::vector<HandlerInfo>& handlers, TextRoom& out);
+
+/// A figure of a pool, by which all three texts go.
+struct PoolFigure {
+    const char* name;  ///< Of the field, and of the series, less "reticor_pool_" and "_total".
+    const char* help;
+    bool counter;  ///< Rises; others are of the moment.
+    uint64_t PoolStats::*value;
+};
+extern const PoolFigure POOL_FIGURES[];
+extern const size_t POOL_FIGURE_COUNT;
+
+}  // namespace Orvex::Reticor

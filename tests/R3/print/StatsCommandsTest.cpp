@@ -1,0 +1,61 @@
+// The commands that print what a statistics client gets, in pieces that no print drops.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include <Reticor/Stats.h>
+
+#include "R3/print/FuncBox.h"
+#include "support/PoolFixture.h"
+#include "support/debug/DaemonStandIn.h"
+
+namespace Orvex::Testing {
+namespace {
+
+using namespace Reticor;
+
+class StatsCommands : public PoolFixture {
+protected:
+    std::string printed(const char* command, int argument = 0) {
+        DaemonStandIn daemon;
+        const TFuncEntry* const entry = g_r3_funcbox->Find(command);
+        EXPECT_NE(nullptr, entry) << command;
+        entry->func(argument, 0, 0, 0, 0, 0, 0, 0, 0, 0);
+        std::string whole;
+        for (const std::string& piece : daemon.texts()) {
+            EXPECT_LT(piece.size(), 4096u);
+            whole += piece;
+        }
+        pieces = daemon.texts().size();
+        return whole;
+    }
+    size_t pieces = 0;
+};
+
+TEST_F(StatsCommands, PrintTheWholeTextInPieces) {
+    std::vector<TestHandler*> handlers;
+    for (int i = 0; i < 100; ++i) {
+        handlers.push_back(new TestHandler);
+    }
+    const std::string list = printed("handlers");
+    EXPECT_GT(pieces, 1u);
+    for (TestHandler* handler : handlers) {
+        EXPECT_NE(std::string::npos, list.find(" " + std::to_string(handler->GetID()) + " ")) << list;
+        handler->Close();
+    }
+    EXPECT_NE(std::string::npos, printed("stat").find("pool 0: "));
+    const std::string json = printed("statjson");
+    EXPECT_EQ('{', json.front());
+    EXPECT_EQ("}\n", json.substr(json.size() - 2));
+}
+
+TEST_F(StatsCommands, TimingIsSwitchedByItsArgument) {
+    printed("timing", 1);
+    EXPECT_NE(std::string::npos, printed("statjson").find("\"timing\":true"));
+    printed("timing", 0);
+    EXPECT_NE(std::string::npos, printed("statjson").find("\"timing\":false"));
+}
+
+}  // namespace
+}  // namespace Orvex::Testing
