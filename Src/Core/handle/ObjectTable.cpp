@@ -48,4 +48,11 @@ HandlerPin CObjectTable::Find(int64_t id) {
     return HandlerPin::Take((*place)->m_owner);
 }
 
+bool CObjectTable::Has(int64_t id) {
+    Infra::CReadGuard guard(m_lock);
+    ObjectEntry** place = slot(place_of(id));
+    return place != nullptr && *place != nullptr && (*place)->m_id == id &&
+           HandlerInternal::Of(*(*place)->m_owner).IsOpen();
+}
+
 }  // namespace Orvex::Reticor

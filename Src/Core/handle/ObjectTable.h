@@ -35,6 +35,9 @@ public:
     /// The handler with that id, pinned; or an empty pin.
     HandlerPin Find(int64_t id);
 
+    /// Whether the handler with that id is there and has not been closed.
+    bool Has(int64_t id);
+
 private:
     static constexpr size_t CHUNK = 1024;
     using Chunk = std::unique_ptr<ObjectEntry*[]>;

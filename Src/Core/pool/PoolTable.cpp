@@ -5,6 +5,7 @@
 #include "Core/pool/PoolLease.h"
 #include "Core/pool/ThreadPool.h"
 #include "Core/record/EventFreeList.h"
+#include "Core/record/SockRecord.h"
 
 namespace Orvex::Reticor {
 
@@ -13,6 +14,7 @@ void PoolTable::Set(int index, CThreadPool* pool) {
         PoolSlot::At(index).Fill(pool);
     } else {
         PoolSlot::At(index).Clear();
+        RoomLosses::note();
     }
 }
 
@@ -56,6 +58,11 @@ HandlerPin find_with_lease(int64_t id) {
 HandlerPin PoolTable::FindHandler(int64_t id) {
     CThreadPool* own = PoolLease::Own(id);
     return __builtin_expect(own != nullptr, 1) ? own->m_obj_tree.Find(id) : find_with_lease(id);
+}
+
+bool PoolTable::IsOpen(int64_t id) {
+    const PoolLease pool = PoolLease::OfId(id);
+    return pool && pool->m_obj_tree.Has(id);
 }
 
 HandlerPin PoolTable::Detach(int64_t id) {

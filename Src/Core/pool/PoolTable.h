@@ -38,6 +38,9 @@ public:
     /// The open handler with that id, pinned; or an empty pin.
     static HandlerPin FindHandler(int64_t id);
 
+    /// Whether a handler with that id is there and open. Takes no reference, so any lock may be held.
+    static bool IsOpen(int64_t id);
+
     /// Makes the handler with that id unreachable and gives the id back. Result: the reference that the pool
     /// had on it, to be dropped with no lock held; empty if the id finds nothing.
     [[nodiscard]] static HandlerPin Detach(int64_t id);

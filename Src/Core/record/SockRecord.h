@@ -1,6 +1,7 @@
 // The bits of a socket's CEvent, and the pin that keeps its lock.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <utility>
 
@@ -14,6 +15,21 @@ namespace Orvex::Reticor {
 /// m_event_mask: what the owner asked for, SOCK_READ and its fellows. Not the same bits as in m_revents.
 constexpr uint32_t SOCK_DIRECTIONS = SOCK_READ | SOCK_WRITE | SOCK_EXCEPT;
 constexpr uint32_t SOCK_REMOVED = 32;  ///< The record dies when its worker has finished.
+/// SOCK_WRITE is there for a sender that waits for room (RoomWatch), and nobody else's interest ends it.
+constexpr uint32_t SOCK_ROOM = 64;
+constexpr uint32_t SOCK_WRITE_TOO =
+    128;  ///< Beside SOCK_ROOM: somebody else has asked for SOCK_WRITE as well.
+
+/// How many times anybody may have lost a place in which he waits for room: a socket was taken out of its
+/// pool under him, its handler was not found, a pool ended. Whoever waits looks after his own place when it
+/// has changed. Any thread.
+struct RoomLosses {
+    static void note() { sm_count.fetch_add(1, std::memory_order_relaxed); }
+    static uint32_t count() { return sm_count.load(std::memory_order_relaxed); }
+
+private:
+    static inline std::atomic<uint32_t> sm_count{0};
+};
 
 /// m_revents: what is to be delivered. Written under the record's mutex, read by the worker that serves the
 /// record without it, afresh at each test: a removal meanwhile must stop the calls that have not been made.
@@ -71,6 +87,16 @@ inline uint32_t mux_armed(const CEvent* ev) {
 /// From the moment a record is queued until its worker has finished. Under the record's mutex.
 inline bool is_in_flight(const CEvent* ev) {
     return ev->m_revents != 0 || (ev->m_mux_state & MUX_BUSY) != 0;
+}
+
+/// The interest in room goes; SOCK_WRITE stays if somebody else asked for it. True if there was one.
+inline bool drop_room(CEvent* ev) {
+    if ((ev->m_event_mask & SOCK_ROOM) == 0) {
+        return false;
+    }
+    const uint32_t write = ev->m_event_mask & SOCK_WRITE_TOO ? SOCK_WRITE : 0;
+    ev->m_event_mask = (ev->m_event_mask & ~(SOCK_ROOM | SOCK_WRITE_TOO | SOCK_WRITE)) | write;
+    return true;
 }
 
 inline void set_flag(CEvent* ev, uint16_t flag) {

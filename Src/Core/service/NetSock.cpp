@@ -16,6 +16,7 @@
 #include "Core/pool/PoolTable.h"
 #include "Core/pool/ThreadPool.h"
 #include "Core/record/EventFreeList.h"
+#include "Core/service/RoomWatch.h"
 #include "Core/service/SockTimer.h"
 #include "R3/print/DebugSocket.h"
 
@@ -177,6 +178,9 @@ void CNetSock::modify_exist_event(CThreadPool& pool, CNetHandler* handler, Recor
                         static_cast<unsigned long long>(event->m_timer.m_set_time),
                         static_cast<unsigned int>(revents_now(event.get())));
     }
+    if (event->m_obj_id != id_of(handler) && drop_room(event.get())) {
+        RoomLosses::note();
+    }
     Infra::relaxedStore(event->m_obj_id, static_cast<int64_t>(id_of(handler)));
     clear_flag(event.get(), MUX_ORPHAN);
     if (event->m_timer.m_set_time != 0 || time_out != 0) {
@@ -188,6 +192,9 @@ void CNetSock::modify_exist_event(CThreadPool& pool, CNetHandler* handler, Recor
     }
     event->m_event_mask |= type;
     event->m_timer.m_asked |= type;
+    if ((event->m_event_mask & SOCK_ROOM) != 0 && (type & SOCK_WRITE) != 0) {
+        event->m_event_mask |= SOCK_WRITE_TOO;
+    }
     if (is_in_flight(event.get())) {
         // The worker watches the socket again by the new mask. The number may have been closed and reused
         // since the kernel was told.
@@ -219,6 +226,10 @@ int CNetSock::UnregisterSock(CNetHandler* handler, CSock& sock, unsigned int typ
     RecordPin event = RecordPin::Adopt(fd < 0 ? nullptr : static_cast<CEvent*>(pool->m_sock_tree.Find(fd)));
     if (!event || (event->m_event_mask & type) == 0) {
         return 0;
+    }
+    if ((event->m_event_mask & SOCK_ROOM) != 0 && (type & SOCK_WRITE) != 0) {
+        event->m_event_mask &= ~SOCK_WRITE_TOO;
+        type &= ~SOCK_WRITE;
     }
     event->m_event_mask &= ~type;
     if ((event->m_event_mask & (SOCK_READ | SOCK_WRITE)) == 0 && CSockTimer::IsLinked(event.get())) {
@@ -252,6 +263,9 @@ int CNetSock::RemoveSock(CNetHandler* handler, CSock& sock) INFRA_NO_THREAD_SAFE
     if (!event) {
         tree.Unlock();
         return 0;
+    }
+    if (drop_room(event.get())) {
+        RoomLosses::note();
     }
     if (!is_in_flight(event.get())) {
         HandlerInternal::Of(*handler).DecSock();
@@ -408,6 +422,9 @@ void CNetSock::finish(CEvent* record, int ret, int64_t missing_owner) {
     // A registration meanwhile may have named an owner that this delivery did not look for.
     if (!pool->m_mux.Rearm(record, event->m_obj_id != missing_owner)) {
         ret = 0;  // as if removed and registered again: the call was about an earlier socket
+    }
+    if ((event->m_event_mask & SOCK_ROOM) != 0 && (missing_owner != 0 || !RoomWatch::is_placed(record))) {
+        RoomLosses::note();
     }
     const int stored = event->m_timer.m_set_time;
     if (ret == 0 && stored > 0) {

@@ -221,6 +221,9 @@ void CMultiplexer::replace_registration(CEvent* ev, Answer answer) {
         return;
     }
     m_book.Remove(ev);
+    if (drop_room(ev)) {
+        RoomLosses::note();
+    }
     ev->m_event_mask = ev->m_timer.m_asked | (ev->m_event_mask & SOCK_REMOVED);
     m_book.Add(ev);
     number(ev);
