@@ -69,6 +69,8 @@ private:
 
 class KitConnection : public testing::Test {
 protected:
+    void TearDown() override { m_pool.stop(0ms); }  // before what call-backs use goes
+
     Connection open(Connection::Event start, Kit::ConnectionOptions options = {}) {
         int ends[2];
         EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends));
