@@ -54,7 +54,7 @@ reticor_wing(2 Tool/frame DOORS AheadCourse ChannelBook FrameRest FrameStore Med
 reticor_wing(2 Tool/text)
 reticor_wing(3 Core/watch DOORS BTree Select_win)
 reticor_wing(4 Core/pool DOORS PoolLease PoolTable ThreadPool)
-reticor_wing(5 Core/service DOORS Message NetSock NetTimer SockTimer)
+reticor_wing(5 Core/service DOORS Message NetSock NetTimer RoomWatch SockTimer)
 reticor_wing(6 Core/reactor)
 reticor_wing(6 Core/stats DOORS HandlerListing LeftHandlers StatsServer StuckWatch)
 reticor_wing(7 Tool/file DOORS FileThread NFileEnd)

@@ -56,6 +56,23 @@ struct MediaSenderStats {
     bool listed = false;  ///< It is on a buffer's list.
 };
 
+/// How a sender waited for room, and what it gathered. Counters only rise, from Create on. Later versions add
+/// fields at the end: `size` says how many bytes were filled.
+struct MediaRoomStats {
+    std::uint32_t size = 0;     ///< Bytes that are filled, this field included.
+    std::uint32_t version = 1;  ///< Of this struct.
+    std::uint64_t full_tries =
+        0;  ///< Writes that found the socket full, whether or not the sender waits for room.
+    std::uint64_t waits = 0;    ///< How often it began to wait for room.
+    std::uint64_t resumes = 0;  ///< How often it went on since there was room.
+    /// How often there was no place to wait in, so that it went on trying at each frame.
+    std::uint64_t without_place = 0;
+    std::uint64_t steps_ahead = 0;      ///< Times that it stepped ahead without a write while it waited.
+    std::uint64_t gathers = 0;          ///< Writes with more than one frame.
+    std::uint64_t gathered_frames = 0;  ///< Frames that those wrote, whole or in part.
+    std::uint64_t waiting = 0;          ///< 1: it waits for room at this moment.
+};
+
 /// What the attachment of a skip message says.
 struct MediaSkip {
     uint64_t frames;  ///< Frames that the client did not get, up to 2^23 - 1.
@@ -69,8 +86,8 @@ struct MediaSkip {
 };
 
 /// Writes the frames of a CMediaBuffer to one socket, at the socket's own speed, and never blocks. It has no
-/// thread and watches no readiness: it writes when the buffer tells it to, which is when a frame is complete
-/// and on each tick of the shared timer (CMediaBuffer::EnableAutoSend).
+/// thread: it writes when the buffer tells it to, which is when a frame is complete and on each tick of the
+/// shared timer (CMediaBuffer::EnableAutoSend), and, if WaitRoom is on, as soon as a full socket has room.
 ///
 /// Life: Create, Attach, WaitException, perhaps SetSendChannel and SetSendTimeout, CMediaBuffer::AddSender;
 /// frames flow; then always in this order, whatever has happened: CMediaBuffer::DelSender, Detach, close the
@@ -87,8 +104,8 @@ struct MediaSkip {
 /// a new connection.
 ///
 /// Thread safety: operations may be called from any thread, and none blocks longer than the buffer's lock is
-/// held. Attach and Detach are for a sender that is on no list. The setters take no lock: the value is used
-/// from the next frame or write on.
+/// held. Attach and Detach are for a sender that is on no list. The setters take no lock, but for
+/// SetSendTimeout of a sender that waits for room: the value is used from the next frame or write on.
 class RETICOR_API CMediaStreamSender : public CNetHandler {
 public:
     /// A sender that is attached to nothing. A pool must exist. Null, with a line at level 2, if there is no
@@ -198,6 +215,49 @@ public:
 
     /// Reads the counters, under the buffer's lock.
     MediaSenderStats GetStats();
+
+    /// Has the sender wait for room: a socket that took less than it was given is not tried again until it
+    /// has room, neither by Put nor by a tick, and then this sender alone goes on, on a worker. `owner` is
+    /// the id of the handler that reads from the socket, on which it is registered with SOCK_READ; its
+    /// `handle_output` calls the sender's. 0, as at the start, switches that off; may change at any time, and
+    /// takes the buffer's lock.
+    ///
+    /// Frames that the sender is past are released by the next frame or tick. A sender with a resume policy
+    /// steps ahead, without a write, also while it waits. The limit of SetSendTimeout is kept by a timer,
+    /// from the write on that the socket did not take whole.
+    ///
+    /// Where it cannot wait it goes on trying as without this, and counts it (GetRoomStats): the owner is
+    /// closed or does not read the socket, the pool's write set is full, the socket is registered for writing
+    /// by somebody else, as for a CStreamSender that has not drained, or the timer cannot be had. One
+    /// descriptor has one writer.
+    ///
+    /// The interest in room ends whenever the sender leaves its list, also inside a call-back. An idle
+    /// time-out of the owner runs on while the sender begins to wait; when there is room, the result of the
+    /// owner's `handle_output` counts as for any other.
+    ///
+    /// 0; -1, and nothing changes, if `owner` is not an open handler, or the socket is a CSimulatorStream,
+    /// which always has room.
+    int WaitRoom(long owner);
+
+    /// The owner calls this from its own `handle_output`, with the same descriptor. It writes, so send
+    /// procedures, and `Release` of packets if the socket fails, run inside, with the buffer's lock held:
+    /// call it without a lock that one of these takes, and without one under which the product calls the
+    /// buffer. If another thread works in the buffer, it does not wait: that thread lets the sender go on. 0;
+    /// -1 if the sender does not wait for room.
+    int handle_output(int handle) override;
+
+    /// Lets one write take up to 16 frames, or 1 MiB, instead of one frame, where the sender gets them one
+    /// after another for certain; not to a datagram socket. Everything else stays: the bytes, the procedure's
+    /// calls, the counters. What a procedure asks for while the frames of one write are credited to it comes
+    /// after all of them. False at the start; from the next write on.
+    void SetGather(bool gathers);
+
+    /// Fills `stats`, of which the caller has `size` bytes, under the buffer's lock. 0; -1 for a null pointer
+    /// or a size below 8.
+    int GetRoomStats(MediaRoomStats* stats, unsigned int size);
+
+    /// The library's: looks whether the sender has stalled.
+    std::int64_t handle_timeout(long id) override;
 
     /// The library's: ends the object.
     int handle_close(CNetHandler* self) override;

@@ -55,6 +55,20 @@ TEST_F(MediaGuide, AViewerThatGoesAwayIsNoticed) {
     EXPECT_EQ(0U, buffer.GetStats().senders);
 }
 
+TEST_F(MediaGuide, AReaderWithAFullSocketGetsTheRestWhenItHasRoom) {
+    CMediaBuffer buffer;
+    m_peer.SetSockSendBuf(4096);
+    auto* const reader = new Reader(buffer, m_peer, m_gone);
+    ASSERT_TRUE(reader->start());
+    const std::string big(300000, 'b');
+    putAccessUnit(buffer, "head", big, levelOfPicture(true));
+    EXPECT_EQ("head" + big, read(4 + big.size()));
+    putBurst(buffer, {"one", "two"});
+    EXPECT_EQ("unitoneunittwo", read(14));
+    reader->end();
+    m_gone.pend();
+}
+
 TEST_F(MediaGuide, ARecorderKeepsWhatTheBufferLetsGo) {
     CMediaBuffer buffer;
     Recorder recorder;

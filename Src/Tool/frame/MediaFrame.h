@@ -93,6 +93,17 @@ public:
     /// A sender is through with it: its bytes are not those of somebody in the middle any more.
     void end_sent() { m_sent_len -= m_frame_len; }
 
+    /// Senders that wait for room and stand here are looked at again when this one is late for them, or when
+    /// another key frame has come.
+    void looked_late(uint64_t again_us, uint64_t key_frames) {
+        m_late_us = again_us;
+        m_late_keys = key_frames;
+    }
+    void look_late_again() { m_late_us = 0; }
+    bool is_to_be_looked_at(uint64_t now_us, uint64_t key_frames) const {
+        return now_us > m_late_us || key_frames != m_late_keys;
+    }
+
     int channel() const { return channel_of(m_level); }
     int level() const { return level_of(m_level); }
     /// The frame's channel as a bit of the senders' masks. A complete frame's channel is 0 to 7.
@@ -141,6 +152,9 @@ public:
     uint64_t m_kept_begin = 0;
 
 private:
+    uint64_t m_late_us = 0;
+    uint64_t m_late_keys = 0;
+
     bool grow();
 
     bool m_grew = false;  ///< A trace line tells of it, with the next packet.

@@ -121,6 +121,7 @@ public:
     void set_keep_bounds(uint64_t keep_us, uint64_t most_bytes) INFRA_REQUIRES(CORE_MUTEX) {
         m_kept.set_bounds(keep_us, most_bytes);
     }
+    CFrame* first_kept() const INFRA_REQUIRES(CORE_MUTEX) { return m_kept.first(); }
     const KeptLine& kept() const INFRA_REQUIRES(CORE_MUTEX) { return m_kept; }
 
 private:

@@ -30,6 +30,7 @@ public:
 
     bool empty() const { return m_head == nullptr; }
     const CFrame* head() const { return m_head; }
+    CFrame* first() const { return m_head; }
     uint64_t bytes() const { return m_bytes; }
 
     /// A complete frame with bytes, younger than all here.

@@ -169,7 +169,7 @@ void CMediaBuffer::Clear() {
     }
     const MediaStep step(m_state->m_core);
     assert(!step.nested() && "Clear inside a call-back of the same media buffer");
-    if (const SenderRecord* const first = m_state->m_senders.first()) {
+    if (const SenderRecord* const first = m_state->m_senders.any()) {
         INFRA_LOG(3, "%s:%d %s m_sender_header:%p not null\n", __FILE__, __LINE__, INFRA_FUNCTION,
                   static_cast<void*>(first->m_owner));
     }
@@ -185,6 +185,24 @@ void CMediaBuffer::Clear() {
         m_state->m_frames.drop_head();
     }
     m_state->m_frames.reset();
+}
+
+void CMediaBuffer::Hold() {
+    if (m_state != nullptr) {
+        const CoreGuard guard(*m_state->m_core);
+        m_state->set_hold(true);
+    }
+}
+
+void CMediaBuffer::Flush() {
+    if (m_state == nullptr) {
+        return;
+    }
+    {
+        const CoreGuard guard(*m_state->m_core);
+        m_state->set_hold(false);
+    }
+    put(nullptr, 0, MEDIA_MARK_LAST, 0, false);
 }
 
 void CMediaBuffer::EnableAutoSend() {

@@ -19,7 +19,11 @@ int clamp_level(int level_word) {
 }  // namespace
 
 MediaBufferState::MediaBufferState(CMediaBuffer& owner)
-    : m_owner(owner), m_frames(*m_core, &owner), m_senders(*m_core), m_auto_send(*this) {
+    : m_owner(owner),
+      m_frames(*m_core, &owner),
+      m_senders(*m_core),
+      m_auto_send(*this),
+      m_waiting(*m_core, m_senders, m_frames) {
     const CoreGuard guard(*m_core);
     m_core->open(*this);
 }
@@ -59,17 +63,20 @@ void MediaBufferState::take_off(SenderRecord& record, bool inside_call_back) {
         del_sender(record);
     } else if (m_senders.holds(record)) {
         record.set_leaving();
+        record.end_room();
         m_core->note_leaving();
     }
 }
 
 void MediaBufferState::drop_leaving() {
-    for (SenderRecord* record = m_senders.first(); record != nullptr;) {
-        SenderRecord* const next = record->m_next;
-        if (record->m_leaving) {
-            del_sender(*record);
+    for (SenderRecord* first : {m_senders.first(), m_senders.first_parked()}) {
+        for (SenderRecord* record = first; record != nullptr;) {
+            SenderRecord* const next = record->m_next;
+            if (record->m_leaving) {
+                del_sender(*record);
+            }
+            record = next;
         }
-        record = next;
     }
 }
 
@@ -111,6 +118,41 @@ bool MediaBufferState::goes_with_this_step(SenderRecord& record) INFRA_NO_THREAD
     return true;
 }
 
+// Room.
+
+// Between two steps there is no frame on offer: it goes on with what it has not got yet.
+void MediaBufferState::go_on(SenderRecord& record) {
+    if (record.m_list != m_core.get() || !record.m_full || record.m_leaving) {
+        return;
+    }
+    record.m_room.note_room();
+    record.set_full(false);
+    if (record.wants_keep() != record.m_keeps) {
+        change_mode(record);
+    }
+    const bool rest = record.has_rest();
+    MediaSending turn(record);
+    const TurnEnd end = turn.run(nullptr);
+    if (end != TurnEnd::DONE) {
+        turn.report();
+    }
+    if (rest) {
+        record.stay_out();
+    }
+    if (is_failure(end)) {
+        fail(record);
+    } else {
+        m_waiting.settle(record);
+    }
+}
+
+void MediaBufferState::stop_waiting(SenderRecord& record) {
+    record.end_room();
+    if (record.m_room.m_parked) {
+        m_waiting.note_idle();
+    }
+}
+
 // Packets.
 
 int MediaBufferState::accept(CMediaPacket* packet, int len, int mark, int level) {
@@ -135,6 +177,9 @@ void MediaBufferState::complete() {
     }
     m_send_ready = true;
     m_frames.offer();
+    if (m_frames.current()->is_key()) {
+        m_waiting.note_key_frame();
+    }
     call_movers();
 }
 
@@ -159,6 +204,7 @@ void MediaBufferState::set_start_cache(uint64_t keep_us, uint64_t most_bytes) {
 
 uint64_t MediaBufferState::send_packet(bool has_packet, bool ages) {
     m_frames.begin_if_empty();
+    m_waiting.look_after();
     const std::optional<uint64_t> passed = give_turns();
     const uint64_t missing = passed ? m_frames.let_pass(*passed) : 0;
     after_sending(has_packet, ages);
@@ -172,10 +218,13 @@ std::optional<uint64_t> MediaBufferState::give_turns() {
     if (printing) {
         MediaTrace::walk_begins(&m_owner, should_discard, min_discard);
     }
-    bool policy_only = m_senders.first() != nullptr;
+    bool policy_only = m_senders.any() != nullptr && !m_senders.has_plain_parked();
+    if (m_senders.first_parked() != nullptr) {
+        should_discard = min_discard;  // what they stand on stays in any case
+    }
     m_shares.begin_step();
     CFrame* const offered = m_frames.current();
-    for (SenderRecord* record = m_senders.first(); record != nullptr;) {
+    for (SenderRecord *record = m_senders.first(), *before = nullptr; record != nullptr;) {
         record->fetch_next();
         policy_only = policy_only && record->has_policy();
         if (record->wants_keep() != record->m_keeps) {
@@ -183,6 +232,7 @@ std::optional<uint64_t> MediaBufferState::give_turns() {
         }
         const Place place = record->m_leaving ? Place::NONE : place_of(*record);
         if (place == Place::NONE) {
+            before = record;
             record = record->m_next;
             continue;
         }
@@ -202,13 +252,17 @@ std::optional<uint64_t> MediaBufferState::give_turns() {
                 m_frames.set_policy_only(policy_only);
                 return std::nullopt;
             }
-        } else if (total <= min_discard) {
-            min_discard = total;
-            should_discard = total;
+        } else {
+            if (total <= min_discard) {
+                min_discard = total;
+                should_discard = total;
+            }
+            before = m_waiting.park_if_full(before, *record) ? before : record;
         }
         record = next;
     }
     m_frames.set_policy_only(policy_only);
+    m_held = m_holds;
     return should_discard;
 }
 
@@ -218,6 +272,10 @@ TurnEnd MediaBufferState::give_turn(SenderRecord& record, CFrame* offered) {
         MediaTrace::sender_begins(&m_owner, record.m_owner, offered);
     }
     MediaSending turn(record);
+    if (m_holds || record.m_full) {
+        turn.take_offer(offered, record.m_full);
+        return TurnEnd::DONE;
+    }
     const TurnEnd end = turn.run(offered);
     if (end != TurnEnd::DONE) {
         turn.report();
@@ -254,6 +312,8 @@ void MediaBufferState::first_turn(SenderRecord& record) {
     }
     if (is_failure(end)) {
         fail(record);
+    } else {
+        m_waiting.settle(record);
     }
     m_frames.trim_kept();
 }

@@ -11,6 +11,7 @@
 #include "Tool/media/MediaSending.h"
 #include "Tool/media/SenderLine.h"
 #include "Tool/media/StartShares.h"
+#include "Tool/media/WaitingSenders.h"
 #include "Tool/step/AutoSend.h"
 #include "Tool/step/TapLine.h"
 
@@ -31,6 +32,16 @@ struct MediaBufferState : SendTarget_IF, StepEnd_IF {
     MediaBufferState& operator=(const MediaBufferState&) = delete;
 
     void drop_leaving() override INFRA_REQUIRES(CORE_MUTEX);
+    /// What it comes to be past is let go by the next step.
+    void go_on(SenderRecord& record) override INFRA_REQUIRES(CORE_MUTEX);
+    /// The sender does not wait for room any more, if it did: its next turn tries.
+    void stop_waiting(SenderRecord& record) override INFRA_REQUIRES(CORE_MUTEX);
+
+    /// Whether steps write nothing until flush.
+    void set_hold(bool holds) INFRA_REQUIRES(CORE_MUTEX) {
+        m_holds = holds;
+        m_held = m_held || holds;
+    }
 
     /// For the tests.
     static MediaBufferState& of(CMediaBuffer& buffer) { return *buffer.m_state; }
@@ -76,6 +87,10 @@ struct MediaBufferState : SendTarget_IF, StepEnd_IF {
     SenderLine m_senders;
     TapLine m_taps;
     AutoSend m_auto_send;
+    WaitingSenders m_waiting;
+    bool m_holds INFRA_GUARDED_BY(CORE_MUTEX) = false;  ///< Frames are offered, and nothing is written.
+    /// Frames were offered that nobody has been let write yet.
+    bool m_held INFRA_GUARDED_BY(CORE_MUTEX) = false;
     bool m_send_ready INFRA_GUARDED_BY(CORE_MUTEX) = true;
     StartShares m_shares INFRA_GUARDED_BY(CORE_MUTEX);
     uint64_t m_started INFRA_GUARDED_BY(CORE_MUTEX) = 0;  ///< Senders that have begun with the start cache.
@@ -93,8 +108,10 @@ private:
     /// sender has gone.
     std::optional<uint64_t> give_turns() INFRA_REQUIRES(CORE_MUTEX);
     __attribute__((noinline)) void change_mode(SenderRecord& record) INFRA_REQUIRES(CORE_MUTEX);
+    /// One that has not joined can stand at the first frame of the stream all the same, which is held.
     Place place_of(SenderRecord& record) INFRA_REQUIRES(CORE_MUTEX) {
-        return record.has_joined() ? Place::HERE : join(record);
+        const bool held = m_held && record.m_joined && record.m_frame != nullptr;
+        return record.has_joined() || held ? Place::HERE : join(record);
     }
     Place join(SenderRecord& record) INFRA_REQUIRES(CORE_MUTEX);
     CFrame* start_of(const SenderRecord& record) const INFRA_REQUIRES(CORE_MUTEX);

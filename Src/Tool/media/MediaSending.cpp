@@ -1,6 +1,7 @@
 // MediaSending: the steps of a turn. This is the hot path of a buffer.
 #include "Tool/media/MediaSending.h"
 
+#include <algorithm>
 #include <cassert>
 #include <cstdio>
 #include <cstring>
@@ -9,6 +10,7 @@
 
 #include "Tool/frame/MediaTrace.h"
 #include "Tool/media/FrameChoice.h"
+#include "Tool/media/FrameGather.h"
 #include "Tool/media/StartShares.h"
 
 namespace Orvex::Reticor {
@@ -115,17 +117,84 @@ MediaSending::Progress MediaSending::write_frame(CSock& stream) {
     if (static_cast<int>(frame.m_packet_num) - m_record.m_iovec_index < 1) {
         return Progress::OVER;
     }
+    if (m_record.wishes(SenderRecord::WISH_GATHER)) {
+        FrameGather gather;
+        if (gathers(stream, gather)) {
+            return write_gathered(stream, gather);
+        }
+    }
     const int written = write_rest(stream, frame, m_record.m_iovec_index, m_record.m_iovec_offset);
-    if (written == 0) {
-        m_record.note_blocked();
-        return over(TurnEnd::BLOCKED);
+    if (written <= 0) {
+        return written == 0 ? note_nothing_written() : note_failed();
     }
-    if (written < 0) {
-        m_record.take_back_sent();
-        return over(TurnEnd::FAILED);
+    if (m_record.note_written(static_cast<uint32_t>(written))) {
+        return finish_frame(stream);
     }
-    const bool whole = m_record.note_written(static_cast<uint32_t>(written));
-    return whole ? finish_frame(stream) : Progress::OVER;
+    m_record.begin_stall();
+    return Progress::OVER;
+}
+
+MediaSending::Progress MediaSending::note_nothing_written() {
+    m_record.note_blocked();
+    m_record.begin_stall();
+    return over(TurnEnd::BLOCKED);
+}
+
+MediaSending::Progress MediaSending::note_failed() {
+    m_record.take_back_sent();
+    return over(TurnEnd::FAILED);
+}
+
+// Several frames in one write.
+
+// A datagram is one frame. What a sender that comes back has to end first is no frame of the list.
+bool MediaSending::gathers(CSock& stream, FrameGather& gather) {
+    return stream.GetType() != SOCK_TYPE_DGRAM && !m_record.m_other.waits() && !m_record.m_cut &&
+           !m_record.m_start.m_runs && m_record.m_frame != m_record.m_tail && gather.collect(m_record);
+}
+
+// The frames are credited one after another. A procedure may take the sender off meanwhile, but all that was
+// written is on the wire; and nothing else is written before all of it is credited.
+MediaSending::Progress MediaSending::write_gathered(CSock& stream, FrameGather& gather) {
+    const int written = SocketWriter(stream).write_v(gather.entries(), gather.count());
+    if (written <= 0) {
+        return written == 0 ? note_nothing_written() : note_failed();
+    }
+    auto left = static_cast<uint64_t>(written);
+    const bool all = left == gather.bytes();
+    uint64_t frames = 0;
+    while (left != 0) {
+        const uint64_t part = std::min(left, m_record.m_frame_left);
+        left -= part;
+        ++frames;
+        if (m_record.note_written(static_cast<uint32_t>(part))) {
+            if (CFrame* const next = after_gathered(gather, m_record.end_frame())) {
+                m_record.take_frame(next);
+            }
+        }
+    }
+    m_record.m_room.count_write(frames);
+    if (!all) {
+        m_record.begin_stall();
+        return Progress::OVER;
+    }
+    return go_on_after_frames(stream);
+}
+
+// The next one of those gathered, whatever has changed since: its bytes may be on the wire.
+CFrame* MediaSending::after_gathered(FrameGather& gather, CFrame* after) {
+    CFrame* const next = gather.take_next();
+    if (next == nullptr) {
+        return after != nullptr ? next_frame(after) : nullptr;
+    }
+    for (CFrame* frame = after; frame != next; frame = FrameGather::after(m_record, *frame)) {
+        if (m_record.m_keeps) {
+            m_record.pass_kept(*frame, false);
+        } else {
+            m_record.step_over(*frame);
+        }
+    }
+    return next;
 }
 
 MediaSending::Progress MediaSending::finish_frame(CSock& stream) {
@@ -135,6 +204,10 @@ MediaSending::Progress MediaSending::finish_frame(CSock& stream) {
             m_record.take_frame(next);
         }
     }
+    return go_on_after_frames(stream);
+}
+
+MediaSending::Progress MediaSending::go_on_after_frames(CSock& stream) {
     if (m_record.m_leaving) {
         return Progress::OVER;  // The procedure has taken this sender off, and its socket may be gone.
     }
@@ -156,6 +229,7 @@ bool MediaSending::other_data_waits(CSock& stream) {
     const OtherData::Sent sent = m_record.m_other.send(SocketWriter(stream));
     if (sent.written == 0) {
         m_record.note_blocked();
+        m_record.begin_stall();
         m_end = TurnEnd::OTHER_BLOCKED;
         return true;
     }
@@ -164,7 +238,40 @@ bool MediaSending::other_data_waits(CSock& stream) {
         return true;
     }
     m_record.note_unblocked();
+    if (sent.left > 0) {
+        m_record.begin_stall();
+    }
     return sent.left > 0;
+}
+
+void MediaSending::take_offer(CFrame* offered, bool loses) {
+    if (m_record.m_frame != nullptr || !m_record.at_boundary()) {
+        // It has something to write before.
+    } else if (loses && m_record.m_other.waits()) {
+        m_record.note_offered(offered);
+    } else if (offered != nullptr && offered->m_frame_len >= 1 && !offered->is_filling()) {
+        CFrame* const chosen = is_for_it(*offered) ? offered : next_frame(offered);
+        if (chosen != nullptr) {
+            m_record.take_frame(chosen);
+        }
+    }
+    m_record.settle();
+    m_record.pass_all_if_caught_up();
+}
+
+bool MediaSending::step_ahead() {
+    CFrame* const former = m_record.m_frame;
+    CFrame* const next = next_frame(former);
+    m_record.change_frame(next);
+    m_record.settle();
+    m_record.pass_all_if_caught_up();
+    return next != former;
+}
+
+void MediaSending::report_stall() {
+    m_end = m_record.at_boundary() && m_record.m_other.waits() ? TurnEnd::OTHER_BLOCKED : TurnEnd::BLOCKED;
+    const char* const where = m_end == TurnEnd::OTHER_BLOCKED ? "check_other_data" : "Send";
+    tell(BLOCKED_NAME, "MediaStreamSender %s socket exception for timeout!\n", where);
 }
 
 // From `frame` on, the first one that this sender is to get; null if it has caught up. What is stepped over

@@ -5,6 +5,8 @@
 
 namespace Orvex::Reticor {
 
+class FrameGather;
+
 /// How a turn ended. Other data is told apart from frames, since lines tell it apart.
 enum class TurnEnd {
     DONE,           ///< All written, or the socket took a part.
@@ -32,6 +34,16 @@ public:
     /// for it. Here, since the lines name this file, and the sender as their object.
     void report() INFRA_REQUIRES(CORE_MUTEX);
 
+    /// A sender that is not to write now, and has caught up, takes the frame on offer without a write: it would
+    /// be lost to it otherwise. `loses` says whether other data that waits has it lose the frame, as it does
+    /// when such data blocks.
+    void take_offer(CFrame* offered, bool loses) INFRA_REQUIRES(CORE_MUTEX);
+    /// Stands at the beginning of a frame, and steps ahead of what is not for it any more, without a write.
+    /// True if it has moved.
+    bool step_ahead() INFRA_REQUIRES(CORE_MUTEX);
+    /// Tells once whoever waits for it that the sender has stalled.
+    void report_stall() INFRA_REQUIRES(CORE_MUTEX);
+
     /// Counts the rest of a half-written packet as written, and copies it. Results as
     /// CMediaStreamSender::GetTailPacket.
     int take_tail(char* buffer, int len) INFRA_REQUIRES(CORE_MUTEX);
@@ -42,6 +54,14 @@ private:
 
     Progress choose_frame(CSock& stream, CFrame* frame) INFRA_REQUIRES(CORE_MUTEX);
     Progress write_frame(CSock& stream) INFRA_REQUIRES(CORE_MUTEX);
+    // Apart from what senders that do not gather go through.
+    __attribute__((noinline)) Progress write_gathered(CSock& stream, FrameGather& gather)
+        INFRA_REQUIRES(CORE_MUTEX);
+    __attribute__((noinline)) bool gathers(CSock& stream, FrameGather& gather) INFRA_REQUIRES(CORE_MUTEX);
+    CFrame* after_gathered(FrameGather& gather, CFrame* after) INFRA_REQUIRES(CORE_MUTEX);
+    Progress note_failed() INFRA_REQUIRES(CORE_MUTEX);
+    Progress note_nothing_written() INFRA_REQUIRES(CORE_MUTEX);
+    Progress go_on_after_frames(CSock& stream) INFRA_REQUIRES(CORE_MUTEX);
     Progress finish_frame(CSock& stream) INFRA_REQUIRES(CORE_MUTEX);
     bool other_data_waits(CSock& stream) INFRA_REQUIRES(CORE_MUTEX);
     Progress over(TurnEnd end) {

@@ -1,16 +1,61 @@
 // CMediaStreamSender: its operations.
 #include <Reticor/MediaStreamSender.h>
 
+#include <algorithm>
 #include <cassert>
+#include <cstring>
 #include <new>
 #include <optional>
 
 #include <Infra/Log.h>
 
 #include "Core/handle/HandlerInternal.h"
+#include "Core/pool/PoolTable.h"
 #include "Tool/media/MediaSending.h"
 
 namespace Orvex::Reticor {
+
+namespace {
+
+/// The timer of a sender that waits for room. Gives the time to its next tick, -1 for none, in microseconds.
+int64_t tick(SenderRecord& record, long timer) INFRA_REQUIRES(CORE_MUTEX) {
+    const uint64_t due_us = record.deadline_us();
+    const uint64_t now_us = record.now();
+    switch (record.m_room.tick(timer, due_us, now_us)) {
+        case RoomWait::Tick::OVER:
+            return -1;
+        case RoomWait::Tick::EARLY:
+            return static_cast<int64_t>(std::min(due_us - now_us, RoomWait::TIMER_MOST_US));
+        default:
+            if (record.m_block_time != 0 && record.has_stalled()) {
+                MediaSending(record).report_stall();
+            }
+            return static_cast<int64_t>(
+                std::clamp(due_us - record.m_block_time, SenderRecord::SECOND_US, RoomWait::TIMER_MOST_US));
+    }
+}
+
+// False if the sender has moved to another buffer meanwhile.
+bool go_on(SenderRecord& record) INFRA_NO_THREAD_SAFETY_ANALYSIS {
+    const std::shared_ptr<MediaCore> core = record.core();
+    if (!core) {
+        return true;
+    }
+    if (core->m_mutex.tryEnter()) {
+        const MediaStep step(core, MediaStep::ENTERED);
+        if (step.nested()) {
+            core->m_marks.note(record.m_room.m_mark);
+        } else if (core->m_end != nullptr) {
+            core->m_end->go_on(record);
+        }
+    } else {
+        core->m_marks.note(record.m_room.m_mark);
+        MediaStep::serve_marks(*core);
+    }
+    return record.core() == core;
+}
+
+}  // namespace
 
 CMediaStreamSender* CMediaStreamSender::Create() {
     auto* const sender = new (std::nothrow) CMediaStreamSender;
@@ -61,9 +106,13 @@ long long CMediaStreamSender::Send(CFrame* frame, unsigned long long) INFRA_NO_T
     if (core) {
         step.emplace(core, MediaStep::ENTERED);
     }
+    if (m_state->m_full) {
+        return static_cast<long long>(m_state->m_send_total);
+    }
     MediaSending turn(*m_state);
     const TurnEnd end = turn.run(frame);
     turn.report();
+    m_state->end_room();  // only the buffer's own turns wait
     return is_failure(end) ? -1 : static_cast<long long>(m_state->m_send_total);
 }
 
@@ -106,6 +155,13 @@ bool CMediaStreamSender::DetachSendProc() {
 
 void CMediaStreamSender::SetSendTimeout(unsigned int seconds) {
     m_state->set_send_timeout(seconds);
+    if (!m_state->wishes(SenderRecord::WISH_ROOM)) {
+        return;
+    }
+    if (const std::shared_ptr<MediaCore> core = m_state->enter_core()) {
+        const MediaStep step(core, MediaStep::ENTERED);
+        m_state->m_room.change_deadline(m_state->deadline_us(), m_state->now());
+    }
 }
 
 void CMediaStreamSender::SetSendChannel(int channel) {
@@ -120,6 +176,72 @@ void CMediaStreamSender::DisableSendChannel(int channel) {
 
 void CMediaStreamSender::WaitException(long id) {
     m_state->wait_failure(id);
+}
+
+// Waiting for room.
+
+int CMediaStreamSender::WaitRoom(long owner) {
+    CSock* const stream = Infra::relaxedLoad(m_state->m_stream);
+    const bool simulated = stream != nullptr && stream->GetType() == SOCK_TYPE_SIMULATOR;
+    if (owner != 0 && (simulated || !PoolTable::IsOpen(owner))) {
+        return -1;
+    }
+    if (const std::shared_ptr<MediaCore> core = m_state->enter_core()) {
+        const MediaStep step(core, MediaStep::ENTERED);
+        if (m_state->m_list != nullptr && m_state->m_full) {
+            core->m_end->stop_waiting(*m_state);
+        }
+        m_state->wait_room(owner);
+    } else {
+        m_state->wait_room(owner);
+    }
+    return 0;
+}
+
+// The interest ends first: if another thread has the lock, it may have served the sender, and begun anew, as
+// soon as that is noted.
+int CMediaStreamSender::handle_output(int handle) {
+    const long owner = m_state->m_room.owner();
+    if (owner == 0) {
+        return -1;
+    }
+    RoomWatch::end_all(owner, handle);
+    while (!go_on(*m_state)) {
+    }
+    return 0;
+}
+
+int64_t CMediaStreamSender::handle_timeout(long id) INFRA_NO_THREAD_SAFETY_ANALYSIS {
+    constexpr int64_t SOON_US = 5000;
+    const std::shared_ptr<MediaCore> core = m_state->core();
+    if (!core) {
+        return -1;
+    }
+    if (!core->m_mutex.tryEnter()) {
+        return SOON_US;
+    }
+    const MediaStep step(core, MediaStep::ENTERED);
+    return m_state->core() == core ? tick(*m_state, id) : SOON_US;
+}
+
+void CMediaStreamSender::SetGather(bool gathers) {
+    m_state->set_wish(SenderRecord::WISH_GATHER, gathers);
+}
+
+int CMediaStreamSender::GetRoomStats(MediaRoomStats* stats, unsigned int size) {
+    constexpr unsigned int LEAST = 2 * sizeof(uint32_t);
+    if (stats == nullptr || size < LEAST) {
+        return -1;
+    }
+    MediaRoomStats found;
+    if (const std::shared_ptr<MediaCore> core = m_state->enter_core()) {
+        const MediaStep step(core, MediaStep::ENTERED);
+        found = m_state->m_room.stats();
+        found.waiting = m_state->m_full ? 1 : 0;
+    }
+    found.size = std::min(size, static_cast<unsigned int>(sizeof found));
+    std::memcpy(static_cast<void*>(stats), &found, found.size);
+    return 0;
 }
 
 void CMediaStreamSender::SetResumePolicy(unsigned max_lag_ms, MediaResume mode, unsigned hard_lag_ms) {

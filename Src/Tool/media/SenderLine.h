@@ -30,14 +30,33 @@ public:
     void remove(SenderRecord& record) INFRA_REQUIRES(CORE_MUTEX);
     /// True once, when the last sender was taken off.
     bool ran_empty() INFRA_REQUIRES(CORE_MUTEX);
+    // Senders that wait for room, and stand at a frame, have no turns: they are apart from the others, in the
+    // order in which nobody looks.
+
+    SenderRecord* first_parked() const INFRA_REQUIRES(CORE_MUTEX) { return m_first_parked; }
+    /// Any sender; null if there is none.
+    SenderRecord* any() const INFRA_REQUIRES(CORE_MUTEX) {
+        return m_first != nullptr ? m_first : m_first_parked;
+    }
+    /// Whether one was parked without a resume policy.
+    bool has_plain_parked() const INFRA_REQUIRES(CORE_MUTEX) { return m_plain_parked != 0; }
+    /// `before` is the one before it, null for the first one.
+    void park(SenderRecord* before, SenderRecord& record) INFRA_REQUIRES(CORE_MUTEX);
+    /// Back to the others, ahead of them.
+    void unpark(SenderRecord& record) INFRA_REQUIRES(CORE_MUTEX);
+
     /// Takes all off.
     void clear() INFRA_REQUIRES(CORE_MUTEX);
 
     void add_stats(MediaBufferStats& stats, uint64_t byte_discard) const INFRA_REQUIRES(CORE_MUTEX);
 
 private:
+    void unlink_parked(SenderRecord& record) INFRA_REQUIRES(CORE_MUTEX);
+
     MediaCore& m_core;
     SenderRecord* m_first INFRA_GUARDED_BY(CORE_MUTEX) = nullptr;
+    SenderRecord* m_first_parked INFRA_GUARDED_BY(CORE_MUTEX) = nullptr;
+    uint32_t m_plain_parked INFRA_GUARDED_BY(CORE_MUTEX) = 0;
     bool m_has_sender INFRA_GUARDED_BY(CORE_MUTEX) = false;
 };
 

@@ -17,8 +17,6 @@ namespace Orvex::Reticor {
 
 namespace {
 
-constexpr uint64_t SECOND_US = 1000000;
-
 long pack_skip(uint64_t frames, uint64_t bytes, bool thinned) {
     static_assert(sizeof(long) == 8, "an attachment holds both numbers");
     constexpr uint64_t FRAMES_LIMIT = (1ULL << 23) - 1;
@@ -30,7 +28,7 @@ long pack_skip(uint64_t frames, uint64_t bytes, bool thinned) {
 
 }  // namespace
 
-static_assert(alignof(SenderRecord) == 64 && offsetof(SenderHotState, m_wants_keep) < 64,
+static_assert(alignof(SenderRecord) == 64 && offsetof(SenderHotState, m_wishes) < 64,
               "what every frame touches is one cache line");
 static_assert(offsetof(SenderHotState, m_owner) == 64 && offsetof(SenderHotState, m_stats) + 16 <= 128,
               "what a delivered frame touches besides is the next one");
@@ -262,6 +260,9 @@ void SenderRecord::leave_frame() {
     m_iovec_index = 0;
     m_iovec_offset = 0;
     m_frame_left = 0;
+    if (m_room.m_parked && m_list != nullptr) {
+        m_list->note_idle();
+    }
     settle();
 }
 
@@ -372,7 +373,15 @@ void SenderRecord::set_send_timeout(unsigned seconds) {
 void SenderRecord::set_policy(unsigned max_lag_ms, MediaResume mode, unsigned hard_lag_ms) {
     Infra::relaxedStore(m_hard_lag_us, uint64_t{hard_lag_ms} * 1000);
     Infra::relaxedStore(m_max_lag_us, uint64_t{max_lag_ms} * 1000);
-    Infra::relaxedStore(m_wants_keep, max_lag_ms != 0 && mode == MediaResume::AHEAD);
+    set_wish(WISH_KEEP, max_lag_ms != 0 && mode == MediaResume::AHEAD);
+}
+
+void SenderRecord::set_wish(uint8_t wish, bool on) {
+    if (on) {
+        __atomic_fetch_or(&m_wishes, wish, __ATOMIC_RELAXED);
+    } else {
+        __atomic_fetch_and(&m_wishes, static_cast<uint8_t>(~wish), __ATOMIC_RELAXED);
+    }
 }
 
 void SenderRecord::choose_channel(int channel) {
@@ -563,12 +572,28 @@ CFrame* SenderRecord::end_tail() {
     return frame.m_next;
 }
 
+// The clock of a stall begins here too, since no later write will find the socket full.
+void SenderRecord::begin_stall() {
+    if (wishes(WISH_ROOM)) {
+        m_full = true;
+        if (m_block_time == 0) {
+            m_block_time = now();
+        }
+    }
+}
+
 void SenderRecord::note_blocked() {
     ++m_block_count;
+    m_room.count_full_try();
     const uint64_t now_us = now();
     if (m_block_time == 0) {
         m_block_time = now_us;
     }
+}
+
+uint64_t SenderRecord::deadline_us() const {
+    const uint64_t seconds = Infra::relaxedLoad(m_send_timeout);
+    return seconds >= NO_TIMEOUT_S ? RoomWait::NO_DEADLINE : m_block_time + seconds * SECOND_US;
 }
 
 bool SenderRecord::has_stalled() {
@@ -613,6 +638,8 @@ void SenderRecord::leave_list() {
         hold_no_more();
         m_cut = !at_boundary();
     }
+    end_room();
+    m_room.drop_timer();
     m_next = nullptr;
     m_list->let_go(m_reference.release());
     m_list = nullptr;

@@ -14,6 +14,7 @@
 #include "Tool/frame/AheadCourse.h"
 #include "Tool/frame/MediaFrame.h"
 #include "Tool/frame/Thinning.h"
+#include "Tool/media/RoomWait.h"
 #include "Tool/step/KernelLag.h"
 #include "Tool/step/MediaStep.h"
 #include "Tool/step/MoveLine.h"
@@ -51,10 +52,10 @@ struct alignas(64) SenderHotState {
     bool m_joined = false;                  ///< Has been given a place in the stream.
     bool m_counted = false;                 ///< m_frame's m_sender_count has this sender in it.
     bool m_leaving = false;                 ///< To be taken off as soon as the operation ends.
-    bool m_failed = false;                  ///< Taken off by a socket failure.
+    bool m_full = false;                    ///< Waits for room: its socket is not tried.
     /// Frames are kept for it, and its cursor is on the kept line: it steps ahead when it is late.
     bool m_keeps = false;
-    bool m_wants_keep = false;  ///< To be so from its next turn on. No lock.
+    uint8_t m_wishes = 0;  ///< What its settings ask for, from its next turn or write on. No lock.
 
     CMediaStreamSender* m_owner = nullptr;  ///< Whose record it is.
     uint64_t m_block_time = 0;  ///< us; of the first write since the last finished frame that would block.
@@ -81,12 +82,18 @@ struct SenderStart {
 /// counters. Guarded by the mutex of m_core but for what says otherwise; nobody but its own operations writes
 /// it. What each delivered frame touches comes first and close together, so all of it is one record.
 struct SenderRecord : SenderHotState {
-    explicit SenderRecord(CMediaStreamSender& owner) { m_owner = &owner; }
+    explicit SenderRecord(CMediaStreamSender& owner) : m_room(*this, owner) { m_owner = &owner; }
     ~SenderRecord();
     SenderRecord(const SenderRecord&) = delete;
     SenderRecord& operator=(const SenderRecord&) = delete;
 
     static constexpr uint64_t NO_TIMEOUT_S = 0xFFFFFFFF;
+    static constexpr uint64_t SECOND_US = 1000000;
+
+    // Bits of m_wishes.
+    static constexpr uint8_t WISH_KEEP = 1;    ///< Frames are to be kept for it.
+    static constexpr uint8_t WISH_ROOM = 2;    ///< It waits for room when its socket is full.
+    static constexpr uint8_t WISH_GATHER = 4;  ///< Several frames may go out in one write.
 
     /// The way to a buffer's list for a sender that was added inside a call-back.
     /// It has a reference on the sender for as long as a thread has it as its guest, and another one for the
@@ -143,6 +150,7 @@ struct SenderRecord : SenderHotState {
     long m_skip_id = 0;                        ///< No lock.
     unsigned m_skip_msg = 0;                   ///< No lock.
     uint64_t m_hard_lag_us = 0;                ///< No lock.
+    bool m_failed = false;                     ///< Taken off by a socket failure.
     bool m_holds = false;                      ///< m_linked's m_holders has this sender in it.
     bool m_cut = false;             ///< It was paused in the middle of m_frame, which is followed by none.
     uint64_t m_begun_us = 0;        ///< When m_frame was begun.
@@ -158,6 +166,7 @@ struct SenderRecord : SenderHotState {
     /// The buffer whose list it is on or was on last. Changes under m_other_mutex and the old core's mutex.
     std::shared_ptr<MediaCore> m_core INFRA_GUARDED_BY(m_other_mutex);
     Coming m_coming{*this};
+    RoomWait m_room;
     OtherData m_other{m_other_mutex, m_other_len};
 
     /// For the tests and for the buffer.
@@ -183,9 +192,15 @@ struct SenderRecord : SenderHotState {
     long take_failure_waiter();
     void wait_skip(long id, unsigned msg);
     void set_send_timeout(unsigned seconds);
+    void wait_room(long owner) {
+        m_room.set_owner(owner);
+        set_wish(WISH_ROOM, owner != 0);
+    }
     void set_policy(unsigned max_lag_ms, MediaResume mode, unsigned hard_lag_ms);
     uint64_t hard_lag_us() const { return Infra::relaxedLoad(m_hard_lag_us); }
-    bool wants_keep() const { return Infra::relaxedLoad(m_wants_keep); }
+    void set_wish(uint8_t wish, bool on);
+    bool wishes(uint8_t wish) const { return (Infra::relaxedLoad(m_wishes) & wish) != 0; }
+    bool wants_keep() const { return wishes(WISH_KEEP); }
     uint64_t max_lag_us() const { return Infra::relaxedLoad(m_max_lag_us); }
     bool has_policy() const { return max_lag_us() != 0; }
     void choose_channel(int channel);
@@ -315,6 +330,21 @@ struct SenderRecord : SenderHotState {
         }
     }
     void note_blocked() INFRA_REQUIRES(CORE_MUTEX);
+    /// The socket took less than it was given: a sender that waits for room tries it no more until then.
+    void begin_stall() INFRA_REQUIRES(CORE_MUTEX);
+    /// Takes a place to wait in, if it has none yet. False if there is none: it goes on trying.
+    bool begin_room() INFRA_REQUIRES(CORE_MUTEX) {
+        m_full = m_room.begin(Infra::relaxedLoad(m_stream), deadline_us(), now());
+        return m_full;
+    }
+    /// It does not wait for room any more.
+    void end_room() INFRA_REQUIRES(CORE_MUTEX) {
+        m_room.end();
+        m_full = false;
+    }
+    /// When a socket that was full will have stalled.
+    uint64_t deadline_us() const INFRA_REQUIRES(CORE_MUTEX);
+    void set_full(bool full) INFRA_REQUIRES(CORE_MUTEX) { m_full = full; }
     void note_unblocked() INFRA_REQUIRES(CORE_MUTEX) {
         m_block_count = 0;
         m_block_time = 0;

@@ -13,6 +13,7 @@
 
 #include "Tool/frame/ChannelBook.h"
 #include "Tool/step/MoveLine.h"
+#include "Tool/step/RoomMarks.h"
 
 namespace Orvex::Reticor {
 
@@ -34,6 +35,10 @@ public:
     virtual void come(CMediaStreamSender& sender) INFRA_REQUIRES(CORE_MUTEX) = 0;
     /// Takes a sender off that moves to another buffer. False if it is not on the list.
     virtual bool go(CMediaStreamSender& sender) INFRA_REQUIRES(CORE_MUTEX) = 0;
+    /// Lets a sender go on whose socket has room, if it is on the list.
+    virtual void go_on(SenderRecord& record) INFRA_REQUIRES(CORE_MUTEX) = 0;
+    /// A sender of the list does not want to wait for room any more.
+    virtual void stop_waiting(SenderRecord& record) INFRA_REQUIRES(CORE_MUTEX) = 0;
 
 protected:
     ~StepEnd_IF() = default;
@@ -49,7 +54,7 @@ struct GoneSender {
 /// The part of a buffer's state that its senders share, so that a sender can look after its own cursor when
 /// the buffer has gone. All fields are guarded by m_mutex, and so is what the senders' cursors touch. Nobody
 /// but its own operations writes them.
-struct MediaCore {
+struct MediaCore : std::enable_shared_from_this<MediaCore> {
     /// Before it comes the list's lock of the shared timer, after it the senders' m_other_mutex.
     Infra::CMutex m_mutex{Infra::LockClass::MEDIA_CORE};
     /// An operation that runs call-backs is in progress, on the thread that holds the mutex.
@@ -77,6 +82,12 @@ struct MediaCore {
     std::atomic<bool> m_has_starts{false};
     /// This step's reading of the clock; 0: not read yet.
     uint64_t m_now_us INFRA_GUARDED_BY(CORE_MUTEX) = 0;
+    /// Senders that have room and were not served yet: whoever leaves the mutex looks here. No lock.
+    RoomMarks m_marks;
+    RoomMark* m_served INFRA_GUARDED_BY(CORE_MUTEX) =
+        nullptr;  ///< In this step; their references still stand.
+    /// A sender that waits for room stands at no frame any more, or waits no more.
+    bool m_some_idle INFRA_GUARDED_BY(CORE_MUTEX) = false;
 
     /// The buffer is there, and senders come to it.
     void open(StepEnd_IF& end) INFRA_REQUIRES(CORE_MUTEX) { m_end = &end; }
@@ -95,6 +106,7 @@ struct MediaCore {
     /// The outermost operation ends: takes off what call-backs have taken off. Gives the senders that have
     /// gone; their references are to be dropped when the mutex was left.
     GoneSender* end_step() INFRA_REQUIRES(CORE_MUTEX) {
+        serve_marks();
         // Taking one off can run call-backs that take off others.
         while (std::exchange(m_some_leave, false) && m_end != nullptr) {
             m_end->drop_leaving();
@@ -103,6 +115,19 @@ struct MediaCore {
         m_gone_end = &m_gone;
         return std::exchange(m_gone, nullptr);
     }
+    /// Serves the senders that have room; their marks are kept for after the mutex.
+    void serve_marks() INFRA_REQUIRES(CORE_MUTEX) {
+        for (RoomMark* mark = m_marks.take(); mark != nullptr;) {
+            RoomMark* const next = mark->m_next;
+            mark->m_seen = mark->m_times.load(std::memory_order_acquire);
+            if (m_end != nullptr) {
+                m_end->go_on(mark->m_record);
+            }
+            mark->m_next = std::exchange(m_served, mark);
+            mark = next;
+        }
+    }
+    void note_idle() INFRA_REQUIRES(CORE_MUTEX) { m_some_idle = true; }
     /// A call-back has taken a sender off: the end of the operation looks for it.
     void note_leaving() INFRA_REQUIRES(CORE_MUTEX) { m_some_leave = true; }
     /// Takes over the list's reference on a sender that is off it. Inside a step.
@@ -143,15 +168,15 @@ struct MediaCore {
 class INFRA_SCOPED_CAPABILITY CoreGuard {
 public:
     explicit CoreGuard(MediaCore& core) INFRA_ACQUIRE(CORE_MUTEX) INFRA_NO_THREAD_SAFETY_ANALYSIS
-        : m_mutex(core.m_mutex) {
-        m_mutex.enter();
+        : m_core(core) {
+        m_core.m_mutex.enter();
     }
-    ~CoreGuard() INFRA_RELEASE() INFRA_NO_THREAD_SAFETY_ANALYSIS { m_mutex.leave(); }
+    ~CoreGuard() INFRA_RELEASE();
     CoreGuard(const CoreGuard&) = delete;
     CoreGuard& operator=(const CoreGuard&) = delete;
 
 private:
-    Infra::CMutex& m_mutex;
+    MediaCore& m_core;
 };
 
 /// One operation under a core's mutex that may run call-backs. The outermost one on a core takes off, on its
@@ -171,8 +196,12 @@ public:
     /// Inside a call-back of an operation on the same buffer.
     bool nested() const { return !m_outermost; }
 
+    /// With the mutex left: serves the senders that have room, unless another thread has the mutex, which will.
+    static void serve_marks(MediaCore& core);
+
 private:
     static bool begin(MediaCore& core);
+    static void end(MediaCore& core, bool outermost);
 
     const std::shared_ptr<MediaCore> m_core;
     const bool m_outermost;

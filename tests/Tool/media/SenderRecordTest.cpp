@@ -335,6 +335,8 @@ struct Arrivals final : StepEnd_IF {
     bool go(CMediaStreamSender&) override { return false; }
     void drop_leaving() override {}
     void come(CMediaStreamSender& sender) override { arrived.push_back(&sender); }
+    void go_on(SenderRecord&) override {}
+    void stop_waiting(SenderRecord&) override {}
     std::vector<const CMediaStreamSender*> arrived;
 };
 

@@ -27,6 +27,8 @@ struct End final : StepEnd_IF {
         }
     }
     void come(CMediaStreamSender&) override {}
+    void go_on(SenderRecord&) override {}
+    void stop_waiting(SenderRecord&) override {}
 
     int drops = 0;
     std::function<void()> on_drop;
