@@ -151,6 +151,7 @@ void Session::watch() {
     sender->SetSendTimeout(options.stallTimeout_s);
     sender->SetResumePolicy(options.maxLag_ms, options.strictLag ? MediaResume::STRICT : MediaResume::AHEAD,
                             options.hardLag_ms);
+    sender->WaitRoom(GetID());
     m_sock.SetSockSendBuf(options.sendBuffer);
     m_sock.SetSockNoDelay(true);
     if (!m_relay.stream().join(client, options.maxClients)) {
@@ -198,9 +199,17 @@ void Session::answer(int status, const char* type, std::string_view body) {
     }
 }
 
+/// The live stream is written under the buffer's lock, which others hold when they come to ours: ours is left.
 int Session::handle_output(int fd) {
-    CGuard guard(m_mutex);
-    return m_sock.IsValid() && m_page != nullptr ? m_page->handle_output(fd) : -1;
+    std::shared_ptr<Client> client;
+    {
+        CGuard guard(m_mutex);
+        if (m_sock.IsValid() && m_page != nullptr) {
+            return m_page->handle_output(fd);
+        }
+        client = m_client;
+    }
+    return client != nullptr ? client->sender()->handle_output(fd) : -1;
 }
 
 int64_t Session::handle_timeout(long id) {
