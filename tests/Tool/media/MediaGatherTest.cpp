@@ -1,5 +1,4 @@
-// Several frames in one write, frames that are held for it, and both together with waiting for room: what every
-// client gets must be what it gets without.
+// Several frames in one write, frames that are held, both with waiting for room: the bytes stay the same.
 #include "support/HandClock.h"
 #include "support/SeededRandom.h"
 #include "support/media/RoomStand.h"
