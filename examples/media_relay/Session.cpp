@@ -199,7 +199,7 @@ void Session::answer(int status, const char* type, std::string_view body) {
     }
 }
 
-/// The live stream is written under the buffer's lock, which others hold when they come to ours: ours is left.
+/// The live stream is written under the buffer's lock, and whoever holds that may want ours: ours is left.
 int Session::handle_output(int fd) {
     std::shared_ptr<Client> client;
     {

@@ -109,10 +109,10 @@ public:
     /// Lets all senders go on with what is there. Does nothing while a frame is half filled.
     void do_send();
 
-    /// From here on frames are completed, offered and grow older as ever, but nothing is written until Flush: a
-    /// step for several frames costs the senders one write each, if they gather (CMediaStreamSender::SetGather).
-    /// Meanwhile every client holds what it has not got, as one whose socket is full; those that wait for room
-    /// go on when they have it. Keep it short: a few frames. A second Hold changes nothing.
+    /// From here on frames are completed, offered and grow older as ever, but nothing is written until Flush:
+    /// a step for several frames costs each sender one write, if it gathers (CMediaStreamSender::SetGather).
+    /// Meanwhile every client holds what it has not got, as one whose socket is full; those that wait for
+    /// room go on when they have it. Keep it short: a few frames. A second Hold changes nothing.
     void Hold();
     /// Ends a hold: one step lets all senders go on. It is not a tick, and does nothing more while a frame is
     /// half filled. Without a hold it is such a step alone.

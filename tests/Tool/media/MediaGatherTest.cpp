@@ -1,4 +1,4 @@
-// Several frames in one write, frames that are held, both with waiting for room: the bytes stay the same.
+// Several frames in one write, held frames, both with waiting for room: the bytes stay the same.
 #include "support/HandClock.h"
 #include "support/SeededRandom.h"
 #include "support/media/RoomStand.h"

@@ -1,4 +1,4 @@
-// Senders that wait for room, with real sockets: all ends in loops, while workers are on their way.
+// Senders that wait for room, on real sockets: all ends in loops, while workers are on their way.
 #include <sys/socket.h>
 #include <unistd.h>
 
