@@ -196,7 +196,7 @@ public:
     /// Inside a call-back of an operation on the same buffer.
     bool nested() const { return !m_outermost; }
 
-    /// With the mutex left: serves the senders that have room, unless another thread has the mutex, which will.
+    /// With the mutex left: serves the senders that have room, unless another thread has it, which will.
     static void serve_marks(MediaCore& core);
 
 private:
