@@ -8,8 +8,8 @@ namespace Orvex::Reticor {
 
 /// A block of the pool: 131072 bytes.
 struct buffer_node {
-    char* m_buf = nullptr;
-    buffer_node* m_next = nullptr;
+    char* m_buf = nullptr;          ///< Its bytes.
+    buffer_node* m_next = nullptr;  ///< The next one in the pool.
 };
 
 /// Keeps blocks that are not in use, up to 257 of them: 32 MiB and a little over. A new pool holds one, or
@@ -18,8 +18,10 @@ struct buffer_node {
 /// Thread safety: every operation on any thread. Nothing blocks but the allocation of memory.
 class RETICOR_API CNBufPool {
 public:
+    /// The size of a block.
     static constexpr unsigned BLOCK_BYTES = 131072;
 
+    /// Holds one block.
     CNBufPool();
     /// Frees the blocks in the pool; those that are out belong to whoever took them.
     ~CNBufPool();
@@ -38,6 +40,7 @@ public:
 
     /// A block and its node from the system, null if there is no memory; and back.
     static buffer_node* NewNode();
+    /// Gives back to the system what NewNode made.
     static void FreeNode(buffer_node* node);
 
 private:
@@ -58,6 +61,7 @@ private:
 /// the contents.
 class RETICOR_API CNFileBuf {
 public:
+    /// What a file worker is to do with the block.
     enum SUBMIT_EVENT {
         SUBMIT_NONE = 0,        ///< Nothing to do; set by `UnLock` and `Reset`.
         SUBMIT_READ = 1,        ///< Fill the block from the device at `m_file_offset`.

@@ -25,17 +25,17 @@ struct MediaBufferStats {
     uint64_t bytes = 0;           ///< Their bytes.
     uint32_t senders = 0;         ///< Senders on the list.
     uint64_t expired_frames = 0;  ///< Frames thrown away for their age.
-    uint64_t expired_bytes = 0;
+    uint64_t expired_bytes = 0;   ///< Their bytes.
     /// Bytes by which the slowest sender's position is short of what was let go already: frames are let go
     /// that many bytes too late.
     uint64_t debt_bytes = 0;
     /// Frames that cannot grow too old though no sender stands on them.
     uint32_t pinned_frames = 0;
-    uint64_t pinned_bytes = 0;
+    uint64_t pinned_bytes = 0;  ///< Their bytes.
     /// Frames that wait for senders that step ahead when they are late (CMediaStreamSender::SetResumePolicy),
     /// those held for all senders among them.
     uint32_t kept_frames = 0;
-    uint64_t kept_bytes = 0;
+    uint64_t kept_bytes = 0;  ///< Their bytes.
 };
 
 /// What the start cache holds, and what became of it. The caller's memory: `size` says how much of it there
@@ -157,6 +157,7 @@ public:
     /// between two frames then begins in the middle of a group of frames, unless it has a resume policy.
     /// Without memory it stays off, with a line at level 2.
     void EnableAutoSend();
+    /// With an interval in milliseconds, above 0.
     void EnableAutoSend(unsigned long long interval);
     /// Takes the buffer off the timer, which does not touch it any more when the call returns.
     void DisableAutoSend();

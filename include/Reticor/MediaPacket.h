@@ -29,8 +29,11 @@ constexpr int mediaLevel(int channel, int level) {
 /// lock held: see CMediaBuffer for what they must not do.
 class RETICOR_API CMediaPacket {
 public:
+    /// Holds nothing: the bytes are the product's.
     CMediaPacket();
+    /// Nothing is copied; a copy is a packet like any other.
     CMediaPacket(const CMediaPacket& other);
+    /// Nothing is copied.
     CMediaPacket& operator=(const CMediaPacket& other);
     virtual ~CMediaPacket();
 
@@ -49,9 +52,11 @@ public:
 /// CMediaBuffer::AddLevel2Buffer. A tap is on one list at most.
 class RETICOR_API CLevel2Buffer_IF {
 public:
+    /// On no list.
     CLevel2Buffer_IF();
     /// The link is copied along: the copy is on no list itself, and is to be added like any other tap.
     CLevel2Buffer_IF(const CLevel2Buffer_IF& other);
+    /// As the copy constructor. Not while this one is on a list.
     CLevel2Buffer_IF& operator=(const CLevel2Buffer_IF& other);
     virtual ~CLevel2Buffer_IF();
 

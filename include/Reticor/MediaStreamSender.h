@@ -41,19 +41,19 @@ struct MediaSenderStats {
     /// Frames that were gone when their turn came: too old for their level, or lost to other data that
     /// blocked. Counted when the next frame of the channel goes out.
     uint64_t holes = 0;
-    uint64_t hole_frames = 0;
-    uint64_t hole_bytes = 0;
+    uint64_t hole_frames = 0;  ///< The frames of all holes.
+    uint64_t hole_bytes = 0;   ///< Their bytes.
     /// What the resume policy stepped over, holes not included; and how often it resumed after a gap of
     /// either kind.
     uint64_t skips = 0;
-    uint64_t skipped_frames = 0;
-    uint64_t skipped_bytes = 0;
+    uint64_t skipped_frames = 0;  ///< The frames stepped over.
+    uint64_t skipped_bytes = 0;   ///< Their bytes.
     /// Disposable frames that were left out, and how many times that began anew.
     uint64_t thinnings = 0;
-    uint64_t thinned_frames = 0;
-    uint64_t thinned_bytes = 0;
-    bool joined = false;  ///< It has a place in the stream.
-    bool listed = false;  ///< It is on a buffer's list.
+    uint64_t thinned_frames = 0;  ///< The frames left out.
+    uint64_t thinned_bytes = 0;   ///< Their bytes.
+    bool joined = false;          ///< It has a place in the stream.
+    bool listed = false;          ///< It is on a buffer's list.
 };
 
 /// How a sender waited for room, and what it gathered. Counters only rise, from Create on. Later versions add
@@ -79,6 +79,7 @@ struct MediaSkip {
     uint64_t bytes;   ///< Their bytes, up to 2^40 - 1.
     bool thinned;     ///< They were disposable and left out here and there, and the picture went on.
 
+    /// Reads the attachment.
     static constexpr MediaSkip of(long attach) {
         return {static_cast<uint64_t>(attach) >> 40 & 0x7FFFFFULL,
                 static_cast<uint64_t>(attach) & 0xFFFFFFFFFFULL, attach < 0};

@@ -120,6 +120,7 @@ public:
 
     /// Counts the sockets registered on this object; for the library's own use.
     void AddSock();
+    /// Takes back one AddSock.
     void DecSock();
 
     /// The object's id: negative, and 0 only without memory for the object; unique among what is open. Safe
@@ -181,18 +182,25 @@ protected:
     /// What is posted before the file workers start waits for them, and is delivered once each, in order,
     /// when they do; what is posted after they have ended is dropped, which is logged once.
     void Notify(long receiver, unsigned int msg, long attach);
+    /// To the receiver that SetDefaultRcer named.
     void Notify(unsigned int msg, long attach);
+    /// As Notify, one after the other.
     void NotifySerial(long receiver, unsigned int msg, long attach, unsigned int reserved);
+    /// To the receiver that SetDefaultRcer named.
     void NotifySerial(unsigned int msg, long attach, unsigned int reserved);
+    /// As Notify, on a file worker.
     void NotifyIO(long receiver, unsigned int msg, long attach);
+    /// To the receiver that SetDefaultRcer named.
     void NotifyIO(unsigned int msg, long attach);
 
     /// Memory from the calling worker's own recycler, without a lock (`CTsMemory`).
     void* TsMalloc(unsigned int size);
+    /// Gives back what any of these four handed out; null is ignored.
     void TsFree(void* p);
 
     /// Memory from the recycler that all threads share.
     void* Malloc(unsigned int size);
+    /// As TsFree, to the shared recycler.
     void Free(void* p);
 
 private:

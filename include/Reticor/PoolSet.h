@@ -43,7 +43,9 @@ public:
     public:
         /// Empty.
         Place() = default;
+        /// Takes the place over; `other` is empty afterwards.
         Place(Place&& other) noexcept;
+        /// Gives back what was held; `other` is empty afterwards.
         Place& operator=(Place&& other) noexcept;
         ~Place();
         Place(const Place&) = delete;

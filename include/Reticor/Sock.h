@@ -37,6 +37,7 @@ public:
     /// Close acts on a dead number, or on a stranger's. Only for code that detaches one side. Assignment does
     /// not close the handle that was held before.
     CSock(const CSock& other);
+    /// As the copy constructor. A handle that was held before stays open and is nobody's.
     CSock& operator=(const CSock& other);
 
     /// Closes the handle, if there is one.
@@ -47,6 +48,7 @@ public:
 
     /// The handle, -1 if there is none. It stays the object's.
     int GetHandle() const { return m_handle; }
+    /// Whether there is a handle.
     bool IsValid() const { return m_handle != -1; }
 
     /// True for blocking mode.
@@ -73,16 +75,21 @@ public:
     /// and leaves `addr` unchanged if the classes do not match, or there is no handle or no peer.
     /// GetRemoteAddr logs its failures, GetLocalAddr does not. See getsockname(2), getpeername(2).
     int GetLocalAddr(CSockAddr* addr);
+    /// The peer's address, as GetLocalAddr.
     int GetRemoteAddr(CSockAddr* addr);
 
 protected:
+    /// Takes over `handle`; `type` is one of SockType. Not blocking.
     CSock(int handle, unsigned type);
 
     /// Gives the handle, if there is one, the mode that m_block says. Returns 0, or -1 after a log line.
     int set_block_opt();
 
+    /// The file descriptor; -1: none.
     int m_handle;
+    /// One of SockType.
     uint32_t m_type;
+    /// The blocking mode that a handle has or gets.
     bool m_block;
 };
 

@@ -26,6 +26,7 @@ public:
     CSockAcceptor();
     /// The number of the handle is copied, with the dangers that CSock tells of.
     CSockAcceptor(const CSockAcceptor& other);
+    /// As the copy constructor.
     CSockAcceptor& operator=(const CSockAcceptor& other);
     ~CSockAcceptor() override;
 

@@ -26,9 +26,11 @@ enum SockAddrType : uint32_t {
 /// its setters return -1, its getters null or 0, and it is not valid.
 class RETICOR_API CSockAddr {
 public:
+    /// Of type SOCKADDR_TYPE_UNKNOWN.
     CSockAddr();
     /// Copies the type code only; the address itself belongs to the children.
     CSockAddr(const CSockAddr& other);
+    /// As the copy constructor.
     CSockAddr& operator=(const CSockAddr& other);
     virtual ~CSockAddr();
 
@@ -51,8 +53,10 @@ public:
     bool IsReserved() const;
 
 protected:
+    /// For the children, which say what they are.
     explicit CSockAddr(SockAddrType type);
 
+    /// One of SockAddrType.
     uint32_t m_type;
 };
 

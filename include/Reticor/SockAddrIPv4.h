@@ -18,14 +18,19 @@ class RETICOR_API CSockAddrIPv4 : public CSockAddr {
 public:
     /// 0.0.0.0, port 0.
     CSockAddrIPv4();
+    /// The number, as SetAddr.
     CSockAddrIPv4(unsigned ip, unsigned short port);
     /// May block, see SetIp. GetIp() is 0 afterwards if the text could not be resolved.
     CSockAddrIPv4(const char* ip, unsigned short port);
+    /// The record as it is, as SetAddr.
     CSockAddrIPv4(const struct sockaddr_in& addr);
+    /// A record of its own, equal to the other one.
     CSockAddrIPv4(const CSockAddrIPv4& other);
+    /// Copies the record.
     CSockAddrIPv4& operator=(const CSockAddrIPv4& other);
     ~CSockAddrIPv4() override;
 
+    /// SetIp, then SetPort. Does not block.
     int SetAddr(unsigned ip, unsigned short port);
     /// May block, see SetIp. The port is set even if the text could not be resolved.
     int SetAddr(const char* ip, unsigned short port);
@@ -42,9 +47,12 @@ public:
     /// never reach the name service. After a failed look-up errno holds the resolver's code (EAI_*, which is
     /// negative), or the system's error.
     int SetIp(const char* ip);
+    /// The address is left alone.
     int SetPort(unsigned short port);
 
+    /// The address as a number, 0 for the wildcard.
     unsigned GetIp() const;
+    /// The port, 0 if none was set.
     unsigned short GetPort() const;
 
     /// Writes the dotted text to `buf` of `len` bytes and returns `buf`. Null without a log line if `buf` is

@@ -22,10 +22,13 @@ public:
     CSockAddrIPv6();
     /// May block, see SetIp.
     CSockAddrIPv6(const char* ip, unsigned short port);
+    /// With the scope as SetScopeID has it. May block, see SetIp.
     CSockAddrIPv6(const char* ip, unsigned short port, unsigned scope);
     /// Stays "::" with port 0 if SetAddr refuses `addr`, which remains the caller's.
     CSockAddrIPv6(const struct sockaddr_in6* addr);
+    /// A record of its own, equal to the other one.
     CSockAddrIPv6(const CSockAddrIPv6& other);
+    /// Copies the record.
     CSockAddrIPv6& operator=(const CSockAddrIPv6& other);
     /// Asserts that the type code is still that of an IPv6 address: an assignment through a CSockAddr& would
     /// change it and not the address.
@@ -33,6 +36,7 @@ public:
 
     /// Forgets the old address, flow information and scope first. May block, see SetIp.
     int SetAddr(const char* ip, unsigned short port);
+    /// The same, with the scope as SetScopeID has it.
     int SetAddr(const char* ip, unsigned short port, unsigned scope);
     /// Copies the record. -1 if `addr` is null or of another family, and then nothing changes.
     int SetAddr(const struct sockaddr_in6* addr);
@@ -47,11 +51,14 @@ public:
     /// failed look-up, which also writes a log line, errno holds the resolver's code (EAI_*, negative) or the
     /// system's error.
     int SetIp(const char* ip);
+    /// The address is left alone.
     int SetPort(unsigned short port);
+    /// The port, 0 if none was set.
     unsigned short GetPort() const;
 
     /// The index of the interface that a link-local address belongs to, 0 for none; see if_nametoindex(3).
     int SetScopeID(unsigned scope);
+    /// What SetScopeID or a literal has set; 0: none.
     unsigned GetScopeID() const;
 
     /// Writes the address as RFC 5952 text, without scope and port, to `buf` of `len` bytes and returns

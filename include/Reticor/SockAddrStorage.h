@@ -16,10 +16,13 @@ namespace Orvex::Reticor {
 /// Setters return 0, or -1 and leave what they have written by then. See CSockAddr for threads.
 class RETICOR_API CSockAddrStorage : public CSockAddr {
 public:
+    /// Holds no address, and is not valid.
     CSockAddrStorage();
     /// May block, see SetIp.
     CSockAddrStorage(const char* ip, unsigned short port);
+    /// Copies the text and what was made of it.
     CSockAddrStorage(const CSockAddrStorage& other);
+    /// As the copy constructor.
     CSockAddrStorage& operator=(const CSockAddrStorage& other);
     ~CSockAddrStorage() override;
 
@@ -38,6 +41,7 @@ public:
     /// has the port that was set *before* this call; SetPort afterwards changes what GetPort returns, and not
     /// that record. Call SetPort first for such addresses.
     int SetIp(const char* ip);
+    /// The address is left alone.
     int SetPort(unsigned short port);
 
     /// 0 while the address is not valid.

@@ -99,8 +99,11 @@ public:
     /// of its own, and reports the doubled value. Setters return 0 or -1, getters the size or -1; failures
     /// are logged.
     int SetSockRecvBuf(unsigned size);
+    /// SO_SNDBUF, as SetSockRecvBuf.
     int SetSockSendBuf(unsigned size);
+    /// The size as the kernel reports it, or -1.
     int GetSockRecvBuf();
+    /// The size as the kernel reports it, or -1.
     int GetSockSendBuf();
 
 private:

@@ -26,6 +26,7 @@ public:
     CSockStream();
     /// The number of the handle is copied, with the dangers that CSock tells of.
     CSockStream(const CSockStream& other);
+    /// As the copy constructor.
     CSockStream& operator=(const CSockStream& other);
     ~CSockStream() override;
 
@@ -72,12 +73,16 @@ public:
     /// of its own, and reports the doubled value. Setters return 0 or -1, getters the size or -1; failures
     /// are logged.
     int SetSockRecvBuf(unsigned size);
+    /// SO_SNDBUF, as SetSockRecvBuf.
     int SetSockSendBuf(unsigned size);
+    /// The size as the kernel reports it, or -1.
     int GetSockRecvBuf();
+    /// The size as the kernel reports it, or -1.
     int GetSockSendBuf();
 
     /// SO_KEEPALIVE and TCP_NODELAY. 0, or -1 with a log line.
     int SetSockKeepAlive(bool on);
+    /// Whether small pieces go out at once, TCP_NODELAY, see tcp(7). 0, or -1 with a log line.
     int SetSockNoDelay(bool on);
 };
 

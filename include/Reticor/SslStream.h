@@ -21,13 +21,21 @@ public:
     CSslStream();
     ~CSslStream() override;
 
+    /// -1, with the line.
     int Connect(const CSockAddr& remote, CSockAddr* local);
+    /// -1, with the line; `stream` stays the caller's.
     int Connect(CSockStream* stream);
+    /// -1, with the line.
     int Send(const char* data, unsigned len);
+    /// -1, with the line.
     int Recv(char* dst, unsigned len);
+    /// -1, with the line.
     int WriteV(const struct iovec* vec, int count);
+    /// -1, with the line, at once.
     int Send_n(const char* data, unsigned len, int timeout);
+    /// -1, with the line, at once.
     int Recv_n(char* dst, unsigned len, int timeout);
+    /// -1, with the line.
     int SetPemPath(const char* path);
 };
 

@@ -70,6 +70,7 @@ public:
 
     // Position.
 
+    /// The offset of the cursor, from 0 on.
     int GetCurOffset() const;
     /// The byte at the cursor, 0 if none is left.
     char GetCurChar() const;
@@ -103,9 +104,13 @@ public:
     // Search. Each moves the cursor to the first match from the cursor on and gives its offset, or leaves it
     // and gives -1. An empty `s` is not found. "InLine" searches through the '\n' of the cursor's line.
 
+    /// The bytes of `s`.
     int LocateString(const char* s);
+    /// Without regard to case.
     int LocateStringCase(const char* s);
+    /// In the cursor's line.
     int LocateStringInLine(const char* s);
+    /// In the cursor's line, without regard to case.
     int LocateStringInLineCase(const char* s);
 
     /// The first occurrence of `needle` in `hay`, or null; null also for a null pointer or a length below 1.
@@ -212,11 +217,17 @@ public:
     // end of the text, and without memory. If the new text is the longer one and the whole does not end in
     // '\n', "\r\n" is added at the end: the text is meant to be lines.
 
+    /// The number that ConsumeInt64 would read, by `value` in decimal.
     int ReplaceInt64(long long value);
+    /// As ReplaceInt64, for ConsumeInt32.
     int ReplaceInt32(int value);
+    /// As ReplaceInt64, for ConsumeInt16.
     int ReplaceInt16(short value);
+    /// As ReplaceInt64, for ConsumeUint64.
     int ReplaceUint64(unsigned long long value);
+    /// As ReplaceInt64, for ConsumeUint32.
     int ReplaceUint32(unsigned value);
+    /// As ReplaceInt64, for ConsumeUint16.
     int ReplaceUint16(unsigned short value);
     /// With six places after the point. A point is a point in every locale.
     int ReplaceFloat(float value);

@@ -26,7 +26,9 @@ class RETICOR_API CTsMemory {
 public:
     /// Objects of this class hold nothing.
     CTsMemory();
+    /// Copies nothing.
     CTsMemory(const CTsMemory& other);
+    /// Copies nothing.
     CTsMemory& operator=(const CTsMemory& other);
 
     /// Forgets the shared table and the slot number: the state before the first worker. For the start of the

@@ -33,7 +33,9 @@ public:
         return pointer;
     }
 
+    /// Takes a reference of its own.
     TComPtr(const TComPtr& other) noexcept : m_component(other.m_component) { add(); }
+    /// Takes over the reference; `other` is empty afterwards.
     TComPtr(TComPtr&& other) noexcept : m_component(std::exchange(other.m_component, nullptr)) {}
 
     /// From a pointer to another interface. Empty if the component does not have this one.
@@ -45,11 +47,13 @@ public:
 
     ~TComPtr() { reset(); }
 
+    /// Drops the reference held before.
     TComPtr& operator=(const TComPtr& other) noexcept {
         TComPtr copy(other);
         swap(copy);
         return *this;
     }
+    /// Drops the reference held before; `other` is empty afterwards.
     TComPtr& operator=(TComPtr&& other) noexcept {
         TComPtr taken(std::move(other));
         swap(taken);
@@ -62,20 +66,26 @@ public:
             component->release();
         }
     }
+    /// No reference is taken or dropped.
     void swap(TComPtr& other) noexcept { std::swap(m_component, other.m_component); }
 
     /// Null if the pointer is empty. The reference stays this pointer's.
     Interface* get() const noexcept { return m_component; }
+    /// Whether it holds nothing.
     bool empty() const noexcept { return m_component == nullptr; }
+    /// Whether it holds something.
     explicit operator bool() const noexcept { return m_component != nullptr; }
 
     /// Ends the process with a report if the pointer is empty.
     Interface* operator->() const noexcept { return checked(__LINE__); }
+    /// As the arrow.
     Interface& operator*() const noexcept { return *checked(__LINE__); }
 
+    /// The same object, or both empty.
     friend bool operator==(const TComPtr& left, const TComPtr& right) noexcept {
         return left.m_component == right.m_component;
     }
+    /// Different objects, or one of them empty.
     friend bool operator!=(const TComPtr& left, const TComPtr& right) noexcept { return !(left == right); }
 
 private:
@@ -99,7 +109,9 @@ private:
 template <typename Interface>
 class TCounted : public Interface {
 public:
+    /// From any thread.
     void addRef() noexcept override { m_references.fetch_add(1, std::memory_order_relaxed); }
+    /// From any thread; the last one deletes the object there.
     void release() noexcept override {
         if (m_references.fetch_sub(1, std::memory_order_acq_rel) == 1) {
             delete this;

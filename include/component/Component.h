@@ -10,6 +10,7 @@ class ClassID {
 public:
     /// `name` is kept by pointer: give a literal.
     explicit constexpr ClassID(const char* name) noexcept : m_name(name) {}
+    /// The name that was given.
     constexpr const char* name() const noexcept { return m_name; }
 
 private:

@@ -159,6 +159,7 @@ static_assert(sizeof(CMutex) == 2 * sizeof(uint32_t) + sizeof(void*), "the layou
 /// Holds a CMutex from its construction to the end of its scope.
 class INFRA_SCOPED_CAPABILITY CGuard {
 public:
+    /// Enters; waits for as long as another thread holds it.
     explicit CGuard(CMutex& mutex INFRA_AND_PLACE_PARAMETER) noexcept INFRA_ACQUIRE(mutex) : m_mutex(mutex) {
         m_mutex.enter(INFRA_PLACE);
     }

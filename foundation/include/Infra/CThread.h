@@ -77,6 +77,7 @@ public:
     static int getCurrentThreadID() noexcept;
 
 protected:
+    /// The body: runs once, on the new thread; its return is the thread's end.
     virtual void thread_proc() = 0;
 
 private:

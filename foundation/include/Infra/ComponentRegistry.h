@@ -11,7 +11,9 @@ namespace Orvex::Infra {
 /// taken by its maker. Both operations can be called from any thread.
 class INFRA_API IComponent {
 public:
+    /// Takes a reference. Only while the object is known alive.
     virtual void addRef() noexcept = 0;
+    /// Drops a reference; the object is gone after the last.
     virtual void release() noexcept = 0;
 
     IComponent(const IComponent&) = delete;

@@ -51,6 +51,7 @@ public:
     TFunction(Result (Class::*method)(Args...), Object* object) noexcept {
         bind<Class>(method, object);
     }
+    /// The same for a const member function.
     template <typename Class, typename Object>
     TFunction(Result (Class::*method)(Args...) const, const Object* object) noexcept {
         bind<const Class>(method, object);
@@ -66,13 +67,18 @@ public:
         m_kind = FUNCTION_PLAIN;
     }
 
+    /// Whether there is nothing to call.
     bool empty() const noexcept { return m_kind == FUNCTION_EMPTY; }
+    /// What it holds, and from FUNCTION_REUSE on what setKind has set.
     uint32_t kind() const noexcept { return m_kind; }
+    /// For the maker of a function object: what a call of it tells the callee.
     void setKind(uint32_t kind) noexcept { m_kind = kind; }
+    /// The object that it is bound to; null for a plain function.
     void* object() const noexcept { return m_object; }
     /// The implementation's name of the object's class; null for a plain and for an empty function object.
     const char* typeName() const noexcept { return m_type_name; }
 
+    /// Calls it. The object that it is bound to must be alive.
     Result operator()(Args... args) const {
         if (m_kind >= FUNCTION_REUSE) {
             setCurrentFunctionReuse(m_kind);

@@ -12,7 +12,9 @@ namespace Orvex::Infra::Detail {
 /// the lambda.
 class INFRA_API FunctionName {
 public:
+    /// Takes the name out of `pretty`, cut to 255 bytes.
     explicit FunctionName(const char* pretty) noexcept;
+    /// The name; good for as long as this object.
     const char* text() const noexcept { return m_text; }
 
 private:

@@ -14,20 +14,20 @@ namespace Orvex::Infra {
 
 /// One line on its way to the sink. All pointers are good for the duration of the call only.
 struct LogLine {
-    int level;
-    const char* module;
-    const char* file;
+    int level;             ///< The lower, the graver
+    const char* module;    ///< As it was handed to logFilter
+    const char* file;      ///< As the source is known to products: "Src/Core/NetSock.cpp"
     const char* function;  ///< Fully qualified, for instance "Orvex::Reticor::CSock::Close"
-    int line;
-    const char* module2;
-    const char* text;  ///< As formatted; a text longer than 2047 bytes is cut, and its final newline kept
+    int line;              ///< In that file
+    const char* module2;   ///< As `module`
+    const char* text;      ///< As formatted; a text longer than 2047 bytes is cut, and its final newline kept
 };
 
 /// Where lines go. `write` may be called from several threads at once and under the library's locks: do not
 /// call the library from it, do not block, do not log.
 struct LogSink {
-    void (*write)(void* context, const LogLine& line);
-    void* context;
+    void (*write)(void* context, const LogLine& line);  ///< Takes a line.
+    void* context;                                      ///< Handed to `write` as it is.
 };
 
 /// Replaces the sink; null is the default sink. That one writes each text to standard error with one call,

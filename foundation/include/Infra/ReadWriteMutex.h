@@ -68,6 +68,7 @@ static_assert(std::is_trivially_destructible_v<CReadWriteMutex>, "a static lock 
 /// Reads under a CReadWriteMutex from its construction to the end of its scope.
 class INFRA_SCOPED_CAPABILITY CReadGuard {
 public:
+    /// Enters for reading; waits for a writer.
     explicit CReadGuard(CReadWriteMutex& mutex INFRA_AND_PLACE_PARAMETER) noexcept INFRA_ACQUIRE_SHARED(mutex)
         : m_mutex(mutex) {
         m_mutex.enterReading(INFRA_PLACE);
@@ -83,6 +84,7 @@ private:
 /// Writes under a CReadWriteMutex from its construction to the end of its scope.
 class INFRA_SCOPED_CAPABILITY CWriteGuard {
 public:
+    /// Enters for writing; waits for all others.
     explicit CWriteGuard(CReadWriteMutex& mutex INFRA_AND_PLACE_PARAMETER) noexcept INFRA_ACQUIRE(mutex)
         : m_mutex(mutex) {
         m_mutex.enterWriting(INFRA_PLACE);

@@ -10,12 +10,14 @@ namespace Orvex::Infra {
 /// As CThread, with the body of its choice; the values of scheduling are those of CThread's constructor.
 class INFRA_API CThreadLite : public CThread {
 public:
+    /// `proc` is copied, and called with this object; `name` as in CThread.
     explicit CThreadLite(TFunction1<void, CThreadLite&> proc, const char* name, int priority = 64,
                          int policy = 0, int stack = 0) noexcept;
     /// Waits for the body.
     ~CThreadLite() override;
 
 protected:
+    /// Calls what was given.
     void thread_proc() override;
 
 private:

@@ -14,6 +14,7 @@ class INFRA_API CTime {
 public:
     /// In microseconds, and in milliseconds.
     static uint64_t getCurrentMicroSecond() noexcept;
+    /// The same reading, cut to milliseconds.
     static uint64_t getCurrentMilliSecond() noexcept;
 };
 
