@@ -1,7 +1,8 @@
 # Headers, libraries, the package config for find_package(Reticor) and the pkg-config files.
 include(CMakePackageConfigHelpers)
 
-install(DIRECTORY include/ foundation/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+# All below one folder of our own: names like Infra and component are not ours alone.
+install(DIRECTORY include/ foundation/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/reticor
   FILES_MATCHING PATTERN "*.h")
 install(TARGETS orvex_infra reticor EXPORT ReticorTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}

@@ -50,7 +50,7 @@ endfunction()
 reticor_library(orvex_infra Infra OrvexInfra $<TARGET_OBJECTS:infra_objects>)
 target_include_directories(orvex_infra PUBLIC
   $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/foundation/include>
-  $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+  $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/reticor>)
 if(RETICOR_HELD_LOCKS)
   target_compile_definitions(orvex_infra PUBLIC RETICOR_HELD_LOCKS=1)
   target_include_directories(orvex_infra PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/foundation/inner>)
@@ -60,4 +60,4 @@ reticor_library(reticor Reticor Reticor ${RETICOR_OBJECTS})
 target_link_libraries(reticor PUBLIC orvex_infra)
 target_include_directories(reticor PUBLIC
   $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
-  $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+  $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/reticor>)
