@@ -6,6 +6,12 @@
 #include <Reticor/Export.h>
 #include <Reticor/Sock.h>
 
+#ifdef RETICOR_WARN_COPIES
+#define RETICOR_COPIES_NUMBER [[deprecated("both objects close the same descriptor: move the socket")]]
+#else
+#define RETICOR_COPIES_NUMBER
+#endif
+
 namespace Orvex::Reticor {
 
 /// A TCP socket, see tcp(7). Made for use in the reactor, where it is non-blocking: a handler calls Recv and
@@ -24,10 +30,21 @@ namespace Orvex::Reticor {
 class RETICOR_API CSockStream : public CSock {
 public:
     CSockStream();
-    /// The number of the handle is copied, with the dangers that CSock tells of.
-    CSockStream(const CSockStream& other);
+    /// The number of the handle is copied, with the dangers that CSock tells of. A program that is compiled
+    /// with RETICOR_WARN_COPIES defined gets a warning where it does that.
+    RETICOR_COPIES_NUMBER CSockStream(const CSockStream& other);
     /// As the copy constructor.
-    CSockStream& operator=(const CSockStream& other);
+    RETICOR_COPIES_NUMBER CSockStream& operator=(const CSockStream& other);
+    /// Takes over the handle and the blocking mode; `other` has none afterwards.
+    CSockStream(CSockStream&& other) noexcept : CSockStream() { take_over(other); }
+    /// The same; a handle that was held before is closed.
+    CSockStream& operator=(CSockStream&& other) noexcept {
+        if (this != &other) {
+            Close();
+            take_over(other);
+        }
+        return *this;
+    }
     ~CSockStream() override;
 
     /// Opens a socket of the family of `remote` and begins to connect it, from `local` if that is not null. A
@@ -84,6 +101,14 @@ public:
     int SetSockKeepAlive(bool on);
     /// Whether small pieces go out at once, TCP_NODELAY, see tcp(7). 0, or -1 with a log line.
     int SetSockNoDelay(bool on);
+
+private:
+    void take_over(CSockStream& other) {
+        m_block = other.m_block;
+        m_handle = other.Detach();
+    }
 };
+
+#undef RETICOR_COPIES_NUMBER
 
 }  // namespace Orvex::Reticor

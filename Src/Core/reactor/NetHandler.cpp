@@ -8,6 +8,7 @@
 #include <Reticor/Sock.h>
 #include <Reticor/TsMemory.h>
 
+#include "Core/handle/ClassName.h"
 #include "Core/handle/HandlerInternal.h"
 #include "Core/pool/PoolLease.h"
 #include "Core/pool/ThreadPool.h"
@@ -198,6 +199,8 @@ int64_t CNetHandler::handle_timeout(long) {
     return -1;
 }
 int CNetHandler::handle_close(CNetHandler*) {
+    INFRA_LOG(2, "a %s is closed and nobody deletes it: its handle_close is not overridden\n",
+              class_name(*this).c_str());
     return -1;
 }
 int CNetHandler::handle_message(long, unsigned int, long) {

@@ -122,6 +122,18 @@ TEST_F(NetHandler, TheDefaultsOfAllSlotsAreMinusOne) {
     delete handler;
 }
 
+TEST_F(NetHandler, AClassThatDoesNotOverrideHandleCloseIsNamed) {
+    class Forgetful : public CNetHandler {};
+    auto* handler = new Forgetful;
+    LogCapture log;
+    endByHand(handler);
+    EXPECT_EQ(1u, log.countLevel(2)) << log.dump();
+    EXPECT_TRUE(log.containsMatching(
+        2, "a .*::Forgetful is closed and nobody deletes it: its handle_close is not overridden\n"))
+        << log.dump();
+    delete handler;
+}
+
 // ---- wrong uses ----------------------------------------------------------------------------------------
 
 class NetHandlerDeath : public NetHandler {};

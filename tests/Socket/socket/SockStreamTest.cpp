@@ -16,6 +16,7 @@
 #include <cerrno>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <Infra/Thread.h>
@@ -58,6 +59,26 @@ int optionOf(const CSock& sock, int level, int option) {
     socklen_t length = sizeof value;
     ::getsockopt(sock.GetHandle(), level, option, &value, &length);
     return value;
+}
+
+TEST(SockStream, AMoveTakesTheHandleAndTheModeAlong) {
+    LoopbackPair pair;
+    const int handle = pair.client.GetHandle();
+    pair.client.SetBlockOpt(true);
+    CSockStream moved(std::move(pair.client));
+    EXPECT_EQ(handle, moved.GetHandle());
+    EXPECT_TRUE(moved.GetBlockOpt());
+    EXPECT_EQ(-1, pair.client.GetHandle());
+
+    LoopbackPair other;
+    const int closed = other.client.GetHandle();
+    other.client = std::move(moved);
+    EXPECT_FALSE(isOpen(closed));
+    EXPECT_EQ(handle, other.client.GetHandle());
+    CSockStream& same = other.client;
+    other.client = std::move(same);
+    EXPECT_EQ(handle, other.client.GetHandle()) << "moved onto itself";
+    EXPECT_TRUE(isOpen(handle));
 }
 
 TEST(SockStreamConnect, OpensANonBlockingSocketThatIsClosedOnExec) {
