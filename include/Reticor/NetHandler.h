@@ -99,8 +99,8 @@ public:
     virtual int64_t handle_timeout(long id);
 
     /// The last reference is gone: delete `self` here and return 0. Runs once, on the thread that dropped the
-    /// reference, with no lock held. The one of this class leaves the object allocated, logs a line at level 2
-    /// that names its class, and returns -1.
+    /// reference, with no lock held. The one of this class leaves the object allocated, logs a line at level
+    /// 2 that names its class, and returns -1.
     virtual int handle_close(CNetHandler* self);
 
     /// A message from `Notify`, `NotifySerial` or `NotifyIO`. Number 12 with sender equal to receiver is the

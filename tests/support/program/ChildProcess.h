@@ -39,8 +39,8 @@ public:
 
     void signal(int number) const;
 
-    /// Its exit code, or minus the signal that ended it. Encoders and players compute for as long as the machine
-    /// makes them, and get more time.
+    /// Its exit code, or minus the signal that ended it. Encoders and players compute for as long as the
+    /// machine makes them, and get more time.
     static constexpr int WORK_LIMIT_MS = 240000;
     int wait(int limit_ms = 30000);
 
