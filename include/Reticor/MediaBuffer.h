@@ -41,13 +41,13 @@ struct MediaBufferStats {
 /// What the start cache holds, and what became of it. The caller's memory: `size` says how much of it there
 /// is, so that later versions may add to its end.
 struct MediaStartStats {
-    std::uint32_t size = sizeof(MediaStartStats);  ///< Of the caller's memory.
-    std::uint32_t version = 1;                     ///< Of what was filled in.
-    std::uint64_t frames = 0;                      ///< Frames held for clients that come.
-    std::uint64_t bytes = 0;                       ///< Their bytes.
-    std::uint64_t age_us = 0;                      ///< Age of the oldest one.
-    std::uint64_t drops = 0;                       ///< Groups that went because they were beyond the bounds.
-    std::uint64_t starts = 0;                      ///< Senders that have begun with it.
+    uint32_t size = sizeof(MediaStartStats);  ///< Of the caller's memory.
+    uint32_t version = 1;                     ///< Of what was filled in.
+    uint64_t frames = 0;                      ///< Frames held for clients that come.
+    uint64_t bytes = 0;                       ///< Their bytes.
+    uint64_t age_us = 0;                      ///< Age of the oldest one.
+    uint64_t drops = 0;                       ///< Groups that went because they were beyond the bounds.
+    uint64_t starts = 0;                      ///< Senders that have begun with it.
 };
 
 /// Stands between one producer and its CMediaStreamSenders. The producer hands in packets; the buffer groups

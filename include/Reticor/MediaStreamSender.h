@@ -59,18 +59,18 @@ struct MediaSenderStats {
 /// How a sender waited for room, and what it gathered. Counters only rise, from Create on. Later versions add
 /// fields at the end: `size` says how many bytes were filled.
 struct MediaRoomStats {
-    std::uint32_t size = 0;     ///< Bytes that are filled, this field included.
-    std::uint32_t version = 1;  ///< Of this struct.
-    std::uint64_t full_tries =
-        0;  ///< Writes that found the socket full, whether or not the sender waits for room.
-    std::uint64_t waits = 0;    ///< How often it began to wait for room.
-    std::uint64_t resumes = 0;  ///< How often it went on since there was room.
+    uint32_t size = 0;     ///< Bytes that are filled, this field included.
+    uint32_t version = 1;  ///< Of this struct.
+    uint64_t full_tries =
+        0;                 ///< Writes that found the socket full, whether or not the sender waits for room.
+    uint64_t waits = 0;    ///< How often it began to wait for room.
+    uint64_t resumes = 0;  ///< How often it went on since there was room.
     /// How often there was no place to wait in, so that it went on trying at each frame.
-    std::uint64_t without_place = 0;
-    std::uint64_t steps_ahead = 0;      ///< Times that it stepped ahead without a write while it waited.
-    std::uint64_t gathers = 0;          ///< Writes with more than one frame.
-    std::uint64_t gathered_frames = 0;  ///< Frames that those wrote, whole or in part.
-    std::uint64_t waiting = 0;          ///< 1: it waits for room at this moment.
+    uint64_t without_place = 0;
+    uint64_t steps_ahead = 0;      ///< Times that it stepped ahead without a write while it waited.
+    uint64_t gathers = 0;          ///< Writes with more than one frame.
+    uint64_t gathered_frames = 0;  ///< Frames that those wrote, whole or in part.
+    uint64_t waiting = 0;          ///< 1: it waits for room at this moment.
 };
 
 /// What the attachment of a skip message says.
@@ -258,7 +258,7 @@ public:
     int GetRoomStats(MediaRoomStats* stats, unsigned int size);
 
     /// The library's: looks whether the sender has stalled.
-    std::int64_t handle_timeout(long id) override;
+    int64_t handle_timeout(long id) override;
 
     /// The library's: ends the object.
     int handle_close(CNetHandler* self) override;

@@ -17,9 +17,10 @@ struct RoomPlace {
     bool is_taken() const { return m_fd >= 0; }
 };
 
-/// Adds the write direction to the registration with which a handler reads a socket, and takes it off again.
-/// Whoever else asks for that direction meanwhile neither loses nor ends it, and an idle time-out that runs on
-/// the socket runs on. All static; no handler is pinned, so any lock may be held, but none of a socket's record.
+/// Adds the write direction to the registration with which a handler reads a socket, and takes it off
+/// again. Whoever else asks for that direction meanwhile neither loses nor ends it, and an idle time-out
+/// that runs on the socket runs on. All static; no handler is pinned, so any lock may be held, but none of
+/// a socket's record.
 ///
 /// A place can be lost: see RoomLosses.
 ///
@@ -28,9 +29,9 @@ class RoomWatch {
 public:
     RoomWatch() = delete;
 
-    /// The owner's `handle_output` is called when the socket has room. An empty place, and nothing has changed,
-    /// if that cannot be: the owner is not open or does not read the socket, another writer has its write
-    /// direction, or the pool's write set is full.
+    /// The owner's `handle_output` is called when the socket has room. An empty place, and nothing has
+    /// changed, if that cannot be: the owner is not open or does not read the socket, another writer has
+    /// its write direction, or the pool's write set is full.
     static RoomPlace begin(int64_t owner, int fd);
 
     /// The interest has ended when this returns, and the place is empty. Of a place that was lost, and may be

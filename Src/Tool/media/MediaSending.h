@@ -34,9 +34,9 @@ public:
     /// for it. Here, since the lines name this file, and the sender as their object.
     void report() INFRA_REQUIRES(CORE_MUTEX);
 
-    /// A sender that is not to write now, and has caught up, takes the frame on offer without a write: it would
-    /// be lost to it otherwise. `loses` says whether other data that waits has it lose the frame, as it does
-    /// when such data blocks.
+    /// A sender that is not to write now, and has caught up, takes the frame on offer without a write: it
+    /// would be lost to it otherwise. `loses` says whether other data that waits has it lose the frame, as
+    /// it does when such data blocks.
     void take_offer(CFrame* offered, bool loses) INFRA_REQUIRES(CORE_MUTEX);
     /// Stands at the beginning of a frame, and steps ahead of what is not for it any more, without a write.
     /// True if it has moved.

@@ -71,8 +71,8 @@ void WaitingSenders::unpark_idle() {
 
 // Late senders.
 
-// From when on the decision about the frame may be another one: frames that others can do without are left out
-// early, and beyond a hard bound nothing is begun.
+// From when on the decision about the frame may be another one: frames that others can do without are left
+// out early, and beyond a hard bound nothing is begun.
 uint64_t WaitingSenders::late_from(const SenderRecord& record, const CFrame& frame) {
     const uint64_t lag_us = frame.m_disposable ? record.max_lag_us() / 2 : record.max_lag_us();
     return frame.m_complete_us + lag_us;

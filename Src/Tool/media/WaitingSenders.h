@@ -8,14 +8,14 @@
 
 namespace Orvex::Reticor {
 
-/// A sender whose socket was full has no turns until the socket has room: a step neither tries it nor comes by,
-/// however many there are. What is to be done all the same is done here, at the beginning of a step, and costs
-/// nothing while there is nothing to do:
+/// A sender whose socket was full has no turns until the socket has room: a step neither tries it nor comes
+/// by, however many there are. What is to be done all the same is done here, at the beginning of a step,
+/// and costs nothing while there is nothing to do:
 ///
 /// - whoever has lost his place goes on trying at each step, as senders do that do not wait;
-/// - whoever stands at the beginning of a frame that has become too old for its resume policy is stepped ahead
-///   without a write. A step looks at the frames that are late, and at a sender once when its frame becomes
-///   late and once for each new key frame;
+/// - whoever stands at the beginning of a frame that has become too old for its resume policy is stepped
+///   ahead without a write. A step looks at the frames that are late, and at a sender once when its frame
+///   becomes late and once for each new key frame;
 /// - whoever lost his frame to the bounds of memory is offered the next ones again.
 class WaitingSenders {
 public:
@@ -32,8 +32,8 @@ public:
 
     /// The beginning of a step.
     void look_after() INFRA_REQUIRES(CORE_MUTEX);
-    /// A sender among those that are parked does not wait any more, or stands at no frame: the next step has it
-    /// among the others.
+    /// A sender among those that are parked does not wait any more, or stands at no frame: the next step
+    /// has it among the others.
     void note_idle() INFRA_REQUIRES(CORE_MUTEX) { m_core.note_idle(); }
     /// A new key frame is on offer: those that are late may step ahead to it.
     void note_key_frame() INFRA_REQUIRES(CORE_MUTEX) { ++m_key_frames; }
