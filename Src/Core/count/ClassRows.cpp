@@ -1,8 +1,10 @@
 // ClassRows: the names of handler classes, and the row in which each is counted.
 #include "Core/count/ClassRows.h"
 
+#include <cxxabi.h>
+
+#include <cstdlib>
 #include <cstring>
-#include <new>
 
 namespace Orvex::Reticor {
 
@@ -11,6 +13,9 @@ ClassRows::Place ClassRows::sm_places[PLACES];
 size_t ClassRows::sm_taken = 0;
 uint32_t ClassRows::sm_rows = 1;
 std::atomic<const char*> ClassRows::sm_names[COUNT];
+std::atomic<const char*> ClassRows::sm_readable[COUNT];
+char ClassRows::sm_room[ROOM];
+size_t ClassRows::sm_used = 0;
 
 uint32_t ClassRows::Find(const void* vtable) {
     // A fourth of the places is never taken, so each search ends at a free one.
@@ -32,10 +37,11 @@ uint32_t ClassRows::row_of(const char* name) {
         }
     }
     const size_t size = std::strlen(name) + 1;
-    char* const copy = sm_rows < OTHERS ? new (std::nothrow) char[size] : nullptr;
-    if (copy == nullptr) {
+    if (sm_rows == OTHERS || size > ROOM - sm_used) {
         return OTHERS;
     }
+    char* const copy = sm_room + sm_used;
+    sm_used += size;
     std::memcpy(copy, name, size);
     sm_names[sm_rows].store(copy, std::memory_order_release);
     return sm_rows++;
@@ -47,10 +53,6 @@ uint32_t ClassRows::Enter(const void* vtable, const char* name) {
         return known;
     }
     const uint32_t row = row_of(name);
-    // Without memory for a name, or without a place, the next call asks again.
-    if (row == OTHERS && sm_rows < OTHERS) {
-        return OTHERS;
-    }
     if (sm_taken < PLACES * 3 / 4) {
         size_t i = first_place(vtable);
         while (sm_places[i].vtable.load(std::memory_order_relaxed) != nullptr) {
@@ -70,8 +72,21 @@ const char* ClassRows::Name(uint32_t row) {
     if (row == OTHERS) {
         return "other classes";
     }
+    if (const char* const readable = sm_readable[row].load(std::memory_order_acquire)) {
+        return readable;
+    }
     const char* const name = sm_names[row].load(std::memory_order_acquire);
-    return name != nullptr ? name : "";
+    int status = 0;
+    char* const made = name != nullptr ? abi::__cxa_demangle(name, nullptr, nullptr, &status) : nullptr;
+    if (made == nullptr) {
+        return name != nullptr ? name : "";
+    }
+    const char* first = nullptr;
+    if (sm_readable[row].compare_exchange_strong(first, made, std::memory_order_acq_rel)) {
+        return made;
+    }
+    std::free(made);  // another reader was quicker
+    return first;
 }
 
 }  // namespace Orvex::Reticor

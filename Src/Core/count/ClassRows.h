@@ -23,14 +23,18 @@ public:
     /// The row of the class with that virtual table; NOT_CALLED if it has none yet. Takes no lock.
     static uint32_t Find(const void* vtable);
 
-    /// Gives the class with that virtual table the row of its name, which is copied.
+    /// Gives the class with that virtual table the row of its name, as the compiler writes it. The name is
+    /// copied, and no memory is taken: the caller is on its way to a handler, or closes one.
     static uint32_t Enter(const void* vtable, const char* name);
 
-    /// Good for the life of the process. Empty for a row that nobody has.
+    /// The name as people read it, for those who list classes. Good for the life of the process; empty for a
+    /// row that nobody has. The first call for a row takes memory, and without any the compiler's name is
+    /// given.
     static const char* Name(uint32_t row);
 
 private:
     static constexpr size_t PLACES = 4 * COUNT;
+    static constexpr size_t ROOM = 128 * COUNT;  ///< For names: 128 bytes each on the average.
 
     /// A class by its virtual table. The row is written before the table, and neither changes after that.
     struct Place {
@@ -48,7 +52,10 @@ private:
     static Place sm_places[PLACES];
     static size_t sm_taken INFRA_GUARDED_BY(sm_mutex);   ///< Of the places.
     static uint32_t sm_rows INFRA_GUARDED_BY(sm_mutex);  ///< That have a name, row 0 included.
-    static std::atomic<const char*> sm_names[COUNT];
+    static std::atomic<const char*> sm_names[COUNT];     ///< In sm_room.
+    static std::atomic<const char*> sm_readable[COUNT];  ///< Once somebody has asked.
+    static char sm_room[ROOM] INFRA_GUARDED_BY(sm_mutex);
+    static size_t sm_used INFRA_GUARDED_BY(sm_mutex);  ///< Of the room.
 };
 
 }  // namespace Orvex::Reticor

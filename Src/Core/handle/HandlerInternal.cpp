@@ -2,11 +2,11 @@
 #include "Core/handle/HandlerInternal.h"
 
 #include <new>
+#include <typeinfo>
 
 #include <Infra/HeldLocks.h>
 #include <Infra/Mutex.h>
 
-#include "Core/handle/ClassName.h"
 #include "Core/handle/HandlerList.h"
 #include "Core/record/EventFreeList.h"
 
@@ -90,7 +90,7 @@ __attribute__((noinline, cold)) void HandlerInternal::note_class(const CNetHandl
                                                                  const void* vtable) {
     uint32_t row = ClassRows::Find(vtable);
     if (row == ClassRows::NOT_CALLED) {
-        row = ClassRows::Enter(vtable, class_name(handler).c_str());
+        row = ClassRows::Enter(vtable, typeid(handler).name());
     }
     HandlerList::SetClass(*this, vtable, ThreadCounts::offset_of(row));
 }
