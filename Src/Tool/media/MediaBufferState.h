@@ -108,10 +108,12 @@ private:
     /// sender has gone.
     std::optional<uint64_t> give_turns() INFRA_REQUIRES(CORE_MUTEX);
     __attribute__((noinline)) void change_mode(SenderRecord& record) INFRA_REQUIRES(CORE_MUTEX);
-    /// One that has not joined can stand at the first frame of the stream all the same, which is held.
+    /// One that has not joined can stand at the first frame of the stream all the same, where its position
+    /// is 0: that frame is held, or it has come from another buffer and was blocked there.
     Place place_of(SenderRecord& record) INFRA_REQUIRES(CORE_MUTEX) {
-        const bool held = m_held && record.m_joined && record.m_frame != nullptr;
-        return record.has_joined() || held ? Place::HERE : join(record);
+        const bool stands =
+            (m_held || record.m_start.m_moved) && record.m_joined && record.m_frame != nullptr;
+        return record.has_joined() || stands ? Place::HERE : join(record);
     }
     Place join(SenderRecord& record) INFRA_REQUIRES(CORE_MUTEX);
     CFrame* start_of(const SenderRecord& record) const INFRA_REQUIRES(CORE_MUTEX);

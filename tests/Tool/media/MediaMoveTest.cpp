@@ -117,6 +117,22 @@ TEST_F(MediaMoves, AClientWithoutAPolicyBeginsAtAKeyFrameOfEachChannel) {
     EXPECT_EQ(0, other->GetBufferNum());
 }
 
+// The first frame of a stream begins at position 0, which is that of a sender without a place.
+TEST_F(MediaMoves, WhoeverIsBlockedAtTheFirstFrameOfTheOtherStreamKeepsItsPlace) {
+    MediaClient& a = client();
+    buffer->AddSender(a.sender);
+    const std::string all = here();
+    EXPECT_TRUE(buffer->MoveSender(*other, a.sender));
+    a.sock.setRoom(0);
+    std::string group = there();
+    other->do_send();
+    group += there();
+    other->do_send();
+    a.sock.setRoom(OPEN);
+    other->do_send();
+    EXPECT_EQ(all + group, a.sock.wire());
+}
+
 TEST_F(MediaMoves, AFrameThatIsHalfOnTheWireIsEndedFirst) {
     with_start_caches();
     MediaClient& a = viewer();
