@@ -1,4 +1,4 @@
-#!/usr/bin/env python3
+#!/usr/bin/python3
 """Doxygen's filter. For our pages: gives each heading the name that links to it use elsewhere, which this doxygen
 does not make by itself, and turns links between pages into references to those. For headers: what comments say of line
 ends is not a command."""

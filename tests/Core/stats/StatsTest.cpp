@@ -241,7 +241,7 @@ TEST_F(Stats, OfMessagesOneIn16IsTimed) {
 // A call that takes long, and what stood behind it in the queue.
 TEST_F(Stats, LongCallsAndLongWaitsAreInTheirPlaces) {
     CStats::SetTiming(true);
-    handler->on_input = [this](int fd) {
+    handler->on_input = [](int fd) {
         SocketPair::drain(fd);
         Infra::CThread::sleep(20);
         return 0;
