@@ -23,7 +23,7 @@ thread_local List t_list;
 struct Row {
     const char* what;
     bool any;
-    LockClass allowed[10];
+    LockClass allowed[11];
 };
 
 constexpr Row PROMISES[] = {
@@ -37,7 +37,7 @@ constexpr Row PROMISES[] = {
      false,
      {LockClass::SETUP, LockClass::R3_START, LockClass::THREAD_LIFE, LockClass::RECEIVER,
       LockClass::RECEIVER_GROUPS, LockClass::RECEIVER_THREAD, LockClass::TICK, LockClass::FILE_PASS,
-      LockClass::SENDER_LIST, LockClass::MEDIA_CORE}},
+      LockClass::SENDER_LIST, LockClass::MEDIA_CORE, LockClass::STATS_SERVING}},
 };
 
 [[noreturn]] void die(const char* what, LockClass lock_class, LockPlace place) noexcept {
