@@ -49,6 +49,17 @@ TEST(KitServer, AnswersOnBothFamilies) {
     EXPECT_EQ(4U, server.counts().accepted);
 }
 
+TEST(KitServer, AnOrderlyEndIsSilent) {
+    LogCapture log;
+    {
+        Kit::Server server(echo);
+        ASSERT_TRUE(server.listen("127.0.0.1", 0));
+        EXPECT_TRUE(TcpClient(server.port()).echoes("once"));
+        EXPECT_EQ(0U, server.stop().stayed);
+    }
+    EXPECT_EQ(0U, log.countLevel(2)) << log.dump();
+}
+
 TEST(KitServer, SaysWhereItCannotListen) {
     Kit::Server server(echo);
     LogCapture log;

@@ -12,10 +12,12 @@ namespace Orvex::Reticor {
 
 namespace {
 
-/// Classes whose objects the library makes for itself.
+/// Classes whose objects the library makes for itself. The kit names whoever stays by itself, and holds
+/// references on others until it goes.
 bool is_own(std::string_view name) {
-    return name == "Orvex::Reticor::CSenderHandler" || name == "Orvex::Reticor::CR3Daemon" ||
-           name == "Orvex::Reticor::CR3TelnetSession";
+    constexpr std::string_view KIT = "Orvex::Reticor::Kit::";
+    return name.substr(0, KIT.size()) == KIT || name == "Orvex::Reticor::CSenderHandler" ||
+           name == "Orvex::Reticor::CR3Daemon" || name == "Orvex::Reticor::CR3TelnetSession";
 }
 
 }  // namespace
