@@ -15,9 +15,9 @@
 #include <Infra/Log.h>
 #include <Infra/Time.h>
 
-#include "Kit/DelayedCall.h"
 #include "Kit/SocketText.h"
-#include "Kit/UserCall.h"
+#include "Kit/call/DelayedCall.h"
+#include "Kit/call/UserCall.h"
 
 namespace Orvex::Reticor::Kit {
 inline namespace v1 {
@@ -499,7 +499,7 @@ uint32_t ConnectionBody::drained() {
     uint32_t bits = DRAINED;
     if (m_room) {
         Connection::Event tell = [room = std::move(m_room)](Connection& self) mutable { room(self, true); };
-        bits |= put_mail(tell) ? MAIL : 0;
+        bits |= m_mail.put(tell) ? MAIL : 0;
     }
     return bits;
 }
@@ -568,19 +568,10 @@ int64_t ConnectionBody::watch_age() {
 
 // ---- mail and timers -----------------------------------------------------------------------------------
 
-bool ConnectionBody::put_mail(Connection::Event& call) {
-    try {
-        m_mail.push_back(std::move(call));
-    } catch (const std::bad_alloc&) {
-        return false;
-    }
-    return true;
-}
-
 bool ConnectionBody::post(Connection::Event& call) {
     {
         CGuard guard(m_mutex);
-        if (m_sealed || !call || !put_mail(call)) {
+        if (m_sealed || !call || !m_mail.put(call)) {
             return false;
         }
     }
@@ -591,7 +582,7 @@ bool ConnectionBody::post(Connection::Event& call) {
 void ConnectionBody::run_mail() {
     {
         CGuard guard(m_mutex);
-        m_mail.swap(m_mail_served);
+        m_mail.take(m_mail_served);
     }
     for (Connection::Event& letter : m_mail_served) {
         call([&](Connection& self) { letter(self); });
@@ -605,42 +596,16 @@ void ConnectionBody::run_mail() {
 
 bool ConnectionBody::after(int64_t delay_us, Connection::Event& call) {
     CGuard guard(m_mutex);
-    if (m_sealed || !call) {
+    if (m_sealed || !call || !m_mail.reserve_delayed()) {
         return false;
     }
-    try {
-        m_due.emplace_back();
-    } catch (const std::bad_alloc&) {
+    const uint64_t due_us = now_us() + static_cast<uint64_t>(std::max<int64_t>(delay_us, 0));
+    const long timer = SetTimer(clamp_delay(delay_us));
+    if (timer == -1) {
         return false;
     }
-    Due& due = m_due.back();
-    due.due_us = now_us() + static_cast<uint64_t>(std::max<int64_t>(delay_us, 0));
-    due.timer = SetTimer(clamp_delay(delay_us));
-    if (due.timer == -1) {
-        m_due.pop_back();
-        return false;
-    }
-    due.call = std::move(call);
+    m_mail.put_delayed(timer, due_us, call);
     return true;
-}
-
-// Timers that are longer than those of the pool are made of several.
-int64_t ConnectionBody::take_due(long id, bool& mail) {
-    const auto found =
-        std::find_if(m_due.begin(), m_due.end(), [&](const Due& due) { return due.timer == id; });
-    if (found == m_due.end()) {
-        return -1;
-    }
-    const uint64_t now = now_us();
-    if (!is_due(found->due_us, now)) {
-        return clamp_delay(static_cast<int64_t>(found->due_us - now));
-    }
-    mail = put_mail(found->call);
-    if (found != m_due.end() - 1) {
-        std::swap(*found, m_due.back());
-    }
-    m_due.pop_back();
-    return -1;
 }
 
 int64_t ConnectionBody::handle_timeout(long id) {
@@ -655,7 +620,9 @@ int64_t ConnectionBody::handle_timeout(long id) {
             again = m_cut ? -1 : watch_age();
             m_age_timer = again == -1 ? -1 : id;
         } else {
-            again = take_due(id, mail);
+            const ConnectionMail::RanOut ran_out = m_mail.run_out(id, now_us());
+            again = ran_out.again;
+            mail = ran_out.has_mail;
         }
     }
     if (m_word.enter(mail ? MAIL : 0)) {
@@ -720,7 +687,7 @@ void ConnectionBody::end(CloseReason reason) {
 void ConnectionBody::finalize() {
     CloseReason reason;
     Connection::Room room;
-    std::vector<Due> due;
+    std::vector<ConnectionMail::Delayed> delayed;
     std::array<long, 2> own_timers{};
     {
         CGuard guard(m_mutex);
@@ -730,7 +697,7 @@ void ConnectionBody::finalize() {
         m_sock.Close();
         m_output.trim(true);
         room = std::move(m_room);
-        due.swap(m_due);
+        delayed = m_mail.take_delayed();
         own_timers = {m_idle_timer, m_age_timer};
     }
     for (const long timer : own_timers) {
@@ -738,8 +705,8 @@ void ConnectionBody::finalize() {
             DestroyTimer(timer);
         }
     }
-    for (const Due& timer : due) {
-        DestroyTimer(timer.timer);
+    for (const ConnectionMail::Delayed& waits : delayed) {
+        DestroyTimer(waits.timer);
     }
     m_over = true;
     run_mail();
@@ -758,7 +725,7 @@ void ConnectionBody::finalize() {
             m_end = nullptr;
             m_on_drained = nullptr;
             m_closed = nullptr;
-            due.clear();
+            delayed.clear();
         },
         [] {});
     if (m_keeper != nullptr) {

@@ -16,8 +16,9 @@
 
 #include "Kit/ConnectionOutput.h"
 #include "Kit/PoolState.h"
-#include "Kit/SerialWord.h"
-#include "Kit/UserCall.h"
+#include "Kit/call/ConnectionMail.h"
+#include "Kit/call/SerialWord.h"
+#include "Kit/call/UserCall.h"
 
 namespace Orvex::Reticor::Kit {
 inline namespace v1 {
@@ -120,12 +121,6 @@ private:
         ConnectionBody& body;
     };
 
-    struct Due {
-        long timer = -1;
-        uint64_t due_us = 0;
-        Connection::Event call;
-    };
-
     // By the holder of the word.
     void run();
     void serve(uint32_t bits);
@@ -156,8 +151,6 @@ private:
     void end(CloseReason reason) INFRA_REQUIRES(m_mutex);
     int64_t watch_idle() INFRA_REQUIRES(m_mutex);
     int64_t watch_age() INFRA_REQUIRES(m_mutex);
-    int64_t take_due(long id, bool& mail) INFRA_REQUIRES(m_mutex);
-    bool put_mail(Connection::Event& call) INFRA_REQUIRES(m_mutex);
 
     void ring(uint32_t bits);
     void touch();
@@ -198,9 +191,8 @@ private:
     long m_idle_timer INFRA_GUARDED_BY(m_mutex) = -1;
     long m_age_timer INFRA_GUARDED_BY(m_mutex) = -1;
     Connection::Room m_room INFRA_GUARDED_BY(m_mutex);
-    std::vector<Connection::Event> m_mail INFRA_GUARDED_BY(m_mutex);
+    ConnectionMail m_mail INFRA_GUARDED_BY(m_mutex);
     std::vector<Connection::Event> m_mail_served;  ///< The holder's; takes turns with the other.
-    std::vector<Due> m_due INFRA_GUARDED_BY(m_mutex);
 };
 
 }  // namespace v1

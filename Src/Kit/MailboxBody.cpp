@@ -4,7 +4,7 @@
 #include <new>
 #include <utility>
 
-#include "Kit/UserCall.h"
+#include "Kit/call/UserCall.h"
 
 namespace Orvex::Reticor::Kit {
 inline namespace v1 {

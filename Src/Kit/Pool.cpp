@@ -8,7 +8,7 @@
 
 #include "Kit/MailboxBody.h"
 #include "Kit/PoolState.h"
-#include "Kit/UserCall.h"
+#include "Kit/call/UserCall.h"
 #include "Tool/task/FileTask.h"
 
 namespace Orvex::Reticor::Kit {

@@ -16,7 +16,7 @@
 #include "Kit/ListenerBody.h"
 #include "Kit/ServerState.h"
 #include "Kit/SocketText.h"
-#include "Kit/UserCall.h"
+#include "Kit/call/UserCall.h"
 
 namespace Orvex::Reticor::Kit {
 inline namespace v1 {

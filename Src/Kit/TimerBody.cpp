@@ -5,8 +5,8 @@
 
 #include <Infra/Time.h>
 
-#include "Kit/DelayedCall.h"
-#include "Kit/UserCall.h"
+#include "Kit/call/DelayedCall.h"
+#include "Kit/call/UserCall.h"
 
 namespace Orvex::Reticor::Kit {
 inline namespace v1 {

@@ -7,7 +7,7 @@
 #include <Reticor/kit/UniqueFunction.h>
 
 #include "Kit/PoolState.h"
-#include "Kit/SerialWord.h"
+#include "Kit/call/SerialWord.h"
 
 namespace Orvex::Reticor::Kit {
 inline namespace v1 {

@@ -27,6 +27,7 @@
 
 #include <Reticor/Reticor.h>
 
+#include "common/FramePackets.h"
 #include "common/Usage.h"
 
 using namespace Orvex::Reticor;
@@ -60,26 +61,7 @@ struct Header {
 
 char g_payload[static_cast<std::size_t>(KEY_BYTES * SIMULATOR_SCALE) + 1];
 
-class HeaderPacket : public CMediaPacket {
-public:
-    explicit HeaderPacket(const Header& header) : m_header(header) {}
-    int Release() override {
-        delete this;
-        return 0;
-    }
-    char* GetBuffer() override { return reinterpret_cast<char*>(&m_header); }
-
-private:
-    Header m_header;
-};
-
-class PayloadPacket : public CMediaPacket {
-public:
-    int Release() override { return 0; }
-    char* GetBuffer() override { return g_payload; }
-};
-
-PayloadPacket g_payload_packet;
+Bench::PayloadPacket g_payload_packet(g_payload);
 
 struct Arrival {
     std::uint64_t number;
@@ -228,8 +210,8 @@ public:
             static_cast<std::uint64_t>(static_cast<double>(key ? KEY_BYTES : OTHER_BYTES) * m_scale) -
             sizeof(Header);
         const int level = key ? 1 : 5;
-        buffer.Put(new HeaderPacket({length, number, Bench::nowNs()}), sizeof(Header), MEDIA_MARK_MORE,
-                   level);
+        buffer.Put(new Bench::HeaderPacket<Header>({length, number, Bench::nowNs()}), sizeof(Header),
+                   MEDIA_MARK_MORE, level);
         buffer.Put(&g_payload_packet, static_cast<int>(length), MEDIA_MARK_LAST, level);
         m_samples.push_back({Bench::nowNs(), m_slow->GetStats().bytes, held()});
     }

@@ -22,6 +22,7 @@
 
 #include <Reticor/Reticor.h>
 
+#include "common/FramePackets.h"
 #include "common/ViewerModel.h"
 
 using namespace Bench;
@@ -67,28 +68,6 @@ thread_local Stage t_stage;
 struct Header {
     std::uint32_t frame;
     std::uint32_t bytes;  // of the frame, this included
-};
-
-class HeaderPacket : public CMediaPacket {
-public:
-    explicit HeaderPacket(const Header& header) : m_header(header) {}
-    int Release() override {
-        delete this;
-        return 0;
-    }
-    char* GetBuffer() override { return reinterpret_cast<char*>(&m_header); }
-
-private:
-    Header m_header;
-};
-
-class PayloadPacket : public CMediaPacket {
-public:
-    int Release() override { return 0; }
-    char* GetBuffer() override { return m_bytes.data(); }
-
-private:
-    std::vector<char> m_bytes = std::vector<char>(1000000);
 };
 
 // A buffer of the library with one viewer, whose socket is the scene's link.
@@ -152,7 +131,7 @@ private:
         const StreamFrame& frame = m_stream[index];
         const int level = mediaLevel(frame.channel, frame.level);
         const Header header = {static_cast<std::uint32_t>(index), static_cast<std::uint32_t>(frame.bytes)};
-        m_buffer.Put(new HeaderPacket(header), sizeof header, MEDIA_MARK_MORE, level);
+        m_buffer.Put(new Bench::HeaderPacket<Header>(header), sizeof header, MEDIA_MARK_MORE, level);
         m_buffer.Put(&m_payload, static_cast<int>(frame.bytes - sizeof header), MEDIA_MARK_LAST, level);
     }
 
@@ -175,7 +154,8 @@ private:
     const ViewerScene& m_scene;
     const std::vector<StreamFrame> m_stream;
     ViewerLink m_link;
-    PayloadPacket m_payload;
+    std::vector<char> m_bytes = std::vector<char>(1000000);
+    Bench::PayloadPacket m_payload{m_bytes.data()};
     Header m_header{};
     std::size_t m_at = 0;
     int m_far = -1;

@@ -25,6 +25,7 @@
 
 #include <Reticor/Reticor.h>
 
+#include "common/FramePackets.h"
 #include "common/Usage.h"
 
 using namespace Orvex::Reticor;
@@ -45,26 +46,7 @@ struct Header {
 
 char g_payload[KEY_BYTES];
 
-class HeaderPacket : public CMediaPacket {
-public:
-    explicit HeaderPacket(const Header& header) : m_header(header) {}
-    int Release() override {
-        delete this;
-        return 0;
-    }
-    char* GetBuffer() override { return reinterpret_cast<char*>(&m_header); }
-
-private:
-    Header m_header;
-};
-
-class PayloadPacket : public CMediaPacket {
-public:
-    int Release() override { return 0; }
-    char* GetBuffer() override { return g_payload; }
-};
-
-PayloadPacket g_payload_packet;
+Bench::PayloadPacket g_payload_packet(g_payload);
 
 struct Arrival {
     std::uint64_t number;
@@ -185,7 +167,8 @@ public:
     void begin() {
         m_key = m_number % m_group == 0;
         m_length = (m_key ? KEY_BYTES : OTHER_BYTES) - sizeof(Header);
-        buffer.Put(new HeaderPacket({m_length, m_number, nowNs()}), sizeof(Header), MEDIA_MARK_MORE, level());
+        buffer.Put(new Bench::HeaderPacket<Header>({m_length, m_number, nowNs()}), sizeof(Header),
+                   MEDIA_MARK_MORE, level());
     }
     void finish() {
         buffer.Put(&g_payload_packet, static_cast<int>(m_length), MEDIA_MARK_LAST, level());

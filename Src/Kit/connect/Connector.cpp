@@ -14,8 +14,8 @@
 #include <Infra/Time.h>
 
 #include "Kit/ConnectionBody.h"
-#include "Kit/DelayedCall.h"
-#include "Kit/UserCall.h"
+#include "Kit/call/DelayedCall.h"
+#include "Kit/call/UserCall.h"
 #include "Kit/resolve/Resolver.h"
 
 namespace Orvex::Reticor::Kit {

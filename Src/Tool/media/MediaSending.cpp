@@ -82,7 +82,7 @@ void MediaSending::report() {
 
 // The wish is taken first: whoever is told may wish again at once.
 void MediaSending::tell(const char* name, const char* format, const char* where) {
-    const long id = m_record.take_failure_waiter();
+    const long id = m_record.m_notices.take_failure_waiter();
     if (id == 0) {
         return;
     }
@@ -91,7 +91,7 @@ void MediaSending::tell(const char* name, const char* format, const char* where)
         std::snprintf(text, sizeof text, format, where);
         Infra::Detail::logMember(3, __FILE__, name, __LINE__, m_record.m_owner, "%s", text);
     }
-    m_record.notify(id, MEDIA_MSG_SOCKET_FAILED, 0);
+    m_record.m_notices.tell_failure(id);
 }
 
 MediaSending::Progress MediaSending::choose_frame(CSock& stream, CFrame* frame) {

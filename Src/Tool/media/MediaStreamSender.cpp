@@ -141,7 +141,7 @@ void CMediaStreamSender::SendOtherData(const char* data, int len) {
 }
 
 bool CMediaStreamSender::AttachSendProc(Infra::TFunction3<void, CMediaPacket*, int, int> proc) {
-    if (!m_state->set_procedure(proc)) {
+    if (!m_state->m_procedure.set(proc)) {
         INFRA_LOG(2, "CMediaStreamSender::AttachSendProc no memory!\n");
         return false;
     }
@@ -149,7 +149,7 @@ bool CMediaStreamSender::AttachSendProc(Infra::TFunction3<void, CMediaPacket*, i
 }
 
 bool CMediaStreamSender::DetachSendProc() {
-    m_state->drop_procedure();
+    m_state->m_procedure.drop();
     return true;
 }
 
@@ -175,7 +175,7 @@ void CMediaStreamSender::DisableSendChannel(int channel) {
 }
 
 void CMediaStreamSender::WaitException(long id) {
-    m_state->wait_failure(id);
+    m_state->m_notices.wait_failure(id);
 }
 
 // Waiting for room.
@@ -261,7 +261,7 @@ void CMediaStreamSender::SetStartMode(MediaStart mode) {
 }
 
 void CMediaStreamSender::WaitSkip(long id, unsigned int msg) {
-    m_state->wait_skip(id, msg);
+    m_state->m_notices.wait_skip(id, msg);
 }
 
 }  // namespace Orvex::Reticor

@@ -1,41 +1,23 @@
-// SenderRecord: what a frame seldom needs: gaps, chains, settings, coming, frames that go away or are kept.
+// SenderRecord: what a frame seldom needs: gaps, chains, settings, frames that go away or are kept.
 #include "Tool/media/SenderRecord.h"
 
 #include <algorithm>
 #include <cassert>
 #include <cstddef>
-#include <new>
 #include <utility>
 
-#include <Infra/HeldLocks.h>
 #include <Infra/Log.h>
 
-#include "Core/service/Message.h"
 #include "Tool/frame/FrameRest.h"
 
 namespace Orvex::Reticor {
-
-namespace {
-
-long pack_skip(uint64_t frames, uint64_t bytes, bool thinned) {
-    static_assert(sizeof(long) == 8, "an attachment holds both numbers");
-    constexpr uint64_t FRAMES_LIMIT = (1ULL << 23) - 1;
-    constexpr uint64_t BYTES_LIMIT = (1ULL << 40) - 1;
-    constexpr uint64_t THINNED = 1ULL << 63;
-    return static_cast<long>((thinned ? THINNED : 0) | std::min(frames, FRAMES_LIMIT) << 40 |
-                             std::min(bytes, BYTES_LIMIT));
-}
-
-}  // namespace
 
 static_assert(alignof(SenderRecord) == 64 && offsetof(SenderHotState, m_wishes) < 64,
               "what every frame touches is one cache line");
 static_assert(offsetof(SenderHotState, m_owner) == 64 && offsetof(SenderHotState, m_stats) + 16 <= 128,
               "what a delivered frame touches besides is the next one");
 
-SenderRecord::~SenderRecord() {
-    delete m_send_proc;
-}
+SenderRecord::~SenderRecord() = default;
 
 std::shared_ptr<MediaCore> SenderRecord::core() {
     Infra::CGuard guard(m_other_mutex);
@@ -85,147 +67,6 @@ void SenderRecord::move_to(const std::shared_ptr<MediaCore>& core)
         }
         before->m_mutex.leave();
         moved = true;
-    }
-}
-
-// Coming.
-
-bool SenderRecord::Coming::note(const std::shared_ptr<MediaCore>& core) {
-    Note before;  // Outlives the lock.
-    Infra::CGuard guard(m_mutex);
-    if (m_note.target == core) {
-        return false;
-    }
-    leave_line();
-    before = std::exchange(m_note, Note{core, nullptr, false, false});
-    wait_as_guest();
-    return true;
-}
-
-void SenderRecord::Coming::note_move(const std::shared_ptr<MediaCore>& from,
-                                     const std::shared_ptr<MediaCore>& to, bool left, bool at_key) {
-    Note before;
-    Infra::CGuard guard(m_mutex);
-    leave_line();
-    before = m_note;
-    if (before.target == from && before.from == to && !before.left) {
-        m_note = Note();  // There and back, and not yet gone.
-        return;
-    }
-    if (before.target == from) {
-        m_note = {to, before.from != nullptr ? before.from : from, before.from == nullptr || before.left,
-                  at_key};
-    } else {
-        m_note = {to, from, left, at_key};
-    }
-    if (!at_key) {
-        wait_as_guest();
-        return;
-    }
-    enter_line();
-}
-
-// One that was taken out of another line a moment ago, and is about to be called, comes to this one then.
-void SenderRecord::Coming::enter_line() {
-    if (!std::exchange(m_in_line, true)) {
-        m_state.m_owner->AddRef();
-        m_note.target->m_moves.add(*this);
-    }
-}
-
-void SenderRecord::Coming::wait_as_guest() {
-    if (!std::exchange(m_waits, true)) {
-        m_state.m_owner->AddRef();
-        TargetStepMark::await(*this);
-    }
-}
-
-// Inside the step of a buffer, where the last reference must not be dropped: as a guest it has another one,
-// and the guest's cannot be dropped before the mutex is left.
-void SenderRecord::Coming::take_line_reference() {
-    m_in_line = false;
-    wait_as_guest();
-    m_state.m_owner->DecRef();
-}
-
-// It can be out of it already, and is called then.
-void SenderRecord::Coming::leave_line() {
-    if (m_in_line && m_note.target != nullptr && m_note.target->m_moves.remove(*this)) {
-        take_line_reference();
-    }
-}
-
-bool SenderRecord::Coming::take_back(const MediaCore& core) {
-    Note before;  // Outlives the lock.
-    Infra::CGuard guard(m_mutex);
-    if (m_note.target.get() != &core && m_note.from.get() != &core) {
-        return false;
-    }
-    leave_line();
-    before = std::exchange(m_note, Note());
-    return true;
-}
-
-void SenderRecord::Coming::called(const MediaCore& core, bool gone) {
-    Note before;  // Outlives the lock.
-    Infra::CGuard guard(m_mutex);
-    if (m_note.target.get() == &core) {
-        m_note.at_key = false;
-        if (gone) {
-            before = std::exchange(m_note, Note());
-        }
-    }
-    take_line_reference();
-}
-
-// The note stands until the sender is on the list, so that whoever takes it off meanwhile finds it in one
-// place.
-void SenderRecord::Coming::come() {
-    for (;;) {
-        Note note;
-        {
-            Infra::CGuard guard(m_mutex);
-            note = m_note;
-            if (!note.target || note.at_key) {
-                m_waits = false;
-                if (note.at_key) {
-                    enter_line();
-                }
-                break;
-            }
-        }
-        if (note.from == nullptr || note.left || leave(note)) {
-            arrive(note);
-        }
-    }
-    m_state.m_owner->DecRef();
-}
-
-// Off the list from which it moves; under no other lock than that one's. False if it is not on it, and then
-// there is nothing to move.
-bool SenderRecord::Coming::leave(const Note& note) {
-    const MediaStep step(note.from);
-    bool moves = false;
-    {
-        Infra::CGuard guard(m_mutex);
-        moves = m_note.target == note.target && m_note.from == note.from && !m_note.left;
-        m_note.left = moves || m_note.left;
-    }
-    if (moves && (note.from->m_end == nullptr || !note.from->m_end->go(*m_state.m_owner))) {
-        take_back(*note.target);
-        return false;
-    }
-    return moves;
-}
-
-void SenderRecord::Coming::arrive(const Note& note) {
-    m_state.move_to(note.target);
-    const CoreGuard guard(*note.target);
-    if (m_state.core() == note.target && take_back(*note.target) && note.target->m_end != nullptr) {
-        if (note.from != nullptr) {
-            m_state.begin_anew(true);
-        }
-        note.target->m_end->come(*m_state.m_owner);
     }
 }
 
@@ -313,13 +154,9 @@ void SenderRecord::lose_rest() {
     set_failed();
     INFRA_LOG_STATIC(2, "CMediaStreamSender, no memory for the rest of a frame, sender:%p\n",
                      static_cast<void*>(m_owner));
-    if (const long id = take_failure_waiter()) {
-        notify(id, MEDIA_MSG_SOCKET_FAILED, 0);
+    if (const long id = m_notices.take_failure_waiter()) {
+        m_notices.tell_failure(id);
     }
-}
-
-void SenderRecord::notify(long id, unsigned msg, long attach) {
-    CMessage::Tell(m_owner->GetID(), id, msg, attach);
 }
 
 void SenderRecord::forget_order() {
@@ -351,19 +188,6 @@ void SenderRecord::set_kernel_lag(unsigned limit_ms) {
 
 CSock* SenderRecord::detach() {
     return __atomic_exchange_n(&m_stream, nullptr, __ATOMIC_RELAXED);
-}
-
-void SenderRecord::wait_failure(long id) {
-    Infra::relaxedStore(m_exception_id, id);
-}
-
-long SenderRecord::take_failure_waiter() {
-    return __atomic_exchange_n(&m_exception_id, 0, __ATOMIC_RELAXED);
-}
-
-void SenderRecord::wait_skip(long id, unsigned msg) {
-    Infra::relaxedStore(m_skip_msg, msg);
-    Infra::relaxedStore(m_skip_id, id);
 }
 
 void SenderRecord::set_send_timeout(unsigned seconds) {
@@ -399,34 +223,8 @@ void SenderRecord::give_up_channel(int channel) {
     Infra::relaxedStore(m_channel_mask, mask & ~(1U << channel));
 }
 
-bool SenderRecord::set_procedure(const Infra::TFunction3<void, CMediaPacket*, int, int>& proc) {
-    auto* const copy = new (std::nothrow) Infra::TFunction3<void, CMediaPacket*, int, int>(proc);
-    change_procedure(copy);
-    return copy != nullptr;
-}
-
-void SenderRecord::drop_procedure() {
-    change_procedure(nullptr);
-}
-
-void SenderRecord::change_procedure(Infra::TFunction3<void, CMediaPacket*, int, int>* proc) {
-    Infra::CGuard guard(m_other_mutex);
-    delete m_send_proc;
-    Infra::relaxedStore(m_send_proc, proc);
-}
-
-// The procedure may replace itself, and another thread may at any time, so a copy is called.
 void SenderRecord::call_procedure() {
-    Infra::TFunction3<void, CMediaPacket*, int, int> proc;
-    {
-        Infra::CGuard guard(m_other_mutex);
-        if (m_send_proc == nullptr) {
-            return;
-        }
-        proc = *m_send_proc;
-    }
-    INFRA_PROMISE(SEND_PROCEDURE);
-    proc(m_frame->m_info_packet, m_frame->m_info_arg, static_cast<int>(m_frame->m_frame_len));
+    m_procedure.call(m_frame->m_info_packet, m_frame->m_info_arg, static_cast<int>(m_frame->m_frame_len));
 }
 
 // The place in the stream.
@@ -497,13 +295,7 @@ void SenderRecord::count_gap(Course& course) {
     }
     if (has_policy() && frames != 0) {
         ++m_stats.skips;
-        tell_skip(frames, bytes, false);
-    }
-}
-
-void SenderRecord::tell_skip(uint64_t frames, uint64_t bytes, bool thinned) {
-    if (const long id = Infra::relaxedLoad(m_skip_id)) {
-        notify(id, Infra::relaxedLoad(m_skip_msg), pack_skip(frames, bytes, thinned));
+        m_notices.tell_skip(frames, bytes, false);
     }
 }
 
@@ -751,7 +543,7 @@ void SenderRecord::begin_kept_frame() {
     m_begun_us = now();
     const Thinning::Sum over = m_thinning.take_over(m_begun_us, max_lag_us());
     if (over.frames != 0) {
-        tell_skip(over.frames, over.bytes, true);
+        m_notices.tell_skip(over.frames, over.bytes, true);
     }
 }
 

@@ -15,12 +15,13 @@
 #include "Tool/frame/MediaFrame.h"
 #include "Tool/frame/Thinning.h"
 #include "Tool/media/RoomWait.h"
+#include "Tool/media/SenderComing.h"
 #include "Tool/step/KernelLag.h"
 #include "Tool/step/MediaStep.h"
-#include "Tool/step/MoveLine.h"
 #include "Tool/step/OtherData.h"
+#include "Tool/step/SendProcedure.h"
+#include "Tool/step/SenderNotices.h"
 #include "Tool/step/StallFloor.h"
-#include "Tool/step/TargetStepMark.h"
 
 namespace Orvex::Reticor {
 
@@ -60,7 +61,7 @@ struct alignas(64) SenderHotState {
     CMediaStreamSender* m_owner = nullptr;  ///< Whose record it is.
     uint64_t m_block_time = 0;  ///< us; of the first write since the last finished frame that would block.
     /// Null without. Changed under m_other_mutex; read without it to see the null.
-    Infra::TFunction3<void, CMediaPacket*, int, int>* m_send_proc = nullptr;
+    SendProcedure::Function* m_send_proc = nullptr;
     uint64_t m_max_lag_us = 0;    ///< The resume policy; 0: none. No lock.
     MediaCore* m_list = nullptr;  ///< The core of the buffer whose list it is on, or null.
     CFrame* m_linked = nullptr;   ///< The frame whose chain of standing senders it is in.
@@ -82,7 +83,9 @@ struct SenderStart {
 /// counters. Guarded by the mutex of m_core but for what says otherwise; nobody but its own operations writes
 /// it. What each delivered frame touches comes first and close together, so all of it is one record.
 struct SenderRecord : SenderHotState {
-    explicit SenderRecord(CMediaStreamSender& owner) : m_room(*this, owner) { m_owner = &owner; }
+    explicit SenderRecord(CMediaStreamSender& owner) : m_notices(owner), m_room(*this, owner) {
+        m_owner = &owner;
+    }
     ~SenderRecord();
     SenderRecord(const SenderRecord&) = delete;
     SenderRecord& operator=(const SenderRecord&) = delete;
@@ -95,49 +98,17 @@ struct SenderRecord : SenderHotState {
     static constexpr uint8_t WISH_ROOM = 2;    ///< It waits for room when its socket is full.
     static constexpr uint8_t WISH_GATHER = 4;  ///< Several frames may go out in one write.
 
-    /// The way to a buffer's list for a sender that was added inside a call-back.
-    /// It has a reference on the sender for as long as a thread has it as its guest, and another one for the
-    /// time in a line of movers.
-    class Coming : public StepGuest_IF, public MoveGuest_IF {
+    /// The record as what comes and moves sees it.
+    class Self final : public ComingSender_IF {
     public:
-        explicit Coming(SenderRecord& state) : m_state(state) {}
-
-        /// The sender comes to the list of `core` when the thread is out of all call-backs. False if that was
-        /// noted already.
-        bool note(const std::shared_ptr<MediaCore>& core);
-        /// The sender moves from the list of `from` to that of `to` when the thread is out of all call-backs,
-        /// or at the next key frame there. `left`: it will be off its list by then. One that is on its way to
-        /// `from` goes to `to` instead.
-        void note_move(const std::shared_ptr<MediaCore>& from, const std::shared_ptr<MediaCore>& to,
-                       bool left, bool at_key);
-        /// Takes back that it comes to `core`, or that it moves from there; true if that was noted. Inside a
-        /// step.
-        bool take_back(const MediaCore& core);
-        void come() override;
-        void called(const MediaCore& core, bool gone) override;
+        explicit Self(SenderRecord& record) : m_record(record) {}
+        CMediaStreamSender& sender() override { return *m_record.m_owner; }
+        std::shared_ptr<MediaCore> core() override { return m_record.core(); }
+        void move_to(const std::shared_ptr<MediaCore>& core) override { m_record.move_to(core); }
+        void begin_anew() override { m_record.begin_anew(true); }
 
     private:
-        /// What is noted.
-        struct Note {
-            std::shared_ptr<MediaCore> target;  ///< Null: it comes to none.
-            std::shared_ptr<MediaCore> from;    ///< Of a move; null without.
-            bool left = false;                  ///< It is off the list of `from`, or will be.
-            bool at_key = false;                ///< It waits in the target's line.
-        };
-
-        void wait_as_guest() INFRA_REQUIRES(m_mutex);
-        void take_line_reference() INFRA_REQUIRES(m_mutex);
-        void enter_line() INFRA_REQUIRES(m_mutex);
-        void leave_line() INFRA_REQUIRES(m_mutex);
-        bool leave(const Note& note);
-        void arrive(const Note& note);
-
-        SenderRecord& m_state;
-        Infra::CMutex m_mutex{Infra::LockClass::MEDIA_COMING};  ///< Comes after the core's.
-        Note m_note INFRA_GUARDED_BY(m_mutex);
-        bool m_waits INFRA_GUARDED_BY(m_mutex) = false;  ///< A thread has it as its guest.
-        /// Until whoever has taken it out calls it.
-        bool m_in_line INFRA_GUARDED_BY(m_mutex) = false;
+        SenderRecord& m_record;
     };
 
     /// A private copy of what was left of a frame, owned; m_frame while it is set.
@@ -145,13 +116,11 @@ struct SenderRecord : SenderHotState {
     std::unique_ptr<GoneSender> m_reference;  ///< The list's on it, while it is on one.
     SenderRecord* m_standing_next = nullptr;
     SenderRecord** m_standing_link = nullptr;  ///< What points at it in that chain.
-    long m_exception_id = 0;                   ///< No lock.
     uint64_t m_send_timeout = NO_TIMEOUT_S;    ///< s. No lock.
-    long m_skip_id = 0;                        ///< No lock.
-    unsigned m_skip_msg = 0;                   ///< No lock.
     uint64_t m_hard_lag_us = 0;                ///< No lock.
-    bool m_failed = false;                     ///< Taken off by a socket failure.
-    bool m_holds = false;                      ///< m_linked's m_holders has this sender in it.
+    SenderNotices m_notices;
+    bool m_failed = false;          ///< Taken off by a socket failure.
+    bool m_holds = false;           ///< m_linked's m_holders has this sender in it.
     bool m_cut = false;             ///< It was paused in the middle of m_frame, which is followed by none.
     uint64_t m_begun_us = 0;        ///< When m_frame was begun.
     Thinning m_thinning;            ///< Frames left out.
@@ -165,9 +134,11 @@ struct SenderRecord : SenderHotState {
     Infra::CMutex m_other_mutex{Infra::LockClass::MEDIA_OTHER};
     /// The buffer whose list it is on or was on last. Changes under m_other_mutex and the old core's mutex.
     std::shared_ptr<MediaCore> m_core INFRA_GUARDED_BY(m_other_mutex);
-    Coming m_coming{*this};
+    Self m_self{*this};
+    SenderComing m_coming{m_self};
     RoomWait m_room;
     OtherData m_other{m_other_mutex, m_other_len};
+    SendProcedure m_procedure{m_other_mutex, m_send_proc};
 
     /// For the tests and for the buffer.
     static SenderRecord& of(CMediaStreamSender& sender) { return *sender.m_state; }
@@ -187,10 +158,6 @@ struct SenderRecord : SenderHotState {
 
     void attach(CSock* stream);
     CSock* detach();
-    void wait_failure(long id);
-    /// Whom to tell of a failure, once: whoever wants to know more asks again. 0 is nobody.
-    long take_failure_waiter();
-    void wait_skip(long id, unsigned msg);
     void set_send_timeout(unsigned seconds);
     void wait_room(long owner) {
         m_room.set_owner(owner);
@@ -402,12 +369,7 @@ struct SenderRecord : SenderHotState {
 
     // Others.
 
-    /// Takes a copy of `proc` in place of the one before. False, and there is none, without memory.
-    bool set_procedure(const Infra::TFunction3<void, CMediaPacket*, int, int>& proc);
-    void drop_procedure();
     MediaSenderStats stats() INFRA_REQUIRES(CORE_MUTEX);
-    /// A message from the sender.
-    void notify(long id, unsigned msg, long attach);
 
 private:
     bool change_core(const std::shared_ptr<MediaCore>& before, const std::shared_ptr<MediaCore>& after);
@@ -439,11 +401,10 @@ private:
     void finished() INFRA_REQUIRES(CORE_MUTEX) {
         ++m_stats.frames;
         m_counted = false;
-        if (Infra::relaxedLoad(m_send_proc) != nullptr) {
+        if (m_procedure.is_set()) {
             call_procedure();
         }
     }
-    void change_procedure(Infra::TFunction3<void, CMediaPacket*, int, int>* proc);
     void count_gap(Course& course) INFRA_REQUIRES(CORE_MUTEX);
     void pass_written(uint64_t written) INFRA_REQUIRES(CORE_MUTEX);
     void call_procedure() INFRA_REQUIRES(CORE_MUTEX);
@@ -455,7 +416,6 @@ private:
     void uncount_written() INFRA_REQUIRES(CORE_MUTEX);
     uint64_t backlog() const INFRA_REQUIRES(CORE_MUTEX);
     uint64_t position() const INFRA_REQUIRES(CORE_MUTEX);
-    void tell_skip(uint64_t frames, uint64_t bytes, bool thinned) INFRA_REQUIRES(CORE_MUTEX);
     void drop_tail() INFRA_REQUIRES(CORE_MUTEX);
     void keep_rest(uint32_t end) INFRA_REQUIRES(CORE_MUTEX);
     void lose_rest() INFRA_REQUIRES(CORE_MUTEX);

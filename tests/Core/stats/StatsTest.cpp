@@ -83,12 +83,7 @@ TEST_F(Stats, BusyAreTheWorkersInCallsAndTheQueueIsWhatWaitsForThem) {
     const uint32_t all = poolStats().workers;
     EXPECT_EVENTUALLY(poolStats().busy == 0 && poolStats().queue_length == 0);
     Gate gate;
-    handler->on_message = [&](long, unsigned int, long) {
-        gate.pass();
-        return 0;
-    };
-    handler->Notify(handler->GetID(), 100, 0);
-    ASSERT_TRUE(gate.awaitArrivals(1));
+    holdInMessage(gate);
     EXPECT_EVENTUALLY(poolStats().busy == 1);
     for (uint32_t i = 0; i < all + 7; ++i) {
         handler->Notify(handler->GetID(), 100, 0);
@@ -118,12 +113,7 @@ TEST_F(Stats, CountersGoOnInTheNextPoolOfTheIndex) {
 
 TEST_F(Stats, WorkersTellInWhichCallTheyAre) {
     Gate gate;
-    handler->on_message = [&](long, unsigned int, long) {
-        gate.pass();
-        return 0;
-    };
-    handler->Notify(handler->GetID(), 100, 0);
-    ASSERT_TRUE(gate.awaitArrivals(1));
+    holdInMessage(gate);
     CStats stats;
     ASSERT_EQ(0, stats.Take());
     int found = 0;

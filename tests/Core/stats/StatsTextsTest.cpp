@@ -272,12 +272,7 @@ TEST_F(StatsTexts, TheExpositionHasEverySeriesOnceAndCountersNeverFall) {
 
 TEST_F(StatsTexts, TheJsonIsJsonWithIdsAsStrings) {
     Gate gate;
-    handler->on_message = [&](long, unsigned int, long) {
-        gate.pass();
-        return 0;
-    };
-    handler->Notify(handler->GetID(), 100, 0);
-    ASSERT_TRUE(gate.awaitArrivals(1));
+    holdInMessage(gate);
     const std::string text = written(&CStats::toJson);
     EXPECT_TRUE(JsonReader(text).reads()) << text;
     EXPECT_NE(std::string::npos, text.find("\"handler\":\"" + std::to_string(handler->GetID()) + "\""))
@@ -291,12 +286,7 @@ TEST_F(StatsTexts, TheJsonIsJsonWithIdsAsStrings) {
 
 TEST_F(StatsTexts, TheTextTellsInWhichCallAWorkerIs) {
     Gate gate;
-    handler->on_message = [&](long, unsigned int, long) {
-        gate.pass();
-        return 0;
-    };
-    handler->Notify(handler->GetID(), 100, 0);
-    ASSERT_TRUE(gate.awaitArrivals(1));
+    holdInMessage(gate);
     const std::string text = written(&CStats::toText);
     EXPECT_NE(std::string::npos,
               text.find("is in handle_message of handler " + std::to_string(handler->GetID()) + "\n"))

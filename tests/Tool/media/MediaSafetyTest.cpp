@@ -463,7 +463,7 @@ TEST_F(MediaSafety, AProcedureMayReplaceItself) {
     second.run = [&] { a.sender->DetachSendProc(); };
     put(10);
     put(10);
-    EXPECT_EQ(nullptr, a.state().m_send_proc);
+    EXPECT_FALSE(a.state().m_procedure.is_set());
 }
 
 TEST_F(MediaSafety, WhatACallBackMustNotDoAsserts) {

@@ -112,7 +112,7 @@ TEST_F(MediaSendingOfASender, OneThatItsProcedureTookOffBeginsNoOtherFrame) {
         void take(CMediaPacket*, int, int) INFRA_NO_THREAD_SAFETY_ANALYSIS { record->set_leaving(); }
         SenderRecord* record;
     } taker{&record};
-    record.set_procedure({&Taker::take, &taker});
+    record.m_procedure.set({&Taker::take, &taker});
     const std::string bytes = frame({4});
     frame({5});
     turn(first());
@@ -136,7 +136,7 @@ TEST_F(MediaSendingOfASender, TheTailOfTheLastPacketLeadsToTheNextFrame) {
 // What is said.
 
 TEST_F(MediaSendingOfASender, AFailureIsSaidOnceToWhoeverWaits) {
-    record.wait_failure(waiter->GetID());
+    record.m_notices.wait_failure(waiter->GetID());
     frame({4});
     a.sock.setRoom(0);
     a.sock.fail(EPIPE);
@@ -149,7 +149,7 @@ TEST_F(MediaSendingOfASender, AFailureIsSaidOnceToWhoeverWaits) {
 }
 
 TEST_F(MediaSendingOfASender, AFailureOverOtherDataIsNamedSo) {
-    record.wait_failure(waiter->GetID());
+    record.m_notices.wait_failure(waiter->GetID());
     a.sender->SendOtherData("other", 5);
     a.sock.setRoom(0);
     a.sock.fail(EPIPE);
@@ -161,7 +161,7 @@ TEST_F(MediaSendingOfASender, AFailureOverOtherDataIsNamedSo) {
 
 TEST_F(MediaSendingOfASender, AStallIsSaidWhenItsTimeIsOver) {
     HandClock clock;
-    record.wait_failure(waiter->GetID());
+    record.m_notices.wait_failure(waiter->GetID());
     record.set_send_timeout(1);
     frame({4});
     a.sock.setRoom(0);
@@ -186,7 +186,7 @@ TEST_F(MediaSendingOfASender, EachHundredthTurnThatBlocksIsSaid) {
 }
 
 TEST_F(MediaSendingOfASender, ATurnThatEndsWellSaysNothing) {
-    record.wait_failure(waiter->GetID());
+    record.m_notices.wait_failure(waiter->GetID());
     frame({4});
     const LogCapture log(9);
     EXPECT_EQ(TurnEnd::DONE, turn(first()));
@@ -196,7 +196,7 @@ TEST_F(MediaSendingOfASender, ATurnThatEndsWellSaysNothing) {
 
 // The sink stands for another thread, which hears of the failure and wishes again while this one is not done.
 TEST_F(MediaSendingOfASender, AWishThatIsMadeWhileOneIsAnsweredStands) {
-    record.wait_failure(waiter->GetID());
+    record.m_notices.wait_failure(waiter->GetID());
     frame({4});
     a.sock.setRoom(0);
     a.sock.fail(EPIPE);
@@ -209,7 +209,7 @@ TEST_F(MediaSendingOfASender, AWishThatIsMadeWhileOneIsAnsweredStands) {
     turn(first());
     Infra::setLogLevel(level_before);
     Infra::setLogSink(before);
-    EXPECT_EQ(7, record.m_exception_id);
+    EXPECT_EQ(7, record.m_notices.take_failure_waiter());
 }
 
 }  // namespace

@@ -30,12 +30,12 @@ struct Finished {
 };
 
 TEST_F(MediaStreamSender, BeginsWithAllChannelsAndNoTimeout) {
-    const SenderRecord& made = client().state();
+    SenderRecord& made = client().state();
     EXPECT_EQ(0U, made.m_send_total);
     EXPECT_EQ(255, made.m_channel_mask);
     EXPECT_EQ(0, made.m_lost_mask);
     EXPECT_EQ(0xFFFFFFFFU, made.m_send_timeout);
-    EXPECT_EQ(0, made.m_exception_id);
+    EXPECT_EQ(0, made.m_notices.take_failure_waiter());
 }
 
 TEST_F(MediaStreamSender, AttachAndDetachPassTheSocketOn) {
@@ -229,7 +229,7 @@ TEST_F(MediaStreamSender, OtherDataThatFailsIsReportedOnce) {
     EXPECT_TRUE(log.contains(3, "MediaStreamSender check_other_data socket exception!\n"));
     EXPECT_EQ(messages(), (std::vector<SentMessage>{{waiter->GetID(), 2, 0}}));
     EXPECT_EQ(nullptr, a.state().m_list);
-    EXPECT_EQ(0, a.state().m_exception_id);
+    EXPECT_EQ(0, a.state().m_notices.take_failure_waiter());
 }
 
 TEST_F(MediaStreamSender, TwoFramesInOneSendAreFinishedOneAfterTheOther) {

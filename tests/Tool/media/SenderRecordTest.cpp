@@ -230,7 +230,7 @@ TEST_F(SenderRecordOfASender, WhatCameBetweenTwoFramesIsSteppedOverOrAHole) {
 TEST_F(SenderRecordOfASender, WithThePolicyAGapIsToldWhenTheNextFrameGoesOut) {
     const CoreGuard guard(*core);
     record.set_policy(100, MediaResume::STRICT, 0);
-    record.wait_skip(waiter->GetID(), 77);
+    record.m_notices.wait_skip(waiter->GetID(), 77);
     sendWhole(frame({10}));
     record.step_over(frame({20}));
     frame({30});
@@ -290,13 +290,6 @@ TEST_F(SenderRecordOfASender, AStallBeginsWithTheFirstWriteThatWouldBlock) {
 
 // Settings and the core.
 
-TEST_F(SenderRecordOfASender, AFailureIsToldOncePerWish) {
-    EXPECT_EQ(0, record.take_failure_waiter());
-    record.wait_failure(7);
-    EXPECT_EQ(7, record.take_failure_waiter());
-    EXPECT_EQ(0, record.take_failure_waiter());
-}
-
 TEST_F(SenderRecordOfASender, TheProcedureIsCalledForEachFrameUntilItIsDropped) {
     const CoreGuard guard(*core);
     std::vector<int> lengths;
@@ -304,10 +297,10 @@ TEST_F(SenderRecordOfASender, TheProcedureIsCalledForEachFrameUntilItIsDropped) 
         void note(CMediaPacket*, int, int len) { lengths->push_back(len); }
         std::vector<int>* lengths;
     } book{&lengths};
-    EXPECT_TRUE(record.set_procedure({&Book::note, &book}));
+    EXPECT_TRUE(record.m_procedure.set({&Book::note, &book}));
     sendWhole(frame({10}));
     sendWhole(frame({20}));
-    record.drop_procedure();
+    record.m_procedure.drop();
     sendWhole(frame({30}));
     EXPECT_EQ((std::vector<int>{10, 20}), lengths);
 }

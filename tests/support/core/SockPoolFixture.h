@@ -61,6 +61,16 @@ protected:
         ASSERT_EQ(0, handler->RegisterSock(pair.near, mask, time_out_us));
     }
 
+    // Keeps a worker in the handler's `handle_message` until the gate is opened.
+    void holdInMessage(Gate& gate) {
+        handler->on_message = [&gate](long, unsigned int, long) {
+            gate.pass();
+            return 0;
+        };
+        handler->Notify(handler->GetID(), 100, 0);
+        ASSERT_TRUE(gate.awaitArrivals(1));
+    }
+
     // Removes the socket, and waits until the last call for it is over.
     void removeAndWait(Reticor::CSock& sock) {
         const int fd = sock.GetHandle();

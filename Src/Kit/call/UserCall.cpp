@@ -1,5 +1,5 @@
 // UserCall: what is said of a lambda that has thrown.
-#include "Kit/UserCall.h"
+#include "Kit/call/UserCall.h"
 
 #include <exception>
 
