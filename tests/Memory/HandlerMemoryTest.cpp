@@ -4,6 +4,8 @@
 #include <memory>
 #include <vector>
 
+#include <Reticor/Stats.h>
+
 #include "support/PoolFixture.h"
 #include "support/core/SocketPair.h"
 #include "support/memory/MemorySweep.h"
@@ -226,8 +228,15 @@ TEST_F(HandlerMemory, TimersGoOnWhileThereIsNoMemory) {
     EXPECT_EVENTUALLY(life->timeouts > before + 20);
 }
 
+bool daemonHasBeat() {
+    Reticor::CStats stats;
+    Reticor::PoolStats pool;
+    return stats.Take() == 0 && stats.GetPool(0, pool) == 0 && pool.heartbeats > 0;
+}
+
 // With the reserve used up they wait until there is memory.
 TEST_F(HandlerMemory, ATimerThatFindsNoRecordRunsWhenThereIsOne) {
+    EXPECT_EVENTUALLY(daemonHasBeat());  // It fills the reserve up, now and five seconds later.
     {
         const NoRecords none;
         std::vector<Reticor::CEvent*> reserve;

@@ -105,7 +105,7 @@ struct SenderRecord : SenderHotState {
         CMediaStreamSender& sender() override { return *m_record.m_owner; }
         std::shared_ptr<MediaCore> core() override { return m_record.core(); }
         void move_to(const std::shared_ptr<MediaCore>& core) override { m_record.move_to(core); }
-        void begin_anew() override { m_record.begin_anew(true); }
+        void begin_anew() override INFRA_REQUIRES(CORE_MUTEX) { m_record.begin_anew(true); }
 
     private:
         SenderRecord& m_record;

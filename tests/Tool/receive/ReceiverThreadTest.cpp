@@ -17,6 +17,7 @@
 #include <Infra/Time.h>
 #include <Reticor/NetThread.h>
 
+#include "Core/record/EventFreeList.h"
 #include "Tool/receive/ProcessorPin.h"
 #include "Tool/receive/ReceiverGroup.h"
 #include "support/KernelThread.h"
@@ -482,8 +483,10 @@ TEST(ReceiverLifecycle, CallbackThatStartsAReceiverWhileTheLibraryGoesDownIsRefu
     gate.open();
     destroyer.join();
     delete receiver;
-    if (HandlerProbe::state(*late).__m_magic != HANDLER_CLOSED) {
-        HandlerProbe::state(*late).__m_magic = HANDLER_CLOSED;  // There is no pool to close it.
+    HandlerInternal& state = HandlerProbe::state(*late);
+    if (state.__m_magic != HANDLER_CLOSED) {
+        state.__m_magic = HANDLER_CLOSED;  // There is no pool to close it.
+        put_event(state.m_close_event);
     }
     delete late;
 }
