@@ -5,3 +5,4 @@ set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${CMAKE_CURRENT_L
 file(READ ${CMAKE_CURRENT_LIST_DIR}/page.html PAGE)
 configure_file(${CMAKE_CURRENT_LIST_DIR}/Page.cpp.in ${PROJECT_BINARY_DIR}/generated/media_relay/Page.cpp @ONLY)
 target_sources(media_relay PRIVATE ${PROJECT_BINARY_DIR}/generated/media_relay/Page.cpp)
+set_source_files_properties(${PROJECT_BINARY_DIR}/generated/media_relay/Page.cpp PROPERTIES SKIP_PRECOMPILE_HEADERS ON)
