@@ -39,19 +39,19 @@ using namespace Testing;
 // More threads than the lock has places to count them in.
 constexpr int MANY = 20;
 
-INFRA_CONSTINIT CReadWriteMutex g_static_mutex;
-const bool g_worked_before_main = [] {
-    const bool read = g_static_mutex.enterReading() && g_static_mutex.leave();
-    return g_static_mutex.enterWriting() && g_static_mutex.leave() && read;
+INFRA_CONSTINIT CReadWriteMutex g_static_rw_mutex;
+const bool g_rw_worked_before_main = [] {
+    const bool read = g_static_rw_mutex.enterReading() && g_static_rw_mutex.leave();
+    return g_static_rw_mutex.enterWriting() && g_static_rw_mutex.leave() && read;
 }();
 
 enum class Way { READING, WRITING };
 
 // A thread that enters the lock in one way, stays until it is released, and leaves.
-class Holder {
+class WayHolder {
 public:
-    Holder(CReadWriteMutex& mutex, Way way) : m_mutex(mutex), m_way(way), m_thread([this] { run(); }) {}
-    ~Holder() { end(); }
+    WayHolder(CReadWriteMutex& mutex, Way way) : m_mutex(mutex), m_way(way), m_thread([this] { run(); }) {}
+    ~WayHolder() { end(); }
 
     bool holds() const { return m_holds; }
     bool sleeps() const { return m_thread_id != 0 && sleepsInFutex(m_thread_id); }
@@ -81,12 +81,12 @@ private:
     std::thread m_thread;
 };
 
-using Holders = std::vector<std::unique_ptr<Holder>>;
+using Holders = std::vector<std::unique_ptr<WayHolder>>;
 
 Holders manyReaders(CReadWriteMutex& mutex) {
     Holders readers;
     for (int i = 0; i < MANY; ++i) {
-        readers.push_back(std::make_unique<Holder>(mutex, Way::READING));
+        readers.push_back(std::make_unique<WayHolder>(mutex, Way::READING));
     }
     return readers;
 }
@@ -101,7 +101,7 @@ bool allHold(const Holders& holders) {
 }
 
 TEST(ReadWriteMutex, StaticLockWorksBeforeMain) {
-    EXPECT_TRUE(g_worked_before_main);
+    EXPECT_TRUE(g_rw_worked_before_main);
 }
 
 TEST(ReadWriteMutex, ReadersHoldItSideBySide) {
@@ -117,7 +117,7 @@ TEST(ReadWriteMutex, WriterWaitsForTheLastReader) {
     CReadWriteMutex mutex;
     const Holders readers = manyReaders(mutex);
     ASSERT_EVENTUALLY(allHold(readers));
-    Holder writer(mutex, Way::WRITING);
+    WayHolder writer(mutex, Way::WRITING);
     for (const auto& reader : readers) {
         ASSERT_EVENTUALLY(writer.sleeps());
         EXPECT_FALSE(writer.holds());
@@ -131,7 +131,7 @@ TEST(ReadWriteMutex, ReadersAndWritersWaitForTheWriter) {
     mutex.enterWriting();
     EXPECT_TRUE(mutex.writtenByThisThread());
     const Holders readers = manyReaders(mutex);
-    Holder writer(mutex, Way::WRITING);
+    WayHolder writer(mutex, Way::WRITING);
     for (const auto& reader : readers) {
         ASSERT_EVENTUALLY(reader->sleeps());
         EXPECT_FALSE(reader->holds());
@@ -153,11 +153,11 @@ TEST(ReadWriteMutex, ReadersAndWritersWaitForTheWriter) {
 
 TEST(ReadWriteMutex, NewReaderWaitsBehindAWaitingWriter) {
     CReadWriteMutex mutex;
-    Holder first(mutex, Way::READING);
+    WayHolder first(mutex, Way::READING);
     ASSERT_EVENTUALLY(first.holds());
-    Holder writer(mutex, Way::WRITING);
+    WayHolder writer(mutex, Way::WRITING);
     ASSERT_EVENTUALLY(writer.sleeps());
-    Holder second(mutex, Way::READING);
+    WayHolder second(mutex, Way::READING);
     ASSERT_EVENTUALLY(second.sleeps());
     EXPECT_FALSE(second.holds());
     first.end();

@@ -15,7 +15,7 @@ using Orvex::Testing::TcpClient;
 
 namespace {
 
-std::string contents(const std::string& path) {
+std::string text_of_file(const std::string& path) {
     std::ifstream file(path);
     std::stringstream text;
     text << file.rdbuf();
@@ -36,10 +36,10 @@ TEST(Readme, FirstProgramRuns) {
 }
 
 TEST(Readme, FirstProgramIsTheExampleOfThatName) {
-    const std::string readme = contents(RETICOR_SOURCE_DIR "/README.md");
+    const std::string readme = text_of_file(RETICOR_SOURCE_DIR "/README.md");
     const size_t begin = readme.find("```cpp\n") + 7;
     const std::string printed = readme.substr(begin, readme.find("```\n", begin) - begin);
-    const std::string example = contents(RETICOR_SOURCE_DIR "/examples/first_program.cpp");
+    const std::string example = text_of_file(RETICOR_SOURCE_DIR "/examples/first_program.cpp");
     ASSERT_GE(example.size(), printed.size());
     EXPECT_EQ(example.substr(example.size() - printed.size()), printed);
     EXPECT_EQ(readme.find("```cpp\n", begin), std::string::npos) << "only the first program is extracted";

@@ -18,6 +18,8 @@ reticor_samples(docs/media.md media.inc)
 add_custom_target(guide_samples DEPENDS ${samples_dir}/guide.inc ${samples_dir}/media.inc)
 add_dependencies(tests_system guide_samples)
 target_include_directories(tests_system PRIVATE ${samples_dir})
+# Samples take the names that suit them.
+set_source_files_properties(system/GuideTest.cpp system/MediaGuideTest.cpp PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)
 
 foreach(page README.md:readme_program docs/coming-from.md:coming_from_program)
   string(REPLACE ":" ";" page ${page})

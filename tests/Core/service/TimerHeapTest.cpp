@@ -132,14 +132,14 @@ TEST(TimerHeap, RemovePoolTakesThatPoolsTimersAlone) {
 }
 
 // Spans of time that reach from one bucket over all of them to beyond the last one.
-constexpr uint64_t SPAN = TimerBuckets::SPAN_US;
-constexpr uint64_t ALL_SPANS = TimerBuckets::COUNT * SPAN;
+constexpr uint64_t BUCKET = TimerBuckets::SPAN_US;
+constexpr uint64_t ALL_BUCKETS = TimerBuckets::COUNT * BUCKET;
 
 TEST(TimerHeap, TimersOfAllDistancesComeOutInTheOrderOfExpiry) {
     TimerHeap heap;
-    const std::vector<uint64_t> expiries = {3 * SPAN,  5,           ALL_SPANS + 7, SPAN - 1, SPAN,
-                                            SPAN + 1,  ALL_SPANS,   2 * ALL_SPANS, 900,      3 * SPAN + 1,
-                                            10 * SPAN, 3 * SPAN - 1};
+    const std::vector<uint64_t> expiries = {
+        3 * BUCKET,      5,   ALL_BUCKETS + 7, BUCKET - 1,  BUCKET,        BUCKET + 1, ALL_BUCKETS,
+        2 * ALL_BUCKETS, 900, 3 * BUCKET + 1,  10 * BUCKET, 3 * BUCKET - 1};
     int64_t place = 0;
     for (uint64_t expire : expiries) {
         TimerHeapProbe::arm(heap, timer(place++, expire));
@@ -162,24 +162,24 @@ TEST(TimerHeap, TimersOfAllDistancesComeOutInTheOrderOfExpiry) {
 TEST(TimerHeap, OneLateTickTakesTimersOfManyBuckets) {
     TimerHeap heap;
     for (int i = 0; i < 1000; ++i) {
-        TimerHeapProbe::arm(heap, timer(i, static_cast<uint64_t>((i * 7919) % 1000) * SPAN + 1));
+        TimerHeapProbe::arm(heap, timer(i, static_cast<uint64_t>((i * 7919) % 1000) * BUCKET + 1));
     }
     DueChains due;
-    heap.PopDue(999 * SPAN, due);
+    heap.PopDue(999 * BUCKET, due);
     EXPECT_EQ(999u, keys(due.m_chain[0]).size());
-    EXPECT_EQ(999 * SPAN + 1, heap.Peek());
+    EXPECT_EQ(999 * BUCKET + 1, heap.Peek());
 }
 
 TEST(TimerHeap, AfterARemovalTheSoonestExpiryMayBeEarlyUntilItIsLookedFor) {
     TimerHeap heap;
-    auto a = timer(0, 5 * SPAN);
-    auto b = timer(1, 9 * SPAN);
+    auto a = timer(0, 5 * BUCKET);
+    auto b = timer(1, 9 * BUCKET);
     TimerHeapProbe::arm(heap, a);
     TimerHeapProbe::arm(heap, b);
     heap.RemoveById(static_cast<long>(a.id));
-    EXPECT_EQ(5 * SPAN, heap.Soonest());
-    EXPECT_EQ(9 * SPAN, heap.Peek());
-    EXPECT_EQ(9 * SPAN, heap.Soonest());
+    EXPECT_EQ(5 * BUCKET, heap.Soonest());
+    EXPECT_EQ(9 * BUCKET, heap.Peek());
+    EXPECT_EQ(9 * BUCKET, heap.Soonest());
     heap.RemoveById(static_cast<long>(b.id));
     EXPECT_EQ(0u, heap.Soonest());
 }
@@ -187,17 +187,17 @@ TEST(TimerHeap, AfterARemovalTheSoonestExpiryMayBeEarlyUntilItIsLookedFor) {
 TEST(TimerHeap, AnIdArmedAgainExpiresOnceAtItsLastExpiry) {
     TimerHeap heap;
     auto a = timer(0, 0);
-    for (uint64_t expire : {4 * SPAN, 2 * SPAN, 2 * SPAN + 5}) {
+    for (uint64_t expire : {4 * BUCKET, 2 * BUCKET, 2 * BUCKET + 5}) {
         a.expire = expire;
         TimerHeapProbe::arm(heap, a);
-        if (expire != 2 * SPAN + 5) {
+        if (expire != 2 * BUCKET + 5) {
             ASSERT_TRUE(heap.RemoveById(static_cast<long>(a.id)));
         }
     }
     DueChains due;
-    heap.PopDue(2 * SPAN + 4, due);
+    heap.PopDue(2 * BUCKET + 4, due);
     EXPECT_EQ(0, due.m_active_num);
-    heap.PopDue(20 * SPAN, due);
+    heap.PopDue(20 * BUCKET, due);
     EXPECT_EQ((std::vector<int64_t>{a.id}), keys(due.m_chain[0]));
 }
 
@@ -206,7 +206,7 @@ TEST(TimerHeap, DeadEntriesNeverOutnumberTheArmedByMuch) {
     TimerHeap heap;
     std::vector<ArmedTimer> all;
     for (int i = 0; i < 1000; ++i) {
-        all.push_back(timer(i, static_cast<uint64_t>(i) * SPAN / 10));
+        all.push_back(timer(i, static_cast<uint64_t>(i) * BUCKET / 10));
         TimerHeapProbe::arm(heap, all.back());
     }
     for (int round = 0; round < 20000; ++round) {
@@ -272,11 +272,11 @@ TEST(TimerHeap, RandomOperationsWithinMillisecondsAgreeWithASortedMap) {
 }
 
 TEST(TimerHeap, RandomOperationsWithinADayAgreeWithASortedMap) {
-    compareWithASortedMap(ALL_SPANS * 2 / 3);
+    compareWithASortedMap(ALL_BUCKETS * 2 / 3);
 }
 
 TEST(TimerHeap, RandomOperationsWithinWeeksAgreeWithASortedMap) {
-    compareWithASortedMap(ALL_SPANS * 10);
+    compareWithASortedMap(ALL_BUCKETS * 10);
 }
 
 }  // namespace

@@ -15,7 +15,7 @@ namespace {
 
 using namespace Reticor;
 
-std::vector<HandlerInfo> listed() {
+std::vector<HandlerInfo> all_listed() {
     std::vector<HandlerInfo> found;
     const int count = CNetThread::ListHandlers(
         [](void* context, const HandlerInfo& handler) {
@@ -28,7 +28,7 @@ std::vector<HandlerInfo> listed() {
 }
 
 HandlerInfo infoOf(int64_t id) {
-    for (const HandlerInfo& handler : listed()) {
+    for (const HandlerInfo& handler : all_listed()) {
         if (handler.id == id) {
             return handler;
         }
@@ -67,7 +67,7 @@ TEST_F(HandlerListing, ListsAHandlerThatNobodyFindsAnyMore) {
 
 TEST_F(HandlerListing, TheOldestComesFirstAndACallCanEndTheList) {
     auto* younger = new TestHandler;
-    const std::vector<HandlerInfo> all = listed();
+    const std::vector<HandlerInfo> all = all_listed();
     EXPECT_TRUE(std::is_sorted(all.begin(), all.end(), [](const HandlerInfo& a, const HandlerInfo& b) {
         return a.age_ms > b.age_ms;
     }));

@@ -11,7 +11,7 @@ namespace {
 using namespace Reticor;
 using Calls = std::vector<EpollCall>;
 
-constexpr uint32_t IN = EPOLLIN;
+constexpr uint32_t READABLE = EPOLLIN;
 constexpr char REBUILD_LINE[] =
     "a closed socket is still reported, its descriptor was copied: watching all sockets anew\n";
 
@@ -48,7 +48,7 @@ TEST_F(SelectWinReuse, NumberClosedAndReusedWhileIdleIsAddedAnewByTheNextRegistr
     EXPECT_TRUE(rig.poll().empty()) << "watched by nothing until it is registered again";
     kernel.take();
     add(old.near);
-    EXPECT_EQ((Calls{failed(EPOLL_CTL_MOD, IN, ENOENT), added(IN)}), kernel.take());
+    EXPECT_EQ((Calls{failed(EPOLL_CTL_MOD, READABLE, ENOENT), added(READABLE)}), kernel.take());
     EXPECT_EQ(1u, rig.pollAndServe());
     EXPECT_EQ(1, handler->life->inputs);
     handler->RemoveSock(old.near);
@@ -70,7 +70,7 @@ TEST_F(SelectWinReuse, NumberClosedAndReusedInsideItsHandlerRestsUntilItIsRegist
     old.write();
     EpollRecorder kernel(number);
     EXPECT_EQ(1u, rig.pollAndServe());
-    EXPECT_EQ((Calls{failed(EPOLL_CTL_MOD, IN, ENOENT)}), kernel.take());
+    EXPECT_EQ((Calls{failed(EPOLL_CTL_MOD, READABLE, ENOENT)}), kernel.take());
     fresh.write();
     EXPECT_TRUE(rig.poll().empty()) << "nobody asked for the new file";
     handler->UnregisterSock(old.near, SOCK_WRITE);
@@ -97,7 +97,7 @@ TEST_F(SelectWinReuse, ClosedNumberKeepsItsPlaceIsSilentAndLeavesWithRemoveSock)
     EXPECT_EQ(2, rig.places(0));
     EXPECT_EQ(Calls{}, kernel.take());
     add(sock);
-    EXPECT_EQ((Calls{failed(EPOLL_CTL_MOD, IN, EBADF)}), kernel.take());
+    EXPECT_EQ((Calls{failed(EPOLL_CTL_MOD, READABLE, EBADF)}), kernel.take());
     EXPECT_TRUE(rig.poll().empty());
     EXPECT_EQ(2, rig.places(0));
     handler->RemoveSock(sock);
@@ -277,7 +277,7 @@ TEST_F(SelectWinIdentity, NewSocketWithAClosedNumberInheritsNeitherMaskNorTimeou
     EpollRecorder kernel(number);
     LogCapture log;
     ASSERT_EQ(0, second->RegisterSock(sock, SOCK_READ, 0));
-    EXPECT_EQ((Calls{failed(EPOLL_CTL_MOD, IN | EPOLLOUT, ENOENT), added(IN)}), kernel.take());
+    EXPECT_EQ((Calls{failed(EPOLL_CTL_MOD, READABLE | EPOLLOUT, ENOENT), added(READABLE)}), kernel.take());
     EXPECT_EQ(SOCK_READ, rig.record(number)->m_event_mask);
     EXPECT_NE(sequence, rig.record(number)->m_timer.m_sequence);
     EXPECT_EQ(2, rig.places(0));
@@ -309,7 +309,7 @@ TEST_F(SelectWinIdentity, NumberThatWasFoundDeadInheritsNothingEither) {
     ASSERT_EQ(number, ::dup3(fresh.fd(), number, O_CLOEXEC));
     EpollRecorder kernel(number);
     ASSERT_EQ(0, second->RegisterSock(sock, SOCK_READ, 0));
-    EXPECT_EQ((Calls{added(IN)}), kernel.take());
+    EXPECT_EQ((Calls{added(READABLE)}), kernel.take());
     EXPECT_EQ(SOCK_READ, rig.record(number)->m_event_mask);
     EXPECT_EQ(1u, log.count(3, reusedLine(number))) << log.dump();
     second->RemoveSock(sock);
@@ -334,7 +334,8 @@ TEST_F(SelectWinIdentity, SocketRegisteredWhileTheClosedOneIsInFlightStartsAfres
         second->on_input = handler->on_input;
         EpollRecorder kernel(number);
         rig.serve(ready[0]);
-        EXPECT_EQ((Calls{failed(EPOLL_CTL_MOD, IN | EPOLLPRI, ENOENT), added(IN)}), kernel.take());
+        EXPECT_EQ((Calls{failed(EPOLL_CTL_MOD, READABLE | EPOLLPRI, ENOENT), added(READABLE)}),
+                  kernel.take());
         EXPECT_EQ(SOCK_READ, ready[0]->m_event_mask);
         EXPECT_EQ(7000, ready[0]->m_timer.m_set_time) << "the result was about the former socket";
         EXPECT_TRUE(CSockTimer::IsLinked(ready[0]));

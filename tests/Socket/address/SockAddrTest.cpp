@@ -16,7 +16,7 @@ namespace Orvex::Reticor {
 namespace {
 
 // A product's own address class: neither of the known types.
-class CUnknownAddr : public CSockAddr {
+class CAddrWithoutLength : public CSockAddr {
 public:
     struct sockaddr* GetAddr(struct sockaddr* addr) const override {
         return addr;
@@ -30,7 +30,7 @@ static_assert(SOCKADDR_TYPE_UNKNOWN == 0 && SOCKADDR_TYPE_IPV4 == 1 && SOCKADDR_
               SOCKADDR_TYPE_STORAGE == 3);
 
 TEST(SockAddr, TypeCodesTellTheClasses) {
-    EXPECT_EQ(0u, CUnknownAddr().GetType());
+    EXPECT_EQ(0u, CAddrWithoutLength().GetType());
     EXPECT_EQ(1u, CSockAddrIPv4().GetType());
     EXPECT_EQ(2u, CSockAddrIPv6().GetType());
     EXPECT_EQ(3u, CSockAddrStorage().GetType());
@@ -38,12 +38,12 @@ TEST(SockAddr, TypeCodesTellTheClasses) {
 
 TEST(SockAddr, CopyingThroughTheBaseCopiesTheTypeCodeOnly) {
     CSockAddrIPv4 target(0x0A000001u, 80);
-    const CUnknownAddr source;
+    const CAddrWithoutLength source;
     static_cast<CSockAddr&>(target) = source;
     EXPECT_EQ(0u, target.GetType());
     EXPECT_EQ(0x0A000001u, target.GetIp());
     EXPECT_EQ(80, target.GetPort());
-    const CUnknownAddr copy(source);
+    const CAddrWithoutLength copy(source);
     EXPECT_EQ(0u, copy.GetType());
 }
 
@@ -94,7 +94,7 @@ TEST(SockAddr, OnlyIPv4AddressesHaveReservedPorts) {
         EXPECT_FALSE(CSockAddrIPv6("::1", port).IsReserved());
         EXPECT_FALSE(CSockAddrStorage("127.0.0.1", port).IsReserved());
     }
-    EXPECT_FALSE(CUnknownAddr().IsReserved());
+    EXPECT_FALSE(CAddrWithoutLength().IsReserved());
 }
 
 }  // namespace

@@ -18,12 +18,12 @@ namespace {
 
 using Testing::LoopbackPair;
 
-int newHandle() {
+int newStream() {
     return ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
 }
 
 TEST(CloseCount, ClosingRaisesTheCountOfThatNumberOnly) {
-    const int handle = newHandle();
+    const int handle = newStream();
     const std::uint32_t before = close_count(handle);
     const std::uint32_t neighbour = close_count(handle + 1);
     EXPECT_EQ(0, close_counted(handle));
@@ -33,7 +33,7 @@ TEST(CloseCount, ClosingRaisesTheCountOfThatNumberOnly) {
 }
 
 TEST(CloseCount, NumbersShareCountersModuloTheTable) {
-    const int handle = newHandle();
+    const int handle = newStream();
     const std::uint32_t before = close_count(handle + 4096);
     const std::uint32_t other = close_count(handle + 2048);
     close_counted(handle);
@@ -50,14 +50,14 @@ TEST(CloseCount, DeadNumbersAreReportedAndHarmless) {
 }
 
 TEST(CloseCount, EveryCloseOfASocketIsCounted) {
-    const int handle = newHandle();
+    const int handle = newStream();
     std::uint32_t count = close_count(handle);
     {
         CSock sock;
         ASSERT_EQ(0, sock.Attach(handle));
         sock.Close();
         EXPECT_EQ(close_count(handle), ++count) << "Close";
-        ASSERT_EQ(newHandle(), handle);
+        ASSERT_EQ(newStream(), handle);
         ASSERT_EQ(0, sock.Attach(handle));
     }
     EXPECT_EQ(close_count(handle), ++count) << "destructor";

@@ -21,10 +21,12 @@
 #include "support/socket/Allocations.h"
 #include "support/socket/Loopback.h"
 #include "support/socket/SystemSeam.h"
+#include "support/socket/UnknownAddr.h"
 
 namespace Orvex::Reticor {
 namespace {
 
+using Testing::CUnknownAddr;
 using ::testing::ElementsAre;
 using Testing::FailNext;
 using ::testing::IsEmpty;
@@ -33,15 +35,6 @@ using Testing::LogCapture;
 using Testing::openOnLoopback;
 using Testing::SystemCall;
 using Testing::texts;
-
-class CUnknownAddr : public CSockAddr {
-public:
-    struct sockaddr* GetAddr(struct sockaddr* addr) const override {
-        return addr;
-    }
-    unsigned GetAddrLen() const override { return 16; }
-    bool IsValid() const override { return true; }
-};
 
 // A listener and a client whose connection waits in its queue.
 struct Waiting {

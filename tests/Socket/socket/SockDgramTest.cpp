@@ -20,40 +20,22 @@
 #include "support/LogCapture.h"
 #include "support/socket/Loopback.h"
 #include "support/socket/SystemSeam.h"
+#include "support/socket/UnknownAddr.h"
 
 namespace Orvex::Reticor {
 namespace {
 
+using Testing::CUnknownAddr;
 using ::testing::ElementsAre;
 using Testing::FailNext;
 using ::testing::IsEmpty;
 using Testing::LogCapture;
+using Testing::LOOPBACK_IP;
 using ::testing::MatchesRegex;
+using Testing::optionOf;
 using Testing::SystemCall;
 using Testing::texts;
 using Testing::waitFor;
-
-constexpr unsigned loopback_ip = 0x7F000001;
-
-class CUnknownAddr : public CSockAddr {
-public:
-    explicit CUnknownAddr(bool has_record = true) : m_has_record(has_record) {}
-    struct sockaddr* GetAddr(struct sockaddr* addr) const override {
-        return m_has_record ? addr : nullptr;
-    }
-    unsigned GetAddrLen() const override { return 16; }
-    bool IsValid() const override { return true; }
-
-private:
-    const bool m_has_record;
-};
-
-int optionOf(const CSock& sock, int level, int option) {
-    int value = -1;
-    socklen_t length = sizeof value;
-    ::getsockopt(sock.GetHandle(), level, option, &value, &length);
-    return value;
-}
 
 // Bound to loopback with a port of the system's choice, which is kept in `port`.
 struct Receiver {
@@ -161,7 +143,7 @@ TEST(SockDgramOpen, SecondOpenClosesTheFirstSocketAndForgetsItsPeer) {
     Receiver peer;
     CSockDgram sock;
     sock.Open(nullptr);
-    const CSockAddrIPv4 remote(loopback_ip, peer.port);
+    const CSockAddrIPv4 remote(LOOPBACK_IP, peer.port);
     ASSERT_EQ(0, sock.SetRemote(&remote));
     EXPECT_EQ(1, sock.Send("x", 1, nullptr));
     const CSockAddrIPv6 local("::1", 0);
@@ -177,7 +159,7 @@ TEST(SockDgramOpen, OpenAfterCloseForgetsThePeer) {
     Receiver peer;
     CSockDgram sock;
     sock.Open(nullptr);
-    const CSockAddrIPv4 remote(loopback_ip, peer.port);
+    const CSockAddrIPv4 remote(LOOPBACK_IP, peer.port);
     ASSERT_EQ(0, sock.SetRemote(&remote));
     sock.Close();
     ASSERT_EQ(0, sock.Open(nullptr));
@@ -235,7 +217,7 @@ TEST(SockDgramOpen, BlockingModeIsKept) {
 TEST(SockDgramOpen, PortInUseIsLoggedAndTheHandleStays) {
     Receiver first;
     CSockDgram sock;
-    const CSockAddrIPv4 local(loopback_ip, first.port);
+    const CSockAddrIPv4 local(LOOPBACK_IP, first.port);
     const LogCapture log;
     EXPECT_EQ(-1, sock.Open(&local));
     EXPECT_EQ(EADDRINUSE, errno);
@@ -313,7 +295,7 @@ TEST(SockDgramSetRemote, NoPeerAndNoRecordAreInvalid) {
 TEST(SockDgramSetRemote, AddressOfAnotherFamilyIsAnError) {
     CSockDgram sock;
     sock.Open(nullptr);
-    const CSockAddrIPv4 valid(loopback_ip, 9);
+    const CSockAddrIPv4 valid(LOOPBACK_IP, 9);
     sock.SetRemote(&valid);
     const LogCapture log;
     const CUnknownAddr unknown;
@@ -376,7 +358,7 @@ TEST(SockDgramSetRemote, FormerConnectStaysInForceUntilThereIsANewOne) {
     Receiver second;
     CSockDgram sock;
     sock.Open(nullptr);
-    CSockAddrIPv4 remote(loopback_ip, first.port);
+    CSockAddrIPv4 remote(LOOPBACK_IP, first.port);
     ASSERT_EQ(0, sock.SetRemote(&remote));
     const CSockAddrIPv4 broadcast("127.0.0.255", 9);
     ASSERT_EQ(0, sock.SetRemote(&broadcast));
@@ -394,7 +376,7 @@ TEST(SockDgramSetRemote, FormerConnectStaysInForceUntilThereIsANewOne) {
 TEST(SockDgramSend, InvalidParametersAreLogged) {
     CSockDgram sock;
     sock.Open(nullptr);
-    const CSockAddrIPv4 remote(loopback_ip, 9);
+    const CSockAddrIPv4 remote(LOOPBACK_IP, 9);
     const CSockAddrIPv4 invalid(0xFFFFFFFFu, 0);
     const CSockAddrIPv6 no_port("::1", 0);
     const LogCapture log;
@@ -441,7 +423,7 @@ TEST(SockDgramSend, FullSocketGivesZero) {
     Receiver receiver;
     CSockDgram sock;
     sock.Open(nullptr);
-    const CSockAddrIPv4 to(loopback_ip, receiver.port);
+    const CSockAddrIPv4 to(LOOPBACK_IP, receiver.port);
     const FailNext fail(SystemCall::sendto, EWOULDBLOCK);
     EXPECT_EQ(0, sock.Send("x", 1, &to));
     const FailNext interrupted(SystemCall::sendto, EINTR);
@@ -453,7 +435,7 @@ TEST(SockDgramSend, WhatNoDatagramHoldsIsAnError) {
     Receiver receiver;
     CSockDgram sock;
     sock.Open(nullptr);
-    const CSockAddrIPv4 to(loopback_ip, receiver.port);
+    const CSockAddrIPv4 to(LOOPBACK_IP, receiver.port);
     const std::string bytes(65508, 'd');
     EXPECT_EQ(65507, sock.Send(bytes.data(), 65507, &to));
     EXPECT_EQ(65507u, receiver.receive().size());
@@ -464,7 +446,7 @@ TEST(SockDgramSend, WhatNoDatagramHoldsIsAnError) {
 
 TEST(SockDgramSend, RefusedPortIsToldByTheNextSendAndTheSocketGoesOn) {
     Receiver gone;
-    const CSockAddrIPv4 to(loopback_ip, gone.port);
+    const CSockAddrIPv4 to(LOOPBACK_IP, gone.port);
     gone.sock.Close();
     CSockDgram sock;
     sock.Open(nullptr);
@@ -501,7 +483,7 @@ TEST(SockDgramWriteV, LongListIsStillOneDatagram) {
     Receiver receiver;
     CSockDgram sock;
     sock.Open(nullptr);
-    const CSockAddrIPv4 remote(loopback_ip, receiver.port);
+    const CSockAddrIPv4 remote(LOOPBACK_IP, receiver.port);
     ASSERT_EQ(0, sock.SetRemote(&remote));
     std::string bytes = Testing::pattern(30000);
     for (const std::size_t count : {std::size_t{IOV_MAX - 1}, std::size_t{IOV_MAX}, std::size_t{IOV_MAX + 1},
@@ -520,7 +502,7 @@ TEST(SockDgramWriteV, WhatNoDatagramHoldsIsAnErrorHoweverItIsCut) {
     Receiver receiver;
     CSockDgram sock;
     sock.Open(nullptr);
-    const CSockAddrIPv4 remote(loopback_ip, receiver.port);
+    const CSockAddrIPv4 remote(LOOPBACK_IP, receiver.port);
     sock.SetRemote(&remote);
     std::string bytes(65508, 'd');
     std::vector<iovec> pieces(2000, iovec{&bytes[0], 0});
@@ -543,7 +525,7 @@ TEST(SockDgramWriteV, NeedsAVectorAndAPeer) {
     const iovec piece{const_cast<char*>("x"), 1};
     const LogCapture log;
     EXPECT_EQ(-1, sock.WriteV(&piece, 1));
-    const CSockAddrIPv4 remote(loopback_ip, 9);
+    const CSockAddrIPv4 remote(LOOPBACK_IP, 9);
     sock.SetRemote(&remote);
     EXPECT_EQ(-1, sock.WriteV(nullptr, 1));
     const std::string start =
@@ -556,7 +538,7 @@ TEST(SockDgramWriteV, FullSocketGivesZero) {
     Receiver receiver;
     CSockDgram sock;
     sock.Open(nullptr);
-    const CSockAddrIPv4 remote(loopback_ip, receiver.port);
+    const CSockAddrIPv4 remote(LOOPBACK_IP, receiver.port);
     sock.SetRemote(&remote);
     const iovec piece{const_cast<char*>("x"), 1};
     const FailNext fail(SystemCall::sendmsg, EWOULDBLOCK);
@@ -572,7 +554,7 @@ TEST(SockDgramRecv, NothingWaitingAndAnEmptyDatagramGiveZero) {
     EXPECT_EQ(0, receiver.sock.Recv(&byte, 1, nullptr));
     CSockDgram sock;
     sock.Open(nullptr);
-    const CSockAddrIPv4 remote(loopback_ip, receiver.port);
+    const CSockAddrIPv4 remote(LOOPBACK_IP, receiver.port);
     sock.SetRemote(&remote);
     const iovec piece{const_cast<char*>(""), 0};
     EXPECT_EQ(0, sock.WriteV(&piece, 1));
@@ -588,7 +570,7 @@ TEST(SockDgramRecv, TellsTheSenderInEachClass) {
     CSockAddrIPv4 ipv4;
     CSockAddrIPv6 ipv6;
     CSockAddrStorage storage;
-    const CSockAddrIPv4 to4(loopback_ip, receiver4.port);
+    const CSockAddrIPv4 to4(LOOPBACK_IP, receiver4.port);
     const CSockAddrIPv6 to6("::1", receiver6.port);
     char text[64] = "";
     receiver4.sock.Send("a", 1, &to4);
@@ -621,7 +603,7 @@ TEST(SockDgramRecv, IPv6SenderDoesNotFitInAnIPv4AddressAndTheDataStillCome) {
 
 TEST(SockDgramRecv, IPv4SenderLeavesAnIPv6AddressAsItIs) {
     Receiver receiver;
-    const CSockAddrIPv4 to(loopback_ip, receiver.port);
+    const CSockAddrIPv4 to(LOOPBACK_IP, receiver.port);
     receiver.sock.Send("data", 4, &to);
     CSockAddrIPv6 from("::1", 7);
     EXPECT_EQ("data", receiver.receive(&from));
@@ -636,7 +618,7 @@ TEST(SockDgramRecv, IPv4SenderToADualStackSocketHasAMappedAddress) {
     dual.GetLocalAddr(&bound);
     CSockDgram sock;
     sock.Open(nullptr);
-    const CSockAddrIPv4 to(loopback_ip, bound.GetPort());
+    const CSockAddrIPv4 to(LOOPBACK_IP, bound.GetPort());
     EXPECT_EQ(1, sock.Send("x", 1, &to));
     ASSERT_TRUE(waitFor(dual.GetHandle(), POLLIN));
     CSockAddrStorage from;
@@ -662,7 +644,7 @@ TEST(SockDgramRecv, InvalidParametersAreLogged) {
 
 TEST(SockDgramRecv, LongDatagramLosesItsEnd) {
     Receiver receiver;
-    const CSockAddrIPv4 to(loopback_ip, receiver.port);
+    const CSockAddrIPv4 to(LOOPBACK_IP, receiver.port);
     receiver.sock.Send("longer", 6, &to);
     char bytes[4];
     ASSERT_TRUE(waitFor(receiver.sock.GetHandle(), POLLIN));
@@ -683,7 +665,7 @@ TEST(SockDgramOptions, BufferSizesAreSetAndTold) {
 
 TEST(SockDgramOptions, ClosedSocketFailsEverywhere) {
     CSockDgram sock;
-    const CSockAddrIPv4 to(loopback_ip, 9);
+    const CSockAddrIPv4 to(LOOPBACK_IP, 9);
     char byte = 0;
     const LogCapture log;
     EXPECT_EQ(-1, sock.SetSockRecvBuf(1));

@@ -28,38 +28,24 @@
 #include "support/socket/Allocations.h"
 #include "support/socket/Loopback.h"
 #include "support/socket/SystemSeam.h"
+#include "support/socket/UnknownAddr.h"
 
 namespace Orvex::Reticor {
 namespace {
 
 using Testing::closeWithReset;
+using Testing::CUnknownAddr;
 using ::testing::ElementsAre;
 using Testing::FailNext;
 using ::testing::IsEmpty;
 using Testing::isOpen;
 using Testing::LogCapture;
+using Testing::LOOPBACK_IP;
 using Testing::LoopbackPair;
+using Testing::optionOf;
 using Testing::SystemCall;
 using Testing::texts;
 using Testing::waitFor;
-
-constexpr unsigned loopback_ip = 0x7F000001;
-
-class CUnknownAddr : public CSockAddr {
-public:
-    struct sockaddr* GetAddr(struct sockaddr* addr) const override {
-        return addr;
-    }
-    unsigned GetAddrLen() const override { return 16; }
-    bool IsValid() const override { return true; }
-};
-
-int optionOf(const CSock& sock, int level, int option) {
-    int value = -1;
-    socklen_t length = sizeof value;
-    ::getsockopt(sock.GetHandle(), level, option, &value, &length);
-    return value;
-}
 
 TEST(SockStream, AMoveTakesTheHandleAndTheModeAlong) {
     LoopbackPair pair;
@@ -124,7 +110,7 @@ TEST(SockStreamConnect, BindsToTheLocalAddress) {
     const unsigned own_ip = 0x7F010000U | (static_cast<unsigned>(::getpid()) & 0xFFFFU);  // this process's
     CSockAddrIPv4 local(own_ip, own_port);
     CSockStream client;
-    ASSERT_EQ(0, client.Connect(CSockAddrIPv4(loopback_ip, port), &local));
+    ASSERT_EQ(0, client.Connect(CSockAddrIPv4(LOOPBACK_IP, port), &local));
     CSockStream server;
     ASSERT_TRUE(Testing::acceptInto(acceptor, server));
     CSockAddrIPv4 remote;
@@ -139,8 +125,8 @@ TEST(SockStreamConnect, LocalAddressOfAnotherFamilyFailsBeforeAnySocketIsTouched
     CSockAddrIPv6 local("::1", 0);
     CSockAddrStorage empty;
     const LogCapture log;
-    EXPECT_EQ(-1, pair.client.Connect(CSockAddrIPv4(loopback_ip, 80), &local));
-    EXPECT_EQ(-1, pair.client.Connect(CSockAddrIPv4(loopback_ip, 80), &empty));
+    EXPECT_EQ(-1, pair.client.Connect(CSockAddrIPv4(LOOPBACK_IP, 80), &local));
+    EXPECT_EQ(-1, pair.client.Connect(CSockAddrIPv4(LOOPBACK_IP, 80), &empty));
     EXPECT_EQ(pair.client.GetHandle(), handle);
     EXPECT_EQ(5, pair.client.Send("still", 5));
     EXPECT_EQ("still", Testing::receive(pair.server, 5));
@@ -165,7 +151,7 @@ TEST(SockStreamConnect, SecondConnectClosesTheFirstSocket) {
     ASSERT_TRUE(pair.connected);
     CSockAcceptor acceptor;
     const unsigned short port = Testing::openOnLoopback(acceptor);
-    ASSERT_EQ(0, pair.client.Connect(CSockAddrIPv4(loopback_ip, port), nullptr));
+    ASSERT_EQ(0, pair.client.Connect(CSockAddrIPv4(LOOPBACK_IP, port), nullptr));
     CSockStream server;
     ASSERT_TRUE(Testing::acceptInto(acceptor, server));
     ASSERT_TRUE(waitFor(pair.server.GetHandle(), POLLIN));
@@ -176,7 +162,7 @@ TEST(SockStreamConnect, SecondConnectClosesTheFirstSocket) {
 }
 
 TEST(SockStreamConnect, WithoutDescriptorsIsLogged) {
-    const CSockAddrIPv4 remote(loopback_ip, 80);
+    const CSockAddrIPv4 remote(LOOPBACK_IP, 80);
     CSockStream stream;
     const LogCapture log;
     {
@@ -193,7 +179,7 @@ TEST(SockStreamConnect, WithoutDescriptorsIsLogged) {
 TEST(SockStreamConnect, ModeThatCannotBeSetKeepsTheHandle) {
     const FailNext failure(SystemCall::ioctl, ENOTTY);
     CSockStream stream;
-    EXPECT_EQ(-1, stream.Connect(CSockAddrIPv4(loopback_ip, 80), nullptr));
+    EXPECT_EQ(-1, stream.Connect(CSockAddrIPv4(LOOPBACK_IP, 80), nullptr));
     EXPECT_EQ(ENOTTY, errno);
     EXPECT_TRUE(stream.IsValid());
 }
@@ -201,10 +187,10 @@ TEST(SockStreamConnect, ModeThatCannotBeSetKeepsTheHandle) {
 TEST(SockStreamConnect, TakenLocalPortIsLoggedAndKeepsTheHandle) {
     CSock holder;
     const unsigned short port = Testing::refusingPort(holder);
-    CSockAddrIPv4 local(loopback_ip, port);
+    CSockAddrIPv4 local(LOOPBACK_IP, port);
     CSockStream stream;
     const LogCapture log;
-    EXPECT_EQ(-1, stream.Connect(CSockAddrIPv4(loopback_ip, 80), &local));
+    EXPECT_EQ(-1, stream.Connect(CSockAddrIPv4(LOOPBACK_IP, 80), &local));
     EXPECT_EQ(EADDRINUSE, errno);
     EXPECT_TRUE(stream.IsValid());
     EXPECT_THAT(texts(log),
@@ -214,7 +200,7 @@ TEST(SockStreamConnect, TakenLocalPortIsLoggedAndKeepsTheHandle) {
 
 TEST(SockStreamConnect, BlockingConnectThatIsRefusedClosesTheHandle) {
     CSock holder;
-    const CSockAddrIPv4 nobody(loopback_ip, Testing::refusingPort(holder));
+    const CSockAddrIPv4 nobody(LOOPBACK_IP, Testing::refusingPort(holder));
     CSockStream stream;
     stream.SetBlockOpt(true);
     const LogCapture log;
@@ -227,7 +213,7 @@ TEST(SockStreamConnect, BlockingConnectThatIsRefusedClosesTheHandle) {
 
 TEST(SockStreamConnect, RefusedConnectionIsReportedOnce) {
     CSock holder;
-    const CSockAddrIPv4 nobody(loopback_ip, Testing::refusingPort(holder));
+    const CSockAddrIPv4 nobody(LOOPBACK_IP, Testing::refusingPort(holder));
     CSockStream stream;
     ASSERT_EQ(0, stream.Connect(nobody, nullptr)) << "only under way";
     ASSERT_TRUE(waitFor(stream.GetHandle(), POLLOUT));
@@ -241,7 +227,7 @@ TEST(SockStreamConnect, RefusedConnectionIsReportedOnce) {
 
 TEST(SockStreamConnect, RecvBeforeTheStatusTakesTheErrorAway) {
     CSock holder;
-    const CSockAddrIPv4 nobody(loopback_ip, Testing::refusingPort(holder));
+    const CSockAddrIPv4 nobody(LOOPBACK_IP, Testing::refusingPort(holder));
     CSockStream stream;
     ASSERT_EQ(0, stream.Connect(nobody, nullptr));
     ASSERT_TRUE(waitFor(stream.GetHandle(), POLLOUT));

@@ -5,13 +5,13 @@
 
 #include <deque>
 
+#include "support/media/Pictures.h"
+
 namespace Orvex::Testing {
 
 using namespace Reticor;
 
 namespace {
-
-constexpr uint64_t FRAME_US = 40000;
 
 class ChannelBookOfABuffer : public ::testing::Test {
 protected:

@@ -5,15 +5,14 @@
 
 #include <deque>
 
+#include "support/media/Pictures.h"
+
 namespace Orvex::Testing {
 
 using namespace Reticor;
 
 namespace {
 
-constexpr uint64_t FRAME_US = 40000;
-constexpr int PICTURE = 0;
-constexpr int SOUND = 1;
 constexpr uint8_t ALL = 255;
 
 class StartCacheOfABuffer : public ::testing::Test {

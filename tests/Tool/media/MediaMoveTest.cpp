@@ -18,9 +18,7 @@ using namespace Reticor;
 
 namespace {
 
-constexpr int GROUP = 5;
-constexpr std::size_t OPEN = ShapedStream::UNLIMITED;
-
+constexpr int SHORT_GROUP = 5;
 }  // namespace
 
 class MediaMoves : public MediaFixture {
@@ -34,7 +32,7 @@ protected:
 
     // A frame of a stream with groups of 5, of 20 and 10 bytes: buffer's letter, number, what it is.
     std::string frame(CMediaBuffer& to, char letter, int& number) {
-        const bool key = number % GROUP == 0;
+        const bool key = number % SHORT_GROUP == 0;
         std::string bytes = std::string(1, letter) + std::to_string(100 + number) + (key ? 'K' : 'p');
         bytes.resize(key ? 20 : 10, '.');
         bytes.back() = ';';
@@ -103,7 +101,7 @@ TEST_F(MediaMoves, AClientWithoutAPolicyBeginsAtAKeyFrameOfEachChannel) {
     all += here();
     there();
     EXPECT_TRUE(buffer->MoveSender(*other, a.sender));
-    a.sock.setRoom(OPEN);
+    a.sock.setRoom(ShapedStream::UNLIMITED);
     there();
     EXPECT_EQ(all, a.sock.wire()) << "what was begun is ended";
     EXPECT_TRUE(a.state().m_frame == nullptr);
@@ -128,7 +126,7 @@ TEST_F(MediaMoves, WhoeverIsBlockedAtTheFirstFrameOfTheOtherStreamKeepsItsPlace)
     other->do_send();
     group += there();
     other->do_send();
-    a.sock.setRoom(OPEN);
+    a.sock.setRoom(ShapedStream::UNLIMITED);
     other->do_send();
     EXPECT_EQ(all + group, a.sock.wire());
 }
@@ -142,7 +140,7 @@ TEST_F(MediaMoves, AFrameThatIsHalfOnTheWireIsEndedFirst) {
     const std::string group = there();
     EXPECT_TRUE(buffer->MoveSender(*other, a.sender));
     EXPECT_EQ(all.substr(0, 23), a.sock.wire());
-    a.sock.setRoom(OPEN);
+    a.sock.setRoom(ShapedStream::UNLIMITED);
     const std::string next = there();
     here();
     EXPECT_EQ(all, a.sock.wire().substr(0, all.size()));
@@ -253,7 +251,7 @@ TEST_F(MediaMoves, InsideItsSendProcedureItBeginsNoOtherFrame) {
     here();
     Mover mover{buffer.get(), other.get(), a.sender};
     a.sender->AttachSendProc({&Mover::on_frame, &mover});
-    a.sock.setRoom(OPEN);
+    a.sock.setRoom(ShapedStream::UNLIMITED);
     here();
     EXPECT_EQ(all + group, a.sock.wire());
     a.sender->DetachSendProc();
@@ -342,7 +340,8 @@ TEST_F(MediaMoveModel, WholeFramesAndNoneThatCannotBeDecoded) {
                     frame(cameras[camera], static_cast<char>('a' + camera), numbers[camera]);
                 }
             }
-            one.real.sock.setRoom(random.oneIn(4) ? random.between<std::size_t>(0, 25) : OPEN);
+            one.real.sock.setRoom(random.oneIn(4) ? random.between<std::size_t>(0, 25)
+                                                  : ShapedStream::UNLIMITED);
             for (const auto& guest : guests) {
                 for (int i = 0; i < 3; ++i) {
                     guest->at = guest->real.state().m_list == MediaBufferState::of(cameras[i]).m_core.get()
@@ -353,7 +352,7 @@ TEST_F(MediaMoveModel, WholeFramesAndNoneThatCannotBeDecoded) {
             }
         }
         for (const auto& guest : guests) {
-            guest->real.sock.setRoom(OPEN);
+            guest->real.sock.setRoom(ShapedStream::UNLIMITED);
             for (int i = 0; i < 3; ++i) {
                 cameras[i].do_send();
             }
@@ -388,7 +387,7 @@ TEST_F(MediaMoves, FromAnyThreadWithoutTwoLocks) {
     };
     const auto run = [&bytes](CMediaBuffer& to, std::size_t own) {
         for (int i = 0; i < FRAMES; ++i) {
-            to.Put(new Plain(bytes[own].data()), 10, 1, mediaLevel(0, i % GROUP == 0 ? 1 : 5));
+            to.Put(new Plain(bytes[own].data()), 10, 1, mediaLevel(0, i % SHORT_GROUP == 0 ? 1 : 5));
         }
     };
     std::thread one([&] { run(*buffer, 0); });

@@ -2,17 +2,13 @@
 #include "support/HandClock.h"
 #include "support/SeededRandom.h"
 #include "support/media/MediaFixture.h"
+#include "support/media/Pictures.h"
 
 namespace Orvex::Testing {
 
 using namespace Reticor;
 
-namespace {
-
-constexpr int64_t FRAME_US = 40000;
-constexpr int GROUP = 10;  // frames from key frame to key frame
-
-}  // namespace
+namespace {}  // namespace
 
 class MediaResumePolicy : public MediaFixture {
 protected:

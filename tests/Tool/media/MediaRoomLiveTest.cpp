@@ -27,9 +27,9 @@ int rounds() {
     return wanted != nullptr ? std::atoi(wanted) : 60;
 }
 
-class HeapPacket : public CMediaPacket {
+class FilledPacket : public CMediaPacket {
 public:
-    explicit HeapPacket(char fill) : m_bytes(LENGTH, fill) {}
+    explicit FilledPacket(char fill) : m_bytes(LENGTH, fill) {}
     int Release() override {
         delete this;
         return 0;
@@ -41,7 +41,7 @@ private:
 };
 
 void putFrame(CMediaBuffer& buffer, int number) {
-    buffer.Put(new HeapPacket(static_cast<char>('a' + number % 26)), static_cast<int>(LENGTH),
+    buffer.Put(new FilledPacket(static_cast<char>('a' + number % 26)), static_cast<int>(LENGTH),
                MEDIA_MARK_LAST, mediaLevel(0, 1));
 }
 

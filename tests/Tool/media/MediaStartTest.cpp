@@ -1,6 +1,7 @@
 // The start cache: a client that comes has a whole picture at once.
 #include "support/HandClock.h"
 #include "support/media/MediaFixture.h"
+#include "support/media/Pictures.h"
 
 namespace Orvex::Testing {
 
@@ -8,11 +9,7 @@ using namespace Reticor;
 
 namespace {
 
-constexpr int64_t FRAME_US = 40000;
-constexpr int GROUP = 10;
-constexpr unsigned LIMIT_MS = 1000;
-constexpr int PICTURE = 0;
-constexpr int SOUND = 1;
+constexpr unsigned START_LAG_MS = 1000;
 
 }  // namespace
 
@@ -23,7 +20,7 @@ protected:
     MediaClient& viewer(MediaStart start = MediaStart::BURST, MediaResume mode = MediaResume::AHEAD,
                         unsigned hard_lag_ms = 0) {
         MediaClient& made = client();
-        made.sender->SetResumePolicy(LIMIT_MS, mode, hard_lag_ms);
+        made.sender->SetResumePolicy(START_LAG_MS, mode, hard_lag_ms);
         made.sender->SetStartMode(start);
         return made;
     }

@@ -2,6 +2,7 @@
 #include "support/HandClock.h"
 #include "support/LogCapture.h"
 #include "support/media/MediaFixture.h"
+#include "support/media/Pictures.h"
 
 namespace Orvex::Testing {
 
@@ -9,10 +10,7 @@ using namespace Reticor;
 
 namespace {
 
-constexpr int64_t FRAME_US = 40000;
-constexpr int GROUP = 10;  // frames from key frame to key frame
 constexpr unsigned LIMIT_MS = 300;
-constexpr std::size_t OPEN = ShapedStream::UNLIMITED;
 constexpr int DISPOSABLE = 8;
 
 }  // namespace
@@ -52,7 +50,7 @@ protected:
     }
     // All that waits may go now.
     void open(MediaClient& one) {
-        one.sock.setRoom(OPEN);
+        one.sock.setRoom(ShapedStream::UNLIMITED);
         tick();
     }
     std::vector<MediaSkip> skips() {
@@ -279,7 +277,7 @@ TEST_F(MediaStepAhead, APausedViewerGoesOnAtAKeyFrame) {
     buffer->DelSender(a.sender);
     frames_of(3);
     buffer->AddSender(a.sender);
-    a.sock.setRoom(OPEN);
+    a.sock.setRoom(ShapedStream::UNLIMITED);
     frames_of(5);
     EXPECT_EQ(all, a.sock.wire()) << "what was begun is ended";
     all += frame();
@@ -378,7 +376,7 @@ TEST_F(MediaStepAhead, SwitchedOffWithItsFrameOffTheListItEndsThatAndGoesOnThere
     a.sender->SetResumePolicy(LIMIT_MS, MediaResume::STRICT);
     tick();
     EXPECT_EQ(0U, kept());
-    a.sock.setRoom(OPEN);
+    a.sock.setRoom(ShapedStream::UNLIMITED);
     tick();
     EXPECT_EQ(all, a.sock.wire());
     frames_of(7);

@@ -9,14 +9,14 @@ using namespace Reticor;
 
 namespace {
 
-constexpr unsigned LIMIT_MS = 500;
+constexpr unsigned KERNEL_LAG_MS = 500;
 constexpr uint64_t TURN_US = 40000;
 constexpr uint64_t TURN_BYTES = 8000;  // 200000 bytes in a second
 
 class KernelLagOfALink : public ::testing::Test {
 protected:
     KernelLagOfALink() {
-        lag.set_limit(LIMIT_MS);
+        lag.set_limit(KERNEL_LAG_MS);
         lag.note_full(now_us, 0, 0);
     }
     bool turn(uint64_t bytes) {

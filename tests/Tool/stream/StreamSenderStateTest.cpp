@@ -15,7 +15,7 @@ using namespace Reticor;
 
 namespace {
 
-constexpr uint32_t BLOCK = SEND_BUF_BYTES;
+constexpr uint32_t BLOCK_BYTES = SEND_BUF_BYTES;
 
 std::string numbered(std::size_t length) {
     std::string bytes(length, '\0');
@@ -97,11 +97,11 @@ TEST_F(StreamSenderStateAlone, TheFirstBytesThatWaitAreToldApartFromLaterOnes) {
 
 TEST_F(StreamSenderStateAlone, WhatDoesNotFitIsRefusedWhole) {
     sock.setRoom(0);
-    EXPECT_EQ(PutEnd::BEGINS_WAIT, put(numbered(8 * BLOCK - 3)));
+    EXPECT_EQ(PutEnd::BEGINS_WAIT, put(numbered(8 * BLOCK_BYTES - 3)));
     EXPECT_EQ(PutEnd::REFUSED, put("four"));
     EXPECT_EQ(PutEnd::TAKEN, put("one"));
-    EXPECT_EQ(8 * BLOCK, waiting());
-    EXPECT_EQ(numbered(8 * BLOCK - 3) + "one", gathered());
+    EXPECT_EQ(8 * BLOCK_BYTES, waiting());
+    EXPECT_EQ(numbered(8 * BLOCK_BYTES - 3) + "one", gathered());
 }
 
 TEST_F(StreamSenderStateAlone, AFailedSocketIsToldAndNothingIsKept) {
@@ -113,40 +113,40 @@ TEST_F(StreamSenderStateAlone, AFailedSocketIsToldAndNothingIsKept) {
 
 TEST_F(StreamSenderStateAlone, DroppingGoesOverBlocksAndUsesThemAgain) {
     sock.setRoom(0);
-    const std::string bytes = numbered(3 * BLOCK + 10);
+    const std::string bytes = numbered(3 * BLOCK_BYTES + 10);
     put(bytes);
     EXPECT_EQ(4U, blocks());
-    EXPECT_EQ(BLOCK + 7, drop(BLOCK + 7));
-    EXPECT_EQ(bytes.substr(BLOCK + 7), gathered());
-    EXPECT_EQ(BLOCK - 7, drop(BLOCK - 7)) << "to the end of a block";
-    EXPECT_EQ(bytes.substr(2 * BLOCK), gathered());
-    EXPECT_EQ(PutEnd::TAKEN, put(numbered(2 * BLOCK)));
-    EXPECT_EQ(bytes.substr(2 * BLOCK) + numbered(2 * BLOCK), gathered());
+    EXPECT_EQ(BLOCK_BYTES + 7, drop(BLOCK_BYTES + 7));
+    EXPECT_EQ(bytes.substr(BLOCK_BYTES + 7), gathered());
+    EXPECT_EQ(BLOCK_BYTES - 7, drop(BLOCK_BYTES - 7)) << "to the end of a block";
+    EXPECT_EQ(bytes.substr(2 * BLOCK_BYTES), gathered());
+    EXPECT_EQ(PutEnd::TAKEN, put(numbered(2 * BLOCK_BYTES)));
+    EXPECT_EQ(bytes.substr(2 * BLOCK_BYTES) + numbered(2 * BLOCK_BYTES), gathered());
     EXPECT_EQ(4U, blocks()) << "blocks that were drained hold it";
-    EXPECT_EQ(3 * BLOCK + 10, drop(3 * BLOCK + 10));
+    EXPECT_EQ(3 * BLOCK_BYTES + 10, drop(3 * BLOCK_BYTES + 10));
     EXPECT_EQ(0U, waiting());
     EXPECT_EQ(4U, blocks());
 }
 
 TEST_F(StreamSenderStateAlone, ClearedItBeginsAtTheFirstByteOfABlock) {
     sock.setRoom(0);
-    put(numbered(2 * BLOCK));
+    put(numbered(2 * BLOCK_BYTES));
     drop(5);
     clear();
     EXPECT_EQ(0U, waiting());
-    EXPECT_EQ(PutEnd::BEGINS_WAIT, put(numbered(2 * BLOCK)));
-    EXPECT_EQ(numbered(2 * BLOCK), gathered());
+    EXPECT_EQ(PutEnd::BEGINS_WAIT, put(numbered(2 * BLOCK_BYTES)));
+    EXPECT_EQ(numbered(2 * BLOCK_BYTES), gathered());
     EXPECT_EQ(2U, blocks());
 }
 
 TEST_F(StreamSenderStateAlone, GrownItTakesMoreAndWritesAllOfItAtOnce) {
     sock.setRoom(0);
-    EXPECT_EQ(PutEnd::BEGINS_WAIT, put(numbered(8 * BLOCK)));
+    EXPECT_EQ(PutEnd::BEGINS_WAIT, put(numbered(8 * BLOCK_BYTES)));
     EXPECT_TRUE(grow(10));
-    EXPECT_EQ(PutEnd::TAKEN, put(numbered(2 * BLOCK)));
+    EXPECT_EQ(PutEnd::TAKEN, put(numbered(2 * BLOCK_BYTES)));
     drop(1);
     EXPECT_EQ(PutEnd::TAKEN, put("x")) << "a list that begins and ends inside a block has one more entry";
-    EXPECT_EQ(10U * BLOCK, gathered().size());
+    EXPECT_EQ(10U * BLOCK_BYTES, gathered().size());
 }
 
 // Waiters are told by message.

@@ -12,13 +12,13 @@ using Testing::StillFileFixture;
 // ---- posting -------------------------------------------------------------------------------------------
 
 // Only an address: nobody looks into a file.
-CNFile* const ONE = reinterpret_cast<CNFile*>(0x1000);
+CNFile* const SOME_FILE = reinterpret_cast<CNFile*>(0x1000);
 
 TEST(FileTask, WithoutThreadsNothingIsQueued) {
     EXPECT_EQ(0, HasFileThreads());
-    EXPECT_EQ(0, PostFileTask(ONE, FILE_TASK_WRITE, 0));
+    EXPECT_EQ(0, PostFileTask(SOME_FILE, FILE_TASK_WRITE, 0));
     EXPECT_EQ(0, PostFileMessageTask());
-    EXPECT_EQ(0, file_tasks().Count(ONE));
+    EXPECT_EQ(0, file_tasks().Count(SOME_FILE));
     EXPECT_EQ(nullptr, file_tasks().Get());
 }
 

@@ -7,12 +7,12 @@
 #include <string>
 #include <vector>
 
+#include "support/text/TextOf.h"
+
 namespace Orvex::Reticor {
 namespace {
 
-std::string text_of(const CStrParser& p) {
-    return std::string(p.GetString(), static_cast<size_t>(p.GetStringLen()));
-}
+using Testing::text_of;
 
 struct Taken {
     const char* text;

@@ -10,12 +10,12 @@
 #include <locale>
 #include <string>
 
+#include "support/text/TextOf.h"
+
 namespace Orvex::Reticor {
 namespace {
 
-std::string text_of(const CStrParser& p) {
-    return std::string(p.GetString(), static_cast<size_t>(p.GetStringLen()));
-}
+using Testing::text_of;
 
 // Consuming.
 

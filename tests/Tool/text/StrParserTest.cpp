@@ -8,15 +8,13 @@
 
 #include "Tool/text/ParserText.h"
 #include "support/socket/Allocations.h"
+#include "support/text/TextOf.h"
 
 namespace Orvex::Reticor {
 namespace {
 
 using Testing::NoMemory;
-
-std::string text_of(const CStrParser& p) {
-    return std::string(p.GetString(), static_cast<size_t>(p.GetStringLen()));
-}
+using Testing::text_of;
 
 // Buffers.
 

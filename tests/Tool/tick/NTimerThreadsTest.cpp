@@ -92,16 +92,16 @@ TEST_F(NTimerThreads, RunningEventsAreCalledOncePerTick) {
 // The event's work is a third of the period; a timer that counts from the end of a call would lose that each
 // time.
 TEST_F(NTimerThreads, TheTimeThatHandlersTakeDoesNotAddUp) {
-    constexpr int64_t PERIOD = 30000;
-    CNTimer* timer = CNTimer::Create(PERIOD);
+    constexpr int64_t PERIOD_US = 30000;
+    CNTimer* timer = CNTimer::Create(PERIOD_US);
     const uint64_t start = NTimerProbe::of(*timer).m_start;
-    std::atomic<int64_t> lateness{PERIOD};
+    std::atomic<int64_t> lateness{PERIOD_US};
     running(*timer, [&] {
         const int64_t ticks = NTimerProbe::of(*timer).m_ticks;  // belongs to this call
-        lateness = static_cast<int64_t>(Infra::CTime::getCurrentMicroSecond() - start) - PERIOD * ticks;
+        lateness = static_cast<int64_t>(Infra::CTime::getCurrentMicroSecond() - start) - PERIOD_US * ticks;
         Infra::CThread::sleep(10);
     });
-    EXPECT_EVENTUALLY(lives[0]->calls >= 12 && lateness < PERIOD / 2);
+    EXPECT_EVENTUALLY(lives[0]->calls >= 12 && lateness < PERIOD_US / 2);
     EXPECT_GE(lateness, -3000) << "no call is more than 3 ms before its grid point";
     EXPECT_EQ(start, NTimerProbe::of(*timer).m_start);
     end(timer);

@@ -23,7 +23,7 @@ namespace Orvex::Testing {
 
 namespace {
 
-constexpr int kLimit_ms = 30000;
+constexpr int CHILD_LIMIT_MS = 30000;
 
 /// Signals as a terminal hands them to a program: what the test was started from may have them ignored, a
 /// shell in the background for example, and a script cannot trap what was ignored when it began.
@@ -121,7 +121,7 @@ bool ChildProcess::fill(int limit_ms) {
 
 std::string ChildProcess::readLine() {
     size_t end;
-    while ((end = m_read.find('\n')) == std::string::npos && fill(scaledMs(kLimit_ms))) {
+    while ((end = m_read.find('\n')) == std::string::npos && fill(scaledMs(CHILD_LIMIT_MS))) {
     }
     const std::string line = m_read.substr(0, end);
     m_read.erase(0, end == std::string::npos ? end : end + 1);
@@ -146,7 +146,7 @@ std::string ChildProcess::exchange(const std::string& input, bool slowly) {
     std::vector<char> room(piece);
     for (;;) {
         pollfd ready[2] = {{m_input, POLLOUT, 0}, {reading ? m_output : -1, POLLIN, 0}};
-        const int count = poll(ready, 2, reading ? scaledMs(kLimit_ms) : 200);
+        const int count = poll(ready, 2, reading ? scaledMs(CHILD_LIMIT_MS) : 200);
         if (count == 0 && reading) {
             ADD_FAILURE() << "nothing moves after " << given << " bytes in, " << m_read.size() << " out";
             break;
@@ -170,7 +170,7 @@ std::string ChildProcess::exchange(const std::string& input, bool slowly) {
 void ChildProcess::write(const std::string& input) {
     for (size_t given = 0; given < input.size();) {
         pollfd ready{m_input, POLLOUT, 0};
-        if (poll(&ready, 1, scaledMs(kLimit_ms)) <= 0) {
+        if (poll(&ready, 1, scaledMs(CHILD_LIMIT_MS)) <= 0) {
             ADD_FAILURE() << "the program takes no input";
             return;
         }

@@ -19,10 +19,10 @@ namespace Orvex::Testing {
 
 namespace {
 
-constexpr int kLimit_ms = 15000;
+constexpr int CLIENT_LIMIT_MS = 15000;
 
 timeval limit() {
-    const int limit_ms = scaledMs(kLimit_ms);
+    const int limit_ms = scaledMs(CLIENT_LIMIT_MS);
     return {limit_ms / 1000, limit_ms % 1000 * 1000};
 }
 
