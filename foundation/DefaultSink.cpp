@@ -14,6 +14,7 @@
 #include <Infra/Time.h>
 
 #include "ThreadId.h"
+#include "WallTime.h"
 
 namespace Orvex::Infra::Detail {
 
@@ -47,6 +48,17 @@ ssize_t write_now(const char* text, size_t length) noexcept {
         }
     } while (written == -1 && errno == EINTR);
     return written;
+}
+
+// The line as it is to be written, in `room`: the time, and as much of `text` as has room beside it. Its last
+// byte is a newline as before.
+size_t with_time(char (&room)[DefaultSink::LINE_LIMIT], const char* text, size_t length) noexcept {
+    const size_t head = write_wall_time(room);
+    const size_t left = sizeof(room) - head;
+    const size_t rest = length < left ? length : left;
+    std::memcpy(room + head, text, rest);
+    room[head + rest - 1] = '\n';
+    return head + rest;
 }
 
 // One line of our own.
@@ -140,15 +152,29 @@ DefaultSink::Place* DefaultSink::find(const char* file, int line, uint64_t now_u
     return idle;
 }
 
+bool DefaultSink::set_time(bool on) noexcept {
+    const CGuard guard(m_mutex);
+    const bool before = m_time;
+    m_time = on;
+    return before;
+}
+
+uint32_t DefaultSink::set_limit(uint32_t lines) noexcept {
+    const CGuard guard(m_mutex);
+    const uint32_t before = m_limit;
+    m_limit = lines;
+    return before;
+}
+
 bool DefaultSink::admit(const char* file, int line, uint64_t now_us) noexcept {
-    Place* const place = find(file, line, now_us);
+    Place* const place = m_limit != 0 ? find(file, line, now_us) : nullptr;
     if (place == nullptr) {
         return true;
     }
     if (now_us - place->second_us >= US_PER_SECOND) {
         begin_second(*place, now_us);
     }
-    if (place->count < LINES_PER_SECOND) {
+    if (place->count < place->limit) {
         ++place->count;
         return true;
     }
@@ -164,12 +190,12 @@ void DefaultSink::begin_second(Place& place, uint64_t now_us) noexcept {
     if (place.left_out > 0) {
         const Notice notice(
             "[%s:%d] tid:%d, %u more lines of this place were left out : it may write %u in a second\n",
-            place.file != nullptr ? place.file : "", place.line, thread_id(), place.left_out,
-            LINES_PER_SECOND);
+            place.file != nullptr ? place.file : "", place.line, thread_id(), place.left_out, place.limit);
         place.left_out = 0;
         --m_telling;
         take(notice.text(), notice.length());
     }
+    place.limit = m_limit;
     place.count = 0;
     place.second_us = now_us;
 }
@@ -237,7 +263,12 @@ void DefaultSink::drain() noexcept {
 
 // False if there is no room.
 bool DefaultSink::put(const char* text, size_t length) noexcept {
-    const size_t cut = length < LINE_LIMIT ? length : LINE_LIMIT;
+    size_t cut = length < LINE_LIMIT ? length : LINE_LIMIT;
+    char room[LINE_LIMIT];
+    if (m_time) {
+        cut = with_time(room, text, cut);
+        text = room;
+    }
     if (m_used > 0) {
         return keep(text, cut, 0);
     }

@@ -12,8 +12,8 @@ namespace Orvex::Infra::Detail {
 
 /// Writes whole lines and never waits for whoever reads them. What standard error does not take is kept in a
 /// ring, and written by the next line or by flush(); what the ring does not take is dropped, and counted. Of
-/// one place at most LINES_PER_SECOND are taken in a second. What was left out is said in a line of its own,
-/// once it can be.
+/// one place so many are taken in a second, LINES_PER_SECOND unless that was changed. What was left out is
+/// said in a line of its own, once it can be.
 ///
 /// Thread safety: any thread. It allocates nothing, and is constant-initialised and never destroyed.
 class DefaultSink {
@@ -38,6 +38,12 @@ public:
         }
     }
 
+    /// Whether the time stands before each line from now on. What was before.
+    bool set_time(bool on) noexcept;
+
+    /// Lines of one place in a second, from now on; 0 is all. What was before.
+    uint32_t set_limit(uint32_t lines) noexcept;
+
     /// Around fork(2): until the release no other thread writes.
     void hold() noexcept INFRA_ACQUIRE(m_mutex) { m_mutex.enter(); }
     void release() noexcept INFRA_RELEASE(m_mutex) { m_mutex.leave(); }
@@ -46,6 +52,7 @@ private:
     struct Place {
         const char* file = nullptr;
         int line = 0;
+        uint32_t limit = 0;     // Of this second.
         uint32_t count = 0;     // Taken in this second.
         uint32_t left_out = 0;  // In this second, not yet said.
         uint64_t second_us = 0;
@@ -78,6 +85,8 @@ private:
     Place m_places[PLACES] INFRA_GUARDED_BY(m_mutex) = {};
     uint32_t m_telling INFRA_GUARDED_BY(m_mutex) = 0;  // Places with something left out.
     uint64_t m_tell_us INFRA_GUARDED_BY(m_mutex) = 0;  // Not before this time is it worth looking for them.
+    bool m_time INFRA_GUARDED_BY(m_mutex) = false;
+    uint32_t m_limit INFRA_GUARDED_BY(m_mutex) = LINES_PER_SECOND;
     std::atomic<bool> m_owes{false};
 };
 

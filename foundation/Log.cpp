@@ -122,6 +122,14 @@ const LogSink* setLogSink(const LogSink* sink) noexcept {
     return g_sink.exchange(sink, std::memory_order_acq_rel);
 }
 
+bool setLogTime(bool on) noexcept {
+    return Detail::g_default_sink.set_time(on);
+}
+
+unsigned int setLogLimit(unsigned int lines_per_second) noexcept {
+    return Detail::g_default_sink.set_limit(lines_per_second);
+}
+
 int setLogLevel(int level) noexcept {
     return Detail::g_log_level.exchange(level, std::memory_order_relaxed);
 }

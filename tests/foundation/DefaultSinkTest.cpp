@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -194,6 +195,70 @@ TEST(DefaultSink, TheNumberLeftOutIsSaidWithoutAFurtherLine) {
     clock.advanceUs(US_PER_SECOND);
     CThread::sleep(0);
     EXPECT_NE(std::string::npos, standard_error.read().find(", 1 more lines of this place were left out"));
+}
+
+// Puts back what the tests of other cases rely on.
+class LimitOfOne {
+public:
+    LimitOfOne() { EXPECT_EQ(100U, setLogLimit(1)); }
+    ~LimitOfOne() { EXPECT_EQ(1U, setLogLimit(100)); }
+};
+
+TEST(DefaultSink, OneLineASecondOfAPlaceIfThatIsWanted) {
+    UndrainedStandardError standard_error;
+    HandClock clock;
+    const LimitOfOne limit;
+    for (int i = 0; i < 5; ++i) {
+        say(7, std::to_string(i));
+        say(8, "another place");
+    }
+    EXPECT_EQ("0\nanother place\n", standard_error.read());
+    clock.advanceUs(US_PER_SECOND);
+    CThread::sleep(0);
+    const std::string tid = "] tid:" + std::to_string(CThread::getCurrentThreadID());
+    const std::string told = ", 4 more lines of this place were left out : it may write 1 in a second\n";
+    const std::string said = standard_error.read();
+    EXPECT_NE(std::string::npos, said.find("[a.cpp:7" + tid + told)) << said;
+    EXPECT_NE(std::string::npos, said.find("[a.cpp:8" + tid + told)) << said;
+    say(7, "5");
+    say(7, "6");
+    EXPECT_EQ("5\n", standard_error.read());
+}
+
+TEST(DefaultSink, NoLimitIfThatIsWanted) {
+    UndrainedStandardError standard_error;
+    HandClock clock;
+    setLogLimit(0);
+    std::string all;
+    for (int i = 0; i < 300; ++i) {
+        say(7, "x");
+        all += standard_error.read();
+    }
+    setLogLimit(100);
+    EXPECT_EQ(600U, all.size());
+}
+
+// A long one is cut by as much, and still ends its line.
+TEST(DefaultSink, LinesCarryTheTimeIfThatIsWanted) {
+    UndrainedStandardError standard_error;
+    EXPECT_FALSE(setLogTime(true));
+    const time_t before = ::time(nullptr);
+    say(7, "text");
+    const std::string line = standard_error.read();
+    say(7, std::string(3000, 'x'));
+    const std::string longest = standard_error.read();
+    EXPECT_TRUE(setLogTime(false));
+    say(7, "text");
+    EXPECT_EQ("text\n", standard_error.read());
+
+    tm time{};
+    const char* const rest = ::strptime(line.c_str(), "%Y-%m-%dT%H:%M:%S.", &time);
+    ASSERT_NE(nullptr, rest) << line;
+    EXPECT_EQ("Z text\n", std::string(rest + 6));
+    EXPECT_GE(::timegm(&time), before);
+    EXPECT_LE(::timegm(&time), ::time(nullptr));
+    EXPECT_EQ(Detail::DefaultSink::LINE_LIMIT, longest.size());
+    EXPECT_EQ("xx\n", longest.substr(longest.size() - 3));
 }
 
 void count_line(void* context, const LogLine&) {

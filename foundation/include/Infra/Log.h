@@ -33,13 +33,22 @@ struct LogSink {
 /// Replaces the sink; null is the default sink. That one writes each text to standard error with one call,
 /// and never waits for its reader: what is not taken is kept, up to 64 KiB, and written by a later line or by
 /// a library thread; what is not kept is dropped and counted, and the count is written later. Of one place
-/// (file and line) it takes 100 lines in a second, and then writes how many it left out. A sink of the
-/// product's own gets every line.
+/// (file and line) it takes 100 lines in a second (`setLogLimit`), and then writes how many it left out. A
+/// sink of the product's own gets every line.
 ///
 /// The object stays the caller's, and is not copied: it must stay alive and unchanged until another sink was
 /// set and every thread that may be writing a line meanwhile has come back. A static object is best. Returns
 /// the sink that was set before.
 INFRA_API const LogSink* setLogSink(const LogSink* sink) noexcept;
+
+/// From now on the default sink writes the time before each line, of UTC and to the microsecond:
+/// "2026-11-22T12:43:38.123456Z [Src/Core/..."; not so at the start. Returns what was before. Any thread.
+INFRA_API bool setLogTime(bool on) noexcept;
+
+/// Lines of one place (file and line) that the default sink takes in a second; 100 at the start. With 1 there
+/// is one line a second of each place, and the number that was left out is told when that second is over. 0
+/// is no limit. Returns what was before. Any thread.
+INFRA_API unsigned int setLogLimit(unsigned int lines_per_second) noexcept;
 
 /// Sets the threshold and returns the one before. 0 or less silences all lines.
 INFRA_API int setLogLevel(int level) noexcept;
