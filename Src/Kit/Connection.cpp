@@ -1,6 +1,8 @@
 // Connection: the face of ConnectionBody.
 #include <Reticor/kit/Connection.h>
 
+#include <sys/socket.h>
+
 #include <utility>
 
 #include <Infra/Log.h>
@@ -215,7 +217,12 @@ void Connection::abort() {
 
 size_t Connection::peer(char* text, size_t size) const noexcept {
     ConnectionBody* const body = ConnectionBody::of(*this);
-    return body != nullptr ? body->peer(text, size) : 0;
+    return body != nullptr ? body->address(getpeername, text, size) : 0;
+}
+
+size_t Connection::local(char* text, size_t size) const noexcept {
+    ConnectionBody* const body = ConnectionBody::of(*this);
+    return body != nullptr ? body->address(getsockname, text, size) : 0;
 }
 
 }  // namespace v1

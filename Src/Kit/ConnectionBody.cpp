@@ -737,12 +737,11 @@ void ConnectionBody::finalize() {
     Close();
 }
 
-size_t ConnectionBody::peer(char* text, size_t size) {
+size_t ConnectionBody::address(AskAddress ask, char* text, size_t size) {
     sockaddr_storage address{};
     socklen_t length = sizeof address;
     CGuard guard(m_mutex);
-    if (!m_sock.IsValid() ||
-        getpeername(m_sock.GetHandle(), reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+    if (!m_sock.IsValid() || ask(m_sock.GetHandle(), reinterpret_cast<sockaddr*>(&address), &length) != 0) {
         return write_address(nullptr, text, size);
     }
     return write_address(&address, text, size);

@@ -1,6 +1,7 @@
 // ConnectionBody: what a Connection refers to: a socket, what waits to be sent, and the calls.
 #pragma once
 
+#include <sys/socket.h>
 #include <sys/types.h>
 
 #include <atomic>
@@ -81,7 +82,9 @@ public:
     bool is_open() const { return m_open.load(std::memory_order_acquire); }
     void close(CloseReason reason);
     bool abort(CloseReason reason);
-    size_t peer(char* text, size_t size);
+    /// getpeername(2) or getsockname(2).
+    using AskAddress = int (*)(int descriptor, sockaddr* address, socklen_t* length);
+    size_t address(AskAddress ask, char* text, size_t size);
 
     /// What the keeper keeps here.
     std::string& origin() { return m_origin; }

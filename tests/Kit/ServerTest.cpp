@@ -49,6 +49,16 @@ TEST(KitServer, AnswersOnBothFamilies) {
     EXPECT_EQ(4U, server.counts().accepted);
 }
 
+// A listener for every address does not say by which of them a client has come; the connection does.
+TEST(KitServer, ConnectionTellsWhereTheClientHasFoundIt) {
+    Kit::Server server([](Connection& client) { client.write({client.local(), " ", client.peer(), "\n"}); });
+    ASSERT_TRUE(server.listen("0.0.0.0", 0));
+    TcpClient client(server.port(), "127.0.0.2", 0, "127.0.0.3");
+    EXPECT_EQ(0U,
+              client.receiveLine().rfind("127.0.0.2:" + std::to_string(server.port()) + " 127.0.0.3:", 0));
+    EXPECT_EQ("", Connection().local());
+}
+
 TEST(KitServer, AnOrderlyEndIsSilent) {
     LogCapture log;
     {

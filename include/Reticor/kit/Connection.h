@@ -228,6 +228,14 @@ public:
     /// The same, written to `text`; returns its length. 64 bytes are enough.
     size_t peer(char* text, size_t size) const noexcept;
 
+    /// The same of this side: where the peer has found us, also on a listener for every address.
+    std::string local() const {
+        char text[64];
+        return std::string(text, local(text, sizeof text));
+    }
+    /// The same, written to `text`; returns its length. 64 bytes are enough.
+    size_t local(char* text, size_t size) const noexcept;
+
 private:
     friend class ConnectionBody;
 
