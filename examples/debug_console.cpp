@@ -21,12 +21,15 @@
 #include <CLI/CLI.hpp>
 
 #include <Infra/Log.h>
+#include <Infra/Mutex.h>
+#include <Reticor/NetThread.h>
+#include <Reticor/kit/Server.h>
 #include <component/Component.h>
 #include <component/Console.h>
 
-#include "support/Listener.h"
-
-using namespace example;
+using Orvex::Infra::CGuard;
+using Orvex::Reticor::CNetThread;
+namespace Kit = Orvex::Reticor::Kit;
 namespace Component = Orvex::Component;
 namespace Manager = Orvex::Manager;
 
@@ -87,76 +90,12 @@ private:
     std::map<std::string, Entry> m_commands INFRA_GUARDED_BY(m_mutex);
 };
 
-/// One client of the echo server, which gets its lines back. One that does not read them is hung up on:
-/// echo_server.cpp shows how to wait for it.
-class Connection : public Member {
-public:
-    static void Create(Roster& roster, CSockStream& peer) {
-        auto* self = new Connection(roster);
-        self->AddRef();  // the client may hang up, and the handler end, while start still runs
-        self->start(peer);
-        self->DecRef();
-    }
-
-    int handle_input(int) override {
-        CGuard guard(m_mutex);
-        char buffer[4096];
-        const int got = m_sock.IsValid() ? m_sock.Recv(buffer, sizeof buffer) : -1;
-        if (got < 0 || m_sock.Send(buffer, static_cast<unsigned>(got)) != got) {
-            return end();
-        }
-        return 0;
-    }
-
-    int handle_message(long, unsigned int msg, long) override {
-        CGuard guard(m_mutex);
-        return msg == kStop ? end() : 0;
-    }
-
-private:
-    explicit Connection(Roster& roster) : Member(roster) {}
-
-    void start(CSockStream& peer) {
-        enter(peer);
-        CGuard guard(m_mutex);
-        m_sock.Attach(peer.Detach());
-        RegisterSock(m_sock, SOCK_READ, 0);
-    }
-
-    int end() INFRA_REQUIRES(m_mutex) {
-        if (m_sock.IsValid()) {
-            RemoveSock(m_sock);
-            m_sock.Close();
-            Close();
-        }
-        return -1;
-    }
-
-    Orvex::Infra::CMutex m_mutex;
-    CSockStream m_sock INFRA_GUARDED_BY(m_mutex);
-};
-
 /// Called by the library's threads, in the middle of their work: no more than a write.
 void writeLine(void*, const Orvex::Infra::LogLine& line) {
     std::fputs(line.text, stdout);
 }
 
-const Orvex::Infra::LogSink s_standard_output = {&writeLine, nullptr};
-
-/// Serves until the input ends. The result is main's.
-int run(Roster& roster, unsigned short port, Console& console) {
-    Listener* listener = Listener::Open(roster, CSockAddrStorage("127.0.0.1", port), CLIENTS_PER_ADDRESS,
-                                        [&](CSockStream& peer) { Connection::Create(roster, peer); });
-    if (listener != nullptr) {
-        std::printf("listening on %s\n", listener->address().c_str());
-        for (std::string line; std::getline(std::cin, line) && line != "quit";) {
-            console.run(line);
-        }
-        listener->stop();
-    }
-    roster.waitUntilEmpty();
-    return listener != nullptr ? 0 : 1;
-}
+const Orvex::Infra::LogSink STANDARD_OUTPUT = {&writeLine, nullptr};
 
 }  // namespace
 
@@ -169,23 +108,28 @@ int main(int argc, char** argv) {
     CLI11_PARSE(app, argc, argv);
 
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
-    Orvex::Infra::setLogSink(&s_standard_output);
+    Orvex::Infra::setLogSink(&STANDARD_OUTPUT);
     Orvex::Infra::setLogLevel(4);
 
     const Component::ClassID local("Local");
     auto* console = new Console;
     const auto offered = Component::TComPtr<Manager::IConsole>::adopt(console);
     Component::CComponentHelper::offer(local, "Console", offered);
-    if (CreateThreadPool(1, 0) != 0) {
-        return 1;
-    }
+    Kit::Server server([](Kit::Connection& client) {
+        client.onInput([](Kit::Connection& c, std::string_view bytes) { c.write(bytes); });
+    });
     const bool enabled = debug_server && CNetThread::EnableR3() == 0;
-    Roster roster;  // outlives the workers, the last of which may still be leaving it when run returns
-    const int result = run(roster, port, *console);
+    const bool listening = server.listen("127.0.0.1", port);
+    if (listening) {
+        std::printf("listening on %s\n", server.address().c_str());
+        for (std::string line; std::getline(std::cin, line) && line != "quit";) {
+            console->run(line);
+        }
+    }
+    server.stop(std::chrono::seconds(1));
     if (enabled) {
         CNetThread::DisableR3();
     }
-    DestroyThreadPool();
     Component::CComponentHelper::withdraw(local, "Console");
-    return result;
+    return listening ? 0 : 1;
 }

@@ -3,34 +3,30 @@
 // What it teaches:
 //  - a CNTimer is a tick that many small objects share: there are two here, since there are two rates;
 //  - events of one timer are called one after the other in the order in which they were pushed, so what only
-//    they touch needs no lock; what both timers touch does;
-//  - Start and Stop as often as you like, also from inside an event's own call;
+//    they touch needs no lock; what both timers touch does. They start and stop as often as you like;
 //  - lateness does not add up: the last click is as close to its place as the first;
 //  - the end: an event that is left on a timer closes with it, and so tells when the timer has gone.
 #include <signal.h>
 #include <unistd.h>
 #include <algorithm>
 #include <atomic>
+#include <cmath>
 #include <cstdio>
-#include <cstdlib>
-#include <string>
 
 #include <Infra/Semaphore.h>
 #include <Infra/Time.h>
 #include <Reticor/NTimer.h>
+#include <Reticor/NetThread.h>
 #include <CLI/CLI.hpp>
 
-#include "support/Listener.h"
-
-using namespace example;
+using namespace Orvex::Reticor;
+using Orvex::Infra::CTime;
 
 namespace {
 
-constexpr int kBeatsPerBar = 4;
-
+constexpr int BEATS_PER_BAR = 4;
 Orvex::Infra::CSemaphore g_gone{0};  // counts the events that have gone
 
-/// All events end alike.
 class Event : public CNTimerEvent {
 public:
     int handle_close(CNetHandler* self) override {
@@ -40,18 +36,39 @@ public:
     }
 };
 
-/// How far the beats were from their places. Written at one rate and read at the other.
-struct Timing {
-    explicit Timing(long long period) : period_us(period) {}
+/// At one rate: says how it goes. What it says is written at the other rate, so it is atomic.
+class Report : public Event {
+public:
+    /// A beat is due every `period_us` from now on.
+    explicit Report(int64_t period_us) : m_period_us(period_us) {}
+    ~Report() override {
+        std::printf("%ld beats, the worst %.1f ms off\n", m_beats.load(), m_worst_ms.load());
+    }
 
-    const long long period_us;
-    std::atomic<uint64_t> start_us{0};
-    std::atomic<long> beats{0};
-    std::atomic<long long> off_us{0};    // of the last beat
-    std::atomic<long long> worst_us{0};  // of all of them
+    long take() {  // a beat, whose number is returned
+        const long beat = ++m_beats;
+        const auto passed_us = static_cast<int64_t>(CTime::getCurrentMicroSecond() - m_start_us);
+        m_off_ms = static_cast<double>(passed_us - beat * m_period_us) / 1000;
+        m_worst_ms = std::max(m_worst_ms.load(), std::abs(m_off_ms.load()));
+        return beat;
+    }
+
+    int handle_timer_event() override {
+        std::printf("      after %ld beats: the last one %+.1f ms off, the worst %.1f ms\n", m_beats.load(),
+                    m_off_ms.load(), m_worst_ms.load());
+        std::fflush(stdout);
+        return 0;
+    }
+
+private:
+    const int64_t m_period_us;
+    const uint64_t m_start_us = CTime::getCurrentMicroSecond();
+    std::atomic<long> m_beats{0};
+    std::atomic<double> m_off_ms{0};    // of the last beat
+    std::atomic<double> m_worst_ms{0};  // of all of them
 };
 
-/// The second voice: silent in the first bar.
+/// The second voice, at the other rate: silent in the first bar.
 class Offbeat : public Event {
 public:
     int handle_timer_event() override {
@@ -63,19 +80,17 @@ public:
 /// The first voice. Pushed first, so each beat begins with it.
 class Beat : public Event {
 public:
-    Beat(Timing& timing, Offbeat& other, long last) : m_timing(timing), m_other(other), m_last(last) {}
+    Beat(Report& report, Offbeat& other, long last) : m_report(report), m_other(other), m_last(last) {}
 
     int handle_timer_event() override {
-        const long beat = ++m_timing.beats;
-        measure(beat);
-        const bool bar = beat % kBeatsPerBar == 1;
-        std::printf(bar ? "%4ld  TOCK\n" : "%4ld\n", beat);
-        if (beat == kBeatsPerBar + 1) {
+        const long beat = m_report.take();
+        std::printf(beat % BEATS_PER_BAR == 1 ? "%4ld  TOCK\n" : "%4ld\n", beat);
+        if (beat == BEATS_PER_BAR + 1) {
             m_other.Start();  // stands after this event, and so is called in this very tick
         }
         if (beat == m_last) {
             Stop();  // itself: the timer ticks on without it
-            if (beat > kBeatsPerBar) {
+            if (beat > BEATS_PER_BAR) {
                 m_other.Stop();  // before its turn has come
             }
             kill(getpid(), SIGTERM);  // main waits for that
@@ -84,64 +99,10 @@ public:
     }
 
 private:
-    void measure(long beat) {
-        const auto passed =
-            static_cast<long long>(Orvex::Infra::CTime::getCurrentMicroSecond() - m_timing.start_us);
-        const long long off = passed - beat * m_timing.period_us;
-        m_timing.off_us = off;
-        m_timing.worst_us = std::max<long long>(m_timing.worst_us, std::llabs(off));
-    }
-
-    Timing& m_timing;
+    Report& m_report;
     Offbeat& m_other;
     const long m_last;
 };
-
-/// At the other rate: says how it goes.
-class Report : public Event {
-public:
-    explicit Report(const Timing& timing) : m_timing(timing) {}
-
-    int handle_timer_event() override {
-        std::printf("      after %ld beats: the last one %+.1f ms off, the worst %.1f ms\n",
-                    m_timing.beats.load(), static_cast<double>(m_timing.off_us) / 1000,
-                    static_cast<double>(m_timing.worst_us) / 1000);
-        std::fflush(stdout);
-        return 0;
-    }
-
-private:
-    const Timing& m_timing;
-};
-
-/// Returns when a signal has come, or the beats are over.
-int play(EndSignals& signals, long long period_us, long long report_us, long beats) {
-    Timing timing(period_us);
-    timing.start_us = Orvex::Infra::CTime::getCurrentMicroSecond();
-    CNTimer* beat_timer = CNTimer::Create(period_us);
-    CNTimer* report_timer = CNTimer::Create(report_us);
-    if (beat_timer == nullptr || report_timer == nullptr) {
-        return 1;
-    }
-    auto* offbeat = new Offbeat;
-    auto* beat = new Beat(timing, *offbeat, beats);
-    auto* report = new Report(timing);
-    beat_timer->PushTimerEvent(beat);
-    beat_timer->PushTimerEvent(offbeat);
-    report_timer->PushTimerEvent(report);
-    beat->Start();
-    report->Start();
-
-    signals.wait();
-    beat_timer->Close();  // closes its events, and then is gone; so does the other
-    report_timer->Close();
-    for (int i = 0; i < 3; ++i) {
-        g_gone.pend();
-    }
-    std::printf("%ld beats, the worst %.1f ms off\n", timing.beats.load(),
-                static_cast<double>(timing.worst_us) / 1000);
-    return 0;
-}
 
 }  // namespace
 
@@ -150,21 +111,40 @@ int main(int argc, char** argv) {
     double report_s = 1;
     long beats = 1000000;
     CLI::App app{"Clicks until Ctrl-C, and says how well it keeps time."};
-    app.add_option("--bpm", bpm, "beats in a minute")->check(CLI::Range(1, 6000))->capture_default_str();
-    app.add_option("--report", report_s, "seconds between reports")
-        ->check(CLI::Range(0.05, 3600.0))
-        ->capture_default_str();
-    app.add_option("--beats", beats, "ends after that number of beats")
-        ->check(CLI::PositiveNumber)
-        ->capture_default_str();
+    app.option_defaults()->always_capture_default();
+    app.add_option("--bpm", bpm, "beats in a minute")->check(CLI::Range(1, 6000));
+    app.add_option("--report", report_s, "seconds between reports")->check(CLI::Range(0.05, 3600.0));
+    app.add_option("--beats", beats, "ends after that number of beats")->check(CLI::PositiveNumber);
     CLI11_PARSE(app, argc, argv);
 
-    EndSignals signals;
+    sigset_t ends;  // for main alone: threads that are started from here on inherit the mask
+    sigemptyset(&ends);
+    sigaddset(&ends, SIGINT);
+    sigaddset(&ends, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &ends, nullptr);
     if (CreateThreadPool(2, 0) != 0) {
         return 1;
     }
-    const int result =
-        play(signals, static_cast<long long>(60e6 / bpm), static_cast<long long>(report_s * 1e6), beats);
-    DestroyThreadPool();
-    return result;
+    const auto period_us = static_cast<int64_t>(60e6 / bpm);
+    auto* report = new Report(period_us);
+    auto* offbeat = new Offbeat;
+    auto* beat = new Beat(*report, *offbeat, beats);
+    CNTimer* beat_timer = CNTimer::Create(period_us);
+    CNTimer* report_timer = CNTimer::Create(static_cast<int64_t>(report_s * 1e6));
+    if (beat_timer == nullptr || report_timer == nullptr) {
+        return 1;
+    }
+    beat_timer->PushTimerEvent(beat);
+    beat_timer->PushTimerEvent(offbeat);
+    report_timer->PushTimerEvent(report);
+    beat->Start();
+    report->Start();
+
+    sigwaitinfo(&ends, nullptr);
+    beat_timer->Close();  // closes its events, and then is gone
+    g_gone.pend();
+    g_gone.pend();
+    report_timer->Close();  // after the last beat
+    g_gone.pend();
+    return DestroyThreadPool();
 }

@@ -49,14 +49,8 @@ public:
             std::printf("this hour was short\n");
         }
         std::printf("timer: tick %d\n", ++m_ticks);
-        if (m_ticks < 3) {
-            return 0;
-        }
-        if (m_ticks == 3) {
-            return 5000;
-        }
         if (m_ticks < 5) {
-            return 0;
+            return m_ticks == 3 ? 5000 : 0;
         }
         DestroyTimer(m_never);  // the one that waits; this one ends by its result
         g_step.post();
@@ -108,12 +102,7 @@ public:
 
     void burst(unsigned msg) {
         for (long i = 0; i < kBurst; ++i) {
-            if (msg == kPlain) {
-                Notify(msg, i);
-            }
-            if (msg == kSerial) {
-                NotifySerial(msg, i, 0);
-            }
+            msg == kPlain ? Notify(msg, i) : NotifySerial(msg, i, 0);
         }
     }
 };

@@ -25,7 +25,7 @@ constexpr int64_t kTick_us = 500000;
 constexpr uint64_t kDrain_us = 5000000;  // for clients to get what is left, once the input has ended
 
 /// Calls Relay::tick.
-class Ticker : public example::Member {
+class Ticker : public Member {
 public:
     static void Create(Relay& relay) {
         auto* self = new Ticker(relay);
@@ -37,7 +37,7 @@ public:
         return 0;
     }
     int handle_message(long, unsigned int msg, long) override {
-        if (msg == example::kStop) {
+        if (msg == kStop) {
             Close();
         }
         return 0;
@@ -51,21 +51,20 @@ private:
 
 }  // namespace
 
-int Relay::run(example::EndSignals& signals, int fd) {
+int Relay::run(EndSignals& signals, int fd) {
     if (!m_options.multicastIp.empty() &&
         !m_multicast.open(m_options.multicastIp, m_options.multicastPort, m_options.multicastInterface,
                           m_options.multicastTtl)) {
         return 1;
     }
     const CSockAddrStorage local(m_options.host.c_str(), m_options.port);
-    example::Listener* const listener =
-        example::Listener::Open(m_roster, local, m_options.maxPerAddress,
-                                [this](CSockStream& peer) { Session::Create(*this, peer); });
+    Listener* const listener = Listener::Open(m_roster, local, m_options.maxPerAddress,
+                                              [this](CSockStream& peer) { Session::Create(*this, peer); });
     setListener(listener);
     if (listener != nullptr) {
         announce(listener->address());
         if (!m_options.verbose) {
-            Orvex::Infra::setLogLevel(example::NOTICE);  // clients that hang up are not news
+            Orvex::Infra::setLogLevel(NOTICE);  // clients that hang up are not news
         }
         Ticker::Create(*this);
         startSource(fd);
@@ -81,7 +80,7 @@ int Relay::run(example::EndSignals& signals, int fd) {
     return listener != nullptr ? m_result : 1;
 }
 
-void Relay::setListener(example::Listener* listener) {
+void Relay::setListener(Listener* listener) {
     CGuard guard(m_mutex);
     m_listener = listener;
 }

@@ -5,11 +5,12 @@
 
 #include <Infra/Mutex.h>
 
+#include "media_relay/EndSignals.h"
+#include "media_relay/Listener.h"
 #include "media_relay/LiveStream.h"
 #include "media_relay/MulticastOutput.h"
 #include "media_relay/Options.h"
 #include "media_relay/Source.h"
-#include "support/Listener.h"
 
 namespace relay {
 
@@ -28,10 +29,10 @@ public:
 
     /// Plays the input `fd` (none for the test picture) to whoever comes, until a signal ends it or the input
     /// has ended. The result is main's.
-    int run(example::EndSignals& signals, int fd);
+    int run(EndSignals& signals, int fd);
 
     const Options& options() const { return m_options; }
-    example::Roster& roster() { return m_roster; }
+    Roster& roster() { return m_roster; }
     LiveStream& stream() { return m_stream; }
 
     /// Adds one to a counter.
@@ -50,14 +51,14 @@ public:
     void onSourceEnd(const std::string& error) override;
 
 private:
-    void setListener(example::Listener* listener);
+    void setListener(Listener* listener);
     void startSource(int fd);
     void announce(const std::string& address) const;
     void printStatus();
     bool isOver();
 
     const Options m_options;
-    example::Roster m_roster;
+    Roster m_roster;
     LiveStream m_stream;
     MulticastOutput m_multicast;
 
@@ -68,7 +69,7 @@ private:
     int m_result INFRA_GUARDED_BY(m_mutex) = 0;
     unsigned m_lastNumber INFRA_GUARDED_BY(m_mutex) = 0;
 
-    example::Listener* m_listener INFRA_GUARDED_BY(m_mutex) = nullptr;  // while it listens
+    Listener* m_listener INFRA_GUARDED_BY(m_mutex) = nullptr;  // while it listens
 
     unsigned m_ticks = 0;  // and what follows: of the ticker alone
     uint64_t m_lastFrames = 0;

@@ -242,7 +242,7 @@ int Session::handle_message(long, unsigned int msg, long) {
             cut("it took nothing for " + std::to_string(m_relay.options().stallTimeout_s) + " s");
         }
         end();
-    } else if (msg == example::kStop) {
+    } else if (msg == kStop) {
         end();
     }
     return 0;
@@ -301,7 +301,7 @@ int Session::cut(const std::string& reason) {
 
 /// For whoever runs the relay, with or without --verbose.
 void Session::tell(const char* what, const std::string& reason) {
-    INFRA_LOG_PLAIN(example::NOTICE, "media_relay: client %s %s: %s\n", m_peer.c_str(), what, reason.c_str());
+    INFRA_LOG_PLAIN(NOTICE, "media_relay: client %s %s: %s\n", m_peer.c_str(), what, reason.c_str());
 }
 
 std::string Session::peerAddress() {

@@ -12,8 +12,8 @@
 
 #include "media_relay/Client.h"
 #include "media_relay/HttpRequest.h"
+#include "media_relay/Member.h"
 #include "media_relay/Relay.h"
-#include "support/Listener.h"
 
 namespace relay {
 
@@ -22,7 +22,7 @@ namespace relay {
 ///
 /// Calls for its socket, its timer and its messages can meet: hence the mutex, which comes before all others
 /// of the program, and the look at the socket after entering it.
-class Session : public example::Member {
+class Session : public Member {
 public:
     static void Create(Relay& relay, Orvex::Reticor::CSockStream& peer);
 

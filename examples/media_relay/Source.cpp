@@ -2,18 +2,20 @@
 
 #include "media_relay/Source.h"
 
+#include "media_relay/Member.h"
+
 namespace relay {
 
 using namespace Orvex::Reticor;
 
-Source::Source(example::Roster& roster, LiveStream& stream, SourceListener& listener)
+Source::Source(Roster& roster, LiveStream& stream, SourceListener& listener)
     : m_stream(stream), m_roster(roster), m_listener(listener) {
     SetReceiveMode(receiver_passive);
     m_roster.enter(GetID());
 }
 
 int Source::handle_close(CNetHandler* self) {
-    example::Roster& roster = m_roster;
+    Roster& roster = m_roster;
     const long id = GetID();
     delete self;
     roster.leave(id);
@@ -21,7 +23,7 @@ int Source::handle_close(CNetHandler* self) {
 }
 
 int Source::handle_message(long, unsigned int msg, long) {
-    if (msg == example::kStop) {
+    if (msg == kStop) {
         Close();
     }
     return 0;

@@ -7,7 +7,7 @@
 #include <Reticor/MediaStreamReceiver.h>
 
 #include "media_relay/LiveStream.h"
-#include "support/Listener.h"
+#include "media_relay/Roster.h"
 
 namespace relay {
 
@@ -40,7 +40,7 @@ public:
     void start(double speed);
 
 protected:
-    Source(example::Roster& roster, LiveStream& stream, SourceListener& listener);
+    Source(Roster& roster, LiveStream& stream, SourceListener& listener);
 
     /// Playing goes on, with a media time that counts from now. The receiver's clock is a float: near 0 it
     /// is exact, after an hour it counts in steps of 256 us, after a day in steps of 8 ms.
@@ -57,7 +57,7 @@ protected:
 private:
     void play();
 
-    example::Roster& m_roster;
+    Roster& m_roster;
     SourceListener& m_listener;
     float m_speed = 1;
     bool m_ended = false;

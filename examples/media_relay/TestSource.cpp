@@ -47,12 +47,12 @@ std::string partHead(uint64_t number, const std::vector<uint8_t>& picture) {
 
 }  // namespace
 
-TestSource* TestSource::Create(example::Roster& roster, LiveStream& stream, SourceListener& listener,
-                               unsigned width, unsigned height, unsigned fps) {
+TestSource* TestSource::Create(Roster& roster, LiveStream& stream, SourceListener& listener, unsigned width,
+                               unsigned height, unsigned fps) {
     return new TestSource(roster, stream, listener, width, height, fps);
 }
 
-TestSource::TestSource(example::Roster& roster, LiveStream& stream, SourceListener& listener, unsigned width,
+TestSource::TestSource(Roster& roster, LiveStream& stream, SourceListener& listener, unsigned width,
                        unsigned height, unsigned fps)
     : Source(roster, stream, listener), m_picture(width, height), m_fps(fps) {
     m_now.kind = "test picture " + std::to_string(width) + "x" + std::to_string(height);

@@ -14,14 +14,14 @@ constexpr char kPictureBoundary[] = "picture";
 /// `X-Sum`), so that a client can prove what it got.
 class TestSource : public Source {
 public:
-    static TestSource* Create(example::Roster& roster, LiveStream& stream, SourceListener& listener,
-                              unsigned width, unsigned height, unsigned fps);
+    static TestSource* Create(Roster& roster, LiveStream& stream, SourceListener& listener, unsigned width,
+                              unsigned height, unsigned fps);
 
     long long handle_passive_input() override;
 
 private:
-    TestSource(example::Roster& roster, LiveStream& stream, SourceListener& listener, unsigned width,
-               unsigned height, unsigned fps);
+    TestSource(Roster& roster, LiveStream& stream, SourceListener& listener, unsigned width, unsigned height,
+               unsigned fps);
 
     TestPicture m_picture;
     const unsigned m_fps;

@@ -37,12 +37,12 @@ int TsSource::open(const std::string& name) {
     return ::open(name.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);  // a pipe without a writer must not block
 }
 
-TsSource* TsSource::Create(example::Roster& roster, LiveStream& stream, SourceListener& listener, int fd,
-                           bool loop, MulticastOutput* multicast) {
+TsSource* TsSource::Create(Roster& roster, LiveStream& stream, SourceListener& listener, int fd, bool loop,
+                           MulticastOutput* multicast) {
     return new TsSource(roster, stream, listener, fd, loop, multicast);
 }
 
-TsSource::TsSource(example::Roster& roster, LiveStream& stream, SourceListener& listener, int fd, bool loop,
+TsSource::TsSource(Roster& roster, LiveStream& stream, SourceListener& listener, int fd, bool loop,
                    MulticastOutput* multicast)
     : Source(roster, stream, listener), m_fd(fd), m_loop(loop), m_multicast(multicast), m_demuxer(*this) {
     m_now.kind = "MPEG transport stream";

@@ -19,15 +19,15 @@ public:
     static int open(const std::string& name);
 
     /// Takes `fd` over. Null `multicast`: none; it stays the caller's, and outlives the source.
-    static TsSource* Create(example::Roster& roster, LiveStream& stream, SourceListener& listener, int fd,
-                            bool loop, MulticastOutput* multicast);
+    static TsSource* Create(Roster& roster, LiveStream& stream, SourceListener& listener, int fd, bool loop,
+                            MulticastOutput* multicast);
 
     long long handle_passive_input() override;
 
 private:
     enum class Input { Packet, Nothing, End };
 
-    TsSource(example::Roster& roster, LiveStream& stream, SourceListener& listener, int fd, bool loop,
+    TsSource(Roster& roster, LiveStream& stream, SourceListener& listener, int fd, bool loop,
              MulticastOutput* multicast);
     ~TsSource() override;
 

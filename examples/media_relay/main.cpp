@@ -8,14 +8,30 @@
 //  - CStreamSender: an answer of any length on a socket that takes what it takes (Session::answer);
 //  - CStrParser: a request is foreign text (HttpRequest, Options);
 //  - the order in which a connection ends, whatever it was doing (Session::end).
+#include <sys/resource.h>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+
+#include <Reticor/NetThread.h>
 
 #include "media_relay/Relay.h"
 #include "media_relay/TsSource.h"
 
 using namespace relay;
+
+namespace {
+
+/// Lets this process open as many descriptors as the system allows it: one is needed per connection.
+void raiseDescriptorLimit() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
+        limit.rlim_cur = limit.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &limit);
+    }
+}
+
+}  // namespace
 
 int main(int argc, char** argv) {
     Options options;
@@ -28,8 +44,8 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "media_relay: %s: %s\n", options.input.c_str(), std::strerror(errno));
         return 1;
     }
-    example::EndSignals signals;
-    example::raiseDescriptorLimit();
+    EndSignals signals;
+    raiseDescriptorLimit();
     if (Orvex::Reticor::CreateThreadPool(options.threads, 0) != 0) {
         return 1;
     }

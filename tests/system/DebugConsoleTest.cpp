@@ -134,10 +134,10 @@ TEST_F(DebugConsole, TracesEveryStepWithHighDensity) {
     ask("ntf -S --more");
     ask("ntf -S -r");
     EXPECT_TRUE(echo.echoes("traced\n"));
-    const std::string begin = trace("::Connection handle sock event begin at ");
+    const std::string begin = trace("::ConnectionBody handle sock event begin at ");
     EXPECT_THAT(begin,
                 testing::MatchesRegex("<Reticor Debug> Enter CNetSock::handle_net  object:0x[0-9a-f]+, "
-                                      "class:.*Connection handle sock event begin at [0-9]+ us, "
+                                      "class:.*ConnectionBody handle sock event begin at [0-9]+ us, "
                                       "fd:[0-9]+,revents:1\\."));
     const std::string fd = numberIn(begin, "fd:");
     EXPECT_THAT(trace("fd:" + fd + ","), testing::HasSubstr("handle sock event end at"));
@@ -152,7 +152,7 @@ TEST_F(DebugConsole, FollowsOneSocketAmongOthers) {
     ask("ntf -S --more");
     ask("ntf -S -r");
     EXPECT_TRUE(followed.echoes("which one is it?\n"));
-    const std::string fd = numberIn(trace("::Connection handle sock event begin at "), "fd:");
+    const std::string fd = numberIn(trace("::ConnectionBody handle sock event begin at "), "fd:");
     EXPECT_EQ("Display the event flow sent by this socket:" + fd + ".", ask("ntf -S -fd " + fd));
     EXPECT_TRUE(other.echoes("not traced\n"));
     EXPECT_TRUE(followed.echoes("traced\n"));

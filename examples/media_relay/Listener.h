@@ -1,54 +1,22 @@
-// Listener: what the servers of the examples share: the listening socket, and the end.
+// Listener: the listening socket, and the end.
 #pragma once
 
-#include <sys/resource.h>
 #include <cerrno>
-#include <csignal>
-#include <cstdio>
 #include <functional>
 #include <string>
 #include <utility>
 
 #include <Infra/Log.h>
 #include <Infra/Mutex.h>
-#include <Reticor/NetHandler.h>
-#include <Reticor/NetThread.h>
 #include <Reticor/SockAcceptor.h>
 #include <Reticor/SockAddrStorage.h>
 #include <Reticor/SockStream.h>
 
-#include "support/Door.h"
-#include "support/Roster.h"
+#include "media_relay/Door.h"
+#include "media_relay/Member.h"
+#include "media_relay/Roster.h"
 
-namespace example {
-
-using namespace Orvex::Reticor;
-using Orvex::Infra::CGuard;
-
-constexpr unsigned kStop = 100;  // message to a Member: end
-
-constexpr int NOTICE = 1;  // level of lines that are printed whatever the level of the log is
-
-constexpr size_t CLIENTS_PER_ADDRESS = 1024;  // unless an option says otherwise: a quarter of all places
-
-/// A handler that is in the roster from `enter` until it is gone.
-class Member : public CNetHandler {
-public:
-    int handle_close(CNetHandler* self) override {
-        Roster& roster = m_roster;
-        const long id = GetID();
-        delete self;
-        roster.leave(id);
-        return 0;
-    }
-
-protected:
-    explicit Member(Roster& roster) : m_roster(roster) {}
-    void enter() { m_roster.enter(GetID()); }
-    void enter(const CSockStream& peer) { m_roster.enter(GetID(), originOf(peer)); }
-
-    Roster& m_roster;
-};
+namespace relay {
 
 /// A listening socket. Calls `create` with every connection that is let in; `create` detaches the socket
 /// from what it is given, which is closed otherwise. Whom the door turns away is closed at once.
@@ -58,11 +26,12 @@ protected:
 /// the listener rests: it takes the socket out of the watch and comes back by a timer.
 class Listener : public Member {
 public:
-    using Create = std::function<void(CSockStream&)>;
+    using Create = std::function<void(Orvex::Reticor::CSockStream&)>;
 
     /// At most `per_address` clients come from one address; 0 is no limit. Null if the address cannot be
     /// listened on; the library has logged why.
-    static Listener* Open(Roster& roster, const CSockAddr& local, size_t per_address, Create create) {
+    static Listener* Open(Roster& roster, const Orvex::Reticor::CSockAddr& local, size_t per_address,
+                          Create create) {
         auto* self = new Listener(roster, per_address, std::move(create));
         self->AddRef();  // keeps it until DecRef, whatever start and Close bring about on other threads
         const bool started = self->start(local);
@@ -75,8 +44,8 @@ public:
 
     /// Where it listens, as text.
     std::string address() {
-        CGuard guard(m_mutex);
-        CSockAddrStorage local;
+        Orvex::Infra::CGuard guard(m_mutex);
+        Orvex::Reticor::CSockAddrStorage local;
         char ip[128] = "?";
         m_listener.GetLocalAddr(&local);
         local.GetIpStr(ip, sizeof ip);
@@ -90,7 +59,7 @@ public:
     /// Ends the listener and tells all other members to end. This object is gone some time after.
     void stop() {
         {
-            CGuard guard(m_mutex);  // from here on handle_input accepts nobody
+            Orvex::Infra::CGuard guard(m_mutex);  // from here on handle_input accepts nobody
             RemoveSock(m_listener);
             m_listener.Close();
             tell();
@@ -104,7 +73,7 @@ public:
     }
 
     int handle_input(int) override {
-        CGuard guard(m_mutex);
+        Orvex::Infra::CGuard guard(m_mutex);
         if (!m_listener.IsValid()) {
             return -1;
         }
@@ -118,12 +87,12 @@ public:
     }
 
     int64_t handle_timeout(long id) override {
-        CGuard guard(m_mutex);
+        Orvex::Infra::CGuard guard(m_mutex);
         if (id == m_telling) {
             m_telling = 0;
             tell();
         } else if (m_listener.IsValid()) {
-            RegisterSock(m_listener, SOCK_READ, 0);
+            RegisterSock(m_listener, Orvex::Reticor::SOCK_READ, 0);
         }
         return -1;  // this timer is done
     }
@@ -136,15 +105,15 @@ private:
     Listener(Roster& roster, size_t per_address, Create create)
         : Member(roster), m_create(std::move(create)), m_door(roster, per_address) {}
 
-    bool start(const CSockAddr& local) {
+    bool start(const Orvex::Reticor::CSockAddr& local) {
         enter();
-        CGuard guard(m_mutex);
-        return m_listener.Open(local) == 0 && RegisterSock(m_listener, SOCK_READ, 0) == 0;
+        Orvex::Infra::CGuard guard(m_mutex);
+        return m_listener.Open(local) == 0 && RegisterSock(m_listener, Orvex::Reticor::SOCK_READ, 0) == 0;
     }
 
     /// False if there is nobody more for now.
     bool accept_one() INFRA_REQUIRES(m_mutex) {
-        CSockStream peer;
+        Orvex::Reticor::CSockStream peer;
         if (m_listener.Accept(peer, nullptr) == 0) {
             if (m_door.admits(peer)) {
                 m_create(peer);
@@ -158,7 +127,7 @@ private:
             outcome = Door::Outcome::NO_DESCRIPTOR;
         }
         if (outcome == Door::Outcome::NO_DESCRIPTOR) {
-            UnregisterSock(m_listener, SOCK_READ);
+            UnregisterSock(m_listener, Orvex::Reticor::SOCK_READ);
             SetTimer(REST_US);
         }
         return outcome == Door::Outcome::TURNED_AWAY;
@@ -172,52 +141,9 @@ private:
 
     const Create m_create;
     Orvex::Infra::CMutex m_mutex;
-    CSockAcceptor m_listener INFRA_GUARDED_BY(m_mutex);
+    Orvex::Reticor::CSockAcceptor m_listener INFRA_GUARDED_BY(m_mutex);
     Door m_door;                                   // but for its counter guarded by the mutex as well
     long m_telling INFRA_GUARDED_BY(m_mutex) = 0;  // the timer of the next line; 0 if nobody was turned away
 };
 
-/// SIGINT and SIGTERM, taken by main alone. Built before the first pool, so that every thread inherits the
-/// mask.
-class EndSignals {
-public:
-    EndSignals() {
-        sigemptyset(&m_set);
-        sigaddset(&m_set, SIGINT);
-        sigaddset(&m_set, SIGTERM);
-        pthread_sigmask(SIG_BLOCK, &m_set, nullptr);
-    }
-    void wait() {
-        int number = 0;
-        sigwait(&m_set, &number);
-    }
-
-private:
-    sigset_t m_set{};
-};
-
-/// Lets this process open as many descriptors as the system allows it: one is needed per connection.
-inline void raiseDescriptorLimit() {
-    rlimit limit{};
-    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
-        return;
-    }
-    limit.rlim_cur = limit.rlim_max;
-    setrlimit(RLIMIT_NOFILE, &limit);
-}
-
-/// Listens on `local` until a signal ends the program; see Listener::Open. The result is main's.
-inline int serve(Roster& roster, EndSignals& signals, const CSockAddr& local, size_t per_address,
-                 Listener::Create create) {
-    Listener* listener = Listener::Open(roster, local, per_address, std::move(create));
-    if (listener != nullptr) {
-        std::printf("listening on %s\n", listener->address().c_str());
-        std::fflush(stdout);
-        signals.wait();
-        listener->stop();
-    }
-    roster.waitUntilEmpty();
-    return listener != nullptr ? 0 : 1;
-}
-
-}  // namespace example
+}  // namespace relay

@@ -1,4 +1,4 @@
-// Roster: the open handlers of an example server.
+// Roster: the open handlers of the relay.
 #pragma once
 
 #include <map>
@@ -9,7 +9,7 @@
 #include <Infra/Semaphore.h>
 #include <Reticor/NetHandler.h>
 
-namespace example {
+namespace relay {
 
 /// The handlers that are open, and where their clients come from. Outlives them all, so that main can wait
 /// for the last one.
@@ -70,4 +70,4 @@ private:
     Orvex::Infra::CSemaphore m_empty{0};
 };
 
-}  // namespace example
+}  // namespace relay

@@ -1,4 +1,4 @@
-// Door: lets clients of the example servers in, or turns them away.
+// Door: lets clients in, or turns them away.
 #pragma once
 
 #include <fcntl.h>
@@ -13,15 +13,13 @@
 
 #include <Reticor/SockStream.h>
 
-#include "support/Roster.h"
+#include "media_relay/Roster.h"
 
-namespace example {
-
-using namespace Orvex::Reticor;
+namespace relay {
 
 /// What a client is counted by: its address; of an IPv6 address the first half, since one host has all of
 /// the second half to itself. Empty if the client has gone.
-inline std::string originOf(const CSockStream& peer) {
+inline std::string originOf(const Orvex::Reticor::CSockStream& peer) {
     sockaddr_in6 address{};
     socklen_t length = sizeof address;
     if (getpeername(peer.GetHandle(), reinterpret_cast<sockaddr*>(&address), &length) != 0) {
@@ -53,7 +51,7 @@ public:
     Door& operator=(const Door&) = delete;
 
     /// Whether this client may become a member. If not, it is counted, and the caller closes it.
-    bool admits(const CSockStream& peer) {
+    bool admits(const Orvex::Reticor::CSockStream& peer) {
         if (m_roster.size() >= MAX_MEMBERS) {
             return refuse(NO_PLACE);
         }
@@ -116,4 +114,4 @@ private:
     std::atomic<uint64_t> m_total{0};
 };
 
-}  // namespace example
+}  // namespace relay
