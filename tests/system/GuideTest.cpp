@@ -14,6 +14,7 @@
 
 #include "support/Eventually.h"
 #include "support/program/TcpClient.h"
+#include "support/program/TempFolder.h"
 
 #include "guide.inc"  // made of the page
 
@@ -284,6 +285,35 @@ TEST_F(Guide, SinkCountsErrors) {
     ErrorCount count;
     EXPECT_EQ(-1, CNetThread::DestroyPrivatePool(63));  // none there: one line at level 2
     EXPECT_EQ(1, count.errors());
+}
+
+// The system's log is a socket of the test's, which takes few lines: nobody reads it for a while.
+TEST_F(Guide, SystemLogGetsTheLinesAndNeverWaits) {
+    const Orvex::Testing::TempFolder folder;
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::snprintf(address.sun_path, sizeof address.sun_path, "%s", folder.file("log").c_str());
+    const int daemon = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    ASSERT_EQ(0, bind(daemon, reinterpret_cast<sockaddr*>(&address), sizeof address));
+    {
+        SystemLog log("guide", address.sun_path);
+        ASSERT_TRUE(log.isConnected());
+        while (log.lost() == 0) {
+            EXPECT_EQ(-1, CNetThread::DestroyPrivatePool(63));
+        }
+    }
+    char text[4096];
+    const ssize_t size = recv(daemon, text, sizeof text, 0);
+    const std::string line(text, static_cast<size_t>(std::max<ssize_t>(size, 0)));
+    EXPECT_EQ(0U, line.rfind("<27>guide[" + std::to_string(getpid()) + "]: [Src/Core/", 0)) << line;
+    EXPECT_EQ('\n', line.back());
+    close(daemon);
+}
+
+TEST_F(Guide, ServiceLogCarriesTheTimeAndIsLimited) {
+    logAsAService();
+    EXPECT_EQ(1U, Orvex::Infra::setLogLimit(100));
+    EXPECT_TRUE(Orvex::Infra::setLogTime(false));
 }
 
 TEST_F(Guide, ScribeWritesAllThatItWasTold) {

@@ -1,6 +1,6 @@
 # The C++ blocks of the documents become sources: those of docs/guide.md are included by GuideTest.cpp, those of
 # docs/media.md by MediaGuideTest.cpp, the one of README.md is the program readme_program, those of docs/coming-from.md
-# are the program coming_from_program. Included by tests/CMakeLists.txt.
+# are the program coming_from_program, those of docs/first-day.md are first_day_program. Included by tests/CMakeLists.txt.
 set(samples_dir ${PROJECT_BINARY_DIR}/samples)
 file(MAKE_DIRECTORY ${samples_dir})
 
@@ -21,7 +21,7 @@ target_include_directories(tests_system PRIVATE ${samples_dir})
 # Samples take the names that suit them.
 set_source_files_properties(system/GuideTest.cpp system/MediaGuideTest.cpp PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)
 
-foreach(page README.md:readme_program docs/coming-from.md:coming_from_program)
+foreach(page README.md:readme_program docs/coming-from.md:coming_from_program docs/first-day.md:first_day_program)
   string(REPLACE ":" ";" page ${page})
   list(GET page 0 document)
   list(GET page 1 program)
