@@ -48,8 +48,10 @@ public:
 
     /// Waits for the gateway.
     void accept() {
-        m_peer = ::accept(m_listener, nullptr, nullptr);
         const timeval limit{scaledMs(15000) / 1000, 0};
+        setsockopt(m_listener, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+        m_peer = ::accept(m_listener, nullptr, nullptr);
+        ASSERT_GE(m_peer, 0) << "the gateway does not come";
         setsockopt(m_peer, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
     }
     std::string receive(size_t count) const {
@@ -137,7 +139,7 @@ TEST(LineGateway, FindsAServerThatComesAndGoes) {
     EXPECT_TRUE(hears(first, "anybody?", "! nobody is there"));
     backend.begin();
     for (int round = 0; round < 2; ++round) {
-        backend.accept();
+        ASSERT_NO_FATAL_FAILURE(backend.accept());
         askUntilHeard(first, backend);
         backend.hangUp();
     }
