@@ -28,6 +28,7 @@
 #include "Core/service/SockTimer.h"
 #include "Core/stats/HandlerListing.h"
 #include "Core/stats/LeftHandlers.h"
+#include "Core/stats/MediaSource.h"
 #include "Core/stats/StatsServer.h"
 #include "Core/stats/StuckWatch.h"
 #include "R3/server/Debug.h"
@@ -36,6 +37,7 @@
 #include "Tool/file/NFileEnd.h"
 #include "Tool/receive/ReceiverGroup.h"
 #include "Tool/step/SenderHandler.h"
+#include "Tool/verdict/MediaSnapshot.h"
 
 namespace Orvex::Reticor {
 
@@ -169,6 +171,7 @@ void Library::stop_services() {
 }
 
 int Library::set_up(unsigned int threads, AfterLock& after) {
+    MediaSource::Set(&MediaSnapshot::gather);
     CTsMemory::InitStaticVal();
     m_cpu_num = CThreadPool::processor_count();
     if (start_services() != 0) {

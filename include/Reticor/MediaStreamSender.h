@@ -12,6 +12,7 @@ namespace Orvex::Reticor {
 class CFrame;
 class CMediaPacket;
 class CSock;
+struct SenderVerdict;
 struct SenderRecord;
 
 /// The message that CMediaStreamSender posts when its socket has failed or stalled.
@@ -256,6 +257,12 @@ public:
     /// Fills `stats`, of which the caller has `size` bytes, under the buffer's lock. 0; -1 for a null pointer
     /// or a size below 8.
     int GetRoomStats(MediaRoomStats* stats, unsigned int size);
+
+    /// Looks how this client fares, and why (MediaVerdicts.h): in figures and in a sentence. Ask again and
+    /// again: what is told is of the time since the first look. Fills as much as `verdict.size` says, under
+    /// the buffer's lock. Of a sender that is on no list, how it fared when it left the last one, if it was
+    /// looked at until then. 0; -1 for a size that has no room for the first two fields.
+    int GetVerdict(SenderVerdict& verdict);
 
     /// The library's: looks whether the sender has stalled.
     int64_t handle_timeout(long id) override;

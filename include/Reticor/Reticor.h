@@ -7,6 +7,7 @@
 #include <Reticor/MediaPacket.h>
 #include <Reticor/MediaStreamReceiver.h>
 #include <Reticor/MediaStreamSender.h>
+#include <Reticor/MediaVerdicts.h>
 #include <Reticor/NFile.h>
 #include <Reticor/NTimer.h>
 #include <Reticor/NetHandler.h>

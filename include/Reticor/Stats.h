@@ -177,7 +177,9 @@ struct PoolRates {
 };
 
 /// A snapshot. Making one reads what each thread counts for itself; nobody waits for it longer than for a
-/// few loads. It does not look at any object of the product.
+/// few loads. It does not look at any object of the product but media buffers and their senders, for the
+/// texts: one look at each sender (CMediaVerdicts) under the lock of its buffer; a buffer whose lock cannot
+/// be had for 20 ms is left out.
 ///
 /// Thread safety: the snapshot itself has no lock; the static operations on any thread, also inside
 /// `handle_*`.

@@ -5,6 +5,8 @@
 
 #include <Reticor/Stats.h>
 
+#include "Core/stats/MediaSource.h"
+
 namespace Orvex::Reticor {
 
 /// Pools by index, workers by pool and thread, classes by their calls.
@@ -13,6 +15,7 @@ struct Snapshot {
     std::vector<PoolStats> pools;
     std::vector<WorkerStats> workers;
     std::vector<HandlerClassStats> classes;
+    MediaRows media;
 
     /// Into an empty one. False if there is no memory.
     bool Gather();

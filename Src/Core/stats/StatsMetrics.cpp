@@ -1,6 +1,8 @@
 // StatsMetrics: the exposition format of StatsTexts. Every series once, under help and type of its family.
 #include "Core/stats/StatsTexts.h"
 
+#include "Tool/judge/VerdictText.h"
+
 namespace Orvex::Reticor {
 
 namespace {
@@ -107,6 +109,73 @@ void class_families(const Snapshot& snapshot, TextRoom& out) {
     }
 }
 
+/// Kinds are told by number, so that a name that a later version adds is not left out.
+void verdict_family(const MediaRows& media, TextRoom& out) {
+    family("reticor_media_senders", "gauge", "Senders of media, by what holds them up.", out);
+    for (uint32_t kind = 0; kind <= static_cast<uint32_t>(SenderVerdictKind::SILENT); ++kind) {
+        uint64_t count = 0;
+        for (const SenderVerdict& row : media.senders) {
+            count += static_cast<uint32_t>(row.kind) == kind ? 1 : 0;
+        }
+        out << "reticor_media_senders{verdict=";
+        out.Quote(VerdictText::name(static_cast<SenderVerdictKind>(kind))) << "} " << count << "\n";
+    }
+}
+
+void sender_family(const MediaRows& media, const char* name, const char* help,
+                   double (*value)(const SenderVerdict& row), TextRoom& out) {
+    family(name, "gauge", help, out);
+    size_t left = MOST_SENDERS;
+    for (const SenderVerdict& row : media.senders) {
+        if (left-- == 0) {
+            break;
+        }
+        out << name << "{sender=\"" << row.sender << "\",buffer=\"" << row.buffer << "\"} " << value(row)
+            << "\n";
+    }
+}
+
+/// Only where there is media, so that others have no empty families.
+void media_families(const MediaRows& media, TextRoom& out) {
+    if (media.buffers.empty()) {
+        return;
+    }
+    struct Family {
+        const char* name;
+        const char* type;
+        const char* help;
+        uint64_t MediaBufferRow::*value;
+    };
+    constexpr Family FAMILIES[] = {
+        {"reticor_media_buffer_senders", "gauge", "Senders on a media buffer's list.",
+         &MediaBufferRow::senders},
+        {"reticor_media_buffer_frames", "gauge", "Frames that a media buffer holds.",
+         &MediaBufferRow::frames},
+        {"reticor_media_buffer_bytes", "gauge", "Bytes that a media buffer holds.", &MediaBufferRow::bytes},
+        {"reticor_media_buffer_put_bytes_total", "counter", "Bytes of frames that were put.",
+         &MediaBufferRow::put_bytes},
+    };
+    for (const Family& each : FAMILIES) {
+        family(each.name, each.type, each.help, out);
+        for (const MediaBufferRow& row : media.buffers) {
+            out << each.name << "{buffer=\"" << row.buffer << "\"} " << row.*each.value << "\n";
+        }
+    }
+    verdict_family(media, out);
+    sender_family(
+        media, "reticor_media_sender_lag_seconds", "How late a client is; of those that suffer most.",
+        [](const SenderVerdict& row) { return static_cast<double>(row.lag_us) / 1e6; }, out);
+    sender_family(
+        media, "reticor_media_sender_lag_bytes", "What a client has not got yet.",
+        [](const SenderVerdict& row) { return static_cast<double>(row.lag_bytes); }, out);
+    sender_family(
+        media, "reticor_media_sender_taken_bits_per_second", "What a client's peer acknowledges.",
+        [](const SenderVerdict& row) { return static_cast<double>(row.taken_rate); }, out);
+    sender_family(
+        media, "reticor_media_sender_window_closed_ratio", "Of the time, with its receive window closed.",
+        [](const SenderVerdict& row) { return row.closed_percent / 100.0; }, out);
+}
+
 }  // namespace
 
 void write_metrics(const Snapshot& snapshot, TextRoom& out) {
@@ -123,6 +192,7 @@ void write_metrics(const Snapshot& snapshot, TextRoom& out) {
     pool_families(snapshot, out);
     spread_families(snapshot, out);
     class_families(snapshot, out);
+    media_families(snapshot.media, out);
 }
 
 }  // namespace Orvex::Reticor

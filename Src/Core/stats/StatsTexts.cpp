@@ -1,6 +1,8 @@
 // StatsTexts: a snapshot as text, as JSON, and a list of handlers. The exposition is in StatsMetrics.cpp.
 #include "Core/stats/StatsTexts.h"
 
+#include "Tool/judge/VerdictText.h"
+
 namespace Orvex::Reticor {
 
 const PoolFigure POOL_FIGURES[] = {
@@ -91,6 +93,52 @@ void json_of_class(const HandlerClassStats& row, TextRoom& out) {
                         << ",\"timed\":" << row.timed << ",\"time_ns\":" << row.time_ns << "}";
 }
 
+void json_of_buffer(const MediaBufferRow& row, TextRoom& out) {
+    out << "{\"buffer\":" << row.buffer << ",\"senders\":" << row.senders << ",\"frames\":" << row.frames
+        << ",\"bytes\":" << row.bytes << ",\"put_bytes\":" << row.put_bytes << "}";
+}
+
+void json_of_sender(const SenderVerdict& row, TextRoom& out) {
+    out << "{\"sender\":\"" << row.sender << "\",\"buffer\":" << row.buffer << ",\"verdict\":";
+    out.Quote(VerdictText::name(row.kind)) << ",\"why\":";
+    out.Quote(row.sentence) << ",\"lag_us\":" << row.lag_us << ",\"lag_bytes\":" << row.lag_bytes
+                            << ",\"lag_frames\":" << row.lag_frames
+                            << ",\"unsent_bytes\":" << row.unsent_bytes
+                            << ",\"blocked_us\":" << row.blocked_us << ",\"stream_rate\":" << row.stream_rate
+                            << ",\"taken_rate\":" << row.taken_rate
+                            << ",\"closed_percent\":" << row.closed_percent << ",\"rtt_us\":" << row.rtt_us
+                            << ",\"hole_frames\":" << row.hole_frames
+                            << ",\"skipped_frames\":" << row.skipped_frames
+                            << ",\"thinned_frames\":" << row.thinned_frames << "}";
+}
+
+void text_of_media(const MediaRows& media, TextRoom& out) {
+    for (const MediaBufferRow& row : media.buffers) {
+        out << "media buffer " << row.buffer << ": " << row.senders << " senders, " << row.frames
+            << " frames held, " << row.bytes << " bytes\n";
+    }
+    if (media.senders.empty()) {
+        return;
+    }
+    out << "sender";
+    out.Column(22) << "buffer";
+    out.Column(30) << "lag ms";
+    out.Column(40) << "lag KB";
+    out.Column(52) << "why\n";
+    size_t left = MOST_SENDERS;
+    for (const SenderVerdict& row : media.senders) {
+        if (left-- == 0) {
+            out << "and " << media.senders.size() - MOST_SENDERS << " that suffer less\n";
+            break;
+        }
+        out << row.sender;
+        out.Column(22) << row.buffer;
+        out.Column(30) << row.lag_us / 1000;
+        out.Column(40) << row.lag_bytes / 1000;
+        out.Column(52) << row.sentence << "\n";
+    }
+}
+
 template <class Row>
 void json_list(const char* name, const std::vector<Row>& rows, void (*write)(const Row&, TextRoom&),
                TextRoom& out) {
@@ -121,6 +169,7 @@ void write_text(const Snapshot& snapshot, TextRoom& out) {
                 << " of handler " << worker.handler << "\n";
         }
     }
+    text_of_media(snapshot.media, out);
     out << "class";
     out.Column(56) << "live";
     out.Column(66) << "opened";
@@ -150,6 +199,8 @@ void write_json(const Snapshot& snapshot, TextRoom& out) {
     json_list("pools", snapshot.pools, &json_of_pool, out);
     json_list("workers", snapshot.workers, &json_of_worker, out);
     json_list("classes", snapshot.classes, &json_of_class, out);
+    json_list("media_buffers", snapshot.media.buffers, &json_of_buffer, out);
+    json_list("media_senders", snapshot.media.senders, &json_of_sender, out);
     out << "}\n";
 }
 

@@ -10,7 +10,10 @@
 
 namespace Orvex::Reticor {
 
-/// For people: pools, workers in calls, classes by their calls.
+/// Senders of media that the text and the metrics have: those that suffer most.
+constexpr size_t MOST_SENDERS = 20;
+
+/// For people: pools, workers in calls, senders of media, classes by their calls.
 void write_text(const Snapshot& snapshot, TextRoom& out);
 
 /// One object on one line. Ids are strings, since readers keep numbers of 53 bits.

@@ -60,6 +60,14 @@ void FrameLine::complete() {
     }
 }
 
+uint64_t FrameLine::bytes_of(uint8_t mask) const {
+    uint64_t bytes = 0;
+    for (unsigned channel = 0; channel < CHANNELS; ++channel) {
+        bytes += (mask >> channel & 1U) != 0 ? m_channel_bytes[channel] : 0;
+    }
+    return bytes;
+}
+
 void FrameLine::open_next() {
     CFrame* const next = m_store.make();
     m_current->m_next = next;

@@ -38,6 +38,8 @@ public:
     uint32_t frame_num() const INFRA_REQUIRES(CORE_MUTEX) { return m_frame_num; }
     /// The lowest level of the channel so far: that of its key frames.
     int32_t min_level(int channel) const INFRA_REQUIRES(CORE_MUTEX) { return m_min_level[channel]; }
+    /// Bytes that the channels of a mask have had so far.
+    uint64_t bytes_of(uint8_t mask) const INFRA_REQUIRES(CORE_MUTEX);
     /// Frames that some sender may want, as of the last count. Any thread.
     uint32_t valid_num() const { return m_valid_num.load(std::memory_order_relaxed); }
     uint64_t size() const INFRA_REQUIRES(CORE_MUTEX);

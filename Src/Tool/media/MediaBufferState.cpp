@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "Tool/frame/MediaTrace.h"
+#include "Tool/media/SenderLook.h"
 
 namespace Orvex::Reticor {
 
@@ -169,6 +170,9 @@ int MediaBufferState::accept(CMediaPacket* packet, int len, int mark, int level)
 
 void MediaBufferState::complete() {
     m_frames.complete();
+    if (m_bursts.on()) {
+        m_bursts.note(m_core->now(), static_cast<uint64_t>(m_frames.current()->m_frame_len));
+    }
     if (!m_senders.has_sender()) {
         m_frames.hold_for_starts();
         call_movers();
@@ -389,6 +393,14 @@ void MediaBufferState::after_sending(bool has_packet, bool ages) {
         m_frames.open_next();
     }
     m_frames.count_valid();
+}
+
+SenderVerdict MediaBufferState::verdict_on(SenderRecord& record) {
+    return SenderLook(m_frames, m_bursts, m_roll.number()).tell(record);
+}
+
+void MediaBufferState::look_last(SenderRecord& record) {
+    SenderLook(m_frames, m_bursts, m_roll.number()).leave(record);
 }
 
 MediaBufferStats MediaBufferState::stats() {

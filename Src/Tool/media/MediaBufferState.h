@@ -2,17 +2,20 @@
 #pragma once
 
 #include <Reticor/MediaBuffer.h>
+#include <Reticor/MediaVerdicts.h>
 
 #include <cstdint>
 #include <memory>
 #include <optional>
 
+#include "Tool/judge/BurstBook.h"
 #include "Tool/media/FrameLine.h"
 #include "Tool/media/MediaSending.h"
 #include "Tool/media/SenderLine.h"
 #include "Tool/media/StartShares.h"
 #include "Tool/media/WaitingSenders.h"
 #include "Tool/step/AutoSend.h"
+#include "Tool/step/CoreRoll.h"
 #include "Tool/step/TapLine.h"
 
 namespace Orvex::Reticor {
@@ -45,6 +48,12 @@ struct MediaBufferState : SendTarget_IF, StepEnd_IF {
 
     /// For the tests.
     static MediaBufferState& of(CMediaBuffer& buffer) { return *buffer.m_state; }
+    /// Null if there was no memory for it.
+    static MediaBufferState* find(const CMediaBuffer& buffer) { return buffer.m_state; }
+    /// The buffer of a core, which a buffer alone opens; null if it has gone.
+    static MediaBufferState* find(const MediaCore& core) INFRA_REQUIRES(CORE_MUTEX) {
+        return static_cast<MediaBufferState*>(core.m_end);
+    }
 
     /// Shows a packet to the taps and puts it into the frame, its level within bounds. Gives the channel.
     int accept(CMediaPacket* packet, int len, int mark, int level) INFRA_REQUIRES(CORE_MUTEX);
@@ -75,6 +84,10 @@ struct MediaBufferState : SendTarget_IF, StepEnd_IF {
         m_core->m_channels.set_disposable_level(any ? level : 0);
     }
 
+    /// Why a sender of the list is slow, if it is.
+    SenderVerdict verdict_on(SenderRecord& record) INFRA_REQUIRES(CORE_MUTEX);
+    void look_last(SenderRecord& record) override INFRA_REQUIRES(CORE_MUTEX);
+
     MediaBufferStats stats();
     MediaStartStats start_stats();
 
@@ -94,6 +107,9 @@ struct MediaBufferState : SendTarget_IF, StepEnd_IF {
     bool m_send_ready INFRA_GUARDED_BY(CORE_MUTEX) = true;
     StartShares m_shares INFRA_GUARDED_BY(CORE_MUTEX);
     uint64_t m_started INFRA_GUARDED_BY(CORE_MUTEX) = 0;  ///< Senders that have begun with the start cache.
+    BurstBook m_bursts INFRA_GUARDED_BY(CORE_MUTEX);
+    /// The last one: readers find the buffer from here on.
+    const CoreRoll::Entry m_roll{m_core};
 
 private:
     /// Where a sender stands in the stream.

@@ -11,7 +11,9 @@
 
 #include "Core/handle/HandlerInternal.h"
 #include "Core/pool/PoolTable.h"
+#include "Tool/media/MediaBufferState.h"
 #include "Tool/media/MediaSending.h"
+#include "Tool/media/SenderLook.h"
 
 namespace Orvex::Reticor {
 
@@ -242,6 +244,17 @@ int CMediaStreamSender::GetRoomStats(MediaRoomStats* stats, unsigned int size) {
     found.size = std::min(size, static_cast<unsigned int>(sizeof found));
     std::memcpy(static_cast<void*>(stats), &found, found.size);
     return 0;
+}
+
+int CMediaStreamSender::GetVerdict(SenderVerdict& verdict) {
+    SenderVerdict found = SenderLook::unknown(GetID());
+    if (const std::shared_ptr<MediaCore> core = m_state->enter_core()) {
+        const MediaStep step(core, MediaStep::ENTERED);
+        MediaBufferState* const state = MediaBufferState::find(*core);
+        found = m_state->m_list != nullptr && state != nullptr ? state->verdict_on(*m_state)
+                                                               : SenderLook::tell_absent(*m_state);
+    }
+    return SenderLook::hand_out(found, verdict) ? 0 : -1;
 }
 
 void CMediaStreamSender::SetResumePolicy(unsigned max_lag_ms, MediaResume mode, unsigned hard_lag_ms) {

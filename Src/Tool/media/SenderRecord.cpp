@@ -9,6 +9,7 @@
 #include <Infra/Log.h>
 
 #include "Tool/frame/FrameRest.h"
+#include "Tool/judge/EndedVerdicts.h"
 
 namespace Orvex::Reticor {
 
@@ -17,7 +18,11 @@ static_assert(alignof(SenderRecord) == 64 && offsetof(SenderHotState, m_wishes) 
 static_assert(offsetof(SenderHotState, m_owner) == 64 && offsetof(SenderHotState, m_stats) + 16 <= 128,
               "what a delivered frame touches besides is the next one");
 
-SenderRecord::~SenderRecord() = default;
+SenderRecord::~SenderRecord() {
+    if (m_watch != nullptr && m_watch->has_left) {
+        EndedVerdicts::add(m_watch->last);
+    }
+}
 
 std::shared_ptr<MediaCore> SenderRecord::core() {
     Infra::CGuard guard(m_other_mutex);
@@ -383,6 +388,10 @@ void SenderRecord::note_blocked() {
     }
 }
 
+void SenderRecord::sum_block() {
+    m_watch->blocked_us += now() - m_block_time;
+}
+
 uint64_t SenderRecord::deadline_us() const {
     const uint64_t seconds = Infra::relaxedLoad(m_send_timeout);
     return seconds >= NO_TIMEOUT_S ? RoomWait::NO_DEADLINE : m_block_time + seconds * SECOND_US;
@@ -416,7 +425,11 @@ void SenderRecord::come_to_list(MediaCore& list, SenderRecord* next, std::unique
     m_failed = false;
     m_next = next;
     if (m_stall_floor.on()) {
-        m_block_time = 0;  // It was taken off on purpose.
+        end_block();  // It was taken off on purpose.
+    }
+    if (m_watch != nullptr) {
+        m_watch->judge = SenderJudge();
+        m_watch->has_left = false;
     }
     if (m_keeps) {
         m_list->add_keeper();
@@ -425,6 +438,9 @@ void SenderRecord::come_to_list(MediaCore& list, SenderRecord* next, std::unique
 }
 
 void SenderRecord::leave_list() {
+    if (m_watch != nullptr && m_list->m_end != nullptr) {
+        m_list->m_end->look_last(*this);
+    }
     if (m_keeps) {
         m_list->drop_keeper();
         hold_no_more();

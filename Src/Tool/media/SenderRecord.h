@@ -14,6 +14,7 @@
 #include "Tool/frame/AheadCourse.h"
 #include "Tool/frame/MediaFrame.h"
 #include "Tool/frame/Thinning.h"
+#include "Tool/judge/SenderWatch.h"
 #include "Tool/media/RoomWait.h"
 #include "Tool/media/SenderComing.h"
 #include "Tool/step/KernelLag.h"
@@ -128,7 +129,8 @@ struct SenderRecord : SenderHotState {
     SenderStart m_start;            ///< How it begins where it comes to.
     KernelLag m_kernel_lag;
     StallFloor m_stall_floor;
-    bool m_starts_at_key = false;  ///< Not before the next key frame. No lock.
+    bool m_starts_at_key = false;          ///< Not before the next key frame. No lock.
+    std::unique_ptr<SenderWatch> m_watch;  ///< Null until somebody looks how it fares.
 
     /// Comes after the core's mutex. Also guards changes of m_core.
     Infra::CMutex m_other_mutex{Infra::LockClass::MEDIA_OTHER};
@@ -314,7 +316,7 @@ struct SenderRecord : SenderHotState {
     void set_full(bool full) INFRA_REQUIRES(CORE_MUTEX) { m_full = full; }
     void note_unblocked() INFRA_REQUIRES(CORE_MUTEX) {
         m_block_count = 0;
-        m_block_time = 0;
+        end_block();
     }
     /// A turn has ended with the socket full; what was sent before it.
     __attribute__((noinline)) void note_full(uint64_t bytes_before) INFRA_REQUIRES(CORE_MUTEX);
@@ -389,11 +391,18 @@ private:
             }
         }
     }
+    void end_block() INFRA_REQUIRES(CORE_MUTEX) {
+        if (m_block_time != 0 && m_watch != nullptr) {
+            sum_block();
+        }
+        m_block_time = 0;
+    }
+    __attribute__((noinline)) void sum_block() INFRA_REQUIRES(CORE_MUTEX);
     /// The frame is over, and the sender stands at none.
     void leave_ended() INFRA_REQUIRES(CORE_MUTEX) {
         m_iovec_index = 0;
         m_iovec_offset = 0;
-        m_block_time = 0;
+        end_block();
         finished();
         m_frame = nullptr;
         m_frame_left = 0;

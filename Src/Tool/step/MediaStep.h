@@ -40,6 +40,9 @@ public:
     /// A sender of the list does not want to wait for room any more.
     virtual void stop_waiting(SenderRecord& record) INFRA_REQUIRES(CORE_MUTEX) = 0;
 
+    /// A sender that somebody looks at leaves the list.
+    virtual void look_last(SenderRecord& /*record*/) INFRA_REQUIRES(CORE_MUTEX) {}
+
 protected:
     ~StepEnd_IF() = default;
 };

@@ -44,6 +44,8 @@
     X(MEDIA_MOVES, "MoveLine::m_mutex", "who waits for a key frame of a buffer, to move to it") \
     X(MEDIA_OTHER, "SenderRecord::m_other_mutex", "other data and the send procedure") \
     X(MEDIA_TAPS, "m_mutex of the taps' registry", "which taps are alive") \
+    X(MEDIA_ROLL, "CoreRoll::sm_mutex", "the list of all media buffers") \
+    X(MEDIA_ENDED, "EndedVerdicts::sm_mutex", "the last verdicts on senders that have ended") \
     X(KIT_POOL, "PoolState::m_mutex of the kit", \
       "what lives on a pool of the kit; held while something new is made there") \
     X(KIT_LISTENER, "ListenerBody::m_mutex", "a listening socket of the kit, and its spare descriptor") \

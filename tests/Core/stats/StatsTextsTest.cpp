@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdio>
 #include <cstdlib>
 #include <map>
 #include <regex>
@@ -14,6 +15,8 @@
 
 #include <Reticor/Stats.h>
 
+#include "Core/stats/MediaSource.h"
+#include "Core/stats/StatsTexts.h"
 #include "support/core/SockPoolFixture.h"
 
 namespace Orvex::Testing {
@@ -266,6 +269,40 @@ TEST_F(StatsTexts, TheExpositionHasEverySeriesOnceAndCountersNeverFall) {
               32);
     CNetThread::DestroyPrivatePool(index);
     CStats::SetTiming(false);
+}
+
+// ---- media ----------------------------------------------------------------------------------------------
+
+// A buffer with more senders than the text and the metrics have.
+void manySenders(MediaRows& rows) {
+    constexpr size_t SENDERS = MOST_SENDERS + 5;
+    rows.buffers.push_back({3, SENDERS, 7, 70000, 900000});
+    for (size_t i = 0; i < SENDERS; ++i) {
+        SenderVerdict one;
+        one.kind = i == 0 ? SenderVerdictKind::STALLED : SenderVerdictKind::KEEPS_UP;
+        one.sender = -65536 * static_cast<int64_t>(i + 1);
+        one.buffer = 3;
+        one.lag_us = 1500000;
+        std::snprintf(one.sentence, sizeof one.sentence, "%s", i == 0 ? "stalled for 1.5 s" : "keeps up");
+        rows.senders.push_back(one);
+    }
+}
+
+TEST_F(StatsTexts, HaveTheSendersOfMediaThatSufferMost) {
+    MediaSource::Set(&manySenders);
+    const Exposition metrics(written(&CStats::toPrometheus));
+    EXPECT_EQ(25, metrics.at("reticor_media_buffer_senders{buffer=\"3\"}"));
+    EXPECT_EQ(1, metrics.at("reticor_media_senders{verdict=\"stalled\"}"));
+    EXPECT_EQ(24, metrics.at("reticor_media_senders{verdict=\"keeps_up\"}"));
+    EXPECT_EQ(1.5, metrics.at("reticor_media_sender_lag_seconds{sender=\"-65536\",buffer=\"3\"}"));
+    EXPECT_EQ(0U,
+              metrics.series().count("reticor_media_sender_lag_seconds{sender=\"-1376256\",buffer=\"3\"}"));
+    const std::string json = written(&CStats::toJson);
+    EXPECT_TRUE(JsonReader(json).reads()) << json;
+    EXPECT_NE(std::string::npos, json.find("\"sender\":\"-1638400\"")) << "all of them";
+    const std::string text = written(&CStats::toText);
+    EXPECT_NE(std::string::npos, text.find("stalled for 1.5 s\n")) << text;
+    EXPECT_NE(std::string::npos, text.find("and 5 that suffer less\n")) << text;
 }
 
 // ---- JSON and text ---------------------------------------------------------------------------------------

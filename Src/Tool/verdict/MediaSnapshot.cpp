@@ -1,0 +1,84 @@
+// MediaSnapshot: buffers and senders, one after another.
+#include "Tool/verdict/MediaSnapshot.h"
+
+#include <sched.h>
+
+#include <algorithm>
+
+#include "Tool/judge/VerdictText.h"
+#include "Tool/media/MediaBufferState.h"
+#include "Tool/step/CoreRoll.h"
+#include "Tool/verdict/HeldSenders.h"
+
+namespace Orvex::Reticor {
+
+namespace {
+
+constexpr uint64_t PATIENCE_US = 20000;
+
+bool enter_soon(MediaCore& core) INFRA_NO_THREAD_SAFETY_ANALYSIS {  // for a MediaStep
+    const uint64_t until_us = Infra::CTime::getCurrentMicroSecond() + PATIENCE_US;
+    while (!core.m_mutex.tryEnter()) {
+        if (Infra::CTime::getCurrentMicroSecond() >= until_us) {
+            return false;
+        }
+        ::sched_yield();
+    }
+    return true;
+}
+
+void add_sender(const std::shared_ptr<MediaCore>& core, SenderRecord& record, MediaRows& rows)
+    INFRA_REQUIRES(CORE_MUTEX) {
+    MediaBufferState* const state = MediaBufferState::find(*core);
+    if (state != nullptr && record.m_list == core.get()) {
+        rows.senders.push_back(state->verdict_on(record));
+    }
+}
+
+/// False if the buffer is not to be had.
+bool add_row(const std::shared_ptr<MediaCore>& core, HeldSenders& senders,
+             MediaRows& rows) INFRA_NO_THREAD_SAFETY_ANALYSIS {
+    if (!enter_soon(*core)) {
+        return false;
+    }
+    const MediaStep step(core, MediaStep::ENTERED);
+    MediaBufferState* const state = MediaBufferState::find(*core);
+    if (state == nullptr) {
+        return false;
+    }
+    MediaBufferStats stats;
+    state->m_frames.add_stats(stats);
+    senders.add_all(*state);
+    rows.buffers.push_back({state->m_roll.number(), senders.all().size(), stats.frames, stats.bytes,
+                            state->m_frames.bytes_of(SenderHotState::ALL_CHANNELS)});
+    return true;
+}
+
+void add_buffer(const std::shared_ptr<MediaCore>& core, MediaRows& rows) INFRA_NO_THREAD_SAFETY_ANALYSIS {
+    HeldSenders senders;
+    if (!add_row(core, senders, rows)) {
+        return;
+    }
+    for (CMediaStreamSender* const sender : senders.all()) {
+        if (!enter_soon(*core)) {
+            return;
+        }
+        const MediaStep step(core, MediaStep::ENTERED);
+        add_sender(core, SenderRecord::of(*sender), rows);
+    }
+}
+
+}  // namespace
+
+void MediaSnapshot::gather(MediaRows& rows) {
+    std::vector<std::shared_ptr<MediaCore>> cores;
+    CoreRoll::list(cores);
+    for (const std::shared_ptr<MediaCore>& core : cores) {
+        add_buffer(core, rows);
+    }
+    std::sort(rows.buffers.begin(), rows.buffers.end(),
+              [](const MediaBufferRow& a, const MediaBufferRow& b) { return a.buffer < b.buffer; });
+    std::sort(rows.senders.begin(), rows.senders.end(), &VerdictText::suffers_more);
+}
+
+}  // namespace Orvex::Reticor
