@@ -3,6 +3,7 @@
 //
 // The program knows nothing of the library; it stands on the system's calls alone, so that no error can be on
 // both sides.
+#include <netdb.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -37,6 +38,8 @@ constexpr int kSlowRoom = 16384;          // bytes that the kernel takes for a c
 constexpr int kFastRoom = 1 << 22;
 constexpr double kSettle = 2;      // s, before which memory still settles
 constexpr double kStallSlack = 4;  // s; a stalled client is gone so long after its time at the latest
+constexpr unsigned kLooks =
+    3;  // so often the relay has told why a client is slow, before it is judged by that
 
 struct Options {
     std::string host = "127.0.0.1";
@@ -60,6 +63,11 @@ struct Client {
     uint64_t received = 0;  // bytes, heads included
     bool closed = false;    // by the relay
     double closedAfter = 0;
+    std::string address;     // as the relay sees it
+    unsigned looks = 0;      // at what the relay tells of it,
+    unsigned slowLooks = 0;  // and of them those at which it reads too slowly by itself
+    std::string verdict;     // the last one, also when it was hung up on,
+    std::string why;         // and in a sentence
 };
 
 class Load {
@@ -82,7 +90,9 @@ private:
     void printHead() const;
     void printRow();
     double memory() const;
-    std::string bufferText() const;
+    nlohmann::json askRelay() const;
+    void readVerdicts(const nlohmann::json& stats);
+    void printVerdicts() const;
     double seconds() const { return static_cast<double>(now() - m_begin) / kSecond; }
     uint64_t sum(Pace pace, uint64_t (MultipartReader::*field)() const) const;
     std::string complaint() const;
@@ -124,6 +134,20 @@ int Load::connectTo(int receiveBytes) const {
     return fd;
 }
 
+/// Of this end, as the other one sees it.
+std::string addressOf(int fd) {
+    sockaddr_storage own{};
+    socklen_t size = sizeof own;
+    char host[NI_MAXHOST];
+    char port[NI_MAXSERV];
+    if (getsockname(fd, reinterpret_cast<sockaddr*>(&own), &size) != 0 ||
+        getnameinfo(reinterpret_cast<const sockaddr*>(&own), size, host, sizeof host, port, sizeof port,
+                    NI_NUMERICHOST | NI_NUMERICSERV) != 0) {
+        return "";
+    }
+    return std::string(host) + ":" + port;
+}
+
 bool Load::openClient(Pace pace) {
     Client client;
     client.pace = pace;
@@ -133,6 +157,7 @@ bool Load::openClient(Pace pace) {
                              static_cast<ssize_t>(request.size())) {
         return false;
     }
+    client.address = addressOf(client.fd);
     m_clients.push_back(std::move(client));
     return true;
 }
@@ -217,8 +242,8 @@ double Load::memory() const {
     return static_cast<double>(LoadKit::residentBytes(m_options.pid)) / (1 << 20);
 }
 
-/// What the relay says of its buffer.
-std::string Load::bufferText() const {
+/// What the relay says of itself; null if it does not answer.
+nlohmann::json Load::askRelay() const {
     const int fd = connectTo(0);
     const std::string request = "GET /stats.json HTTP/1.1\r\nHost: relay\r\n\r\n";
     std::string answer;
@@ -232,15 +257,46 @@ std::string Load::bufferText() const {
         close(fd);
     }
     const size_t body = answer.find("\r\n\r\n");
-    const auto stats =
-        nlohmann::json::parse(body == std::string::npos ? "" : answer.substr(body), nullptr, false);
-    if (!stats.is_object() || !stats.contains("buffer")) {
+    auto stats = nlohmann::json::parse(body == std::string::npos ? "" : answer.substr(body), nullptr, false);
+    return stats.is_object() ? stats : nlohmann::json();
+}
+
+std::string bufferText(const nlohmann::json& stats) {
+    if (!stats.contains("buffer")) {
         return "-";
     }
     char text[64];
     std::snprintf(text, sizeof text, "%3d fr %5.2f MB", stats["buffer"].value("frames", 0),
                   stats["buffer"].value("bytes", 0.0) / 1e6);
     return text;
+}
+
+/// Of clients that are there, and of those that the relay has hung up on.
+void Load::readVerdicts(const nlohmann::json& stats) {
+    for (const char* const list : {"clients", "ended"}) {
+        const nlohmann::json rows = stats.value(list, nlohmann::json::array());
+        for (Client& client : m_clients) {
+            const auto row = std::find_if(rows.begin(), rows.end(), [&](const nlohmann::json& one) {
+                return one.value("address", "") == client.address;
+            });
+            if (row != rows.end()) {
+                client.verdict = row->value("verdict", "");
+                client.why = row->value("why", "");
+                client.looks += client.verdict == "unknown" || client.verdict == "waiting" ? 0 : 1;
+                client.slowLooks += client.verdict == "slow_reader" ? 1 : 0;
+            }
+        }
+    }
+}
+
+/// What the relay told last of those that are not fast.
+void Load::printVerdicts() const {
+    for (const Client& client : m_clients) {
+        if (client.pace != Pace::Fast && !client.why.empty()) {
+            std::printf("the relay says of a %s client: %s\n", client.pace == Pace::Slow ? "slow" : "stalled",
+                        client.why.c_str());
+        }
+    }
 }
 
 std::string Load::describeStalled() const {
@@ -265,6 +321,8 @@ void Load::printRow() {
     const uint64_t bytes = sum(Pace::Fast, &MultipartReader::bytes);
     const uint64_t processor = processorTime(m_options.pid);
     const double resident = memory();
+    const nlohmann::json stats = askRelay();
+    readVerdicts(stats);
     if (m_settled == 0 && seconds() >= std::min(kSettle, m_options.seconds / 2)) {
         m_settled = resident;
     }
@@ -276,7 +334,7 @@ void Load::printRow() {
                 static_cast<uintmax_t>(sum(Pace::Slow, &MultipartReader::frames)),
                 static_cast<uintmax_t>(sum(Pace::Slow, &MultipartReader::missed)), describeStalled().c_str(),
                 static_cast<double>(processor - m_rowProcessor) / passed / 1e7, resident,
-                bufferText().c_str());
+                bufferText(stats).c_str());
     std::fflush(stdout);
     m_rowBegin = time;
     m_rowFrames = frames;
@@ -305,6 +363,14 @@ std::string Load::complaint() const {
         if (client.pace == Pace::Stalled && !client.closed && time > m_options.stallTimeout + kStallSlack) {
             return name + ", a stalled one, was not dropped";
         }
+        if (client.pace == Pace::Stalled && client.closed && client.looks != 0 &&
+            client.verdict != "stalled") {
+            return name + ", a stalled one, was told to be " + client.verdict + ": " + client.why;
+        }
+        if (client.pace == Pace::Slow && client.looks >= kLooks && client.reader.missed() > 0 &&
+            client.slowLooks * 2 < client.looks) {
+            return name + ", a slow one, was told to be " + client.verdict + ": " + client.why;
+        }
     }
     return m_settled > 0 && m_highest - m_settled > m_options.memory ? "the relay's memory grows" : "";
 }
@@ -313,6 +379,7 @@ int Load::printVerdict() const {
     const std::string wrong = complaint();
     const char* early = m_stopped ? " (stopped early)" : "";
     std::printf("\n");
+    printVerdicts();
     if (m_stopped && sum(Pace::Fast, &MultipartReader::frames) == 0) {
         std::printf("verdict: stopped before the first frame; there was nothing to verify\n");
         return 130;
@@ -348,6 +415,7 @@ int Load::run() {
             printRow();
         }
     }
+    readVerdicts(askRelay());
     return printVerdict();
 }
 

@@ -34,6 +34,8 @@ Client::~Client() {
 
 void Client::sample() {
     const MediaSenderStats stats = m_sender->GetStats();
+    SenderVerdict verdict;
+    m_sender->GetVerdict(verdict);  // verdicts are made by looks
     const uint64_t now_us = CTime::getCurrentMicroSecond();
     CGuard guard(m_mutex);
     if (now_us - m_sampled_us > kSample_us) {
@@ -51,6 +53,7 @@ void Client::sample() {
 Client::View Client::view() {
     View view;
     view.sender = m_sender->GetStats();
+    m_sender->GetVerdict(view.verdict);
     view.number = m_number;
     view.address = m_address;
     view.waiting = !view.sender.joined;

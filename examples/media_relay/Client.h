@@ -6,6 +6,7 @@
 
 #include <Infra/Mutex.h>
 #include <Reticor/MediaStreamSender.h>
+#include <Reticor/MediaVerdicts.h>
 
 namespace relay {
 
@@ -14,6 +15,7 @@ class Client {
 public:
     struct View {
         Orvex::Reticor::MediaSenderStats sender;
+        Orvex::Reticor::SenderVerdict verdict;  // why it is slow, if it is
         unsigned number = 0;
         std::string address;
         bool waiting = false;  // for a frame to begin with
@@ -30,8 +32,10 @@ public:
     Client& operator=(const Client&) = delete;
 
     Orvex::Reticor::CMediaStreamSender* sender() const { return m_sender; }
+    unsigned number() const { return m_number; }
+    const std::string& address() const { return m_address; }
 
-    /// Looks whether it is stalled, and how fast it goes; called every half second.
+    /// Looks whether it is stalled, how fast it goes, and what holds it up; called every half second.
     void sample();
 
     View view();

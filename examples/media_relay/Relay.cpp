@@ -2,9 +2,12 @@
 
 #include "media_relay/Relay.h"
 
+#include <sys/ioctl.h>
 #include <unistd.h>
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
+#include <map>
 
 #include <Infra/Log.h>
 #include <Infra/Time.h>
@@ -23,6 +26,8 @@ namespace {
 
 constexpr int64_t kTick_us = 500000;
 constexpr uint64_t kDrain_us = 5000000;  // for clients to get what is left, once the input has ended
+constexpr size_t kLeft = 64;             // clients that have gone, for the last verdicts on them
+constexpr size_t kWorst = 5;             // clients that the terminal shows
 
 /// Calls Relay::tick.
 class Ticker : public Member {
@@ -49,6 +54,11 @@ private:
     Relay& m_relay;
 };
 
+size_t terminalColumns() {
+    winsize size{};
+    return ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 1 ? size.ws_col : 80;
+}
+
 }  // namespace
 
 int Relay::run(EndSignals& signals, int fd) {
@@ -70,7 +80,7 @@ int Relay::run(EndSignals& signals, int fd) {
         startSource(fd);
         signals.wait();
         if (isatty(STDOUT_FILENO) != 0) {
-            std::printf("\n");
+            std::printf("\n\033[J");
         }
         setListener(nullptr);
         listener->stop();
@@ -114,6 +124,33 @@ unsigned Relay::takeNumber() {
     return ++m_lastNumber;
 }
 
+void Relay::noteLeft(const Client& client) {
+    CGuard guard(m_mutex);
+    m_left.push_front({client.sender()->GetID(), client.number(), client.address()});
+    if (m_left.size() > kLeft) {
+        m_left.pop_back();
+    }
+}
+
+/// Those that suffer most first; whoever still waits for its first frame comes last.
+std::vector<std::shared_ptr<Client>> Relay::clientsBySuffering() {
+    std::map<int64_t, size_t> places;
+    const auto place = [](void* context, const SenderVerdict& verdict) {
+        auto& found = *static_cast<std::map<int64_t, size_t>*>(context);
+        found.emplace(verdict.sender, found.size());
+        return true;
+    };
+    CMediaVerdicts::List(place, &places);
+    std::vector<std::shared_ptr<Client>> clients = m_stream.clients();
+    const auto placeOf = [&](const std::shared_ptr<Client>& client) {
+        const auto found = places.find(client->sender()->GetID());
+        return found != places.end() ? found->second : places.size();
+    };
+    std::stable_sort(clients.begin(), clients.end(),
+                     [&](const auto& a, const auto& b) { return placeOf(a) < placeOf(b); });
+    return clients;
+}
+
 void Relay::onSourceView(const SourceView& view) {
     CGuard guard(m_mutex);
     m_source = view;
@@ -155,22 +192,36 @@ void Relay::printStatus() {
     const LiveStream::Totals totals = m_stream.totals();
     double rate = 0;
     uint64_t lost = 0;
-    size_t clients = 0;
-    for (const auto& client : m_stream.clients()) {
+    const std::vector<std::shared_ptr<Client>> clients = clientsBySuffering();
+    for (const auto& client : clients) {
         const Client::View view = client->view();
         rate += view.rate;
         lost += view.sender.hole_frames + view.sender.skipped_frames;
-        ++clients;
     }
+    const std::string worst = describeWorst(clients);
     CGuard guard(m_mutex);
     std::printf(
-        "\r\033[K%7.1f s  %ju frames/s  %zu clients  %.2f MB/s out  buffer %u frames, %.2f MB  "
-        "dropped %ju frames, %ju clients",
-        m_source.seconds, static_cast<uintmax_t>(totals.frames - m_lastFrames), clients, rate / 1e6,
+        "\r\033[J%7.1f s  %ju frames/s  %zu clients  %.2f MB/s out  buffer %u frames, %.2f MB  "
+        "dropped %ju frames, %ju clients%s",
+        m_source.seconds, static_cast<uintmax_t>(totals.frames - m_lastFrames), clients.size(), rate / 1e6,
         buffer.frames, static_cast<double>(buffer.bytes) / 1e6, static_cast<uintmax_t>(lost),
-        static_cast<uintmax_t>(m_counters.stalled));
+        static_cast<uintmax_t>(m_counters.stalled), worst.c_str());
     std::fflush(stdout);
     m_lastFrames = totals.frames;
+}
+
+/// Below the status line, to which the cursor comes back.
+std::string Relay::describeWorst(const std::vector<std::shared_ptr<Client>>& clients) {
+    const size_t shown = std::min(clients.size(), kWorst);
+    std::string text;
+    const size_t columns = terminalColumns();
+    for (size_t i = 0; i < shown; ++i) {
+        char line[256];
+        const Client::View view = clients[i]->view();
+        std::snprintf(line, sizeof line, "  %-22s %s", view.address.c_str(), view.verdict.sentence);
+        text += "\n" + std::string(line).substr(0, columns - 1);  // a line that is broken would be two
+    }
+    return shown != 0 ? text + "\033[" + std::to_string(shown) + "A" : text;
 }
 
 }  // namespace relay

@@ -1,9 +1,13 @@
 // Relay: the whole of the program but its doors: the live stream, its input, and the counters.
 #pragma once
 
+#include <deque>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include <Infra/Mutex.h>
+#include <nlohmann/json_fwd.hpp>
 
 #include "media_relay/EndSignals.h"
 #include "media_relay/Listener.h"
@@ -44,6 +48,9 @@ public:
     /// /stats.json.
     std::string json();
 
+    /// A live client goes: what its last verdict is known by.
+    void noteLeft(const Client& client);
+
     /// Every half second, on a worker.
     void tick();
 
@@ -51,10 +58,20 @@ public:
     void onSourceEnd(const std::string& error) override;
 
 private:
+    /// A client that has gone, by its sender's id.
+    struct Left {
+        int64_t sender = 0;
+        unsigned number = 0;
+        std::string address;
+    };
+
+    std::vector<std::shared_ptr<Client>> clientsBySuffering();
+    nlohmann::json describeEnded();
     void setListener(Listener* listener);
     void startSource(int fd);
     void announce(const std::string& address) const;
     void printStatus();
+    static std::string describeWorst(const std::vector<std::shared_ptr<Client>>& clients);
     bool isOver();
 
     const Options m_options;
@@ -68,6 +85,7 @@ private:
     uint64_t m_ended_us INFRA_GUARDED_BY(m_mutex) = 0;  // when the input ended; 0 while it plays
     int m_result INFRA_GUARDED_BY(m_mutex) = 0;
     unsigned m_lastNumber INFRA_GUARDED_BY(m_mutex) = 0;
+    std::deque<Left> m_left INFRA_GUARDED_BY(m_mutex);  // the youngest first
 
     Listener* m_listener INFRA_GUARDED_BY(m_mutex) = nullptr;  // while it listens
 

@@ -264,6 +264,7 @@ void Session::abandon() {
 /// Nobody writes to the socket after this.
 void Session::release() {
     if (m_client != nullptr) {
+        m_relay.noteLeft(*m_client);
         m_relay.stream().leave(m_client);
         m_relay.count(&Counters::left);
         m_client->sender()->Detach();

@@ -1,5 +1,8 @@
 // Stats: /stats.json.
 
+#include <algorithm>
+#include <vector>
+
 #include <nlohmann/json.hpp>
 
 #include "media_relay/Relay.h"
@@ -8,7 +11,9 @@ namespace relay {
 
 using nlohmann::json;
 using Orvex::Infra::CGuard;
+using Orvex::Reticor::CMediaVerdicts;
 using Orvex::Reticor::MediaBufferStats;
+using Orvex::Reticor::SenderVerdict;
 
 namespace {
 
@@ -24,7 +29,12 @@ json describe(Client& client) {
             {"bytes", view.sender.bytes},
             {"bytes_per_second", view.rate},
             {"backlog_bytes", view.sender.backlog_bytes},
-            {"lag_ms", view.sender.lag_us / 1000},
+            {"lag_ms", view.verdict.lag_us / 1000},
+            {"verdict", CMediaVerdicts::GetName(view.verdict.kind)},
+            {"why", view.verdict.sentence},
+            {"unsent_bytes", view.verdict.unsent_bytes},
+            {"closed_percent", view.verdict.closed_percent},
+            {"rtt_us", view.verdict.rtt_us},
             {"dropped_frames", view.sender.hole_frames + view.sender.skipped_frames},
             {"holes", view.sender.holes},
             {"skips", view.sender.skips},
@@ -41,13 +51,38 @@ json describe(const MediaBufferStats& buffer) {
 
 }  // namespace
 
+/// How the last clients fared when they left, the youngest first.
+nlohmann::json Relay::describeEnded() {
+    std::vector<SenderVerdict> verdicts;
+    const auto keep = [](void* context, const SenderVerdict& verdict) {
+        static_cast<std::vector<SenderVerdict>*>(context)->push_back(verdict);
+        return true;
+    };
+    CMediaVerdicts::ListEnded(keep, &verdicts);
+    nlohmann::json rows = nlohmann::json::array();
+    CGuard guard(m_mutex);
+    for (const SenderVerdict& verdict : verdicts) {
+        const auto left = std::find_if(m_left.begin(), m_left.end(),
+                                       [&](const Left& one) { return one.sender == verdict.sender; });
+        if (left != m_left.end()) {
+            rows.push_back({{"number", left->number},
+                            {"address", left->address},
+                            {"verdict", CMediaVerdicts::GetName(verdict.kind)},
+                            {"why", verdict.sentence}});
+        }
+    }
+    return rows;
+}
+
 std::string Relay::json() {
     nlohmann::json clients = nlohmann::json::array();
-    for (const auto& client : m_stream.clients()) {
+    for (const auto& client : clientsBySuffering()) {
         clients.push_back(describe(*client));
     }
+    const nlohmann::json ended = describeEnded();
     const LiveStream::Totals totals = m_stream.totals();
     nlohmann::json all{{"clients", clients}, {"buffer", describe(m_stream.bufferStats())}};
+    all["ended"] = ended;
     CGuard guard(m_mutex);
     all["input"] = {{"kind", m_source.kind},
                     {"live", m_options.isTest() ? "/live.mjpg" : "/live.ts"},

@@ -104,9 +104,11 @@ TEST(Demo, ShowsWhenTheRelayHangsUpOnTheStalledClient) {
     while (program.readLine().find("0 on, 1 dropped") == std::string::npos && !program.hasEnded()) {
     }
     program.signal(SIGINT);
-    const std::string verdict = lastLine(program.exchange(""));
+    const std::string text = program.exchange("");
+    const std::string verdict = lastLine(text);
     EXPECT_EQ(0U, verdict.rfind("verdict: PASS (stopped early): ", 0)) << verdict;
     EXPECT_NE(std::string::npos, verdict.find("stalled ones: 0 on, 1 dropped")) << verdict;
+    EXPECT_NE(std::string::npos, text.find("the relay says of a stalled client: stalled for ")) << text;
     EXPECT_EQ(0, program.wait());
 }
 
