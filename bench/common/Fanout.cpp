@@ -64,6 +64,9 @@ FanoutOptions parseFanoutOptions(int argc, char** argv, const char* description)
         ->check(CLI::PositiveNumber);
     app.add_option("--threads", options.threads, "delivery threads")->check(CLI::Range(1U, 64U));
     app.add_option("--sndbuf", options.sendBuffer, "SO_SNDBUF of each client")->check(CLI::PositiveNumber);
+    app.add_option("--burst", options.burst, "frames of one turn at full speed")->check(CLI::Range(1U, 32U));
+    app.add_option("--gather", options.gathers,
+                   "whether one write may take several frames, where that is a choice");
     app.add_option("--max-lag", options.maxLagMs,
                    "a client that lags so many ms goes on at a key frame; 0: never");
     try {

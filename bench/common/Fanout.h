@@ -17,6 +17,8 @@ struct FanoutOptions {
     std::uint64_t gop = 50;          // every gop-th frame is a key frame
     unsigned threads = 1;            // delivery threads; clients are dealt to them in turn
     int sendBuffer = 131072;         // SO_SNDBUF of each client
+    unsigned burst = 8;              // frames that are made in one turn at full speed
+    bool gathers = true;             // Reticor: one write takes several frames
     unsigned maxLagMs = 1000;        // a slower client goes on at a later key frame; 0: never
 };
 

@@ -9,6 +9,7 @@ from tools import Server, calls_per_request
 NAMES = {
     "epoll": "plain epoll", "libevent": "libevent", "libuv": "libuv", "asio": "asio", "tbb": "TBB",
     "gstreamer": "GStreamer", "stdio": "fwrite, fread", "posix": "pwrite, pread", "reticor": "Reticor",
+    "reticor-single": "Reticor, a write per frame",
 }
 ECHO = ["epoll", "libevent", "libuv", "asio", "reticor"]
 FANOUT = ["epoll", "libevent", "gstreamer", "reticor"]
@@ -83,11 +84,14 @@ class FanoutRow:
         self.stream, self.clients, self.settle, self.seconds = stream, clients, settle, seconds
 
     def program(self, implementation):
-        return "fanout_server" if implementation == "reticor" else "fanout_" + implementation
+        return "fanout_server" if implementation.startswith("reticor") else "fanout_" + implementation
+
+    def server(self, implementation):
+        return self.stream.server() + (["--gather", "false"] if implementation == "reticor-single" else [])
 
     def measure(self, tools, implementation, scale):
         server_cpus, load_cpus = processor_each()
-        with Server(tools, self.program(implementation), *self.stream.server(), cpus=server_cpus) as server:
+        with Server(tools, self.program(implementation), *self.server(implementation), cpus=server_cpus) as server:
             return flat(tools.json("fanout_load", *self.load(server, scale), cpus=load_cpus))
 
     def load(self, server, scale):
@@ -96,24 +100,26 @@ class FanoutRow:
 
 
 class FanoutCountRow(FanoutRow):
-    """What a delivered frame costs a server besides time: system calls, allocations, copies. The calls are
-    counted in one run, and what happens inside the process in another one."""
+    """What a delivered frame costs a server besides time: system calls, allocations, copies, writes that find no room.
+    The calls are counted in one run, and what happens inside the process in another one."""
     group = "fanout-counts"
 
     def measure(self, tools, implementation, scale):
         server_cpus, load_cpus = processor_each()
-        with Server(tools, self.program(implementation), *self.stream.server(), cpus=server_cpus) as server:
+        with Server(tools, self.program(implementation), *self.server(implementation), cpus=server_cpus) as server:
             load = self.load(server, scale)
             result, calls = tools.counter(tools, server.pid, "fanout_load", load, load_cpus, window=True)
         figures = calls_per_request(calls, result["counted"])
         with tempfile.NamedTemporaryFile() as counts:
             inside = {"LD_PRELOAD": tools.path("CountInside.so"), "COUNT_INSIDE": counts.name}
-            with Server(tools, self.program(implementation), *self.stream.server(), cpus=server_cpus,
+            with Server(tools, self.program(implementation), *self.server(implementation), cpus=server_cpus,
                         environment=inside) as server:
                 load = [*self.load(server, scale), "--counts", counts.name]
                 result = tools.json("fanout_load", *load, cpus=load_cpus)
         figures["allocations"] = result["allocations_per_frame"]
         figures["copied"] = result["copied_per_byte"]
+        figures["writes"] = result["writes_per_frame"]
+        figures["full_writes"] = result["full_writes"]
         return figures
 
 
@@ -239,10 +245,17 @@ def all_rows(micro_programs):
                   Stream(25, 20000), ["--fast", 70, "--slow", 20, "--stuck", 10], settle=5, seconds=1.6),
         FanoutRow("fanout-fast", "25 frames/s of 20 KB; the 70 fast clients alone", Stream(25, 20000), ["--fast", 70],
                   implementations=["epoll", "reticor"]),
+        FanoutRow("fanout-halves", "1000 clients, 25 frames/s of 4 KB; 500 of them read half of it", Stream(25, 4000),
+                  ["--fast", 500, "--slow", 500, "--slow-rate", 50400], settle=5),
         FanoutRow("fanout-full", "50 clients, frames of 64 KB as fast as they go", Stream(0, 65536), ["--fast", 50],
-                  settle=0.4, seconds=0.8),
+                  settle=0.4, seconds=0.8, implementations=[*FANOUT, "reticor-single"]),
         FanoutCountRow("fanout-counts", "100 clients, 25 frames/s of 20 KB", Stream(25, 20000), ["--fast", 100],
                        settle=1.2, seconds=0.4),
+        FanoutCountRow("fanout-slow-counts", "25 frames/s of 20 KB; 70 fast clients, 20 that read 100 KB/s, 10 that "
+                       "never read", Stream(25, 20000), ["--fast", 70, "--slow", 20, "--stuck", 10], settle=5,
+                       seconds=0.8),
+        FanoutCountRow("fanout-full-counts", "50 clients, frames of 64 KB as fast as they go", Stream(0, 65536),
+                       ["--fast", 50], settle=0.4, seconds=0.8, implementations=[*FANOUT, "reticor-single"]),
         ProgramRow("messages", "Messages", ["asio", "tbb", "reticor"], message_arguments),
         ProgramRow("timers", "Timers", ["libuv", "libevent", "reticor"], timer_arguments),
         ProgramRow("ticks", "Ticks", ["reticor"], tick_arguments),

@@ -85,6 +85,8 @@ struct Tally {
 struct InsideCounts {
     std::uint64_t allocations = 0;
     std::uint64_t copiedBytes = 0;
+    std::uint64_t writes = 0;
+    std::uint64_t full = 0;  // of them
 };
 
 class Load {
@@ -372,6 +374,8 @@ nlohmann::json Load::measure() {
             static_cast<double>(countsEnd.allocations - countsBegin.allocations) / frames;
         result["copied_per_byte"] =
             static_cast<double>(countsEnd.copiedBytes - countsBegin.copiedBytes) / bytes;
+        result["writes_per_frame"] = static_cast<double>(countsEnd.writes - countsBegin.writes) / frames;
+        result["full_writes"] = countsEnd.full - countsBegin.full;
     }
     return result;
 }

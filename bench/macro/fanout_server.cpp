@@ -1,13 +1,9 @@
 // Fan-out server on Reticor: a media buffer per delivery thread, a sender per client, and frames whose
 // payload is a window of one table that all of them share, so that no byte of it is ever copied.
 #include <sched.h>
-#include <sys/epoll.h>
 #include <time.h>
 #include <unistd.h>
-#include <algorithm>
-#include <array>
 #include <atomic>
-#include <cerrno>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -15,6 +11,7 @@
 #include <vector>
 
 #include <Infra/Log.h>
+#include <Infra/Semaphore.h>
 #include <Reticor/MediaBuffer.h>
 #include <Reticor/MediaPacket.h>
 #include <Reticor/MediaStreamSender.h>
@@ -114,14 +111,20 @@ void SharedFrame::released() {
     }
 }
 
+// Stands for nothing but the number that goes with it.
+class NumberPacket : public CMediaPacket {
+public:
+    char* GetBuffer() override { return nullptr; }
+    int Release() override { return 0; }
+};
+
 class Viewer;
 
 // One producer with its media buffer. Clients come and go on workers of the pool.
 class Delivery {
 public:
     Delivery(const Bench::FanoutOptions& options, const Bench::PayloadTable& table)
-        : m_options(options), m_table(table), m_pace(options.fps), m_room(epoll_create1(EPOLL_CLOEXEC)) {}
-    ~Delivery() { close(m_room); }
+        : m_options(options), m_table(table), m_pace(options.fps) {}
     Delivery(const Delivery&) = delete;
     Delivery& operator=(const Delivery&) = delete;
 
@@ -137,13 +140,6 @@ public:
             m_stop = true;
         }
         m_thread.join();
-    }
-
-    // Edges alone are of interest: a client that is never full costs nothing, nor does one that stays full.
-    void watchRoom(int fd) {
-        epoll_event event{};
-        event.events = EPOLLOUT | EPOLLET;
-        epoll_ctl(m_room, EPOLL_CTL_ADD, fd, &event);
     }
 
     // False when the end has begun.
@@ -165,46 +161,46 @@ public:
 
     void endViewers();
 
+    // A client has finished a frame, or has stepped over some.
+    void onPassed(std::uint64_t next) {
+        if (next + Bench::kMostWaiting == m_made.load(std::memory_order_relaxed) && --m_late == 0) {
+            m_caughtUp.post();
+        }
+    }
+
 private:
-    // A step visits all clients, so room that several of them have at about the same time is used in one
-    // step.
-    static constexpr std::uint64_t kFullSpeedRestNs = 100000;
-    static constexpr std::uint64_t kPacedRestNs = 500000;
+    static constexpr unsigned kLookMs = 5;  // a client may have gone, or have stepped over frames
 
     void produce() {
         while (!m_stop) {
             const std::uint64_t now = Bench::nowNs();
-            const bool fullSpeed = m_options.fps == 0 && m_count != 0;
-            if (fullSpeed ? !someoneWaits() : m_pace.isDue(now)) {
-                makeFrame(now);
-                if (fullSpeed) {
-                    sched_yield();  // the buffer's lock is free for a moment: for clients that come or go
+            if (m_options.fps == 0 && m_count != 0) {
+                if (!someoneWaits()) {
+                    makeFrames(now);
+                } else {
+                    m_caughtUp.pend(kLookMs);
                 }
-            } else if (fullSpeed) {
-                sleepUntil(now + kFullSpeedRestNs);
-                goOn();
-            } else if (waitForRoom(m_pace.dueNs() - now)) {
-                goOn();
-                sleepUntil(std::min(now + kPacedRestNs, m_pace.dueNs()));
+            } else if (m_pace.isDue(now)) {
+                makeFrame(now);
+            } else {
+                sleepUntil(m_pace.dueNs());
             }
         }
     }
 
-    // Waits until a blocked client has room again, if the buffer still has something for it; false when the
-    // time is up.
-    bool waitForRoom(std::uint64_t ns) {
-        std::array<epoll_event, 256> events;
-        const timespec time{static_cast<time_t>(ns / 1000000000), static_cast<long>(ns % 1000000000)};
-        return epoll_pwait2(m_room, events.data(), static_cast<int>(events.size()), &time, nullptr) > 0 &&
-               m_buffer.GetBufferNum() > 0;
-    }
-
-    // Lets clients go on with what they have not got yet, without making the frames older.
-    void goOn() { m_buffer.put(nullptr, 0, MEDIA_MARK_LAST, 0, false); }
-
-    // Whether a client has more frames waiting than may be. The buffer also holds frames that nobody waits
-    // for, while all clients wait for a key frame.
+    // Whether a client has more frames waiting than may be. The last one of them to catch up says so.
     bool someoneWaits();
+
+    void makeFrames(std::uint64_t now) {
+        if (m_options.gathers) {
+            m_buffer.Hold();
+        }
+        for (unsigned i = m_options.burst; i != 0; --i) {
+            makeFrame(now);
+        }
+        m_buffer.Flush();
+        sched_yield();  // the buffer's lock is free for a moment: for clients that come or go
+    }
 
     void makeFrame(std::uint64_t now) {
         m_pace.advance(now);
@@ -216,6 +212,7 @@ private:
         header.level = static_cast<std::uint8_t>(key ? Bench::kKeyLevel : Bench::kOtherLevel);
         SharedFrame* frame = m_store.take();
         frame->fill(header, m_table.window(m_made));
+        m_buffer.PutFrameInfo(&m_number, static_cast<int>(m_made));
         ++m_made;
         const int level = mediaLevel(0, header.level);
         m_buffer.Put(frame->header(), static_cast<int>(Bench::FrameHeader::kSize), MEDIA_MARK_MORE, level);
@@ -230,10 +227,12 @@ private:
     const Bench::FanoutOptions m_options;
     const Bench::PayloadTable& m_table;
     Bench::FramePace m_pace;
-    int m_room;          // epoll instance with all clients' sockets, which leave it when they are closed
     FrameStore m_store;  // outlives the buffer, which gives frames back when it ends
     CMediaBuffer m_buffer;
-    std::uint64_t m_made = 0;
+    NumberPacket m_number;
+    std::atomic<std::uint64_t> m_made{0};
+    std::atomic<long> m_late{0};
+    Infra::CSemaphore m_caughtUp{0};
     std::thread m_thread;
     std::atomic<bool> m_stop{false};
     std::mutex m_mutex;
@@ -250,13 +249,18 @@ public:
         self->m_stream.SetSockNoDelay(true);
         Bench::limitKernelQueue(fd, options);
         self->m_sender = CMediaStreamSender::Create();
+        self->m_sender->AddRef();
         self->m_sender->Attach(&self->m_stream);
+        self->m_sender->WaitRoom(self->GetID());
+        self->m_sender->SetGather(options.gathers);
+        if (options.fps == 0) {
+            self->m_sender->AttachSendProc({&Viewer::onFrame, self});
+        }
         self->m_sender->WaitException(self->GetID());
         self->m_sender->SetResumePolicy(options.maxLagMs, MediaResume::STRICT);
         self->AddRef();  // it may end before this returns
         if (delivery.enter(self)) {
             delivery.buffer().AddSender(self->m_sender);
-            delivery.watchRoom(fd);
             self->RegisterSock(self->m_stream, SOCK_READ, 0);
         } else {
             self->end();
@@ -270,17 +274,21 @@ public:
         return m_stream.Recv(room, sizeof room) < 0 ? end() : 0;
     }
 
+    int handle_output(int fd) override { return m_sender->handle_output(fd); }
+
     int handle_message(long, unsigned int msg, long) override {
         return msg == MEDIA_MSG_SOCKET_FAILED ? end() : 0;
     }
 
     int handle_close(CNetHandler* self) override {
+        m_sender->DecRef();
         delete self;
         alive.leave();
         return 0;
     }
 
-    std::uint64_t backlog() { return m_sender->GetStats().backlog_bytes; }
+    // The number of the frame that it gets next; 0 before its first one.
+    std::uint64_t next() const { return m_next.load(std::memory_order_relaxed); }
 
     // The socket is closed with the object, when no call can be running any more.
     int end() {
@@ -298,20 +306,32 @@ public:
 private:
     explicit Viewer(Delivery& delivery) : m_delivery(delivery) { alive.enter(); }
 
+    // Inside the buffer's lock.
+    void onFrame(CMediaPacket*, int number, int) {
+        m_next.store(static_cast<std::uint64_t>(number) + 1, std::memory_order_relaxed);
+        m_delivery.onPassed(static_cast<std::uint64_t>(number) + 1);
+    }
+
     Delivery& m_delivery;
+    std::atomic<std::uint64_t> m_next{0};
     CSockStream m_stream;
     CMediaStreamSender* m_sender = nullptr;
     std::atomic<bool> m_ended{false};
 };
 
+// Whoever catches up while they are counted is told apart by the offset: then it is looked again too early
+// at worst.
 bool Delivery::someoneWaits() {
-    if (static_cast<std::uint64_t>(m_buffer.GetBufferNum()) <= Bench::kMostWaiting) {
-        return false;
+    constexpr long kOffset = 1 << 20;
+    m_late = kOffset;
+    long late = 0;
+    {
+        const std::lock_guard<std::mutex> guard(m_mutex);
+        for (const Viewer* viewer : m_viewers) {
+            late += viewer->next() != 0 && viewer->next() + Bench::kMostWaiting < m_made ? 1 : 0;
+        }
     }
-    const std::uint64_t most = Bench::kMostWaiting * (Bench::FrameHeader::kSize + m_options.frameBytes);
-    const std::lock_guard<std::mutex> guard(m_mutex);
-    return std::any_of(m_viewers.begin(), m_viewers.end(),
-                       [most](Viewer* viewer) { return viewer->backlog() > most; });
+    return late != 0 && m_late.fetch_sub(kOffset - late) > kOffset - late;
 }
 
 void Delivery::endViewers() {

@@ -70,7 +70,7 @@ public:
     }
 
 private:
-    static constexpr std::size_t kMostFrames = 8;  // of one writev
+    static constexpr std::size_t kMostFrames = 16;  // of one writev
 
     bool someoneWaits() const {
         for (const auto& client : m_clients) {
@@ -83,7 +83,9 @@ private:
 
     void makeFrame(std::uint64_t now) {
         m_pace.advance(now);
-        m_ring.make();
+        for (unsigned i = m_options.fps == 0 && !m_clients.empty() ? m_options.burst : 1; i != 0; --i) {
+            m_ring.make();
+        }
         for (std::size_t i = m_clients.size();
              i-- > 0;) {  // a client that ends gives its place to the last one
             if (!m_clients[i]->blocked) {

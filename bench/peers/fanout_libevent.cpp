@@ -74,7 +74,7 @@ public:
     }
 
 private:
-    static constexpr std::uint64_t kMostFrames = 8;  // in an evbuffer
+    static constexpr std::uint64_t kMostFrames = 16;  // in an evbuffer
 
     static void onTimer(evutil_socket_t, short, void*) {}  // it ends the wait
 
@@ -113,7 +113,9 @@ private:
 
     void makeFrame(std::uint64_t now) {
         m_pace.advance(now);
-        m_ring.make();
+        for (unsigned i = m_options.fps == 0 && !m_clients.empty() ? m_options.burst : 1; i != 0; --i) {
+            m_ring.make();
+        }
         for (std::size_t i = m_clients.size();
              i-- > 0;) {  // a client that ends gives its place to the last one
             if (!m_clients[i]->blocked) {

@@ -1,8 +1,11 @@
-// Loaded into a server by LD_PRELOAD: counts heap allocations and the bytes of large copies, from the first
-// call on, in the file that the variable COUNT_INSIDE names, where others may look at any time. Two 64-bit
-// numbers of the machine's order.
+// Loaded into a server by LD_PRELOAD: counts heap allocations, the bytes of large copies, writes to sockets
+// and those of them that found no room, from the first call on, in the file that the variable COUNT_INSIDE
+// names, where others may look at any time. Four 64-bit numbers of the machine's order.
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/uio.h>
 #include <unistd.h>
 #include <atomic>
 #include <cerrno>
@@ -23,6 +26,8 @@ namespace {
 struct Counts {
     std::atomic<std::uint64_t> allocations{0};
     std::atomic<std::uint64_t> copiedBytes{0};
+    std::atomic<std::uint64_t> writes{0};
+    std::atomic<std::uint64_t> full{0};
 };
 
 // Smaller copies are headers and the like, no payload.
@@ -47,6 +52,14 @@ __attribute__((constructor)) void openCounts() {
 
 void noteAllocation() {
     counts->allocations.fetch_add(1, std::memory_order_relaxed);
+}
+
+ssize_t noteWrite(long result) {
+    counts->writes.fetch_add(1, std::memory_order_relaxed);
+    if (result < 0 && errno == EAGAIN) {
+        counts->full.fetch_add(1, std::memory_order_relaxed);
+    }
+    return result;
 }
 
 // Volatile, or the compiler would make a call of memcpy out of it.
@@ -115,6 +128,18 @@ void* memcpy(void* __restrict to, const void* __restrict from, std::size_t size)
 
 void* memmove(void* to, const void* from, std::size_t size) noexcept {
     return copy(to, from, size);
+}
+
+ssize_t writev(int fd, const iovec* pieces, int count) {
+    return noteWrite(syscall(SYS_writev, fd, pieces, count));
+}
+
+ssize_t sendmsg(int fd, const msghdr* message, int flags) {
+    return noteWrite(syscall(SYS_sendmsg, fd, message, flags));
+}
+
+ssize_t send(int fd, const void* bytes, std::size_t size, int flags) {
+    return noteWrite(syscall(SYS_sendto, fd, bytes, size, flags, nullptr, 0));
 }
 
 // What a build with _FORTIFY_SOURCE calls instead.
