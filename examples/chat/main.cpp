@@ -6,76 +6,26 @@
 //  - connections that talk to each other by posted calls: what belongs to one guest is touched by the calls
 //    of its connection alone, and needs no lock; the room, which all share, has one;
 //  - one slow reader holds nobody up: it misses lines, and is told how many.
-#include <sys/resource.h>
 #include <cctype>
 #include <cstdio>
-#include <deque>
-#include <map>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include <CLI/CLI.hpp>
 
-#include <Infra/Mutex.h>
 #include <Reticor/kit/Server.h>
 
+#include "chat/Room.h"
+
 namespace Kit = Orvex::Reticor::Kit;
+using chat::Room;
 using Kit::Connection;
-using Orvex::Infra::CGuard;
 
 namespace {
 
-constexpr size_t kMaxLine = 512;       // bytes; whoever sends more without a line end is put out
-constexpr size_t kMaxName = 20;        // bytes
-constexpr size_t kLinesKept = 1000;    // of the room
-constexpr size_t kMaxPending = 65536;  // bytes that wait for a slow reader, before it begins to miss lines
-
-class Guest;
-
-/// Names and lines. Outlives the server.
-class Room {
-public:
-    bool join(const std::string& name, const std::shared_ptr<Guest>& guest, size_t& position) {
-        CGuard guard(m_mutex);
-        position = m_first + m_lines.size();  // the newcomer reads what comes from now on
-        return m_guests.emplace(name, guest).second;
-    }
-    void leave(const std::string& name) {
-        CGuard guard(m_mutex);
-        m_guests.erase(name);
-    }
-    void say(const std::string& from, const std::string& text);
-
-    /// What others have said since `position`, which moves to the end.
-    std::string read(const std::string& reader, size_t& position) {
-        CGuard guard(m_mutex);
-        std::string text;
-        if (position < m_first) {
-            text = "* you missed " + std::to_string(m_first - position) + " lines\n";
-            position = m_first;
-        }
-        for (; position < m_first + m_lines.size(); ++position) {
-            const auto& line = m_lines[position - m_first];
-            text += line.first != reader ? line.second : "";
-        }
-        return text;
-    }
-    std::string who() {
-        CGuard guard(m_mutex);
-        std::string text = "* here:";
-        for (const auto& guest : m_guests) {
-            text += " " + guest.first;
-        }
-        return text + "\n";
-    }
-
-private:
-    Orvex::Infra::CMutex m_mutex;
-    std::map<std::string, std::shared_ptr<Guest>> m_guests INFRA_GUARDED_BY(m_mutex);
-    std::deque<std::pair<std::string, std::string>> m_lines INFRA_GUARDED_BY(m_mutex);  // by whom, and what
-    size_t m_first INFRA_GUARDED_BY(m_mutex) = 0;  // number of the oldest line kept
-};
+constexpr size_t MAX_LINE = 512;       // bytes; whoever sends more without a line end is put out
+constexpr size_t MAX_NAME = 20;        // bytes
+constexpr size_t MAX_PENDING = 65536;  // bytes that wait for a slow reader, before it begins to miss lines
 
 /// One person. All of it belongs to the calls of its connection.
 class Guest : public std::enable_shared_from_this<Guest> {
@@ -89,11 +39,6 @@ public:
         m_connection.write("your name?\n");
     }
 
-    /// Any thread.
-    void hasNews() {
-        m_connection.post([self = shared_from_this()](Connection&) { self->tellNews(); });
-    }
-
 private:
     void take(std::string_view bytes) {
         m_input += bytes;
@@ -104,9 +49,9 @@ private:
                 line += byte >= 32 && byte != 127 ? std::string(1, c) : "";
             }
             m_input.erase(0, end + 1);
-            line.size() > kMaxLine ? m_connection.close() : onLine(line);
+            line.size() > MAX_LINE ? m_connection.close() : onLine(line);
         }
-        if (m_input.size() > kMaxLine) {
+        if (m_input.size() > MAX_LINE) {
             m_connection.close();
         }
     }
@@ -124,13 +69,16 @@ private:
     }
 
     void enter(const std::string& name) {
-        bool good = !name.empty() && name.size() <= kMaxName;
+        bool good = !name.empty() && name.size() <= MAX_NAME;
         for (const char c : name) {
             good = good && (std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '-' || c == '_');
         }
+        const auto news = [self = shared_from_this()] {  // is called on any thread
+            self->m_connection.post([self](Connection&) { self->tellNews(); });
+        };
         if (!good) {
             m_connection.write("* a name has 1 to 20 letters, digits, - or _\n");
-        } else if (!m_room.join(name, shared_from_this(), m_position)) {
+        } else if (!m_room.join(name, news, m_position)) {
             m_connection.write("* that name is taken\n");
         } else {
             m_name = name;
@@ -140,7 +88,7 @@ private:
     }
 
     void tellNews() {
-        if (!m_name.empty() && m_connection.waiting() < kMaxPending) {
+        if (!m_name.empty() && m_connection.waiting() < MAX_PENDING) {
             m_connection.write(m_room.read(m_name, m_position));
         }
     }
@@ -158,20 +106,6 @@ private:
     std::string m_input;    // the beginning of a line
     size_t m_position = 0;  // number of the next line to read in the room
 };
-
-void Room::say(const std::string& from, const std::string& text) {
-    CGuard guard(m_mutex);
-    m_lines.emplace_back(from, text);
-    if (m_lines.size() > kLinesKept) {
-        m_lines.pop_front();
-        ++m_first;
-    }
-    for (const auto& guest : m_guests) {
-        if (guest.first != from) {
-            guest.second->hasNews();
-        }
-    }
-}
 
 }  // namespace
 
