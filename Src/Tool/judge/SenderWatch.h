@@ -11,7 +11,6 @@ namespace Orvex::Reticor {
 struct SenderWatch {
     SenderJudge judge;
     int64_t sender = 0;       ///< Its id, also when it is closed.
-    uint64_t buffer = 0;      ///< The number of the buffer on whose list it was looked at last.
     uint64_t blocked_us = 0;  ///< For how long its socket was full, but for this time.
     bool has_left = false;    ///< `last` is how it fared when it left its list.
     SenderVerdict last;

@@ -166,7 +166,9 @@ void VerdictText::write(SenderVerdict& verdict) {
             break;
         case SenderVerdictKind::STALLED:
             sentence.add("stalled for %s", Figure::seconds(verdict.quiet_us).text());
-            if (verdict.left_us != NEVER) {
+            if (verdict.left_us == 0) {
+                sentence.add(verdict.listed != 0 ? ": its time is over" : ": hung up on");
+            } else if (verdict.left_us != NEVER) {
                 sentence.add(": hung up on in %s", Figure::seconds(verdict.left_us).text());
             }
             break;

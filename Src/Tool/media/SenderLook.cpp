@@ -105,13 +105,13 @@ SenderVerdict SenderLook::tell(SenderRecord& record) {
 void SenderLook::leave(SenderRecord& record) {
     SenderWatch& watch = *record.m_watch;
     const uint64_t now_us = Infra::CTime::getCurrentMicroSecond();
-    if (watch.buffer != m_buffer || watch.has_left ||
-        now_us - watch.judge.last().now_us > Infra::relaxedLoad(sm_window_us)) {
+    if (now_us - watch.judge.last().now_us > Infra::relaxedLoad(sm_window_us)) {
         return;
     }
     look(record);
     watch.last = describe(record);
     watch.last.listed = 0;
+    VerdictText::write(watch.last);
     watch.has_left = true;
 }
 
@@ -126,10 +126,6 @@ void SenderLook::look(SenderRecord& record) {
     SenderWatch& watch = *record.m_watch;
     const uint64_t now_us = Infra::CTime::getCurrentMicroSecond();
     const uint64_t window_us = Infra::relaxedLoad(sm_window_us);
-    if (watch.buffer != m_buffer) {
-        watch.judge = SenderJudge();
-        watch.buffer = m_buffer;
-    }
     m_bursts.watch(now_us);
     if (watch.judge.is_due(now_us, window_us)) {
         watch.judge.add(read(record, now_us), window_us);

@@ -64,6 +64,11 @@ TEST(VerdictText, LeavesOutWhatIsNotKnown) {
     SenderVerdict endless = verdictOfKind(SenderVerdictKind::STALLED);
     endless.left_us = ~uint64_t{0};
     EXPECT_EQ("stalled for 3.2 s", sentenceOf(endless));
+    SenderVerdict over = verdictOfKind(SenderVerdictKind::STALLED);
+    over.left_us = 0;
+    EXPECT_EQ("stalled for 3.2 s: hung up on", sentenceOf(over));
+    over.listed = 1;
+    EXPECT_EQ("stalled for 3.2 s: its time is over", sentenceOf(over));
     SenderVerdict other = verdictOfKind(SenderVerdictKind::BOTH);
     other.is_tcp = 0;
     EXPECT_EQ("takes 1.2 of 4.0 Mbit/s: its socket is full", sentenceOf(other));
@@ -83,6 +88,21 @@ TEST(VerdictText, ChoosesUnitsAndHasRoomForAllFigures) {
     huge.closed_percent = 100;
     const std::string text = sentenceOf(huge);
     EXPECT_NE(std::string::npos, text.find("rtt 4294966 ms")) << text;
+}
+
+TEST(VerdictText, ThoseThatGetNothingSufferMostAndThenTheLatest) {
+    SenderVerdict stalled = verdictOfKind(SenderVerdictKind::STALLED);
+    SenderVerdict slow = verdictOfKind(SenderVerdictKind::SLOW_READER);
+    SenderVerdict slower = verdictOfKind(SenderVerdictKind::NETWORK);
+    const SenderVerdict fine = verdictOfKind(SenderVerdictKind::KEEPS_UP);
+    stalled.lag_us = 1;
+    slow.lag_us = 2;
+    slower.lag_us = 3;
+    EXPECT_TRUE(VerdictText::suffers_more(stalled, slower));
+    EXPECT_TRUE(VerdictText::suffers_more(slower, slow));
+    EXPECT_TRUE(VerdictText::suffers_more(slow, fine));
+    EXPECT_FALSE(VerdictText::suffers_more(fine, slow));
+    EXPECT_FALSE(VerdictText::suffers_more(slow, slow));
 }
 
 }  // namespace Orvex::Testing

@@ -194,6 +194,7 @@ TEST_F(MediaVerdictsLive, ADeadNetworkIsAnotherVerdictThanAStall) {
     EXPECT_TRUE(begins(verdict, "silent for ")) << verdict.sentence;
     EXPECT_GT(verdict.unacked, 0U);
     EXPECT_GT(verdict.unsent_bytes, 0U);
+    EXPECT_GE(verdict.lag_bytes, verdict.unsent_bytes);
     EXPECT_GE(verdict.lag_us, verdict.quiet_us) << "what the kernel holds is late too";
 }
 

@@ -71,8 +71,8 @@ protected:
 }  // namespace
 
 TEST_F(MediaVerdictsOfSenders, AreListedWithThoseThatSufferMostFirst) {
-    MediaClient& fine = joinedClient();
     MediaClient& stuck = joinedClient();
+    MediaClient& fine = joinedClient();  // the newest is the first on the list
     stuck.sock.setRoom(0);
     const Verdicts found = pass(4);
     ASSERT_EQ(2U, found.size());
