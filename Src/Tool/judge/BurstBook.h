@@ -11,7 +11,8 @@ namespace Orvex::Reticor {
 /// Thread safety: guarded by the lock of its buffer.
 class BurstBook {
 public:
-    /// Frames within so long are one burst.
+    /// Frames within so long are one burst. Times of that length overlap by half: what came within 25 ms is
+    /// never cut in two.
     static constexpr uint64_t BURST_US = 50000;
     /// The largest burst is one of this period and the one before.
     static constexpr uint64_t PERIOD_US = 10000000;
@@ -41,24 +42,34 @@ public:
             m_largest = Burst();
             m_period_us = now_us;
         }
-        if (now_us - m_begin_us >= BURST_US) {
-            m_begin_us = now_us;
-            m_now = Burst();
-        }
-        m_now.bytes += bytes;
-        m_now.took_us = now_us - m_begin_us;
-        if (m_now.bytes > m_largest.bytes) {
-            m_largest = m_now;
-        }
+        add(m_even, now_us / BURST_US, now_us, bytes);
+        add(m_odd, (now_us + BURST_US / 2) / BURST_US, now_us, bytes);
     }
 
     Burst largest() const { return m_before.bytes > m_largest.bytes ? m_before : m_largest; }
 
 private:
+    /// What came in one time.
+    struct Pile {
+        uint64_t number = 0;  ///< Of the time.
+        uint64_t begin_us = 0;
+        uint64_t bytes = 0;
+    };
+
+    void add(Pile& pile, uint64_t number, uint64_t now_us, uint64_t bytes) {
+        if (pile.number != number) {
+            pile = {number, now_us, 0};
+        }
+        pile.bytes += bytes;
+        if (pile.bytes > m_largest.bytes) {
+            m_largest = {pile.bytes, now_us - pile.begin_us};
+        }
+    }
+
     uint64_t m_until_us = 0;  ///< 0: nobody looks.
     uint64_t m_period_us = 0;
-    uint64_t m_begin_us = 0;
-    Burst m_now;
+    Pile m_even;
+    Pile m_odd;
     Burst m_largest;
     Burst m_before;
 };

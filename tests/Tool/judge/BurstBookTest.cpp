@@ -23,11 +23,21 @@ TEST(BurstBook, KnowsTheMostThatCameAtOnce) {
     EXPECT_EQ(1000U, book.largest().bytes);
     const uint64_t burst_us = BOOK_US + 3000000;
     for (uint64_t i = 0; i <= 4; ++i) {
-        book.note(burst_us + i * 10000, 420000);
+        book.note(burst_us + i * 5000, 420000);
     }
     book.note(burst_us + BurstBook::BURST_US, 1000);
     EXPECT_EQ(2100000U, book.largest().bytes);
-    EXPECT_EQ(40000U, book.largest().took_us);
+    EXPECT_EQ(20000U, book.largest().took_us);
+}
+
+TEST(BurstBook, DoesNotCutWhatCameWithinAMoment) {
+    for (uint64_t begin_us = 0; begin_us < BurstBook::BURST_US; begin_us += 500) {
+        BurstBook book;
+        book.watch(BOOK_US);
+        book.note(BOOK_US + begin_us, 1000);
+        book.note(BOOK_US + begin_us + BurstBook::BURST_US / 2, 1000);
+        EXPECT_EQ(2000U, book.largest().bytes) << begin_us;
+    }
 }
 
 TEST(BurstBook, ForgetsItAfterTwoPeriods) {

@@ -219,9 +219,7 @@ TEST_F(MediaVerdictsLive, ABurstIsTheProducers) {
     for (uint64_t end_us = liveNow() + 600000; liveNow() < end_us;) {
         step();
     }
-    for (int i = 0; i < 10; ++i) {
-        putFrame(100000);
-    }
+    putFrame(1000000);
     const SenderVerdict verdict = await(SenderVerdictKind::BURST);
     EXPECT_TRUE(begins(verdict, "the producer's burst of 1.0 MB in ")) << verdict.sentence;
 }
