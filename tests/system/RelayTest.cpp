@@ -181,6 +181,9 @@ TEST(Relay, DropsAStalledClientAndHurtsNobodyElse) {
     EXPECT_TRUE(shown);
     EXPECT_TRUE(reader.isGood());
     EXPECT_EQ(0U, reader.missed());
+    ASSERT_EVENTUALLY(relay.stats()["ended"].size() == 1U);
+    EXPECT_EQ(1, relay.stats()["ended"][0]["number"]) << "how it fared when it left";
+    EXPECT_NE("", relay.stats()["clients"][0]["why"]);
     EXPECT_EQ(1U, relay.stats()["clients"].size());
     EXPECT_EQ(0, relay.end());
 }
