@@ -2,7 +2,7 @@
 // others, and what SetKernelLag does to the lag of a slow one. Real sockets over loopback, 25 frames a
 // second, key frames of 170 KB, others of 17 KB.
 //
-//   viewer_starts [--seconds N]
+//   viewer_starts [--seconds N]     0: without the slow ones
 //
 // Prints a JSON list with an object for each figure.
 #include <poll.h>
@@ -59,6 +59,24 @@ struct Arrival {
     std::exit(1);
 }
 
+// Whoever reads a viewer's socket on this side, so that its sender can wait for room.
+class Owner : public CNetHandler {
+public:
+    explicit Owner(CMediaStreamSender* sender) : m_sender(sender) { m_sender->AddRef(); }
+    using CNetHandler::RegisterSock;
+    using CNetHandler::RemoveSock;
+    int handle_input(int) override { return 0; }
+    int handle_output(int fd) override { return m_sender->handle_output(fd); }
+    int handle_close(CNetHandler* self) override {
+        m_sender->DecRef();
+        delete self;
+        return 0;
+    }
+
+private:
+    CMediaStreamSender* const m_sender;
+};
+
 // A viewer: a sender, and a thread that reads the other end, at `rate` bytes a second; 0: at once.
 class Viewer {
 public:
@@ -84,6 +102,10 @@ public:
     ~Viewer() {
         end();
         sender->Detach();
+        if (m_owner != nullptr) {
+            m_owner->RemoveSock(m_sock);
+            m_owner->Close();
+        }
         m_sock.Close();
         sender->Close();
         ::close(m_far);
@@ -92,6 +114,12 @@ public:
         if (m_reader.joinable()) {
             ::shutdown(m_far, SHUT_RDWR);
             m_reader.join();
+        }
+    }
+    void wait_room() {
+        m_owner = new Owner(sender);
+        if (m_owner->RegisterSock(m_sock, SOCK_READ, 0) != 0 || sender->WaitRoom(m_owner->GetID()) != 0) {
+            die("wait for room");
         }
     }
     std::vector<Arrival> arrivals() {
@@ -145,6 +173,7 @@ private:
     }
 
     const double m_rate;
+    Owner* m_owner = nullptr;
     CSockStream m_sock;
     int m_far = -1;
     std::thread m_reader;
@@ -276,7 +305,7 @@ json live() {
 }
 
 // What another viewer's frames take while so many come at once.
-json crowd(int count) {
+json crowd(int count, bool wait_room) {
     Camera camera(250);
     camera.buffer.SetStartCache(60000, 1 << 26);
     for (int frame = 0; frame < 220; ++frame) {
@@ -287,6 +316,9 @@ json crowd(int count) {
     std::vector<std::unique_ptr<Viewer>> crowd;
     for (int i = 0; i < count; ++i) {
         crowd.push_back(std::make_unique<Viewer>());
+        if (wait_room) {
+            crowd.back()->wait_room();
+        }
     }
     std::thread joins([&] {
         ::usleep(300000);
@@ -305,7 +337,10 @@ json crowd(int count) {
         camera.buffer.DelSender(one->sender);
     }
     camera.buffer.DelSender(other.sender);
-    return {{"what", "another viewer's frames"}, {"joiners", count}, {"worst_ms", worst}};
+    return {{"what", "another viewer's frames"},
+            {"joiners", count},
+            {"wait_room", wait_room},
+            {"worst_ms", worst}};
 }
 
 // The lag of pictures on a link that is read at a share of the stream's rate.
@@ -354,11 +389,12 @@ int main(int argc, char** argv) {
         rows.push_back(first_picture(group, true));
     }
     rows.push_back(live());
-    rows.push_back(crowd(0));
-    rows.push_back(crowd(100));
+    rows.push_back(crowd(0, false));
+    rows.push_back(crowd(100, false));
+    rows.push_back(crowd(100, true));
     std::vector<std::thread> runs;
     std::mutex mutex;
-    for (const int percent : {50, 200, 1000}) {
+    for (const int percent : seconds > 0 ? std::vector<int>{50, 200, 1000} : std::vector<int>{}) {
         for (const int receive_bytes : {16384, 0}) {
             for (const unsigned limit_ms : {0U, 100U}) {
                 runs.emplace_back([&, percent, receive_bytes, limit_ms] {

@@ -180,8 +180,10 @@ public:
     /// together, and nothing is held until the next key frame: choose both for the longest group. Releases
     /// come later by as much. May change at any time.
     ///
-    /// Until it has caught up such a sender is sent half a megabyte in one turn, up to the end of a frame,
-    /// and 16 such senders have a turn in a step.
+    /// Until it is past what is held then, such a sender is sent half a megabyte in one turn, up to the end
+    /// of a frame. These turns come after those of the others, and after 4 MB no other one begins in that
+    /// step: whoever had none is first in the next one. Those that wait for room
+    /// (CMediaStreamSender::WaitRoom) do not wait for a step: workers go on with them, for 4 MB between two.
     void SetStartCache(unsigned keep_ms, unsigned long long most_bytes);
 
     /// Reads the figures of the start cache, under the lock, by a walk over its frames. Fills as much as

@@ -225,8 +225,10 @@ public:
     /// takes the buffer's lock.
     ///
     /// Frames that the sender is past are released by the next frame or tick. A sender with a resume policy
-    /// steps ahead, without a write, also while it waits. The limit of SetSendTimeout is kept by a timer,
-    /// from the write on that the socket did not take whole.
+    /// steps ahead, without a write, also while it waits. One that catches up with a start cache
+    /// (CMediaBuffer::SetStartCache) waits after each share of what is held, and so has its next one on a
+    /// worker. The limit of SetSendTimeout is kept by a timer, from the write on that the socket did not take
+    /// whole.
     ///
     /// Where it cannot wait it goes on trying as without this, and counts it (GetRoomStats): the owner is
     /// closed or does not read the socket, the pool's write set is full, the socket is registered for writing

@@ -121,19 +121,27 @@ bool MediaBufferState::goes_with_this_step(SenderRecord& record) INFRA_NO_THREAD
 
 // Room.
 
-// Between two steps there is no frame on offer: it goes on with what it has not got yet.
+// Between two steps there is no frame on offer: it goes on with what it has not got yet. One that catches up
+// when the bytes until the next step are used up has its turn there.
 void MediaBufferState::go_on(SenderRecord& record) {
     if (record.m_list != m_core.get() || !record.m_full || record.m_leaving) {
         return;
     }
     record.m_room.note_room();
     record.set_full(false);
+    const bool catches_up = record.catches_up();
+    if (catches_up && !m_shares.any_between()) {
+        m_waiting.settle(record);
+        return;
+    }
     if (record.wants_keep() != record.m_keeps) {
         change_mode(record);
     }
     const bool rest = record.has_rest();
+    const uint64_t bytes_before = record.m_stats.bytes;
     MediaSending turn(record);
     const TurnEnd end = turn.run(nullptr);
+    m_shares.count_between(catches_up ? record.m_stats.bytes - bytes_before : 0);
     if (end != TurnEnd::DONE) {
         turn.report();
     }
@@ -143,7 +151,7 @@ void MediaBufferState::go_on(SenderRecord& record) {
     if (is_failure(end)) {
         fail(record);
     } else {
-        m_waiting.settle(record);
+        end_share(record);
     }
 }
 
@@ -227,6 +235,7 @@ std::optional<uint64_t> MediaBufferState::give_turns() {
         should_discard = min_discard;  // what they stand on stays in any case
     }
     m_shares.begin_step();
+    bool some_catch_up = false;
     CFrame* const offered = m_frames.current();
     for (SenderRecord *record = m_senders.first(), *before = nullptr; record != nullptr;) {
         record->fetch_next();
@@ -240,7 +249,9 @@ std::optional<uint64_t> MediaBufferState::give_turns() {
             record = record->m_next;
             continue;
         }
-        const bool waits = place == Place::ELSEWHERE || (record->m_keeps && !m_shares.admit(*record));
+        const bool catches_up = record->catches_up();
+        some_catch_up = some_catch_up || catches_up;
+        const bool waits = place == Place::ELSEWHERE || catches_up;
         const TurnEnd end = waits ? TurnEnd::DONE : give_turn(*record, offered);
         if (place == Place::REST) {
             record->stay_out();
@@ -267,7 +278,45 @@ std::optional<uint64_t> MediaBufferState::give_turns() {
     }
     m_frames.set_policy_only(policy_only);
     m_held = m_holds;
+    if (some_catch_up && !give_shares(offered)) {
+        return std::nullopt;
+    }
     return should_discard;
+}
+
+// They need nothing of the list: what is let go is known without them. False if the last sender has gone.
+bool MediaBufferState::give_shares(CFrame* offered) {
+    for (SenderRecord* record = m_senders.first(); record != nullptr;) {
+        TurnEnd end = TurnEnd::DONE;
+        if (!record->m_leaving && record->catches_up() && m_shares.admit(*record)) {
+            end = give_share(*record, offered);
+        }
+        SenderRecord* const next = record->m_next;
+        if (is_failure(end)) {
+            fail(*record);
+        }
+        record = next;
+    }
+    return m_senders.has_sender();
+}
+
+TurnEnd MediaBufferState::give_share(SenderRecord& record, CFrame* offered) {
+    const uint64_t bytes_before = record.m_stats.bytes;
+    const TurnEnd end = give_turn(record, offered);
+    m_shares.count(record.m_stats.bytes - bytes_before);
+    if (!is_failure(end)) {
+        end_share(record);
+    }
+    return end;
+}
+
+// One that has more to catch up with goes on between the steps, if it waits for room: whoever has the lock is
+// not held up by it.
+void MediaBufferState::end_share(SenderRecord& record) {
+    if (record.catches_up() && m_shares.any_between()) {
+        record.begin_stall();
+    }
+    m_waiting.settle(record);
 }
 
 TurnEnd MediaBufferState::give_turn(SenderRecord& record, CFrame* offered) {
@@ -317,7 +366,7 @@ void MediaBufferState::first_turn(SenderRecord& record) {
     if (is_failure(end)) {
         fail(record);
     } else {
-        m_waiting.settle(record);
+        end_share(record);
     }
     m_frames.trim_kept();
 }

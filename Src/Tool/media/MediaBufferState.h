@@ -136,6 +136,10 @@ private:
     void call_movers() INFRA_REQUIRES(CORE_MUTEX);
     bool goes_with_this_step(SenderRecord& record);
     TurnEnd give_turn(SenderRecord& record, CFrame* offered) INFRA_REQUIRES(CORE_MUTEX);
+    /// The turns of those that catch up, after the others.
+    __attribute__((noinline)) bool give_shares(CFrame* offered) INFRA_REQUIRES(CORE_MUTEX);
+    TurnEnd give_share(SenderRecord& record, CFrame* offered) INFRA_REQUIRES(CORE_MUTEX);
+    void end_share(SenderRecord& record) INFRA_REQUIRES(CORE_MUTEX);
     void first_turn(SenderRecord& record) INFRA_REQUIRES(CORE_MUTEX);
     void fail(SenderRecord& record) INFRA_REQUIRES(CORE_MUTEX);
     void del_sender(SenderRecord& record) INFRA_REQUIRES(CORE_MUTEX);

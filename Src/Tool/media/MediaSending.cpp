@@ -214,8 +214,7 @@ MediaSending::Progress MediaSending::go_on_after_frames(CSock& stream) {
     if (other_data_waits(stream) || m_record.m_frame == nullptr) {
         return Progress::OVER;
     }
-    if (m_record.m_keeps && m_record.m_start.m_runs &&
-        m_record.m_stats.bytes - m_bytes_before >= StartShares::SENDER_BYTES) {
+    if (m_record.catches_up() && m_record.m_stats.bytes - m_bytes_before >= StartShares::SENDER_BYTES) {
         return Progress::OVER;  // The others wait.
     }
     return Progress::MORE;

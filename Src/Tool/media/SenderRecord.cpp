@@ -242,7 +242,7 @@ void SenderRecord::join(CFrame& frame, uint64_t position) {
 }
 
 void SenderRecord::begin_anew(bool moved) {
-    m_start = {true, false, 0, moved, m_start.m_round};
+    m_start = {true, false, 0, moved, 0};
     m_joined = false;
     m_send_total = 0;
     m_lost_mask = ALL_CHANNELS;

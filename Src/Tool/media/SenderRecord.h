@@ -213,6 +213,11 @@ struct SenderRecord : SenderHotState {
     void start(CFrame& frame) INFRA_REQUIRES(CORE_MUTEX);
     /// It is where it began with the cache, and its limits of lag do not hold: they do at the next key frame.
     bool starts_with(const CFrame& frame) const INFRA_REQUIRES(CORE_MUTEX);
+    /// It began with the cache, and stands at a frame that was held then: its turns are those of StartShares.
+    bool catches_up() const INFRA_REQUIRES(CORE_MUTEX) {
+        return m_start.m_runs && m_keeps && m_frame != nullptr && m_frame != m_tail &&
+               m_frame->m_kept_number < m_start.m_newest;
+    }
     /// The frame is not for it: its bytes count as passed.
     void step_over(const CFrame& frame) INFRA_REQUIRES(CORE_MUTEX);
     /// Whether the frame's channel waits for a key frame from now on.
