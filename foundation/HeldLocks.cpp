@@ -31,6 +31,7 @@ constexpr Row PROMISES[] = {
     {"a Release is called", false, {LockClass::MEDIA_CORE, LockClass::SENDER_LIST}},
     {"a tap is called", false, {LockClass::MEDIA_CORE, LockClass::SENDER_LIST}},
     {"a send procedure is called", false, {LockClass::MEDIA_CORE, LockClass::SENDER_LIST}},
+    {"a filter is asked", false, {LockClass::MEDIA_CORE, LockClass::SENDER_LIST}},
     {"a log sink is called", true, {}},
     // Locks of operations that start or end threads, and those under which a product's code runs.
     {"the thread waits for others",

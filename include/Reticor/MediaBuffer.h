@@ -68,14 +68,14 @@ struct MediaStartStats {
 /// Thread safety: every operation may be called from any thread. All work of a buffer, the writes to all its
 /// sockets included, is done under one lock, for which other callers wait.
 ///
-/// Call-backs (Release and GetBuffer of packets, Put of taps, send procedures) run with that lock held. They
-/// must not take a lock under which the product calls the buffer. From inside one, AddSender and DelSender of
-/// the same buffer are noted: a sender that is to go writes nothing more and is off the list when the
-/// operation ends, one that is to come is on the list then. So it is with AddSender of another buffer for a
-/// sender that has been on a list before, which is how a send procedure moves its sender: DelSender here,
-/// AddSender there, and no frame is torn. Taps can be added and removed, and the getters work. Put, do_send
-/// and Clear of the same buffer assert there, and so do EnableAutoSend, DisableAutoSend and the destruction
-/// of any buffer. A tap may put into another buffer, as long as the taps form no circle.
+/// Call-backs (Release and GetBuffer of packets, Put of taps, send procedures, filters) run with that lock
+/// held. They must not take a lock under which the product calls the buffer. From inside one, AddSender and
+/// DelSender of the same buffer are noted: a sender that is to go writes nothing more and is off the list
+/// when the operation ends, one that is to come is on the list then. So it is with AddSender of another
+/// buffer for a sender that has been on a list before, which is how a send procedure moves its sender:
+/// DelSender here, AddSender there, and no frame is torn. Taps can be added and removed, and the getters
+/// work. Put, do_send and Clear of the same buffer assert there, and so do EnableAutoSend, DisableAutoSend
+/// and the destruction of any buffer. A tap may put into another buffer, as long as the taps form no circle.
 ///
 /// Without memory nothing is thrown: what has a result gives -1 with a line at level 2, and nothing has
 /// changed.

@@ -30,6 +30,27 @@ enum class MediaStart {
     NEXT_KEY,  ///< At the next key frame.
 };
 
+/// What a sender's filter says of a frame.
+enum class MediaVerdict {
+    SEND,  ///< It is sent.
+    /// It is left out, and no frame after it needs it: nothing is waited for.
+    SKIP,
+    /// It is left out, and what comes after it needs it, or is not wanted either: nothing more of its channel
+    /// is sent, nor asked about, before the channel's next key frame.
+    WAIT_KEY,
+};
+
+/// The frame that a filter is asked about. Later versions add fields at the end.
+struct MediaOffer {
+    int channel = 0;               ///< 0 to 7.
+    int level = 1;                 ///< 1 to 10.
+    bool key = false;              ///< One can begin with it.
+    uint64_t bytes = 0;            ///< Its length.
+    uint64_t age_us = 0;           ///< Since it was complete: how late the client is.
+    CMediaPacket* info = nullptr;  ///< Of CMediaBuffer::PutFrameInfo, the buffer's; null without.
+    int info_arg = 0;              ///< And its number.
+};
+
 /// What has become of one client. Counters only rise, from Create on.
 struct MediaSenderStats {
     uint64_t frames = 0;  ///< Frames delivered whole.
@@ -72,6 +93,18 @@ struct MediaRoomStats {
     uint64_t gathers = 0;          ///< Writes with more than one frame.
     uint64_t gathered_frames = 0;  ///< Frames that those wrote, whole or in part.
     uint64_t waiting = 0;          ///< 1: it waits for room at this moment.
+};
+
+/// What a sender's filter was asked, and kept back. Counters only rise, from Create on. Later versions add
+/// fields at the end: `size` says how many bytes were filled.
+struct MediaFilterStats {
+    uint32_t size = 0;     ///< Bytes that are filled, this field included.
+    uint32_t version = 1;  ///< Of this struct.
+    uint64_t asked = 0;    ///< Frames that it was asked about.
+    /// Frames that it kept from the client, those for whose channel it had to wait among them. They are
+    /// neither holes nor skipped.
+    uint64_t frames = 0;
+    uint64_t bytes = 0;  ///< Their bytes.
 };
 
 /// What the attachment of a skip message says.
@@ -148,6 +181,29 @@ public:
     bool AttachSendProc(Infra::TFunction3<void, CMediaPacket*, int, int> proc);
     /// No procedure is called from the next frame on. Always true.
     bool DetachSendProc();
+
+    /// `filter` is asked about each frame that this sender has come to and would send: of a channel that it
+    /// has chosen, and not stepped over or waited out by its resume policy. So a product chooses by itself,
+    /// for each client, for example which of several qualities on channels of their own it gets. It is
+    /// asked once about a frame, when the sender comes to it. The first byte may go out later, and a sender
+    /// with a resume policy may step over the frame all the same if that takes too long: what was sent is
+    /// told by AttachSendProc. A sender that is taken off and added again asks anew about the frame that it
+    /// stands at.
+    ///
+    /// It runs with the buffer's lock held, on the thread of the operation that lets the sender go on: the
+    /// producer's, a tick's, a worker's (WaitRoom), the one that calls AddSender. See CMediaBuffer for what
+    /// it must not do; and it must not call Send or GetTailPacket of this sender. It may take the sender
+    /// off, or move it: nothing more is written then. It may be replaced from inside. An object that it is
+    /// bound to must outlive a call that has already begun. `offer` and what it points to are valid inside
+    /// the call alone. Frames of a sender with a filter go out one by one (SetGather). Holds from the next
+    /// frame on. False, with a line at level 2, and no filter is asked any more, if there is no memory.
+    bool AttachFilter(Infra::TFunction1<MediaVerdict, const MediaOffer&> filter);
+    /// No filter is asked from the next frame on. A channel that waits for a key frame goes on waiting.
+    /// Always true.
+    bool DetachFilter();
+    /// Fills `stats`, of which the caller has `size` bytes, under the buffer's lock. 0; -1 for a null pointer
+    /// or a size below 8.
+    int GetFilterStats(MediaFilterStats* stats, unsigned int size);
 
     /// Reports a stall when for this many seconds the socket has taken no whole frame. 0xFFFFFFFF at the
     /// start, which is never. A stalled sender stays on its list and goes on trying.

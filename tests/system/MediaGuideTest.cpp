@@ -45,6 +45,29 @@ TEST_F(MediaGuide, AViewerGetsAccessUnitsAndEndsOnRequest) {
     m_gone.pend();
 }
 
+TEST(MediaGuideLadder, GoesDownWhenItIsLateAndUpAfterAWhile) {
+    Ladder ladder;
+    MediaOffer small;
+    small.channel = 2;
+    small.key = true;
+    MediaOffer large;
+    const auto showsSmall = [&](uint64_t age_us) {
+        small.age_us = age_us;
+        const bool sends = ladder.choose(small) == MediaVerdict::SEND;
+        EXPECT_EQ(sends ? MediaVerdict::WAIT_KEY : MediaVerdict::SEND, ladder.choose(large));
+        return sends;
+    };
+    EXPECT_FALSE(showsSmall(0));
+    EXPECT_FALSE(showsSmall(400000));
+    EXPECT_TRUE(showsSmall(600000));
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_TRUE(showsSmall(1000));
+    }
+    EXPECT_FALSE(showsSmall(1000));
+    ladder.skipped();
+    EXPECT_TRUE(showsSmall(1000));
+}
+
 TEST_F(MediaGuide, AViewerThatGoesAwayIsNoticed) {
     CMediaBuffer buffer;
     Viewer::Create(buffer, m_peer, m_gone);

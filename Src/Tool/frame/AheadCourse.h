@@ -32,6 +32,9 @@ public:
         m_left.bytes += static_cast<uint64_t>(frame.m_frame_len);
         m_left_level = m_left_level == 0 ? frame.level() : std::min(m_left_level, frame.level());
     }
+    /// The sender is past a frame that it did not send, and that does not count as missing, whatever its
+    /// level says.
+    void pass_needless(const CFrame& frame) { m_needed += knows_needed() && !frame.m_disposable ? 1 : 0; }
     /// A frame passed while the sender had not chosen the channel: what it has of it is not known any more.
     void pass_unwanted() { m_needed = NOT_KNOWN; }
 

@@ -102,14 +102,14 @@ MediaSending::Progress MediaSending::choose_frame(CSock& stream, CFrame* frame) 
     if (m_record.m_frame != nullptr || frame == nullptr || frame->m_frame_len == 0) {
         CFrame* const next = next_frame(m_record.m_frame);
         m_record.change_frame(next);
-        return next != nullptr ? Progress::MORE : Progress::OVER;
+        return next != nullptr && may_begin() ? Progress::MORE : Progress::OVER;
     }
     CFrame* const chosen = is_for_it(*frame) ? frame : next_frame(frame);
     if (chosen == nullptr) {
         return Progress::OVER;
     }
     m_record.take_frame(chosen);
-    return Progress::MORE;
+    return may_begin() ? Progress::MORE : Progress::OVER;
 }
 
 MediaSending::Progress MediaSending::write_frame(CSock& stream) {
@@ -117,7 +117,7 @@ MediaSending::Progress MediaSending::write_frame(CSock& stream) {
     if (static_cast<int>(frame.m_packet_num) - m_record.m_iovec_index < 1) {
         return Progress::OVER;
     }
-    if (m_record.wishes(SenderRecord::WISH_GATHER)) {
+    if (m_record.gathers()) {
         FrameGather gather;
         if (gathers(stream, gather)) {
             return write_gathered(stream, gather);
@@ -294,7 +294,7 @@ CFrame* MediaSending::next_kept(CFrame* frame) {
     for (; frame != nullptr; frame = frame->m_kept_next) {
         const FrameDecision decision = FrameChoice::decide(m_record, *frame, m_record.now());
         m_record.set_waits(*frame, decision.waits);
-        if (decision.send) {
+        if (decision.send && passes(*frame)) {
             return frame;
         }
         m_record.pass_kept(*frame, decision.leaves_out);
@@ -307,7 +307,19 @@ bool MediaSending::is_for_it(const CFrame& frame) {
                                        ? FrameChoice::by_policy(m_record, frame, m_record.now())
                                        : FrameChoice::plain(m_record, frame);
     m_record.set_waits(frame, decision.waits);
-    return decision.send;
+    return decision.send && passes(frame);
+}
+
+// A filter that takes the sender off has it stand where it is.
+bool MediaSending::passes_filter(const CFrame& frame) {
+    const MediaVerdict verdict = m_record.m_filter.judge(frame, m_record.now());
+    if (m_record.m_leaving) {
+        return true;
+    }
+    if (verdict == MediaVerdict::WAIT_KEY) {
+        m_record.set_waits(frame, true);
+    }
+    return verdict != MediaVerdict::SKIP && verdict != MediaVerdict::WAIT_KEY;
 }
 
 int MediaSending::take_tail(char* buffer, int len) {

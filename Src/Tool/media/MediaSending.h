@@ -73,6 +73,15 @@ private:
     // Apart from what senders that do not keep frames go through.
     __attribute__((noinline)) CFrame* next_kept(CFrame* frame) INFRA_REQUIRES(CORE_MUTEX);
     bool is_for_it(const CFrame& frame) INFRA_REQUIRES(CORE_MUTEX);
+    bool passes(const CFrame& frame) INFRA_REQUIRES(CORE_MUTEX) {
+        return !m_record.wishes(SenderRecord::WISH_FILTER) || passes_filter(frame);
+    }
+    // Apart from what senders without a filter go through.
+    __attribute__((noinline)) bool passes_filter(const CFrame& frame) INFRA_REQUIRES(CORE_MUTEX);
+    /// Whether a frame of its choice may be begun: its filter may have taken the sender off.
+    bool may_begin() const INFRA_REQUIRES(CORE_MUTEX) {
+        return !m_record.wishes(SenderRecord::WISH_FILTER) || !m_record.m_leaving;
+    }
 
     SenderRecord& m_record;
     TurnEnd m_end = TurnEnd::DONE;

@@ -37,6 +37,18 @@ int64_t tick(SenderRecord& record, long timer) INFRA_REQUIRES(CORE_MUTEX) {
     }
 }
 
+/// As much as the caller has room for. 0; -1 if that is less than the first two fields.
+template <typename Stats>
+int give_stats(Stats& found, Stats* stats, unsigned int size) {
+    constexpr unsigned int LEAST = 2 * sizeof(uint32_t);
+    if (stats == nullptr || size < LEAST) {
+        return -1;
+    }
+    found.size = std::min(size, static_cast<unsigned int>(sizeof found));
+    std::memcpy(static_cast<void*>(stats), &found, found.size);
+    return 0;
+}
+
 // False if the sender has moved to another buffer meanwhile.
 bool go_on(SenderRecord& record) INFRA_NO_THREAD_SAFETY_ANALYSIS {
     const std::shared_ptr<MediaCore> core = record.core();
@@ -155,6 +167,30 @@ bool CMediaStreamSender::DetachSendProc() {
     return true;
 }
 
+bool CMediaStreamSender::AttachFilter(Infra::TFunction1<MediaVerdict, const MediaOffer&> filter) {
+    const bool set = m_state->m_filter.set(filter);
+    m_state->set_wish(SenderRecord::WISH_FILTER, set);
+    if (!set) {
+        INFRA_LOG(2, "CMediaStreamSender::AttachFilter no memory!\n");
+    }
+    return set;
+}
+
+bool CMediaStreamSender::DetachFilter() {
+    m_state->set_wish(SenderRecord::WISH_FILTER, false);
+    m_state->m_filter.drop();
+    return true;
+}
+
+int CMediaStreamSender::GetFilterStats(MediaFilterStats* stats, unsigned int size) {
+    MediaFilterStats found;
+    if (const std::shared_ptr<MediaCore> core = m_state->enter_core()) {
+        const MediaStep step(core, MediaStep::ENTERED);
+        found = m_state->m_filter.stats();
+    }
+    return give_stats(found, stats, size);
+}
+
 void CMediaStreamSender::SetSendTimeout(unsigned int seconds) {
     m_state->set_send_timeout(seconds);
     if (!m_state->wishes(SenderRecord::WISH_ROOM)) {
@@ -231,19 +267,13 @@ void CMediaStreamSender::SetGather(bool gathers) {
 }
 
 int CMediaStreamSender::GetRoomStats(MediaRoomStats* stats, unsigned int size) {
-    constexpr unsigned int LEAST = 2 * sizeof(uint32_t);
-    if (stats == nullptr || size < LEAST) {
-        return -1;
-    }
     MediaRoomStats found;
     if (const std::shared_ptr<MediaCore> core = m_state->enter_core()) {
         const MediaStep step(core, MediaStep::ENTERED);
         found = m_state->m_room.stats();
         found.waiting = m_state->m_full ? 1 : 0;
     }
-    found.size = std::min(size, static_cast<unsigned int>(sizeof found));
-    std::memcpy(static_cast<void*>(stats), &found, found.size);
-    return 0;
+    return give_stats(found, stats, size);
 }
 
 int CMediaStreamSender::GetVerdict(SenderVerdict& verdict) {

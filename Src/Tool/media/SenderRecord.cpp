@@ -171,6 +171,7 @@ void SenderRecord::forget_order() {
     for (AheadCourse& course : m_ahead) {
         course = AheadCourse();
     }
+    m_filter.forget_order();
 }
 
 // Settings.
@@ -274,10 +275,26 @@ void SenderRecord::step_over(const CFrame& frame) {
     Course& course = m_course[frame.channel()];
     if ((Infra::relaxedLoad(m_channel_mask) & bit) == 0) {
         course.m_last_ordinal = 0;
-    } else {
+    } else if (!pass_withheld(frame)) {
         ++course.m_stepped_frames;
         course.m_stepped_bytes += static_cast<uint64_t>(frame.m_frame_len);
     }
+}
+
+// It is as if the frame had not been: the numbers of those before it move on by one, so that a gap among them
+// stays a gap. What a channel waits for is not told by them.
+bool SenderRecord::pass_withheld(const CFrame& frame) {
+    if (!wishes(WISH_FILTER) || !m_filter.withholds(frame)) {
+        return false;
+    }
+    m_filter.count(frame);
+    Course& course = m_course[frame.channel()];
+    if (course.m_last_ordinal != 0) {
+        ++course.m_last_ordinal;
+        course.m_end += static_cast<uint64_t>(frame.m_frame_len);
+    }
+    m_ahead[frame.channel()].pass_needless(frame);
+    return true;
 }
 
 void SenderRecord::count_gap(Course& course) {
@@ -583,6 +600,8 @@ void SenderRecord::pass_kept(const CFrame& frame, bool leaves_out) {
     if ((Infra::relaxedLoad(m_channel_mask) & frame.channel_bit()) == 0) {
         course.m_last_ordinal = 0;
         ahead.pass_unwanted();
+    } else if (pass_withheld(frame)) {
+        // It counts as if it had not been.
     } else if (leaves_out) {
         ahead.leave_out(frame);
         m_thinning.leave_out(frame.m_frame_len, now());

@@ -17,6 +17,7 @@
 #include "Tool/judge/SenderWatch.h"
 #include "Tool/media/RoomWait.h"
 #include "Tool/media/SenderComing.h"
+#include "Tool/step/FrameFilter.h"
 #include "Tool/step/KernelLag.h"
 #include "Tool/step/MediaStep.h"
 #include "Tool/step/OtherData.h"
@@ -98,6 +99,7 @@ struct SenderRecord : SenderHotState {
     static constexpr uint8_t WISH_KEEP = 1;    ///< Frames are to be kept for it.
     static constexpr uint8_t WISH_ROOM = 2;    ///< It waits for room when its socket is full.
     static constexpr uint8_t WISH_GATHER = 4;  ///< Several frames may go out in one write.
+    static constexpr uint8_t WISH_FILTER = 8;  ///< Its filter is asked about each frame.
 
     /// The record as what comes and moves sees it.
     class Self final : public ComingSender_IF {
@@ -141,6 +143,7 @@ struct SenderRecord : SenderHotState {
     RoomWait m_room;
     OtherData m_other{m_other_mutex, m_other_len};
     SendProcedure m_procedure{m_other_mutex, m_send_proc};
+    FrameFilter m_filter{m_other_mutex};
 
     /// For the tests and for the buffer.
     static SenderRecord& of(CMediaStreamSender& sender) { return *sender.m_state; }
@@ -170,6 +173,10 @@ struct SenderRecord : SenderHotState {
     void set_wish(uint8_t wish, bool on);
     bool wishes(uint8_t wish) const { return (Infra::relaxedLoad(m_wishes) & wish) != 0; }
     bool wants_keep() const { return wishes(WISH_KEEP); }
+    /// A filter is asked frame by frame.
+    bool gathers() const {
+        return (Infra::relaxedLoad(m_wishes) & (WISH_GATHER | WISH_FILTER)) == WISH_GATHER;
+    }
     uint64_t max_lag_us() const { return Infra::relaxedLoad(m_max_lag_us); }
     bool has_policy() const { return max_lag_us() != 0; }
     void choose_channel(int channel);
@@ -412,6 +419,9 @@ private:
         m_frame = nullptr;
         m_frame_left = 0;
     }
+    /// The sender is past a frame of a channel that it has chosen, and its filter has kept it back. False if
+    /// it has not.
+    bool pass_withheld(const CFrame& frame) INFRA_REQUIRES(CORE_MUTEX);
     void finished() INFRA_REQUIRES(CORE_MUTEX) {
         ++m_stats.frames;
         m_counted = false;

@@ -14,7 +14,7 @@ namespace Orvex::Infra {
 
 /// What is about to happen on the calling thread. Which locks it may hold then stands in the source, in one
 /// table, as the public headers say it.
-enum class Promise : uint8_t { HANDLER, RELEASE, TAP, SEND_PROCEDURE, LOG_SINK, WAIT };
+enum class Promise : uint8_t { HANDLER, RELEASE, TAP, SEND_PROCEDURE, FRAME_FILTER, LOG_SINK, WAIT };
 
 /// The list of the calling thread. It counts the outermost entries alone, and takes no lock and no memory.
 class INFRA_API HeldLocks {

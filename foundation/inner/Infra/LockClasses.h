@@ -42,7 +42,7 @@
       "frames and senders of a buffer; two only when a call-back puts into another one") \
     X(MEDIA_COMING, "m_mutex of SenderRecord's Coming", "to which buffer a sender comes") \
     X(MEDIA_MOVES, "MoveLine::m_mutex", "who waits for a key frame of a buffer, to move to it") \
-    X(MEDIA_OTHER, "SenderRecord::m_other_mutex", "other data and the send procedure") \
+    X(MEDIA_OTHER, "SenderRecord::m_other_mutex", "other data, the send procedure, the filter") \
     X(MEDIA_TAPS, "m_mutex of the taps' registry", "which taps are alive") \
     X(MEDIA_ROLL, "CoreRoll::sm_mutex", "the list of all media buffers") \
     X(MEDIA_ENDED, "EndedVerdicts::sm_mutex", "the last verdicts on senders that have ended") \
