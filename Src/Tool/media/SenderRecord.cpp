@@ -393,6 +393,9 @@ void SenderRecord::begin_stall() {
         if (m_block_time == 0) {
             m_block_time = now();
         }
+        if (m_stall_floor.on()) {
+            has_stalled();  // What the peer acknowledges counts from here on.
+        }
     }
 }
 

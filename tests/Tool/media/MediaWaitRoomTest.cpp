@@ -1,7 +1,12 @@
 // Senders that wait until their sockets have room: when they are tried, every end, lost places.
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <thread>
 
 #include <Reticor/SimulatorStream.h>
+#include <Reticor/SockAddrIPv4.h>
+#include <Reticor/SockDgram.h>
 #include <Reticor/StreamSender.h>
 
 #include "support/HandClock.h"
@@ -286,6 +291,90 @@ TEST_F(MediaWaitRoom, BytesNowAndThenDoNotEndAStall) INFRA_NO_THREAD_SAFETY_ANAL
     clock.advanceUs(500000);
     slow.sender->handle_timeout(timer);
     EXPECT_EQ(1U, messages().size());
+}
+
+TEST_F(MediaWaitRoom, AFloorCountsFromTheShortWriteOnAndSparesWhoeverIsSteady)
+INFRA_NO_THREAD_SAFETY_ANALYSIS {
+    HandClock clock;
+    MediaClient& slow = waitingClient();
+    slow.sender->SetSendTimeout(3);
+    slow.sender->SetStallFloor(6);
+    slow.sender->WaitException(waiter->GetID());
+    slow.sock.setRoom(4);
+    put(1000, 1, 5);
+    const long timer = slow.state().m_room.timer();
+    const auto threeSeconds = [&](std::size_t taken) {
+        for (int i = 0; i < 3; ++i) {
+            clock.advanceUs(1000000);
+            slow.sock.setRoom(taken);
+            haveRoom();
+        }
+        slow.sender->handle_timeout(timer);
+        return messages().size();
+    };
+    EXPECT_EQ(0U, threeSeconds(2) + threeSeconds(2));
+    EXPECT_EQ(1U, threeSeconds(1));
+    slow.sender->WaitException(waiter->GetID());
+    slow.sock.setRoom(ShapedStream::UNLIMITED);
+    haveRoom();
+    slow.sock.setRoom(4);
+    put(10, 1, 5);
+    EXPECT_EQ(1U, threeSeconds(0)) << "at the first look, since nothing came from the short write on";
+}
+
+TEST_F(MediaWaitRoom, TheRateOfItsLinkIsMeasuredByWhatWorkersWrite) INFRA_NO_THREAD_SAFETY_ANALYSIS {
+    HandClock clock;
+    MediaClient& slow = waitingClient();
+    slow.sender->SetKernelLag(100);
+    slow.sock.setRoom(4);
+    put(4000000, 1, 5);
+    for (int i = 0; i < 20; ++i) {
+        clock.advanceUs(100000);
+        slow.sock.setRoom(100000);
+        haveRoom();
+    }
+    EXPECT_EQ(100000U, slow.state().m_kernel_lag.bound());
+    EXPECT_EQ(2000004U, slow.sock.wire().size());
+}
+
+// UDP over loopback is never full: under the socket's number lies one whose queue is short.
+TEST_F(MediaWaitRoom, AFullDatagramSocketIsTriedOnce) {
+    CSockDgram dgram;
+    CSockAddrIPv4 somewhere("127.0.0.1", 9);
+    ASSERT_EQ(0, dgram.Open(nullptr));
+    ASSERT_EQ(0, dgram.SetRemote(&somewhere));
+    int ends[2];
+    ASSERT_EQ(0, ::socketpair(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends));
+    ASSERT_EQ(dgram.GetHandle(), ::dup2(ends[0], dgram.GetHandle()));
+    ::close(ends[0]);
+    ends[0] = dgram.GetHandle();
+    CSock far;
+    far.Attach(ends[1]);
+    MediaClient& viewer = client();
+    viewer.sender->Attach(&dgram);
+    owner->RegisterSock(dgram, SOCK_READ, 0);
+    senders[ends[0]] = viewer.sender;
+    EXPECT_EQ(0, viewer.sender->WaitRoom(owner->GetID()));
+    buffer->AddSender(viewer.sender);
+    for (int i = 0; i < 10000 && roomStats(viewer).full_tries == 0; ++i) {
+        put(10, 1, 1);
+    }
+    const uint64_t sent = viewer.sender->GetStats().frames;
+    put(10, 1, 1);
+    put(10, 1, 1);
+    tick(3);
+    EXPECT_EQ(1U, roomStats(viewer).full_tries);
+    EXPECT_TRUE(isWatched(ends[0]));
+    char bytes[16];
+    while (::recv(ends[1], bytes, sizeof bytes, 0) > 0) {
+    }
+    haveRoom();
+    EXPECT_EQ(sent + 3, viewer.sender->GetStats().frames);
+    EXPECT_EQ(1U, roomStats(viewer).full_tries);
+    buffer->DelSender(viewer.sender);
+    owner->RemoveSock(dgram);
+    viewer.sender->Detach();
+    viewer.sender->Attach(&viewer.sock);
 }
 
 TEST_F(MediaWaitRoom, AFrameThatIsLateIsLeftWithoutAWrite) {
