@@ -19,13 +19,17 @@ constexpr uint64_t kSample_us = 100000;  // over less a rate says nothing
 
 }  // namespace
 
-Client::Client(CMediaStreamSender* sender, unsigned number, std::string address)
+Client::Client(CMediaStreamSender* sender, unsigned number, std::string address, unsigned late_ms)
     : m_sender(sender),
       m_number(number),
       m_address(std::move(address)),
       m_since_us(CTime::getCurrentMicroSecond()),
+      m_ladder(late_ms),
       m_sampled_us(m_since_us) {
     m_sender->AddRef();
+    if (late_ms != 0) {
+        m_sender->AttachFilter({&Ladder::choose, &m_ladder});
+    }
 }
 
 Client::~Client() {
@@ -48,6 +52,28 @@ void Client::sample() {
     const bool stalled = stats.blocked_us > kStall_us;
     m_stalls += stalled && !m_stalled ? 1 : 0;
     m_stalled = stalled;
+    if (stats.hole_frames > m_holeFrames) {  // without a policy nothing else tells
+        missed("too old for the buffer", stats.hole_frames - m_holeFrames);
+        m_holeFrames = stats.hole_frames;
+    }
+}
+
+// What had gone from the buffer is no fault of the policy.
+void Client::skipped(const MediaSkip& skip) {
+    const MediaSenderStats stats = m_sender->GetStats();
+    CGuard guard(m_mutex);
+    m_ladder.missed();
+    const bool gone = stats.hole_frames > m_holeFrames;
+    m_holeFrames = stats.hole_frames;
+    missed(skip.thinned ? "late: disposable frames left out"
+           : gone       ? "too old for the buffer"
+                        : "late: went on at a newer key frame",
+           skip.frames);
+}
+
+void Client::missed(const char* why, uint64_t frames) {
+    m_lastSkip = {why, frames, 0};
+    m_skipped_us = CTime::getCurrentMicroSecond();
 }
 
 Client::View Client::view() {
@@ -62,6 +88,9 @@ Client::View Client::view() {
     view.stalled = m_stalled;
     view.stalls = m_stalls;
     view.rate = m_rate;
+    view.low = m_ladder.isLow();
+    view.lastSkip = m_lastSkip;
+    view.lastSkip.ago_us = CTime::getCurrentMicroSecond() - m_skipped_us;
     return view;
 }
 

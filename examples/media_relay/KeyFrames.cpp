@@ -15,7 +15,8 @@ void KeyFrameFinder::put(const uint8_t* bytes, size_t size) {
         m_last = m_last << 8 | bytes[i];
         if (m_pictureBytes > 0) {
             if (--m_pictureBytes == 0) {
-                decide(m_parameters && (bytes[i] >> 3 & 7) == 1);
+                const unsigned type = bytes[i] >> 3 & 7U;
+                decide(m_parameters && type == 1, type == 3);
             }
         } else if (m_last >> 8 == 1) {
             onStart(bytes[i]);
@@ -30,12 +31,13 @@ void KeyFrameFinder::onStart(uint8_t header) {
         const unsigned type = header & 0x1FU;
         m_parameters = m_parameters || type == 7;
         if (type == 1 || type == 2 || type == 5) {
-            decide(type == 5 || m_parameters);
+            const bool key = type == 5 || m_parameters;
+            decide(key, !key && (header >> 5 & 3) == 0);
         }
     } else if (m_codec == Codec::H265) {
         const unsigned type = header >> 1 & 0x3FU;
         if (type < 32) {
-            decide(type >= 16 && type <= 23);
+            decide(type >= 16 && type <= 23, false);
         }
     }
 }
@@ -48,9 +50,10 @@ void KeyFrameFinder::onMpeg2(uint8_t header) {
     }
 }
 
-void KeyFrameFinder::decide(bool key) {
+void KeyFrameFinder::decide(bool key, bool disposable) {
     m_decided = true;
     m_key = key;
+    m_disposable = disposable;
 }
 
 }  // namespace relay

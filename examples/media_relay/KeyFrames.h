@@ -1,4 +1,4 @@
-// KeyFrames: tells whether a decoder can begin with a picture.
+// KeyFrames: tells whether a decoder can begin with a picture, and whether it can do without it.
 #pragma once
 
 #include <cstddef>
@@ -19,10 +19,14 @@ public:
     /// intra picture after a sequence header (MPEG-2).
     bool isKeyFrame() const { return m_key; }
 
+    /// No other picture refers to it: an H.264 picture that is marked so, an MPEG-2 picture of type B. Of
+    /// H.265 that cannot be told from one picture.
+    bool isDisposable() const { return m_disposable; }
+
 private:
     void onStart(uint8_t header);
     void onMpeg2(uint8_t header);
-    void decide(bool key);
+    void decide(bool key, bool disposable);
 
     Codec m_codec = Codec::Other;
     uint32_t m_last = 0xFFFFFFFF;  // four bytes
@@ -30,6 +34,7 @@ private:
     bool m_parameters = false;     // a parameter set or sequence header was there
     bool m_decided = false;
     bool m_key = false;
+    bool m_disposable = false;
 };
 
 }  // namespace relay

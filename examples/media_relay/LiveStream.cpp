@@ -11,6 +11,9 @@ using Orvex::Infra::CGuard;
 
 namespace {
 
+constexpr int kLevelDisposable = 8;
+constexpr unsigned kHeld_ms = 15000;  // longer than any group: after ten seconds each picture counts as a key
+constexpr unsigned long long kHeldBytes = 64 << 20;
 constexpr unsigned kRetry_ms = 40;  // a client that took no more is tried again so soon, frame or no frame
 
 }  // namespace
@@ -19,14 +22,27 @@ LiveStream::LiveStream() {
     m_buffer.EnableAutoSend(kRetry_ms);
 }
 
+void LiveStream::setUp(bool burst, bool disposableFirst) {
+    m_burst = burst;
+    m_disposableFirst = disposableFirst;
+    if (burst) {
+        m_buffer.SetStartCache(kHeld_ms, kHeldBytes);
+    }
+    if (disposableFirst) {
+        m_buffer.SetDisposableLevel(kLevelDisposable);
+    }
+}
+
 void LiveStream::put(Frame&& frame) {
     CGuard guard(m_mutex);
-    ++m_totals.frames;
+    m_totals.frames += frame.channel == Ladder::kLowChannel ? 0 : 1;
     if (frame.entry) {
         ++m_totals.keyFrames;
         admit();
     }
-    const int level = mediaLevel(static_cast<int>(frame.channel), static_cast<int>(frame.level));
+    const int importance =
+        frame.disposable && m_disposableFirst ? kLevelDisposable : static_cast<int>(frame.level);
+    const int level = mediaLevel(static_cast<int>(frame.channel), importance);
     for (auto& packet : frame.packets) {
         const int size = packet->size();
         const bool last = &packet == &frame.packets.back();
@@ -62,7 +78,10 @@ std::vector<LiveStream::Place>::iterator LiveStream::find(const std::shared_ptr<
 
 void LiveStream::begin(const std::shared_ptr<Client>& client) {
     CGuard guard(m_mutex);
-    find(client)->stage = Stage::Waiting;
+    find(client)->stage = m_burst ? Stage::Sending : Stage::Waiting;
+    if (m_burst) {
+        m_buffer.AddSender(client->sender());
+    }
 }
 
 void LiveStream::leave(const std::shared_ptr<Client>& client) {

@@ -18,22 +18,24 @@ namespace relay {
 struct Frame {
     std::vector<std::unique_ptr<DataPacket>> packets;  // one at least, none of them empty
     unsigned channel = 0;
-    unsigned level = 1;  // 1 is the most important, and the last that the buffer drops
-    bool entry = false;  // a new client can begin here
+    unsigned level = 1;       // 1 is the most important, and the last that the buffer drops
+    bool entry = false;       // a new client can begin here
+    bool disposable = false;  // no other frame needs it
 };
 
 /// The media buffer, and the list of those who wait for a frame to begin with.
 ///
 /// The buffer lets a new client in at a key frame of any channel. Here one may begin with a picture alone,
 /// not with the piece of sound before it; so clients wait in a list of our own, and the producer hands them
-/// to the buffer within the frame that they are to begin with.
+/// to the buffer within the frame that they are to begin with. With a start cache the buffer itself knows
+/// where one may begin, and they go to it at once.
 ///
 /// Threads: `put` is the producer's alone, all else is for any thread. The mutex comes before the buffer's
 /// own.
 class LiveStream {
 public:
     struct Totals {
-        uint64_t frames = 0;  // that were put
+        uint64_t frames = 0;  // that were put, in whatever quality
         uint64_t keyFrames = 0;
         uint64_t bytes = 0;
         uint64_t clients = 0;  // that ever came
@@ -41,12 +43,16 @@ public:
 
     LiveStream();
 
+    /// Before the first frame. `burst`: the frames since the last one to begin with are held, and a client
+    /// begins with them at once. `disposableFirst`: frames that no other one needs go first.
+    void setUp(bool burst, bool disposableFirst);
+
     void put(Frame&& frame);
 
     /// Takes a client in, which gets nothing yet. False if `limit` clients are there.
     bool join(const std::shared_ptr<Client>& client, size_t limit);
 
-    /// From the next frame to begin with on, it gets all.
+    /// From the next frame to begin with on, or from the last one on, it gets all.
     void begin(const std::shared_ptr<Client>& client);
 
     /// After it returns nothing is sent to the client's socket.
@@ -71,6 +77,8 @@ private:
     void admit() INFRA_REQUIRES(m_mutex);
 
     Orvex::Reticor::CMediaBuffer m_buffer;
+    bool m_burst = false;  // set up before any thread
+    bool m_disposableFirst = false;
     Orvex::Infra::CMutex m_mutex;
     std::vector<Place> m_places INFRA_GUARDED_BY(m_mutex);
     Totals m_totals INFRA_GUARDED_BY(m_mutex);

@@ -57,9 +57,12 @@ void addInput(CLI::App& app, Options& options, std::string& size) {
     app.add_option("--fps", options.fps, "test pictures per second")
         ->check(CLI::Range(1, 100))
         ->capture_default_str();
+    app.add_flag(
+        "--two-qualities", options.twoQualities,
+        "make a low quality of the test picture too; a client above half of --max-lag gets that one");
 }
 
-void addClients(CLI::App& app, Options& options) {
+void addClients(CLI::App& app, Options& options, std::string& start) {
     app.add_option("--max-clients", options.maxClients, "live clients at a time; more get 503")
         ->check(CLI::Range(1, 4000))
         ->capture_default_str();
@@ -82,6 +85,15 @@ void addClients(CLI::App& app, Options& options) {
                    "ms above which a client waits for a key frame, late or not; 0 is no such bound")
         ->check(CLI::Range(0, 3600000))
         ->capture_default_str();
+    app.add_flag("--disposable-first", options.disposableFirst,
+                 "of a client above half of --max-lag, leave out pictures that no other one needs");
+    app.add_option("--kernel-lag", options.kernelLag_ms,
+                   "ms of what a client's link carries that may lie unsent in the kernel; 0 is no such bound")
+        ->check(CLI::Range(0, 3600000))
+        ->capture_default_str();
+    app.add_option("--start", start, "where a client begins: at the next key frame, or with the last one")
+        ->check(CLI::IsMember({"next", "burst"}))
+        ->capture_default_str();
     app.add_option("--request-timeout", options.requestTimeout_s, "s for a request to come in whole")
         ->check(CLI::Range(1, 3600))
         ->capture_default_str();
@@ -95,6 +107,7 @@ void addClients(CLI::App& app, Options& options) {
 int readOptions(int argc, char** argv, Options& options) {
     std::string target;
     std::string size = "640x360";
+    std::string start = "next";
     CLI::App app{"Sends one live picture to any number of clients over HTTP, whatever their speed."};
     app.add_option("--host", options.host, "address to listen on; :: is every address, IPv4 and IPv6")
         ->capture_default_str();
@@ -103,7 +116,7 @@ int readOptions(int argc, char** argv, Options& options) {
         ->check(CLI::Range(1, 1024))
         ->capture_default_str();
     addInput(app, options, size);
-    addClients(app, options);
+    addClients(app, options, start);
     app.add_option("--multicast", target, "IP:PORT that the transport stream is sent to over UDP as well");
     app.add_option("--multicast-if", options.multicastInterface, "IPv4 address of the interface for that");
     app.add_option("--multicast-ttl", options.multicastTtl, "routers that it may pass")
@@ -121,6 +134,16 @@ int readOptions(int argc, char** argv, Options& options) {
     if (wrong.empty()) {
         wrong = parseSize(size, options.width, options.height);
         wrong = wrong.empty() ? wrong : "--size: " + size + " " + wrong;
+    }
+    options.burst = start == "burst";
+    if (wrong.empty() && options.maxLag_ms == 0 && (options.burst || options.disposableFirst)) {
+        wrong = "--start burst and --disposable-first need a --max-lag";
+    }
+    if (wrong.empty() && options.twoQualities && (!options.isTest() || options.maxLag_ms == 0)) {
+        wrong = "--two-qualities needs the test picture and a --max-lag";
+    }
+    if (wrong.empty() && options.strictLag && options.disposableFirst) {
+        wrong = "--disposable-first does nothing with --strict-lag";
     }
     return wrong.empty() ? -1 : app.exit(CLI::ValidationError(wrong));
 }

@@ -18,6 +18,9 @@ struct Options {
     unsigned maxLag_ms = 1000;  // 0: a slow client gets what is left of the buffer
     unsigned hardLag_ms = 0;    // 0: none
     bool strictLag = false;
+    unsigned kernelLag_ms = 0;  // 0: as --sndbuf says
+    bool disposableFirst = false;
+    bool burst = false;  // a client begins at the last key frame, and not at the next one
     unsigned requestTimeout_s = 10;
     unsigned sendBuffer = 131072;  // bytes of the kernel's, per client
     std::string multicastIp;       // empty: no multicast
@@ -27,6 +30,7 @@ struct Options {
     unsigned width = 640;  // of the test picture
     unsigned height = 360;
     unsigned fps = 25;
+    bool twoQualities = false;  // of the test picture
     bool verbose = false;
 
     bool isTest() const { return input == "test"; }

@@ -105,8 +105,7 @@ void Relay::announce(const std::string& address) const {
 void Relay::startSource(int fd) {
     Source* source = nullptr;
     if (m_options.isTest()) {
-        source =
-            TestSource::Create(m_roster, m_stream, *this, m_options.width, m_options.height, m_options.fps);
+        source = TestSource::Create(m_roster, m_stream, *this, m_options);
     } else {
         MulticastOutput* const multicast = m_options.multicastIp.empty() ? nullptr : &m_multicast;
         source = TsSource::Create(m_roster, m_stream, *this, fd, m_options.loop, multicast);

@@ -29,7 +29,9 @@ struct Counters {
 
 class Relay : public SourceListener {
 public:
-    explicit Relay(const Options& options) : m_options(options) {}
+    explicit Relay(const Options& options) : m_options(options) {
+        m_stream.setUp(options.burst, options.disposableFirst);
+    }
 
     /// Plays the input `fd` (none for the test picture) to whoever comes, until a signal ends it or the input
     /// has ended. The result is main's.

@@ -23,6 +23,7 @@ constexpr int64_t kAnswer_us = 10000000;  // for a client to take a page
 constexpr int64_t kLinger_us = 2000000;   // for it to close
 constexpr unsigned kSendBlock = 32768;    // bytes, in which a CStreamSender counts its room
 constexpr char kPlain[] = "text/plain";
+constexpr unsigned kSkipped = 101;  // message to a Session: its client has missed something
 
 const char* reason(int status) {
     switch (status) {
@@ -145,12 +146,15 @@ void Session::watch() {
     }
     const Options& options = m_relay.options();
     CMediaStreamSender* const sender = CMediaStreamSender::Create();
-    const auto client = std::make_shared<Client>(sender, m_relay.takeNumber(), m_peer);
+    const auto client = std::make_shared<Client>(sender, m_relay.takeNumber(), m_peer,
+                                                 options.twoQualities ? options.maxLag_ms / 2 : 0);
     sender->Attach(&m_sock);
     sender->WaitException(GetID());
     sender->SetSendTimeout(options.stallTimeout_s);
     sender->SetResumePolicy(options.maxLag_ms, options.strictLag ? MediaResume::STRICT : MediaResume::AHEAD,
                             options.hardLag_ms);
+    sender->SetKernelLag(options.kernelLag_ms);
+    sender->WaitSkip(GetID(), kSkipped);
     sender->WaitRoom(GetID());
     m_sock.SetSockSendBuf(options.sendBuffer);
     m_sock.SetSockNoDelay(true);
@@ -228,7 +232,7 @@ int64_t Session::handle_timeout(long id) {
     return -1;
 }
 
-int Session::handle_message(long, unsigned int msg, long) {
+int Session::handle_message(long, unsigned int msg, long attach) {
     CGuard guard(m_mutex);
     if (!m_sock.IsValid()) {
         return -1;
@@ -242,6 +246,8 @@ int Session::handle_message(long, unsigned int msg, long) {
             cut("it took nothing for " + std::to_string(m_relay.options().stallTimeout_s) + " s");
         }
         end();
+    } else if (msg == kSkipped && m_client != nullptr) {
+        m_client->skipped(MediaSkip::of(attach));
     } else if (msg == kStop) {
         end();
     }

@@ -90,14 +90,17 @@ std::vector<uint8_t> TestPicture::jpeg(uint64_t number, uint64_t time_us, unsign
     const unsigned margin = m_height / 16;
     drawText(margin, margin, scale, timeOfDay(time_us));
     drawText(margin, m_height - margin - scale * kLetterHeight, scale, "frame " + std::to_string(number));
+    return compress(kQuality);
+}
 
+std::vector<uint8_t> TestPicture::compress(int quality) {
     const int width = static_cast<int>(m_width);
     const int height = static_cast<int>(m_height);
     unsigned long size = tjBufSize(width, height, TJSAMP_420);
     std::vector<uint8_t> bytes(size);
     uint8_t* room = bytes.data();
     if (m_compressor == nullptr || tjCompress2(m_compressor, m_pixels.data(), width, 0, height, TJPF_RGB,
-                                               &room, &size, TJSAMP_420, kQuality, TJFLAG_NOREALLOC) != 0) {
+                                               &room, &size, TJSAMP_420, quality, TJFLAG_NOREALLOC) != 0) {
         return {};
     }
     return {bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(size)};

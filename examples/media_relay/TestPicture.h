@@ -20,8 +20,14 @@ public:
 
     /// Picture `number`, which is shown at `time_us` of the day, as JPEG. Empty if it cannot be compressed.
     std::vector<uint8_t> jpeg(uint64_t number, uint64_t time_us, unsigned fps);
+    /// The same picture in a low quality.
+    std::vector<uint8_t> lowJpeg() { return compress(kLowQuality); }
 
 private:
+    static constexpr int kLowQuality = 10;
+
+    std::vector<uint8_t> compress(int quality);
+
     struct Colour {
         uint8_t red, green, blue;
     };

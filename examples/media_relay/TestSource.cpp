@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <utility>
 
+#include "media_relay/Ladder.h"
+
 namespace relay {
 
 namespace {
@@ -47,15 +49,18 @@ std::string partHead(uint64_t number, const std::vector<uint8_t>& picture) {
 
 }  // namespace
 
-TestSource* TestSource::Create(Roster& roster, LiveStream& stream, SourceListener& listener, unsigned width,
-                               unsigned height, unsigned fps) {
-    return new TestSource(roster, stream, listener, width, height, fps);
+TestSource* TestSource::Create(Roster& roster, LiveStream& stream, SourceListener& listener,
+                               const Options& options) {
+    return new TestSource(roster, stream, listener, options);
 }
 
-TestSource::TestSource(Roster& roster, LiveStream& stream, SourceListener& listener, unsigned width,
-                       unsigned height, unsigned fps)
-    : Source(roster, stream, listener), m_picture(width, height), m_fps(fps) {
-    m_now.kind = "test picture " + std::to_string(width) + "x" + std::to_string(height);
+TestSource::TestSource(Roster& roster, LiveStream& stream, SourceListener& listener,
+                       const Options& options)
+    : Source(roster, stream, listener),
+      m_picture(options.width, options.height),
+      m_fps(options.fps),
+      m_twoQualities(options.twoQualities) {
+    m_now.kind = "test picture " + std::to_string(options.width) + "x" + std::to_string(options.height);
 }
 
 long long TestSource::handle_passive_input() {
@@ -64,12 +69,10 @@ long long TestSource::handle_passive_input() {
         end("the test picture cannot be compressed");
         return 0;
     }
-    Frame frame;
-    frame.entry = true;  // every picture stands for itself
-    frame.packets.push_back(packetOf(partHead(m_number, picture)));
-    frame.packets.push_back(std::make_unique<DataPacket>(std::move(picture)));
-    frame.packets.push_back(packetOf("\r\n--" + std::string(kPictureBoundary) + "\r\n"));
-    m_stream.put(std::move(frame));
+    if (m_twoQualities) {
+        put(m_picture.lowJpeg(), true);
+    }
+    put(std::move(picture), false);
     ++m_number;
     m_now.seconds = static_cast<double>(m_number) / m_fps;
     tell();
@@ -78,6 +81,16 @@ long long TestSource::handle_passive_input() {
         restartClock();
     }
     return static_cast<long long>((m_number - m_base) * kSecond_us / m_fps);
+}
+
+void TestSource::put(std::vector<uint8_t>&& picture, bool low) {
+    Frame frame;
+    frame.channel = low ? Ladder::kLowChannel : Ladder::kHighChannel;
+    frame.entry = !low;  // every picture stands for itself
+    frame.packets.push_back(packetOf(partHead(m_number, picture)));
+    frame.packets.push_back(std::make_unique<DataPacket>(std::move(picture)));
+    frame.packets.push_back(packetOf("\r\n--" + std::string(kPictureBoundary) + "\r\n"));
+    m_stream.put(std::move(frame));
 }
 
 }  // namespace relay

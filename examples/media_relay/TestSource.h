@@ -1,6 +1,7 @@
 // TestSource: the test picture as motion JPEG, in real time.
 #pragma once
 
+#include "media_relay/Options.h"
 #include "media_relay/Source.h"
 #include "media_relay/TestPicture.h"
 
@@ -14,17 +15,19 @@ constexpr char kPictureBoundary[] = "picture";
 /// `X-Sum`), so that a client can prove what it got.
 class TestSource : public Source {
 public:
-    static TestSource* Create(Roster& roster, LiveStream& stream, SourceListener& listener, unsigned width,
-                              unsigned height, unsigned fps);
+    static TestSource* Create(Roster& roster, LiveStream& stream, SourceListener& listener,
+                              const Options& options);
 
     long long handle_passive_input() override;
 
 private:
-    TestSource(Roster& roster, LiveStream& stream, SourceListener& listener, unsigned width, unsigned height,
-               unsigned fps);
+    TestSource(Roster& roster, LiveStream& stream, SourceListener& listener, const Options& options);
+
+    void put(std::vector<uint8_t>&& picture, bool low);
 
     TestPicture m_picture;
     const unsigned m_fps;
+    const bool m_twoQualities;
     uint64_t m_number = 0;
     uint64_t m_base = 0;  // number at which the receiver's clock began
 };

@@ -121,6 +121,7 @@ void TsDemuxer::finish(Stream& stream) {
     AccessUnit unit;
     unit.kind = stream.entry.kind;
     unit.key = isKey(stream);
+    unit.disposable = !unit.key && unit.kind == StreamKind::Video && stream.finder.isDisposable();
     unit.packets = std::move(stream.packets);
     stream.packets = std::vector<uint8_t>();
     if (unit.key) {

@@ -16,6 +16,7 @@ namespace relay {
 struct AccessUnit {
     StreamKind kind = StreamKind::Data;
     bool key = false;             // a client can begin here
+    bool disposable = false;      // no other picture needs it
     std::vector<uint8_t> tables;  // packets to be sent first; empty but for a key unit
     std::vector<uint8_t> packets;
 };

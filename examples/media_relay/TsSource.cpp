@@ -140,6 +140,7 @@ void TsSource::onUnit(AccessUnit&& unit) {
     frame.channel = static_cast<unsigned>(unit.kind);
     frame.level = levelOf(unit);
     frame.entry = unit.key;
+    frame.disposable = unit.disposable;
     if (!unit.tables.empty()) {
         frame.packets.push_back(std::make_unique<DataPacket>(std::move(unit.tables)));
     }

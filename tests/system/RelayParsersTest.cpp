@@ -229,6 +229,21 @@ TEST(KeyFrames, KnowsPicturesToBeginWith) {
     EXPECT_FALSE(isKey(Codec::Other, kIdr));
 }
 
+TEST(KeyFrames, KnowsPicturesThatNoOtherOneNeeds) {
+    const auto isDisposable = [](Codec codec, const Bytes& bytes) {
+        KeyFrameFinder finder;
+        finder.begin(codec);
+        finder.put(bytes.data(), bytes.size());
+        return finder.isDisposable();
+    };
+    EXPECT_TRUE(isDisposable(Codec::H264, {0, 0, 1, 0x01}));
+    EXPECT_FALSE(isDisposable(Codec::H264, {0, 0, 1, 0x41}));
+    EXPECT_FALSE(isDisposable(Codec::H264, {0, 0, 1, 0x67, 0, 0, 1, 0x01})) << "one can begin with it";
+    EXPECT_TRUE(isDisposable(Codec::Mpeg2, {0, 0, 1, 0, 0x00, 0x18}));
+    EXPECT_FALSE(isDisposable(Codec::Mpeg2, {0, 0, 1, 0, 0x00, 0x10}));
+    EXPECT_FALSE(isDisposable(Codec::H265, {0, 0, 1, 0x00, 1}));
+}
+
 TEST(TsDemuxer, CutsUnitsAndPutsTablesBeforeKeyFrames) {
     Collector collector;
     TsDemuxer demuxer(collector);
