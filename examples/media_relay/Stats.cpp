@@ -17,9 +17,32 @@ using Orvex::Reticor::SenderVerdict;
 
 namespace {
 
-json describe(Client& client) {
+// How a client is served when it is slow.
+std::string modeOf(const Options& options) {
+    if (options.maxLag_ms == 0) {
+        return "no limit";
+    }
+    std::string mode = (options.strictLag ? "strict " : "ahead ") + std::to_string(options.maxLag_ms) + " ms";
+    if (!options.strictLag && options.hardLag_ms != 0) {
+        mode += ", at most " + std::to_string(options.hardLag_ms) + " ms";
+    }
+    return mode + (options.disposableFirst ? ", disposable first" : "");
+}
+
+json describe(const Client::Skip& skip) {
+    if (skip.why == nullptr) {
+        return nullptr;
+    }
+    return {
+        {"why", skip.why}, {"frames", skip.frames}, {"seconds_ago", static_cast<double>(skip.ago_us) / 1e6}};
+}
+
+json describe(Client& client, const std::string& mode) {
     const Client::View view = client.view();
     return {{"number", view.number},
+            {"mode", mode + (view.low ? ", low quality" : "")},
+            {"last_skip", describe(view.lastSkip)},
+            {"left_out_frames", view.sender.thinned_frames},
             {"address", view.address},
             {"state", view.waiting   ? "waiting"
                       : view.stalled ? "stalled"
@@ -77,7 +100,7 @@ nlohmann::json Relay::describeEnded() {
 std::string Relay::json() {
     nlohmann::json clients = nlohmann::json::array();
     for (const auto& client : clientsBySuffering()) {
-        clients.push_back(describe(*client));
+        clients.push_back(describe(*client, modeOf(m_options)));
     }
     const nlohmann::json ended = describeEnded();
     const LiveStream::Totals totals = m_stream.totals();

@@ -253,7 +253,29 @@ TEST(Relay, GivesASlowClientWholePicturesAndFewer) {
     const auto& slowStats = stats["clients"][slowIsFirst ? 0 : 1];  // whoever joins first is first
     EXPECT_GE(slowStats["dropped_frames"], 15);
     EXPECT_GE(slowStats["skips"], 1);
+    EXPECT_EQ("ahead 200 ms", slowStats["mode"]);
+    EXPECT_EQ("late: went on at a newer key frame", slowStats["last_skip"]["why"]);
+    EXPECT_GE(slowStats["last_skip"]["frames"], 1);
+    EXPECT_TRUE(stats["clients"][slowIsFirst ? 1 : 0]["last_skip"].is_null());
     EXPECT_LE(stats["buffer"]["frames"], 102);  // a picture lives for a hundred ticks
+    EXPECT_EQ(0, relay.end());
+}
+
+TEST(Relay, GivesASlowClientTheLowQualityUntilItKeepsUp) {
+    RelayProgram relay({"--fps", "100", "--two-qualities", "--max-lag", "400", "--sndbuf", "8192"});
+    Viewer viewer(relay, "/live.mjpg", 4096);
+    MultipartReader reader;
+    readFrames(viewer, reader, 1);
+    const auto mode = [&] { return std::string(relay.stats()["clients"][0]["mode"]); };
+    EXPECT_EQ("ahead 400 ms", mode());
+    ASSERT_EVENTUALLY(relay.stats()["clients"][0]["lag_ms"] > 250);
+    while (mode() != "ahead 400 ms, low quality" && !HasFailure()) {
+        readFrames(viewer, reader, reader.frames() + 1, 4096);
+    }
+    while (mode() == "ahead 400 ms, low quality" && !HasFailure()) {
+        readFrames(viewer, reader, reader.frames() + 20);
+    }
+    EXPECT_TRUE(reader.isGood()) << "whole pictures, each of them in one quality";
     EXPECT_EQ(0, relay.end());
 }
 
@@ -314,6 +336,23 @@ TEST(Relay, BeginsATransportStreamWithTablesAndAKeyFrame) {
     EXPECT_EQ(0x100U, pidOf(picture));
     EXPECT_NE(0, picture[1] & 0x40) << "no unit start";
     EXPECT_NE(0, picture[5] & 0x40) << "no random access";
+    EXPECT_EQ(0, relay.end());
+}
+
+// There is one key frame, and it has gone when the viewer comes.
+TEST(Relay, BeginsWithTheLastKeyFrameIfAskedTo) {
+    const TempFolder folder;
+    const std::string file = makeStream(folder, "libx264", 8, 250, false, "160x120");
+    RelayProgram relay({"--input", file, "--start", "burst"});
+    ASSERT_EVENTUALLY(relay.stats()["input"]["frames"] > 2);
+    Viewer viewer(relay, "/live.ts");
+    while (viewer.receiveLine() != "\r" && !viewer.wasClosed()) {
+    }
+    viewer.receive(2 * kPacket);
+    const std::string picture = viewer.receive(kPacket);
+    ASSERT_EQ(kPacket, picture.size());
+    EXPECT_NE(0, picture[5] & 0x40) << "no random access";
+    EXPECT_EQ(1, relay.stats()["input"]["key_frames"]);
     EXPECT_EQ(0, relay.end());
 }
 
@@ -387,6 +426,9 @@ TEST(Relay, RefusesOptionsThatMakeNoSense) {
         EXPECT_NE(1, result) << target;  // not for the missing file
     }
     runToEnd({"--size", "641x360"}, result);
+    EXPECT_NE(0, result);
+    EXPECT_NE(runToEnd({"--start", "burst", "--max-lag", "0"}, result).find("need a --max-lag"),
+              std::string::npos);
     EXPECT_NE(0, result);
 }
 
