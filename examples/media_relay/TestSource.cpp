@@ -54,8 +54,7 @@ TestSource* TestSource::Create(Roster& roster, LiveStream& stream, SourceListene
     return new TestSource(roster, stream, listener, options);
 }
 
-TestSource::TestSource(Roster& roster, LiveStream& stream, SourceListener& listener,
-                       const Options& options)
+TestSource::TestSource(Roster& roster, LiveStream& stream, SourceListener& listener, const Options& options)
     : Source(roster, stream, listener),
       m_picture(options.width, options.height),
       m_fps(options.fps),
