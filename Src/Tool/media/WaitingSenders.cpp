@@ -116,8 +116,11 @@ void WaitingSenders::look_at(CFrame& frame) {
     uint64_t again_us = NEVER;
     for (SenderRecord* record = frame.m_standing; record != nullptr;) {
         SenderRecord* const next = record->m_standing_next;
-        if (record->m_room.m_parked && record->m_list == &m_core && record->at_boundary() &&
-            record->has_policy()) {
+        const bool looks = record->m_room.m_parked && record->m_list == &m_core && record->at_boundary() &&
+                           record->has_policy();
+        if (looks && record->m_other.waits()) {
+            again_us = now_us;  // That goes first, and no frame is chosen before it has.
+        } else if (looks) {
             const uint64_t late_us = late_from(*record, frame);
             const uint64_t hard_us =
                 record->hard_lag_us() != 0 ? frame.m_complete_us + record->hard_lag_us() : NEVER;

@@ -1,0 +1,71 @@
+// Ladder: which of two qualities a client of media_relay gets.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "media_relay/Ladder.h"
+
+namespace {
+
+using Orvex::Reticor::MediaOffer;
+using Orvex::Reticor::MediaVerdict;
+using relay::Ladder;
+
+class RelayLadder : public ::testing::Test {
+protected:
+    // A picture that is asked about `age_ms` late. What is sent of it: 'h', 'l', both or nothing.
+    std::string sent(unsigned age_ms, bool key = true) {
+        std::string found;
+        for (const unsigned channel : {Ladder::kLowChannel, Ladder::kHighChannel}) {
+            MediaOffer offer;
+            offer.channel = static_cast<int>(channel);
+            offer.key = key;
+            offer.age_us = uint64_t{age_ms} * 1000;
+            if (ladder.choose(offer) == MediaVerdict::SEND) {
+                found += channel == Ladder::kLowChannel ? 'l' : 'h';
+            }
+        }
+        return found;
+    }
+    // How many prompt pictures come low before the first high one.
+    int lowOnes() {
+        int count = 0;
+        while (sent(0) == "l" && count < 1000) {
+            ++count;
+        }
+        return count;
+    }
+
+    Ladder ladder{400};
+};
+
+TEST_F(RelayLadder, BeginsHighAndStaysThereUpToTheLimit) {
+    EXPECT_EQ("h", sent(0));
+    EXPECT_EQ("h", sent(400));
+    EXPECT_FALSE(ladder.isLow());
+}
+
+TEST_F(RelayLadder, GoesDownAtAKeyFrameThatIsLate) {
+    EXPECT_EQ("h", sent(401, false)) << "not in the middle of a group";
+    EXPECT_EQ("l", sent(401));
+    EXPECT_TRUE(ladder.isLow());
+}
+
+TEST_F(RelayLadder, GoesDownAfterMissedPictures) {
+    ladder.missed();
+    EXPECT_EQ("l", sent(0));
+}
+
+TEST_F(RelayLadder, GoesUpWhenItHasKeptUpForAWhileAndNotBefore) {
+    EXPECT_EQ("l", sent(401));
+    EXPECT_EQ(49, lowOnes());
+    EXPECT_FALSE(ladder.isLow());
+    EXPECT_EQ("l", sent(401));
+    for (int i = 0; i < 48; ++i) {
+        EXPECT_EQ("l", sent(0));
+    }
+    EXPECT_EQ("l", sent(100)) << "half late: it begins to count anew";
+    EXPECT_EQ(49, lowOnes());
+}
+
+}  // namespace
