@@ -168,6 +168,7 @@ TEST(Relay, RefusesOneClientTooMany) {
 TEST(Relay, DropsAStalledClientAndHurtsNobodyElse) {
     RelayProgram relay({"--fps", "50", "--stall-timeout", "1", "--sndbuf", "8192"});
     const Viewer stalled(relay, "/live.mjpg", 4096);
+    ASSERT_EVENTUALLY(relay.stats()["clients"].size() == 1U);  // which has the number 1
     Viewer fast(relay, "/live.mjpg", 1 << 22);
     MultipartReader reader;
     bool shown = false;

@@ -37,6 +37,8 @@ public:
         const unsigned bit = 1U << channel;
         return (m_all_keys & bit) != 0 && (m_predicting & mask & ~bit) != 0;
     }
+    /// Another number whenever other channels follow or predict.
+    unsigned roles() const { return m_all_keys << CHANNELS | m_predicting; }
     /// The channels of the mask whose frames refer to each other.
     uint8_t predicting(uint8_t mask) const { return static_cast<uint8_t>(m_predicting & mask); }
     /// Forgets all frames; the level stays.

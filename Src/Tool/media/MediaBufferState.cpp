@@ -189,9 +189,7 @@ void MediaBufferState::complete() {
     }
     m_send_ready = true;
     m_frames.offer();
-    if (m_frames.current()->is_key()) {
-        m_waiting.note_key_frame();
-    }
+    m_waiting.note_offer(m_frames.current()->is_key(), m_core->m_channels.roles());
     call_movers();
 }
 

@@ -107,10 +107,10 @@ void WaitingSenders::step_late_ahead() {
     }
 }
 
-// What is found is good until the next one becomes late, or a new key frame comes.
+// What is found is good until the next one becomes late, or such an offer comes.
 void WaitingSenders::look_at(CFrame& frame) {
     const uint64_t now_us = m_core.now();
-    if (frame.m_standing == nullptr || !frame.is_to_be_looked_at(now_us, m_key_frames)) {
+    if (frame.m_standing == nullptr || !frame.is_to_be_looked_at(now_us, m_news)) {
         return;
     }
     uint64_t again_us = NEVER;
@@ -142,7 +142,7 @@ void WaitingSenders::look_at(CFrame& frame) {
         }
         record = next;
     }
-    frame.looked_late(again_us, m_key_frames);
+    frame.looked_late(again_us, m_news);
 }
 
 }  // namespace Orvex::Reticor

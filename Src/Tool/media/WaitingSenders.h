@@ -15,7 +15,7 @@ namespace Orvex::Reticor {
 /// - whoever has lost his place goes on trying at each step, as senders do that do not wait;
 /// - whoever stands at the beginning of a frame that has become too old for its resume policy is stepped
 ///   ahead without a write. A step looks at the frames that are late, and at a sender once when its frame
-///   becomes late and once for each new key frame;
+///   becomes late, and once for each new key frame, or when channels begin or cease to follow others;
 /// - whoever lost his frame to the bounds of memory is offered the next ones again.
 class WaitingSenders {
 public:
@@ -35,8 +35,12 @@ public:
     /// A sender among those that are parked does not wait any more, or stands at no frame: the next step
     /// has it among the others.
     void note_idle() INFRA_REQUIRES(CORE_MUTEX) { m_core.note_idle(); }
-    /// A new key frame is on offer: those that are late may step ahead to it.
-    void note_key_frame() INFRA_REQUIRES(CORE_MUTEX) { ++m_key_frames; }
+    /// A frame is on offer. Those that are late may step ahead to a key frame, or because their channel does
+    /// not follow another one any more.
+    void note_offer(bool key, unsigned roles) INFRA_REQUIRES(CORE_MUTEX) {
+        m_news += key || roles != m_roles ? 1 : 0;
+        m_roles = roles;
+    }
 
 private:
     void give_up_lost() INFRA_REQUIRES(CORE_MUTEX);
@@ -52,7 +56,8 @@ private:
     SenderLine& m_senders;
     FrameLine& m_frames;
     uint32_t m_losses INFRA_GUARDED_BY(CORE_MUTEX) = RoomLosses::count();  ///< As of the last look.
-    uint64_t m_key_frames INFRA_GUARDED_BY(CORE_MUTEX) = 0;
+    uint64_t m_news INFRA_GUARDED_BY(CORE_MUTEX) = 0;   ///< Offers that can change what is late.
+    unsigned m_roles INFRA_GUARDED_BY(CORE_MUTEX) = 0;  ///< As of the last offer.
     /// The least age at which a frame is late for one of those that are parked; NEVER while there is none.
     uint64_t m_least_lag_us INFRA_GUARDED_BY(CORE_MUTEX) = NEVER;
 };
