@@ -35,8 +35,14 @@ void WaitingSenders::look_after() {
     }
     if (m_senders.first_parked() == nullptr) {
         m_least_lag_us = NEVER;
-    } else if (m_least_lag_us != NEVER) {
-        step_late_ahead();
+        m_some_begin = false;
+    } else {
+        // Whoever is to begin anew begins at the newest key frame, late or not.
+        const bool all = m_some_begin && m_looked_news != m_news;
+        m_looked_news = m_news;
+        if (all || m_least_lag_us != NEVER) {
+            step_late_ahead(all ? 0 : m_least_lag_us);
+        }
     }
 }
 
@@ -86,21 +92,26 @@ void WaitingSenders::expect_late(SenderRecord& record) {
             least_us = std::min(least_us, record.hard_lag_us());
         }
         m_least_lag_us = std::min(m_least_lag_us, least_us);
+        m_some_begin = m_some_begin || begins_anew(record, *record.m_frame);
     }
 }
 
+bool WaitingSenders::begins_anew(const SenderRecord& record, const CFrame& frame) {
+    return frame.is_key() && record.misses_needed(frame);
+}
+
 // Frames are in the order of their time, so the walks end at the first one that is young.
-void WaitingSenders::step_late_ahead() {
+void WaitingSenders::step_late_ahead(uint64_t least_age_us) {
     const uint64_t now_us = m_core.now();
     for (CFrame* frame = m_frames.head(); frame != nullptr && frame->m_frame_len >= 1;
          frame = frame->m_next) {
-        if (frame->is_filling() || now_us <= frame->m_complete_us + m_least_lag_us) {
+        if (frame->is_filling() || now_us < frame->m_complete_us + least_age_us) {
             break;
         }
         look_at(*frame);
     }
     for (CFrame* frame = m_frames.first_kept(); frame != nullptr; frame = frame->m_kept_next) {
-        if (now_us <= frame->m_complete_us + m_least_lag_us) {
+        if (now_us < frame->m_complete_us + least_age_us) {
             break;
         }
         look_at(*frame);
@@ -124,7 +135,7 @@ void WaitingSenders::look_at(CFrame& frame) {
             const uint64_t late_us = late_from(*record, frame);
             const uint64_t hard_us =
                 record->hard_lag_us() != 0 ? frame.m_complete_us + record->hard_lag_us() : NEVER;
-            const bool late = now_us > late_us || now_us > hard_us;
+            const bool late = now_us > late_us || now_us > hard_us || begins_anew(*record, frame);
             if (late && MediaSending(*record).step_ahead()) {
                 record->m_room.count_step_ahead();
                 if (record->m_frame == nullptr) {

@@ -14,8 +14,9 @@ namespace Orvex::Reticor {
 ///
 /// - whoever has lost his place goes on trying at each step, as senders do that do not wait;
 /// - whoever stands at the beginning of a frame that has become too old for its resume policy is stepped
-///   ahead without a write. A step looks at the frames that are late, and at a sender once when its frame
-///   becomes late, and once for each new key frame, or when channels begin or cease to follow others;
+///   ahead without a write, and so is whoever begins anew there when a newer key frame comes. A step looks at
+///   the frames that are late, and at a sender once when its frame becomes late, and once for each new key
+///   frame, or when channels begin or cease to follow others;
 /// - whoever lost his frame to the bounds of memory is offered the next ones again.
 class WaitingSenders {
 public:
@@ -45,9 +46,10 @@ public:
 private:
     void give_up_lost() INFRA_REQUIRES(CORE_MUTEX);
     void unpark_idle() INFRA_REQUIRES(CORE_MUTEX);
-    void step_late_ahead() INFRA_REQUIRES(CORE_MUTEX);
+    void step_late_ahead(uint64_t least_age_us) INFRA_REQUIRES(CORE_MUTEX);
     void look_at(CFrame& frame) INFRA_REQUIRES(CORE_MUTEX);
     static uint64_t late_from(const SenderRecord& record, const CFrame& frame) INFRA_REQUIRES(CORE_MUTEX);
+    static bool begins_anew(const SenderRecord& record, const CFrame& frame) INFRA_REQUIRES(CORE_MUTEX);
     void expect_late(SenderRecord& record) INFRA_REQUIRES(CORE_MUTEX);
 
     static constexpr uint64_t NEVER = ~uint64_t{0};
@@ -56,7 +58,10 @@ private:
     SenderLine& m_senders;
     FrameLine& m_frames;
     uint32_t m_losses INFRA_GUARDED_BY(CORE_MUTEX) = RoomLosses::count();  ///< As of the last look.
-    uint64_t m_news INFRA_GUARDED_BY(CORE_MUTEX) = 0;   ///< Offers that can change what is late.
+    uint64_t m_news INFRA_GUARDED_BY(CORE_MUTEX) = 0;         ///< Offers that can change what is late.
+    uint64_t m_looked_news INFRA_GUARDED_BY(CORE_MUTEX) = 0;  ///< As of the last look.
+    /// Some that are parked may stand at a key frame with which they begin anew.
+    bool m_some_begin INFRA_GUARDED_BY(CORE_MUTEX) = false;
     unsigned m_roles INFRA_GUARDED_BY(CORE_MUTEX) = 0;  ///< As of the last offer.
     /// The least age at which a frame is late for one of those that are parked; NEVER while there is none.
     uint64_t m_least_lag_us INFRA_GUARDED_BY(CORE_MUTEX) = NEVER;
