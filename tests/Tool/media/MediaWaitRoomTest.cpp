@@ -16,7 +16,20 @@ namespace Orvex::Testing {
 
 using namespace Reticor;
 
-using MediaWaitRoom = RoomStand;
+class MediaWaitRoom : public RoomStand {
+protected:
+    // One with a limit of a second that stands, without a byte of it written, at a frame that is no key frame.
+    MediaClient& lateClient(const HandClock&, MediaResume mode) {
+        MediaClient& made = waitingClient();
+        made.sender->SetResumePolicy(1000, mode);
+        put(10, 1, 5);
+        made.sock.setRoom(10);
+        put(10, 1, 5);
+        put(10, 1, 5);  // finds it full, and is not begun
+        made.sock.clearCalls();
+        return made;
+    }
+};
 
 TEST_F(MediaWaitRoom, AFullSocketIsNotTriedByFramesNorByTicks) {
     MediaClient& slow = fullClient();
@@ -379,13 +392,7 @@ TEST_F(MediaWaitRoom, AFullDatagramSocketIsTriedOnce) {
 
 TEST_F(MediaWaitRoom, AFrameThatIsLateIsLeftWithoutAWrite) {
     HandClock clock;
-    MediaClient& slow = waitingClient();
-    slow.sender->SetResumePolicy(1000);
-    put(10, 1, 5);
-    slow.sock.setRoom(10);
-    put(10, 1, 5);
-    put(10, 1, 5);  // finds it full, and is not begun
-    slow.sock.clearCalls();
+    MediaClient& slow = lateClient(clock, MediaResume::AHEAD);
     const std::string before = slow.sock.wire();
     tick();
     clock.advanceUs(1100000);
@@ -396,6 +403,55 @@ TEST_F(MediaWaitRoom, AFrameThatIsLateIsLeftWithoutAWrite) {
     slow.sock.setRoom(ShapedStream::UNLIMITED);
     haveRoom();
     EXPECT_EQ(before + key, slow.sock.wire());
+}
+
+// It stands still until that has gone, as one that tries does: the frames that come meanwhile are not lost.
+TEST_F(MediaWaitRoom, OtherDataGoesBeforeAStepAhead) {
+    HandClock clock;
+    MediaClient& slow = lateClient(clock, MediaResume::STRICT);
+    slow.sender->SendOtherData("#", 1);
+    const std::string before = slow.sock.wire();
+    clock.advanceUs(1100000);
+    put(10, 1, 5);
+    EXPECT_EQ(0U, roomStats(slow).steps_ahead);
+    const std::string key = put(10, 1, 1);
+    slow.sock.setRoom(ShapedStream::UNLIMITED);
+    haveRoom();
+    EXPECT_EQ(before + "#" + key, slow.sock.wire());
+}
+
+// Whoever begins anew at a key frame begins at the newest one, late or not.
+TEST_F(MediaWaitRoom, AfterAGapItGoesOnToEachNewKeyFrameWithoutAWrite) {
+    HandClock clock;
+    MediaClient& slow = lateClient(clock, MediaResume::AHEAD);
+    clock.advanceUs(1100000);
+    put(10, 1, 1);
+    EXPECT_EQ(1U, roomStats(slow).steps_ahead);
+    put(10, 1, 1);
+    EXPECT_EQ(2U, roomStats(slow).steps_ahead);
+    tick();
+    EXPECT_EQ(1U, buffer->GetStats().kept_frames);
+    EXPECT_TRUE(slow.sock.calls().empty());
+}
+
+// A channel of key frames that follows another one is never late; one that does not follow any more is.
+TEST_F(MediaWaitRoom, ItStepsAheadWhenItsChannelCeasesToFollow) {
+    HandClock clock;
+    MediaClient& slow = waitingClient();
+    slow.sender->SetResumePolicy(1000);
+    put(10, 1, 5, 0);
+    put(10, 1, 1, 1);
+    put(10, 1, 1, 1);
+    slow.sock.setRoom(0);
+    put(10, 1, 1, 1);
+    slow.sock.clearCalls();
+    put(10, 1, 1, 1);
+    clock.advanceUs(1100000);
+    put(10, 1, 5, 0);
+    EXPECT_EQ(0U, roomStats(slow).steps_ahead);
+    put(10, 1, 5, 1);
+    EXPECT_EQ(1U, roomStats(slow).steps_ahead);
+    EXPECT_TRUE(slow.sock.calls().empty());
 }
 
 TEST_F(MediaWaitRoom, AStrictOneThatCaughtUpTakesTheNextKeyFrameWithoutAWrite) {
