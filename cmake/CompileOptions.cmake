@@ -73,13 +73,16 @@ function(reticor_program name)
   set_target_properties(${name} PROPERTIES CXX_EXTENSIONS OFF)
 endfunction()
 
-# A program for users, which reads foreign bytes (example, tool): hardened as the libraries are, all of it with canaries,
-# since its own work is small beside theirs. Position-independent by these words and not by the property, which would give
+# A program for users, which reads foreign bytes (example, tool): hardened as the libraries are, every function of it with a
+# canary, since its own work is small beside theirs. Position-independent by these words and not by the property, which would give
 # precompiled headers, an object library, other ones.
 function(reticor_hardened_program name)
   reticor_program(${name})
-  target_link_libraries(${name} PRIVATE reticor_hardening reticor_guards)
+  target_link_libraries(${name} PRIVATE reticor_hardening)
   target_compile_options(${name} PRIVATE -fPIE)
+  if(NOT RETICOR_SANITIZE)
+    target_compile_options(${name} PRIVATE -fstack-protector-all)
+  endif()
   target_link_options(${name} PRIVATE -pie -Wl,-z,relro,-z,now)
 endfunction()
 

@@ -336,11 +336,12 @@ protected:
 };
 
 TEST_F(MediaFilterModel, AnswersAreKeptWhateverTheSocketTakes) {
-    for (int round = 0; round < 30 && !HasFailure(); ++round) {
+    constexpr uint64_t ENOUGH = 30;  // Some seeds need more rounds for it.
+    for (int round = 0; (round < 30 || (stepped <= ENOUGH && round < 300)) && !HasFailure(); ++round) {
         run(static_cast<FilterMode>(round % 3), round % 5 == 0);
     }
     EXPECT_GT(kept_back, 300U);
-    EXPECT_GT(stepped, 0U);  // How many depends on the seed: a dozen and more.
+    EXPECT_GT(stepped, ENOUGH);
 }
 
 }  // namespace Orvex::Testing
