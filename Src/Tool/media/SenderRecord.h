@@ -222,7 +222,7 @@ struct SenderRecord : SenderHotState {
     bool starts_with(const CFrame& frame) const INFRA_REQUIRES(CORE_MUTEX);
     /// It began with the cache, and stands at a frame that was held then: its turns are those of StartShares.
     bool catches_up() const INFRA_REQUIRES(CORE_MUTEX) {
-        return m_start.m_runs && m_keeps && m_frame != nullptr && m_frame != m_tail &&
+        return m_keeps && m_start.m_runs && m_frame != nullptr && m_frame != m_tail &&
                m_frame->m_kept_number < m_start.m_newest;
     }
     /// The frame is not for it: its bytes count as passed.
