@@ -15,17 +15,17 @@ FrameDecision FrameChoice::ahead(const SenderRecord& record, const CFrame& frame
     static const ChannelBook NOTHING_KNOWN;
     const ChannelBook& book = record.m_list != nullptr ? record.m_list->m_channels : NOTHING_KNOWN;
     const int channel = frame.channel();
-    const AheadCourse& course = record.m_ahead[channel];
+    const AheadCourse& course = record.m_courses.ahead(channel);
     AheadQuestion question;
     question.age_us = now_us - frame.m_complete_us;
     question.key = frame.is_key();
     question.newer_key = book.has_newer_key(frame);
     question.follows = book.follows(channel, Infra::relaxedLoad(record.m_channel_mask));
-    question.gap = record.misses_needed(frame);
+    question.gap = record.m_courses.misses_needed(frame);
     question.waits = (record.m_lost_mask & frame.channel_bit()) != 0;
     if (frame.m_disposable) {
         question.disposable = true;
-        const int lost_level = record.misses_any(frame) ? book.disposable_level() : 0;
+        const int lost_level = record.m_courses.misses_any(frame) ? book.disposable_level() : 0;
         question.refers =
             course.may_refer_to_left(frame.level()) || (lost_level != 0 && frame.level() > lost_level);
         question.key_took_us = course.key_took_us();

@@ -51,7 +51,7 @@ bool FrameGather::collect(const SenderRecord& record) {
     }
     Ordinals last;
     for (size_t channel = 0; channel < last.size(); ++channel) {
-        last[channel] = record.m_course[channel].m_last_ordinal;
+        last[channel] = record.m_courses.last_ordinal(static_cast<int>(channel));
     }
     last[static_cast<size_t>(first.channel())] = first.m_ordinal;
     for (CFrame* frame = after(record, first); frame != nullptr; frame = after(record, *frame)) {

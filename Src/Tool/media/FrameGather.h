@@ -38,7 +38,7 @@ public:
 
 private:
     /// Of the last frame on each channel.
-    using Ordinals = std::array<uint64_t, SenderHotState::CHANNELS>;
+    using Ordinals = std::array<uint64_t, SenderCourses::CHANNELS>;
     enum class Next { TAKE, PASS, STOP };
 
     bool add(CFrame& frame, size_t index, int32_t offset);

@@ -247,9 +247,11 @@ std::optional<uint64_t> MediaBufferState::give_turns() {
             record = record->m_next;
             continue;
         }
-        const bool catches_up = record->catches_up();
-        some_catch_up = some_catch_up || catches_up;
-        const bool waits = place == Place::ELSEWHERE || catches_up;
+        bool waits = place == Place::ELSEWHERE;
+        if (record->catches_up()) {
+            some_catch_up = true;
+            waits = true;
+        }
         const TurnEnd end = waits ? TurnEnd::DONE : give_turn(*record, offered);
         if (place == Place::REST) {
             record->stay_out();

@@ -102,14 +102,14 @@ MediaSending::Progress MediaSending::choose_frame(CSock& stream, CFrame* frame) 
     if (m_record.m_frame != nullptr || frame == nullptr || frame->m_frame_len == 0) {
         CFrame* const next = next_frame(m_record.m_frame);
         m_record.change_frame(next);
-        return next != nullptr && may_begin() ? Progress::MORE : Progress::OVER;
+        return next != nullptr ? Progress::MORE : Progress::OVER;
     }
     CFrame* const chosen = is_for_it(*frame) ? frame : next_frame(frame);
     if (chosen == nullptr) {
         return Progress::OVER;
     }
     m_record.take_frame(chosen);
-    return may_begin() ? Progress::MORE : Progress::OVER;
+    return Progress::MORE;
 }
 
 MediaSending::Progress MediaSending::write_frame(CSock& stream) {
@@ -117,7 +117,10 @@ MediaSending::Progress MediaSending::write_frame(CSock& stream) {
     if (static_cast<int>(frame.m_packet_num) - m_record.m_iovec_index < 1) {
         return Progress::OVER;
     }
-    if (m_record.gathers()) {
+    if (m_record.wishes(SenderRecord::WISH_GATHER | SenderRecord::WISH_FILTER)) {
+        if (m_record.m_leaving) {
+            return Progress::OVER;  // Its filter has taken it off.
+        }
         FrameGather gather;
         if (gathers(stream, gather)) {
             return write_gathered(stream, gather);
@@ -147,10 +150,12 @@ MediaSending::Progress MediaSending::note_failed() {
 
 // Several frames in one write.
 
-// A datagram is one frame. What a sender that comes back has to end first is no frame of the list.
+// A datagram is one frame, and a filter is asked frame by frame. What a sender that comes back has to end
+// first is no frame of the list.
 bool MediaSending::gathers(CSock& stream, FrameGather& gather) {
-    return stream.GetType() != SOCK_TYPE_DGRAM && !m_record.m_other.waits() && !m_record.m_cut &&
-           !m_record.m_start.m_runs && m_record.m_frame != m_record.m_tail && gather.collect(m_record);
+    return !m_record.wishes(SenderRecord::WISH_FILTER) && stream.GetType() != SOCK_TYPE_DGRAM &&
+           !m_record.m_other.waits() && !m_record.m_cut && !m_record.m_start.m_runs &&
+           m_record.m_frame != m_record.m_tail && gather.collect(m_record);
 }
 
 // The frames are credited one after another. A procedure may take the sender off meanwhile, but all that was
@@ -220,11 +225,7 @@ MediaSending::Progress MediaSending::go_on_after_frames(CSock& stream) {
     return Progress::MORE;
 }
 
-// The usual case, nothing waits, costs no lock.
-bool MediaSending::other_data_waits(CSock& stream) {
-    if (!m_record.m_other.waits()) {
-        return false;
-    }
+bool MediaSending::send_other_data(CSock& stream) {
     const OtherData::Sent sent = m_record.m_other.send(SocketWriter(stream));
     if (sent.written == 0) {
         m_record.note_blocked();

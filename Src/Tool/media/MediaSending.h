@@ -63,7 +63,12 @@ private:
     Progress note_nothing_written() INFRA_REQUIRES(CORE_MUTEX);
     Progress go_on_after_frames(CSock& stream) INFRA_REQUIRES(CORE_MUTEX);
     Progress finish_frame(CSock& stream) INFRA_REQUIRES(CORE_MUTEX);
-    bool other_data_waits(CSock& stream) INFRA_REQUIRES(CORE_MUTEX);
+    /// The usual case, nothing waits, costs no call and no lock.
+    bool other_data_waits(CSock& stream) INFRA_REQUIRES(CORE_MUTEX) {
+        return m_record.m_other.waits() && send_other_data(stream);
+    }
+    /// True if some is left.
+    __attribute__((noinline)) bool send_other_data(CSock& stream) INFRA_REQUIRES(CORE_MUTEX);
     Progress over(TurnEnd end) {
         m_end = end;
         return Progress::OVER;
@@ -78,10 +83,6 @@ private:
     }
     // Apart from what senders without a filter go through.
     __attribute__((noinline)) bool passes_filter(const CFrame& frame) INFRA_REQUIRES(CORE_MUTEX);
-    /// Whether a frame of its choice may be begun: its filter may have taken the sender off.
-    bool may_begin() const INFRA_REQUIRES(CORE_MUTEX) {
-        return !m_record.wishes(SenderRecord::WISH_FILTER) || !m_record.m_leaving;
-    }
 
     SenderRecord& m_record;
     TurnEnd m_end = TurnEnd::DONE;

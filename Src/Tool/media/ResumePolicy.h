@@ -13,8 +13,7 @@ public:
     static FrameDecision decide(const SenderRecord& record, const CFrame& frame, uint64_t now_us)
         INFRA_REQUIRES(CORE_MUTEX) {
         const bool late = now_us > frame.m_complete_us + record.max_lag_us();
-        const bool follows = frame.m_ordinal == record.m_course[frame.channel()].m_last_ordinal + 1;
-        if (!late && follows && (record.m_lost_mask & frame.channel_bit()) == 0) {
+        if (!late && record.m_courses.follows(frame) && (record.m_lost_mask & frame.channel_bit()) == 0) {
             return {true, false};
         }
         const bool resumes = !late && frame.is_key();

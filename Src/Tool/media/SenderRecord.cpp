@@ -165,12 +165,7 @@ void SenderRecord::lose_rest() {
 }
 
 void SenderRecord::forget_order() {
-    for (Course& course : m_course) {
-        course = Course();
-    }
-    for (AheadCourse& course : m_ahead) {
-        course = AheadCourse();
-    }
+    m_courses.forget();
     m_filter.forget_order();
 }
 
@@ -272,52 +267,34 @@ void SenderRecord::step_over(const CFrame& frame) {
         m_lost_mask = static_cast<uint8_t>(m_lost_mask | bit);
     }
     m_send_total += static_cast<uint64_t>(frame.m_frame_len);
-    Course& course = m_course[frame.channel()];
     if ((Infra::relaxedLoad(m_channel_mask) & bit) == 0) {
-        course.m_last_ordinal = 0;
+        m_courses.pass_unwanted(frame);
     } else if (!pass_withheld(frame)) {
-        ++course.m_stepped_frames;
-        course.m_stepped_bytes += static_cast<uint64_t>(frame.m_frame_len);
+        m_courses.step_over(frame);
     }
 }
 
-// It is as if the frame had not been: the numbers of those before it move on by one, so that a gap among them
-// stays a gap. What a channel waits for is not told by them.
 bool SenderRecord::pass_withheld(const CFrame& frame) {
     if (!wishes(WISH_FILTER) || !m_filter.withholds(frame)) {
         return false;
     }
     m_filter.count(frame);
-    Course& course = m_course[frame.channel()];
-    if (course.m_last_ordinal != 0) {
-        ++course.m_last_ordinal;
-        course.m_end += static_cast<uint64_t>(frame.m_frame_len);
-    }
-    m_ahead[frame.channel()].pass_needless(frame);
+    m_courses.pass_needless(frame);
     return true;
 }
 
-void SenderRecord::count_gap(Course& course) {
-    const CFrame& frame = *m_frame;
-    const uint64_t stepped_frames = std::exchange(course.m_stepped_frames, 0);
-    const uint64_t stepped_bytes = std::exchange(course.m_stepped_bytes, 0);
-    AheadCourse& ahead = m_ahead[frame.channel()];
-    const Thinning::Sum left = ahead.take_left_out();
-    if (course.m_last_ordinal == 0 || frame.m_ordinal <= course.m_last_ordinal) {
-        return;  // It begins with this channel: what came before was never meant for it.
-    }
-    const uint64_t frames = frame.m_ordinal - course.m_last_ordinal - 1 - left.frames;
-    const uint64_t bytes = frame.m_channel_begin - course.m_end - left.bytes;
-    m_stats.skipped_frames += stepped_frames;
-    m_stats.skipped_bytes += stepped_bytes;
-    if (frames > stepped_frames) {
+void SenderRecord::count_gap() {
+    const SenderCourses::Missed missed = m_courses.take_missed(*m_frame);
+    m_stats.skipped_frames += missed.stepped.frames;
+    m_stats.skipped_bytes += missed.stepped.bytes;
+    if (missed.gone.frames != 0) {
         ++m_stats.holes;
-        m_stats.hole_frames += frames - stepped_frames;
-        m_stats.hole_bytes += bytes - stepped_bytes;
+        m_stats.hole_frames += missed.gone.frames;
+        m_stats.hole_bytes += missed.gone.bytes;
     }
-    if (has_policy() && frames != 0) {
+    if (has_policy() && missed.all.frames != 0) {
         ++m_stats.skips;
-        m_notices.tell_skip(frames, bytes, false);
+        m_notices.tell_skip(missed.all.frames, missed.all.bytes, false);
     }
 }
 
@@ -393,9 +370,7 @@ void SenderRecord::begin_stall() {
         if (m_block_time == 0) {
             m_block_time = now();
         }
-        if (m_stall_floor.on()) {
-            has_stalled();  // What the peer acknowledges counts from here on.
-        }
+        look_at_floor();  // What the peer acknowledges counts from here on.
     }
 }
 
@@ -409,7 +384,10 @@ void SenderRecord::note_blocked() {
 }
 
 void SenderRecord::sum_block() {
-    m_watch->blocked_us += now() - m_block_time;
+    if (m_watch != nullptr) {
+        m_watch->blocked_us += now() - m_block_time;
+    }
+    m_block_time = 0;
 }
 
 uint64_t SenderRecord::deadline_us() const {
@@ -418,13 +396,17 @@ uint64_t SenderRecord::deadline_us() const {
 }
 
 bool SenderRecord::has_stalled() {
-    const uint64_t timeout_us = Infra::relaxedLoad(m_send_timeout) * SECOND_US;
+    const std::optional<bool> below = look_at_floor();
+    return below ? *below : now() - m_block_time >= Infra::relaxedLoad(m_send_timeout) * SECOND_US;
+}
+
+std::optional<bool> SenderRecord::look_at_floor() {
     CSock* const stream = Infra::relaxedLoad(m_stream);
     if (!m_stall_floor.on() || stream == nullptr) {
-        return now() - m_block_time >= timeout_us;
+        return std::nullopt;
     }
-    return m_stall_floor.has_stalled(m_block_time, now(), timeout_us,
-                                     StallFloor::acknowledged(*stream, m_stats.bytes));
+    return m_stall_floor.look(m_block_time, now(), Infra::relaxedLoad(m_send_timeout) * SECOND_US,
+                              StallFloor::acknowledged(*stream, m_stats.bytes));
 }
 
 void SenderRecord::note_full(uint64_t bytes_before) {
@@ -510,9 +492,7 @@ void SenderRecord::end_keeping() {
     m_keeps = false;
     m_cut = false;
     m_list->drop_keeper();
-    for (AheadCourse& course : m_ahead) {
-        course = AheadCourse();
-    }
+    m_courses.forget_ahead();
     if (m_frame == nullptr || m_frame == m_tail) {
         return;
     }
@@ -575,7 +555,7 @@ void SenderRecord::hold_no_more() {
 }
 
 void SenderRecord::begin_kept_frame() {
-    m_ahead[m_frame->channel()].begin(*m_frame);
+    m_courses.ahead(m_frame->channel()).begin(*m_frame);
     m_begun_us = now();
     const Thinning::Sum over = m_thinning.take_over(m_begun_us, max_lag_us());
     if (over.frames != 0) {
@@ -591,38 +571,23 @@ CFrame* SenderRecord::end_kept_frame() {
         frame.remove_sender();
     }
     if (frame.is_key() && !m_cut) {
-        m_ahead[frame.channel()].end_key(frame, now() - m_begun_us);
+        m_courses.ahead(frame.channel()).end_key(frame, now() - m_begun_us);
     }
     leave_ended();
     return std::exchange(m_cut, false) ? nullptr : frame.m_kept_next;
 }
 
 void SenderRecord::pass_kept(const CFrame& frame, bool leaves_out) {
-    Course& course = m_course[frame.channel()];
-    AheadCourse& ahead = m_ahead[frame.channel()];
     if ((Infra::relaxedLoad(m_channel_mask) & frame.channel_bit()) == 0) {
-        course.m_last_ordinal = 0;
-        ahead.pass_unwanted();
+        m_courses.pass_unwanted(frame);
     } else if (pass_withheld(frame)) {
         // It counts as if it had not been.
     } else if (leaves_out) {
-        ahead.leave_out(frame);
+        m_courses.leave_out(frame);
         m_thinning.leave_out(frame.m_frame_len, now());
     } else {
-        ++course.m_stepped_frames;
-        course.m_stepped_bytes += static_cast<uint64_t>(frame.m_frame_len);
+        m_courses.step_over(frame);
     }
-}
-
-bool SenderRecord::misses_needed(const CFrame& frame) const {
-    const AheadCourse& ahead = m_ahead[frame.channel()];
-    return ahead.knows_needed() ? ahead.misses_needed(frame) : misses_any(frame);
-}
-
-bool SenderRecord::misses_any(const CFrame& frame) const {
-    const Course& course = m_course[frame.channel()];
-    const AheadCourse& ahead = m_ahead[frame.channel()];
-    return frame.m_ordinal != course.m_last_ordinal + 1 + course.m_stepped_frames + ahead.left_out().frames;
 }
 
 MediaSenderStats SenderRecord::stats() {

@@ -5,14 +5,15 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 
 #include <Infra/Atomic.h>
 #include <Infra/LockClasses.h>
 #include <Infra/Mutex.h>
 #include <Infra/Time.h>
 
-#include "Tool/frame/AheadCourse.h"
 #include "Tool/frame/MediaFrame.h"
+#include "Tool/frame/SenderCourses.h"
 #include "Tool/frame/Thinning.h"
 #include "Tool/judge/SenderWatch.h"
 #include "Tool/media/RoomWait.h"
@@ -29,18 +30,9 @@ namespace Orvex::Reticor {
 
 /// What each frame touches of a sender, first and close together.
 struct alignas(64) SenderHotState {
-    static constexpr int CHANNELS = 8;
     static constexpr uint8_t ALL_CHANNELS = 255;
 
-    /// How far it has come on one channel.
-    struct Course {
-        uint64_t m_last_ordinal = 0;    ///< Of the last frame begun; 0: none since it chose the channel.
-        uint64_t m_end = 0;             ///< Where that frame ended in the bytes of its channel.
-        uint64_t m_stepped_frames = 0;  ///< Stepped over since then.
-        uint64_t m_stepped_bytes = 0;
-    };
-
-    // One cache line, and a second one up to the first two counters; each frame touches them and a Course.
+    // One cache line, and a second one up to the first two counters; each frame touches them and a course.
     uint64_t m_send_total = 0;              ///< Position in the stream; 0: not joined.
     SenderRecord* m_next = nullptr;         ///< In the buffer's list.
     CSock* m_stream = nullptr;              ///< Borrowed. Read and written without a lock.
@@ -69,7 +61,7 @@ struct alignas(64) SenderHotState {
     CFrame* m_linked = nullptr;   ///< The frame whose chain of standing senders it is in.
     MediaSenderStats m_stats;
 
-    alignas(sizeof(Course)) Course m_course[CHANNELS];  // One lies in one cache line.
+    SenderCourses m_courses;
 };
 
 /// How a sender begins with the stream of a buffer to which it has come.
@@ -122,13 +114,12 @@ struct SenderRecord : SenderHotState {
     uint64_t m_send_timeout = NO_TIMEOUT_S;    ///< s. No lock.
     uint64_t m_hard_lag_us = 0;                ///< No lock.
     SenderNotices m_notices;
-    bool m_failed = false;          ///< Taken off by a socket failure.
-    bool m_holds = false;           ///< m_linked's m_holders has this sender in it.
-    bool m_cut = false;             ///< It was paused in the middle of m_frame, which is followed by none.
-    uint64_t m_begun_us = 0;        ///< When m_frame was begun.
-    Thinning m_thinning;            ///< Frames left out.
-    AheadCourse m_ahead[CHANNELS];  ///< Of a sender that keeps frames, beside its Course.
-    SenderStart m_start;            ///< How it begins where it comes to.
+    bool m_failed = false;    ///< Taken off by a socket failure.
+    bool m_holds = false;     ///< m_linked's m_holders has this sender in it.
+    bool m_cut = false;       ///< It was paused in the middle of m_frame, which is followed by none.
+    uint64_t m_begun_us = 0;  ///< When m_frame was begun.
+    Thinning m_thinning;      ///< Frames left out.
+    SenderStart m_start;      ///< How it begins where it comes to.
     KernelLag m_kernel_lag;
     StallFloor m_stall_floor;
     bool m_starts_at_key = false;          ///< Not before the next key frame. No lock.
@@ -155,7 +146,7 @@ struct SenderRecord : SenderHotState {
             const char* const lines = reinterpret_cast<const char*>(m_next);
             __builtin_prefetch(lines, 1);
             __builtin_prefetch(lines + 64, 1);
-            __builtin_prefetch(m_next->m_course, 1);
+            __builtin_prefetch(&m_next->m_courses, 1);
         }
     }
 
@@ -171,12 +162,9 @@ struct SenderRecord : SenderHotState {
     void set_policy(unsigned max_lag_ms, MediaResume mode, unsigned hard_lag_ms);
     uint64_t hard_lag_us() const { return Infra::relaxedLoad(m_hard_lag_us); }
     void set_wish(uint8_t wish, bool on);
+    /// One of them is enough.
     bool wishes(uint8_t wish) const { return (Infra::relaxedLoad(m_wishes) & wish) != 0; }
     bool wants_keep() const { return wishes(WISH_KEEP); }
-    /// A filter is asked frame by frame.
-    bool gathers() const {
-        return (Infra::relaxedLoad(m_wishes) & (WISH_GATHER | WISH_FILTER)) == WISH_GATHER;
-    }
     uint64_t max_lag_us() const { return Infra::relaxedLoad(m_max_lag_us); }
     bool has_policy() const { return max_lag_us() != 0; }
     void choose_channel(int channel);
@@ -376,10 +364,6 @@ struct SenderRecord : SenderHotState {
     }
     /// A kept frame is not for it.
     void pass_kept(const CFrame& frame, bool leaves_out) INFRA_REQUIRES(CORE_MUTEX);
-    /// Whether a frame of its channel is missing before this one that others need; or any other one, but for
-    /// those that it has passed itself.
-    bool misses_needed(const CFrame& frame) const INFRA_REQUIRES(CORE_MUTEX);
-    bool misses_any(const CFrame& frame) const INFRA_REQUIRES(CORE_MUTEX);
 
     // Others.
 
@@ -390,12 +374,10 @@ private:
     /// The first bytes of a frame have gone out: from here on it is the last one of its channel.
     void begin_frame() INFRA_REQUIRES(CORE_MUTEX) {
         const CFrame& frame = *m_frame;
-        Course& course = m_course[frame.channel()];
-        if (frame.m_ordinal != course.m_last_ordinal + 1) {
-            count_gap(course);
+        if (!m_courses.follows(frame)) {
+            count_gap();
         }
-        course.m_last_ordinal = frame.m_ordinal;
-        course.m_end = frame.m_channel_begin + static_cast<uint64_t>(frame.m_frame_len);
+        m_courses.begin(frame);
         if (has_policy()) {
             m_send_total = frame.m_begin;
             if (m_keeps) {
@@ -404,12 +386,15 @@ private:
         }
     }
     void end_block() INFRA_REQUIRES(CORE_MUTEX) {
-        if (m_block_time != 0 && m_watch != nullptr) {
+        if (m_block_time != 0) {
             sum_block();
         }
-        m_block_time = 0;
     }
+    /// The socket was full until now.
     __attribute__((noinline)) void sum_block() INFRA_REQUIRES(CORE_MUTEX);
+    /// Takes note of what the peer has acknowledged, and tells whether it was too little for too long. No
+    /// answer without a floor.
+    std::optional<bool> look_at_floor() INFRA_REQUIRES(CORE_MUTEX);
     /// The frame is over, and the sender stands at none.
     void leave_ended() INFRA_REQUIRES(CORE_MUTEX) {
         m_iovec_index = 0;
@@ -429,7 +414,7 @@ private:
             call_procedure();
         }
     }
-    void count_gap(Course& course) INFRA_REQUIRES(CORE_MUTEX);
+    void count_gap() INFRA_REQUIRES(CORE_MUTEX);
     void pass_written(uint64_t written) INFRA_REQUIRES(CORE_MUTEX);
     void call_procedure() INFRA_REQUIRES(CORE_MUTEX);
     void relink() INFRA_REQUIRES(CORE_MUTEX);

@@ -97,7 +97,7 @@ void WaitingSenders::expect_late(SenderRecord& record) {
 }
 
 bool WaitingSenders::begins_anew(const SenderRecord& record, const CFrame& frame) {
-    return frame.is_key() && record.misses_needed(frame);
+    return frame.is_key() && record.m_courses.misses_needed(frame);
 }
 
 // Frames are in the order of their time, so the walks end at the first one that is young.

@@ -21,8 +21,7 @@ struct LongTcpInfo {
 
 }  // namespace
 
-bool StallFloor::has_stalled(uint64_t blocked_us, uint64_t now_us, uint64_t timeout_us,
-                             uint64_t acknowledged) {
+bool StallFloor::look(uint64_t blocked_us, uint64_t now_us, uint64_t timeout_us, uint64_t acknowledged) {
     if (blocked_us != m_blocked_us) {
         m_blocked_us = blocked_us;
         m_since_us = now_us;

@@ -18,9 +18,10 @@ public:
     void set_bytes(unsigned bytes) { Infra::relaxedStore(m_bytes, bytes); }
     bool on() const { return Infra::relaxedLoad(m_bytes) != 0; }
 
-    /// Whether for so long fewer bytes were acknowledged than allowed. `blocked_us`: since when the socket
+    /// Takes note of what is acknowledged by now, and tells whether for so long it was less than allowed.
+    /// `blocked_us`: since when the socket
     /// has had no room, without a whole frame between; a new time begins with that.
-    bool has_stalled(uint64_t blocked_us, uint64_t now_us, uint64_t timeout_us, uint64_t acknowledged);
+    bool look(uint64_t blocked_us, uint64_t now_us, uint64_t timeout_us, uint64_t acknowledged);
 
     /// What the peer has acknowledged, if it is a TCP socket; else what was written.
     static uint64_t acknowledged(CSock& sock, uint64_t written);

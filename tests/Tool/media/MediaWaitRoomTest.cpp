@@ -18,7 +18,8 @@ using namespace Reticor;
 
 class MediaWaitRoom : public RoomStand {
 protected:
-    // One with a limit of a second that stands, without a byte of it written, at a frame that is no key frame.
+    // One with a limit of a second that stands, without a byte of it written, at a frame that is not a key
+    // frame.
     MediaClient& lateClient(const HandClock&, MediaResume mode) {
         MediaClient& made = waitingClient();
         made.sender->SetResumePolicy(1000, mode);

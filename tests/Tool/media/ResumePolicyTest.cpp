@@ -23,7 +23,9 @@ protected:
         frame.m_ordinal = ordinal;
         frame.m_key_mask = key ? 1 : 0;
         frame.m_complete_us = COMPLETE_US;
-        record.m_course[0].m_last_ordinal = last;
+        CFrame before;
+        before.m_ordinal = last;
+        record.m_courses.begin(before);
         return ResumePolicy::decide(record, frame, COMPLETE_US + age_us);
     }
     void wait() INFRA_NO_THREAD_SAFETY_ANALYSIS { record.set_waits(CFrame(), true); }

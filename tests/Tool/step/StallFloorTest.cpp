@@ -20,8 +20,7 @@ protected:
     // not at all.
     int stalls_after(uint64_t bytes_in_a_second) {
         for (uint64_t second = 0; second < 60; ++second) {
-            if (floor.has_stalled(BLOCKED_US, now_us + second * SECOND_US, TIMEOUT_US,
-                                  second * bytes_in_a_second)) {
+            if (floor.look(BLOCKED_US, now_us + second * SECOND_US, TIMEOUT_US, second * bytes_in_a_second)) {
                 return static_cast<int>(second);
             }
         }
@@ -42,13 +41,13 @@ TEST_F(StallFloorOfASender, WhoeverTakesNothingHas) {
 
 TEST_F(StallFloorOfASender, WhoeverTricklesHas) {
     EXPECT_EQ(10, stalls_after(99));
-    EXPECT_FALSE(floor.has_stalled(BLOCKED_US + 1, 100 * SECOND_US, TIMEOUT_US, 6000)) << "a new time";
+    EXPECT_FALSE(floor.look(BLOCKED_US + 1, 100 * SECOND_US, TIMEOUT_US, 6000)) << "a new time";
 }
 
 TEST_F(StallFloorOfASender, AWriteThatBlocksAnewBeginsANewTime) {
-    EXPECT_FALSE(floor.has_stalled(BLOCKED_US, now_us, TIMEOUT_US, 0));
-    EXPECT_FALSE(floor.has_stalled(BLOCKED_US + 1, now_us + 50 * SECOND_US, TIMEOUT_US, 0));
-    EXPECT_TRUE(floor.has_stalled(BLOCKED_US + 1, now_us + 60 * SECOND_US, TIMEOUT_US, 0));
+    EXPECT_FALSE(floor.look(BLOCKED_US, now_us, TIMEOUT_US, 0));
+    EXPECT_FALSE(floor.look(BLOCKED_US + 1, now_us + 50 * SECOND_US, TIMEOUT_US, 0));
+    EXPECT_TRUE(floor.look(BLOCKED_US + 1, now_us + 60 * SECOND_US, TIMEOUT_US, 0));
 }
 
 }  // namespace
