@@ -16,6 +16,7 @@
 
 #include <gtest/gtest.h>
 
+#include <Infra/Mutex.h>
 #include <Infra/Semaphore.h>
 #include <Infra/Time.h>
 #include <Reticor/kit/Server.h>
@@ -25,6 +26,8 @@
 #include "support/program/TcpClient.h"
 
 using namespace Orvex::Testing;
+using Orvex::Infra::CGuard;
+using Orvex::Infra::CMutex;
 using Orvex::Infra::CSemaphore;
 using Orvex::Infra::CTime;
 namespace Kit = Orvex::Reticor::Kit;
@@ -97,9 +100,18 @@ protected:
             [this, token = m_live.token()](Connection& connection, ConnectResult result, int error) {
                 m_result = result;
                 m_error = error;
-                m_connection = connection.share();
+                {
+                    CGuard guard(m_mutex);
+                    m_connection = connection.share();
+                }
                 ++m_calls;
             });
+    }
+
+    /// A reference on the one that the last call-back was given.
+    Connection last_connection() {
+        CGuard guard(m_mutex);
+        return m_connection.share();
     }
 
     Kit::Server m_server{[](Connection& client) {
@@ -107,6 +119,7 @@ protected:
     }};
     Kit::Pool m_pool{1};
     Live m_live;
+    CMutex m_mutex;  ///< Guards m_connection: calls of two connections may overlap.
     Connection m_connection;
     std::atomic<ConnectResult> m_result{ConnectResult::CANCELLED};
     std::atomic<int> m_error{0};
@@ -171,7 +184,7 @@ TEST_F(KitConnect, TalksToANameOfThisMachine) {
     ASSERT_TRUE(start("localhost", m_server.port()));
     EXPECT_EVENTUALLY(m_calls == 1 && m_live.count() == 0);
     EXPECT_EQ(ConnectResult::CONNECTED, m_result);
-    EXPECT_TRUE(m_connection.isOpen());
+    EXPECT_TRUE(last_connection().isOpen());
 }
 
 TEST_F(KitConnect, SaysWhenANameHasNoAddress) {
@@ -179,7 +192,7 @@ TEST_F(KitConnect, SaysWhenANameHasNoAddress) {
     EXPECT_EVENTUALLY(m_calls == 1 && m_live.count() == 0);
     EXPECT_EQ(ConnectResult::NOT_FOUND, m_result);
     EXPECT_EQ(EAI_NONAME, m_error);
-    EXPECT_FALSE(m_connection);
+    EXPECT_FALSE(last_connection());
 }
 
 TEST_F(KitConnect, SaysWhyNoAddressHasTakenIt) {
