@@ -55,7 +55,7 @@ ConnectionBody* ConnectionBody::make(PoolState& pool, int descriptor, const Conn
     }
     CGuard guard(body->m_mutex);
     body->m_sock.Attach(sock.Detach());
-    body->look_direct();
+    body->m_output.open(descriptor);
     return body;
 }
 
@@ -382,79 +382,51 @@ void ConnectionBody::release(uint8_t why) {
 
 bool ConnectionBody::write(std::string_view bytes) {
     CGuard guard(m_mutex);
-    if (m_direct < 0 || bytes.size() > m_options.max_output) {
-        return write_pieces(&bytes, 1, bytes.size());
-    }
-    const ssize_t taken = ::send(m_direct, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-    return taken == static_cast<ssize_t>(bytes.size()) || write_rest(bytes, taken);
-}
-
-bool ConnectionBody::write_rest(std::string_view bytes, ssize_t taken) {
-    if (taken < 0 && errno != EAGAIN && errno != EINTR) {
-        end(CloseReason::PEER_LOST);
-        return false;
-    }
-    return keep(&bytes, 1, static_cast<size_t>(taken < 0 ? 0 : taken));
+    const ConnectionOutput::Written written = m_output.write(bytes);
+    return written == ConnectionOutput::Written::SENT || follow(written);
 }
 
 bool ConnectionBody::write(const std::string_view* pieces, size_t count, size_t total) {
     CGuard guard(m_mutex);
-    return write_pieces(pieces, count, total);
+    return follow(m_output.write(pieces, count, total));
 }
 
-bool ConnectionBody::write_pieces(const std::string_view* pieces, size_t count, size_t total) {
-    const size_t waits = m_output.waiting();
-    if (!m_writable) {
-        return false;
-    }
-    if (total > m_options.max_output - waits) {
-        return refuse();
-    }
-    size_t sent = 0;
-    if (waits == 0 && total != 0) {
-        const int64_t taken = ConnectionOutput::send(m_sock.GetHandle(), pieces, count);
-        if (taken < 0) {
+// What a write entails. The result is what the writer is told.
+bool ConnectionBody::follow(ConnectionOutput::Written written) {
+    using Written = ConnectionOutput::Written;
+    switch (written) {
+        case Written::SENT:
+            return true;
+        case Written::BEGINS:
+            if (RegisterSock(m_sock, SOCK_WRITE, 0) != 0) {
+                end(CloseReason::ABORTED);
+                return false;
+            }
+            if (m_age_timer == -1 && m_options.max_output_age.count() > 0) {
+                m_age_timer = SetTimer(clamp_delay(m_options.max_output_age.count()));
+            }
+            [[fallthrough]];
+        case Written::WAITS:
+            if (m_output.is_crowded()) {
+                hold(HOLD_OUTPUT);
+            }
+            return true;
+        case Written::DROPPED:
+            m_dropped.fetch_add(1, std::memory_order_relaxed);
+            return false;
+        case Written::OVERFLOWED:
+            end(CloseReason::OVERFLOW);
+            return false;
+        case Written::LOST:
             end(CloseReason::PEER_LOST);
             return false;
-        }
-        sent = static_cast<size_t>(taken);
-        if (m_options.idle_timeout.count() > 0 && sent != 0) {
-            touch();
-        }
-    }
-    return sent == total || keep(pieces, count, sent);
-}
-
-// Where nothing but the system is to be asked: it is told by this number.
-void ConnectionBody::look_direct() {
-    const bool direct = m_writable && m_output.waiting() == 0 && m_options.idle_timeout.count() <= 0;
-    m_direct = direct ? m_sock.GetHandle() : -1;
-}
-
-bool ConnectionBody::refuse() {
-    if (m_options.policy == OutputPolicy::DROP) {
-        m_dropped.fetch_add(1, std::memory_order_relaxed);
-    } else if (m_options.policy == OutputPolicy::CLOSE) {
-        end(CloseReason::OVERFLOW);
+        case Written::NO_MEMORY:
+            end(CloseReason::ABORTED);
+            return false;
+        case Written::REFUSED:
+            break;
     }
     return false;
-}
-
-// Where it fails a piece may be half on its way.
-bool ConnectionBody::keep(const std::string_view* pieces, size_t count, size_t sent) {
-    const bool first = m_output.waiting() == 0;
-    m_direct = -1;
-    if (!m_output.keep(pieces, count, sent) || (first && RegisterSock(m_sock, SOCK_WRITE, 0) != 0)) {
-        end(CloseReason::ABORTED);
-        return false;
-    }
-    if (first && m_age_timer == -1 && m_options.max_output_age.count() > 0) {
-        m_age_timer = SetTimer(clamp_delay(m_options.max_output_age.count()));
-    }
-    if (m_options.policy == OutputPolicy::PAUSE_READING && m_output.waiting() > m_options.max_output / 4) {
-        hold(HOLD_OUTPUT);
-    }
-    return true;
 }
 
 int ConnectionBody::handle_output(int) {
@@ -464,16 +436,18 @@ int ConnectionBody::handle_output(int) {
         if (!m_sock.IsValid() || m_cut) {
             return 0;
         }
-        const int64_t sent = m_output.flush(m_sock.GetHandle());
-        if (sent > 0 && m_options.idle_timeout.count() > 0) {
-            touch();
-        }
-        if (sent < 0) {
-            end(CloseReason::PEER_LOST);
-        } else if (m_output.waiting() == 0) {
-            bits = drained();
-        } else if (m_output.waiting() <= m_options.max_output / 8) {
-            release(HOLD_OUTPUT);
+        switch (m_output.flush()) {
+            case ConnectionOutput::Flushed::LOST:
+                end(CloseReason::PEER_LOST);
+                break;
+            case ConnectionOutput::Flushed::ALL:
+                bits = drained();
+                break;
+            case ConnectionOutput::Flushed::EASED:
+                release(HOLD_OUTPUT);
+                break;
+            case ConnectionOutput::Flushed::WAITS:
+                break;
         }
     }
     // A loss that was found here is served here too.
@@ -485,16 +459,12 @@ int ConnectionBody::handle_output(int) {
 
 // Nothing waits any more: what has waited for that? The bits are for the word.
 uint32_t ConnectionBody::drained() {
-    m_output.trim(false);
     UnregisterSock(m_sock, SOCK_WRITE);
     if (!m_open.load(std::memory_order_relaxed)) {
         end(m_reason);
         return 0;
     }
-    if (m_finish) {
-        ::shutdown(m_sock.GetHandle(), SHUT_WR);
-    }
-    look_direct();
+    m_output.go_on();
     release(HOLD_OUTPUT);
     uint32_t bits = DRAINED;
     if (m_room) {
@@ -541,28 +511,17 @@ void ConnectionBody::when_room(Connection::Room call) {
 
 bool ConnectionBody::finish() {
     CGuard guard(m_mutex);
-    if (!m_open.load(std::memory_order_relaxed) || m_finish) {
-        return false;
-    }
-    m_finish = true;
-    m_writable = false;
-    m_direct = -1;
-    if (m_output.waiting() == 0) {
-        ::shutdown(m_sock.GetHandle(), SHUT_WR);
-    }
-    return true;
+    return m_output.finish();
 }
 
 int64_t ConnectionBody::watch_age() {
-    if (m_output.waiting() == 0) {
-        return -1;
+    const int64_t left = m_output.age_left(now_us());
+    if (left > 0) {
+        return clamp_delay(left);
     }
-    const uint64_t due = m_output.progress_us() + static_cast<uint64_t>(m_options.max_output_age.count());
-    const uint64_t now = now_us();
-    if (now < due) {
-        return clamp_delay(static_cast<int64_t>(due - now));
+    if (left == 0) {
+        end(CloseReason::STALLED);
     }
-    end(CloseReason::STALLED);
     return -1;
 }
 
@@ -632,8 +591,8 @@ int64_t ConnectionBody::handle_timeout(long id) {
 }
 
 int64_t ConnectionBody::watch_idle() {
-    const uint64_t due =
-        m_activity_us.load(std::memory_order_relaxed) + static_cast<uint64_t>(m_options.idle_timeout.count());
+    const uint64_t last = std::max(m_activity_us.load(std::memory_order_relaxed), m_output.moved_us());
+    const uint64_t due = last + static_cast<uint64_t>(m_options.idle_timeout.count());
     const uint64_t now = now_us();
     if (now < due) {
         return clamp_delay(static_cast<int64_t>(due - now));
@@ -654,8 +613,7 @@ void ConnectionBody::close(CloseReason reason) {
         return;
     }
     m_open.store(false, std::memory_order_release);
-    m_writable = false;
-    m_direct = -1;
+    m_output.seal();
     m_reason = reason;
     hold(HOLD_END);
     if (m_output.waiting() == 0) {
@@ -677,8 +635,7 @@ void ConnectionBody::end(CloseReason reason) {
     m_cut = true;
     m_reason = reason;
     m_open.store(false, std::memory_order_release);
-    m_writable = false;
-    m_direct = -1;
+    m_output.seal();
     hold(HOLD_END);
     ring(END);
 }
@@ -695,7 +652,7 @@ void ConnectionBody::finalize() {
         reason = m_reason;
         RemoveSock(m_sock);
         m_sock.Close();
-        m_output.trim(true);
+        m_output.clear();
         room = std::move(m_room);
         delayed = m_mail.take_delayed();
         own_timers = {m_idle_timer, m_age_timer};

@@ -145,11 +145,7 @@ private:
     // Under the mutex.
     void hold(uint8_t why) INFRA_REQUIRES(m_mutex);
     void release(uint8_t why) INFRA_REQUIRES(m_mutex);
-    bool write_pieces(const std::string_view* pieces, size_t count, size_t total) INFRA_REQUIRES(m_mutex);
-    __attribute__((noinline)) bool write_rest(std::string_view bytes, ssize_t taken) INFRA_REQUIRES(m_mutex);
-    void look_direct() INFRA_REQUIRES(m_mutex);
-    bool refuse() INFRA_REQUIRES(m_mutex);
-    bool keep(const std::string_view* pieces, size_t count, size_t sent) INFRA_REQUIRES(m_mutex);
+    bool follow(ConnectionOutput::Written written) INFRA_REQUIRES(m_mutex);
     uint32_t drained() INFRA_REQUIRES(m_mutex);
     void end(CloseReason reason) INFRA_REQUIRES(m_mutex);
     int64_t watch_idle() INFRA_REQUIRES(m_mutex);
@@ -166,7 +162,7 @@ private:
     SerialWord m_word;
     std::atomic<uint8_t> m_hold{HOLD_START};  ///< Written under the mutex.
     std::atomic<bool> m_open{true};           ///< Written under the mutex: false once it closes.
-    std::atomic<uint64_t> m_activity_us{0};   ///< If there is an idle time-out.
+    std::atomic<uint64_t> m_activity_us{0};   ///< Of the input, if there is an idle time-out.
     std::atomic<uint64_t> m_dropped{0};
 
     // The holder's.
@@ -184,12 +180,9 @@ private:
 
     Infra::CMutex m_mutex{Infra::LockClass::KIT_CONNECTION};
     CSockStream m_sock INFRA_GUARDED_BY(m_mutex);  ///< Its number the holder may use as well.
-    ConnectionOutput m_output INFRA_GUARDED_BY(m_mutex);
-    int m_direct INFRA_GUARDED_BY(m_mutex) = -1;       ///< The descriptor, while a write needs it alone.
-    bool m_writable INFRA_GUARDED_BY(m_mutex) = true;  ///< Open, and our direction is not to end.
-    bool m_finish INFRA_GUARDED_BY(m_mutex) = false;   ///< End our direction when all is sent.
-    bool m_cut INFRA_GUARDED_BY(m_mutex) = false;      ///< END is on its way.
-    bool m_sealed INFRA_GUARDED_BY(m_mutex) = false;   ///< No more mail.
+    ConnectionOutput m_output INFRA_GUARDED_BY(m_mutex){m_options};
+    bool m_cut INFRA_GUARDED_BY(m_mutex) = false;     ///< END is on its way.
+    bool m_sealed INFRA_GUARDED_BY(m_mutex) = false;  ///< No more mail.
     CloseReason m_reason INFRA_GUARDED_BY(m_mutex) = CloseReason::CLOSED;
     long m_idle_timer INFRA_GUARDED_BY(m_mutex) = -1;
     long m_age_timer INFRA_GUARDED_BY(m_mutex) = -1;

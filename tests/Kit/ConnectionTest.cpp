@@ -13,14 +13,17 @@
 #include <gtest/gtest.h>
 
 #include <Infra/Semaphore.h>
+#include <Infra/Time.h>
 #include <Reticor/kit/Pool.h>
 
 #include "support/Eventually.h"
 #include "support/LogCapture.h"
 #include "support/kit/Live.h"
+#include "support/socket/Allocations.h"
 
 using namespace Orvex::Testing;
 using Orvex::Infra::CSemaphore;
+using Orvex::Infra::CTime;
 namespace Kit = Orvex::Reticor::Kit;
 using Kit::CloseReason;
 using Kit::Connection;
@@ -45,10 +48,15 @@ public:
         bytes.resize(got > 0 ? static_cast<size_t>(got) : 0);
         return bytes;
     }
-    /// Sends and takes as much as is possible now.
-    void feed() {
-        char bytes[256] = "";
-        ::send(m_descriptor, bytes, 64, MSG_DONTWAIT | MSG_NOSIGNAL);
+    /// Sends what is possible now, at most 64 bytes, and takes all that has come. Gives the number sent.
+    size_t feed() {
+        const char bytes[64] = "";
+        const ssize_t sent = ::send(m_descriptor, bytes, sizeof bytes, MSG_DONTWAIT | MSG_NOSIGNAL);
+        take_all();
+        return sent > 0 ? static_cast<size_t>(sent) : 0;
+    }
+    void take_all() {
+        char bytes[256];
         while (::recv(m_descriptor, bytes, sizeof bytes, MSG_DONTWAIT) > 0) {
         }
     }
@@ -83,14 +91,30 @@ protected:
         return [this](Connection& self) {
             self.onClose([this, token = m_live.token()](Connection&, CloseReason reason) {
                 m_reason = reason;
+                m_ended_us = CTime::getCurrentMicroSecond();
                 ++m_ends;
             });
         };
     }
 
+    /// Returns when the pool has looked many times at what its sockets have.
+    void see_workers_at_work() {
+        int ends[2];
+        ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends));
+        Peer peer(ends[1]);
+        Connection other = Connection::adopt(m_pool, ends[0], {}, [](Connection& self) {
+            self.onInput([](Connection& c, std::string_view bytes) { c.write(bytes); });
+        });
+        for (int i = 0; i < 50; ++i) {
+            peer.send("?");
+            ASSERT_EQ("?", peer.receive(1));
+        }
+    }
+
     Kit::Pool m_pool{2};
     Live m_live;
     std::atomic<CloseReason> m_reason{CloseReason::CLOSED};
+    std::atomic<uint64_t> m_ended_us{0};
     std::atomic<int> m_ends{0};
     std::unique_ptr<Peer> m_peer;
 };
@@ -286,10 +310,78 @@ TEST_F(KitConnection, ReadsNothingWhileTooMuchWaits) {
     m_peer->send("1");
     EXPECT_EVENTUALLY(read == 1 && connection.waiting() > 0);
     m_peer->send("2");
-    connection.post([](Connection&) {});
+    see_workers_at_work();
     EXPECT_EQ(1U, read);
     EXPECT_TRUE(m_peer->receive(1 << 20) == MEGABYTE);
     EXPECT_EVENTUALLY(read == 2);
+}
+
+TEST_F(KitConnection, ReadsOnWhileLittleWaits) {
+    Kit::ConnectionOptions options;
+    options.max_output = 8 << 20;
+    std::atomic<size_t> read{0};
+    Connection connection = open(
+        [&](Connection& self) {
+            self.onInput([&](Connection&, std::string_view bytes) { read += bytes.size(); });
+        },
+        options);
+    for (int i = 0; i < 4; ++i) {
+        ASSERT_TRUE(connection.write(MEGABYTE));
+    }
+    ASSERT_GT(connection.waiting(), options.max_output / 4);
+    m_peer->send("1");
+    see_workers_at_work();
+    EXPECT_EQ(0U, read);
+    while (connection.waiting() > options.max_output / 8) {
+        EXPECT_EQ(4096U, m_peer->receive(4096).size());
+    }
+    EXPECT_EVENTUALLY(read == 1);
+    EXPECT_GT(connection.waiting(), 0U);
+}
+
+TEST_F(KitConnection, SeesByAWriteThatThePeerIsLost) {
+    Connection connection = open(counted());
+    connection.pause();
+    m_peer->hang_up();
+    EXPECT_FALSE(connection.write("x"));
+    EXPECT_EVENTUALLY(m_ends == 1);
+    EXPECT_EQ(CloseReason::PEER_LOST, m_reason);
+}
+
+TEST_F(KitConnection, SeesByWhatWaitsThatThePeerIsLost) {
+    Connection connection = open(counted());
+    connection.pause();
+    ASSERT_TRUE(connection.write(MEGABYTE));
+    m_peer->hang_up();
+    EXPECT_EVENTUALLY(m_ends == 1);
+    EXPECT_EQ(CloseReason::PEER_LOST, m_reason);
+}
+
+TEST_F(KitConnection, EndsWhenThereIsNoMemoryForWhatWaits) {
+    Connection connection = open(counted());
+    {
+        const OneAllocationFails fails(0);
+        EXPECT_FALSE(connection.write(MEGABYTE));
+    }
+    EXPECT_EVENTUALLY(m_ends == 1);
+    EXPECT_EQ(CloseReason::ABORTED, m_reason);
+}
+
+TEST_F(KitConnection, TakesNothingOnceItIsToEnd) {
+    Connection closed = open(counted());
+    ASSERT_TRUE(closed.write(MEGABYTE));
+    closed.close();
+    EXPECT_FALSE(closed.write("x"));
+    EXPECT_FALSE(closed.finish());
+
+    CSemaphore done(0);
+    Connection aborted = open([&](Connection& self) {
+        self.abort();
+        EXPECT_FALSE(self.write("x"));
+        EXPECT_FALSE(self.finish());
+        done.post();
+    });
+    done.pend();
 }
 
 TEST_F(KitConnection, EndsAPeerThatTakesNothing) {
@@ -301,16 +393,61 @@ TEST_F(KitConnection, EndsAPeerThatTakesNothing) {
     EXPECT_EQ(CloseReason::STALLED, m_reason);
 }
 
-TEST_F(KitConnection, EndsWhenItIsIdleAndNotBefore) {
+TEST_F(KitConnection, AgeOfWhatWaitsBeginsAnewWhenThePeerTakesSome) {
+    Kit::ConnectionOptions options;
+    options.max_output_age = 60ms;
+    Connection connection = open(counted(), options);
+    ASSERT_TRUE(connection.write(MEGABYTE));
+    const size_t waiting = connection.waiting();
+    const uint64_t begin = CTime::getCurrentMicroSecond();
+    while (CTime::getCurrentMicroSecond() < begin + 20000) {
+    }
+    while (m_ends == 0 && connection.waiting() == waiting) {
+        m_peer->receive(4096);
+    }
+    EXPECT_EVENTUALLY(m_ends == 1);
+    EXPECT_EQ(CloseReason::STALLED, m_reason);
+    EXPECT_GE(m_ended_us, begin + 60000);
+}
+
+// On a machine that stands still for so long it may end earlier than bytes could move again.
+TEST_F(KitConnection, EndsWhenItIsIdleAndNotWhileSomethingComes) {
     Kit::ConnectionOptions options;
     options.idle_timeout = 60ms;
-    Connection connection = open(counted(), options);
-    for (int i = 0; i < 4; ++i) {
-        usleep(20000);
-        m_peer->send("x");
+    std::atomic<size_t> read{0};
+    Connection connection = open(
+        [&](Connection& self) {
+            counted()(self);
+            self.onInput([&](Connection&, std::string_view bytes) { read += bytes.size(); });
+        },
+        options);
+    const uint64_t begin = CTime::getCurrentMicroSecond();
+    uint64_t last = begin;
+    for (size_t sent = 0; m_ends == 0 && last < begin + 40000;) {
+        const uint64_t before = CTime::getCurrentMicroSecond();
+        sent += m_peer->feed();
+        EXPECT_EVENTUALLY(read == sent || m_ends == 1);
+        last = read == sent ? before : last;
     }
     EXPECT_EVENTUALLY(m_ends == 1);
     EXPECT_EQ(CloseReason::IDLE, m_reason);
+    EXPECT_GE(m_ended_us, last + 60000);
+}
+
+TEST_F(KitConnection, IsNotIdleWhileSomethingGoes) {
+    Kit::ConnectionOptions options;
+    options.idle_timeout = 60ms;
+    Connection connection = open(counted(), options);
+    const uint64_t begin = CTime::getCurrentMicroSecond();
+    uint64_t last = begin;
+    while (m_ends == 0 && last < begin + 40000) {
+        const uint64_t before = CTime::getCurrentMicroSecond();
+        last = connection.write("x") ? before : last;
+        m_peer->take_all();
+    }
+    EXPECT_EVENTUALLY(m_ends == 1);
+    EXPECT_EQ(CloseReason::IDLE, m_reason);
+    EXPECT_GE(m_ended_us, last + 60000);
 }
 
 TEST_F(KitConnection, TakesIdleTimesBeyondThoseOfATimer) {
@@ -342,6 +479,16 @@ TEST_F(KitConnection, EndsOneDirectionAndReadsOn) {
     EXPECT_EVENTUALLY(m_ends == 1);
     EXPECT_EQ("answer", read);
     EXPECT_EQ(CloseReason::CLOSED, m_reason);
+}
+
+TEST_F(KitConnection, EndsItsDirectionAfterAllThatWaits) {
+    Connection connection = open(counted());
+    ASSERT_TRUE(connection.write(MEGABYTE));
+    EXPECT_TRUE(connection.finish());
+    EXPECT_FALSE(connection.write("more"));
+    EXPECT_TRUE(m_peer->receive(1 << 20) == MEGABYTE);
+    EXPECT_TRUE(m_peer->is_ended());
+    EXPECT_EQ(0, m_ends);
 }
 
 TEST_F(KitConnection, WritesOnToAPeerThatHasEndedItsDirection) {
