@@ -8,7 +8,7 @@
 
 namespace relay {
 
-/// The filter of a client's sender. Down when the client is late or has missed pictures, at the next key
+/// The filter of a client's sender. Down when the client is late or has missed pictures, to the newest key
 /// frame; up again when it has kept up for so many of them in a row that it does not go down again at once.
 ///
 /// Each picture comes twice, the low quality first, with key frames at the same time. Threads: `choose` comes
@@ -29,10 +29,13 @@ public:
     bool isLow() const { return m_low.load(std::memory_order_relaxed); }
 
 private:
+    void decide(uint64_t age_us);
+
     const uint64_t m_late_us;
     std::atomic<bool> m_low{false};
     std::atomic<bool> m_missed{false};
-    unsigned m_prompt = 0;  // key frames in a row at which it was not late
+    unsigned m_prompt = 0;   // key frames in a row at which it was not even a quarter of that late
+    bool m_decided = false;  // by the low quality of the picture whose high one comes next
 };
 
 }  // namespace relay

@@ -13,19 +13,17 @@ using relay::Ladder;
 
 class RelayLadder : public ::testing::Test {
 protected:
+    bool sends(unsigned channel, unsigned age_ms, bool key) {
+        MediaOffer offer;
+        offer.channel = static_cast<int>(channel);
+        offer.key = key;
+        offer.age_us = uint64_t{age_ms} * 1000;
+        return ladder.choose(offer) == MediaVerdict::SEND;
+    }
     // A picture that is asked about `age_ms` late. What is sent of it: 'h', 'l', both or nothing.
     std::string sent(unsigned age_ms, bool key = true) {
-        std::string found;
-        for (const unsigned channel : {Ladder::kLowChannel, Ladder::kHighChannel}) {
-            MediaOffer offer;
-            offer.channel = static_cast<int>(channel);
-            offer.key = key;
-            offer.age_us = uint64_t{age_ms} * 1000;
-            if (ladder.choose(offer) == MediaVerdict::SEND) {
-                found += channel == Ladder::kLowChannel ? 'l' : 'h';
-            }
-        }
-        return found;
+        std::string found = sends(Ladder::kLowChannel, age_ms, key) ? "l" : "";
+        return found + (sends(Ladder::kHighChannel, age_ms, key) ? "h" : "");
     }
     // How many prompt pictures come low before the first high one.
     int lowOnes() {
@@ -51,6 +49,21 @@ TEST_F(RelayLadder, GoesDownAtAKeyFrameThatIsLate) {
     EXPECT_TRUE(ladder.isLow());
 }
 
+// So it is with one that is not at the newest picture.
+TEST_F(RelayLadder, GoesDownAtALateKeyFrameAlsoIfTheLowOneIsNotAskedAbout) {
+    EXPECT_EQ("h", sent(0));
+    EXPECT_TRUE(sends(Ladder::kHighChannel, 400, true));
+    EXPECT_TRUE(sends(Ladder::kHighChannel, 401, false));
+    EXPECT_FALSE(sends(Ladder::kHighChannel, 401, true));
+    EXPECT_EQ("l", sent(0));
+}
+
+TEST_F(RelayLadder, DecidesOnceForBothQualitiesOfAPicture) {
+    EXPECT_FALSE(sends(Ladder::kLowChannel, 400, true));
+    EXPECT_TRUE(sends(Ladder::kHighChannel, 401, true)) << "or neither would be there";
+    EXPECT_EQ("l", sent(401));
+}
+
 TEST_F(RelayLadder, GoesDownAfterMissedPictures) {
     ladder.missed();
     EXPECT_EQ("l", sent(0));
@@ -64,7 +77,7 @@ TEST_F(RelayLadder, GoesUpWhenItHasKeptUpForAWhileAndNotBefore) {
     for (int i = 0; i < 48; ++i) {
         EXPECT_EQ("l", sent(0));
     }
-    EXPECT_EQ("l", sent(100)) << "half late: it begins to count anew";
+    EXPECT_EQ("l", sent(100)) << "a quarter of that late: it begins to count anew";
     EXPECT_EQ(49, lowOnes());
 }
 

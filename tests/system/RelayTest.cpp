@@ -262,6 +262,32 @@ TEST(Relay, GivesASlowClientWholePicturesAndFewer) {
     EXPECT_EQ(0, relay.end());
 }
 
+// Whoever reads nothing has stepped ahead by the time that it reads again: it has missed pictures, and none
+// of those that it is offered after that is late.
+TEST(Relay, GivesTheLowQualityToWhoeverMissedPicturesUntilItKeepsUp) {
+    RelayProgram relay({"--fps", "100", "--size", "320x240", "--two-qualities", "--max-lag", "400"});
+    Viewer viewer(relay, "/live.mjpg", 16384);
+    MultipartReader reader;
+    readFrames(viewer, reader, 1);
+    const std::string high = "ahead 400 ms";
+    const std::string low = high + ", low quality";
+    const auto client = [&] { return relay.stats()["clients"].at(0); };
+    EXPECT_EQ(high, client()["mode"]);
+    ASSERT_TRUE(eventually([&] {
+        const auto now = client();
+        if (now["mode"] == high && now["backlog_bytes"] > 600000) {
+            readFrames(viewer, reader, reader.frames() + 1, 4096);
+        }
+        return now["mode"] == low;
+    }));
+    ASSERT_TRUE(eventually([&] {
+        readFrames(viewer, reader, reader.frames() + 5, 4096);
+        return client()["mode"] == high;
+    }));
+    EXPECT_TRUE(reader.isGood()) << "whole pictures, each of them in one quality";
+    EXPECT_EQ(0, relay.end());
+}
+
 TEST(Relay, ServesAReaderOfSingleBytes) {
     RelayProgram relay({"--size", "160x120", "--sndbuf", "4096"});
     Viewer slow(relay, "/live.mjpg", 1);  // the kernel makes it as small as it can
