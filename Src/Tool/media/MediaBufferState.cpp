@@ -34,7 +34,7 @@ MediaBufferState::~MediaBufferState() = default;
 // Senders.
 
 SenderEntry MediaBufferState::add_sender(SenderRecord& record) {
-    const std::shared_ptr<MediaCore> before = record.core();
+    const std::shared_ptr<MediaCore> before = record.m_seat.get();
     const bool moves = before && before != m_core;
     if (m_core->steps_on_this_thread() || (moves && TargetStepMark::inside())) {
         return {nullptr, !record.m_coming.note(m_core), false};

@@ -51,7 +51,7 @@ int give_stats(Stats& found, Stats* stats, unsigned int size) {
 
 // False if the sender has moved to another buffer meanwhile.
 bool go_on(SenderRecord& record) INFRA_NO_THREAD_SAFETY_ANALYSIS {
-    const std::shared_ptr<MediaCore> core = record.core();
+    const std::shared_ptr<MediaCore> core = record.m_seat.get();
     if (!core) {
         return true;
     }
@@ -66,7 +66,7 @@ bool go_on(SenderRecord& record) INFRA_NO_THREAD_SAFETY_ANALYSIS {
         core->m_marks.note(record.m_room.m_mark);
         MediaStep::serve_marks(*core);
     }
-    return record.core() == core;
+    return record.m_seat.get() == core;
 }
 
 }  // namespace
@@ -92,7 +92,7 @@ CMediaStreamSender::~CMediaStreamSender() {
     if (m_state == nullptr) {
         return;
     }
-    if (const std::shared_ptr<MediaCore> core = m_state->core()) {
+    if (const std::shared_ptr<MediaCore> core = m_state->m_seat.get()) {
         const CoreGuard guard(*core);
         m_state->leave_frame();
     }
@@ -115,7 +115,7 @@ CSock* CMediaStreamSender::Detach() {
 
 // A sender that has never been on a list has no core, and is its caller's alone.
 long long CMediaStreamSender::Send(CFrame* frame, unsigned long long) INFRA_NO_THREAD_SAFETY_ANALYSIS {
-    const std::shared_ptr<MediaCore> core = m_state->enter_core();
+    const std::shared_ptr<MediaCore> core = m_state->m_seat.enter();
     std::optional<MediaStep> step;
     if (core) {
         step.emplace(core, MediaStep::ENTERED);
@@ -131,7 +131,7 @@ long long CMediaStreamSender::Send(CFrame* frame, unsigned long long) INFRA_NO_T
 }
 
 int CMediaStreamSender::GetTailPacket(char* buffer, int len) {
-    const std::shared_ptr<MediaCore> core = m_state->enter_core();
+    const std::shared_ptr<MediaCore> core = m_state->m_seat.enter();
     if (!core) {
         return 0;
     }
@@ -140,7 +140,7 @@ int CMediaStreamSender::GetTailPacket(char* buffer, int len) {
 }
 
 MediaSenderStats CMediaStreamSender::GetStats() {
-    const std::shared_ptr<MediaCore> core = m_state->enter_core();
+    const std::shared_ptr<MediaCore> core = m_state->m_seat.enter();
     if (!core) {
         return MediaSenderStats();
     }
@@ -184,7 +184,7 @@ bool CMediaStreamSender::DetachFilter() {
 
 int CMediaStreamSender::GetFilterStats(MediaFilterStats* stats, unsigned int size) {
     MediaFilterStats found;
-    if (const std::shared_ptr<MediaCore> core = m_state->enter_core()) {
+    if (const std::shared_ptr<MediaCore> core = m_state->m_seat.enter()) {
         const MediaStep step(core, MediaStep::ENTERED);
         found = m_state->m_filter.stats();
     }
@@ -196,7 +196,7 @@ void CMediaStreamSender::SetSendTimeout(unsigned int seconds) {
     if (!m_state->wishes(SenderRecord::WISH_ROOM)) {
         return;
     }
-    if (const std::shared_ptr<MediaCore> core = m_state->enter_core()) {
+    if (const std::shared_ptr<MediaCore> core = m_state->m_seat.enter()) {
         const MediaStep step(core, MediaStep::ENTERED);
         m_state->m_room.change_deadline(m_state->deadline_us(), m_state->now());
     }
@@ -224,7 +224,7 @@ int CMediaStreamSender::WaitRoom(long owner) {
     if (owner != 0 && (simulated || !PoolTable::IsOpen(owner))) {
         return -1;
     }
-    if (const std::shared_ptr<MediaCore> core = m_state->enter_core()) {
+    if (const std::shared_ptr<MediaCore> core = m_state->m_seat.enter()) {
         const MediaStep step(core, MediaStep::ENTERED);
         if (m_state->m_list != nullptr && m_state->m_full) {
             core->m_end->stop_waiting(*m_state);
@@ -251,7 +251,7 @@ int CMediaStreamSender::handle_output(int handle) {
 
 int64_t CMediaStreamSender::handle_timeout(long id) INFRA_NO_THREAD_SAFETY_ANALYSIS {
     constexpr int64_t SOON_US = 5000;
-    const std::shared_ptr<MediaCore> core = m_state->core();
+    const std::shared_ptr<MediaCore> core = m_state->m_seat.get();
     if (!core) {
         return -1;
     }
@@ -259,7 +259,7 @@ int64_t CMediaStreamSender::handle_timeout(long id) INFRA_NO_THREAD_SAFETY_ANALY
         return SOON_US;
     }
     const MediaStep step(core, MediaStep::ENTERED);
-    return m_state->core() == core ? tick(*m_state, id) : SOON_US;
+    return m_state->m_seat.get() == core ? tick(*m_state, id) : SOON_US;
 }
 
 void CMediaStreamSender::SetGather(bool gathers) {
@@ -268,7 +268,7 @@ void CMediaStreamSender::SetGather(bool gathers) {
 
 int CMediaStreamSender::GetRoomStats(MediaRoomStats* stats, unsigned int size) {
     MediaRoomStats found;
-    if (const std::shared_ptr<MediaCore> core = m_state->enter_core()) {
+    if (const std::shared_ptr<MediaCore> core = m_state->m_seat.enter()) {
         const MediaStep step(core, MediaStep::ENTERED);
         found = m_state->m_room.stats();
         found.waiting = m_state->m_full ? 1 : 0;
@@ -278,7 +278,7 @@ int CMediaStreamSender::GetRoomStats(MediaRoomStats* stats, unsigned int size) {
 
 int CMediaStreamSender::GetVerdict(SenderVerdict& verdict) {
     SenderVerdict found = SenderLook::unknown(GetID());
-    if (const std::shared_ptr<MediaCore> core = m_state->enter_core()) {
+    if (const std::shared_ptr<MediaCore> core = m_state->m_seat.enter()) {
         const MediaStep step(core, MediaStep::ENTERED);
         MediaBufferState* const state = MediaBufferState::find(*core);
         found = m_state->m_list != nullptr && state != nullptr ? state->verdict_on(*m_state)

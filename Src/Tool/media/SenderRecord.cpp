@@ -24,42 +24,13 @@ SenderRecord::~SenderRecord() {
     }
 }
 
-std::shared_ptr<MediaCore> SenderRecord::core() {
-    Infra::CGuard guard(m_other_mutex);
-    return m_core;
-}
-
-std::shared_ptr<MediaCore> SenderRecord::enter_core() INFRA_NO_THREAD_SAFETY_ANALYSIS {  // for the caller
-    for (;;) {
-        std::shared_ptr<MediaCore> mine = core();
-        if (!mine) {
-            return mine;
-        }
-        mine->m_mutex.enter();
-        if (core() == mine) {
-            return mine;
-        }
-        mine->m_mutex.leave();  // It has moved meanwhile.
-    }
-}
-
-bool SenderRecord::change_core(const std::shared_ptr<MediaCore>& before,
-                               const std::shared_ptr<MediaCore>& after) {
-    Infra::CGuard guard(m_other_mutex);
-    if (m_core != before) {
-        return false;
-    }
-    m_core = after;
-    return true;
-}
-
 void SenderRecord::move_to(const std::shared_ptr<MediaCore>& core)
-    INFRA_NO_THREAD_SAFETY_ANALYSIS {  // enters by enter_core
+    INFRA_NO_THREAD_SAFETY_ANALYSIS {  // enters by the seat
     const SenderRecord& state = *this;
     for (bool moved = false; !moved;) {
-        const std::shared_ptr<MediaCore> before = enter_core();
+        const std::shared_ptr<MediaCore> before = m_seat.enter();
         if (!before) {
-            moved = change_core(nullptr, core);
+            moved = m_seat.change(nullptr, core);
             continue;
         }
         if (before != core) {
@@ -68,7 +39,7 @@ void SenderRecord::move_to(const std::shared_ptr<MediaCore>& core)
                 rescue_frame();
             }
             forget_order();
-            change_core(before, core);
+            m_seat.change(before, core);
         }
         before->m_mutex.leave();
         moved = true;
@@ -167,61 +138,6 @@ void SenderRecord::lose_rest() {
 void SenderRecord::forget_order() {
     m_courses.forget();
     m_filter.forget_order();
-}
-
-// Settings.
-
-void SenderRecord::attach(CSock* stream) {
-    Infra::relaxedStore(m_stream, stream);
-    if (m_kernel_lag.on()) {
-        m_kernel_lag.forget();
-        KernelLag::apply(*stream, KernelLag::LEAST_BYTES);
-    }
-}
-
-// Until the rate is known, the least.
-void SenderRecord::set_kernel_lag(unsigned limit_ms) {
-    m_kernel_lag.set_limit(limit_ms);
-    if (CSock* const stream = Infra::relaxedLoad(m_stream)) {
-        KernelLag::apply(*stream, limit_ms != 0 ? KernelLag::LEAST_BYTES : 0);
-    }
-}
-
-CSock* SenderRecord::detach() {
-    return __atomic_exchange_n(&m_stream, nullptr, __ATOMIC_RELAXED);
-}
-
-void SenderRecord::set_send_timeout(unsigned seconds) {
-    Infra::relaxedStore(m_send_timeout, seconds);
-}
-
-void SenderRecord::set_policy(unsigned max_lag_ms, MediaResume mode, unsigned hard_lag_ms) {
-    Infra::relaxedStore(m_hard_lag_us, uint64_t{hard_lag_ms} * 1000);
-    Infra::relaxedStore(m_max_lag_us, uint64_t{max_lag_ms} * 1000);
-    set_wish(WISH_KEEP, max_lag_ms != 0 && mode == MediaResume::AHEAD);
-}
-
-void SenderRecord::set_wish(uint8_t wish, bool on) {
-    if (on) {
-        __atomic_fetch_or(&m_wishes, wish, __ATOMIC_RELAXED);
-    } else {
-        __atomic_fetch_and(&m_wishes, static_cast<uint8_t>(~wish), __ATOMIC_RELAXED);
-    }
-}
-
-void SenderRecord::choose_channel(int channel) {
-    uint8_t mask = ALL_CHANNELS;
-    if (channel >= 0) {
-        mask = Infra::relaxedLoad(m_channel_mask);
-        mask = mask == ALL_CHANNELS ? uint8_t{0} : mask;
-        mask = static_cast<uint8_t>(mask | 1U << channel);
-    }
-    Infra::relaxedStore(m_channel_mask, mask);
-}
-
-void SenderRecord::give_up_channel(int channel) {
-    const uint8_t mask = Infra::relaxedLoad(m_channel_mask);
-    Infra::relaxedStore(m_channel_mask, mask & ~(1U << channel));
 }
 
 void SenderRecord::call_procedure() {
@@ -391,13 +307,13 @@ void SenderRecord::sum_block() {
 }
 
 uint64_t SenderRecord::deadline_us() const {
-    const uint64_t seconds = Infra::relaxedLoad(m_send_timeout);
+    const uint64_t seconds = send_timeout_s();
     return seconds >= NO_TIMEOUT_S ? RoomWait::NO_DEADLINE : m_block_time + seconds * SECOND_US;
 }
 
 bool SenderRecord::has_stalled() {
     const std::optional<bool> below = look_at_floor();
-    return below ? *below : now() - m_block_time >= Infra::relaxedLoad(m_send_timeout) * SECOND_US;
+    return below ? *below : now() - m_block_time >= send_timeout_s() * SECOND_US;
 }
 
 std::optional<bool> SenderRecord::look_at_floor() {
@@ -405,7 +321,7 @@ std::optional<bool> SenderRecord::look_at_floor() {
     if (!m_stall_floor.on() || stream == nullptr) {
         return std::nullopt;
     }
-    return m_stall_floor.look(m_block_time, now(), Infra::relaxedLoad(m_send_timeout) * SECOND_US,
+    return m_stall_floor.look(m_block_time, now(), send_timeout_s() * SECOND_US,
                               StallFloor::acknowledged(*stream, m_stats.bytes));
 }
 

@@ -1,4 +1,4 @@
-// SenderRecord: the state of one sender, in the order in which a frame touches it.
+// SenderRecord: the state of one sender.
 #pragma once
 
 #include <Reticor/MediaStreamSender.h>
@@ -13,56 +13,19 @@
 #include <Infra/Time.h>
 
 #include "Tool/frame/MediaFrame.h"
-#include "Tool/frame/SenderCourses.h"
 #include "Tool/frame/Thinning.h"
 #include "Tool/judge/SenderWatch.h"
 #include "Tool/media/RoomWait.h"
 #include "Tool/media/SenderComing.h"
+#include "Tool/step/CoreSeat.h"
 #include "Tool/step/FrameFilter.h"
-#include "Tool/step/KernelLag.h"
 #include "Tool/step/MediaStep.h"
 #include "Tool/step/OtherData.h"
 #include "Tool/step/SendProcedure.h"
 #include "Tool/step/SenderNotices.h"
-#include "Tool/step/StallFloor.h"
+#include "Tool/step/SenderSettings.h"
 
 namespace Orvex::Reticor {
-
-/// What each frame touches of a sender, first and close together.
-struct alignas(64) SenderHotState {
-    static constexpr uint8_t ALL_CHANNELS = 255;
-
-    // One cache line, and a second one up to the first two counters; each frame touches them and a course.
-    uint64_t m_send_total = 0;              ///< Position in the stream; 0: not joined.
-    SenderRecord* m_next = nullptr;         ///< In the buffer's list.
-    CSock* m_stream = nullptr;              ///< Borrowed. Read and written without a lock.
-    CFrame* m_frame = nullptr;              ///< Null when it has caught up.
-    int32_t m_iovec_index = 0;              ///< Entry to write next.
-    int32_t m_iovec_offset = 0;             ///< Bytes of it that are written.
-    uint64_t m_frame_left = 0;              ///< Bytes of the frame still to write.
-    uint32_t m_block_count = 0;             ///< Writes in a row that would block.
-    int32_t m_other_len = 0;                ///< Changed under m_other_mutex; read without it to see a 0.
-    uint8_t m_channel_mask = ALL_CHANNELS;  ///< No lock.
-    uint8_t m_lost_mask = 0;                ///< Channels that wait for a key frame.
-    bool m_joined = false;                  ///< Has been given a place in the stream.
-    bool m_counted = false;                 ///< m_frame's m_sender_count has this sender in it.
-    bool m_leaving = false;                 ///< To be taken off as soon as the operation ends.
-    bool m_full = false;                    ///< Waits for room: its socket is not tried.
-    /// Frames are kept for it, and its cursor is on the kept line: it steps ahead when it is late.
-    bool m_keeps = false;
-    uint8_t m_wishes = 0;  ///< What its settings ask for, from its next turn or write on. No lock.
-
-    CMediaStreamSender* m_owner = nullptr;  ///< Whose record it is.
-    uint64_t m_block_time = 0;  ///< us; of the first write since the last finished frame that would block.
-    /// Null without. Changed under m_other_mutex; read without it to see the null.
-    SendProcedure::Function* m_send_proc = nullptr;
-    uint64_t m_max_lag_us = 0;    ///< The resume policy; 0: none. No lock.
-    MediaCore* m_list = nullptr;  ///< The core of the buffer whose list it is on, or null.
-    CFrame* m_linked = nullptr;   ///< The frame whose chain of standing senders it is in.
-    MediaSenderStats m_stats;
-
-    SenderCourses m_courses;
-};
 
 /// How a sender begins with the stream of a buffer to which it has come.
 struct SenderStart {
@@ -74,9 +37,10 @@ struct SenderStart {
 };
 
 /// What a sender knows: its place in the stream, the cursor in its frame, its links, its settings and
-/// counters. Guarded by the mutex of m_core but for what says otherwise; nobody but its own operations writes
-/// it. What each delivered frame touches comes first and close together, so all of it is one record.
-struct SenderRecord : SenderHotState {
+/// counters. Guarded by the mutex of the core in m_seat but for what says otherwise; nobody but its own
+/// operations writes it. What each delivered frame touches comes first and close together, so all of it is
+/// one record.
+struct SenderRecord : SenderSettings {
     explicit SenderRecord(CMediaStreamSender& owner) : m_notices(owner), m_room(*this, owner) {
         m_owner = &owner;
     }
@@ -84,21 +48,14 @@ struct SenderRecord : SenderHotState {
     SenderRecord(const SenderRecord&) = delete;
     SenderRecord& operator=(const SenderRecord&) = delete;
 
-    static constexpr uint64_t NO_TIMEOUT_S = 0xFFFFFFFF;
     static constexpr uint64_t SECOND_US = 1000000;
-
-    // Bits of m_wishes.
-    static constexpr uint8_t WISH_KEEP = 1;    ///< Frames are to be kept for it.
-    static constexpr uint8_t WISH_ROOM = 2;    ///< It waits for room when its socket is full.
-    static constexpr uint8_t WISH_GATHER = 4;  ///< Several frames may go out in one write.
-    static constexpr uint8_t WISH_FILTER = 8;  ///< Its filter is asked about each frame.
 
     /// The record as what comes and moves sees it.
     class Self final : public ComingSender_IF {
     public:
         explicit Self(SenderRecord& record) : m_record(record) {}
         CMediaStreamSender& sender() override { return *m_record.m_owner; }
-        std::shared_ptr<MediaCore> core() override { return m_record.core(); }
+        std::shared_ptr<MediaCore> core() override { return m_record.m_seat.get(); }
         void move_to(const std::shared_ptr<MediaCore>& core) override { m_record.move_to(core); }
         void begin_anew() override INFRA_REQUIRES(CORE_MUTEX) { m_record.begin_anew(true); }
 
@@ -111,8 +68,6 @@ struct SenderRecord : SenderHotState {
     std::unique_ptr<GoneSender> m_reference;  ///< The list's on it, while it is on one.
     SenderRecord* m_standing_next = nullptr;
     SenderRecord** m_standing_link = nullptr;  ///< What points at it in that chain.
-    uint64_t m_send_timeout = NO_TIMEOUT_S;    ///< s. No lock.
-    uint64_t m_hard_lag_us = 0;                ///< No lock.
     SenderNotices m_notices;
     bool m_failed = false;    ///< Taken off by a socket failure.
     bool m_holds = false;     ///< m_linked's m_holders has this sender in it.
@@ -120,15 +75,12 @@ struct SenderRecord : SenderHotState {
     uint64_t m_begun_us = 0;  ///< When m_frame was begun.
     Thinning m_thinning;      ///< Frames left out.
     SenderStart m_start;      ///< How it begins where it comes to.
-    KernelLag m_kernel_lag;
-    StallFloor m_stall_floor;
-    bool m_starts_at_key = false;          ///< Not before the next key frame. No lock.
     std::unique_ptr<SenderWatch> m_watch;  ///< Null until somebody looks how it fares.
 
-    /// Comes after the core's mutex. Also guards changes of m_core.
+    /// Comes after the core's mutex. Guards m_seat, what waits in m_other, and which functions m_procedure
+    /// and m_filter have.
     Infra::CMutex m_other_mutex{Infra::LockClass::MEDIA_OTHER};
-    /// The buffer whose list it is on or was on last. Changes under m_other_mutex and the old core's mutex.
-    std::shared_ptr<MediaCore> m_core INFRA_GUARDED_BY(m_other_mutex);
+    CoreSeat m_seat{m_other_mutex};
     Self m_self{*this};
     SenderComing m_coming{m_self};
     RoomWait m_room;
@@ -150,36 +102,14 @@ struct SenderRecord : SenderHotState {
         }
     }
 
-    // Settings, from any thread without a lock. Results and units as of the sender's operations.
-
-    void attach(CSock* stream);
-    CSock* detach();
-    void set_send_timeout(unsigned seconds);
+    /// A setting as those above.
     void wait_room(long owner) {
         m_room.set_owner(owner);
         set_wish(WISH_ROOM, owner != 0);
     }
-    void set_policy(unsigned max_lag_ms, MediaResume mode, unsigned hard_lag_ms);
-    uint64_t hard_lag_us() const { return Infra::relaxedLoad(m_hard_lag_us); }
-    void set_wish(uint8_t wish, bool on);
-    /// One of them is enough.
-    bool wishes(uint8_t wish) const { return (Infra::relaxedLoad(m_wishes) & wish) != 0; }
-    bool wants_keep() const { return wishes(WISH_KEEP); }
-    uint64_t max_lag_us() const { return Infra::relaxedLoad(m_max_lag_us); }
-    bool has_policy() const { return max_lag_us() != 0; }
-    void choose_channel(int channel);
-    void give_up_channel(int channel);
-    void set_kernel_lag(unsigned limit_ms);
-    void set_stall_floor(unsigned bytes) { m_stall_floor.set_bytes(bytes); }
-    void start_at_key(bool at_key) { Infra::relaxedStore(m_starts_at_key, at_key); }
-    bool starts_at_key() const { return Infra::relaxedLoad(m_starts_at_key); }
 
     // The core.
 
-    std::shared_ptr<MediaCore> core();
-    /// The core, with its mutex entered: it is still this sender's. Null, and nothing is entered, without
-    /// one.
-    std::shared_ptr<MediaCore> enter_core();
     /// Becomes a sender of `core`. One that was on another buffer's list before still has its cursor there,
     /// and takes along what it needs of that. Enters the other core's mutex: the thread must hold none, or
     /// that one.
@@ -370,7 +300,6 @@ struct SenderRecord : SenderHotState {
     MediaSenderStats stats() INFRA_REQUIRES(CORE_MUTEX);
 
 private:
-    bool change_core(const std::shared_ptr<MediaCore>& before, const std::shared_ptr<MediaCore>& after);
     /// The first bytes of a frame have gone out: from here on it is the last one of its channel.
     void begin_frame() INFRA_REQUIRES(CORE_MUTEX) {
         const CFrame& frame = *m_frame;

@@ -317,7 +317,7 @@ TEST_F(SenderRecordOfASender, ItMovesWithTheRestOfItsFrame) {
     record.move_to(second);
     EXPECT_EQ(Records{}, standing(one)) << "the other buffer's frame is free of it";
     EXPECT_EQ(bytes.substr(4), rest());
-    EXPECT_EQ(second, record.enter_core());
+    EXPECT_EQ(second, record.m_seat.enter());
     EXPECT_TRUE(second->m_mutex.heldByThisThread());
     const MediaStep step(second, MediaStep::ENTERED);
 }
