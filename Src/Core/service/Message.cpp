@@ -153,21 +153,22 @@ bool CMessage::printing() {
     return g_print.load(std::memory_order_relaxed) != 0;
 }
 
-void CMessage::Notify(long sender, long receiver, unsigned int msg, long attach, bool io) {
+bool CMessage::Notify(long sender, long receiver, unsigned int msg, long attach, bool io) {
     if (receiver >= 0) {
         INFRA_LOG_STATIC(2, "CMessage::Notify, invalid receiver id: %ld\n", receiver);
-        return;
+        return false;
     }
     assert_index(receiver);
     CEvent* ev = fill_record(get_event(), EVENT_KEY_MESSAGE, sender, receiver, msg, attach);
     if (ev == nullptr) {
-        return;
+        return false;
     }
     if (io) {
         post_io(ev);
     } else {
         PoolTable::PushEvent(INDEX_OF_ID(receiver), ev);
     }
+    return true;
 }
 
 void CMessage::Tell(long sender, long receiver, unsigned int msg, long attach) {
@@ -181,15 +182,18 @@ void CMessage::Tell(long sender, long receiver, unsigned int msg, long attach) {
     }
 }
 
-void CMessage::NotifySerial(long sender, long receiver, unsigned int msg, long attach, unsigned int) {
+bool CMessage::NotifySerial(long sender, long receiver, unsigned int msg, long attach, unsigned int) {
     if (receiver >= 0) {
         INFRA_LOG_STATIC(2, "CMessage::NotifySerial, invalid receiver id: %ld\n", receiver);
-        return;
+        return false;
     }
     assert_index(receiver);
-    if (CEvent* ev = fill_record(get_event(), EVENT_KEY_SERIAL, sender, receiver, msg, attach)) {
-        PoolTable::PushSerialEvent(INDEX_OF_ID(receiver), ev);
+    CEvent* const ev = fill_record(get_event(), EVENT_KEY_SERIAL, sender, receiver, msg, attach);
+    if (ev == nullptr) {
+        return false;
     }
+    PoolTable::PushSerialEvent(INDEX_OF_ID(receiver), ev);
+    return true;
 }
 
 void CMessage::NotifyClose(CEvent* ev, long id, const CNetHandler* owner) {

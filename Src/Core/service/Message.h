@@ -17,15 +17,17 @@ public:
     /// The message number by which a handler that sends it to itself leaves the object table.
     static constexpr unsigned int MSG_CLOSE = 12;
 
-    /// Posts to the main queue of the receiver's pool, or, with `io`, to the queue of the file workers.
-    static void Notify(long sender, long receiver, unsigned int msg, long attach, bool io);
+    /// Posts to the main queue of the receiver's pool, or, with `io`, to the queue of the file workers. False
+    /// if the message is dropped.
+    static bool Notify(long sender, long receiver, unsigned int msg, long attach, bool io);
 
     /// As Notify, for what the library owes a handler: while there is no memory it takes a record of the
     /// reserve.
     static void Tell(long sender, long receiver, unsigned int msg, long attach);
 
-    /// Posts to the serial queue of the receiver's pool. `reserved` is not used.
-    static void NotifySerial(long sender, long receiver, unsigned int msg, long attach,
+    /// Posts to the serial queue of the receiver's pool. `reserved` is not used. False if the message is
+    /// dropped.
+    static bool NotifySerial(long sender, long receiver, unsigned int msg, long attach,
                              unsigned int reserved);
 
     /// Posts the close message of `owner`, whose id is `id`, in the record `ev`, ahead of everything in its
