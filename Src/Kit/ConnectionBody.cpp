@@ -85,6 +85,9 @@ void ConnectionBody::begin() {
     if (m_options.idle_timeout.count() > 0 && !m_cut) {
         touch();
         m_idle_timer = SetTimer(clamp_delay(m_options.idle_timeout.count()));
+        if (m_idle_timer == -1) {
+            end(CloseReason::ABORTED);
+        }
     }
     release(HOLD_START);
 }
@@ -93,7 +96,7 @@ void ConnectionBody::begin() {
 
 void ConnectionBody::ring(uint32_t bits) {
     if (m_word.signal(bits)) {
-        Notify(GetID(), 1, 0);
+        tell_self(1);
     }
 }
 
@@ -120,6 +123,9 @@ void ConnectionBody::serve(uint32_t bits) {
     }
     if ((bits & MAIL) != 0) {
         run_mail();
+    }
+    if ((bits & ROOM) != 0) {
+        tell_room();
     }
     if ((bits & DRAINED) != 0 && m_on_drained) {
         call([this](Connection& self) { m_on_drained(self); });
@@ -169,28 +175,34 @@ int ConnectionBody::handle_message(long, unsigned int, long) {
 
 // Before the start nothing can be in a call. After it the change is posted: a lambda must not go while it
 // runs.
-void ConnectionBody::set(Connection::Event change) {
+template <typename Call>
+void ConnectionBody::set(Call ConnectionBody::*place, Call& call) {
     if (is_inside() && (m_hold.load(std::memory_order_relaxed) & HOLD_START) != 0) {
-        change(m_self);
-    } else {
-        post(change);
+        this->*place = std::move(call);
+        return;
+    }
+    Connection::Event change = [this, place, call = std::move(call)](Connection&) mutable {
+        this->*place = std::move(call);
+    };
+    if (!post(change)) {
+        abort(CloseReason::ABORTED);  // without memory; if it has ended already that does nothing
     }
 }
 
 void ConnectionBody::set_input(Connection::Input call) {
-    set([this, call = std::move(call)](Connection&) mutable { m_input = std::move(call); });
+    set(&ConnectionBody::m_input, call);
 }
 
 void ConnectionBody::set_end(Connection::Event call) {
-    set([this, call = std::move(call)](Connection&) mutable { m_end = std::move(call); });
+    set(&ConnectionBody::m_end, call);
 }
 
 void ConnectionBody::set_drained(Connection::Event call) {
-    set([this, call = std::move(call)](Connection&) mutable { m_on_drained = std::move(call); });
+    set(&ConnectionBody::m_on_drained, call);
 }
 
 void ConnectionBody::set_closed(Connection::Closed call) {
-    set([this, call = std::move(call)](Connection&) mutable { m_closed = std::move(call); });
+    set(&ConnectionBody::m_closed, call);
 }
 
 // ---- input ---------------------------------------------------------------------------------------------
@@ -341,17 +353,19 @@ ConnectionBody::FunctionReader::FunctionReader(ConnectionBody& of) : Connection:
 
 void ConnectionBody::read_once(Connection::Input& question) {
     read_by_asking();
-    if (is_inside() && may_ask()) {
+    const bool inside = is_inside();
+    if (inside && may_ask()) {
         m_question = std::move(question);
         read_once(m_by_lambda);
         return;
     }
-    Connection::Event ask = [this, question = std::move(question)](Connection& self) mutable {
-        is_inside() && may_ask() ? read_once(question) : question(self, {});
+    auto later = [this, inside, question = std::move(question)](Connection& self) mutable {
+        !inside&& is_inside() && may_ask() ? read_once(question) : question(self, {});
     };
-    if (!post(ask)) {
+    Connection::Event ask = std::move(later);  // without memory it is left where it was
+    if (!ask || !post(ask)) {
         Connection nobody;  // it is over
-        ask(nobody);
+        ask ? ask(nobody) : later(nobody);
     }
 }
 
@@ -404,6 +418,10 @@ bool ConnectionBody::follow(ConnectionOutput::Written written) {
             }
             if (m_age_timer == -1 && m_options.max_output_age.count() > 0) {
                 m_age_timer = SetTimer(clamp_delay(m_options.max_output_age.count()));
+                if (m_age_timer == -1) {
+                    end(CloseReason::ABORTED);
+                    return false;
+                }
             }
             [[fallthrough]];
         case Written::WAITS:
@@ -466,12 +484,7 @@ uint32_t ConnectionBody::drained() {
     }
     m_output.go_on();
     release(HOLD_OUTPUT);
-    uint32_t bits = DRAINED;
-    if (m_room) {
-        Connection::Event tell = [room = std::move(m_room)](Connection& self) mutable { room(self, true); };
-        bits |= m_mail.put(tell) ? MAIL : 0;
-    }
-    return bits;
+    return m_room ? DRAINED | ROOM : DRAINED;
 }
 
 size_t ConnectionBody::waiting() {
@@ -480,32 +493,40 @@ size_t ConnectionBody::waiting() {
 }
 
 void ConnectionBody::when_room(Connection::Room call) {
-    Connection::Room other;
-    bool now = false;
-    bool open = false;
     {
         CGuard guard(m_mutex);
-        open = !m_sealed;
-        now = !open || m_output.waiting() == 0;
-        other = std::move(m_room);
-        if (!now) {
-            m_room = std::move(call);
+        if (!m_sealed) {
+            std::swap(m_room, call);
+            if (m_output.waiting() == 0) {
+                ring(ROOM);
+            }
         }
     }
-    if (other) {
-        Connection::Event tell = [this, other = std::move(other)](Connection& self) mutable {
-            other(self, waiting() == 0);
-        };
-        post(tell);
+    if (!call) {
+        return;
     }
-    if (now) {
-        Connection::Event tell = [call = std::move(call), open](Connection& self) mutable {
-            call(self, open);
-        };
-        if (!post(tell) && tell) {
-            Connection nobody;
-            tell(nobody);  // it has ended: nothing else of it is called any more
+    // One that waited before, or nobody waits for anything any more.
+    auto tell = [this, call = std::move(call)](Connection& self) mutable {
+        call(self, is_open() && waiting() == 0);
+    };
+    Connection::Event letter = std::move(tell);  // without memory it is left where it was
+    if (!letter || !post(letter)) {
+        abort(CloseReason::ABORTED);
+        Connection nobody;
+        letter ? letter(nobody) : tell(nobody);
+    }
+}
+
+void ConnectionBody::tell_room() {
+    Connection::Room room;
+    {
+        CGuard guard(m_mutex);
+        if (!m_cut && m_output.waiting() == 0) {
+            room = std::move(m_room);
         }
+    }
+    if (room) {
+        call([&](Connection& self) { room(self, true); });
     }
 }
 

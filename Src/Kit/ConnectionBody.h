@@ -105,6 +105,7 @@ private:
     static constexpr uint32_t MAIL = START << 2;     ///< Something was posted.
     static constexpr uint32_t DRAINED = START << 3;  ///< Nothing waits any more.
     static constexpr uint32_t END = START << 4;      ///< It is over.
+    static constexpr uint32_t ROOM = START << 5;     ///< Whoever waits for room may have it.
 
     // Reasons not to read; nothing is registered for reading while there is one.
     static constexpr uint8_t HOLD_START = 1;
@@ -134,13 +135,15 @@ private:
     __attribute__((noinline)) void nothing_read(int error);
     void input_ended();
     void run_mail();
+    void tell_room();
     void finalize();
     void answer_reader(std::string_view bytes);
     bool may_ask() const;
     template <typename Mark = UserCall, typename Call>
     void call(Call&& call);
     __attribute__((noinline)) void find_self();
-    void set(Connection::Event change);
+    template <typename Call>
+    void set(Call ConnectionBody::*place, Call& call);
 
     // Under the mutex.
     void hold(uint8_t why) INFRA_REQUIRES(m_mutex);

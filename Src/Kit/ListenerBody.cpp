@@ -44,7 +44,7 @@ void ListenerBody::shut() {
         RemoveSock(m_acceptor);
         m_acceptor.Close();
     }
-    Notify(GetID(), 1, 0);
+    tell_self(1);
 }
 
 int ListenerBody::handle_input(int) {
@@ -116,8 +116,9 @@ ListenerBody::Found ListenerBody::turn_away() {
 }
 
 void ListenerBody::rest() {
-    UnregisterSock(m_acceptor, SOCK_READ);
-    SetTimer(REST_US);
+    if (SetTimer(REST_US) != -1) {  // or nobody would wake it
+        UnregisterSock(m_acceptor, SOCK_READ);
+    }
 }
 
 int64_t ListenerBody::handle_timeout(long id) {

@@ -25,6 +25,18 @@ MailboxBody::Letter* MailboxBody::Line::take() {
     return first;
 }
 
+bool MailboxBody::Line::remove(const Letter* letter) {
+    Letter* before = nullptr;
+    for (Letter* each = head; each != nullptr; before = each, each = each->next) {
+        if (each == letter) {
+            (before == nullptr ? head : before->next) = each->next;
+            tail = each == tail ? before : tail;
+            return true;
+        }
+    }
+    return false;
+}
+
 MailboxBody::~MailboxBody() {
     while (Letter* const letter = m_spare) {
         m_spare = letter->next;
@@ -33,12 +45,13 @@ MailboxBody::~MailboxBody() {
 }
 
 bool MailboxBody::post(Way way, UniqueFunction<void()>& call) {
+    Letter* letter = nullptr;
     {
         CGuard guard(m_mutex);
         if (m_sealed) {
             return false;
         }
-        Letter* letter = m_spare;
+        letter = m_spare;
         if (letter != nullptr) {
             m_spare = letter->next;
             --m_spare_count;
@@ -51,22 +64,45 @@ bool MailboxBody::post(Way way, UniqueFunction<void()>& call) {
         letter->call = std::move(call);
         m_lines[way].append(letter);
     }
-    switch (way) {
-        case SERIAL:
-            NotifySerial(GetID(), SERIAL, 0, 0);
-            break;
-        case IO:
-            NotifyIO(GetID(), IO, 0);
-            break;
-        default:
-            Notify(GetID(), PLAIN, 0);
+    return ring(way) || !take_back(way, letter, call);
+}
+
+// False without memory.
+bool MailboxBody::ring(Way way) {
+    return way == SERIAL ? CMessage::NotifySerial(GetID(), GetID(), way, 0, 0)
+                         : CMessage::Notify(GetID(), GetID(), way, 0, way == IO);
+}
+
+// There is no memory for the doorbell of the letter. False if somebody else's has taken it; that one's letter
+// is then left without.
+bool MailboxBody::take_back(Way way, Letter* letter, UniqueFunction<void()>& call) {
+    {
+        CGuard guard(m_mutex);
+        if (m_lines[way].remove(letter)) {
+            call = std::move(letter->call);
+            keep_spare(letter);
+            return true;
+        }
     }
-    return true;
+    tell_self(AGAIN + way);
+    return false;
+}
+
+void MailboxBody::keep_spare(Letter* letter) {
+    if (m_spare_count == MOST_SPARE) {
+        delete letter;
+        return;
+    }
+    letter->next = m_spare;
+    m_spare = letter;
+    ++m_spare_count;
 }
 
 int MailboxBody::handle_message(long, unsigned int msg, long) {
     if (msg < WAYS) {
         run_one(static_cast<Way>(msg));
+    } else if (msg >= AGAIN && !ring(static_cast<Way>(msg - AGAIN))) {
+        tell_self(msg);
     }
     end_if_done();
     return 0;
@@ -86,13 +122,7 @@ void MailboxBody::run_one(Way way) {
         letter->call = nullptr;
         CGuard guard(m_mutex);
         --m_running;
-        if (m_spare_count == MOST_SPARE) {
-            delete letter;
-            return;
-        }
-        letter->next = m_spare;
-        m_spare = letter;
-        ++m_spare_count;
+        keep_spare(letter);
     };
     UserCall::run(this, kind(), letter->call, put_back);
     put_back();
@@ -131,14 +161,14 @@ void MailboxBody::end_if_done() {
 void MailboxBody::drain() {
     CGuard guard(m_mutex);
     m_sealed = true;
-    Notify(GetID(), END, 0);
+    tell_self(END);
 }
 
 bool MailboxBody::cut() {
     CGuard guard(m_mutex);
     m_sealed = true;
     m_cut = true;
-    Notify(GetID(), END, 0);
+    tell_self(END);
     return false;
 }
 

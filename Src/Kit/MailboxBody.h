@@ -37,12 +37,17 @@ private:
         Letter* tail = nullptr;
         void append(Letter* letter);
         Letter* take();
+        bool remove(const Letter* letter);
     };
 
-    static constexpr unsigned int END = WAYS;   ///< The message that asks whether all is done.
-    static constexpr size_t MOST_SPARE = 1024;  ///< Letters that are kept for the next ones.
+    static constexpr unsigned int END = WAYS;       ///< The message that asks whether all is done.
+    static constexpr unsigned int AGAIN = END + 1;  ///< And the way: that doorbell is to be rung again.
+    static constexpr size_t MOST_SPARE = 1024;      ///< Letters that are kept for the next ones.
 
     bool is_done() const INFRA_REQUIRES(m_mutex);
+    bool ring(Way way);
+    bool take_back(Way way, Letter* letter, UniqueFunction<void()>& call);
+    void keep_spare(Letter* letter) INFRA_REQUIRES(m_mutex);
     void run_one(Way way);
     void end_if_done();
 

@@ -3,6 +3,8 @@
 
 #include <Reticor/NetHandler.h>
 
+#include "Core/service/Message.h"
+
 namespace Orvex::Reticor::Kit {
 inline namespace v1 {
 
@@ -38,6 +40,10 @@ public:
 
 protected:
     explicit Member(MemberHome& home) : CNetHandler(home.index()), m_home(home) {}
+
+    /// Posts a message to this member, of which something that it owes depends: it comes also while there is
+    /// no memory.
+    void tell_self(unsigned int msg) { CMessage::Tell(GetID(), GetID(), msg, 0); }
 
     /// The last but one act of an end; `Close` is the last.
     void leave() { m_home.gone(this); }

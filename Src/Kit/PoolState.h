@@ -42,20 +42,23 @@ struct PoolState final : MemberHome {
     /// A new member, with a reference for the caller. Null if the pool is stopping or there is no memory.
     template <typename Body, typename... Args>
     Body* make(Args&&... args) {
-        Infra::CGuard guard(m_mutex);
-        if (m_index < 0 || m_sealed) {
-            return nullptr;
-        }
-        Body* const body = new (std::nothrow) Body(*this, std::forward<Args>(args)...);
-        if (body != nullptr && body->GetID() == 0) {
-            HandlerInternal::Discard(body);
-            return nullptr;
+        Body* body = nullptr;
+        {
+            Infra::CGuard guard(m_mutex);
+            if (m_index < 0 || m_sealed) {
+                return nullptr;
+            }
+            body = new (std::nothrow) Body(*this, std::forward<Args>(args)...);
+            if (body != nullptr && body->GetID() != 0) {
+                body->AddRef();
+                append(body);
+                return body;
+            }
         }
         if (body != nullptr) {
-            body->AddRef();
-            append(body);
+            HandlerInternal::Discard(body);  // may end a lambda of the user's
         }
-        return body;
+        return nullptr;
     }
 
     /// Reserves a connection's place on the pool, and gives it back.

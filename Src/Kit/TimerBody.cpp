@@ -39,7 +39,7 @@ bool TimerBody::start() {
 void TimerBody::cancel() {
     m_armed.store(false, std::memory_order_release);
     if (m_word.signal(END)) {
-        Notify(GetID(), 1, 0);
+        tell_self(1);
     }
 }
 

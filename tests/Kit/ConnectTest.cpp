@@ -1,18 +1,10 @@
-// connect: names, addresses in turn, and the deadline. Names that end with .test are looked up here.
+// connect: names, addresses in turn, and the deadline.
 #include <Reticor/kit/Connect.h>
 
-#include <arpa/inet.h>
-#include <dlfcn.h>
 #include <netdb.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <atomic>
-#include <cstring>
-#include <list>
 #include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -23,7 +15,8 @@
 
 #include "support/Eventually.h"
 #include "support/kit/Live.h"
-#include "support/program/TcpClient.h"
+#include "support/kit/Names.h"
+#include "support/kit/SilentPort.h"
 
 using namespace Orvex::Testing;
 using Orvex::Infra::CGuard;
@@ -36,59 +29,6 @@ using Kit::ConnectResult;
 using namespace std::chrono_literals;
 
 namespace {
-
-/// What the names of this test stand for. "hangs.test" waits until it is let go.
-struct Names {
-    std::vector<std::pair<const char*, int>> addresses;  // and their ports, of "listed.test"
-    CSemaphore let_go{0};
-    std::atomic<int> looking{0};
-} g_names;
-
-addrinfo* make_address(const char* text, int port) {
-    auto* const info = static_cast<addrinfo*>(std::calloc(1, sizeof(addrinfo) + sizeof(sockaddr_in)));
-    auto* const address = reinterpret_cast<sockaddr_in*>(info + 1);
-    address->sin_family = AF_INET;
-    address->sin_port = htons(static_cast<uint16_t>(port));
-    inet_pton(AF_INET, text, &address->sin_addr);
-    info->ai_family = AF_INET;
-    info->ai_addr = reinterpret_cast<sockaddr*>(address);
-    info->ai_addrlen = sizeof(sockaddr_in);
-    return info;
-}
-
-/// Listens on the loopback, with its queue full: who connects gets no answer.
-class SilentPort {
-public:
-    SilentPort() : m_descriptor(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof address;
-        EXPECT_EQ(0, bind(m_descriptor, reinterpret_cast<sockaddr*>(&address), length));
-        EXPECT_EQ(0, listen(m_descriptor, 0));
-        EXPECT_EQ(0, getsockname(m_descriptor, reinterpret_cast<sockaddr*>(&address), &length));
-        m_port = ntohs(address.sin_port);
-        for (int i = 0; i < 4; ++i) {
-            const int filler = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-            static_cast<void>(connect(filler, reinterpret_cast<sockaddr*>(&address), length));
-            m_fillers.push_back(filler);
-        }
-    }
-    ~SilentPort() {
-        for (const int filler : m_fillers) {
-            close(filler);
-        }
-        close(m_descriptor);
-    }
-    SilentPort(const SilentPort&) = delete;
-    SilentPort& operator=(const SilentPort&) = delete;
-    int number() const { return m_port; }
-
-private:
-    const int m_descriptor;
-    int m_port = 0;
-    std::vector<int> m_fillers;
-};
 
 class KitConnect : public testing::Test {
 protected:
@@ -127,41 +67,6 @@ protected:
 };
 
 }  // namespace
-
-// Stands before the C library's.
-extern "C" int getaddrinfo(const char* node, const char* service, const addrinfo* hints, addrinfo** result) {
-    using Real = int (*)(const char*, const char*, const addrinfo*, addrinfo**);
-    if (std::strcmp(node, "hangs.test") == 0) {
-        ++g_names.looking;
-        g_names.let_go.pend();
-        --g_names.looking;
-        return EAI_AGAIN;
-    }
-    if (std::strcmp(node, "listed.test") == 0) {
-        addrinfo** end = result;
-        for (const auto& address : g_names.addresses) {
-            *end = make_address(address.first, address.second);
-            end = &(*end)->ai_next;
-        }
-        return 0;
-    }
-    if (std::strcmp(node, "nobody.test") == 0) {
-        return EAI_NONAME;
-    }
-    return reinterpret_cast<Real>(dlsym(RTLD_NEXT, "getaddrinfo"))(node, service, hints, result);
-}
-
-extern "C" void freeaddrinfo(addrinfo* list) {
-    using Real = void (*)(addrinfo*);
-    if (list != nullptr && list->ai_addr == reinterpret_cast<sockaddr*>(list + 1) &&
-        list->ai_canonname == nullptr && list->ai_socktype == 0) {
-        while (list != nullptr) {
-            std::free(std::exchange(list, list->ai_next));
-        }
-        return;
-    }
-    reinterpret_cast<Real>(dlsym(RTLD_NEXT, "freeaddrinfo"))(list);
-}
 
 TEST_F(KitConnect, TalksToAnAddress) {
     std::string read;
@@ -207,7 +112,7 @@ TEST_F(KitConnect, SaysWhyNoAddressHasTakenIt) {
 TEST_F(KitConnect, GoesToTheNextAddressAtOnceWhenOneRefuses) {
     Kit::Server gone([](Connection&) {});
     ASSERT_TRUE(gone.listen("127.0.0.1", 0));
-    g_names.addresses = {{"127.0.0.1", gone.port()}, {"127.0.0.1", m_server.port()}};
+    names().addresses = {{"127.0.0.1", gone.port()}, {"127.0.0.1", m_server.port()}};
     gone.stop();
     Kit::ConnectOptions options;
     options.stagger = 1h;
@@ -218,7 +123,7 @@ TEST_F(KitConnect, GoesToTheNextAddressAtOnceWhenOneRefuses) {
 
 TEST_F(KitConnect, TriesTheNextAddressBesideOneThatDoesNotAnswer) {
     SilentPort silent;
-    g_names.addresses = {{"127.0.0.1", silent.number()}, {"127.0.0.1", m_server.port()}};
+    names().addresses = {{"127.0.0.1", silent.number()}, {"127.0.0.1", m_server.port()}};
     const uint64_t begin = CTime::getCurrentMicroSecond();
     ASSERT_TRUE(start("listed.test", 1));
     EXPECT_EVENTUALLY(m_calls == 1);
@@ -244,10 +149,10 @@ TEST_F(KitConnect, DoesNotWaitForALookUpThatHangs) {
     }
     EXPECT_EVENTUALLY(m_calls == 6 && m_live.count() == 0);
     EXPECT_EQ(ConnectResult::TIMED_OUT, m_result);
-    EXPECT_EVENTUALLY(g_names.looking == 4);
+    EXPECT_EVENTUALLY(names().looking == 4);
     m_pool.stop();
-    g_names.let_go.post(6, 6);
-    EXPECT_EVENTUALLY(g_names.looking == 0);
+    names().let_go.post(6, 6);
+    EXPECT_EVENTUALLY(names().looking == 0);
     EXPECT_EQ(6, m_calls);
 }
 

@@ -84,6 +84,20 @@ TEST_F(ConnectionMailOfAConnection, ADelayedCallIsPutWhenItsTimeHasCome) {
     EXPECT_FALSE(over.has_mail);
 }
 
+TEST_F(ConnectionMailOfAConnection, WithoutMemoryADueCallComesAgain) {
+    put_delayed(5, 1000000);
+    {
+        const NoMemory none;
+        const ConnectionMail::RanOut due = mail.run_out(5, 1000000);
+        EXPECT_EQ(3000, due.again);
+        EXPECT_FALSE(due.has_mail);
+    }
+    EXPECT_EQ(1, live.count());
+    EXPECT_TRUE(mail.run_out(5, 1003000).has_mail);
+    EXPECT_EQ(std::vector<int>{5}, run());
+    EXPECT_EQ(0, live.count());
+}
+
 TEST_F(ConnectionMailOfAConnection, WhatStillWaitsIsTakenWithItsTimers) {
     put_delayed(5, 1000000);
     put_delayed(6, 2000000);

@@ -14,11 +14,10 @@
 
 #include <Infra/Semaphore.h>
 #include <Infra/Time.h>
-#include <Reticor/kit/Pool.h>
 
 #include "support/Eventually.h"
 #include "support/LogCapture.h"
-#include "support/kit/Live.h"
+#include "support/kit/ConnectionFixture.h"
 #include "support/socket/Allocations.h"
 
 using namespace Orvex::Testing;
@@ -31,95 +30,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-/// The other end of a connection under test.
-class Peer {
-public:
-    explicit Peer(int descriptor) : m_descriptor(descriptor) {}
-    ~Peer() { hang_up(); }
-    Peer(const Peer&) = delete;
-    Peer& operator=(const Peer&) = delete;
-
-    void send(const std::string& bytes) {
-        ASSERT_EQ(static_cast<ssize_t>(bytes.size()), ::send(m_descriptor, bytes.data(), bytes.size(), 0));
-    }
-    std::string receive(size_t count) {
-        std::string bytes(count, '\0');
-        const ssize_t got = ::recv(m_descriptor, bytes.data(), count, MSG_WAITALL);
-        bytes.resize(got > 0 ? static_cast<size_t>(got) : 0);
-        return bytes;
-    }
-    /// Sends what is possible now, at most 64 bytes, and takes all that has come. Gives the number sent.
-    size_t feed() {
-        const char bytes[64] = "";
-        const ssize_t sent = ::send(m_descriptor, bytes, sizeof bytes, MSG_DONTWAIT | MSG_NOSIGNAL);
-        take_all();
-        return sent > 0 ? static_cast<size_t>(sent) : 0;
-    }
-    void take_all() {
-        char bytes[256];
-        while (::recv(m_descriptor, bytes, sizeof bytes, MSG_DONTWAIT) > 0) {
-        }
-    }
-    bool is_ended() {
-        char byte = 0;
-        return ::recv(m_descriptor, &byte, 1, 0) == 0;
-    }
-    void finish() { shutdown(m_descriptor, SHUT_WR); }
-    void hang_up() {
-        if (m_descriptor >= 0) {
-            ::close(std::exchange(m_descriptor, -1));
-        }
-    }
-
-private:
-    int m_descriptor;
-};
-
-class KitConnection : public testing::Test {
-protected:
-    void TearDown() override { m_pool.stop(0ms); }  // before what call-backs use goes
-
-    Connection open(Connection::Event start, Kit::ConnectionOptions options = {}) {
-        int ends[2];
-        EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends));
-        m_peer = std::make_unique<Peer>(ends[1]);
-        return Connection::adopt(m_pool, ends[0], options, std::move(start));
-    }
-
-    /// A start that counts the end.
-    Connection::Event counted() {
-        return [this](Connection& self) {
-            self.onClose([this, token = m_live.token()](Connection&, CloseReason reason) {
-                m_reason = reason;
-                m_ended_us = CTime::getCurrentMicroSecond();
-                ++m_ends;
-            });
-        };
-    }
-
-    /// Returns when the pool has looked many times at what its sockets have.
-    void see_workers_at_work() {
-        int ends[2];
-        ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends));
-        Peer peer(ends[1]);
-        Connection other = Connection::adopt(m_pool, ends[0], {}, [](Connection& self) {
-            self.onInput([](Connection& c, std::string_view bytes) { c.write(bytes); });
-        });
-        for (int i = 0; i < 50; ++i) {
-            peer.send("?");
-            ASSERT_EQ("?", peer.receive(1));
-        }
-    }
-
-    Kit::Pool m_pool{2};
-    Live m_live;
-    std::atomic<CloseReason> m_reason{CloseReason::CLOSED};
-    std::atomic<uint64_t> m_ended_us{0};
-    std::atomic<int> m_ends{0};
-    std::unique_ptr<Peer> m_peer;
-};
-
-const std::string MEGABYTE(1 << 20, 'm');
+class KitConnection : public ConnectionFixture {};
 
 }  // namespace
 

@@ -42,12 +42,14 @@ ConnectionMail::RanOut ConnectionMail::run_out(long timer, uint64_t now_us) {
     if (!is_due(found->due_us, now_us)) {
         return {clamp_delay(static_cast<int64_t>(found->due_us - now_us)), false};
     }
-    const bool has_mail = put(found->call);
+    if (!put(found->call)) {
+        return {LEAST_DELAY_US, false};
+    }
     if (found != m_delayed.end() - 1) {
         std::swap(*found, m_delayed.back());
     }
     m_delayed.pop_back();
-    return {-1, has_mail};
+    return {-1, true};
 }
 
 std::vector<ConnectionMail::Delayed> ConnectionMail::take_delayed() {

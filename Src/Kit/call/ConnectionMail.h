@@ -37,7 +37,8 @@ public:
         int64_t again = -1;     ///< The time after which it is to come again, in microseconds; -1: it ends.
         bool has_mail = false;  ///< Its call was put.
     };
-    /// Timers that are longer than those of the pool are made of several. One of no call here ends.
+    /// Timers that are longer than those of the pool are made of several. One of no call here ends. Without
+    /// memory it comes again soon.
     RanOut run_out(long timer, uint64_t now_us);
 
     /// All delayed calls; their timers may still run.

@@ -43,7 +43,7 @@ bool connect(Pool& pool, std::string_view host, unsigned short port, const Conne
     if (connector == nullptr) {
         return false;
     }
-    connector->start(name, port);
+    connector->start(std::move(name), port);
     connector->DecRef();
     return true;
 }

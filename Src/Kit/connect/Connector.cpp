@@ -85,11 +85,17 @@ Connector::Connector(PoolState& pool, const ConnectOptions& options, Connected d
       m_deadline_us(now_us() + static_cast<uint64_t>(std::max<int64_t>(options.deadline.count(), 0))),
       m_done(std::move(done)) {}
 
-void Connector::start(const std::string& host, unsigned short port) {
+void Connector::start(std::string host, unsigned short port) {
     sockaddr_storage address{};
+    bool has_deadline = false;
     {
         CGuard guard(m_mutex);
         m_deadline = SetTimer(clamp_delay(m_options.deadline.count()));
+        has_deadline = m_deadline != -1;
+    }
+    if (!has_deadline) {
+        cancel();
+        return;
     }
     if (read_address(host, port, address)) {
         found(&address, 1, 0);
@@ -100,7 +106,7 @@ void Connector::start(const std::string& host, unsigned short port) {
         cancel();
         return;
     }
-    question->host = host;
+    question->host = std::move(host);
     question->port = port;
     if (!Resolver::ask(std::move(question))) {
         cancel();
@@ -118,7 +124,7 @@ void Connector::found(const sockaddr_storage* addresses, size_t count, int error
         cancel();
         return;
     }
-    Notify(GetID(), FOUND, 0);
+    tell_self(FOUND);
 }
 
 int Connector::handle_message(long, unsigned int msg, long) {
@@ -187,14 +193,17 @@ Connector::Outcome Connector::look_at(int fd) {
     return try_next();
 }
 
-// The next address whose attempt is under way; what fails at once does not count.
+// The next address whose attempt is under way; what fails at once does not count. Without memory for a timer
+// all are tried at once.
 Connector::Outcome Connector::try_next() {
     while (!m_over && m_next < m_addresses.size()) {
         if (try_address(m_addresses[m_next++])) {
             if (m_stagger == -1 && m_next < m_addresses.size()) {
                 m_stagger = SetTimer(clamp_delay(m_options.stagger.count()));
             }
-            return {};
+            if (m_stagger != -1 || m_next == m_addresses.size()) {
+                return {};
+            }
         }
     }
     return m_attempts.empty() ? over(ConnectResult::REFUSED, m_error) : Outcome();

@@ -26,7 +26,7 @@ public:
     Connector(PoolState& pool, const ConnectOptions& options, Connected done);
 
     /// Looks `host` up if it is a name, and begins.
-    void start(const std::string& host, unsigned short port);
+    void start(std::string host, unsigned short port);
 
     /// What the look-up has found. Any thread, once.
     void found(const sockaddr_storage* addresses, size_t count, int error);
@@ -53,7 +53,7 @@ private:
         int descriptor = -1;
     };
 
-    void cancel() { Notify(GetID(), CANCEL, 0); }
+    void cancel() { tell_self(CANCEL); }
     Outcome over(ConnectResult result, int error, int descriptor = -1) INFRA_REQUIRES(m_mutex);
     Outcome try_next() INFRA_REQUIRES(m_mutex);
     bool try_address(const sockaddr_storage& address) INFRA_REQUIRES(m_mutex);

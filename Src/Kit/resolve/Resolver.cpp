@@ -4,9 +4,10 @@
 #include <netdb.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <cstring>
-#include <deque>
+#include <list>
 #include <new>
 #include <utility>
 #include <vector>
@@ -32,19 +33,15 @@ struct Resolver::State {
         return state;
     }
 
-    State() {
-        for (size_t i = 0; i < THREADS; ++i) {
-            threads[i] = new (std::nothrow) Infra::CThreadLite({&State::body, this}, "Reticor::Kit");
-        }
-    }
-
     void body(Infra::CThreadLite& thread);
     std::unique_ptr<Question> next(Infra::CThreadLite& thread);
-    void start_one();
+    Infra::CThreadLite* thread_to_start() INFRA_REQUIRES(mutex);
+    bool is_at_work() const INFRA_REQUIRES(mutex);
+    bool give_up(const Question* asked, Infra::CThreadLite* not_started);
 
     Infra::CMutex mutex{Infra::LockClass::KIT_RESOLVER};
-    std::deque<std::unique_ptr<Question>> questions INFRA_GUARDED_BY(mutex);
-    std::array<Infra::CThreadLite*, THREADS> threads{};
+    std::list<std::unique_ptr<Question>> questions INFRA_GUARDED_BY(mutex);
+    std::array<Infra::CThreadLite*, THREADS> threads INFRA_GUARDED_BY(mutex){};  ///< Made when one is needed.
     std::array<Work, THREADS> work INFRA_GUARDED_BY(mutex){};
 };
 
@@ -58,14 +55,13 @@ void look_up(Resolver::Question& question) {
     addrinfo* list = nullptr;
     const std::string port = std::to_string(question.port);
     const int error = getaddrinfo(question.host.c_str(), port.c_str(), &hints, &list);
+    const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owner(error == 0 ? list : nullptr,
+                                                                   &freeaddrinfo);
     std::vector<sockaddr_storage> addresses;
-    for (const addrinfo* each = error == 0 ? list : nullptr; each != nullptr; each = each->ai_next) {
+    for (const addrinfo* each = owner.get(); each != nullptr; each = each->ai_next) {
         if (each->ai_addrlen <= sizeof(sockaddr_storage)) {
             std::memcpy(&addresses.emplace_back(), each->ai_addr, each->ai_addrlen);
         }
-    }
-    if (error == 0) {
-        freeaddrinfo(list);
     }
     question.answered(addresses.data(), addresses.size(), error);
 }
@@ -98,49 +94,81 @@ void Resolver::State::body(Infra::CThreadLite& thread) {
     }
 }
 
+// Null if all are at work, or if there is no memory for one.
+Infra::CThreadLite* Resolver::State::thread_to_start() {
+    for (size_t i = 0; i < THREADS; ++i) {
+        if (work[i] != Work::NONE) {
+            continue;
+        }
+        if (threads[i] == nullptr) {
+            threads[i] = new (std::nothrow) Infra::CThreadLite({&State::body, this}, "Reticor::Kit");
+        }
+        if (threads[i] != nullptr) {
+            work[i] = Work::BETWEEN;
+            return threads[i];
+        }
+    }
+    return nullptr;
+}
+
+bool Resolver::State::is_at_work() const {
+    return std::any_of(work.begin(), work.end(), [](Work each) { return each != Work::NONE; });
+}
+
+// No thread has been started for the question. True if another one takes it; else nobody takes any, and
+// whoever has asked beside us, and relied on this thread, is told.
+bool Resolver::State::give_up(const Question* asked, Infra::CThreadLite* not_started) {
+    std::list<std::unique_ptr<Question>> left;
+    {
+        CGuard guard(mutex);
+        for (size_t i = 0; i < THREADS; ++i) {
+            work[i] = not_started != nullptr && threads[i] == not_started ? Work::NONE : work[i];
+        }
+        if (is_at_work()) {
+            return true;
+        }
+        left.swap(questions);
+    }
+    bool refused = false;
+    for (const std::unique_ptr<Question>& question : left) {
+        if (question.get() == asked) {
+            refused = true;
+        } else {
+            question->answered(nullptr, 0, EAI_AGAIN);
+        }
+    }
+    return !refused;
+}
+
 bool Resolver::ask(std::unique_ptr<Question> question) {
-    State& state = State::the();
-    size_t idle = State::THREADS;
-    size_t busy = 0;
+    const Question* const asked = question.get();
     try {
-        CGuard guard(state.mutex);
-        state.questions.push_back(std::move(question));
-        for (size_t i = 0; i < State::THREADS; ++i) {
-            const bool rests = state.work[i] == State::Work::NONE && state.threads[i] != nullptr;
-            idle = rests ? i : idle;
-            busy += rests ? 0 : 1;
+        State& state = State::the();
+        Infra::CThreadLite* thread = nullptr;
+        {
+            CGuard guard(state.mutex);
+            state.questions.push_back(std::move(question));
+            thread = state.thread_to_start();
         }
-        if (idle != State::THREADS) {
-            state.work[idle] = State::Work::BETWEEN;
-        }
+        return (thread != nullptr && thread->createThread()) || state.give_up(asked, thread);
     } catch (const std::bad_alloc&) {
         return false;
     }
-    if (idle == State::THREADS || state.threads[idle]->createThread()) {
-        return true;
-    }
-    CGuard guard(state.mutex);
-    state.work[idle] = State::Work::NONE;
-    if (busy != 0) {
-        return true;  // one of the others takes it
-    }
-    state.questions.clear();
-    return false;
 }
 
 void Resolver::reap() {
     State& state = State::the();
-    std::array<bool, State::THREADS> ending{};
+    std::array<Infra::CThreadLite*, State::THREADS> ending{};
     {
         CGuard guard(state.mutex);
         for (size_t i = 0; i < State::THREADS; ++i) {
-            ending[i] = state.questions.empty() && state.work[i] != State::Work::LOOKING &&
-                        state.threads[i] != nullptr;
+            const bool ends = state.questions.empty() && state.work[i] != State::Work::LOOKING;
+            ending[i] = ends ? state.threads[i] : nullptr;
         }
     }
-    for (size_t i = 0; i < State::THREADS; ++i) {
-        if (ending[i]) {
-            state.threads[i]->destroyThread();
+    for (Infra::CThreadLite* const thread : ending) {
+        if (thread != nullptr) {
+            thread->destroyThread();
         }
     }
 }

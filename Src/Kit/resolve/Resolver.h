@@ -20,7 +20,8 @@ public:
     public:
         virtual ~Question() = default;
         /// What it has found: addresses with the port, in the system's order, or none and an error of
-        /// getaddrinfo(3). Once, on a thread of the resolver; the question is destroyed after that.
+        /// getaddrinfo(3). Once, on a thread of the resolver, or on one that asks if none can be started; the
+        /// question is destroyed after that.
         virtual void answered(const sockaddr_storage* addresses, size_t count, int error) = 0;
 
         std::string host;

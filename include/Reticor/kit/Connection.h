@@ -129,7 +129,8 @@ public:
     // ---- call-backs ------------------------------------------------------------------------------------
     //
     // To be set where the connection starts (`Server`, `adopt`, `connect`), which is before the first call.
-    // Set later, they hold from the next call on. Null takes one away.
+    // Set later, they hold from the next call on; without memory for that the connection ends, as by `abort`.
+    // Null takes one away.
 
     /// Called with what has come. Without it, what comes is read and thrown away.
     void onInput(Input call);
@@ -164,7 +165,9 @@ public:
     uint64_t dropped() const noexcept;
 
     /// Calls `call` once, on the pool: when nothing waits to be sent, which may be now, or when the
-    /// connection ends. One at a time: another one that still waits is called with what holds then.
+    /// connection ends. One at a time: another one that still waits is called with what holds then; without
+    /// memory for that the connection ends. When it has ended already, `call` is called at once, on the
+    /// calling thread, with an empty connection and false.
     void whenRoom(Room call);
 
     /// Ends this side's direction when what waits has been sent: the peer reads an end, and may still send.
@@ -182,7 +185,9 @@ public:
     void readByAsking();
 
     /// `readByAsking`, and the question: `call` gets the next bytes, once, or an empty view when no more will
-    /// come. One question at a time: a second one is answered with an empty view, and a line at level 2.
+    /// come. One question at a time: a second one is answered with an empty view, and a line at level 2. When
+    /// the connection has ended already, or there is no memory, it is answered at once, on the calling
+    /// thread, with an empty connection and an empty view.
     void readOnce(Input call);
 
     /// Whoever asks by an object of its own, such as a coroutine: the shortest way.
