@@ -7,12 +7,6 @@ namespace relay {
 using Orvex::Reticor::MediaOffer;
 using Orvex::Reticor::MediaVerdict;
 
-namespace {
-
-constexpr unsigned kPromptKeys = 50;
-
-}  // namespace
-
 // The low quality of a picture is the first that is asked about, so the other one finds it decided. Of a
 // client that has not come to the newest picture it is not: a channel that waits goes on at its newest key
 // frame, and whoever is late gets there only by leaving the high one.
@@ -30,7 +24,7 @@ MediaVerdict Ladder::choose(const MediaOffer& offer) {
 void Ladder::decide(uint64_t age_us) {
     const bool late = m_missed.exchange(false, std::memory_order_relaxed) || age_us > m_late_us;
     m_prompt = !late && age_us < m_late_us / 4 ? m_prompt + 1 : 0;
-    m_low.store(late || (isLow() && m_prompt < kPromptKeys), std::memory_order_relaxed);
+    m_low.store(late || (isLow() && m_prompt < m_prompt_keys), std::memory_order_relaxed);
 }
 
 }  // namespace relay

@@ -18,8 +18,10 @@ public:
     static constexpr unsigned kHighChannel = 0;
     static constexpr unsigned kLowChannel = 3;  // 1 is sound, 2 what else a programme holds
 
-    /// A client that is later than `late_ms` goes down.
-    explicit Ladder(unsigned late_ms) : m_late_us(uint64_t{late_ms} * 1000) {}
+    /// A client that is later than `late_ms` goes down, and up again after `prompt_keys` key frames in a row
+    /// at which it was not even a quarter of that late: two seconds where each picture is a key frame.
+    explicit Ladder(unsigned late_ms, unsigned prompt_keys = 50)
+        : m_late_us(uint64_t{late_ms} * 1000), m_prompt_keys(prompt_keys) {}
 
     Orvex::Reticor::MediaVerdict choose(const Orvex::Reticor::MediaOffer& offer);
 
@@ -32,6 +34,7 @@ private:
     void decide(uint64_t age_us);
 
     const uint64_t m_late_us;
+    const unsigned m_prompt_keys;
     std::atomic<bool> m_low{false};
     std::atomic<bool> m_missed{false};
     unsigned m_prompt = 0;   // key frames in a row at which it was not even a quarter of that late

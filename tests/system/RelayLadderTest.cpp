@@ -81,4 +81,18 @@ TEST_F(RelayLadder, GoesUpWhenItHasKeptUpForAWhileAndNotBefore) {
     EXPECT_EQ(49, lowOnes());
 }
 
+// Where a key frame comes every two seconds fifty would be too many.
+TEST_F(RelayLadder, GoesUpAfterAsManyKeyFramesAsItWasTold) {
+    Ladder few(400, 3);
+    MediaOffer offer;
+    offer.channel = static_cast<int>(Ladder::kLowChannel);
+    offer.key = true;
+    offer.age_us = 401000;
+    EXPECT_EQ(MediaVerdict::SEND, few.choose(offer));
+    offer.age_us = 0;
+    EXPECT_EQ(MediaVerdict::SEND, few.choose(offer));
+    EXPECT_EQ(MediaVerdict::SEND, few.choose(offer));
+    EXPECT_EQ(MediaVerdict::WAIT_KEY, few.choose(offer));
+}
+
 }  // namespace
