@@ -32,13 +32,16 @@ struct Channel {
     std::int64_t key_made_us = 0;    // when that was made
     std::int64_t newest_key_us = 0;  // when the newest one was
     std::int64_t group_us = 0;       // the time between the newest two
+    bool filtered = false;           // waits for a key frame since the filter has said so
+    bool misses = false;             // a frame was stepped over since the last one begun
 };
 
 class Model {
 public:
-    Model(const ViewerScene& scene, const ViewerPolicy& policy)
+    Model(const ViewerScene& scene, const ViewerPolicy& policy, ViewerFilter* filter)
         : m_scene(scene),
           m_policy(policy),
+          m_filter(filter),
           m_stream(streamOf(scene)),
           m_link(scene, rateOf(scene, m_stream)) {}
 
@@ -51,6 +54,8 @@ private:
     void turn();
     void write();
     Choice choose(const Frame& frame);
+    bool passes_filter(const Frame& frame);
+    void pass(const Frame& frame);
     Choice choose_strict(const Frame& frame, Channel& channel) const;
     Choice choose_ahead(const Frame& frame, Channel& channel) const;
     std::int64_t allowed_us(const Frame& frame, const Channel& channel) const;
@@ -69,6 +74,10 @@ private:
 
     const ViewerScene& m_scene;
     const ViewerPolicy m_policy;
+    ViewerFilter* const m_filter;
+    std::size_t m_asked = NONE;  // the frame that the filter was asked about last
+    bool m_answer = true;        // what it said
+    bool m_missed = false;       // a gap has ended in this step
     const std::vector<StreamFrame> m_stream;
     ViewerLink m_link;
     std::vector<Frame> m_frames;  // that are complete
@@ -76,7 +85,7 @@ private:
     std::size_t m_left = 0;       // bytes of it to write, if it was begun
     std::int64_t m_begun_us = 0;
     std::int64_t m_now_us = 0;
-    Channel m_channels[2];
+    Channel m_channels[SCENE_CHANNELS];
 };
 
 ViewerResult Model::run() {
@@ -93,6 +102,10 @@ ViewerResult Model::run() {
             complete(m_stream[next++]);
         }
         turn();
+        if (m_missed && m_filter != nullptr) {
+            m_filter->missed();
+        }
+        m_missed = false;
         age();
         most = std::max(most, held());
     }
@@ -126,7 +139,8 @@ void Model::turn() {
     while (m_place < m_frames.size()) {
         if (m_left == 0) {
             const Frame& frame = m_frames[m_place];
-            if (frame.gone || choose(frame) == Choice::PASS) {
+            if (frame.gone || choose(frame) == Choice::PASS || !passes_filter(frame)) {
+                pass(frame);
                 ++m_place;
                 continue;
             }
@@ -146,6 +160,8 @@ void Model::begin(const Frame& frame) {
     m_left = frame.bytes;
     m_begun_us = m_now_us;
     Channel& channel = m_channels[frame.channel];
+    m_missed = m_missed || (channel.misses && channel.last != NONE);
+    channel.misses = false;
     channel.last = frame.number;
     channel.needed = frame.needed_before + (frame.disposable ? 0 : 1);
     channel.left_level = frame.level <= channel.left_level ? 0 : channel.left_level;
@@ -174,6 +190,32 @@ Model::Choice Model::choose(const Frame& frame) {
             return choose_ahead(frame, channel);
         default:
             return Choice::SEND;
+    }
+}
+
+// It is asked once about a frame, and not about those of a channel that waits.
+bool Model::passes_filter(const Frame& frame) {
+    Channel& channel = m_channels[frame.channel];
+    if (m_filter == nullptr || m_asked == m_place) {
+        return m_answer;
+    }
+    if (channel.filtered && !frame.key) {
+        return false;
+    }
+    m_asked = m_place;
+    m_answer = m_filter->sends(frame, m_now_us - frame.made_us);
+    channel.filtered = !m_answer;
+    channel.waiting = channel.waiting || !m_answer;
+    return m_answer;
+}
+
+// What the filter keeps back is not missing.
+void Model::pass(const Frame& frame) {
+    Channel& channel = m_channels[frame.channel];
+    if (!channel.filtered) {
+        channel.misses = true;
+    } else if (channel.needed != NONE && !frame.disposable) {
+        ++channel.needed;
     }
 }
 
@@ -260,8 +302,8 @@ double Model::held() const {
 
 }  // namespace
 
-ViewerResult modelViewer(const ViewerScene& scene, const ViewerPolicy& policy) {
-    return Model(scene, policy).run();
+ViewerResult modelViewer(const ViewerScene& scene, const ViewerPolicy& policy, ViewerFilter* filter) {
+    return Model(scene, policy, filter).run();
 }
 
 }  // namespace Bench

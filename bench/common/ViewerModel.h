@@ -18,11 +18,22 @@ struct ViewerPolicy {
     bool follow = true;   // sound follows the picture
 };
 
+// A sender's filter.
+class ViewerFilter {
+public:
+    virtual ~ViewerFilter() = default;
+    // Whether the frame is sent; otherwise its channel waits for a key frame.
+    virtual bool sends(const StreamFrame& frame, std::int64_t age_us) = 0;
+    // The viewer has missed pictures.
+    virtual void missed() = 0;
+};
+
 struct ViewerResult {
     ViewerFigures figures;
     std::vector<FrameArrival> arrivals;
 };
 
-ViewerResult modelViewer(const ViewerScene& scene, const ViewerPolicy& policy);
+ViewerResult modelViewer(const ViewerScene& scene, const ViewerPolicy& policy,
+                         ViewerFilter* filter = nullptr);
 
 }  // namespace Bench

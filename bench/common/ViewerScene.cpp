@@ -55,6 +55,12 @@ std::vector<StreamFrame> picturesOf(const ViewerScene& scene) {
         frame.disposable = scene.layered && place % 2 == 1;
         frame.level = frame.key ? LEVEL_KEY : frame.disposable ? LEVEL_LAYER : LEVEL_OTHER;
         frame.bytes = frame.key ? scene.key_bytes : frame.disposable ? scene.layer_bytes : scene.other_bytes;
+        if (scene.two_qualities) {
+            StreamFrame low = frame;
+            low.channel = LOW_PICTURES;
+            low.bytes = frame.bytes / LOW_DIVISOR;
+            pictures.push_back(low);
+        }
         pictures.push_back(frame);
     }
     return pictures;
@@ -83,7 +89,7 @@ std::vector<StreamFrame> streamOf(const ViewerScene& scene) {
 double rateOf(const ViewerScene& scene, const std::vector<StreamFrame>& stream) {
     double bytes = 0;
     for (const StreamFrame& frame : stream) {
-        bytes += static_cast<double>(frame.bytes);
+        bytes += frame.channel == LOW_PICTURES ? 0 : static_cast<double>(frame.bytes);
     }
     return bytes / scene.seconds;
 }
@@ -160,7 +166,7 @@ private:
 
 // Of each frame, the number of frames of its channel before it that others need.
 std::vector<std::size_t> neededBefore(const std::vector<StreamFrame>& stream) {
-    std::size_t needed[2] = {0, 0};
+    std::size_t needed[SCENE_CHANNELS] = {};
     std::vector<std::size_t> before;
     for (const StreamFrame& frame : stream) {
         before.push_back(needed[frame.channel]);
@@ -171,9 +177,10 @@ std::vector<std::size_t> neededBefore(const std::vector<StreamFrame>& stream) {
 
 struct Tally {
     std::vector<double> lags;
-    double shown = 0, in_time = 0, sounds = 0, bytes = 0, wasted = 0;
+    double shown = 0, in_time = 0, sounds = 0, bytes = 0, wasted = 0, high = 0, changes = 0;
     double freeze_s = 0, step_s = 0;
     std::int64_t last_at_us = -1, last_made_us = -1;
+    int last_channel = -1;
 
     void show(const StreamFrame& frame, std::int64_t at_us, double limit_s, bool counts) {
         if (counts) {
@@ -183,10 +190,13 @@ struct Tally {
             }
             lags.push_back(seconds(at_us - frame.made_us));
             ++shown;
+            high += frame.channel == PICTURES ? 1 : 0;
+            changes += last_channel >= 0 && frame.channel != last_channel ? 1 : 0;
             in_time += lags.back() <= limit_s ? 1 : 0;
         }
         last_at_us = at_us;
         last_made_us = frame.made_us;
+        last_channel = frame.channel;
     }
 };
 
@@ -198,7 +208,7 @@ ViewerFigures figuresOf(const ViewerScene& scene, const std::vector<StreamFrame>
     // The last frames are still on their way when the time is over.
     const std::int64_t to_us = us(scene.seconds - 8);
     const std::vector<std::size_t> needed_before = neededBefore(stream);
-    Decoder decoder;
+    Decoder decoders[SCENE_CHANNELS];
     Tally tally;
     for (const FrameArrival& arrival : arrivals) {
         const StreamFrame& frame = stream[arrival.frame];
@@ -207,8 +217,8 @@ ViewerFigures figuresOf(const ViewerScene& scene, const std::vector<StreamFrame>
             tally.sounds += counts ? 1 : 0;
             continue;
         }
-        const bool decodes = decoder.decodes(frame, needed_before[arrival.frame]);
-        if (decodes) {
+        const bool decodes = decoders[frame.channel].decodes(frame, needed_before[arrival.frame]);
+        if (decodes && frame.made_us > tally.last_made_us) {
             tally.show(frame, arrival.at_us, scene.max_lag_ms / 1000.0 + 0.5, counts);
         }
         tally.bytes += static_cast<double>(frame.bytes);
@@ -220,7 +230,7 @@ ViewerFigures figuresOf(const ViewerScene& scene, const std::vector<StreamFrame>
     double pictures = 0;
     double sounds = 0;
     for (const StreamFrame& frame : stream) {
-        if (frame.made_us >= from_us && frame.made_us < to_us) {
+        if (frame.made_us >= from_us && frame.made_us < to_us && frame.channel != LOW_PICTURES) {
             (frame.channel == SOUND ? sounds : pictures) += 1;
         }
     }
@@ -233,6 +243,8 @@ ViewerFigures figuresOf(const ViewerScene& scene, const std::vector<StreamFrame>
     figures.lag_p99_s = at(tally.lags, 0.99);
     figures.waste = tally.bytes > 0 ? tally.wasted / tally.bytes : 0;
     figures.sound = sounds > 0 ? tally.sounds / sounds : 1;
+    figures.high = tally.shown > 0 ? tally.high / tally.shown : 0;
+    figures.changes = tally.changes;
     return figures;
 }
 
@@ -267,6 +279,15 @@ void layers(ViewerScene& scene) {
 
 void outages(ViewerScene& scene) {
     scene.outage_s = 1.5;
+}
+
+// For whole minutes from 30 s on.
+void changes(ViewerScene& scene) {
+    for (double at_s = 30; at_s < scene.seconds; at_s += 60) {
+        scene.changes.push_back({at_s, 60});
+        scene.changes.push_back({at_s + 20, 90});
+        scene.changes.push_back({at_s + 40, 150});
+    }
 }
 
 void add_groups(SceneList& list) {
@@ -306,13 +327,31 @@ void add_settings(SceneList& list) {
     for (const unsigned ms : {250U, 500U, 2000U}) {
         list.add("limits", {1, 2, 10}, {50, 95}, [ms](ViewerScene& scene) { scene.max_lag_ms = ms; });
     }
-    list.add("changing link", {1, 2, 10}, {150}, [](ViewerScene& scene) {
-        for (double at_s = 30; at_s < scene.seconds; at_s += 60) {
-            scene.changes.push_back({at_s, 60});
-            scene.changes.push_back({at_s + 20, 90});
-            scene.changes.push_back({at_s + 40, 150});
+    list.add("changing link", {1, 2, 10}, {150}, changes);
+}
+
+void add_qualities(SceneList& list) {
+    const auto two = [](ViewerScene& scene) {
+        scene.two_qualities = true;
+        if (scene.group_s == 0) {
+            scene.key_bytes = 40000;
+            scene.prompt_keys = 50;
         }
-    });
+    };
+    list.add("two qualities", {0, 2, 10}, {95, 75, 50, 25}, two);
+    const auto two_changing = [two](ViewerScene& scene) {
+        two(scene);
+        changes(scene);
+    };
+    list.add("two qualities, changing link", {0, 2, 10}, {150}, two_changing);
+    for (const unsigned keys : {2U, 15U}) {
+        list.add("two qualities, patience", {2}, {95, 75, 50, 25}, [two, keys](ViewerScene& scene) {
+            two(scene);
+            scene.prompt_keys = keys;
+        });
+        list.add("two qualities, patience", {2}, {150}, two_changing);
+        list.scenes.back().prompt_keys = keys;
+    }
 }
 
 void add_layers(SceneList& list) {
@@ -347,6 +386,7 @@ std::vector<ViewerScene> viewerScenes() {
     add_groups(list);
     add_sound(list);
     add_settings(list);
+    add_qualities(list);
     add_layers(list);
     add_hard_bounds(list);
     return list.scenes;

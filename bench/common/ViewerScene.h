@@ -25,9 +25,12 @@ struct ViewerScene {
     std::size_t other_bytes = 17000;
     bool layered = false;  // every second frame can be left out, of this size
     std::size_t layer_bytes = 17000;
-    bool sound = false;    // 47 frames/s of 340 bytes, in a second channel
-    double percent = 100;  // the link's rate, of that of the stream
-    double outage_s = 0;   // nothing gets through for so long, every 27 s
+    bool sound = false;  // 47 frames/s of 340 bytes, in a second channel
+    // Before each picture it is there in a low quality, of a fifth of the bytes, in a channel of its own.
+    bool two_qualities = false;
+    unsigned prompt_keys = 5;  // key frames at which it is not late before it gets the high one again
+    double percent = 100;      // the link's rate, of that of the stream
+    double outage_s = 0;       // nothing gets through for so long, every 27 s
     std::vector<LinkChange> changes;
     std::size_t kernel_bytes = 131072;  // that the kernel takes before the socket blocks
     int auto_send_ms = 0;
@@ -39,6 +42,9 @@ struct ViewerScene {
 
 constexpr int PICTURES = 0;
 constexpr int SOUND = 1;
+constexpr int LOW_PICTURES = 3;
+constexpr int SCENE_CHANNELS = 4;
+constexpr std::size_t LOW_DIVISOR = 5;
 constexpr int LEVEL_KEY = 1;
 constexpr int LEVEL_SOUND = 3;
 constexpr int LEVEL_OTHER = 5;
@@ -55,7 +61,7 @@ struct StreamFrame {
 
 // All frames of the scene, in the order of time.
 std::vector<StreamFrame> streamOf(const ViewerScene& scene);
-// Bytes in a second.
+// Bytes in a second; a low quality does not count.
 double rateOf(const ViewerScene& scene, const std::vector<StreamFrame>& stream);
 
 struct FrameArrival {
@@ -105,6 +111,8 @@ struct ViewerFigures {
     double in_time = 0;     // shown within the limit and half a second
     double waste = 0;       // bytes of pictures that arrive and cannot be decoded
     double sound = 1;       // sound that arrives
+    double high = 1;        // of the pictures shown, those in high quality
+    double changes = 0;     // from one quality to the other
     double held_bytes = 0;  // the most that the buffer holds for the viewer
 };
 

@@ -1,16 +1,18 @@
 #!/usr/bin/env python3
-"""What viewers of slow links get, with the resume policy off and in both modes: docs/bench/slow-viewers.md.
+"""What viewers get over real sockets: on slow links in each mode, and when they come. docs/bench/slow-viewers.md.
 
     bench/driver/slow_viewers.py [--seconds N] [--skip N] [--max-lag MS] [--percents 120,95,...] [--out FILE] [--render]
 
-Builds bench/macro/slow_viewers.cpp and runs it twice, without auto-send and with it at 100 ms. Each run takes as long
-as it says, since the frames come in real time: six minutes in all with the defaults. For a look, --seconds 30 --skip 6
---out /tmp/look.md. The figures are kept beside the page as JSON, from which --render writes it anew.
+Builds and runs bench/macro/viewer_starts.cpp, and then bench/macro/slow_viewers.cpp twice side by side, without
+auto-send and with it at 100 ms. The frames come in real time, so all of it takes five minutes with the defaults. For a
+look, --seconds 30 --skip 6 --out /tmp/look.md. The programs need little of the processors, but at once: where others
+work as well, run it under `nice -n -10`. The figures are kept beside the page as JSON, from which --render writes it anew.
 """
 
 import argparse
 import datetime
 import json
+import os
 import pathlib
 import subprocess
 
@@ -28,7 +30,9 @@ MODES = {
     "off": "Without the policy",
     "strict": "`SetResumePolicy({}, MediaResume::STRICT)`",
     "ahead": "`SetResumePolicy({})`",
+    "room": "`SetResumePolicy({})`, with `WaitRoom`",
 }
+QUALITIES = {"one": "one", "two": "two, ladder"}
 COLUMNS = [
     ("Delivered", lambda row: f"{100 * row['delivered']:.1f} %"),
     ("Decodes", lambda row: f"{100 * row['decoded']:.1f} %"),
@@ -38,6 +42,20 @@ COLUMNS = [
     ("End to end, p50 / p99", lambda row: f"{row['delay_p50_s']:.2f} / {row['delay_p99_s']:.2f} s"),
     ("Longest stall", lambda row: f"{row['stall_max_s']:.2f} s"),
     ("Frames held, p50 / max", lambda row: f"{row['held_p50']:.0f} / {row['held_max']:.0f}"),
+]
+QUALITY_COLUMNS = [
+    ("Qualities", lambda row: QUALITIES[row["mode"]]),
+    ("Shown", lambda row: f"{100 * row['decoded']:.1f} %"),
+    ("Longest stall", lambda row: f"{row['stall_max_s']:.2f} s"),
+    ("End to end, p50 / p99", lambda row: f"{row['delay_p50_s']:.2f} / {row['delay_p99_s']:.2f} s"),
+    ("In high quality", lambda row: f"{100 * row['high']:.1f} %"),
+    ("Changes", lambda row: str(row["changes"])),
+]
+KERNEL_COLUMNS = [
+    ("Receive buffer", lambda row: "16 KiB asked for" if row["receive_buffer"] else "the system's"),
+    ("`SetKernelLag`", lambda row: f"{row['kernel_lag_ms']} ms" if row["kernel_lag_ms"] else "without"),
+    ("Shown", lambda row: f"{100 * row['shown']:.1f} %"),
+    ("End to end, p99", lambda row: f"{row['lag_p99_ms'] / 1000:.2f} s"),
 ]
 
 
@@ -56,21 +74,36 @@ def build():
     subprocess.run(["cmake", "-S", ROOT, "-B", BUILD, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Release",
                     "-DCMAKE_CXX_FLAGS_RELEASE=-O2", "-DRETICOR_BUILD_BENCH=ON", "-DRETICOR_BUILD_TESTS=OFF",
                     "-DRETICOR_BUILD_EXAMPLES=OFF"], check=True, stdout=subprocess.DEVNULL)
-    subprocess.run(["cmake", "--build", BUILD, "--target", "slow_viewers"], check=True, stdout=subprocess.DEVNULL)
+    subprocess.run(["cmake", "--build", BUILD, "--target", "slow_viewers", "viewer_starts"], check=True,
+                   stdout=subprocess.DEVNULL)
 
 
-def measure(options, auto_send_ms):
-    command = [BUILD / "bench/slow_viewers", "--seconds", options.seconds, "--skip", options.skip, "--max-lag",
-               options.max_lag, "--percents", options.percents, "--auto-send", auto_send_ms]
-    done = subprocess.run(list(map(str, command)), check=True, stdout=subprocess.PIPE, text=True)
-    return json.loads(done.stdout)
+def start(program, *arguments):
+    return subprocess.Popen([str(BUILD / "bench" / program), *map(str, arguments)], stdout=subprocess.PIPE, text=True)
 
 
-def table(rows):
-    yield "| Bandwidth | " + " | ".join(heading for heading, _ in COLUMNS) + " |"
-    yield "|---:|" + "---:|" * len(COLUMNS)
+def figures_of(process):
+    found = json.loads(process.communicate()[0])
+    if process.returncode != 0:
+        raise subprocess.CalledProcessError(process.returncode, process.args)
+    return found
+
+
+def measure(options):
+    running = {auto_send_ms: start("slow_viewers", "--seconds", options.seconds, "--skip", options.skip, "--max-lag",
+                                   options.max_lag, "--percents", options.percents, "--auto-send", auto_send_ms)
+               for auto_send_ms in (0, 100)}
+    return [{"auto_send_ms": auto_send_ms, "viewers": figures_of(process)}
+            for auto_send_ms, process in running.items()]
+
+
+def table(rows, columns=None):
+    columns = columns or COLUMNS
+    yield "| Bandwidth | " + " | ".join(heading for heading, _ in columns) + " |"
+    yield "|---:|" + "---:|" * len(columns)
     for row in rows:
-        yield f"| {row['percent']} % | " + " | ".join(cell(row) for _, cell in COLUMNS) + " |"
+        percent = f"{row['percent']} %" if row["percent"] else "changing"
+        yield f"| {percent} | " + " | ".join(cell(row) for _, cell in columns) + " |"
     yield ""
 
 
@@ -86,11 +119,70 @@ def patterns(rows):
 def take(options):
     """All that the page is made of."""
     build()
+    neighbours = bench.Neighbours()
+    starts = figures_of(start("viewer_starts", "--seconds", min(options.seconds, 120)))
+    runs = measure(options)
     return {
         "machine": bench.machine(), "date": str(datetime.date.today()), "commit": bench.commit(),
+        "neighbours": neighbours.processors(), "nice": os.nice(0),
         "seconds": options.seconds, "skip": options.skip, "max_lag_ms": options.max_lag,
-        "runs": [{"auto_send_ms": auto_send_ms, "viewers": measure(options, auto_send_ms)} for auto_send_ms in (0, 100)],
+        "runs": runs, "starts": starts,
     }
+
+
+def qualities(stored):
+    yield "## Two qualities"
+    yield ""
+    yield f"The stream as above, `SetResumePolicy({stored['max_lag_ms']})`, paced links. With two qualities each picture is there a"
+    yield "second time, with a fifth of the bytes, and the filter of the sender is the ladder of `examples/media_relay`: down when"
+    yield "the viewer is later than half the limit or has missed pictures, up again after five key frames in a row (10 s) at"
+    yield "which it was not even a quarter of that late. Bandwidths are of the high quality's rate; the changing link has"
+    yield "150 % of it for 30 s, then 60 %, 90 %, 150 %, and again, for 20 s each. A picture is shown if it decodes in either quality."
+    yield "The viewers' receive buffers have 64 KiB here in place of 32, since small frames take more room there than they have bytes."
+    for run in stored["runs"]:
+        yield ""
+        yield f"### Auto-send {ticks_of(run)}"
+        yield ""
+        yield from table([row for row in run["viewers"] if row["mode"] in QUALITIES], QUALITY_COLUMNS)
+
+
+def coming(starts):
+    yield "## Coming"
+    yield ""
+    yield "A viewer that comes to a buffer with a start cache (`bench/macro/viewer_starts.cpp`), with `SetResumePolicy(1000)`, from"
+    yield "`AddSender` to the last byte at the other end. Live is the first frame that arrives within two frame times. The last"
+    yield "three rows are another viewer's slowest frame of a second in which so many come to a group of 10 s; all of them are"
+    yield "read by threads of the same program."
+    yield ""
+    yield "| | Rounds | Median | Worst |"
+    yield "|---|---:|---:|---:|"
+    for row in starts:
+        if row["what"] == "first picture":
+            text = f"First picture, group of {row['group_s']:g} s, {row['held_bytes'] / 1e6:.1f} MB held"
+            text += ", while a frame is being filled" if row["filling"] else ", between two frames"
+        elif row["what"] == "live":
+            text = f"Live, group of {row['group_s']:g} s"
+        elif row["what"] == "another viewer's frames":
+            text = f"Another viewer's slowest frame, {row['joiners']} come"
+            text += ", and wait for room" if row["wait_room"] else ""
+        else:
+            continue
+        yield f"| {text} | {row['rounds']} | {row['median_ms']:.1f} ms | {row['worst_ms']:.1f} ms |"
+    yield ""
+
+
+def kernel(starts):
+    yield "## What lies in the kernel"
+    yield ""
+    yield "Key frames every 4 s, `SetResumePolicy(1000)`, send buffers as the system gives them, a paced link."
+    yield ""
+    rows = [row for row in starts if row["what"] == "kernel lag"]
+    rows.sort(key=lambda row: (row["percent"], -row["receive_buffer"], row["kernel_lag_ms"]))
+    yield from table(rows, KERNEL_COLUMNS)
+
+
+def ticks_of(run):
+    return f"at {run['auto_send_ms']} ms" if run["auto_send_ms"] else "off"
 
 
 def page(stored):
@@ -106,7 +198,8 @@ def page(stored):
     yield (f"- Machine: {'virtual machine with ' if machine['virtual'] else ''}{machine['processors']} processors "
            f"({machine['processor']}), {machine['system']}")
     yield (f"- {stored['date']}, commit {stored['commit']}; {stored['seconds']} s, the first {stored['skip']} s not "
-           "counted")
+           f"counted; other programs kept {stored['neighbours']:.1f} processors busy meanwhile"
+           + (f", this one ran at nice {stored['nice']}" if stored["nice"] else ""))
     for link, text in LINKS.items():
         yield ""
         yield f"## {'Paced link' if link == 'paced' else 'CSimulatorStream'}"
@@ -116,14 +209,17 @@ def page(stored):
             for run in stored["runs"]:
                 rows = [row for row in run["viewers"] if row["link"] == link and row["mode"] == mode]
                 if not rows:
-                    continue  # stored before there was this mode
+                    continue  # the simulator always has room
                 policy = heading.format(stored["max_lag_ms"])
-                ticks = f"at {run['auto_send_ms']} ms" if run["auto_send_ms"] else "off"
                 yield ""
-                yield f"### {policy}, auto-send {ticks}"
+                yield f"### {policy}, auto-send {ticks_of(run)}"
                 yield ""
                 yield from table(rows)
                 yield from patterns(rows)
+        if link == "paced":
+            yield from qualities(stored)
+    yield from coming(stored["starts"])
+    yield from kernel(stored["starts"])
 
 
 def main():

@@ -1,20 +1,22 @@
-// What viewers of slow links get from a CMediaBuffer, without the resume policy and with it in both modes.
+// What viewers of slow links get from a CMediaBuffer, without the resume policy and with it in both modes;
+// with senders that wait for room; and with two qualities in the buffer, among which media_relay's ladder
+// chooses.
 //
 //   slow_viewers [--seconds N] [--skip N] [--auto-send MS] [--max-lag MS] [--percents 120,95,...]
 //
 // 25 frames a second, a key frame of 170 KB and level 1 every 50, the others of 17 KB and level 5. For each
-// bandwidth, in percent of the stream's, there are three buffers, one without the policy and two with it;
-// each has the slow viewer and a fast one. Twice over: the link of a "paced" viewer is a TCP connection that
-// is read at its bandwidth, that of a "simulated" one a CSimulatorStream before a connection that is read at
-// once. The simulator's bandwidth comes in steps of 128 KiB/s, so there all frames are larger by one factor.
-// All run at the same time. Prints a JSON list with an object for each slow viewer.
-#include <poll.h>
+// bandwidth, in percent of the stream's, there is a buffer for each way to send; each has the slow viewer
+// and a fast one. Twice over: the link of a "paced" viewer is a TCP connection that is read at its bandwidth,
+// that of a "simulated" one a CSimulatorStream before a connection that is read at once, which always has
+// room. The simulator's bandwidth comes in steps of 128 KiB/s, so there all frames are larger by one factor.
+// Bandwidth 0 is a link whose rate changes. All run at the same time. Prints a JSON list with an object for
+// each slow viewer.
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <cerrno>
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -28,6 +30,8 @@
 #include <Reticor/Reticor.h>
 
 #include "common/FramePackets.h"
+#include "common/QualityLadder.h"
+#include "common/RoomOwner.h"
 #include "common/Usage.h"
 
 using namespace Orvex::Reticor;
@@ -36,6 +40,7 @@ using nlohmann::json;
 namespace {
 
 constexpr int GROUP = 50;
+constexpr unsigned PROMPT_KEYS = 5;  // before a viewer gets the high quality again
 constexpr std::uint64_t FRAME_NS = 40000000;
 constexpr std::size_t KEY_BYTES = 170000;
 constexpr std::size_t OTHER_BYTES = 17000;
@@ -44,6 +49,13 @@ constexpr double SIMULATOR_STEP = 131072;
 constexpr double SIMULATOR_SCALE = 20 * SIMULATOR_STEP / STREAM_RATE;  // the stream is 20 steps then
 constexpr unsigned KERNEL_BYTES = 131072;
 constexpr std::uint64_t PACE_NS = 5000000;
+constexpr int CHANGING = 0;  // in place of percents
+
+// Percent of the stream's rate after so long: 150 for 30 s, then 60, 90, 150 and again, for 20 s each.
+double changingPercent(double s) {
+    constexpr double ROUND[] = {60, 90, 150};
+    return s < 30 ? 150 : ROUND[static_cast<std::size_t>((s - 30) / 20) % 3];
+}
 
 struct Options {
     int seconds = 180;
@@ -57,6 +69,7 @@ struct Header {
     std::uint64_t length;
     std::uint64_t number;
     std::uint64_t made_ns;
+    std::uint64_t channel;
 };
 
 char g_payload[static_cast<std::size_t>(KEY_BYTES * SIMULATOR_SCALE) + 1];
@@ -68,6 +81,7 @@ struct Arrival {
     std::uint64_t made_ns;
     std::uint64_t end_ns;  // its last byte was read
     std::uint64_t offset;  // of its first byte on the wire
+    bool low;              // quality
 };
 
 // Takes a stream of frames apart.
@@ -82,7 +96,8 @@ public:
             length -= part;
             m_total += part;
             if (m_at >= sizeof m_header && m_at == m_end) {
-                arrivals.push_back({m_header.number, m_header.made_ns, Bench::nowNs(), m_total - m_end});
+                arrivals.push_back({m_header.number, m_header.made_ns, Bench::nowNs(), m_total - m_end,
+                                    m_header.channel == Bench::LOW_PICTURES});
                 m_at = 0;
             }
         }
@@ -103,15 +118,20 @@ private:
     std::uint64_t m_total = 0;
 };
 
+double seconds(std::uint64_t ns) {
+    return static_cast<double>(ns) / 1e9;
+}
+
 [[noreturn]] void die(const char* what) {
     std::perror(what);
     std::exit(1);
 }
 
-// A TCP connection over loopback, whose other end is read by a thread at `rate` bytes a second, 0: at once.
+// A TCP connection over loopback. Its other end is read at once by a thread of its own, or, paced, by whoever
+// calls `pace` every few milliseconds, at `percent` of the stream's rate.
 class Connection {
 public:
-    explicit Connection(double rate, unsigned kernel_bytes) : m_rate(rate) {
+    Connection(bool paced, int percent, unsigned send_bytes, unsigned receive_bytes) : m_percent(percent) {
         CSockAcceptor acceptor;
         CSockAddrIPv4 address("127.0.0.1", 0);
         CSockStream far;
@@ -120,22 +140,45 @@ public:
         }
         far.SetBlockOpt(true);
         far.Connect(address, nullptr);
-        far.SetSockRecvBuf(16384);
+        far.SetSockRecvBuf(receive_bytes / 2);  // the kernel doubles it
         while (acceptor.Accept(sock, nullptr) != 0) {
             ::usleep(1000);
         }
-        sock.SetSockSendBuf(kernel_bytes / 2);  // the kernel doubles it
+        sock.SetSockSendBuf(send_bytes / 2);
         m_far = far.Detach();
-        m_reader = std::thread([this] { read_all(); });
+        if (!paced) {
+            m_reader = std::thread([this] {
+                while (read_some(m_bytes.size(), 0) > 0) {
+                }
+            });
+        }
     }
     ~Connection() {
         end();
         ::close(m_far);
     }
-    // Nothing is read any more, and the parser may be looked at.
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
+
+    // Reads what a paced one may have by now.
+    void pace() {
+        const std::uint64_t now_ns = Bench::nowNs();
+        if (m_start_ns == 0) {
+            m_start_ns = m_last_ns = now_ns;
+        }
+        const double percent =
+            m_percent == CHANGING ? changingPercent(seconds(now_ns - m_start_ns)) : m_percent;
+        const double earned = STREAM_RATE * percent / 100 * seconds(now_ns - m_last_ns);
+        m_credit = std::min(m_credit + earned, earned + 3000);  // an idle link saves nothing up
+        m_last_ns = now_ns;
+        const std::size_t want = std::min(m_bytes.size(), static_cast<std::size_t>(m_credit));
+        const ssize_t got = want == 0 ? 0 : read_some(want, MSG_DONTWAIT);
+        m_credit -= got > 0 ? static_cast<double>(got) : 0;
+    }
+    // Nothing is read any more, and the parser may be looked at. Nobody paces it by then.
     void end() {
+        ::shutdown(m_far, SHUT_RDWR);
         if (m_reader.joinable()) {
-            ::shutdown(m_far, SHUT_RDWR);
             m_reader.join();
         }
     }
@@ -144,55 +187,57 @@ public:
     Parser parser;
 
 private:
-    void read_all() {
-        std::vector<char> bytes(1 << 18);
-        double credit = 0;
-        std::uint64_t last_ns = Bench::nowNs();
-        for (;;) {
-            std::size_t want = bytes.size();
-            if (m_rate > 0) {
-                ::usleep(PACE_NS / 1000);
-                const std::uint64_t now_ns = Bench::nowNs();
-                const double earned = m_rate * static_cast<double>(now_ns - last_ns) / 1e9;
-                credit = std::min(credit + earned, earned + 3000);  // an idle link saves nothing up
-                last_ns = now_ns;
-                want = static_cast<std::size_t>(credit);
-            }
-            const ssize_t got =
-                want == 0 ? -1 : ::recv(m_far, bytes.data(), want, m_rate > 0 ? MSG_DONTWAIT : 0);
-            if (got == 0 || (got < 0 && want != 0 && errno != EAGAIN)) {
-                return;
-            }
-            if (got > 0) {
-                credit -= static_cast<double>(got);
-                parser.take(bytes.data(), static_cast<std::size_t>(got));
-            }
+    ssize_t read_some(std::size_t want, int flags) {
+        const ssize_t got = ::recv(m_far, m_bytes.data(), want, flags);
+        if (got > 0) {
+            parser.take(m_bytes.data(), static_cast<std::size_t>(got));
         }
+        return got;
     }
 
-    const double m_rate;
+    const int m_percent;
     int m_far = -1;
     std::thread m_reader;
+    std::vector<char> m_bytes = std::vector<char>(1 << 18);
+    double m_credit = 0;
+    std::uint64_t m_start_ns = 0;
+    std::uint64_t m_last_ns = 0;
+};
+
+struct Setting {
+    bool simulated;
+    int percent;
+    std::string mode;  // off, strict, ahead; room: ahead, and it waits for room; one, two: ahead, qualities
 };
 
 // One buffer with its slow and its fast viewer.
 class Cell {
 public:
-    Cell(bool simulated, int percent, const char* mode, unsigned max_lag_ms)
-        : m_simulated(simulated),
-          m_percent(percent),
-          m_mode(mode),
-          m_scale(simulated ? SIMULATOR_SCALE : 1),
-          m_slow_link(simulated ? 0 : STREAM_RATE * percent / 100, kernel_bytes()),
-          m_fast_link(0, kernel_bytes()) {
+    Cell(const Setting& setting, const Options& options)
+        : m_setting(setting),
+          m_scale(setting.simulated ? SIMULATOR_SCALE : 1),
+          m_slow_link(!setting.simulated, setting.percent, send_bytes(), receive_bytes()),
+          m_fast_link(false, 0, send_bytes(), receive_bytes()) {
         m_simulator.SetRealSocket(&m_slow_link.sock);
-        m_simulator.SetBandWidth(static_cast<unsigned>(percent / 5));
-        m_slow->Attach(simulated ? static_cast<CSock*>(&m_simulator) : &m_slow_link.sock);
-        if (m_mode != "off") {
-            m_slow->SetResumePolicy(max_lag_ms,
-                                    m_mode == "strict" ? MediaResume::STRICT : MediaResume::AHEAD);
+        m_simulator.SetBandWidth(static_cast<unsigned>(setting.percent / 5));
+        m_slow->Attach(setting.simulated ? static_cast<CSock*>(&m_simulator) : &m_slow_link.sock);
+        if (setting.mode != "off") {
+            m_slow->SetResumePolicy(options.max_lag_ms,
+                                    setting.mode == "strict" ? MediaResume::STRICT : MediaResume::AHEAD);
         }
         m_fast->Attach(&m_fast_link.sock);
+        m_fast->SetSendChannel(Bench::PICTURES);
+        if (setting.mode == "room") {
+            m_owner = Bench::RoomOwner::create(*m_slow, m_slow_link.sock);
+            if (m_owner == nullptr) {
+                die("wait for room");
+            }
+        } else if (setting.mode == "two") {
+            m_ladder = std::make_unique<Bench::QualityLadder>(*m_slow, options.max_lag_ms, PROMPT_KEYS);
+        }
+        if (options.auto_send_ms != 0) {
+            buffer.EnableAutoSend(options.auto_send_ms);
+        }
         buffer.AddSender(m_fast);
         buffer.AddSender(m_slow);
     }
@@ -200,20 +245,33 @@ public:
         for (CMediaStreamSender* sender : {m_slow, m_fast}) {
             buffer.DelSender(sender);
             sender->Detach();
-            sender->Close();
+            sender->DetachFilter();
         }
+        if (m_owner != nullptr) {
+            m_owner->end(m_slow_link.sock);
+        }
+        m_slow->Close();
+        m_fast->Close();
+    }
+    Cell(const Cell&) = delete;
+    Cell& operator=(const Cell&) = delete;
+
+    // The low quality of a picture comes first.
+    void put(std::uint64_t number) {
+        if (m_ladder != nullptr) {
+            put(number, Bench::LOW_PICTURES, m_scale / static_cast<double>(Bench::LOW_DIVISOR));
+        }
+        put(number, Bench::PICTURES, m_scale);
+        if (m_ladder != nullptr) {
+            m_ladder->look();
+        }
+        m_samples.push_back({Bench::nowNs(), m_slow->GetStats().bytes, held()});
     }
 
-    void put(std::uint64_t number) {
-        const bool key = number % GROUP == 0;
-        const auto length =
-            static_cast<std::uint64_t>(static_cast<double>(key ? KEY_BYTES : OTHER_BYTES) * m_scale) -
-            sizeof(Header);
-        const int level = key ? 1 : 5;
-        buffer.Put(new Bench::HeaderPacket<Header>({length, number, Bench::nowNs()}), sizeof(Header),
-                   MEDIA_MARK_MORE, level);
-        buffer.Put(&g_payload_packet, static_cast<int>(length), MEDIA_MARK_LAST, level);
-        m_samples.push_back({Bench::nowNs(), m_slow->GetStats().bytes, held()});
+    void pace() {
+        if (!m_setting.simulated) {
+            m_slow_link.pace();
+        }
     }
 
     // Ends the slow viewer's connection, and says what it got.
@@ -228,27 +286,37 @@ private:
         std::uint32_t held;
     };
 
+    void put(std::uint64_t number, int channel, double scale) {
+        const bool key = number % GROUP == 0;
+        const auto length =
+            static_cast<std::uint64_t>(static_cast<double>(key ? KEY_BYTES : OTHER_BYTES) * scale) -
+            sizeof(Header);
+        const int level = mediaLevel(channel, key ? 1 : 5);
+        buffer.Put(new Bench::HeaderPacket<Header>(
+                       {length, number, Bench::nowNs(), static_cast<std::uint64_t>(channel)}),
+                   sizeof(Header), MEDIA_MARK_MORE, level);
+        buffer.Put(&g_payload_packet, static_cast<int>(length), MEDIA_MARK_LAST, level);
+    }
     std::uint32_t held() {
         const MediaBufferStats stats = buffer.GetStats();
         return std::max(stats.frames, stats.kept_frames);
     }
-    unsigned kernel_bytes() const { return static_cast<unsigned>(KERNEL_BYTES * m_scale); }
+    unsigned send_bytes() const { return static_cast<unsigned>(KERNEL_BYTES * m_scale); }
+    // Small frames take more room there than they have bytes.
+    unsigned receive_bytes() const { return qualities() ? 65536 : 32768; }
+    bool qualities() const { return m_setting.mode == "one" || m_setting.mode == "two"; }
 
-    const bool m_simulated;
-    const int m_percent;
-    const std::string m_mode;
+    const Setting m_setting;
     const double m_scale;
     Connection m_slow_link;
     Connection m_fast_link;
     CSimulatorStream m_simulator;
     CMediaStreamSender* m_slow = CMediaStreamSender::Create();
     CMediaStreamSender* m_fast = CMediaStreamSender::Create();
+    Bench::RoomOwner* m_owner = nullptr;
+    std::unique_ptr<Bench::QualityLadder> m_ladder;
     std::vector<Sample> m_samples;
 };
-
-double seconds(std::uint64_t ns) {
-    return static_cast<double>(ns) / 1e9;
-}
 
 // The value that this share of them lies below.
 double at(std::vector<double> values, double share) {
@@ -284,10 +352,13 @@ struct Course {
     std::vector<double> lags, delays, gaps;
     std::uint64_t delivered = 0;
     std::uint64_t decoded = 0;
+    std::uint64_t high = 0;     // of the decoded
+    std::uint64_t changes = 0;  // of quality
     double first_hole_s = -1;
-    std::int64_t last_decoded = -1;
+    std::int64_t last_decoded[2] = {-1, -1};  // of either quality
     std::uint64_t expected = 0;
     std::uint64_t picture_ns = 0;
+    bool picture_low = false;
 
     // Whether it can be decoded: a key frame, or the frame before it could.
     bool follow(const Arrival& arrival) {
@@ -296,8 +367,9 @@ struct Course {
         }
         expected = arrival.number + 1;
         const auto number = static_cast<std::int64_t>(arrival.number);
-        const bool decodes = number % GROUP == 0 || last_decoded + 1 == number;
-        last_decoded = decodes ? number : last_decoded;
+        std::int64_t& last = last_decoded[arrival.low ? 1 : 0];
+        const bool decodes = number % GROUP == 0 || last + 1 == number;
+        last = decodes ? number : last;
         return decodes;
     }
     void count(const Arrival& arrival, bool decodes, double lag_s) {
@@ -306,6 +378,9 @@ struct Course {
         lags.push_back(lag_s);
         delays.push_back(seconds(arrival.end_ns - arrival.made_ns));
         if (decodes) {
+            high += arrival.low ? 0 : 1;
+            changes += picture_ns != 0 && arrival.low != picture_low ? 1 : 0;
+            picture_low = arrival.low;
             gaps.push_back(picture_ns == 0 ? 0 : seconds(arrival.end_ns - picture_ns));
             picture_ns = arrival.end_ns;
         }
@@ -338,37 +413,63 @@ json Cell::figures(const Options& options, std::uint64_t start_ns) {
     }
     const auto frames = static_cast<double>(end - first);
     const MediaSenderStats stats = m_slow->GetStats();
-    return {{"link", m_simulated ? "simulated" : "paced"},
-            {"percent", m_percent},
-            {"mode", m_mode},
-            {"delivered", static_cast<double>(course.delivered) / frames},
-            {"decoded", static_cast<double>(course.decoded) / frames},
-            {"first_hole_s", course.first_hole_s},
-            {"lag_mean_s", mean(course.lags)},
-            {"lag_max_s", at(course.lags, 1)},
-            {"delay_p50_s", at(course.delays, 0.5)},
-            {"delay_p99_s", at(course.delays, 0.99)},
-            {"stall_max_s", at(course.gaps, 1)},
-            {"run", static_cast<double>(course.decoded) / (frames / GROUP)},
-            {"held_p50", at(held, 0.5)},
-            {"held_max", at(held, 1)},
-            {"skips", stats.skips},
-            {"holes", stats.holes},
-            {"pattern", patternOf(arrivals, (first + end) / 2 / GROUP * GROUP)}};
+    return {
+        {"link", m_setting.simulated ? "simulated" : "paced"},
+        {"percent", m_setting.percent},
+        {"mode", m_setting.mode},
+        {"delivered", static_cast<double>(course.delivered) / frames},
+        {"decoded", static_cast<double>(course.decoded) / frames},
+        {"first_hole_s", course.first_hole_s},
+        {"lag_mean_s", mean(course.lags)},
+        {"lag_max_s", at(course.lags, 1)},
+        {"delay_p50_s", at(course.delays, 0.5)},
+        {"delay_p99_s", at(course.delays, 0.99)},
+        {"stall_max_s", at(course.gaps, 1)},
+        {"high",
+         course.decoded != 0 ? static_cast<double>(course.high) / static_cast<double>(course.decoded) : 0},
+        {"changes", course.changes},
+        {"run", static_cast<double>(course.decoded) / (frames / GROUP)},
+        {"held_p50", at(held, 0.5)},
+        {"held_max", at(held, 1)},
+        {"skips", stats.skips},
+        {"holes", stats.holes},
+        {"pattern", patternOf(arrivals, (first + end) / 2 / GROUP * GROUP)}};
+}
+
+std::vector<Setting> settingsOf(const Options& options) {
+    std::vector<Setting> settings;
+    for (const bool simulated : {false, true}) {
+        for (const char* const mode : {"off", "strict", "ahead", "room"}) {
+            if (simulated && std::strcmp(mode, "room") == 0) {
+                continue;  // it always has room
+            }
+            for (const int percent : options.percents) {
+                settings.push_back({simulated, percent, mode});
+            }
+        }
+    }
+    for (const int percent : {95, 75, 50, 25, CHANGING}) {
+        for (const char* const mode : {"one", "two"}) {
+            settings.push_back({false, percent, mode});
+        }
+    }
+    return settings;
 }
 
 void run(const Options& options) {
     std::vector<std::unique_ptr<Cell>> cells;
-    for (const bool simulated : {false, true}) {
-        for (const char* const mode : {"off", "strict", "ahead"}) {
-            for (const int percent : options.percents) {
-                cells.push_back(std::make_unique<Cell>(simulated, percent, mode, options.max_lag_ms));
-                if (options.auto_send_ms != 0) {
-                    cells.back()->buffer.EnableAutoSend(options.auto_send_ms);
-                }
+    for (const Setting& setting : settingsOf(options)) {
+        cells.push_back(std::make_unique<Cell>(setting, options));
+    }
+    std::atomic<bool> over{false};
+    std::thread pacer([&] {
+        while (!over) {
+            ::usleep(PACE_NS / 1000);
+            for (const auto& cell : cells) {
+                cell->pace();
             }
         }
-    }
+    });
     const std::uint64_t start_ns = Bench::nowNs();
     for (std::uint64_t number = 0; number < static_cast<std::uint64_t>(options.seconds) * 25; ++number) {
         const std::uint64_t due_ns = start_ns + number * FRAME_NS;
@@ -379,6 +480,8 @@ void run(const Options& options) {
             cell->put(number);
         }
     }
+    over = true;
+    pacer.join();
     json all = json::array();
     for (const auto& cell : cells) {
         all.push_back(cell->figures(options, start_ns));

@@ -16,6 +16,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -23,6 +24,7 @@
 #include <Reticor/Reticor.h>
 
 #include "common/FramePackets.h"
+#include "common/QualityLadder.h"
 #include "common/ViewerModel.h"
 
 using namespace Bench;
@@ -54,6 +56,9 @@ struct Row {
     ViewerScene scene;
     std::vector<ViewerFigures> by_column;  // of the model
     std::vector<ViewerFigures> library;
+    // With two qualities, and the policy as it is.
+    ViewerFigures ladder;
+    ViewerFigures library_ladder;
 };
 
 // What stands before the C library's functions for this thread, while a scene is played.
@@ -91,11 +96,15 @@ public:
                 scene.hard_lag_ms);
         }
         m_buffer.SetDisposableLevel(policy.layers ? LEVEL_LAYER : 0);
+        if (scene.two_qualities) {
+            m_ladder = std::make_unique<QualityLadder>(*m_sender, scene.max_lag_ms, scene.prompt_keys);
+        }
         m_buffer.AddSender(m_sender);
     }
     ~LibraryViewer() {
         m_buffer.DelSender(m_sender);
         m_sender->Detach();
+        m_sender->DetachFilter();
         m_sender->Close();
         m_sock.Close();
         ::close(m_far);
@@ -162,6 +171,7 @@ private:
     CSockStream m_sock;
     CMediaStreamSender* const m_sender = CMediaStreamSender::Create();
     CMediaBuffer m_buffer;
+    std::unique_ptr<QualityLadder> m_ladder;
 };
 
 ViewerFigures LibraryViewer::play() {
@@ -179,6 +189,9 @@ ViewerFigures LibraryViewer::play() {
         } else {
             put(next++);
         }
+        if (m_ladder != nullptr) {
+            m_ladder->look();
+        }
         const MediaBufferStats stats = m_buffer.GetStats();
         most = std::max(most, static_cast<double>(std::max(stats.bytes, stats.kept_bytes)));
     }
@@ -192,7 +205,8 @@ json toJson(const ViewerFigures& figures) {
     return {
         {"shown", figures.shown},         {"freeze_s", figures.freeze_s}, {"lag_p50_s", figures.lag_p50_s},
         {"lag_p99_s", figures.lag_p99_s}, {"step_s", figures.step_s},     {"in_time", figures.in_time},
-        {"waste", figures.waste},         {"sound", figures.sound},       {"held_bytes", figures.held_bytes}};
+        {"waste", figures.waste},         {"sound", figures.sound},       {"held_bytes", figures.held_bytes},
+        {"high", figures.high},           {"changes", figures.changes}};
 }
 
 json toJson(const Row& row) {
@@ -206,12 +220,17 @@ json toJson(const Row& row) {
                   {"outage_s", row.scene.outage_s},
                   {"kernel_bytes", row.scene.kernel_bytes},
                   {"auto_send_ms", row.scene.auto_send_ms},
-                  {"max_lag_ms", row.scene.max_lag_ms}};
+                  {"max_lag_ms", row.scene.max_lag_ms},
+                  {"prompt_keys", row.scene.prompt_keys}};
     for (std::size_t i = 0; i < row.by_column.size(); ++i) {
         found["model"][COLUMNS[i].name] = toJson(row.by_column[i]);
         if (libraryHas(COLUMNS[i])) {
             found["library"][COLUMNS[i].name] = toJson(row.library[i]);
         }
+    }
+    if (row.scene.two_qualities) {
+        found["model"]["ladder"] = toJson(row.ladder);
+        found["library"]["ladder"] = toJson(row.library_ladder);
     }
     return found;
 }
@@ -321,19 +340,26 @@ void checkSound(Check& check, const Row& row) {
 }
 
 // The library does what the model does.
+void checkSame(Check& check, const Row& row, const std::string& name, const ViewerFigures& model,
+               const ViewerFigures& library) {
+    const auto differ = [&](const char* what, double one, double other, double most) {
+        check.atMost(row, (name + ": " + what + ", library and model").c_str(), std::abs(one - other), most);
+    };
+    differ("share", library.shown, model.shown, 0.01);
+    differ("freeze", library.freeze_s, model.freeze_s, 0.15);
+    differ("lag p99", library.lag_p99_s, model.lag_p99_s, 0.15);
+    differ("high quality", library.high, model.high, 0.01);
+    differ("changes", library.changes, model.changes, 2);
+}
+
 void checkLibrary(Check& check, const Row& row) {
     for (std::size_t i = 0; i < row.by_column.size(); ++i) {
         if (libraryHas(COLUMNS[i])) {
-            const ViewerFigures& model = row.by_column[i];
-            const ViewerFigures& library = row.library[i];
-            const std::string name = COLUMNS[i].name;
-            check.atMost(row, (name + ": share, library and model").c_str(),
-                         std::abs(library.shown - model.shown), 0.01);
-            check.atMost(row, (name + ": freeze, library and model").c_str(),
-                         std::abs(library.freeze_s - model.freeze_s), 0.15);
-            check.atMost(row, (name + ": lag p99, library and model").c_str(),
-                         std::abs(library.lag_p99_s - model.lag_p99_s), 0.15);
+            checkSame(check, row, COLUMNS[i].name, row.by_column[i], row.library[i]);
         }
+    }
+    if (row.scene.two_qualities) {
+        checkSame(check, row, "two qualities", row.ladder, row.library_ladder);
     }
 }
 
@@ -350,11 +376,18 @@ void check(Check& check, const Row& row) {
 }
 
 Row play(const ViewerScene& scene) {
-    Row row{scene, {}, {}};
+    Row row{scene, {}, {}, {}, {}};
+    ViewerScene one = scene;
+    one.two_qualities = false;
     for (const Column& column : COLUMNS) {
-        row.by_column.push_back(modelViewer(scene, column.policy).figures);
-        row.library.push_back(libraryHas(column) ? LibraryViewer(scene, column.policy).play()
+        row.by_column.push_back(modelViewer(one, column.policy).figures);
+        row.library.push_back(libraryHas(column) ? LibraryViewer(one, column.policy).play()
                                                  : ViewerFigures());
+    }
+    if (scene.two_qualities) {
+        ModelLadder ladder(scene.max_lag_ms, scene.prompt_keys);
+        row.ladder = modelViewer(scene, COLUMNS[POLICY].policy, &ladder).figures;
+        row.library_ladder = LibraryViewer(scene, COLUMNS[POLICY].policy).play();
     }
     return row;
 }

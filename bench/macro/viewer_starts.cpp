@@ -26,6 +26,7 @@
 #include <Reticor/Reticor.h>
 
 #include "common/FramePackets.h"
+#include "common/RoomOwner.h"
 #include "common/Usage.h"
 
 using namespace Orvex::Reticor;
@@ -59,24 +60,6 @@ struct Arrival {
     std::exit(1);
 }
 
-// Whoever reads a viewer's socket on this side, so that its sender can wait for room.
-class Owner : public CNetHandler {
-public:
-    explicit Owner(CMediaStreamSender* sender) : m_sender(sender) { m_sender->AddRef(); }
-    using CNetHandler::RegisterSock;
-    using CNetHandler::RemoveSock;
-    int handle_input(int) override { return 0; }
-    int handle_output(int fd) override { return m_sender->handle_output(fd); }
-    int handle_close(CNetHandler* self) override {
-        m_sender->DecRef();
-        delete self;
-        return 0;
-    }
-
-private:
-    CMediaStreamSender* const m_sender;
-};
-
 // A viewer: a sender, and a thread that reads the other end, at `rate` bytes a second; 0: at once.
 class Viewer {
 public:
@@ -103,8 +86,7 @@ public:
         end();
         sender->Detach();
         if (m_owner != nullptr) {
-            m_owner->RemoveSock(m_sock);
-            m_owner->Close();
+            m_owner->end(m_sock);
         }
         m_sock.Close();
         sender->Close();
@@ -117,8 +99,8 @@ public:
         }
     }
     void wait_room() {
-        m_owner = new Owner(sender);
-        if (m_owner->RegisterSock(m_sock, SOCK_READ, 0) != 0 || sender->WaitRoom(m_owner->GetID()) != 0) {
+        m_owner = Bench::RoomOwner::create(*sender, m_sock);
+        if (m_owner == nullptr) {
             die("wait for room");
         }
     }
@@ -173,7 +155,7 @@ private:
     }
 
     const double m_rate;
-    Owner* m_owner = nullptr;
+    Bench::RoomOwner* m_owner = nullptr;
     CSockStream m_sock;
     int m_far = -1;
     std::thread m_reader;
@@ -236,6 +218,15 @@ double ms(std::uint64_t ns) {
     return static_cast<double>(ns) / 1e6;
 }
 
+// A row with what a figure was in several rounds.
+json inRounds(json row, std::vector<double> rounds) {
+    std::sort(rounds.begin(), rounds.end());
+    row["rounds"] = rounds.size();
+    row["median_ms"] = rounds[rounds.size() / 2];
+    row["worst_ms"] = rounds.back();
+    return row;
+}
+
 // Waits for a first frame.
 double first_ms(Viewer& viewer, std::uint64_t from_ns) {
     for (int i = 0; i < 20000; ++i) {
@@ -245,7 +236,7 @@ double first_ms(Viewer& viewer, std::uint64_t from_ns) {
         }
         ::usleep(100);
     }
-    return -1;
+    die("no first frame");
 }
 
 // The first picture, between two frames of a stream that stands still, and while a frame is being filled.
@@ -258,12 +249,12 @@ json first_picture(std::uint64_t group, bool filling) {
     if (filling) {
         camera.begin();
     }
-    double worst = 0;
+    std::vector<double> rounds;
     for (int i = 0; i < 20; ++i) {
         Viewer viewer;
         const std::uint64_t from_ns = nowNs();
         come(camera, viewer);
-        worst = std::max(worst, first_ms(viewer, from_ns));
+        rounds.push_back(first_ms(viewer, from_ns));
         camera.buffer.DelSender(viewer.sender);
     }
     if (filling) {
@@ -271,17 +262,17 @@ json first_picture(std::uint64_t group, bool filling) {
     }
     MediaStartStats stats;
     camera.buffer.GetStartStats(&stats);
-    return {
-        {"what", filling ? "first picture, a frame is being filled" : "first picture, between two frames"},
-        {"group_s", static_cast<double>(group) / 25},
-        {"worst_ms", worst},
-        {"held_bytes", stats.bytes}};
+    return inRounds({{"what", "first picture"},
+                     {"filling", filling},
+                     {"group_s", static_cast<double>(group) / 25},
+                     {"held_bytes", stats.bytes}},
+                    rounds);
 }
 
 // Until nothing is older than two frames, with a group of 10 s, without anything but the frames to go on.
 json live() {
-    double worst = 0;
-    for (int i = 0; i < 5; ++i) {
+    std::vector<double> rounds;
+    for (int i = 0; i < 9; ++i) {
         Camera camera(250);
         camera.buffer.SetStartCache(60000, 1 << 26);
         for (int frame = 0; frame < 220; ++frame) {
@@ -293,19 +284,21 @@ json live() {
         come(camera, viewer);
         camera.run(25);
         ::usleep(50000);
-        for (const Arrival& arrival : viewer.arrivals()) {
-            if (arrival.number >= before && arrival.end_ns - arrival.made_ns < 2 * FRAME_NS) {
-                worst = std::max(worst, ms(arrival.end_ns - from_ns));
-                break;
-            }
+        const std::vector<Arrival> found = viewer.arrivals();
+        const auto first = std::find_if(found.begin(), found.end(), [before](const Arrival& arrival) {
+            return arrival.number >= before && arrival.end_ns - arrival.made_ns < 2 * FRAME_NS;
+        });
+        if (first == found.end()) {
+            die("not live after a second");
         }
+        rounds.push_back(ms(first->end_ns - from_ns));
         camera.buffer.DelSender(viewer.sender);
     }
-    return {{"what", "live"}, {"group_s", 10}, {"worst_ms", worst}};
+    return inRounds({{"what", "live"}, {"group_s", 10}}, rounds);
 }
 
-// What another viewer's frames take while so many come at once.
-json crowd(int count, bool wait_room) {
+// What the slowest of another viewer's frames takes while so many come at once.
+double crowd_ms(int count, bool wait_room) {
     Camera camera(250);
     camera.buffer.SetStartCache(60000, 1 << 26);
     for (int frame = 0; frame < 220; ++frame) {
@@ -337,10 +330,16 @@ json crowd(int count, bool wait_room) {
         camera.buffer.DelSender(one->sender);
     }
     camera.buffer.DelSender(other.sender);
-    return {{"what", "another viewer's frames"},
-            {"joiners", count},
-            {"wait_room", wait_room},
-            {"worst_ms", worst}};
+    return worst;
+}
+
+json crowd(int count, bool wait_room) {
+    std::vector<double> rounds;
+    for (int i = 0; i < 9; ++i) {
+        rounds.push_back(crowd_ms(count, wait_room));
+    }
+    return inRounds({{"what", "another viewer's frames"}, {"joiners", count}, {"wait_room", wait_room}},
+                    rounds);
 }
 
 // The lag of pictures on a link that is read at a share of the stream's rate.
