@@ -71,6 +71,18 @@ public:
     /// also for a null `vector`, before SetRemote, and for a group or a broadcast peer.
     int WriteV(const struct iovec* vector, int count);
 
+    /// Sends what `count` pieces hold, put together, as datagrams of `segment` bytes each, 1 to 65527, the
+    /// last one perhaps shorter, to `remote`, or with null to the peer of SetRemote. One system call takes up
+    /// to 64 datagrams and 65000 bytes: the kernel cuts them where it can (UDP_SEGMENT, see udp(7)), else
+    /// they go as a list (sendmmsg(2)). A datagram longer than the path takes goes out in fragments, as
+    /// always, and that is when nothing is gained.
+    ///
+    /// Returns the bytes sent, which end where a datagram ends: fewer than were given if more than one call's
+    /// were, or the socket took no more, so call again with the rest; 0 if nothing can be sent now. -1 with a
+    /// log line as for Send, also for a null `vector`, no bytes or a `segment` out of range, and if an error
+    /// came after some datagrams had gone. Blocks only in blocking mode.
+    int SendSegments(const struct iovec* vector, int count, unsigned segment, const CSockAddr* remote);
+
     /// Receives one datagram, and its sender's address in `remote`, if that is not null. Returns its bytes; 0
     /// if nothing is waiting, or the datagram was empty; -1 with a log line: on an error, and if `buf` is
     /// null, `len` is 0 or `remote` is of no known type. An IPv6 sender's address does not fit in a

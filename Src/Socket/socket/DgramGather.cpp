@@ -11,6 +11,7 @@
 #include <memory>
 #include <new>
 
+#include "Socket/address/SockAddrRecord.h"
 #include "Socket/address/SockError.h"
 
 namespace Orvex::Reticor {
@@ -20,8 +21,12 @@ namespace {
 // No datagram of either family is as long as this.
 constexpr size_t LENGTH_LIMIT = 65536;
 
-ssize_t send_pieces(int handle, const iovec* vector, size_t count) {
+ssize_t send_pieces(int handle, const SockAddrRecord* remote, const iovec* vector, size_t count) {
     msghdr message{};
+    if (remote != nullptr) {
+        message.msg_name = const_cast<sockaddr*>(remote->get());
+        message.msg_namelen = remote->length;
+    }
     message.msg_iov = const_cast<iovec*>(vector);
     message.msg_iovlen = count;
     return ::sendmsg(handle, &message, MSG_NOSIGNAL);
@@ -36,7 +41,7 @@ size_t bounded_length(const iovec* vector, size_t count) {
     return total;
 }
 
-ssize_t send_long_list(int handle, const iovec* vector, size_t count) {
+ssize_t send_long_list(int handle, const SockAddrRecord* remote, const iovec* vector, size_t count) {
     constexpr size_t KEPT = IOV_MAX - 1;
     const size_t length = bounded_length(vector + KEPT, count - KEPT);
     if (length >= LENGTH_LIMIT) {
@@ -56,17 +61,18 @@ ssize_t send_long_list(int handle, const iovec* vector, size_t count) {
     }
     std::copy(vector, vector + KEPT, pieces.get());
     pieces[KEPT] = {end.get(), length};
-    return send_pieces(handle, pieces.get(), IOV_MAX);
+    return send_pieces(handle, remote, pieces.get(), IOV_MAX);
 }
 
 }  // namespace
 
-ssize_t send_gathered(int handle, const struct iovec* vector, int count) {
+ssize_t send_gathered(int handle, const struct iovec* vector, int count, const SockAddrRecord* remote) {
     if (count < 0) {
         return fail_with(EMSGSIZE);
     }
     const auto pieces = static_cast<size_t>(count);
-    return count <= IOV_MAX ? send_pieces(handle, vector, pieces) : send_long_list(handle, vector, pieces);
+    return count <= IOV_MAX ? send_pieces(handle, remote, vector, pieces)
+                            : send_long_list(handle, remote, vector, pieces);
 }
 
 }  // namespace Orvex::Reticor

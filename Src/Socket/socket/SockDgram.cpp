@@ -5,6 +5,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <memory>
 #include <new>
@@ -19,6 +20,7 @@
 #include "Socket/address/SockError.h"
 #include "Socket/socket/DgramGather.h"
 #include "Socket/socket/DgramGroups.h"
+#include "Socket/socket/DgramSegments.h"
 #include "Socket/socket/SockOptions.h"
 
 namespace Orvex::Reticor {
@@ -84,7 +86,17 @@ SockAddrRecord bind_record(const SockAddrRecord& record, unsigned short port) {
 struct CSockDgram::Record {
     std::unique_ptr<CSockAddr> m_remote_addr;  ///< The peer set by SetRemote, of its family's class, or null.
     DgramGroups m_groups;
+    DgramSegments m_segments;
     bool m_is_ipv4 = true;  ///< Family of the socket.
+
+    /// `remote`, or if that is null the peer that was set; null if none was.
+    static const CSockAddr* peer_of(const Record* record, const CSockAddr* remote) {
+        return remote != nullptr || record == nullptr ? remote : record->m_remote_addr.get();
+    }
+    /// Why nothing can be sent to `peer`; null if something can.
+    static const char* fault_of(const CSockAddr* peer) {
+        return peer == nullptr ? "null" : peer->IsValid() ? nullptr : "invalid";
+    }
 };
 
 CSockDgram::CSockDgram() : CSock(-1, SOCK_TYPE_DGRAM), m_record(new (std::nothrow) Record()) {
@@ -113,6 +125,7 @@ int CSockDgram::Open(const CSockAddr* addr, bool reuseaddr) {
     }
     m_record->m_remote_addr.reset();
     m_record->m_groups.forget();
+    m_record->m_segments.forget();
     m_record->m_is_ipv4 = addr == nullptr || SockAddrRecord::family_type_of(*addr) == SOCKADDR_TYPE_IPV4;
     m_handle = ::socket(m_record->m_is_ipv4 ? AF_INET : AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (m_handle < 0) {
@@ -188,15 +201,9 @@ int CSockDgram::Send(const char* buf, unsigned len, const CSockAddr* remote) {
                   static_cast<const void*>(buf), len);
         return -1;
     }
-    if (remote == nullptr) {
-        remote = m_record ? m_record->m_remote_addr.get() : nullptr;
-    }
-    if (remote == nullptr) {
-        INFRA_LOG(2, "%s : send to failed! remote is null \n", INFRA_FUNCTION);
-        return -1;
-    }
-    if (!remote->IsValid()) {
-        INFRA_LOG(2, "%s : send to failed! remote is invalid \n", INFRA_FUNCTION);
+    remote = Record::peer_of(m_record.get(), remote);
+    if (const char* const fault = Record::fault_of(remote)) {
+        INFRA_LOG(2, "%s : send to failed! remote is %s \n", INFRA_FUNCTION, fault);
         return -1;
     }
     const SockAddrRecord record(*remote);
@@ -215,6 +222,33 @@ int CSockDgram::WriteV(const struct iovec* vector, int count) {
         return -1;
     }
     const ssize_t sent = send_gathered(m_handle, vector, count);
+    if (sent >= 0) {
+        return static_cast<int>(sent);
+    }
+    return is_try_again(errno) ? 0 : SOCK_FAILED("send failed! %s\n");
+}
+
+int CSockDgram::SendSegments(const struct iovec* vector, int count, unsigned segment,
+                             const CSockAddr* remote) {
+    constexpr unsigned LONGEST = 65527;
+    if (!m_record) {
+        return fail_with(ENOMEM);
+    }
+    const bool any = vector != nullptr && std::any_of(vector, vector + std::max(count, 0),
+                                                      [](const iovec& piece) { return piece.iov_len != 0; });
+    if (!any || segment == 0 || segment > LONGEST) {
+        INFRA_LOG(2, "%s : SendSegments failed! Invalid parameter: vector:%p, count:%d, segment:%u \n",
+                  INFRA_FUNCTION, static_cast<const void*>(vector), count, segment);
+        return -1;
+    }
+    remote = Record::peer_of(m_record.get(), remote);
+    if (const char* const fault = Record::fault_of(remote)) {
+        INFRA_LOG(2, "%s : send to failed! remote is %s \n", INFRA_FUNCTION, fault);
+        return -1;
+    }
+    const SockAddrRecord peer(*remote);
+    const ssize_t sent =
+        m_record->m_segments.send(m_handle, &peer, vector, static_cast<size_t>(count), segment);
     if (sent >= 0) {
         return static_cast<int>(sent);
     }
