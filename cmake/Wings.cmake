@@ -55,6 +55,7 @@ reticor_wing(2 Tool/frame DOORS ChannelBook FrameRest FrameStore MediaFrame Medi
 reticor_wing(2 Tool/judge DOORS BurstBook EndedVerdicts SenderWatch VerdictText)
 reticor_wing(2 Tool/text)
 reticor_wing(3 Core/watch DOORS BTree Select_win)
+reticor_wing(3 Tool/datagram DOORS FrameCut)
 reticor_wing(4 Core/pool DOORS PoolLease PoolTable ThreadPool)
 reticor_wing(5 Core/service DOORS Message NetSock NetTimer RoomWatch SockTimer)
 reticor_wing(6 Core/reactor)

@@ -12,6 +12,7 @@ namespace Orvex::Reticor {
 class CFrame;
 class CMediaPacket;
 class CSock;
+class CSockAddr;
 struct SenderVerdict;
 struct SenderRecord;
 
@@ -107,6 +108,33 @@ struct MediaFilterStats {
     uint64_t bytes = 0;  ///< Their bytes.
 };
 
+/// One of the datagrams into which a frame is cut. Later versions add fields at the end.
+struct MediaDatagram {
+    uint64_t number = 0;           ///< Datagrams that the sender has sent before it.
+    uint32_t index = 0;            ///< Among those of its frame, from 0 on.
+    uint32_t count = 0;            ///< All of its frame.
+    uint64_t offset = 0;           ///< Where its bytes begin in the frame.
+    uint32_t bytes = 0;            ///< Of the frame, that is without the header.
+    uint64_t frame_bytes = 0;      ///< Length of the frame.
+    uint64_t complete_us = 0;      ///< When the frame was complete, by Infra::CTime.
+    int channel = 0;               ///< 0 to 7.
+    int level = 1;                 ///< 1 to 10.
+    bool key = false;              ///< One can begin with the frame.
+    CMediaPacket* info = nullptr;  ///< Of CMediaBuffer::PutFrameInfo, the buffer's; null without.
+    int info_arg = 0;              ///< And its number.
+};
+
+/// What a sender has sent in datagrams by SetRemote or SetDatagrams. Counters only rise, from Create on.
+/// Later versions add fields at the end: `size` says how many bytes were filled.
+struct MediaDatagramStats {
+    uint32_t size = 0;       ///< Bytes that are filled, this field included.
+    uint32_t version = 1;    ///< Of this struct.
+    uint64_t datagrams = 0;  ///< That the socket took.
+    uint64_t bytes = 0;      ///< Their bytes, headers included.
+    uint64_t writes = 0;     ///< Calls of the system that took some.
+    uint64_t pauses = 0;     ///< How often a frame waited for its pace.
+};
+
 /// What the attachment of a skip message says.
 struct MediaSkip {
     uint64_t frames;  ///< Frames that the client did not get, up to 2^23 - 1.
@@ -149,8 +177,8 @@ public:
 
     /// Takes `stream`, of type SOCK_TYPE_STREAM, SOCK_TYPE_DGRAM, SOCK_TYPE_SSL_STREAM or
     /// SOCK_TYPE_SIMULATOR; sending to another type asserts. The socket stays the caller's and is never
-    /// closed here. A frame larger than a datagram makes a datagram socket fail, and so does an answer of the
-    /// peer's host that nobody listens there. Always 0.
+    /// closed here. A frame larger than a datagram makes a datagram socket fail, if it is not cut
+    /// (SetDatagrams), and so does an answer of the peer's host that nobody listens there. Always 0.
     int Attach(CSock* stream);
 
     /// Gives the socket back, null if there was none. A sender on a list must have a socket: the next frame
@@ -311,6 +339,41 @@ public:
     /// calls, the counters. What a procedure asks for while the frames of one write are credited to it comes
     /// after all of them. False at the start; from the next write on.
     void SetGather(bool gathers);
+
+    /// Where the datagrams of this sender go; its socket, of type SOCK_TYPE_DGRAM, can serve others too. A
+    /// group or a broadcast address is one like any other here. On a socket that is not connected the sender
+    /// does not hear of a host that answers that nobody listens. Null, as at the start: to the socket's own
+    /// peer, which must not be a group then unless SetDatagrams is used. The address is copied. 0; -1, and
+    /// nothing changes, if it is not a valid one, or there is no memory. Takes the buffer's lock; holds from
+    /// the next write on.
+    int SetRemote(const CSockAddr* remote);
+
+    /// Cuts frames into datagrams of `payload` bytes, the last one of a frame shorter, on a socket of type
+    /// SOCK_TYPE_DGRAM: 1200 fits any usual path. Nothing is copied, and one system call takes many
+    /// (CSockDgram::SendSegments). 0, as at the start: one frame, one datagram.
+    ///
+    /// `header_bytes`, up to 64, stand before the payload of each one, and `header` writes them: a sequence
+    /// number, a time stamp, whatever the receivers need to put frames together and to see what was lost. It
+    /// is called for each datagram right before it goes, and again for one that the socket did not take. It
+    /// runs with the buffer's lock held and calls neither the buffer nor a sender; an object that it is bound
+    /// to must outlive a call that has already begun.
+    ///
+    /// `paced`: a receiver's buffer takes some 90 datagrams of this size, and what it has no room for is
+    /// lost, while sockets for datagrams hardly ever are full. So 16 go at once, and the others within half
+    /// the time between the last two frames of the channel (20 ms for the first one, 50 ms at most), in
+    /// steps of the timers' 5 ms. A frame that is older than that goes at once, so begin with
+    /// MediaStart::NEXT_KEY where there is a start cache.
+    ///
+    /// Counted is what was sent, and a policy sees no lag where the network loses: with datagrams that is for
+    /// the receivers to tell. MediaSenderStats counts frames and their bytes without the headers. 0; -1, and
+    /// nothing changes, if there is a header without a function or a payload, it is longer than 64, a
+    /// datagram would be longer than 65527, or there is no memory. Takes the buffer's lock; holds from the
+    /// next frame on.
+    int SetDatagrams(unsigned int payload, unsigned int header_bytes = 0,
+                     Infra::TFunction2<void, const MediaDatagram&, char*> header = {}, bool paced = true);
+    /// Fills `stats`, of which the caller has `size` bytes, under the buffer's lock. 0; -1 for a null pointer
+    /// or a size below 8.
+    int GetDatagramStats(MediaDatagramStats* stats, unsigned int size);
 
     /// Fills `stats`, of which the caller has `size` bytes, under the buffer's lock. 0; -1 for a null pointer
     /// or a size below 8.

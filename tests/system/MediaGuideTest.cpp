@@ -68,6 +68,32 @@ TEST(MediaGuideLadder, GoesDownWhenItIsLateAndUpAfterAWhile) {
     EXPECT_TRUE(showsSmall(1000));
 }
 
+TEST_F(MediaGuide, DatagramsCarryTheHeaderOfRtp) {
+    CSockDgram receiver;
+    const CSockAddrIPv4 any("127.0.0.1", 0);
+    ASSERT_EQ(0, receiver.Open(&any));
+    CSockAddrStorage to;
+    ASSERT_EQ(0, receiver.GetLocalAddr(&to));
+    CSockDgram sock;
+    ASSERT_EQ(0, sock.Open(nullptr));
+    CMediaBuffer buffer;
+    RtpHeader header(0x01020304);
+    CMediaStreamSender* const sender = sendTo(buffer, sock, to, header);
+    ASSERT_NE(nullptr, sender);
+    putAccessUnit(buffer, "head", std::string(2000, 'p'), levelOfPicture(true));
+    for (int i = 0; i < 2; ++i) {
+        std::string bytes(2000, '\0');
+        const int length = receiver.Recv(bytes.data(), 2000, nullptr);
+        ASSERT_EQ(i == 0 ? 1212 : 816, length);
+        EXPECT_EQ(std::string({'\x80', static_cast<char>(i == 0 ? 0x60 : 0xE0), '\0', static_cast<char>(i)}),
+                  bytes.substr(0, 4));
+        EXPECT_EQ(std::string({1, 2, 3, 4}), bytes.substr(8, 4));
+        EXPECT_EQ(i == 0 ? "headp" : "ppppp", bytes.substr(12, 5));
+    }
+    buffer.DelSender(sender);
+    sender->Close();
+}
+
 TEST_F(MediaGuide, AViewerThatGoesAwayIsNoticed) {
     CMediaBuffer buffer;
     Viewer::Create(buffer, m_peer, m_gone);

@@ -127,7 +127,9 @@ void MediaBufferState::go_on(SenderRecord& record) {
     if (record.m_list != m_core.get() || !record.m_full || record.m_leaving) {
         return;
     }
-    record.m_room.note_room();
+    if (record.m_room.has_place()) {
+        record.m_room.note_room();
+    }
     record.set_full(false);
     const bool catches_up = record.catches_up();
     if (catches_up && !m_shares.any_between()) {

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include <Infra/Log.h>
+#include <Reticor/SockDgram.h>
 
 #include "Tool/frame/MediaTrace.h"
 #include "Tool/media/FrameChoice.h"
@@ -117,9 +118,13 @@ MediaSending::Progress MediaSending::write_frame(CSock& stream) {
     if (static_cast<int>(frame.m_packet_num) - m_record.m_iovec_index < 1) {
         return Progress::OVER;
     }
-    if (m_record.wishes(SenderRecord::WISH_GATHER | SenderRecord::WISH_FILTER)) {
+    if (m_record.wishes(SenderRecord::WISH_GATHER | SenderRecord::WISH_FILTER |
+                        SenderRecord::WISH_DATAGRAMS)) {
         if (m_record.m_leaving) {
             return Progress::OVER;  // Its filter has taken it off.
+        }
+        if (m_record.wishes(SenderRecord::WISH_DATAGRAMS) && stream.GetType() == SOCK_TYPE_DGRAM) {
+            return write_datagrams(stream);
         }
         FrameGather gather;
         if (gathers(stream, gather)) {
@@ -146,6 +151,32 @@ MediaSending::Progress MediaSending::note_nothing_written() {
 MediaSending::Progress MediaSending::note_failed() {
     m_record.take_back_sent();
     return over(TurnEnd::FAILED);
+}
+
+// A frame in its datagrams, some of them in each write.
+
+MediaSending::Progress MediaSending::write_datagrams(CSock& stream) {
+    FrameCut& cut = *m_record.m_datagrams;
+    const CFrame& frame = *m_record.m_frame;
+    cut.prepare(frame, m_record.m_frame_left, m_record.at_boundary());
+    const size_t allowed = cut.allowed(m_record.now());
+    if (allowed == 0) {
+        m_record.begin_pause(cut.pause_until_us(m_record.now()));
+        return Progress::OVER;
+    }
+    const FrameCut::Sent sent = cut.send(static_cast<CSockDgram&>(stream), frame,
+                                         {m_record.m_iovec_index, m_record.m_iovec_offset}, allowed);
+    if (sent.bytes <= 0) {
+        return sent.bytes == 0 ? note_nothing_written() : note_failed();
+    }
+    if (m_record.note_written(static_cast<uint32_t>(sent.bytes))) {
+        return finish_frame(stream);
+    }
+    if (sent.whole) {
+        return Progress::MORE;
+    }
+    m_record.begin_stall();
+    return Progress::OVER;
 }
 
 // Several frames in one write.
@@ -334,6 +365,9 @@ int MediaSending::take_tail(char* buffer, int len) {
     }
     std::memcpy(buffer, static_cast<const char*>(entry.iov_base) + m_record.m_iovec_offset,
                 static_cast<size_t>(tail));
+    if (m_record.m_datagrams != nullptr) {
+        m_record.m_datagrams->leave_frame();
+    }
     if (m_record.pass_tail(static_cast<uint64_t>(tail))) {
         m_record.stand_on(next_frame(m_record.end_tail()));
     }

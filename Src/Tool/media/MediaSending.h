@@ -54,7 +54,8 @@ private:
 
     Progress choose_frame(CSock& stream, CFrame* frame) INFRA_REQUIRES(CORE_MUTEX);
     Progress write_frame(CSock& stream) INFRA_REQUIRES(CORE_MUTEX);
-    // Apart from what senders that do not gather go through.
+    // Apart from what senders whose frames go out one by one, each in one write, go through.
+    __attribute__((noinline)) Progress write_datagrams(CSock& stream) INFRA_REQUIRES(CORE_MUTEX);
     __attribute__((noinline)) Progress write_gathered(CSock& stream, FrameGather& gather)
         INFRA_REQUIRES(CORE_MUTEX);
     __attribute__((noinline)) bool gathers(CSock& stream, FrameGather& gather) INFRA_REQUIRES(CORE_MUTEX);

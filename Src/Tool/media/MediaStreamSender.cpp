@@ -69,6 +69,27 @@ bool go_on(SenderRecord& record) INFRA_NO_THREAD_SAFETY_ANALYSIS {
     return record.m_seat.get() == core;
 }
 
+/// Under the buffer's lock. False if `change` says so, or there is no memory.
+template <typename Change>
+bool change_datagrams(SenderRecord& record, const Change& change) INFRA_NO_THREAD_SAFETY_ANALYSIS {
+    const std::shared_ptr<MediaCore> core = record.m_seat.enter();
+    std::optional<MediaStep> step;
+    if (core) {
+        step.emplace(core, MediaStep::ENTERED);
+    }
+    if (record.m_datagrams == nullptr) {
+        record.m_datagrams.reset(new (std::nothrow) FrameCut);
+    }
+    if (record.m_datagrams == nullptr) {
+        INFRA_LOG_STATIC(2, "CMediaStreamSender, no memory for datagrams, sender:%p\n",
+                         static_cast<void*>(record.m_owner));
+        return false;
+    }
+    const bool done = change(*record.m_datagrams);
+    record.set_wish(SenderRecord::WISH_DATAGRAMS, !record.m_datagrams->is_plain());
+    return done;
+}
+
 }  // namespace
 
 CMediaStreamSender* CMediaStreamSender::Create() {
@@ -259,7 +280,48 @@ int64_t CMediaStreamSender::handle_timeout(long id) INFRA_NO_THREAD_SAFETY_ANALY
         return SOON_US;
     }
     const MediaStep step(core, MediaStep::ENTERED);
-    return m_state->m_seat.get() == core ? tick(*m_state, id) : SOON_US;
+    if (m_state->m_seat.get() != core) {
+        return SOON_US;
+    }
+    if (!m_state->m_room.ends_pause(id)) {
+        return tick(*m_state, id);
+    }
+    if (core->m_end != nullptr) {
+        core->m_end->go_on(*m_state);
+    }
+    return -1;
+}
+
+// Datagrams.
+
+int CMediaStreamSender::SetRemote(const CSockAddr* remote) {
+    return change_datagrams(*m_state, [remote](FrameCut& cut) { return cut.set_remote(remote); }) ? 0 : -1;
+}
+
+int CMediaStreamSender::SetDatagrams(unsigned int payload, unsigned int header_bytes,
+                                     Infra::TFunction2<void, const MediaDatagram&, char*> header,
+                                     bool paced) {
+    const bool fits =
+        header_bytes <= FrameCut::MOST_HEADER && uint64_t{payload} + header_bytes <= FrameCut::LONGEST;
+    if (!fits || (header_bytes != 0 && (payload == 0 || header.empty()))) {
+        return -1;
+    }
+    const auto set = [&](FrameCut& cut) {
+        cut.set_size(payload, header_bytes, header, paced);
+        return true;
+    };
+    return change_datagrams(*m_state, set) ? 0 : -1;
+}
+
+int CMediaStreamSender::GetDatagramStats(MediaDatagramStats* stats, unsigned int size) {
+    MediaDatagramStats found;
+    if (const std::shared_ptr<MediaCore> core = m_state->m_seat.enter()) {
+        const MediaStep step(core, MediaStep::ENTERED);
+        if (m_state->m_datagrams != nullptr) {
+            found = m_state->m_datagrams->stats();
+        }
+    }
+    return give_stats(found, stats, size);
 }
 
 void CMediaStreamSender::SetGather(bool gathers) {
@@ -271,7 +333,7 @@ int CMediaStreamSender::GetRoomStats(MediaRoomStats* stats, unsigned int size) {
     if (const std::shared_ptr<MediaCore> core = m_state->m_seat.enter()) {
         const MediaStep step(core, MediaStep::ENTERED);
         found = m_state->m_room.stats();
-        found.waiting = m_state->m_full ? 1 : 0;
+        found.waiting = m_state->m_full && m_state->m_room.has_place() ? 1 : 0;
     }
     return give_stats(found, stats, size);
 }

@@ -35,15 +35,24 @@ public:
     /// The socket was full: takes a place, and has the deadline kept. False, and nothing is waited for, if
     /// there is no place.
     bool begin(CSock* stream, uint64_t due_us, uint64_t now_us) INFRA_REQUIRES(CORE_MUTEX);
+    /// Instead of room, this time is waited for: `begin` has a timer for it then.
+    void begin_pause(uint64_t until_us) INFRA_REQUIRES(CORE_MUTEX) { m_pause_until_us = until_us; }
+    /// A timer has run out. False if it was not that of a pause.
+    bool ends_pause(long timer) INFRA_REQUIRES(CORE_MUTEX);
     /// Nothing is waited for any more. Every way off the list ends with it.
-    void end() INFRA_REQUIRES(CORE_MUTEX) { RoomWatch::end(m_place); }
+    void end() INFRA_REQUIRES(CORE_MUTEX) {
+        RoomWatch::end(m_place);
+        drop_pause();
+    }
     /// The reactor has called, and the place is given back.
     void note_room() INFRA_REQUIRES(CORE_MUTEX) {
         m_place = {};
         ++m_stats.resumes;
     }
     bool has_place() const INFRA_REQUIRES(CORE_MUTEX) { return m_place.is_taken(); }
-    bool stands() const INFRA_REQUIRES(CORE_MUTEX) { return RoomWatch::stands(m_place); }
+    bool stands() const INFRA_REQUIRES(CORE_MUTEX) {
+        return m_pause_timer != 0 || RoomWatch::stands(m_place);
+    }
     /// The place turned out to be lost: the sender tries at each step again.
     void count_lost() INFRA_REQUIRES(CORE_MUTEX) { ++m_stats.without_place; }
 
@@ -66,6 +75,8 @@ public:
     RoomMark m_mark;
     /// The deadline's; 0: none.
     long timer() const INFRA_REQUIRES(CORE_MUTEX) { return m_timer; }
+    /// A pause's; 0: none.
+    long pause_timer() const INFRA_REQUIRES(CORE_MUTEX) { return m_pause_timer; }
     // Of SenderLine.
     bool m_parked = false;
     bool m_counted_plain = false;            ///< It was parked without a resume policy.
@@ -73,10 +84,15 @@ public:
 
 private:
     bool keep_deadline(uint64_t due_us, uint64_t now_us) INFRA_REQUIRES(CORE_MUTEX);
+    void drop_pause() INFRA_REQUIRES(CORE_MUTEX);
+    /// 0 if it cannot be had.
+    long set_timer(uint64_t left_us) INFRA_REQUIRES(CORE_MUTEX);
 
     long m_owner = 0;
     long m_timer = 0;  ///< Runs until it finds that nothing is waited for; 0: none.
     RoomPlace m_place;
+    uint64_t m_pause_until_us = 0;  ///< Until `begin`: the pause that it is to have a timer for; 0: none.
+    long m_pause_timer = 0;         ///< 0: none.
     MediaRoomStats m_stats;
 };
 

@@ -12,6 +12,7 @@
 #include <Infra/Mutex.h>
 #include <Infra/Time.h>
 
+#include "Tool/datagram/FrameCut.h"
 #include "Tool/frame/MediaFrame.h"
 #include "Tool/frame/Thinning.h"
 #include "Tool/judge/SenderWatch.h"
@@ -84,6 +85,7 @@ struct SenderRecord : SenderSettings {
     Self m_self{*this};
     SenderComing m_coming{m_self};
     RoomWait m_room;
+    std::unique_ptr<FrameCut> m_datagrams;  ///< Null until it is asked for.
     OtherData m_other{m_other_mutex, m_other_len};
     SendProcedure m_procedure{m_other_mutex, m_send_proc};
     FrameFilter m_filter{m_other_mutex};
@@ -231,6 +233,11 @@ struct SenderRecord : SenderSettings {
     void note_blocked() INFRA_REQUIRES(CORE_MUTEX);
     /// The socket took less than it was given: a sender that waits for room tries it no more until then.
     void begin_stall() INFRA_REQUIRES(CORE_MUTEX);
+    /// Its frame goes on at that time, though the socket may have room.
+    void begin_pause(uint64_t until_us) INFRA_REQUIRES(CORE_MUTEX) {
+        m_room.begin_pause(until_us);
+        m_full = true;
+    }
     /// Takes a place to wait in, if it has none yet. False if there is none: it goes on trying.
     bool begin_room() INFRA_REQUIRES(CORE_MUTEX) {
         m_full = m_room.begin(Infra::relaxedLoad(m_stream), deadline_us(), now());

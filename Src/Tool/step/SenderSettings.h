@@ -59,10 +59,11 @@ struct SenderSettings : SenderHotState {
     static constexpr uint64_t NO_TIMEOUT_S = 0xFFFFFFFF;
 
     // Bits of m_wishes.
-    static constexpr uint8_t WISH_KEEP = 1;    ///< Frames are to be kept for it.
-    static constexpr uint8_t WISH_ROOM = 2;    ///< It waits for room when its socket is full.
-    static constexpr uint8_t WISH_GATHER = 4;  ///< Several frames may go out in one write.
-    static constexpr uint8_t WISH_FILTER = 8;  ///< Its filter is asked about each frame.
+    static constexpr uint8_t WISH_KEEP = 1;        ///< Frames are to be kept for it.
+    static constexpr uint8_t WISH_ROOM = 2;        ///< It waits for room when its socket is full.
+    static constexpr uint8_t WISH_GATHER = 4;      ///< Several frames may go out in one write.
+    static constexpr uint8_t WISH_FILTER = 8;      ///< Its filter is asked about each frame.
+    static constexpr uint8_t WISH_DATAGRAMS = 16;  ///< Its frames go out as its FrameCut says.
 
     void attach(CSock* stream);
     CSock* detach();
