@@ -12,6 +12,8 @@ import json
 import pathlib
 import subprocess
 
+import viewer_conditions
+
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 BUILD = ROOT / "build/bench"
 RULES = {
@@ -19,8 +21,9 @@ RULES = {
     "strict": "`SetResumePolicy(1000, MediaResume::STRICT)`",
     "policy": "`SetResumePolicy(1000)`",
 }
-COLOURS = {"off": "#7f7f7f", "strict": "#d9a441", "policy": "#c03a2b"}
-NAMES = {"off": "no policy", "strict": "strict", "policy": "step ahead"}
+LADDER_RULES = ("policy", "ladder")
+COLOURS = {"off": "#7f7f7f", "strict": "#d9a441", "policy": "#c03a2b", "ladder": "#2b6cc0", "low": "#a9c8ec"}
+NAMES = {"off": "no policy", "strict": "strict", "policy": "step ahead", "ladder": "two qualities"}
 COLUMNS = [
     ("Shown", lambda row: f"{100 * row['shown']:.1f} %"),
     ("Longest freeze", lambda row: f"{row['freeze_s']:.2f} s"),
@@ -42,6 +45,15 @@ KINDS = {
     "kernel buffers": "16, 64 and 512 KiB in the kernel in place of 128.",
     "limits": "Other limits than 1000 ms.",
     "changing link": "150 % of the rate, then 60 %, 90 %, and again, for 20 s each.",
+    "two qualities": "Each picture is there a second time, with a fifth of the bytes, in a channel of its own, and the filter "
+                     "of the sender is the ladder of `examples/media_relay`, with the policy beside it: down when the viewer "
+                     "is later than half the limit or has missed pictures, up again after five key frames in a row at which "
+                     "it was not even a quarter of that late (fifty, or 2 s, where each picture is a key frame of 40 KB). Links "
+                     "in percent of the high quality's rate. High: of the pictures shown, those in high quality. Changes: "
+                     "from one quality to the other, in 272 s.",
+    "two qualities, changing link": "150 % of the high quality's rate for 30 s, then 60 %, 90 %, 150 %, and again, for 20 s "
+                                    "each.",
+    "two qualities, patience": "Up again after 2 or 15 prompt key frames in place of 5.",
     "layers": "Every second frame, of 10 KB, is disposable; the others have 24 KB.",
     "layers, outages": "Disposable frames, and nothing gets through for 1.5 s, every 27 s.",
     "layers, large key frames": "Disposable frames, and key frames of 900 KB.",
@@ -72,9 +84,13 @@ def group_of(row):
     return "irregular" if row["group_s"] < 0 else f"{row['group_s']:g} s" if row["group_s"] else "1 frame"
 
 
+def link_of(row):
+    return "changing" if row["changing"] else f"{row['percent']:g} %"
+
+
 def name_of(row):
     """What tells a scene from the others of its kind."""
-    words = [group_of(row), f"{row['percent']:g} %"]
+    words = [group_of(row), link_of(row)]
     if "large" in row["kind"]:
         words.append(f"{row['key_bytes'] // 1000} KB")
     if row["kind"] == "frame rates":
@@ -85,45 +101,75 @@ def name_of(row):
         words.append(f"{row['kernel_bytes'] // 1024} KiB")
     if row["kind"] == "limits":
         words.append(f"{row['max_lag_ms']} ms")
+    if "patience" in row["kind"]:
+        words.append(f"{row['prompt_keys']} keys")
     return ", ".join(words)
 
 
 def table(rows):
-    sound = rows[0]["with_sound"]
-    columns = COLUMNS + ([("Sound", lambda row: f"{100 * row['sound']:.1f} %")] if sound else [])
+    columns, rules = list(COLUMNS), RULES
+    if rows[0]["with_sound"]:
+        columns.append(("Sound", lambda row: f"{100 * row['sound']:.1f} %"))
+    if "ladder" in rows[0]["library"]:
+        columns += [("High", lambda row: f"{100 * row['high']:.1f} %"), ("Changes", lambda row: f"{row['changes']:.0f}")]
+        rules = LADDER_RULES
     yield "| Group, link | Rule | " + " | ".join(heading for heading, _ in columns) + " |"
     yield "|---|---|" + "---:|" * len(columns)
     for row in rows:
-        for rule in RULES:
-            name = name_of(row) if rule == "off" else ""
+        for i, rule in enumerate(rules):
+            name = name_of(row) if i == 0 else ""
             yield f"| {name} | {NAMES[rule]} | " + " | ".join(cell(row["library"][rule]) for _, cell in columns) + " |"
     yield ""
 
 
-def bars(path, title, rows, value, unit):
-    """A plot of the rules beside each other, for each of the rows."""
-    width, height, left, top, floor = 900, 320, 60, 50, 270
-    most = max(value(row["library"][rule]) for row in rows for rule in RULES) or 1
+def step_of(most):
+    """A round distance of lines, of which four or five are enough."""
+    return next(step for step in (0.1, 0.2, 0.5, 1, 2, 2.5, 5, 10, 20, 25) if most / step <= 5)
+
+
+def bars(path, title, rows, series, unit):
+    """A plot of `series`, a list of name, colour and function of a row, beside each other for each of the rows. A function that
+    gives two values has the first one drawn in the colour, and what is above it up to the second one in a pale one."""
+    width, height, left, top, floor = 900, 335, 60, 50, 270
+    found = [[value(row) for _, _, value in series] for row in rows]
+    line = step_of(max(max(pair) for values in found for pair in values))
+    lines = next(count for count in range(1, 7) if line * count >= max(max(pair) for values in found for pair in values))
+    most = line * lines
     step = (width - left - 20) / len(rows)
-    bar = step / (len(RULES) + 1)
+    bar = step / (len(series) + 1)
     parts = [f'<svg xmlns="http://www.w3.org/2000/svg" width="{width}" height="{height}" font-family="sans-serif" '
              f'font-size="12"><rect width="100%" height="100%" fill="#ffffff"/><text x="{left}" y="20">{title}</text>']
-    for line in range(5):
-        y = floor - (floor - top) * line / 4
+    for i in range(lines + 1):
+        y = floor - (floor - top) * i / lines
         parts.append(f'<line x1="{left}" x2="{width - 20}" y1="{y:.0f}" y2="{y:.0f}" stroke="#dddddd"/>'
-                     f'<text x="{left - 6}" y="{y + 4:.0f}" text-anchor="end">{most * line / 4:.3g}{unit}</text>')
+                     f'<text x="{left - 6}" y="{y + 4:.0f}" text-anchor="end">{line * i:.3g}{unit}</text>')
     for i, row in enumerate(rows):
-        for j, rule in enumerate(RULES):
-            tall = (floor - top) * value(row["library"][rule]) / most
-            parts.append(f'<rect x="{left + i * step + (j + 0.5) * bar:.1f}" y="{floor - tall:.1f}" width="{bar:.1f}" '
-                         f'height="{tall:.1f}" fill="{COLOURS[rule]}"/>')
-        parts.append(f'<text x="{left + (i + 0.5) * step:.0f}" y="{floor + 16}" text-anchor="middle">'
-                     f'{group_of(row)}</text><text x="{left + (i + 0.5) * step:.0f}" y="{floor + 31}" '
-                     f'text-anchor="middle">{row["percent"]:g} %{", outages" if row["outage_s"] else ""}</text>')
-    for j, rule in enumerate(RULES):
-        parts.append(f'<rect x="{width - 300 + j * 95}" y="11" width="10" height="10" fill="{COLOURS[rule]}"/>'
-                     f'<text x="{width - 286 + j * 95}" y="20">{NAMES[rule]}</text>')
+        for j, (_, colour, _) in enumerate(series):
+            x, under = left + i * step + (j + 0.5) * bar, 0
+            for value, fill in zip(found[i][j], (colour, COLOURS["low"])):
+                tall = (floor - top) * (value - under) / most
+                y = floor - (floor - top) * value / most
+                parts.append(f'<rect x="{x:.1f}" y="{y:.1f}" width="{bar:.1f}" height="{tall:.1f}" fill="{fill}"/>')
+                under = value
+        middle = left + (i + 0.5) * step
+        parts.append(f'<text x="{middle:.0f}" y="{floor + 16}" text-anchor="middle">{group_of(row)}</text>'
+                     f'<text x="{middle:.0f}" y="{floor + 31}" text-anchor="middle">{link_of(row)}</text>')
+        if row["outage_s"]:
+            parts.append(f'<text x="{middle:.0f}" y="{floor + 46}" text-anchor="middle">outages</text>')
+    parts.append(f'<text x="{left - 6}" y="{floor + 16}" text-anchor="end">group</text>'
+                 f'<text x="{left - 6}" y="{floor + 31}" text-anchor="end">link</text>')
+    legend = [(name, colour) for name, colour, _ in series]
+    if any(len(pair) > 1 for values in found for pair in values):
+        legend[-1:] = [(legend[-1][0] + ": high", legend[-1][1]), ("low", COLOURS["low"])]
+    x = width - 20
+    for name, colour in reversed(legend):
+        x -= 26 + 7 * len(name)
+        parts.append(f'<rect x="{x}" y="11" width="10" height="10" fill="{colour}"/><text x="{x + 14}" y="20">{name}</text>')
     path.write_text("\n".join(parts) + "</svg>\n")
+
+
+def of_rules(value, rules):
+    return [(NAMES[rule], COLOURS[rule], lambda row, rule=rule: [value(row["library"][rule])]) for rule in rules]
 
 
 def plots(rows, directory):
@@ -133,9 +179,21 @@ def plots(rows, directory):
             ("late-viewers-shown", "Pictures shown, of all", lambda figures: 100 * figures["shown"], " %"),
             ("late-viewers-freeze", "Longest freeze", lambda figures: figures["freeze_s"], " s"),
             ("late-viewers-lag", "Lag, 99th percentile", lambda figures: figures["lag_p99_s"], " s")):
-        bars(directory / f"{name}.svg", title, chosen, value, unit)
+        bars(directory / f"{name}.svg", title, chosen, of_rules(value, RULES), unit)
         yield f"![{title}]({name}.svg)"
         yield ""
+    title = "Pictures shown, of all"
+    two = [row for row in rows if row["kind"] in ("two qualities", "two qualities, changing link") and row["group_s"] in (2, 10)]
+    two.sort(key=lambda row: (row["group_s"], row["changing"], row["percent"]))
+
+    def split(row):
+        figures = row["library"]["ladder"]
+        return [100 * figures["shown"] * figures["high"], 100 * figures["shown"]]
+
+    bars(directory / "late-viewers-qualities.svg", title, two,
+         [*of_rules(lambda figures: 100 * figures["shown"], ["policy"]), (NAMES["ladder"], COLOURS["ladder"], split)], " %")
+    yield f"![{title}, with one quality and with two](late-viewers-qualities.svg)"
+    yield ""
 
 
 def page(rows, directory):
@@ -155,6 +213,7 @@ def page(rows, directory):
     yield "Rules: " + "; ".join(f"*{NAMES[rule]}*, {text}" for rule, text in RULES.items()) + "."
     yield ""
     yield from plots(rows, directory)
+    yield from viewer_conditions.section(rows, name_of)
     for kind, text in KINDS.items():
         chosen = [row for row in rows if row["kind"] == kind]
         yield f"## {kind[0].upper()}{kind[1:]}"

@@ -209,6 +209,33 @@ json toJson(const ViewerFigures& figures) {
         {"high", figures.high},           {"changes", figures.changes}};
 }
 
+// Whether the frames that others need, alone on the link, are never later than the limit.
+bool carriesTheRest(const ViewerScene& scene) {
+    const std::vector<StreamFrame> stream = streamOf(scene);
+    const double rate = rateOf(scene, stream) * scene.percent / 100;
+    double free_s = 0;  // from when on the link is free
+    for (const StreamFrame& frame : stream) {
+        const double made_s = static_cast<double>(frame.made_us) / 1e6;
+        if (!frame.disposable) {
+            if (free_s - made_s > scene.max_lag_ms / 1000.0) {
+                return false;
+            }
+            free_s = std::max(free_s, made_s) + static_cast<double>(frame.bytes) / rate;
+        }
+    }
+    return scene.outage_s == 0;
+}
+
+// The viewer of a scene with sound without it, on a link that has the sound's bytes less.
+ViewerFigures withoutSound(const ViewerScene& scene) {
+    ViewerScene silent = scene;
+    silent.sound = false;
+    const double all = rateOf(scene, streamOf(scene));
+    const double pictures = rateOf(silent, streamOf(silent));
+    silent.percent = 100 * (scene.percent / 100 * all - (all - pictures)) / pictures;
+    return modelViewer(silent, COLUMNS[POLICY].policy).figures;
+}
+
 json toJson(const Row& row) {
     json found = {{"kind", row.scene.kind},
                   {"group_s", row.scene.group_s},
@@ -227,6 +254,14 @@ json toJson(const Row& row) {
         if (libraryHas(COLUMNS[i])) {
             found["library"][COLUMNS[i].name] = toJson(row.library[i]);
         }
+    }
+    found["hard_lag_ms"] = row.scene.hard_lag_ms;
+    found["changing"] = !row.scene.changes.empty();
+    if (row.scene.layered) {
+        found["carries_the_rest"] = carriesTheRest(row.scene);
+    }
+    if (row.scene.sound) {
+        found["model"]["silent"] = toJson(withoutSound(row.scene));
     }
     if (row.scene.two_qualities) {
         found["model"]["ladder"] = toJson(row.ladder);
@@ -286,23 +321,6 @@ void checkPlain(Check& check, const Row& row) {
     }
 }
 
-// Whether the frames that others need, alone on the link, are never later than the limit.
-bool carriesTheRest(const ViewerScene& scene) {
-    const std::vector<StreamFrame> stream = streamOf(scene);
-    const double rate = rateOf(scene, stream) * scene.percent / 100;
-    double free_s = 0;  // from when on the link is free
-    for (const StreamFrame& frame : stream) {
-        const double made_s = static_cast<double>(frame.made_us) / 1e6;
-        if (!frame.disposable) {
-            if (free_s - made_s > scene.max_lag_ms / 1000.0) {
-                return false;
-            }
-            free_s = std::max(free_s, made_s) + static_cast<double>(frame.bytes) / rate;
-        }
-    }
-    return scene.outage_s == 0;
-}
-
 // With them: steady. On a quarter of the rate a picture a second is what comes, whatever is left out.
 void checkLayered(Check& check, const Row& row) {
     const ViewerFigures& own = row.by_column[POLICY];
@@ -325,12 +343,11 @@ void checkLayered(Check& check, const Row& row) {
 // Sound goes through, and the picture is as on a link that is without the sound, and without its bytes.
 void checkSound(Check& check, const Row& row) {
     const ViewerFigures& own = row.by_column[POLICY];
+    const ViewerFigures without = withoutSound(row.scene);
     ViewerScene silent = row.scene;
     silent.sound = false;
     const double all = rateOf(row.scene, streamOf(row.scene));
     const double pictures = rateOf(silent, streamOf(silent));
-    silent.percent = 100 * (row.scene.percent / 100 * all - (all - pictures)) / pictures;
-    const ViewerFigures without = modelViewer(silent, COLUMNS[POLICY].policy).figures;
     check.atMost(row, "sound missed", 1 - own.sound, SOUND_SLACK);
     check.atMost(row, "share against no sound", std::abs(without.shown - own.shown), 0.02);
     // The sound of what is stepped over goes first.
