@@ -12,6 +12,7 @@
 #include <Reticor/kit/Server.h>
 #include <Reticor/kit/Timer.h>
 
+#include "Kit/PoolState.h"
 #include "support/Eventually.h"
 #include "support/kit/ConnectionFixture.h"
 #include "support/kit/Names.h"
@@ -279,6 +280,7 @@ TEST_F(KitShortage, AnAdoptedDescriptorIsServedOrClosed) {
         EXPECT_EQ(connection ? "served" : "", peer.receive(6));
         connection.close();
         EXPECT_TRUE(peer.is_ended());
+        EXPECT_EVENTUALLY(Kit::PoolState::of(m_pool)->places_taken() == 0);
         return failed;
     });
     EXPECT_GE(failures, 2U);
