@@ -1,4 +1,4 @@
-// Connection: call-backs that throw or do not return, questions for input, and descriptors that find no place.
+// Connection: call-backs that throw or do not return, questions for input, descriptors without a place.
 #include <pthread.h>
 
 #include <functional>
@@ -376,6 +376,7 @@ TEST_F(KitAdoption, IsRefusedByAPoolWithoutAPlaceAndEachEndGivesOneBack) {
     }
     Connection last = open(counted());
     EXPECT_TRUE(last);
+    wait_for_calls_of(last);
     EXPECT_EQ(4000, state.places_taken());
     EXPECT_FALSE(state.take_place());
     EXPECT_FALSE(adopt(m_pool, start()));

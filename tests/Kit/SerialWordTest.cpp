@@ -86,8 +86,8 @@ TEST(SerialWord, OfAThreadThatEndedKeepsItsBitsForTheNext) {
     EXPECT_EQ(ONE | TWO | SerialWord::RUNG, word.leave());
 }
 
-// Each thread leaves a bit of its own; whoever holds the word counts it. A bell is answered by the same thread
-// later, as a message would.
+// Each thread leaves a bit of its own; whoever holds the word counts it. A bell is answered by the same
+// thread later, as a message would.
 TEST(SerialWord, LosesNothingBetweenThreadsAndKeepsHoldersApart) {
     constexpr int THREADS = 4;
     constexpr int ROUNDS = 20000;

@@ -57,6 +57,12 @@ public:
         char byte = 0;
         return ::recv(m_descriptor, &byte, 1, 0) == 0;
     }
+    /// The same, or a reset: what we sent may lie unread at the other end when that is closed.
+    bool is_over() {
+        char byte = 0;
+        const ssize_t got = ::recv(m_descriptor, &byte, 1, 0);
+        return got == 0 || (got < 0 && errno == ECONNRESET);
+    }
     /// Whether nothing is there now, the end included.
     bool is_quiet() {
         char byte = 0;
