@@ -686,6 +686,12 @@ void ConnectionBody::finalize() {
     for (const ConnectionMail::Delayed& waits : delayed) {
         DestroyTimer(waits.timer);
     }
+    struct Leaving {  // also when the thread ends inside one of the last calls
+        ~Leaving() { body.leave_at_last(delayed); }
+        ConnectionBody& body;
+        std::vector<ConnectionMail::Delayed>& delayed;
+    };
+    const Leaving leaving{*this, delayed};
     m_over = true;
     run_mail();
     m_ended = true;
@@ -696,6 +702,9 @@ void ConnectionBody::finalize() {
     if (m_closed) {
         call([&](Connection& self) { m_closed(self, reason); });
     }
+}
+
+void ConnectionBody::leave_at_last(std::vector<ConnectionMail::Delayed>& delayed) {
     UserCall::run(
         this, kind(),
         [&] {

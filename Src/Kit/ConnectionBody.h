@@ -137,6 +137,7 @@ private:
     void run_mail();
     void tell_room();
     void finalize();
+    void leave_at_last(std::vector<ConnectionMail::Delayed>& delayed);
     void answer_reader(std::string_view bytes);
     bool may_ask() const;
     template <typename Mark = UserCall, typename Call>

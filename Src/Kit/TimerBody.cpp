@@ -84,8 +84,12 @@ int64_t TimerBody::beat(uint64_t now) {
     } else {
         m_armed.store(false, std::memory_order_release);
     }
+    const auto thread_ends = [this] {
+        m_word.abandon();
+        cancel();
+    };
     const bool good = UserCall::run(
-        this, kind(), [&] { m_call(missed); }, [this] { cancel(); });
+        this, kind(), [&] { m_call(missed); }, thread_ends);
     if (m_period_us <= 0 || !good) {
         m_armed.store(false, std::memory_order_release);
         return -1;

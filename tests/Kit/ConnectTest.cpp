@@ -2,6 +2,7 @@
 #include <Reticor/kit/Connect.h>
 
 #include <netdb.h>
+#include <pthread.h>
 
 #include <atomic>
 #include <string>
@@ -166,4 +167,17 @@ TEST_F(KitConnect, IsCancelledWithItsPool) {
     EXPECT_FALSE(start("127.0.0.1", silent.number()));
     EXPECT_EQ(1, m_calls);
     EXPECT_EQ(0, m_live.count());
+}
+
+TEST_F(KitConnect, AThreadThatEndsInsideTheCallLeavesNothingOfTheAttempt) {
+    Kit::Pool pool(4);
+    for (const char* const host : {"127.0.0.1", "nobody.test"}) {
+        ASSERT_TRUE(Kit::connect(pool, host, m_server.port(),
+                                 [token = m_live.token()](Connection&, ConnectResult, int) mutable {
+                                     token.use();
+                                     pthread_exit(nullptr);
+                                 }));
+    }
+    EXPECT_EVENTUALLY(m_live.used() == 2 && m_live.count() == 0);
+    EXPECT_EQ(0U, pool.stop().stayed);
 }

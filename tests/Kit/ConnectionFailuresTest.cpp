@@ -107,22 +107,44 @@ TEST_F(KitConnectionFailure, CallsAfterTheOneThatThrowsStillRun) {
     EXPECT_EQ(CloseReason::FAILED, m_reason);
 }
 
-// The thread is lost to the pool; the connection ends on another one.
-TEST_F(KitConnectionFailure, AThreadThatEndsInsideACallEndsTheConnection) {
-    Kit::Pool pool(4);
-    int ends[2];
-    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends));
-    Peer peer(ends[1]);
-    Connection connection = Connection::adopt(pool, ends[0], {}, [this](Connection& self) {
+/// A pool that may lose some of its threads.
+class KitLostThread : public KitConnectionFailure {
+protected:
+    void adopt(Connection::Event start) {
+        int ends[2];
+        ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends));
+        m_peer = std::make_unique<Peer>(ends[1]);
+        ASSERT_TRUE(Connection::adopt(m_large_pool, ends[0], {}, std::move(start)));
+    }
+    void expect_that_all_has_gone() {
+        EXPECT_EVENTUALLY(m_live.count() == 0);
+        EXPECT_TRUE(m_peer->is_ended());
+        EXPECT_EVENTUALLY(Kit::PoolState::of(m_large_pool)->places_taken() == 0);
+        EXPECT_EQ(0U, m_large_pool.stop().stayed);
+    }
+
+    Kit::Pool m_large_pool{4};
+};
+
+TEST_F(KitLostThread, ThatEndsInsideACallEndsTheConnection) {
+    adopt([this](Connection& self) {
         count_end_of(self);
         self.onInput([](Connection&, std::string_view) { pthread_exit(nullptr); });
     });
-    wait_for_calls_of(connection);
-    peer.send("x");
-    EXPECT_EVENTUALLY(m_ends == 1 && m_live.count() == 0);
+    m_peer->send("x");
+    EXPECT_EVENTUALLY(m_ends == 1);
     EXPECT_EQ(CloseReason::FAILED, m_reason);
-    EXPECT_TRUE(peer.is_ended());
-    EXPECT_EQ(0U, pool.stop().stayed);
+    expect_that_all_has_gone();
+}
+
+TEST_F(KitLostThread, ThatEndsInsideTheLastCallLeavesNothingOfTheConnection) {
+    adopt([this](Connection& self) {
+        self.onClose([token = m_live.token()](Connection&, CloseReason) { pthread_exit(nullptr); });
+        self.onInput([token = m_live.token()](Connection&, std::string_view) {});
+        self.after(1h, [token = m_live.token()](Connection&) {});
+        self.close();
+    });
+    expect_that_all_has_gone();
 }
 
 class KitQuestion : public KitConnectionFailure {

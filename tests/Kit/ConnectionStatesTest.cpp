@@ -436,6 +436,57 @@ TEST_F(KitConnectionState, AbortLosesWhatWaitsAlsoWhileItCloses) {
     EXPECT_LT(m_peer->receive(1 << 20).size(), MEGABYTE.size());
 }
 
+TEST_F(KitConnectionState, KeepsTheFirstReasonOfItsEnd) {
+    Connection aborted = open([this](Connection& self) {
+        count_end_of(self);
+        self.abort();
+        self.close();
+    });
+    EXPECT_EVENTUALLY(m_ends == 1);
+    EXPECT_EQ(CloseReason::ABORTED, m_reason);
+
+    Connection connection = begun();
+    ASSERT_TRUE(connection.write(MEGABYTE));
+    m_peer->finish();
+    EXPECT_EVENTUALLY([&] {
+        m_peer->take(4096);
+        return !connection.isOpen();
+    }());
+    connection.close();
+    EXPECT_EVENTUALLY([&] {
+        m_peer->take(MEGABYTE.size());
+        return m_ends == 2;
+    }());
+    EXPECT_EQ(CloseReason::PEER_CLOSED, m_reason);
+}
+
+TEST_F(KitConnectionState, WhatWaitsMayWaitForEverIfItIsToldSo) {
+    Kit::ConnectionOptions options;
+    options.max_output_age = 0ms;
+    Connection connection = begun(options);
+    ASSERT_TRUE(connection.write(MEGABYTE));
+    CSemaphore later(0);
+    ASSERT_TRUE(connection.after(20ms, [&](Connection&) { later.post(); }));
+    later.pend();
+    EXPECT_EQ(0, m_ends);
+    EXPECT_TRUE(m_peer->receive(1 << 20) == MEGABYTE);
+}
+
+TEST_F(KitConnectionState, WhatAPostedCallCapturesIsGoneBeforeTheNextOne) {
+    Live live;
+    CSemaphore done(0);
+    int left = -1;
+    Connection connection = open([&](Connection& self) {
+        self.post([token = live.token()](Connection&) {});
+        self.post([&](Connection&) {
+            left = live.count();
+            done.post();
+        });
+    });
+    done.pend();
+    EXPECT_EQ(0, left);
+}
+
 TEST_F(KitConnectionState, AClosingOneStillRunsWhatIsPostedAndItsTimers) {
     std::atomic<int> calls{0};
     Connection connection = begun();

@@ -261,6 +261,11 @@ void Connector::finish(const Outcome& outcome) {
     if (!outcome.over) {
         return;
     }
+    struct Leaving {  // also when the thread ends inside the call
+        ~Leaving() { connector.leave_at_last(); }
+        Connector& connector;
+    };
+    const Leaving leaving{*this};
     ConnectResult result = outcome.result;
     ConnectionBody* body = nullptr;
     if (result == ConnectResult::CONNECTED) {
@@ -276,6 +281,9 @@ void Connector::finish(const Outcome& outcome) {
         UserCall::run(
             this, kind(), [&] { m_done(nothing, result, outcome.error); }, [] {});
     }
+}
+
+void Connector::leave_at_last() {
     UserCall::run(
         this, kind(), [this] { m_done = nullptr; }, [] {});
     leave();

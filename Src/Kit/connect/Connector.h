@@ -59,6 +59,7 @@ private:
     bool try_address(const sockaddr_storage& address) INFRA_REQUIRES(m_mutex);
     Outcome look_at(int fd) INFRA_REQUIRES(m_mutex);
     void finish(const Outcome& outcome);
+    void leave_at_last();
 
     PoolState& m_pool;
     const ConnectOptions m_options;
