@@ -118,12 +118,13 @@ def patterns(rows):
 
 def take(options):
     """All that the page is made of."""
+    commit = bench.commit()
     build()
     neighbours = bench.Neighbours()
     starts = figures_of(start("viewer_starts", "--seconds", min(options.seconds, 120)))
     runs = measure(options)
     return {
-        "machine": bench.machine(), "date": str(datetime.date.today()), "commit": bench.commit(),
+        "machine": bench.machine(), "date": str(datetime.date.today()), "commit": commit,
         "neighbours": neighbours.processors(), "nice": os.nice(0),
         "seconds": options.seconds, "skip": options.skip, "max_lag_ms": options.max_lag,
         "runs": runs, "starts": starts,
