@@ -207,6 +207,11 @@ bool CMessage::IsClose(const CEvent* ev) {
 }
 
 int CMessage::HandleMessage(CEvent* ev) {
+    struct Taken {  // goes back also when the thread ends inside the call
+        ~Taken() { put_event(ev); }
+        CEvent* ev;
+    };
+    const Taken taken{ev};
     if (HandlerPin handler = PoolTable::FindHandler(ev->m_receiver)) {
         if (printing()) {
             print_message(handler, ev, Moment::begin);
@@ -220,7 +225,6 @@ int CMessage::HandleMessage(CEvent* ev) {
             print_message(handler, ev, Moment::end);
         }
     }
-    put_event(ev);
     return 0;
 }
 
