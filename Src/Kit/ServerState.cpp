@@ -19,7 +19,7 @@ namespace {
 
 /// What a client is counted by: of an IPv6 address the first half, since one host has all of the second
 /// half to itself.
-std::string origin_of(const sockaddr_storage& address) {
+std::string read_origin(const sockaddr_storage& address) {
     if (address.ss_family == AF_INET) {
         const auto& four = reinterpret_cast<const sockaddr_in&>(address).sin_addr;
         return std::string(reinterpret_cast<const char*>(&four), sizeof four);
@@ -32,12 +32,23 @@ std::string origin_of(const sockaddr_storage& address) {
     return std::string(bytes, IN6_IS_ADDR_LINKLOCAL(&six) ? 16 : 8);
 }
 
+/// False without memory.
+bool find_origin(const sockaddr_storage& address, std::string& origin) {
+    try {
+        origin = read_origin(address);
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    return true;
+}
+
 }  // namespace
 
 void ServerState::serve(int descriptor, const sockaddr_storage& address) {
     Refusal why = NO_PLACE;
-    std::string origin = m_options.most_per_address != 0 ? origin_of(address) : std::string();
-    PoolState* const pool = choose();
+    std::string origin;
+    PoolState* const pool =
+        m_options.most_per_address == 0 || find_origin(address, origin) ? choose() : nullptr;
     if (pool == nullptr || !admit(origin, why)) {
         refuse(why);
         close(descriptor);

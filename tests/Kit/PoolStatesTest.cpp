@@ -40,25 +40,28 @@ public:
     /// Returns when the workers are inside.
     Keeper(Kit::Pool& pool, int workers) : m_workers(workers) {
         for (int i = 0; i < workers; ++i) {
-            pool.post([this] {
-                m_inside.post();
-                m_go.pend();
+            pool.post([doors = m_doors] {
+                doors->inside.post();
+                doors->go.pend();
             });
         }
         for (int i = 0; i < workers; ++i) {
-            m_inside.pend();
+            m_doors->inside.pend();
         }
     }
     void let_go() {
         for (; m_workers > 0; --m_workers) {
-            m_go.post();
+            m_doors->go.post();
         }
     }
 
 private:
+    struct Doors {
+        CSemaphore inside{0};
+        CSemaphore go{0};
+    };
     int m_workers;
-    CSemaphore m_inside{0};
-    CSemaphore m_go{0};
+    const std::shared_ptr<Doors> m_doors = std::make_shared<Doors>();
 };
 
 /// A pool of one thread is as large as the machine has processors.
