@@ -36,6 +36,8 @@ struct ViewerScene {
     int auto_send_ms = 0;
     unsigned max_lag_ms = 1000;
     unsigned hard_lag_ms = 0;
+    double comes_s = 0;  // the viewer comes so long after the stream has begun
+    bool start_cache = false;
     int seconds = 300;
     int skip = 20;  // seconds at the beginning that do not count
 };

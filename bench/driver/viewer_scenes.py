@@ -196,7 +196,28 @@ def plots(rows, directory):
     yield ""
 
 
+def coming(rows):
+    yield "## Coming"
+    yield ""
+    yield "What a viewer waits for that comes to the stream of *groups*, with `SetResumePolicy(1000)`: from `AddSender` to its first"
+    yield "picture, and until it is live, that is until a picture arrives within two frame times. Mean / worst of ten places in a group,"
+    yield "each between two frames. The start cache is `SetStartCache(15000, 64 MiB)`, and the viewer begins in a burst."
+    yield ""
+    yield "| Group, link | First picture | with start cache | Live | with start cache |"
+    yield "|---|---:|---:|---:|---:|"
+
+    def times(row, what):
+        return f"{row[what + '_mean_s']:.2f} / {row[what + '_worst_s']:.2f} s" if what + "_mean_s" in row else "never"
+
+    for without, cached in zip(rows[::2], rows[1::2]):
+        yield (f"| {group_of(without)}, {without['percent']:g} % | {times(without, 'first')} | {times(cached, 'first')} | "
+               f"{times(without, 'live')} | {times(cached, 'live')} |")
+    yield ""
+
+
 def page(rows, directory):
+    comings = [row for row in rows if row["kind"] == "coming"]
+    rows = [row for row in rows if row["kind"] != "coming"]
     yield "# Late viewers"
     yield ""
     yield "Written by `bench/driver/viewer_scenes.py`. Streams and links in virtual time: the library has its own senders and"
@@ -221,6 +242,7 @@ def page(rows, directory):
         yield text
         yield ""
         yield from table(chosen)
+    yield from coming(comings)
 
 
 def main():

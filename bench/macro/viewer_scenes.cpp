@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
@@ -99,7 +100,10 @@ public:
         if (scene.two_qualities) {
             m_ladder = std::make_unique<QualityLadder>(*m_sender, scene.max_lag_ms, scene.prompt_keys);
         }
-        m_buffer.AddSender(m_sender);
+        if (scene.start_cache) {
+            m_buffer.SetStartCache(15000, 1 << 26);
+        }
+        come(0);
     }
     ~LibraryViewer() {
         m_buffer.DelSender(m_sender);
@@ -114,6 +118,9 @@ public:
     LibraryViewer& operator=(const LibraryViewer&) = delete;
 
     ViewerFigures play();
+    // What has arrived, the times being those of the scene.
+    const std::vector<FrameArrival>& arrivals() const { return m_link.arrivals; }
+    const StreamFrame& frame(const FrameArrival& arrival) const { return m_stream[arrival.frame]; }
 
     // What sendmsg is here.
     ssize_t take(const iovec* pieces, std::size_t count) {
@@ -135,6 +142,17 @@ public:
 
 private:
     static constexpr std::int64_t START_US = 1000000000;
+
+    // Before what happens at this time.
+    void come(std::int64_t now_us) {
+        const auto comes_us = static_cast<std::int64_t>(m_scene.comes_s * 1e6);
+        if (!m_came && comes_us <= now_us) {
+            m_came = true;
+            t_stage.now_us = START_US + comes_us;
+            m_link.advance(comes_us);
+            m_buffer.AddSender(m_sender);
+        }
+    }
 
     void put(std::size_t index) {
         const StreamFrame& frame = m_stream[index];
@@ -167,6 +185,7 @@ private:
     Bench::PayloadPacket m_payload{m_bytes.data()};
     Header m_header{};
     std::size_t m_at = 0;
+    bool m_came = false;
     int m_far = -1;
     CSockStream m_sock;
     CMediaStreamSender* const m_sender = CMediaStreamSender::Create();
@@ -181,6 +200,7 @@ ViewerFigures LibraryViewer::play() {
     while (next < m_stream.size()) {
         const bool ticks = m_scene.auto_send_ms != 0 && next_tick_us < m_stream[next].made_us;
         const std::int64_t now_us = ticks ? next_tick_us : m_stream[next].made_us;
+        come(now_us);
         t_stage.now_us = START_US + now_us;
         m_link.advance(now_us);
         if (ticks) {
@@ -409,6 +429,62 @@ Row play(const ViewerScene& scene) {
     return row;
 }
 
+double meanOf(const std::vector<double>& values) {
+    double sum = 0;
+    for (const double value : values) {
+        sum += value;
+    }
+    return values.empty() ? -1 : sum / static_cast<double>(values.size());
+}
+
+// How long a viewer waits for its first picture, and until it is live, that is until a picture arrives
+// within two frame times. It comes at ten places of a group, half a frame after the last one.
+json coming(double group_s, double percent, bool start_cache) {
+    std::vector<double> first_s, live_s;
+    for (int i = 0; i < 10; ++i) {
+        ViewerScene scene;
+        scene.group_s = group_s;
+        scene.percent = percent;
+        scene.start_cache = start_cache;
+        scene.comes_s = 20.02 + std::floor(group_s * 25 * (i + 0.5) / 10) / 25;
+        scene.seconds = 90;
+        LibraryViewer viewer(scene, COLUMNS[POLICY].policy);
+        viewer.play();
+        for (const FrameArrival& arrival : viewer.arrivals()) {
+            const std::int64_t lag_us = arrival.at_us - viewer.frame(arrival).made_us;
+            const double since_s = static_cast<double>(arrival.at_us) / 1e6 - scene.comes_s;
+            if (&arrival == &viewer.arrivals().front()) {
+                first_s.push_back(since_s);
+            }
+            if (lag_us <= 2 * 1000000 / scene.fps) {
+                live_s.push_back(since_s);
+                break;
+            }
+        }
+    }
+    json row = {{"kind", "coming"},
+                {"group_s", group_s},
+                {"percent", percent},
+                {"start_cache", start_cache},
+                {"first_mean_s", meanOf(first_s)},
+                {"first_worst_s", *std::max_element(first_s.begin(), first_s.end())}};
+    if (live_s.size() == first_s.size()) {
+        row["live_mean_s"] = meanOf(live_s);
+        row["live_worst_s"] = *std::max_element(live_s.begin(), live_s.end());
+    }
+    return row;
+}
+
+void comings(json& rows) {
+    for (const double group_s : {2.0, 10.0}) {
+        for (const double percent : {50.0, 95.0, 120.0, 150.0, 200.0, 300.0, 1000.0}) {
+            for (const bool start_cache : {false, true}) {
+                rows.push_back(coming(group_s, percent, start_cache));
+            }
+        }
+    }
+}
+
 }  // namespace
 
 extern "C" int clock_gettime(clockid_t clock, timespec* now) noexcept {
@@ -454,6 +530,9 @@ int main(int argc, char** argv) {
         }
     }
     if (!checking) {
+        if (kind.empty() || kind == "coming") {
+            comings(rows);
+        }
         std::puts(rows.dump().c_str());
     }
     DestroyThreadPool();
