@@ -31,6 +31,10 @@ TABLES = {
                                                   ("copied", "bytes copied per byte", "{:.4f}", False),
                                                   ("writes", "writes", "{:.2f}", False),
                                                   ("full_writes", "of them without room, in all", "{:,.0f}", False)]),
+    "datagrams": ("sendto", [("read.arrived_per_s", "arrived/s", "{:,.0f}", True),
+                             ("read.sent_per_s", "sent/s", "{:,.0f}", False),
+                             ("read.cpu_ns", "CPU ns each", "{:,.0f}", True),
+                             ("unread.cpu_ns", "CPU ns each, unread", "{:,.0f}", True)]),
     "timers": ("libevent", [("arm_ns", "arm ns", "{:.0f}", False), ("cancel_ns", "cancel ns", "{:.0f}", False),
                             ("churn_pair_ns", "cancel and arm ns, 10,000 pending", "{:.0f}", False),
                             ("idle_wakeups", "wake-ups while idle", "{:.0f}", False)]),
@@ -78,6 +82,11 @@ HEADINGS = {
                  "are to asio. Allocations are calls of malloc and its kin, in windows of 10,000 messages after one "
                  "window was pending as a whole; TBB brings an allocator of its own, which is not seen. Burst: 100,000 "
                  "messages onto a pool whose workers sleep, the median of the bursts."),
+    "datagrams": ("Datagrams", "One thread sends as fast as it can over loopback, 46 datagrams in each turn, to a socket that "
+                  "another thread reads with recvmmsg(2), and to one that nobody reads, whose datagrams the kernel "
+                  "drops. CPU is that of the sending thread, and has the kernel's work for the other end in it. Counted is "
+                  "what arrived as well as what was sent, since the socket takes more than the reader. Ratios are to plain "
+                  "sendto(2) on a connected socket."),
     "timers": ("Timers", "A million timers are armed with random delays from one to 20 hours and cancelled in random "
                "order; before that, with 10,000 pending, a random one is cancelled and armed anew. The peers' timers are structures "
                "that the caller laid out beforehand and belong to one thread; ours are ids that any thread may arm and "
@@ -119,7 +128,7 @@ def write(results, order, directory):
     medians = medians_of(results)
     pictures = plots.draw(medians, {name: row["title"] for name, row in rows.items()}, directory)
     page = ["# Benchmarks", "", *preface(rows), "", *target_table(medians, rows)]
-    for group in ("echo", "syscalls", "fanout", "fanout-counts", "messages", "timers", "ticks", "files", "micro"):
+    for group in ("echo", "syscalls", "fanout", "fanout-counts", "messages", "datagrams", "timers", "ticks", "files", "micro"):
         members = {name: row for name, row in rows.items() if row["group"] == group}
         if members:
             page += ["", *section(group, members, medians, pictures.get(group, []))]

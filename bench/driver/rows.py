@@ -10,9 +10,11 @@ NAMES = {
     "epoll": "plain epoll", "libevent": "libevent", "libuv": "libuv", "asio": "asio", "tbb": "TBB",
     "gstreamer": "GStreamer", "stdio": "fwrite, fread", "posix": "pwrite, pread", "reticor": "Reticor",
     "reticor-single": "Reticor, a write per frame",
+    "sendto": "plain sendto", "reticor-many": "Reticor, SendMany", "reticor-segments": "Reticor, SendSegments",
 }
 ECHO = ["epoll", "libevent", "libuv", "asio", "reticor"]
 FANOUT = ["epoll", "libevent", "gstreamer", "reticor"]
+DATAGRAMS = ["sendto", "libuv", "asio", "reticor", "reticor-many", "reticor-segments"]
 
 
 @dataclasses.dataclass(frozen=True)
@@ -157,6 +159,17 @@ class ProgramRow:
         return flat(tools.json(self.program(implementation), *self.arguments(scale)))
 
 
+class DatagramRow(ProgramRow):
+    """Datagrams of one thread. Reticor has three ways to send them."""
+
+    def program(self, implementation):
+        return {"sendto": "datagrams_posix"}.get(implementation, "datagrams_" + implementation.split("-")[0])
+
+    def measure(self, tools, implementation, scale):
+        way = {"reticor-many": ["--way", "many"], "reticor-segments": ["--way", "segments"]}.get(implementation, [])
+        return flat(tools.json(self.program(implementation), *self.arguments(scale), *way))
+
+
 class MicroRow:
     """A Google Benchmark program; it has ours and the peers in itself, told apart by the benchmarks' names."""
     group = "micro"
@@ -198,6 +211,10 @@ def flat(nested):
 
 def message_arguments(scale):
     return ["--messages", scale.messages, "--bursts", scale.bursts]
+
+
+def datagram_arguments(scale):
+    return ["--seconds", scale.seconds, "--warm-up", scale.warm_up]
 
 
 def timer_arguments(scale):
@@ -257,6 +274,7 @@ def all_rows(micro_programs):
         FanoutCountRow("fanout-full-counts", "50 clients, frames of 64 KB as fast as they go", Stream(0, 65536),
                        ["--fast", 50], settle=0.4, seconds=0.8, implementations=[*FANOUT, "reticor-single"]),
         ProgramRow("messages", "Messages", ["asio", "tbb", "reticor"], message_arguments),
+        DatagramRow("datagrams", "Datagrams of 1400 bytes", DATAGRAMS, datagram_arguments),
         ProgramRow("timers", "Timers", ["libuv", "libevent", "reticor"], timer_arguments),
         ProgramRow("ticks", "Ticks", ["reticor"], tick_arguments),
         FileRow("files", "1 GiB in pieces of 4 KiB, written and read back", ["stdio", "posix", "libuv", "reticor"],

@@ -38,7 +38,7 @@ class Medians:
 def reached(medians, titles):
     """All targets of which the figures are there."""
     found = Medians(medians)
-    targets = [*echo(found, titles), *syscalls(found, titles), *fanout(found, titles), *messages(found),
+    targets = [*echo(found, titles), *syscalls(found, titles), *fanout(found, titles), *messages(found), *datagrams(found),
                *timers(found), *ticks(found), *files(found), *micro(found)]
     return [target for target in targets if target.reached is not None]
 
@@ -139,6 +139,16 @@ def messages(found):
                      found.get("messages", "reticor", f"{kind}.allocations_per_message"), 0.001)
     yield Target("Burst of 100,000 messages on an idle pool", "first one begins after",
                  found.get("messages", "reticor", "burst.first_us"), 100, unit="us")
+
+
+def datagrams(found):
+    work = "Datagrams of 1400 bytes"
+    yield Target(work, "arrived/s with SendSegments against plain sendto",
+                 found.ratio("datagrams", "read.arrived_per_s", "reticor-segments", "sendto"), 3, at_least=True)
+    for row, when in (("read", "read"), ("unread", "nobody reading")):
+        for way, what, limit in (("reticor-segments", "SendSegments", 0.25), ("reticor-many", "SendMany", 1)):
+            yield Target(work, f"CPU of one handed over with {what} against plain sendto, {when}",
+                         found.ratio("datagrams", row + ".cpu_ns", way, "sendto"), limit)
 
 
 def timers(found):
