@@ -12,6 +12,18 @@ namespace Orvex::Reticor {
 
 class CSockAddr;
 
+/// One entry of CSockDgram::RecvMany.
+struct SockReceived {
+    char* buf = nullptr;          ///< Where the bytes go; the caller's.
+    unsigned size = 0;            ///< Its length.
+    CSockAddr* remote = nullptr;  ///< Gets the sender's address, if it is not null, as with Recv.
+    unsigned length = 0;          ///< Bytes received.
+    /// The length of each datagram in there, the last one perhaps shorter: less than `length` if the socket
+    /// joins datagrams (SetJoinReceived) and several have come as one.
+    unsigned segment = 0;
+    bool truncated = false;  ///< It was longer than `size`, and its end is lost.
+};
+
 /// A UDP socket of either family, see udp(7), ip(7), ipv6(7). Open binds it, and joins the group if the
 /// address is one (224.0.0.0/4, ff00::/8). SetRemote fixes a peer, and connects the socket unless the peer is
 /// a group or a broadcast address. It receives what is sent to the groups that it has joined itself, and
@@ -83,11 +95,29 @@ public:
     /// came after some datagrams had gone. Blocks only in blocking mode.
     int SendSegments(const struct iovec* vector, int count, unsigned segment, const CSockAddr* remote);
 
+    /// Sends `count` datagrams, one from each entry, to `remote`, or with null to the peer of SetRemote, with
+    /// one system call for up to 64 of them (sendmmsg(2)); lengths may differ. Returns how many went: fewer
+    /// if there are more than 64, or the socket took no more, so call again with the rest; 0 if nothing can
+    /// be sent now. -1 with a log line as for Send, also if an entry has no bytes, and if an error came after
+    /// some datagrams had gone. Blocks only in blocking mode.
+    int SendMany(const struct iovec* datagrams, int count, const CSockAddr* remote);
+
     /// Receives one datagram, and its sender's address in `remote`, if that is not null. Returns its bytes; 0
     /// if nothing is waiting, or the datagram was empty; -1 with a log line: on an error, and if `buf` is
     /// null, `len` is 0 or `remote` is of no known type. An IPv6 sender's address does not fit in a
     /// CSockAddrIPv4: a line is logged and `remote` keeps what it held. Blocks only in blocking mode.
     int Recv(char* buf, unsigned len, CSockAddr* remote);
+
+    /// Receives up to `count` datagrams, one for each entry, with one system call for up to 64 of them
+    /// (recvmmsg(2)). Returns how many entries were filled; 0 if nothing is waiting; -1 with a log line: on
+    /// an error, and if an entry has no buffer or an address of no known type. In blocking mode it waits for
+    /// the first datagram alone.
+    int RecvMany(SockReceived* list, int count);
+
+    /// Whether the kernel may hand over several datagrams of one sender and length as one (UDP_GRO, see
+    /// udp(7)), which RecvMany tells apart and Recv does not; up to 65535 bytes, so give it such buffers. 0,
+    /// or -1 with a log line.
+    int SetJoinReceived(bool on);
 
     /// Moves the membership of an IPv4 group from the default interface to the one that has the address `ip`,
     /// in host byte order, and sends to groups through it. Returns 0; -1 if no group was joined, in silence,

@@ -16,6 +16,7 @@
 
 #include "Socket/address/SockAddrRecord.h"
 #include "Socket/address/SockError.h"
+#include "Socket/socket/DgramBatch.h"
 #include "Socket/socket/DgramGather.h"
 
 namespace Orvex::Reticor {
@@ -119,28 +120,13 @@ bool may_be_for_cutting(int error) {
            error == ENOPROTOOPT;
 }
 
-// A call that took fewer than it was given hides why: the next one alone tells.
 ssize_t send_list(int handle, const SockAddrRecord* to, CutList& list) {
     std::array<mmsghdr, DgramSegments::MOST_DATAGRAMS> messages{};
     for (size_t i = 0; i < list.datagrams(); ++i) {
         messages[i].msg_hdr = list.message(i, 1, to);
     }
-    const int taken =
-        ::sendmmsg(handle, messages.data(), static_cast<unsigned>(list.datagrams()), MSG_NOSIGNAL);
-    if (taken < 0) {
-        return -1;
-    }
-    auto sent = static_cast<size_t>(taken);
-    for (; sent < list.datagrams(); ++sent) {
-        if (::sendmsg(handle, &messages[sent].msg_hdr, MSG_NOSIGNAL) >= 0) {
-            continue;
-        }
-        if (is_try_again(errno)) {
-            break;
-        }
-        return -1;
-    }
-    return static_cast<ssize_t>(list.bytes(sent));
+    const ssize_t sent = send_messages(handle, messages.data(), list.datagrams());
+    return sent < 0 ? -1 : static_cast<ssize_t>(list.bytes(static_cast<size_t>(sent)));
 }
 
 }  // namespace

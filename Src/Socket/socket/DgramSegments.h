@@ -6,6 +6,8 @@
 
 #include <cstddef>
 
+#include "Socket/socket/DgramBatch.h"
+
 namespace Orvex::Reticor {
 
 struct SockAddrRecord;
@@ -16,8 +18,8 @@ struct SockAddrRecord;
 /// Thread safety: none; like the socket, it is its user's.
 class DgramSegments {
 public:
-    static constexpr size_t MOST_DATAGRAMS = 64;  ///< Of one message, by the kernel.
-    static constexpr size_t MOST_BYTES = 65000;   ///< Of one message; no more than both families take.
+    static constexpr size_t MOST_DATAGRAMS = MOST_MESSAGES;  ///< Of one message; the kernel's bound too.
+    static constexpr size_t MOST_BYTES = 65000;  ///< Of one message; no more than both families take.
 
     /// Sends on the socket `handle` to `to`, or with null on the connected one to its peer. Returns the bytes
     /// that went, which end where a datagram ends: fewer than there are if one call takes no more. -1 with

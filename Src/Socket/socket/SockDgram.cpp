@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <memory>
 #include <new>
@@ -18,6 +19,7 @@
 #include "Socket/address/IpLiteral.h"
 #include "Socket/address/SockAddrRecord.h"
 #include "Socket/address/SockError.h"
+#include "Socket/socket/DgramBatch.h"
 #include "Socket/socket/DgramGather.h"
 #include "Socket/socket/DgramGroups.h"
 #include "Socket/socket/DgramSegments.h"
@@ -67,6 +69,15 @@ bool store_sender(const sockaddr_in6& from, CSockAddr& remote) {
     return true;
 }
 
+bool is_known_type(const CSockAddr& addr) {
+    return addr.GetType() >= SOCKADDR_TYPE_IPV4 && addr.GetType() <= SOCKADDR_TYPE_STORAGE;
+}
+
+bool can_receive(const SockReceived& entry) {
+    return entry.buf != nullptr && entry.size != 0 &&
+           (entry.remote == nullptr || is_known_type(*entry.remote));
+}
+
 // The address to bind to: the wildcard for a group, else the record's; with the port given.
 SockAddrRecord bind_record(const SockAddrRecord& record, unsigned short port) {
     SockAddrRecord own = record;
@@ -87,7 +98,8 @@ struct CSockDgram::Record {
     std::unique_ptr<CSockAddr> m_remote_addr;  ///< The peer set by SetRemote, of its family's class, or null.
     DgramGroups m_groups;
     DgramSegments m_segments;
-    bool m_is_ipv4 = true;  ///< Family of the socket.
+    bool m_is_ipv4 = true;        ///< Family of the socket.
+    bool m_is_connected = false;  ///< To m_remote_addr, so that datagrams for it need no address.
 
     /// `remote`, or if that is null the peer that was set; null if none was.
     static const CSockAddr* peer_of(const Record* record, const CSockAddr* remote) {
@@ -124,6 +136,7 @@ int CSockDgram::Open(const CSockAddr* addr, bool reuseaddr) {
         Close();
     }
     m_record->m_remote_addr.reset();
+    m_record->m_is_connected = false;
     m_record->m_groups.forget();
     m_record->m_segments.forget();
     m_record->m_is_ipv4 = addr == nullptr || SockAddrRecord::family_type_of(*addr) == SOCKADDR_TYPE_IPV4;
@@ -166,6 +179,7 @@ int CSockDgram::SetRemote(const CSockAddr* remote) {
         return fail_with(ENOMEM);
     }
     m_record->m_remote_addr.reset();
+    m_record->m_is_connected = false;
     sockaddr_storage probe;
     if (remote->GetAddr(reinterpret_cast<sockaddr*>(&probe)) == nullptr) {
         INFRA_LOG(2, "%s : invalid remote addresst type!\n", INFRA_FUNCTION);
@@ -192,6 +206,7 @@ int CSockDgram::SetRemote(const CSockAddr* remote) {
         errno = error;
         return result;
     }
+    m_record->m_is_connected = true;
     return 0;
 }
 
@@ -241,18 +256,52 @@ int CSockDgram::SendSegments(const struct iovec* vector, int count, unsigned seg
                   INFRA_FUNCTION, static_cast<const void*>(vector), count, segment);
         return -1;
     }
-    remote = Record::peer_of(m_record.get(), remote);
-    if (const char* const fault = Record::fault_of(remote)) {
+    const CSockAddr* const peer = Record::peer_of(m_record.get(), remote);
+    if (const char* const fault = Record::fault_of(peer)) {
         INFRA_LOG(2, "%s : send to failed! remote is %s \n", INFRA_FUNCTION, fault);
         return -1;
     }
-    const SockAddrRecord peer(*remote);
-    const ssize_t sent =
-        m_record->m_segments.send(m_handle, &peer, vector, static_cast<size_t>(count), segment);
+    const SockAddrRecord to(*peer);
+    const bool needs_none = remote == nullptr && m_record->m_is_connected;
+    const ssize_t sent = m_record->m_segments.send(m_handle, needs_none ? nullptr : &to, vector,
+                                                   static_cast<size_t>(count), segment);
     if (sent >= 0) {
         return static_cast<int>(sent);
     }
     return is_try_again(errno) ? 0 : SOCK_FAILED("send failed! %s\n");
+}
+
+int CSockDgram::SendMany(const struct iovec* datagrams, int count, const CSockAddr* remote) {
+    const int wanted = std::min(count, static_cast<int>(MOST_MESSAGES));
+    const bool good =
+        datagrams != nullptr && wanted > 0 &&
+        std::all_of(datagrams, datagrams + wanted, [](const iovec& one) { return one.iov_len != 0; });
+    if (!good) {
+        INFRA_LOG(2, "%s : send to failed! Invalid parameter: datagrams:%p, count:%d \n", INFRA_FUNCTION,
+                  static_cast<const void*>(datagrams), count);
+        return -1;
+    }
+    const CSockAddr* const peer = Record::peer_of(m_record.get(), remote);
+    if (const char* const fault = Record::fault_of(peer)) {
+        INFRA_LOG(2, "%s : send to failed! remote is %s \n", INFRA_FUNCTION, fault);
+        return -1;
+    }
+    const SockAddrRecord to(*peer);
+    const bool needs_none = remote == nullptr && m_record->m_is_connected;
+    std::array<mmsghdr, MOST_MESSAGES> messages;
+    for (int i = 0; i < wanted; ++i) {
+        messages[static_cast<size_t>(i)] = {};
+        msghdr& message = messages[static_cast<size_t>(i)].msg_hdr;
+        message.msg_name = needs_none ? nullptr : const_cast<sockaddr*>(to.get());
+        message.msg_namelen = needs_none ? 0 : to.length;
+        message.msg_iov = const_cast<iovec*>(&datagrams[i]);
+        message.msg_iovlen = 1;
+    }
+    const ssize_t sent = send_messages(m_handle, messages.data(), static_cast<size_t>(wanted));
+    if (sent >= 0) {
+        return static_cast<int>(sent);
+    }
+    return is_try_again(errno) ? 0 : SOCK_FAILED("send to failed! %s\n");
 }
 
 int CSockDgram::Recv(char* buf, unsigned len, CSockAddr* remote) {
@@ -261,8 +310,7 @@ int CSockDgram::Recv(char* buf, unsigned len, CSockAddr* remote) {
                   static_cast<const void*>(buf), len);
         return -1;
     }
-    if (remote != nullptr &&
-        (remote->GetType() < SOCKADDR_TYPE_IPV4 || remote->GetType() > SOCKADDR_TYPE_STORAGE)) {
+    if (remote != nullptr && !is_known_type(*remote)) {
         INFRA_LOG(2, "%s : recv failed! invalid parameter,remote type:%u \n", INFRA_FUNCTION,
                   remote->GetType());
         return -1;
@@ -278,6 +326,31 @@ int CSockDgram::Recv(char* buf, unsigned len, CSockAddr* remote) {
         INFRA_LOG(2, "%s : a ipv6 address can not put into CSockAddrIPv4!\n", INFRA_FUNCTION);
     }
     return static_cast<int>(received);
+}
+
+int CSockDgram::RecvMany(SockReceived* list, int count) {
+    const int wanted = std::min(count, static_cast<int>(MOST_MESSAGES));
+    const bool good = list != nullptr && wanted > 0 && std::all_of(list, list + wanted, can_receive);
+    if (!good) {
+        INFRA_LOG(2, "%s : recv failed! invalid parameter: list:%p, count:%d \n", INFRA_FUNCTION,
+                  static_cast<void*>(list), count);
+        return -1;
+    }
+    std::array<sockaddr_in6, MOST_MESSAGES> from;
+    const ssize_t received = receive_messages(m_handle, list, from.data(), static_cast<size_t>(wanted));
+    if (received < 0) {
+        return is_try_again(errno) ? 0 : SOCK_FAILED("recv from failed! %s\n");
+    }
+    for (ssize_t i = 0; i < received; ++i) {
+        if (list[i].remote != nullptr && !store_sender(from[static_cast<size_t>(i)], *list[i].remote)) {
+            INFRA_LOG(2, "%s : a ipv6 address can not put into CSockAddrIPv4!\n", INFRA_FUNCTION);
+        }
+    }
+    return static_cast<int>(received);
+}
+
+int CSockDgram::SetJoinReceived(bool on) {
+    return set_joining(m_handle, on) == -1 ? SOCK_FAILED("UDP_GRO failed, %s\n") : 0;
 }
 
 int CSockDgram::SetMulticastIF(unsigned ip) {

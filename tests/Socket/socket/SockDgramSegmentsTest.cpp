@@ -156,6 +156,12 @@ TEST_F(SockDgramSegments, GoToThePeerThatWasSet) {
     ASSERT_EQ(0, sock.SetRemote(&to));
     EXPECT_EQ(250, sock.SendSegments(list.data(), 1, 100, nullptr));
     EXPECT_EQ(text, joined(received()));
+
+    // A broadcast address is not connected to, and the one before stays so.
+    const CSockAddrIPv4 broadcast("127.0.0.255", to.GetPort());
+    ASSERT_EQ(0, sock.SetRemote(&broadcast));
+    sock.SendSegments(list.data(), 1, 100, nullptr);
+    EXPECT_TRUE(received().empty()) << "it is not meant";
 }
 
 // A device that cannot cut.
