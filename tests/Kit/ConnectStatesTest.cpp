@@ -19,6 +19,7 @@
 #include "Kit/PoolState.h"
 #include "Kit/resolve/Resolver.h"
 #include "support/Eventually.h"
+#include "support/KernelThread.h"
 #include "support/LogCapture.h"
 #include "support/ThreadFault.h"
 #include "support/kit/Live.h"
@@ -282,6 +283,12 @@ TEST_F(KitAttempt, ThrowingCallIsALineAndItsConnectionEnds) {
 
 class KitResolver : public testing::Test {
 protected:
+    /// Leaves no thread behind.
+    void TearDown() override {
+        EXPECT_EVENTUALLY(kernelThreadByName("Reticor::Kit") == 0);
+        Kit::Resolver::reap();
+    }
+
     struct Told {
         std::atomic<int> answers{0};
         std::atomic<int> gone{0};
@@ -325,7 +332,6 @@ TEST_F(KitResolver, AnswersOnceAndTheQuestionGoesThen) {
     EXPECT_EVENTUALLY(m_told.gone == 2);
     EXPECT_EQ(EAI_NONAME, m_told.error);
     EXPECT_EQ(0U, m_told.count);
-    Kit::Resolver::reap();
 }
 
 TEST_F(KitResolver, LooksUpFourNamesAtATimeAndTheOthersInTurn) {
@@ -341,14 +347,13 @@ TEST_F(KitResolver, LooksUpFourNamesAtATimeAndTheOthersInTurn) {
     }
     EXPECT_EQ(NAMES, m_told.answers);
     EXPECT_EQ(4, names().most);
-    Kit::Resolver::reap();
 }
 
 TEST_F(KitResolver, ItsThreadsEndWhenThereIsNothingToDoAndStartAnew) {
     for (int round = 1; round <= 50; ++round) {
         ASSERT_TRUE(ask("nobody.test"));
         EXPECT_EVENTUALLY(m_told.gone == round);
-        Kit::Resolver::reap();  // returns only when the thread is gone
+        Kit::Resolver::reap();
     }
     EXPECT_EQ(50, m_told.answers);
 }

@@ -68,7 +68,7 @@ protected:
 TEST_F(KitMailbox, RunsALetterOfEachWay) {
     int count = 0;
     for (const auto way : {MailboxBody::PLAIN, MailboxBody::SERIAL, MailboxBody::IO}) {
-        EXPECT_TRUE(post(way, note(way)));
+        EXPECT_TRUE(post(way, note(static_cast<int>(way))));
         ++count;
         EXPECT_EVENTUALLY(m_count == count && m_live.count() == 0);
     }
