@@ -10,6 +10,9 @@
 
 #include <Reticor/MediaBuffer.h>
 #include <Reticor/MediaStreamSender.h>
+#include <Reticor/SockAddrIPv4.h>
+#include <Reticor/SockAddrStorage.h>
+#include <Reticor/SockDgram.h>
 #include <Reticor/StreamSender.h>
 
 #include "support/PoolFixture.h"
@@ -22,7 +25,11 @@ namespace {
 using Reticor::CMediaBuffer;
 using Reticor::CMediaPacket;
 using Reticor::CMediaStreamSender;
+using Reticor::CSockAddrIPv4;
+using Reticor::CSockAddrStorage;
+using Reticor::CSockDgram;
 using Reticor::CStreamSender;
+using Reticor::MediaSenderStats;
 
 class Packet : public CMediaPacket {
 public:
@@ -156,6 +163,48 @@ TEST_F(MediaMemory, AClientGetsWholeFramesOrIsTold) {
         }
         buffer.reset();
         EXPECT_EQ(taken ? 1 : 0, big.releases);
+        return swept.hit;
+    });
+}
+
+// Frames of so many packets that a datagram's list of pieces needs memory.
+TEST_F(MediaMemory, ADatagramClientGetsItsFramesOrIsTold) {
+    sweep([this](size_t successes, Extent extent) {
+        const NoRecords none;
+        const CSockAddrIPv4 any("127.0.0.1", 0);
+        CSockDgram receiver;
+        EXPECT_EQ(0, receiver.Open(&any));
+        CSockAddrStorage to;
+        EXPECT_EQ(0, receiver.GetLocalAddr(&to));
+        CSockDgram sock;
+        EXPECT_EQ(0, sock.Open(nullptr));
+        auto buffer = std::make_unique<CMediaBuffer>();
+        std::vector<Packet> packets(1000);
+        CMediaStreamSender* const sender = CMediaStreamSender::Create();
+        sender->Attach(&sock);
+        int remote = 1;
+        int cut = 1;
+        bool taken = true;
+        const Swept swept = withFault(successes, extent, [&] {
+            remote = sender->SetRemote(&to);
+            cut = sender->SetDatagrams(12000);
+            buffer->AddSender(sender);
+            for (size_t i = 0; i < packets.size(); ++i) {
+                taken = buffer->Put(&packets[i], 15, i + 1 == packets.size() ? 1 : 0, 1) == 0 && taken;
+            }
+        });
+        EXPECT_TRUE(swept.hit || (remote == 0 && cut == 0 && taken));
+        EXPECT_EQ(swept.hit, swept.lines > 0) << swept.text;
+        const MediaSenderStats stats = sender->GetStats();
+        if (remote == 0 && cut == 0 && taken && stats.listed) {
+            EXPECT_EQ(1U, stats.frames);
+            std::vector<char> bytes(20000);
+            EXPECT_EQ(12000, receiver.Recv(bytes.data(), 20000, nullptr));
+            EXPECT_EQ(3000, receiver.Recv(bytes.data(), 20000, nullptr));
+        }
+        buffer->DelSender(sender);
+        sender->Close();
+        buffer.reset();
         return swept.hit;
     });
 }

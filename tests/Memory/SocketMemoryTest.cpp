@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <string>
 #include <vector>
 
 #include <Reticor/R3.h>
@@ -85,6 +86,44 @@ TEST(SocketMemory, ADatagramSocketWorksOrDoesNotOpen) {
         EXPECT_TRUE(swept.hit || opened == 0);
         socket->Close();
         socket->~CSockDgram();
+        return swept.hit;
+    });
+}
+
+TEST(SocketMemory, ListsOfDatagramsGoOrAreRefused) {
+    const CSockAddrIPv4 any("127.0.0.1", 0);
+    CSockDgram receiver;
+    CSockDgram sender;
+    CSockAddrStorage to;
+    ASSERT_EQ(0, receiver.Open(&any));
+    ASSERT_EQ(0, receiver.GetLocalAddr(&to));
+    ASSERT_EQ(0, sender.Open(nullptr));
+    std::string bytes(1500, 'b');
+    std::vector<iovec> ones;
+    for (char& byte : bytes) {
+        ones.push_back({&byte, 1});
+    }
+    sweep([&](size_t successes, Extent extent) {
+        int many = 1;
+        int segments = 1;
+        int got = 1;
+        CSockAddrStorage from;
+        char room[2000];
+        Reticor::SockReceived entry;
+        entry.buf = room;
+        entry.size = sizeof room;
+        entry.remote = &from;
+        const Swept swept = withFault(successes, extent, [&] {
+            many = sender.SendMany(ones.data(), 3, &to);
+            segments = sender.SendSegments(ones.data(), 1500, 1500, &to);
+            got = receiver.RecvMany(&entry, 1);
+        });
+        EXPECT_EQ(3, many) << "which needs none";
+        EXPECT_TRUE(segments == 1500 || (segments == -1 && swept.lines > 0)) << swept.text;
+        EXPECT_EQ(1, got);
+        EXPECT_TRUE(swept.hit || segments == 1500);
+        while (receiver.Recv(room, sizeof room, nullptr) > 0) {
+        }
         return swept.hit;
     });
 }

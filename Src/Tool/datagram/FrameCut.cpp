@@ -106,7 +106,7 @@ size_t FrameCut::bytes_of(uint32_t index) const {
     return std::min(m_frame.payload, m_frame.bytes - index * m_frame.payload);
 }
 
-void FrameCut::write_header(const CFrame& frame, uint32_t index, char* to) const {
+void FrameCut::write_header(const CFrame& frame, uint32_t index, char* to) {
     MediaDatagram datagram;
     datagram.number = m_stats.datagrams + index - m_frame.index;
     datagram.index = index;
@@ -121,8 +121,7 @@ void FrameCut::write_header(const CFrame& frame, uint32_t index, char* to) const
     datagram.info = frame.m_info_packet;
     datagram.info_arg = frame.m_info_arg;
     INFRA_PROMISE(FRAME_FILTER);
-    Header function = m_size.function;
-    function(datagram, to);
+    m_size.function(datagram, to);
 }
 
 // False, and the list is as before, if it has no room for it.

@@ -92,7 +92,7 @@ private:
     bool has_begun(const CFrame& frame, uint64_t left, bool at_boundary) const;
     size_t bytes_of(uint32_t index) const;
     bool add(List& list, const CFrame& frame, Cursor& cursor, uint32_t index);
-    void write_header(const CFrame& frame, uint32_t index, char* to) const;
+    void write_header(const CFrame& frame, uint32_t index, char* to);
     Sent send_list(CSockDgram& sock, const List& list);
 
     CSockAddrStorage m_remote;
