@@ -17,6 +17,7 @@
 #include <Reticor/kit/Server.h>
 
 #include "Kit/PoolState.h"
+#include "Kit/connect/Connector.h"
 #include "Kit/resolve/Resolver.h"
 #include "support/Eventually.h"
 #include "support/KernelThread.h"
@@ -246,6 +247,27 @@ TEST_F(KitAttempt, EndsAtItsDeadlineWithTheErrorOfThat) {
         EXPECT_EQ(std::pair(ConnectResult::TIMED_OUT, ETIMEDOUT), result());
         EXPECT_GE(CTime::getCurrentMicroSecond() - begin + 3000, deadline > 0ms ? 20000U : 0U);
     }
+}
+
+// Two that find an outcome beside each other, as two workers may.
+TEST_F(KitAttempt, IsOverOnce) {
+    const SilentPort silent;
+    Live live;
+    auto* const connector = Kit::PoolState::of(m_pool)->make<Kit::Connector>(
+        Kit::ConnectOptions(),
+        Kit::Connected([token = live.token()](Connection&, ConnectResult, int) mutable { token.use(); }));
+    ASSERT_NE(nullptr, connector);
+    connector->start("127.0.0.1", static_cast<unsigned short>(silent.number()));
+    constexpr unsigned int CANCEL = 2;
+    connector->handle_message(0, CANCEL, 0);
+    EXPECT_EQ(1, live.used());
+    EXPECT_EQ(0, live.count());
+    connector->handle_message(0, CANCEL, 0);
+    EXPECT_EQ(-1, connector->handle_timeout(1));
+    EXPECT_EQ(0, connector->handle_output(silent.number()));
+    EXPECT_EQ(1, live.used());
+    EXPECT_EQ(1U, Kit::PoolState::of(m_pool)->left()) << "the box for posted calls";
+    connector->DecRef();
 }
 
 TEST_F(KitAttempt, WithoutAThreadForTheNameIsCancelledAndTheNextOneIsNot) {

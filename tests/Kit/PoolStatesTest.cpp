@@ -302,23 +302,63 @@ TEST_F(KitPoolState, OneThatIsMadeLaterHasNothingToDoWithHandlesOfAnEndedOne) {
     EXPECT_EVENTUALLY(m_live.used() == 1);
 }
 
-TEST_F(KitPoolState, CountsWhomItCutsWithBytesThatWait) {
-    Kit::Pool pool(2);
-    const std::string megabyte(1 << 20, 'm');
+/// Connections of a pool, with their peers.
+struct Clients {
+    Kit::Connection& come(Kit::Pool& pool, Kit::Connection::Event start) {
+        int ends[2];
+        EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends));
+        peers.emplace_back(ends[1]);
+        connections.push_back(Kit::Connection::adopt(pool, ends[0], {}, std::move(start)));
+        return connections.back();
+    }
     std::vector<Peer> peers;
     std::vector<Kit::Connection> connections;
-    for (int i = 0; i < 5; ++i) {
-        int ends[2];
-        ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends));
-        peers.emplace_back(ends[1]);
-        connections.push_back(Kit::Connection::adopt(pool, ends[0], {}, [](Kit::Connection&) {}));
-        if (i < 3) {
-            EXPECT_TRUE(connections.back().write(megabyte));
+};
+
+TEST_F(KitPoolState, CountsWhomItCutsWithBytesThatWait) {
+    const std::string megabyte(1 << 20, 'm');
+    for (const auto drain : {10ms, 0ms, -5ms}) {
+        Kit::Pool pool(2);
+        Clients clients;
+        for (int i = 0; i < 5; ++i) {
+            Kit::Connection& connection = clients.come(pool, [](Kit::Connection&) {});
+            if (i < 3) {
+                EXPECT_TRUE(connection.write(megabyte));
+            }
         }
+        const Kit::StopReport report = pool.stop(drain);
+        EXPECT_EQ(3U, report.cut);
+        EXPECT_EQ(0U, report.stayed);
     }
-    const Kit::StopReport report = pool.stop(10ms);
-    EXPECT_EQ(3U, report.cut);
-    EXPECT_EQ(0U, report.stayed);
+}
+
+TEST_F(KitPoolState, NamesWhoStaysOnceForEachClass) {
+    struct Doors {
+        CSemaphore inside{0};
+        CSemaphore go{0};
+    };
+    const auto doors = std::make_shared<Doors>();
+    const auto stay = [doors] {
+        doors->inside.post();
+        doors->go.pend();
+    };
+    Kit::Pool pool(4);
+    Kit::Pool other(1);
+    Clients clients;
+    for (int i = 0; i < 2; ++i) {
+        clients.come(pool, [stay](Kit::Connection&) { stay(); });
+    }
+    ASSERT_TRUE(pool.post(stay));
+    for (int i = 0; i < 3; ++i) {
+        doors->inside.pend();
+    }
+    LogCapture log;
+    Kit::Timer release(other, 1100ms, [doors] { doors->go.post(3, 3); });
+    EXPECT_EQ(3U, pool.stop(0ms).stayed);
+    EXPECT_EQ(1U, log.count(2,
+                            "the pools are stopped, but 3 stay in call-backs that do not return: 2 of class "
+                            "Connection, 1 of class posted call\n"))
+        << log.dump();
 }
 
 TEST_F(KitPoolState, ACallThatEndsItsThreadIsOver) {

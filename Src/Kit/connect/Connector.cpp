@@ -151,8 +151,7 @@ int64_t Connector::handle_timeout(long id) {
         const uint64_t now = now_us();
         if (id != m_deadline) {
             outcome = try_next();
-            again =
-                !outcome.over && m_next < m_addresses.size() ? clamp_delay(m_options.stagger.count()) : -1;
+            again = !m_over && m_next < m_addresses.size() ? clamp_delay(m_options.stagger.count()) : -1;
             m_stagger = again == -1 ? -1 : id;
         } else if (is_due(m_deadline_us, now)) {
             m_deadline = -1;
