@@ -134,8 +134,9 @@ TEST(KitServer, IsNotDeafAfterManyHaveComeAndGone) {
             clients.back().send("x");
         }
     }
+    // Some of those who have gone may still wait to be accepted, and take the places for a moment.
+    EXPECT_EVENTUALLY(TcpClient(server.port()).echoes("still there?"));
     EXPECT_EVENTUALLY(server.counts().open == 0);
-    EXPECT_TRUE(TcpClient(server.port()).echoes("still there?"));
     EXPECT_GE(server.counts().refused(), 1U);
 }
 
