@@ -385,7 +385,7 @@ TEST_F(KitConnectionState, PausedOrUnaskedGoesIdle) {
         m_ends = 0;
         Connection connection = begun(options);
         asked ? connection.readByAsking() : connection.pause();
-        m_peer->send("nobody reads this");
+        m_peer->offer("nobody reads this");
         EXPECT_EVENTUALLY(m_ends == 1);
         EXPECT_EQ(CloseReason::IDLE, m_reason);
     }

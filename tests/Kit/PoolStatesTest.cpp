@@ -343,7 +343,6 @@ TEST_F(KitPoolState, NamesWhoStaysOnceForEachClass) {
         doors->go.pend();
     };
     Kit::Pool pool(4);
-    Kit::Pool other(1);
     Clients clients;
     for (int i = 0; i < 2; ++i) {
         clients.come(pool, [stay](Kit::Connection&) { stay(); });
@@ -353,8 +352,12 @@ TEST_F(KitPoolState, NamesWhoStaysOnceForEachClass) {
         doors->inside.pend();
     }
     LogCapture log;
-    Kit::Timer release(other, 1100ms, [doors] { doors->go.post(3, 3); });
+    std::thread release([&] {
+        EXPECT_TRUE(log.eventuallyContainsMatching(2, "the pools are stopped[^]*"));
+        doors->go.post(3, 3);
+    });
     EXPECT_EQ(3U, pool.stop(0ms).stayed);
+    release.join();
     EXPECT_EQ(1U, log.count(2,
                             "the pools are stopped, but 3 stay in call-backs that do not return: 2 of class "
                             "Connection, 1 of class posted call\n"))
