@@ -82,8 +82,9 @@ private:
             m_connection.write("* that name is taken\n");
         } else {
             m_name = name;
+            m_room.say(m_name,
+                       "* " + m_name + " joined\n");  // before the guest knows: who comes next is later
             m_connection.write({"* welcome, ", m_name, "\n"});
-            m_room.say(m_name, "* " + m_name + " joined\n");
         }
     }
 
