@@ -4,6 +4,8 @@
 #include <atomic>
 #include <vector>
 
+#include <thread>
+
 #include <gtest/gtest.h>
 
 #include <Infra/Semaphore.h>
@@ -125,9 +127,12 @@ TEST(KitPool, DestroysWhatItCutsBeforeItsTurn) {
     }
     LogCapture log;
     Kit::Pool ending = std::move(pool);
-    Kit::Pool other(1);
-    Kit::Timer release(other, milliseconds(1100), [&go] { go.post(workers, workers); });
+    std::thread release([&] {
+        EXPECT_TRUE(log.eventuallyContainsMatching(2, "the pools are stopped[^]*"));
+        go.post(workers, workers);
+    });
     const Kit::StopReport report = ending.stop(milliseconds(0));
+    release.join();
     EXPECT_EQ(1U, report.stayed);
     EXPECT_TRUE(log.contains(
         2, "the pools are stopped, but 1 stay in call-backs that do not return: 1 of class posted call\n"))
