@@ -2,9 +2,8 @@
 #include <Reticor/kit/Pool.h>
 
 #include <atomic>
-#include <vector>
-
 #include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
