@@ -19,11 +19,26 @@ protected:
         closed(file);
         StillFileFixture::TearDown();
     }
-    // All messages that were posted so far have come.
-    void await() {
-        const int before = client->errors();
-        owed->tell(FILE_MSG_ERROR);
-        EXPECT_EVENTUALLY(client->errors() == before + 1);
+    // All messages that were posted so far have come: each worker is done with what it had before.
+    static void await() {
+        const int workers = ThreadPoolProbe::workers(*PoolTable::Get(0));
+        std::atomic<int> here{0};
+        std::vector<Testing::TestHandler*> guests;
+        for (int i = 0; i < workers; ++i) {
+            guests.push_back(new Testing::TestHandler);
+            guests.back()->on_message = [&](long, unsigned int, long) {
+                ++here;
+                EXPECT_EVENTUALLY(here == workers);
+                return 0;
+            };
+        }
+        for (Testing::TestHandler* const guest : guests) {
+            guest->Notify(guest->GetID(), 1, 0);
+        }
+        EXPECT_EVENTUALLY(here == workers);
+        for (Testing::TestHandler* const guest : guests) {
+            closeAndWait(guest);
+        }
     }
 
     CNFile* file = nullptr;
@@ -149,6 +164,7 @@ TEST_F(OwedMessagesOfAFile, TwoThatPayAtTheSameTimePayOnce) {
 
 TEST_F(OwedMessagesOfAFile, OnceSilentTheyAreNoLongerPosted) {
     owed->need_write_message();
+    owed->tell(FILE_MSG_ERROR);
     await();
     owed->be_silent();
     owed->notify_write_message();

@@ -259,12 +259,11 @@ TEST_F(ReceiverThreads, WritersHaveThreadsOfTheirOwn) {
 
 TEST_F(ReceiverThreads, TicksComeAtTheReceivePeriod) {
     TestReceiver* const receiver = make();
-    receiver->StartReceive(0, 1.0F);
-    EXPECT_EVENTUALLY(receiver->life->inputs >= 1);
     const uint64_t begin = Infra::CTime::getCurrentMicroSecond();
-    const int before = receiver->life->inputs;
-    EXPECT_EVENTUALLY(receiver->life->inputs >= before + 10);
-    EXPECT_GE(Infra::CTime::getCurrentMicroSecond() - begin, 100000u)
+    receiver->StartReceive(0, 1.0F);
+    // Their grid may begin 100 ms before, and whatever is late then is caught up.
+    EXPECT_EVENTUALLY(receiver->life->inputs >= 60);
+    EXPECT_GE(Infra::CTime::getCurrentMicroSecond() - begin, 60u * 10000 - 110000)
         << "not faster; a busy machine is slower";
     end({receiver});
 }
