@@ -169,7 +169,7 @@ TEST_F(MediaMemory, AClientGetsWholeFramesOrIsTold) {
 
 // Frames of so many packets that a datagram's list of pieces needs memory.
 TEST_F(MediaMemory, ADatagramClientGetsItsFramesOrIsTold) {
-    sweep([this](size_t successes, Extent extent) {
+    sweep([](size_t successes, Extent extent) {
         const NoRecords none;
         const CSockAddrIPv4 any("127.0.0.1", 0);
         CSockDgram receiver;

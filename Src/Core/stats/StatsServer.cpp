@@ -103,8 +103,9 @@ bool StatsServer::listen_at(const char* path) {
         return false;
     }
     if (!bind_to(m_listener, address)) {
-        if (errno != EADDRINUSE || !is_stale(address)) {
-            errno = errno == EADDRINUSE || errno == 0 ? EADDRINUSE : errno;
+        const int error = errno;
+        if (error != EADDRINUSE || !is_stale(address)) {
+            errno = error;
             return false;
         }
         ::unlink(path);

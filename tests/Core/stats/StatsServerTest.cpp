@@ -145,5 +145,22 @@ TEST_F(StatsServing, TakesOverAPathThatNobodyListensAtAndNoOther) {
     EXPECT_EQ(3u, log.countMatching(2, ".*ServeStats.*\n")) << log.dump();
 }
 
+// The look at what is there has errors of its own.
+TEST_F(StatsServing, SaysThatAPathIsTakenWhateverHasTakenIt) {
+    EXPECT_EQ(0, CNetThread::StopServingStats());
+    const int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strcpy(address.sun_path, path.c_str());
+    ASSERT_EQ(0, ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address));
+    LogCapture log;
+    EXPECT_EQ(-1, CNetThread::ServeStats(path.c_str()));
+    EXPECT_EQ(1u, log.countMatching(2, ".*ServeStats.* can't serve at .*, Address already in use\n"))
+        << log.dump();
+    ::close(fd);
+    ::unlink(path.c_str());
+    EXPECT_EQ(0, CNetThread::ServeStats(path.c_str()));
+}
+
 }  // namespace
 }  // namespace Orvex::Testing
