@@ -40,8 +40,6 @@ public:
     bool set_remote(const CSockAddr* remote);
     /// From the next frame on. `payload` 0: a frame is one datagram.
     void set_size(unsigned payload, unsigned header, const Header& function, bool paced);
-    /// Whether frames go out as without all this.
-    bool is_plain() const { return !m_has_remote && m_wanted.payload == 0; }
 
     /// Before each write: `left` bytes of the frame are to be sent, which are all of it `at_boundary`.
     void prepare(const CFrame& frame, uint64_t left, bool at_boundary);

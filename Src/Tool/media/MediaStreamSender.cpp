@@ -85,9 +85,8 @@ bool change_datagrams(SenderRecord& record, const Change& change) INFRA_NO_THREA
                          static_cast<void*>(record.m_owner));
         return false;
     }
-    const bool done = change(*record.m_datagrams);
-    record.set_wish(SenderRecord::WISH_DATAGRAMS, !record.m_datagrams->is_plain());
-    return done;
+    record.set_wish(SenderRecord::WISH_DATAGRAMS, true);  // for good: a frame may be half on its way
+    return change(*record.m_datagrams);
 }
 
 }  // namespace

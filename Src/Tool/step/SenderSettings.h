@@ -63,7 +63,7 @@ struct SenderSettings : SenderHotState {
     static constexpr uint8_t WISH_ROOM = 2;        ///< It waits for room when its socket is full.
     static constexpr uint8_t WISH_GATHER = 4;      ///< Several frames may go out in one write.
     static constexpr uint8_t WISH_FILTER = 8;      ///< Its filter is asked about each frame.
-    static constexpr uint8_t WISH_DATAGRAMS = 16;  ///< Its frames go out as its FrameCut says.
+    static constexpr uint8_t WISH_DATAGRAMS = 16;  ///< Its frames go out by its FrameCut.
 
     void attach(CSock* stream);
     CSock* detach();

@@ -357,6 +357,21 @@ TEST_F(MediaDatagrams, WhoeverIsLateDoesNotPause) {
     EXPECT_EQ(0, pauseTimer());
 }
 
+TEST_F(MediaDatagrams, AFrameThatPausesStaysAsItWasBegun) {
+    HandClock clock;
+    ASSERT_EQ(0, sock.SetRemote(peer.address()));
+    EXPECT_EQ(0, cutWithHeader(100, true));
+    const std::string frame = put(3000);
+    std::string got = payload(peer.received(), 0);
+    EXPECT_EQ(0, sender->SetDatagrams(0));
+    clock.advanceUs(20000);
+    endPause();
+    got += payload(peer.received(), 16, 16);
+    EXPECT_EQ(frame, got);
+    const std::string next = put(300, 1, 5);
+    EXPECT_EQ(std::vector<std::string>{next}, peer.received()) << "and the next one is whole";
+}
+
 TEST_F(MediaDatagrams, AStrangeTickChangesNothing) {
     HandClock clock;
     EXPECT_EQ(0, sender->SetRemote(peer.address()));
