@@ -101,6 +101,8 @@ struct CSockDgram::Record {
     bool m_is_ipv4 = true;        ///< Family of the socket.
     bool m_is_connected = false;  ///< To m_remote_addr, so that datagrams for it need no address.
 
+    struct Target;
+
     /// `remote`, or if that is null the peer that was set; null if none was.
     static const CSockAddr* peer_of(const Record* record, const CSockAddr* remote) {
         return remote != nullptr || record == nullptr ? remote : record->m_remote_addr.get();
@@ -109,6 +111,21 @@ struct CSockDgram::Record {
     static const char* fault_of(const CSockAddr* peer) {
         return peer == nullptr ? "null" : peer->IsValid() ? nullptr : "invalid";
     }
+};
+
+/// Where the datagrams of a list go.
+struct CSockDgram::Record::Target {
+    Target(const Record* record, const CSockAddr* remote)
+        : fault(Record::fault_of(Record::peer_of(record, remote))),
+          is_connected(remote == nullptr && record != nullptr && record->m_is_connected),
+          to(fault == nullptr ? SockAddrRecord(*Record::peer_of(record, remote)) : SockAddrRecord()) {}
+
+    /// Null: the connected peer, who needs no address.
+    const SockAddrRecord* name() const { return is_connected ? nullptr : &to; }
+
+    const char* const fault;  ///< Why nothing can be sent there; null if something can.
+    const bool is_connected;
+    const SockAddrRecord to;
 };
 
 CSockDgram::CSockDgram() : CSock(-1, SOCK_TYPE_DGRAM), m_record(new (std::nothrow) Record()) {
@@ -256,15 +273,13 @@ int CSockDgram::SendSegments(const struct iovec* vector, int count, unsigned seg
                   INFRA_FUNCTION, static_cast<const void*>(vector), count, segment);
         return -1;
     }
-    const CSockAddr* const peer = Record::peer_of(m_record.get(), remote);
-    if (const char* const fault = Record::fault_of(peer)) {
-        INFRA_LOG(2, "%s : send to failed! remote is %s \n", INFRA_FUNCTION, fault);
+    const Record::Target target(m_record.get(), remote);
+    if (target.fault != nullptr) {
+        INFRA_LOG(2, "%s : send to failed! remote is %s \n", INFRA_FUNCTION, target.fault);
         return -1;
     }
-    const SockAddrRecord to(*peer);
-    const bool needs_none = remote == nullptr && m_record->m_is_connected;
-    const ssize_t sent = m_record->m_segments.send(m_handle, needs_none ? nullptr : &to, vector,
-                                                   static_cast<size_t>(count), segment);
+    const ssize_t sent =
+        m_record->m_segments.send(m_handle, target.name(), vector, static_cast<size_t>(count), segment);
     if (sent >= 0) {
         return static_cast<int>(sent);
     }
@@ -281,19 +296,19 @@ int CSockDgram::SendMany(const struct iovec* datagrams, int count, const CSockAd
                   static_cast<const void*>(datagrams), count);
         return -1;
     }
-    const CSockAddr* const peer = Record::peer_of(m_record.get(), remote);
-    if (const char* const fault = Record::fault_of(peer)) {
-        INFRA_LOG(2, "%s : send to failed! remote is %s \n", INFRA_FUNCTION, fault);
+    const Record::Target target(m_record.get(), remote);
+    if (target.fault != nullptr) {
+        INFRA_LOG(2, "%s : send to failed! remote is %s \n", INFRA_FUNCTION, target.fault);
         return -1;
     }
-    const SockAddrRecord to(*peer);
-    const bool needs_none = remote == nullptr && m_record->m_is_connected;
     std::array<mmsghdr, MOST_MESSAGES> messages;
     for (int i = 0; i < wanted; ++i) {
         messages[static_cast<size_t>(i)] = {};
         msghdr& message = messages[static_cast<size_t>(i)].msg_hdr;
-        message.msg_name = needs_none ? nullptr : const_cast<sockaddr*>(to.get());
-        message.msg_namelen = needs_none ? 0 : to.length;
+        if (const SockAddrRecord* const to = target.name()) {
+            message.msg_name = const_cast<sockaddr*>(to->get());
+            message.msg_namelen = to->length;
+        }
         message.msg_iov = const_cast<iovec*>(&datagrams[i]);
         message.msg_iovlen = 1;
     }
