@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include <Reticor/Export.h>
+#include <Reticor/MediaDrops.h>
 
 namespace Orvex::Reticor {
 
@@ -57,6 +58,16 @@ struct SenderVerdict {
     uint32_t rtt_us = 0;          ///< Round trip.
     uint32_t congestion_window = 0;  ///< In segments.
     char sentence[160] = {};         ///< All of this in a sentence, in English, with an end mark.
+
+    // What it did not get, by cause, counted when the sender passes a frame. A frame that is gone when its
+    // turn comes is counted with the next one of its channel; its level is known for the last 1024 frames
+    // of the channel. Nothing is counted without memory for it.
+    MediaDrops too_old;     ///< Gone when its turn came, or expired.
+    MediaDrops stepped;     ///< The resume policy stepped over it since the client is late.
+    MediaDrops no_key;      ///< Its channel waited for a key frame: after a gap, or to begin with.
+    MediaDrops not_chosen;  ///< Its channel was not chosen.
+    MediaDrops filtered;    ///< The sender's filter kept it back.
+    MediaDrops disposable;  ///< Left out so that others come in time; no frame needs it.
 };
 
 /// The verdicts on all senders of all media buffers. Looking is what makes them: whoever wants verdicts asks

@@ -4,6 +4,7 @@
 #include <Reticor/DefaultStorDev.h>
 #include <Reticor/FileBuf.h>
 #include <Reticor/MediaBuffer.h>
+#include <Reticor/MediaDrops.h>
 #include <Reticor/MediaPacket.h>
 #include <Reticor/MediaStreamReceiver.h>
 #include <Reticor/MediaStreamSender.h>

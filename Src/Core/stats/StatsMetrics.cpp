@@ -135,6 +135,21 @@ void sender_family(const MediaRows& media, const char* name, const char* help,
     }
 }
 
+void drop_family(const MediaRows& media, TextRoom& out) {
+    family("reticor_media_sender_dropped_frames_total", "counter",
+           "Frames that a client did not get, by cause.", out);
+    size_t left = MOST_SENDERS;
+    for (const SenderVerdict& row : media.senders) {
+        if (left-- == 0) {
+            break;
+        }
+        for (const DropName& each : DROP_NAMES) {
+            out << "reticor_media_sender_dropped_frames_total{sender=\"" << row.sender << "\",buffer=\""
+                << row.buffer << "\",cause=\"" << each.name << "\"} " << (row.*each.drops).GetCount() << "\n";
+        }
+    }
+}
+
 /// Only where there is media, so that others have no empty families.
 void media_families(const MediaRows& media, TextRoom& out) {
     if (media.buffers.empty()) {
@@ -174,6 +189,7 @@ void media_families(const MediaRows& media, TextRoom& out) {
     sender_family(
         media, "reticor_media_sender_window_closed_ratio", "Of the time, with its receive window closed.",
         [](const SenderVerdict& row) { return row.closed_percent / 100.0; }, out);
+    drop_family(media, out);
 }
 
 }  // namespace

@@ -1,6 +1,8 @@
 // StatsTexts: a snapshot as text, as JSON, and a list of handlers. The exposition is in StatsMetrics.cpp.
 #include "Core/stats/StatsTexts.h"
 
+#include <utility>
+
 #include "Tool/judge/VerdictText.h"
 
 namespace Orvex::Reticor {
@@ -98,6 +100,34 @@ void json_of_buffer(const MediaBufferRow& row, TextRoom& out) {
         << ",\"bytes\":" << row.bytes << ",\"put_bytes\":" << row.put_bytes << "}";
 }
 
+template <size_t PLACES>
+void json_of_places(const char* name, const uint32_t (&counts)[PLACES], TextRoom& out) {
+    out << ",\"" << name << "\":{";
+    const char* comma = "";
+    for (size_t place = 0; place < PLACES; ++place) {
+        if (counts[place] != 0) {
+            out << std::exchange(comma, ",") << "\"" << place << "\":" << counts[place];
+        }
+    }
+    out << "}";
+}
+
+/// The causes that there were.
+void json_of_drops(const SenderVerdict& row, TextRoom& out) {
+    out << ",\"drops\":{";
+    const char* comma = "";
+    for (const DropName& each : DROP_NAMES) {
+        const MediaDrops& drops = row.*each.drops;
+        if (drops.GetCount() != 0) {
+            out << std::exchange(comma, ",") << "\"" << each.name << "\":{\"frames\":" << drops.GetCount();
+            json_of_places("levels", drops.by_level, out);
+            json_of_places("channels", drops.by_channel, out);
+            out << "}";
+        }
+    }
+    out << "}";
+}
+
 void json_of_sender(const SenderVerdict& row, TextRoom& out) {
     out << "{\"sender\":\"" << row.sender << "\",\"buffer\":" << row.buffer << ",\"verdict\":";
     out.Quote(VerdictText::name(row.kind)) << ",\"why\":";
@@ -109,7 +139,9 @@ void json_of_sender(const SenderVerdict& row, TextRoom& out) {
                             << ",\"closed_percent\":" << row.closed_percent << ",\"rtt_us\":" << row.rtt_us
                             << ",\"hole_frames\":" << row.hole_frames
                             << ",\"skipped_frames\":" << row.skipped_frames
-                            << ",\"thinned_frames\":" << row.thinned_frames << "}";
+                            << ",\"thinned_frames\":" << row.thinned_frames;
+    json_of_drops(row, out);
+    out << "}";
 }
 
 void text_of_media(const MediaRows& media, TextRoom& out) {

@@ -3,6 +3,7 @@
 
 #include <vector>
 
+#include <Reticor/MediaVerdicts.h>
 #include <Reticor/Stats.h>
 
 #include "Core/stats/Snapshot.h"
@@ -34,5 +35,16 @@ struct PoolFigure {
 };
 extern const PoolFigure POOL_FIGURES[];
 extern const size_t POOL_FIGURE_COUNT;
+
+/// Why clients did not get frames, for JSON and metrics.
+struct DropName {
+    const char* name;
+    MediaDrops SenderVerdict::*drops;
+};
+constexpr DropName DROP_NAMES[] = {
+    {"too_old", &SenderVerdict::too_old},   {"stepped", &SenderVerdict::stepped},
+    {"no_key", &SenderVerdict::no_key},     {"not_chosen", &SenderVerdict::not_chosen},
+    {"filtered", &SenderVerdict::filtered}, {"disposable", &SenderVerdict::disposable},
+};
 
 }  // namespace Orvex::Reticor

@@ -55,6 +55,7 @@ void FrameLine::complete() {
     const auto length = static_cast<uint64_t>(frame.m_frame_len);
     frame.place(m_core.m_byte_total - length, ++m_ordinal[channel], m_channel_bytes[channel]);
     m_channel_bytes[channel] += length;
+    m_core.m_levels.enter(frame);
     if (frame.m_frame_len < 1) {
         ++m_hollow_num;
     }

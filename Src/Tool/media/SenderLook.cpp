@@ -71,6 +71,12 @@ void add_figures(SenderRecord& record, SenderVerdict& verdict) INFRA_REQUIRES(CO
     verdict.hole_frames = stats.hole_frames;
     verdict.skipped_frames = stats.skipped_frames;
     verdict.thinned_frames = stats.thinned_frames;
+    verdict.too_old = record.m_drops.drops(DropCause::TOO_OLD);
+    verdict.stepped = record.m_drops.drops(DropCause::STEPPED);
+    verdict.no_key = record.m_drops.drops(DropCause::NO_KEY);
+    verdict.not_chosen = record.m_drops.drops(DropCause::NOT_CHOSEN);
+    verdict.filtered = record.m_drops.drops(DropCause::FILTERED);
+    verdict.disposable = record.m_drops.drops(DropCause::DISPOSABLE);
     verdict.lag_us = stats.lag_us;
     verdict.lag_bytes = stats.backlog_bytes;
     verdict.lag_frames = lag_frames(record);

@@ -137,6 +137,7 @@ void SenderRecord::lose_rest() {
 
 void SenderRecord::forget_order() {
     m_courses.forget();
+    m_drops.forget_order();
     m_filter.forget_order();
 }
 
@@ -183,11 +184,39 @@ void SenderRecord::step_over(const CFrame& frame) {
         m_lost_mask = static_cast<uint8_t>(m_lost_mask | bit);
     }
     m_send_total += static_cast<uint64_t>(frame.m_frame_len);
-    if ((Infra::relaxedLoad(m_channel_mask) & bit) == 0) {
+    pass(frame, false);
+}
+
+void SenderRecord::pass(const CFrame& frame, bool leaves_out) {
+    const DropCause cause = take_course(frame, leaves_out);
+    m_drops.pass(frame, cause, m_courses.last_ordinal(frame.channel()));
+}
+
+DropCause SenderRecord::take_course(const CFrame& frame, bool leaves_out) {
+    if ((Infra::relaxedLoad(m_channel_mask) & frame.channel_bit()) == 0) {
         m_courses.pass_unwanted(frame);
-    } else if (!pass_withheld(frame)) {
-        m_courses.step_over(frame);
+        return DropCause::NOT_CHOSEN;
     }
+    if (pass_withheld(frame)) {
+        return DropCause::FILTERED;
+    }
+    if (leaves_out) {
+        m_courses.leave_out(frame);
+        m_thinning.leave_out(frame.m_frame_len, now());
+        return DropCause::DISPOSABLE;
+    }
+    m_courses.step_over(frame);
+    return reason(frame);
+}
+
+// A younger key frame is where a late client goes to. Without one it waits for the next.
+DropCause SenderRecord::reason(const CFrame& frame) {
+    if (frame.m_valid == 0 && !m_keeps) {
+        return DropCause::TOO_OLD;
+    }
+    const bool late = has_policy() && (now() > frame.m_complete_us + max_lag_us() ||
+                                       (m_list != nullptr && m_list->m_channels.has_newer_key(frame)));
+    return late ? DropCause::STEPPED : DropCause::NO_KEY;
 }
 
 bool SenderRecord::pass_withheld(const CFrame& frame) {
@@ -201,6 +230,8 @@ bool SenderRecord::pass_withheld(const CFrame& frame) {
 
 void SenderRecord::count_gap() {
     const SenderCourses::Missed missed = m_courses.take_missed(*m_frame);
+    m_drops.lose(*m_frame, missed.gone.frames, m_courses.last_ordinal(m_frame->channel()),
+                 m_list != nullptr ? &m_list->m_levels : nullptr);
     m_stats.skipped_frames += missed.stepped.frames;
     m_stats.skipped_bytes += missed.stepped.bytes;
     if (missed.gone.frames != 0) {
@@ -491,19 +522,6 @@ CFrame* SenderRecord::end_kept_frame() {
     }
     leave_ended();
     return std::exchange(m_cut, false) ? nullptr : frame.m_kept_next;
-}
-
-void SenderRecord::pass_kept(const CFrame& frame, bool leaves_out) {
-    if ((Infra::relaxedLoad(m_channel_mask) & frame.channel_bit()) == 0) {
-        m_courses.pass_unwanted(frame);
-    } else if (pass_withheld(frame)) {
-        // It counts as if it had not been.
-    } else if (leaves_out) {
-        m_courses.leave_out(frame);
-        m_thinning.leave_out(frame.m_frame_len, now());
-    } else {
-        m_courses.step_over(frame);
-    }
 }
 
 MediaSenderStats SenderRecord::stats() {

@@ -13,6 +13,7 @@
 #include <Infra/Time.h>
 
 #include "Tool/datagram/FrameCut.h"
+#include "Tool/frame/DropBook.h"
 #include "Tool/frame/MediaFrame.h"
 #include "Tool/frame/Thinning.h"
 #include "Tool/judge/SenderWatch.h"
@@ -76,6 +77,7 @@ struct SenderRecord : SenderSettings {
     uint64_t m_begun_us = 0;  ///< When m_frame was begun.
     Thinning m_thinning;      ///< Frames left out.
     SenderStart m_start;      ///< How it begins where it comes to.
+    DropBook m_drops;
     std::unique_ptr<SenderWatch> m_watch;  ///< Null until somebody looks how it fares.
 
     /// Comes after the core's mutex. Guards m_seat, what waits in m_other, and which functions m_procedure
@@ -300,7 +302,9 @@ struct SenderRecord : SenderSettings {
         }
     }
     /// A kept frame is not for it.
-    void pass_kept(const CFrame& frame, bool leaves_out) INFRA_REQUIRES(CORE_MUTEX);
+    void pass_kept(const CFrame& frame, bool leaves_out) INFRA_REQUIRES(CORE_MUTEX) {
+        pass(frame, leaves_out);
+    }
 
     // Others.
 
@@ -340,6 +344,11 @@ private:
         m_frame = nullptr;
         m_frame_left = 0;
     }
+    /// The sender goes without a frame, which counts by its cause.
+    void pass(const CFrame& frame, bool leaves_out) INFRA_REQUIRES(CORE_MUTEX);
+    DropCause take_course(const CFrame& frame, bool leaves_out) INFRA_REQUIRES(CORE_MUTEX);
+    /// Why the sender does not get a frame that it has chosen and that nobody has kept back.
+    DropCause reason(const CFrame& frame) INFRA_REQUIRES(CORE_MUTEX);
     /// The sender is past a frame of a channel that it has chosen, and its filter has kept it back. False if
     /// it has not.
     bool pass_withheld(const CFrame& frame) INFRA_REQUIRES(CORE_MUTEX);

@@ -12,6 +12,7 @@
 #include <Infra/Time.h>
 
 #include "Tool/frame/ChannelBook.h"
+#include "Tool/frame/LevelRing.h"
 #include "Tool/step/MoveLine.h"
 #include "Tool/step/RoomMarks.h"
 
@@ -91,6 +92,8 @@ struct MediaCore : std::enable_shared_from_this<MediaCore> {
         nullptr;  ///< In this step; their references still stand.
     /// A sender that waits for room stands at no frame any more, or waits no more.
     bool m_some_idle INFRA_GUARDED_BY(CORE_MUTEX) = false;
+    /// What gaps are made of. FrameLine writes it.
+    LevelRing m_levels INFRA_GUARDED_BY(CORE_MUTEX);
 
     /// The buffer is there, and senders come to it.
     void open(StepEnd_IF& end) INFRA_REQUIRES(CORE_MUTEX) { m_end = &end; }

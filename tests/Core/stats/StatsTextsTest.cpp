@@ -305,6 +305,42 @@ TEST_F(StatsTexts, HaveTheSendersOfMediaThatSufferMost) {
     EXPECT_NE(std::string::npos, text.find("and 5 that suffer less\n")) << text;
 }
 
+void oneLateSender(MediaRows& rows) {
+    rows.buffers.push_back({3, 1, 7, 70000, 900000});
+    SenderVerdict late;
+    late.sender = -65536;
+    late.buffer = 3;
+    late.stepped.by_level[5] = 4;
+    late.stepped.by_level[10] = 1;
+    late.stepped.by_channel[0] = 5;
+    late.filtered.by_level[2] = 3;
+    late.filtered.by_channel[7] = 3;
+    rows.senders.push_back(late);
+}
+
+TEST_F(StatsTexts, HaveTheFramesThatASenderWasNotSentByTheirCause) {
+    MediaSource::Set(&oneLateSender);
+    const std::string json = written(&CStats::toJson);
+    EXPECT_TRUE(JsonReader(json).reads()) << json;
+    EXPECT_NE(std::string::npos,
+              json.find("\"drops\":{\"stepped\":{\"frames\":5,\"levels\":{\"5\":4,\"10\":1},"
+                        "\"channels\":{\"0\":5}},\"filtered\":{\"frames\":3,\"levels\":{\"2\":3},"
+                        "\"channels\":{\"7\":3}}}"))
+        << json;
+    const Exposition metrics(written(&CStats::toPrometheus));
+    const auto dropped = [&metrics](const char* cause) {
+        return metrics.at(
+            std::string("reticor_media_sender_dropped_frames_total{sender=\"-65536\",buffer=\"3\","
+                        "cause=\"") +
+            cause + "\"}");
+    };
+    EXPECT_EQ(5, dropped("stepped"));
+    EXPECT_EQ(3, dropped("filtered"));
+    for (const char* cause : {"too_old", "no_key", "not_chosen", "disposable"}) {
+        EXPECT_EQ(0, dropped(cause)) << cause;
+    }
+}
+
 // ---- JSON and text ---------------------------------------------------------------------------------------
 
 TEST_F(StatsTexts, TheJsonIsJsonWithIdsAsStrings) {
