@@ -171,7 +171,8 @@ bool DefaultSink::admit(const char* file, int line, uint64_t now_us) noexcept {
     if (place == nullptr) {
         return true;
     }
-    if (now_us - place->second_us >= US_PER_SECOND) {
+    // A second that began without a limit has counted nothing.
+    if (place->limit == 0 || now_us - place->second_us >= US_PER_SECOND) {
         begin_second(*place, now_us);
     }
     if (place->count < place->limit) {

@@ -16,45 +16,14 @@
 #include "DefaultSink.h"
 #include "support/Eventually.h"
 #include "support/HandClock.h"
+#include "support/foundation/SmallPipe.h"
 
 namespace Orvex::Infra {
 namespace {
 
 using namespace Testing;
 
-constexpr int PIPE_BYTES = 4096;  // the least that the kernel gives
 constexpr uint64_t US_PER_SECOND = 1000000;
-
-// Lets standard error be a small pipe that nobody reads but the test, in blocking mode as a shell makes it.
-class UndrainedStandardError {
-public:
-    UndrainedStandardError() : m_before(::dup(STDERR_FILENO)) {
-        EXPECT_EQ(0, ::pipe2(m_pipe, O_CLOEXEC));
-        EXPECT_EQ(PIPE_BYTES, ::fcntl(m_pipe[1], F_SETPIPE_SZ, PIPE_BYTES));
-        ::fcntl(m_pipe[0], F_SETFL, O_NONBLOCK);
-        ::dup2(m_pipe[1], STDERR_FILENO);
-    }
-    ~UndrainedStandardError() {
-        ::dup2(m_before, STDERR_FILENO);
-        for (const int fd : {m_before, m_pipe[0], m_pipe[1]}) {
-            ::close(fd);
-        }
-    }
-    // What has come until now.
-    std::string read() {
-        std::string all;
-        char buffer[PIPE_BYTES];
-        for (ssize_t size; (size = ::read(m_pipe[0], buffer, sizeof(buffer))) > 0;) {
-            all.append(buffer, static_cast<size_t>(size));
-        }
-        return all;
-    }
-    int flags() const { return ::fcntl(m_pipe[1], F_GETFL); }
-
-private:
-    int m_before;
-    int m_pipe[2] = {-1, -1};
-};
 
 // A line of the given place, which is a number alone.
 void say(int place, const std::string& text) {
@@ -84,7 +53,7 @@ std::string expected(int first, int last, size_t length) {
 
 // Works on a thread of its own, and gives the pipe a reader if that thread does not come back.
 template <typename Work>
-bool ends_undrained(UndrainedStandardError& standard_error, Work work) {
+bool ends_undrained(SmallPipe& standard_error, Work work) {
     std::atomic<bool> ended{false};
     std::thread worker([&] {
         work();
@@ -100,7 +69,7 @@ bool ends_undrained(UndrainedStandardError& standard_error, Work work) {
 }
 
 TEST(DefaultSink, NeverWaitsForAReaderAndLeavesTheModeOfThePipeAlone) {
-    UndrainedStandardError standard_error;
+    SmallPipe standard_error;
     const int flags = standard_error.flags();
     EXPECT_TRUE(ends_undrained(standard_error, [] { say_many(200, 100); }));
     EXPECT_EQ(flags, standard_error.flags());
@@ -108,7 +77,7 @@ TEST(DefaultSink, NeverWaitsForAReaderAndLeavesTheModeOfThePipeAlone) {
 }
 
 TEST(DefaultSink, LaterLinesBringWhatWasKeptInOrder) {
-    UndrainedStandardError standard_error;
+    SmallPipe standard_error;
     constexpr int LINES = 200;
     constexpr size_t LENGTH = 100;
     std::string all;
@@ -122,7 +91,7 @@ TEST(DefaultSink, LaterLinesBringWhatWasKeptInOrder) {
 }
 
 TEST(DefaultSink, ThreadsThatSleepBringWhatWasKept) {
-    UndrainedStandardError standard_error;
+    SmallPipe standard_error;
     ASSERT_TRUE(ends_undrained(standard_error, [] { say_many(60, 100); }));
     std::string all = standard_error.read();
     ASSERT_LT(all.size(), 6000u);
@@ -135,7 +104,7 @@ TEST(DefaultSink, ThreadsThatSleepBringWhatWasKept) {
 }
 
 TEST(DefaultSink, CountsWhatItDropsAndSaysSoWhereItWas) {
-    UndrainedStandardError standard_error;
+    SmallPipe standard_error;
     constexpr int LINES = 1000;  // of 100 bytes: more than pipe and ring together
     ASSERT_TRUE(ends_undrained(standard_error, [] { say_many(LINES, 100); }));
     std::string all;
@@ -159,7 +128,7 @@ TEST(DefaultSink, CountsWhatItDropsAndSaysSoWhereItWas) {
 }
 
 TEST(DefaultSink, OnePlaceWritesAHundredLinesInASecond) {
-    UndrainedStandardError standard_error;
+    SmallPipe standard_error;
     HandClock clock;
     std::string all;
     for (int i = 0; i < 150; ++i) {
@@ -184,7 +153,7 @@ TEST(DefaultSink, OnePlaceWritesAHundredLinesInASecond) {
 }
 
 TEST(DefaultSink, TheNumberLeftOutIsSaidWithoutAFurtherLine) {
-    UndrainedStandardError standard_error;
+    SmallPipe standard_error;
     HandClock clock;
     for (int i = 0; i < 101; ++i) {
         say(7, "x");
@@ -205,7 +174,7 @@ public:
 };
 
 TEST(DefaultSink, OneLineASecondOfAPlaceIfThatIsWanted) {
-    UndrainedStandardError standard_error;
+    SmallPipe standard_error;
     HandClock clock;
     const LimitOfOne limit;
     for (int i = 0; i < 5; ++i) {
@@ -226,7 +195,7 @@ TEST(DefaultSink, OneLineASecondOfAPlaceIfThatIsWanted) {
 }
 
 TEST(DefaultSink, NoLimitIfThatIsWanted) {
-    UndrainedStandardError standard_error;
+    SmallPipe standard_error;
     HandClock clock;
     setLogLimit(0);
     std::string all;
@@ -238,9 +207,28 @@ TEST(DefaultSink, NoLimitIfThatIsWanted) {
     EXPECT_EQ(600U, all.size());
 }
 
+// What was left out before is told, with which a new second begins for its place: one of no lines, so that
+// all of its next ones were left out.
+TEST(DefaultSink, ALimitThatComesAfterNoneHoldsFromItsFirstLineOn) {
+    SmallPipe standard_error;
+    HandClock clock;
+    setLogLimit(1);
+    say(7, "first");
+    say(7, "left out");
+    setLogLimit(0);
+    clock.advanceUs(US_PER_SECOND);
+    CThread::sleep(0);
+    standard_error.read();
+    setLogLimit(1);
+    say(7, "second");
+    say(7, "left out");
+    EXPECT_EQ("second\n", standard_error.read());
+    setLogLimit(100);
+}
+
 // A long one is cut by as much, and still ends its line.
 TEST(DefaultSink, LinesCarryTheTimeIfThatIsWanted) {
-    UndrainedStandardError standard_error;
+    SmallPipe standard_error;
     EXPECT_FALSE(setLogTime(true));
     const time_t before = ::time(nullptr);
     say(7, "text");
@@ -278,7 +266,7 @@ TEST(DefaultSink, ASinkOfTheProductGetsEveryLine) {
 
 // A child has a copy of the lock, but not the thread that held it.
 TEST(DefaultSink, AForkedChildCanWriteWhateverOtherThreadsDo) {
-    UndrainedStandardError standard_error;
+    SmallPipe standard_error;
     std::atomic<bool> stop{false};
     std::thread other([&] {
         for (int i = 0; !stop; ++i) {
