@@ -40,6 +40,7 @@ public:
         const size_t room = LIMIT - m_length;
         const int wanted = std::vsnprintf(m_text + m_length, room, format, arguments);
         if (wanted < 0) {
+            m_text[m_length] = '\0';  // It may have written something, with or without an end.
             return;
         }
         if (static_cast<size_t>(wanted) < room) {

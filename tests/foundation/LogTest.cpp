@@ -196,6 +196,26 @@ TEST(Log, LongTextsAreCutAndKeepTheirFinalNewline) {
     EXPECT_EQ(text.substr(0, 2046) + "\n", lines[3].full);
 }
 
+// A character that the locale has no bytes for: the C library gives up half-way, and promises nothing of what
+// it has written until then.
+TEST(Log, ATextThatCannotBeFormattedIsLeftOut) {
+    LogCapture log;
+    const wchar_t* const foreign = L"\x4e2d";
+    EXPECT_EQ(0, logFilter(2, "", "f.cpp", "", 1, "", "half of %ls\n", foreign));
+    INFRA_LOG_STATIC(2, "half of %ls\n", foreign);
+    const auto lines = log.lines();
+    ASSERT_EQ(2u, lines.size());
+    EXPECT_EQ("", lines[0].full);
+    EXPECT_EQ("", lines[1].text);
+    EXPECT_NE("", lines[1].start);
+}
+
+TEST(Log, ATextThatCannotBeFormattedIsAnEmptyLineOnStandardError) {
+    StandardErrorPackets packets;
+    INFRA_LOG_PLAIN(2, "half of %ls\n", L"\x4e2d");
+    EXPECT_EQ("\n", packets.next());
+}
+
 TEST(Log, CutTextWithoutNewlineGetsOneOnStandardError) {
     StandardErrorPackets packets;
     const std::string text(5000, 'x');
