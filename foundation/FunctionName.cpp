@@ -68,6 +68,8 @@ private:
             read_parenthesis();
         } else if (c == '<') {
             skip_group('<', '>');
+        } else if (starts(" (") && is_decltype()) {
+            m_rest.remove_prefix(1);
         } else if (c == ' ' || c == '*' || c == '&') {
             m_length = 0;
             m_rest.remove_prefix(1);
@@ -76,13 +78,15 @@ private:
         }
     }
 
-    // The parentheses of decltype(auto), the opening one of a result that is a pointer to function or a
-    // reference to array, or the arguments of the function.
+    bool is_decltype() const { return std::string_view(m_name, m_length) == "decltype"; }
+
+    // The parentheses of decltype, the opening one of a result that is a pointer to function or to member or
+    // a reference to array, or the arguments of the function.
     void read_parenthesis() {
-        constexpr std::string_view DECLTYPE = "decltype";
-        if (std::string_view(m_name, m_length) == DECLTYPE) {
+        const bool of_result = m_length == 0 && !starts("(anonymous class") && !starts("(lambda");
+        if (is_decltype()) {
             skip_group('(', ')');
-        } else if (starts("(*") || starts("(&")) {
+        } else if (of_result) {
             m_rest.remove_prefix(1);
         } else {
             skip_group('(', ')');
@@ -114,6 +118,10 @@ private:
             const char c = m_rest.front();
             if (!symbol) {
                 depth += c == '<' ? 1 : c == '>' ? -1 : 0;
+            }
+            if (starts(" []")) {
+                m_rest.remove_prefix(1);  // One compiler's; the other writes "delete[]".
+                continue;
             }
             keep(1);
         }

@@ -21,6 +21,20 @@ int (&returnsArray(std::string& name))[3] {
     name = INFRA_FUNCTION;
     return array;
 }
+struct Plain;
+int (Plain::*returnsMember(std::string& name))(int) {
+    name = INFRA_FUNCTION;
+    return nullptr;
+}
+int Plain::*returnsField(std::string& name) {
+    name = INFRA_FUNCTION;
+    return nullptr;
+}
+template <typename T>
+auto returnsWhatItAdds(T number, std::string& name) -> decltype((number + 1) * (number + 2)) {
+    name = INFRA_FUNCTION;
+    return number;
+}
 decltype(auto) returnsAuto() {
     return std::string(INFRA_FUNCTION);
 }
@@ -122,6 +136,17 @@ TEST(FunctionName, PlainFunctions) {
     EXPECT_EQ("Sample::returnsArray", name);
 }
 
+// What they print of such a result looks like the arguments of a function.
+TEST(FunctionName, ResultsWithParenthesesAreNotTakenForArguments) {
+    std::string name;
+    Sample::returnsMember(name);
+    EXPECT_EQ("Sample::returnsMember", name);
+    Sample::returnsField(name);
+    EXPECT_EQ("Sample::returnsField", name);
+    Sample::returnsWhatItAdds(1, name);
+    EXPECT_EQ("Sample::returnsWhatItAdds", name);
+}
+
 TEST(FunctionName, MemberFunctions) {
     Sample::Plain plain;
     EXPECT_EQ("Sample::Plain::Plain", plain.name);
@@ -178,6 +203,19 @@ TEST(FunctionName, TextsOfBothCompilers) {
     EXPECT_EQ("Orvex::A::operator=", name("A<T> &Orvex::A<int>::operator=(int) [T = int]"));
     EXPECT_EQ("Orvex::A::operator<<", name("bool Orvex::A<T>::operator<<(A<T>, T) const [with T = int]"));
     EXPECT_EQ("Orvex::A::operator new[]", name("static void* Orvex::A::operator new[](size_t)"));
+    EXPECT_EQ("Orvex::A::operator delete[]", name("static void Orvex::A::operator delete [](void*)"));
+    EXPECT_EQ("Orvex::A::operator,", name("void Orvex::A::operator,(int)"));
+    EXPECT_EQ("Orvex::A::operator->*", name("Orvex::A *Orvex::A::operator->*(int)"));
+    EXPECT_EQ("Orvex::operator\"\"_u",
+              name("long unsigned int Orvex::operator\"\"_u(long long unsigned int)"));
+    EXPECT_EQ("Orvex::A::operator int*", name("Orvex::A::operator int*() volatile"));
+    EXPECT_EQ("f", name("decltype ((a + 1)) f(T) [with T = int; decltype ((a + 1)) = int]"));
+    EXPECT_EQ("Orvex::A::f", name("int (P::* Orvex::A::f(int) const)(int)"));
+    EXPECT_EQ("Orvex::A::f", name("int (P::*Orvex::A::f(std::string &))(int)"));
+    EXPECT_EQ("Orvex::A::f", name("auto Orvex::A::f()::(anonymous class)::operator()(int)::(anonymous "
+                                  "class)::operator()() const"));
+    EXPECT_EQ("Orvex::A::f", name("Orvex::A::f() const::<lambda(auto:1)>::<lambda()>"));
+    EXPECT_EQ("S::g", name("std::enable_if_t<(sizeof (T) > 2), int> S::g(T) [with T = int]"));
     EXPECT_EQ("Orvex::A::operator std::function<void(int)>",
               name("Orvex::A::operator std::function<void(int)>()"));
     EXPECT_EQ("Orvex::A::g", name("Orvex::A<int>::g() const::<lambda(int)> mutable"));
