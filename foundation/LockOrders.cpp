@@ -28,7 +28,14 @@ static_assert(sizeof(Entry) == LockOrders::ENTRY_SIZE);
 
 std::atomic<bool> g_opened{false};
 std::atomic<Entry*> g_table{nullptr};
-std::atomic<uint64_t> g_seen[LockOrders::SIDE];
+
+constexpr size_t BITS = 64;
+std::atomic<uint64_t> g_seen[LockOrders::SIDE][LockOrders::SIDE / BITS];
+
+#define INFRA_LOCK_CLASS(name, lock, guards) \
+    static_assert(static_cast<size_t>(LockClass::name) < LockOrders::SIDE);
+INFRA_LOCK_CLASSES(INFRA_LOCK_CLASS)
+#undef INFRA_LOCK_CLASS
 
 Entry* map_file() noexcept {
     const char* const path = std::getenv(LockOrders::VARIABLE);
@@ -65,12 +72,13 @@ void LockOrders::note(const HeldLocks::Held& held, LockClass wanted, LockPlace p
     if (row == 0 || column == 0 || row == column || row >= SIDE || column >= SIDE) {
         return;
     }
-    const uint64_t bit = uint64_t{1} << column;
-    if ((g_seen[row].load(std::memory_order_relaxed) & bit) != 0) {
+    const uint64_t bit = uint64_t{1} << column % BITS;
+    std::atomic<uint64_t>& seen = g_seen[row][column / BITS];
+    if ((seen.load(std::memory_order_relaxed) & bit) != 0) {
         return;
     }
     Entry* const entries = table();
-    if (entries == nullptr || (g_seen[row].fetch_or(bit, std::memory_order_relaxed) & bit) != 0) {
+    if (entries == nullptr || (seen.fetch_or(bit, std::memory_order_relaxed) & bit) != 0) {
         return;
     }
     Entry& entry = entries[row * SIDE + column];

@@ -14,7 +14,8 @@ namespace Orvex::Infra {
 /// up to a zero byte.
 class LockOrders {
 public:
-    static constexpr size_t SIDE = 64;
+    /// More than there are classes.
+    static constexpr size_t SIDE = 128;
     static constexpr size_t ENTRY_SIZE = 256;
     static constexpr const char* VARIABLE = "RETICOR_LOCK_ORDERS";
 

@@ -226,6 +226,19 @@ TEST(LockOrders, WhatIsWantedUnderATriedLockMakesOne) {
     EXPECT_NE("", orders_of(&enter_under_a_tried_one));
 }
 
+void enter_the_innermost() {
+    CMutex outer{LockClass::COMPONENTS};
+    CMutex inner{LockClass::LOG};
+    const CGuard guard(outer);
+    const CGuard inner_guard(inner);
+}
+
+// Those that have none are watched by nobody. It was so with the last two.
+TEST(LockOrders, TheLastClassHasAPlaceInTheTable) {
+    EXPECT_NE(std::string::npos, orders_of(&enter_the_innermost).find("COMPONENTS\t"));
+    EXPECT_LT(static_cast<size_t>(LockClass::LOG), LockOrders::SIDE);
+}
+
 class Listener : public SeamObserver {
 public:
     Listener() : m_before(Seam::set_observer(this)) {}
