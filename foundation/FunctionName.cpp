@@ -86,6 +86,7 @@ private:
         const bool of_result = m_length == 0 && !starts("(anonymous class") && !starts("(lambda");
         if (is_decltype()) {
             skip_group('(', ')');
+            m_length = 0;
         } else if (of_result) {
             m_rest.remove_prefix(1);
         } else {
