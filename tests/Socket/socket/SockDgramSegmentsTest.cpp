@@ -19,6 +19,7 @@
 #include "support/SeededRandom.h"
 #include "support/socket/Loopback.h"
 #include "support/socket/SystemSeam.h"
+#include "support/socket/UnknownAddr.h"
 
 namespace Orvex::Reticor {
 namespace {
