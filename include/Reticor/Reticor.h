@@ -9,6 +9,7 @@
 #include <Reticor/MediaStreamReceiver.h>
 #include <Reticor/MediaStreamSender.h>
 #include <Reticor/MediaVerdicts.h>
+#include <Reticor/MulticastDoctor.h>
 #include <Reticor/NFile.h>
 #include <Reticor/NTimer.h>
 #include <Reticor/NetHandler.h>

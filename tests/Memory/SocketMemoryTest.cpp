@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include <Reticor/MulticastDoctor.h>
 #include <Reticor/R3.h>
 #include <Reticor/SimulatorStream.h>
 #include <Reticor/SockAcceptor.h>
@@ -51,6 +52,27 @@ void sweepAddress(const char* text) {
         *copy = *made;
         made->~Address();
         copy->~Address();
+        return swept.hit;
+    });
+}
+
+// A look that had no memory leaves what the one before has seen.
+TEST(MulticastDoctorMemory, LooksAndTexts) {
+    sweep([](size_t successes, Extent extent) {
+        Reticor::CMulticastDoctor doctor;
+        int taken = 1;
+        size_t length = 1;
+        size_t reason = 1;
+        const Swept swept = withFault(successes, extent, [&] {
+            taken = doctor.Take(1);
+            length = doctor.toText(nullptr, 0);
+            reason =
+                Reticor::CMulticastDoctor::ExplainJoin(0, CSockAddrIPv4("239.1.2.3", 1), 105, nullptr, 0);
+        });
+        EXPECT_TRUE(swept.hit || (taken == 0 && length != 0 && reason != 0));
+        EXPECT_TRUE(taken == 0 || taken == -1) << taken;
+        EXPECT_EQ(taken == -1, doctor.GetInterfaceCount() == 0);
+        EXPECT_EQ(0, doctor.Take()) << "with memory again";
         return swept.hit;
     });
 }

@@ -1,29 +1,15 @@
 // The commands `stat`, `statjson`, `handlers` and `timing` of the debug server.
-#include <algorithm>
 #include <new>
 #include <string>
 
 #include "Core/count/Timing.h"
 #include "Core/stats/StatsServer.h"
 #include "R3/print/FuncBox.h"
+#include "R3/print/PrintInPieces.h"
 
 namespace Orvex::Reticor {
 
 namespace {
-
-/// A print of 4096 bytes and more is dropped, so a text goes in pieces, cut after a line where there is one.
-void print_in_pieces(const std::string& text) {
-    constexpr size_t PIECE = 3000;
-    for (size_t at = 0; at < text.size();) {
-        size_t size = std::min(PIECE, text.size() - at);
-        const size_t newline = text.rfind('\n', at + size - 1);
-        if (at + size < text.size() && newline != std::string::npos && newline >= at) {
-            size = newline + 1 - at;
-        }
-        R3Printf("%.*s", static_cast<int>(size), text.data() + at);
-        at += size;
-    }
-}
 
 template <const char* Request>
 int print_answer(int, int, int, int, int, int, int, int, int, int) {

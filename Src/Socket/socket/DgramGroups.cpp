@@ -6,6 +6,8 @@
 
 #include <cerrno>
 
+#include "Socket/socket/JoinRefusals.h"
+
 namespace Orvex::Reticor {
 
 void DgramGroups::receive_joined_only(int handle, bool is_ipv4) {
@@ -30,6 +32,8 @@ int DgramGroups::join(int handle, const SockAddrRecord& group) {
     if (result == 0) {
         m_group = group;
         m_on_default_interface = true;
+    } else {
+        JoinRefusals::count();
     }
     return result;
 }
@@ -54,6 +58,7 @@ DgramGroups::Step DgramGroups::move_to(int handle, unsigned ip) {
     m_on_default_interface = false;
     request.imr_interface.s_addr = htonl(ip);
     if (::setsockopt(handle, IPPROTO_IP, IP_ADD_MEMBERSHIP, &request, sizeof request) == -1) {
+        JoinRefusals::count();
         return Step::add;
     }
     const in_addr through = request.imr_interface;

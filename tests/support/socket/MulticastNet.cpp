@@ -3,10 +3,14 @@
 
 #include <arpa/inet.h>
 #include <linux/if_addr.h>
+#include <linux/if_packet.h>
 #include <linux/rtnetlink.h>
 #include <linux/veth.h>
 #include <net/if.h>
 #include <net/route.h>
+#include <netinet/if_ether.h>
+#include <netinet/ip.h>
+#include <netinet/udp.h>
 #include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -82,14 +86,14 @@ private:
     alignas(nlmsghdr) char m_bytes[1024];
 };
 
-bool makePair() {
+bool makePair(const char* first, const char* second) {
     Request request(RTM_NEWLINK, NLM_F_CREATE | NLM_F_EXCL, ifinfomsg{});
-    request.add(IFLA_IFNAME, FIRST, sizeof FIRST);
+    request.add(IFLA_IFNAME, first, std::strlen(first) + 1);
     rtattr* const info = request.begin(IFLA_LINKINFO);
     request.add(IFLA_INFO_KIND, "veth", 4);
     rtattr* const data = request.begin(IFLA_INFO_DATA);
     rtattr* const peer = request.addBody(VETH_INFO_PEER, ifinfomsg{});
-    request.add(IFLA_IFNAME, SECOND, sizeof SECOND);
+    request.add(IFLA_IFNAME, second, std::strlen(second) + 1);
     request.end(peer);
     request.end(data);
     request.end(info);
@@ -111,18 +115,23 @@ bool addAddress(const char* name, int family, const char* text, unsigned char pr
     return request.run();
 }
 
-bool bringUp(const char* name) {
+bool switchFlag(const char* name, int flag, bool on) {
     const int handle = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     ifreq request{};
     std::strcpy(request.ifr_name, name);
-    request.ifr_flags = IFF_UP;
-    const bool done = ::ioctl(handle, SIOCSIFFLAGS, &request) == 0;
+    bool done = ::ioctl(handle, SIOCGIFFLAGS, &request) == 0;
+    request.ifr_flags = static_cast<short>(on ? request.ifr_flags | flag : request.ifr_flags & ~flag);
+    done = done && ::ioctl(handle, SIOCSIFFLAGS, &request) == 0;
     ::close(handle);
     return done;
 }
 
-// Groups go out through the first interface.
-bool routeGroups() {
+bool bringUp(const char* name) {
+    return switchFlag(name, IFF_UP, true);
+}
+
+// Groups go out through the first interface, from SIOCADDRT on and until SIOCDELRT.
+bool routeGroups(unsigned long request) {
     const int handle = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     rtentry route{};
     const auto set = [](sockaddr& to, const char* text) {
@@ -135,7 +144,7 @@ bool routeGroups() {
     route.rt_flags = RTF_UP;
     std::string device = FIRST;
     route.rt_dev = &device[0];
-    const bool done = ::ioctl(handle, SIOCADDRT, &route) == 0;
+    const bool done = ::ioctl(handle, request, &route) == 0;
     ::close(handle);
     return done;
 }
@@ -160,14 +169,80 @@ bool make() {
     }
     // Looking for others with the same address would take seconds.
     std::ofstream("/proc/sys/net/ipv6/conf/default/accept_dad") << 0;
-    return bringUp("lo") && makePair() && bringUp(FIRST) && bringUp(SECOND) &&
+    return bringUp("lo") && makePair(FIRST, SECOND) && bringUp(FIRST) && bringUp(SECOND) &&
            addAddress(FIRST, AF_INET, MulticastNet::FIRST_IPV4, 24) &&
            addAddress(SECOND, AF_INET, MulticastNet::SECOND_IPV4, 24) &&
-           addAddress(FIRST, AF_INET6, MulticastNet::FIRST_IPV6, 64) && routeGroups() && awaitIPv6();
+           addAddress(FIRST, AF_INET6, MulticastNet::FIRST_IPV6, 64) && routeGroups(SIOCADDRT) && awaitIPv6();
 }
 
 }  // namespace
 
 MulticastNet::MulticastNet() : m_made(make()) {}
+
+bool MulticastNet::addPair(const char* first, const char* second, const char* first_ipv4) {
+    return makePair(first, second) && bringUp(first) && bringUp(second) &&
+           addAddress(first, AF_INET, first_ipv4, 24);
+}
+
+bool MulticastNet::removeRoute() {
+    return routeGroups(SIOCDELRT);
+}
+
+bool MulticastNet::setUp(const char* name, bool on) {
+    return switchFlag(name, IFF_UP, on);
+}
+
+bool MulticastNet::setMulticast(const char* name, bool on) {
+    return switchFlag(name, IFF_MULTICAST, on);
+}
+
+bool MulticastNet::set(const std::string& setting, int value) {
+    std::ofstream file("/proc/sys/net/ipv4/" + setting);
+    file << value << std::flush;
+    return file.good();
+}
+
+bool MulticastNet::inject(const char* name, const char* source, const char* group, unsigned short port,
+                          const std::string& bytes) {
+    struct {
+        iphdr ip;
+        udphdr udp;
+        char payload[64];
+    } packet{};
+    const std::size_t length = sizeof(iphdr) + sizeof(udphdr) + bytes.size();
+    packet.ip.version = 4;
+    packet.ip.ihl = 5;
+    packet.ip.tot_len = htons(static_cast<unsigned short>(length));
+    packet.ip.ttl = 1;
+    packet.ip.protocol = IPPROTO_UDP;
+    ::inet_pton(AF_INET, source, &packet.ip.saddr);
+    ::inet_pton(AF_INET, group, &packet.ip.daddr);
+    unsigned sum = 0;
+    unsigned short words[sizeof(iphdr) / 2];
+    std::memcpy(words, &packet.ip, sizeof words);
+    for (const unsigned short word : words) {
+        sum += word;
+    }
+    packet.ip.check = static_cast<unsigned short>(~(sum % 0xFFFF));
+    packet.udp.source = htons(9);
+    packet.udp.dest = htons(port);
+    packet.udp.len = htons(static_cast<unsigned short>(sizeof(udphdr) + bytes.size()));
+    bytes.copy(packet.payload, sizeof packet.payload);
+    sockaddr_ll to{};
+    to.sll_family = AF_PACKET;
+    to.sll_protocol = htons(ETH_P_IP);
+    to.sll_ifindex = static_cast<int>(::if_nametoindex(name));
+    to.sll_halen = ETH_ALEN;
+    // The Ethernet address of a group has its last 23 bits.
+    const auto* const group_bytes = reinterpret_cast<const unsigned char*>(&packet.ip.daddr);
+    const unsigned char ethernet[ETH_ALEN] = {
+        1, 0, 0x5E, static_cast<unsigned char>(group_bytes[1] & 0x7F), group_bytes[2], group_bytes[3]};
+    std::memcpy(to.sll_addr, ethernet, sizeof ethernet);
+    const int handle = ::socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const ssize_t sent =
+        ::sendto(handle, &packet, length, 0, reinterpret_cast<const sockaddr*>(&to), sizeof to);
+    ::close(handle);
+    return sent == static_cast<ssize_t>(length);
+}
 
 }  // namespace Orvex::Testing

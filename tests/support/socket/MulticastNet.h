@@ -6,6 +6,8 @@
 // network stays in place, where joining may fail: tests then prove how a failed join is told.
 #pragma once
 
+#include <string>
+
 namespace Orvex::Testing {
 
 class MulticastNet {
@@ -20,6 +22,20 @@ public:
     MulticastNet& operator=(const MulticastNet&) = delete;
 
     bool made() const { return m_made; }
+
+    // What can be changed later, in a network of our own alone; false if the system refuses.
+
+    // One more pair of interfaces.
+    bool addPair(const char* first, const char* second, const char* first_ipv4);
+    // From now on no route leads to IPv4 groups.
+    bool removeRoute();
+    bool setUp(const char* name, bool on);
+    bool setMulticast(const char* name, bool on);
+    // One of /proc/sys/net/ipv4.
+    bool set(const std::string& setting, int value);
+    // A datagram of any sender, 64 bytes at most, goes out of the interface, and comes in at its other end.
+    bool inject(const char* name, const char* source, const char* group, unsigned short port,
+                const std::string& bytes);
 
 private:
     bool m_made;
