@@ -49,7 +49,7 @@ reticor_wing(1 R3/print DOORS DebugSocket FuncBox HelpText PrintInPieces R3Print
 reticor_wing(1 Socket/address DOORS IpLiteral SockAddrRecord SockError)
 reticor_wing(1 Tool/task DOORS FileTask FileTaskQueue)
 reticor_wing(2 Core/handle DOORS CallMark ClassName HandlerDrops HandlerInternal HandlerList HandlerPin ObjectId ObjectTable OwnerDoor)
-reticor_wing(2 Socket/socket DOORS CloseCount JoinRefusals SocketWriter)
+reticor_wing(2 Socket/socket DOORS CloseCount JoinRefusals SocketWriter WatchedNumbers)
 reticor_wing(2 Tool/device DOORS StorDev)
 reticor_wing(2 Tool/frame DOORS ChannelBook DropBook FrameRest FrameStore LevelRing MediaFrame MediaTrace SenderCourses StartCache StepAhead Thinning)
 reticor_wing(2 Tool/judge DOORS BurstBook EndedVerdicts SenderWatch VerdictText)

@@ -33,6 +33,7 @@
 #include "Core/stats/StuckWatch.h"
 #include "R3/server/Debug.h"
 #include "Socket/address/SockError.h"
+#include "Socket/socket/WatchedNumbers.h"
 #include "Tool/file/FileThread.h"
 #include "Tool/file/NFileEnd.h"
 #include "Tool/receive/ReceiverGroup.h"
@@ -172,6 +173,7 @@ void Library::stop_services() {
 
 int Library::set_up(unsigned int threads, AfterLock& after) {
     MediaSource::Set(&MediaSnapshot::gather);
+    WatchedNumbers::SetListener(&CNetSock::NoteClose);
     CTsMemory::InitStaticVal();
     m_cpu_num = CThreadPool::processor_count();
     if (start_services() != 0) {

@@ -55,4 +55,16 @@ bool CObjectTable::Has(int64_t id) {
            HandlerInternal::Of(*(*place)->m_owner).IsOpen();
 }
 
+std::optional<uint32_t> CObjectTable::RowOf(int64_t id) {
+    Infra::CReadGuard guard(m_lock);
+    ObjectEntry** place = slot(place_of(id));
+    if (place == nullptr || *place == nullptr || (*place)->m_id != id) {
+        return std::nullopt;
+    }
+    const HandlerInternal& handler = HandlerInternal::Of(*(*place)->m_owner);
+    return handler.IsOpen()
+               ? std::optional(ThreadCounts::row_at(handler.m_row_offset.load(std::memory_order_relaxed)))
+               : std::nullopt;
+}
+
 }  // namespace Orvex::Reticor

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include <Infra/LockClasses.h>
@@ -37,6 +38,9 @@ public:
 
     /// Whether the handler with that id is there and has not been closed.
     bool Has(int64_t id);
+
+    /// The row of its class (ClassRows), without a reference; nothing if it is not there or has been closed.
+    std::optional<uint32_t> RowOf(int64_t id);
 
 private:
     static constexpr size_t CHUNK = 1024;

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "Core/record/GeneralAllocator.h"
+#include "Socket/socket/WatchedNumbers.h"
 
 namespace Orvex::Reticor {
 
@@ -24,6 +25,11 @@ Pointer* make_pointers(size_t count) {
 
 RecordTable::~RecordTable() {
     for (size_t i = 0; i < m_count; ++i) {
+        for (size_t place = 0; m_chunks[i] != nullptr && place < CHUNK; ++place) {
+            if (m_chunks[i][place] != nullptr) {
+                WatchedNumbers::Leave(static_cast<uint32_t>(i * CHUNK + place));
+            }
+        }
         general_free(m_chunks[i]);
     }
     general_free(m_chunks);
@@ -51,7 +57,9 @@ bool RecordTable::Add(CEvent* ev) {
     if (!reach(handle / CHUNK)) {
         return false;
     }
-    m_chunks[handle / CHUNK][handle % CHUNK] = ev;
+    if (std::exchange(m_chunks[handle / CHUNK][handle % CHUNK], ev) == nullptr) {
+        WatchedNumbers::Enter(static_cast<uint32_t>(handle));
+    }
     return true;
 }
 
@@ -60,7 +68,11 @@ bool RecordTable::Remove(const CEvent* ev) {
     if (handle / CHUNK >= m_count || m_chunks[handle / CHUNK] == nullptr) {
         return false;
     }
-    return std::exchange(m_chunks[handle / CHUNK][handle % CHUNK], nullptr) != nullptr;
+    if (std::exchange(m_chunks[handle / CHUNK][handle % CHUNK], nullptr) == nullptr) {
+        return false;
+    }
+    WatchedNumbers::Leave(static_cast<uint32_t>(handle));
+    return true;
 }
 
 }  // namespace Orvex::Reticor

@@ -17,6 +17,7 @@
 
 #include "Socket/address/SockError.h"
 #include "Socket/socket/CloseCount.h"
+#include "Socket/socket/WatchedNumbers.h"
 
 namespace Orvex::Reticor {
 
@@ -70,6 +71,7 @@ int CSock::Close() {
     }
     const int handle = m_handle;
     m_handle = -1;
+    WatchedNumbers::NoteClose(handle);
     return close_counted(handle) == -1 ? -1 : 0;
 }
 

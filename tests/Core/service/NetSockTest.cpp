@@ -1,6 +1,7 @@
 // CNetSock: registering sockets with handlers, on the real pool.
 #include "Core/service/NetSock.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -230,6 +231,166 @@ TEST_F(NetSock, NegativeHandleIsRefusedWithALine) {
     EXPECT_EQ(0, handler->RemoveSock(none));
     EXPECT_EQ(1u, log.lines().size()) << log.dump();
     EXPECT_EQ(0, HandlerProbe::sockets(*handler));
+}
+
+// ---- numbers that are closed while they are registered ---------------------------------------------------
+
+class NetSockDeadNumbers : public NetSock {
+protected:
+    std::string line(const char* what, int fd, CNetHandler& owner) {
+        return std::string(what) + " sock, fd: " + std::to_string(fd) +
+               ", class: Orvex::Testing::TestHandler, id: " + std::to_string(owner.GetID()) +
+               ", remove it before it is closed\n";
+    }
+    // Another socket gets the number.
+    static void reuse(int number, SocketPair& fresh) {
+        ASSERT_EQ(number, ::dup3(fresh.fd(), number, O_CLOEXEC));
+    }
+
+    LogCapture log{2};
+};
+
+TEST_F(NetSockDeadNumbers, ACloseWhileItIsRegisteredIsALineWithClassAndId) {
+    const int number = pair.fd();
+    add(SOCK_READ);
+    pair.near.Close();
+    EXPECT_EQ(1u, log.count(2, line("Close registered", number, *handler))) << log.dump();
+    EXPECT_EQ(1u, log.lines().size()) << log.dump();
+    BorrowedSock sock(number);
+    removeAndWait(sock);
+}
+
+TEST_F(NetSockDeadNumbers, ACloseAfterTheRemovalIsSilent) {
+    add(SOCK_READ);
+    removeAndWait(pair.near);
+    pair.near.Close();
+    EXPECT_TRUE(log.lines().empty()) << log.dump();
+}
+
+TEST_F(NetSockDeadNumbers, ACloseAfterARemovalInFlightIsSilent) {
+    add(SOCK_READ);
+    Gate gate;
+    handler->on_input = [&](int) {
+        handler->RemoveSock(pair.near);
+        gate.pass();
+        return 0;
+    };
+    pair.write();
+    ASSERT_TRUE(gate.awaitArrivals(1));
+    const int number = pair.fd();
+    pair.near.Close();
+    EXPECT_TRUE(log.lines().empty()) << log.dump();
+    gate.open();
+    EXPECT_EVENTUALLY(!lookAt(pool(), number).exists);
+}
+
+TEST_F(NetSockDeadNumbers, ACloseOfASocketThatNobodyRegisteredIsSilent) {
+    add(SOCK_READ);
+    SocketPair other;
+    other.near.Close();
+    EXPECT_TRUE(log.lines().empty()) << log.dump();
+}
+
+TEST_F(NetSockDeadNumbers, ACloseAfterTheHandlersOwnCloseIsSilent) {
+    auto* const second = new TestHandler;
+    SocketPair other;
+    const int number = other.fd();
+    ASSERT_EQ(0, second->RegisterSock(other.near, SOCK_READ, 0));
+    closeAndWait(second);
+    log.clear();  // of the handler that was closed with a socket
+    other.near.Close();
+    EXPECT_TRUE(log.lines().empty()) << log.dump();
+    BorrowedSock sock(number);
+    handler->RemoveSock(sock);
+}
+
+TEST_F(NetSockDeadNumbers, TheHandlerOfAPrivatePoolIsNamedToo) {
+    const int index = CNetThread::CreatePrivatePool(1, false);
+    auto* const second = new TestHandler(index);
+    SocketPair other;
+    const int number = other.fd();
+    ASSERT_EQ(0, second->RegisterSock(other.near, SOCK_READ, 0));
+    other.near.Close();
+    EXPECT_EQ(1u, log.count(2, line("Close registered", number, *second))) << log.dump();
+    BorrowedSock sock(number);
+    second->RemoveSock(sock);
+    closeAndWait(second);
+    CNetThread::DestroyPrivatePool(index);
+}
+
+TEST_F(NetSockDeadNumbers, ANumberThatCloseTwoTookNamesItsFormerHandlerWhenItIsRegisteredAnew) {
+    const int number = pair.fd();
+    add(SOCK_READ);
+    SocketPair fresh;
+    ::close(number);
+    reuse(number, fresh);
+    auto* const second = new TestHandler;
+    second->on_input = handler->on_input;
+    ASSERT_EQ(0, second->RegisterSock(pair.near, SOCK_READ, 0));
+    EXPECT_EQ(1u, log.count(2, line("RegisterSock reused", number, *handler))) << log.dump();
+    EXPECT_EQ(1u, log.countLevel(2));
+    fresh.write();
+    EXPECT_EVENTUALLY(second->life->inputs == 1);
+    removeAndWait(pair.near);
+    closeAndWait(second);
+}
+
+TEST_F(NetSockDeadNumbers, ANumberThatIsReusedInFlightIsNamedWhenTheCallIsOver) {
+    const int number = pair.fd();
+    add(SOCK_READ);
+    Gate gate;
+    handler->on_input = [&](int) {
+        gate.pass();
+        return 0;
+    };
+    pair.write();
+    ASSERT_TRUE(gate.awaitArrivals(1));
+    SocketPair fresh;
+    ::close(number);
+    reuse(number, fresh);
+    ASSERT_EQ(0, handler->RegisterSock(pair.near, SOCK_READ, 0));
+    EXPECT_EQ(0u, log.countLevel(2)) << log.dump();
+    gate.open();
+    EXPECT_TRUE(log.eventuallyContains(2, line("RegisterSock reused", number, *handler))) << log.dump();
+    removeAndWait(pair.near);
+}
+
+TEST_F(NetSockDeadNumbers, WhatWasToldAtItsCloseIsNotToldAgain) {
+    const int number = pair.fd();
+    add(SOCK_READ);
+    SocketPair fresh;
+    pair.near.Close();
+    reuse(number, fresh);
+    BorrowedSock sock(number);
+    ASSERT_EQ(0, handler->RegisterSock(sock, SOCK_READ, 0));
+    EXPECT_EQ(1u, log.count(2, line("Close registered", number, *handler))) << log.dump();
+    EXPECT_EQ(1u, log.countLevel(2)) << log.dump();
+    removeAndWait(sock);
+    ::close(number);
+}
+
+TEST_F(NetSockDeadNumbers, ALiveNumberThatIsHandedToAnotherHandlerIsSilent) {
+    add(SOCK_READ);
+    auto* const second = new TestHandler;
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_EQ(0, second->RegisterSock(pair.near, SOCK_READ, 0));
+        ASSERT_EQ(0, handler->RegisterSock(pair.near, SOCK_READ | SOCK_WRITE, 0));
+    }
+    EXPECT_TRUE(log.lines().empty()) << log.dump();
+    closeAndWait(second);
+}
+
+// A sink may close a socket of its own, whatever lock the line was written under.
+TEST_F(NetSockDeadNumbers, AThreadThatClosesOthersSocketsDoesNotWaitForAHandler) {
+    add(SOCK_READ);
+    Gate gate;
+    holdInMessage(gate);
+    for (int i = 0; i < 100; ++i) {
+        SocketPair other;
+        other.near.Close();
+    }
+    gate.open();
+    EXPECT_TRUE(log.lines().empty()) << log.dump();
 }
 
 TEST_F(NetSock, RemoveOfASocketThatWasClosedBeforeIsALineWithClassAndId) {
