@@ -483,11 +483,11 @@ TEST_F(MediaDatagrams, AnyFramesArriveWholeAndInOrder) {
         if (random.oneIn(10)) {
             cutWithHeader(random.between(400U, 3000U), random.oneIn(2));
         }
-        std::vector<size_t> packets(random.between<size_t>(1, 4));
-        for (size_t& length : packets) {
+        std::vector<size_t> lengths(random.between<size_t>(1, 4));
+        for (size_t& length : lengths) {
             length = random.between<size_t>(1, 4000);  // What waits fits into the peer's buffer.
         }
-        sent += putFrame(packets, random.oneIn(4) ? 1 : 5, random.between(0, 2));
+        sent += putFrame(lengths, random.oneIn(4) ? 1 : 5, random.between(0, 2));
         take();
         for (int i = random.between(0, 4); i > 0; --i) {
             clock.advanceUs(random.between(0, 9000));

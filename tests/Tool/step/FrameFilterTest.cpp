@@ -5,6 +5,8 @@
 
 #include <vector>
 
+#include <Infra/LockClasses.h>
+
 namespace Orvex::Testing {
 
 using namespace Reticor;
