@@ -210,5 +210,24 @@ TEST(DefaultSinkModel, WhatIsDroppedIsCountedWhereItIsMissingHoweverTheReaderRea
     EXPECT_GT(model.notices(), 0u);
 }
 
+// With a reader that is always too slow it tells of its drops when half of the ring is free, and not with
+// every line that finds room.
+TEST(DefaultSinkModel, DropsAreToldWhenThereIsRoomAgainAndNotOneByOne) {
+    constexpr int PAGES = 64;
+    HandClock clock;
+    SmallPipe pipe;
+    RingModel model;
+    const unsigned int limit_before = setLogLimit(0);
+    for (int page = 0; page < PAGES; ++page) {
+        for (int line = 0; line < 20; ++line) {
+            logFilter(2, "", MODEL_FILE, "", 1, "", "%s\n", model.next(1000).c_str());
+        }
+        model.read(pipe.read());
+    }
+    setLogLimit(limit_before);
+    EXPECT_GT(model.notices(), 0u);
+    EXPECT_LE(model.notices(), uint64_t{PAGES} * SmallPipe::BYTES / (Detail::DefaultSink::RING_SIZE / 2) + 1);
+}
+
 }  // namespace
 }  // namespace Orvex::Infra

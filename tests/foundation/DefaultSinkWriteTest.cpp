@@ -20,6 +20,7 @@
 #include "DefaultSink.h"
 #include "support/Eventually.h"
 #include "support/SeededRandom.h"
+#include "support/StepThread.h"
 #include "support/foundation/SmallPipe.h"
 #include "support/foundation/StandardErrorSeam.h"
 
@@ -126,6 +127,15 @@ TEST_F(DefaultSinkWrite, NothingIsTriedWhenNothingIsOwed) {
     fails(EIO);
     let_a_thread_flush();
     EXPECT_EQ(1u, seam.left());
+}
+
+// Threads that sleep often do not wait for those that write.
+TEST_F(DefaultSinkWrite, AFlushOfNothingDoesNotEvenEnterTheLock) {
+    StepThread writer;
+    ASSERT_TRUE(writer.take([] { Detail::g_default_sink.hold(); }));
+    StepThread sleeper;
+    EXPECT_TRUE(sleeper.take(&let_a_thread_flush));
+    EXPECT_TRUE(writer.take([] { Detail::g_default_sink.release(); }));
 }
 
 // Whatever the writes come to, as long as none fails for good: every byte comes once and in order.

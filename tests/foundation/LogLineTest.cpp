@@ -14,6 +14,7 @@
 #include <Infra/Thread.h>
 
 #include "DefaultSink.h"
+#include "support/HandClock.h"
 #include "support/LogCapture.h"
 #include "support/SeededRandom.h"
 #include "support/foundation/SmallPipe.h"
@@ -150,11 +151,17 @@ TEST(LogLines, ASinkWithoutAFunctionIsTheDefaultOne) {
 // A place without a file is one like any other.
 TEST(LogLines, LinesWithoutAFileHaveTheirLimitToo) {
     SmallPipe pipe;
+    HandClock clock;
     const unsigned int limit = setLogLimit(1);
     logFilter(2, nullptr, nullptr, nullptr, 7, nullptr, "first\n");
     logFilter(2, nullptr, nullptr, nullptr, 7, nullptr, "second\n");
     logFilter(2, nullptr, nullptr, nullptr, 8, nullptr, "of another line\n");
     EXPECT_EQ("first\nof another line\n", pipe.read());
+    clock.advanceUs(1000000);
+    CThread::sleep(0);
+    EXPECT_EQ("[:7] tid:" + std::to_string(CThread::getCurrentThreadID()) +
+                  ", 1 more lines of this place were left out : it may write 1 in a second\n",
+              pipe.read());
     setLogLimit(limit);
 }
 
