@@ -8,6 +8,16 @@ install(TARGETS orvex_infra reticor EXPORT ReticorTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 
+# Commands for gdb, which looks for them below its data folder by the whole path of the library: the one of the
+# installation, not that of the configuration.
+if(RETICOR_SHARED)
+  install(CODE "
+    get_filename_component(folder \"${CMAKE_INSTALL_LIBDIR}\" ABSOLUTE BASE_DIR \"\${CMAKE_INSTALL_PREFIX}\")
+    file(INSTALL DESTINATION \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_DATADIR}/gdb/auto-load\${folder}\" TYPE FILE
+      RENAME \"libReticor.so.${PROJECT_VERSION}-gdb.py\" FILES \"${PROJECT_SOURCE_DIR}/tools/gdb/reticor-gdb.py\")"
+    COMPONENT gdb)
+endif()
+
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/Reticor)
 install(EXPORT ReticorTargets NAMESPACE Orvex:: DESTINATION ${package_dir})
 configure_package_config_file(cmake/ReticorConfig.cmake.in ${PROJECT_BINARY_DIR}/ReticorConfig.cmake

@@ -219,14 +219,14 @@ TEST_F(MulticastDoctor, AllAddressesOfAnInterfaceThatFitAreNamedWhole) {
     if (!hasNet()) {
         return;
     }
-    for (int i = 0; i < 20; ++i) {
+    for (int i = 0; i < 3; ++i) {
         const std::string number = std::to_string(i);
         ASSERT_TRUE(net.addPair(("va" + number).c_str(), ("vb" + number).c_str(),
                                 ("10.78." + number + ".1").c_str()));
     }
     ASSERT_EQ(0, doctor.Take());
-    EXPECT_EQ(43u, doctor.GetInterfaceCount());
-    EXPECT_THAT(interfaceNamed(doctor, "va19").addresses, HasSubstr("10.78.19.1/24"));
+    EXPECT_EQ(9u, doctor.GetInterfaceCount());
+    EXPECT_THAT(interfaceNamed(doctor, "va2").addresses, HasSubstr("10.78.2.1/24"));
     int before = 0;
     MulticastInterface one{};
     for (size_t i = 0; doctor.GetInterface(i, one) == 0; ++i) {
