@@ -422,6 +422,87 @@ TEST(TimerHeapOfPools, ATimerThatWasArmedNeedsNoMoreMemoryHoweverOftenItComesRou
     EXPECT_EQ(0u, heap.CountOfPool(StillPool::INDEX));
 }
 
+// Most timers that wait for long are cancelled before anybody has to look at them: they are not sorted.
+TEST(TimerHeapOfPools, ATimerThatIsNotDueSoonIsPutAsideWhateverTheClockSays) {
+    StillPool rig;
+    TimerHeap heap;
+    constexpr uint64_t NOW = 1700000000000000;
+    bool ignored_first = false;
+    const size_t before = Testing::alignedAllocationCount();
+    const long far = heap.Arm({0, ownerOf(StillPool::INDEX), NOW + 5 * BUCKET, 5 * BUCKET}, ignored_first);
+    EXPECT_EQ(before + 1, Testing::alignedAllocationCount()) << "it lies in a bucket";
+    const long soon = heap.Arm({0, ownerOf(StillPool::INDEX), NOW + 100, 100}, ignored_first);
+    EXPECT_EQ(NOW + 100, heap.Peek());
+    EXPECT_TRUE(heap.RemoveById(soon));
+    EXPECT_EQ(NOW + 5 * BUCKET, heap.Peek());
+    EXPECT_TRUE(heap.RemoveById(far));
+}
+
+TEST(TimerHeapOfPools, TimersThatComeAndGoNeedNoMoreRoomInTheLongRun) {
+    StillPool rig;
+    TimerHeap heap;
+    DueChains due;
+    std::vector<long> ids;
+    ids.reserve(1000);
+    size_t before = 0;
+    for (uint64_t round = 0; round < 40; ++round) {
+        before = round == 2 ? TimerHeapProbe::capacity(heap) : before;
+        ids.clear();
+        for (int i = 0; i < 1000; ++i) {
+            ids.push_back(armFor(heap, StillPool::INDEX, round * 100 + 50));
+        }
+        if (round % 2 == 0) {
+            for (const long id : ids) {
+                heap.RemoveById(id);
+            }
+            continue;
+        }
+        heap.PopDue(round * 100 + 50, due);
+        put_event_chain(std::exchange(due.m_chain[StillPool::INDEX], nullptr));
+        due.m_active_num = 0;
+        for (const long id : ids) {
+            heap.Release(id);
+        }
+    }
+    EXPECT_EQ(before, TimerHeapProbe::capacity(heap));
+}
+
+TEST(TimerHeapOfPools, EachLifeOfAPoolNeedsNoMoreRoomAndLeavesNoEntry) {
+    StillPool rig;
+    TimerHeap heap;
+    size_t room = 0;
+    for (int life = 0; life < 20; ++life) {
+        for (uint64_t i = 0; i < 3000; ++i) {
+            ASSERT_LT(armFor(heap, StillPool::INDEX, i), 0);
+        }
+        room = life == 0 ? TimerHeapProbe::capacity(heap) : room;
+        PoolTable::Set(StillPool::INDEX, nullptr);
+        heap.RemovePool(StillPool::INDEX, rig.pool().m_ids.Next());
+        EXPECT_LT(TimerHeapProbe::entries(heap), 200u) << "the dead are swept out";
+        PoolTable::Set(StillPool::INDEX, &rig.pool());
+    }
+    EXPECT_EQ(room, TimerHeapProbe::capacity(heap));
+}
+
+// Between the two steps of a pool's end: ids that wait with the heap are those of a pool that is going.
+TEST(TimerHeapOfPools, WaitingIdsAreNotGivenOnceTheSlotIsCleared) {
+    StillPool rig;
+    TimerHeap heap;
+    std::vector<long> ids;
+    for (int i = 0; i < 2000; ++i) {
+        ids.push_back(armFor(heap, StillPool::INDEX, 5));
+    }
+    for (const long id : ids) {
+        ASSERT_TRUE(heap.RemoveById(id));
+    }
+    ASSERT_GT(TimerHeapProbe::waitingIds(heap, StillPool::INDEX), 1024u);
+    PoolTable::Set(StillPool::INDEX, nullptr);
+    EXPECT_EQ(TimerHeap::NO_POOL, armFor(heap, StillPool::INDEX, 5));
+    heap.RemovePool(StillPool::INDEX, rig.pool().m_ids.Next());
+    EXPECT_EQ(0u, TimerHeapProbe::waitingIds(heap, StillPool::INDEX));
+    PoolTable::Set(StillPool::INDEX, &rig.pool());
+}
+
 TEST(TimerHeapOfPools, TimersForWhichThereIsNoRecordStayArmedInTheirOrder) {
     StillPool rig;
     TimerHeap heap;

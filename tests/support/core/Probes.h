@@ -33,6 +33,12 @@ struct TimerHeapProbe {
         return heap.m_array.size() + heap.m_later.Size();
     }
 
+    /// Entries that the heap has room for.
+    static std::size_t capacity(TimerHeap& heap) {
+        Infra::CGuard guard(heap.m_mutex);
+        return heap.m_array.capacity();
+    }
+
     /// Arms a timer under its own id, of a pool that need not exist.
     static bool arm(TimerHeap& heap, const ArmedTimer& timer) {
         Infra::CGuard guard(heap.m_mutex);
