@@ -120,7 +120,7 @@ public:
     /// "handlers", "timing on" or "timing off") and gets the answer; then its connection is closed. Sixteen
     /// may be connected; whoever has been so longest gives way to the next one. A socket at the path that
     /// nobody listens at is replaced. It stays until StopServingStats, whatever pools there are. Result: 0;
-    /// -1, with a line at level 2, if it serves already, the path is taken or longer than 107 bytes, or the
+    /// -1, with a line at level 2, if it serves already, the path is empty, taken or above 107 bytes, or the
     /// system gives no socket, no thread or no memory.
     static int ServeStats(const char* path);
 

@@ -22,9 +22,16 @@ namespace Orvex::Reticor {
 
 namespace {
 
+/// How long nobody is let in once the system had no room for one: the listener stays ready all the time.
+constexpr int REST_MS = 100;
+
 bool address_of(const char* path, sockaddr_un& address) {
     address = sockaddr_un{};
     address.sun_family = AF_UNIX;
+    if (*path == '\0') {
+        errno = ENOENT;  // the system would take it for a name without a file, which everybody may open
+        return false;
+    }
     if (std::strlen(path) >= sizeof(address.sun_path)) {
         errno = ENAMETOOLONG;
         return false;
@@ -160,14 +167,17 @@ void StatsServer::close_all() {
 
 void StatsServer::run(Infra::CThreadLite& thread) {
     pollfd watched[MOST_CLIENTS + 2];
+    bool has_room = true;
     while (thread.looping()) {
         watched[0] = {m_wake, POLLIN, 0};
-        watched[1] = {m_listener, POLLIN, 0};
+        watched[1] = {has_room ? m_listener : -1, POLLIN, 0};
         for (size_t i = 0; i < m_clients.size(); ++i) {
             const bool writes = !m_clients[i].answer.empty();
             watched[i + 2] = {m_clients[i].fd, static_cast<short>(writes ? POLLOUT : POLLIN), 0};
         }
-        if (::poll(watched, m_clients.size() + 2, -1) <= 0) {
+        const int ready = ::poll(watched, m_clients.size() + 2, has_room ? -1 : REST_MS);
+        has_room = has_room || ready == 0;
+        if (ready <= 0) {
             continue;
         }
         for (size_t i = m_clients.size(); i-- > 0;) {
@@ -177,22 +187,24 @@ void StatsServer::run(Infra::CThreadLite& thread) {
             }
         }
         if (watched[1].revents != 0) {
-            accept_one();
+            has_room = accept_one();
         }
     }
 }
 
-/// Whoever has been here longest gives way when there are too many: it may never ask for anything.
-void StatsServer::accept_one() {
+/// Whoever has been here longest gives way when there are too many: it may never ask for anything. False if
+/// the system has no room for one more.
+bool StatsServer::accept_one() {
     const int fd = ::accept4(m_listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (fd == -1) {
-        return;
+        return errno == EAGAIN || errno == EINTR || errno == ECONNABORTED;
     }
     if (m_clients.size() == MOST_CLIENTS) {
         close_fd(m_clients.front().fd);
         m_clients.erase(m_clients.begin());
     }
     m_clients.push_back({fd, {}, {}, 0});  // within what was reserved
+    return true;
 }
 
 /// False if the connection is over.

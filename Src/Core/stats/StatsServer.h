@@ -21,8 +21,8 @@ public:
     StatsServer& operator=(const StatsServer&) = delete;
 
     /// Listens at `path`, readable and writable for the process's user alone. A socket there that nobody
-    /// listens at is replaced. False, with the reason in errno, if the path is taken or too long, or the
-    /// system gives no socket or no thread; std::bad_alloc without memory.
+    /// listens at is replaced. False, with the reason in errno, if the path is empty, taken or too long, or
+    /// the system gives no socket or no thread; std::bad_alloc without memory.
     bool Start(const char* path);
 
     /// Ends the thread, closes what is open and removes the path.
@@ -40,7 +40,7 @@ private:
 
     bool listen_at(const char* path);
     void run(Infra::CThreadLite& thread);
-    void accept_one();
+    bool accept_one();
     bool serve(Client& client);
     bool receive(Client& client);
     static bool send(Client& client);
