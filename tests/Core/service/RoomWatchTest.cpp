@@ -151,6 +151,7 @@ TEST_F(RoomWatching, IsRefusedInAPoolWhoseWriteSetIsFull) {
     constexpr int ALL = 4096;
     Testing::allowDescriptors(ALL + 200);
     SocketPair filler;
+    filler.fill();
     std::vector<std::unique_ptr<Testing::BorrowedSock>> socks;
     for (int i = 0; i < ALL; ++i) {
         socks.push_back(std::make_unique<Testing::BorrowedSock>(::fcntl(filler.fd(), F_DUPFD_CLOEXEC, 0)));
@@ -159,6 +160,15 @@ TEST_F(RoomWatching, IsRefusedInAPoolWhoseWriteSetIsFull) {
     add(pair.near);
     expectRefused(handler->GetID(), pair.fd());
     EXPECT_EQ(0, rig.pool().m_mux.SocksWithoutPlace()) << "nobody waits for a place that came free";
+    // In flight it is too early to tell.
+    pair.write();
+    const std::vector<CEvent*> ready = rig.poll();
+    ASSERT_EQ(1u, ready.size());
+    RoomPlace early = begin();
+    EXPECT_TRUE(RoomWatch::stands(early));
+    rig.serve(ready[0]);
+    EXPECT_FALSE(RoomWatch::stands(early));
+    RoomWatch::end(early);
     handler->RemoveSock(*socks.back());
     RoomPlace place = begin();
     EXPECT_TRUE(place.is_taken());
@@ -176,7 +186,9 @@ TEST_F(RoomWatching, AWriterThatComesMeanwhileKeepsItsInterestWhenTheWaitEnds) {
     RoomPlace place = begin();
     add(pair.near, SOCK_WRITE);
     EXPECT_TRUE(RoomWatch::stands(place));
+    const RoomPlace copy = place;
     RoomWatch::end(place);
+    EXPECT_FALSE(RoomWatch::stands(copy)) << "the direction is the writer's alone";
     EXPECT_EQ(SOCK_READ | SOCK_WRITE, mask());
     EXPECT_EQ(1, writePlaces());
     pair.drainFar();
@@ -256,6 +268,7 @@ TEST_F(RoomWatching, AWaitThatEndsInFlightIsNotWatchedAgain) {
     const std::vector<CEvent*> ready = rig.poll();
     ASSERT_EQ(1u, ready.size());
     RoomWatch::end(place);
+    EXPECT_EQ(1, rig.places(0)) << "the wake end's: a socket in flight has none";
     rig.serve(ready[0]);
     EXPECT_EQ(SOCK_READ, mask());
     EXPECT_EQ(0, writePlaces());
@@ -285,6 +298,7 @@ TEST_F(RoomWatching, APlaceOfAnEarlierRegistrationEndsNothingOfALaterOne) {
     EXPECT_FALSE(RoomWatch::stands(old));
     RoomPlace present = begin();
     EXPECT_TRUE(RoomWatch::stands(present));
+    EXPECT_FALSE(RoomWatch::stands(old));
     RoomWatch::end(old);
     EXPECT_TRUE(RoomWatch::stands(present));
     EXPECT_EQ(SOCK_READ | WAITS, mask());
@@ -302,6 +316,7 @@ TEST_F(RoomWatching, AnotherReaderOfTheSocketTakesThePlaceAndSaysSo) {
     EXPECT_EQ(SOCK_READ, mask());
     RoomPlace next = RoomWatch::begin(heir->GetID(), pair.fd());
     EXPECT_TRUE(RoomWatch::stands(next));
+    EXPECT_FALSE(RoomWatch::stands(place)) << "the heir would be called";
     heir->RemoveSock(pair.near);
     rig.close(heir);
     EXPECT_FALSE(RoomWatch::stands(next)) << "its reader has gone";
@@ -315,8 +330,10 @@ TEST_F(RoomWatching, AReaderThatIsClosedOrNotFoundCallsNobody) {
     RoomPlace place = RoomWatch::begin(reader->GetID(), pair.fd());
     ASSERT_TRUE(RoomWatch::stands(place));
     const uint32_t losses = RoomLosses::count();
+    const int64_t id = reader->GetID();
     rig.close(reader);  // its socket is still registered
     EXPECT_FALSE(RoomWatch::stands(place));
+    expectRefused(id, pair.fd());
     pair.drainFar();
     rig.pollAndServe();
     EXPECT_NE(losses, RoomLosses::count()) << "the call found nobody";
