@@ -46,14 +46,17 @@ void text_of_spread(const char* what, const TimeSpread& spread, TextRoom& out) {
     if (spread.GetCount() == 0) {
         return;
     }
-    out << "  " << what << ": " << spread.GetCount() << " times, us: below " << in_us(spread.GetBound(0.5))
-        << " (half), " << in_us(spread.GetBound(0.9)) << " (90 %), " << in_us(spread.GetBound(0.99))
-        << " (99 %), " << in_us(spread.max_ns) << " at most\n";
+    out << "  " << what << ": " << spread.GetCount() << " times, us: below ";
+    out.Plain(in_us(spread.GetBound(0.5))) << " (half), ";
+    out.Plain(in_us(spread.GetBound(0.9))) << " (90 %), ";
+    out.Plain(in_us(spread.GetBound(0.99))) << " (99 %), ";
+    out.Plain(in_us(spread.max_ns)) << " at most\n";
 }
 
 void text_of_pool(const PoolStats& pool, TextRoom& out) {
     out << "pool " << pool.pool << ": " << pool.workers << " workers, " << pool.busy
-        << " busy, processor time " << static_cast<double>(pool.cpu_ns / 1000000) / 1000 << " s\n";
+        << " busy, processor time ";
+    out.Plain(static_cast<double>(pool.cpu_ns / 1000000) / 1000) << " s\n";
     size_t column = 0;
     for (size_t i = 0; i < POOL_FIGURE_COUNT; ++i) {
         out << "  " << POOL_FIGURES[i].name << " " << pool.*POOL_FIGURES[i].value;
@@ -215,7 +218,7 @@ void write_text(const Snapshot& snapshot, TextRoom& out) {
         out.Column(76) << row.closed;
         out.Column(86) << row.calls;
         if (row.timed != 0) {
-            out.Column(100) << in_us(row.time_ns / row.timed);
+            out.Column(100).Plain(in_us(row.time_ns / row.timed));
         }
         out << "\n";
     }
@@ -245,7 +248,7 @@ void write_handlers(const std::vector<HandlerInfo>& handlers, TextRoom& out) {
     out.Column(52) << "socks";
     out.Column(58) << "timers class\n";
     for (const HandlerInfo& handler : handlers) {
-        out << static_cast<double>(handler.age_ms) / 1000;
+        out.Plain(static_cast<double>(handler.age_ms) / 1000);
         out.Column(12) << handler.pool;
         out.Column(17) << handler.id;
         out.Column(36) << handler.state;

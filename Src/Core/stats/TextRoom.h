@@ -26,6 +26,15 @@ public:
         return *this;
     }
 
+    /// A number for people: with all its digits, where `<<` would take an exponent.
+    TextRoom& Plain(double number) {
+        char digits[400];  // the longest has 309 before the point, or some 340 after it
+        const std::to_chars_result end =
+            std::to_chars(digits, digits + sizeof(digits), number, std::chars_format::fixed);
+        m_text.append(digits, end.ptr);
+        return *this;
+    }
+
     /// In quotes. What JSON and the exposition format would take for something else is escaped as both do.
     TextRoom& Quote(std::string_view text) {
         m_text += '"';

@@ -1,14 +1,10 @@
-// The texts of a snapshot, read by readers that refuse what a stranger's would refuse.
-#include <gtest/gtest-spi.h>
+// StatsTexts: the texts of a snapshot, read by readers that refuse what a stranger's would refuse.
+#include "Core/stats/StatsTexts.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cstdio>
-#include <cstdlib>
-#include <map>
-#include <regex>
-#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -16,188 +12,16 @@
 #include <Reticor/Stats.h>
 
 #include "Core/stats/MediaSource.h"
-#include "Core/stats/StatsTexts.h"
+#include "Tool/judge/VerdictText.h"
+#include "support/core/Exposition.h"
+#include "support/core/JsonValue.h"
+#include "support/core/MadeSnapshot.h"
 #include "support/core/SockPoolFixture.h"
 
 namespace Orvex::Testing {
 namespace {
 
 using namespace Reticor;
-
-// ---- readers -------------------------------------------------------------------------------------------
-
-// The series of an exposition, by name and labels. Refuses a series that is there twice, one without a type
-// before it, a family that comes twice, and histograms that fall or whose count is another one.
-class Exposition {
-public:
-    explicit Exposition(const std::string& text) {
-        std::istringstream lines(text);
-        EXPECT_EQ('\n', text.back());
-        for (std::string line; std::getline(lines, line);) {
-            line.rfind("# ", 0) == 0 ? comment(line) : sample(line);
-        }
-        for (const auto& [name, type] : m_types) {
-            if (type == "histogram") {
-                check_histogram(name);
-            }
-        }
-    }
-
-    double at(const std::string& series) const {
-        const auto found = m_series.find(series);
-        EXPECT_NE(m_series.end(), found) << series;
-        return found != m_series.end() ? found->second : -1;
-    }
-    const std::map<std::string, double>& series() const { return m_series; }
-
-    // Series that are counters.
-    bool is_counter(const std::string& series) const {
-        const std::string family = family_of(series.substr(0, series.find('{')));
-        const std::string& type = m_types.at(family);
-        return type == "counter" || type == "histogram";
-    }
-
-private:
-    void comment(const std::string& line) {
-        static const std::regex FORM("# (HELP|TYPE) ([a-zA-Z_:][a-zA-Z0-9_:]*) (.+)");
-        std::smatch parts;
-        ASSERT_TRUE(std::regex_match(line, parts, FORM)) << line;
-        if (parts[1] == "TYPE") {
-            EXPECT_TRUE(m_types.emplace(parts[2], parts[3]).second) << "twice: " << line;
-            EXPECT_TRUE(parts[3] == "counter" || parts[3] == "gauge" || parts[3] == "histogram") << line;
-            m_present = parts[2];
-        }
-    }
-
-    void sample(const std::string& line) {
-        static const std::regex FORM(R"(([a-zA-Z_:][a-zA-Z0-9_:]*)(\{[a-z]+="(?:[^"\\]|\\.)*")"
-                                     R"((?:,[a-z]+="(?:[^"\\]|\\.)*")*\})? (\S+))");
-        std::smatch parts;
-        ASSERT_TRUE(std::regex_match(line, parts, FORM)) << line;
-        EXPECT_EQ(m_present, family_of(parts[1])) << "not under its own type: " << line;
-        char* end = nullptr;
-        const std::string number = parts[3];
-        const double value = std::strtod(number.c_str(), &end);
-        EXPECT_EQ('\0', *end) << line;
-        EXPECT_TRUE(m_series.emplace(parts[1].str() + parts[2].str(), value).second) << "twice: " << line;
-    }
-
-    std::string family_of(const std::string& name) const {
-        for (const char* ending : {"_bucket", "_sum", "_count"}) {
-            const size_t size = std::string(ending).size();
-            if (name.size() > size && name.compare(name.size() - size, size, ending) == 0) {
-                const std::string family = name.substr(0, name.size() - size);
-                const auto found = m_types.find(family);
-                if (found != m_types.end() && found->second == "histogram") {
-                    return family;
-                }
-            }
-        }
-        return name;
-    }
-
-    void check_histogram(const std::string& name) const {
-        static const std::regex EDGE("(.*?),?le=\"([^\"]+)\"\\}");
-        std::map<std::string, std::map<double, double>> buckets;  // by the other labels
-        for (const auto& [series, value] : m_series) {
-            std::smatch parts;
-            if (series.rfind(name + "_bucket", 0) == 0 && std::regex_match(series, parts, EDGE)) {
-                buckets[parts[1]][parts[2] == "+Inf" ? 1e300 : std::atof(parts[2].str().c_str())] = value;
-            }
-        }
-        for (const auto& [labels, edges] : buckets) {
-            double below = 0;
-            for (const auto& [edge, value] : edges) {
-                EXPECT_GE(value, below) << labels << " at " << edge;
-                below = value;
-            }
-            const std::string rest = labels.substr((name + "_bucket").size());
-            EXPECT_EQ(edges.rbegin()->second, at(name + "_count" + (rest == "{" ? "" : rest + "}")));
-        }
-    }
-
-    std::map<std::string, std::string> m_types;
-    std::map<std::string, double> m_series;
-    std::string m_present;
-};
-
-// Whether a text is one JSON value; keys of an object may not repeat.
-class JsonReader {
-public:
-    explicit JsonReader(const std::string& text) : m_text(text) {}
-    bool reads() {
-        const bool good = value();
-        blanks();
-        return good && m_at == m_text.size();
-    }
-
-private:
-    void blanks() {
-        while (m_at < m_text.size() && std::isspace(static_cast<unsigned char>(m_text[m_at])) != 0) {
-            ++m_at;
-        }
-    }
-    bool take(char letter) {
-        blanks();
-        const bool there = m_at < m_text.size() && m_text[m_at] == letter;
-        m_at += there ? 1 : 0;
-        return there;
-    }
-    bool word(const std::string& expected) {
-        const bool there = m_text.compare(m_at, expected.size(), expected) == 0;
-        m_at += there ? expected.size() : 0;
-        return there;
-    }
-    bool string(std::string& found) {
-        if (!take('"')) {
-            return false;
-        }
-        const size_t begin = m_at;
-        while (m_at < m_text.size() && m_text[m_at] != '"') {
-            m_at += m_text[m_at] == '\\' ? 2 : 1;
-        }
-        found = m_text.substr(begin, m_at - begin);
-        return take('"');
-    }
-    bool number() {
-        const size_t begin = m_at;
-        while (m_at < m_text.size() &&
-               std::string("+-.eE0123456789").find(m_text[m_at]) != std::string::npos) {
-            ++m_at;
-        }
-        return m_at > begin;
-    }
-    template <class Entry>
-    bool list(char close, Entry entry) {
-        if (take(close)) {
-            return true;
-        }
-        do {
-            if (!entry()) {
-                return false;
-            }
-        } while (take(','));
-        return take(close);
-    }
-    bool value() {
-        blanks();
-        std::string ignored;
-        if (take('{')) {
-            std::set<std::string> keys;
-            return list('}', [&] {
-                std::string key;
-                return string(key) && keys.insert(key).second && take(':') && value();
-            });
-        }
-        if (take('[')) {
-            return list(']', [&] { return value(); });
-        }
-        return string(ignored) || word("true") || word("false") || word("null") || number();
-    }
-
-    const std::string& m_text;
-    size_t m_at = 0;
-};
 
 using Writer = size_t (CStats::*)(char*, size_t) const;
 
@@ -213,63 +37,7 @@ std::string written(Writer write) {
     return written(stats, write);
 }
 
-class Quoted : public TestHandler {};
-
-class StatsTexts : public SockPoolFixture {
-protected:
-    void work() {
-        const int goal = handler->life->messages + 32;
-        for (int i = 0; i < 32; ++i) {
-            handler->Notify(handler->GetID(), 100, i);
-        }
-        EXPECT_EVENTUALLY(handler->life->messages >= goal);
-    }
-};
-
-// ---- the exposition format -------------------------------------------------------------------------------
-
-TEST(ExpositionReader, RefusesWhatItShouldRefuse) {
-    const char* const wrong[] = {
-        "# TYPE a gauge\na 1\na 2\n",                           // twice
-        "# TYPE a gauge\nb 1\n",                                // under another family
-        "# TYPE a gauge\na{b=\"c} 1\n",                         // no end of the label
-        "# TYPE a gauge\na 1\n# TYPE b gauge\na{c=\"d\"} 1\n",  // torn apart
-    };
-    for (const char* text : wrong) {
-        testing::TestPartResultArray failures;
-        {
-            testing::ScopedFakeTestPartResultReporter reporter(
-                testing::ScopedFakeTestPartResultReporter::INTERCEPT_ONLY_CURRENT_THREAD, &failures);
-            const Exposition read{text};
-        }
-        EXPECT_GT(failures.size(), 0) << text;
-    }
-}
-
-TEST_F(StatsTexts, TheExpositionHasEverySeriesOnceAndCountersNeverFall) {
-    CStats::SetTiming(true);
-    work();
-    const int index = CNetThread::CreatePrivatePool(1, false);
-    Exposition before(written(&CStats::toPrometheus));
-    EXPECT_EQ(1, before.at("reticor_build_info{version=\"1.0.0\"}"));
-    EXPECT_EQ(2, before.at("reticor_pools"));
-    EXPECT_GE(before.at("reticor_pool_messages_total{pool=\"0\"}"), 32);
-    EXPECT_EQ(0, before.at("reticor_pool_messages_total{pool=\"" + std::to_string(index) + "\"}"));
-    EXPECT_GE(before.at("reticor_handlers{class=\"Orvex::Testing::TestHandler\"}"), 1);
-    EXPECT_GE(before.at("reticor_pool_run_seconds_count{pool=\"0\"}"), 1);
-    work();
-    const Exposition after(written(&CStats::toPrometheus));
-    for (const auto& [series, value] : before.series()) {
-        if (before.is_counter(series)) {
-            EXPECT_GE(after.at(series), value) << series;
-        }
-    }
-    EXPECT_GE(after.at("reticor_pool_messages_total{pool=\"0\"}") -
-                  before.at("reticor_pool_messages_total{pool=\"0\"}"),
-              32);
-    CNetThread::DestroyPrivatePool(index);
-    CStats::SetTiming(false);
-}
+class StatsTexts : public SockPoolFixture {};
 
 // ---- media ----------------------------------------------------------------------------------------------
 
@@ -298,7 +66,7 @@ TEST_F(StatsTexts, HaveTheSendersOfMediaThatSufferMost) {
     EXPECT_EQ(0U,
               metrics.series().count("reticor_media_sender_lag_seconds{sender=\"-1376256\",buffer=\"3\"}"));
     const std::string json = written(&CStats::toJson);
-    EXPECT_TRUE(JsonReader(json).reads()) << json;
+    EXPECT_TRUE(JsonValue::parse(json)) << json;
     EXPECT_NE(std::string::npos, json.find("\"sender\":\"-1638400\"")) << "all of them";
     const std::string text = written(&CStats::toText);
     EXPECT_NE(std::string::npos, text.find("stalled for 1.5 s\n")) << text;
@@ -321,7 +89,7 @@ void oneLateSender(MediaRows& rows) {
 TEST_F(StatsTexts, HaveTheFramesThatASenderWasNotSentByTheirCause) {
     MediaSource::Set(&oneLateSender);
     const std::string json = written(&CStats::toJson);
-    EXPECT_TRUE(JsonReader(json).reads()) << json;
+    EXPECT_TRUE(JsonValue::parse(json)) << json;
     EXPECT_NE(std::string::npos,
               json.find("\"drops\":{\"stepped\":{\"frames\":5,\"levels\":{\"5\":4,\"10\":1},"
                         "\"channels\":{\"0\":5}},\"filtered\":{\"frames\":3,\"levels\":{\"2\":3},"
@@ -347,14 +115,11 @@ TEST_F(StatsTexts, TheJsonIsJsonWithIdsAsStrings) {
     Gate gate;
     holdInMessage(gate);
     const std::string text = written(&CStats::toJson);
-    EXPECT_TRUE(JsonReader(text).reads()) << text;
+    EXPECT_TRUE(JsonValue::parse(text)) << text;
     EXPECT_NE(std::string::npos, text.find("\"handler\":\"" + std::to_string(handler->GetID()) + "\""))
         << text;
     EXPECT_NE(std::string::npos, text.find("\"class\":\"Orvex::Testing::TestHandler\"")) << text;
     EXPECT_EQ(1, std::count(text.begin(), text.end(), '\n')) << "one line, that a reader may split by";
-    for (const char* wrong : {"", "{", "{\"a\":1,\"a\":2}", "[1,]", "{\"a\" 1}", "{}x"}) {
-        EXPECT_FALSE(JsonReader(wrong).reads()) << wrong;
-    }
 }
 
 TEST_F(StatsTexts, TheTextTellsInWhichCallAWorkerIs) {
@@ -374,6 +139,297 @@ TEST_F(StatsTexts, AShortRoomIsFilledAndTheWholeLengthTold) {
     EXPECT_EQ(whole.size(), stats.toText(room, 5));
     EXPECT_EQ(whole.substr(0, 5) + "56789", room);
     EXPECT_EQ(0u, CStats().toText(room, 5));
+}
+
+// ---- made snapshots --------------------------------------------------------------------------------------
+
+TEST(JsonReader, RefusesWhatIsNotJson) {
+    for (const char* wrong : {"",          " ",     "{",        "}",   "[1,]", "[1 2]",   "{\"a\":1,\"a\":2}",
+                              "{\"a\" 1}", "{a:1}", "{\"a\":}", "{}x", "01",   "+1",      "1.",
+                              ".5",        "1e",    "--1",      "tru", "\"a",  "\"\\x\"", "\"a\nb\"",
+                              "\"\\u12\"", "[",     "nul"}) {
+        EXPECT_FALSE(JsonValue::parse(wrong)) << wrong;
+    }
+}
+
+TEST(JsonReader, ReadsWhatIsJson) {
+    const std::string text =
+        " {\"a\" : [1, -2.5e+3, true, null, \"x\\\"\\\\\\u0041\\n\"], \"b\":{}, \"c\":18446744073709551615} ";
+    const std::optional<JsonValue> found = JsonValue::parse(text);
+    ASSERT_TRUE(found);
+    EXPECT_EQ(3u, found->size());
+    EXPECT_EQ(5u, (*found)["a"].size());
+    EXPECT_TRUE((*found)["a"][0].is(uint64_t{1}));
+    EXPECT_EQ("-2.5e+3", (*found)["a"][1].text());
+    EXPECT_EQ(JsonValue::Kind::TRUTH, (*found)["a"][2].kind());
+    EXPECT_EQ(JsonValue::Kind::NOTHING, (*found)["a"][3].kind());
+    EXPECT_TRUE((*found)["a"][4].is("x\"\\A\n"));
+    EXPECT_EQ(0u, (*found)["b"].size());
+    EXPECT_TRUE((*found)["c"].is(UINT64_MAX));
+}
+
+std::string textOf(const Snapshot& snapshot, void (*write)(const Snapshot&, TextRoom&)) {
+    TextRoom out;
+    write(snapshot, out);
+    return out.text();
+}
+
+void expectSpread(const TimeSpread& spread, const JsonValue& json) {
+    EXPECT_EQ(6u, json.size());
+    EXPECT_TRUE(json["count"].is(spread.GetCount()));
+    EXPECT_TRUE(json["sum_ns"].is(spread.sum_ns));
+    EXPECT_TRUE(json["p50_ns"].is(spread.GetBound(0.5)));
+    EXPECT_TRUE(json["p90_ns"].is(spread.GetBound(0.9)));
+    EXPECT_TRUE(json["p99_ns"].is(spread.GetBound(0.99)));
+    EXPECT_TRUE(json["max_ns"].is(spread.max_ns));
+}
+
+void expectPool(const PoolStats& pool, const JsonValue& json) {
+    EXPECT_EQ(6 + POOL_FIGURE_COUNT, json.size());
+    EXPECT_EQ(std::to_string(pool.pool), json["pool"].text());
+    EXPECT_TRUE(json["workers"].is(uint64_t{pool.workers}));
+    EXPECT_TRUE(json["busy"].is(uint64_t{pool.busy}));
+    EXPECT_TRUE(json["cpu_ns"].is(pool.cpu_ns));
+    for (size_t i = 0; i < POOL_FIGURE_COUNT; ++i) {
+        EXPECT_TRUE(json[POOL_FIGURES[i].name].is(pool.*POOL_FIGURES[i].value)) << POOL_FIGURES[i].name;
+    }
+    expectSpread(pool.wait, json["wait"]);
+    expectSpread(pool.run, json["run"]);
+}
+
+void expectWorker(const WorkerStats& worker, const JsonValue& json) {
+    EXPECT_EQ(std::to_string(worker.pool), json["pool"].text());
+    EXPECT_EQ(std::to_string(worker.thread_id), json["thread"].text());
+    EXPECT_TRUE(json["cpu_ns"].is(worker.cpu_ns));
+    EXPECT_TRUE(json["calls"].is(worker.calls));
+    EXPECT_TRUE(json["served"].is(worker.served));
+    EXPECT_TRUE(json["handler"].is(std::to_string(worker.handler))) << "a string";
+    EXPECT_TRUE(json["call"].is(std::string(worker.call)));
+}
+
+void expectClass(const HandlerClassStats& row, const JsonValue& json) {
+    EXPECT_TRUE(json["class"].is(std::string(row.name))) << row.name;
+    EXPECT_TRUE(json["live"].is(row.live));
+    EXPECT_TRUE(json["opened"].is(row.opened));
+    EXPECT_TRUE(json["closed"].is(row.closed));
+    EXPECT_TRUE(json["calls"].is(row.calls));
+    EXPECT_TRUE(json["timed"].is(row.timed));
+    EXPECT_TRUE(json["time_ns"].is(row.time_ns));
+}
+
+void expectSender(const SenderVerdict& row, const JsonValue& json) {
+    EXPECT_TRUE(json["sender"].is(std::to_string(row.sender))) << "a string";
+    EXPECT_TRUE(json["buffer"].is(row.buffer));
+    EXPECT_TRUE(json["verdict"].is(std::string(VerdictText::name(row.kind))));
+    EXPECT_TRUE(json["why"].is(std::string(row.sentence))) << row.sentence;
+    EXPECT_TRUE(json["lag_us"].is(row.lag_us));
+    EXPECT_TRUE(json["lag_bytes"].is(row.lag_bytes));
+    EXPECT_TRUE(json["lag_frames"].is(row.lag_frames));
+    EXPECT_TRUE(json["unsent_bytes"].is(row.unsent_bytes));
+    EXPECT_TRUE(json["blocked_us"].is(row.blocked_us));
+    EXPECT_TRUE(json["stream_rate"].is(row.stream_rate));
+    EXPECT_TRUE(json["taken_rate"].is(row.taken_rate));
+    EXPECT_TRUE(json["closed_percent"].is(uint64_t{row.closed_percent}));
+    EXPECT_TRUE(json["rtt_us"].is(uint64_t{row.rtt_us}));
+    EXPECT_TRUE(json["hole_frames"].is(row.hole_frames));
+    EXPECT_TRUE(json["skipped_frames"].is(row.skipped_frames));
+    EXPECT_TRUE(json["thinned_frames"].is(row.thinned_frames));
+}
+
+template <class Row>
+void expectRows(const std::vector<Row>& rows, const JsonValue& json,
+                void (*expect)(const Row&, const JsonValue&)) {
+    ASSERT_EQ(JsonValue::Kind::LIST, json.kind());
+    ASSERT_EQ(rows.size(), json.size());
+    for (size_t i = 0; i < rows.size(); ++i) {
+        expect(rows[i], json[i]);
+    }
+}
+
+TEST(MadeTexts, WhatIsReadFromTheJsonIsWhatWasInTheSnapshot) {
+    SeededRandom random;
+    for (int round = 0; round < 60 && !testing::Test::HasFailure(); ++round) {
+        const MadeSnapshot made(random);
+        const Snapshot& from = made.snapshot;
+        const std::string text = textOf(from, &write_json);
+        const std::optional<JsonValue> read = JsonValue::parse(text);
+        ASSERT_TRUE(read) << text;
+        EXPECT_EQ(text.size() - 1, text.find('\n')) << "one line";
+        EXPECT_EQ(13u, read->size());
+        EXPECT_TRUE((*read)["version"].is(uint64_t{STATS_VERSION}));
+        EXPECT_TRUE((*read)["taken_us"].is(from.process.taken_us));
+        EXPECT_EQ(from.process.timing != 0 ? "true" : "false", (*read)["timing"].text());
+        EXPECT_TRUE((*read)["handlers"].is(from.process.handlers));
+        EXPECT_TRUE((*read)["timers_armed"].is(from.process.timers_armed));
+        EXPECT_TRUE((*read)["stuck"].is(from.process.stuck));
+        EXPECT_TRUE((*read)["stuck_ever"].is(from.process.stuck_ever));
+        expectSpread(from.process.timer_lateness, (*read)["timer_lateness"]);
+        expectRows(from.pools, (*read)["pools"], &expectPool);
+        expectRows(from.workers, (*read)["workers"], &expectWorker);
+        expectRows(from.classes, (*read)["classes"], &expectClass);
+        expectRows(from.media.senders, (*read)["media_senders"], &expectSender);
+        expectRows<MediaBufferRow>(from.media.buffers, (*read)["media_buffers"],
+                                   [](const MediaBufferRow& row, const JsonValue& json) {
+                                       EXPECT_TRUE(json["buffer"].is(row.buffer));
+                                       EXPECT_TRUE(json["senders"].is(row.senders));
+                                       EXPECT_TRUE(json["frames"].is(row.frames));
+                                       EXPECT_TRUE(json["bytes"].is(row.bytes));
+                                       EXPECT_TRUE(json["put_bytes"].is(row.put_bytes));
+                                   });
+    }
+}
+
+// ---- the text for people ---------------------------------------------------------------------------------
+
+std::vector<std::string> linesOf(const std::string& text) {
+    std::istringstream in(text);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(in, line);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+TEST(MadeTexts, TheTextOfAnEmptySnapshotIsItsFirstLineAndTheHeadOfTheClasses) {
+    const std::vector<std::string> lines = linesOf(textOf(Snapshot(), &write_text));
+    ASSERT_EQ(2u, lines.size());
+    EXPECT_EQ("handlers 0, armed timers 0, timing off, stuck calls 0 (0 ever)", lines[0]);
+    EXPECT_EQ(0u, lines[1].find("class "));
+}
+
+TEST(MadeTexts, TheTextHasEachFigureOfAPoolBesideItsName) {
+    Snapshot snapshot;
+    PoolStats pool{};
+    pool.pool = 7;
+    pool.workers = 4;
+    pool.busy = 3;
+    pool.cpu_ns = 1234567890;
+    for (size_t i = 0; i < POOL_FIGURE_COUNT; ++i) {
+        pool.*POOL_FIGURES[i].value = 1000 + i;
+    }
+    snapshot.pools.push_back(pool);
+    const std::vector<std::string> lines = linesOf(textOf(snapshot, &write_text));
+    ASSERT_EQ(2 + 1 + POOL_FIGURE_COUNT / 3, lines.size()) << "three in a line, and no spread that is empty";
+    EXPECT_EQ("pool 7: 4 workers, 3 busy, processor time 1.234 s", lines[1]);
+    for (size_t i = 0; i < POOL_FIGURE_COUNT; ++i) {
+        const std::string figure = std::string(POOL_FIGURES[i].name) + " " + std::to_string(1000 + i);
+        EXPECT_EQ(2 + i % 3 * 34, lines[2 + i / 3].find(figure)) << figure;
+    }
+}
+
+TEST(MadeTexts, TheTextTellsSpreadsInMicroseconds) {
+    Snapshot snapshot;
+    TimeSpread& late = snapshot.process.timer_lateness;
+    late.count[10] = 90;  // below 1.024 us
+    late.count[20] = 9;   // below 1048.576 us
+    late.count[30] = 1;
+    late.max_ns = 900000000;
+    const std::vector<std::string> lines = linesOf(textOf(snapshot, &write_text));
+    EXPECT_EQ(
+        "  lateness of timers: 100 times, us: below 1.02 (half), 1.02 (90 %), 1048.57 (99 %), 900000 at most",
+        lines[1]);
+}
+
+// An exponent is not what people read a time by.
+TEST(MadeTexts, LongTimesAreWrittenOutForPeople) {
+    Snapshot snapshot;
+    PoolStats pool{};
+    pool.cpu_ns = 300000000000000;
+    snapshot.pools.push_back(pool);
+    HandlerClassStats row{};
+    row.name = "Shop::Till";
+    row.timed = 1;
+    row.time_ns = 2000000000000;
+    snapshot.classes.push_back(row);
+    const std::vector<std::string> lines = linesOf(textOf(snapshot, &write_text));
+    EXPECT_NE(std::string::npos, lines[1].find("processor time 300000 s")) << lines[1];
+    EXPECT_EQ(lines[lines.size() - 2].find("us each"), lines.back().find("2000000000")) << lines.back();
+    HandlerInfo old{};
+    old.class_name = "Shop::Till";
+    old.state = "open";
+    old.age_ms = 700000000;
+    TextRoom out;
+    write_handlers({old}, out);
+    EXPECT_EQ(0u, linesOf(out.text())[1].find("700000 ")) << out.text();
+}
+
+TEST(MadeTexts, TheTextNamesWorkersThatAreInACallAndNoOthers) {
+    Snapshot snapshot;
+    WorkerStats idle{};
+    idle.thread_id = 41;
+    idle.call = "";
+    WorkerStats busy{};
+    busy.thread_id = 42;
+    busy.pool = 3;
+    busy.handler = -6553600;
+    busy.call = "handle_output";
+    snapshot.workers = {idle, busy, idle};
+    const std::vector<std::string> lines = linesOf(textOf(snapshot, &write_text));
+    ASSERT_EQ(3u, lines.size());
+    EXPECT_EQ("thread 42 of pool 3 is in handle_output of handler -6553600", lines[1]);
+}
+
+TEST(MadeTexts, TheClassesStandInColumnsAlsoAfterALongName) {
+    Snapshot snapshot;
+    const std::string long_name(70, 'n');
+    HandlerClassStats row{};
+    row.name = "Shop::Till";
+    row.live = 1;
+    row.opened = 22;
+    row.closed = 333;
+    row.calls = 4444;
+    row.timed = 4;
+    row.time_ns = 10000;
+    snapshot.classes.push_back(row);
+    row.name = long_name.c_str();
+    row.timed = 0;  // nobody has measured
+    snapshot.classes.push_back(row);
+    const std::vector<std::string> lines = linesOf(textOf(snapshot, &write_text));
+    ASSERT_EQ(4u, lines.size());
+    const std::string& head = lines[1];
+    const std::string& line = lines[2];
+    EXPECT_EQ(head.find("live"), line.find("1 "));
+    EXPECT_EQ(head.find("opened"), line.find("22"));
+    EXPECT_EQ(head.find("closed"), line.find("333"));
+    EXPECT_EQ(head.find("calls"), line.find("4444"));
+    EXPECT_EQ(head.find("us each"), line.find("2.5"));
+    EXPECT_EQ(long_name + " 1 22 333       4444", lines[3]) << "a blank, and columns where there is room";
+}
+
+TEST(MadeTexts, TheListOfHandlersHasALineForEach) {
+    HandlerInfo one{};
+    one.class_name = "Shop::Till";
+    one.state = "open";
+    one.id = -6553600;
+    one.pool = 3;
+    one.age_ms = 12345;
+    one.references = 2;
+    one.sockets = 1;
+    one.timers = 7;
+    HandlerInfo made{};
+    made.class_name = "not called yet";
+    made.state = "closing";
+    made.pool = -1;
+    TextRoom out;
+    write_handlers({one, made}, out);
+    const std::vector<std::string> lines = linesOf(out.text());
+    ASSERT_EQ(3u, lines.size());
+    const std::string& head = lines[0];
+    const auto cell = [&](const std::string& line, const char* column, const char* next) {
+        const std::string text = line.substr(head.find(column), head.find(next) - head.find(column));
+        return text.substr(0, text.find_last_not_of(' ') + 1);
+    };
+    EXPECT_EQ("12.345", cell(lines[1], "age_s", "pool"));
+    EXPECT_EQ("3", cell(lines[1], "pool", "id"));
+    EXPECT_EQ("-6553600", cell(lines[1], "id", "state"));
+    EXPECT_EQ("open", cell(lines[1], "state", "refs"));
+    EXPECT_EQ("2", cell(lines[1], "refs", "socks"));
+    EXPECT_EQ("1", cell(lines[1], "socks", "timers"));
+    EXPECT_EQ("7", cell(lines[1], "timers", "class"));
+    EXPECT_EQ("Shop::Till", lines[1].substr(head.find("class")));
+    EXPECT_EQ("0", cell(lines[2], "age_s", "pool"));
+    EXPECT_EQ("-1", cell(lines[2], "pool", "id"));
+    EXPECT_EQ("not called yet", lines[2].substr(head.find("class")));
 }
 
 }  // namespace
