@@ -7,7 +7,9 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <climits>
 #include <memory>
+#include <set>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -15,6 +17,7 @@
 
 #include <Infra/Thread.h>
 #include <Reticor/R3.h>
+#include <Reticor/Stats.h>
 
 #include "Core/handle/ObjectId.h"
 #include "Core/pool/PoolTable.h"
@@ -23,9 +26,11 @@
 #include "support/Eventually.h"
 #include "support/KernelThread.h"
 #include "support/LogCapture.h"
+#include "support/SeededRandom.h"
 #include "support/TestHandler.h"
 #include "support/ThreadFault.h"
 #include "support/core/Probes.h"
+#include "support/socket/Allocations.h"
 
 namespace Orvex::Reticor {
 namespace {
@@ -215,6 +220,163 @@ TEST(NetThread, HandlersOfDifferentPoolsReachEachOther) {
     EXPECT_EVENTUALLY(lives[0]->closes == 1 && lives[1]->closes == 1);
     EXPECT_EQ(0, CNetThread::DestroyPrivatePool(pool));
     EXPECT_EQ(0, CNetThread::DestroyThreadPool());
+}
+
+// What there is after any order of creating and destroying, by a plain count.
+class LifeModel {
+public:
+    void step(Testing::SeededRandom& random) {
+        switch (random.between(0, 4)) {
+            case 0:
+                ASSERT_EQ(0, CNetThread::CreateThreadPool(1, false));
+                ++m_users;
+                break;
+            case 1:
+                if (m_users > 0) {
+                    ASSERT_EQ(0, CNetThread::DestroyThreadPool());
+                    --m_users;
+                }
+                break;
+            case 2:
+                create_private();
+                break;
+            default:
+                destroy_private(random.between(1, 5));
+        }
+        compare();
+    }
+    bool up() const { return m_users > 0 || !m_private.empty(); }
+    void end() {
+        while (!m_private.empty()) {
+            destroy_private(*m_private.begin());
+        }
+        for (; m_users > 0; --m_users) {
+            EXPECT_EQ(0, CNetThread::DestroyThreadPool());
+        }
+        compare();
+    }
+
+private:
+    void create_private() {
+        int lowest = 1;
+        while (m_private.count(lowest) != 0) {
+            ++lowest;
+        }
+        ASSERT_EQ(lowest, CNetThread::CreatePrivatePool(1, false));
+        m_private.insert(lowest);
+    }
+    void destroy_private(int index) {
+        const bool there = m_private.erase(index) != 0;
+        ASSERT_EQ(there ? 0 : -1, CNetThread::DestroyPrivatePool(index));
+    }
+    void compare() const {
+        ASSERT_EQ(up(), PoolTable::Get(0) != nullptr);
+        for (int index = 1; index < PoolTable::POOL_LIMIT; ++index) {
+            ASSERT_EQ(m_private.count(index) != 0, PoolTable::Get(index) != nullptr) << index;
+        }
+    }
+
+    int m_users = 0;
+    std::set<int> m_private;
+};
+
+TEST(NetThread, AnyOrderOfCreatingAndDestroyingAgreesWithAPlainCount) {
+    LogCapture quiet;  // of those that do not exist
+    Testing::SeededRandom random;
+    LifeModel model;
+    int lives = 0;
+    for (int step = 0; step < 400 && !::testing::Test::HasFatalFailure(); ++step) {
+        const bool before = model.up();
+        model.step(random);
+        lives += !before && model.up() ? 1 : 0;
+    }
+    EXPECT_GE(lives, 1);
+    model.end();
+    EXPECT_EVENTUALLY(libraryThreads() == 0);
+}
+
+TEST(NetThread, PrivatePoolsOfManyThreadsNeverShareAnIndex) {
+    ASSERT_EQ(0, CNetThread::CreateThreadPool(1, false));
+    std::atomic<bool> taken[PRIVATE_POOLS + 1] = {};
+    std::vector<std::thread> threads;
+    for (int n = 0; n < 3; ++n) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < 15; ++i) {
+                const int index = CNetThread::CreatePrivatePool(1, false);
+                ASSERT_GT(index, 0);
+                EXPECT_FALSE(taken[index].exchange(true));
+                auto* const handler = new TestHandler(index);
+                const std::shared_ptr<HandlerLife> life = handler->life;
+                handler->Notify(handler->GetID(), 1, 0);
+                handler->Close();
+                EXPECT_EVENTUALLY(life->closes == 1);
+                taken[index] = false;
+                EXPECT_EQ(0, CNetThread::DestroyPrivatePool(index));
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(0, CNetThread::DestroyThreadPool());
+    EXPECT_EQ(nullptr, PoolTable::Get(0));
+}
+
+// ---- looking on ----------------------------------------------------------------------------------------
+
+TEST(NetThread, WithoutPoolsThereIsNothingToList) {
+    EXPECT_EQ(0, CNetThread::TraversalSock());
+    for (int pool : {0, 1, 63, 64, -1, INT_MAX}) {
+        EXPECT_EQ(-1, CNetThread::GetSocksWithoutPlace(pool)) << pool;
+    }
+    const auto never = [](void*, const HandlerInfo&) {
+        ADD_FAILURE() << "nobody is there";
+        return false;
+    };
+    EXPECT_EQ(0, CNetThread::ListHandlers(never, nullptr));
+}
+
+TEST(NetThread, ListingHandlersWithoutMemoryIsMinus1AndCallsNobody) {
+    ASSERT_EQ(0, CNetThread::CreateThreadPool(1, false));
+    auto* const handler = new TestHandler;
+    const std::shared_ptr<HandlerLife> life = handler->life;
+    handler->SetTimer(3600000000);
+    int calls = 0;
+    const auto count = [](void* context, const HandlerInfo&) {
+        ++*static_cast<int*>(context);
+        return true;
+    };
+    for (size_t successes : {0u, 1u, 2u}) {
+        const Testing::NoMemory none(successes);
+        EXPECT_EQ(-1, CNetThread::ListHandlers(count, &calls)) << successes;
+    }
+    EXPECT_EQ(0, calls);
+    EXPECT_EQ(1, CNetThread::ListHandlers(count, &calls));
+    EXPECT_EQ(1, calls);
+    handler->Close();
+    EXPECT_EVENTUALLY(life->closes == 1);
+    EXPECT_EQ(0, CNetThread::DestroyThreadPool());
+}
+
+TEST(NetThread, WatchingAndServingGoOnWhateverPoolsThereAre) {
+    char folder[] = "/tmp/reticor_life_XXXXXX";
+    ASSERT_NE(nullptr, ::mkdtemp(folder));
+    const std::string path = std::string(folder) + "/socket";
+    EXPECT_EQ(0, CNetThread::ServeStats(path.c_str()));
+    EXPECT_EQ(0, CNetThread::SetStuckLimit(1000));
+    for (int life = 0; life < 2; ++life) {
+        ASSERT_EQ(0, CNetThread::CreateThreadPool(1, false));
+        expectPoolWorks(0);
+        EXPECT_EQ(0, CNetThread::DestroyThreadPool());
+        EXPECT_EVENTUALLY(Testing::kernelThreadByName("Reticor stats") != 0);
+        EXPECT_EVENTUALLY(Testing::kernelThreadByName("Reticor watch") != 0);
+        EXPECT_EQ(0, ::access(path.c_str(), F_OK));
+    }
+    EXPECT_EQ(0, CNetThread::SetStuckLimit(0));
+    EXPECT_EQ(0, CNetThread::StopServingStats());
+    EXPECT_EVENTUALLY(Testing::kernelThreadByName("Reticor stats") == 0 &&
+                      Testing::kernelThreadByName("Reticor watch") == 0);
+    EXPECT_EQ(0, ::rmdir(folder));
 }
 
 // ---- scheduling values ---------------------------------------------------------------------------------

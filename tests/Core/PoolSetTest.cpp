@@ -4,7 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
+#include <climits>
 #include <map>
 #include <memory>
 #include <thread>
@@ -15,6 +17,7 @@
 
 #include "support/Eventually.h"
 #include "support/LogCapture.h"
+#include "support/SeededRandom.h"
 #include "support/TestHandler.h"
 #include "support/core/Probes.h"
 #include "support/core/SocketPair.h"
@@ -281,6 +284,82 @@ TEST_F(PoolSet, APlaceMayOutliveItsSet) {
     EXPECT_EQ(CPoolSet::PLACES, other->GetRoom(SOCK_READ));
     other.reset();
 }  // a leak checker sees whether the last one has taken the rest along
+
+// What is reserved, by pool and direction, and the rule by which the next pool is chosen.
+class SetModel {
+public:
+    explicit SetModel(size_t pools) : m_taken(pools, {0, 0, 0}) {}
+
+    int room(size_t pool, unsigned int mask) const {
+        int least = INT_MAX;
+        for (unsigned int i = 0; i < 3; ++i) {
+            least = (mask >> i & 1) != 0 ? std::min(least, CPoolSet::PLACES - m_taken[pool][i]) : least;
+        }
+        return least;
+    }
+    int room(unsigned int mask) const {
+        int sum = 0;
+        for (size_t pool = 0; pool < m_taken.size(); ++pool) {
+            sum += room(pool, mask);
+        }
+        return sum;
+    }
+    // The pool with room that has least in it, the first of equals; -1 if there is none.
+    int choose(unsigned int mask) const {
+        int best = -1;
+        int least = INT_MAX;
+        for (size_t pool = 0; pool < m_taken.size(); ++pool) {
+            const int sum = m_taken[pool][0] + m_taken[pool][1] + m_taken[pool][2];
+            if (room(pool, mask) > 0 && sum < least) {
+                least = sum;
+                best = static_cast<int>(pool);
+            }
+        }
+        return best;
+    }
+    void add(int pool, unsigned int mask, int count) {
+        for (unsigned int i = 0; i < 3; ++i) {
+            m_taken[static_cast<size_t>(pool)][i] += (mask >> i & 1) != 0 ? count : 0;
+        }
+    }
+
+private:
+    std::vector<std::array<int, 3>> m_taken;
+};
+
+TEST_F(PoolSet, RandomReservationsAgreeWithAPlainCount) {
+    Testing::SeededRandom random;
+    ASSERT_EQ(0, set.Create(3, 1));
+    SetModel model(3);
+    std::vector<std::pair<Place, unsigned int>> held;
+    const int first = next().GetPool();  // given back at once
+    for (int step = 0; step < 60000; ++step) {
+        // The set runs full, then half empty, and so on.
+        const bool filling = step / 15000 % 2 == 0;
+        if (random.between(0, 9) < (filling ? 9 : 3) || held.empty()) {
+            const unsigned int mask = random.between(1u, 7u);
+            const int expected = model.choose(mask);
+            Place place;
+            ASSERT_EQ(expected == -1 ? -1 : 0, set.Next(mask, place));
+            if (expected != -1) {
+                ASSERT_EQ(first + expected, place.GetPool());
+                model.add(expected, mask, 1);
+                held.emplace_back(std::move(place), mask);
+            }
+        } else {
+            const size_t which = random.between<size_t>(0, held.size() - 1);
+            model.add(held[which].first.GetPool() - first, held[which].second, -1);
+            std::swap(held[which], held.back());
+            held.pop_back();
+        }
+        if (step % 100 == 0) {
+            const unsigned int mask = random.between(1u, 7u);
+            ASSERT_EQ(model.room(mask), set.GetRoom(mask));
+        }
+    }
+    held.clear();
+    EXPECT_EQ(3 * CPoolSet::PLACES, set.GetRoom(BOTH));
+}
 
 TEST_F(PoolSet, ManyThreadsTakeAndGiveBack) {
     ASSERT_EQ(0, set.Create(2, 1));

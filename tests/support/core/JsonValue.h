@@ -34,7 +34,7 @@ public:
     const std::string& text() const { return m_text; }
     size_t size() const { return m_list.size() + m_members.size(); }
 
-    /// An entry of a list, a member of an object; a failure of the test, and an empty value, if there is none.
+    /// An entry of a list, a member of an object. If there is none, the test fails, and the value is empty.
     const JsonValue& operator[](size_t place) const {
         EXPECT_LT(place, m_list.size());
         return place < m_list.size() ? m_list[place] : none();
