@@ -330,14 +330,20 @@ TEST_F(RoomWatching, AReaderThatIsClosedOrNotFoundCallsNobody) {
     RoomPlace place = RoomWatch::begin(reader->GetID(), pair.fd());
     ASSERT_TRUE(RoomWatch::stands(place));
     const uint32_t losses = RoomLosses::count();
-    const int64_t id = reader->GetID();
     rig.close(reader);  // its socket is still registered
     EXPECT_FALSE(RoomWatch::stands(place));
-    expectRefused(id, pair.fd());
     pair.drainFar();
     rig.pollAndServe();
     EXPECT_NE(losses, RoomLosses::count()) << "the call found nobody";
     RoomWatch::end(place);
+}
+
+TEST_F(RoomWatching, IsRefusedToAReaderThatIsClosedThoughItsSocketIsStillThere) {
+    auto* const reader = new TestHandler(StillPool::INDEX);
+    EXPECT_EQ(0, reader->RegisterSock(pair.near, SOCK_READ, 0));
+    const int64_t id = reader->GetID();
+    rig.close(reader);
+    expectRefused(id, pair.fd());
 }
 
 TEST(RoomWatchPools, APlaceInAPoolThatHasEndedIsNoHarm) {

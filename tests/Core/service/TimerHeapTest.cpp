@@ -476,6 +476,8 @@ TEST(TimerHeapOfPools, EachLifeOfAPoolNeedsNoMoreRoomAndLeavesNoEntry) {
             ASSERT_LT(armFor(heap, StillPool::INDEX, i), 0);
         }
         room = life == 0 ? TimerHeapProbe::capacity(heap) : room;
+        std::vector<int64_t> owners;
+        EXPECT_FALSE(heap.ListOwners(StillPool::INDEX, 3, owners)) << "ids of earlier lives have no places";
         PoolTable::Set(StillPool::INDEX, nullptr);
         heap.RemovePool(StillPool::INDEX, rig.pool().m_ids.Next());
         EXPECT_LT(TimerHeapProbe::entries(heap), 200u) << "the dead are swept out";
