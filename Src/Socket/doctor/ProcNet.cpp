@@ -1,12 +1,10 @@
 // ProcNet: reading the texts word by word.
 #include "Socket/doctor/ProcNet.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <charconv>
-#include <cstring>
 
 #include "Socket/socket/CloseCount.h"
 
@@ -74,41 +72,6 @@ std::optional<GroupAddress> ipv6_of(std::string_view word) {
 }
 
 }  // namespace
-
-GroupAddress GroupAddress::of_ipv4(const void* bytes) {
-    GroupAddress address;
-    address.family = AF_INET;
-    std::memcpy(&address.bytes, bytes, 4);
-    return address;
-}
-
-GroupAddress GroupAddress::of_ipv6(const void* bytes) {
-    GroupAddress address;
-    address.family = AF_INET6;
-    std::memcpy(&address.bytes, bytes, 16);
-    return address;
-}
-
-void GroupAddress::write(char* room, size_t size) const {
-    if (family == AF_UNSPEC || ::inet_ntop(family, &bytes, room, static_cast<socklen_t>(size)) == nullptr) {
-        room[0] = '\0';
-    }
-}
-
-std::string GroupAddress::text() const {
-    char room[INET6_ADDRSTRLEN];
-    write(room, sizeof room);
-    return room;
-}
-
-bool GroupAddress::operator==(const GroupAddress& other) const {
-    return family == other.family && std::memcmp(&bytes, &other.bytes, sizeof bytes) == 0;
-}
-
-bool GroupAddress::operator<(const GroupAddress& other) const {
-    return family != other.family ? family < other.family
-                                  : std::memcmp(&bytes, &other.bytes, sizeof bytes) < 0;
-}
 
 std::string ProcNet::read(const std::string& path) {
     constexpr size_t MOST = 4 << 20;

@@ -2,30 +2,15 @@
 // ones: a line that is not as it should be is left out.
 #pragma once
 
-#include <netinet/in.h>
-
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "Socket/doctor/GroupAddress.h"
+
 namespace Orvex::Reticor {
-
-/// An address of either family, in the order of the network.
-struct GroupAddress {
-    int family = AF_UNSPEC;
-    in6_addr bytes{};  ///< An IPv4 address stands in the first four.
-
-    static GroupAddress of_ipv4(const void* bytes);
-    static GroupAddress of_ipv6(const void* bytes);
-    /// As text, with an end mark; `size` is INET6_ADDRSTRLEN or more.
-    void write(char* room, size_t size) const;
-    std::string text() const;
-    bool operator==(const GroupAddress& other) const;
-    bool operator!=(const GroupAddress& other) const { return !(*this == other); }
-    bool operator<(const GroupAddress& other) const;
-};
 
 /// A group that somebody has joined on an interface.
 struct JoinedGroup {

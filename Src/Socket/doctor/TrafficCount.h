@@ -2,24 +2,12 @@
 #pragma once
 
 #include <map>
-#include <optional>
 #include <tuple>
 
 #include "Socket/doctor/DoctorFacts.h"
+#include "Socket/doctor/GroupDatagram.h"
 
 namespace Orvex::Reticor {
-
-/// A UDP datagram to a group, as its headers tell it.
-struct GroupDatagram {
-    GroupAddress group;
-    GroupAddress source;
-    uint16_t port = 0;
-    uint32_t bytes = 0;  ///< Of the IP packet.
-
-    /// Of the beginning of a packet, from the IP header on; `protocol` is ETH_P_IP or ETH_P_IPV6. Nothing if
-    /// it is another kind of packet, a fragment that is not the first, or too short.
-    static std::optional<GroupDatagram> parse(const unsigned char* packet, size_t length, unsigned protocol);
-};
 
 /// Thread safety: one thread.
 class TrafficCount {
