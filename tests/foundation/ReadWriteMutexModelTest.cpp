@@ -65,6 +65,18 @@ protected:
         }
         return waiting_readers + waiting_writers == 0;
     }
+    // Nobody is on his way: a writer that has just been woken has not closed the gate yet. Asked more than
+    // once, since one that was seen asleep may have been woken by one that was looked at later.
+    bool everybody_rests() const {
+        for (int look = 0; look < 3; ++look) {
+            for (const LockUser& user : users) {
+                if (!user.thread.doneOrSleeps()) {
+                    return false;
+                }
+            }
+        }
+        return true;
+    }
     void expect_no_company_for_a_writer() const {
         const int writers = count(Hold::WRITES);
         EXPECT_LE(writers, 1);
@@ -111,7 +123,7 @@ protected:
         } else {
             enter(user, random.oneIn(3) ? Hold::WRITES : Hold::READS);
         }
-        EXPECT_EVENTUALLY(everybody_is_where_the_lock_lets_him_be());
+        EXPECT_EVENTUALLY(everybody_is_where_the_lock_lets_him_be() && everybody_rests());
         expect_no_company_for_a_writer();
     }
     void end_all() {

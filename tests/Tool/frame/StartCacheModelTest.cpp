@@ -3,8 +3,8 @@
 
 #include <gtest/gtest.h>
 
-#include <array>
 #include <deque>
+#include <utility>
 
 #include <Reticor/MediaPacket.h>
 
@@ -92,8 +92,11 @@ protected:
         } else {
             ASSERT_EQ(first->m_kept_number < second->m_kept_number ? first : second, both);
         }
-        ASSERT_TRUE(both == nullptr || both == cache.start(EVERYTHING, book))
-            << "whoever has pictures begins with them";
+        // Sound of which one frame has come could still be one that predicts.
+        const bool pictures_alone = book.predicting(EVERYTHING) < 1 << PICTURES;
+        if (both != nullptr && pictures_alone) {
+            ASSERT_EQ(both, cache.start(EVERYTHING, book)) << "whoever has pictures begins with them";
+        }
         for (int picture = 0; picture < PICTURES; ++picture) {
             const CFrame* const key = newest_key[picture];
             if (key != nullptr) {
@@ -112,9 +115,9 @@ protected:
     ChannelBook book;
     StartCache cache;
     std::deque<CFrame> frames;
-    std::array<uint64_t, 8> frames_of{};
-    std::array<bool, 8> last_was_key{};
-    std::array<const CFrame*, 8> newest_key{};
+    uint64_t frames_of[8] = {};
+    bool last_was_key[8] = {};
+    const CFrame* newest_key[8] = {};
     uint64_t now_us = 1000000;
     uint64_t kept_total = 0;
 };
