@@ -259,13 +259,14 @@ void NetworkLook::find_settings(DoctorFacts& facts) {
     overview.refused_room = JoinRefusals::sm_room.load(std::memory_order_relaxed);
     overview.refused_device = JoinRefusals::sm_device.load(std::memory_order_relaxed);
     overview.refused_other = JoinRefusals::sm_other.load(std::memory_order_relaxed);
-    // Connecting looks for a route, and sends nothing.
+    // Connecting looks for a route, and sends nothing. Without a descriptor nobody knows: nothing is said.
     const int handle = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     sockaddr_in group{};
     group.sin_family = AF_INET;
     group.sin_port = htons(9);
     group.sin_addr.s_addr = htonl(0xEFFFFFFA);
-    overview.routed = ::connect(handle, reinterpret_cast<sockaddr*>(&group), sizeof group) == 0 ? 1 : 0;
+    const auto* const name = reinterpret_cast<const sockaddr*>(&group);
+    overview.routed = handle == -1 || ::connect(handle, name, sizeof group) == 0 ? 1 : 0;
     if (handle != -1) {
         close_counted(handle);
     }

@@ -29,6 +29,7 @@
 #include <Reticor/SockDgram.h>
 
 #include "R3/print/FuncBox.h"
+#include "Socket/doctor/NetworkLook.h"
 #include "support/Eventually.h"
 #include "support/LogCapture.h"
 #include "support/debug/DaemonStandIn.h"
@@ -338,7 +339,7 @@ TEST_F(MulticastDoctor, AnotherSocketOfTheSameNumberHasLossesOfItsOwn) {
     const char bytes[1000] = {};
     uint64_t lost = 0;
     int number = -1;
-    for (const uint64_t wanted : {uint64_t{9}, uint64_t{1}}) {
+    for (const uint64_t wanted : {uint64_t{1}, uint64_t{9}}) {
         CSockDgram slow;
         open(slow, DOCTOR_GROUP);
         EXPECT_TRUE(number == -1 || number == slow.GetHandle());
@@ -567,6 +568,17 @@ TEST_F(MulticastDoctor, MissingRouteIsToldToThoseWhoUseGroups) {
     openPlain(sock, false, DOCTOR_PORT);
     ASSERT_EQ(0, joinMore(sock, DOCTOR_GROUP));
     EXPECT_THAT(look(MulticastFault::NO_ROUTE), ElementsAre(HasSubstr("no route leads to IPv4 groups")));
+}
+
+TEST_F(MulticastDoctor, ALookWithoutDescriptorsLeavesTheOneBefore) {
+    ASSERT_EQ(0, doctor.Take());
+    const std::string before = textOf(doctor);
+    const Testing::NoDescriptors none;
+    EXPECT_EQ(-1, doctor.Take());
+    EXPECT_EQ(before, textOf(doctor));
+    DoctorFacts facts;
+    NetworkLook::find_settings(facts);
+    EXPECT_EQ(1u, facts.overview.routed) << "that nobody could ask is not the same as no route";
 }
 
 TEST_F(MulticastDoctor, InterfaceThatIsSwitchedOffIsTold) {
