@@ -573,11 +573,16 @@ TEST_F(MulticastDoctor, MissingRouteIsToldToThoseWhoUseGroups) {
 TEST_F(MulticastDoctor, ALookWithoutDescriptorsLeavesTheOneBefore) {
     ASSERT_EQ(0, doctor.Take());
     const std::string before = textOf(doctor);
-    const Testing::NoDescriptors none;
-    EXPECT_EQ(-1, doctor.Take());
-    EXPECT_EQ(before, textOf(doctor));
+    int taken = 0;
     DoctorFacts facts;
-    NetworkLook::find_settings(facts);
+    {
+        // Sanitizers need a descriptor to look at memory, so nothing is expected before there are some again.
+        const Testing::NoDescriptors none;
+        taken = doctor.Take();
+        NetworkLook::find_settings(facts);
+    }
+    EXPECT_EQ(-1, taken);
+    EXPECT_EQ(before, textOf(doctor));
     EXPECT_EQ(1u, facts.overview.routed) << "that nobody could ask is not the same as no route";
 }
 
