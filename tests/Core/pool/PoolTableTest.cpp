@@ -110,7 +110,7 @@ TEST(PoolTable, ASerialRecordWaitsInLineAndRousesTheDrainOnce) {
     for (int64_t attach = 1; attach <= 3; ++attach) {
         EXPECT_EQ(0, PoolTable::PushSerialEvent(INDEX, messageOf(attach)));
     }
-    EXPECT_TRUE(queued(rig).empty()) << "it is no record of the main queue";
+    EXPECT_TRUE(queued(rig).empty()) << "it is not a record of the main queue";
     const CEventQueue::Amounts line = rig.pool().SerialAmounts();
     EXPECT_EQ(3u, line.pushed);
     EXPECT_EQ(0u, line.taken);

@@ -373,7 +373,7 @@ TEST(TimerHeapOfPools, WhatARefusedTimerHadTakenIsGivenBack) {
     EXPECT_TRUE(heap.RemoveById(id));
 }
 
-// A bucket that cannot be had is no reason to refuse a timer: it is sorted at once.
+// A bucket that cannot be had is not a reason to refuse a timer: it is sorted at once.
 TEST(TimerHeapOfPools, WithoutMemoryForABucketATimerIsArmedAndComesInTime) {
     StillPool rig;
     TimerHeap heap;

@@ -290,7 +290,7 @@ TEST_F(SnapshotOfPools, MediaThatFindsNoMemoryIsNoSnapshotAndWithoutMediaThereAr
     MediaSource::Set(nullptr);
 }
 
-// ---- who holds a snapshot ------------------------------------------------------------------------------
+// ---- the holder of a snapshot --------------------------------------------------------------------------
 
 TEST_F(SnapshotOfPools, ACStatsMovesWithWhatItSaw) {
     CStats first;

@@ -253,7 +253,7 @@ TEST_F(StatsServing, WhoeverEndsAskingIsAnsweredIfTheLineWasWhole) {
     EXPECT_EQ("", nothing.answer());
 }
 
-// Would end the process by SIGPIPE, or leave a descriptor behind for each.
+// Each would leave a descriptor for ever.
 TEST_F(StatsServing, ClientsThatGoAwayAtAnyPointLeaveNothingBehind) {
     EXPECT_EQ('{', ask("json\n").at(0));
     const int before = ownDescriptors();
