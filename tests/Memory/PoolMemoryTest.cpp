@@ -2,10 +2,14 @@
 #include <gtest/gtest.h>
 
 #include <Reticor/NetThread.h>
+#include <Reticor/Stats.h>
 
+#include "Core/pool/PoolTable.h"
+#include "Core/pool/ThreadPool.h"
 #include "support/Eventually.h"
 #include "support/KernelThread.h"
 #include "support/TestHandler.h"
+#include "support/core/Gate.h"
 #include "support/memory/MemorySweep.h"
 
 namespace Orvex::Testing {
@@ -95,6 +99,38 @@ TEST(PoolMemory, TheOtherThreadsOfThePoolStartWithoutMemoryToo) {
             ASSERT_EQ(0, CNetThread::DestroyThreadPool());
         }
     }
+}
+
+// Neither statistics nor the watch over calls saw a worker that had found no memory at its start.
+TEST(PoolMemory, WorkersThatStartWithoutMemoryAreInEverySnapshot) {
+    MemoryFault fault(Whose::OTHERS, Extent::ALL);
+    ASSERT_EQ(0, CNetThread::CreateThreadPool(2, false));
+    Gate gate;
+    auto* const handler = new TestHandler;
+    handler->on_message = [&](long, unsigned int, long) {
+        gate.pass();
+        return 0;
+    };
+    const std::shared_ptr<HandlerLife> life = handler->life;
+    const int workers = static_cast<int>(Reticor::PoolTable::Get(0)->Workers());
+    for (int i = 0; i < workers; ++i) {
+        handler->Notify(handler->GetID(), 1, 0);
+    }
+    ASSERT_TRUE(gate.awaitArrivals(workers));
+    fault.end();
+    Reticor::CStats stats;
+    EXPECT_EQ(0, stats.Take());
+    int in_the_call = 0;
+    for (size_t place = 0; place < stats.GetWorkerCount(); ++place) {
+        Reticor::WorkerStats found{};
+        EXPECT_EQ(0, stats.GetWorker(place, found));
+        in_the_call += found.pool == 0 && found.handler == handler->GetID() ? 1 : 0;
+    }
+    EXPECT_EQ(workers, in_the_call);
+    gate.open();
+    handler->Close();
+    EXPECT_EVENTUALLY(life->closes == 1);
+    ASSERT_EQ(0, CNetThread::DestroyThreadPool());
 }
 
 }  // namespace

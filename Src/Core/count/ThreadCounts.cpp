@@ -2,6 +2,7 @@
 #include "Core/count/ThreadCounts.h"
 
 #include <new>
+#include <utility>
 
 #include <Infra/Thread.h>
 
@@ -80,14 +81,17 @@ void ThreadCounts::leave() {
 }
 
 void ThreadCounts::Attach(int pool) {
+    if (t_mine == &sm_shared) {
+        Attach(pool, std::unique_ptr<ThreadCounts>(new (std::nothrow) ThreadCounts));
+    }
+}
+
+void ThreadCounts::Attach(int pool, std::unique_ptr<ThreadCounts> given) {
     static thread_local Return t_return;
-    if (t_mine != &sm_shared || t_return.over) {
+    if (given == nullptr || t_mine != &sm_shared || t_return.over) {
         return;
     }
-    auto* const block = new (std::nothrow) ThreadCounts;
-    if (block == nullptr) {
-        return;
-    }
+    ThreadCounts* const block = given.release();
     t_return.used = true;  // the first use registers the destructor
     block->m_pool = pool;
     block->m_thread_id = Infra::CThread::getCurrentThreadID();

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 
 #include <Infra/LockClasses.h>
 #include <Infra/Mutex.h>
@@ -75,6 +76,9 @@ struct alignas(128) ThreadCounts {
     /// Gives the calling thread a block of its own for the rest of its life, if there is memory: as a worker
     /// of that pool, or of none with -1. Nothing if it has one.
     static void Attach(int pool);
+
+    /// The same with a block that was made ahead of the thread, as those of workers are.
+    static void Attach(int pool, std::unique_ptr<ThreadCounts> block);
 
     /// Calls `visit(const ThreadCounts&)` for the block of each living thread that has one. They do not end
     /// meanwhile, so `visit` takes no other lock.

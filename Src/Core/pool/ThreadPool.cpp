@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <utility>
 
 #include <Infra/Atomic.h>
 #include <Infra/Log.h>
@@ -77,10 +78,16 @@ void CThreadPool::make_threads(WorkerBody body, int priority, int policy, int st
                                                     policy, stack);
     std::snprintf(name, sizeof(name), "Reticor%d", m_index);
     m_threads.reserve(static_cast<size_t>(m_thread_num));
+    m_counts.reserve(static_cast<size_t>(m_thread_num));
     for (int i = 0; i < m_thread_num; ++i) {
         m_threads.push_back(
             std::make_unique<Infra::CThreadLite>(Body(body, this), name, priority, policy, stack));
+        m_counts.push_back(std::make_unique<ThreadCounts>());
     }
+}
+
+std::unique_ptr<ThreadCounts> CThreadPool::take_counts() {
+    return std::move(m_counts[m_counts_taken.fetch_add(1, std::memory_order_relaxed)]);
 }
 
 void CThreadPool::start_threads() {

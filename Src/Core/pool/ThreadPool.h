@@ -11,6 +11,7 @@
 #include <Infra/Semaphore.h>
 #include <Infra/ThreadLite.h>
 
+#include "Core/count/ThreadCounts.h"
 #include "Core/handle/ObjectId.h"
 #include "Core/handle/ObjectTable.h"
 #include "Core/record/Event.h"
@@ -95,6 +96,9 @@ private:
     /// The workers; the first `m_running` of them run, or have run.
     std::vector<std::unique_ptr<Infra::CThreadLite>> m_threads;
     std::atomic<size_t> m_running{0};
+    /// One for each worker, which takes it as it starts.
+    std::vector<std::unique_ptr<ThreadCounts>> m_counts;
+    std::atomic<size_t> m_counts_taken{0};
     int m_thread_num;
     CEvent m_poll_event;   ///< The poll token: queued, or with its worker.
     CEvent m_drain_event;  ///< The drain token: queued, or with its worker, or at rest.
@@ -124,6 +128,7 @@ private:
 
     void make_threads(WorkerBody body, int priority, int policy, int stack);
     void start_threads();
+    std::unique_ptr<ThreadCounts> take_counts();
     void drop_records();
     void DaemonProc(Infra::CThreadLite& thread);
     CEvent* next_serial();

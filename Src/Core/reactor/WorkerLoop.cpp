@@ -25,7 +25,7 @@ namespace Orvex::Reticor {
 void CThreadPool::ThreadProc(Infra::CThreadLite& thread) {
     PoolLease::EnterWorker(m_index, this);
     CTsMemory::CreateMemPool();
-    ThreadCounts::Attach(m_index);
+    ThreadCounts::Attach(m_index, take_counts());
     if (m_poll_event.m_key != EVENT_KEY_POLL) {
         assert(0);
     }
