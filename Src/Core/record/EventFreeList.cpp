@@ -30,9 +30,10 @@ CEvent* CEventFreeList::GetBatch(int most) {
         last = m_head;
         m_head = m_head->m_next;
     }
-    if (last != nullptr) {
-        last->m_next = nullptr;
+    if (last == nullptr) {
+        return nullptr;
     }
+    last->m_next = nullptr;
     return first;
 }
 
