@@ -1,14 +1,19 @@
-// ThreadCounts and ClassRows: what threads count for themselves, and what of it is left when they end.
+// ThreadCounts: what threads count for themselves, and what of it is left when they end.
 #include "Core/count/ThreadCounts.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstring>
+#include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
+#include <Infra/Semaphore.h>
+
+#include "support/KernelThread.h"
+#include "support/SeededRandom.h"
 namespace Orvex::Testing {
 namespace {
 
@@ -112,53 +117,194 @@ TEST(ThreadCounts, TheWordOfACallGivesBackIdAndKind) {
     EXPECT_EQ(CallKind::NONE, ThreadCounts::kind_in(0));
 }
 
-TEST(SpreadTally, CountsByPowersOfTwo) {
-    SpreadTally tally;
-    for (const uint64_t ns : {uint64_t{0}, uint64_t{1}, uint64_t{1023}, uint64_t{1024}, ~uint64_t{0} >> 4}) {
-        tally.Add(ns);
+TEST(ThreadCounts, AKindThatIsNoneHasNoName) {
+    EXPECT_STREQ("", call_name(CallKind::NONE));
+    EXPECT_STREQ("", call_name(CallKind::COUNT));
+    EXPECT_STREQ("", call_name(static_cast<CallKind>(200)));
+    EXPECT_STREQ("handle_input", call_name(CallKind::INPUT));
+    EXPECT_STREQ("handle_close", call_name(CallKind::CLOSE));
+}
+
+TEST(ThreadCounts, TheOffsetOfARowLeadsToItAndBack) {
+    auto block = std::make_unique<ThreadCounts>();
+    for (uint32_t row = 0; row < ClassRows::COUNT; ++row) {
+        EXPECT_EQ(&block->m_classes[row], &block->at_offset(ThreadCounts::offset_of(row)));
+        EXPECT_EQ(row, ThreadCounts::row_at(ThreadCounts::offset_of(row)));
     }
-    SpreadValues values;
-    tally.AddTo(values);
-    EXPECT_EQ(1u, values.count[0]);
-    EXPECT_EQ(1u, values.count[1]);
-    EXPECT_EQ(1u, values.count[10]);
-    EXPECT_EQ(1u, values.count[11]);
-    EXPECT_EQ(1u, values.count[SPREAD_PLACES - 1]);
-    EXPECT_EQ(~uint64_t{0} >> 4, values.max_ns);
 }
 
-// ---- classes -------------------------------------------------------------------------------------------
-
-const void* place(size_t number) {
-    return reinterpret_cast<const void*>(0x100000 + number * 8);
-}
-
-TEST(ClassRows, ClassesOfOneNameShareARow) {
-    EXPECT_EQ(ClassRows::NOT_CALLED, ClassRows::Find(place(1)));
-    const uint32_t row = ClassRows::Enter(place(1), "A");
-    EXPECT_EQ(row, ClassRows::Enter(place(2), "A"));
-    EXPECT_NE(row, ClassRows::Enter(place(3), "B"));
-    EXPECT_EQ(row, ClassRows::Find(place(2)));
-    EXPECT_STREQ("A", ClassRows::Name(row));
-    EXPECT_STREQ("not called yet", ClassRows::Name(ClassRows::NOT_CALLED));
-}
-
-TEST(ClassRows, NamesAreCopied) {
-    std::string name = "Plugin";
-    const uint32_t row = ClassRows::Enter(place(1), name.c_str());
-    name.assign("xxxxxx");
-    EXPECT_STREQ("Plugin", ClassRows::Name(row));
-}
-
-TEST(ClassRows, TheClassesForWhichThereIsNoRowShareTheLastOne) {
-    for (size_t i = 1; i < ClassRows::OTHERS; ++i) {
-        EXPECT_EQ(i, ClassRows::Enter(place(i), std::to_string(i).c_str()));
+TEST(ThreadCounts, CallsAreThoseOfAllRows) {
+    auto block = std::make_unique<ThreadCounts>();
+    EXPECT_EQ(0u, block->Calls());
+    uint64_t all = 0;
+    for (uint32_t row = 0; row < ClassRows::COUNT; ++row) {
+        block->m_classes[row].calls.Add(row + 1);
+        block->m_classes[row].closed.Add(1000);
+        all += row + 1;
     }
-    for (size_t i = ClassRows::OTHERS; i < 5000; ++i) {
-        ASSERT_EQ(ClassRows::OTHERS, ClassRows::Enter(place(i), std::to_string(i).c_str()));
+    EXPECT_EQ(all, block->Calls());
+}
+
+TEST(ThreadCounts, ABlockSaysWhoseItIs) {
+    std::thread([] {
+        ThreadCounts::Attach(5);
+        ThreadCounts::ForEach([](const ThreadCounts& block) {
+            EXPECT_EQ(&ThreadCounts::Mine(), &block);
+            EXPECT_EQ(5, block.m_pool);
+            EXPECT_EQ(kernelThreadId(), block.m_thread_id);
+            EXPECT_NE(0, ::pthread_equal(::pthread_self(), block.m_thread));
+        });
+    }).join();
+}
+
+TEST(ThreadCounts, TheFirstBlockOfAThreadStaysItsOwn) {
+    std::thread([] {
+        ThreadCounts::Attach(5);
+        const ThreadCounts* const first = &ThreadCounts::Mine();
+        ThreadCounts::Attach(6);
+        ThreadCounts::Attach(7, std::make_unique<ThreadCounts>());
+        EXPECT_EQ(first, &ThreadCounts::Mine());
+        EXPECT_EQ(5, first->m_pool);
+        EXPECT_EQ(1u, blocks());
+    }).join();
+}
+
+TEST(ThreadCounts, ABlockMadeAheadIsTakenAsItIs) {
+    auto block = std::make_unique<ThreadCounts>();
+    const ThreadCounts* const made = block.get();
+    std::thread([&] {
+        ThreadCounts::Attach(7, std::move(block));
+        EXPECT_EQ(made, &ThreadCounts::Mine());
+        EXPECT_EQ(7, made->m_pool);
+        countOnce(3);
+    }).join();
+    EXPECT_EQ(0u, blocks()) << "and goes with its thread";
+    EXPECT_EQ(1u, sums(3).pool_calls);
+    std::thread([] {
+        ThreadCounts::Attach(7, nullptr);
+        EXPECT_EQ(0u, blocks());
+    }).join();
+}
+
+// The rows are of the process. A pool of a number that there is not has no sum of its own.
+TEST(ThreadCounts, OfAThreadThatIsNoWorkerOnlyTheRowsStay) {
+    for (const int pool : {-1, 64, 1000}) {
+        std::thread([pool] {
+            ThreadCounts::Attach(pool);
+            countOnce(4);
+        }).join();
     }
-    EXPECT_EQ(200u, ClassRows::Find(place(200))) << "and those before them are found";
-    EXPECT_STREQ("other classes", ClassRows::Name(ClassRows::OTHERS));
+    EXPECT_EQ(3u, sums(4).calls);
+    uint64_t served = 0;
+    ThreadCounts::ForEachTally([](uint32_t, const ClassTally&) {},
+                               [&](int, const PoolTally& tally, uint64_t) {
+                                   served += tally.served[static_cast<size_t>(Served::MESSAGE)].Get();
+                               });
+    EXPECT_EQ(0u, served);
+}
+
+TEST(ThreadCounts, AllThatARowCountsStays) {
+    std::thread([] {
+        ThreadCounts::Attach(63);
+        ClassTally& row = ThreadCounts::Mine().m_classes[9];
+        row.calls.Add(1);
+        row.closed.Add(2);
+        row.time_ns.Add(3);
+        row.timed.Add(4);
+        ThreadCounts::Mine().m_pool_tally.run.Add(77);
+        for (Tally& kind : ThreadCounts::Mine().m_pool_tally.served) {
+            kind.Increment();
+        }
+    }).join();
+    std::vector<uint64_t> seen(4);
+    SpreadValues run;
+    uint64_t served = 0;
+    ThreadCounts::ForEachTally(
+        [&](uint32_t row, const ClassTally& tally) {
+            if (row == 9) {
+                seen[0] += tally.calls.Get();
+                seen[1] += tally.closed.Get();
+                seen[2] += tally.time_ns.Get();
+                seen[3] += tally.timed.Get();
+            }
+        },
+        [&](int pool, const PoolTally& tally, uint64_t) {
+            for (const Tally& kind : tally.served) {
+                served += pool == 63 ? kind.Get() : 0;
+            }
+            tally.run.AddTo(run);
+        });
+    EXPECT_EQ((std::vector<uint64_t>{1, 2, 3, 4}), seen);
+    EXPECT_EQ(77u, run.sum_ns);
+    EXPECT_EQ(SERVED_COUNT, served);
+}
+
+// What an object of the thread's own does in its destructor, after the block has gone.
+struct LateCounter {
+    bool used = false;
+    ~LateCounter() {
+        if (used) {
+            ThreadCounts::Attach(7);
+            countOnce(3);
+            ThreadCounts::Attach(7, std::make_unique<ThreadCounts>());
+        }
+    }
+};
+thread_local LateCounter t_late_counter;
+
+TEST(ThreadCounts, AThreadAtItsVeryEndCountsAmongTheOthersAndGetsNoBlockAnyMore) {
+    std::thread([] {
+        t_late_counter.used = true;  // made first, so it goes last
+        ThreadCounts::Attach(7);
+        countOnce(3);
+    }).join();
+    EXPECT_EQ(0u, blocks());
+    EXPECT_EQ(2u, sums(3).calls);
+    EXPECT_EQ(1u, sums(3).pool_calls);
+}
+
+// A thread that counts until it is told to go.
+class CountingThread {
+public:
+    CountingThread(int pool, uint32_t row)
+        : m_thread([this, pool, row] {
+              ThreadCounts::Attach(pool);
+              countOnce(row);
+              m_counted.post();
+              m_may_go.pend();
+          }) {
+        m_counted.pend();
+    }
+    ~CountingThread() {
+        m_may_go.post();
+        m_thread.join();
+    }
+
+private:
+    Infra::CSemaphore m_counted{0};
+    Infra::CSemaphore m_may_go{0};
+    std::thread m_thread;
+};
+
+// From the front, the middle and the end of the list of blocks.
+TEST(ThreadCounts, ThreadsThatEndInAnyOrderMatchAModel) {
+    SeededRandom random;
+    std::vector<std::unique_ptr<CountingThread>> living;
+    std::vector<uint64_t> expected(4);
+    for (int i = 0; i < 200; ++i) {
+        if (living.size() < 8 && (living.empty() || random.oneIn(2))) {
+            const uint32_t row = random.between(0u, 3u);
+            living.push_back(std::make_unique<CountingThread>(7, row));
+            ++expected[row];
+        } else {
+            std::swap(living[random.between(size_t{0}, living.size() - 1)], living.back());
+            living.pop_back();
+        }
+        ASSERT_EQ(living.size(), blocks());
+        const uint32_t row = static_cast<uint32_t>(i % 4);
+        ASSERT_EQ(expected[row], sums(row).calls);
+        ASSERT_EQ(expected[0] + expected[1] + expected[2] + expected[3], sums(row).pool_calls);
+    }
 }
 
 }  // namespace
