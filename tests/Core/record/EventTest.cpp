@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <deque>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -13,6 +14,7 @@
 #include "support/Eventually.h"
 #include "support/KernelThread.h"
 #include "support/LogCapture.h"
+#include "support/SeededRandom.h"
 #include "support/core/Probes.h"
 
 namespace Orvex::Reticor {
@@ -313,6 +315,92 @@ TEST(EventStock, PutEventChainGivesBackEveryRecord) {
     EXPECT_TRUE((a == first && b == second) || (a == second && b == first));
     put_event(a);
     put_event(b);
+}
+
+// ---- against a model -----------------------------------------------------------------------------------
+
+// Every way to push and to take, with the counts of the semaphore: one for each record pushed with a post.
+TEST(EventQueue, AnyMixOfCallsMatchesAPlainQueueAndItsCounts) {
+    Testing::SeededRandom random;
+    CEventQueue queue;
+    std::deque<int64_t> model;
+    int counts = 0;
+    uint64_t pushed = 0, taken = 0;
+    int64_t next = -200;
+    for (int i = 0; i < 20000; ++i) {
+        const int length = random.between(1, 4);
+        switch (model.size() > 30 ? 6 : random.between(0, 6)) {
+            case 0:
+            case 1: {
+                const bool posts = random.oneIn(2);
+                posts ? queue.Push(chain(next, length)) : queue.PushSilent(chain(next, length));
+                counts += posts ? length : 0;
+                for (int n = 0; n < length; ++n) {
+                    model.push_back(next--);
+                }
+                pushed += static_cast<uint64_t>(length);
+                break;
+            }
+            case 2:
+                queue.PushOne(record(next));
+                model.push_back(next--);
+                ++counts;
+                ++pushed;
+                break;
+            case 3:
+                queue.PushFront(record(next));
+                model.push_front(next--);
+                ++counts;
+                ++pushed;
+                break;
+            default: {
+                const bool counted = random.oneIn(2);
+                const std::unique_ptr<CEvent> ev(counted ? queue.PopNow() : queue.TryPop());
+                ASSERT_EQ(!model.empty() && (!counted || counts > 0), ev != nullptr);
+                counts -= counted && counts > 0 ? 1 : 0;
+                if (ev != nullptr) {
+                    ASSERT_EQ(model.front(), ev->m_key);
+                    model.pop_front();
+                    ++taken;
+                }
+            }
+        }
+        const CEventQueue::Amounts amounts = queue.Count();
+        ASSERT_EQ(pushed, amounts.pushed) << "after call " << i;
+        ASSERT_EQ(taken, amounts.taken);
+        ASSERT_EQ(model.size(), EventQueueProbe::size(queue));
+        ASSERT_TRUE(EventQueueProbe::tailIsLast(queue));
+    }
+    EXPECT_EQ(counts, EventQueueProbe::takeCounts(queue));
+}
+
+TEST(EventQueue, PopNowTakesNoRecordThatWasPushedInSilence) {
+    CEventQueue queue;
+    queue.PushSilent(record(-50));
+    EXPECT_EQ(nullptr, queue.PopNow());
+    EXPECT_EQ(1u, EventQueueProbe::size(queue));
+    EventQueueProbe::addCounts(queue, 2);
+    delete queue.PopNow();
+    EXPECT_EQ(0u, EventQueueProbe::size(queue));
+    EXPECT_EQ(nullptr, queue.PopNow()) << "a count without a record is no reason to wait";
+    EXPECT_EQ(0, EventQueueProbe::takeCounts(queue));
+}
+
+TEST(EventQueue, AChainWakesAWaiterForEachOfItsRecords) {
+    CEventQueue queue;
+    std::atomic<int> got{0};
+    std::vector<std::thread> waiters;
+    for (int i = 0; i < 3; ++i) {
+        waiters.emplace_back([&] {
+            delete queue.Pop();
+            ++got;
+        });
+    }
+    queue.Push(chain(-200, 3));
+    EXPECT_EVENTUALLY(got == 3);
+    for (std::thread& waiter : waiters) {
+        waiter.join();
+    }
 }
 
 }  // namespace

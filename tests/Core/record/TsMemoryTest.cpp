@@ -5,6 +5,8 @@
 
 #include <atomic>
 #include <cstring>
+#include <deque>
+#include <mutex>
 #include <thread>
 #include <type_traits>
 #include <vector>
@@ -595,6 +597,121 @@ TEST_F(TsMemory, ObjectsOfTheClassHoldNothing) {
     CTsMemory second(first);
     second = first;
     EXPECT_TRUE(std::is_empty_v<CTsMemory>);
+}
+
+// ---- against a model -------------------------------------------------------------------------------------
+
+/// A class of a table as a plain queue: blocks in it, first in, first out. What does not fit is gone.
+struct ClassModel {
+    std::deque<void*> kept;
+};
+
+/// One of the two ways to memory, with the list of each class.
+struct WayModel {
+    void* (*take)(unsigned int);
+    void (*give)(void*);
+    std::vector<ClassModel> classes = std::vector<ClassModel>(45);
+};
+
+struct LentBlock {
+    unsigned char* bytes;
+    unsigned int size;
+    unsigned char mark;
+};
+
+// Blocks go back by either way, whichever they came by, and memory fails now and then.
+TEST_F(TsMemory, AnyMixOfBothWaysMatchesQueuesByClass) {
+    Orvex::Testing::SeededRandom random;
+    std::vector<WayModel> ways{{&CTsMemory::TsMalloc, &CTsMemory::TsFree},
+                               {&CTsMemory::Malloc, &CTsMemory::Free}};
+    std::vector<LentBlock> lent;
+    for (int i = 0; i < 30000; ++i) {
+        WayModel& way = ways[random.between(std::size_t{0}, std::size_t{1})];
+        if (lent.size() < 300 && random.oneIn(2)) {
+            const unsigned int size = random.between(0u, 1u << random.between(0, 18));
+            const bool pooled = size <= 229376;
+            std::deque<void*>* const kept =
+                pooled ? &way.classes[static_cast<std::size_t>(smallestClass(size))].kept : nullptr;
+            const bool fails = random.oneIn(20);
+            void* block = nullptr;
+            if (fails) {
+                const CountingAllocator::NoMemory no_memory;
+                block = way.take(size);
+            } else {
+                block = way.take(size);
+            }
+            if (pooled && !kept->empty()) {
+                ASSERT_EQ(kept->front(), block) << "size " << size;
+                kept->pop_front();
+            } else {
+                ASSERT_EQ(fails, block == nullptr) << "size " << size;
+            }
+            if (block != nullptr) {
+                const auto mark = static_cast<unsigned char>(random.between(0, 255));
+                std::memset(block, mark, size);
+                lent.push_back({static_cast<unsigned char*>(block), size, mark});
+            }
+        } else if (!lent.empty()) {
+            std::swap(lent[random.between(std::size_t{0}, lent.size() - 1)], lent.back());
+            const LentBlock block = lent.back();
+            lent.pop_back();
+            for (unsigned int n = 0; n < block.size; n += 1 + block.size / 64) {
+                ASSERT_EQ(block.mark, block.bytes[n]) << "at " << n << " of " << block.size;
+            }
+            const int index = headerOf(block.bytes).index;
+            if (index != -1) {
+                std::deque<void*>& kept = way.classes[static_cast<std::size_t>(index)].kept;
+                if (kept.size() < mostBlocks(index)) {
+                    kept.push_back(block.bytes);
+                }
+            }
+            way.give(block.bytes);
+        }
+    }
+    for (const LentBlock& block : lent) {
+        CTsMemory::TsFree(block.bytes);
+    }
+}
+
+/// A block that goes from hand to hand, with a mark in every byte.
+TEST_F(TsMemory, BlocksThatWanderBetweenThreadsKeepTheirBytesAndNoneIsLentTwice) {
+    constexpr int ROUNDS = 3000;
+    std::mutex mutex;
+    std::deque<LentBlock> wandering;
+    std::atomic<bool> wrong{false};
+    std::vector<std::thread> threads;
+    for (unsigned char t = 0; t < 3; ++t) {
+        threads.emplace_back([&, t] {
+            CTsMemory::CreateMemPool();
+            for (unsigned int i = 0; i < ROUNDS; ++i) {
+                const unsigned int size = 1 + i * 37 % 2000;
+                void* const block = i % 3 == 0 ? CTsMemory::Malloc(size) : CTsMemory::TsMalloc(size);
+                const auto mark = static_cast<unsigned char>(i + t);
+                std::memset(block, mark, size);
+                LentBlock other{nullptr, 0, 0};
+                {
+                    const std::lock_guard<std::mutex> guard(mutex);
+                    wandering.push_back({static_cast<unsigned char*>(block), size, mark});
+                    if (wandering.size() > 20) {
+                        other = wandering.front();
+                        wandering.pop_front();
+                    }
+                }
+                for (unsigned int n = 0; n < other.size; ++n) {
+                    wrong = wrong || other.bytes[n] != other.mark;
+                }
+                i % 2 == 0 ? CTsMemory::Free(other.bytes) : CTsMemory::TsFree(other.bytes);
+            }
+            CTsMemory::DestroyThreadMemPool();
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    for (const LentBlock& block : wandering) {
+        CTsMemory::Free(block.bytes);
+    }
+    EXPECT_FALSE(wrong);
 }
 
 }  // namespace

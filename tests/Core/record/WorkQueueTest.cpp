@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <deque>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -13,6 +14,7 @@
 
 #include "support/Eventually.h"
 #include "support/KernelThread.h"
+#include "support/SeededRandom.h"
 #include "support/core/Probes.h"
 
 namespace Orvex::Testing {
@@ -326,6 +328,132 @@ TEST_F(WorkQueue, NoRecordIsLostDoubledOrLeftBehindUnderRace) {
     EXPECT_TRUE(queued().empty());
     EXPECT_EQ(0, sleepers());
     EXPECT_EQ(0, EventQueueProbe::takeCounts(queue));
+}
+
+// ---- against a model -----------------------------------------------------------------------------------
+
+// A chain of records that rest in `free`, the first one's link set; taken out of it.
+Records takeChain(std::deque<CEvent*>& free, size_t count) {
+    Records chain;
+    while (chain.size() < count && !free.empty()) {
+        chain.push_back(free.front());
+        free.pop_front();
+    }
+    for (size_t i = 0; i < chain.size(); ++i) {
+        chain[i]->m_next = i + 1 < chain.size() ? chain[i + 1] : nullptr;
+    }
+    return chain;
+}
+
+// On one thread: nobody sleeps, so what is seen is the order of the records and what the poller is told.
+TEST_F(WorkQueue, AnyMixOfCallsMatchesAPlainQueueAndAPollerThatWaitsOrNot) {
+    SeededRandom random;
+    std::deque<CEvent> storage(40);
+    const std::unique_ptr<CWorkQueue, void (*)(CWorkQueue*)> emptied(&queue, [](CWorkQueue* left) {
+        while (left->TryPop() != nullptr) {
+        }
+    });
+    std::deque<CEvent*> free;
+    for (CEvent& ev : storage) {
+        free.push_back(&ev);
+    }
+    token.m_key = EVENT_KEY_POLL;
+    std::deque<CEvent*> model{&token};
+    EXPECT_FALSE(queue.PushOne(&token));
+    bool waits = false;  // the token was taken last, and from a queue that was empty after it
+    uint64_t pushed = 1, taken = 0;
+    for (int i = 0; i < 20000; ++i) {
+        const bool token_is_out = std::count(model.begin(), model.end(), &token) == 0;
+        const int step = random.between(0, token_is_out ? 4 : 3);
+        if (step <= 1) {
+            const Records chain = takeChain(free, random.between(size_t{1}, size_t{4}));
+            if (!chain.empty()) {
+                pushed += step == 0 ? chain.size() : 1;
+                model.insert(model.end(), chain.begin(), step == 0 ? chain.end() : chain.begin() + 1);
+                free.insert(free.end(), step == 0 ? chain.end() : chain.begin() + 1, chain.end());
+                ASSERT_EQ(waits, step == 0 ? queue.Push(chain[0]) : queue.PushOne(chain[0]));
+                waits = false;
+            }
+        } else if (step == 2) {
+            const Records one = takeChain(free, 1);
+            if (!one.empty()) {
+                ++pushed;
+                model.push_front(one[0]);
+                ASSERT_EQ(waits, queue.PushFront(one[0]));
+                waits = false;
+            }
+        } else if (step == 3) {
+            if (!model.empty()) {
+                CEvent* const ev = queue.PopWork();
+                ASSERT_EQ(model.front(), ev);
+                model.pop_front();
+                ++taken;
+                ev == &token ? void(waits = model.empty()) : free.push_back(ev);
+            }
+        } else {
+            const Records chain = takeChain(free, random.between(size_t{0}, size_t{3}));
+            model.insert(model.end(), chain.begin(), chain.end());
+            model.push_back(&token);
+            pushed += chain.size() + 1;
+            queue.PushReady(chain.empty() ? nullptr : chain[0], static_cast<int>(chain.size()), &token,
+                            random.between(0, 3));
+            waits = false;
+        }
+        ASSERT_EQ(Records(model.begin(), model.end()), queued()) << "after call " << i;
+        ASSERT_TRUE(EventQueueProbe::tailIsLast(queue));
+        ASSERT_EQ(waits, queue.PollerMayWait());
+        const CWorkQueue::Load load = queue.Measure();
+        ASSERT_EQ(pushed, load.records.pushed);
+        ASSERT_EQ(taken, load.records.taken);
+        ASSERT_EQ(waits ? 1 : 0, load.resting);
+        ASSERT_EQ(0, EventQueueProbe::takeCounts(queue)) << "nobody is woken who does not sleep";
+    }
+}
+
+TEST_F(WorkQueue, ThoseWhoRestAreSleepersAndAPollerThatWaits) {
+    EXPECT_EQ(0, queue.Measure().resting);
+    WorkQueueProbe::letPollerWait(queue);
+    EXPECT_EQ(1, queue.Measure().resting);
+    {
+        Worker first(queue), second(queue);
+        EXPECT_EVENTUALLY(queue.Measure().resting == 3);
+        {
+            Infra::CGuard guard(EventQueueProbe::mutex(queue));
+            queue.PushOne(&a);
+            EXPECT_EQ(2, queue.Measure().resting) << "whoever was woken works";
+        }
+        EXPECT_EVENTUALLY(first.over() || second.over());
+        queue.WakeAll();
+    }
+    EXPECT_EQ(1, queue.Measure().resting);
+    EXPECT_EQ(1u, queue.Measure().records.pushed);
+    EXPECT_EQ(1u, queue.Measure().records.taken);
+}
+
+TEST_F(WorkQueue, ARecordPushedAheadTakesAWakeUpToo) {
+    Worker sleeper(queue);
+    EXPECT_EVENTUALLY(sleepers() == 1);
+    WorkQueueProbe::letPollerWait(queue);
+    EXPECT_FALSE(queue.PushFront(&a)) << "there is a sleeper for it";
+    EXPECT_EQ(&a, sleeper.join());
+    EXPECT_TRUE(queue.PollerMayWait());
+    EXPECT_TRUE(queue.PushFront(&b)) << "and now only the poller";
+    EXPECT_FALSE(queue.PollerMayWait());
+    EXPECT_FALSE(queue.PushFront(&c)) << "who is told once";
+}
+
+// The token stands after them: all workers may be in long calls, and nobody looks at the sockets.
+TEST_F(WorkQueue, ThePollerMayNotWaitWhileRecordsStandAfterTheToken) {
+    token.m_key = EVENT_KEY_POLL;
+    queue.PushOne(&token);
+    queue.PushOne(&a);
+    EXPECT_EQ(&token, queue.PopWork());
+    EXPECT_FALSE(queue.PollerMayWait());
+    EXPECT_EQ(&a, queue.PopWork());
+    EXPECT_FALSE(queue.PollerMayWait()) << "it was decided when the token was taken";
+    queue.PushOne(&token);
+    EXPECT_EQ(&token, queue.PopWork());
+    EXPECT_TRUE(queue.PollerMayWait());
 }
 
 }  // namespace
