@@ -5,6 +5,7 @@
 #include <deque>
 #include <memory>
 #include <numeric>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -386,6 +387,20 @@ TEST(BTreeShape, AnyMixOfChangesGivesTheShapeOfTheModelInOrder8) {
     compareWithModel(8, 500, 2500);
 }
 
+// A node of the greatest order holds as many keys as its count can say.
+TEST(BTreeShape, AnyMixOfChangesGivesTheShapeOfTheModelInTheGreatestOrder) {
+    compareWithModel(128, 3000, 4000);
+}
+TEST(BTreeShape, ANodeOfTheGreatestOrderHolds127Keys) {
+    PlainTree tree(128);
+    tree.insertAll(ascending(1, 127));
+    EXPECT_EQ(127, BTreeProbe::root(tree.tree())->m_count);
+    EXPECT_EQ(1, BTreeProbe::root(tree.tree())->m_leaf);
+    tree.insert(128);
+    EXPECT_EQ(1, BTreeProbe::root(tree.tree())->m_count);
+    EXPECT_EQ("", tree.faults());
+}
+
 TEST(BTreeShape, LargeTreeGivesTheShapeOfTheModel) {
     SeededRandom random;
     PlainTree tree(8);
@@ -475,6 +490,65 @@ TEST(BTreeMemory, InsertionWithoutMemoryIsRefusedAndLeavesASoundTree) {
             ASSERT_EQ(count, size);
         }
     }
+}
+
+TEST(BTreeMemory, TreeWithoutAnyForItsFirstLeafMakesItLater) {
+    const long before = CountingAllocator::blocksInUse();
+    {
+        auto no_memory = std::make_unique<CountingAllocator::NoMemory>();
+        PlainTree tree(8);
+        EXPECT_EQ(nullptr, BTreeProbe::root(tree.tree()));
+        EXPECT_EQ(nullptr, tree.remove(1));
+        EXPECT_EQ(nullptr, tree.tree().Find(1));
+        EXPECT_EQ(nullptr, tree.insert(1));
+        no_memory.reset();
+        no_memory = std::make_unique<CountingAllocator::NoMemory>(1);  // for the key, but not for the leaf
+        EXPECT_EQ(nullptr, tree.insert(1));
+        no_memory.reset();
+        EXPECT_EQ(before, CountingAllocator::blocksInUse()) << "and the key's memory went back";
+        EXPECT_NE(nullptr, tree.insert(1));
+        EXPECT_EQ("(1)", tree.shape());
+    }
+    EXPECT_EQ(before, CountingAllocator::blocksInUse());
+}
+
+// What was refused is not there, all else is, and each step leaves a sound tree.
+TEST(BTreeMemory, AnyMixOfChangesMatchesASetWhileMemoryFailsNowAndThen) {
+    SeededRandom random;
+    PlainTree tree(4);
+    std::set<int64_t> model;
+    int refused = 0;
+    for (int step = 0; step < 8000; ++step) {
+        const int64_t key = random.between(int64_t{-150}, int64_t{150});
+        if (model.count(key) != 0) {
+            model.erase(key);
+            const CountingAllocator::NoMemory no_memory;
+            ASSERT_NE(nullptr, tree.remove(key));
+        } else {
+            const bool short_of_memory = random.oneIn(3);
+            const long grace = random.between(0L, 4L);
+            Payload* inserted = nullptr;
+            if (short_of_memory) {
+                const CountingAllocator::NoMemory no_memory(grace);
+                inserted = tree.insert(key);
+            } else {
+                inserted = tree.insert(key);
+                ASSERT_NE(nullptr, inserted);
+            }
+            if (inserted != nullptr) {
+                model.insert(key);
+            } else {
+                ++refused;
+            }
+        }
+        ASSERT_EQ("", tree.faults()) << "step " << step;
+        std::vector<int64_t> keys;
+        tree.tree().ReadLock();
+        tree.tree().ForEach([&keys](void* payload) { keys.push_back(BTree::key_of(payload)); });
+        tree.tree().Unlock();
+        ASSERT_EQ(std::vector<int64_t>(model.begin(), model.end()), keys) << "step " << step;
+    }
+    EXPECT_GT(refused, 0);
 }
 
 // ---- a broken tree ---------------------------------------------------------------------------------------

@@ -117,14 +117,19 @@ struct ObjectIdProbe {
 };
 
 struct MultiplexerProbe {
-    static int epoll(const CMultiplexer& mux) { return mux.m_epoll.in_use(); }
-    static CWINPipe pipe(CMultiplexer& mux) {
-        Infra::CGuard guard(mux.m_waker.m_pipe_mutex);
-        return mux.m_waker.m_pipe;
+    static int epoll(const CMultiplexer& mux) { return epoll(mux.m_epoll); }
+    static int epoll(const EpollSet& set) { return set.in_use(); }
+    // The instance that was in use before the last Replace; -1 once it is closed.
+    static int formerEpoll(const EpollSet& set) { return set.m_sides[1 - set.m_side]; }
+    static CWINPipe pipe(CMultiplexer& mux) { return pipe(mux.m_waker); }
+    static CWINPipe pipe(Waker& waker) {
+        Infra::CGuard guard(waker.m_pipe_mutex);
+        return waker.m_pipe;
     }
-    static int pipePending(CMultiplexer& mux) {
-        Infra::CGuard guard(mux.m_waker.m_pipe_mutex);
-        return mux.m_waker.m_pipe_pending;
+    static int pipePending(CMultiplexer& mux) { return pipePending(mux.m_waker); }
+    static int pipePending(Waker& waker) {
+        Infra::CGuard guard(waker.m_pipe_mutex);
+        return waker.m_pipe_pending;
     }
     // Places taken in a set: 0 read, 1 write, 2 exception.
     static int places(const CMultiplexer& mux, int direction) {
