@@ -135,6 +135,7 @@ TEST_F(DefaultSinkWrite, NothingIsTriedWhenNothingIsOwed) {
 
 // Threads that sleep often do not wait for those that write.
 TEST_F(DefaultSinkWrite, AFlushOfNothingDoesNotEvenEnterTheLock) {
+    write_line("line");
     StepThread writer;
     ASSERT_TRUE(writer.take([] { Detail::g_default_sink.hold(); }));
     StepThread sleeper;
