@@ -17,6 +17,7 @@
 #include <Reticor/PoolSet.h>
 #include <Reticor/PosixStorDev.h>
 #include <Reticor/R3.h>
+#include <Reticor/Recorder.h>
 #include <Reticor/SimulatorStream.h>
 #include <Reticor/Sock.h>
 #include <Reticor/SockAcceptor.h>

@@ -32,6 +32,9 @@ public:
     /// given.
     static const char* Name(uint32_t row);
 
+    /// The compiler's name, null for a row that nobody has. Also in a signal handler.
+    static const char* RawName(uint32_t row) { return sm_names[row].load(std::memory_order_acquire); }
+
 private:
     static constexpr size_t PLACES = 4 * COUNT;
     static constexpr size_t ROOM = 128 * COUNT;  ///< For names: 128 bytes each on the average.

@@ -3,6 +3,7 @@
 
 #include <Reticor/NetHandler.h>
 
+#include "Core/count/Points.h"
 #include "Core/count/ThreadCounts.h"
 #include "Core/count/Timing.h"
 #include "Core/handle/HandlerInternal.h"
@@ -14,11 +15,17 @@ class CallMark {
 public:
     CallMark(CNetHandler& handler, CallKind kind) : m_counts(ThreadCounts::Mine()) {
         HandlerInternal& internal = HandlerInternal::Of(handler);
-        m_counts.at_offset(internal.RowOffset(handler)).calls.Increment();
+        const uint32_t row_offset = internal.RowOffset(handler);
+        const uint64_t call = ThreadCounts::call_word(internal.GetID(), kind);
+        m_counts.at_offset(row_offset).calls.Increment();
         m_counts.m_begun.Increment();
-        m_counts.m_call.store(ThreadCounts::call_word(internal.GetID(), kind), std::memory_order_relaxed);
+        m_counts.m_call.store(call, std::memory_order_relaxed);
+        Points::Entered(call, row_offset);
     }
-    ~CallMark() { m_counts.m_call.store(0, std::memory_order_relaxed); }
+    ~CallMark() {
+        Points::Left(m_counts.m_call);
+        m_counts.m_call.store(0, std::memory_order_relaxed);
+    }
     CallMark(const CallMark&) = delete;
     CallMark& operator=(const CallMark&) = delete;
 

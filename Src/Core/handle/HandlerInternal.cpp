@@ -7,6 +7,7 @@
 #include <Infra/HeldLocks.h>
 #include <Infra/Mutex.h>
 
+#include "Core/count/Points.h"
 #include "Core/handle/HandlerList.h"
 #include "Core/record/EventFreeList.h"
 
@@ -55,20 +56,26 @@ public:
         ThreadCounts::Attach(-1);
         ThreadCounts& counts = ThreadCounts::Mine();
         HandlerInternal& internal = HandlerInternal::Of(handler);
-        ClassTally& row = counts.at_offset(internal.RowOffset(handler));
+        const uint32_t row_offset = internal.RowOffset(handler);
+        ClassTally& row = counts.at_offset(row_offset);
         row.calls.Increment();
         row.closed.Increment();
         m_outer = counts.m_call.load(std::memory_order_relaxed);
-        counts.m_call.store(ThreadCounts::call_word(internal.GetID(), CallKind::CLOSE),
-                            std::memory_order_relaxed);
+        m_call = ThreadCounts::call_word(internal.GetID(), CallKind::CLOSE);
+        counts.m_call.store(m_call, std::memory_order_relaxed);
+        Points::Entered(m_call, row_offset);
     }
     // At its very end a thread may have lost its counters in between.
-    ~CloseMark() { ThreadCounts::Mine().m_call.store(m_outer, std::memory_order_relaxed); }
+    ~CloseMark() {
+        Points::Left(m_call);
+        ThreadCounts::Mine().m_call.store(m_outer, std::memory_order_relaxed);
+    }
     CloseMark(const CloseMark&) = delete;
     CloseMark& operator=(const CloseMark&) = delete;
 
 private:
     uint64_t m_outer;
+    uint64_t m_call;
 };
 
 }  // namespace

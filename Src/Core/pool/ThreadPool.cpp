@@ -9,6 +9,7 @@
 #include <Infra/Atomic.h>
 #include <Infra/Log.h>
 
+#include "Core/count/Points.h"
 #include "Core/record/EventFreeList.h"
 
 namespace Orvex::Reticor {
@@ -178,6 +179,7 @@ void CThreadPool::PushFront(CEvent* ev) {
 
 void CThreadPool::PushSerial(CEvent* ev) {
     Infra::CGuard guard(m_serial_mutex);
+    Points::Pushed(ev);
     m_event_serial.PushSilent(ev);
     if (m_serial_idle) {
         m_serial_idle = false;

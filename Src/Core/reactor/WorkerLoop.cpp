@@ -10,6 +10,7 @@
 #include <Infra/Time.h>
 #include <Reticor/TsMemory.h>
 
+#include "Core/count/Points.h"
 #include "Core/count/ThreadCounts.h"
 #include "Core/count/WatchDoor.h"
 #include "Core/handle/ClassName.h"
@@ -33,6 +34,7 @@ void CThreadPool::ThreadProc(Infra::CThreadLite& thread) {
         CEvent* ev = m_event.PopWork();
         WatchDoor::Knock();
         if (ev != nullptr) {
+            Points::Popped(ev);
             serve(ev, thread);
         }
     }
@@ -93,6 +95,7 @@ void CThreadPool::drain(Infra::CThreadLite& thread) {
             put_event(ev);
             assert(0);
         }
+        Points::Popped(ev);
         count(Served::SERIAL);
         CMessage::HandleMessage(ev);
     }

@@ -3,6 +3,8 @@
 
 #include <algorithm>
 
+#include "Core/count/Points.h"
+
 namespace Orvex::Reticor {
 
 // ---- pushing -------------------------------------------------------------------------------------------
@@ -28,6 +30,7 @@ bool CWorkQueue::claim_poller() {
 }
 
 bool CWorkQueue::Push(CEvent* ev) {
+    Points::Pushed(ev);
     int claimed;
     bool poller;
     {
@@ -46,6 +49,7 @@ bool CWorkQueue::PushOne(CEvent* ev) {
 }
 
 bool CWorkQueue::PushFront(CEvent* ev) {
+    Points::PushedOne(ev);
     int claimed;
     bool poller;
     {
@@ -60,6 +64,7 @@ bool CWorkQueue::PushFront(CEvent* ev) {
 
 void CWorkQueue::PushReady(CEvent* chain, int count, CEvent* token, int wakes) {
     token->m_next = nullptr;
+    Points::Pushed(chain);
     int claimed;
     {
         Infra::CGuard guard(m_mutex);

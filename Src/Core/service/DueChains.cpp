@@ -3,6 +3,7 @@
 
 #include <cstddef>
 
+#include "Core/count/Points.h"
 #include "Core/handle/ObjectId.h"
 #include "Core/record/EventFreeList.h"
 
@@ -19,6 +20,7 @@ bool DueChains::Add(const ArmedTimer& timer) {
     ev->m_delay = timer.delay;
     ev->m_stamp_ns = m_stamp_ns;
     m_late.Add(m_now_us > timer.expire ? (m_now_us - timer.expire) * 1000 : 0);
+    Points::Due(timer.id, timer.obj_id, m_now_us, timer.expire);
     const size_t index = static_cast<size_t>(INDEX_OF_ID(static_cast<long>(timer.obj_id)));
     if (m_chain[index] == nullptr) {
         m_active[static_cast<size_t>(m_active_num++)] = static_cast<int>(index);

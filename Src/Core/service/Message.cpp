@@ -13,6 +13,7 @@
 #include <Infra/Time.h>
 #include <Reticor/R3.h>
 
+#include "Core/count/Points.h"
 #include "Core/count/ThreadCounts.h"
 #include "Core/count/Timing.h"
 #include "Core/count/WatchDoor.h"
@@ -62,6 +63,7 @@ std::atomic<bool> g_told_of_dropped{false};
 /// Looks for the end of the workers only when the message is in the queue: either this sees it, or the one
 /// whoever drops what is left at the end sees the message.
 void post_io(CEvent* ev) {
+    Points::PushedOne(ev);
     io_queue().Push(ev);
     if (!g_file_threads_over.load()) {
         PostFileMessageTask();
@@ -251,6 +253,7 @@ void CMessage::HandleIOMessage() {
     if (CEvent* ev = io_queue().PopNow()) {
         ThreadCounts::Attach(-1);
         WatchDoor::Knock();
+        Points::Popped(ev);
         HandleMessage(ev);
     }
 }

@@ -1,4 +1,4 @@
-// The commands `stat`, `statjson`, `handlers` and `timing` of the debug server.
+// The commands `stat`, `statjson`, `handlers`, `timing` and `recorder` of the debug server.
 #include <new>
 #include <string>
 
@@ -26,6 +26,19 @@ int switch_timing(int on, int, int, int, int, int, int, int, int, int) {
     return 0;
 }
 
+int switch_recorder(int what, int, int, int, int, int, int, int, int, int) {
+    constexpr int DUMP = 2;
+    try {
+        R3Printf("%s", stats_answer(what == DUMP ? "recorder dump"
+                                    : what != 0  ? "recorder on"
+                                                 : "recorder off")
+                           .c_str());
+    } catch (const std::bad_alloc&) {
+        R3Printf("no memory\n");
+    }
+    return 0;
+}
+
 constexpr char TEXT[] = "text";
 constexpr char JSON[] = "json";
 constexpr char HANDLERS[] = "handlers";
@@ -33,6 +46,8 @@ constexpr char HANDLERS[] = "handlers";
 const R3Command g_stat_command(&print_answer<TEXT>, "stat", "what pools, workers and handlers do");
 const R3Command g_statjson_command(&print_answer<JSON>, "statjson", "the same as JSON");
 const R3Command g_handlers_command(&print_answer<HANDLERS>, "handlers", "all handlers, the oldest first");
+const R3Command g_recorder_command(&switch_recorder, "recorder",
+                                   "the flight recorder (recorder 0: off, 1: on, 2: dump it into a file)");
 const R3Command g_timing_command(&switch_timing, "timing", "measure times (timing 0: off, timing 1: on)");
 
 }  // namespace

@@ -13,9 +13,12 @@
 #include <new>
 #include <utility>
 
+#include <Reticor/Recorder.h>
+
 #include "Core/count/Timing.h"
 #include "Core/stats/HandlerListing.h"
 #include "Core/stats/StatsTexts.h"
+#include "Socket/address/SockError.h"
 #include "Socket/socket/CloseCount.h"
 
 namespace Orvex::Reticor {
@@ -64,6 +67,17 @@ bool bind_to(int fd, const sockaddr_un& address) {
     return ::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
 }
 
+/// Switches the recorder, or dumps it into the working directory.
+std::string recorder_answer(const std::string& request) {
+    if (request == "recorder dump") {
+        const std::string path = "reticor-" + std::to_string(::getpid()) + ".dump";
+        return CRecorder::Dump(path.c_str()) == 0 ? "written to " + path + "\n"
+                                                  : path + ": " + GetSockErrorText(errno) + "\n";
+    }
+    request == "recorder on" ? CRecorder::Start() : CRecorder::Stop();
+    return request + "\n";
+}
+
 }  // namespace
 
 std::string stats_answer(const std::string& request) {
@@ -71,6 +85,9 @@ std::string stats_answer(const std::string& request) {
     if (request == "timing on" || request == "timing off") {
         Timing::Switch(request == "timing on");
         return request + "\n";
+    }
+    if (request == "recorder on" || request == "recorder off" || request == "recorder dump") {
+        return recorder_answer(request);
     }
     if (request == "handlers") {
         std::vector<HandlerInfo> handlers;
@@ -89,7 +106,9 @@ std::string stats_answer(const std::string& request) {
     } else if (request == "text" || request.empty()) {
         write_text(snapshot, out);
     } else {
-        out << "unknown request; there are: text json metrics handlers timing on timing off\n";
+        out << "unknown request; there are: text json metrics handlers timing on timing off recorder on "
+               "recorder off "
+               "recorder dump\n";
     }
     return std::move(out.text());
 }

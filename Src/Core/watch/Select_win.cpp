@@ -10,6 +10,7 @@
 #include <Infra/Log.h>
 #include <Infra/Time.h>
 
+#include "Core/count/Points.h"
 #include "Core/count/Timing.h"
 #include "Socket/address/SockError.h"
 #include "Socket/socket/CloseCount.h"
@@ -398,6 +399,7 @@ void CMultiplexer::stray(uint64_t mark_seen) {
 void CMultiplexer::mark(CEvent* ev, int16_t revents, Ready& ready) {
     set_revents(ev, revents);
     ev->m_stamp_ns = m_stamp_ns;
+    Points::Ready(ev->m_key, revents, ev->m_obj_id);
     ev->m_timer.m_sock_deadline = 0;  // an idle time-out rests while the socket is in flight
     SetBook::Leave(ev, ready.freed);
     ev->m_next = nullptr;

@@ -7,6 +7,7 @@
 #include <Infra/Time.h>
 #include <Reticor/NFile.h>
 
+#include "Core/count/Points.h"
 #include "Core/service/Message.h"
 #include "Tool/file/NFileState.h"
 #include "Tool/task/FileTaskQueue.h"
@@ -95,7 +96,12 @@ void RunFileTask() {
     } else if (task->m_type == FILE_TASK_CLOSE && file_tasks().ParkUnlessLast(task)) {
         return;
     } else {
+        // Taken down first: the last task of a file can end it.
+        const CNFile* const file = task->m_file;
+        const int type = task->m_type;
+        Points::TaskBegins(file, type);
         result = run(*task);
+        Points::TaskEnds(file, type);
     }
     if ((result == PassResult::refused || result == PassResult::failed) && task->m_arg == 1) {
         put_back(task, result);

@@ -69,7 +69,10 @@ public:
     void tell_as(const CFrame& other) {
         m_frame_len = other.m_frame_len;
         m_info_arg = other.m_info_arg;
+        m_number = other.m_number;
     }
+    /// Its number among all frames of the process, for those who trace it.
+    void number(uint64_t number) { m_number = number; }
 
     /// Its place among the frames that others need, and whether it is one.
     void place_among_needed(uint64_t before, bool disposable) {
@@ -150,6 +153,7 @@ public:
     uint64_t m_needed_before = 0;  ///< Frames of its channel before it that others need.
     uint64_t m_kept_number = 0;
     uint64_t m_kept_begin = 0;
+    uint64_t m_number = 0;  ///< 0: nobody traced when it was put.
 
 private:
     uint64_t m_late_us = 0;

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "Core/count/Points.h"
 #include "Tool/frame/MediaTrace.h"
 #include "Tool/media/SenderRecord.h"
 
@@ -59,6 +60,7 @@ void FrameLine::complete() {
     if (frame.m_frame_len < 1) {
         ++m_hollow_num;
     }
+    Points::FramePut(frame, m_name);
 }
 
 uint64_t FrameLine::bytes_of(uint8_t mask) const {
@@ -190,6 +192,7 @@ void FrameLine::age() {
 
 void FrameLine::expire(CFrame& frame) {
     frame.expire();
+    Points::FrameDropped(frame, static_cast<CNetHandler*>(nullptr), TraceDrop::TOO_OLD);
     ++m_expired_now;
 }
 

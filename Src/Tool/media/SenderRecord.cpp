@@ -13,6 +13,8 @@
 
 namespace Orvex::Reticor {
 
+static_assert(static_cast<int>(DropCause::DISPOSABLE) == static_cast<int>(TraceDrop::DISPOSABLE),
+              "causes are traced as they are counted");
 static_assert(alignof(SenderRecord) == 64 && offsetof(SenderHotState, m_wishes) < 64,
               "what every frame touches is one cache line");
 static_assert(offsetof(SenderHotState, m_owner) == 64 && offsetof(SenderHotState, m_stats) + 16 <= 128,
@@ -141,6 +143,10 @@ void SenderRecord::forget_order() {
     m_filter.forget_order();
 }
 
+void SenderRecord::tell_sent() {
+    Points::FrameSent(m_frame->m_number, m_owner->GetID(), m_frame->m_frame_len);
+}
+
 void SenderRecord::call_procedure() {
     m_procedure.call(m_frame->m_info_packet, m_frame->m_info_arg, static_cast<int>(m_frame->m_frame_len));
 }
@@ -190,6 +196,7 @@ void SenderRecord::step_over(const CFrame& frame) {
 void SenderRecord::pass(const CFrame& frame, bool leaves_out) {
     const DropCause cause = take_course(frame, leaves_out);
     m_drops.pass(frame, cause, m_courses.last_ordinal(frame.channel()));
+    Points::FrameDropped(frame, m_owner, static_cast<TraceDrop>(cause));
 }
 
 DropCause SenderRecord::take_course(const CFrame& frame, bool leaves_out) {
@@ -238,6 +245,7 @@ void SenderRecord::count_gap() {
         ++m_stats.holes;
         m_stats.hole_frames += missed.gone.frames;
         m_stats.hole_bytes += missed.gone.bytes;
+        Points::FrameDropped(*m_frame, m_owner, TraceDrop::GONE);
     }
     if (has_policy() && missed.all.frames != 0) {
         ++m_stats.skips;
@@ -316,6 +324,7 @@ void SenderRecord::begin_stall() {
         m_full = true;
         if (m_block_time == 0) {
             m_block_time = now();
+            Points::Blocked(m_owner);
         }
         look_at_floor();  // What the peer acknowledges counts from here on.
     }
@@ -327,12 +336,15 @@ void SenderRecord::note_blocked() {
     const uint64_t now_us = now();
     if (m_block_time == 0) {
         m_block_time = now_us;
+        Points::Blocked(m_owner);
     }
 }
 
 void SenderRecord::sum_block() {
+    const uint64_t blocked_us = now() - m_block_time;
+    Points::Free(m_owner, blocked_us);
     if (m_watch != nullptr) {
-        m_watch->blocked_us += now() - m_block_time;
+        m_watch->blocked_us += blocked_us;
     }
     m_block_time = 0;
 }

@@ -12,6 +12,7 @@
 #include <Infra/Mutex.h>
 #include <Infra/Time.h>
 
+#include "Core/count/Points.h"
 #include "Tool/datagram/FrameCut.h"
 #include "Tool/frame/DropBook.h"
 #include "Tool/frame/MediaFrame.h"
@@ -355,10 +356,15 @@ private:
     void finished() INFRA_REQUIRES(CORE_MUTEX) {
         ++m_stats.frames;
         m_counted = false;
+        if (Points::LooksAtSent()) {
+            tell_sent();
+        }
         if (m_procedure.is_set()) {
             call_procedure();
         }
     }
+    /// For those who trace it.
+    __attribute__((noinline, cold)) void tell_sent() INFRA_REQUIRES(CORE_MUTEX);
     void count_gap() INFRA_REQUIRES(CORE_MUTEX);
     void pass_written(uint64_t written) INFRA_REQUIRES(CORE_MUTEX);
     void call_procedure() INFRA_REQUIRES(CORE_MUTEX);

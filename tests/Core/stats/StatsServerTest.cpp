@@ -21,6 +21,7 @@
 #include <vector>
 
 #include <Infra/Time.h>
+#include <Reticor/Recorder.h>
 #include <Reticor/Stats.h>
 
 #include "support/ThreadFault.h"
@@ -108,6 +109,20 @@ TEST_F(StatsServing, AnswersEachRequestAndNobodyElseMayAsk) {
     EXPECT_EQ("timing on\n", ask("timing on\n"));
     EXPECT_NE(std::string::npos, ask("json\n").find("\"timing\":true"));
     EXPECT_EQ("timing off\n", ask("timing off\n"));
+}
+
+TEST_F(StatsServing, SwitchesTheRecorderAndDumpsIt) {
+    EXPECT_EQ("recorder on\n", ask("recorder on\n"));
+    EXPECT_TRUE(CRecorder::IsOn());
+    const std::string name = "reticor-" + std::to_string(::getpid()) + ".dump";
+    ASSERT_EQ(0, ::chdir(folder.c_str()));
+    EXPECT_EQ("written to " + name + "\n", ask("recorder dump\n"));
+    EXPECT_EQ(0, ::unlink(name.c_str()));
+    EXPECT_EQ("recorder off\n", ask("recorder off\n"));
+    EXPECT_FALSE(CRecorder::IsOn());
+    ASSERT_EQ(0, ::mkdir(name.c_str(), 0700));
+    EXPECT_EQ(name + ": Is a directory\n", ask("recorder dump\n"));
+    EXPECT_EQ(0, ::rmdir(name.c_str()));
 }
 
 TEST_F(StatsServing, AnswersWhileAllWorkersHang) {

@@ -1,9 +1,12 @@
 // The commands that print what a statistics client gets, in pieces that no print drops.
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
 
+#include <Reticor/Recorder.h>
 #include <Reticor/Stats.h>
 
 #include "R3/print/FuncBox.h"
@@ -55,6 +58,16 @@ TEST_F(StatsCommands, TimingIsSwitchedByItsArgument) {
     EXPECT_NE(std::string::npos, printed("statjson").find("\"timing\":true"));
     printed("timing", 0);
     EXPECT_NE(std::string::npos, printed("statjson").find("\"timing\":false"));
+}
+
+TEST_F(StatsCommands, TheRecorderIsSwitchedByItsArgument) {
+    EXPECT_EQ("recorder on\n", printed("recorder", 1));
+    EXPECT_TRUE(CRecorder::IsOn());
+    EXPECT_EQ("recorder off\n", printed("recorder", 0));
+    EXPECT_FALSE(CRecorder::IsOn());
+    const std::string name = "reticor-" + std::to_string(::getpid()) + ".dump";
+    EXPECT_EQ("written to " + name + "\n", printed("recorder", 2));
+    EXPECT_EQ(0, ::unlink(name.c_str()));
 }
 
 }  // namespace
