@@ -18,6 +18,8 @@ if(RETICOR_SHARED)
     COMPONENT gdb)
 endif()
 
+install(DIRECTORY tools/bpftrace/ DESTINATION ${CMAKE_INSTALL_DATADIR}/reticor/bpftrace FILES_MATCHING PATTERN "*.bt")
+
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/Reticor)
 install(EXPORT ReticorTargets NAMESPACE Orvex:: DESTINATION ${package_dir})
 configure_package_config_file(cmake/ReticorConfig.cmake.in ${PROJECT_BINARY_DIR}/ReticorConfig.cmake
