@@ -41,7 +41,7 @@ function(reticor_wing floor folder)
   endif()
 endfunction()
 
-reticor_wing(1 Core/count DOORS ClassRows Points Spread Tally ThreadCounts Timing WatchDoor)
+reticor_wing(1 Core/count DOORS ClassRows ObjectRoll Points Spread Tally ThreadCounts Timing WatchDoor)
 reticor_wing(1 Core/record NEXT_TO Core/count DOORS Event EventFreeList GeneralAllocator SockRecord WorkQueue)
 reticor_wing(1 Kit/call DOORS ConnectionMail DelayedCall SerialWord UserCall)
 reticor_wing(1 Kit/resolve DOORS Resolver)

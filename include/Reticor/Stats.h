@@ -158,6 +158,25 @@ struct StuckCall {
     uint32_t reserved;                  ///< 0.
 };
 
+/// Most figures of an `ObjectStats`.
+constexpr size_t OBJECT_FIGURES = 6;
+
+/// A byte-stream sender, a file, a receiver or a tick. What they have to tell differs, so each figure has its
+/// name with it. Counters only rise, from the making of the object on.
+///
+/// "stream_sender": `waiting_bytes`, `buffer_bytes` that may wait, `sent_bytes` that the socket took and
+/// `refused_puts` for which there was no room. "file": `written_bytes` and `read_bytes` of its device,
+/// `device_errors`. "receiver": `calls` of it and `running` (1). "tick": `period_us`, `ticks` so far and
+/// `events` on it.
+struct ObjectStats {
+    uint32_t size = sizeof(ObjectStats);  ///< Bytes that the caller knows.
+    uint32_t version = STATS_VERSION;     ///< For which the caller was built.
+    const char* kind;                     ///< One of the words above. Good for the life of the process.
+    int64_t id;                           ///< Of the handler.
+    const char* names[OBJECT_FIGURES];    ///< Of the figures, as above; null after the last. As long.
+    uint64_t values[OBJECT_FIGURES];      ///< The figures.
+};
+
 /// How much was done between two snapshots, and how fast. Rates are by second.
 struct PoolRates {
     uint32_t size = sizeof(PoolRates);  ///< Bytes that the caller knows.
@@ -219,6 +238,10 @@ public:
     size_t GetClassCount() const;
     /// The classes, those with the most calls first.
     int GetClass(size_t place, HandlerClassStats& stats) const;
+    /// How many byte-stream senders, files, receivers and ticks there were.
+    size_t GetObjectCount() const;
+    /// The objects, the youngest first.
+    int GetObject(size_t place, ObjectStats& stats) const;
 
     // As texts. The first `size` bytes are written to `room`, without an end mark. Result: the length of the
     // whole text, whatever the room; 0 of an empty snapshot, or without memory.

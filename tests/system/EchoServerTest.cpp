@@ -113,8 +113,8 @@ TEST(EchoServer, ClosesAnIdleConnectionAndKeepsABusyOne) {
     ServerProgram server("echo_server", {"--idle-timeout", std::to_string(idle_ms)});
     TcpClient busy(server.port());
     TcpClient idle(server.port());
+    const StopWatch silence;  // the server's begins when it has read this
     ASSERT_TRUE(idle.echoes("once"));
-    const StopWatch silence;
     EXPECT_EVENTUALLY(busy.echoes("again") && idle.isClosed());
     EXPECT_GE(silence.elapsed_ms(), idle_ms - 1);
     EXPECT_TRUE(busy.echoes("still here"));

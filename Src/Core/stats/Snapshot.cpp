@@ -158,6 +158,7 @@ bool Snapshot::Gather() {
         gather_pools();
         gather_threads();
         gather_classes();
+        ObjectRoll::read(objects);
         MediaSource::Ask(media);
     } catch (const std::bad_alloc&) {
         return false;

@@ -5,6 +5,7 @@
 
 #include <Reticor/Stats.h>
 
+#include "Core/count/ObjectRoll.h"
 #include "Core/stats/MediaSource.h"
 
 namespace Orvex::Reticor {
@@ -15,6 +16,7 @@ struct Snapshot {
     std::vector<PoolStats> pools;
     std::vector<WorkerStats> workers;
     std::vector<HandlerClassStats> classes;
+    std::vector<ObjectRow> objects;
     MediaRows media;
 
     /// Into an empty one. False if there is no memory.

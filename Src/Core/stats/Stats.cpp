@@ -123,6 +123,25 @@ int CStats::GetClass(size_t place, HandlerClassStats& stats) const {
     return hand_out_at(m_state != nullptr ? &m_state->snapshot.classes : nullptr, place, stats);
 }
 
+size_t CStats::GetObjectCount() const {
+    return m_state != nullptr ? m_state->snapshot.objects.size() : 0;
+}
+
+int CStats::GetObject(size_t place, ObjectStats& stats) const {
+    if (place >= GetObjectCount()) {
+        return -1;
+    }
+    const ObjectRow& row = m_state->snapshot.objects[place];
+    ObjectStats found{};
+    found.kind = row.kind->name;
+    found.id = row.id;
+    for (size_t figure = 0; figure < OBJECT_FIGURES; ++figure) {
+        found.names[figure] = row.kind->figures[figure].name;
+        found.values[figure] = row.values[figure];
+    }
+    return hand_out(found, stats);
+}
+
 size_t CStats::toText(char* room, size_t size) const {
     return m_state != nullptr ? write_out(m_state->snapshot, &write_text, room, size) : 0;
 }

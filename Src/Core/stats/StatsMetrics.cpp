@@ -1,6 +1,10 @@
 // StatsMetrics: the exposition format of StatsTexts. Every series once, under help and type of its family.
 #include "Core/stats/StatsTexts.h"
 
+#include <algorithm>
+#include <string>
+#include <vector>
+
 #include "Tool/judge/VerdictText.h"
 
 namespace Orvex::Reticor {
@@ -109,6 +113,34 @@ void class_families(const Snapshot& snapshot, TextRoom& out) {
     }
 }
 
+/// Sums by kind: a server can have thousands, that come and go. A sum falls when an object goes, so all of
+/// them are gauges.
+void object_families(const std::vector<ObjectRow>& objects, TextRoom& out) {
+    std::vector<const ObjectKind*> kinds;
+    for (const ObjectRow& row : objects) {
+        if (std::find(kinds.begin(), kinds.end(), row.kind) == kinds.end()) {
+            kinds.push_back(row.kind);
+        }
+    }
+    for (const ObjectKind* kind : kinds) {
+        ObjectValues sums{};
+        uint64_t count = 0;
+        for (const ObjectRow& row : objects) {
+            for (size_t figure = 0; row.kind == kind && figure < OBJECT_FIGURES; ++figure) {
+                sums[figure] += row.values[figure];
+            }
+            count += row.kind == kind ? 1 : 0;
+        }
+        const std::string prefix = std::string("reticor_") + kind->name + "_";
+        family((prefix + "count").c_str(), "gauge", "Objects of that kind.", out);
+        out << prefix << "count " << count << "\n";
+        for (size_t figure = 0; figure < OBJECT_FIGURES && kind->figures[figure].name != nullptr; ++figure) {
+            family((prefix + kind->figures[figure].name).c_str(), "gauge", kind->figures[figure].help, out);
+            out << prefix << kind->figures[figure].name << " " << sums[figure] << "\n";
+        }
+    }
+}
+
 /// Kinds are told by number, so that a name that a later version adds is not left out.
 void verdict_family(const MediaRows& media, TextRoom& out) {
     family("reticor_media_senders", "gauge", "Senders of media, by what holds them up.", out);
@@ -208,6 +240,7 @@ void write_metrics(const Snapshot& snapshot, TextRoom& out) {
     pool_families(snapshot, out);
     spread_families(snapshot, out);
     class_families(snapshot, out);
+    object_families(snapshot.objects, out);
     media_families(snapshot.media, out);
 }
 

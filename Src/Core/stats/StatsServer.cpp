@@ -106,9 +106,8 @@ std::string stats_answer(const std::string& request) {
     } else if (request == "text" || request.empty()) {
         write_text(snapshot, out);
     } else {
-        out << "unknown request; there are: text json metrics handlers timing on timing off recorder on "
-               "recorder off "
-               "recorder dump\n";
+        out << "unknown request; there are: text json metrics handlers timing on timing off "
+               "recorder on recorder off recorder dump\n";
     }
     return std::move(out.text());
 }

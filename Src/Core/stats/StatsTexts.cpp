@@ -103,6 +103,33 @@ void json_of_buffer(const MediaBufferRow& row, TextRoom& out) {
         << ",\"bytes\":" << row.bytes << ",\"put_bytes\":" << row.put_bytes << "}";
 }
 
+void json_of_object(const ObjectRow& row, TextRoom& out) {
+    out << "{\"kind\":\"" << row.kind->name << "\",\"id\":\"" << row.id << "\"";
+    for (size_t figure = 0; figure < OBJECT_FIGURES && row.kind->figures[figure].name != nullptr; ++figure) {
+        out << ",\"" << row.kind->figures[figure].name << "\":" << row.values[figure];
+    }
+    out << "}";
+}
+
+/// The last ones made; a server can have thousands.
+void text_of_objects(const std::vector<ObjectRow>& objects, TextRoom& out) {
+    size_t left = MOST_OBJECTS;
+    for (const ObjectRow& row : objects) {
+        if (left-- == 0) {
+            out << "and " << objects.size() - MOST_OBJECTS << " that are older\n";
+            return;
+        }
+        out << row.kind->name << " " << row.id;
+        size_t column = 32;
+        for (size_t figure = 0; figure < OBJECT_FIGURES && row.kind->figures[figure].name != nullptr;
+             ++figure) {
+            out.Column(column) << row.kind->figures[figure].name << " " << row.values[figure];
+            column += 28;
+        }
+        out << "\n";
+    }
+}
+
 template <size_t PLACES>
 void json_of_places(const char* name, const uint32_t (&counts)[PLACES], TextRoom& out) {
     out << ",\"" << name << "\":{";
@@ -205,6 +232,7 @@ void write_text(const Snapshot& snapshot, TextRoom& out) {
         }
     }
     text_of_media(snapshot.media, out);
+    text_of_objects(snapshot.objects, out);
     out << "class";
     out.Column(56) << "live";
     out.Column(66) << "opened";
@@ -234,6 +262,7 @@ void write_json(const Snapshot& snapshot, TextRoom& out) {
     json_list("pools", snapshot.pools, &json_of_pool, out);
     json_list("workers", snapshot.workers, &json_of_worker, out);
     json_list("classes", snapshot.classes, &json_of_class, out);
+    json_list("objects", snapshot.objects, &json_of_object, out);
     json_list("media_buffers", snapshot.media.buffers, &json_of_buffer, out);
     json_list("media_senders", snapshot.media.senders, &json_of_sender, out);
     out << "}\n";

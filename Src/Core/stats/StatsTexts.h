@@ -14,6 +14,9 @@ namespace Orvex::Reticor {
 /// Senders of media that the text and the metrics have: those that suffer most.
 constexpr size_t MOST_SENDERS = 20;
 
+/// Byte-stream senders, files, receivers and ticks that the text has.
+constexpr size_t MOST_OBJECTS = 20;
+
 /// For people: pools, workers in calls, senders of media, classes by their calls.
 void write_text(const Snapshot& snapshot, TextRoom& out);
 

@@ -46,7 +46,7 @@ void DeviceSide::close() {
         return;
     }
     if (m_opened && device->Finish(m_sync.load()) < 0) {
-        m_exchange.m_owed.tell(FILE_MSG_ERROR);
+        tell_error();
     }
     device->Close();
     m_dev.store(nullptr);
@@ -154,7 +154,7 @@ DeviceSide::Outcome DeviceSide::write_out() {
     for (FileSlot* const slot : m_exchange.m_slots.CollectWrites()) {
         const Outcome outcome = write_slot(*slot);
         if (outcome == Outcome::failed) {
-            m_exchange.m_owed.tell(FILE_MSG_ERROR);
+            tell_error();
         }
         if (outcome != Outcome::done) {
             return outcome;
@@ -179,6 +179,7 @@ DeviceSide::Outcome DeviceSide::write_slot(FileSlot& slot) {
             return Outcome::failed;
         }
         slot.m_written += static_cast<unsigned>(n);
+        m_bytes_written.Add(static_cast<uint64_t>(n));
         m_dev_pos += n;
     }
     m_exchange.m_slots.EndWrite(slot);
@@ -191,7 +192,7 @@ DeviceSide::Outcome DeviceSide::load() {
     for (FileSlot* slot = slots.NextLoad(0); slot != nullptr; slot = slots.NextLoad(slot->m_index + 1)) {
         const Outcome outcome = load_slot(*slot);
         if (outcome == Outcome::failed) {
-            m_exchange.m_owed.tell(FILE_MSG_ERROR);
+            tell_error();
         }
         if (outcome != Outcome::done) {
             return outcome;
@@ -223,10 +224,16 @@ DeviceSide::Outcome DeviceSide::load_slot(FileSlot& slot) {
         }
         eof = n == 0;
         got += static_cast<unsigned>(n);
+        m_bytes_read.Add(static_cast<uint64_t>(n));
         m_dev_pos += n;
     }
     m_exchange.m_slots.EndLoad(slot, got, eof);
     return Outcome::done;
+}
+
+void DeviceSide::tell_error() {
+    m_errors.Increment();
+    m_exchange.m_owed.tell(FILE_MSG_ERROR);
 }
 
 // ---- without buffers -----------------------------------------------------------------------------------
@@ -239,10 +246,11 @@ int DeviceSide::write_directly(const char* data, unsigned len) {
             break;
         }
         if (n < 0 || static_cast<unsigned>(n) > len - done) {
-            m_exchange.m_owed.tell(FILE_MSG_ERROR);
+            tell_error();
             break;
         }
         done += static_cast<unsigned>(n);
+        m_bytes_written.Add(static_cast<uint64_t>(n));
     }
     return static_cast<int>(done);
 }
@@ -257,10 +265,11 @@ int DeviceSide::read_directly(char* dst, unsigned len, bool& eof) {
             break;
         }
         if (n < 0 || static_cast<unsigned>(n) > len - done) {
-            m_exchange.m_owed.tell(FILE_MSG_ERROR);
+            tell_error();
             break;
         }
         done += static_cast<unsigned>(n);
+        m_bytes_read.Add(static_cast<uint64_t>(n));
     }
     return static_cast<int>(done);
 }

@@ -7,6 +7,7 @@
 #include <Infra/Mutex.h>
 #include <Reticor/StorDev.h>
 
+#include "Core/count/Tally.h"
 #include "Tool/file/FileExchange.h"
 #include "Tool/file/KnownInfo.h"
 
@@ -68,6 +69,12 @@ public:
     int read_directly(char* dst, unsigned len, bool& eof);
     int seek_directly(long long offset, int whence);
 
+    // ---- what it has done so far: any thread
+
+    uint64_t bytes_written() const { return m_bytes_written.Get(); }
+    uint64_t bytes_read() const { return m_bytes_read.Get(); }
+    uint64_t errors() const { return m_errors.Get(); }
+
     // ---- the change of buffers
 
     /// A pass that runs is to end after the call of the device that it is in: the buffers are about to go,
@@ -80,6 +87,8 @@ public:
 
 private:
     enum class Outcome { done, failed, cut };
+
+    void tell_error();
 
     PassResult serve_rounds() INFRA_REQUIRES(m_pass_mutex);
     PassResult end_pass(const PassTurn::Wanted& left, Outcome outcome, bool comes_again);
@@ -102,6 +111,11 @@ private:
     std::atomic<CNStorDev_IF*> m_dev;
     /// Where the device stands, as far as its results tell.
     long long m_dev_pos INFRA_GUARDED_BY(m_pass_mutex) = 0;
+
+    // For snapshots. Direct operations are those of one thread at a time.
+    Tally m_bytes_written;
+    Tally m_bytes_read;
+    Tally m_errors;
 
     friend struct NFileProbe;  // tests
 };

@@ -15,6 +15,16 @@
 
 namespace Orvex::Reticor {
 
+const ObjectKind CNFile::State::KIND{"file",
+                                     {{{"written_bytes", "Bytes that devices took.", true},
+                                       {"read_bytes", "Bytes that devices gave.", true},
+                                       {"device_errors", "Failures of devices.", true}}}};
+
+ObjectValues CNFile::State::figures(const void* object) {
+    const DeviceSide& device = static_cast<const State*>(object)->m_device;
+    return {device.bytes_written(), device.bytes_read(), device.errors()};
+}
+
 CNFile::CNFile() : m_state(nullptr) {}
 
 CNFile::~CNFile() {
@@ -43,6 +53,7 @@ CNFile* CNFile::Open(long handler_id, const char* path, const char* mode, CNStor
     }
     file->m_state = state;
     state->m_place.enter();
+    state->m_roll.enter(file->GetID());
     if (state->m_device.open(path, mode) < 0) {
         file->Close();
         return nullptr;

@@ -6,6 +6,7 @@
 
 #include <Reticor/NFile.h>
 
+#include "Core/count/ObjectRoll.h"
 #include "Tool/file/CallerSide.h"
 #include "Tool/file/DeviceSide.h"
 #include "Tool/file/FileExchange.h"
@@ -42,6 +43,13 @@ struct __attribute__((visibility("hidden"))) CNFile::State {
     std::unique_ptr<FileTask> m_close_task;  ///< Taken with the file, since Close must not fail.
     const bool m_holds;                      ///< False: there was no memory for the file.
     CNFile* m_next_to_end = nullptr;         ///< Link of NFileEnd.
+    /// In snapshots. The last member.
+    RollEntry m_roll{KIND, &figures, this};
+
+private:
+    static const ObjectKind KIND;
+
+    static ObjectValues figures(const void* object);
 };
 
 }  // namespace Orvex::Reticor

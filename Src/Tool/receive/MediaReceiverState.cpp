@@ -3,6 +3,16 @@
 
 namespace Orvex::Reticor {
 
+const ObjectKind MediaReceiverState::KIND{"receiver",
+                                          {{{"calls", "Calls of receivers by their threads.", true},
+                                            {"running", "Receivers that are called.", false}}}};
+
+ObjectValues MediaReceiverState::figures(const void* object) {
+    const auto& receiver = *static_cast<const MediaReceiverState*>(object);
+    const bool runs = receiver.m_state.load(std::memory_order_relaxed) == RECEIVER_RUNNING;
+    return {receiver.m_calls.Get(), runs ? 1U : 0U};
+}
+
 int64_t scale_media_time(long long media_us, float speed) {
     // Single precision is part of the interface: it limits the resolution of media clocks.
     const float scaled = static_cast<float>(media_us) / speed;

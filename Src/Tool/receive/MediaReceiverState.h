@@ -8,6 +8,8 @@
 #include <Infra/Mutex.h>
 #include <Reticor/MediaStreamReceiver.h>
 
+#include "Core/count/ObjectRoll.h"
+#include "Core/count/Tally.h"
 #include "Tool/receive/PacedReceiver.h"
 
 namespace Orvex::Reticor {
@@ -38,6 +40,14 @@ struct MediaReceiverState : CPacedReceiver_IF {
     int32_t m_wait_ticks = 1;
     float m_speed INFRA_GUARDED_BY(m_mutex) = 1.0F;
     Infra::CMutex m_mutex{Infra::LockClass::RECEIVER};
+    Tally m_calls;  ///< Of the receiver, by its thread.
+    /// In snapshots. The last member.
+    RollEntry m_roll{KIND, &figures, this};
+
+private:
+    static const ObjectKind KIND;
+
+    static ObjectValues figures(const void* object);
 };
 
 /// `media_us` divided by `speed`, in single precision, cut to a whole number. What no 64-bit number holds (an

@@ -58,10 +58,12 @@ void CMediaStreamReceiver::Turn::turn() {
     switch (m_mode.load(std::memory_order_relaxed)) {
         case receiver_write:
             INFRA_PROMISE(HANDLER);
+            m_calls.Increment();
             result = m_receiver.handle_stream_write();
             break;
         case receiver_active:
             INFRA_PROMISE(HANDLER);
+            m_calls.Increment();
             result = m_receiver.handle_stream_input();
             break;
         default:
@@ -95,6 +97,7 @@ bool CMediaStreamReceiver::Turn::receive_paced(long long& result) {
         if (m_wait_ticks > 0) {
             return false;
         }
+        m_calls.Increment();
         result = m_receiver.handle_passive_input();
         Infra::CGuard guard(m_mutex);
         if (result < 1 || m_state.load(std::memory_order_relaxed) != RECEIVER_RUNNING) {
@@ -126,7 +129,9 @@ void CMediaStreamReceiver::Turn::tell_failure(long id) {
 // Without memory for either part it is a handler that cannot be started.
 CMediaStreamReceiver::CMediaStreamReceiver()
     : m_state(GetID() != 0 ? new (std::nothrow) Turn(*this) : nullptr) {
-    if (m_state == nullptr && GetID() != 0) {
+    if (m_state != nullptr) {
+        m_state->m_roll.enter(GetID());
+    } else if (GetID() != 0) {
         INFRA_LOG(2, "%s : no memory, it cannot be started!\n", INFRA_FUNCTION);
     }
 }

@@ -76,6 +76,7 @@ void report_exception(CStreamSender& sender, StreamSenderState& state, int fd) I
 CStreamSender* CStreamSender::Create() {
     auto* const sender = new (std::nothrow) CStreamSender;
     if (sender != nullptr && sender->m_state != nullptr && sender->m_state->is_made()) {
+        sender->m_state->m_roll.enter(sender->GetID());
         return sender;
     }
     if (sender == nullptr || sender->GetID() != 0) {  // else the handler has told of itself

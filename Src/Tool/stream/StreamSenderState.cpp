@@ -15,6 +15,18 @@
 
 namespace Orvex::Reticor {
 
+const ObjectKind StreamSenderState::KIND{"stream_sender",
+                                         {{{"waiting_bytes", "Bytes that wait for room in a socket.", false},
+                                           {"buffer_bytes", "Bytes that may wait.", false},
+                                           {"sent_bytes", "Bytes that sockets took.", true},
+                                           {"refused_puts", "Calls for which there was no room.", true}}}};
+
+ObjectValues StreamSenderState::figures(const void* object) {
+    const auto& state = *static_cast<const StreamSenderState*>(object);
+    return {Infra::relaxedLoad(state.m_data_len), state.buffer_size(), state.m_sent.Get(),
+            state.m_refused.Get()};
+}
+
 StreamSenderState::StreamSenderState() : m_iovec(new (std::nothrow) iovec[m_buf_num + 1]) {}
 
 StreamSenderState::~StreamSenderState() = default;
@@ -30,6 +42,7 @@ PutEnd StreamSenderState::put(const char* buf, uint32_t len) {
     if (m_data_len != 0) {
         // What came earlier goes first.
         if (buffer_size() - m_data_len < len) {
+            m_refused.Increment();
             return PutEnd::REFUSED;
         }
         return put_buffer(buf, len, 0) ? PutEnd::TAKEN : PutEnd::NO_MEMORY;
@@ -39,6 +52,7 @@ PutEnd StreamSenderState::put(const char* buf, uint32_t len) {
         return PutEnd::FAILED;
     }
     const auto sent = static_cast<uint32_t>(result);
+    m_sent.Add(sent);
     if (sent >= len) {
         return PutEnd::TAKEN;
     }
@@ -54,6 +68,7 @@ bool StreamSenderState::drain(CStreamSender& sender) {
     }
     const int sent = write_v(gather());
     if (sent > 0) {
+        m_sent.Add(static_cast<uint64_t>(sent));
         del_buffer_header(static_cast<uint32_t>(sent));
         check_buffer_free(sender);
     }
@@ -114,7 +129,7 @@ bool StreamSenderState::put_buffer(const char* buf, uint32_t len, uint32_t alrea
     if (!reserve(len)) {
         return false;
     }
-    m_data_len += len;
+    set_data_len(m_data_len + len);
     // The tail moves on only when more bytes wait, so a block that is exactly full stays the tail.
     while (len > m_tail->room()) {
         const uint32_t room = m_tail->room();
@@ -154,11 +169,11 @@ uint32_t StreamSenderState::del_buffer_header(uint32_t len) {
         const uint32_t avail = m_head->size();
         if (left < avail) {
             m_head->m_read += left;
-            m_data_len -= left;
+            set_data_len(m_data_len - left);
             return len;
         }
         m_head->reset();
-        m_data_len -= avail;
+        set_data_len(m_data_len - avail);
         left -= avail;
         if (m_head == m_tail) {
             break;
@@ -247,7 +262,7 @@ void StreamSenderState::clear() {
         block->reset();
     }
     m_tail = m_head;
-    m_data_len = 0;
+    set_data_len(0);
 }
 
 void StreamSenderState::free_all() {

@@ -14,6 +14,9 @@
 #include <Infra/Mutex.h>
 #include <Reticor/Sock.h>
 
+#include "Core/count/ObjectRoll.h"
+#include "Core/count/Tally.h"
+
 namespace Orvex::Reticor {
 
 class CNetHandler;
@@ -105,10 +108,12 @@ struct StreamSenderState {
     void clear() INFRA_REQUIRES(m_mutex);
     void free_all() INFRA_REQUIRES(m_mutex);
 
-    /// Capacity in blocks. Written under m_mutex, read without it too.
+    /// Capacity in blocks. Written under m_mutex, read without it too, as are the next ones.
     uint32_t m_buf_num = 8;
     /// Bytes waiting in the chain.
-    uint32_t m_data_len INFRA_GUARDED_BY(m_mutex) = 0;
+    uint32_t m_data_len = 0;
+    Tally m_sent;     ///< Bytes that the socket took.
+    Tally m_refused;  ///< Calls of Put for which there was no room.
     mutable Infra::CMutex m_mutex{Infra::LockClass::STREAM_SENDER};
     /// Oldest block with data.
     SSendBuf* m_head INFRA_GUARDED_BY(m_mutex) = nullptr;
@@ -131,7 +136,15 @@ struct StreamSenderState {
     /// Handler told of a socket failure; 0 means nobody.
     long m_exception_id INFRA_GUARDED_BY(m_mutex) = 0;
 
+    /// In snapshots. The last member.
+    RollEntry m_roll{KIND, &figures, this};
+
 private:
+    static const ObjectKind KIND;
+
+    static ObjectValues figures(const void* object);
+    void set_data_len(uint32_t len) INFRA_REQUIRES(m_mutex) { Infra::relaxedStore(m_data_len, len); }
+
     /// One write to the socket, by its type; results as CSockStream::Send and WriteV.
     int send(const char* buf, uint32_t len) INFRA_REQUIRES(m_mutex);
     int write_v(uint32_t count) INFRA_REQUIRES(m_mutex);

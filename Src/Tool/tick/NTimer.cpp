@@ -31,6 +31,7 @@ CNTimer* CNTimer::Create(long long period) {
         HandlerInternal::Discard(timer);  // what was missing has told of itself
         return nullptr;
     }
+    internal->m_roll.enter(timer->GetID());
     return timer;
 }
 
@@ -72,6 +73,7 @@ int CNTimer::PushTimerEvent(CNTimerEvent* ev) {
         m_timer->m_tail->m_next = event;
     }
     m_timer->m_tail = event;
+    m_timer->count_event();
     return 0;
 }
 
@@ -92,6 +94,7 @@ int64_t CNTimer::handle_timeout(long id) {
             return 0;  // keeps its period
         }
         ++m_timer->m_ticks;
+        m_timer->m_all_ticks.Increment();
         m_timer->scan(true);
     }
     return m_timer->next_delay(Infra::CTime::getCurrentMicroSecond());

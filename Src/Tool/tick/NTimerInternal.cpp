@@ -17,6 +17,17 @@ __extension__ using Wide = __int128;
 
 }  // namespace
 
+const ObjectKind NTimerInternal::KIND{"tick",
+                                      {{{"period_us", "Periods, added up.", false},
+                                        {"ticks", "Ticks so far.", true},
+                                        {"events", "What is called at ticks.", false}}}};
+
+ObjectValues NTimerInternal::figures(const void* object) {
+    const auto& timer = *static_cast<const NTimerInternal*>(object);
+    return {static_cast<uint64_t>(timer.m_period), timer.m_all_ticks.Get(),
+            Infra::relaxedLoad(timer.m_events)};
+}
+
 int64_t NTimerInternal::next_delay(uint64_t now) {
     const Wide limit = Wide{GRID_PERIODS} * m_period;
     Wide next = Wide{m_start} + Wide{m_period} * (Wide{m_ticks} + 1) - Wide{now};
@@ -50,7 +61,7 @@ void NTimerInternal::close_leading() {
     while (m_head != nullptr && m_head->m_state.load(std::memory_order_acquire) == EVENT_CLOSED) {
         NTimerEventInternal* const closed = m_head;
         m_head = closed->m_next;
-        closed->close();
+        end_event(*closed);
     }
     if (m_head == nullptr) {
         m_tail = nullptr;
@@ -69,7 +80,7 @@ NTimerEventInternal* NTimerInternal::close_after(NTimerEventInternal* ev, NTimer
         if (closed == last) {
             last = ev;
         }
-        closed->close();
+        end_event(*closed);
     }
     return last;
 }

@@ -4,9 +4,13 @@
 #include <atomic>
 #include <cstdint>
 
+#include <Infra/Atomic.h>
 #include <Infra/LockClasses.h>
 #include <Infra/Mutex.h>
 #include <Infra/ThreadAnnotations.h>
+
+#include "Core/count/ObjectRoll.h"
+#include "Core/count/Tally.h"
 
 namespace Orvex::Reticor {
 
@@ -59,6 +63,8 @@ struct NTimerInternal {
     NTimerEventInternal* m_tail INFRA_GUARDED_BY(m_mutex) = nullptr;  ///< Last pushed.
     long m_tick_timer INFRA_GUARDED_BY(m_mutex) = 0;
     long m_sweep_timer INFRA_GUARDED_BY(m_mutex) = 0;  ///< Lets closed events go if the period is long.
+    Tally m_all_ticks;                                 ///< Whatever became of the grid.
+    uint64_t m_events = 0;  ///< In the list. Written under the mutex, read without it too.
 
     /// Whether the two timers of the handler have been set.
     bool is_armed() {
@@ -74,7 +80,20 @@ struct NTimerInternal {
     /// that is more than 20 periods away in either direction. At least 2000.
     int64_t next_delay(uint64_t now);
 
+    void count_event() INFRA_REQUIRES(m_mutex) { Infra::relaxedStore(m_events, m_events + 1); }
+
+    /// In snapshots. The last member.
+    RollEntry m_roll{KIND, &figures, this};
+
 private:
+    static const ObjectKind KIND;
+
+    static ObjectValues figures(const void* object);
+    /// Ends an event that is not in the list any more.
+    void end_event(NTimerEventInternal& event) INFRA_REQUIRES(m_mutex) {
+        Infra::relaxedStore(m_events, m_events - 1);
+        event.close();
+    }
     void close_leading() INFRA_REQUIRES(m_mutex);
     NTimerEventInternal* close_after(NTimerEventInternal* ev, NTimerEventInternal* last)
         INFRA_REQUIRES(m_mutex);

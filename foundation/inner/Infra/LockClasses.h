@@ -80,6 +80,7 @@
     X(THREAD_LIFE, "CThread::m_life_mutex", \
       "one start or end of a thread at a time; held while it is joined") \
     X(POOL_SET, "State::m_mutex of CPoolSet", "what is reserved in each of its pools") \
+    X(OBJECT_ROLL, "ObjectRoll::sm_mutex", "the objects that tell figures of themselves") \
     X(COMPONENTS, "g_mutex of ComponentRegistry", "the components on offer") \
     X(LOG, "m_mutex of DefaultSink", "lines on their way to standard error")
 // clang-format on

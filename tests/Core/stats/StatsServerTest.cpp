@@ -212,7 +212,9 @@ int ownDescriptors() {
     return count;
 }
 
-constexpr char UNKNOWN[] = "unknown request; there are: text json metrics handlers timing on timing off\n";
+constexpr char UNKNOWN[] =
+    "unknown request; there are: text json metrics handlers timing on timing off recorder on recorder off "
+    "recorder dump\n";
 
 TEST_F(StatsServing, ARequestMayComeByteByByteWhileOthersAreServed) {
     StatsClient slow(path);

@@ -1,4 +1,5 @@
 // StatsTexts: the texts of a snapshot, read by readers that refuse what a stranger's would refuse.
+#include "Core/count/ObjectRoll.h"
 #include "Core/stats/StatsTexts.h"
 
 #include <gtest/gtest.h>
@@ -107,6 +108,73 @@ TEST_F(StatsTexts, HaveTheFramesThatASenderWasNotSentByTheirCause) {
     for (const char* cause : {"too_old", "no_key", "not_chosen", "disposable"}) {
         EXPECT_EQ(0, dropped(cause)) << cause;
     }
+}
+
+// ---- byte-stream senders, files, receivers, ticks --------------------------------------------------------
+
+const ObjectKind LAMP{"lamp", {{{"watts", "What it takes.", false}, {"flashes", "So far.", true}}}};
+
+class Lamp {
+public:
+    explicit Lamp(uint64_t watts) : m_watts(watts) { m_roll.enter(-65536 * static_cast<int64_t>(watts)); }
+
+private:
+    static ObjectValues figures(const void* object) { return {static_cast<const Lamp*>(object)->m_watts, 3}; }
+
+    const uint64_t m_watts;
+    RollEntry m_roll{LAMP, &figures, this};
+};
+
+TEST_F(StatsTexts, HaveObjectsOneByOneInJsonAndAddedUpInMetrics) {
+    const Lamp small(5);
+    const Lamp large(40);
+    const std::string json = written(&CStats::toJson);
+    EXPECT_TRUE(JsonValue::parse(json)) << json;
+    EXPECT_NE(std::string::npos,
+              json.find("\"objects\":[{\"kind\":\"lamp\",\"id\":\"-2621440\",\"watts\":40,\"flashes\":3},"
+                        "{\"kind\":\"lamp\",\"id\":\"-327680\",\"watts\":5,\"flashes\":3}"))
+        << json;
+    const Exposition metrics(written(&CStats::toPrometheus));
+    EXPECT_EQ(2, metrics.at("reticor_lamp_count"));
+    EXPECT_EQ(45, metrics.at("reticor_lamp_watts"));
+    EXPECT_EQ(6, metrics.at("reticor_lamp_flashes"));
+    EXPECT_NE(std::string::npos, written(&CStats::toText).find("lamp -2621440")) << written(&CStats::toText);
+}
+
+TEST_F(StatsTexts, HaveTheYoungestObjectsInTheTextForPeople) {
+    std::vector<std::unique_ptr<Lamp>> lamps;
+    for (size_t i = 1; i <= MOST_OBJECTS + 3; ++i) {
+        lamps.push_back(std::make_unique<Lamp>(i));
+    }
+    const std::string text = written(&CStats::toText);
+    EXPECT_NE(std::string::npos, text.find("lamp -" + std::to_string(65536 * (MOST_OBJECTS + 3)) + " "));
+    EXPECT_EQ(std::string::npos, text.find("lamp -65536 "));
+    EXPECT_NE(std::string::npos, text.find("that are older\n")) << text;
+}
+
+TEST(StatsObjects, AreReadByPlaceAsFarAsTheCallerKnows) {
+    const Lamp lamp(7);
+    CStats now;
+    ObjectStats object;
+    EXPECT_EQ(0U, now.GetObjectCount());
+    EXPECT_EQ(-1, now.GetObject(0, object));
+    ASSERT_EQ(0, now.Take());
+    ASSERT_LE(1U, now.GetObjectCount());
+    ASSERT_EQ(0, now.GetObject(0, object));
+    EXPECT_STREQ("lamp", object.kind);
+    EXPECT_EQ(-7 * 65536, object.id);
+    EXPECT_STREQ("watts", object.names[0]);
+    EXPECT_EQ(7U, object.values[0]);
+    EXPECT_EQ(nullptr, object.names[2]);
+    EXPECT_EQ(-1, now.GetObject(now.GetObjectCount(), object));
+    ObjectStats old;
+    old.size = offsetof(ObjectStats, names);
+    old.values[0] = 99;
+    EXPECT_EQ(0, now.GetObject(0, old));
+    EXPECT_EQ(-7 * 65536, old.id);
+    EXPECT_EQ(99U, old.values[0]) << "memory that the caller did not offer";
+    old.size = 4;
+    EXPECT_EQ(-1, now.GetObject(0, old));
 }
 
 // ---- JSON and text ---------------------------------------------------------------------------------------
@@ -236,6 +304,14 @@ void expectSender(const SenderVerdict& row, const JsonValue& json) {
     EXPECT_TRUE(json["thinned_frames"].is(row.thinned_frames));
 }
 
+void expectObject(const ObjectRow& row, const JsonValue& json) {
+    EXPECT_TRUE(json["kind"].is(std::string(row.kind->name)));
+    EXPECT_TRUE(json["id"].is(std::to_string(row.id))) << "a string";
+    EXPECT_TRUE(json["height"].is(row.values[0]));
+    EXPECT_TRUE(json["turns"].is(row.values[1]));
+    EXPECT_EQ(4u, json.size());
+}
+
 template <class Row>
 void expectRows(const std::vector<Row>& rows, const JsonValue& json,
                 void (*expect)(const Row&, const JsonValue&)) {
@@ -255,7 +331,7 @@ TEST(MadeTexts, WhatIsReadFromTheJsonIsWhatWasInTheSnapshot) {
         const std::optional<JsonValue> read = JsonValue::parse(text);
         ASSERT_TRUE(read) << text;
         EXPECT_EQ(text.size() - 1, text.find('\n')) << "one line";
-        EXPECT_EQ(13u, read->size());
+        EXPECT_EQ(14u, read->size());
         EXPECT_TRUE((*read)["version"].is(uint64_t{STATS_VERSION}));
         EXPECT_TRUE((*read)["taken_us"].is(from.process.taken_us));
         EXPECT_EQ(from.process.timing != 0 ? "true" : "false", (*read)["timing"].text());
@@ -267,6 +343,7 @@ TEST(MadeTexts, WhatIsReadFromTheJsonIsWhatWasInTheSnapshot) {
         expectRows(from.pools, (*read)["pools"], &expectPool);
         expectRows(from.workers, (*read)["workers"], &expectWorker);
         expectRows(from.classes, (*read)["classes"], &expectClass);
+        expectRows(from.objects, (*read)["objects"], &expectObject);
         expectRows(from.media.senders, (*read)["media_senders"], &expectSender);
         expectRows<MediaBufferRow>(from.media.buffers, (*read)["media_buffers"],
                                    [](const MediaBufferRow& row, const JsonValue& json) {

@@ -1,6 +1,7 @@
 // CNFile: its calls and messages, as a caller sees them.
 #include <Reticor/NFile.h>
 
+#include "support/ObjectFigures.h"
 #include "support/file/FileWorld.h"
 
 namespace Orvex::Reticor {
@@ -425,6 +426,48 @@ TEST_F(NoFileThreads, EveryCallGoesStraightToTheDevice) {
     EXPECT_TRUE(eof);
     file->Close();
     EXPECT_EQ((Calls{"write 3", "seek 1", "read 2", "read 0", "close"}), disk->log());
+}
+
+// ---- in snapshots ----------------------------------------------------------------------------------------
+
+TEST_F(NFile, TellsWhatItsDeviceTookAndGave) {
+    using Figures = std::map<std::string, uint64_t>;
+    MemoryDevice* const device = newDevice();
+    disk->bytes = "0123456789";
+    bool fails = false;
+    device->on_write = [&fails](unsigned) { return fails ? -1 : MemoryDevice::LET_BE; };
+    CNFile* const file = open(device);
+    const long id = file->GetID();
+    EXPECT_EQ((Figures{{"written_bytes", 0}, {"read_bytes", 0}, {"device_errors", 0}}),
+              Testing::figuresOf("file", id));
+    bool eof = false;
+    read(*file, 4, eof);
+    drain();
+    EXPECT_EQ(10U, Testing::figuresOf("file", id)["read_bytes"]) << "a whole buffer is loaded";
+    EXPECT_EQ("0123", read(*file, 4, eof));
+    file->Seek(10, 0);
+    EXPECT_EQ(3, write(*file, "abc"));
+    fails = true;
+    file->Seek(0, 0);
+    EXPECT_EQ(0U, Testing::figuresOf("file", id)["written_bytes"]) << "still in a buffer";
+    step();
+    EXPECT_EQ(1U, Testing::figuresOf("file", id)["device_errors"]);
+    fails = false;
+    EXPECT_EQ("0123456789abc", closed(file));
+    EXPECT_EVENTUALLY(Testing::figuresOf("file", id).empty());
+}
+
+TEST_F(NoFileThreads, TellWhatWentToTheirDeviceWithoutBuffers) {
+    CNFile* const file = open(newDevice());
+    const long id = file->GetID();
+    EXPECT_EQ(5, file->Write("hello", 5));
+    file->Seek(0, 0);
+    char bytes[3];
+    bool eof = false;
+    EXPECT_EQ(3, file->Read(bytes, 3, eof));
+    EXPECT_EQ(5U, Testing::figuresOf("file", id)["written_bytes"]);
+    EXPECT_EQ(3U, Testing::figuresOf("file", id)["read_bytes"]);
+    closed(file);
 }
 
 }  // namespace

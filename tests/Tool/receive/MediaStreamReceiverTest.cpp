@@ -12,6 +12,7 @@
 #include "R3/print/FuncBox.h"
 #include "Tool/receive/ReceiverGroup.h"
 #include "support/LogCapture.h"
+#include "support/ObjectFigures.h"
 #include "support/debug/DaemonStandIn.h"
 #include "support/media/ReceiverStand.h"
 
@@ -502,6 +503,28 @@ TEST_F(MediaStreamReceiver, CommandSwitchesTheTraceOn) {
                                             MatchesRegex(start + "begin at [0-9]+ us\n")))
         << "a tick that is skipped has no end line";
     EXPECT_EQ(2, receiver->life->passives);
+}
+
+// ---- in snapshots ----------------------------------------------------------------------------------------
+
+TEST_F(MediaStreamReceiver, TellsHowOftenItWasCalledAndWhetherItRuns) {
+    for (const receiver_mode mode : {receiver_active, receiver_write, receiver_passive}) {
+        TestReceiver* const receiver = start(mode);
+        const long id = receiver->GetID();
+        tick();
+        tick();
+        EXPECT_EQ(static_cast<uint64_t>(receiver->life->calls()), figuresOf("receiver", id)["calls"]) << mode;
+        EXPECT_NE(0U, figuresOf("receiver", id)["calls"]);
+        EXPECT_EQ(1U, figuresOf("receiver", id)["running"]);
+        receiver->StopReceive();
+        tick();
+        EXPECT_EQ(static_cast<uint64_t>(receiver->life->calls()), figuresOf("receiver", id)["calls"]) << mode;
+        EXPECT_EQ(0U, figuresOf("receiver", id)["running"]);
+        receiver->Close();
+        tick();
+        serveAll();
+        EXPECT_TRUE(figuresOf("receiver", id).empty());
+    }
 }
 
 }  // namespace

@@ -14,6 +14,7 @@
 
 #include "R3/print/FuncBox.h"
 #include "support/LogCapture.h"
+#include "support/ObjectFigures.h"
 #include "support/core/SocketPair.h"
 #include "support/debug/DaemonStandIn.h"
 #include "support/media/StreamSenderFixture.h"
@@ -647,6 +648,40 @@ TEST_F(StreamSender, CommandSwitchesTheTraceOn) {
                     MatchesRegex("Orvex::Reticor::CStreamSender::handle_output, object:0x[0-9a-f]+, "
                                  "class:Orvex::Reticor::CStreamSender, strem:0x[0-9a-f]+, fd:" +
                                  fd + "\n")));
+}
+
+// ---- in snapshots ----------------------------------------------------------------------------------------
+
+TEST_F(StreamSender, TellsWhatWaitsWhatWentOutAndWhatWasRefused) {
+    using Figures = std::map<std::string, uint64_t>;
+    EXPECT_EQ(
+        (Figures{{"waiting_bytes", 0}, {"buffer_bytes", CAPACITY}, {"sent_bytes", 0}, {"refused_puts", 0}}),
+        figuresOf("stream_sender", sender->GetID()));
+    attach();
+    sender->Put(text(10).data(), 10);
+    backlog(CAPACITY - 5);
+    EXPECT_EQ(-1, sender->Put(text(6).data(), 6));
+    EXPECT_EQ((Figures{{"waiting_bytes", CAPACITY - 5},
+                       {"buffer_bytes", CAPACITY},
+                       {"sent_bytes", 10},
+                       {"refused_puts", 1}}),
+              figuresOf("stream_sender", sender->GetID()));
+    sock.setRoom(100);
+    sender->handle_output(sock.GetHandle());
+    EXPECT_EQ(CAPACITY - 105, figuresOf("stream_sender", sender->GetID())["waiting_bytes"]);
+    EXPECT_EQ(110U, figuresOf("stream_sender", sender->GetID())["sent_bytes"]);
+    sender->Clear();
+    EXPECT_EQ(0U, figuresOf("stream_sender", sender->GetID())["waiting_bytes"]);
+    EXPECT_EQ(110U, figuresOf("stream_sender", sender->GetID())["sent_bytes"]);
+}
+
+TEST_F(StreamSender, IsNotInSnapshotsAnyMoreWhenItHasGone) {
+    CStreamSender* const other = CStreamSender::Create();
+    const long id = other->GetID();
+    EXPECT_FALSE(figuresOf("stream_sender", id).empty());
+    other->Close();
+    serveAll();
+    EXPECT_TRUE(figuresOf("stream_sender", id).empty());
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 
 #include <Infra/Time.h>
 
+#include "support/ObjectFigures.h"
 #include "support/socket/Allocations.h"
 #include "support/tick/NTimerStand.h"
 
@@ -321,6 +322,28 @@ TEST_F(NTimer, ATickAllocatesNothing) {
     const size_t before = Testing::allocationCount();
     tick();
     EXPECT_EQ(before, Testing::allocationCount());
+}
+
+// ---- in snapshots ----------------------------------------------------------------------------------------
+
+TEST_F(NTimer, TellsItsPeriodItsTicksAndWhatIsOnIt) {
+    using Figures = std::map<std::string, uint64_t>;
+    const long id = timer->GetID();
+    EXPECT_EQ((Figures{{"period_us", MINUTE_US}, {"ticks", 0}, {"events", 0}}),
+              Testing::figuresOf("tick", id));
+    const std::vector<LetterEvent*> events = running(5);
+    tick();
+    EXPECT_EQ((Figures{{"period_us", MINUTE_US}, {"ticks", 1}, {"events", 5}}),
+              Testing::figuresOf("tick", id));
+    events[0]->Close();
+    events[2]->Close();
+    events[4]->Close();
+    EXPECT_EQ(5U, Testing::figuresOf("tick", id)["events"]) << "until the next pass";
+    sweep();
+    EXPECT_EQ((Figures{{"period_us", MINUTE_US}, {"ticks", 1}, {"events", 2}}),
+              Testing::figuresOf("tick", id));
+    closeTimer();
+    EXPECT_TRUE(Testing::figuresOf("tick", id).empty());
 }
 
 }  // namespace

@@ -33,6 +33,9 @@ public:
         for (int i = m_random.between(0, 8); i > 0; --i) {
             add_class();
         }
+        for (int i = m_random.between(0, 4); i > 0; --i) {
+            snapshot.objects.push_back({&KITE, -65536 * i, {figure(), figure()}});
+        }
         for (uint64_t number = m_random.between<uint64_t>(0, 3); number > 0; --number) {
             snapshot.media.buffers.push_back({number, figure(), figure(), figure(), figure()});
         }
@@ -45,6 +48,9 @@ public:
     MadeSnapshot& operator=(const MadeSnapshot&) = delete;
 
     Reticor::Snapshot snapshot;
+
+    inline static const Reticor::ObjectKind KITE{
+        "kite", {{{"height", "How high it is.", false}, {"turns", "So far.", true}}}};
 
 private:
     uint64_t figure() {
