@@ -132,20 +132,32 @@ TEST(LookAtProcess, ReadsClassesBuffersAndSenders) {
     EXPECT_EQ(300u, look.senders[0].taken_rate);
 }
 
-TEST(LookAtProcess, FilesAreThereWhereTheyAreTold) {
+TEST(LookAtProcess, ObjectsHaveTheFiguresThatTheyTell) {
     json all = whole_process();
-    EXPECT_TRUE(Samples::read(all).files.empty());
-    all["files"] = {
-        {{"file", "/var/log/shop"}, {"queued_bytes", 4096}, {"written_bytes", 10}, {"state", "open"}},
-        {{"name", "other"}}};
+    all["objects"] = {{{"kind", "file"}, {"id", "-65536"}, {"written_bytes", 10}, {"device_errors", 1}},
+                      {{"kind", "tick"}, {"id", "-131072"}, {"period_us", "soon"}, {"ticks", 3}},
+                      {{"written_bytes", -1}}};
     const Look look = Samples::read(all);
-    ASSERT_EQ(2u, look.files.size());
-    EXPECT_EQ("/var/log/shop", look.files[0].name);
-    EXPECT_EQ(4096u, look.files[0].queued_bytes);
-    EXPECT_EQ(10u, look.files[0].written_bytes);
-    EXPECT_EQ(UNKNOWN, look.files[0].read_bytes);
-    EXPECT_EQ("open", look.files[0].state);
-    EXPECT_EQ("other", look.files[1].name);
+    ASSERT_EQ(3u, look.objects.size());
+    EXPECT_EQ("file", look.objects[0].kind);
+    EXPECT_EQ("-65536", look.objects[0].name);
+    EXPECT_EQ(10u, look.objects[0].figure("written_bytes"));
+    EXPECT_EQ(1u, look.objects[0].figure("device_errors"));
+    EXPECT_EQ(0u, look.objects[0].figure("read_bytes")) << "which it does not tell";
+    ASSERT_EQ(1u, look.objects[1].figures.size()) << "a word is not a figure";
+    EXPECT_EQ(3u, look.objects[1].figure("ticks"));
+    EXPECT_EQ("", look.objects[2].kind);
+    EXPECT_EQ(0u, look.objects[2].figure("written_bytes")) << "nothing is less than nothing";
+}
+
+TEST(LookAtProcess, ObjectsAreNotNeeded) {
+    json all = whole_process();
+    all.erase("objects");
+    EXPECT_TRUE(Samples::read(all).objects.empty());
+    all["objects"] = "many";
+    EXPECT_TRUE(Samples::read(all).objects.empty());
+    all["objects"] = {1, "two", nullptr};
+    EXPECT_TRUE(Samples::read(all).objects.empty());
 }
 
 TEST(LookAtProcess, AProcessWithoutAPoolIsOneToo) {

@@ -97,7 +97,10 @@ protected:
             json::array({Samples::sender("-1", "keeps_up", "keeps up", 200),
                          Samples::sender("-2", "slow_reader", "reads 1.2 of 4.0 Mbit/s", 1500000),
                          Samples::sender("-3", "stalled", "stalled for 3.2 s", 3200000)});
-        all["files"] = json::array({{{"file", "/var/log/a"}, {"queued_bytes", 4096}}});
+        all["objects"] =
+            json::array({{{"kind", "file"}, {"id", "-65536"}, {"written_bytes", 4096}, {"device_errors", 2}},
+                         {{"kind", "stream_sender"}, {"id", "-131072"}, {"waiting_bytes", 70000}},
+                         {{"kind", "tick"}, {"id", "-196608"}, {"period_us", 20000}, {"events", 12}}});
         look(all);
         work(all);
         look(all);
@@ -117,6 +120,19 @@ protected:
     }
     json all = Samples::process(0);
 };
+
+TEST_F(ViewOfProcess, TellsOfOtherObjectsWhatTheyTell) {
+    settings.part = 5;
+    EXPECT_TRUE(shows("file            -65536      device errors 2  written 4.1 kB")) << screen();
+    EXPECT_TRUE(shows("stream_sender   -131072     waiting 70 kB")) << screen();
+    EXPECT_TRUE(shows("tick            -196608     events 12  period 20 ms")) << screen();
+    EXPECT_LT(screen().find("stream_sender"), screen().find("file ")) << "what waits is the load";
+    settings.order = Order::TOTAL;
+    EXPECT_GT(screen().find("stream_sender"), screen().find("file ")) << "and what was done the total";
+    settings.filter = "tick";
+    EXPECT_TRUE(shows("-196608"));
+    EXPECT_FALSE(shows("-65536"));
+}
 
 TEST_F(ViewOfProcess, TellsWhatItLooksAt) {
     EXPECT_EQ(0u, screen().find("reticor-top  /run/shop.stats  pid 4711 shop"));
@@ -164,11 +180,11 @@ TEST_F(ViewOfProcess, ColoursVerdictsByWhatTheyMean) {
     }
 }
 
-TEST_F(ViewOfProcess, TellsBuffersAndFiles) {
+TEST_F(ViewOfProcess, TellsBuffersAndOtherObjects) {
     EXPECT_TRUE(shows("media buffer"));
     EXPECT_TRUE(shows("1.2 MB")) << screen();
     EXPECT_TRUE(shows("500 kB/s")) << screen();
-    EXPECT_TRUE(shows("/var/log/a")) << screen();
+    EXPECT_TRUE(shows("-65536")) << screen();
     EXPECT_TRUE(shows("4.1 kB")) << screen();
 }
 
@@ -177,7 +193,7 @@ TEST_F(ViewOfProcess, PartsWithNothingInThemAreNotThere) {
     look(all);
     EXPECT_FALSE(shows("media buffer"));
     EXPECT_FALSE(shows("sender"));
-    EXPECT_FALSE(shows("file "));
+    EXPECT_FALSE(shows("object "));
     EXPECT_FALSE(shows("handlers  "));
     EXPECT_TRUE(shows("pool"));
 }
@@ -269,8 +285,8 @@ TEST_F(ViewOfProcess, TheFilterLeavesRowsOutAndKeepsPools) {
     EXPECT_FALSE(shows("Shop::Till"));
     EXPECT_TRUE(shows("stalled for"));
     EXPECT_FALSE(shows("keeps up"));
-    settings.filter = "/VAR";
-    EXPECT_TRUE(shows("/var/log/a"));
+    settings.filter = "FILE";
+    EXPECT_TRUE(shows("-65536"));
     settings.filter = "nothing has this";
     EXPECT_FALSE(shows("Idle"));
 }
@@ -289,8 +305,8 @@ TEST_F(ViewOfProcess, ThePartThatIsChosenHasTheWholeScreen) {
     EXPECT_TRUE(shows("stalled for"));
     EXPECT_FALSE(shows("Shop::Till"));
     settings.part = 5;
-    EXPECT_TRUE(shows("/var/log/a"));
-    EXPECT_EQ(1u, View(model, settings, contact).rows());
+    EXPECT_TRUE(shows("-65536"));
+    EXPECT_EQ(3u, View(model, settings, contact).rows());
     settings.part = 0;
     EXPECT_EQ(0u, View(model, settings, contact).rows()) << "all of them do not scroll";
 }
@@ -302,7 +318,7 @@ TEST_F(ViewOfProcess, ALongListIsCutAndSaysSo) {
     look(all);
     EXPECT_TRUE(shows(" more\n"));
     EXPECT_TRUE(shows("stalled for 3.2 s")) << "others keep their place:\n" << screen();
-    EXPECT_TRUE(shows("/var/log/a"));
+    EXPECT_TRUE(shows("-65536"));
     settings.part = 2;
     EXPECT_TRUE(shows("and 84 more")) << screen();
 }

@@ -151,13 +151,14 @@ void read_row(const json& from, SenderRow& row) {
     row.dropped = count(from, "hole_frames") + count(from, "skipped_frames") + count(from, "thinned_frames");
 }
 
-void read_row(const json& from, FileRow& row) {
-    row.name = word(from, "file");
-    row.name = row.name.empty() ? word(from, "name") : row.name;
-    row.queued_bytes = count(from, "queued_bytes", UNKNOWN);
-    row.written_bytes = count(from, "written_bytes", UNKNOWN);
-    row.read_bytes = count(from, "read_bytes", UNKNOWN);
-    row.state = word(from, "state");
+void read_row(const json& from, ObjectRow& row) {
+    row.kind = word(from, "kind");
+    row.name = word(from, "id");
+    for (const auto& [name, value] : from.items()) {
+        if (value.is_number()) {
+            row.figures.emplace_back(name, count_of(value));
+        }
+    }
 }
 
 template <class Row>
@@ -187,7 +188,7 @@ void read_process(const json& from, uint64_t now_us, Look& look) {
     read_rows(from, "classes", look.classes);
     read_rows(from, "media_buffers", look.buffers);
     read_rows(from, "media_senders", look.senders);
-    read_rows(from, "files", look.files);
+    read_rows(from, "objects", look.objects);
 }
 
 SenderRow client_of(const json& from) {
@@ -235,6 +236,15 @@ void read_relay(const json& from, uint64_t now_us, Look& look) {
 }
 
 }  // namespace
+
+uint64_t ObjectRow::figure(const std::string& wanted) const {
+    for (const auto& [one, value] : figures) {
+        if (one == wanted) {
+            return value;
+        }
+    }
+    return 0;
+}
 
 bool Look::read(const std::string& text, uint64_t now_us, std::string& wrong) {
     if (!is_shallow(text)) {

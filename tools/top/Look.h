@@ -52,10 +52,14 @@ struct SenderRow {
     bool has_left = false;
 };
 
-struct FileRow {
-    std::string name;
-    uint64_t queued_bytes = UNKNOWN, written_bytes = UNKNOWN, read_bytes = UNKNOWN;
-    std::string state;
+/// A byte-stream sender, a file, a receiver or a tick: what such a one tells differs.
+struct ObjectRow {
+    std::string kind;
+    std::string name;                                       ///< Its id.
+    std::vector<std::pair<std::string, uint64_t>> figures;  ///< By name.
+
+    /// 0 if it has no such figure.
+    uint64_t figure(const std::string& wanted) const;
 };
 
 /// A relay's own figures.
@@ -81,7 +85,7 @@ struct Look {
     std::vector<ClassRow> classes;
     std::vector<BufferRow> buffers;
     std::vector<SenderRow> senders;
-    std::vector<FileRow> files;
+    std::vector<ObjectRow> objects;
     RelayRow relay;
 
     /// Reads the JSON of a statistics socket or of a relay. Figures that are missing, or are not what they

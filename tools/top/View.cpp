@@ -20,7 +20,7 @@ constexpr const char* HELP[] = {
     "/          filter: only rows that contain what you type; Enter, Esc clears it",
     "space      hold: the process is not asked until the next one",
     "t          have times of handlers measured, or not any more",
-    "1 2 3 4 5  only pools, handlers, senders, buffers, files;  0  all",
+    "1 2 3 4 5  only pools, handlers, senders, buffers, others;  0  all",
     "up, down   scroll the one part; also page up, page down, home",
     "? or h     this help; any key leaves it",
     "",
@@ -49,6 +49,24 @@ std::string in_bytes(uint64_t count) {
 
 std::string in_time(uint64_t us) {
     return us == UNKNOWN ? "-" : duration(static_cast<double>(us));
+}
+
+bool ends_with(const std::string& text, const std::string& end) {
+    return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+}
+
+/// "waiting 4.1 kB  refused puts 2": each in the unit that its name ends with.
+std::string figures_of(const ObjectRow& row) {
+    std::string all;
+    for (const auto& [name, value] : row.figures) {
+        const bool is_size = ends_with(name, "_bytes");
+        const bool is_time = ends_with(name, "_us");
+        std::string title = name.substr(0, name.size() - (is_size ? 6 : is_time ? 3 : 0));
+        std::replace(title.begin(), title.end(), '_', ' ');
+        all += (all.empty() ? "" : "  ") + title + " ";
+        all += is_size ? in_bytes(value) : is_time ? in_time(value) : big(value);
+    }
+    return all;
 }
 
 std::string tail_of(const SpreadFigures& spread) {
@@ -259,33 +277,31 @@ Table View::buffers() const {
     return table;
 }
 
-Table View::files() const {
-    Table table({{"file", 0, false, 0},
-                 {"queued", 7, true, 0},
-                 {"written", 7, true, 1},
-                 {"read", 7, true, 2},
-                 {"state", 12, false, 3}},
-                16);
-    std::vector<FileRow> rows;
-    for (const FileRow& row : m_model.now().files) {
-        if (is_wanted(row.name + " " + row.state)) {
+// What waits is the load of an object, and what it has done its total.
+Table View::objects() const {
+    Table table({{"object", 14, false, 0}, {"id", 10, false, 0}, {"figures", 0, false, 1}}, 0);
+    std::vector<ObjectRow> rows;
+    for (const ObjectRow& row : m_model.now().objects) {
+        if (is_wanted(row.kind + " " + row.name)) {
             rows.push_back(row);
         }
     }
-    const auto known = [](uint64_t bytes) { return bytes == UNKNOWN ? 0.0 : static_cast<double>(bytes); };
-    sort_rows<FileRow>(rows, m_settings, [&](const FileRow& row, Order order) {
-        return order == Order::TOTAL ? known(row.written_bytes) + known(row.read_bytes)
-                                     : known(row.queued_bytes);
+    sort_rows<ObjectRow>(rows, m_settings, [](const ObjectRow& row, Order order) {
+        return static_cast<double>(order == Order::TOTAL
+                                       ? row.figure("sent_bytes") + row.figure("written_bytes") +
+                                             row.figure("read_bytes")
+                                       : row.figure("waiting_bytes"));
     });
-    for (const FileRow& row : rows) {
-        table.add({row.name, in_bytes(row.queued_bytes), in_bytes(row.written_bytes),
-                   in_bytes(row.read_bytes), row.state});
+    for (const ObjectRow& row : rows) {
+        const bool suffers = row.figure("device_errors") != 0 || row.figure("refused_puts") != 0;
+        table.add({row.kind, row.name, figures_of(row)}, Style::NORMAL,
+                  {{2, suffers ? Style::WARN : Style::NORMAL}});
     }
     return table;
 }
 
 std::vector<Table> View::tables() const {
-    return {pools(), classes(), senders(), buffers(), files()};
+    return {pools(), classes(), senders(), buffers(), objects()};
 }
 
 size_t View::rows() const {

@@ -47,7 +47,7 @@ private:
     Table classes() const;
     Table senders() const;
     Table buffers() const;
-    Table files() const;
+    Table objects() const;
     void add_body(std::vector<Line>& lines, size_t width, size_t height) const;
     bool is_wanted(const std::string& text) const;
 
