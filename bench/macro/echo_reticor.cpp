@@ -1,5 +1,8 @@
 // Echo server on Reticor: a handler per connection, all on one pool, so any worker serves any connection.
+// RETICOR_STATS in the environment: the path of its statistics socket.
 #include <netinet/in.h>
+
+#include <cstdlib>
 
 #include <Reticor/NetHandler.h>
 #include <Reticor/NetThread.h>
@@ -119,6 +122,10 @@ int main(int argc, char** argv) {
     Bench::EchoOptions options = Bench::parseEchoOptions(argc, argv, "echo server on Reticor");
     Bench::blockTerminationSignals();
     if (CNetThread::CreateThreadPool(options.threads, false) != 0) {
+        return 1;
+    }
+    const char* const stats = std::getenv("RETICOR_STATS");
+    if (stats != nullptr && CNetThread::ServeStats(stats) != 0) {
         return 1;
     }
     auto* listener = new Listener;

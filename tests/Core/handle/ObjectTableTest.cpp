@@ -13,6 +13,7 @@
 
 #include "support/PoolFixture.h"
 #include "support/SeededRandom.h"
+#include "support/core/SocketPair.h"
 #include "support/socket/Allocations.h"
 
 namespace Orvex::Testing {
@@ -102,8 +103,8 @@ TEST_F(ObjectTableCases, TheLastPlaceOfAChunkAndTheFirstOfTheNextAreTwo) {
         entries.push_back(entry(idAt(place)));
         EXPECT_TRUE(table.Insert(&entries.back()));
     }
-    EXPECT_FALSE(table.Has(idAt(2 * TABLE_CHUNK))) << "a chunk that was never used";
-    EXPECT_EQ(nullptr, table.Remove(idAt(2 * TABLE_CHUNK)));
+    EXPECT_FALSE(table.Has(idAt(2 * TABLE_CHUNK + 5))) << "a chunk that was never used";
+    EXPECT_EQ(nullptr, table.Remove(idAt(2 * TABLE_CHUNK + 5)));
     for (ObjectEntry& own : entries) {
         EXPECT_EQ(&own, table.Remove(own.m_id));
     }
@@ -118,6 +119,24 @@ TEST_F(ObjectTableCases, AClosedHandlerIsFoundUntilItIsDetachedButIsNotThere) {
     closing->Close();
     EXPECT_FALSE(table.Has(own.m_id));
     EXPECT_EQ(closing, table.Find(own.m_id).get());
+    EXPECT_EQ(&own, table.Remove(own.m_id));
+}
+
+TEST_F(ObjectTableCases, TheClassOfAnOpenHandlerIsToldWithoutAReference) {
+    auto* const closing = new TestHandler;
+    const HandlerPin kept = HandlerPin::Take(closing);
+    ObjectEntry own{idAt(9), closing};
+    EXPECT_TRUE(table.Insert(&own));
+    ASSERT_TRUE(table.RowOf(own.m_id));
+    EXPECT_EQ(uint32_t{ClassRows::NOT_CALLED}, *table.RowOf(own.m_id));
+    SocketPair pair;
+    ASSERT_EQ(0, closing->RegisterSock(pair.near, SOCK_READ, 0));
+    closing->RemoveSock(pair.near);
+    EXPECT_STREQ("Orvex::Testing::TestHandler", ClassRows::Name(*table.RowOf(own.m_id)));
+    EXPECT_FALSE(table.RowOf(idAt(9, 1))) << "another generation";
+    EXPECT_FALSE(table.RowOf(idAt(8)));
+    closing->Close();
+    EXPECT_FALSE(table.RowOf(own.m_id)) << "a closed one is nobody's";
     EXPECT_EQ(&own, table.Remove(own.m_id));
 }
 
