@@ -22,6 +22,7 @@
 #include "Core/pool/PoolTable.h"
 #include "Core/pool/ThreadPool.h"
 #include "Core/record/EventFreeList.h"
+#include "Core/service/DeadNumbers.h"
 #include "Core/service/Message.h"
 #include "Core/service/NetSock.h"
 #include "Core/service/NetTimer.h"
@@ -173,7 +174,7 @@ void Library::stop_services() {
 
 int Library::set_up(unsigned int threads, AfterLock& after) {
     MediaSource::Set(&MediaSnapshot::gather);
-    WatchedNumbers::SetListener(&CNetSock::NoteClose);
+    WatchedNumbers::SetListener(&DeadNumbers::NoteClose);
     CTsMemory::InitStaticVal();
     m_cpu_num = CThreadPool::processor_count();
     if (start_services() != 0) {

@@ -1,7 +1,6 @@
 // CNetSock: binds a socket to a handler, and turns its readiness into calls.
 #include "Core/service/NetSock.h"
 
-#include <optional>
 #include <utility>
 
 #include <Infra/HeldLocks.h>
@@ -10,7 +9,6 @@
 #include <Reticor/NetHandler.h>
 #include <Reticor/Sock.h>
 
-#include "Core/count/ClassRows.h"
 #include "Core/count/Timing.h"
 #include "Core/handle/CallMark.h"
 #include "Core/handle/ClassName.h"
@@ -20,51 +18,16 @@
 #include "Core/pool/PoolTable.h"
 #include "Core/pool/ThreadPool.h"
 #include "Core/record/EventFreeList.h"
+#include "Core/service/DeadNumbers.h"
 #include "Core/service/RoomWatch.h"
 #include "Core/service/SockTimer.h"
 #include "R3/print/DebugSocket.h"
-#include "Socket/socket/CloseCount.h"
 
 namespace Orvex::Reticor {
 
 namespace {
 
 using Flags = CDebugSocket;
-
-/// The class of an open handler, without a reference: that must not be dropped under somebody's lock. Null
-/// without one.
-const char* open_class(CThreadPool& pool, int64_t id) {
-    const std::optional<uint32_t> row = pool.m_obj_tree.RowOf(id);
-    return row ? ClassRows::Name(*row) : nullptr;
-}
-
-/// A number that is closed by close(2) and registered anew, without RemoveSock between: the library finds out
-/// when it tells the kernel of the new registration. What CSock::Close closes has been told of then.
-class SilentReuse {
-public:
-    /// Before the kernel is told.
-    explicit SilentReuse(const CEvent& ev)
-        : m_sequence(ev.m_timer.m_sequence),
-          m_silent(ev.m_timer.m_close_count == close_count(static_cast<int>(ev.m_key))) {}
-
-    /// After it: names the handler whose socket it was.
-    void tell(CThreadPool& pool, RecordPin event, int64_t owner) const {
-        if (event->m_timer.m_sequence == m_sequence || !m_silent) {
-            return;
-        }
-        const int fd = static_cast<int>(event->m_key);
-        event.Leave();
-        if (const char* const name = open_class(pool, owner)) {
-            INFRA_LOG_STATIC(
-                2, "RegisterSock reused sock, fd: %d, class: %s, id: %ld, remove it before it is closed\n",
-                fd, name, static_cast<long>(owner));
-        }
-    }
-
-private:
-    const uint32_t m_sequence;
-    const bool m_silent;
-};
 
 bool tracing() {
     return Infra::logEnabled(3);
@@ -222,7 +185,8 @@ void CNetSock::modify_exist_event(CThreadPool& pool, CNetHandler* handler, Recor
     if (owner_before != id_of(handler) && drop_room(event.get())) {
         RoomLosses::note();
     }
-    const SilentReuse reuse(*event.get());
+    const uint32_t sequence = event->m_timer.m_sequence;
+    const uint32_t closes = event->m_timer.m_close_count;
     Infra::relaxedStore(event->m_obj_id, static_cast<int64_t>(id_of(handler)));
     clear_flag(event.get(), MUX_ORPHAN);
     if (event->m_timer.m_set_time != 0 || time_out != 0) {
@@ -248,7 +212,9 @@ void CNetSock::modify_exist_event(CThreadPool& pool, CNetHandler* handler, Recor
         HandlerInternal::Of(*handler).AddSock();
         event->m_event_mask &= ~SOCK_REMOVED;
     }
-    reuse.tell(pool, std::move(event), owner_before);
+    if (event->m_timer.m_sequence != sequence) {
+        DeadNumbers::NoteReuse(pool, std::move(event), closes, owner_before);
+    }
 }
 
 int CNetSock::UnregisterSock(CNetHandler* handler, CSock& sock, unsigned int type) {
@@ -326,26 +292,6 @@ int CNetSock::RemoveSock(CNetHandler* handler, CSock& sock) INFRA_NO_THREAD_SAFE
         trace_remove("CNetSock::RemoveSock &2 ", handler, fd);
     }
     return 0;
-}
-
-void CNetSock::NoteClose(int fd) {
-    for (int index = 0; index < PoolTable::POOL_LIMIT; ++index) {
-        const PoolLease pool(index);
-        if (!pool) {
-            continue;
-        }
-        RecordPin event = RecordPin::Adopt(static_cast<CEvent*>(pool->m_sock_tree.Find(fd)));
-        if (!event || (event->m_event_mask & SOCK_REMOVED) != 0) {
-            continue;
-        }
-        const int64_t owner = event->m_obj_id;
-        event.Leave();
-        if (const char* const name = open_class(*pool, owner)) {
-            INFRA_LOG_STATIC(
-                2, "Close registered sock, fd: %d, class: %s, id: %ld, remove it before it is closed\n", fd,
-                name, static_cast<long>(owner));
-        }
-    }
 }
 
 // Entered with the tree's lock held for writing, which it leaves; frees the record.
@@ -482,9 +428,10 @@ void CNetSock::finish(CEvent* record, int ret, int64_t missing_owner) {
     }
     set_revents(record, 0);
     clear_flag(record, MUX_BUSY);
-    const SilentReuse reuse(*record);
+    const uint32_t closes = event->m_timer.m_close_count;
     // A registration meanwhile may have named an owner that this delivery did not look for.
-    if (!pool->m_mux.Rearm(record, event->m_obj_id != missing_owner)) {
+    const bool is_same = pool->m_mux.Rearm(record, event->m_obj_id != missing_owner);
+    if (!is_same) {
         ret = 0;  // as if removed and registered again: the call was about an earlier socket
     }
     if ((event->m_event_mask & SOCK_ROOM) != 0 && (missing_owner != 0 || !RoomWatch::is_placed(record))) {
@@ -496,8 +443,10 @@ void CNetSock::finish(CEvent* record, int ret, int64_t missing_owner) {
     } else {
         reset_timer(record, ret > 0 ? ret / 1000 : ret);
     }
-    const int64_t owner = event->m_obj_id;
-    reuse.tell(*pool, std::move(event), owner);
+    if (!is_same) {
+        const int64_t owner = event->m_obj_id;
+        DeadNumbers::NoteReuse(*pool, std::move(event), closes, owner);
+    }
 }
 
 // The tree's lock comes before the record's, so the removal is looked at again under both: it may have been

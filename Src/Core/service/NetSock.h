@@ -42,10 +42,6 @@ public:
     /// Always 0.
     static int handle_netevent(CEvent* event);
 
-    /// The number is about to be closed: says at level 2 whose socket it is, if it is registered. Any thread,
-    /// with any lock of a product held.
-    static void NoteClose(int fd);
-
 private:
     static int check_valid(int fd);
     static int register_new_event(CThreadPool& pool, CNetHandler* handler, int fd, unsigned int type,
