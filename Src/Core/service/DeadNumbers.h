@@ -16,8 +16,9 @@ public:
     static void NoteClose(int fd);
 
     /// A number turned out to be another file's when the kernel was told of its new registration: RemoveSock
-    /// was left out. `closes`: the m_close_count of the record before that; what CSock::Close has closed since then is
-    /// known from NoteClose. `owner`: whose socket it was. With the record's mutex held, which it leaves.
+    /// was left out. `closes`: the record's m_close_count before that; what CSock::Close has closed since
+    /// then is known from NoteClose. `owner`: whose socket it was. With the record's mutex held, which it
+    /// leaves.
     static void NoteReuse(CThreadPool& pool, RecordPin event, uint32_t closes, int64_t owner);
 };
 
