@@ -6,11 +6,11 @@
 #include <utility>
 #include <vector>
 
-#include "media_relay/HttpRequest.h"
-#include "media_relay/TsClock.h"
-#include "media_relay/TsDemuxer.h"
-#include "media_relay/TsFramer.h"
-#include "media_relay/TsSections.h"
+#include "media_relay/http/HttpRequest.h"
+#include "media_relay/mpegts/TsClock.h"
+#include "media_relay/mpegts/TsDemuxer.h"
+#include "media_relay/mpegts/TsFramer.h"
+#include "media_relay/mpegts/TsSections.h"
 
 using namespace relay;
 

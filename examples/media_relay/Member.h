@@ -4,8 +4,8 @@
 #include <Reticor/NetHandler.h>
 #include <Reticor/SockStream.h>
 
-#include "media_relay/Door.h"
 #include "media_relay/Roster.h"
+#include "media_relay/http/Door.h"
 
 namespace relay {
 

@@ -7,7 +7,7 @@
 
 #include <Reticor/SockDgram.h>
 
-#include "media_relay/TsPacket.h"
+#include "media_relay/mpegts/TsPacket.h"
 
 namespace relay {
 

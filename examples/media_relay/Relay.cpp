@@ -12,9 +12,9 @@
 #include <Infra/Log.h>
 #include <Infra/Time.h>
 
-#include "media_relay/Session.h"
 #include "media_relay/TestSource.h"
 #include "media_relay/TsSource.h"
+#include "media_relay/http/Session.h"
 
 namespace relay {
 

@@ -10,11 +10,11 @@
 #include <nlohmann/json_fwd.hpp>
 
 #include "media_relay/EndSignals.h"
-#include "media_relay/Listener.h"
 #include "media_relay/LiveStream.h"
 #include "media_relay/MulticastOutput.h"
 #include "media_relay/Options.h"
 #include "media_relay/Source.h"
+#include "media_relay/http/Listener.h"
 
 namespace relay {
 

@@ -5,9 +5,9 @@
 
 #include "media_relay/MulticastOutput.h"
 #include "media_relay/Source.h"
-#include "media_relay/TsClock.h"
-#include "media_relay/TsDemuxer.h"
-#include "media_relay/TsFramer.h"
+#include "media_relay/mpegts/TsClock.h"
+#include "media_relay/mpegts/TsDemuxer.h"
+#include "media_relay/mpegts/TsFramer.h"
 
 namespace relay {
 

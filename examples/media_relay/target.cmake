@@ -1,8 +1,8 @@
 # What media_relay needs beyond its sources: libjpeg-turbo for the test picture, and page.html inside the program.
 target_link_libraries(media_relay PRIVATE PkgConfig::turbojpeg nlohmann_json::nlohmann_json)
 
-set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${CMAKE_CURRENT_LIST_DIR}/page.html)
-file(READ ${CMAKE_CURRENT_LIST_DIR}/page.html PAGE)
-configure_file(${CMAKE_CURRENT_LIST_DIR}/Page.cpp.in ${PROJECT_BINARY_DIR}/generated/media_relay/Page.cpp @ONLY)
-target_sources(media_relay PRIVATE ${PROJECT_BINARY_DIR}/generated/media_relay/Page.cpp)
-set_source_files_properties(${PROJECT_BINARY_DIR}/generated/media_relay/Page.cpp PROPERTIES SKIP_PRECOMPILE_HEADERS ON)
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${CMAKE_CURRENT_LIST_DIR}/http/page.html)
+file(READ ${CMAKE_CURRENT_LIST_DIR}/http/page.html PAGE)
+configure_file(${CMAKE_CURRENT_LIST_DIR}/http/Page.cpp.in ${PROJECT_BINARY_DIR}/generated/media_relay/http/Page.cpp @ONLY)
+target_sources(media_relay PRIVATE ${PROJECT_BINARY_DIR}/generated/media_relay/http/Page.cpp)
+set_source_files_properties(${PROJECT_BINARY_DIR}/generated/media_relay/http/Page.cpp PROPERTIES SKIP_PRECOMPILE_HEADERS ON)

@@ -6,12 +6,12 @@
 
 #include <gtest/gtest.h>
 
-#include "media_relay/HttpRequest.h"
-#include "media_relay/KeyFrames.h"
-#include "media_relay/TsClock.h"
-#include "media_relay/TsDemuxer.h"
-#include "media_relay/TsFramer.h"
-#include "media_relay/TsSections.h"
+#include "media_relay/http/HttpRequest.h"
+#include "media_relay/mpegts/KeyFrames.h"
+#include "media_relay/mpegts/TsClock.h"
+#include "media_relay/mpegts/TsDemuxer.h"
+#include "media_relay/mpegts/TsFramer.h"
+#include "media_relay/mpegts/TsSections.h"
 
 using namespace relay;
 using Bytes = std::vector<uint8_t>;

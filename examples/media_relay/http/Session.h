@@ -11,9 +11,9 @@
 #include <Reticor/StreamSender.h>
 
 #include "media_relay/Client.h"
-#include "media_relay/HttpRequest.h"
 #include "media_relay/Member.h"
 #include "media_relay/Relay.h"
+#include "media_relay/http/HttpRequest.h"
 
 namespace relay {
 

@@ -1,6 +1,6 @@
 // HttpRequest: the request line, and a look at the lines after it.
 
-#include "media_relay/HttpRequest.h"
+#include "media_relay/http/HttpRequest.h"
 
 #include <algorithm>
 #include <cstring>

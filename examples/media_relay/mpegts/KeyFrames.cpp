@@ -1,6 +1,6 @@
 // KeyFrames: start codes and the byte after them.
 
-#include "media_relay/KeyFrames.h"
+#include "media_relay/mpegts/KeyFrames.h"
 
 namespace relay {
 

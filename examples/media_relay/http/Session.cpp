@@ -1,6 +1,6 @@
 // Session: request, answer, live stream, and an end for each of them.
 
-#include "media_relay/Session.h"
+#include "media_relay/http/Session.h"
 
 #include <sys/socket.h>
 #include <cstdio>
@@ -8,8 +8,8 @@
 
 #include <Infra/Log.h>
 
-#include "media_relay/Page.h"
 #include "media_relay/TestSource.h"
+#include "media_relay/http/Page.h"
 
 namespace relay {
 

@@ -1,6 +1,6 @@
 // TsDemuxer: tables, streams, and the bounds of access units.
 
-#include "media_relay/TsDemuxer.h"
+#include "media_relay/mpegts/TsDemuxer.h"
 
 #include <utility>
 

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <map>
 
-#include "media_relay/TsPacket.h"
+#include "media_relay/mpegts/TsPacket.h"
 
 namespace relay {
 

@@ -1,6 +1,6 @@
 // TsClock: arithmetic on the 33 bits of time stamps and the 42 bits of the clock.
 
-#include "media_relay/TsClock.h"
+#include "media_relay/mpegts/TsClock.h"
 
 #include <algorithm>
 

@@ -12,9 +12,9 @@
 #include <Reticor/SockAddrStorage.h>
 #include <Reticor/SockStream.h>
 
-#include "media_relay/Door.h"
 #include "media_relay/Member.h"
 #include "media_relay/Roster.h"
+#include "media_relay/http/Door.h"
 
 namespace relay {
 

@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "media_relay/TsSections.h"
+#include "media_relay/mpegts/TsSections.h"
 
 namespace relay {
 

@@ -1,10 +1,10 @@
 // TsFramer: a window over the input, and the search for the heads of packets in it.
 
-#include "media_relay/TsFramer.h"
+#include "media_relay/mpegts/TsFramer.h"
 
 #include <cstring>
 
-#include "media_relay/TsPacket.h"
+#include "media_relay/mpegts/TsPacket.h"
 
 namespace relay {
 

@@ -1,6 +1,6 @@
 // TsSections: reading and writing of PAT and PMT.
 
-#include "media_relay/TsSections.h"
+#include "media_relay/mpegts/TsSections.h"
 
 #include <algorithm>
 

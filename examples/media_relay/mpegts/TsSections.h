@@ -6,7 +6,7 @@
 #include <functional>
 #include <vector>
 
-#include "media_relay/TsPacket.h"
+#include "media_relay/mpegts/TsPacket.h"
 
 namespace relay {
 

@@ -6,9 +6,9 @@
 #include <map>
 #include <vector>
 
-#include "media_relay/KeyFrames.h"
-#include "media_relay/TsPacket.h"
-#include "media_relay/TsSections.h"
+#include "media_relay/mpegts/KeyFrames.h"
+#include "media_relay/mpegts/TsPacket.h"
+#include "media_relay/mpegts/TsSections.h"
 
 namespace relay {
 
