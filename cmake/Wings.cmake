@@ -71,6 +71,7 @@ reticor_wing(8 Core/debugger)
 reticor_wing(8 R3/server DOORS Debug)
 reticor_wing(8 Tool/verdict DOORS MediaSnapshot)
 reticor_wing(9 Core)
+reticor_wing(10 Tool/lane)
 reticor_wing(10 Kit DOORS ConnectionBody Member PoolState)
 reticor_wing(11 Kit/connect)
 

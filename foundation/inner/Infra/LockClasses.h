@@ -44,6 +44,7 @@
     X(MEDIA_MOVES, "MoveLine::m_mutex", "who waits for a key frame of a buffer, to move to it") \
     X(MEDIA_OTHER, "SenderRecord::m_other_mutex", "other data, the send procedure, the filter") \
     X(MEDIA_TAPS, "m_mutex of the taps' registry", "which taps are alive") \
+    X(MEDIA_INBOX, "LaneInbox::m_mutex", "the frames that wait for a lane") \
     X(MEDIA_ROLL, "CoreRoll::sm_mutex", "the list of all media buffers") \
     X(MEDIA_ENDED, "EndedVerdicts::sm_mutex", "the last verdicts on senders that have ended") \
     X(KIT_POOL, "PoolState::m_mutex of the kit", \
