@@ -53,6 +53,7 @@ FileOptions parseFileOptions(int argc, char** argv, const char* description) {
     app.add_option("--slow-ms", options.slowMs,
                    "a device each of whose calls takes so long, instead of a file")
         ->check(CLI::NonNegativeNumber);
+    app.add_flag("--read-ahead", options.readAhead, "blocks are loaded before they are asked for");
     app.add_option("--directory", options.directory, "where the file is made")->check(CLI::ExistingDirectory);
     try {
         app.parse(argc, argv);

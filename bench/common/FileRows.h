@@ -15,6 +15,7 @@ struct FileOptions {
     std::size_t piece = 4096;
     int slowMs = 0;  // each call of the device takes so long; 0 is a file in `directory`
     std::string directory = ".";
+    bool readAhead = false;  // the reader asks for it, where there is such a thing
 };
 
 // Ends the process with a message if the command line is wrong.

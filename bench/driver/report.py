@@ -100,7 +100,8 @@ HEADINGS = {
               "is the median of the last tenth of the ticks less that of the first."),
     "files": ("Files", "One caller writes a file in pieces of 4 KiB and reads it back, once after the page cache was told "
               "to let go of it and once warm; every piece is compared. The time is from opening to the end of closing. "
-              "Reticor's caller is a handler on a pool with CPosixStorDev and its usual four buffers of 128 KiB; libuv's "
+              "Reticor's caller is a handler on a pool with CPosixStorDev and its usual four buffers of 128 KiB, or, "
+              "reading ahead, with 16; libuv's "
               "calls are made one after the other from its loop, and a call is the handing over of the request. "
               "Ratios are to fwrite and fread. The slow device sleeps 50 ms in every call (fwrite: in every write "
               "after its buffer of 8 KiB) and keeps nothing; what counts there is how long the caller is held."),

@@ -9,7 +9,7 @@ from tools import Server, calls_per_request
 NAMES = {
     "epoll": "plain epoll", "libevent": "libevent", "libuv": "libuv", "asio": "asio", "tbb": "TBB",
     "gstreamer": "GStreamer", "stdio": "fwrite, fread", "posix": "pwrite, pread", "reticor": "Reticor",
-    "reticor-single": "Reticor, a write per frame",
+    "reticor-single": "Reticor, a write per frame", "reticor-ahead": "Reticor, reading ahead",
     "sendto": "plain sendto", "reticor-many": "Reticor, SendMany", "reticor-segments": "Reticor, SendSegments",
 }
 ECHO = ["epoll", "libevent", "libuv", "asio", "reticor"]
@@ -233,7 +233,11 @@ class FileRow(ProgramRow):
         self.group = "files"
 
     def program(self, implementation):
-        return f"files_{implementation}"
+        return f"files_{implementation.split('-')[0]}"
+
+    def measure(self, tools, implementation, scale):
+        ahead = ["--read-ahead"] if implementation == "reticor-ahead" else []
+        return flat(tools.json(self.program(implementation), *self.arguments(scale), *ahead))
 
 
 def file_arguments(scale):
@@ -277,8 +281,8 @@ def all_rows(micro_programs):
         DatagramRow("datagrams", "Datagrams of 1400 bytes", DATAGRAMS, datagram_arguments),
         ProgramRow("timers", "Timers", ["libuv", "libevent", "reticor"], timer_arguments),
         ProgramRow("ticks", "Ticks", ["reticor"], tick_arguments),
-        FileRow("files", "1 GiB in pieces of 4 KiB, written and read back", ["stdio", "posix", "libuv", "reticor"],
-                file_arguments),
+        FileRow("files", "1 GiB in pieces of 4 KiB, written and read back", ["stdio", "posix", "libuv", "reticor",
+                                                                                  "reticor-ahead"], file_arguments),
         FileRow("files-slow", "2 MiB in pieces of 4 KiB to a device whose every call takes 50 ms", ["stdio", "reticor"],
                 slow_file_arguments),
         *[MicroRow(program) for program in micro_programs],

@@ -177,6 +177,11 @@ def files(found):
                  found.ratio("files", "cold.mib_per_s", "reticor", "stdio"), 0.7, at_least=True)
     for phase, what in (("write", "Write"), ("cold", "Read, cold cache"), ("warm", "Read, warm cache")):
         yield Target(work, f"p99 of one call, {what}", found.get("files", "reticor", phase + ".p99_us"), 5, unit="us")
+    for phase in ("cold", "warm"):
+        yield Target(work, f"p99 of one call, Read ahead, {phase} cache", found.get("files", "reticor-ahead", phase + ".p99_us"),
+                     5, unit="us")
+        yield Target(work, f"bytes/s read ahead against Read without, {phase} cache",
+                     found.ratio("files", phase + ".mib_per_s", "reticor-ahead", "reticor"), 1, at_least=True)
     yield Target("A device whose every call takes 50 ms", "longest call of the caller",
                  found.get("files-slow", "reticor", "write.max_us"), 200, unit="us")
 

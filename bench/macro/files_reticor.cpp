@@ -159,6 +159,10 @@ private:
                                          : new Reporting(closed);
         CNFile* const file = CNFile::Open(m_caller->GetID(), path.c_str(), mode, device);
         bool good = file != nullptr;
+        if (good && m_options.readAhead) {
+            file->SetBufferSize(AHEAD_BUFFERS * 131072, AHEAD_BUFFERS);
+            file->SetReadAhead(true);
+        }
         if (good) {
             m_caller->run(file, m_options.bytes);
             done.pend();
@@ -170,6 +174,8 @@ private:
         m_caller->Close();
         return alive.waitForNone() && good;
     }
+
+    static constexpr unsigned AHEAD_BUFFERS = 16;
 
     const Bench::FileOptions m_options;
     Caller* m_caller = nullptr;

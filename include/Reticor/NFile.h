@@ -94,6 +94,23 @@ public:
     /// (`CNStorDev_IF::Finish`); false at the start. Any time before `Close`. Does not wait.
     void SetSync(bool on);
 
+    /// Whether file workers load the blocks after the position before `Read` asks for them; false at the
+    /// start. A `Read` that goes on where the last one ended is answered from them, and seldom has to
+    /// wait. They take the file's other buffers, so memory stays bounded by `SetBufferSize`; workers are
+    /// asked when half of those are used up: with 16 buffers (2 MiB) one call of 256 that read 4 KiB wakes
+    /// a worker, with the 4 of the start one of 64.
+    ///
+    /// Results, messages and the order of the bytes are the same as without. `Seek`, and a `Write` that
+    /// needs another buffer, give up what was not begun, and after `Seek` it begins anew with the second
+    /// block: single reads here and there cause no further ones. A failure of the device, or of memory,
+    /// while reading ahead is told by nothing: `Read` asks again when it comes to the place, and that
+    /// failure is message 8. Bytes and an end of the file that others change on the device are seen as
+    /// they were when the block was loaded, earlier than without.
+    ///
+    /// Any thread, any time before `Close`; does not wait; false gives up what was not begun. Without
+    /// effect without buffers, and with one.
+    void SetReadAhead(bool on);
+
     /// Ends the file: what was taken is written, then the device gets `Close`, on a file worker. Does not
     /// wait; without buffers the device's `Close` is called right here. Any number of times: only the first
     /// call counts.

@@ -39,6 +39,7 @@ protected:
         client->on_message = [this](long, unsigned int msg, long) {
             written += msg == Reticor::FILE_MSG_WRITE ? 1 : 0;
             loaded += msg == Reticor::FILE_MSG_READ ? 1 : 0;
+            failed += msg == Reticor::FILE_MSG_ERROR ? 1 : 0;
             return 0;
         };
         path = folder.file("data");
@@ -67,12 +68,41 @@ protected:
         }
     }
 
+    // The rest of the file, waiting for messages.
+    std::string readAll(CNFile& file) {
+        std::string got;
+        std::string piece(LENGTH, '\0');
+        for (bool eof = false; !eof;) {
+            const int before = loaded;
+            const int n = file.Read(piece.data(), LENGTH, eof);
+            got.append(piece, 0, static_cast<size_t>(n));
+            if (!eof && !eventually([&] { return loaded != before; })) {
+                ADD_FAILURE() << "no message 7 after " << got.size() << " bytes";
+                return got;
+            }
+        }
+        return got;
+    }
+    // A file whose first block is loaded, and which reads ahead from the next Read on.
+    CNFile* openToReadAhead() {
+        std::ofstream(path, std::ios::binary) << bytes;
+        CNFile* const file = open("r", new Reticor::CPosixStorDev);
+        EXPECT_NE(nullptr, file);
+        char first = 0;
+        bool eof = false;
+        EXPECT_EQ(0, file->Read(&first, 1, eof));
+        EXPECT_EVENTUALLY(loaded > 0);
+        file->SetReadAhead(true);
+        return file;
+    }
+
     TempFolder folder;
     std::string path;
     std::string bytes;
     TestHandler* client = nullptr;
     std::atomic<int> written{0};
     std::atomic<int> loaded{0};
+    std::atomic<int> failed{0};
 };
 
 TEST_F(FileMemory, AFileIsOpenedOrNotAndItsDeviceEnds) {
@@ -149,6 +179,42 @@ TEST_F(FileMemory, ALoadThatFoundNoMemoryIsTriedAgainAfterItsBuffersAreReplaced)
     EXPECT_EVENTUALLY(
         (total += file->Read(got + total, sizeof(got) - static_cast<unsigned>(total), eof), eof));
     EXPECT_EQ(7, total);
+    file->Close();
+}
+
+TEST_F(FileMemory, BlocksThatFoundNoMemoryAheadAreLoadedWhenAReadComesToThem) {
+    CNFile* const file = openToReadAhead();
+    char first = 0;
+    bool eof = false;
+    {
+        MemoryFault fault(Whose::OTHERS, Extent::ALL);
+        EXPECT_EQ(1, file->Read(&first, 1, eof));
+        EXPECT_EVENTUALLY(fault.hit());
+        fault.end();
+    }
+    EXPECT_TRUE(bytes == first + readAll(*file));
+    EXPECT_EQ(0, failed) << "nobody had asked for them";
+    file->Close();
+}
+
+TEST_F(FileMemory, WithoutATaskNothingIsReadAheadAndReadsGoOn) {
+    CNFile* const file = openToReadAhead();
+    std::vector<Reticor::FileTask*> nodes;
+    nodes.reserve(1000);
+    while (Reticor::FileTask* const node = Reticor::file_task_pool().Get()) {
+        nodes.push_back(node);
+    }
+    char first = 0;
+    bool eof = false;
+    const NoRecords none;
+    const Swept swept = withFault(0, Extent::ALL, [&] { EXPECT_EQ(1, file->Read(&first, 1, eof)); });
+    EXPECT_TRUE(swept.hit);
+    EXPECT_EQ(1u, swept.lines) << swept.text;
+    for (Reticor::FileTask* const node : nodes) {
+        Reticor::file_task_pool().Put(node, false);
+    }
+    EXPECT_TRUE(bytes == first + readAll(*file));
+    EXPECT_EQ(0, failed);
     file->Close();
 }
 

@@ -79,6 +79,7 @@ int CallerSide::put_bytes(const char* data, unsigned len) {
 
 /// A taken buffer at the position, or null, and then message 6 is owed.
 FileSlot* CallerSide::find_write_buffer() {
+    stop_ahead();
     m_exchange.m_slots.OutdateReads(m_offset);
     bool pushed = false;
     FileSlot* found = writable_at_position(pushed);
@@ -188,7 +189,14 @@ int CallerSide::read_buffered(char* dst, unsigned len, bool& eof) {
 FileSlot* CallerSide::find_read_buffer() {
     if (FileSlot* const found = readable_at_position()) {
         m_told_at_once = false;
+        if (submit_ahead(found->m_file_offset)) {
+            m_exchange.post_ahead();
+        }
         return found;
+    }
+    if (m_read_ahead && m_exchange.m_slots.HasLoad(m_offset)) {
+        await_load();
+        return nullptr;
     }
     clean_overlap(m_buf_size + m_offset);
     FileSlot* slot = m_exchange.m_slots.TakeUnused();
@@ -230,7 +238,59 @@ void CallerSide::start_load(FileSlot& slot) {
     m_exchange.m_load.read_start();
     m_exchange.m_owed.need_read_message();
     m_exchange.m_slots.SubmitLoad(slot, m_offset);
+    submit_ahead(m_offset);
     m_exchange.post_load();
+}
+
+/// The position is in a load that is under way: its end pays message 7. If it has ended since it was looked
+/// for, the message is paid here.
+void CallerSide::await_load() {
+    m_told_at_once = false;
+    m_exchange.m_load.read_start();
+    m_exchange.m_owed.need_read_message();
+    if (!m_exchange.m_slots.AwaitLoad(m_offset)) {
+        m_exchange.m_load.read_end();
+        m_exchange.m_owed.notify_read_message();
+    }
+}
+
+/// A Read that goes on where the last one ended has come to the window that begins at `from`: those after it
+/// are submitted to be loaded, in all other buffers. Not before half of them are used up, since waking a
+/// worker costs more than all else in a call. True if any were.
+bool CallerSide::submit_ahead(long long from) {
+    if (!m_read_ahead || m_read_mark != m_offset || from > LAST_WINDOW / 2) {
+        return false;
+    }
+    const unsigned most = m_buf_count.load() - 1;
+    const long long next = from + m_buf_size;
+    const long long end = next + static_cast<long long>(most) * m_buf_size;
+    if (m_ahead_end < next || m_ahead_end > end) {
+        m_ahead_end = next;
+    }
+    if ((m_ahead_end - next) / m_buf_size > most / 2) {
+        return false;
+    }
+    bool any = false;
+    AheadPlace place = AheadPlace::there;
+    while (m_ahead_end < end && place != AheadPlace::none) {
+        place = m_exchange.m_slots.LoadAhead(m_ahead_end, from);
+        any = any || place == AheadPlace::submitted;
+        m_ahead_end += place != AheadPlace::none ? m_buf_size : 0;
+    }
+    return any;
+}
+
+void CallerSide::stop_ahead() {
+    if (m_read_ahead) {
+        m_ahead_end = 0;
+        m_exchange.m_slots.DropLoads(false);
+    }
+}
+
+void CallerSide::set_read_ahead(bool on) {
+    Infra::CGuard guard(m_api_mutex);
+    stop_ahead();
+    m_read_ahead = on;
 }
 
 /// Every buffer is at the disk, or dirty. The caller is told to try again: at once the first time, and with
@@ -262,6 +322,7 @@ int CallerSide::Seek(long long offset, int whence) {
     m_read_buf = nullptr;
     m_write_buf = nullptr;
     m_offset = position;
+    stop_ahead();
     submit_all_buffer();
     return 0;
 }
@@ -292,6 +353,7 @@ void CallerSide::replace_buffers(unsigned count) {
     m_read_buf = nullptr;
     m_write_buf = nullptr;
     m_next_evict = 0;
+    m_ahead_end = 0;
     m_exchange.m_turn.forget_load();
     m_exchange.m_load.read_end();
     m_exchange.m_owed.notify_read_message();
@@ -311,6 +373,7 @@ CallerSide::Closing CallerSide::close() {
         return Closing::reference;
     }
     if (buffered) {
+        stop_ahead();
         submit_all_buffer();
     }
     return buffered ? Closing::by_task : Closing::handler;

@@ -54,6 +54,9 @@ public:
     }
     int Seek(long long offset, int whence);
 
+    /// Whether the windows after the position are loaded before a Read asks for them.
+    void set_read_ahead(bool on);
+
     // ---- its life
 
     /// `count` buffers instead of those that there are, which are dropped with what they hold; 0 is none.
@@ -85,6 +88,9 @@ private:
     FileSlot* take_victim() INFRA_REQUIRES(m_api_mutex);
     void start_load(FileSlot& slot) INFRA_REQUIRES(m_api_mutex);
     void stall_read() INFRA_REQUIRES(m_api_mutex);
+    void await_load() INFRA_REQUIRES(m_api_mutex);
+    bool submit_ahead(long long from) INFRA_REQUIRES(m_api_mutex);
+    void stop_ahead() INFRA_REQUIRES(m_api_mutex);
     void clean_overlap(long long end) INFRA_REQUIRES(m_api_mutex);
     bool push_out(FileSlot& slot) INFRA_REQUIRES(m_api_mutex);
     void submit_all_buffer() INFRA_REQUIRES(m_api_mutex);
@@ -104,6 +110,8 @@ private:
     unsigned m_next_evict INFRA_GUARDED_BY(m_api_mutex) = 0;  ///< Where the search for a victim begins.
     /// The last stalled Read got its message at once; the next one waits for a pass.
     bool m_told_at_once INFRA_GUARDED_BY(m_api_mutex) = false;
+    bool m_read_ahead INFRA_GUARDED_BY(m_api_mutex) = false;
+    long long m_ahead_end INFRA_GUARDED_BY(m_api_mutex) = 0;  ///< Up to here the read-ahead has asked.
     /// Teardown has taken the file out of its pool; Close drops the owner's reference.
     bool m_orphan INFRA_GUARDED_BY(m_api_mutex) = false;
 

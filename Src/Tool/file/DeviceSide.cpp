@@ -187,21 +187,18 @@ DeviceSide::Outcome DeviceSide::write_slot(FileSlot& slot) {
 }
 
 DeviceSide::Outcome DeviceSide::load() {
-    int loaded = 0;
-    CFileSlots& slots = m_exchange.m_slots;
-    for (FileSlot* slot = slots.NextLoad(0); slot != nullptr; slot = slots.NextLoad(slot->m_index + 1)) {
+    while (FileSlot* const slot = m_exchange.m_slots.BeginLoad()) {
         const Outcome outcome = load_slot(*slot);
+        if (outcome == Outcome::failed && m_exchange.m_slots.FailAhead(*slot)) {
+            m_errors.Increment();
+            continue;
+        }
         if (outcome == Outcome::failed) {
             tell_error();
         }
         if (outcome != Outcome::done) {
             return outcome;
         }
-        ++loaded;
-    }
-    if (loaded > 0) {
-        m_exchange.m_load.read_end();
-        m_exchange.m_owed.notify_read_message();
     }
     return Outcome::done;
 }
@@ -227,7 +224,10 @@ DeviceSide::Outcome DeviceSide::load_slot(FileSlot& slot) {
         m_bytes_read.Add(static_cast<uint64_t>(n));
         m_dev_pos += n;
     }
-    m_exchange.m_slots.EndLoad(slot, got, eof);
+    if (m_exchange.m_slots.EndLoad(slot, got, eof)) {
+        m_exchange.m_load.read_end();
+        m_exchange.m_owed.notify_read_message();
+    }
     return Outcome::done;
 }
 

@@ -22,8 +22,15 @@ void FileExchange::post_flush() {
 
 void FileExchange::post_load() {
     if (PostFileTask(&m_file, FILE_TASK_READ, 0) != 0) {
+        m_slots.DropLoads(true);
         m_load.read_end();
         m_owed.notify_read_message();
+    }
+}
+
+void FileExchange::post_ahead() {
+    if (m_turn.want_load() && PostFileTask(&m_file, FILE_TASK_READ, 0) != 0) {
+        m_slots.DropLoads(false);
     }
 }
 

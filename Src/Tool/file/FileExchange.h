@@ -34,6 +34,8 @@ public:
     void post_flush();
     /// A task that goes on with a pass, or begins one, and loads.
     void post_load();
+    /// What is to be read ahead is to be loaded: by a task, or by the pass that runs.
+    void post_ahead();
 
     /// The owner has called Close. False if he had before.
     bool close() { return !m_closed.exchange(true); }

@@ -137,6 +137,7 @@ void CFileSlots::submit(FileSlot& slot, CNFileBuf::SUBMIT_EVENT event) {
     slot.m_stamp = ++m_last_stamp;
     slot.m_stale = false;
     slot.m_outgrown = false;
+    slot.m_begun = false;
     slot.CNFileBuf::Submit(event);
 }
 
@@ -147,7 +148,19 @@ void CFileSlots::Submit(FileSlot& slot, CNFileBuf::SUBMIT_EVENT event) {
 
 void CFileSlots::SubmitLoad(FileSlot& slot, long long offset) {
     Infra::CGuard guard(m_order_mutex);
+    const SlotSet& loads = in(SlotPlace::to_load);
+    for (unsigned i = loads.Next(0); i != SlotSet::NONE; i = loads.Next(i + 1)) {
+        if (!at(i).m_ahead || !at(i).overlaps(offset)) {
+            continue;
+        }
+        if (at(i).m_begun) {
+            at(i).m_stale = true;
+        } else {
+            drop_load(at(i));
+        }
+    }
     slot.m_file_offset = offset;
+    slot.m_ahead = false;
     submit(slot, CNFileBuf::SUBMIT_READ);
 }
 
@@ -176,9 +189,113 @@ void CFileSlots::OutdateReads(long long offset) {
     const SlotSet& loads = in(SlotPlace::to_load);
     for (unsigned i = loads.Next(0); i != SlotSet::NONE; i = loads.Next(i + 1)) {
         FileSlot& slot = at(i);
-        const long long from = slot.m_file_offset;
-        slot.m_stale = slot.m_stale || (from < offset + slot.m_buf_size && offset < from + slot.m_buf_size);
-        slot.m_outgrown = slot.m_outgrown || from < offset;
+        slot.m_stale = slot.m_stale || slot.overlaps(offset);
+        slot.m_outgrown = slot.m_outgrown || slot.m_file_offset < offset;
+    }
+}
+
+// ---- reading ahead -------------------------------------------------------------------------------------
+
+/// The load that has `offset`, unless its bytes will be forgotten.
+FileSlot* CFileSlots::load_at(long long offset) {
+    const SlotSet& loads = in(SlotPlace::to_load);
+    for (unsigned i = loads.Next(0); i != SlotSet::NONE; i = loads.Next(i + 1)) {
+        if (at(i).covers(offset) && !at(i).m_stale) {
+            return &at(i);
+        }
+    }
+    return nullptr;
+}
+
+/// What is at the place already; `submitted` if nothing is.
+AheadPlace CFileSlots::look_ahead(long long offset) {
+    const SlotSet& loads = in(SlotPlace::to_load);
+    for (unsigned i = loads.Next(0); i != SlotSet::NONE; i = loads.Next(i + 1)) {
+        if (at(i).overlaps(offset)) {
+            return at(i).m_file_offset == offset && !at(i).m_stale ? AheadPlace::there : AheadPlace::none;
+        }
+    }
+    const auto beyond = after(offset + CNBufPool::BLOCK_BYTES - 1);
+    if (beyond == m_windows.begin()) {
+        return AheadPlace::submitted;
+    }
+    const FileSlot& last = **(beyond - 1);
+    if (last.m_file_offset == offset) {
+        return AheadPlace::there;
+    }
+    const bool ends_before = last.m_eof && last.m_file_offset + last.m_buf_size == offset;
+    return last.overlaps(offset) || ends_before ? AheadPlace::none : AheadPlace::submitted;
+}
+
+/// A taken, empty buffer. What lies within [from, to) stays.
+FileSlot* CFileSlots::take_for_ahead(long long from, long long to) {
+    if (FileSlot* const unused = take_next(SlotPlace::unused, 0)) {
+        return unused;
+    }
+    for (FileSlot* const slot : m_windows) {
+        const bool keep = slot->m_file_offset >= from && slot->m_file_offset < to;
+        if (!keep && slot->m_place == SlotPlace::clean && slot->TryLock()) {
+            reset(*slot);
+            return slot;
+        }
+    }
+    return nullptr;
+}
+
+AheadPlace CFileSlots::LoadAhead(long long offset, long long keep_from) {
+    Infra::CGuard guard(m_order_mutex);
+    const AheadPlace place = look_ahead(offset);
+    if (place != AheadPlace::submitted) {
+        return place;
+    }
+    FileSlot* const slot = take_for_ahead(keep_from, offset);
+    if (slot == nullptr) {
+        return AheadPlace::none;
+    }
+    slot->m_file_offset = offset;
+    slot->m_ahead = true;
+    submit(*slot, CNFileBuf::SUBMIT_READ);
+    return AheadPlace::submitted;
+}
+
+bool CFileSlots::HasLoad(long long offset) {
+    Infra::CGuard guard(m_order_mutex);
+    return load_at(offset) != nullptr;
+}
+
+bool CFileSlots::AwaitLoad(long long offset) {
+    Infra::CGuard guard(m_order_mutex);
+    FileSlot* const slot = load_at(offset);
+    if (slot != nullptr) {
+        slot->m_ahead = false;
+    }
+    return slot != nullptr;
+}
+
+void CFileSlots::drop_load(FileSlot& slot) {
+    reset(slot);
+    slot.Free();
+    slot.UnLock();
+}
+
+/// Gives up what is to be read ahead from `from` on, and has not been begun.
+void CFileSlots::drop_ahead(long long from) {
+    const SlotSet& loads = in(SlotPlace::to_load);
+    for (unsigned i = loads.Next(0); i != SlotSet::NONE; i = loads.Next(i + 1)) {
+        if (at(i).m_ahead && !at(i).m_begun && at(i).m_file_offset >= from) {
+            drop_load(at(i));
+        }
+    }
+}
+
+void CFileSlots::DropLoads(bool awaited_too) {
+    Infra::CGuard guard(m_order_mutex);
+    drop_ahead(0);
+    const SlotSet& loads = in(SlotPlace::to_load);
+    for (unsigned i = loads.Next(0); awaited_too && i != SlotSet::NONE; i = loads.Next(i + 1)) {
+        if (!at(i).m_begun) {
+            drop_load(at(i));
+        }
     }
 }
 
@@ -186,6 +303,7 @@ void CFileSlots::OutdateReads(long long offset) {
 
 const std::vector<FileSlot*>& CFileSlots::CollectWrites() {
     Infra::CGuard guard(m_order_mutex);
+    m_collected = m_last_stamp;
     m_to_write.clear();
     const SlotSet& writes = in(SlotPlace::to_write);
     for (unsigned i = writes.Next(0); i != SlotSet::NONE; i = writes.Next(i + 1)) {
@@ -209,10 +327,21 @@ bool CFileSlots::HasWrites() {
     return in(SlotPlace::to_write).Next(0) != SlotSet::NONE;
 }
 
-FileSlot* CFileSlots::NextLoad(unsigned from) {
+FileSlot* CFileSlots::BeginLoad() {
     Infra::CGuard guard(m_order_mutex);
-    const unsigned index = in(SlotPlace::to_load).Next(from);
-    return index != SlotSet::NONE ? &at(index) : nullptr;
+    FileSlot* oldest = nullptr;
+    const SlotSet& loads = in(SlotPlace::to_load);
+    for (unsigned i = loads.Next(0); i != SlotSet::NONE; i = loads.Next(i + 1)) {
+        FileSlot& slot = at(i);
+        if (!slot.m_begun && slot.m_stamp <= m_collected &&
+            (oldest == nullptr || slot.m_stamp < oldest->m_stamp)) {
+            oldest = &slot;
+        }
+    }
+    if (oldest != nullptr) {
+        oldest->m_begun = true;
+    }
+    return oldest;
 }
 
 void CFileSlots::EndWrite(FileSlot& slot) {
@@ -228,8 +357,9 @@ void CFileSlots::EndWrite(FileSlot& slot) {
     slot.UnLock();
 }
 
-void CFileSlots::EndLoad(FileSlot& slot, unsigned bytes, bool eof) {
+bool CFileSlots::EndLoad(FileSlot& slot, unsigned bytes, bool eof) {
     Infra::CGuard guard(m_order_mutex);
+    const bool awaited = !slot.m_ahead;
     if (slot.m_stale || (slot.m_outgrown && eof)) {
         reset(slot);
         slot.Free();
@@ -238,8 +368,22 @@ void CFileSlots::EndLoad(FileSlot& slot, unsigned bytes, bool eof) {
         slot.m_eof = eof;
         slot.m_dirty = false;
         move(slot, SlotPlace::clean);
+        if (eof) {
+            drop_ahead(slot.m_file_offset);
+        }
     }
     slot.UnLock();
+    return awaited;
+}
+
+bool CFileSlots::FailAhead(FileSlot& slot) {
+    Infra::CGuard guard(m_order_mutex);
+    drop_ahead(0);
+    if (!slot.m_ahead) {
+        return false;
+    }
+    drop_load(slot);
+    return true;
 }
 
 }  // namespace Orvex::Reticor

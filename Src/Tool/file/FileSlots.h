@@ -27,12 +27,18 @@ struct FileSlot : CNFileBuf {
     uint64_t m_stamp = 0;                   ///< Order of submission. Likewise.
     bool m_stale = false;     ///< Its load brings bytes that were overwritten meanwhile. Likewise.
     bool m_outgrown = false;  ///< The file may have become longer beyond it since its load began. Likewise.
+    bool m_ahead = false;     ///< To be loaded although no Read waits for it. Likewise.
+    bool m_begun = false;     ///< The pass has begun to load it. Likewise.
     unsigned m_written =
         0;  ///< Bytes that the device has taken since it last stood at the first. The pass's.
 
     /// Whether `offset` lies in the window of a buffer that holds something.
     bool covers(long long offset) const {
         return m_file_offset >= 0 && offset >= m_file_offset && offset - m_file_offset < m_buf_size;
+    }
+    /// Whether the window has bytes of the one that begins at `offset`.
+    bool overlaps(long long offset) const {
+        return m_file_offset < offset + m_buf_size && offset < m_file_offset + m_buf_size;
     }
     long long end() const { return m_file_offset + m_buf_offset; }
 
@@ -44,6 +50,13 @@ struct FileSlot : CNFileBuf {
         }
         return m_data;
     }
+};
+
+/// What came of a wish to read a place ahead.
+enum class AheadPlace : uint8_t {
+    submitted,
+    there,  ///< It is loaded, or will be.
+    none,   ///< It is after the end of the file, overlaps another window, or there is no buffer for it.
 };
 
 /// Every buffer is found by its place, or by the offset of its window, without a look at the others, so that
@@ -93,8 +106,20 @@ public:
 
     /// Hands a buffer, which is taken, to the pass.
     void Submit(FileSlot& slot, CNFileBuf::SUBMIT_EVENT event);
-    /// The same for an empty one that is to be loaded from `offset` on.
+    /// The same for an empty one that is to be loaded from `offset` on. What is read ahead and overlaps it is
+    /// given up.
     void SubmitLoad(FileSlot& slot, long long offset);
+
+    /// The window that begins at `offset` is to be loaded although no Read waits for it, into a buffer with
+    /// nothing in it or, the first by offset, a clean one that is not within [`keep_from`, `offset`).
+    AheadPlace LoadAhead(long long offset, long long keep_from);
+    /// Whether a load that has `offset` is under way, and will not come out stale.
+    bool HasLoad(long long offset);
+    /// A Read waits for that load from now on. False if it has ended meanwhile.
+    bool AwaitLoad(long long offset);
+    /// Gives up what is to be read ahead, and, if `awaited_too`, what a Read waits for. The load that the
+    /// pass has begun goes on.
+    void DropLoads(bool awaited_too);
     /// Submits whatever is dirty, to be written and freed. Result: whether there was any.
     bool SubmitDirty();
 
@@ -107,14 +132,20 @@ public:
     /// What is submitted to be written: by offset, or, if the ranges of two overlap, in the order of
     /// submission, so that the newest bytes land last. Good until the next call.
     const std::vector<FileSlot*>& CollectWrites();
-    /// The first buffer from that index on that is to be loaded, or null.
-    FileSlot* NextLoad(unsigned from);
+    /// The buffer that is to be loaded next: of those that have not been begun and were submitted before the
+    /// last CollectWrites, so that what had to be written before them is on the device, the one that waits
+    /// longest. Null if there is none.
+    FileSlot* BeginLoad();
 
     /// The end of a write: the bytes are on the device. The slot is empty, or clean if its contents are kept.
     void EndWrite(FileSlot& slot);
     /// The end of a load: the slot has `bytes` valid bytes, and is clean. What has become outdated is
-    /// forgotten instead.
-    void EndLoad(FileSlot& slot, unsigned bytes, bool eof);
+    /// forgotten instead. What was to be read ahead after the end of the file is given up. Result: whether a
+    /// Read waits for it.
+    bool EndLoad(FileSlot& slot, unsigned bytes, bool eof);
+    /// The load has failed; nothing more is read ahead now. True if no Read waits for it: it is forgotten,
+    /// and a Read that comes to its place asks the device again.
+    bool FailAhead(FileSlot& slot);
 
 private:
     using Windows = std::vector<FileSlot*>;
@@ -125,6 +156,11 @@ private:
     void submit(FileSlot& slot, CNFileBuf::SUBMIT_EVENT event) INFRA_REQUIRES(m_order_mutex);
     void reset(FileSlot& slot) INFRA_REQUIRES(m_order_mutex);
     FileSlot* take_next(SlotPlace place, unsigned from) INFRA_REQUIRES(m_order_mutex);
+    FileSlot* load_at(long long offset) INFRA_REQUIRES(m_order_mutex);
+    AheadPlace look_ahead(long long offset) INFRA_REQUIRES(m_order_mutex);
+    FileSlot* take_for_ahead(long long from, long long to) INFRA_REQUIRES(m_order_mutex);
+    void drop_load(FileSlot& slot) INFRA_REQUIRES(m_order_mutex);
+    void drop_ahead(long long from) INFRA_REQUIRES(m_order_mutex);
     bool make_room(unsigned count);
 
     unsigned m_buf_count = 0;
@@ -133,6 +169,7 @@ private:
 
     Infra::CMutex m_order_mutex{Infra::LockClass::FILE_ORDER};
     uint64_t m_last_stamp INFRA_GUARDED_BY(m_order_mutex) = 0;
+    uint64_t m_collected INFRA_GUARDED_BY(m_order_mutex) = 0;     ///< The last stamp before CollectWrites.
     std::array<SlotSet, 5> m_in INFRA_GUARDED_BY(m_order_mutex);  ///< By place.
     SlotSet m_at_end INFRA_GUARDED_BY(m_order_mutex);             ///< Clean, and the end of the file.
     Windows m_windows INFRA_GUARDED_BY(m_order_mutex);            ///< Clean or dirty, by offset.

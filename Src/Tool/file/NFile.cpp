@@ -134,6 +134,10 @@ void CNFile::SetSync(bool on) {
     m_state->m_device.set_sync(on);
 }
 
+void CNFile::SetReadAhead(bool on) {
+    m_state->m_caller.set_read_ahead(on);
+}
+
 // The reference keeps the file while its workers may be done with it already.
 void CNFile::Close() {
     const HandlerPin pin = HandlerPin::Take(this);

@@ -35,6 +35,12 @@ void PassTurn::flush_not_posted() {
     m_flush_wanted = true;
 }
 
+bool PassTurn::want_load() {
+    Infra::CGuard guard(m_write_mutex);
+    m_load_wanted = m_load_wanted || m_writing;
+    return !m_writing;
+}
+
 void PassTurn::forget_load() {
     Infra::CGuard guard(m_write_mutex);
     m_load_wanted = false;

@@ -37,6 +37,10 @@ public:
     /// There was no memory for the task that `want_flush` asked for. The next pass does it.
     void flush_not_posted();
 
+    /// Something is to be read ahead. True if a read task is to be posted for it, false if a running pass
+    /// does it.
+    bool want_load();
+
     /// Nothing is left to be loaded.
     void forget_load();
 

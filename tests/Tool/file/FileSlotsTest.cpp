@@ -123,16 +123,119 @@ TEST_F(FileSlots, WritesGoByOffsetOrBySubmissionWhereTheyOverlap) {
     EXPECT_EQ((std::vector<long long>{3 * BLOCK, 0, 3 * BLOCK - 5}), offsetsToWrite());
 }
 
-TEST_F(FileSlots, LoadsAreFoundByIndex) {
-    EXPECT_EQ(nullptr, slots.NextLoad(0));
-    FileSlot& slot = *slots.TakeUnused();
-    slots.SubmitLoad(slot, 77);
-    EXPECT_EQ(&slot, slots.NextLoad(0));
-    EXPECT_EQ(nullptr, slots.NextLoad(1));
+TEST_F(FileSlots, LoadsBeginInTheOrderOfTheirSubmissionAndOnce) {
+    slots.CollectWrites();
+    EXPECT_EQ(nullptr, slots.BeginLoad());
+    FileSlot& other = loaded(20 * BLOCK, 1, false);
+    FileSlot& earlier = *slots.TakeUnused();
+    slots.SubmitLoad(earlier, 77);
+    EXPECT_EQ(&other, slots.TakeAt(20 * BLOCK));
+    slots.Forget(other);
+    slots.SubmitLoad(other, 7 * BLOCK);
+    ASSERT_LT(other.m_index, earlier.m_index);
+    slots.CollectWrites();
+    EXPECT_EQ(&earlier, slots.BeginLoad());
+    EXPECT_EQ(&other, slots.BeginLoad());
+    EXPECT_EQ(nullptr, slots.BeginLoad());
     EXPECT_EQ(nullptr, slots.TakeAt(77)) << "it is the pass's";
-    slots.EndLoad(slot, 3, false);
-    EXPECT_EQ(nullptr, slots.NextLoad(0));
-    EXPECT_EQ(&slot, slots.TakeAt(79));
+    EXPECT_TRUE(slots.EndLoad(earlier, 3, false)) << "somebody waits";
+    EXPECT_EQ(nullptr, slots.BeginLoad());
+    EXPECT_EQ(&earlier, slots.TakeAt(79));
+}
+
+TEST_F(FileSlots, ALoadIsNotBegunBeforeWhatHadToBeWrittenWasCollected) {
+    slots.CollectWrites();
+    dirty(0, 10);
+    slots.SubmitDirty();
+    EXPECT_EQ(AheadPlace::submitted, slots.LoadAhead(BLOCK, 0));
+    EXPECT_EQ(nullptr, slots.BeginLoad()) << "the bytes at 0 are not on the device";
+    EXPECT_EQ(std::vector<long long>{0}, offsetsToWrite());
+    EXPECT_NE(nullptr, slots.BeginLoad());
+}
+
+// ---- reading ahead
+
+TEST_F(FileSlots, AheadAWindowIsLoadedOnce) {
+    EXPECT_EQ(AheadPlace::submitted, slots.LoadAhead(BLOCK, 0));
+    EXPECT_EQ(AheadPlace::there, slots.LoadAhead(BLOCK, 0)) << "it is to be loaded";
+    EXPECT_EQ(AheadPlace::none, slots.LoadAhead(BLOCK + 1, 0)) << "half of it is";
+    loaded(4 * BLOCK, BLOCK, false);
+    EXPECT_EQ(AheadPlace::there, slots.LoadAhead(4 * BLOCK, 0));
+    EXPECT_EQ(AheadPlace::none, slots.LoadAhead(4 * BLOCK - 1, 0));
+    EXPECT_EQ(AheadPlace::none, slots.LoadAhead(5 * BLOCK - 1, 0));
+    EXPECT_EQ(AheadPlace::submitted, slots.LoadAhead(5 * BLOCK, 0));
+}
+
+TEST_F(FileSlots, AheadNothingIsLoadedAfterTheEndOfTheFile) {
+    loaded(0, 10, true);
+    EXPECT_EQ(AheadPlace::none, slots.LoadAhead(BLOCK, 0));
+    for (long long block : {4, 5, 6}) {
+        EXPECT_EQ(AheadPlace::submitted, slots.LoadAhead(block * BLOCK, 0));
+    }
+    slots.CollectWrites();
+    FileSlot& first = *slots.BeginLoad();
+    first.block();
+    EXPECT_FALSE(slots.EndLoad(first, 10, true)) << "nobody waits";
+    EXPECT_EQ(nullptr, slots.BeginLoad()) << "the others were given up";
+}
+
+TEST_F(FileSlots, AheadTakesTheFirstCleanWindowButNoneThatIsYetToBeRead) {
+    ASSERT_TRUE(slots.Allocate(3));
+    FileSlot& ahead = loaded(2 * BLOCK, BLOCK, false);
+    FileSlot& behind = loaded(0, BLOCK, false);
+    FileSlot& here = loaded(BLOCK, BLOCK, false);
+    EXPECT_EQ(AheadPlace::submitted, slots.LoadAhead(3 * BLOCK, BLOCK));
+    EXPECT_EQ(3LL * BLOCK, behind.m_file_offset);
+    EXPECT_EQ(AheadPlace::none, slots.LoadAhead(4 * BLOCK, BLOCK));
+    EXPECT_EQ(&here, slots.TakeAt(BLOCK));
+    EXPECT_EQ(&ahead, slots.TakeAt(2 * BLOCK));
+}
+
+TEST_F(FileSlots, ALoadThatIsAwaitedIsNotGivenUpAndStaleOnesAreNotAwaited) {
+    EXPECT_FALSE(slots.HasLoad(BLOCK));
+    slots.LoadAhead(BLOCK, 0);
+    slots.LoadAhead(2 * BLOCK, 0);
+    slots.LoadAhead(3 * BLOCK, 0);
+    EXPECT_TRUE(slots.AwaitLoad(2 * BLOCK - 1));
+    slots.OutdateReads(3 * BLOCK);
+    EXPECT_FALSE(slots.HasLoad(3 * BLOCK));
+    EXPECT_FALSE(slots.AwaitLoad(3 * BLOCK));
+    slots.DropLoads(false);
+    slots.CollectWrites();
+    FileSlot* const awaited = slots.BeginLoad();
+    ASSERT_NE(nullptr, awaited);
+    EXPECT_EQ(BLOCK, awaited->m_file_offset);
+    EXPECT_EQ(nullptr, slots.BeginLoad());
+    EXPECT_FALSE(slots.FailAhead(*awaited));
+    EXPECT_TRUE(slots.HasLoad(BLOCK)) << "it has failed for good";
+}
+
+TEST_F(FileSlots, WithoutATaskAwaitedLoadsAreGivenUpTooButNotTheOneThatHasBegun) {
+    slots.LoadAhead(0, 0);
+    slots.CollectWrites();
+    FileSlot* const begun = slots.BeginLoad();
+    slots.LoadAhead(BLOCK, 0);
+    EXPECT_TRUE(slots.AwaitLoad(BLOCK));
+    slots.DropLoads(true);
+    EXPECT_FALSE(slots.HasLoad(BLOCK));
+    EXPECT_TRUE(slots.HasLoad(0));
+    EXPECT_TRUE(slots.FailAhead(*begun)) << "nobody waits for it";
+    EXPECT_FALSE(slots.HasLoad(0));
+}
+
+TEST_F(FileSlots, AReadElsewhereInWhatIsReadAheadTakesItsPlace) {
+    slots.LoadAhead(0, 0);
+    slots.LoadAhead(BLOCK, 0);
+    slots.CollectWrites();
+    FileSlot& begun = *slots.BeginLoad();
+    begun.block();
+    slots.SubmitLoad(*slots.TakeUnused(), BLOCK / 2);
+    EXPECT_TRUE(slots.HasLoad(BLOCK)) << "in the new one";
+    EXPECT_FALSE(slots.EndLoad(begun, BLOCK, false));
+    EXPECT_EQ(nullptr, slots.TakeAt(0)) << "its bytes would be there twice";
+    slots.CollectWrites();
+    EXPECT_EQ(BLOCK / 2, slots.BeginLoad()->m_file_offset);
+    EXPECT_EQ(nullptr, slots.BeginLoad());
 }
 
 TEST_F(FileSlots, AWriteBeyondTheEndOfTheFileOutdatesWhoClaimsThatEnd) {

@@ -119,6 +119,7 @@ protected:
 
     void run(CNFile& file, Model& model) {
         file.SetBufferSize(BLOCK, random.between(1u, 8u));
+        file.SetReadAhead(reads_ahead);
         for (int i = 0; i < STEPS && !HasFatalFailure(); ++i) {
             switch (random.between(0, 4)) {
                 case 0:
@@ -130,6 +131,9 @@ protected:
                     readSome(file, model);
                     break;
                 default:
+                    if (reads_ahead && random.oneIn(8)) {
+                        file.SetReadAhead(random.oneIn(2));
+                    }
                     seekSomewhere(file, model);
             }
         }
@@ -153,7 +157,10 @@ protected:
         EXPECT_EQ(0, client->errors());
     }
 
+    void runOnAnUnreliableDevice();
+
     SeededRandom random;
+    bool reads_ahead = false;
 };
 
 TEST_F(NFileModel, OnTheDefaultDevice) {
@@ -164,7 +171,21 @@ TEST_F(NFileModel, OnThePosixDevice) {
     runOnRealFiles<CPosixStorDev>();
 }
 
+TEST_F(NFileModel, OnThePosixDeviceReadingAhead) {
+    reads_ahead = true;
+    runOnRealFiles<CPosixStorDev>();
+}
+
 TEST_F(NFileModel, OnADeviceThatDelaysGivesShortCountsAndFails) {
+    runOnAnUnreliableDevice();
+}
+
+TEST_F(NFileModel, OnADeviceThatDelaysGivesShortCountsAndFailsReadingAhead) {
+    reads_ahead = true;
+    runOnAnUnreliableDevice();
+}
+
+void NFileModel::runOnAnUnreliableDevice() {
     for (int i = 0; i < FILES && !HasFatalFailure(); ++i) {
         MemoryDevice* const device = newDevice();
         auto dice = std::make_shared<SeededRandom>(random.fork());

@@ -36,6 +36,19 @@ TEST_F(PassTurns, ATaskThatWillNotComeAgainMakesTheRunningPassLookOnceMore) {
     EXPECT_EQ(Next::over, turn.next_round(wanted, 1));
 }
 
+TEST_F(PassTurns, WhatIsToBeReadAheadNeedsATaskUnlessAPassRuns) {
+    EXPECT_TRUE(turn.want_load());
+    EXPECT_TRUE(turn.begin_read());
+    EXPECT_EQ(Next::round, turn.next_round(wanted, 0));
+    EXPECT_FALSE(turn.want_load());
+    EXPECT_EQ(Next::round, turn.next_round(wanted, 1)) << "the pass does it";
+    EXPECT_TRUE(wanted.load);
+    EXPECT_EQ(Next::over, turn.next_round(wanted, 2));
+    EXPECT_TRUE(turn.want_load());
+    EXPECT_EQ(Begin::uncounted, turn.begin_write(0));
+    EXPECT_EQ(Next::over, turn.next_round(wanted, 0)) << "its own task does it";
+}
+
 TEST_F(PassTurns, OneFlushTaskIsEnough) {
     EXPECT_TRUE(turn.want_flush());
     EXPECT_FALSE(turn.want_flush());
