@@ -25,7 +25,8 @@ public:
     }
 
 protected:
-    explicit Member(Roster& roster) : m_roster(roster) {}
+    /// On the pool with that index; 0 is the public one.
+    explicit Member(Roster& roster, int pool = 0) : CNetHandler(pool), m_roster(roster) {}
     void enter() { m_roster.enter(GetID()); }
     void enter(const Orvex::Reticor::CSockStream& peer) { m_roster.enter(GetID(), originOf(peer)); }
 

@@ -4,13 +4,17 @@
 
 #include <CLI/CLI.hpp>
 
+#include <Reticor/PoolSet.h>
 #include <Reticor/StrParser.h>
 
 namespace relay {
 
 namespace {
 
+using Orvex::Reticor::CPoolSet;
 using Orvex::Reticor::CStrParser;
+
+constexpr unsigned PER_POOL = 4000;  // live clients; what is left of its places is for other requests
 
 /// "239.1.2.3:5004" or "[ff15::1]:5004". The result is empty, or what is wrong.
 std::string parseTarget(const std::string& text, std::string& ip, unsigned short& port) {
@@ -64,7 +68,12 @@ void addInput(CLI::App& app, Options& options, std::string& size) {
 
 void addClients(CLI::App& app, Options& options, std::string& start) {
     app.add_option("--max-clients", options.maxClients, "live clients at a time; more get 503")
-        ->check(CLI::Range(1, 4000))
+        ->check(CLI::Range(1U, CPoolSet::MOST_POOLS * PER_POOL))
+        ->capture_default_str();
+    app.add_option("--pools", options.pools,
+                   "pools that clients are spread over, one for each 4000 at least; 0 is as many as "
+                   "--max-clients needs, and up to 4000 the one that there is anyway")
+        ->check(CLI::Range(0U, CPoolSet::MOST_POOLS))
         ->capture_default_str();
     app.add_option("--max-per-address", options.maxPerAddress,
                    "connections of one address at a time; more are closed at once. 0 is no limit")
@@ -136,6 +145,12 @@ int readOptions(int argc, char** argv, Options& options) {
         wrong = wrong.empty() ? wrong : "--size: " + size + " " + wrong;
     }
     options.burst = start == "burst";
+    if (wrong.empty() && options.pools != 0 && options.maxClients > options.pools * PER_POOL) {
+        wrong = "--pools " + std::to_string(options.pools) + " are too few for --max-clients";
+    }
+    if (options.maxClients > PER_POOL && options.pools == 0) {
+        options.pools = (options.maxClients + PER_POOL - 1) / PER_POOL;
+    }
     if (wrong.empty() && options.maxLag_ms == 0 && (options.burst || options.disposableFirst)) {
         wrong = "--start burst and --disposable-first need a --max-lag";
     }

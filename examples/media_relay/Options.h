@@ -13,6 +13,7 @@ struct Options {
     bool loop = false;
     double speed = 1.0;
     unsigned maxClients = 100;
+    unsigned pools = 0;             // private ones that clients are spread over, 0: all on the public one
     unsigned maxPerAddress = 1024;  // connections of one address, 0 is no limit
     unsigned stallTimeout_s = 10;
     unsigned maxLag_ms = 1000;  // 0: a slow client gets what is left of the buffer

@@ -8,6 +8,7 @@
 #include <csignal>
 #include <cstdio>
 #include <map>
+#include <utility>
 
 #include <Infra/Log.h>
 #include <Infra/Time.h>
@@ -26,6 +27,7 @@ namespace {
 
 constexpr int64_t kTick_us = 500000;
 constexpr uint64_t kDrain_us = 5000000;  // for clients to get what is left, once the input has ended
+constexpr size_t kMembers = 4090;        // a pool watches 4095 sockets for reading
 constexpr size_t kLeft = 64;             // clients that have gone, for the last verdicts on them
 constexpr size_t kWorst = 5;             // clients that the terminal shows
 
@@ -67,9 +69,13 @@ int Relay::run(EndSignals& signals, int fd) {
                           m_options.multicastTtl)) {
         return 1;
     }
+    if (m_options.pools != 0 && m_pools.Create(m_options.pools, m_options.threads) != 0) {
+        return 1;
+    }
     const CSockAddrStorage local(m_options.host.c_str(), m_options.port);
-    Listener* const listener = Listener::Open(m_roster, local, m_options.maxPerAddress,
-                                              [this](CSockStream& peer) { Session::Create(*this, peer); });
+    const size_t most = m_options.pools != 0 ? size_t{m_options.pools} * CPoolSet::PLACES : kMembers;
+    Listener* const listener = Listener::Open(m_roster, local, most, m_options.maxPerAddress,
+                                              [this](CSockStream& peer) { admit(peer); });
     setListener(listener);
     if (listener != nullptr) {
         announce(listener->address());
@@ -88,6 +94,17 @@ int Relay::run(EndSignals& signals, int fd) {
     m_roster.waitUntilEmpty();
     CGuard guard(m_mutex);
     return listener != nullptr ? m_result : 1;
+}
+
+/// A session reads, and is waited on for room: it needs a place for each. Whom no pool has places for is
+/// closed.
+void Relay::admit(CSockStream& peer) {
+    CPoolSet::Place place;
+    if (m_options.pools == 0 || m_pools.Next(SOCK_READ + SOCK_WRITE, place) == 0) {
+        Session::Create(*this, peer, std::move(place));
+    } else {
+        count(&Counters::refused);
+    }
 }
 
 void Relay::setListener(Listener* listener) {

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include <Infra/Mutex.h>
+#include <Reticor/PoolSet.h>
 #include <nlohmann/json_fwd.hpp>
 
 #include "media_relay/EndSignals.h"
@@ -70,6 +71,7 @@ private:
     std::vector<std::shared_ptr<Client>> clientsBySuffering();
     nlohmann::json describeEnded();
     void setListener(Listener* listener);
+    void admit(Orvex::Reticor::CSockStream& peer);
     void startSource(int fd);
     void announce(const std::string& address) const;
     void printStatus();
@@ -77,6 +79,7 @@ private:
     bool isOver();
 
     const Options m_options;
+    Orvex::Reticor::CPoolSet m_pools;  // ends after its sessions, which the roster waits for
     Roster m_roster;
     LiveStream m_stream;
     MulticastOutput m_multicast;

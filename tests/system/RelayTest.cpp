@@ -2,10 +2,12 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <algorithm>
 #include <cstdlib>
+#include <deque>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -162,6 +164,26 @@ TEST(Relay, RefusesOneClientTooMany) {
     Viewer third(relay, "/live.mjpg");
     EXPECT_EQ("HTTP/1.1 200 OK\r", third.receiveLine());
     EXPECT_EQ(1, relay.stats()["totals"]["refused"]);
+    EXPECT_EQ(0, relay.end());
+}
+
+TEST(Relay, ServesMoreClientsThanOnePoolHasPlacesFor) {
+    rlimit limit{};
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &limit));
+    limit.rlim_cur = limit.rlim_max;
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &limit));
+    constexpr size_t CLIENTS = 4200;  // a pool watches 4095 sockets
+    ASSERT_LT(CLIENTS + 100, limit.rlim_cur);
+    RelayProgram relay({"--max-clients", "4200", "--max-per-address", "0", "--fps", "1", "--size", "160x120",
+                        "--request-timeout", "3600"});
+    std::deque<Viewer> viewers;
+    for (size_t i = 0; i < CLIENTS; ++i) {
+        viewers.emplace_back(relay, "/live.mjpg", 4096);
+    }
+    for (Viewer& viewer : viewers) {
+        ASSERT_EQ("HTTP/1.1 200 OK\r", viewer.receiveLine());
+    }
+    EXPECT_EQ("HTTP/1.1 503 Service Unavailable", statusOf(relay.get("/live.mjpg")));
     EXPECT_EQ(0, relay.end());
 }
 
@@ -435,6 +457,8 @@ TEST(Relay, RefusesOptionsThatMakeNoSense) {
         EXPECT_NE(1, result) << target;  // not for the missing file
     }
     runToEnd({"--size", "641x360"}, result);
+    EXPECT_NE(0, result);
+    EXPECT_NE(runToEnd({"--pools", "2", "--max-clients", "8001"}, result).find("too few"), std::string::npos);
     EXPECT_NE(0, result);
     EXPECT_NE(runToEnd({"--start", "burst", "--max-lag", "0"}, result).find("need a --max-lag"),
               std::string::npos);

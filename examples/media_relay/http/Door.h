@@ -43,16 +43,16 @@ inline std::string originOf(const Orvex::Reticor::CSockStream& peer) {
 /// Thread safety: for the listener, under its mutex; `turnedAway` is for any thread.
 class Door {
 public:
-    /// At most `per_address` members come from one address; 0 is no limit.
-    Door(Roster& roster, size_t per_address)
-        : m_roster(roster), m_per_address(per_address), m_spare(open_spare()) {}
+    /// There are at most `most` members. At most `per_address` of them come from one address; 0 is no limit.
+    Door(Roster& roster, size_t most, size_t per_address)
+        : m_roster(roster), m_most(most), m_per_address(per_address), m_spare(open_spare()) {}
     ~Door() { close(m_spare); }
     Door(const Door&) = delete;
     Door& operator=(const Door&) = delete;
 
     /// Whether this client may become a member. If not, it is counted, and the caller closes it.
     bool admits(const Orvex::Reticor::CSockStream& peer) {
-        if (m_roster.size() >= MAX_MEMBERS) {
+        if (m_roster.size() >= m_most) {
             return refuse(NO_PLACE);
         }
         if (m_per_address != 0) {
@@ -97,7 +97,6 @@ public:
 
 private:
     enum Reason { NO_PLACE, TOO_MANY, NO_DESCRIPTOR, REASONS };
-    static constexpr size_t MAX_MEMBERS = 4090;  // a pool watches 4095 sockets for reading
 
     static int open_spare() { return open("/dev/null", O_RDONLY | O_CLOEXEC); }
 
@@ -108,6 +107,7 @@ private:
     }
 
     Roster& m_roster;
+    const size_t m_most;
     const size_t m_per_address;
     int m_spare;  // a descriptor for the time when there is none left
     std::array<uint64_t, REASONS> m_news{};

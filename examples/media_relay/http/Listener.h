@@ -28,11 +28,11 @@ class Listener : public Member {
 public:
     using Create = std::function<void(Orvex::Reticor::CSockStream&)>;
 
-    /// At most `per_address` clients come from one address; 0 is no limit. Null if the address cannot be
-    /// listened on; the library has logged why.
-    static Listener* Open(Roster& roster, const Orvex::Reticor::CSockAddr& local, size_t per_address,
-                          Create create) {
-        auto* self = new Listener(roster, per_address, std::move(create));
+    /// There are at most `most` members, and at most `per_address` clients come from one address; 0 is no
+    /// limit. Null if the address cannot be listened on; the library has logged why.
+    static Listener* Open(Roster& roster, const Orvex::Reticor::CSockAddr& local, size_t most,
+                          size_t per_address, Create create) {
+        auto* self = new Listener(roster, most, per_address, std::move(create));
         self->AddRef();  // keeps it until DecRef, whatever start and Close bring about on other threads
         const bool started = self->start(local);
         if (!started) {
@@ -102,8 +102,8 @@ private:
     static constexpr int64_t REST_US = 50000;    // before somebody is tried to be accepted again
     static constexpr int64_t TELL_US = 1000000;  // between two lines
 
-    Listener(Roster& roster, size_t per_address, Create create)
-        : Member(roster), m_create(std::move(create)), m_door(roster, per_address) {}
+    Listener(Roster& roster, size_t most, size_t per_address, Create create)
+        : Member(roster), m_create(std::move(create)), m_door(roster, most, per_address) {}
 
     bool start(const Orvex::Reticor::CSockAddr& local) {
         enter();

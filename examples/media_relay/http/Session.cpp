@@ -3,6 +3,7 @@
 #include "media_relay/http/Session.h"
 
 #include <sys/socket.h>
+#include <algorithm>
 #include <cstdio>
 #include <utility>
 
@@ -62,10 +63,11 @@ std::string liveHead(bool test) {
 
 }  // namespace
 
-Session::Session(Relay& relay) : Member(relay.roster()), m_relay(relay) {}
+Session::Session(Relay& relay, CPoolSet::Place place)
+    : Member(relay.roster(), std::max(place.GetPool(), 0)), m_relay(relay), m_place(std::move(place)) {}
 
-void Session::Create(Relay& relay, CSockStream& peer) {
-    auto* self = new Session(relay);
+void Session::Create(Relay& relay, CSockStream& peer, CPoolSet::Place place) {
+    auto* self = new Session(relay, std::move(place));
     self->AddRef();  // the client may hang up, and the handler end, while start still runs
     self->start(peer);
     self->DecRef();

@@ -7,6 +7,7 @@
 
 #include <Infra/Mutex.h>
 #include <Reticor/MediaStreamSender.h>
+#include <Reticor/PoolSet.h>
 #include <Reticor/SockStream.h>
 #include <Reticor/StreamSender.h>
 
@@ -24,7 +25,9 @@ namespace relay {
 /// of the program, and the look at the socket after entering it.
 class Session : public Member {
 public:
-    static void Create(Relay& relay, Orvex::Reticor::CSockStream& peer);
+    /// On the pool of `place`, on the public one if that is empty.
+    static void Create(Relay& relay, Orvex::Reticor::CSockStream& peer,
+                       Orvex::Reticor::CPoolSet::Place place);
 
     int handle_input(int fd) override;
     int handle_output(int fd) override;
@@ -39,7 +42,7 @@ private:
         Watching,   // gets the live stream
     };
 
-    explicit Session(Relay& relay);
+    Session(Relay& relay, Orvex::Reticor::CPoolSet::Place place);
 
     void start(Orvex::Reticor::CSockStream& peer);
     void read(const char* bytes, size_t size) INFRA_REQUIRES(m_mutex);
@@ -57,6 +60,7 @@ private:
     std::string peerAddress() INFRA_REQUIRES(m_mutex);
 
     Relay& m_relay;
+    const Orvex::Reticor::CPoolSet::Place m_place;  // goes with this object, when the socket is removed
     Orvex::Infra::CMutex m_mutex;
     State m_state INFRA_GUARDED_BY(m_mutex) = State::Reading;
     Orvex::Reticor::CSockStream m_sock INFRA_GUARDED_BY(m_mutex);
