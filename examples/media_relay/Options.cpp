@@ -131,6 +131,9 @@ int readOptions(int argc, char** argv, Options& options) {
     app.add_option("--multicast-ttl", options.multicastTtl, "routers that it may pass")
         ->check(CLI::Range(0, 255))
         ->capture_default_str();
+    app.add_option("--stats", options.statsPath,
+                   "path of a socket that answers reticor-top, also while all workers hang")
+        ->type_name("PATH");
     app.add_flag("--verbose", options.verbose, "also log what the library logs: connections that break");
     CLI11_PARSE(app, argc, argv);
 

@@ -32,6 +32,7 @@ struct Options {
     unsigned height = 360;
     unsigned fps = 25;
     bool twoQualities = false;  // of the test picture
+    std::string statsPath;      // of the statistics socket; empty: none
     bool verbose = false;
 
     bool isTest() const { return input == "test"; }

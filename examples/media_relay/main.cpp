@@ -19,6 +19,7 @@
 #include "media_relay/TsSource.h"
 
 using namespace relay;
+using Orvex::Reticor::CNetThread;
 
 namespace {
 
@@ -46,6 +47,9 @@ int main(int argc, char** argv) {
     }
     EndSignals signals;
     raiseDescriptorLimit();
+    if (!options.statsPath.empty() && CNetThread::ServeStats(options.statsPath.c_str()) != 0) {
+        return 1;
+    }
     if (Orvex::Reticor::CreateThreadPool(options.threads, 0) != 0) {
         return 1;
     }
@@ -55,5 +59,6 @@ int main(int argc, char** argv) {
         ended = relay.run(signals, fd);
     }
     Orvex::Reticor::DestroyThreadPool();
+    CNetThread::StopServingStats();
     return ended;
 }
