@@ -43,7 +43,7 @@ function(reticor_library name alias output)
   endif()
   add_library(Orvex::${alias} ALIAS ${name})
   target_compile_features(${name} PUBLIC cxx_std_17)
-  target_link_libraries(${name} PUBLIC Threads::Threads)
+  target_link_libraries(${name} PUBLIC Threads::Threads ${CMAKE_DL_LIBS})  # the latter: C libraries before 2.34
   set_target_properties(${name} PROPERTIES EXPORT_NAME ${alias} OUTPUT_NAME ${output} LINKER_LANGUAGE CXX)
 endfunction()
 

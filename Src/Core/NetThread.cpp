@@ -9,7 +9,6 @@
 #include <memory>
 #include <new>
 #include <utility>
-#include <vector>
 
 #include <Infra/LockClasses.h>
 #include <Infra/Log.h>
@@ -19,6 +18,7 @@
 #include <Reticor/TsMemory.h>
 
 #include "Core/handle/HandlerDrops.h"
+#include "Core/handle/HolderNotes.h"
 #include "Core/pool/PoolTable.h"
 #include "Core/pool/ThreadPool.h"
 #include "Core/record/EventFreeList.h"
@@ -389,18 +389,20 @@ int CNetThread::GetSocksWithoutPlace(int pool) {
 }
 
 int CNetThread::ListHandlers(bool (*call)(void* context, const HandlerInfo& handler), void* context) {
-    std::vector<HandlerInfo> handlers;
-    try {
-        list_handlers(handlers);
-    } catch (const std::bad_alloc&) {
+    HandlerListing listing;
+    if (!listing.Gather()) {
         return -1;
     }
-    for (const HandlerInfo& handler : handlers) {
+    for (const HandlerInfo& handler : listing.handlers()) {
         if (!call(context, handler)) {
             break;
         }
     }
-    return static_cast<int>(handlers.size());
+    return static_cast<int>(listing.handlers().size());
+}
+
+void CNetThread::SetHolderNotes(bool on) {
+    HolderNotes::Switch(on);
 }
 
 int CNetThread::SetStuckLimit(int limit_ms) {

@@ -104,6 +104,13 @@ public:
     /// thread, also inside `handle_*`; waits for no handler. Result: how many there were; -1 without memory.
     static int ListHandlers(bool (*call)(void* context, const HandlerInfo& handler), void* context);
 
+    /// Has the places noted that take references on a handler (`CNetHandler::AddRef`) or give them back, for
+    /// each handler that is made from now on, or not any more: `ListHandlers` tells them, so that a handler
+    /// that does not end has somebody to blame. Off at the start. A handler that was made while it was on
+    /// keeps its notes, of sixteen places, in some 400 bytes of its own; one that was made before, or without
+    /// memory for them, has none. Any thread, also inside `handle_*`; does not block.
+    static void SetHolderNotes(bool on);
+
     /// Has calls of handlers named that run longer than `limit_ms` milliseconds: a line at level 2, once for
     /// each call, no later than twice the limit after its beginning. It tells pool, thread, class, id, which
     /// call, and whether it blocks, and where, or spins. 0 ends that, as it is at the start. A thread of its
@@ -117,7 +124,7 @@ public:
 
     /// Answers at a Unix socket at `path`, which this user alone may open, what the process does: from a
     /// thread of its own, so also while all workers hang. A client sends a line ("text", "json", "metrics",
-    /// "handlers", "timing on" or "timing off") and gets the answer; then its connection is closed. Sixteen
+    /// "handlers", "holders on" and so on) and gets the answer; then its connection is closed. Sixteen
     /// may be connected; whoever has been so longest gives way to the next one. A socket at the path that
     /// nobody listens at is replaced. It stays until StopServingStats, whatever pools there are. Result: 0;
     /// -1, with a line at level 2, if it serves already, the path is empty, taken or above 107 bytes, or the

@@ -59,6 +59,8 @@ struct ProcessStats {
     TimeSpread timer_lateness;             ///< From a timer's time until it was given to its pool.
     uint64_t stuck;       ///< Calls that run longer than `CNetThread::SetStuckLimit` says, now.
     uint64_t stuck_ever;  ///< Calls that were named for that.
+    int32_t pid;          ///< The process's number, getpid(2).
+    uint32_t reserved;    ///< 0.
 };
 
 /// A pool. Counters go on over all lives of the pools with that index.
@@ -108,7 +110,8 @@ struct WorkerStats {
     uint64_t calls;                       ///< Of handlers.
     uint64_t served;                      ///< Records that it took.
     int64_t handler;                      ///< The id of the handler in whose call it is; 0 for none.
-    const char* call;  ///< "handle_input" and so on; empty for none. Good for the life of the process.
+    const char* call;        ///< "handle_input" and so on; empty for none. Good for the life of the process.
+    const char* class_name;  ///< Of that handler, as in HandlerClassStats; empty for none. As long.
 };
 
 /// A class of handlers. Classes of equal name are one. An object whose handler was never called, and has
@@ -125,6 +128,22 @@ struct HandlerClassStats {
     uint64_t time_ns;  ///< and how long they took together.
 };
 
+/// A place in the code that takes references on a handler, or gives them back (`CNetThread::SetHolderNotes`).
+/// Which reference it is that a place gives back nobody knows: one that takes and never gives back stands out
+/// by its count, one with a partner elsewhere by the partner's.
+struct HandlerHolder {
+    uint32_t size = sizeof(HandlerHolder);  ///< Bytes that the library knows.
+    uint32_t version = STATS_VERSION;       ///< Of the library.
+    const char* function;  ///< Readable, where the module exports its name (programs: -rdynamic); else empty.
+    const char* module;    ///< The path of the program or the library; empty of one that was unloaded.
+    uint64_t offset;       ///< Of the call, in that file, as addr2line(1) and debuggers take it.
+    uint64_t address;     ///< Where the call returns to, in this process; 0: all places beyond the sixteenth.
+    uint64_t taken;       ///< `AddRef` was called there.
+    uint64_t given_back;  ///< `DecRef` was.
+    uint32_t in_library;  ///< 1 if this library's own code did so, where it is linked as a shared library.
+    uint32_t reserved;    ///< 0.
+};
+
 /// A handler at one moment.
 struct HandlerInfo {
     uint32_t size = sizeof(HandlerInfo);  ///< Bytes that the library knows.
@@ -139,6 +158,12 @@ struct HandlerInfo {
     int64_t references;  ///< That keep it alive; one of them is the pool's until it is detached.
     int64_t sockets;     ///< Registered on it.
     uint64_t timers;     ///< Armed.
+
+    uint32_t noted;  ///< 1 if it was made after `CNetThread::SetHolderNotes(true)`; the rest is 0 if not.
+    uint32_t holder_count;  ///< Of `holders`.
+    /// Places that took references or gave them back, those that hold most first. Good during the call.
+    const HandlerHolder* const* holders;
+    int64_t own_references;  ///< Those of no such place: the pool's, and of calls under way.
 };
 
 /// A call of a handler that does not come back.

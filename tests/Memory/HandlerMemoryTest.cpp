@@ -6,6 +6,7 @@
 
 #include <Reticor/Stats.h>
 
+#include "Core/handle/HandlerInternal.h"
 #include "support/PoolFixture.h"
 #include "support/core/SocketPair.h"
 #include "support/memory/MemorySweep.h"
@@ -54,6 +55,34 @@ protected:
     TestHandler* handler = nullptr;
     std::shared_ptr<HandlerLife> life;
 };
+
+TEST_F(HandlerMemory, AHandlerWithoutMemoryForItsNotesGoesWithoutThem) {
+    size_t with = 0;
+    size_t without = 0;
+    CNetThread::SetHolderNotes(true);
+    sweep([&](size_t successes, Extent extent) {
+        const NoRecords none;
+        alignas(Plain) char room[sizeof(Plain)];
+        Plain* made = nullptr;
+        const Swept swept = withFault(successes, extent, [&] { made = new (room) Plain; });
+        made->AddRef();
+        made->DecRef();
+        if (made->GetID() != 0) {
+            const bool noted = Reticor::HandlerInternal::Of(*made).m_holders != nullptr;
+            EXPECT_EQ(0u, swept.lines) << swept.text;
+            ++(noted ? with : without);
+            EXPECT_TRUE(noted || swept.hit);
+        }
+        made->Close();
+        EXPECT_EVENTUALLY(made->closes == 1);
+        made->~Plain();
+        return swept.hit;
+    });
+    CNetThread::SetHolderNotes(false);
+    EXPECT_LT(0u, with);
+    EXPECT_LT(0u, without);
+    expectItWorks();
+}
 
 TEST_F(HandlerMemory, AHandlerIsOpenOrClosedFromTheStart) {
     sweep([&](size_t successes, Extent extent) {

@@ -85,6 +85,9 @@ TEST(LookAtProcess, ReadsTheProcessItself) {
     EXPECT_FALSE(look.is_relay);
     EXPECT_EQ(1u, look.version);
     EXPECT_EQ(17u, look.taken_us) << "its own clock, not ours";
+    EXPECT_EQ(0, look.pid) << "nothing is told of it";
+    all["pid"] = 4712;
+    EXPECT_EQ(4712, Samples::read(all).pid);
     EXPECT_TRUE(look.timing);
     EXPECT_EQ(2u, look.handlers);
     EXPECT_EQ(1u, look.timers_armed);
@@ -398,6 +401,8 @@ TEST(LookAtHandlers, ReadsIdsAndClasses) {
     const auto found = readClassesOfHandlers(
         "age_s       pool id                 state     refs  socks timers class\n"
         "3.036       0    -6553600           open      3     1     0      Shop::Till\n"
+        "            taken 2, given back 0: Shop::Desk::Open(int, long) const, shop+0x1a2f\n"
+        "            held by the library for itself: 1\n"
         "3.036       1    -6619136           closing   1     0     0      std::pair<int, long>\n");
     ASSERT_EQ(2u, found.size());
     EXPECT_EQ("-6553600", found[0].first);

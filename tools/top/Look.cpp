@@ -183,6 +183,7 @@ void read_process(const json& from, uint64_t now_us, Look& look) {
     look.stuck = count(from, "stuck");
     look.stuck_ever = count(from, "stuck_ever");
     look.lateness = spread(from, "timer_lateness");
+    look.pid = index(from, "pid");
     read_rows(from, "pools", look.pools);
     read_rows(from, "workers", look.workers);
     read_rows(from, "classes", look.classes);
@@ -269,13 +270,17 @@ bool Look::read(const std::string& text, uint64_t now_us, std::string& wrong) {
     return true;
 }
 
-/// Columns: age, pool, id, state, references, sockets, timers, class; the class may have blanks.
+/// Columns: age, pool, id, state, references, sockets, timers, class; the class may have blanks. Lines that
+/// begin with some tell more of the handler above them.
 std::vector<std::pair<std::string, std::string>> readClassesOfHandlers(const std::string& text) {
     std::vector<std::pair<std::string, std::string>> found;
     std::istringstream lines(text);
     std::string line;
     std::getline(lines, line);  // the titles
     while (std::getline(lines, line)) {
+        if (line.empty() || line.front() == ' ') {
+            continue;
+        }
         std::istringstream words(line);
         std::string id;
         std::string skipped;

@@ -77,6 +77,7 @@ struct Look {
     bool is_relay = false;
     uint64_t version = 0;
     uint64_t taken_us = 0;
+    int64_t pid = 0;  ///< Of the process, as it says itself; 0 if it does not.
     bool timing = false;
     uint64_t handlers = 0, timers_armed = 0, stuck = 0, stuck_ever = 0;
     SpreadFigures lateness;

@@ -35,9 +35,10 @@ int ms_until(uint64_t then_us) {
     return then_us > now ? static_cast<int>(std::min<uint64_t>((then_us - now) / 1000 + 1, 60000)) : 0;
 }
 
-std::string describe(pid_t process) {
+/// `told`: its number as it says itself, where the system does not say it, or has another one here.
+std::string describe(pid_t process, int64_t told) {
     if (process <= 0) {
-        return "";
+        return told > 0 ? "pid " + std::to_string(told) : "";
     }
     std::string name;
     std::getline(std::ifstream("/proc/" + std::to_string(process) + "/comm"), name);
@@ -93,7 +94,7 @@ bool Watch::look_and_wait(std::string& answer) {
         return false;
     }
     m_model.add(std::move(look), m_feed.peer());
-    m_contact.process = describe(m_feed.peer());
+    m_contact.process = describe(m_feed.peer(), m_model.now().pid);
     return true;
 }
 
@@ -184,7 +185,7 @@ void Watch::take_answer() {
         m_settings.notice = "another process answers now: rates begin anew";
         m_wanted = m_times_are_ours ? "timing on" : "";
     }
-    m_contact.process = describe(m_feed.peer());
+    m_contact.process = describe(m_feed.peer(), m_model.now().pid);
     if (!m_model.now().is_relay && m_wanted.empty() && !m_model.namelessCalls().empty()) {
         m_wanted = "handlers";
     }

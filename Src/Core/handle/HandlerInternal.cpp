@@ -26,6 +26,7 @@ HandlerInternal* HandlerInternal::Create(CNetHandler* owner) {
         put_event(close_event);
         return None();
     }
+    internal->m_holders = HolderNotes::Create();
     HandlerList::Enter(*internal);
     return internal;
 }
@@ -38,6 +39,9 @@ void HandlerInternal::Destroy(HandlerInternal* internal) {
         put_event(internal->m_close_event);
     }
     HandlerList::Leave(*internal);
+    if (internal->m_holders != nullptr) {
+        internal->m_holders->Drop();
+    }
     delete internal;
 }
 

@@ -58,6 +58,19 @@ struct HandlerInternal : HandlerNode {
     /// As the operations of CNetHandler with these names: pins and tables need them below it.
     void AddRef() { m_ref.fetch_add(1, std::memory_order_relaxed); }
     void DecRef();
+    /// The same for the product, from `place`.
+    void AddRefFrom(const void* place) {
+        if (__builtin_expect(m_holders != nullptr, 0)) {
+            m_holders->NoteTaken(place);
+        }
+        AddRef();
+    }
+    void DecRefFrom(const void* place) {
+        if (__builtin_expect(m_holders != nullptr, 0)) {
+            m_holders->NoteGivenBack(place);  // ahead of it: then the object may be gone
+        }
+        DecRef();
+    }
     void AddSock() { m_sock.fetch_add(1, std::memory_order_relaxed); }
     void DecSock() { m_sock.fetch_sub(1, std::memory_order_relaxed); }
     long GetID() const { return static_cast<long>(m_entry.m_id); }

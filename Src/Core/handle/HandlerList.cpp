@@ -66,6 +66,7 @@ HandlerFacts HandlerList::facts_of(const HandlerNode& handler) {
     facts.sockets = handler.m_sock.load(std::memory_order_relaxed);
     facts.born_ms = handler.m_born_ms;
     facts.dropped_soon = Infra::relaxedLoad(handler.m_drop_listed);
+    facts.holders = HolderNotesPin(handler.m_holders);
     if (handler.m_close_called.load(std::memory_order_relaxed) != 0) {
         facts.state = HandlerState::RELEASED;
     } else if (handler.m_detached.load(std::memory_order_relaxed)) {

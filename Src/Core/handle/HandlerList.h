@@ -9,6 +9,7 @@
 #include <Infra/Mutex.h>
 
 #include "Core/count/ThreadCounts.h"
+#include "Core/handle/HolderNotes.h"
 
 namespace Orvex::Reticor {
 
@@ -45,6 +46,9 @@ struct HandlerNode {
     std::atomic<int64_t> m_ref{0};
     /// Sockets registered on the object.
     std::atomic<int64_t> m_sock{0};
+    /// Where the product took and gave back references; null unless that is noted. Constant while the handler
+    /// is in the list.
+    HolderNotes* m_holders = nullptr;
 
     /// The row of the handler's class as an offset into ThreadCounts, and for which virtual table it is: that
     /// of a base class while the object is made or ended. The row is written first.
@@ -85,7 +89,8 @@ struct HandlerFacts {
     bool dropped_soon;  ///< One of HandlerDrops has a reference on it.
     int64_t references;
     int64_t sockets;
-    uint32_t born_ms;  ///< On the clock of HandlerList::NowMs.
+    uint32_t born_ms;        ///< On the clock of HandlerList::NowMs.
+    HolderNotesPin holders;  ///< Empty without notes.
 };
 
 /// Spread over lists with a lock each, so that threads that make handlers seldom meet.

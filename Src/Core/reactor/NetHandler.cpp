@@ -68,12 +68,13 @@ void CNetHandler::Close() {
     }
 }
 
-void CNetHandler::AddRef() {
-    m_internal->AddRef();
+// Never inline: where they return to is the place that takes the reference, or gives it back.
+__attribute__((noinline)) void CNetHandler::AddRef() {
+    m_internal->AddRefFrom(__builtin_return_address(0));
 }
 
-void CNetHandler::DecRef() {
-    m_internal->DecRef();
+__attribute__((noinline)) void CNetHandler::DecRef() {
+    m_internal->DecRefFrom(__builtin_return_address(0));
 }
 
 void CNetHandler::AddSock() {
@@ -94,7 +95,7 @@ int CNetHandler::RegisterSock(CSock& sock, unsigned int mask, int timeout) {
     }
     m_internal->RowOffset(*this);
     const int result = CNetSock::RegisterSock(this, sock, mask, timeout);
-    DecRef();
+    m_internal->DecRef();
     return result;
 }
 
@@ -125,7 +126,7 @@ long CNetHandler::SetTimer(int64_t us) {
     }
     m_internal->RowOffset(*this);
     const long id = CNetTimer::SetTimer(GetID(), us);
-    DecRef();
+    m_internal->DecRef();
     return id;
 }
 

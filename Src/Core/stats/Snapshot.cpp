@@ -2,10 +2,12 @@
 #include "Core/stats/Snapshot.h"
 
 #include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <new>
+#include <unordered_map>
 
 #include <Infra/LockClasses.h>
 #include <Infra/Mutex.h>
@@ -139,6 +141,7 @@ WorkerStats stats_of(const ThreadCounts& block) {
     stats.served = served_by(block.m_pool_tally);
     stats.handler = call != 0 ? ThreadCounts::id_in(call) : 0;
     stats.call = call_name(ThreadCounts::kind_in(call));
+    stats.class_name = "";
     return stats;
 }
 
@@ -175,6 +178,7 @@ void Snapshot::gather_process() {
     process.timer_lateness = spread_of(late);
     process.stuck = StuckWatch::Now();
     process.stuck_ever = StuckWatch::Total();
+    process.pid = ::getpid();
 }
 
 void Snapshot::gather_pools() {
@@ -236,10 +240,21 @@ void Snapshot::gather_classes() {
             sums[row].time_ns += tally.time_ns.Get();
         },
         [](int, const PoolTally&, uint64_t) {});
+    std::unordered_map<int64_t, const char*> called;  // by the handler's id
+    for (const WorkerStats& worker : workers) {
+        called.emplace(worker.handler, "");
+    }
     HandlerList::ForEach([&](const HandlerFacts& facts) {
+        const auto found = facts.id != 0 ? called.find(facts.id) : called.end();
+        if (found != called.end()) {
+            found->second = ClassRows::Name(facts.row);
+        }
         ++process.handlers;
         sums[facts.row].live += facts.state != HandlerState::RELEASED ? 1 : 0;
     });
+    for (WorkerStats& worker : workers) {
+        worker.class_name = called[worker.handler];
+    }
     classes.reserve(ClassRows::COUNT);
     for (uint32_t row = 0; row < ClassRows::COUNT; ++row) {
         const ClassSum& sum = sums[row];

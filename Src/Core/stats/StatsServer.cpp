@@ -16,6 +16,7 @@
 #include <Reticor/Recorder.h>
 
 #include "Core/count/Timing.h"
+#include "Core/handle/HolderNotes.h"
 #include "Core/stats/HandlerListing.h"
 #include "Core/stats/StatsTexts.h"
 #include "Socket/address/SockError.h"
@@ -89,10 +90,16 @@ std::string stats_answer(const std::string& request) {
     if (request == "recorder on" || request == "recorder off" || request == "recorder dump") {
         return recorder_answer(request);
     }
+    if (request == "holders on" || request == "holders off") {
+        HolderNotes::Switch(request == "holders on");
+        return request + "\n";
+    }
     if (request == "handlers") {
-        std::vector<HandlerInfo> handlers;
-        list_handlers(handlers);
-        write_handlers(handlers, out);
+        HandlerListing listing;
+        if (!listing.Gather()) {
+            return "no memory\n";
+        }
+        write_handlers(listing.handlers(), out);
         return std::move(out.text());
     }
     Snapshot snapshot;
@@ -107,7 +114,7 @@ std::string stats_answer(const std::string& request) {
         write_text(snapshot, out);
     } else {
         out << "unknown request; there are: text json metrics handlers timing on timing off "
-               "recorder on recorder off recorder dump\n";
+               "recorder on recorder off recorder dump holders on holders off\n";
     }
     return std::move(out.text());
 }

@@ -88,7 +88,8 @@ void json_of_worker(const WorkerStats& worker, TextRoom& out) {
     out << "{\"pool\":" << worker.pool << ",\"thread\":" << worker.thread_id
         << ",\"cpu_ns\":" << worker.cpu_ns << ",\"calls\":" << worker.calls << ",\"served\":" << worker.served
         << ",\"handler\":\"" << worker.handler << "\",\"call\":";
-    out.Quote(worker.call) << "}";
+    out.Quote(worker.call) << ",\"class\":";
+    out.Quote(worker.class_name) << "}";
 }
 
 void json_of_class(const HandlerClassStats& row, TextRoom& out) {
@@ -201,6 +202,37 @@ void text_of_media(const MediaRows& media, TextRoom& out) {
     }
 }
 
+/// As much as is known of it: function, file and offset, or the bare address.
+void text_of_place(const HandlerHolder& holder, TextRoom& out) {
+    if (holder.address == 0) {
+        out << "other places";
+        return;
+    }
+    const std::string_view module = holder.module;
+    if (module.empty()) {
+        out.Hex(holder.address);
+        return;
+    }
+    if (*holder.function != '\0') {
+        out << holder.function << ", ";
+    }
+    out << module.substr(module.rfind('/') + 1) << "+";
+    out.Hex(holder.offset);
+}
+
+void text_of_holders(const HandlerInfo& handler, TextRoom& out) {
+    if (handler.noted == 0) {
+        return;
+    }
+    for (uint32_t place = 0; place < handler.holder_count; ++place) {
+        const HandlerHolder& holder = *handler.holders[place];
+        out.Column(12) << "taken " << holder.taken << ", given back " << holder.given_back << ": ";
+        text_of_place(holder, out);
+        out << "\n";
+    }
+    out.Column(12) << "held by the library for itself: " << handler.own_references << "\n";
+}
+
 template <class Row>
 void json_list(const char* name, const std::vector<Row>& rows, void (*write)(const Row&, TextRoom&),
                TextRoom& out) {
@@ -265,7 +297,7 @@ void write_json(const Snapshot& snapshot, TextRoom& out) {
     json_list("objects", snapshot.objects, &json_of_object, out);
     json_list("media_buffers", snapshot.media.buffers, &json_of_buffer, out);
     json_list("media_senders", snapshot.media.senders, &json_of_sender, out);
-    out << "}\n";
+    out << ",\"pid\":" << process.pid << "}\n";
 }
 
 void write_handlers(const std::vector<HandlerInfo>& handlers, TextRoom& out) {
@@ -285,6 +317,7 @@ void write_handlers(const std::vector<HandlerInfo>& handlers, TextRoom& out) {
         out.Column(52) << handler.sockets;
         out.Column(58) << handler.timers;
         out.Column(65) << handler.class_name << "\n";
+        text_of_holders(handler, out);
     }
 }
 

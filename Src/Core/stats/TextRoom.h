@@ -35,6 +35,14 @@ public:
         return *this;
     }
 
+    /// As 0x1a2f.
+    TextRoom& Hex(uint64_t number) {
+        char digits[16];
+        const std::to_chars_result end = std::to_chars(digits, digits + sizeof(digits), number, 16);
+        m_text.append("0x").append(digits, end.ptr);
+        return *this;
+    }
+
     /// In quotes. What JSON and the exposition format would take for something else is escaped as both do.
     TextRoom& Quote(std::string_view text) {
         m_text += '"';

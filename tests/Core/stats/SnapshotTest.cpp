@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <atomic>
 #include <memory>
@@ -51,6 +53,7 @@ TEST(Snapshot, WithoutTheLibraryThereAreNoPoolsAndNoWorkers) {
     EXPECT_EQ(0u, snapshot.process.handlers);
     EXPECT_EQ(0u, snapshot.process.timers_armed);
     EXPECT_EQ(0u, snapshot.process.timer_lateness.GetCount());
+    EXPECT_EQ(::getpid(), snapshot.process.pid);
     EXPECT_GE(snapshot.process.taken_us, before);
     EXPECT_LE(snapshot.process.taken_us, Infra::CTime::getCurrentMicroSecond());
 }

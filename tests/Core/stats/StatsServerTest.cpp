@@ -214,7 +214,7 @@ int ownDescriptors() {
 
 constexpr char UNKNOWN[] =
     "unknown request; there are: text json metrics handlers timing on timing off recorder on recorder off "
-    "recorder dump\n";
+    "recorder dump holders on holders off\n";
 
 TEST_F(StatsServing, ARequestMayComeByteByByteWhileOthersAreServed) {
     StatsClient slow(path);

@@ -124,10 +124,12 @@ TEST_F(Stats, WorkersTellInWhichCallTheyAre) {
         if (worker.handler == handler->GetID()) {
             ++found;
             EXPECT_STREQ("handle_message", worker.call);
+            EXPECT_STREQ("Orvex::Testing::TestHandler", worker.class_name);
             EXPECT_EQ(0, worker.pool);
         } else {
             EXPECT_EQ(0, worker.handler);
             EXPECT_STREQ("", worker.call);
+            EXPECT_STREQ("", worker.class_name);
         }
     }
     EXPECT_EQ(1, found);

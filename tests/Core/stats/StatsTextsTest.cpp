@@ -273,6 +273,8 @@ void expectWorker(const WorkerStats& worker, const JsonValue& json) {
     EXPECT_TRUE(json["served"].is(worker.served));
     EXPECT_TRUE(json["handler"].is(std::to_string(worker.handler))) << "a string";
     EXPECT_TRUE(json["call"].is(std::string(worker.call)));
+    EXPECT_TRUE(json["class"].is(std::string(worker.class_name))) << worker.class_name;
+    EXPECT_EQ(8u, json.size());
 }
 
 void expectClass(const HandlerClassStats& row, const JsonValue& json) {
@@ -331,7 +333,8 @@ TEST(MadeTexts, WhatIsReadFromTheJsonIsWhatWasInTheSnapshot) {
         const std::optional<JsonValue> read = JsonValue::parse(text);
         ASSERT_TRUE(read) << text;
         EXPECT_EQ(text.size() - 1, text.find('\n')) << "one line";
-        EXPECT_EQ(14u, read->size());
+        EXPECT_EQ(15u, read->size());
+        EXPECT_EQ(std::to_string(from.process.pid), (*read)["pid"].text());
         EXPECT_TRUE((*read)["version"].is(uint64_t{STATS_VERSION}));
         EXPECT_TRUE((*read)["taken_us"].is(from.process.taken_us));
         EXPECT_EQ(from.process.timing != 0 ? "true" : "false", (*read)["timing"].text());

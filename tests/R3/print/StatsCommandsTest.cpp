@@ -60,6 +60,20 @@ TEST_F(StatsCommands, TimingIsSwitchedByItsArgument) {
     EXPECT_NE(std::string::npos, printed("statjson").find("\"timing\":false"));
 }
 
+TEST_F(StatsCommands, NotesOfHoldersAreSwitchedByTheirArgument) {
+    constexpr char OWN[] = "            held by the library for itself: 1\n";
+    printed("holders", 1);
+    auto* noted = new TestHandler;
+    printed("holders", 0);
+    auto* plain = new TestHandler;
+    const std::string list = printed("handlers");
+    const size_t first = list.find(OWN);
+    EXPECT_NE(std::string::npos, first) << list;
+    EXPECT_EQ(std::string::npos, list.find(OWN, first + 1)) << "one of the two: " << list;
+    noted->Close();
+    plain->Close();
+}
+
 TEST_F(StatsCommands, TheRecorderIsSwitchedByItsArgument) {
     EXPECT_EQ("recorder on\n", printed("recorder", 1));
     EXPECT_TRUE(CRecorder::IsOn());

@@ -23,6 +23,7 @@ public:
         snapshot.process.timers_armed = figure();
         snapshot.process.stuck = figure();
         snapshot.process.stuck_ever = figure();
+        snapshot.process.pid = m_random.between(1, 4000000);
         fill(snapshot.process.timer_lateness);
         for (int index = 0; index < m_random.between(0, 5); ++index) {
             add_pool(index * 9);
@@ -104,6 +105,7 @@ private:
         worker.served = figure();
         worker.handler = m_random.oneIn(2) ? 0 : -m_random.between<int64_t>(6553600, INT64_MAX);
         worker.call = worker.handler != 0 ? "handle_input" : "";
+        worker.class_name = worker.handler != 0 ? name() : "";
         snapshot.workers.push_back(worker);
     }
     void add_class() {
