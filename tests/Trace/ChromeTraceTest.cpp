@@ -171,6 +171,14 @@ TEST_F(Drawing, ABlockedSenderIsASpan) {
     }
 }
 
+TEST_F(Drawing, ASenderThatWasBlockedWhileTheDumpWasWrittenIsBlockedForNoTime) {
+    made.addThread(FIRST_THREAD, {at(100700, TRACE_BLOCKED, 2)});  // the dump began at 100000
+    const TraceReader picture = draw();
+    ASSERT_EQ(1u, picture.spansNamed("blocked"));
+    EXPECT_EQ(100700, picture.spans.begin()->second.from_ns);
+    EXPECT_EQ(100700, picture.spans.begin()->second.to_ns);
+}
+
 TEST_F(Drawing, FileTasksAreSlices) {
     made.addThread(FIRST_THREAD, {at(10, TRACE_TASK_BEGIN, 0x10), at(50, TRACE_TASK_END, 0x10),
                                   at(60, TRACE_TASK_BEGIN, 0x10 | uint64_t{1} << TRACE_ADDRESS_SHIFT),

@@ -10,6 +10,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "Trace/TraceFormat.h"
 #include "trace/ChromeTrace.h"
 
 namespace Orvex::Testing {
@@ -32,8 +33,12 @@ struct DrawnArrow {
 
 class TraceReader {
 public:
-    explicit TraceReader(const std::string& text) {
+    // `by_rules`: whether the published rules are gone through as well, which takes as long as reading it.
+    explicit TraceReader(const std::string& text, bool by_rules = true) {
         const nlohmann::json whole = nlohmann::json::parse(text);
+        if (by_rules) {
+            EXPECT_EQ(std::vector<std::string>{}, TraceFormat::faultsOf(whole));
+        }
         for (const nlohmann::json& entry : whole.at("traceEvents")) {
             take(entry);
         }
@@ -152,10 +157,10 @@ private:
     std::map<int64_t, std::vector<DrawnSlice>> m_slices;  // by thread
 };
 
-inline TraceReader drawn(const trace::Dump& dump) {
+inline TraceReader drawn(const trace::Dump& dump, bool by_rules = true) {
     std::ostringstream out;
     trace::write_chrome_trace(dump, out);
-    return TraceReader(out.str());
+    return TraceReader(out.str(), by_rules);
 }
 
 }  // namespace Orvex::Testing

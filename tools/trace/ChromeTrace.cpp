@@ -305,7 +305,8 @@ private:
         m_entries.arrow(name, ++m_drawn.arrows, thread(from.row), from.us, thread(row), us);
     }
 
-    /// What still runs, and what is still blocked, does so until the dump.
+    /// What still runs, and what is still blocked, does so until the dump, or for no time if it began while
+    /// the dump was written.
     void end_all() {
         for (size_t row = 0; row < m_rows.size(); ++row) {
             while (!m_rows[row].open.empty()) {
@@ -314,7 +315,8 @@ private:
             }
         }
         while (!m_blocked.empty()) {
-            unblock(m_blocked.begin()->first, m_dump.end_us);
+            const auto& [sender, since] = *m_blocked.begin();
+            unblock(sender, std::max(m_dump.end_us, since.us));
         }
     }
 
