@@ -42,6 +42,8 @@ EchoOptions parseEchoOptions(int argc, char** argv, const char* description) {
     CLI::App app(description);
     app.add_option("--port", options.port, "TCP port on 127.0.0.1, 0 for any");
     app.add_option("--threads", options.threads, "event loops or workers")->check(CLI::Range(1U, 64U));
+    app.add_option("--pools", options.pools, "pools that Reticor spreads connections over, 0: one for all")
+        ->check(CLI::Range(0U, 63U));
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

@@ -13,6 +13,7 @@ namespace Bench {
 struct EchoOptions {
     std::uint16_t port = 0;  // 0 lets the system choose
     unsigned threads = 2;    // event loops, or workers of the pool
+    unsigned pools = 0;      // Reticor: private pools that connections are spread over, 0: all on one pool
 };
 
 // Room for one read. Every server reads with the same room, and at most once per report of its loop.

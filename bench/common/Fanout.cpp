@@ -63,7 +63,8 @@ FanoutOptions parseFanoutOptions(int argc, char** argv, const char* description)
     app.add_option("--gop", options.gop, "every so many frames one is a key frame")
         ->check(CLI::PositiveNumber);
     app.add_option("--threads", options.threads, "delivery threads")->check(CLI::Range(1U, 64U));
-    app.add_option("--sndbuf", options.sendBuffer, "SO_SNDBUF of each client")->check(CLI::PositiveNumber);
+    app.add_option("--sndbuf", options.sendBuffer, "SO_SNDBUF of each client, 0: what the system gives")
+        ->check(CLI::NonNegativeNumber);
     app.add_option("--burst", options.burst, "frames of one turn at full speed")->check(CLI::Range(1U, 32U));
     app.add_option("--gather", options.gathers,
                    "whether one write may take several frames, where that is a choice");
@@ -97,7 +98,9 @@ EchoOptions loopOptions(const FanoutOptions& options) {
 
 void limitKernelQueue(int fd, const FanoutOptions& options) {
     const int mostUnsent = options.maxLagMs != 0 ? kMostUnsent : 0;  // 0: what the system has
-    if (setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &options.sendBuffer, sizeof options.sendBuffer) != 0 ||
+    const bool sized = options.sendBuffer != 0;
+    if ((sized &&
+         setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &options.sendBuffer, sizeof options.sendBuffer) != 0) ||
         setsockopt(fd, IPPROTO_TCP, TCP_NOTSENT_LOWAT, &mostUnsent, sizeof mostUnsent) != 0) {
         std::perror("setsockopt");
         std::exit(1);

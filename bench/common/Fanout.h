@@ -16,7 +16,7 @@ struct FanoutOptions {
     std::size_t frameBytes = 20000;  // of payload; the header comes on top
     std::uint64_t gop = 50;          // every gop-th frame is a key frame
     unsigned threads = 1;            // delivery threads; clients are dealt to them in turn
-    int sendBuffer = 131072;         // SO_SNDBUF of each client
+    int sendBuffer = 131072;         // SO_SNDBUF of each client; 0: the system's own
     unsigned burst = 8;              // frames that are made in one turn at full speed
     bool gathers = true;             // Reticor: one write takes several frames
     unsigned maxLagMs = 1000;        // a slower client goes on at a later key frame; 0: never
@@ -31,8 +31,9 @@ std::uint64_t mostLag(const FanoutOptions& options);
 // The part of the options that runHandOverLoops needs.
 EchoOptions loopOptions(const FanoutOptions& options);
 
-// The kernel's share of what waits for a client, as every server sets it on every client: SO_SNDBUF and, if
-// there is a limit of lag, TCP_NOTSENT_LOWAT. What the kernel has taken can no longer be left out.
+// The kernel's share of what waits for a client, as every server sets it on every client: SO_SNDBUF, unless
+// it is the system's to choose, and, if there is a limit of lag, TCP_NOTSENT_LOWAT. What the kernel has taken
+// can no longer be left out.
 void limitKernelQueue(int fd, const FanoutOptions& options);
 
 // Reads what a client says, if anything, and forgets it. False when the client has gone.

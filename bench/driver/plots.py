@@ -44,7 +44,8 @@ def wanted(medians, titles):
 
 
 def short(row):
-    return row.removeprefix("echo-").replace("-one-cpu", "\\none cpu").replace("64b-4000-16", "64b-4000\\n16 active")
+    return row.removeprefix("echo-").replace("-one-cpu", "\\none cpu").replace("64b-4000-16", "64b-4000\\n16 active").replace(
+        "000-64", "000\\n64 active")
 
 
 def ratio(figures, implementation, metric):

@@ -12,6 +12,7 @@ ECHO_COLUMNS = [
     ("requests_per_s", "requests/s", "{:,.0f}", True), ("server_cpu_us_per_request", "server CPU us", "{:.2f}", True),
     ("p50_us", "p50 us", "{:,.0f}", False), ("p99_us", "p99 us", "{:,.0f}", False),
     ("server_cores", "server cores", "{:.2f}", False),
+    ("server_bytes_per_connection", "memory per connection, bytes", "{:,.0f}", False),
 ]
 FANOUT_COLUMNS = [
     ("server_cpu_us_per_frame", "server CPU us per frame and client", "{:.2f}", True),
@@ -62,7 +63,9 @@ HEADINGS = {
              "every byte, and shares the processors with the server; so absolute figures hold for this arrangement "
              "alone. With one connection the figure is a matter of where the scheduler places the two processes: on "
              "two processors each request waits for two of them to wake from idle, which takes longer than the work. "
-             "The rows on one processor leave that out and compare the length of the path."),
+             "The rows on one processor leave that out and compare the length of the path. Above 4000 connections "
+             "Reticor spreads them over a CPoolSet. Memory per connection is what the server's own grew by until "
+             "each was served once, without the kernel's."),
     "syscalls": ("System calls per request", "Counted by `{counter}` on the server's threads while the load runs, in "
                  "runs of their own, since counting slows what is counted."),
     "fanout": ("Fan-out", "One producer, one delivery thread, many clients on the loopback device; the server has one "
@@ -72,7 +75,8 @@ HEADINGS = {
                "that never read have a receive buffer of 16 KiB. SO_SNDBUF is 128 KiB on every client. A server "
                "leaves out frames for a client that lags by more than a second: Reticor, plain epoll and libevent go "
                "on at the next fresh key frame, GStreamer (multifdsink) at the newest one that it has. What viewers of slow "
-               "links get, with and without the policy for them, is in [slow-viewers.md](slow-viewers.md)."),
+               "links get, with and without the policy for them, is in [slow-viewers.md](slow-viewers.md); what was tried "
+               "and left out is in [tried.md](tried.md)."),
     "fanout-counts": ("What a delivered frame costs besides time", "Per frame and client. System calls are counted by "
                       "`{counter}` on the server's threads; allocations (malloc and its kin) and copies in user space "
                       "(memcpy and its kin, 512 bytes and more) by a library that is loaded into the server, in a run "

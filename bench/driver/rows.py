@@ -47,12 +47,13 @@ class EchoRow:
         self.name, self.title, self.implementations = name, title, ECHO
         self.load = ["--connections", connections, "--active", active, "--size", size]
         self.cpus = {min(os.sched_getaffinity(0))} if one_cpu else None
+        self.pools = -(-connections // 4000) if connections > 4000 else 0  # what one pool has no places for
 
     def program(self, implementation):
         return "echo_" + implementation
 
     def measure(self, tools, implementation, scale):
-        with Server(tools, "echo_" + implementation, "--threads", 2, cpus=self.cpus) as server:
+        with Server(tools, "echo_" + implementation, "--threads", 2, "--pools", self.pools, cpus=self.cpus) as server:
             return tools.json("echo_load", "--port", server.port, "--server-pid", server.pid, *self.load,
                               "--seconds", scale.seconds, "--warm-up", scale.warm_up, cpus=self.cpus)
 
@@ -137,12 +138,13 @@ class Stream:
     fps: int
     frame_bytes: int
     gop: int = 25
+    sndbuf: int = 131072  # 0: the system's own
 
     def load(self):
         return ["--frame-bytes", self.frame_bytes, "--gop", self.gop]
 
     def server(self):
-        return ["--fps", self.fps, *self.load(), "--sndbuf", 131072]
+        return ["--fps", self.fps, *self.load(), "--sndbuf", self.sndbuf]
 
 
 class ProgramRow:
@@ -257,6 +259,8 @@ def all_rows(micro_programs):
         EchoRow("echo-64b-1000", "64 B, 1000 connections", 1000, 1000, 64),
         EchoRow("echo-64b-16-16", "64 B, 16 connections", 16, 16, 64),
         EchoRow("echo-64b-4000-16", "64 B, 4000 connections, 16 of them active", 4000, 16, 64),
+        EchoRow("echo-64b-10000-64", "64 B, 10,000 connections, 64 of them active", 10000, 64, 64),
+        EchoRow("echo-64b-16000-64", "64 B, 16,000 connections, 64 of them active", 16000, 64, 64),
         EchoRow("echo-16k-64", "16 KiB, 64 connections", 64, 64, 16384),
         SyscallRow("syscalls-1", "1 connection", 1),
         SyscallRow("syscalls-64", "64 connections", 64),
@@ -270,6 +274,13 @@ def all_rows(micro_programs):
                   ["--fast", 500, "--slow", 500, "--slow-rate", 50400], settle=5),
         FanoutRow("fanout-full", "50 clients, frames of 64 KB as fast as they go", Stream(0, 65536), ["--fast", 50],
                   settle=0.4, seconds=0.8, implementations=[*FANOUT, "reticor-single"]),
+        FanoutRow("fanout-own-100", "100 clients, 25 frames/s of 20 KB, the system's own send buffers",
+                  Stream(25, 20000, sndbuf=0), ["--fast", 100], implementations=["epoll", "libevent", "reticor"]),
+        FanoutRow("fanout-own-1000", "1000 clients, 25 frames/s of 4 KB, the system's own send buffers",
+                  Stream(25, 4000, sndbuf=0), ["--fast", 1000], implementations=["epoll", "libevent", "reticor"]),
+        FanoutRow("fanout-own-full", "50 clients, frames of 64 KB as fast as they go, the system's own send buffers",
+                  Stream(0, 65536, sndbuf=0), ["--fast", 50], settle=0.4, seconds=0.8,
+                  implementations=["epoll", "libevent", "reticor"]),
         FanoutCountRow("fanout-counts", "100 clients, 25 frames/s of 20 KB", Stream(25, 20000), ["--fast", 100],
                        settle=1.2, seconds=0.4),
         FanoutCountRow("fanout-slow-counts", "25 frames/s of 20 KB; 70 fast clients, 20 that read 100 KB/s, 10 that "

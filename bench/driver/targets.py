@@ -44,7 +44,7 @@ def reached(medians, titles):
 
 
 # Against the peers, with several connections; and the rows with one, where only the processor time is a target.
-ECHO_MANY = ["echo-64b-64", "echo-64b-1000", "echo-64b-4000-16", "echo-16k-64"]
+ECHO_MANY = ["echo-64b-64", "echo-64b-1000", "echo-64b-4000-16", "echo-64b-10000-64", "echo-64b-16000-64", "echo-16k-64"]
 ECHO_ONE = ["echo-64b-1", "echo-64b-1-one-cpu"]
 
 
@@ -89,6 +89,12 @@ def fanout(found, titles):
         yield Target(work, "server CPU per delivered frame against the better of libevent and GStreamer",
                      against(found.get(row, "reticor", cpu), peers(row, cpu), min), 1)
         yield Target(work, "p99 delay against plain epoll", found.ratio(row, p99, "reticor", "epoll"), 1)
+    for row, limit in (("fanout-own-100", 0.95), ("fanout-own-1000", 1), ("fanout-own-full", 1.05)):
+        yield Target("Fan-out, " + titles.get(row, row), "server CPU per delivered frame against plain epoll",
+                     found.ratio(row, cpu, "reticor", "epoll"), limit)
+    own = "fanout-own-full"
+    yield Target("Fan-out, " + titles.get(own, own), "frames/s against plain epoll",
+                 found.ratio(own, rate, "reticor", "epoll"), 0.98, at_least=True)
     slow, halves, full = "fanout-slow", "fanout-halves", "fanout-full"
     work = "Fan-out, " + titles.get(slow, slow)
     yield Target(work, "frames that fast clients missed", found.get(slow, "reticor", "fast.missing"), 0)
@@ -156,6 +162,8 @@ def timers(found):
                                 ("cancel_ns", "cancel in random order, up to a million pending", 600),
                                 ("churn_pair_ns", "cancel and arm, 10,000 pending", 150)):
         yield Target("Timers", what, found.get("timers", "reticor", metric), limit, unit="ns")
+    for metric, what, limit in (("arm_ns", "arm", 1.10), ("churn_pair_ns", "cancel and arm, 10,000 pending", 1.15)):
+        yield Target("Timers", what + " against libuv", found.ratio("timers", metric, "reticor", "libuv"), limit)
     yield Target("Timers", "wake-ups of the timer thread, 10,000 armed an hour ahead",
                  found.get("timers", "reticor", "idle_wakeups"), 0)
 

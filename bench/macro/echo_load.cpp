@@ -66,10 +66,11 @@ public:
     Load(const Load&) = delete;
     Load& operator=(const Load&) = delete;
 
-    void connectAll();
+    void connectAndWeigh();
     nlohmann::json measure();
 
 private:
+    void connectAll();
     void connectOne(Client& client);
     void greet(Client& client);
     Client& activeClient(std::size_t i);
@@ -93,6 +94,7 @@ private:
     std::uint64_t m_total = 0;  // requests answered since the first one
     std::size_t m_underWay = 0;
     bool m_recording = false;
+    double m_bytesPerConnection = 0;  // of the server
     bool m_stopping = false;
 };
 
@@ -262,6 +264,15 @@ nlohmann::json Load::measure() {
     return report(wallNs, serverEnd - serverBegin, ownNs);
 }
 
+// Once each has been served: what the server's own memory grew by. The kernel's is not in it.
+void Load::connectAndWeigh() {
+    const uint64_t before = m_options.serverPid > 0 ? LoadKit::residentBytes(m_options.serverPid) : 0;
+    connectAll();
+    const uint64_t after = m_options.serverPid > 0 ? LoadKit::residentBytes(m_options.serverPid) : 0;
+    m_bytesPerConnection = (static_cast<double>(after) - static_cast<double>(before)) /
+                           static_cast<double>(m_options.connections);
+}
+
 nlohmann::json Load::report(std::uint64_t wallNs, std::uint64_t serverNs, std::uint64_t ownNs) {
     if (m_latenciesNs.empty()) {
         die("no request was answered while measuring");
@@ -285,6 +296,7 @@ nlohmann::json Load::report(std::uint64_t wallNs, std::uint64_t serverNs, std::u
     if (m_options.serverPid > 0) {
         result["server_cpu_us_per_request"] = static_cast<double>(serverNs) / 1000 / count;
         result["server_cores"] = static_cast<double>(serverNs) / wall;
+        result["server_bytes_per_connection"] = m_bytesPerConnection;
     }
     return result;
 }
@@ -309,7 +321,7 @@ int main(int argc, char** argv) {
     LoadKit::raiseDescriptorLimit();
 
     Load load(options);
-    load.connectAll();
+    load.connectAndWeigh();
     std::printf("%s\n", load.measure().dump().c_str());
     return 0;
 }

@@ -2,10 +2,13 @@
 // RETICOR_STATS in the environment: the path of its statistics socket.
 #include <netinet/in.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <utility>
 
 #include <Reticor/NetHandler.h>
 #include <Reticor/NetThread.h>
+#include <Reticor/PoolSet.h>
 #include <Reticor/SockAcceptor.h>
 #include <Reticor/SockAddrIPv4.h>
 #include <Reticor/SockStream.h>
@@ -23,8 +26,8 @@ Bench::Alive alive;
 class Connection : public CNetHandler {
 public:
     // The connection may be served, closed and gone before this returns.
-    static void serve(int fd) {
-        auto* self = new Connection;
+    static void serve(int fd, CPoolSet::Place place) {
+        auto* self = new Connection(std::move(place));
         self->m_stream.Attach(fd);
         self->m_stream.SetSockNoDelay(true);
         self->RegisterSock(self->m_stream, SOCK_READ, 0);
@@ -68,7 +71,10 @@ public:
     }
 
 private:
-    Connection() { alive.enter(); }
+    explicit Connection(CPoolSet::Place place)
+        : CNetHandler(std::max(place.GetPool(), 0)), m_place(std::move(place)) {
+        alive.enter();
+    }
 
     int end() {
         RemoveSock(m_stream);
@@ -77,13 +83,15 @@ private:
         return -1;
     }
 
+    const CPoolSet::Place m_place;  // empty on the public pool
     CSockStream m_stream;
     Bench::Unsent m_unsent;
 };
 
 class Listener : public CNetHandler {
 public:
-    Listener() { alive.enter(); }
+    // Null: all connections are on the public pool.
+    explicit Listener(CPoolSet* pools) : m_pools(pools) { alive.enter(); }
 
     bool open(std::uint16_t port) {
         return m_acceptor.Open(CSockAddrIPv4("127.0.0.1", port)) == 0 &&
@@ -95,7 +103,12 @@ public:
     int handle_input(int) override {
         CSockStream stream;
         while (m_acceptor.Accept(stream, nullptr) == 0) {
-            Connection::serve(stream.Detach());
+            CPoolSet::Place place;
+            if (m_pools != nullptr && m_pools->Next(SOCK_READ + SOCK_WRITE, place) != 0) {
+                stream.Close();
+            } else {
+                Connection::serve(stream.Detach(), std::move(place));
+            }
         }
         return 0;
     }
@@ -113,6 +126,7 @@ public:
     }
 
 private:
+    CPoolSet* const m_pools;
     CSockAcceptor m_acceptor;
 };
 
@@ -128,7 +142,11 @@ int main(int argc, char** argv) {
     if (stats != nullptr && CNetThread::ServeStats(stats) != 0) {
         return 1;
     }
-    auto* listener = new Listener;
+    CPoolSet pools;
+    if (options.pools != 0 && pools.Create(options.pools, options.threads) != 0) {
+        return 1;
+    }
+    auto* listener = new Listener(options.pools != 0 ? &pools : nullptr);
     if (!listener->open(options.port)) {
         return 1;
     }
@@ -137,6 +155,7 @@ int main(int argc, char** argv) {
     listener->end();
     const bool allGone =
         alive.waitForNone();  // the load has closed its connections before it sent the signal
+    pools.Destroy();
     CNetThread::DestroyThreadPool();
     return allGone ? 0 : 1;
 }
