@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "media_relay/http/HttpRequest.h"
+#include "media_relay/mp4/Remuxer.h"
 #include "media_relay/mpegts/TsClock.h"
 #include "media_relay/mpegts/TsDemuxer.h"
 #include "media_relay/mpegts/TsFramer.h"
@@ -19,13 +20,33 @@ namespace {
 constexpr unsigned kMapPid = 0x20;
 constexpr size_t kShortPacket = 40;  // bytes of input that become a packet
 
+/// As the relay does when a browser watches; what it makes must be a whole box each time.
+struct Mp4Sink : Remuxer::Sink {
+    void onInit(const Mp4Init& init) override { check(*init.bytes); }
+    void onFragment(Mp4Fragment&& fragment) override { check(*fragment.bytes); }
+    static void check(const std::vector<uint8_t>& bytes) {
+        size_t at = 0;
+        while (at + 8 <= bytes.size()) {
+            at += size_t{bytes[at]} << 24 | size_t{bytes[at + 1]} << 16 | size_t{bytes[at + 2]} << 8 |
+                  bytes[at + 3];
+        }
+        if (at != bytes.size() || bytes.empty()) {
+            std::abort();
+        }
+    }
+};
+
 struct Sink : TsDemuxer::Sink {
+    void onProgram(const ProgramMap& map) override { remuxer.begin(map); }
     void onUnit(AccessUnit&& unit) override {
+        remuxer.put(unit);
         if (unit.packets.empty() || unit.packets.size() % kTsPacketSize != 0 ||
             unit.tables.size() % kTsPacketSize != 0) {
             std::abort();
         }
     }
+    Mp4Sink mp4;
+    Remuxer remuxer{mp4};
 };
 
 void take(TsDemuxer& demuxer, TsLoop& loop, PcrClock& clock, uint8_t* bytes) {
@@ -103,6 +124,39 @@ void drivePackets(const uint8_t* data, size_t size) {
     demuxer.flush();
 }
 
+/// The input as one picture after the other, or one piece of sound, whose lengths and stamps it says itself.
+void driveUnits(const uint8_t* data, size_t size) {
+    constexpr Codec kVideos[] = {Codec::H264, Codec::H265, Codec::Other};
+    if (size < 4) {
+        return;
+    }
+    Mp4Sink mp4;
+    Remuxer remuxer(mp4);
+    ProgramMap map;
+    map.streams.push_back({1, StreamKind::Video, kVideos[data[0] % 3], 0});
+    map.streams.push_back({2, StreamKind::Audio, data[0] % 2 == 0 ? Codec::Aac : Codec::Opus, data[1] % 4U});
+    if (data[0] % 3 == 2) {
+        map.streams.erase(map.streams.begin());
+    }
+    remuxer.begin(map);
+    data += 2;
+    size -= 2;
+    while (size >= 4) {
+        const size_t part = std::min<size_t>(size - 4, data[1] % 170);
+        AccessUnit unit;
+        unit.pid = 1U + data[0] % 2;
+        unit.key = (data[0] & 4) != 0;
+        unit.packets = {kTsSync, 0x40, 1,    0x10, 0,    0,       1, 0xE0,    0,
+                        0,       0x80, 0x80, 5,    0x21, data[2], 1, data[3], 1};
+        unit.packets.insert(unit.packets.end(), data + 4, data + 4 + part);
+        unit.packets.resize(kTsPacketSize, 0);
+        remuxer.put(unit);
+        data += 4 + part;
+        size -= 4 + part;
+    }
+    remuxer.flush();
+}
+
 void driveTables(const uint8_t* data, size_t size) {
     const std::vector<uint8_t> section(data, data + size);
     unsigned program = 0;
@@ -134,7 +188,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         return 0;
     }
     constexpr void (*kDrivers[])(const uint8_t*, size_t) = {driveBytes, drivePackets, driveTables,
-                                                            driveRequest};
-    kDrivers[data[0] % 4](data + 1, size - 1);
+                                                            driveRequest, driveUnits};
+    kDrivers[data[0] % 5](data + 1, size - 1);
     return 0;
 }

@@ -7,7 +7,7 @@ namespace relay {
 void KeyFrameFinder::begin(Codec codec) {
     *this = KeyFrameFinder();
     m_codec = codec;
-    m_decided = codec == Codec::Other;
+    m_decided = codec != Codec::Mpeg2 && codec != Codec::H264 && codec != Codec::H265;
 }
 
 void KeyFrameFinder::put(const uint8_t* bytes, size_t size) {

@@ -4,34 +4,14 @@
 
 #include <algorithm>
 
+#include "media_relay/mpegts/PesUnit.h"
+
 namespace relay {
 
 namespace {
 
 constexpr uint64_t kLongestStep = 2 * kTsClock;  // clock values stand at most 0.1 s apart; more is a jump
 constexpr uint64_t kUsualStep = kTsClock / 25;   // between rounds of a stream without time stamps
-constexpr uint64_t kStampWrap = uint64_t{1} << 33;
-
-/// A time stamp in five bytes, with marker bits between its parts.
-uint64_t readStamp(const uint8_t* at) {
-    const uint64_t high = at[0] >> 1U & 7U;
-    const uint64_t middle = (at[1] * 256U + at[2]) >> 1U;
-    const uint64_t low = (at[3] * 256U + at[4]) >> 1U;
-    return high << 30 | middle << 15 | low;
-}
-
-void writeStamp(uint8_t* at, uint64_t stamp) {
-    at[0] = static_cast<uint8_t>((at[0] & 0xF0) | (stamp >> 30 & 7) << 1 | 1);
-    at[1] = static_cast<uint8_t>(stamp >> 22);
-    at[2] = static_cast<uint8_t>((stamp >> 15 & 0x7F) << 1 | 1);
-    at[3] = static_cast<uint8_t>(stamp >> 7);
-    at[4] = static_cast<uint8_t>((stamp & 0x7F) << 1 | 1);
-}
-
-/// Whether the head of an elementary stream's packet holds flags and time stamps.
-bool hasStampHead(uint8_t stream) {
-    return stream == 0xBD || (stream >= 0xC0 && stream <= 0xEF) || stream == 0xFD;
-}
 
 }  // namespace
 

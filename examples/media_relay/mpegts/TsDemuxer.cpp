@@ -4,6 +4,8 @@
 
 #include <utility>
 
+#include "media_relay/mpegts/PesUnit.h"
+
 namespace relay {
 
 namespace {
@@ -39,7 +41,8 @@ void TsDemuxer::put(const TsPacket& packet, uint64_t time_us) {
 void TsDemuxer::onAssociation(const std::vector<uint8_t>& section) {
     unsigned program = 0;
     unsigned mapPid = kTsNullPid;
-    if (!parseAssociation(section, program, mapPid) || (program == m_program && mapPid == m_mapPid)) {
+    if (!parseAssociation(section, program, mapPid, m_wanted) ||
+        (program == m_program && mapPid == m_mapPid)) {
         return;
     }
     flush();
@@ -69,11 +72,12 @@ void TsDemuxer::onMap(const std::vector<uint8_t>& section) {
     }
     m_anyKey = false;
     m_lastKey_us = m_time_us;
+    m_sink.onProgram(m_map);
 }
 
 void TsDemuxer::putStream(Stream& stream, const TsPacket& packet) {
     if (packet.startsUnit()) {
-        finish(stream);
+        finish(stream, &packet);
         stream.open = true;
         stream.key = packet.isRandomAccess();
         stream.finder.begin(stream.entry.codec);
@@ -113,13 +117,15 @@ bool TsDemuxer::isKey(const Stream& stream) {
            (stream.key || stream.finder.isKeyFrame() || since_us >= kLongestGroup_us);
 }
 
-void TsDemuxer::finish(Stream& stream) {
+/// `next` is the packet that the stream's next unit begins with.
+void TsDemuxer::finish(Stream& stream, const TsPacket* next) {
     if (!stream.open) {
         return;
     }
     stream.open = false;
     AccessUnit unit;
     unit.kind = stream.entry.kind;
+    unit.pid = stream.entry.pid;
     unit.key = isKey(stream);
     unit.disposable = !unit.key && unit.kind == StreamKind::Video && stream.finder.isDisposable();
     unit.packets = std::move(stream.packets);
@@ -128,6 +134,11 @@ void TsDemuxer::finish(Stream& stream) {
         m_anyKey = true;
         m_lastKey_us = m_time_us;
         unit.tables = tables();
+    }
+    PesHead head;
+    if (next != nullptr && readPesHead(next->payload(), next->payloadSize(), head)) {
+        unit.hasNext = head.hasStamp;
+        unit.next = head.decoded;
     }
     m_sink.onUnit(std::move(unit));
 }

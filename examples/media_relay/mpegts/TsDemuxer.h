@@ -15,10 +15,13 @@ namespace relay {
 /// A picture, or a piece of sound: all packets of its stream from one unit start to the next.
 struct AccessUnit {
     StreamKind kind = StreamKind::Data;
+    unsigned pid = 0;
     bool key = false;             // a client can begin here
     bool disposable = false;      // no other picture needs it
     std::vector<uint8_t> tables;  // packets to be sent first; empty but for a key unit
     std::vector<uint8_t> packets;
+    bool hasNext = false;  // whether it is known when the stream's next unit is decoded
+    uint64_t next = 0;     // ticks of 90 kHz
 };
 
 /// Whatever the input holds, memory is bounded: by the units under way, one per stream of the programme.
@@ -28,9 +31,12 @@ public:
     public:
         virtual ~Sink() = default;
         virtual void onUnit(AccessUnit&& unit) = 0;
+        /// What the units from now on belong to.
+        virtual void onProgram(const ProgramMap&) {}
     };
 
-    explicit TsDemuxer(Sink& sink) : m_sink(sink) {}
+    /// Of several programmes it takes the one with this number, 0 is the first one.
+    explicit TsDemuxer(Sink& sink, unsigned program = 0) : m_sink(sink), m_wanted(program) {}
 
     /// Takes a packet that is sound. `time_us` is the media time, by which units count as keys when the
     /// stream itself names none for long.
@@ -64,11 +70,12 @@ private:
     void putStream(Stream& stream, const TsPacket& packet);
     void putClock(const TsPacket& packet);
     void append(Stream& stream, const TsPacket& packet);
-    void finish(Stream& stream);
+    void finish(Stream& stream, const TsPacket* next = nullptr);
     bool isKey(const Stream& stream);
     std::vector<uint8_t> tables();
 
     Sink& m_sink;
+    const unsigned m_wanted;
     SectionReader m_associationReader;
     SectionReader m_mapReader;
     unsigned m_program = 0;

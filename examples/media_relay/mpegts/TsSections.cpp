@@ -33,14 +33,20 @@ bool isSoundDescriptor(uint8_t tag) {
     return tag == 0x6A || tag == 0x7A || tag == 0x7B || tag == 0x7C;  // ETSI EN 300 468: AC-3, DTS, AAC
 }
 
-bool hasSound(const uint8_t* begin, const uint8_t* end) {
-    while (end - begin >= 2) {
+/// A registration says that it is Opus, and an extension of how many channels (ETSI TS 103 491, annex B).
+void readPrivate(const uint8_t* begin, const uint8_t* end, StreamEntry& entry) {
+    while (end - begin >= 2 && end - begin >= 2 + begin[1]) {
+        const uint8_t* const body = begin + 2;
         if (isSoundDescriptor(begin[0])) {
-            return true;
+            entry.kind = StreamKind::Audio;
+        } else if (begin[0] == 0x05 && begin[1] >= 4 && std::equal(body, body + 4, "Opus")) {
+            entry.kind = StreamKind::Audio;
+            entry.codec = Codec::Opus;
+        } else if (begin[0] == 0x7F && begin[1] >= 2 && body[0] == 0x80) {
+            entry.channels = body[1] <= 8 ? body[1] : 0U;
         }
-        begin += std::min<ptrdiff_t>(2 + begin[1], end - begin);
+        begin += 2 + begin[1];
     }
-    return false;
 }
 
 StreamEntry classify(uint8_t type, const uint8_t* descriptors, const uint8_t* end) {
@@ -63,16 +69,19 @@ StreamEntry classify(uint8_t type, const uint8_t* descriptors, const uint8_t* en
         case 0x33:
             entry.kind = StreamKind::Video;
             break;
+        case 0x0F:
+            entry.kind = StreamKind::Audio;
+            entry.codec = Codec::Aac;
+            break;
         case 0x03:
         case 0x04:
-        case 0x0F:
         case 0x11:
         case 0x81:
         case 0x87:
             entry.kind = StreamKind::Audio;
             break;
         case 0x06:
-            entry.kind = hasSound(descriptors, end) ? StreamKind::Audio : StreamKind::Data;
+            readPrivate(descriptors, end, entry);
             break;
         default:
             break;
@@ -130,13 +139,14 @@ void SectionReader::append(const uint8_t* begin, const uint8_t* end, const OnSec
     }
 }
 
-bool parseAssociation(const std::vector<uint8_t>& section, unsigned& program, unsigned& mapPid) {
+bool parseAssociation(const std::vector<uint8_t>& section, unsigned& program, unsigned& mapPid,
+                      unsigned wanted) {
     if (!isTable(section, kAssociationTable, 8)) {
         return false;
     }
     for (size_t at = 8; at + 4 + kChecksumSize <= section.size(); at += 4) {
         const unsigned number = number16(&section[at]);
-        if (number != 0) {  // 0 names the network's own table
+        if (number != 0 && (wanted == 0 || number == wanted)) {  // 0 names the network's own table
             program = number;
             mapPid = number13(&section[at + 2]);
             return true;

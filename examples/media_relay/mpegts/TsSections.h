@@ -29,13 +29,14 @@ private:
 /// What a stream of the programme carries; the channel that its frames go to.
 enum class StreamKind { Video = 0, Audio = 1, Data = 2 };
 
-/// How to tell its key frames.
-enum class Codec { Other, Mpeg2, H264, H265 };
+/// What its bytes are, as far as this program looks into them.
+enum class Codec { Other, Mpeg2, H264, H265, Aac, Opus };
 
 struct StreamEntry {
     unsigned pid = 0;
     StreamKind kind = StreamKind::Data;
     Codec codec = Codec::Other;
+    unsigned channels = 0;  // of Opus, whose bytes do not say it; 0 if it is not told in a plain number
 };
 
 struct ProgramMap {
@@ -43,9 +44,10 @@ struct ProgramMap {
     std::vector<StreamEntry> streams;
 };
 
-/// The first programme of an association table: its number and the PID of its map. False if the section is
-/// none, or lists no programme.
-bool parseAssociation(const std::vector<uint8_t>& section, unsigned& program, unsigned& mapPid);
+/// The programme `wanted` of an association table, or the first one for 0: its number and the PID of its map.
+/// False if the section is not such a table, or does not list it.
+bool parseAssociation(const std::vector<uint8_t>& section, unsigned& program, unsigned& mapPid,
+                      unsigned wanted = 0);
 
 /// False if the section is not the map of `program` that is in force.
 bool parseProgramMap(const std::vector<uint8_t>& section, unsigned program, ProgramMap& map);
