@@ -55,20 +55,44 @@ void LiveStream::put(Frame&& frame) {
 void LiveStream::admit() {
     for (Place& place : m_places) {
         if (place.stage == Stage::Waiting) {
-            place.stage = Stage::Sending;
-            m_buffer.AddSender(place.client->sender());
+            send(place);
         }
     }
 }
 
-bool LiveStream::join(const std::shared_ptr<Client>& client, size_t limit) {
+void LiveStream::send(Place& place) {
+    CMediaStreamSender* const sender = place.client->sender();
+    if (!m_prologue.empty()) {
+        sender->SendOtherData(m_prologue.data(), static_cast<int>(m_prologue.size()));
+    }
+    place.stage = Stage::Sending;
+    m_buffer.AddSender(sender);
+}
+
+void LiveStream::setPrologue(const std::string& prologue) {
     CGuard guard(m_mutex);
-    if (m_places.size() >= limit) {
+    m_prologue = prologue;
+}
+
+bool LiveStream::clear() {
+    CGuard guard(m_mutex);
+    if (!m_places.empty()) {
         return false;
     }
+    m_prologue.clear();
+    m_buffer.Clear();
+    return true;
+}
+
+bool LiveStream::hasClients() {
+    CGuard guard(m_mutex);
+    return !m_places.empty();
+}
+
+void LiveStream::join(const std::shared_ptr<Client>& client) {
+    CGuard guard(m_mutex);
     ++m_totals.clients;
     m_places.push_back({client, Stage::Joined});
-    return true;
 }
 
 std::vector<LiveStream::Place>::iterator LiveStream::find(const std::shared_ptr<Client>& client) {
@@ -78,9 +102,11 @@ std::vector<LiveStream::Place>::iterator LiveStream::find(const std::shared_ptr<
 
 void LiveStream::begin(const std::shared_ptr<Client>& client) {
     CGuard guard(m_mutex);
-    find(client)->stage = m_burst ? Stage::Sending : Stage::Waiting;
-    if (m_burst) {
-        m_buffer.AddSender(client->sender());
+    const auto place = find(client);
+    if (m_burst && !(m_needsPrologue && m_prologue.empty())) {
+        send(*place);
+    } else {
+        place->stage = Stage::Waiting;
     }
 }
 

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include <Infra/Mutex.h>
@@ -30,8 +31,8 @@ struct Frame {
 /// to the buffer within the frame that they are to begin with. With a start cache the buffer itself knows
 /// where one may begin, and they go to it at once.
 ///
-/// Threads: `put` is the producer's alone, all else is for any thread. The mutex comes before the buffer's
-/// own.
+/// Threads: `put`, `setPrologue` and `clear` are the producer's alone, all else is for any thread. The mutex
+/// comes before the buffer's own.
 class LiveStream {
 public:
     struct Totals {
@@ -43,14 +44,24 @@ public:
 
     LiveStream();
 
-    /// Before the first frame. `burst`: the frames since the last one to begin with are held, and a client
+    /// Before any thread. `burst`: the frames since the last one to begin with are held, and a client
     /// begins with them at once. `disposableFirst`: frames that no other one needs go first.
     void setUp(bool burst, bool disposableFirst);
 
     void put(Frame&& frame);
 
-    /// Takes a client in, which gets nothing yet. False if `limit` clients are there.
-    bool join(const std::shared_ptr<Client>& client, size_t limit);
+    /// What each client gets in front of its first frame, 4096 bytes at most; from now on, whoever has not
+    /// begun gets this one. A stream whose clients need it lets nobody in before it is there.
+    void setPrologue(const std::string& prologue);
+    void needPrologue() { m_needsPrologue = true; }
+
+    /// Forgets all frames and the prologue. False if clients are there: then nothing happens.
+    bool clear();
+
+    bool hasClients();
+
+    /// Takes a client in, which gets nothing yet.
+    void join(const std::shared_ptr<Client>& client);
 
     /// From the next frame to begin with on, or from the last one on, it gets all.
     void begin(const std::shared_ptr<Client>& client);
@@ -75,12 +86,15 @@ private:
 
     std::vector<Place>::iterator find(const std::shared_ptr<Client>& client) INFRA_REQUIRES(m_mutex);
     void admit() INFRA_REQUIRES(m_mutex);
+    void send(Place& place) INFRA_REQUIRES(m_mutex);
 
     Orvex::Reticor::CMediaBuffer m_buffer;
     bool m_burst = false;  // set up before any thread
     bool m_disposableFirst = false;
+    bool m_needsPrologue = false;
     Orvex::Infra::CMutex m_mutex;
     std::vector<Place> m_places INFRA_GUARDED_BY(m_mutex);
+    std::string m_prologue INFRA_GUARDED_BY(m_mutex);
     Totals m_totals INFRA_GUARDED_BY(m_mutex);
 };
 

@@ -53,6 +53,10 @@ void addInput(CLI::App& app, Options& options, std::string& size) {
     app.add_option("--input", options.input,
                    "file with an MPEG transport stream, - for standard input, or test for a test picture")
         ->capture_default_str();
+    app.add_option("--program", options.program,
+                   "number of the programme to play, of several; 0 is the first one")
+        ->check(CLI::Range(0, 65535))
+        ->capture_default_str();
     app.add_flag("--loop", options.loop, "play the file again and again");
     app.add_option("--speed", options.speed, "how fast the input plays")
         ->check(CLI::Range(0.01, 100.0))

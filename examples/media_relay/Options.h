@@ -11,6 +11,7 @@ struct Options {
     unsigned threads = 1;
     std::string input = "test";  // "test", "-", or the name of a file
     bool loop = false;
+    unsigned program = 0;  // of several in the input; 0: the first one
     double speed = 1.0;
     unsigned maxClients = 100;
     unsigned pools = 0;             // private ones that clients are spread over, 0: all on the public one

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <utility>
 #include <vector>
 
@@ -13,17 +14,24 @@ namespace relay {
 /// them is through.
 class DataPacket : public Orvex::Reticor::CMediaPacket {
 public:
-    explicit DataPacket(std::vector<uint8_t>&& bytes) : m_bytes(std::move(bytes)) {}
+    using Shared = std::shared_ptr<const std::vector<uint8_t>>;
 
-    int size() const { return static_cast<int>(m_bytes.size()); }
+    explicit DataPacket(std::vector<uint8_t>&& bytes)
+        : DataPacket(std::make_shared<const std::vector<uint8_t>>(std::move(bytes))) {}
+
+    /// The same bytes may be held elsewhere, too.
+    explicit DataPacket(Shared bytes) : m_bytes(std::move(bytes)) {}
+
+    int size() const { return static_cast<int>(m_bytes->size()); }
     int Release() override {
         delete this;
         return 0;
     }
-    char* GetBuffer() override { return reinterpret_cast<char*>(m_bytes.data()); }
+    /// Senders read what it points to, and never write.
+    char* GetBuffer() override { return const_cast<char*>(reinterpret_cast<const char*>(m_bytes->data())); }
 
 private:
-    std::vector<uint8_t> m_bytes;
+    Shared m_bytes;
 };
 
 }  // namespace relay

@@ -25,7 +25,7 @@ using Orvex::Infra::CTime;
 
 namespace {
 
-constexpr int64_t kTick_us = 500000;
+constexpr int64_t kTick_us = History::PERIOD_MS * 1000;
 constexpr uint64_t kDrain_us = 5000000;  // for clients to get what is left, once the input has ended
 constexpr size_t kMembers = 4090;        // a pool watches 4095 sockets for reading
 constexpr size_t kLeft = 64;             // clients that have gone, for the last verdicts on them
@@ -124,8 +124,12 @@ void Relay::startSource(int fd) {
     if (m_options.isTest()) {
         source = TestSource::Create(m_roster, m_stream, *this, m_options);
     } else {
-        MulticastOutput* const multicast = m_options.multicastIp.empty() ? nullptr : &m_multicast;
-        source = TsSource::Create(m_roster, m_stream, *this, fd, m_options.loop, multicast);
+        TsSource::Setup setup;
+        setup.fd = fd;
+        setup.loop = m_options.loop;
+        setup.program = m_options.program;
+        setup.multicast = m_options.multicastIp.empty() ? nullptr : &m_multicast;
+        source = TsSource::Create(m_roster, m_stream, m_mp4, *this, setup);
     }
     source->start(m_options.speed);
 }
@@ -133,6 +137,40 @@ void Relay::startSource(int fd) {
 void Relay::count(uint64_t Counters::*counter) {
     CGuard guard(m_mutex);
     ++(m_counters.*counter);
+}
+
+bool Relay::takePlace() {
+    CGuard guard(m_mutex);
+    if (m_watching >= m_options.maxClients) {
+        return false;
+    }
+    ++m_watching;
+    return true;
+}
+
+void Relay::givePlace() {
+    CGuard guard(m_mutex);
+    --m_watching;
+}
+
+/// Of all outputs.
+std::vector<std::shared_ptr<Client>> Relay::clients() {
+    std::vector<std::shared_ptr<Client>> clients = m_stream.clients();
+    const std::vector<std::shared_ptr<Client>> more = m_mp4.stream().clients();
+    clients.insert(clients.end(), more.begin(), more.end());
+    return clients;
+}
+
+/// What all outputs hold.
+MediaBufferStats Relay::bufferStats() {
+    MediaBufferStats stats = m_stream.bufferStats();
+    const MediaBufferStats more = m_mp4.stream().bufferStats();
+    stats.frames += more.frames;
+    stats.bytes += more.bytes;
+    stats.expired_frames += more.expired_frames;
+    stats.debt_bytes += more.debt_bytes;
+    stats.pinned_frames += more.pinned_frames;
+    return stats;
 }
 
 unsigned Relay::takeNumber() {
@@ -157,7 +195,7 @@ std::vector<std::shared_ptr<Client>> Relay::clientsBySuffering() {
         return true;
     };
     CMediaVerdicts::List(place, &places);
-    std::vector<std::shared_ptr<Client>> clients = m_stream.clients();
+    std::vector<std::shared_ptr<Client>> clients = this->clients();
     const auto placeOf = [&](const std::shared_ptr<Client>& client) {
         const auto found = places.find(client->sender()->GetID());
         return found != places.end() ? found->second : places.size();
@@ -187,13 +225,15 @@ bool Relay::isOver() {
         CGuard guard(m_mutex);
         ended_us = m_ended_us;
     }
-    return ended_us != 0 && (m_stream.isDrained() || CTime::getCurrentMicroSecond() > ended_us + kDrain_us);
+    const bool drained = m_stream.isDrained() && m_mp4.stream().isDrained();
+    return ended_us != 0 && (drained || CTime::getCurrentMicroSecond() > ended_us + kDrain_us);
 }
 
 void Relay::tick() {
-    for (const auto& client : m_stream.clients()) {
+    for (const auto& client : clients()) {
         client->sample();
     }
+    m_history.take(bufferStats(), clientsBySuffering());
     if (!m_signalled && isOver()) {
         m_signalled = true;
         kill(getpid(), SIGTERM);  // main waits for a signal, whoever sends it
@@ -204,7 +244,7 @@ void Relay::tick() {
 }
 
 void Relay::printStatus() {
-    const MediaBufferStats buffer = m_stream.bufferStats();
+    const MediaBufferStats buffer = bufferStats();
     const LiveStream::Totals totals = m_stream.totals();
     double rate = 0;
     uint64_t lost = 0;

@@ -11,7 +11,9 @@
 #include <nlohmann/json_fwd.hpp>
 
 #include "media_relay/EndSignals.h"
+#include "media_relay/History.h"
 #include "media_relay/LiveStream.h"
+#include "media_relay/Mp4Output.h"
 #include "media_relay/MulticastOutput.h"
 #include "media_relay/Options.h"
 #include "media_relay/Source.h"
@@ -32,6 +34,7 @@ class Relay : public SourceListener {
 public:
     explicit Relay(const Options& options) : m_options(options) {
         m_stream.setUp(options.burst, options.disposableFirst);
+        m_mp4.setUp(options.maxLag_ms != 0, options.disposableFirst);
     }
 
     /// Plays the input `fd` (none for the test picture) to whoever comes, until a signal ends it or the input
@@ -41,6 +44,11 @@ public:
     const Options& options() const { return m_options; }
     Roster& roster() { return m_roster; }
     LiveStream& stream() { return m_stream; }
+    Mp4Output& mp4() { return m_mp4; }
+
+    /// A place for a live client, of those that may be there at a time. False if all are taken.
+    bool takePlace();
+    void givePlace();
 
     /// Adds one to a counter.
     void count(uint64_t Counters::*counter);
@@ -50,6 +58,9 @@ public:
 
     /// /stats.json.
     std::string json();
+
+    /// /history.json.
+    std::string historyJson() { return m_history.json(); }
 
     /// A live client goes: what its last verdict is known by.
     void noteLeft(const Client& client);
@@ -68,6 +79,8 @@ private:
         std::string address;
     };
 
+    std::vector<std::shared_ptr<Client>> clients();
+    Orvex::Reticor::MediaBufferStats bufferStats();
     std::vector<std::shared_ptr<Client>> clientsBySuffering();
     nlohmann::json describeEnded();
     void setListener(Listener* listener);
@@ -82,13 +95,16 @@ private:
     Orvex::Reticor::CPoolSet m_pools;  // ends after its sessions, which the roster waits for
     Roster m_roster;
     LiveStream m_stream;
+    Mp4Output m_mp4;
     MulticastOutput m_multicast;
+    History m_history;
 
     Orvex::Infra::CMutex m_mutex;  // innermost
     Counters m_counters INFRA_GUARDED_BY(m_mutex);
     SourceView m_source INFRA_GUARDED_BY(m_mutex);
     uint64_t m_ended_us INFRA_GUARDED_BY(m_mutex) = 0;  // when the input ended; 0 while it plays
     int m_result INFRA_GUARDED_BY(m_mutex) = 0;
+    unsigned m_watching INFRA_GUARDED_BY(m_mutex) = 0;  // places that are taken
     unsigned m_lastNumber INFRA_GUARDED_BY(m_mutex) = 0;
     std::deque<Left> m_left INFRA_GUARDED_BY(m_mutex);  // the youngest first
 

@@ -104,11 +104,17 @@ std::string Relay::json() {
     }
     const nlohmann::json ended = describeEnded();
     const LiveStream::Totals totals = m_stream.totals();
-    nlohmann::json all{{"clients", clients}, {"buffer", describe(m_stream.bufferStats())}};
+    const std::string refusal = m_options.isTest() ? "" : m_mp4.refusal();
+    nlohmann::json all{{"clients", clients}, {"buffer", describe(bufferStats())}};
     all["ended"] = ended;
     CGuard guard(m_mutex);
     all["input"] = {{"kind", m_source.kind},
                     {"live", m_options.isTest() ? "/live.mjpg" : "/live.ts"},
+                    {"mp4", m_options.isTest() || !refusal.empty() ? nullptr : nlohmann::json("/live.mp4")},
+                    {"known", m_mp4.isKnown()},
+                    {"refusal", refusal},
+                    {"codecs", m_mp4.codecs()},
+                    {"edge_seconds", m_mp4.edge_s()},
                     {"seconds", m_source.seconds},
                     {"ended", m_ended_us != 0},
                     {"frames", totals.frames},
@@ -118,7 +124,7 @@ std::string Relay::json() {
                     {"damaged_packets", m_source.damaged},
                     {"clock_jumps", m_source.jumps},
                     {"rounds", m_source.rounds}};
-    all["totals"] = {{"clients", totals.clients},
+    all["totals"] = {{"clients", totals.clients + m_mp4.stream().totals().clients},
                      {"left", m_counters.left},
                      {"stalled", m_counters.stalled},
                      {"refused", m_counters.refused},

@@ -37,14 +37,19 @@ int TsSource::open(const std::string& name) {
     return ::open(name.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);  // a pipe without a writer must not block
 }
 
-TsSource* TsSource::Create(Roster& roster, LiveStream& stream, SourceListener& listener, int fd, bool loop,
-                           MulticastOutput* multicast) {
-    return new TsSource(roster, stream, listener, fd, loop, multicast);
+TsSource* TsSource::Create(Roster& roster, LiveStream& stream, Mp4Output& mp4, SourceListener& listener,
+                           const Setup& setup) {
+    return new TsSource(roster, stream, mp4, listener, setup);
 }
 
-TsSource::TsSource(Roster& roster, LiveStream& stream, SourceListener& listener, int fd, bool loop,
-                   MulticastOutput* multicast)
-    : Source(roster, stream, listener), m_fd(fd), m_loop(loop), m_multicast(multicast), m_demuxer(*this) {
+TsSource::TsSource(Roster& roster, LiveStream& stream, Mp4Output& mp4, SourceListener& listener,
+                   const Setup& setup)
+    : Source(roster, stream, listener),
+      m_fd(setup.fd),
+      m_loop(setup.loop),
+      m_multicast(setup.multicast),
+      m_mp4(mp4),
+      m_demuxer(*this, setup.program) {
     m_now.kind = "MPEG transport stream";
 }
 
@@ -136,6 +141,7 @@ bool TsSource::take(uint8_t* bytes) {
 
 void TsSource::onUnit(AccessUnit&& unit) {
     ++m_units;
+    m_mp4.put(unit);
     Frame frame;
     frame.channel = static_cast<unsigned>(unit.kind);
     frame.level = levelOf(unit);
@@ -179,6 +185,7 @@ long long TsSource::onEnd() {
         return mediaTime();
     }
     m_over = true;
+    m_mp4.end();
     if (m_multicast != nullptr) {
         m_multicast->flush();
     }

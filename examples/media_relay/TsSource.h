@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "media_relay/Mp4Output.h"
 #include "media_relay/MulticastOutput.h"
 #include "media_relay/Source.h"
 #include "media_relay/mpegts/TsClock.h"
@@ -18,23 +19,31 @@ public:
     /// Opens the input: "-" is standard input. -1 if that fails, with the reason in errno.
     static int open(const std::string& name);
 
-    /// Takes `fd` over. Null `multicast`: none; it stays the caller's, and outlives the source.
-    static TsSource* Create(Roster& roster, LiveStream& stream, SourceListener& listener, int fd, bool loop,
-                            MulticastOutput* multicast);
+    struct Setup {
+        int fd = -1;  // the source takes it over
+        bool loop = false;
+        unsigned program = 0;                  // 0: the first one
+        MulticastOutput* multicast = nullptr;  // null: none; it stays the caller's, and outlives the source
+    };
+
+    /// `mp4` is given the units too, and outlives the source.
+    static TsSource* Create(Roster& roster, LiveStream& stream, Mp4Output& mp4, SourceListener& listener,
+                            const Setup& setup);
 
     long long handle_passive_input() override;
 
 private:
     enum class Input { Packet, Nothing, End };
 
-    TsSource(Roster& roster, LiveStream& stream, SourceListener& listener, int fd, bool loop,
-             MulticastOutput* multicast);
+    TsSource(Roster& roster, LiveStream& stream, Mp4Output& mp4, SourceListener& listener,
+             const Setup& setup);
     ~TsSource() override;
 
     Input next(uint8_t*& bytes);
     bool read();
     bool take(uint8_t* bytes);
     void onUnit(AccessUnit&& unit) override;
+    void onProgram(const ProgramMap& map) override { m_mp4.onProgram(map); }
     long long onEnd();
     long long mediaTime();
     bool isHopeless();
@@ -43,6 +52,7 @@ private:
     const int m_fd;
     const bool m_loop;
     MulticastOutput* const m_multicast;
+    Mp4Output& m_mp4;
     TsFramer m_framer;
     TsLoop m_looper;
     PcrClock m_clock;

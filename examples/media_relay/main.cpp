@@ -4,6 +4,7 @@
 // What it teaches:
 //  - CMediaBuffer and CMediaStreamSender: one producer, clients of different speed, no byte copied for any of
 //    them, and what becomes of those who are too slow (LiveStream, Session::watch);
+//  - two buffers of one input, the second one filled while somebody watches it (Mp4Output);
 //  - CMediaStreamReceiver: a callback at the pace of a media clock (Source and what is derived from it);
 //  - CStreamSender: an answer of any length on a socket that takes what it takes (Session::answer);
 //  - CStrParser: a request is foreign text (HttpRequest, Options);

@@ -715,7 +715,13 @@ TEST_F(RelayMp4, SurvivesAnyUnits) {
             bytes[random() % bytes.size()] = static_cast<uint8_t>(random());
         }
         const uint64_t stamp = random() % 10 == 0 ? random() : static_cast<uint64_t>(i) * 1000;
-        random() % 2 == 0 ? picture(stamp, random() % 4 == 0, bytes, random()) : sound(stamp, bytes);
+        const bool key = random() % 4 == 0;
+        const uint64_t presented = random();
+        if (random() % 2 == 0) {
+            picture(stamp, key, bytes, presented);
+        } else {
+            sound(stamp, bytes);
+        }
     }
     EXPECT_GT(fragments.size(), 100U);
     for (const unsigned number : {kVideoTrack, kSoundTrack}) {

@@ -217,11 +217,39 @@ TEST(RelayPlayers, ShowsThePageInABrowser) {
     EXPECT_EQ(0, relay.end());
 }
 
-TEST(RelayPlayers, TellsABrowserHowToPlayATransportStream) {
+// Pictures out of order and sound, in a page that was opened after the stream had begun.
+TEST(RelayPlayers, PlaysH264InABrowser) {
     const TempFolder folder;
-    RelayProgram relay({"--input", makeStream(folder, "libx264", 1), "--loop"});
+    RelayProgram relay(patient({"--input", makeStream(folder, "libx264", 3, 25, true, "160x96"), "--loop"}));
+    const std::string found = probe(relay.url("/live.mp4"), 'v', 1);
+    EXPECT_GE(field(found, "h264", "nb_read_frames"), 24) << found;
+    EXPECT_LE(field(found, "h264", "nb_read_frames"), 27) << found;
+    Browser browser(relay.url("/"));
+    EXPECT_TRUE(browser.becomesTrue(R"(
+        (() => {
+            const video = document.getElementById("picture");
+            if (!video || video.buffered.length === 0) return false;
+            window.began = window.began ?? video.currentTime;
+            const pictures = video.getVideoPlaybackQuality().totalVideoFrames;
+            return video.currentTime > window.began + 1.5 && pictures > 30;
+        })())"))
+        << "the picture does not move";
+    EXPECT_EQ(1, browser.evaluate("picture.buffered.length")) << "nothing is missing in between";
+    EXPECT_EQ(160, browser.evaluate("picture.videoWidth"));
+    EXPECT_EQ(nullptr, browser.evaluate("picture.error"));
+    EXPECT_TRUE(browser.becomesTrue(R"(/^\d\.\d s after the server/.test(delay.textContent))"));
+    EXPECT_EQ("", browser.evaluate("note.textContent"));
+    EXPECT_EQ(0, relay.end());
+}
+
+TEST(RelayPlayers, TellsABrowserHowToPlayWhatItCannot) {
+    const TempFolder folder;
+    RelayProgram relay({"--input", makeStream(folder, "libx265", 1, 25, false, "160x96"), "--loop"});
+    EXPECT_NE(std::string::npos, probe(relay.url("/live.mp4"), 'v', 1).find("codec_name=hevc"));
     Browser browser(relay.url("/"));
     EXPECT_TRUE(browser.becomesTrue("document.getElementById('view').textContent.includes('" +
                                     relay.url("/live.ts") + "')"));
+    EXPECT_EQ("This browser does not play H.265 pictures. Any of these does:",
+              browser.evaluate("sentence.textContent"));
     EXPECT_EQ(0, relay.end());
 }

@@ -11,6 +11,7 @@
 
 #include "media_relay/TestSource.h"
 #include "media_relay/http/Page.h"
+#include "media_relay/http/Response.h"
 
 namespace relay {
 
@@ -25,32 +26,6 @@ constexpr int64_t kLinger_us = 2000000;   // for it to close
 constexpr unsigned kSendBlock = 32768;    // bytes, in which a CStreamSender counts its room
 constexpr char kPlain[] = "text/plain";
 constexpr unsigned kSkipped = 101;  // message to a Session: its client has missed something
-
-const char* reason(int status) {
-    switch (status) {
-        case 200:
-            return "OK";
-        case 404:
-            return "Not Found";
-        case 405:
-            return "Method Not Allowed";
-        case 408:
-            return "Request Timeout";
-        case 414:
-            return "URI Too Long";
-        case 431:
-            return "Request Header Fields Too Large";
-        case 503:
-            return "Service Unavailable";
-        default:
-            return "Bad Request";
-    }
-}
-
-std::string responseHead(int status, const std::string& type) {
-    return "HTTP/1.1 " + std::to_string(status) + " " + reason(status) + "\r\nContent-Type: " + type +
-           "\r\nConnection: close\r\nCache-Control: no-store\r\n";
-}
 
 std::string liveHead(bool test) {
     if (!test) {
@@ -126,27 +101,37 @@ void Session::read(const char* bytes, size_t size) {
 
 void Session::serve(const HttpRequest& request) {
     m_withBody = request.method != "HEAD";
-    const char* const live = m_relay.options().isTest() ? "/live.mjpg" : "/live.ts";
+    const bool test = m_relay.options().isTest();
+    const char* const live = test ? "/live.mjpg" : "/live.ts";
     if (m_withBody && request.method != "GET") {
         fail(405);
     } else if (request.path == "/") {
         answer(200, "text/html; charset=utf-8", kPage);
     } else if (request.path == "/stats.json") {
         answer(200, "application/json", m_relay.json());
+    } else if (request.path == "/history.json") {
+        answer(200, "application/json", m_relay.historyJson());
     } else if (request.path == live) {
-        watch();
+        watch(m_relay.stream(), test ? "multipart/x-mixed-replace" : "video/mp2t", liveHead(test));
+    } else if (request.path == "/live.mp4" && !test) {
+        watchMp4();
     } else {
         fail(404);
     }
 }
 
-/// Once the head of the answer is out, the socket is written to by the media sender alone.
-void Session::watch() {
+/// An empty head is one that the stream sends itself. Once the head of the answer is out, the socket is
+/// written to by the media sender alone.
+void Session::watch(LiveStream& stream, const char* type, const std::string& head) {
     if (!m_withBody) {
-        answer(200, m_relay.options().isTest() ? "multipart/x-mixed-replace" : "video/mp2t", "");
+        answer(200, type, "");
         return;
     }
     const Options& options = m_relay.options();
+    if (!m_relay.takePlace()) {
+        fail(503);
+        return;
+    }
     CMediaStreamSender* const sender = CMediaStreamSender::Create();
     const auto client = std::make_shared<Client>(sender, m_relay.takeNumber(), m_peer,
                                                  options.twoQualities ? options.maxLag_ms / 2 : 0);
@@ -160,31 +145,36 @@ void Session::watch() {
     sender->WaitRoom(GetID());
     m_sock.SetSockSendBuf(options.sendBuffer);
     m_sock.SetSockNoDelay(true);
-    if (!m_relay.stream().join(client, options.maxClients)) {
-        sender->Detach();
-        sender->Close();
-        fail(503);
-        return;
-    }
+    stream.join(client);
     m_state = State::Watching;
     m_client = client;
-    const std::string head = liveHead(options.isTest());
-    const int sent = m_sock.Send(head.data(), static_cast<unsigned>(head.size()));
+    m_stream = &stream;
+    const int sent = head.empty() ? 0 : m_sock.Send(head.data(), static_cast<unsigned>(head.size()));
     if (sent < 0) {
         end();
         return;
     }
     sender->SendOtherData(head.data() + sent,
                           static_cast<int>(head.size()) - sent);  // before the first frame
-    m_relay.stream().begin(client);
+    stream.begin(client);
+}
+
+void Session::watchMp4() {
+    const std::string refusal = m_relay.mp4().refusal();
+    if (refusal.empty()) {
+        watch(m_relay.mp4().stream(), "video/mp4", "");
+        return;
+    }
+    m_relay.count(&Counters::bad);
+    answer(404, kPlain, refusal + "\n");
 }
 
 void Session::fail(int status) {
     m_relay.count(status == 503 ? &Counters::refused : &Counters::bad);
     tell("refused", status == 503
                         ? "all " + std::to_string(m_relay.options().maxClients) + " live clients are there"
-                        : std::to_string(status) + " " + reason(status));
-    answer(status, kPlain, std::to_string(status) + " " + reason(status) + "\n");
+                        : std::to_string(status) + " " + reasonOf(status));
+    answer(status, kPlain, std::to_string(status) + " " + reasonOf(status) + "\n");
 }
 
 void Session::answer(int status, const char* type, std::string_view body) {
@@ -273,7 +263,8 @@ void Session::abandon() {
 void Session::release() {
     if (m_client != nullptr) {
         m_relay.noteLeft(*m_client);
-        m_relay.stream().leave(m_client);
+        m_stream->leave(m_client);
+        m_relay.givePlace();
         m_relay.count(&Counters::left);
         m_client->sender()->Detach();
     }

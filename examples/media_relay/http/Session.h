@@ -47,7 +47,8 @@ private:
     void start(Orvex::Reticor::CSockStream& peer);
     void read(const char* bytes, size_t size) INFRA_REQUIRES(m_mutex);
     void serve(const HttpRequest& request) INFRA_REQUIRES(m_mutex);
-    void watch() INFRA_REQUIRES(m_mutex);
+    void watch(LiveStream& stream, const char* type, const std::string& head) INFRA_REQUIRES(m_mutex);
+    void watchMp4() INFRA_REQUIRES(m_mutex);
     void answer(int status, const char* type, std::string_view body) INFRA_REQUIRES(m_mutex);
     void fail(int status) INFRA_REQUIRES(m_mutex);
     void awaitClose() INFRA_REQUIRES(m_mutex);
@@ -71,6 +72,7 @@ private:
     long m_timer INFRA_GUARDED_BY(m_mutex) = 0;        // of the present state
     Orvex::Reticor::CStreamSender* m_page INFRA_GUARDED_BY(m_mutex) = nullptr;  // a reference is ours
     std::shared_ptr<Client> m_client INFRA_GUARDED_BY(m_mutex);                 // while watching
+    LiveStream* m_stream INFRA_GUARDED_BY(m_mutex) = nullptr;                   // and what
 };
 
 }  // namespace relay

@@ -74,7 +74,7 @@ bool SoundCutter::cutAac(size_t& at, SoundFrame& frame) {
     if (left < kAdtsHead) {
         return false;
     }
-    const size_t size = (head[3] & 3U) << 11 | head[4] << 3U | head[5] >> 5U;
+    const size_t size = (head[3] & 3U) << 11 | unsigned{head[4]} << 3 | head[5] >> 5U;
     const size_t headSize = (head[1] & 1) != 0 ? kAdtsHead : kAdtsHead + 2;
     const unsigned rate = head[2] >> 2U & 0xFU;
     const bool sound =

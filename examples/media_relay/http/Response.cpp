@@ -1,0 +1,33 @@
+// Response: words.
+
+#include "media_relay/http/Response.h"
+
+namespace relay {
+
+const char* reasonOf(int status) {
+    switch (status) {
+        case 200:
+            return "OK";
+        case 404:
+            return "Not Found";
+        case 405:
+            return "Method Not Allowed";
+        case 408:
+            return "Request Timeout";
+        case 414:
+            return "URI Too Long";
+        case 431:
+            return "Request Header Fields Too Large";
+        case 503:
+            return "Service Unavailable";
+        default:
+            return "Bad Request";
+    }
+}
+
+std::string responseHead(int status, const std::string& type) {
+    return "HTTP/1.1 " + std::to_string(status) + " " + reasonOf(status) + "\r\nContent-Type: " + type +
+           "\r\nConnection: close\r\nCache-Control: no-store\r\n";
+}
+
+}  // namespace relay
