@@ -330,8 +330,9 @@ public:
     /// The owner calls this from its own `handle_output`, with the same descriptor. It writes, so send
     /// procedures, and `Release` of packets if the socket fails, run inside, with the buffer's lock held:
     /// call it without a lock that one of these takes, and without one under which the product calls the
-    /// buffer. If another thread works in the buffer, it does not wait: that thread lets the sender go on. 0;
-    /// -1 if the sender does not wait for room.
+    /// buffer. If another thread works in the buffer, it does not wait: that thread lets the sender go on.
+    /// The sender must be there until this returns: close it in the owner's `handle_close`, before which a
+    /// worker may be on its way here, or hold a reference. 0; -1 if the sender does not wait for room.
     int handle_output(int handle) override;
 
     /// Lets one write take up to 16 frames, or 1 MiB, instead of one frame, where the sender gets them one

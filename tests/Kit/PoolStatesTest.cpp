@@ -183,10 +183,11 @@ TEST_F(KitPoolState, BeginsCallsInTheOrderOfTheirPosting) {
 }
 
 TEST_F(KitPoolState, RunsCallsSideBySideAndSerialOnesNot) {
-    Kit::Pool pool(2 * static_cast<unsigned>(least_workers()));
     CSemaphore met(0);
     CSemaphore here(0);
-    const auto meet = [&] {  // neither goes on without the other
+    Kit::Pool pool(2 *
+                   static_cast<unsigned>(least_workers()));  // ends first: its calls use what stands above
+    const auto meet = [&] {                                  // neither goes on without the other
         here.post();
         met.pend();
     };

@@ -63,8 +63,10 @@ public:
         EXPECT_EQ(0, sender->WaitRoom(GetID()));
     }
     int handle_output(int fd) override { return sender->handle_output(fd); }
+    // No worker is in handle_output any more.
     int handle_close(CNetHandler* self) override {
         Infra::CSemaphore& gone = m_gone;
+        sender->Close();
         delete self;
         gone.post();
         return 0;
@@ -74,7 +76,6 @@ public:
         sender->Detach();
         RemoveSock(sock);
         sock.Close();
-        sender->Close();
         Close();
     }
 
