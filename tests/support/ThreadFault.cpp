@@ -51,14 +51,28 @@ int ThreadFault::refused() const {
 
 using CreateThread = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
 
+/// A sanitizer that is linked into the program has its own function under this name, and knows no thread that
+/// was made without it. One that is a shared library, and the C library, come next after this program.
+extern "C" __attribute__((weak)) int __interceptor_pthread_create(pthread_t*, const pthread_attr_t*,
+                                                                  void* (*)(void*), void*);
+
+static CreateThread real_function() {
+    if (__interceptor_pthread_create != nullptr) {
+        return &__interceptor_pthread_create;
+    }
+    CreateThread create = nullptr;
+    void* const symbol = ::dlsym(RTLD_NEXT, "pthread_create");
+    std::memcpy(&create, &symbol, sizeof(create));
+    return create;
+}
+
 extern "C" __attribute__((visibility("default"))) int pthread_create(pthread_t* thread,
                                                                      const pthread_attr_t* attributes,
                                                                      void* (*start)(void*), void* argument) {
     static CreateThread next = nullptr;
     CreateThread create = __atomic_load_n(&next, __ATOMIC_RELAXED);
     if (create == nullptr) {
-        void* const symbol = ::dlsym(RTLD_NEXT, "pthread_create");
-        std::memcpy(&create, &symbol, sizeof(create));
+        create = real_function();
         __atomic_store_n(&next, create, __ATOMIC_RELAXED);
     }
     return Orvex::Testing::creation_is_refused() ? EAGAIN : create(thread, attributes, start, argument);

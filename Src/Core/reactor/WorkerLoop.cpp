@@ -23,9 +23,21 @@
 
 namespace Orvex::Reticor {
 
+namespace {
+
+/// The worker's blocks, also when a call of the product's ends the thread.
+struct ThreadMemory {
+    ThreadMemory() { CTsMemory::CreateMemPool(); }
+    ~ThreadMemory() { CTsMemory::DestroyThreadMemPool(); }
+    ThreadMemory(const ThreadMemory&) = delete;
+    ThreadMemory& operator=(const ThreadMemory&) = delete;
+};
+
+}  // namespace
+
 void CThreadPool::ThreadProc(Infra::CThreadLite& thread) {
     PoolLease::EnterWorker(m_index, this);
-    CTsMemory::CreateMemPool();
+    const ThreadMemory memory;
     ThreadCounts::Attach(m_index, take_counts());
     if (m_poll_event.m_key != EVENT_KEY_POLL) {
         assert(0);
@@ -41,7 +53,6 @@ void CThreadPool::ThreadProc(Infra::CThreadLite& thread) {
     // The next worker must be left neither in the wait nor asleep beside the token.
     m_mux.WakeUp();
     m_event.WakeAll();
-    CTsMemory::DestroyThreadMemPool();
 }
 
 namespace {

@@ -196,7 +196,31 @@ void CNetTimer::DestroyTimer(long id) {
     heap().RemoveById(id);
 }
 
+namespace {
+
+/// The record of a timer that has fired. The timer is over unless it is armed again, so also if its call ends
+/// the thread.
+class FiredTimer {
+public:
+    explicit FiredTimer(CEvent* ev) : m_ev(ev) {}
+    ~FiredTimer() {
+        if (m_ev != nullptr) {
+            CNetTimer::heap().Release(static_cast<long>(m_ev->m_key));
+            put_event(m_ev);
+        }
+    }
+    FiredTimer(const FiredTimer&) = delete;
+    FiredTimer& operator=(const FiredTimer&) = delete;
+    void arm() { CNetTimer::set_timer(std::exchange(m_ev, nullptr)); }
+
+private:
+    CEvent* m_ev;
+};
+
+}  // namespace
+
 int CNetTimer::handle_timer(CEvent* ev) {
+    FiredTimer fired(ev);
     const long id = static_cast<long>(ev->m_key);
     int64_t result = -1;
     if (HandlerPin handler = PoolTable::FindHandler(ev->m_obj_id)) {
@@ -209,15 +233,12 @@ int CNetTimer::handle_timer(CEvent* ev) {
         }
         print_timer(handler, "end");
     }
-    if (result < 0) {
-        heap().Release(id);
-        put_event(ev);
-        return 0;
-    }
     if (result > 0) {
         ev->m_delay = static_cast<uint64_t>(result);
     }
-    set_timer(ev);
+    if (result >= 0) {
+        fired.arm();
+    }
     return 0;
 }
 
