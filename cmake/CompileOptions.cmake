@@ -87,21 +87,25 @@ function(reticor_hardened_program name)
 endfunction()
 
 # A program whose options are parsed by a large library: that one is precompiled once for all of them, where tests are
-# precompiled, and only for the sources that name it, since it makes all that include it slow to compile. Sanitizers look
-# at what a program does, not at how fast it is: without optimising, the parser alone compiles in a third of the time.
+# precompiled, and only for the sources that name it, since it makes all that include it slow to compile. Sanitizers and
+# tests in batches look at what a program does, not at how fast it is: without optimising, the parser alone compiles in
+# a third of the time. The C library's checked calls want some.
 function(reticor_precompiled_program name)
   if(RETICOR_SANITIZE)
-    target_compile_options(${name} PRIVATE -O0)
+    set(optimisation -O0)
+  elseif(RETICOR_TEST_BATCHES)
+    set(optimisation -O1)
+  else()
+    set(optimisation "")
   endif()
+  target_compile_options(${name} PRIVATE ${optimisation})
   if(NOT RETICOR_TEST_PCH)
     return()
   endif()
   if(NOT TARGET reticor_program_pch)
     reticor_precompiled_headers(reticor_program_pch <CLI/CLI.hpp>)
     reticor_hardened_program(reticor_program_pch)
-    if(RETICOR_SANITIZE)
-      target_compile_options(reticor_program_pch PRIVATE -O0)
-    endif()
+    target_compile_options(reticor_program_pch PRIVATE ${optimisation})
   endif()
   target_precompile_headers(${name} REUSE_FROM reticor_program_pch)
   get_target_property(sources ${name} SOURCES)
