@@ -1,7 +1,8 @@
 // The main function of every test program. With --apart=SECONDS as its first argument it forks for each case
 // that the filter names, before anything of the library has run, so that a case has a process of its own and
-// finds nothing that another one left. That costs less than to start the program again where a sanitizer has its
-// tables to fill. What a case printed is shown if it failed or was skipped; one that takes longer is ended.
+// finds nothing that another one left. That costs less than to start the program again where a sanitizer has
+// its tables to fill. What a case printed is shown if it failed or was skipped; one that takes longer than so
+// many seconds is ended.
 
 #include <gmock/gmock.h>
 
