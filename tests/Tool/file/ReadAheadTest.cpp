@@ -51,6 +51,13 @@ protected:
         return count;
     }
 
+    // Runs `calls` while a call of the device is under way: on a thread of their own, which a caller is.
+    template <typename Calls>
+    static void beside(Calls calls) {
+        std::thread caller(calls);
+        caller.join();
+    }
+
     MemoryDevice* device = nullptr;
     bool eof = false;
 };
@@ -93,7 +100,7 @@ TEST_F(ReadAhead, AReadThatComesToALoadUnderWayWaitsForThatOne) {
     std::string got;
     device->on_read = [&](unsigned) {
         if (disk->reads == 1) {  // the second block, which nobody waits for yet
-            got = read(*file, 2 * BLOCK);
+            beside([&] { got = read(*file, 2 * BLOCK); });
         }
         return MemoryDevice::LET_BE;
     };
@@ -196,8 +203,10 @@ TEST_F(ReadAhead, ASeekIntoWhatIsBeingReadAheadLosesAndDoublesNothing) {
     CNFile* const file = openAhead(bytes);
     device->on_read = [&](unsigned) {
         if (disk->reads == 1) {  // the load of the second block
-            EXPECT_EQ(0, file->Seek(BLOCK + BLOCK / 2, 0));
-            EXPECT_EQ("", read(*file, 1));
+            beside([&] {
+                EXPECT_EQ(0, file->Seek(BLOCK + BLOCK / 2, 0));
+                EXPECT_EQ("", read(*file, 1));
+            });
         }
         return MemoryDevice::LET_BE;
     };
@@ -237,8 +246,10 @@ TEST_F(ReadAhead, AWriteBesideALoadOfItsPlaceMakesThatOneStale) {
     device->on_read = [&](unsigned) {
         if (!written && disk->reads == 1) {
             written = true;
-            EXPECT_EQ(0, file->Seek(BLOCK + 7, 0));
-            EXPECT_EQ(3, write(*file, "abc"));
+            beside([&] {
+                EXPECT_EQ(0, file->Seek(BLOCK + 7, 0));
+                EXPECT_EQ(3, write(*file, "abc"));
+            });
         }
         return MemoryDevice::LET_BE;
     };
@@ -264,12 +275,13 @@ TEST_F(ReadAhead, ALoadNeverOvertakesBytesThatWereWrittenBeforeItWasAsked) {
     device->on_read = [&](unsigned) {
         if (!written && disk->reads == 3) {  // while the fourth block is loaded
             written = true;
-            EXPECT_EQ(0, file->Seek(5 * BLOCK + 1, 0));
-            EXPECT_EQ(3, write(*file, "abc"));
-            EXPECT_EQ(0, file->Seek(0, 0));
-            std::string got(4 * BLOCK, '\0');
-            got.resize(static_cast<std::size_t>(file->Read(got.data(), 4 * BLOCK, eof)));
-            EXPECT_TRUE(bytes.substr(0, got.size()) == got);
+            beside([&] {
+                EXPECT_EQ(0, file->Seek(5 * BLOCK + 1, 0));
+                EXPECT_EQ(3, write(*file, "abc"));
+                EXPECT_EQ(0, file->Seek(0, 0));
+                const std::string got = read(*file, 4 * BLOCK);
+                EXPECT_TRUE(bytes.substr(0, got.size()) == got);
+            });
         }
         return MemoryDevice::LET_BE;
     };
@@ -346,7 +358,7 @@ TEST_F(ReadAhead, AFailureUnderAReadThatHasComeMeanwhileIsMessage8) {
         if (disk->reads != 1) {
             return MemoryDevice::LET_BE;
         }
-        EXPECT_EQ(BLOCK, read(*file, 2 * BLOCK).size());
+        beside([&] { EXPECT_EQ(BLOCK, read(*file, 2 * BLOCK).size()); });
         return -1;
     };
     read(*file, 1);
@@ -384,7 +396,7 @@ TEST_F(ReadAhead, ACloseBesideALoadLetsThatOneEnd) {
     CNFile* const file = openAhead(pattern(8 * BLOCK));
     device->on_read = [&](unsigned) {
         if (disk->reads == 1) {
-            file->Close();
+            beside([&] { file->Close(); });
         }
         return MemoryDevice::LET_BE;
     };
