@@ -5,6 +5,7 @@
 #include <Reticor/FileBuf.h>
 #include <Reticor/MediaBuffer.h>
 #include <Reticor/MediaDrops.h>
+#include <Reticor/MediaLanes.h>
 #include <Reticor/MediaPacket.h>
 #include <Reticor/MediaStreamReceiver.h>
 #include <Reticor/MediaStreamSender.h>

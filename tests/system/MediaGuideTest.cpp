@@ -118,6 +118,20 @@ TEST_F(MediaGuide, AReaderWithAFullSocketGetsTheRestWhenItHasRoom) {
     m_gone.pend();
 }
 
+TEST_F(MediaGuide, AClientOfALaneGetsTheStreamAndEndsOnRequest) {
+    CMediaLanes lanes;
+    ASSERT_EQ(0, lanes.Create(2, 1));
+    LaneReader* const reader = LaneReader::Create(lanes, m_peer, m_gone);
+    ASSERT_NE(nullptr, reader);
+    const std::string big(300000, 'b');
+    auto* const packet = new CountedPacket(big);
+    ASSERT_EQ(0, lanes.Put(packet, static_cast<int>(big.size()), MEDIA_MARK_LAST, levelOfPicture(true)));
+    EXPECT_EQ(big, read(big.size()));
+    reader->end();
+    m_gone.pend();
+    EXPECT_EQ(0, lanes.Destroy());
+}
+
 TEST_F(MediaGuide, ARecorderKeepsWhatTheBufferLetsGo) {
     CMediaBuffer buffer;
     Recorder recorder;

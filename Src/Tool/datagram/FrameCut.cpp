@@ -118,7 +118,7 @@ void FrameCut::write_header(const CFrame& frame, uint32_t index, char* to) {
     datagram.channel = frame.channel();
     datagram.level = frame.level();
     datagram.key = frame.is_key();
-    datagram.info = frame.m_info_packet;
+    datagram.info = frame.m_info_shown;
     datagram.info_arg = frame.m_info_arg;
     INFRA_PROMISE(FRAME_FILTER);
     m_size.function(datagram, to);

@@ -7,7 +7,7 @@ void ChannelBook::enter(CFrame& frame) {
     const unsigned bit = frame.channel_bit();
     const bool key = frame.is_key();
     Channel& channel = m_channels[frame.channel()];
-    const bool disposable = !key && m_disposable_level != 0 && frame.level() >= m_disposable_level;
+    const bool disposable = is_disposable(frame);
     frame.place_among_needed(channel.needed, disposable);
     channel.needed += disposable ? 0 : 1;
     m_all_keys = key && channel.last_key ? m_all_keys | bit : m_all_keys & ~bit;

@@ -25,6 +25,13 @@ public:
     /// The frame is complete, with its time. It learns its place among the frames that others need.
     void enter(CFrame& frame);
 
+    /// The frame is complete, and was lost before it came. It counts among those that others need, and
+    /// nothing is known of it as a key frame, since nobody can begin with it.
+    void enter_lost(const CFrame& frame) {
+        m_channels[frame.channel()].needed += is_disposable(frame) ? 0 : 1;
+        m_channels[frame.channel()].last = ++m_frames;
+    }
+
     /// Whether there is a younger key frame of the frame's channel.
     bool has_newer_key(const CFrame& frame) const {
         return m_channels[frame.channel()].key_ordinal > frame.m_ordinal;
@@ -55,6 +62,9 @@ private:
     };
 
     void look_for_predicting();
+    bool is_disposable(const CFrame& frame) const {
+        return !frame.is_key() && m_disposable_level != 0 && frame.level() >= m_disposable_level;
+    }
 
     Channel m_channels[CHANNELS];
     uint64_t m_frames = 0;

@@ -87,8 +87,18 @@ bool CFrame::grow() {
     return true;
 }
 
-int CFrame::PutInfo(CMediaPacket* packet, int arg) {
+bool CFrame::make_room_for(uint32_t packets) {
+    while (m_packet_cap - m_packet_num < packets) {
+        if (!grow()) {
+            return false;
+        }
+    }
+    return true;
+}
+
+int CFrame::PutInfo(CMediaPacket* packet, int arg, CMediaPacket* shown) {
     CMediaPacket* const earlier = std::exchange(m_info_packet, packet);
+    m_info_shown = shown != nullptr ? shown : packet;
     m_info_arg = arg;
     if (earlier != nullptr) {
         INFRA_PROMISE(RELEASE);
@@ -107,6 +117,7 @@ void CFrame::Clear() {
         INFRA_PROMISE(RELEASE);
         info->Release();
     }
+    m_info_shown = nullptr;
     m_packet_num = 0;
     m_frame_len = 0;
     m_mark = 0;

@@ -39,11 +39,14 @@ public:
 
     /// Sees to it that one more packet has a place. False, with nothing changed, if there is no memory.
     bool make_room() { return m_packet_num < m_packet_cap || grow(); }
+    /// The same for that number of packets more.
+    bool make_room_for(uint32_t packets);
     /// Takes a packet, which is the frame's to release from now on. 0; -1, and the packet stays the caller's,
     /// if there is no memory, which there is after make_room.
     int Put(CMediaPacket* packet, int len, int mark, int level);
-    /// Takes the information packet in place of an earlier one, which is released. Always 0.
-    int PutInfo(CMediaPacket* packet, int arg);
+    /// Takes the information packet in place of an earlier one, which is released. `shown` is what a product
+    /// is told of it, if that is another one. Always 0.
+    int PutInfo(CMediaPacket* packet, int arg, CMediaPacket* shown = nullptr);
     /// Releases everything and makes the frame an empty one, the arrays keep their size.
     void Clear();
 
@@ -54,6 +57,11 @@ public:
         m_channel_begin = channel_begin;
     }
     void set_key() { m_key_mask = channel_bit(); }
+    /// It was lost before it could be put: it has a level word and a length, and no packets.
+    void set_lost(int level_word, int64_t bytes) {
+        m_level = level_word;
+        m_frame_len = bytes;
+    }
     /// It is offered to senders from now on.
     void offer(uint64_t now_us) { m_complete_us = now_us; }
     void grow_older() { ++m_age; }
@@ -135,6 +143,7 @@ public:
     bool m_disposable = false;  ///< No other frame needs it, but those of higher levels.
     CFrame* m_next = nullptr;
     CMediaPacket* m_info_packet = nullptr;
+    CMediaPacket* m_info_shown = nullptr;  ///< As products know it.
     int32_t m_info_arg = 0;
     /// Senders that took the frame and did not finish it, those that left meanwhile included. As long as it
     /// is not 0 the frame does not expire. It can be too high and too low because of senders that leave, join

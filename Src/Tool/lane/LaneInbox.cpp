@@ -47,7 +47,7 @@ LanePacket* LaneInbox::put(LanePacket& frame) {
             return lose_first(line);
         }
     }
-    lose(frame);
+    lose(frame.frame_level(), bytes);
     return &frame;
 }
 
@@ -80,10 +80,29 @@ LanePacket* LaneInbox::lose_first(Line& line) {
     return std::exchange(entry.frame, nullptr);
 }
 
-// Those that wait are all more important than the one that comes.
-void LaneInbox::lose(LanePacket& frame) {
-    count_lost(frame.frame_bytes());
-    append({nullptr, frame.frame_level(), frame.frame_bytes(), 0});
+void LaneInbox::lose(int level_word, uint64_t bytes) {
+    count_lost(bytes);
+    append({nullptr, level_word, bytes, 0});
+}
+
+// Without a place for it, it is counted alone, so that nothing that waits is lost for it.
+void LaneInbox::put_lost(int level_word, uint64_t bytes) {
+    Infra::CGuard guard(m_mutex);
+    if (m_count != PLACES) {
+        lose(level_word, bytes);
+        return;
+    }
+    count_lost(bytes);
+    add_to_sums(level_word, bytes);
+}
+
+void LaneInbox::add_to_sums(int level_word, uint64_t bytes) {
+    Sum& sum = m_sums[static_cast<size_t>(channel_of(level_word)) % CHANNELS];
+    const int level = line_of(level_word);
+    sum.level = sum.frames == 0 ? level : std::min(sum.level, level);
+    ++sum.frames;
+    sum.bytes += bytes;
+    m_any_sums = true;
 }
 
 void LaneInbox::count_lost(uint64_t bytes) {
@@ -98,10 +117,7 @@ LanePacket* LaneInbox::fold_first() {
         leave_line(m_lines[static_cast<size_t>(line_of(entry.level_word))]);
         count_lost(entry.bytes);
     }
-    Sum& sum = m_sums[static_cast<size_t>(channel_of(entry.level_word)) % CHANNELS];
-    ++sum.frames;
-    sum.bytes += entry.bytes;
-    m_any_sums = true;
+    add_to_sums(entry.level_word, entry.bytes);
     m_ticks = std::min(m_ticks + entry.ticks, MOST_TICKS);
     drop_first();
     return entry.frame;

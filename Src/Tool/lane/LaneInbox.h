@@ -34,6 +34,7 @@ public:
     struct Sum {
         uint64_t frames = 0;
         uint64_t bytes = 0;
+        int level = 0;  ///< Of the most important one.
     };
     struct Entry {
         LanePacket* frame = nullptr;  ///< Null: it was lost.
@@ -68,6 +69,8 @@ public:
     /// Puts a frame. Null when it is in; otherwise a frame that was lost for it, which the caller lets go
     /// before it comes again. If that is the same one, it is not to come again.
     LanePacket* put(LanePacket& frame);
+    /// A frame that was lost on its way.
+    void put_lost(int level_word, uint64_t bytes);
     void put_tick();
     /// Whether the lane is to be called: it is not on its way, and there is something to take. It is on its
     /// way from now on.
@@ -103,9 +106,10 @@ private:
     void append(const Entry& entry) INFRA_REQUIRES(m_mutex);
     LanePacket* lose_first(Line& line) INFRA_REQUIRES(m_mutex);
     void leave_line(Line& line) INFRA_REQUIRES(m_mutex);
-    void lose(LanePacket& frame) INFRA_REQUIRES(m_mutex);
+    void lose(int level_word, uint64_t bytes) INFRA_REQUIRES(m_mutex);
     LanePacket* fold_first() INFRA_REQUIRES(m_mutex);
     void drop_first() INFRA_REQUIRES(m_mutex);
+    void add_to_sums(int level_word, uint64_t bytes) INFRA_REQUIRES(m_mutex);
     void count_lost(uint64_t bytes) INFRA_REQUIRES(m_mutex);
 
     mutable Infra::CMutex m_mutex{Infra::LockClass::MEDIA_INBOX};

@@ -2,6 +2,7 @@
 #include "Tool/media/FrameLine.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <utility>
 
 #include "Core/count/Points.h"
@@ -33,10 +34,10 @@ void FrameLine::begin() {
     ++m_frame_num;
 }
 
-void FrameLine::put_info(CMediaPacket* packet, int arg) {
+void FrameLine::put_info(CMediaPacket* packet, int arg, CMediaPacket* shown) {
     begin_if_empty();
     if (packet != nullptr) {
-        m_current->PutInfo(packet, arg);
+        m_current->PutInfo(packet, arg, shown);
     }
 }
 
@@ -45,8 +46,40 @@ void FrameLine::append(CMediaPacket* packet, int len, int mark, int level_word) 
     m_core.add_bytes(len);
 }
 
+bool FrameLine::make_room_for(uint32_t packets) {
+    if (!make_room(false)) {
+        return false;
+    }
+    begin_if_empty();
+    return m_current->make_room_for(packets) && make_room(false);
+}
+
 void FrameLine::complete() {
     CFrame& frame = *m_current;
+    number(frame);
+    m_core.m_levels.enter(frame);
+    if (frame.m_frame_len < 1) {
+        ++m_hollow_num;
+    }
+    Points::FramePut(frame, m_name);
+}
+
+void FrameLine::lose(int level_word, uint64_t bytes) {
+    CFrame frame;
+    frame.set_lost(level_word, static_cast<int64_t>(bytes));
+    number(frame);
+    m_core.m_levels.enter(frame);
+    if (m_core.m_keepers != 0) {
+        m_core.m_channels.enter_lost(frame);
+    }
+}
+
+uint64_t FrameLine::take_complete_us() {
+    return std::exchange(m_complete_us, 0);
+}
+
+// The frame is the youngest one of its channel.
+void FrameLine::number(CFrame& frame) {
     const int channel = frame.channel();
     int32_t& min_level = m_min_level[channel];
     min_level = std::min(min_level, frame.level());
@@ -56,11 +89,6 @@ void FrameLine::complete() {
     const auto length = static_cast<uint64_t>(frame.m_frame_len);
     frame.place(m_core.m_byte_total - length, ++m_ordinal[channel], m_channel_bytes[channel]);
     m_channel_bytes[channel] += length;
-    m_core.m_levels.enter(frame);
-    if (frame.m_frame_len < 1) {
-        ++m_hollow_num;
-    }
-    Points::FramePut(frame, m_name);
 }
 
 uint64_t FrameLine::bytes_of(uint8_t mask) const {

@@ -60,14 +60,22 @@ public:
         }
     }
     /// Gives the current frame its information; a null packet changes nothing.
-    void put_info(CMediaPacket* packet, int arg) INFRA_REQUIRES(CORE_MUTEX);
+    void put_info(CMediaPacket* packet, int arg, CMediaPacket* shown = nullptr) INFRA_REQUIRES(CORE_MUTEX);
+    /// There is a current frame, and no memory is needed to put that number of packets into it. False if
+    /// there is none.
+    bool make_room_for(uint32_t packets) INFRA_REQUIRES(CORE_MUTEX);
     /// Puts a packet into the current frame.
     void append(CMediaPacket* packet, int len, int mark, int level_word) INFRA_REQUIRES(CORE_MUTEX);
     /// The current frame is complete, on a channel of 0 to 7.
     void complete() INFRA_REQUIRES(CORE_MUTEX);
+    /// A frame with that level word was lost on its way to the buffer: it counts as one that was complete
+    /// here, and that everybody has missed.
+    void lose(int level_word, uint64_t bytes) INFRA_REQUIRES(CORE_MUTEX);
+    /// The next frame that is offered was complete at that time already.
+    void set_complete_us(uint64_t complete_us) INFRA_REQUIRES(CORE_MUTEX) { m_complete_us = complete_us; }
     /// The complete frame is offered to senders from now on.
     void offer() INFRA_REQUIRES(CORE_MUTEX) {
-        m_current->offer(m_core.now());
+        m_current->offer(m_complete_us != 0 ? take_complete_us() : m_core.now());
         if (m_core.m_keepers != 0) {
             keep(*m_current);
         }
@@ -131,6 +139,8 @@ private:
     static constexpr uint32_t FRAMES_OF_A_STEP = 2;
 
     void begin() INFRA_REQUIRES(CORE_MUTEX);
+    void number(CFrame& frame) INFRA_REQUIRES(CORE_MUTEX);
+    uint64_t take_complete_us() INFRA_REQUIRES(CORE_MUTEX);
     const CFrame* walk_hollow(const CFrame* before) INFRA_REQUIRES(CORE_MUTEX);
     bool is_held(const CFrame& frame) const INFRA_REQUIRES(CORE_MUTEX);
     void expire(CFrame& frame) INFRA_REQUIRES(CORE_MUTEX);
@@ -156,6 +166,7 @@ private:
     uint32_t m_hollow_num INFRA_GUARDED_BY(CORE_MUTEX) = 0;   ///< Complete frames without a byte.
     uint32_t m_expired_now INFRA_GUARDED_BY(CORE_MUTEX) = 0;  ///< Expired, and still in the list.
     bool m_policy_only INFRA_GUARDED_BY(CORE_MUTEX) = false;
+    uint64_t m_complete_us INFRA_GUARDED_BY(CORE_MUTEX) = 0;  ///< Of the next frame; 0: when it is offered.
     std::atomic<uint32_t> m_valid_num{0};
     int32_t m_min_level[CHANNELS] INFRA_GUARDED_BY(CORE_MUTEX);
     /// Complete frames of each channel so far.

@@ -88,6 +88,12 @@ void MediaBufferState::del_sender(SenderRecord& record) {
     }
 }
 
+void MediaBufferState::take_back(CMediaStreamSender& sender) {
+    TargetStepMark::enter();
+    SenderRecord::of(sender).m_coming.take_back(*m_core);
+    TargetStepMark::leave();
+}
+
 bool MediaBufferState::go(CMediaStreamSender& sender) {
     SenderRecord& record = SenderRecord::of(sender);
     if (record.m_list != m_core.get()) {
@@ -193,6 +199,10 @@ void MediaBufferState::complete() {
     m_frames.offer();
     m_waiting.note_offer(m_frames.current()->is_key(), m_core->m_channels.roles());
     call_movers();
+}
+
+void MediaBufferState::lose(int level_word, uint64_t bytes) {
+    m_frames.lose(clamp_level(level_word), bytes);
 }
 
 // A key frame at which one can begin is complete: those that wait for it come when this thread has left the

@@ -59,6 +59,9 @@ struct MediaBufferState : SendTarget_IF, StepEnd_IF {
     int accept(CMediaPacket* packet, int len, int mark, int level) INFRA_REQUIRES(CORE_MUTEX);
     /// The packet was the last one of its frame, whose channel is 0 to 7.
     void complete() INFRA_REQUIRES(CORE_MUTEX);
+    /// A frame was lost on its way to this buffer, with that level word: to senders it is one that was gone
+    /// when its turn came.
+    void lose(int level_word, uint64_t bytes) INFRA_REQUIRES(CORE_MUTEX);
     /// Whether the last packet ended a frame, and there was a sender: the timer must not send half a frame.
     bool sends() const INFRA_REQUIRES(CORE_MUTEX) { return m_send_ready; }
     /// All senders go on, and what they are past is let go. Gives the bytes that were to be let go and were
@@ -74,6 +77,17 @@ struct MediaBufferState : SendTarget_IF, StepEnd_IF {
     void take_off(SenderRecord& record, bool inside_call_back) INFRA_REQUIRES(CORE_MUTEX);
 
     bool go(CMediaStreamSender& sender) override INFRA_REQUIRES(CORE_MUTEX);
+    /// It is on this list, or was on none since, or is about to come here.
+    bool has_seat(CMediaStreamSender& sender) const {
+        return SenderRecord::of(sender).m_seat.get() == m_core;
+    }
+    /// Inside a call-back of any buffer: it comes to this list when the thread is out of all call-backs.
+    /// False if that was noted already.
+    bool note_coming(CMediaStreamSender& sender) { return SenderRecord::of(sender).m_coming.note(m_core); }
+    /// It does not come here, nor moves from here, if that was noted. Outside or inside call-backs.
+    void take_back(CMediaStreamSender& sender);
+    /// Whoever reads from a sender's socket, if it waits for room; 0 otherwise.
+    static long owner_of(CMediaStreamSender& sender) { return SenderRecord::of(sender).m_room.owner(); }
     /// Moves a sender, as CMediaBuffer::MoveSender tells.
     bool move(SenderRecord& record, const MediaBufferState& to, bool at_key);
     void set_start_cache(uint64_t keep_us, uint64_t most_bytes) INFRA_REQUIRES(CORE_MUTEX);

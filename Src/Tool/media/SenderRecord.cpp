@@ -148,7 +148,7 @@ void SenderRecord::tell_sent() {
 }
 
 void SenderRecord::call_procedure() {
-    m_procedure.call(m_frame->m_info_packet, m_frame->m_info_arg, static_cast<int>(m_frame->m_frame_len));
+    m_procedure.call(m_frame->m_info_shown, m_frame->m_info_arg, static_cast<int>(m_frame->m_frame_len));
 }
 
 // The place in the stream.

@@ -41,7 +41,7 @@ MediaVerdict FrameFilter::judge(const CFrame& frame, uint64_t now_us) {
     offer.key = frame.is_key();
     offer.bytes = static_cast<uint64_t>(frame.m_frame_len);
     offer.age_us = now_us > frame.m_complete_us ? now_us - frame.m_complete_us : 0;
-    offer.info = frame.m_info_packet;
+    offer.info = frame.m_info_shown;
     offer.info_arg = frame.m_info_arg;
     ++m_stats.asked;
     m_verdict = ask(offer);

@@ -1,0 +1,57 @@
+// LaneHandler: a message, and a lane is served.
+#include "Tool/lane/LaneHandler.h"
+
+#include <new>
+#include <utility>
+
+#include <Infra/Log.h>
+
+#include "Core/pool/PoolTable.h"
+#include "Core/service/Message.h"
+
+namespace Orvex::Reticor {
+
+LaneHandler::LaneHandler(std::shared_ptr<Lane> lane, int pool) : CNetHandler(pool), m_lane(std::move(lane)) {}
+
+LaneHandler* LaneHandler::begin(const std::shared_ptr<Lane>& lane, int pool) {
+    auto* const handler = new (std::nothrow) LaneHandler(lane, pool);
+    if (handler == nullptr) {
+        return nullptr;
+    }
+    if (handler->GetID() == 0) {
+        handler->Close();
+        return nullptr;
+    }
+    handler->AddRef();
+    lane->set_handler(handler->GetID());
+    return handler;
+}
+
+// The first reference is the pool's to drop, when it takes the close message. One that has ended will not.
+void LaneHandler::end() {
+    m_lane->set_handler(0);
+    const bool found = static_cast<bool>(PoolTable::FindHandler(GetID()));
+    Close();
+    if (!found) {
+        DecRef();
+    }
+    DecRef();
+}
+
+// Where the message for the rest cannot be posted, the rest is served at once.
+int LaneHandler::handle_message(long /*sender*/, unsigned int /*msg*/, long /*attach*/) {
+    const long id = GetID();
+    while (m_lane->serve(FRAMES_OF_A_CALL) && !CMessage::Notify(id, id, 0, 0, false)) {
+    }
+    if (const uint32_t failures = m_lane->take_failures()) {
+        INFRA_LOG(2, "CMediaLanes, no memory for %u frames in a lane\n", failures);
+    }
+    return 0;
+}
+
+int LaneHandler::handle_close(CNetHandler* /*self*/) {
+    delete this;
+    return 0;
+}
+
+}  // namespace Orvex::Reticor

@@ -1,0 +1,35 @@
+// LaneHandler: what a lane is on its pool.
+#pragma once
+
+#include <Reticor/NetHandler.h>
+
+#include <cstdint>
+#include <memory>
+
+#include "Tool/lane/Lane.h"
+
+namespace Orvex::Reticor {
+
+/// A message to it has a worker of the pool serve the lane.
+class LaneHandler final : public CNetHandler {
+public:
+    /// Frames in one call; then the pool's other handlers have their turn.
+    static constexpr uint32_t FRAMES_OF_A_CALL = 64;
+
+    /// The lane is served on that pool from now on. Gives a reference; null if there is no memory.
+    static LaneHandler* begin(const std::shared_ptr<Lane>& lane, int pool);
+    /// Nobody is told any more, and the reference is dropped. A call that has begun goes on until the pool
+    /// has ended. Also after the pool's end.
+    void end();
+
+    int handle_message(long sender, unsigned int msg, long attach) override;
+    int handle_close(CNetHandler* self) override;
+
+private:
+    LaneHandler(std::shared_ptr<Lane> lane, int pool);
+    ~LaneHandler() override = default;
+
+    const std::shared_ptr<Lane> m_lane;
+};
+
+}  // namespace Orvex::Reticor
