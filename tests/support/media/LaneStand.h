@@ -99,6 +99,12 @@ protected:
         Reticor::MediaLanesState::of(lanes).add_sender(*clients.back()->sender, lane);
         return *clients.back();
     }
+    // Packets that the lanes have ever made for themselves.
+    uint64_t made() {
+        Reticor::MediaLanesState& state = Reticor::MediaLanesState::of(lanes);
+        const Reticor::CoreGuard guard(*state.m_core);
+        return state.m_feed.made();
+    }
     Reticor::MediaLanesStats stats(int lane = -1) {
         Reticor::MediaLanesStats found;
         EXPECT_EQ(0, lanes.GetStats(&found, sizeof found, lane));
