@@ -106,6 +106,16 @@ __attribute__((noinline, cold)) void HandlerInternal::note_class(const CNetHandl
     HandlerList::SetClass(*this, vtable, ThreadCounts::offset_of(row));
 }
 
+__attribute__((noinline, cold)) void HandlerInternal::add_ref_noted(const void* place) {
+    m_holders->NoteTaken(place);
+    AddRef();
+}
+
+__attribute__((noinline, cold)) void HandlerInternal::dec_ref_noted(const void* place) {
+    m_holders->NoteGivenBack(place);  // ahead of it: then the object may be gone
+    DecRef();
+}
+
 bool HandlerInternal::EnterOpen() {
     AddRef();
     if (__m_magic.load(std::memory_order_acquire) == HANDLER_OPEN) {

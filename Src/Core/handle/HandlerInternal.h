@@ -61,13 +61,15 @@ struct HandlerInternal : HandlerNode {
     /// The same for the product, from `place`.
     void AddRefFrom(const void* place) {
         if (__builtin_expect(m_holders != nullptr, 0)) {
-            m_holders->NoteTaken(place);
+            add_ref_noted(place);
+            return;
         }
         AddRef();
     }
     void DecRefFrom(const void* place) {
         if (__builtin_expect(m_holders != nullptr, 0)) {
-            m_holders->NoteGivenBack(place);  // ahead of it: then the object may be gone
+            dec_ref_noted(place);
+            return;
         }
         DecRef();
     }
@@ -99,6 +101,9 @@ private:
         return *reinterpret_cast<const void* const*>(&handler);
     }
     void note_class(const CNetHandler& handler, const void* vtable);
+    // Out of the way, so that a reference without notes costs no more than the question.
+    void add_ref_noted(const void* place);
+    void dec_ref_noted(const void* place);
 
     static HandlerInternal sm_none;         ///< Of handlers that are still to be closed.
     static HandlerInternal sm_none_closed;  ///< Of those that were.
