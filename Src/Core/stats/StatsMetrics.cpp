@@ -131,9 +131,10 @@ void object_families(const std::vector<ObjectRow>& objects, TextRoom& out) {
             }
             count += row.kind == kind ? 1 : 0;
         }
+        const std::string all = std::string("reticor_") + kind->name + "s";  // "_count" is for histograms
         const std::string prefix = std::string("reticor_") + kind->name + "_";
-        family((prefix + "count").c_str(), "gauge", "Objects of that kind.", out);
-        out << prefix << "count " << count << "\n";
+        family(all.c_str(), "gauge", "Objects of that kind.", out);
+        out << all << " " << count << "\n";
         for (size_t figure = 0; figure < OBJECT_FIGURES && kind->figures[figure].name != nullptr; ++figure) {
             family((prefix + kind->figures[figure].name).c_str(), "gauge", kind->figures[figure].help, out);
             out << prefix << kind->figures[figure].name << " " << sums[figure] << "\n";

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -84,6 +86,21 @@ TEST_F(StatsMetrics, TheExpositionHasEverySeriesOnceAndCountersNeverFall) {
                   before.at("reticor_pool_messages_total{pool=\"0\"}"),
               32);
     CNetThread::DestroyPrivatePool(index);
+    CStats::SetTiming(false);
+}
+
+// Names, endings and helps: by our own reader, and by the tool of the format's makers where it is installed.
+TEST_F(StatsMetrics, NoReaderFindsFaultWithNamesAndEndings) {
+    CStats::SetTiming(true);
+    work();
+    const std::string text = exposed();
+    EXPECT_LT(20u, Exposition(text).series().size());
+    if (std::system("command -v promtool >/dev/null") == 0) {
+        std::FILE* const tool = ::popen("promtool check metrics", "w");
+        ASSERT_NE(nullptr, tool);
+        EXPECT_EQ(text.size(), std::fwrite(text.data(), 1, text.size(), tool));
+        EXPECT_EQ(0, ::pclose(tool));
+    }
     CStats::SetTiming(false);
 }
 

@@ -51,6 +51,11 @@ private:
             EXPECT_TRUE(m_types.emplace(parts[2], parts[3]).second) << "twice: " << line;
             EXPECT_TRUE(parts[3] == "counter" || parts[3] == "gauge" || parts[3] == "histogram") << line;
             m_present = parts[2];
+            // Endings by which readers know what a series is.
+            static const std::regex OF_HISTOGRAM(".*_(count|sum|bucket)");
+            static const std::regex OF_COUNTER(".*_total");
+            EXPECT_FALSE(std::regex_match(m_present, OF_HISTOGRAM)) << line;
+            EXPECT_EQ(parts[3] == "counter", std::regex_match(m_present, OF_COUNTER)) << line;
         }
     }
 
