@@ -32,6 +32,11 @@ TABLES = {
                                                   ("copied", "bytes copied per byte", "{:.4f}", False),
                                                   ("writes", "writes", "{:.2f}", False),
                                                   ("full_writes", "of them without room, in all", "{:,.0f}", False)]),
+    "lanes": ("reticor-1", [("frames_per_second", "frames/s", "{:,.0f}", True),
+                            ("server_cpu_us_per_frame", "server CPU us per frame and client", "{:.2f}", True),
+                            ("sink_cpu_us_per_frame", "sink's CPU us", "{:.2f}", False),
+                            ("server_processors", "server cores", "{:.2f}", False),
+                            ("lost_frames", "lost", "{:,.0f}", False)]),
     "datagrams": ("sendto", [("read.arrived_per_s", "arrived/s", "{:,.0f}", True),
                              ("read.sent_per_s", "sent/s", "{:,.0f}", False),
                              ("read.cpu_ns", "CPU ns each", "{:,.0f}", True),
@@ -81,6 +86,10 @@ HEADINGS = {
                       "`{counter}` on the server's threads; allocations (malloc and its kin) and copies in user space "
                       "(memcpy and its kin, 512 bytes and more) by a library that is loaded into the server, in a run "
                       "of its own. GStreamer gets each frame in one piece, which is put together once: its sink would join two pieces for each client."),
+    "lanes": ("Lanes", "One producer and CMediaLanes; each lane has a pool of its own. The other side of the "
+              "connections is a process that throws away what comes, without a copy (MSG_TRUNC), on the same processors. "
+              "As fast as they go: no client has more than 32 frames waiting. Ratios are to one lane. Where the sink takes "
+              "a part of two processors, two lanes cannot have twice the frames of one."),
     "messages": ("Messages", "One producer that is not a worker posts to 1000 receivers on two workers as fast as it can; "
                  "serial messages run one after the other (asio: a strand). CPU is that of the whole process. Ratios "
                  "are to asio. Allocations are calls of malloc and its kin, in windows of 10,000 messages after one "
@@ -133,7 +142,8 @@ def write(results, order, directory):
     medians = medians_of(results)
     pictures = plots.draw(medians, {name: row["title"] for name, row in rows.items()}, directory)
     page = ["# Benchmarks", "", *preface(rows), "", *target_table(medians, rows)]
-    for group in ("echo", "syscalls", "fanout", "fanout-counts", "messages", "datagrams", "timers", "ticks", "files", "micro"):
+    for group in ("echo", "syscalls", "fanout", "fanout-counts", "lanes", "messages", "datagrams", "timers", "ticks", "files",
+                  "micro"):
         members = {name: row for name, row in rows.items() if row["group"] == group}
         if members:
             page += ["", *section(group, members, medians, pictures.get(group, []))]

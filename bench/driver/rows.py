@@ -10,6 +10,7 @@ NAMES = {
     "epoll": "plain epoll", "libevent": "libevent", "libuv": "libuv", "asio": "asio", "tbb": "TBB",
     "gstreamer": "GStreamer", "stdio": "fwrite, fread", "posix": "pwrite, pread", "reticor": "Reticor",
     "reticor-single": "Reticor, a write per frame", "reticor-ahead": "Reticor, reading ahead",
+    "reticor-1": "one lane", "reticor-2": "two lanes", "reticor-3": "three lanes",
     "sendto": "plain sendto", "reticor-many": "Reticor, SendMany", "reticor-segments": "Reticor, SendSegments",
 }
 ECHO = ["epoll", "libevent", "libuv", "asio", "reticor"]
@@ -172,6 +173,21 @@ class DatagramRow(ProgramRow):
         return flat(tools.json(self.program(implementation), *self.arguments(scale), *way))
 
 
+class LaneRow(ProgramRow):
+    """One stream over lanes, on all processors, with the side that reads on them too."""
+
+    def __init__(self, name, title, lanes, stream, seconds=1.0):
+        super().__init__(name, title, [f"reticor-{count}" for count in lanes], None)
+        self.group, self.stream, self.seconds = "lanes", stream, seconds
+
+    def program(self, implementation):
+        return "lanes_reticor"
+
+    def measure(self, tools, implementation, scale):
+        return flat(tools.json("lanes_reticor", "--lanes", implementation.split("-")[1], *self.stream,
+                               "--warm-up", scale.warm_up, "--seconds", self.seconds * scale.fanout_seconds))
+
+
 class MicroRow:
     """A Google Benchmark program; it has ours and the peers in itself, told apart by the benchmarks' names."""
     group = "micro"
@@ -288,6 +304,10 @@ def all_rows(micro_programs):
                        seconds=0.8),
         FanoutCountRow("fanout-full-counts", "50 clients, frames of 64 KB as fast as they go", Stream(0, 65536),
                        ["--fast", 50], settle=0.4, seconds=0.8, implementations=[*FANOUT, "reticor-single"]),
+        LaneRow("lanes-full", "50 clients, frames of 64 KB as fast as they go", [1, 2],
+                ["--clients", 50, "--frame-bytes", 65536]),
+        *[LaneRow(f"lanes-{clients}", f"{clients} clients, 10 frames/s of 4 KB", [3],
+                  ["--clients", clients, "--frame-bytes", 4096, "--fps", 10]) for clients in (100, 1000, 4000, 9900)],
         ProgramRow("messages", "Messages", ["asio", "tbb", "reticor"], message_arguments),
         DatagramRow("datagrams", "Datagrams of 1400 bytes", DATAGRAMS, datagram_arguments),
         ProgramRow("timers", "Timers", ["libuv", "libevent", "reticor"], timer_arguments),
