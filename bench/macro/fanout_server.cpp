@@ -259,10 +259,7 @@ public:
         self->m_sender->WaitException(self->GetID());
         self->m_sender->SetResumePolicy(options.maxLagMs, MediaResume::STRICT);
         self->AddRef();  // it may end before this returns
-        if (delivery.enter(self)) {
-            delivery.buffer().AddSender(self->m_sender);
-            self->RegisterSock(self->m_stream, SOCK_READ, 0);
-        } else {
+        if (!delivery.enter(self) || !self->begin()) {
             self->end();
         }
         self->DecRef();
@@ -292,6 +289,7 @@ public:
 
     // The socket is closed with the object, when no call can be running any more.
     int end() {
+        const std::lock_guard<std::mutex> guard(m_mutex);
         if (!m_ended.exchange(true)) {
             m_delivery.leave(this);
             m_delivery.buffer().DelSender(m_sender);
@@ -306,6 +304,18 @@ public:
 private:
     explicit Viewer(Delivery& delivery) : m_delivery(delivery) { alive.enter(); }
 
+    // Registered first: a sender whose socket is not waits for no room, and where the next frame is made only
+    // when this one is through, nothing else would have it go on.
+    bool begin() {
+        const std::lock_guard<std::mutex> guard(
+            m_mutex);  // it may be read, and end, as soon as it is registered
+        if (RegisterSock(m_stream, SOCK_READ, 0) != 0) {
+            return false;
+        }
+        m_delivery.buffer().AddSender(m_sender);
+        return true;
+    }
+
     // Inside the buffer's lock.
     void onFrame(CMediaPacket*, int number, int) {
         m_next.store(static_cast<std::uint64_t>(number) + 1, std::memory_order_relaxed);
@@ -316,6 +326,7 @@ private:
     std::atomic<std::uint64_t> m_next{0};
     CSockStream m_stream;
     CMediaStreamSender* m_sender = nullptr;
+    std::mutex m_mutex;  // of its beginning and its end; entered before the buffer's lock
     std::atomic<bool> m_ended{false};
 };
 

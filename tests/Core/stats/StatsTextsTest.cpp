@@ -135,7 +135,7 @@ TEST_F(StatsTexts, HaveObjectsOneByOneInJsonAndAddedUpInMetrics) {
                         "{\"kind\":\"lamp\",\"id\":\"-327680\",\"watts\":5,\"flashes\":3}"))
         << json;
     const Exposition metrics(written(&CStats::toPrometheus));
-    EXPECT_EQ(2, metrics.at("reticor_lamp_count"));
+    EXPECT_EQ(2, metrics.at("reticor_lamps"));
     EXPECT_EQ(45, metrics.at("reticor_lamp_watts"));
     EXPECT_EQ(6, metrics.at("reticor_lamp_flashes"));
     EXPECT_NE(std::string::npos, written(&CStats::toText).find("lamp -2621440")) << written(&CStats::toText);
