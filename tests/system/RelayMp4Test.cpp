@@ -702,9 +702,12 @@ TEST_F(RelayMp4, SurvivesAnyUnits) {
     const Bytes letters = keyPicture() + adts(8) + Bytes{0x7F, 0xE0, 3, 0xFC};
     for (int i = 0; i < 3000; ++i) {
         if (i % 50 == 0) {
+            // One at a time: compilers differ in the order in which they evaluate arguments.
             const Codec videos[] = {Codec::H264, Codec::H265, Codec::Other};
-            remuxer.begin(mapOf(videos[random() % 3], random() % 2 == 0 ? Codec::Aac : Codec::Opus,
-                                static_cast<unsigned>(random() % 3)));
+            const auto channels = static_cast<unsigned>(random() % 3);
+            const Codec heard = random() % 2 == 0 ? Codec::Aac : Codec::Opus;
+            const Codec seen = videos[random() % 3];
+            remuxer.begin(mapOf(seen, heard, channels));
         }
         Bytes bytes = random() % 3 == 0 ? keyPicture() : random() % 2 == 0 ? adts(20) : Bytes();
         for (size_t k = random() % 100; k > 0; --k) {
