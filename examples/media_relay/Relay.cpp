@@ -238,7 +238,11 @@ void Relay::tick() {
         m_signalled = true;
         kill(getpid(), SIGTERM);  // main waits for a signal, whoever sends it
     }
-    if (++m_ticks % 2 == 0 && isatty(STDOUT_FILENO) != 0) {
+    if (++m_ticks % 2 != 0) {
+        return;
+    }
+    m_work.take();
+    if (isatty(STDOUT_FILENO) != 0) {
         printStatus();
     }
 }

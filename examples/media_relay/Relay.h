@@ -11,12 +11,13 @@
 #include <nlohmann/json_fwd.hpp>
 
 #include "media_relay/EndSignals.h"
-#include "media_relay/History.h"
 #include "media_relay/LiveStream.h"
 #include "media_relay/Mp4Output.h"
 #include "media_relay/MulticastOutput.h"
 #include "media_relay/Options.h"
 #include "media_relay/Source.h"
+#include "media_relay/figures/History.h"
+#include "media_relay/figures/PoolWork.h"
 #include "media_relay/http/Listener.h"
 
 namespace relay {
@@ -98,6 +99,7 @@ private:
     Mp4Output m_mp4;
     MulticastOutput m_multicast;
     History m_history;
+    PoolWork m_work;
 
     Orvex::Infra::CMutex m_mutex;  // innermost
     Counters m_counters INFRA_GUARDED_BY(m_mutex);

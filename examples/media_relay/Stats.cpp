@@ -107,6 +107,7 @@ std::string Relay::json() {
     const std::string refusal = m_options.isTest() ? "" : m_mp4.refusal();
     nlohmann::json all{{"clients", clients}, {"buffer", describe(bufferStats())}};
     all["ended"] = ended;
+    all["work"] = m_work.json();
     CGuard guard(m_mutex);
     all["input"] = {{"kind", m_source.kind},
                     {"live", m_options.isTest() ? "/live.mjpg" : "/live.ts"},

@@ -1,6 +1,6 @@
 // History: a ring of looks.
 
-#include "media_relay/History.h"
+#include "media_relay/figures/History.h"
 
 #include <algorithm>
 #include <utility>
