@@ -40,8 +40,9 @@ void PoolWork::take() {
 
 // The youngest that is old enough, or the oldest of all.
 const PoolWork::Look& PoolWork::look_before(unsigned seconds) const {
+    const unsigned now = m_number;
     const auto found = std::find_if(m_looks.rbegin(), m_looks.rend(),
-                                    [&](const Look& look) { return m_number - look.number >= seconds; });
+                                    [&](const Look& look) { return now - look.number >= seconds; });
     return found != m_looks.rend() ? *found : m_looks.front();
 }
 
