@@ -41,6 +41,7 @@ def wanted(medians, titles):
     yield message_plot(medians)
     yield timer_plot(medians)
     yield memory_plot(medians)
+    yield lanes_plot(medians)
 
 
 def short(row):
@@ -95,6 +96,14 @@ def memory_plot(medians):
     series = {name: [figures.get(f"{use}/{name}") for use in uses] for name in allocators} if figures else {}
     return ("micro", "memory", "TsMalloc and TsFree: ns per block, logarithmic", "ns",
             [use.replace("/", "\\n") + " B" for use in uses], series, "logarithmic")
+
+
+def lanes_plot(medians):
+    rows = {row: f"{row.removeprefix('lanes-')} clients" for row in medians
+            if row.startswith("lanes-") and row != "lanes-full"}
+    series = {"reticor": [medians[row]["reticor-3"].get("server_cpu_us_per_frame") for row in rows]} if rows else {}
+    return ("lanes", "lanes-growth", "Three lanes: server CPU per delivered frame of 4 KB", "us", list(rows.values()),
+            series, "clustered")
 
 
 def bars(path, caption, unit, categories, series, style):

@@ -169,7 +169,7 @@ def preface(rows):
              f"{max(others):.2f} at the worst. Where it is more than a tenth, ratios near 1 mean little."]
     if any(row["quick"] for row in rows.values()):
         lines.append("- Some rows come from `--quick`, which only shows that everything works.")
-    return lines
+    return lines + ["", "What it costs to be watched has [a page of its own](watching.md)."]
 
 
 def describe(machine):
