@@ -29,6 +29,15 @@ protected:
         bytes.resize(static_cast<std::size_t>(file.Read(bytes.data(), len, eof)));
         return bytes;
     }
+    // What calls of Read give together, with all tasks run after each; 20 calls at most.
+    std::string readOn(CNFile& file, unsigned len) {
+        std::string bytes;
+        for (int i = 0; i < 20 && bytes.size() < len; ++i) {
+            bytes += read(file, len - static_cast<unsigned>(bytes.size()));
+            drain();
+        }
+        return bytes;
+    }
     int write(CNFile& file, const std::string& bytes) {
         return file.Write(bytes.data(), static_cast<unsigned>(bytes.size()));
     }
@@ -230,12 +239,7 @@ TEST_F(ReadAhead, WhatIsWrittenIntoABlockThatWasReadAheadIsReadBack) {
     EXPECT_EQ(6, write(*file, "abcdef"));
     bytes.replace(2 * BLOCK - 3, 6, "abcdef");
     EXPECT_EQ(0, file->Seek(0, 0));
-    std::string got;
-    for (int i = 0; i < 20 && got.size() < bytes.size(); ++i) {
-        got += read(*file, 4 * BLOCK - static_cast<unsigned>(got.size()));
-        drain();
-    }
-    EXPECT_TRUE(bytes == got);
+    EXPECT_TRUE(bytes == readOn(*file, 4 * BLOCK));
     EXPECT_TRUE(bytes == closed(file));
 }
 
@@ -258,12 +262,7 @@ TEST_F(ReadAhead, AWriteBesideALoadOfItsPlaceMakesThatOneStale) {
     ASSERT_TRUE(written);
     bytes.replace(BLOCK + 7, 3, "abc");
     EXPECT_EQ(0, file->Seek(0, 0));
-    std::string got;
-    for (int i = 0; i < 20 && got.size() < bytes.size(); ++i) {
-        got += read(*file, 4 * BLOCK - static_cast<unsigned>(got.size()));
-        drain();
-    }
-    EXPECT_TRUE(bytes == got);
+    EXPECT_TRUE(bytes == readOn(*file, 4 * BLOCK));
     EXPECT_TRUE(bytes == closed(file));
 }
 
