@@ -7,6 +7,16 @@
 # A new source needs no line here; a new folder needs one.
 set(RETICOR_WINGS "" CACHE INTERNAL "")
 
+# Where tests are compiled in batches, a build with sanitizers has its libraries so too: it only runs tests. What looks
+# at single objects (names, start-up code, knots, witnesses) looks at a build without them. The door of the debug
+# server stays an object of its own, since one test program has it opened.
+set(reticor_libraries_in_batches OFF)
+if(RETICOR_TEST_BATCHES AND RETICOR_SANITIZE)
+  set(reticor_libraries_in_batches ON)
+  # Test programs stand before this function, which a caller in the same object would not notice.
+  set_source_files_properties(Src/Core/record/GeneralAllocator.cpp PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)
+endif()
+
 function(reticor_wing floor folder)
   cmake_parse_arguments(PARSE_ARGV 2 arg "" "" "NEXT_TO;DOORS")
   file(GLOB sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/Src/${folder}/*.cpp)
@@ -30,6 +40,9 @@ function(reticor_wing floor folder)
   target_include_directories(${name} PRIVATE
     ${PROJECT_SOURCE_DIR}/Src ${PROJECT_SOURCE_DIR}/include
     ${PROJECT_SOURCE_DIR}/foundation/include ${PROJECT_SOURCE_DIR}/foundation/inner)
+  if(reticor_libraries_in_batches AND NOT ${PROJECT_SOURCE_DIR}/Src/${folder}/R3Server.cpp IN_LIST sources)
+    reticor_in_batches(${name})
+  endif()
   set_target_properties(${name} PROPERTIES RETICOR_FLOOR ${floor} RETICOR_BELOW "${below}")
   set(RETICOR_WINGS ${RETICOR_WINGS} ${name} CACHE INTERNAL "")
 

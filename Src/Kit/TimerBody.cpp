@@ -11,19 +11,11 @@
 namespace Orvex::Reticor::Kit {
 inline namespace v1 {
 
-namespace {
-
-uint64_t now_us() {
-    return Infra::CTime::getCurrentMicroSecond();
-}
-
-}  // namespace
-
 TimerBody::TimerBody(PoolState& pool, int64_t delay_us, int64_t period_us,
                      UniqueFunction<void(uint64_t)> call)
     : Member(pool),
       m_period_us(period_us),
-      m_start_us(now_us()),
+      m_start_us(Infra::CTime::getCurrentMicroSecond()),
       m_due_us(m_start_us + static_cast<uint64_t>(delay_us > 0 ? delay_us : 0)),
       m_call(std::move(call)) {}
 
@@ -58,7 +50,7 @@ int64_t TimerBody::handle_timeout(long) {
         return -1;
     }
     int64_t again = -1;
-    const uint64_t now = now_us();
+    const uint64_t now = Infra::CTime::getCurrentMicroSecond();
     if (!m_armed.load(std::memory_order_acquire)) {
         again = -1;
     } else if (!is_due(m_due_us, now)) {
@@ -95,7 +87,7 @@ int64_t TimerBody::beat(uint64_t now) {
         return -1;
     }
     m_due_us = m_start_us + (m_beats + 1) * static_cast<uint64_t>(m_period_us);
-    const uint64_t after = now_us();
+    const uint64_t after = Infra::CTime::getCurrentMicroSecond();
     return clamp_delay(m_due_us > after ? static_cast<int64_t>(m_due_us - after) : 0);
 }
 

@@ -11,16 +11,12 @@ namespace Orvex::Reticor {
 
 namespace {
 
-std::string number(uint64_t value) {
-    return std::to_string(value);
-}
-
 std::string socket_named(const MulticastSocket& socket) {
-    return "socket " + std::to_string(socket.handle) + " (port " + number(socket.port) + ")";
+    return "socket " + std::to_string(socket.handle) + " (port " + std::to_string(socket.port) + ")";
 }
 
 std::string datagrams(uint64_t count) {
-    return count == 1 ? "1 datagram" : number(count) + " datagrams";
+    return count == 1 ? "1 datagram" : std::to_string(count) + " datagrams";
 }
 
 struct About {
@@ -50,12 +46,13 @@ void judge_losses(DoctorFacts& facts) {
         if (socket.lost_since == 0) {
             continue;
         }
-        const std::string before =
-            socket.lost > socket.lost_since ? ", " + number(socket.lost_since) + " since the last look" : "";
+        const std::string before = socket.lost > socket.lost_since
+                                       ? ", " + std::to_string(socket.lost_since) + " since the last look"
+                                       : "";
         tell(facts, MulticastFault::LOSS, {socket.handle},
              socket_named(socket) + " has lost " + datagrams(socket.lost) + before +
-                 ": the kernel had no room in its receive buffer, where " + number(socket.waiting) + " of " +
-                 number(socket.room) +
+                 ": the kernel had no room in its receive buffer, where " + std::to_string(socket.waiting) +
+                 " of " + std::to_string(socket.room) +
                  " bytes are in use now; read faster, or give it more room with SetSockRecvBuf "
                  "(net.core.rmem_max bounds it)");
     }
@@ -108,9 +105,9 @@ void judge_filters(DoctorFacts& facts) {
             continue;
         }
         const std::string name = one.name;
-        const std::string seen =
-            filtered == 0 ? ""
-                          : ", and " + number(filtered) + " packets of this machine were dropped for that";
+        const std::string seen = filtered == 0 ? ""
+                                               : ", and " + std::to_string(filtered) +
+                                                     " packets of this machine were dropped for that";
         tell(facts, MulticastFault::FILTERED, {-1, one.index},
              name + " takes only senders to which the routes lead through it (rp_filter is 1)" + seen +
                  "; set net.ipv4.conf." + name + ".rp_filter and net.ipv4.conf.all.rp_filter to 2 or 0, or " +
@@ -123,16 +120,16 @@ void judge_full_sockets(DoctorFacts& facts) {
     for (const SocketFacts& socket : facts.sockets) {
         if (socket.memberships_v4 != 0 && socket.memberships_v4 >= most && most != 0) {
             tell(facts, MulticastFault::SOCKET_FULL, {socket.handle},
-                 socket_named(socket) + " has joined " + number(socket.memberships_v4) +
+                 socket_named(socket) + " has joined " + std::to_string(socket.memberships_v4) +
                      " IPv4 groups, as many as one socket may: the next join fails with ENOBUFS; join on "
                      "another socket, or raise net.ipv4.igmp_max_memberships (" +
-                     number(most) + ")");
+                     std::to_string(most) + ")");
         }
     }
 }
 
 std::string joins(uint64_t count) {
-    return count == 1 ? "1 join by CSockDgram was" : number(count) + " joins by CSockDgram were";
+    return count == 1 ? "1 join by CSockDgram was" : std::to_string(count) + " joins by CSockDgram were";
 }
 
 void judge_refusals(DoctorFacts& facts) {
@@ -141,7 +138,7 @@ void judge_refusals(DoctorFacts& facts) {
         tell(facts, MulticastFault::JOIN_REFUSED, {},
              joins(overview.refused_room) +
                  " refused with ENOBUFS: one socket may join net.ipv4.igmp_max_memberships IPv4 groups (" +
-                 number(overview.groups_per_socket) + " now); raise that, or net.core.optmem_max");
+                 std::to_string(overview.groups_per_socket) + " now); raise that, or net.core.optmem_max");
     }
     if (overview.refused_device != 0) {
         tell(facts, MulticastFault::JOIN_REFUSED, {},
@@ -200,7 +197,7 @@ void judge_doubles(DoctorFacts& facts) {
                 tell(facts, MulticastFault::JOINED_TWICE, {other->handle, one->interface_index},
                      group + " is joined on " + one->interface_name + " by the sockets " +
                          std::to_string(one->handle) + " and " + std::to_string(other->handle) +
-                         ", both with port " + number(one->port) +
+                         ", both with port " + std::to_string(one->port) +
                          ": each datagram comes to both; close one of them, if that is not wanted");
             } else if (one->handle == other->handle) {
                 tell(facts, MulticastFault::JOINED_TWICE, {one->handle, other->interface_index},
@@ -227,7 +224,7 @@ void judge_traffic(DoctorFacts& facts) {
             const bool joined_there = facts.is_member(group.handle, group.address, row.interface_index);
             elsewhere = row.datagrams != 0 && !joined_there ? &row : elsewhere;
         }
-        const std::string name = std::string(group.group) + ", port " + number(group.port) + ", ";
+        const std::string name = std::string(group.group) + ", port " + std::to_string(group.port) + ", ";
         const About about{group.handle, group.interface_index};
         if (here == 0 && elsewhere != nullptr) {
             tell(facts, MulticastFault::OTHER_INTERFACE, about,
@@ -239,7 +236,7 @@ void judge_traffic(DoctorFacts& facts) {
             tell(facts, MulticastFault::SILENT, about,
                  name + "is joined on " + group.interface_name + " by socket " +
                      std::to_string(group.handle) + ", and nothing came in " +
-                     number(facts.overview.listened_ms) +
+                     std::to_string(facts.overview.listened_ms) +
                      " ms: nobody sends, or a switch does not pass it on (IGMP snooping needs a querier)");
         }
     }
@@ -277,10 +274,10 @@ std::string Diagnosis::explain_join(int handle, const GroupAddress& group, int e
         case ENOBUFS:
         case ENOMEM:
             if (group.family == AF_INET && groups_per_socket != 0 && memberships >= groups_per_socket) {
-                return socket + " has joined " + number(memberships) +
+                return socket + " has joined " + std::to_string(memberships) +
                        " IPv4 groups, as many as one socket may; join " + name +
                        " on another socket, or raise net.ipv4.igmp_max_memberships (" +
-                       number(groups_per_socket) + ")";
+                       std::to_string(groups_per_socket) + ")";
             }
             return socket + " has no room for " + name +
                    " among its options; join on another socket, or raise net.core.optmem_max";

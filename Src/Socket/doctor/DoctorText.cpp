@@ -12,10 +12,6 @@ namespace {
 
 using Row = std::vector<std::string>;
 
-std::string number(uint64_t value) {
-    return std::to_string(value);
-}
-
 // The first row is the head. The last column is not filled up.
 void add_table(const std::vector<Row>& rows, std::string& text) {
     if (rows.size() < 2) {
@@ -56,35 +52,37 @@ std::string text_of(const DoctorFacts& facts) {
     std::vector<Row> rows{{"interface", "index", "state", "multicast", "rp_filter", "joined", "addresses"}};
     for (const InterfaceFacts& one : facts.interfaces) {
         rows.push_back({one.name, std::to_string(one.index), state_of(one), one.multicast != 0 ? "yes" : "no",
-                        std::to_string(one.rp_filter), number(one.memberships), one.addresses});
+                        std::to_string(one.rp_filter), std::to_string(one.memberships), one.addresses});
     }
     add_table(rows, text);
     rows = {{"socket", "port", "groups", "foreign", "waiting", "room", "lost", "address"}};
     for (const SocketFacts& one : facts.sockets) {
-        rows.push_back({std::to_string(one.handle), number(one.port),
-                        number(one.memberships_v4 + one.memberships_v6), foreign_of(one), number(one.waiting),
-                        number(one.room), number(one.lost), one.address});
+        rows.push_back({std::to_string(one.handle), std::to_string(one.port),
+                        std::to_string(one.memberships_v4 + one.memberships_v6), foreign_of(one),
+                        std::to_string(one.waiting), std::to_string(one.room), std::to_string(one.lost),
+                        one.address});
     }
     add_table(rows, text);
     rows = {{"group", "interface", "socket", "port", "members"}};
     for (const GroupFacts& one : facts.groups) {
         const bool own = one.handle != -1;
         rows.push_back({one.group, one.interface_name, own ? std::to_string(one.handle) : "-",
-                        own ? number(one.port) : "-", number(one.members)});
+                        own ? std::to_string(one.port) : "-", std::to_string(one.members)});
     }
     add_table(rows, text);
     rows = {{"datagrams to", "port", "interface", "came in", "bytes", "sent", "members", "from"}};
     for (const TrafficFacts& one : facts.traffic) {
-        rows.push_back({one.group, number(one.port), one.interface_name, number(one.datagrams),
-                        number(one.bytes), number(one.sent), number(one.members), one.source});
+        rows.push_back({one.group, std::to_string(one.port), one.interface_name,
+                        std::to_string(one.datagrams), std::to_string(one.bytes), std::to_string(one.sent),
+                        std::to_string(one.members), one.source});
     }
     add_table(rows, text);
     if (facts.overview.listened_ms != 0) {
-        text += "counted for " + number(facts.overview.listened_ms) + " ms, " +
-                number(facts.overview.uncounted) + " datagrams were too many\n";
+        text += "counted for " + std::to_string(facts.overview.listened_ms) + " ms, " +
+                std::to_string(facts.overview.uncounted) + " datagrams were too many\n";
     }
-    text += "one socket may join " + number(facts.overview.groups_per_socket) +
-            " IPv4 groups; rp_filter has " + "dropped " + number(facts.overview.filtered) +
+    text += "one socket may join " + std::to_string(facts.overview.groups_per_socket) +
+            " IPv4 groups; rp_filter has " + "dropped " + std::to_string(facts.overview.filtered) +
             " packets of this machine\n";
     if (facts.problems.empty()) {
         text += "nothing is wrong\n";

@@ -2,12 +2,11 @@
 #include "Socket/doctor/GroupDatagram.h"
 
 #include <linux/if_ether.h>
+#include <netinet/in.h>
 
 namespace Orvex::Reticor {
 
 namespace {
-
-constexpr unsigned UDP = 17;
 
 unsigned word_at(const unsigned char* bytes) {
     return static_cast<unsigned>(bytes[0]) << 8 | bytes[1];
@@ -26,14 +25,14 @@ std::optional<GroupDatagram> GroupDatagram::parse(const unsigned char* packet, s
         }
         header = size_t{4} * (packet[0] & 0xF);
         const bool first = (word_at(packet + 6) & 0x1FFF) == 0;
-        if (header < SHORTEST || !first || packet[9] != UDP || packet[16] >> 4 != 0xE) {
+        if (header < SHORTEST || !first || packet[9] != IPPROTO_UDP || packet[16] >> 4 != 0xE) {
             return std::nullopt;
         }
         found.bytes = word_at(packet + 2);
         found.source = GroupAddress::of_ipv4(packet + 12);
         found.group = GroupAddress::of_ipv4(packet + 16);
     } else {
-        if (protocol != ETH_P_IPV6 || length < header || packet[0] >> 4 != 6 || packet[6] != UDP ||
+        if (protocol != ETH_P_IPV6 || length < header || packet[0] >> 4 != 6 || packet[6] != IPPROTO_UDP ||
             packet[24] != 0xFF) {
             return std::nullopt;
         }

@@ -4,6 +4,7 @@
 #include <linux/filter.h>
 #include <linux/if_ether.h>
 #include <linux/if_packet.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -17,7 +18,6 @@ namespace Orvex::Reticor {
 
 namespace {
 
-constexpr unsigned UDP = 17;
 // Enough for the longest IPv4 header and that of UDP.
 constexpr size_t HEADERS = 96;
 
@@ -30,12 +30,12 @@ int set_filter(int handle) {
         BPF_STMT(BPF_ALU | BPF_AND | BPF_K, 0xF0),
         BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, 0xE0, 0, 8),
         BPF_STMT(BPF_LD | BPF_B | BPF_ABS, 9),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, UDP, 5, 6),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, IPPROTO_UDP, 5, 6),
         BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, ETH_P_IPV6, 0, 5),
         BPF_STMT(BPF_LD | BPF_B | BPF_ABS, 24),
         BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, 0xFF, 0, 3),
         BPF_STMT(BPF_LD | BPF_B | BPF_ABS, 6),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, UDP, 0, 1),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, IPPROTO_UDP, 0, 1),
         BPF_STMT(BPF_RET | BPF_K, HEADERS),
         BPF_STMT(BPF_RET | BPF_K, 0),
     };
