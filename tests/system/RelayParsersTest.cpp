@@ -393,6 +393,47 @@ TEST(HttpReader, ReadsARequestInPiecesOfAnySize) {
     }
 }
 
+TEST(HttpReader, KeepsTheQueryAndWhatTheLinesSay) {
+    HttpReader reader;
+    HttpRequest request;
+    const std::string text =
+        "GET /hls/a.m3u8?_HLS_msn=7&x HTTP/1.1\nHost:a\r\nIf-None-Match: \t\"1-2\" \r\nEMPTY:\r\n\r\n";
+    ASSERT_EQ(200, reader.put(text.data(), text.size(), request));
+    EXPECT_EQ("/hls/a.m3u8", request.path);
+    EXPECT_EQ("_HLS_msn=7&x", request.query);
+    EXPECT_EQ("a", request.field("host"));
+    EXPECT_EQ("\"1-2\"", request.field("if-none-match"));
+    EXPECT_EQ(1U, request.fields.count("empty"));
+    EXPECT_EQ("", request.field("empty"));
+    EXPECT_EQ("", request.field("range"));
+    EXPECT_TRUE(request.keepsAlive);
+    ASSERT_EQ(200, parseRequest("GET /? HTTP/1.1\r\nConnection: Upgrade, Close\r\n\r\n", request));
+    EXPECT_EQ("", request.query);
+    EXPECT_EQ(1U, request.fields.size()) << "nothing is left of the request before";
+    EXPECT_FALSE(request.keepsAlive);
+    ASSERT_EQ(200, parseRequest("GET / HTTP/1.0\r\n\r\n", request));
+    EXPECT_FALSE(request.keepsAlive);
+}
+
+TEST(HttpReader, GivesWhatCameAfterAHead) {
+    HttpReader reader;
+    HttpRequest request;
+    const std::string text = "GET /a HTTP/1.1\r\n\r\nGET /b HTTP/1.1\r\n\r\nGE";
+    EXPECT_FALSE(reader.hasBegun());
+    ASSERT_EQ(200, reader.put(text.data(), text.size(), request));
+    EXPECT_EQ("/a", request.path);
+    std::string rest = reader.takeRest();
+    EXPECT_EQ("GET /b HTTP/1.1\r\n\r\nGE", rest);
+    EXPECT_FALSE(reader.hasBegun());
+    ASSERT_EQ(200, reader.put(rest.data(), rest.size(), request));
+    EXPECT_EQ("/b", request.path);
+    rest = reader.takeRest();
+    ASSERT_EQ(0, reader.put(rest.data(), rest.size(), request));
+    EXPECT_TRUE(reader.hasBegun());
+    ASSERT_EQ(200, reader.put("T /c HTTP/1.1\n\n", 16, request));
+    EXPECT_EQ("/c", request.path);
+}
+
 TEST(HttpReader, BoundsTheHead) {
     HttpReader reader;
     HttpRequest request;

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include <Reticor/StrParser.h>
 
@@ -44,10 +45,46 @@ int parseLine(CStrParser& parser, HttpRequest& request) {
         parser.ConsumeWord(version, sizeof version) != 8 || std::strncmp(version, "HTTP/1.", 7) != 0) {
         return 400;
     }
+    request = HttpRequest();
     request.method = method;
     request.path = target;
-    request.path.erase(std::min(request.path.find('?'), request.path.size()));
+    const size_t mark = std::min(request.path.find('?'), request.path.size());
+    request.query = request.path.substr(std::min(mark + 1, request.path.size()));
+    request.path.erase(mark);
+    request.keepsAlive = version[7] != '0';
     return parser.ExpectEOL() == -1 ? 400 : 200;
+}
+
+char small(char letter) {
+    return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter - 'A' + 'a') : letter;
+}
+
+/// Takes "Name: value" at the cursor.
+bool parseField(CStrParser& parser, HttpRequest& request) {
+    const char* const name = parser.GetString() + parser.GetCurOffset();
+    const int size = parser.GetCurChar() > ' ' ? parser.ConsumeUntilinLine(':') : 0;
+    if (size < 1) {
+        return false;
+    }
+    const char* value = name + size + 1;
+    const char* end = name + parser.GetCurLinelength();
+    while (value < end && (*value == ' ' || *value == '\t')) {
+        ++value;
+    }
+    while (value < end && (end[-1] == ' ' || end[-1] == '\t')) {
+        --end;
+    }
+    std::string key(name, static_cast<size_t>(size));
+    std::transform(key.begin(), key.end(), key.begin(), small);
+    request.fields[key] = std::string(value, end);
+    return parser.GetThruEOL() > 0;
+}
+
+/// Whether the client says that it closes.
+bool saysClose(const HttpRequest& request) {
+    std::string said = request.field("connection");
+    std::transform(said.begin(), said.end(), said.begin(), small);
+    return said.find("close") != std::string::npos;
 }
 
 }  // namespace
@@ -59,11 +96,11 @@ int parseRequest(const std::string& head, HttpRequest& request) {
         return status;
     }
     while (parser.ExpectEOL() == -1) {  // the blank line ends it
-        const bool named = parser.GetCurChar() > ' ' && parser.ConsumeUntilinLine(':') > 0;
-        if (!named || parser.GetThruEOL() < 1) {
+        if (!parseField(parser, request)) {
             return 400;
         }
     }
+    request.keepsAlive = request.keepsAlive && !saysClose(request);
     return 200;
 }
 
@@ -74,7 +111,15 @@ int HttpReader::put(const char* bytes, size_t size, HttpRequest& request) {
     if (end > kMaxHead || (end == 0 && m_head.size() > kMaxHead)) {
         return 431;
     }
+    m_end = end;
     return end == 0 ? 0 : parseRequest(m_head.substr(0, end), request);
+}
+
+std::string HttpReader::takeRest() {
+    std::string rest = m_head.substr(m_end);
+    m_head.clear();
+    m_end = 0;
+    return rest;
 }
 
 }  // namespace relay
