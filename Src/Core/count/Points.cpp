@@ -11,7 +11,7 @@
 
 // Probes for tracers from outside, where the header is there when the library is built. One stands in each
 // function below, all of which run only while somebody looks.
-#if defined(__has_include)
+#if defined(__has_include) && !defined(RETICOR_WITHOUT_PROBES)
 #if __has_include(<sys/sdt.h>)
 #define RETICOR_PROBES 1
 #define _SDT_HAS_SEMAPHORES 1
@@ -33,9 +33,17 @@
     } while (false)
 #else
 #define RETICOR_POINT_PLACE
+/// What they would be told is named, and never made.
 #define RETICOR_PROBE(name, count, ...) \
     do {                                \
+        if (false) {                    \
+            not_told(__VA_ARGS__);      \
+        }                               \
     } while (false)
+namespace {
+template <class... Arguments>
+void not_told(const Arguments&...) {}
+}  // namespace
 #endif
 
 #define RETICOR_DEFINE_POINT(name) RETICOR_POINT_PLACE std::atomic<uint32_t> reticor_##name##_semaphore{0};

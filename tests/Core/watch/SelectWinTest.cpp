@@ -20,6 +20,13 @@
 namespace Orvex::Testing {
 namespace {
 
+// The call that a waiting poller sleeps in. Younger machines have only one of the two.
+#if defined(SYS_epoll_wait)
+constexpr long EPOLL_WAIT = SYS_epoll_wait;
+#else
+constexpr long EPOLL_WAIT = SYS_epoll_pwait;
+#endif
+
 using namespace Reticor;
 
 // Descriptors of one socket, each with a number of its own.
@@ -306,7 +313,7 @@ public:
 private:
     bool sleepsInEpoll() const {
         long number = -1;
-        return static_cast<bool>(openTaskFile(m_id, "syscall") >> number) && number == SYS_epoll_wait;
+        return static_cast<bool>(openTaskFile(m_id, "syscall") >> number) && number == EPOLL_WAIT;
     }
 
     std::atomic<int> m_id{0};
