@@ -202,6 +202,47 @@ struct ObjectStats {
     uint64_t values[OBJECT_FIGURES];      ///< The figures.
 };
 
+/// Memory that the library holds, of one kind and one size.
+///
+/// "free_records": records of work that rest on the process's list, "thread_records": in the small stocks of
+/// threads, "reserved_records": kept for when there is no memory. "thread_blocks": blocks that CTsMemory
+/// keeps for its workers, "shared_blocks": for all threads; a row for each size of which there are some.
+/// "media_frames": frames that media buffers hold, those that are being filled among them. A packet counts in
+/// each buffer that holds it. A buffer that is left out of the texts is left out here too.
+struct MemoryStats {
+    uint32_t size = sizeof(MemoryStats);  ///< Bytes that the caller knows.
+    uint32_t version = STATS_VERSION;     ///< For which the caller was built.
+    const char* kind;                     ///< One of the words above. Good for the life of the process.
+    uint64_t piece_bytes;                 ///< Of each piece; 0 where they differ.
+    uint64_t pieces;                      ///< Records, blocks, or frames.
+    uint64_t bytes;                       ///< All of them, without what the general allocator adds.
+};
+
+/// What is wrong. Later versions may add kinds.
+enum class AlarmKind : uint32_t {
+    POOL_FULL,     ///< Sockets are left out by a pool, or the last place of one of its sets is taken.
+    CLOCK_LATE,    ///< A timer was given to its pool more than 250 ms late, or waits there for that long.
+    WORKER_STUCK,  ///< A call runs for longer than `CNetThread::SetStuckLimit` says.
+};
+
+/// Something that was wrong in a pool at least once. What is over for less than ten seconds, and comes back,
+/// has not ended. Sockets that are left out and calls are noticed when it happens; timers that wait, and a
+/// pool whose last place is taken, when somebody looks.
+struct AlarmStats {
+    uint32_t size = sizeof(AlarmStats);  ///< Bytes that the caller knows.
+    uint32_t version = STATS_VERSION;    ///< For which the caller was built.
+    AlarmKind kind;                      ///< What is wrong.
+    int32_t pool;                        ///< Where; -1: on a thread that is not a worker.
+    uint32_t lasts;                      ///< 1: it is wrong now; 0: it was.
+    uint32_t reserved;                   ///< 0.
+    uint64_t since_us;  ///< When it began the last time, by the clock of `ProcessStats::taken_us`.
+    uint64_t ended_us;  ///< When it ended; 0 while it lasts.
+    uint64_t times;     ///< How often it has begun: of a full pool since that was created, else ever.
+    uint64_t amount;    ///< Now: sockets that are left out, late timers that wait, calls that run too long.
+    uint64_t most_us;   ///< How late the latest timer was, how long the longest call of now has run; else 0.
+    char text[128];     ///< All of this in a sentence, in English, with an end mark.
+};
+
 /// How much was done between two snapshots, and how fast. Rates are by second.
 struct PoolRates {
     uint32_t size = sizeof(PoolRates);  ///< Bytes that the caller knows.
@@ -267,6 +308,17 @@ public:
     size_t GetObjectCount() const;
     /// The objects, the youngest first.
     int GetObject(size_t place, ObjectStats& stats) const;
+
+    /// How many rows there were of memory.
+    size_t GetMemoryCount() const;
+    /// Memory, by kind and size.
+    int GetMemory(size_t place, MemoryStats& stats) const;
+    /// How many alarms there were, those that are over included.
+    size_t GetAlarmCount() const;
+    /// The alarms: those that last first, then those that ended last.
+    int GetAlarm(size_t place, AlarmStats& stats) const;
+    /// One word for a kind, with underscores: "pool_full". Good for the life of the process.
+    static const char* GetAlarmName(AlarmKind kind);
 
     // As texts. The first `size` bytes are written to `room`, without an end mark. Result: the length of the
     // whole text, whatever the room; 0 of an empty snapshot, or without memory.

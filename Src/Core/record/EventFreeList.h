@@ -1,6 +1,8 @@
 // CEventFreeList: records that rest, and the way in which everybody gets and gives them.
 #pragma once
 
+#include <cstdint>
+
 #include <Infra/LockClasses.h>
 #include <Infra/Mutex.h>
 #include <Infra/ThreadAnnotations.h>
@@ -28,11 +30,15 @@ public:
 
     void Put(CEvent* ev);
 
-    /// Puts a chain whose ends are given.
-    void PutChain(CEvent* first, CEvent* last);
+    /// Puts a chain of that many records, whose ends are given.
+    void PutChain(CEvent* first, CEvent* last, uint64_t records);
+
+    /// How many records it has.
+    uint64_t Count();
 
 private:
     CEvent* m_head INFRA_GUARDED_BY(m_mutex) = nullptr;
+    uint64_t m_count INFRA_GUARDED_BY(m_mutex) = 0;
     Infra::CMutex m_mutex{Infra::LockClass::FREE_RECORDS};
 };
 
@@ -46,6 +52,15 @@ void put_event_chain(CEvent* ev);
 /// As get_event, for what the library itself has to say while there is no memory: it then comes out of a
 /// small reserve. Null once that is used up.
 CEvent* get_event_reserved();
+
+/// Records that rest.
+struct RestingRecords {
+    uint64_t listed;    ///< On the process's list,
+    uint64_t stocked;   ///< in the stocks of threads,
+    uint64_t reserved;  ///< and in the reserve.
+};
+/// They are not of one moment. Any thread.
+RestingRecords count_resting_records();
 
 /// Fills that reserve up again, as far as there is memory. Any thread, now and then.
 void fill_event_reserve();

@@ -7,6 +7,7 @@ namespace Orvex::Reticor {
 
 Infra::CMutex MemTables::sm_key_mutex{Infra::LockClass::TS_KEY};
 unsigned long MemTables::sm_key = NO_KEY;
+ThreadTable* MemTables::sm_tables = nullptr;
 Infra::CMutex MemTables::sm_pool_mutex{Infra::LockClass::TS_POOL};
 mem_head* MemTables::sm_shared = nullptr;
 

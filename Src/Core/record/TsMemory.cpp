@@ -3,10 +3,14 @@
 // index of a block that belongs to no class.
 #include <Reticor/TsMemory.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 
+#include <Infra/Atomic.h>
+
+#include "Core/count/Tally.h"
 #include "Core/record/GeneralAllocator.h"
 #include "Core/record/MemTables.h"
 
@@ -100,16 +104,67 @@ mem_head* no_table() {
     return const_cast<mem_head*>(s_nothing) + HEADS_IN_FRONT;
 }
 
-/// A table in use, with empty classes. Null if there is no memory.
+}  // namespace
+
+/// A table in use. That of a thread is on the list of all while the thread has it.
+struct ThreadTable {
+    ThreadTable* next;
+    ThreadTable** link;  ///< What points to this one.
+    mem_head heads[HEADS_IN_FRONT + CLASSES];
+
+    mem_head* classes() { return heads + HEADS_IN_FRONT; }
+    static ThreadTable* of(mem_head* classes) {
+        return reinterpret_cast<ThreadTable*>(reinterpret_cast<char*>(classes - HEADS_IN_FRONT) -
+                                              offsetof(ThreadTable, heads));
+    }
+};
+
+namespace {
+
+/// With empty classes. Null if there is no memory.
 mem_head* new_table(const mem_head (&classes)[CLASSES]) {
-    void* memory = general_allocate(sizeof(s_nothing));
+    void* memory = general_allocate(sizeof(ThreadTable));
     if (memory == nullptr) {
         return nullptr;
     }
-    auto* heads = static_cast<mem_head*>(memory);
-    std::memcpy(heads, s_nothing, sizeof(mem_head) * HEADS_IN_FRONT);
-    std::memcpy(heads + HEADS_IN_FRONT, classes, sizeof(classes));
-    return heads + HEADS_IN_FRONT;
+    auto* table = static_cast<ThreadTable*>(memory);
+    std::memcpy(table->heads, s_nothing, sizeof(mem_head) * HEADS_IN_FRONT);
+    std::memcpy(table->classes(), classes, sizeof(classes));
+    return table->classes();
+}
+
+void enter_table(ThreadTable& table) {
+    Infra::CGuard guard(MemTables::sm_key_mutex);
+    table.next = MemTables::sm_tables;
+    table.link = &MemTables::sm_tables;
+    if (table.next != nullptr) {
+        table.next->link = &table.next;
+    }
+    MemTables::sm_tables = &table;
+}
+
+void leave_table(ThreadTable& table) {
+    Infra::CGuard guard(MemTables::sm_key_mutex);
+    *table.link = table.next;
+    if (table.next != nullptr) {
+        table.next->link = table.link;
+    }
+}
+
+/// What waits in the list of a class, seen from whichever thread.
+uint64_t free_blocks(const mem_head& head) {
+    const uint64_t count = Infra::relaxedLoad(head.m_count);
+    const uint64_t taken = Infra::relaxedLoad(head.m_taken);
+    return count - std::min(count, taken);
+}
+
+/// In place where that can be told: one instruction instead of three.
+inline void count_taken(mem_head& head) {
+#if defined(RETICOR_TALLY_IN_PLACE)
+    asm("incl %0" : "+m"(head.m_taken) : : "cc");
+#else
+    Infra::relaxedStore(head.m_taken, head.m_taken + 1);
+#endif
 }
 
 inline mem_block* take_first_block(mem_head& head) {
@@ -118,7 +173,7 @@ inline mem_block* take_first_block(mem_head& head) {
         return nullptr;
     }
     head.m_first = block->m_next;
-    ++head.m_taken;
+    count_taken(head);
     block->m_next = nullptr;
     return block;
 }
@@ -128,7 +183,7 @@ inline bool put_last(mem_head& head, mem_block* block) {
     if (__builtin_expect(head.m_count == head.m_max, 0)) {
         return false;
     }
-    head.m_count = static_cast<uint16_t>(head.m_count + 1);
+    Infra::relaxedStore(head.m_count, head.m_count + 1);
     mem_block* last = head.m_last;
     head.m_last = block;
     if (head.m_first == nullptr) {
@@ -142,8 +197,8 @@ inline bool put_last(mem_head& head, mem_block* block) {
 /// As put_last, after counting what was taken. False if the list is full indeed.
 bool settle_and_put_last(mem_head& head, mem_block* block) {
     if (head.m_taken != 0) {
-        head.m_count = static_cast<uint16_t>(head.m_count - head.m_taken);
-        head.m_taken = 0;
+        Infra::relaxedStore(head.m_count, head.m_count - head.m_taken);
+        Infra::relaxedStore(head.m_taken, 0);
     }
     return put_last(head, block);
 }
@@ -169,7 +224,7 @@ void free_table(void* table) {
         }
     }
     if (classes != MemTables::TEMPLATE) {
-        general_free(classes - HEADS_IN_FRONT);
+        general_free(ThreadTable::of(classes));
     }
 }
 
@@ -213,6 +268,27 @@ __attribute__((noinline)) void do_free(mem_head* table, void* p, bool lock) {
 
 }  // namespace
 
+MemTables::FreeByClass MemTables::CountFree() {
+    FreeByClass found;
+    for (size_t index = 0; index < found.size(); ++index) {
+        found[index].bytes_each = TEMPLATE[index].m_size;
+    }
+    {
+        Infra::CGuard guard(sm_key_mutex);
+        for (ThreadTable* table = sm_tables; table != nullptr; table = table->next) {
+            for (size_t index = 0; index < found.size(); ++index) {
+                found[index].of_threads += free_blocks(table->classes()[index]);
+            }
+        }
+    }
+    Infra::CGuard guard(sm_pool_mutex);
+    const mem_head* const shared = __atomic_load_n(&sm_shared, __ATOMIC_ACQUIRE);
+    for (size_t index = 0; shared != nullptr && index < found.size(); ++index) {
+        found[index].shared = free_blocks(shared[index]);
+    }
+    return found;
+}
+
 CTsMemory::CTsMemory() = default;
 CTsMemory::CTsMemory(const CTsMemory&) = default;
 CTsMemory& CTsMemory::operator=(const CTsMemory&) = default;
@@ -232,7 +308,10 @@ void CTsMemory::CreateMemPool() {
     }
     if (t_classes == no_table()) {
         mem_head* classes = new_table(MemTables::TEMPLATE);
-        t_classes = classes != nullptr ? classes : no_table();
+        if (classes != nullptr) {
+            t_classes = classes;
+            enter_table(*ThreadTable::of(classes));
+        }
     }
     if (__atomic_load_n(&MemTables::sm_shared, __ATOMIC_ACQUIRE) == nullptr) {
         mem_head* none = nullptr;
@@ -249,6 +328,7 @@ void CTsMemory::DestroyThreadMemPool() {
     mem_head* classes = t_classes;
     if (classes != no_table()) {
         t_classes = no_table();
+        leave_table(*ThreadTable::of(classes));
         free_table(classes);
     }
 }

@@ -83,6 +83,20 @@ CWorkQueue::Load CWorkQueue::Measure() {
     return {{m_pushed, m_taken}, m_sleepers + (m_poller_waits.load(std::memory_order_relaxed) ? 1 : 0)};
 }
 
+CWorkQueue::OldTimers CWorkQueue::FindOldTimers(uint64_t before_us) {
+    OldTimers found;
+    Infra::CGuard guard(m_mutex);
+    int left = MOST_RECORDS_SEEN;
+    for (const CEvent* ev = m_head; ev != nullptr && left > 0; ev = ev->m_next, --left) {
+        if (ev->m_key < EVENT_KEY_TIMER_LIMIT && ev->m_expire <= before_us) {
+            ++found.count;
+            found.oldest_us =
+                found.oldest_us == 0 ? ev->m_expire : std::min(found.oldest_us, uint64_t{ev->m_expire});
+        }
+    }
+    return found;
+}
+
 void CWorkQueue::WakeAll() {
     int claimed;
     {

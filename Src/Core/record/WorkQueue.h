@@ -52,6 +52,14 @@ public:
     };
     Load Measure();
 
+    /// Timers that wait for a worker, though they were due at `before_us` or earlier.
+    struct OldTimers {
+        uint64_t count = 0;
+        uint64_t oldest_us = 0;  ///< When the first of them was due; 0 for none.
+    };
+    /// Looks at the first thousand records, so that nobody waits for long meanwhile.
+    OldTimers FindOldTimers(uint64_t before_us);
+
     /// Has every sleeper return. For the end of the pool: each worker that leaves calls it, since another may
     /// have gone to sleep after the call before.
     void WakeAll();
@@ -59,6 +67,7 @@ public:
 private:
     static constexpr uint64_t GUARD_PERIOD_US = 1000;
     static constexpr int IDLE_LOOKS = 2;
+    static constexpr int MOST_RECORDS_SEEN = 1000;
 
     enum class Look { again, overdue, idle };
 

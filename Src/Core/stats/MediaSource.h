@@ -11,11 +11,13 @@ namespace Orvex::Reticor {
 
 /// A media buffer.
 struct MediaBufferRow {
-    uint64_t buffer = 0;     ///< Its number.
-    uint64_t senders = 0;    ///< On its list.
-    uint64_t frames = 0;     ///< Complete ones that it holds,
-    uint64_t bytes = 0;      ///< and their bytes.
-    uint64_t put_bytes = 0;  ///< Of frames that were ever put.
+    uint64_t buffer = 0;       ///< Its number.
+    uint64_t senders = 0;      ///< On its list.
+    uint64_t frames = 0;       ///< Complete ones that it holds,
+    uint64_t bytes = 0;        ///< and their bytes.
+    uint64_t put_bytes = 0;    ///< Of frames that were ever put.
+    uint64_t held_frames = 0;  ///< All that it has the packets of: complete ones, those that wait for senders
+    uint64_t held_bytes = 0;   ///< that step ahead, and the one that is being filled.
 };
 
 /// What a snapshot has of media.

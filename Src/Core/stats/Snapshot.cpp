@@ -20,6 +20,7 @@
 #include "Core/pool/PoolLease.h"
 #include "Core/pool/ThreadPool.h"
 #include "Core/service/NetTimer.h"
+#include "Core/stats/Alarms.h"
 #include "Core/stats/StuckWatch.h"
 
 namespace Orvex::Reticor {
@@ -163,6 +164,8 @@ bool Snapshot::Gather() {
         gather_classes();
         ObjectRoll::read(objects);
         MediaSource::Ask(media);
+        gather_memory();
+        Alarms::gather(pools, alarms);
     } catch (const std::bad_alloc&) {
         return false;
     }

@@ -10,7 +10,7 @@
 
 namespace Orvex::Reticor {
 
-/// Pools by index, workers by pool and thread, classes by their calls.
+/// Pools by index, workers by pool and thread, classes by their calls, alarms that last first.
 struct Snapshot {
     ProcessStats process{};
     std::vector<PoolStats> pools;
@@ -18,6 +18,8 @@ struct Snapshot {
     std::vector<HandlerClassStats> classes;
     std::vector<ObjectRow> objects;
     MediaRows media;
+    std::vector<MemoryStats> memory;
+    std::vector<AlarmStats> alarms;
 
     /// Into an empty one. False if there is no memory.
     bool Gather();
@@ -27,6 +29,7 @@ private:
     void gather_pools();
     void gather_threads();
     void gather_classes();
+    void gather_memory();  // after media
 };
 
 }  // namespace Orvex::Reticor

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "Core/count/Timing.h"
+#include "Core/stats/Alarms.h"
 #include "Core/stats/Snapshot.h"
 #include "Core/stats/StatsTexts.h"
 
@@ -140,6 +141,26 @@ int CStats::GetObject(size_t place, ObjectStats& stats) const {
         found.values[figure] = row.values[figure];
     }
     return hand_out(found, stats);
+}
+
+size_t CStats::GetMemoryCount() const {
+    return m_state != nullptr ? m_state->snapshot.memory.size() : 0;
+}
+
+int CStats::GetMemory(size_t place, MemoryStats& stats) const {
+    return hand_out_at(m_state != nullptr ? &m_state->snapshot.memory : nullptr, place, stats);
+}
+
+size_t CStats::GetAlarmCount() const {
+    return m_state != nullptr ? m_state->snapshot.alarms.size() : 0;
+}
+
+int CStats::GetAlarm(size_t place, AlarmStats& stats) const {
+    return hand_out_at(m_state != nullptr ? &m_state->snapshot.alarms : nullptr, place, stats);
+}
+
+const char* CStats::GetAlarmName(AlarmKind kind) {
+    return Alarms::name(kind);
 }
 
 size_t CStats::toText(char* room, size_t size) const {

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "Core/stats/Alarms.h"
 #include "Tool/judge/VerdictText.h"
 
 namespace Orvex::Reticor {
@@ -225,6 +226,58 @@ void media_families(const MediaRows& media, TextRoom& out) {
     drop_family(media, out);
 }
 
+/// Of each pool that there is, and of what else was ever wrong: a series that comes with its first alarm
+/// would have nothing to compare with.
+void alarm_families(const Snapshot& snapshot, TextRoom& out) {
+    std::vector<AlarmStats> rows = snapshot.alarms;
+    for (const PoolStats& pool : snapshot.pools) {
+        for (const AlarmKind kind : Alarms::KINDS) {
+            const auto same = [&](const AlarmStats& row) {
+                return row.kind == kind && row.pool == pool.pool;
+            };
+            if (std::none_of(rows.begin(), rows.end(), same)) {
+                AlarmStats none{};
+                none.kind = kind;
+                none.pool = pool.pool;
+                rows.push_back(none);
+            }
+        }
+    }
+    const auto series = [&](const char* name, uint64_t (*value)(const AlarmStats&)) {
+        for (const AlarmStats& row : rows) {
+            out << name << "{kind=\"" << Alarms::name(row.kind) << "\",pool=\"" << row.pool << "\"} "
+                << value(row) << "\n";
+        }
+    };
+    family("reticor_alarm", "gauge", "1 while something is wrong in a pool; pool -1: on another thread.",
+           out);
+    series("reticor_alarm", [](const AlarmStats& row) { return uint64_t{row.lasts}; });
+    family("reticor_alarms_total", "counter", "How often that has begun.", out);
+    series("reticor_alarms_total", [](const AlarmStats& row) { return row.times; });
+}
+
+void memory_families(const std::vector<MemoryStats>& memory, TextRoom& out) {
+    if (memory.empty()) {
+        return;
+    }
+    struct Family {
+        const char* name;
+        const char* help;
+        uint64_t MemorySum::*value;
+    };
+    constexpr Family FAMILIES[] = {
+        {"reticor_memory_pieces", "Records, blocks and frames that the library holds.", &MemorySum::pieces},
+        {"reticor_memory_bytes", "Their bytes.", &MemorySum::bytes},
+    };
+    const std::vector<MemorySum> sums = sums_of_memory(memory);
+    for (const Family& each : FAMILIES) {
+        family(each.name, "gauge", each.help, out);
+        for (const MemorySum& sum : sums) {
+            out << each.name << "{kind=\"" << sum.kind << "\"} " << sum.*each.value << "\n";
+        }
+    }
+}
+
 }  // namespace
 
 void write_metrics(const Snapshot& snapshot, TextRoom& out) {
@@ -242,6 +295,8 @@ void write_metrics(const Snapshot& snapshot, TextRoom& out) {
     spread_families(snapshot, out);
     class_families(snapshot, out);
     object_families(snapshot.objects, out);
+    memory_families(snapshot.memory, out);
+    alarm_families(snapshot, out);
     media_families(snapshot.media, out);
 }
 

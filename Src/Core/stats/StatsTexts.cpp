@@ -1,8 +1,11 @@
 // StatsTexts: a snapshot as text, as JSON, and a list of handlers. The exposition is in StatsMetrics.cpp.
 #include "Core/stats/StatsTexts.h"
 
+#include <algorithm>
+#include <string_view>
 #include <utility>
 
+#include "Core/stats/Alarms.h"
 #include "Tool/judge/VerdictText.h"
 
 namespace Orvex::Reticor {
@@ -131,6 +134,47 @@ void text_of_objects(const std::vector<ObjectRow>& objects, TextRoom& out) {
     }
 }
 
+void json_of_memory(const MemoryStats& row, TextRoom& out) {
+    out << "{\"kind\":\"" << row.kind << "\",\"piece_bytes\":" << row.piece_bytes
+        << ",\"pieces\":" << row.pieces << ",\"bytes\":" << row.bytes << "}";
+}
+
+void json_of_alarm(const AlarmStats& alarm, TextRoom& out) {
+    out << "{\"alarm\":\"" << Alarms::name(alarm.kind) << "\",\"pool\":" << alarm.pool
+        << ",\"lasts\":" << (alarm.lasts != 0 ? "true" : "false") << ",\"since_us\":" << alarm.since_us
+        << ",\"ended_us\":" << alarm.ended_us << ",\"times\":" << alarm.times
+        << ",\"amount\":" << alarm.amount << ",\"most_us\":" << alarm.most_us << ",\"text\":";
+    out.Quote(alarm.text) << "}";
+}
+
+/// Those that last, and those that have just ended.
+void text_of_alarms(const Snapshot& snapshot, TextRoom& out) {
+    const uint64_t now_us = snapshot.process.taken_us;
+    for (const AlarmStats& alarm : snapshot.alarms) {
+        if (!Alarms::is_recent(alarm, now_us)) {
+            continue;
+        }
+        const uint64_t ago_us = now_us - std::min(alarm.since_us, now_us);
+        out << "alarm: " << alarm.text << "; it began ";
+        out.Plain(static_cast<double>(ago_us / 100000) / 10)
+            << " s ago, times so far: " << alarm.times << "\n";
+    }
+}
+
+void text_of_memory(const std::vector<MemoryStats>& rows, TextRoom& out) {
+    if (rows.empty()) {
+        return;
+    }
+    out << "memory";
+    out.Column(22) << "pieces";
+    out.Column(34) << "bytes\n";
+    for (const MemorySum& sum : sums_of_memory(rows)) {
+        out << sum.kind;
+        out.Column(22) << sum.pieces;
+        out.Column(34) << sum.bytes << "\n";
+    }
+}
+
 template <size_t PLACES>
 void json_of_places(const char* name, const uint32_t (&counts)[PLACES], TextRoom& out) {
     out << ",\"" << name << "\":{";
@@ -248,11 +292,24 @@ void json_list(const char* name, const std::vector<Row>& rows, void (*write)(con
 
 }  // namespace
 
+std::vector<MemorySum> sums_of_memory(const std::vector<MemoryStats>& rows) {
+    std::vector<MemorySum> sums;
+    for (const MemoryStats& row : rows) {
+        if (sums.empty() || std::string_view(sums.back().kind) != row.kind) {
+            sums.push_back({row.kind, 0, 0});
+        }
+        sums.back().pieces += row.pieces;
+        sums.back().bytes += row.bytes;
+    }
+    return sums;
+}
+
 void write_text(const Snapshot& snapshot, TextRoom& out) {
     const ProcessStats& process = snapshot.process;
     out << "handlers " << process.handlers << ", armed timers " << process.timers_armed << ", timing "
         << (process.timing != 0 ? "on" : "off") << ", stuck calls " << process.stuck << " ("
         << process.stuck_ever << " ever)\n";
+    text_of_alarms(snapshot, out);
     text_of_spread("lateness of timers", process.timer_lateness, out);
     for (const PoolStats& pool : snapshot.pools) {
         text_of_pool(pool, out);
@@ -265,6 +322,7 @@ void write_text(const Snapshot& snapshot, TextRoom& out) {
     }
     text_of_media(snapshot.media, out);
     text_of_objects(snapshot.objects, out);
+    text_of_memory(snapshot.memory, out);
     out << "class";
     out.Column(56) << "live";
     out.Column(66) << "opened";
@@ -297,6 +355,8 @@ void write_json(const Snapshot& snapshot, TextRoom& out) {
     json_list("objects", snapshot.objects, &json_of_object, out);
     json_list("media_buffers", snapshot.media.buffers, &json_of_buffer, out);
     json_list("media_senders", snapshot.media.senders, &json_of_sender, out);
+    json_list("memory", snapshot.memory, &json_of_memory, out);
+    json_list("alarms", snapshot.alarms, &json_of_alarm, out);
     out << ",\"pid\":" << process.pid << "}\n";
 }
 

@@ -39,6 +39,15 @@ struct PoolFigure {
 extern const PoolFigure POOL_FIGURES[];
 extern const size_t POOL_FIGURE_COUNT;
 
+/// Pieces and bytes of a kind of memory, of all its sizes.
+struct MemorySum {
+    const char* kind;
+    uint64_t pieces;
+    uint64_t bytes;
+};
+/// Each kind once, in the order in which they come.
+std::vector<MemorySum> sums_of_memory(const std::vector<MemoryStats>& rows);
+
 /// Why clients did not get frames, for JSON and metrics.
 struct DropName {
     const char* name;

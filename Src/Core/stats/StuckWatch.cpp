@@ -28,6 +28,7 @@ Infra::CThreadLite* StuckWatch::sm_thread = nullptr;
 Infra::CMutex StuckWatch::sm_mutex{Infra::LockClass::STUCK_HOOK};
 StuckWatch::Hook StuckWatch::sm_hook = nullptr;
 void* StuckWatch::sm_context = nullptr;
+StuckWatch::PoolRow StuckWatch::sm_pools[POOL_ROWS];
 uint32_t StuckWatch::sm_times[ClassRows::COUNT] = {};
 
 namespace {
@@ -91,6 +92,7 @@ bool StuckWatch::Set(int limit_ms) {
             WatchDoor::Rouse();
             delete std::exchange(sm_thread, nullptr);
             sm_now.store(0, std::memory_order_relaxed);
+            note_pools({}, Infra::CTime::getCurrentMicroSecond());
         }
         return true;
     }
@@ -146,7 +148,7 @@ void StuckWatch::gather(std::vector<Seen>& seen) {
                 return;
             }
             if (seen.size() < seen.capacity()) {
-                seen.push_back({&block, block.m_pool, block.m_thread_id, word, begun, 0, false});
+                seen.push_back({&block, block.m_pool, block.m_thread_id, word, begun, 0, false, false});
             }
             ++running;
         });
@@ -167,7 +169,8 @@ bool StuckWatch::look(std::vector<Seen>& seen, std::vector<Seen>& before) {
         });
         call.since_us = same != before.end() ? same->since_us : now_us;
         call.told = same != before.end() && same->told;
-        if (now_us - call.since_us < limit_us) {
+        call.is_long = now_us - call.since_us >= limit_us;
+        if (!call.is_long) {
             continue;
         }
         ++stuck;
@@ -177,7 +180,31 @@ bool StuckWatch::look(std::vector<Seen>& seen, std::vector<Seen>& before) {
         }
     }
     sm_now.store(stuck, std::memory_order_relaxed);
+    note_pools(seen, now_us);
     return !seen.empty();
+}
+
+void StuckWatch::note_pools(const std::vector<Seen>& seen, uint64_t now_us) {
+    for (int index = -1; index < PoolSlot::LIMIT; ++index) {
+        uint64_t calls = 0;
+        uint64_t begun_us = now_us;
+        for (const Seen& call : seen) {
+            if (call.is_long && call.pool == index) {
+                ++calls;
+                begun_us = std::min(begun_us, call.since_us);
+            }
+        }
+        PoolRow& row = sm_pools[1 + index];
+        row.calls.store(calls, std::memory_order_relaxed);
+        row.begun_us.store(begun_us, std::memory_order_relaxed);
+        row.span.Note(calls > 0, now_us, begun_us);
+    }
+}
+
+StuckWatch::PoolFacts StuckWatch::OfPool(int index) {
+    const PoolRow& row = sm_pools[1 + index];
+    return {row.span.Read(), row.calls.load(std::memory_order_relaxed),
+            row.begun_us.load(std::memory_order_relaxed)};
 }
 
 void StuckWatch::tell(const Seen& seen, uint64_t run_us) {

@@ -10,7 +10,9 @@
 #include <Infra/ThreadLite.h>
 #include <Reticor/Stats.h>
 
+#include "Core/count/AlarmSpan.h"
 #include "Core/count/ThreadCounts.h"
+#include "Core/pool/PoolLease.h"
 
 namespace Orvex::Reticor {
 
@@ -33,6 +35,14 @@ public:
     static uint64_t Now() { return sm_now.load(std::memory_order_relaxed); }
     static uint64_t Total() { return sm_total.load(std::memory_order_relaxed); }
 
+    struct PoolFacts {
+        AlarmSpan::Facts span;
+        uint64_t calls;     ///< Of its workers that run too long now.
+        uint64_t begun_us;  ///< When the longest of them was first seen.
+    };
+    /// What holds workers of the pool with that index; -1: other threads.
+    static PoolFacts OfPool(int index);
+
 private:
     /// A call that was seen, and since when it is the same one.
     struct Seen {
@@ -42,9 +52,19 @@ private:
         uint64_t word;
         uint64_t begun;
         uint64_t since_us;
+        bool is_long;  ///< It runs for longer than the limit.
         bool told;
     };
 
+    /// What was seen of a pool at the last look.
+    struct PoolRow {
+        AlarmSpan span;
+        std::atomic<uint64_t> calls{0};
+        std::atomic<uint64_t> begun_us{0};
+    };
+    static constexpr int POOL_ROWS = 1 + PoolSlot::LIMIT;  ///< Other threads, and each pool.
+
+    static void note_pools(const std::vector<Seen>& seen, uint64_t now_us);
     static void run(Infra::CThreadLite& thread);
     static bool look(std::vector<Seen>& seen, std::vector<Seen>& before);
     static void gather(std::vector<Seen>& seen);
@@ -58,6 +78,7 @@ private:
     static Infra::CMutex sm_mutex;
     static Hook sm_hook INFRA_GUARDED_BY(sm_mutex);
     static void* sm_context INFRA_GUARDED_BY(sm_mutex);
+    static PoolRow sm_pools[POOL_ROWS];
     static uint32_t sm_times[ClassRows::COUNT];  ///< Of the thread: how often each class was named.
 };
 

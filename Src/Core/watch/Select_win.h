@@ -79,6 +79,9 @@ public:
     };
     Figures GetFigures() const;
 
+    /// As SetBook's. Any thread.
+    AlarmSpan::Facts LookWhetherFull() { return m_book.LookWhetherFull(); }
+
     // On a record:
 
     /// Makes a new record known, and gives it its number. False, with nothing changed, without memory.

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "Core/count/AlarmSpan.h"
 #include "Core/record/SockRecord.h"
 
 namespace Orvex::Reticor {
@@ -48,12 +49,17 @@ public:
         return FD_CAPACITY - m_taken[direction].load(std::memory_order_relaxed);
     }
 
+    /// Since when sockets are left out, or the last place of a set was seen to be taken. A look: what has
+    /// changed unnoticed counts from here on. Any thread.
+    AlarmSpan::Facts LookWhetherFull();
+
 private:
     void count_unplaced(CEvent* ev, bool unplaced);
     bool take(size_t direction);
 
     std::atomic<int> m_taken[3];  ///< In the sets: read, write, exception.
     std::atomic<int> m_without_place{0};
+    AlarmSpan m_full;
 
     friend struct MultiplexerProbe;  // tests
 };

@@ -393,6 +393,21 @@ void FrameLine::add_stats(MediaBufferStats& stats) const {
     }
 }
 
+FrameLine::Held FrameLine::held() const {
+    Held held;
+    for (const CFrame* frame = m_kept.head(); frame != nullptr; frame = frame->m_kept_next) {
+        ++held.frames;
+    }
+    held.bytes = m_kept.bytes();
+    for (const CFrame* frame = m_head; frame != nullptr; frame = frame->m_next) {
+        if (!frame->m_kept && frame->m_packet_num != 0) {
+            ++held.frames;
+            held.bytes += static_cast<uint64_t>(frame->m_frame_len);
+        }
+    }
+    return held;
+}
+
 void FrameLine::add_stats(MediaStartStats& stats) const {
     const CFrame* const from = m_starts.from();
     for (const CFrame* frame = from; frame != nullptr; frame = frame->m_kept_next) {

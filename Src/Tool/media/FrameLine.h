@@ -46,6 +46,13 @@ public:
     void add_stats(MediaBufferStats& stats) const INFRA_REQUIRES(CORE_MUTEX);
     void add_stats(MediaStartStats& stats) const INFRA_REQUIRES(CORE_MUTEX);
 
+    /// Frames with packets, on the list or kept, and their bytes.
+    struct Held {
+        uint64_t frames = 0;
+        uint64_t bytes = 0;
+    };
+    Held held() const INFRA_REQUIRES(CORE_MUTEX);
+
     // Filling.
 
     /// Takes the memory that the next operation can need: for the frames that it begins, and, with `packet`,

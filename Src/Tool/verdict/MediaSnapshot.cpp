@@ -49,8 +49,9 @@ bool add_row(const std::shared_ptr<MediaCore>& core, HeldSenders& senders,
     MediaBufferStats stats;
     state->m_frames.add_stats(stats);
     senders.add_all(*state);
+    const FrameLine::Held held = state->m_frames.held();
     rows.buffers.push_back({state->m_roll.number(), senders.all().size(), stats.frames, stats.bytes,
-                            state->m_frames.bytes_of(SenderHotState::ALL_CHANNELS)});
+                            state->m_frames.bytes_of(SenderHotState::ALL_CHANNELS), held.frames, held.bytes});
     return true;
 }
 

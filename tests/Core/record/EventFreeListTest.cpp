@@ -79,10 +79,27 @@ TEST_F(FreeListCases, AChainIsPutAheadOfWhatRests) {
     CEvent* const first = new CEvent;
     first->m_next = last;
     last->m_next = first;  // an old link, which must not count
-    list.PutChain(first, last);
+    list.PutChain(first, last, 2);
     CEvent* const all = list.GetBatch(10);
     EXPECT_EQ((Taken{first, last, records[0]}), linked(all));
     drop(all);
+}
+
+TEST_F(FreeListCases, TheRecordsOnTheListAreCounted) {
+    EXPECT_EQ(0u, list.Count());
+    fill(5);
+    EXPECT_EQ(5u, list.Count());
+    CEvent* const two = list.GetBatch(2);
+    EXPECT_EQ(3u, list.Count());
+    list.PutChain(two, two->m_next, 2);
+    EXPECT_EQ(5u, list.Count());
+    CEvent* const one = list.Get();
+    EXPECT_EQ(4u, list.Count());
+    drop(list.GetBatch(10));
+    EXPECT_EQ(0u, list.Count());
+    delete list.Get();
+    EXPECT_EQ(0u, list.Count()) << "a new one was never on it";
+    delete one;
 }
 
 TEST_F(FreeListCases, AnEmptyListAllocatesAndWithoutMemoryIsNull) {
@@ -140,7 +157,7 @@ TEST_F(FreeListCases, AnyMixOfCallsMatchesAPlainList) {
             default:
                 if (out.size() >= 2) {
                     out[0]->m_next = out[1];
-                    list.PutChain(out[0], out[1]);
+                    list.PutChain(out[0], out[1], 2);
                     rests.push_front(out[1]);
                     rests.push_front(out[0]);
                     out.erase(out.begin(), out.begin() + 2);
@@ -196,6 +213,56 @@ TEST(RecordStock, HasNoRecordWithALinkOrWithoutMemory) {
     EXPECT_EQ(ev, get_event());
     EXPECT_EQ(nullptr, ev->m_next);
     put_event(ev);
+}
+
+TEST(RecordStock, TheRecordsOfAllThreadsAreCounted) {
+    constexpr uint64_t OWN = 7;
+    const RestingRecords before = count_resting_records();
+    std::atomic<bool> ready{false};
+    std::atomic<bool> end{false};
+    std::thread other([&] {
+        for (uint64_t i = 0; i < OWN; ++i) {
+            put_event(new CEvent);
+        }
+        ready = true;
+        while (!end) {
+            std::this_thread::yield();
+        }
+    });
+    while (!ready) {
+        std::this_thread::yield();
+    }
+    const RestingRecords during = count_resting_records();
+    EXPECT_EQ(before.stocked + OWN, during.stocked);
+    EXPECT_EQ(before.listed, during.listed);
+    end = true;
+    other.join();
+    EXPECT_EQ(before.stocked, count_resting_records().stocked);
+    EXPECT_EQ(before.listed + OWN, count_resting_records().listed);
+}
+
+TEST(RecordStock, TheCountFollowsRefillsAndBatches) {
+    const DrainedRecords drained;
+    const RestingRecords none = count_resting_records();
+    for (int i = 0; i < STOCK_LIMIT + 1; ++i) {
+        put_event(new CEvent);
+    }
+    EXPECT_EQ(none.stocked + STOCK_LIMIT + 1 - STOCK_BATCH, count_resting_records().stocked);
+    EXPECT_EQ(none.listed + STOCK_BATCH, count_resting_records().listed);
+    Taken mine;
+    for (int i = 0; i < STOCK_LIMIT + 1 - STOCK_BATCH; ++i) {
+        mine.push_back(get_event());
+    }
+    EXPECT_EQ(none.stocked, count_resting_records().stocked);
+    mine.push_back(get_event());  // out of a batch from the list
+    EXPECT_EQ(none.stocked + STOCK_BATCH - 1, count_resting_records().stocked);
+    EXPECT_EQ(none.listed, count_resting_records().listed);
+    for (int i = 1; i < STOCK_BATCH; ++i) {
+        mine.push_back(get_event());
+    }
+    for (CEvent* ev : mine) {
+        delete ev;
+    }
 }
 
 // What one thread has too many of, another one gets without memory, a batch at a time.

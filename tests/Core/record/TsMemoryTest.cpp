@@ -673,6 +673,92 @@ TEST_F(TsMemory, AnyMixOfBothWaysMatchesQueuesByClass) {
     }
 }
 
+// ---- how much is kept -------------------------------------------------------------------------------------
+
+uint64_t keptOf(unsigned int size, bool shared = false) {
+    const auto all = Orvex::Reticor::MemTables::CountFree();
+    const auto& one = all[static_cast<std::size_t>(smallestClass(size))];
+    EXPECT_EQ(classSizes()[static_cast<std::size_t>(smallestClass(size))], one.bytes_each);
+    return shared ? one.shared : one.of_threads;
+}
+
+TEST_F(TsMemory, KeptBlocksAreCountedByClassAndTable) {
+    EXPECT_EQ(0u, keptOf(64));
+    std::vector<void*> lent;
+    for (int i = 0; i < 5; ++i) {
+        lent.push_back(CTsMemory::TsMalloc(60));
+    }
+    EXPECT_EQ(0u, keptOf(64)) << "what is lent is not kept";
+    for (void* block : lent) {
+        CTsMemory::TsFree(block);
+    }
+    EXPECT_EQ(5u, keptOf(64));
+    EXPECT_EQ(0u, keptOf(72));
+    EXPECT_EQ(0u, keptOf(64, true));
+    void* const again = CTsMemory::TsMalloc(64);
+    EXPECT_EQ(4u, keptOf(64));
+    CTsMemory::Free(again);
+    EXPECT_EQ(4u, keptOf(64));
+    EXPECT_EQ(1u, keptOf(64, true)) << "it went to the table that it was freed to";
+}
+
+TEST_F(TsMemory, BlocksBeyondTheLimitOfAClassAreNotCounted) {
+    std::vector<void*> lent;
+    for (unsigned int i = 0; i < mostBlocks(36) + 3; ++i) {
+        lent.push_back(CTsMemory::TsMalloc(98304));
+    }
+    for (void* block : lent) {
+        CTsMemory::TsFree(block);
+    }
+    EXPECT_EQ(mostBlocks(36), keptOf(98304));
+}
+
+TEST_F(TsMemory, TheTablesOfAllThreadsAreCountedAndGoWithThem) {
+    std::atomic<int> ready{0};
+    std::atomic<bool> end{false};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 3; ++t) {
+        threads.emplace_back([&] {
+            CTsMemory::CreateMemPool();
+            CTsMemory::TsFree(CTsMemory::TsMalloc(512));
+            ++ready;
+            while (!end) {
+                std::this_thread::yield();
+            }
+            CTsMemory::DestroyThreadMemPool();
+        });
+    }
+    EXPECT_EVENTUALLY(ready == 3);
+    CTsMemory::TsFree(CTsMemory::TsMalloc(512));
+    EXPECT_EQ(4u, keptOf(512));
+    end = true;
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(1u, keptOf(512));
+}
+
+// No lock is between the two; a look is whole all the same, and never counts more than there can be.
+TEST_F(TsMemory, TablesCanBeCountedWhileTheirThreadsUseThem) {
+    std::atomic<bool> end{false};
+    std::thread worker([&] {
+        CTsMemory::CreateMemPool();
+        while (!end) {
+            void* const first = CTsMemory::TsMalloc(8);
+            void* const second = CTsMemory::TsMalloc(8);
+            CTsMemory::TsFree(first);
+            CTsMemory::TsFree(second);
+        }
+        CTsMemory::DestroyThreadMemPool();
+    });
+    for (int look = 0; look < 2000; ++look) {
+        ASSERT_LE(keptOf(8), mostBlocks(0));
+    }
+    end = true;
+    worker.join();
+    EXPECT_EQ(0u, keptOf(8));
+}
+
 /// A block that goes from hand to hand, with a mark in every byte.
 TEST_F(TsMemory, BlocksThatWanderBetweenThreadsKeepTheirBytesAndNoneIsLentTwice) {
     constexpr int ROUNDS = 3000;

@@ -72,6 +72,38 @@ private:
     std::thread m_thread;
 };
 
+// ---- timers that wait -----------------------------------------------------------------------------------
+
+TEST_F(WorkQueue, OldTimersAreCountedAmongOtherRecordsAndTheFirstIsTold) {
+    EXPECT_EQ(0u, queue.FindOldTimers(~uint64_t{0}).count);
+    a.m_key = b.m_key = -5000;
+    a.m_expire = 700;
+    b.m_expire = 300;
+    c.m_key = EVENT_KEY_MESSAGE;
+    c.m_receiver = 1;  // in the place of a timer's time
+    queue.PushOne(&a);
+    queue.PushOne(&c);
+    queue.PushOne(&b);
+    EXPECT_EQ(0u, queue.FindOldTimers(299).count);
+    EXPECT_EQ(0u, queue.FindOldTimers(299).oldest_us);
+    EXPECT_EQ(1u, queue.FindOldTimers(300).count);
+    EXPECT_EQ(2u, queue.FindOldTimers(700).count);
+    EXPECT_EQ(300u, queue.FindOldTimers(700).oldest_us) << "not that of the first in line";
+    EXPECT_EQ((Records{&a, &c, &b}), queued()) << "a look takes nothing";
+}
+
+TEST_F(WorkQueue, ALookAtOldTimersEndsInALongQueue) {
+    std::deque<CEvent> many(1500);
+    for (CEvent& ev : many) {
+        ev.m_key = -5000;
+        ev.m_expire = 1;
+        queue.PushOne(&ev);
+    }
+    EXPECT_EQ(1000u, queue.FindOldTimers(1).count);
+    while (queue.TryPop() != nullptr) {
+    }
+}
+
 // ---- order ---------------------------------------------------------------------------------------------
 
 TEST_F(WorkQueue, RecordsComeOutInTheOrderOfTheirPush) {

@@ -7,7 +7,11 @@
 #include <utility>
 #include <vector>
 
+#include <Infra/Time.h>
+
 #include "Core/record/EventFreeList.h"
+#include "Core/service/LateTimers.h"
+#include "support/core/StillPool.h"
 #include "support/socket/Allocations.h"
 
 namespace Orvex::Reticor {
@@ -105,6 +109,17 @@ TEST_F(DueChainsCase, LatenessIsFromATimersTimeToTheTickAndNeverNegative) {
     EXPECT_EQ(1u, values.count[SpreadTally::place_of(900000)]);
     EXPECT_EQ(901000u, values.sum_ns);
     EXPECT_EQ(900000u, values.max_ns);
+}
+
+TEST_F(DueChainsCase, OneThatIsGivenMuchTooLateIsNotedInItsPool) {
+    const Testing::StillPool rig(44);
+    const auto times = [&rig] { return LateTimers::Look(44, *PoolTable::Get(44)).span.times; };
+    const uint64_t before = times();
+    due->m_now_us = Infra::CTime::getCurrentMicroSecond();
+    ASSERT_TRUE(due->Add(dueTimer(0, 44, due->m_now_us - LateTimers::LIMIT_US)));
+    EXPECT_EQ(before, times());
+    ASSERT_TRUE(due->Add(dueTimer(1, 44, due->m_now_us - LateTimers::LIMIT_US - 1)));
+    EXPECT_EQ(before + 1, times());
 }
 
 // The timers' own thread goes on with a reserve while there is no memory, and then says that it cannot.

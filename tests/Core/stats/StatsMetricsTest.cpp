@@ -204,6 +204,31 @@ void expectMedia(const Exposition& read, const MediaRows& media) {
     }
 }
 
+void expectMemory(const Exposition& read, const Snapshot& from) {
+    const auto at = [&](size_t place) { return from.memory.at(place); };
+    EXPECT_EQ(asNumber(at(0).pieces), read.at("reticor_memory_pieces{kind=\"free_records\"}"));
+    EXPECT_EQ(asNumber(at(1).pieces + at(2).pieces),
+              read.at("reticor_memory_pieces{kind=\"thread_blocks\"}"));
+    EXPECT_EQ(asNumber(at(1).bytes + at(2).bytes), read.at("reticor_memory_bytes{kind=\"thread_blocks\"}"));
+    EXPECT_EQ(asNumber(at(3).bytes), read.at("reticor_memory_bytes{kind=\"media_frames\"}"));
+}
+
+// Those of the snapshot, and none for what was never wrong in a pool that is there.
+void expectAlarms(const Exposition& read, const Snapshot& from) {
+    size_t series = 0;
+    for (const AlarmStats& row : from.alarms) {
+        const std::string which = std::string("{kind=\"") + CStats::GetAlarmName(row.kind) + "\",pool=\"" +
+                                  std::to_string(row.pool) + "\"}";
+        EXPECT_EQ(row.lasts, read.at("reticor_alarm" + which));
+        EXPECT_EQ(asNumber(row.times), read.at("reticor_alarms_total" + which));
+        series += row.pool < 0 ? 1 : 0;
+    }
+    for (const auto& [name, value] : read.series()) {
+        series -= name.rfind("reticor_alarm{", 0) == 0 ? 1 : 0;
+    }
+    EXPECT_EQ(0u, series + 3 * from.pools.size()) << "three for each pool, and those of other threads";
+}
+
 TEST(MadeMetrics, WhatIsReadFromTheExpositionIsWhatWasInTheSnapshot) {
     SeededRandom random;
     for (int round = 0; round < 15 && !testing::Test::HasFailure(); ++round) {
@@ -218,6 +243,8 @@ TEST(MadeMetrics, WhatIsReadFromTheExpositionIsWhatWasInTheSnapshot) {
         expectHistogram(read, "reticor_timer_lateness_seconds", "", from.process.timer_lateness);
         expectPools(read, from);
         expectClasses(read, from);
+        expectMemory(read, from);
+        expectAlarms(read, from);
         if (!from.media.buffers.empty()) {
             expectMedia(read, from.media);
         }
@@ -227,6 +254,7 @@ TEST(MadeMetrics, WhatIsReadFromTheExpositionIsWhatWasInTheSnapshot) {
 TEST(MadeMetrics, WithoutMediaThereAreNoFamiliesOfIt) {
     const std::string text = exposed(Snapshot());
     EXPECT_EQ(std::string::npos, text.find("media"));
+    EXPECT_EQ(std::string::npos, text.find("reticor_memory"));
     const Exposition read(text);
     EXPECT_EQ(0, read.at("reticor_pools"));
     EXPECT_EQ(0, read.at("reticor_timer_lateness_seconds_count"));

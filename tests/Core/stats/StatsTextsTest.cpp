@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -314,6 +315,27 @@ void expectObject(const ObjectRow& row, const JsonValue& json) {
     EXPECT_EQ(4u, json.size());
 }
 
+void expectMemory(const MemoryStats& row, const JsonValue& json) {
+    EXPECT_TRUE(json["kind"].is(std::string(row.kind)));
+    EXPECT_TRUE(json["piece_bytes"].is(row.piece_bytes));
+    EXPECT_TRUE(json["pieces"].is(row.pieces));
+    EXPECT_TRUE(json["bytes"].is(row.bytes));
+    EXPECT_EQ(4u, json.size());
+}
+
+void expectAlarm(const AlarmStats& row, const JsonValue& json) {
+    EXPECT_TRUE(json["alarm"].is(std::string(CStats::GetAlarmName(row.kind))));
+    EXPECT_EQ(std::to_string(row.pool), json["pool"].text());
+    EXPECT_EQ(row.lasts != 0 ? "true" : "false", json["lasts"].text());
+    EXPECT_TRUE(json["since_us"].is(row.since_us));
+    EXPECT_TRUE(json["ended_us"].is(row.ended_us));
+    EXPECT_TRUE(json["times"].is(row.times));
+    EXPECT_TRUE(json["amount"].is(row.amount));
+    EXPECT_TRUE(json["most_us"].is(row.most_us));
+    EXPECT_TRUE(json["text"].is(std::string(row.text)));
+    EXPECT_EQ(9u, json.size());
+}
+
 template <class Row>
 void expectRows(const std::vector<Row>& rows, const JsonValue& json,
                 void (*expect)(const Row&, const JsonValue&)) {
@@ -333,7 +355,7 @@ TEST(MadeTexts, WhatIsReadFromTheJsonIsWhatWasInTheSnapshot) {
         const std::optional<JsonValue> read = JsonValue::parse(text);
         ASSERT_TRUE(read) << text;
         EXPECT_EQ(text.size() - 1, text.find('\n')) << "one line";
-        EXPECT_EQ(15u, read->size());
+        EXPECT_EQ(17u, read->size());
         EXPECT_EQ(std::to_string(from.process.pid), (*read)["pid"].text());
         EXPECT_TRUE((*read)["version"].is(uint64_t{STATS_VERSION}));
         EXPECT_TRUE((*read)["taken_us"].is(from.process.taken_us));
@@ -348,6 +370,8 @@ TEST(MadeTexts, WhatIsReadFromTheJsonIsWhatWasInTheSnapshot) {
         expectRows(from.classes, (*read)["classes"], &expectClass);
         expectRows(from.objects, (*read)["objects"], &expectObject);
         expectRows(from.media.senders, (*read)["media_senders"], &expectSender);
+        expectRows(from.memory, (*read)["memory"], &expectMemory);
+        expectRows(from.alarms, (*read)["alarms"], &expectAlarm);
         expectRows<MediaBufferRow>(from.media.buffers, (*read)["media_buffers"],
                                    [](const MediaBufferRow& row, const JsonValue& json) {
                                        EXPECT_TRUE(json["buffer"].is(row.buffer));
@@ -447,6 +471,29 @@ TEST(MadeTexts, TheTextNamesWorkersThatAreInACallAndNoOthers) {
     const std::vector<std::string> lines = linesOf(textOf(snapshot, &write_text));
     ASSERT_EQ(3u, lines.size());
     EXPECT_EQ("thread 42 of pool 3 is in handle_output of handler -6553600", lines[1]);
+}
+
+TEST(MadeTexts, TheTextHasAlarmsThatLastOrHaveJustEndedAndNoOlderOnes) {
+    Snapshot snapshot;
+    snapshot.process.taken_us = 100000000;
+    AlarmStats alarm{};
+    alarm.kind = AlarmKind::POOL_FULL;
+    alarm.lasts = 1;
+    alarm.since_us = 96750000;
+    alarm.times = 2;
+    std::strcpy(alarm.text, "pool 0 is full: 3 sockets are left out");
+    snapshot.alarms.push_back(alarm);
+    alarm.lasts = 0;
+    alarm.ended_us = 90000001;
+    std::strcpy(alarm.text, "pool 1 was full");
+    snapshot.alarms.push_back(alarm);
+    alarm.ended_us = 90000000;
+    std::strcpy(alarm.text, "pool 2 was full");
+    snapshot.alarms.push_back(alarm);
+    const std::vector<std::string> lines = linesOf(textOf(snapshot, &write_text));
+    ASSERT_EQ(4u, lines.size());
+    EXPECT_EQ("alarm: pool 0 is full: 3 sockets are left out; it began 3.2 s ago, times so far: 2", lines[1]);
+    EXPECT_EQ(0u, lines[2].find("alarm: pool 1 was full; it began "));
 }
 
 TEST(MadeTexts, TheClassesStandInColumnsAlsoAfterALongName) {

@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/HandClock.h"
 #include "support/SeededRandom.h"
 
 namespace Orvex::Testing {
@@ -128,6 +129,49 @@ TEST_F(SetBookCases, WhoeverAsksForLessIsNotWithoutAPlaceAnyMore) {
     book.Add(&ev);
     EXPECT_EQ(0, book.WithoutPlace());
     EXPECT_FALSE(has_flag(&ev, MUX_UNPLACED));
+}
+
+// ---- since when it is full ------------------------------------------------------------------------------
+
+TEST_F(SetBookCases, IsFullFromTheFirstSocketThatIsLeftOutToTheLast) {
+    HandClock clock;
+    fillSet(0, 0);
+    CEvent first, second;
+    first.m_event_mask = second.m_event_mask = SOCK_READ;
+    clock.advanceUs(1000);
+    const uint64_t begun_us = clock.nowUs();
+    book.Add(&first);
+    clock.advanceUs(1000);
+    book.Add(&second);
+    EXPECT_TRUE(book.LookWhetherFull().lasts);
+    EXPECT_EQ(begun_us, book.LookWhetherFull().since_us) << "nobody looked then";
+    book.Forget(&first);
+    freeOneFiller();
+    EXPECT_TRUE(book.LookWhetherFull().lasts) << "one is still left out";
+    clock.advanceUs(1000);
+    const uint64_t ended_us = clock.nowUs();
+    book.Forget(&second);
+    clock.advanceUs(1000);
+    const AlarmSpan::Facts over = book.LookWhetherFull();
+    EXPECT_FALSE(over.lasts);
+    EXPECT_EQ(begun_us, over.since_us);
+    EXPECT_EQ(ended_us, over.ended_us);
+    EXPECT_EQ(1u, over.times);
+}
+
+TEST_F(SetBookCases, ALastPlaceThatIsTakenIsSeenByALookOfWhicheverSet) {
+    HandClock clock;
+    for (size_t set = 0; set < 3; ++set) {
+        clock.advanceUs(AlarmSpan::HOLD_US);
+        fillSet(set, 1);
+        EXPECT_FALSE(book.LookWhetherFull().lasts);
+        fillSet(set, 0);
+        EXPECT_TRUE(book.LookWhetherFull().lasts);
+        EXPECT_EQ(clock.nowUs(), book.LookWhetherFull().since_us);
+        EXPECT_EQ(set + 1, book.LookWhetherFull().times);
+        freeOneFiller();
+        EXPECT_FALSE(book.LookWhetherFull().lasts);
+    }
 }
 
 // In flight a socket has given up its places; whether it found none before is still known.

@@ -254,6 +254,49 @@ TEST_F(MediaVerdictsOfSenders, HaveAWindowWithinBounds) {
     EXPECT_EQ(SenderVerdictKind::KEEPS_UP, verdictOf(one).kind);
 }
 
+MediaBufferRow rowInSnapshot() {
+    MediaRows rows;
+    MediaSnapshot::gather(rows);
+    EXPECT_EQ(1U, rows.buffers.size());
+    return rows.buffers.empty() ? MediaBufferRow{} : rows.buffers[0];
+}
+
+TEST_F(MediaVerdictsOfSenders, SnapshotsHaveTheFramesThatABufferHolds) {
+    EXPECT_EQ(0U, rowInSnapshot().held_frames);
+    MediaClient& one = joinedClient();
+    EXPECT_EQ(0U, rowInSnapshot().held_bytes) << "it has got all";
+    one.sock.setRoom(0);
+    put(1000);
+    put(500);
+    EXPECT_EQ(2U, rowInSnapshot().held_frames);
+    EXPECT_EQ(1500U, rowInSnapshot().held_bytes);
+    put(70, 0);
+    EXPECT_EQ(3U, rowInSnapshot().held_frames) << "with the one that is being filled";
+    EXPECT_EQ(1570U, rowInSnapshot().held_bytes);
+    EXPECT_EQ(1500U, rowInSnapshot().bytes);
+}
+
+// On the list, kept, or on both: a frame counts once.
+TEST_F(MediaVerdictsOfSenders, SnapshotsHaveTheFramesThatWaitForLateClientsOnce) {
+    buffer->SetStartCache(60000, 1000000);
+    put(300);
+    put(40, 1, 5);
+    EXPECT_EQ(2U, rowInSnapshot().held_frames) << "nobody is there but those that may come";
+    EXPECT_EQ(340U, rowInSnapshot().held_bytes);
+    MediaClient& late = client();
+    buffer->AddSender(late.sender);
+    put(10);
+    late.sock.setRoom(0);
+    put(25);
+    MediaBufferStats stats = buffer->GetStats();
+    EXPECT_LT(0U, stats.frames);
+    EXPECT_LT(0U, stats.kept_frames);
+    EXPECT_EQ(stats.kept_frames, rowInSnapshot().held_frames) << "all on the list are kept too";
+    EXPECT_EQ(stats.kept_bytes, rowInSnapshot().held_bytes);
+    buffer->SetStartCache(0, 0);
+    EXPECT_EQ(25U, rowInSnapshot().held_bytes) << "what the list alone has";
+}
+
 // Whoever reads snapshots does not hang with a product that hangs.
 TEST_F(MediaVerdictsOfSenders, AreInSnapshotsButForBuffersThatHang) {
     const MediaClient& one = joinedClient();

@@ -8,6 +8,7 @@
 #include <list>
 #include <string>
 
+#include "Core/stats/Alarms.h"
 #include "Core/stats/Snapshot.h"
 #include "Core/stats/StatsTexts.h"
 #include "support/SeededRandom.h"
@@ -43,6 +44,14 @@ public:
         for (int i = snapshot.media.buffers.empty() ? 0 : m_random.between(0, 30); i > 0; --i) {
             add_sender(i);
         }
+        for (const char* kind : {"free_records", "thread_blocks", "thread_blocks", "media_frames"}) {
+            const uint64_t pieces = m_random.between<uint64_t>(0, 100000);
+            snapshot.memory.push_back({sizeof(Reticor::MemoryStats), 1, kind, figure(), pieces, 3 * pieces});
+        }
+        for (const Reticor::PoolStats& pool : snapshot.pools) {
+            add_alarms(pool.pool);
+        }
+        add_alarms(-1);
         snapshot.process.pools = static_cast<uint32_t>(snapshot.pools.size());
     }
     MadeSnapshot(const MadeSnapshot&) = delete;
@@ -118,6 +127,24 @@ private:
         row.timed = m_random.oneIn(3) ? 0 : m_random.between<uint64_t>(1, 1000000);
         row.time_ns = m_random.between<uint64_t>(0, 1000000000000);
         snapshot.classes.push_back(row);
+    }
+    void add_alarms(int pool) {
+        for (const Reticor::AlarmKind kind : Reticor::Alarms::KINDS) {
+            if (m_random.oneIn(2)) {
+                continue;
+            }
+            Reticor::AlarmStats alarm{};
+            alarm.kind = kind;
+            alarm.pool = pool;
+            alarm.lasts = m_random.between(0u, 1u);
+            alarm.since_us = figure();
+            alarm.ended_us = figure();
+            alarm.times = figure();
+            alarm.amount = figure();
+            alarm.most_us = figure();
+            std::snprintf(alarm.text, sizeof alarm.text, "pool %d of \"%s\"", pool, name());
+            snapshot.alarms.push_back(alarm);
+        }
     }
     void add_sender(int number) {
         Reticor::SenderVerdict row;
