@@ -153,6 +153,40 @@ TEST(LookAtProcess, ObjectsHaveTheFiguresThatTheyTell) {
     EXPECT_EQ(0u, look.objects[2].figure("written_bytes")) << "nothing is less than nothing";
 }
 
+TEST(LookAtProcess, ReadsMemoryWithEachKindOnce) {
+    json all = Samples::process(5);
+    all["memory"] =
+        json::array({{{"kind", "free_records"}, {"piece_bytes", 112}, {"pieces", 3}, {"bytes", 336}},
+                     {{"kind", "thread_blocks"}, {"piece_bytes", 8}, {"pieces", 2}, {"bytes", 16}},
+                     {{"kind", "thread_blocks"}, {"piece_bytes", 64}, {"pieces", 1}, {"bytes", 64}},
+                     "nonsense"});
+    const Look look = Samples::read(all);
+    ASSERT_EQ(2u, look.memory.size());
+    EXPECT_EQ("free_records", look.memory[0].kind);
+    EXPECT_EQ(3u, look.memory[0].pieces);
+    EXPECT_EQ("thread_blocks", look.memory[1].kind);
+    EXPECT_EQ(3u, look.memory[1].pieces);
+    EXPECT_EQ(80u, look.memory[1].bytes);
+    EXPECT_TRUE(Samples::read(Samples::process(5)).memory.empty());
+}
+
+TEST(LookAtProcess, ReadsTheAlarmsThatItTells) {
+    json all = Samples::process(5);
+    all["alarms"] = json::array({Samples::alarm("worker_stuck", true, 4, "calls run"), 7});
+    all["alarms"][0]["pool"] = -1;
+    all["alarms"][0]["times"] = 9;
+    const Look look = Samples::read(all);
+    ASSERT_EQ(1u, look.alarms.size());
+    EXPECT_EQ("worker_stuck", look.alarms[0].kind);
+    EXPECT_EQ(-1, look.alarms[0].pool);
+    EXPECT_TRUE(look.alarms[0].lasts);
+    EXPECT_EQ(4u, look.alarms[0].amount);
+    EXPECT_EQ(9u, look.alarms[0].times);
+    EXPECT_EQ(1u, look.alarms[0].since_us);
+    EXPECT_EQ("calls run", look.alarms[0].text);
+    EXPECT_TRUE(Samples::read(Samples::process(5)).alarms.empty());
+}
+
 TEST(LookAtProcess, ObjectsAreNotNeeded) {
     json all = whole_process();
     all.erase("objects");

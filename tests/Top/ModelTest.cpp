@@ -386,14 +386,21 @@ TEST_F(ModelOfProcess, ACallOnAThreadOutsideOfPoolsHasNone) {
     EXPECT_NE(std::string::npos, Samples::alarms(model).find("thread 99, handler -65536"));
 }
 
-TEST_F(ModelOfProcess, StuckCallsBeyondThoseThatAreSeenAreCounted) {
+TEST_F(ModelOfProcess, CallsThatRunForLongByTheProcesssWordAreToldUntilTheyAreSeen) {
     hang();
-    all["stuck"] = 2;
-    all["stuck_ever"] = 7;
+    all["alarms"] =
+        json::array({Samples::alarm("worker_stuck", true, 2, "2 calls of pool 0 run longer than the limit")});
     look();
-    EXPECT_EQ("! 2 calls run longer than the limit, 7 ever did\n", Samples::alarms(model));
+    EXPECT_EQ("! 2 calls of pool 0 run longer than the limit\n", Samples::alarms(model));
     look();
     EXPECT_EQ(std::string::npos, Samples::alarms(model).find("the limit")) << "both are named one by one now";
+    all["alarms"][0]["amount"] = 3;
+    look();
+    EXPECT_NE(std::string::npos, Samples::alarms(model).find("the limit")) << "there is one more";
+    all["alarms"][0]["amount"] = 1;
+    all["alarms"][0]["pool"] = 1;
+    look();
+    EXPECT_NE(std::string::npos, Samples::alarms(model).find("the limit")) << "of another pool";
 }
 
 TEST_F(ModelOfProcess, AQueueThatGrowsIsNamed) {
@@ -410,17 +417,40 @@ TEST_F(ModelOfProcess, AQueueThatGrowsIsNamed) {
     EXPECT_EQ("", Samples::alarms(model)) << "one is free";
 }
 
-TEST_F(ModelOfProcess, AFullPoolIsNamed) {
-    pool()["places_left_read"] = 0;
+TEST_F(ModelOfProcess, WhatTheProcessItselfCallsAnAlarmIsToldWithItsTimes) {
+    all["alarms"] =
+        json::array({Samples::alarm("pool_full", true, 12, "pool 0 is full: 12 sockets are left out"),
+                     Samples::alarm("clock_late", true, 1, "timers of pool 0 are late")});
+    all["alarms"][0]["since_us"] = (seconds - 2) * SECOND;
+    all["alarms"][1]["times"] = 3;
     look();
-    EXPECT_EQ("- pool 0 is full: no place is left for another socket\n", Samples::alarms(model));
-    pool()["sockets_without_place"] = 12;
+    EXPECT_EQ(
+        "! pool 0 is full: 12 sockets are left out, for 3.0 s\n"
+        "! timers of pool 0 are late, 3 times so far\n",
+        Samples::alarms(model));
+    all["alarms"][0]["amount"] = 0;
+    all["alarms"][0]["text"] = "pool 0 is full: no place is left for another socket";
+    all["alarms"].erase(1);
     look();
-    EXPECT_EQ("! pool 0 is full: 12 sockets are left out\n", Samples::alarms(model));
-    pool().erase("places_left_read");
-    pool()["sockets_without_place"] = 0;
+    EXPECT_EQ("- pool 0 is full: no place is left for another socket, for 4.0 s\n", Samples::alarms(model))
+        << "nobody suffers yet";
+}
+
+TEST_F(ModelOfProcess, AlarmsThatAreOverAreToldForTenSeconds) {
+    all["alarms"] = json::array({Samples::alarm("pool_full", false, 0, "pool 0 was full")});
+    all["alarms"][0]["ended_us"] = seconds * SECOND;
+    for (int second = 0; second < 9; ++second) {
+        look();
+        EXPECT_EQ("- pool 0 was full\n", Samples::alarms(model)) << second;
+    }
     look();
-    EXPECT_EQ("", Samples::alarms(model)) << "what is not told is not full";
+    EXPECT_EQ("", Samples::alarms(model));
+}
+
+TEST_F(ModelOfProcess, AnAlarmWithoutAWordIsNone) {
+    all["alarms"] = json::array({Samples::alarm("pool_full", true, 1, ""), 7, "full"});
+    look();
+    EXPECT_EQ("", Samples::alarms(model));
 }
 
 TEST_F(ModelOfProcess, RefusalsOfTheSystemAreNamedForAMinute) {
@@ -475,14 +505,14 @@ TEST_F(ModelOfProcess, ANewerVersionIsSaid) {
 
 TEST_F(ModelOfProcess, TheWorstComesFirst) {
     all["version"] = 2;
-    pool()["places_left_read"] = 0;
-    all["pools"].push_back(Samples::pool(1));
-    all["pools"][1]["sockets_without_place"] = 1;
+    all["alarms"] = json::array({Samples::alarm("pool_full", false, 0, "pool 0 was full"),
+                                 Samples::alarm("pool_full", true, 1, "pool 1 is full")});
+    all["alarms"][0]["ended_us"] = all["alarms"][1]["since_us"] = (seconds + 1) * SECOND;
     look();
     const std::vector<top::Alarm> alarms = model.alarms();
     ASSERT_EQ(3u, alarms.size());
     EXPECT_TRUE(alarms[0].is_bad);
-    EXPECT_EQ("pool 1 is full: 1 sockets are left out", alarms[0].text);
+    EXPECT_EQ("pool 1 is full", alarms[0].text);
     EXPECT_FALSE(alarms[1].is_bad);
     EXPECT_FALSE(alarms[2].is_bad);
 }

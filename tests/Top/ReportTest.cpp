@@ -49,8 +49,8 @@ TEST(TopReport, HasRatesAndAlarmsOfTwoLooks) {
     said["classes"] = json::array({Samples::handlers("Till", 30, 3, 9000)});
     said["pools"][0]["messages"] = 50;
     said["pools"][0]["cpu_ns"] = 1000000000;
-    said["pools"][0]["places_left_read"] = 0;
-    said["pools"][0]["sockets_without_place"] = 2;
+    said["alarms"] =
+        json::array({Samples::alarm("clock_late", true, 2, "timers of pool 0 are late: 2 wait")});
     model.add(Samples::read(said), 1);
     const json all = report(model, said.dump());
     ASSERT_EQ(1u, all["pool_rates"].size());
@@ -65,7 +65,7 @@ TEST(TopReport, HasRatesAndAlarmsOfTwoLooks) {
     EXPECT_DOUBLE_EQ(4e-5, all["class_rates"][0]["busy"]);
     ASSERT_EQ(1u, all["alarms"].size());
     EXPECT_EQ(true, all["alarms"][0]["bad"]);
-    EXPECT_EQ("pool 0 is full: 2 sockets are left out", all["alarms"][0]["text"]);
+    EXPECT_EQ("timers of pool 0 are late: 2 wait", all["alarms"][0]["text"]);
 }
 
 TEST(TopReport, ARelayIsReportedToo) {

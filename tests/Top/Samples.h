@@ -73,6 +73,11 @@ inline json sender(const std::string& id, const std::string& verdict, const std:
             {"rtt_us", 200},    {"hole_frames", 1},   {"skipped_frames", 2}, {"thinned_frames", 4}};
 }
 
+inline json alarm(const std::string& kind, bool lasts, uint64_t amount, const std::string& text) {
+    return {{"alarm", kind}, {"pool", 0},    {"lasts", lasts},   {"since_us", 1}, {"ended_us", lasts ? 0 : 1},
+            {"times", 1},    {"most_us", 0}, {"amount", amount}, {"text", text}};
+}
+
 /// A process with one pool and nothing else.
 inline json process(uint64_t taken_us) {
     return {{"version", 1},

@@ -188,6 +188,20 @@ TEST_F(ViewOfProcess, TellsBuffersAndOtherObjects) {
     EXPECT_TRUE(shows("4.1 kB")) << screen();
 }
 
+TEST_F(ViewOfProcess, MemoryIsALineBelowTheHeadWhereItIsTold) {
+    const size_t alone = lines().size();
+    EXPECT_FALSE(shows("memory:"));
+    all["memory"] = json::array({{{"kind", "free_records"}, {"pieces", 30}, {"bytes", 3000}},
+                                 {{"kind", "reserved_records"}, {"pieces", 256}, {"bytes", 28000}},
+                                 {{"kind", "media_frames"}, {"pieces", 12}, {"bytes", 4200000}}});
+    look(all);
+    EXPECT_EQ("memory: 286 records of 31 kB, 12 frames of 4.2 MB", plain(lines()[2]));
+    EXPECT_EQ(alone, lines().size());
+    EXPECT_EQ("memory: 286 re\xe2\x80\xa6", plain(lines(15)[2])) << "cut to the screen";
+    EXPECT_EQ("memory: 286 records of 31 kB, 12 frames of 4.2 MB",
+              plain(View(model, settings, contact).text(0)[2]));
+}
+
 TEST_F(ViewOfProcess, PartsWithNothingInThemAreNotThere) {
     all = Samples::process(0);
     look(all);
@@ -199,11 +213,13 @@ TEST_F(ViewOfProcess, PartsWithNothingInThemAreNotThere) {
 }
 
 TEST_F(ViewOfProcess, AlarmsStandOutBelowTheHead) {
-    all["pools"][0]["sockets_without_place"] = 3;
+    all["alarms"] =
+        json::array({Samples::alarm("pool_full", true, 3, "pool 0 is full: 3 sockets are left out")});
+    all["alarms"][0]["since_us"] = (seconds - 2) * SECOND;
     all["version"] = 2;
     look(all);
     const auto found = lines();
-    EXPECT_EQ("! pool 0 is full: 3 sockets are left out", plain(found[2]));
+    EXPECT_EQ("! pool 0 is full: 3 sockets are left out, for 3.0 s", plain(found[2]));
     EXPECT_EQ(Style::BAD, found[2][0].style);
     EXPECT_EQ(0u, plain(found[3]).find("! the process tells version 2"));
     EXPECT_EQ(Style::WARN, found[3][0].style);
@@ -212,7 +228,8 @@ TEST_F(ViewOfProcess, AlarmsStandOutBelowTheHead) {
 TEST_F(ViewOfProcess, ManyAlarmsLeaveRoomForTheRest) {
     for (int i = 1; i < 20; ++i) {
         all["pools"].push_back(Samples::pool(i));
-        all["pools"].back()["sockets_without_place"] = 1;
+        all["alarms"].push_back(
+            Samples::alarm("pool_full", true, 1, "pool " + std::to_string(i) + " is full"));
     }
     look(all);
     EXPECT_TRUE(shows("and 16 more alarms"));

@@ -97,9 +97,11 @@ TEST_F(TopProgram, ShowsAProcessOn80By24) {
     ASSERT_EQ(24u, lines.size());
     EXPECT_EQ(0u, lines[0].find("reticor-top  " + path.substr(0, 8))) << lines[0];
     EXPECT_EQ(0u, lines[1].find("2 handlers, ")) << lines[1];
-    EXPECT_EQ("pool     busy  cpu 1s    10s    60s  calls/s 1s    10s    60s  queue   left", lines[3]);
-    EXPECT_EQ(0u, lines[4].find("   0      ")) << lines[4];
-    EXPECT_TRUE(has(lines[4], "/2 ")) << lines[4];
+    EXPECT_EQ("pool     busy  cpu 1s    10s    60s  calls/s 1s    10s    60s  queue   left", lines[4]);
+    EXPECT_EQ(0u, lines[2].find("memory: ")) << lines[2];
+    EXPECT_TRUE(has(lines[2], " records of ")) << lines[2];
+    EXPECT_EQ(0u, lines[5].find("   0      ")) << lines[5];
+    EXPECT_TRUE(has(lines[5], "/2 ")) << lines[5];
     EXPECT_EQ("q quit  s sort: load  / filter  space hold  t times  0-5 parts  ? help", lines[23]);
     for (const std::string& one : lines) {
         EXPECT_FALSE(has(one, "!")) << "nothing is wrong: " << one;
@@ -241,10 +243,13 @@ TEST_F(TopProgram, ShowsAProcessAllOfWhoseWorkersHang) {
     EXPECT_TRUE(terminal.shows("! pool 0 hangs: all 2 workers busy, nothing served for"));
     EXPECT_TRUE(terminal.shows("! Shop::Report::handle_message runs for over"))
         << "by the class of its handler";
+    EXPECT_TRUE(terminal.shows("! timers of pool 0 are late: 1 waits for a worker, for "))
+        << "the till's, by the process's own word";
     EXPECT_TRUE(terminal.shows(" 2/2 "));
     shop.go_on();
     EXPECT_TRUE(terminal.ceasesToShow("hangs"));
     EXPECT_TRUE(terminal.ceasesToShow("runs for over"));
+    EXPECT_TRUE(terminal.shows("! timers of pool 0 were late, by ")) << "for ten seconds";
     terminal.press("q");
     EXPECT_TRUE(terminal.shows("ended with 0"));
     EXPECT_EQ(0, shop.end());
@@ -395,6 +400,8 @@ TEST_F(TopProgram, JsonIsOneLineForPrograms) {
     EXPECT_LE(0.3, all["pool_rates"][0]["seconds"].get<double>());
     EXPECT_LE(2u, all["class_rates"].size());
     EXPECT_TRUE(all["alarms"].is_array());
+    EXPECT_TRUE(all["stats"]["alarms"].is_array());
+    EXPECT_LE(3u, all["stats"]["memory"].size());
 }
 
 TEST_F(TopProgram, ScriptsAreToldWhatIsWrong) {

@@ -3,6 +3,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <cmath>
 #include <sstream>
 #include <utility>
@@ -161,6 +162,36 @@ void read_row(const json& from, ObjectRow& row) {
     }
 }
 
+void read_row(const json& from, MemoryRow& row) {
+    row.kind = word(from, "kind");
+    row.pieces = count(from, "pieces");
+    row.bytes = count(from, "bytes");
+}
+
+void read_row(const json& from, AlarmRow& row) {
+    row.kind = word(from, "alarm");
+    row.pool = index(from, "pool");
+    row.lasts = flag(from, "lasts");
+    row.since_us = count(from, "since_us");
+    row.ended_us = count(from, "ended_us");
+    row.times = count(from, "times");
+    row.amount = count(from, "amount");
+    row.text = word(from, "text");
+}
+
+/// Rows of one kind and several sizes become one.
+void add_up(std::vector<MemoryRow>& rows) {
+    std::vector<MemoryRow> sums;
+    for (const MemoryRow& row : rows) {
+        const auto same = std::find_if(sums.begin(), sums.end(),
+                                       [&](const MemoryRow& sum) { return sum.kind == row.kind; });
+        MemoryRow& sum = same != sums.end() ? *same : sums.emplace_back(MemoryRow{row.kind, 0, 0});
+        sum.pieces += row.pieces;
+        sum.bytes += row.bytes;
+    }
+    rows = std::move(sums);
+}
+
 template <class Row>
 void read_rows(const json& from, const char* name, std::vector<Row>& rows) {
     const json& list = member(from, name);
@@ -190,6 +221,9 @@ void read_process(const json& from, uint64_t now_us, Look& look) {
     read_rows(from, "media_buffers", look.buffers);
     read_rows(from, "media_senders", look.senders);
     read_rows(from, "objects", look.objects);
+    read_rows(from, "memory", look.memory);
+    add_up(look.memory);
+    read_rows(from, "alarms", look.alarms);
 }
 
 SenderRow client_of(const json& from) {

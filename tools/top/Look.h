@@ -62,6 +62,21 @@ struct ObjectRow {
     uint64_t figure(const std::string& wanted) const;
 };
 
+/// Memory of one kind, and of one size or of several.
+struct MemoryRow {
+    std::string kind;
+    uint64_t pieces = 0, bytes = 0;
+};
+
+/// What is wrong by the process's own word.
+struct AlarmRow {
+    std::string kind;
+    int64_t pool = 0;
+    bool lasts = false;
+    uint64_t since_us = 0, ended_us = 0, times = 0, amount = 0;
+    std::string text;
+};
+
 /// A relay's own figures.
 struct RelayRow {
     std::string live;
@@ -87,6 +102,8 @@ struct Look {
     std::vector<BufferRow> buffers;
     std::vector<SenderRow> senders;
     std::vector<ObjectRow> objects;
+    std::vector<MemoryRow> memory;  ///< Each kind once.
+    std::vector<AlarmRow> alarms;
     RelayRow relay;
 
     /// Reads the JSON of a statistics socket or of a relay. Figures that are missing, or are not what they

@@ -16,6 +16,7 @@ constexpr size_t MOST_MARKS = 700;
 constexpr uint64_t LONG_CALL_us = 900000;  // two looks have seen it
 constexpr double LATE_us = 20000;
 constexpr double MANY_PASSES = 2000;  // a second
+constexpr uint64_t RECENT_us = 10000000;
 
 double seconds_between(uint64_t older_us, uint64_t newer_us) {
     return newer_us > older_us ? static_cast<double>(newer_us - older_us) / 1e6 : 0;
@@ -238,12 +239,6 @@ void Model::alarms_of_pool(const PoolRow& pool, std::vector<Alarm>& alarms) cons
                                          number(static_cast<double>(before->queue)) + " did 10 s ago"});
         }
     }
-    if (pool.without_place > 0) {
-        alarms.push_back({true, name_of(pool) + " is full: " + std::to_string(pool.without_place) +
-                                    " sockets are left out"});
-    } else if (pool.left_read == 0) {
-        alarms.push_back({false, name_of(pool) + " is full: no place is left for another socket"});
-    }
 }
 
 void Model::alarms_of_reports(const PoolRow& pool, std::vector<Alarm>& alarms) const {
@@ -269,6 +264,34 @@ void Model::alarms_of_reports(const PoolRow& pool, std::vector<Alarm>& alarms) c
     }
 }
 
+/// Calls on that pool's workers that two looks have seen.
+size_t Model::long_calls(int64_t pool) const {
+    size_t calls = 0;
+    for (const auto& [thread, running] : m_running) {
+        const bool is_long = m_now.taken_us - running.since_us >= LONG_CALL_us;
+        calls += is_long && running.worker.pool == pool ? 1 : 0;
+    }
+    return calls;
+}
+
+/// What the process says itself. Of calls that do not come back this program knows more, once it has seen
+/// them twice.
+void Model::alarms_of_process(std::vector<Alarm>& alarms) const {
+    for (const AlarmRow& row : m_now.alarms) {
+        const bool is_named = row.kind == "worker_stuck" && row.amount <= long_calls(row.pool);
+        if (row.text.empty() || (row.lasts ? is_named : row.ended_us + RECENT_us <= m_now.taken_us)) {
+            continue;
+        }
+        std::string text = row.text;
+        if (row.lasts && row.kind == "pool_full" && m_now.taken_us > row.since_us) {
+            text += ", for " + duration(static_cast<double>(m_now.taken_us - row.since_us));
+        }
+        text += row.times > 1 ? ", " + number(static_cast<double>(row.times)) + " times so far" : "";
+        // A pool that has no more places, but leaves nobody out, is worth a look.
+        alarms.push_back({row.lasts && row.amount > 0, text});
+    }
+}
+
 /// Calls of one class that last, in a line.
 void Model::alarms_of_calls(std::vector<Alarm>& alarms) const {
     struct Group {
@@ -278,7 +301,6 @@ void Model::alarms_of_calls(std::vector<Alarm>& alarms) const {
         std::string handler;
     };
     std::map<std::pair<int64_t, std::string>, Group> groups;  // by pool and operation
-    size_t calls = 0;
     for (const auto& [thread, running] : m_running) {
         const WorkerRow& worker = running.worker;
         const uint64_t time_us = m_now.taken_us - running.since_us;
@@ -293,9 +315,7 @@ void Model::alarms_of_calls(std::vector<Alarm>& alarms) const {
         group.longest_us = std::max(group.longest_us, time_us);
         group.threads += (group.calls++ > 0 ? " " : "") + std::to_string(thread);
         group.handler = worker.handler;
-        ++calls;
     }
-    const size_t first = alarms.size();
     for (const auto& [place, group] : groups) {
         const std::string time = " for over " + duration(static_cast<double>(group.longest_us));
         const std::string pool = place.first < 0 ? "" : " of pool " + std::to_string(place.first);
@@ -304,11 +324,6 @@ void Model::alarms_of_calls(std::vector<Alarm>& alarms) const {
                                           ", handler " + group.handler
                                     : place.second + " runs" + time + ", " + std::to_string(group.calls) +
                                           " times: threads " + group.threads + pool});
-    }
-    if (m_now.stuck > calls) {
-        alarms.insert(alarms.begin() + static_cast<std::ptrdiff_t>(first),
-                      {true, number(static_cast<double>(m_now.stuck)) + " calls run longer than the limit, " +
-                                 number(static_cast<double>(m_now.stuck_ever)) + " ever did"});
     }
 }
 
@@ -343,10 +358,12 @@ std::vector<Alarm> Model::alarms() const {
     for (const PoolRow& pool : m_now.pools) {
         alarms_of_pool(pool, alarms);
     }
+    alarms_of_process(alarms);
     alarms_of_calls(alarms);
     for (const PoolRow& pool : m_now.pools) {
         alarms_of_reports(pool, alarms);
     }
+    // Below the bound at which the process itself calls its clock late.
     double late_us = 0;
     if (lateness(late_us) && late_us >= LATE_us) {
         alarms.push_back({false, "timers are late by " + duration(late_us) + " on average"});

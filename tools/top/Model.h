@@ -88,6 +88,8 @@ private:
     const Mark* first() const;
     bool rate_since(const Mark* from, const std::string& name, ClassRate& rate) const;
     static const PoolRow* find_pool(const Mark& mark, int64_t pool);
+    void alarms_of_process(std::vector<Alarm>& alarms) const;
+    size_t long_calls(int64_t pool) const;
     void alarms_of_calls(std::vector<Alarm>& alarms) const;
     void alarms_of_pool(const PoolRow& pool, std::vector<Alarm>& alarms) const;
     void alarms_of_reports(const PoolRow& pool, std::vector<Alarm>& alarms) const;

@@ -356,6 +356,25 @@ Line View::summary(size_t width) const {
     return cut({{Style::NORMAL, text}}, width == 0 ? 1000 : width);
 }
 
+/// Pieces and bytes by what they are, the last word of their kinds. Empty if the process does not tell.
+Line View::memory(size_t width) const {
+    std::vector<MemoryRow> sums;
+    for (const MemoryRow& row : m_model.now().memory) {
+        const std::string what = clean(row.kind.substr(row.kind.rfind('_') + 1));
+        if (sums.empty() || sums.back().kind != what) {
+            sums.push_back({what, 0, 0});
+        }
+        sums.back().pieces += row.pieces;
+        sums.back().bytes += row.bytes;
+    }
+    std::string text;
+    for (const MemoryRow& sum : sums) {
+        text += (text.empty() ? "memory: " : ", ") + big(sum.pieces) + " " + sum.kind + " of " +
+                in_bytes(sum.bytes);
+    }
+    return text.empty() ? Line{} : cut({{Style::NORMAL, text}}, width == 0 ? 1000 : width);
+}
+
 std::vector<Line> View::alarm_lines(size_t width, size_t most) const {
     std::vector<Line> lines;
     for (const Alarm& alarm : m_alarms) {
@@ -429,6 +448,9 @@ std::vector<Line> View::screen(size_t width, size_t height) const {
         return help(width, height);
     }
     std::vector<Line> lines{head(width), second(width)};
+    if (const Line held = memory(width); !held.empty()) {
+        lines.push_back(held);
+    }
     const auto alarms = alarm_lines(width, std::max<size_t>(1, height / 5));
     lines.insert(lines.end(), alarms.begin(), alarms.end());
     lines.resize(std::min(lines.size(), height));
@@ -444,6 +466,9 @@ std::vector<Line> View::screen(size_t width, size_t height) const {
 
 std::vector<Line> View::text(size_t width) const {
     std::vector<Line> lines{head(width), summary(width)};
+    if (const Line held = memory(width); !held.empty()) {
+        lines.push_back(held);
+    }
     const auto alarms = alarm_lines(width, m_alarms.size());
     lines.insert(lines.end(), alarms.begin(), alarms.end());
     for (const Table& table : m_tables) {

@@ -39,6 +39,7 @@ private:
     Line head(size_t width) const;
     Line second(size_t width) const;
     Line summary(size_t width) const;
+    Line memory(size_t width) const;
     std::vector<Line> alarm_lines(size_t width, size_t most) const;
     Line keys(size_t width) const;
     std::vector<Line> help(size_t width, size_t height) const;
