@@ -82,6 +82,8 @@ TEST_F(MemoryRowsOfPool, HaveTheBlocksThatWorkersKeepBySize) {
 }
 
 TEST_F(MemoryRowsOfPool, AreAddedUpByKindInTheTextAndTheMetrics) {
+    handler->Notify(handler->GetID(), 100, 0);
+    ASSERT_EVENTUALLY(handler->life->messages == 1) << "a worker has begun, so there is a shared table";
     CTsMemory::Free(CTsMemory::Malloc(100));
     CTsMemory::Free(CTsMemory::Malloc(5000));
     const auto text = [](size_t (CStats::*write)(char*, size_t) const) {
