@@ -7,6 +7,7 @@
 #include <Infra/Mutex.h>
 
 #include "media_relay/LiveStream.h"
+#include "media_relay/hls/HlsOutput.h"
 #include "media_relay/mp4/Remuxer.h"
 
 namespace relay {
@@ -15,6 +16,8 @@ namespace relay {
 /// all its clients share. A client is sent the head of its answer with the init segment in it when it is let
 /// in, so that it gets the one that its first fragment plays with. When formats change, the new init segment
 /// stands in front of each fragment that can be begun with: a client that skips ahead finds it, too.
+///
+/// The same fragments are what HTTP live streaming is made of, while somebody asks for that.
 ///
 /// Threads: `onProgram`, `put` and `end` are the producer's, all else is for any thread.
 class Mp4Output : private Remuxer::Sink {
@@ -26,6 +29,7 @@ public:
     }
 
     LiveStream& stream() { return m_stream; }
+    HlsOutput& hls() { return m_hls; }
 
     /// Why browsers do not play the input, as a sentence; empty if they do, or if it is not known yet.
     std::string refusal();
@@ -46,15 +50,17 @@ public:
 private:
     void onInit(const Mp4Init& init) override;
     void onFragment(Mp4Fragment&& fragment) override;
-    bool isWanted();
+    bool isWatched();
+    void setPrologue();
     void setCodecs(const std::string& codecs);
 
     LiveStream m_stream;
+    HlsOutput m_hls;
     ProgramMap m_map;                    // this and what follows: the producer's
     std::unique_ptr<Remuxer> m_remuxer;  // while somebody watches, and for a while after
-    uint64_t m_wanted_us = 0;            // when somebody last did
-    SharedBytes m_init;
-    bool m_repeatInit = false;
+    bool m_watched = false;              // the live stream is fed
+    uint64_t m_watched_us = 0;           // when it last had clients
+    Mp4Init m_init;
 
     Orvex::Infra::CMutex m_mutex;  // innermost
     bool m_known INFRA_GUARDED_BY(m_mutex) = false;

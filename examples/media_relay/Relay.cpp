@@ -134,6 +134,11 @@ void Relay::startSource(int fd) {
     source->start(m_options.speed);
 }
 
+HlsOutput* Relay::hls(const std::string& name) {
+    const bool fits = name == "live" && !m_options.isTest() && m_mp4.refusal().empty();
+    return fits ? &m_mp4.hls() : nullptr;
+}
+
 void Relay::count(uint64_t Counters::*counter) {
     CGuard guard(m_mutex);
     ++(m_counters.*counter);

@@ -18,6 +18,7 @@
 #include "media_relay/Source.h"
 #include "media_relay/figures/History.h"
 #include "media_relay/figures/PoolWork.h"
+#include "media_relay/hls/Waker.h"
 #include "media_relay/http/Listener.h"
 
 namespace relay {
@@ -33,9 +34,12 @@ struct Counters {
 
 class Relay : public SourceListener {
 public:
+    static constexpr unsigned WAKE = 102;  // message to a Session: what it waits for is there
+
     explicit Relay(const Options& options) : m_options(options) {
         m_stream.setUp(options.burst, options.disposableFirst);
         m_mp4.setUp(options.maxLag_ms != 0, options.disposableFirst);
+        m_mp4.hls().setWake([this](long client) { m_waker.wake(client); });
     }
 
     /// Plays the input `fd` (none for the test picture) to whoever comes, until a signal ends it or the input
@@ -46,6 +50,9 @@ public:
     Roster& roster() { return m_roster; }
     LiveStream& stream() { return m_stream; }
     Mp4Output& mp4() { return m_mp4; }
+
+    /// The stream of that name; null if there is none, or none that can be fetched so.
+    HlsOutput* hls(const std::string& name);
 
     /// A place for a live client, of those that may be there at a time. False if all are taken.
     bool takePlace();
@@ -96,6 +103,7 @@ private:
     Orvex::Reticor::CPoolSet m_pools;  // ends after its sessions, which the roster waits for
     Roster m_roster;
     LiveStream m_stream;
+    Waker m_waker{WAKE};
     Mp4Output m_mp4;
     MulticastOutput m_multicast;
     History m_history;

@@ -64,6 +64,10 @@ json describe(Client& client, const std::string& mode) {
             {"stalls", view.stalls}};
 }
 
+json describe(const HlsOutput::Figures& figures) {
+    return {{"segments", figures.segments}, {"bytes", figures.bytes}, {"pending", figures.waiting}};
+}
+
 json describe(const MediaBufferStats& buffer) {
     return {{"frames", buffer.frames},
             {"bytes", buffer.bytes},
@@ -107,24 +111,27 @@ std::string Relay::json() {
     const std::string refusal = m_options.isTest() ? "" : m_mp4.refusal();
     nlohmann::json all{{"clients", clients}, {"buffer", describe(bufferStats())}};
     all["ended"] = ended;
+    all["hls"] = describe(m_mp4.hls().figures());
     all["work"] = m_work.json();
     CGuard guard(m_mutex);
-    all["input"] = {{"kind", m_source.kind},
-                    {"live", m_options.isTest() ? "/live.mjpg" : "/live.ts"},
-                    {"mp4", m_options.isTest() || !refusal.empty() ? nullptr : nlohmann::json("/live.mp4")},
-                    {"known", m_mp4.isKnown()},
-                    {"refusal", refusal},
-                    {"codecs", m_mp4.codecs()},
-                    {"edge_seconds", m_mp4.edge_s()},
-                    {"seconds", m_source.seconds},
-                    {"ended", m_ended_us != 0},
-                    {"frames", totals.frames},
-                    {"key_frames", totals.keyFrames},
-                    {"bytes", totals.bytes},
-                    {"skipped_bytes", m_source.skipped},
-                    {"damaged_packets", m_source.damaged},
-                    {"clock_jumps", m_source.jumps},
-                    {"rounds", m_source.rounds}};
+    all["input"] = {
+        {"kind", m_source.kind},
+        {"live", m_options.isTest() ? "/live.mjpg" : "/live.ts"},
+        {"mp4", m_options.isTest() || !refusal.empty() ? nullptr : nlohmann::json("/live.mp4")},
+        {"hls", m_options.isTest() || !refusal.empty() ? nullptr : nlohmann::json("/hls/live.m3u8")},
+        {"known", m_mp4.isKnown()},
+        {"refusal", refusal},
+        {"codecs", m_mp4.codecs()},
+        {"edge_seconds", m_mp4.edge_s()},
+        {"seconds", m_source.seconds},
+        {"ended", m_ended_us != 0},
+        {"frames", totals.frames},
+        {"key_frames", totals.keyFrames},
+        {"bytes", totals.bytes},
+        {"skipped_bytes", m_source.skipped},
+        {"damaged_packets", m_source.damaged},
+        {"clock_jumps", m_source.jumps},
+        {"rounds", m_source.rounds}};
     all["totals"] = {{"clients", totals.clients + m_mp4.stream().totals().clients},
                      {"left", m_counters.left},
                      {"stalled", m_counters.stalled},

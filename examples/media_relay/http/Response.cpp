@@ -8,6 +8,8 @@ const char* reasonOf(int status) {
     switch (status) {
         case 200:
             return "OK";
+        case 304:
+            return "Not Modified";
         case 404:
             return "Not Found";
         case 405:

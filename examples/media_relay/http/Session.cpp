@@ -23,6 +23,7 @@ namespace {
 constexpr size_t kMaxIgnored = 65536;     // a client that goes on talking is put out
 constexpr int64_t kAnswer_us = 10000000;  // for a client to take a page
 constexpr int64_t kLinger_us = 2000000;   // for it to close
+constexpr int64_t kIdle_us = 30000000;    // for it to send the next request
 constexpr unsigned kSendBlock = 32768;    // bytes, in which a CStreamSender counts its room
 constexpr char kPlain[] = "text/plain";
 constexpr unsigned kSkipped = 101;  // message to a Session: its client has missed something
@@ -61,6 +62,7 @@ void Session::start(CSockStream& peer) {
 
 /// A time limit for the state that begins; the one before is over.
 void Session::limit(int64_t us) {
+    DestroyTimer(m_timer);
     m_timer = SetTimer(us);
 }
 
@@ -76,6 +78,9 @@ int Session::handle_input(int) {
     }
     if (m_state == State::Reading) {
         read(buffer, static_cast<size_t>(got));
+        readOn();
+    } else if (m_state == State::Fetching) {
+        return keepForLater(buffer, static_cast<size_t>(got));
     } else {
         m_ignored += static_cast<size_t>(got);
         if (m_ignored > kMaxIgnored) {
@@ -92,10 +97,68 @@ void Session::read(const char* bytes, size_t size) {
         return;
     }
     m_relay.count(&Counters::requests);
+    m_early = m_reader.takeRest();
     if (status != 200) {
         fail(status);
     } else {
         serve(request);
+    }
+}
+
+/// What came with the request before.
+void Session::readOn() {
+    while (m_state == State::Reading && m_sock.IsValid() && !m_early.empty()) {
+        std::string early;
+        early.swap(m_early);
+        read(early.data(), early.size());
+    }
+}
+
+int Session::keepForLater(const char* bytes, size_t size) {
+    if (m_early.size() + size > kMaxIgnored) {
+        return cut("it goes on asking without an answer");
+    }
+    m_early.append(bytes, size);
+    return -1;
+}
+
+void Session::fetch(const HttpRequest& request) {
+    HlsRequest asked;
+    const int status = parseHls(request.path, request.query, asked);
+    m_state = State::Fetching;
+    m_again = true;
+    if (status != 200) {
+        m_relay.count(&Counters::bad);
+        goOn(m_hls.refuse(status, request, m_sock));
+        return;
+    }
+    const HlsClient::Step step = m_hls.begin(m_relay.hls(asked.stream), asked, request, GetID(), m_sock);
+    if (step == HlsClient::Step::WAIT) {
+        limit(m_hls.patience_us());
+    }
+    goOn(step);
+}
+
+void Session::goOn(HlsClient::Step step) {
+    switch (step) {
+        case HlsClient::Step::WAIT:
+            break;
+        case HlsClient::Step::WRITE:
+            limit(kAnswer_us);
+            if (RegisterSock(m_sock, SOCK_WRITE, 0) < 0) {
+                cut("the pool has no place for its socket");
+            }
+            break;
+        case HlsClient::Step::NEXT:
+            m_state = State::Reading;
+            limit(kIdle_us);
+            break;
+        case HlsClient::Step::LAST:
+            awaitClose();
+            break;
+        case HlsClient::Step::FAIL:
+            end();
+            break;
     }
 }
 
@@ -111,6 +174,8 @@ void Session::serve(const HttpRequest& request) {
         answer(200, "application/json", m_relay.json());
     } else if (request.path == "/history.json") {
         answer(200, "application/json", m_relay.historyJson());
+    } else if (isHlsPath(request.path)) {
+        fetch(request);
     } else if (request.path == live) {
         watch(m_relay.stream(), test ? "multipart/x-mixed-replace" : "video/mp2t", liveHead(test));
     } else if (request.path == "/live.mp4" && !test) {
@@ -203,6 +268,15 @@ int Session::handle_output(int fd) {
         if (m_sock.IsValid() && m_page != nullptr) {
             return m_page->handle_output(fd);
         }
+        if (m_sock.IsValid() && m_state == State::Fetching) {
+            const HlsClient::Step step = m_hls.isWaiting() ? HlsClient::Step::WAIT : m_hls.write(m_sock);
+            if (step != HlsClient::Step::WRITE) {
+                UnregisterSock(m_sock, SOCK_WRITE);
+                goOn(step);
+                readOn();
+            }
+            return -1;
+        }
         client = m_client;
     }
     return client != nullptr ? client->sender()->handle_output(fd) : -1;
@@ -213,10 +287,15 @@ int64_t Session::handle_timeout(long id) {
     if (!m_sock.IsValid() || id != m_timer) {
         return -1;
     }
-    if (m_state == State::Reading) {
+    if (m_state == State::Reading && m_again && !m_reader.hasBegun()) {
+        end();
+    } else if (m_state == State::Reading) {
         m_relay.count(&Counters::requests);
         fail(408);
-    } else if (m_state == State::Answering) {
+    } else if (m_state == State::Fetching && m_hls.isWaiting()) {
+        goOn(m_hls.goOn(true, m_sock));
+        readOn();
+    } else if (m_state == State::Answering || m_state == State::Fetching) {
         cut("it has not taken its answer");
     } else if (m_state == State::Lingering) {
         cut("it has its answer, and does not close");
@@ -238,6 +317,9 @@ int Session::handle_message(long, unsigned int msg, long attach) {
             cut("it took nothing for " + std::to_string(m_relay.options().stallTimeout_s) + " s");
         }
         end();
+    } else if (msg == Relay::WAKE && m_state == State::Fetching && m_hls.isWaiting()) {
+        goOn(m_hls.goOn(false, m_sock));
+        readOn();
     } else if (msg == kSkipped && m_client != nullptr) {
         m_client->skipped(MediaSkip::of(attach));
     } else if (msg == kStop) {
@@ -271,6 +353,7 @@ void Session::release() {
     if (m_page != nullptr) {
         m_page->Detach();
     }
+    m_hls.leave();
 }
 
 int Session::end() {

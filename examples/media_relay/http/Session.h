@@ -14,12 +14,14 @@
 #include "media_relay/Client.h"
 #include "media_relay/Member.h"
 #include "media_relay/Relay.h"
+#include "media_relay/hls/HlsClient.h"
 #include "media_relay/http/HttpRequest.h"
 
 namespace relay {
 
 /// Reads one request and answers it: with a page, which a CStreamSender writes, or with the live stream,
-/// which is a CMediaStreamSender's. Every answer ends with the connection.
+/// which is a CMediaStreamSender's. Those answers end with the connection; after one of HTTP live streaming
+/// the next request may come.
 ///
 /// Calls for its socket, its timer and its messages can meet: hence the mutex, which comes before all others
 /// of the program, and the look at the socket after entering it.
@@ -37,6 +39,7 @@ public:
 private:
     enum class State {
         Reading,    // the request is not whole
+        Fetching,   // a piece of HTTP live streaming is on its way, or does not exist yet
         Answering,  // a page is on its way
         Lingering,  // all is sent; the client closes, so that no reset overtakes the answer
         Watching,   // gets the live stream
@@ -46,6 +49,10 @@ private:
 
     void start(Orvex::Reticor::CSockStream& peer);
     void read(const char* bytes, size_t size) INFRA_REQUIRES(m_mutex);
+    void readOn() INFRA_REQUIRES(m_mutex);
+    int keepForLater(const char* bytes, size_t size) INFRA_REQUIRES(m_mutex);
+    void fetch(const HttpRequest& request) INFRA_REQUIRES(m_mutex);
+    void goOn(HlsClient::Step step) INFRA_REQUIRES(m_mutex);
     void serve(const HttpRequest& request) INFRA_REQUIRES(m_mutex);
     void watch(LiveStream& stream, const char* type, const std::string& head) INFRA_REQUIRES(m_mutex);
     void watchMp4() INFRA_REQUIRES(m_mutex);
@@ -69,7 +76,11 @@ private:
     HttpReader m_reader INFRA_GUARDED_BY(m_mutex);
     bool m_withBody INFRA_GUARDED_BY(m_mutex) = true;  // not for HEAD
     size_t m_ignored INFRA_GUARDED_BY(m_mutex) = 0;    // bytes that came after the request
-    long m_timer INFRA_GUARDED_BY(m_mutex) = 0;        // of the present state
+    std::string m_early INFRA_GUARDED_BY(m_mutex);     // of requests that must wait for their turn
+    bool m_again INFRA_GUARDED_BY(m_mutex) =
+        false;  // a request was answered; the client need not send another
+    HlsClient m_hls INFRA_GUARDED_BY(m_mutex);
+    long m_timer INFRA_GUARDED_BY(m_mutex) = 0;                                 // of the present state
     Orvex::Reticor::CStreamSender* m_page INFRA_GUARDED_BY(m_mutex) = nullptr;  // a reference is ours
     std::shared_ptr<Client> m_client INFRA_GUARDED_BY(m_mutex);                 // while watching
     LiveStream* m_stream INFRA_GUARDED_BY(m_mutex) = nullptr;                   // and what
