@@ -153,6 +153,16 @@ TEST(LookAtProcess, ObjectsHaveTheFiguresThatTheyTell) {
     EXPECT_EQ(0u, look.objects[2].figure("written_bytes")) << "nothing is less than nothing";
 }
 
+TEST(LookAtProcess, ABufferHasAllThatItHoldsWhereThatIsTold) {
+    json all = whole_process();
+    EXPECT_EQ(25u, Samples::read(all).buffers.at(0).frames);
+    EXPECT_EQ(1000u, Samples::read(all).buffers.at(0).bytes);
+    all["media_buffers"][0]["held_frames"] = 40;
+    all["media_buffers"][0]["held_bytes"] = 2000;
+    EXPECT_EQ(40u, Samples::read(all).buffers.at(0).frames);
+    EXPECT_EQ(2000u, Samples::read(all).buffers.at(0).bytes);
+}
+
 TEST(LookAtProcess, ReadsMemoryWithEachKindOnce) {
     json all = Samples::process(5);
     all["memory"] =

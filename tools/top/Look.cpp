@@ -134,8 +134,9 @@ void read_row(const json& from, ClassRow& row) {
 void read_row(const json& from, BufferRow& row) {
     row.buffer = word(from, "buffer");
     row.senders = count(from, "senders", UNKNOWN);
-    row.frames = count(from, "frames");
-    row.bytes = count(from, "bytes");
+    // On the list alone, of one that does not tell all that it holds.
+    row.frames = count(from, "held_frames", count(from, "frames"));
+    row.bytes = count(from, "held_bytes", count(from, "bytes"));
     row.put_bytes = count(from, "put_bytes");
 }
 

@@ -201,6 +201,8 @@ void media_families(const MediaRows& media, TextRoom& out) {
         {"reticor_media_buffer_frames", "gauge", "Frames that a media buffer holds.",
          &MediaBufferRow::frames},
         {"reticor_media_buffer_bytes", "gauge", "Bytes that a media buffer holds.", &MediaBufferRow::bytes},
+        {"reticor_media_buffer_held_bytes", "gauge", "The same with what waits for late clients and fills.",
+         &MediaBufferRow::held_bytes},
         {"reticor_media_buffer_put_bytes_total", "counter", "Bytes of frames that were put.",
          &MediaBufferRow::put_bytes},
     };

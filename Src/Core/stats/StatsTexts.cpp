@@ -104,7 +104,8 @@ void json_of_class(const HandlerClassStats& row, TextRoom& out) {
 
 void json_of_buffer(const MediaBufferRow& row, TextRoom& out) {
     out << "{\"buffer\":" << row.buffer << ",\"senders\":" << row.senders << ",\"frames\":" << row.frames
-        << ",\"bytes\":" << row.bytes << ",\"put_bytes\":" << row.put_bytes << "}";
+        << ",\"bytes\":" << row.bytes << ",\"put_bytes\":" << row.put_bytes
+        << ",\"held_frames\":" << row.held_frames << ",\"held_bytes\":" << row.held_bytes << "}";
 }
 
 void json_of_object(const ObjectRow& row, TextRoom& out) {
@@ -221,8 +222,8 @@ void json_of_sender(const SenderVerdict& row, TextRoom& out) {
 
 void text_of_media(const MediaRows& media, TextRoom& out) {
     for (const MediaBufferRow& row : media.buffers) {
-        out << "media buffer " << row.buffer << ": " << row.senders << " senders, " << row.frames
-            << " frames held, " << row.bytes << " bytes\n";
+        out << "media buffer " << row.buffer << ": " << row.senders << " senders, " << row.held_frames
+            << " frames held, " << row.held_bytes << " bytes\n";
     }
     if (media.senders.empty()) {
         return;

@@ -178,6 +178,7 @@ void expectMedia(const Exposition& read, const MediaRows& media) {
         EXPECT_EQ(asNumber(row.senders), read.at("reticor_media_buffer_senders" + which));
         EXPECT_EQ(asNumber(row.frames), read.at("reticor_media_buffer_frames" + which));
         EXPECT_EQ(asNumber(row.bytes), read.at("reticor_media_buffer_bytes" + which));
+        EXPECT_EQ(asNumber(row.held_bytes), read.at("reticor_media_buffer_held_bytes" + which));
         EXPECT_EQ(asNumber(row.put_bytes), read.at("reticor_media_buffer_put_bytes_total" + which));
     }
     for (uint32_t kind = 0; kind <= static_cast<uint32_t>(SenderVerdictKind::SILENT); ++kind) {

@@ -46,7 +46,7 @@ class StatsTexts : public SockPoolFixture {};
 // A buffer with more senders than the text and the metrics have.
 void manySenders(MediaRows& rows) {
     constexpr size_t SENDERS = MOST_SENDERS + 5;
-    rows.buffers.push_back({3, SENDERS, 7, 70000, 900000});
+    rows.buffers.push_back({3, SENDERS, 7, 70000, 900000, 9, 95000});
     for (size_t i = 0; i < SENDERS; ++i) {
         SenderVerdict one;
         one.kind = i == 0 ? SenderVerdictKind::STALLED : SenderVerdictKind::KEEPS_UP;
@@ -72,6 +72,8 @@ TEST_F(StatsTexts, HaveTheSendersOfMediaThatSufferMost) {
     EXPECT_NE(std::string::npos, json.find("\"sender\":\"-1638400\"")) << "all of them";
     const std::string text = written(&CStats::toText);
     EXPECT_NE(std::string::npos, text.find("stalled for 1.5 s\n")) << text;
+    EXPECT_NE(std::string::npos, text.find("media buffer 3: 25 senders, 9 frames held, 95000 bytes\n"))
+        << text;
     EXPECT_NE(std::string::npos, text.find("and 5 that suffer less\n")) << text;
 }
 
@@ -379,6 +381,8 @@ TEST(MadeTexts, WhatIsReadFromTheJsonIsWhatWasInTheSnapshot) {
                                        EXPECT_TRUE(json["frames"].is(row.frames));
                                        EXPECT_TRUE(json["bytes"].is(row.bytes));
                                        EXPECT_TRUE(json["put_bytes"].is(row.put_bytes));
+                                       EXPECT_TRUE(json["held_frames"].is(row.held_frames));
+                                       EXPECT_TRUE(json["held_bytes"].is(row.held_bytes));
                                    });
     }
 }

@@ -39,7 +39,8 @@ public:
             snapshot.objects.push_back({&KITE, -65536 * i, {figure(), figure()}});
         }
         for (uint64_t number = m_random.between<uint64_t>(0, 3); number > 0; --number) {
-            snapshot.media.buffers.push_back({number, figure(), figure(), figure(), figure()});
+            snapshot.media.buffers.push_back(
+                {number, figure(), figure(), figure(), figure(), figure(), figure()});
         }
         for (int i = snapshot.media.buffers.empty() ? 0 : m_random.between(0, 30); i > 0; --i) {
             add_sender(i);
