@@ -252,6 +252,20 @@ TEST_F(RelayHlsPlain, PutsARestOfTheInputIntoASegmentInOnePiece) {
     EXPECT_FALSE(window.underWay()->jump);
 }
 
+// The first fragment holds all pictures that waited for the format of the sound.
+TEST_F(RelayHlsPlain, ListsNoPartsOfAFirstSegmentThatBeginsWithALongFragment) {
+    picture(true, 17 * PICTURE_25);
+    pictures(33, 0);
+    pictures(60, 50);
+    ASSERT_EQ(2U, window.segments().size());
+    EXPECT_EQ(2 * TICKS, segment(0).duration);
+    EXPECT_TRUE(segment(0).inOnePiece);
+    EXPECT_EQ(0U, rules.last().segments.at(0).parts.size());
+    EXPECT_FALSE(segment(1).inOnePiece);
+    EXPECT_EQ(10U, rules.last().segments.at(1).parts.size());
+    EXPECT_EQ(TICKS / 5, segment(1).parts[0].duration);
+}
+
 TEST_F(RelayHlsPlain, JumpsAfterARestThatIsLongerThanASegment) {
     pictures(60, 50);
     picture(false, 8 * TICKS);

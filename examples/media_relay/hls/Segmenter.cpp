@@ -84,30 +84,38 @@ void Segmenter::decide() {
     m_part_target = m_part_wanted * 9 / 8;
     m_longest = target_s * SECOND + ROUNDING;
     m_window.setTargets(static_cast<unsigned>(target_s), m_part_target);
-    m_is_decided = true;
-    std::vector<Held> first;
-    first.swap(m_held);
-    for (const Held& held : first) {
+    m_first_in_one_piece = std::any_of(m_held.begin(), m_held.end(), [&](const Held& held) {
+        return held.fragment.duration > m_part_target;
+    });
+    for (const Held& held : m_held) {
         cut(held.fragment, held.now_us);
     }
     endSegment();
+    m_held.clear();
+    m_is_decided = true;
 }
 
+/// Whether the segment under way ends before this fragment.
 bool Segmenter::isFull(const Mp4Fragment& fragment, uint64_t adds) const {
     const uint64_t lasts = m_end - m_segment_begin;
-    return (fragment.key && lasts >= LEAST_SEGMENT) || lasts + adds > m_longest || adds > m_part_target;
+    return (fragment.key && lasts >= LEAST_SEGMENT) || lasts + adds > m_longest || isRest(adds);
+}
+
+/// Of the first segment no part is listed if one would be too long: there nobody waits for parts.
+bool Segmenter::isRest(uint64_t adds) const {
+    return m_is_decided && adds > m_part_target;
 }
 
 bool Segmenter::cut(const Mp4Fragment& fragment, int64_t now_us) {
     const uint64_t adds = end_of(fragment) > m_end ? end_of(fragment) - m_end : 0;
-    const bool rest = adds > m_part_target;
+    const bool rest = isRest(adds);
     bool shows = false;
     if (m_in_segment && isFull(fragment, adds)) {
         endSegment();
         shows = true;
     }
     if (!m_in_segment) {
-        beginSegment(fragment, now_us, rest);
+        beginSegment(fragment, now_us, m_is_decided ? rest : m_first_in_one_piece);
     } else if (!m_part.empty() && m_end + adds - m_part_begin > m_part_target) {
         endPart();
         shows = true;

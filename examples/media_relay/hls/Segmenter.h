@@ -41,6 +41,7 @@ private:
     void decide();
     bool cut(const Mp4Fragment& fragment, int64_t now_us);
     bool isFull(const Mp4Fragment& fragment, uint64_t adds) const;
+    bool isRest(uint64_t adds) const;
     void beginSegment(const Mp4Fragment& fragment, int64_t now_us, bool in_one_piece);
     void endPart();
     void endSegment();
@@ -52,6 +53,7 @@ private:
     bool m_is_open = false;    // a key picture has come since the last init segment
     std::vector<Held> m_held;  // of the first segment
     bool m_is_decided = false;
+    bool m_first_in_one_piece = false;
     uint64_t m_part_wanted = 0;  // how long parts are
     uint64_t m_part_target = 0;  // and may be
     uint64_t m_longest = 0;      // a segment may be
