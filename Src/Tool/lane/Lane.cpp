@@ -17,7 +17,7 @@ namespace {
 class LeavingSender final : public StepGuest_IF {
 public:
     LeavingSender(std::shared_ptr<Lane> lane, CMediaStreamSender& sender)
-        : m_lane(std::move(lane)), m_sender(sender) {
+        : m_lane(std::move(lane)), m_sender(sender), m_notes(MediaBufferState::notes_of(sender)) {
         m_sender.AddRef();
     }
     LeavingSender(const LeavingSender&) = delete;
@@ -25,9 +25,10 @@ public:
 
     void come() override {
         {
-            // What was noted after this, as that it comes again, still stands.
+            // What was noted after this, as that it comes again, still stands. That can be done already: a
+            // sender keeps the place among the guests that its first note has got.
             const MediaStep step(m_lane->state().m_core);
-            m_lane->state().go(m_sender);
+            m_lane->state().go_unless_new(m_sender, m_notes);
         }
         m_sender.DecRef();
         delete this;
@@ -38,6 +39,7 @@ private:
 
     const std::shared_ptr<Lane> m_lane;
     CMediaStreamSender& m_sender;
+    const uint64_t m_notes;  ///< There were, by then, that it comes.
 };
 
 /// Gives the turn back in the end.

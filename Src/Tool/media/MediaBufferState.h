@@ -84,6 +84,15 @@ struct MediaBufferState : SendTarget_IF, StepEnd_IF {
     /// Inside a call-back of any buffer: it comes to this list when the thread is out of all call-backs.
     /// False if that was noted already.
     bool note_coming(CMediaStreamSender& sender) { return SenderRecord::of(sender).m_coming.note(m_core); }
+    /// How often that was noted, here or elsewhere.
+    static uint64_t notes_of(CMediaStreamSender& sender) { return SenderRecord::of(sender).m_coming.notes(); }
+    /// Takes a sender off, unless it has come since there were that many notes: it was added after whatever
+    /// takes it off.
+    void go_unless_new(CMediaStreamSender& sender, uint64_t notes) INFRA_REQUIRES(CORE_MUTEX) {
+        if (!SenderRecord::of(sender).m_coming.has_come_after(notes)) {
+            go(sender);
+        }
+    }
     /// It does not come here, nor moves from here, if that was noted. Outside or inside call-backs.
     void take_back(CMediaStreamSender& sender);
     /// Whoever reads from a sender's socket, if it waits for room; 0 otherwise.

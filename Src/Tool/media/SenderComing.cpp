@@ -15,6 +15,7 @@ bool SenderComing::note(const std::shared_ptr<MediaCore>& core) {
     }
     leave_line();
     before = std::exchange(m_note, Note{core, nullptr, false, false});
+    ++m_notes;
     wait_as_guest();
     return true;
 }
@@ -75,11 +76,35 @@ void SenderComing::leave_line() {
 bool SenderComing::take_back(const MediaCore& core) {
     Note before;  // Outlives the lock.
     Infra::CGuard guard(m_mutex);
+    return take_note(core, before);
+}
+
+bool SenderComing::take_note(const MediaCore& core, Note& before) {
     if (m_note.target.get() != &core && m_note.from.get() != &core) {
         return false;
     }
     leave_line();
     before = std::exchange(m_note, Note());
+    return true;
+}
+
+uint64_t SenderComing::notes() const {
+    Infra::CGuard guard(m_mutex);
+    return m_notes;
+}
+
+bool SenderComing::has_come_after(uint64_t notes) const {
+    Infra::CGuard guard(m_mutex);
+    return m_arrived > notes;
+}
+
+bool SenderComing::arrive_at(const MediaCore& core) {
+    Note before;  // Outlives the lock.
+    Infra::CGuard guard(m_mutex);
+    if (!take_note(core, before)) {
+        return false;
+    }
+    m_arrived = m_notes;
     return true;
 }
 
@@ -138,7 +163,7 @@ bool SenderComing::leave(const Note& note) {
 void SenderComing::arrive(const Note& note) {
     m_sender.move_to(note.target);
     const CoreGuard guard(*note.target);
-    if (m_sender.core() == note.target && take_back(*note.target) && note.target->m_end != nullptr) {
+    if (m_sender.core() == note.target && arrive_at(*note.target) && note.target->m_end != nullptr) {
         if (note.from != nullptr) {
             m_sender.begin_anew();
         }

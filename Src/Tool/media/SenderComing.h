@@ -1,6 +1,7 @@
 // SenderComing: the way of a sender to a buffer's list.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 
 #include <Infra/LockClasses.h>
@@ -47,6 +48,10 @@ public:
     /// Takes back that it comes to `core`, or that it moves from there; true if that was noted. Inside a
     /// step.
     bool take_back(const MediaCore& core);
+    /// How often it was noted that it comes.
+    uint64_t notes() const;
+    /// Whether it has come by a note that is newer than those.
+    bool has_come_after(uint64_t notes) const;
     void come() override;
     void called(const MediaCore& core, bool gone) override;
 
@@ -63,15 +68,20 @@ private:
     void take_line_reference() INFRA_REQUIRES(m_mutex);
     void enter_line() INFRA_REQUIRES(m_mutex);
     void leave_line() INFRA_REQUIRES(m_mutex);
+    /// Gives the note to be dropped outside the lock.
+    bool take_note(const MediaCore& core, Note& before) INFRA_REQUIRES(m_mutex);
     bool leave(const Note& note);
     void arrive(const Note& note);
+    bool arrive_at(const MediaCore& core);
 
     ComingSender_IF& m_sender;
-    Infra::CMutex m_mutex{Infra::LockClass::MEDIA_COMING};  ///< Comes after the core's.
+    mutable Infra::CMutex m_mutex{Infra::LockClass::MEDIA_COMING};  ///< Comes after the core's.
     Note m_note INFRA_GUARDED_BY(m_mutex);
     bool m_waits INFRA_GUARDED_BY(m_mutex) = false;  ///< A thread has it as its guest.
     /// Until whoever has taken it out calls it.
     bool m_in_line INFRA_GUARDED_BY(m_mutex) = false;
+    uint64_t m_notes INFRA_GUARDED_BY(m_mutex) = 0;
+    uint64_t m_arrived INFRA_GUARDED_BY(m_mutex) = 0;  ///< The notes there were when it came last.
 };
 
 }  // namespace Orvex::Reticor

@@ -709,6 +709,74 @@ TEST_F(MediaLanesCalls, SenderThatIsTakenOffAndAddedInsideACallBackIsOnItsLaneAf
     EXPECT_EQ(sent, other.sock.wire());
 }
 
+TEST_F(MediaLanesCalls, SenderThatIsTakenOffAndAddedTwiceInsideACallBackIsOnItsLaneAfterwards) {
+    open(2);
+    MediaClient& viewer = client(0);
+    MediaClient& other = client(1);
+    Procedure procedure;
+    procedure.code = [&] {
+        for (int i = 0; i < 2; ++i) {
+            EXPECT_EQ(1, lanes.DelSender(other.sender));
+            EXPECT_EQ(1, lanes.AddSender(other.sender));
+        }
+    };
+    viewer.sender->AttachSendProc({&Procedure::run, &procedure});
+    send(10);
+    viewer.sender->DetachSendProc();
+    EXPECT_EQ(1U, stats(1).senders);
+    const std::string before = other.sock.wire();
+    const std::string next = send(10);
+    EXPECT_EQ(before + next, other.sock.wire());
+}
+
+TEST_F(MediaLanesCalls, SenderThatIsTakenOffLastInsideACallBackIsOffAfterwards) {
+    open(2);
+    MediaClient& viewer = client(0);
+    const MediaClient& other = client(1);
+    Procedure procedure;
+    procedure.code = [&] {
+        EXPECT_EQ(1, lanes.DelSender(other.sender));
+        EXPECT_EQ(1, lanes.AddSender(other.sender));
+        EXPECT_EQ(1, lanes.DelSender(other.sender));
+    };
+    viewer.sender->AttachSendProc({&Procedure::run, &procedure});
+    send(10);
+    EXPECT_EVENTUALLY(!other.sender->GetStats().listed);
+    EXPECT_EQ(0U, stats(1).senders);
+    viewer.sender->DetachSendProc();
+}
+
+// The sender comes on the thread that has noted it first, while the other one has still to take it off.
+TEST_F(MediaLanesCalls, SenderThatComesBeforeAnotherThreadHasTakenItOffStaysOnItsLane) {
+    open(3);
+    MediaClient& first_viewer = client(0);
+    MediaClient& second_viewer = client(1);
+    const MediaClient& other = client(2);
+    LogCapture log(3);
+    Infra::CSemaphore noted{0};
+    Infra::CSemaphore added{0};
+    Procedure adds;
+    adds.code = [&] {
+        EXPECT_EQ(1, lanes.AddSender(other.sender));
+        noted.post();
+        added.pend();
+    };
+    Procedure removes_and_adds;
+    removes_and_adds.code = [&] {
+        noted.pend();
+        EXPECT_EQ(1, lanes.DelSender(other.sender));
+        EXPECT_EQ(1, lanes.AddSender(other.sender));
+        added.post();
+        EXPECT_EVENTUALLY(log.countMatching(3, ".*is on the list already\n") == 1);
+    };
+    first_viewer.sender->AttachSendProc({&Procedure::run, &adds});
+    second_viewer.sender->AttachSendProc({&Procedure::run, &removes_and_adds});
+    send(10);
+    EXPECT_EQ(1U, stats(2).senders);
+    first_viewer.sender->DetachSendProc();
+    second_viewer.sender->DetachSendProc();
+}
+
 TEST_F(MediaLanesCalls, SenderThatIsAddedAndTakenOffInsideOneCallBackNeverComes) {
     open(2);
     MediaClient& viewer = client(0);

@@ -333,6 +333,33 @@ struct Arrivals final : StepEnd_IF {
     std::vector<const CMediaStreamSender*> arrived;
 };
 
+TEST_F(SenderRecordOfASender, TellsWhetherItHasComeByANewerNote) {
+    const auto target = std::make_shared<MediaCore>();
+    Arrivals end;
+    {
+        const CoreGuard guard(*target);
+        target->open(end);
+    }
+    EXPECT_EQ(0U, record.m_coming.notes());
+    {
+        const MediaStep step(target);
+        EXPECT_TRUE(record.m_coming.note(target));
+        EXPECT_EQ(1U, record.m_coming.notes());
+        EXPECT_FALSE(record.m_coming.note(target));
+        EXPECT_EQ(1U, record.m_coming.notes()) << "it is noted once";
+        EXPECT_FALSE(record.m_coming.has_come_after(0)) << "it has not come yet";
+    }
+    EXPECT_TRUE(record.m_coming.has_come_after(0));
+    EXPECT_FALSE(record.m_coming.has_come_after(1));
+    {
+        const MediaStep step(target);
+        EXPECT_TRUE(record.m_coming.note(target));
+        EXPECT_TRUE(record.m_coming.take_back(*target));
+    }
+    EXPECT_EQ(2U, record.m_coming.notes());
+    EXPECT_FALSE(record.m_coming.has_come_after(1)) << "that was taken back";
+}
+
 TEST_F(SenderRecordOfASender, OneThatIsToComeComesWhenTheThreadIsOutOfCallBacks) {
     const auto target = std::make_shared<MediaCore>();
     Arrivals end;
