@@ -13,6 +13,7 @@
 #include <fstream>
 #include <map>
 #include <memory>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -205,6 +206,8 @@ void Debugger::expectHandlers(const std::string& output) {
     EXPECT_EQ("closing", leaving["state"]) << "no worker has taken the message";
     EXPECT_EQ("Shop::Shelf<Shop::Till>", leaving["class"]);
     EXPECT_EQ("Shop::Clerk", rowWith(rows, "id", facts["clerk"])["class"]);
+    Row box = rowWith(rows, "id", facts["box"]);
+    EXPECT_EQ("released", box["state"]) << "it lives on after its end";
     EXPECT_THAT(output, HasSubstr("\n" + std::to_string(rows.size()) + " handlers\n")) << "none was left out";
     // The oldest first.
     double before = 0;
@@ -228,6 +231,9 @@ void Debugger::expectPools(const std::string& output) {
     const std::vector<Row> threads = tableOf(output, "thread");
     EXPECT_EQ(static_cast<size_t>(std::stoi(first["workers"]) + std::stoi(second["workers"])),
               threads.size());
+    const std::vector<std::string> numbers = column(threads, "gdb");
+    EXPECT_EQ(numbers.size(), std::set<std::string>(numbers.begin(), numbers.end()).size())
+        << "each has a number of its own";
     int in_calls = 0;
     for (Row thread : threads) {
         EXPECT_THAT(thread["gdb"], MatchesRegex("[0-9]+")) << "gdb knows the thread";
@@ -245,8 +251,8 @@ void Debugger::expectPools(const std::string& output) {
 // The figures are those that the senders told by themselves.
 void Debugger::expectSenders(const std::string& output) {
     const std::vector<Row> rows = tableOf(output, "buffer");
-    ASSERT_EQ(3u, rows.size()) << output;
-    ASSERT_EQ(3u, senders.size());
+    ASSERT_EQ(5u, rows.size()) << output;
+    ASSERT_EQ(5u, senders.size());
     std::vector<std::string> found;
     for (const std::string& told : senders) {
         std::istringstream words(told);
@@ -257,12 +263,15 @@ void Debugger::expectSenders(const std::string& output) {
         EXPECT_EQ(frames, row["frames"]);
         EXPECT_EQ(bytes, row["bytes"]);
         found.push_back(row["state"]);
-        EXPECT_EQ(found.size() == 3 ? "2" : "1", row["buffer"]);
+        EXPECT_EQ(found.size() == 5 ? "2" : "1", row["buffer"]);
     }
-    EXPECT_THAT(found, ElementsAre("in a frame", "has caught up", "waits for a frame to begin with"));
+    EXPECT_THAT(found, ElementsAre("in a frame", "has caught up", "in a frame", "waits for room",
+                                   "waits for a frame to begin with"));
+    const std::string slow = senders[0].substr(0, senders[0].find(' '));
+    EXPECT_LE(20, std::stol(rowWith(rows, "id", slow).at("blocked_ms"))) << output;
     EXPECT_LT(0, std::stol(rows[0].at("behind"))) << "who is behind most comes first";
-    EXPECT_EQ(column(rows, "buffer"), (std::vector<std::string>{"1", "1", "2"}));
-    EXPECT_THAT(output, HasSubstr("\n3 senders\n"));
+    EXPECT_EQ((std::vector<std::string>{"1", "1", "1", "1", "2"}), column(rows, "buffer"));
+    EXPECT_THAT(output, HasSubstr("\n5 senders\n"));
 }
 
 TEST_F(Debugger, ShowsAProcessThatRuns) {
@@ -426,7 +435,7 @@ TEST_F(Debugger, ScriptIsInstalledWhereGdbLooksForIt) {
     libraries = library;
     start();
     early = {"set auto-load scripts-directory " + data, "set auto-load safe-path " + data};
-    EXPECT_THAT(onProcess({"info senders"}), HasSubstr("3 senders"));
+    EXPECT_THAT(onProcess({"info senders"}), HasSubstr("5 senders"));
 }
 
 }  // namespace

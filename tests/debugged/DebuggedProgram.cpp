@@ -67,6 +67,27 @@ public:
     using Part::Part;
 };
 
+// Lives on after its end.
+class Box : public CNetHandler {
+public:
+    explicit Box(Orvex::Infra::CSemaphore& closed) : CNetHandler(0), m_closed(closed) {}
+    int handle_close(CNetHandler*) override {
+        m_closed.post();
+        return 0;
+    }
+
+private:
+    Orvex::Infra::CSemaphore& m_closed;
+};
+
+// Has its sender's socket watched.
+class Gate : public Part {
+public:
+    using Part::Part;
+    int handle_output(int) override { return 0; }
+    int watch(CSock& sock) { return RegisterSock(sock, SOCK_READ, 0); }
+};
+
 class Parcel : public CMediaPacket {
 public:
     explicit Parcel(size_t length) : m_bytes(length, 'x') {}
@@ -130,6 +151,11 @@ void run() {
     auto* const shelf = new Shop::Shelf<int>(0);
     shelf->AddRef();
     shelf->Close();
+    Orvex::Infra::CSemaphore closed(0);
+    auto* const box = new Shop::Box(closed);
+    const long box_id = box->GetID();
+    box->Close();
+    closed.pend();
     CSockStream sock;
     int pair[2];
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) == 0) {
@@ -153,7 +179,14 @@ void run() {
     CMediaBuffer buffer;
     Client slow(buffer);
     Client quick(buffer);
+    Client keeping(buffer);
+    keeping.sender->SetResumePolicy(3000);
+    Client waits(buffer);
+    auto* const gate = new Shop::Gate(0);
+    gate->watch(waits.sock);
+    waits.sender->WaitRoom(gate->GetID());
     for (int i = 0; i < 50; ++i) {
+        ::usleep(i == 40 ? 20000 : 0);  // for so long the slow ones have been blocked
         buffer.Put(new Shop::Parcel(20000), 20000, MEDIA_MARK_LAST, mediaLevel(0, 1));
         char room[65536];
         while (::recv(quick.peer, room, sizeof room, MSG_DONTWAIT) > 0) {
@@ -162,12 +195,14 @@ void run() {
     buffer.do_send();
     CMediaBuffer empty;
     Client waiting(empty);
-    std::printf("workers %u\ntill %ld\nelsewhere %ld\nshelf %ld\nleaving %ld\nclerk %ld\nobject %p\n",
-                workers, till->GetID(), elsewhere->GetID(), shelf->GetID(), leaving->GetID(),
-                clerks[0]->GetID(), static_cast<void*>(static_cast<CNetHandler*>(till)));
-    for (const Client* client : {&slow, &quick, &waiting}) {
+    std::printf(
+        "workers %u\ntill %ld\nelsewhere %ld\nshelf %ld\nleaving %ld\nclerk %ld\nbox %ld\nobject %p\n",
+        workers, till->GetID(), elsewhere->GetID(), shelf->GetID(), leaving->GetID(), clerks[0]->GetID(),
+        box_id, static_cast<void*>(static_cast<CNetHandler*>(till)));
+    for (const Client* client : {&slow, &quick, &keeping, &waits, &waiting}) {
         client->tell();
     }
+    buffer.do_send();  // times are those of the last step that has tried
     wait_for_end();
     // It ends as it is: what a debugger has looked at needs no orderly end.
     std::fflush(stdout);
