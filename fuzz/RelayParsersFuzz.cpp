@@ -3,9 +3,12 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
+#include <memory>
+#include <string>
 #include <utility>
 #include <vector>
 
+#include "media_relay/hls/HlsOutput.h"
 #include "media_relay/http/HttpRequest.h"
 #include "media_relay/mp4/Remuxer.h"
 #include "media_relay/mpegts/TsClock.h"
@@ -181,14 +184,49 @@ void driveRequest(const uint8_t* data, size_t size) {
     }
 }
 
+/// Fragments whose times the input says, and after each a request for what comes of them.
+void driveHls(const uint8_t* data, size_t size) {
+    HlsOutput output;
+    output.setWake([](long) {});
+    uint64_t time = 0;
+    int64_t now_us = 1000000000000000;
+    while (size >= 4) {
+        if (data[0] % 16 == 0) {
+            output.setInit(std::make_shared<const std::vector<uint8_t>>(1));
+        }
+        Mp4Fragment fragment;
+        fragment.bytes = std::make_shared<const std::vector<uint8_t>>(data, data + 4);
+        fragment.key = data[0] % 4 < 2;
+        fragment.duration = data[1] * 256U + data[2];
+        time += fragment.duration;
+        fragment.time = time;
+        now_us += fragment.duration * 11;
+        output.put(fragment, now_us);
+        const size_t part = std::min<size_t>(size - 4, data[3] % 64);
+        const std::string text(data + 4, data + 4 + part);
+        const size_t mark = std::min(text.find('?'), text.size());
+        HlsRequest request;
+        if (parseHls("/hls/" + text.substr(0, mark), text.substr(std::min(mark + 1, text.size())), request) ==
+            200) {
+            const HlsAnswer answer = output.answer(request, data[3]);
+            if ((answer.status == 200) == answer.body.empty()) {
+                std::abort();
+            }
+        }
+        data += 4 + part;
+        size -= 4 + part;
+    }
+    output.end();
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size == 0) {
         return 0;
     }
-    constexpr void (*kDrivers[])(const uint8_t*, size_t) = {driveBytes, drivePackets, driveTables,
-                                                            driveRequest, driveUnits};
-    kDrivers[data[0] % 5](data + 1, size - 1);
+    constexpr void (*kDrivers[])(const uint8_t*, size_t) = {driveBytes,   drivePackets, driveTables,
+                                                            driveRequest, driveUnits,   driveHls};
+    kDrivers[data[0] % 6](data + 1, size - 1);
     return 0;
 }
