@@ -113,7 +113,7 @@ TEST_F(DueChainsCase, LatenessIsFromATimersTimeToTheTickAndNeverNegative) {
 
 TEST_F(DueChainsCase, OneThatIsGivenMuchTooLateIsNotedInItsPool) {
     const Testing::StillPool rig(44);
-    const auto times = [&rig] { return LateTimers::Look(44, *PoolTable::Get(44)).span.times; };
+    const auto times = [] { return LateTimers::Look(44, *PoolTable::Get(44)).span.times; };
     const uint64_t before = times();
     due->m_now_us = Infra::CTime::getCurrentMicroSecond();
     ASSERT_TRUE(due->Add(dueTimer(0, 44, due->m_now_us - LateTimers::LIMIT_US)));
