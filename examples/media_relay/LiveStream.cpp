@@ -110,6 +110,21 @@ void LiveStream::begin(const std::shared_ptr<Client>& client) {
     }
 }
 
+bool LiveStream::sendBetween(const std::shared_ptr<Client>& client, const std::string& bytes,
+                             CSockStream* socket) {
+    CGuard guard(m_mutex);
+    const auto place = find(client);
+    if (place == m_places.end()) {
+        return true;
+    }
+    const auto size = static_cast<unsigned>(bytes.size());
+    if (place->stage == Stage::Sending) {
+        client->sender()->SendOtherData(bytes.data(), static_cast<int>(size));
+        return true;
+    }
+    return socket == nullptr || socket->Send(bytes.data(), size) == static_cast<int>(size);
+}
+
 void LiveStream::leave(const std::shared_ptr<Client>& client) {
     CGuard guard(m_mutex);
     const auto place = find(client);

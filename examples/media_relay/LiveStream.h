@@ -9,6 +9,7 @@
 #include <Infra/Mutex.h>
 #include <Reticor/MediaBuffer.h>
 #include <Reticor/MediaStreamSender.h>
+#include <Reticor/SockStream.h>
 
 #include "media_relay/Client.h"
 #include "media_relay/Packets.h"
@@ -31,8 +32,8 @@ struct Frame {
 /// to the buffer within the frame that they are to begin with. With a start cache the buffer itself knows
 /// where one may begin, and they go to it at once.
 ///
-/// Threads: `put`, `setPrologue` and `clear` are the producer's alone, all else is for any thread. The mutex
-/// comes before the buffer's own.
+/// Threads: `put`, `setPrologue` and `clear` are the producer's alone, all else is for any thread. The
+/// mutex comes before the buffer's own.
 class LiveStream {
 public:
     struct Totals {
@@ -65,6 +66,12 @@ public:
 
     /// From the next frame to begin with on, or from the last one on, it gets all.
     void begin(const std::shared_ptr<Client>& client);
+
+    /// Sends bytes to a client between two frames: with the next frame, 4096 bytes at most; to `socket`,
+    /// its own, as long as it waits for its first one. False if that one did not take them all. Without a
+    /// socket it gets nothing before it has begun.
+    bool sendBetween(const std::shared_ptr<Client>& client, const std::string& bytes,
+                     Orvex::Reticor::CSockStream* socket);
 
     /// After it returns nothing is sent to the client's socket.
     void leave(const std::shared_ptr<Client>& client);

@@ -125,6 +125,8 @@ int readOptions(int argc, char** argv, Options& options) {
     app.add_option("--host", options.host, "address to listen on; :: is every address, IPv4 and IPv6")
         ->capture_default_str();
     app.add_option("--port", options.port, "port to listen on; 0 is any that is free")->capture_default_str();
+    app.add_option("--rtsp", options.rtspPort, "port to listen on for RTSP as well; 0 is any that is free")
+        ->check(CLI::Range(0, 65535));
     app.add_option("--threads", options.threads, "workers, raised to a multiple of the processors")
         ->check(CLI::Range(1, 1024))
         ->capture_default_str();
@@ -160,6 +162,9 @@ int readOptions(int argc, char** argv, Options& options) {
     }
     if (wrong.empty() && options.maxLag_ms == 0 && (options.burst || options.disposableFirst)) {
         wrong = "--start burst and --disposable-first need a --max-lag";
+    }
+    if (wrong.empty() && options.rtspPort >= 0 && options.isTest()) {
+        wrong = "--rtsp needs a transport stream as --input";
     }
     if (wrong.empty() && options.twoQualities && (!options.isTest() || options.maxLag_ms == 0)) {
         wrong = "--two-qualities needs the test picture and a --max-lag";

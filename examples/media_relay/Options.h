@@ -8,6 +8,7 @@ namespace relay {
 struct Options {
     std::string host = "127.0.0.1";
     unsigned short port = 7009;
+    int rtspPort = -1;  // 0 is any that is free, -1 none
     unsigned threads = 1;
     std::string input = "test";  // "test", "-", or the name of a file
     bool loop = false;

@@ -16,6 +16,7 @@
 #include "media_relay/TestSource.h"
 #include "media_relay/TsSource.h"
 #include "media_relay/http/Session.h"
+#include "media_relay/rtsp/RtspSession.h"
 
 namespace relay {
 
@@ -77,8 +78,14 @@ int Relay::run(EndSignals& signals, int fd) {
     Listener* const listener = Listener::Open(m_roster, local, most, m_options.maxPerAddress,
                                               [this](CSockStream& peer) { admit(peer); });
     setListener(listener);
-    if (listener != nullptr) {
-        announce(listener->address());
+    std::string rtsp;
+    const bool good = listener != nullptr && listenForRtsp(rtsp);
+    if (listener != nullptr && !good) {
+        setListener(nullptr);
+        listener->stop();
+    }
+    if (good) {
+        announce(listener->address(), rtsp);
         if (!m_options.verbose) {
             Orvex::Infra::setLogLevel(NOTICE);  // clients that hang up are not news
         }
@@ -93,7 +100,38 @@ int Relay::run(EndSignals& signals, int fd) {
     }
     m_roster.waitUntilEmpty();
     CGuard guard(m_mutex);
-    return listener != nullptr ? m_result : 1;
+    return good ? m_result : 1;
+}
+
+/// Fills `address`. True also if nobody wants it.
+bool Relay::listenForRtsp(std::string& address) {
+    if (m_options.rtspPort < 0) {
+        return true;
+    }
+    const CSockAddrStorage local(m_options.host.c_str(), static_cast<unsigned short>(m_options.rtspPort));
+    Listener* const listener =
+        m_rtsp.datagrams().open(m_roster, m_options.host)
+            ? Listener::Open(m_roster, local, kMembers, m_options.maxPerAddress,
+                             [this](CSockStream& peer) { RtspSession::Create(*this, peer); })
+            : nullptr;
+    if (listener != nullptr) {
+        address = listener->address();
+    }
+    return listener != nullptr;
+}
+
+void Relay::prepare(CMediaStreamSender& sender, CSockStream& sock, long owner, unsigned skipped) const {
+    sender.Attach(&sock);
+    sender.WaitException(owner);
+    sender.SetSendTimeout(m_options.stallTimeout_s);
+    sender.SetResumePolicy(m_options.maxLag_ms,
+                           m_options.strictLag ? MediaResume::STRICT : MediaResume::AHEAD,
+                           m_options.hardLag_ms);
+    sender.SetKernelLag(m_options.kernelLag_ms);
+    sender.WaitSkip(owner, skipped);
+    sender.WaitRoom(owner);
+    sock.SetSockSendBuf(m_options.sendBuffer);
+    sock.SetSockNoDelay(true);
 }
 
 /// A session reads, and is waited on for room: it needs a place for each. Whom no pool has places for is
@@ -112,10 +150,13 @@ void Relay::setListener(Listener* listener) {
     m_listener = listener;
 }
 
-void Relay::announce(const std::string& address) const {
+void Relay::announce(const std::string& address, const std::string& rtsp) const {
     std::printf("listening on %s\n", address.c_str());
     std::printf("page: http://%s/\n", address.c_str());
     std::printf("live: http://%s/%s\n", address.c_str(), m_options.isTest() ? "live.mjpg" : "live.ts");
+    if (!rtsp.empty()) {
+        std::printf("rtsp: rtsp://%s/live\n", rtsp.c_str());
+    }
     std::fflush(stdout);
 }
 
@@ -129,6 +170,7 @@ void Relay::startSource(int fd) {
         setup.loop = m_options.loop;
         setup.program = m_options.program;
         setup.multicast = m_options.multicastIp.empty() ? nullptr : &m_multicast;
+        setup.rtsp = m_options.rtspPort < 0 ? nullptr : &m_rtsp;
         source = TsSource::Create(m_roster, m_stream, m_mp4, *this, setup);
     }
     source->start(m_options.speed);
@@ -161,20 +203,24 @@ void Relay::givePlace() {
 /// Of all outputs.
 std::vector<std::shared_ptr<Client>> Relay::clients() {
     std::vector<std::shared_ptr<Client>> clients = m_stream.clients();
-    const std::vector<std::shared_ptr<Client>> more = m_mp4.stream().clients();
-    clients.insert(clients.end(), more.begin(), more.end());
+    for (LiveStream* const output : {&m_mp4.stream(), &m_rtsp.stream()}) {
+        const std::vector<std::shared_ptr<Client>> more = output->clients();
+        clients.insert(clients.end(), more.begin(), more.end());
+    }
     return clients;
 }
 
 /// What all outputs hold.
 MediaBufferStats Relay::bufferStats() {
     MediaBufferStats stats = m_stream.bufferStats();
-    const MediaBufferStats more = m_mp4.stream().bufferStats();
-    stats.frames += more.frames;
-    stats.bytes += more.bytes;
-    stats.expired_frames += more.expired_frames;
-    stats.debt_bytes += more.debt_bytes;
-    stats.pinned_frames += more.pinned_frames;
+    for (LiveStream* const output : {&m_mp4.stream(), &m_rtsp.stream()}) {
+        const MediaBufferStats more = output->bufferStats();
+        stats.frames += more.frames;
+        stats.bytes += more.bytes;
+        stats.expired_frames += more.expired_frames;
+        stats.debt_bytes += more.debt_bytes;
+        stats.pinned_frames += more.pinned_frames;
+    }
     return stats;
 }
 
@@ -230,7 +276,7 @@ bool Relay::isOver() {
         CGuard guard(m_mutex);
         ended_us = m_ended_us;
     }
-    const bool drained = m_stream.isDrained() && m_mp4.stream().isDrained();
+    const bool drained = m_stream.isDrained() && m_mp4.stream().isDrained() && m_rtsp.stream().isDrained();
     return ended_us != 0 && (drained || CTime::getCurrentMicroSecond() > ended_us + kDrain_us);
 }
 

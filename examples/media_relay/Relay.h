@@ -20,6 +20,7 @@
 #include "media_relay/figures/PoolWork.h"
 #include "media_relay/hls/Waker.h"
 #include "media_relay/http/Listener.h"
+#include "media_relay/rtsp/RtspOutput.h"
 
 namespace relay {
 
@@ -40,16 +41,23 @@ public:
         m_stream.setUp(options.burst, options.disposableFirst);
         m_mp4.setUp(options.maxLag_ms != 0, options.disposableFirst);
         m_mp4.hls().setWake([this](long client) { m_waker.wake(client); });
+        m_rtsp.setUp(options.disposableFirst);
     }
 
-    /// Plays the input `fd` (none for the test picture) to whoever comes, until a signal ends it or the input
-    /// has ended. The result is main's.
+    /// Plays the input `fd` (none for the test picture) to whoever comes, until a signal ends it or the
+    /// input has ended. The result is main's.
     int run(EndSignals& signals, int fd);
 
     const Options& options() const { return m_options; }
     Roster& roster() { return m_roster; }
     LiveStream& stream() { return m_stream; }
     Mp4Output& mp4() { return m_mp4; }
+    RtspOutput& rtsp() { return m_rtsp; }
+
+    /// Sets up what writes a live stream to `sock`, whose handler is `owner`; that one gets the message
+    /// `skipped` when the client has missed something.
+    void prepare(Orvex::Reticor::CMediaStreamSender& sender, Orvex::Reticor::CSockStream& sock, long owner,
+                 unsigned skipped) const;
 
     /// The stream of that name; null if there is none, or none that can be fetched so.
     HlsOutput* hls(const std::string& name);
@@ -91,10 +99,12 @@ private:
     Orvex::Reticor::MediaBufferStats bufferStats();
     std::vector<std::shared_ptr<Client>> clientsBySuffering();
     nlohmann::json describeEnded();
+    nlohmann::json describeViewers();
+    bool listenForRtsp(std::string& address);
     void setListener(Listener* listener);
     void admit(Orvex::Reticor::CSockStream& peer);
     void startSource(int fd);
-    void announce(const std::string& address) const;
+    void announce(const std::string& address, const std::string& rtsp) const;
     void printStatus();
     static std::string describeWorst(const std::vector<std::shared_ptr<Client>>& clients);
     bool isOver();
@@ -105,6 +115,7 @@ private:
     LiveStream m_stream;
     Waker m_waker{WAKE};
     Mp4Output m_mp4;
+    RtspOutput m_rtsp;
     MulticastOutput m_multicast;
     History m_history;
     PoolWork m_work;

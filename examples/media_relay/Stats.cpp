@@ -101,6 +101,28 @@ nlohmann::json Relay::describeEnded() {
     return rows;
 }
 
+/// The clients of RTSP, and what they say of what they get.
+nlohmann::json Relay::describeViewers() {
+    nlohmann::json rows = nlohmann::json::array();
+    for (const auto& viewer : m_rtsp.viewers()) {
+        nlohmann::json tracks = nlohmann::json::array();
+        for (size_t track = 0; track < RtspViewer::TRACKS; ++track) {
+            const RtspViewer::Reception reception = viewer->reception(track);
+            if (reception.known) {
+                tracks.push_back({{"track", track},
+                                  {"lost_percent", 100 * reception.lost},
+                                  {"lost_packets", reception.lostInAll},
+                                  {"jitter_ms", reception.jitter_ms}});
+            }
+        }
+        rows.push_back({{"number", viewer->number()},
+                        {"address", viewer->ip()},
+                        {"transport", viewer->kind() == Transport::TCP ? "tcp" : "udp"},
+                        {"reports", tracks}});
+    }
+    return rows;
+}
+
 std::string Relay::json() {
     nlohmann::json clients = nlohmann::json::array();
     for (const auto& client : clientsBySuffering()) {
@@ -112,6 +134,7 @@ std::string Relay::json() {
     nlohmann::json all{{"clients", clients}, {"buffer", describe(bufferStats())}};
     all["ended"] = ended;
     all["hls"] = describe(m_mp4.hls().figures());
+    all["rtsp"] = describeViewers();
     all["work"] = m_work.json();
     CGuard guard(m_mutex);
     all["input"] = {
@@ -132,15 +155,16 @@ std::string Relay::json() {
         {"damaged_packets", m_source.damaged},
         {"clock_jumps", m_source.jumps},
         {"rounds", m_source.rounds}};
-    all["totals"] = {{"clients", totals.clients + m_mp4.stream().totals().clients},
-                     {"left", m_counters.left},
-                     {"stalled", m_counters.stalled},
-                     {"refused", m_counters.refused},
-                     {"requests", m_counters.requests},
-                     {"bad_requests", m_counters.bad},
-                     {"turned_away", m_listener != nullptr ? m_listener->turnedAway() : 0},
-                     {"max_clients", m_options.maxClients},
-                     {"max_lag_ms", m_options.maxLag_ms}};
+    all["totals"] = {
+        {"clients", totals.clients + m_mp4.stream().totals().clients + m_rtsp.stream().totals().clients},
+        {"left", m_counters.left},
+        {"stalled", m_counters.stalled},
+        {"refused", m_counters.refused},
+        {"requests", m_counters.requests},
+        {"bad_requests", m_counters.bad},
+        {"turned_away", m_listener != nullptr ? m_listener->turnedAway() : 0},
+        {"max_clients", m_options.maxClients},
+        {"max_lag_ms", m_options.maxLag_ms}};
     return all.dump() + "\n";
 }
 

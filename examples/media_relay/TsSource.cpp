@@ -48,6 +48,7 @@ TsSource::TsSource(Roster& roster, LiveStream& stream, Mp4Output& mp4, SourceLis
       m_fd(setup.fd),
       m_loop(setup.loop),
       m_multicast(setup.multicast),
+      m_rtsp(setup.rtsp),
       m_mp4(mp4),
       m_demuxer(*this, setup.program) {
     m_now.kind = "MPEG transport stream";
@@ -139,9 +140,19 @@ bool TsSource::take(uint8_t* bytes) {
     return isClock;
 }
 
+void TsSource::onProgram(const ProgramMap& map) {
+    m_mp4.onProgram(map);
+    if (m_rtsp != nullptr) {
+        m_rtsp->onProgram(map);
+    }
+}
+
 void TsSource::onUnit(AccessUnit&& unit) {
     ++m_units;
     m_mp4.put(unit);
+    if (m_rtsp != nullptr) {
+        m_rtsp->put(unit);
+    }
     Frame frame;
     frame.channel = static_cast<unsigned>(unit.kind);
     frame.level = levelOf(unit);

@@ -9,6 +9,7 @@
 #include "media_relay/mpegts/TsClock.h"
 #include "media_relay/mpegts/TsDemuxer.h"
 #include "media_relay/mpegts/TsFramer.h"
+#include "media_relay/rtsp/RtspOutput.h"
 
 namespace relay {
 
@@ -24,6 +25,7 @@ public:
         bool loop = false;
         unsigned program = 0;                  // 0: the first one
         MulticastOutput* multicast = nullptr;  // null: none; it stays the caller's, and outlives the source
+        RtspOutput* rtsp = nullptr;            // the same
     };
 
     /// `mp4` is given the units too, and outlives the source.
@@ -43,7 +45,7 @@ private:
     bool read();
     bool take(uint8_t* bytes);
     void onUnit(AccessUnit&& unit) override;
-    void onProgram(const ProgramMap& map) override { m_mp4.onProgram(map); }
+    void onProgram(const ProgramMap& map) override;
     long long onEnd();
     long long mediaTime();
     bool isHopeless();
@@ -52,6 +54,7 @@ private:
     const int m_fd;
     const bool m_loop;
     MulticastOutput* const m_multicast;
+    RtspOutput* const m_rtsp;
     Mp4Output& m_mp4;
     TsFramer m_framer;
     TsLoop m_looper;

@@ -4,8 +4,6 @@
 #include <optional>
 #include <string>
 
-#include "rtsp_options/Request.h"
-
 namespace rtsp {
 
 struct Answer {
@@ -16,9 +14,7 @@ struct Answer {
     bool last = false;  // closes the connection
 };
 
-/// `ip` is our address as the client sees it, and `session` a number of its own.
-Answer answerTo(const Request& request, const std::string& ip, unsigned session);
-
+/// As it goes over the wire. `cseq` is the request's number.
 std::string toText(const Answer& answer, const std::optional<unsigned>& cseq);
 
 }  // namespace rtsp

@@ -98,4 +98,9 @@ Request parse(const std::string& head) {
     return request;
 }
 
+std::string header(const std::string& head, const char* name) {
+    CStrParser p(head.data(), static_cast<unsigned>(head.size()));
+    return toHeader(p, name) ? restOfLine(p) : "";
+}
+
 }  // namespace rtsp

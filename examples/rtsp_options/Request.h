@@ -24,4 +24,7 @@ size_t headLength(const std::string& input);
 /// `head` is everything up to the empty line, that one included.
 Request parse(const std::string& head);
 
+/// The value of another header; empty if it is not there.
+std::string header(const std::string& head, const char* name);
+
 }  // namespace rtsp

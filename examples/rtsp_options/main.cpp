@@ -9,7 +9,7 @@
 //    does not take the answers is not read any more;
 //  - CStrParser on a request (Request.cpp), whose loop over lines ends when the parser passes nothing any
 //    more, not when it fails: on a text that ends in a line end it never fails;
-//  - CStrParser as an editor of a prepared text (Answer.cpp);
+//  - CStrParser as an editor of a prepared text (Camera.cpp);
 //  - foreign bytes are bounded: so much for a request, so long without one, and a bad one is the last;
 //  - whoever is put out still gets the answer: `finish` ends our direction first, since closing a connection
 //    with bytes unread would make the system throw away what is on its way.
@@ -21,6 +21,7 @@
 #include <CLI/CLI.hpp>
 
 #include "rtsp_options/Answer.h"
+#include "rtsp_options/Camera.h"
 #include "rtsp_options/Request.h"
 
 namespace Kit = Orvex::Reticor::Kit;

@@ -97,6 +97,18 @@ public:
         return -1;  // this timer is done
     }
 
+    /// Another listener has stopped.
+    int handle_message(long, unsigned int msg, long) override {
+        Orvex::Infra::CGuard guard(m_mutex);
+        if (msg == kStop && m_listener.IsValid()) {
+            RemoveSock(m_listener);
+            m_listener.Close();
+            tell();
+            Close();
+        }
+        return 0;
+    }
+
 private:
     static constexpr int ACCEPTS_PER_CALL = 64;  // then other sockets have their turn
     static constexpr int64_t REST_US = 50000;    // before somebody is tried to be accepted again

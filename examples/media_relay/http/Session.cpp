@@ -200,16 +200,7 @@ void Session::watch(LiveStream& stream, const char* type, const std::string& hea
     CMediaStreamSender* const sender = CMediaStreamSender::Create();
     const auto client = std::make_shared<Client>(sender, m_relay.takeNumber(), m_peer,
                                                  options.twoQualities ? options.maxLag_ms / 2 : 0);
-    sender->Attach(&m_sock);
-    sender->WaitException(GetID());
-    sender->SetSendTimeout(options.stallTimeout_s);
-    sender->SetResumePolicy(options.maxLag_ms, options.strictLag ? MediaResume::STRICT : MediaResume::AHEAD,
-                            options.hardLag_ms);
-    sender->SetKernelLag(options.kernelLag_ms);
-    sender->WaitSkip(GetID(), kSkipped);
-    sender->WaitRoom(GetID());
-    m_sock.SetSockSendBuf(options.sendBuffer);
-    m_sock.SetSockNoDelay(true);
+    m_relay.prepare(*sender, m_sock, GetID(), kSkipped);
     stream.join(client);
     m_state = State::Watching;
     m_client = client;
