@@ -290,6 +290,21 @@ TEST_F(Recorder, TheCrashFileHoldsTheLastDumpAlone) {
     const DumpFile again(path);
     EXPECT_TRUE(again.whole);
     ASSERT_EQ(1u, again.threads.size());
+    struct stat before {};
+    ASSERT_EQ(0, ::stat(path.c_str(), &before));
+    std::ofstream(path, std::ios::app) << std::string(1 << 20, 'x');
+    EXPECT_EQ(0, CRecorder::DumpInCrash());
+    struct stat after {};
+    ASSERT_EQ(0, ::stat(path.c_str(), &after));
+    EXPECT_GT(before.st_size + (1 << 19), after.st_size) << "nothing of what was there stays";
+    EXPECT_EQ(0, CRecorder::OpenCrashFile(nullptr));
+}
+
+TEST_F(Recorder, ACrashFileThatTakesNothingLeavesErrnoAsItWas) {
+    ASSERT_EQ(0, CRecorder::OpenCrashFile("/dev/full"));
+    errno = EDOM;
+    EXPECT_EQ(-1, CRecorder::DumpInCrash());
+    EXPECT_EQ(EDOM, errno);
     EXPECT_EQ(0, CRecorder::OpenCrashFile(nullptr));
 }
 
