@@ -277,6 +277,19 @@ TEST_F(Recorder, WithoutACrashFileNothingIsDumpedInACrash) {
     EXPECT_EQ(0, CRecorder::OpenCrashFile(nullptr));
 }
 
+// What was recorded before a pause lies before it in time too.
+TEST_F(Recorder, TimesCountFromTheFirstStart) {
+    const std::string first = folder.file("first");
+    const std::string second = folder.file("second");
+    CRecorder::Start();
+    ASSERT_EQ(0, CRecorder::Dump(first.c_str()));
+    CRecorder::Stop();
+    CRecorder::Start();
+    ASSERT_EQ(0, CRecorder::Dump(second.c_str()));
+    EXPECT_EQ(DumpFile(first).header.begin_ticks, DumpFile(second).header.begin_ticks);
+    EXPECT_EQ(DumpFile(first).header.begin_ns, DumpFile(second).header.begin_ns);
+}
+
 TEST_F(Recorder, TheCrashFileHoldsTheLastDumpAlone) {
     const std::string path = folder.file("crash");
     ASSERT_EQ(0, CRecorder::OpenCrashFile(path.c_str()));
