@@ -23,8 +23,8 @@ inline ArmedTimer* TimerHeap::armed(const TimerEntry& entry) {
     return timer != nullptr && timer->expire == entry.expire ? timer : nullptr;
 }
 
-void TimerHeap::erase(ArmedTimer* timer) {
-    --pool_of(timer->id)->armed;
+inline void TimerHeap::erase(Pool& pool, ArmedTimer* timer) {
+    --pool.armed;
     TimerTable::Erase(timer);
     if (--m_count == 0) {
         m_soonest = NEVER;
@@ -53,28 +53,31 @@ void TimerHeap::put_id(int64_t id) {
 /// Takes the memory that a timer with this id needs until let_go. The heap has an entry for each timer that
 /// is armed, and dead ones: no more than there were timers at the last removal, and a few, see sweep(). So it
 /// is never longer than twice the most timers that there were.
-bool TimerHeap::hold(int64_t id) {
-    const size_t needed = 2 * (m_held + 1 + FIRST_CAPACITY);
-    if (m_array.capacity() < needed) {
-        try {
-            m_array.reserve(2 * needed);
-        } catch (const std::bad_alloc&) {
-            return false;
-        }
+inline ArmedTimer* TimerHeap::hold(Pool& pool, int64_t id) {
+    if (m_array.capacity() < 2 * (m_held + 1 + FIRST_CAPACITY) && !reserve()) {
+        return nullptr;
     }
-    Pool* const pool = pool_of(id);
-    if (!pool->table.Hold(id)) {
+    ArmedTimer* const place = pool.table.Hold(id);
+    if (place != nullptr) {
+        ++pool.held;
+        ++m_held;
+    }
+    return place;
+}
+
+/// For twice as many as hold() needs.
+bool TimerHeap::reserve() {
+    try {
+        m_array.reserve(4 * (m_held + 1 + FIRST_CAPACITY));
+    } catch (const std::bad_alloc&) {
         return false;
     }
-    ++pool->held;
-    ++m_held;
     return true;
 }
 
-void TimerHeap::let_go(int64_t id) {
-    Pool* const pool = pool_of(id);
-    pool->table.Drop(id);
-    --pool->held;
+inline void TimerHeap::let_go(Pool& pool, int64_t id) {
+    pool.table.Drop(id);
+    --pool.held;
     --m_held;
 }
 
@@ -89,11 +92,13 @@ void TimerHeap::pop_top() {
     m_array.pop_back();
 }
 
-/// Forgets the dead entries if they are in the majority.
+/// The dead entries are in the majority.
+inline bool TimerHeap::is_to_be_swept() const {
+    return m_array.size() + m_later.Size() >= 2 * m_count + FIRST_CAPACITY;
+}
+
+/// Forgets the dead entries.
 void TimerHeap::sweep() {
-    if (m_array.size() + m_later.Size() < 2 * m_count + FIRST_CAPACITY) {
-        return;
-    }
     const auto dead = [this](const TimerEntry& entry)
                           INFRA_NO_THREAD_SAFETY_ANALYSIS { return armed(entry) == nullptr; };
     m_array.erase(std::remove_if(m_array.begin(), m_array.end(), dead), m_array.end());
@@ -101,10 +106,9 @@ void TimerHeap::sweep() {
     m_later.KeepOnly([&dead](const TimerEntry& entry) { return !dead(entry); });
 }
 
-bool TimerHeap::insert(const ArmedTimer& timer) {
-    Pool* const pool = pool_of(timer.id);
-    pool->table.Put(timer);
-    ++pool->armed;
+/// The table has it already.
+inline bool TimerHeap::insert(Pool& pool, const ArmedTimer& timer) {
+    ++pool.armed;
     ++m_count;
     if (m_array.empty() && m_later.Size() == 0) {
         m_later.StartAt(timer.expire - std::min(timer.delay, timer.expire));  // about the time it is now
@@ -119,30 +123,43 @@ bool TimerHeap::insert(const ArmedTimer& timer) {
     return first;
 }
 
+/// False if there is no memory.
+bool TimerHeap::arm(Pool& pool, const ArmedTimer& timer, bool& first) {
+    ArmedTimer* const place = hold(pool, timer.id);
+    if (place == nullptr) {
+        return false;
+    }
+    *place = timer;
+    first = insert(pool, timer);
+    return true;
+}
+
 long TimerHeap::Arm(ArmedTimer timer, bool& first) {
     Infra::CGuard guard(m_mutex);
     m_later.Prefetch(timer.expire);
     first = false;
-    timer.id = take_id(INDEX_OF_ID(static_cast<long>(timer.obj_id)));
+    const int index = INDEX_OF_ID(static_cast<long>(timer.obj_id));
+    timer.id = take_id(index);
     if (timer.id == 0) {
         return NO_POOL;
     }
-    if (!hold(timer.id)) {
+    if (!arm(m_pool[static_cast<size_t>(index)], timer, first)) {
         put_id(timer.id);
         return NO_MEMORY;
     }
-    first = insert(timer);
     return static_cast<long>(timer.id);
 }
 
 bool TimerHeap::Rearm(const ArmedTimer& timer) {
     Infra::CGuard guard(m_mutex);
-    return insert(timer);
+    Pool& pool = *pool_of(timer.id);
+    pool.table.Put(timer);
+    return insert(pool, timer);
 }
 
 void TimerHeap::Release(long id) {
     Infra::CGuard guard(m_mutex);
-    let_go(id);
+    let_go(*pool_of(id), id);
     put_id(id);
 }
 
@@ -157,10 +174,12 @@ std::optional<ArmedTimer> TimerHeap::RemoveById(long id) {
         return std::nullopt;
     }
     const ArmedTimer removed = *timer;
-    erase(timer);
-    let_go(id);
+    erase(*pool, timer);
+    let_go(*pool, id);
     put_id(id);
-    sweep();
+    if (is_to_be_swept()) {
+        sweep();
+    }
     return removed;
 }
 
@@ -174,7 +193,9 @@ void TimerHeap::RemovePool(int index, int64_t next) {
     pool.held = 0;
     pool.table.Clear(next);
     m_soonest = m_count == 0 ? NEVER : m_soonest;
-    sweep();
+    if (is_to_be_swept()) {
+        sweep();
+    }
 }
 
 uint64_t TimerHeap::Soonest() {
@@ -211,7 +232,7 @@ bool TimerHeap::PopDue(uint64_t limit, DueChains& due) {
         }
         pop_top();
         if (timer != nullptr) {
-            erase(timer);
+            erase(*pool_of(timer->id), timer);
         }
     }
     return true;

@@ -86,14 +86,17 @@ private:
 
     Pool* pool_of(int64_t id) INFRA_REQUIRES(m_mutex);
     ArmedTimer* armed(const TimerEntry& entry) INFRA_REQUIRES(m_mutex);
-    bool hold(int64_t id) INFRA_REQUIRES(m_mutex);
-    void let_go(int64_t id) INFRA_REQUIRES(m_mutex);
-    bool insert(const ArmedTimer& timer) INFRA_REQUIRES(m_mutex);
-    void erase(ArmedTimer* timer) INFRA_REQUIRES(m_mutex);
+    bool reserve() INFRA_REQUIRES(m_mutex);
+    ArmedTimer* hold(Pool& pool, int64_t id) INFRA_REQUIRES(m_mutex);
+    void let_go(Pool& pool, int64_t id) INFRA_REQUIRES(m_mutex);
+    bool arm(Pool& pool, const ArmedTimer& timer, bool& first) INFRA_REQUIRES(m_mutex);
+    bool insert(Pool& pool, const ArmedTimer& timer) INFRA_REQUIRES(m_mutex);
+    void erase(Pool& pool, ArmedTimer* timer) INFRA_REQUIRES(m_mutex);
     int64_t take_id(int index) INFRA_REQUIRES(m_mutex);
     void put_id(int64_t id) INFRA_REQUIRES(m_mutex);
     void push(const TimerEntry& entry) INFRA_REQUIRES(m_mutex);
     void pop_top() INFRA_REQUIRES(m_mutex);
+    bool is_to_be_swept() const INFRA_REQUIRES(m_mutex);
     void sweep() INFRA_REQUIRES(m_mutex);
 
     Infra::CMutex m_mutex{Infra::LockClass::TIMER_HEAP};

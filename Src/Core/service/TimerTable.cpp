@@ -6,27 +6,16 @@
 
 namespace Orvex::Reticor {
 
-bool TimerTable::Hold(int64_t id) {
-    const size_t chunk = place_of(id) / CHUNK;
+bool TimerTable::make_chunk(size_t chunk) {
     try {
         if (chunk >= m_chunks.size()) {
             m_chunks.resize(chunk + 1);
         }
-        if (m_chunks[chunk] == nullptr) {
-            m_chunks[chunk] = m_spare != nullptr ? std::move(m_spare) : std::make_unique<Chunk>();
-        }
+        m_chunks[chunk] = m_spare != nullptr ? std::move(m_spare) : std::make_unique<Chunk>();
     } catch (const std::bad_alloc&) {
         return false;
     }
-    ++m_chunks[chunk]->held;
     return true;
-}
-
-void TimerTable::Drop(int64_t id) {
-    std::unique_ptr<Chunk>& chunk = m_chunks[place_of(id) / CHUNK];
-    if (--chunk->held == 0) {
-        m_spare = std::move(chunk);
-    }
 }
 
 bool TimerTable::ListOwners(size_t chunk, std::vector<int64_t>& owners) const {

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "Core/handle/ObjectId.h"
@@ -36,9 +37,23 @@ public:
         return timer->id == id ? timer : nullptr;
     }
 
-    /// Keeps a place for the timers of an id, until Drop. False if there is no memory.
-    bool Hold(int64_t id);
-    void Drop(int64_t id);
+    /// Keeps a place for the timers of an id, until Drop. Gives it: to write a timer there is what Put does.
+    /// Null if there is no memory.
+    ArmedTimer* Hold(int64_t id) {
+        const size_t place = place_of(id);
+        const size_t chunk = place / CHUNK;
+        if ((chunk >= m_chunks.size() || m_chunks[chunk] == nullptr) && !make_chunk(chunk)) {
+            return nullptr;
+        }
+        ++m_chunks[chunk]->held;
+        return &m_chunks[chunk]->timer[place % CHUNK];
+    }
+    void Drop(int64_t id) {
+        const size_t chunk = place_of(id) / CHUNK;
+        if (--m_chunks[chunk]->held == 0) {
+            m_spare = std::move(m_chunks[chunk]);
+        }
+    }
 
     /// Puts a timer in the place that is held for its id, and is free. Needs no memory.
     void Put(const ArmedTimer& timer) {
@@ -63,6 +78,7 @@ private:
         std::array<ArmedTimer, CHUNK> timer{};
     };
 
+    bool make_chunk(size_t chunk);
     size_t place_of(int64_t id) const { return CObjectId::place_of(id, m_first); }
 
     int64_t m_first = CObjectId::FIRST_COUNTER;

@@ -82,6 +82,20 @@ TEST_F(TimerTableCase, APlaceThatIsHeldHasNoTimerUntilOneIsPut) {
     EXPECT_EQ(900u, table.Find(placeId(2))->expire) << "the place was held all the time";
 }
 
+TEST_F(TimerTableCase, HoldGivesThePlaceInWhichPutPuts) {
+    for (const int64_t id : {placeId(0), placeId(CHUNK - 1), placeId(3 * CHUNK + 7)}) {
+        ArmedTimer* const place = table.Hold(id);
+        ASSERT_NE(nullptr, place) << id;
+        EXPECT_EQ(0, place->id) << "it is free";
+        *place = timerOf(id, -5, 700);
+        EXPECT_EQ(place, table.Find(id));
+        TimerTable::Erase(place);
+        table.Put(timerOf(id, -6, 900));
+        EXPECT_EQ(-6, place->obj_id) << id;
+        EXPECT_EQ(900u, place->expire) << id;
+    }
+}
+
 TEST_F(TimerTableCase, PutTakesNoMemoryWhereThePlaceIsHeld) {
     std::vector<int64_t> ids;
     for (int64_t place = 0; place < 3 * CHUNK; place += 100) {

@@ -42,7 +42,8 @@ struct TimerHeapProbe {
     /// Arms a timer under its own id, of a pool that need not exist.
     static bool arm(TimerHeap& heap, const ArmedTimer& timer) {
         Infra::CGuard guard(heap.m_mutex);
-        return heap.hold(timer.id) && heap.insert(timer);
+        bool first = false;
+        return heap.arm(*heap.pool_of(timer.id), timer, first) && first;
     }
 
     /// Ids of a pool that wait for their next timer.
