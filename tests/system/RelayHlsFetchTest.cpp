@@ -76,7 +76,7 @@ protected:
     const TempFolder folder;
     RelayProgram relay{{"--input", makeStream(folder, "libx264", 4, 25, true, "160x96"), "--loop"}};
     TcpClient client{relay.port()};
-    PlaylistRules rules;
+    PlaylistRules rules{60};  // a relay that waits for a processor sets the time of day anew
 };
 
 }  // namespace

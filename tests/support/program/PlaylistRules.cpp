@@ -203,7 +203,7 @@ void PlaylistRules::judge() {
         const bool follows =
             before != nullptr && !segment.jump && before->wall_ms >= 0 && segment.wall_ms >= 0;
         const double step_s = follows ? static_cast<double>(segment.wall_ms - before->wall_ms) / 1000 : 0;
-        must(!follows || std::abs(step_s - before->duration_s) < 0.7, name + "its time of day goes on");
+        must(!follows || std::abs(step_s - before->duration_s) < m_loose_s, name + "its time of day goes on");
         must(segment.wall_ms >= 0, name + "its time of day is said");
         judgeParts(segment, after_s);
         before = &segment;

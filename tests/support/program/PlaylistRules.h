@@ -39,6 +39,9 @@ struct Playlist {
 /// The playlists of one stream, in the order in which a client loads them.
 class PlaylistRules {
 public:
+    /// By `loose_s` the time of day may be off from one segment to the next.
+    explicit PlaylistRules(double loose_s = 0.7) : m_loose_s(loose_s) {}
+
     /// Reads a playlist; the result is each rule that it breaks, empty if none.
     std::vector<std::string> check(const std::string& text);
 
@@ -58,6 +61,7 @@ private:
     void judgeSame(const ListedSegment& before, const ListedSegment& now);
     void must(bool holds, const std::string& rule);
 
+    const double m_loose_s;
     Playlist m_last;
     bool m_is_first = true;
     std::vector<std::string> m_broken;
