@@ -287,6 +287,49 @@ TEST(TsDemuxer, LetsClientsBeginAnywhereInSoundAlone) {
     EXPECT_EQ(4U, keys);
 }
 
+TEST(TsDemuxer, LetsClientsBeginAnywhereInPrivateDataAlone) {
+    Bytes map{2, 0xB0, 0, 0, kProgram, 0xC1, 0, 0, 0xE1, 0x00, 0xF0, 0, 0x06, 0xE1, 0x00, 0xF0, 0};
+    close(map);
+    Bytes tables;
+    unsigned counters[2] = {0, 0};
+    appendSection(tables, 0, counters[0], makeAssociation(kProgram, kMapPid));
+    appendSection(tables, kMapPid, counters[1], map);
+    Collector collector;
+    TsDemuxer demuxer(collector);
+    put(demuxer, tables);
+    const Bytes jpeg{0, 0, 1, 0xE0, 0, 0, 0x80, 0, 0, 0xFF, 0xD8};
+    for (unsigned i = 0; i < 21; ++i) {  // ten pictures in a second
+        put(demuxer, packet(kVideoPid, i, true, jpeg), 1 + i * 100000);
+    }
+    ASSERT_EQ(20U, collector.units.size());
+    EXPECT_TRUE(collector.units[0].key);
+    EXPECT_EQ(tables, collector.units[0].tables);
+    const auto keys = std::count_if(collector.units.begin(), collector.units.end(),
+                                    [](const AccessUnit& unit) { return unit.key; });
+    EXPECT_EQ(4, keys);
+}
+
+TEST(TsDemuxer, LetsClientsOfSoundWithPrivateDataBeginWithTheSound) {
+    Bytes map{2, 0xB0, 0,    0,    kProgram, 0xC1, 0,    0,    0xE1, 0x00, 0xF0,
+              0, 0x06, 0xE1, 0x00, 0xF0,     0,    0x0F, 0xE1, 0x01, 0xF0, 0};
+    close(map);
+    Bytes tables;
+    unsigned counters[2] = {0, 0};
+    appendSection(tables, 0, counters[0], makeAssociation(kProgram, kMapPid));
+    appendSection(tables, kMapPid, counters[1], map);
+    Collector collector;
+    TsDemuxer demuxer(collector);
+    put(demuxer, tables);
+    put(demuxer, packet(kVideoPid, 0, true, {0, 0, 1, 0xBD, 0, 0, 0x80, 0, 0}));
+    put(demuxer, packet(kVideoPid, 1, true, {0, 0, 1, 0xBD, 0, 0, 0x80, 0, 0}));
+    put(demuxer, packet(kAudioPid, 0, true, kSound));
+    put(demuxer, packet(kAudioPid, 1, true, kSound));
+    ASSERT_EQ(2U, collector.units.size());
+    EXPECT_FALSE(collector.units[0].key);
+    EXPECT_EQ(StreamKind::Audio, collector.units[1].kind);
+    EXPECT_TRUE(collector.units[1].key);
+}
+
 TEST(TsDemuxer, TakesAPictureForAKeyFrameIfThereIsNoneForLong) {
     Collector collector;
     TsDemuxer demuxer(collector);

@@ -66,8 +66,10 @@ void TsDemuxer::onMap(const std::vector<uint8_t>& section) {
     m_hasMap = true;
     m_streams.clear();
     m_hasVideo = false;
+    m_hasSound = false;
     for (const StreamEntry& entry : map.streams) {
         m_streams[entry.pid].entry = entry;
+        m_hasSound = m_hasSound || entry.kind == StreamKind::Audio;
         m_hasVideo = m_hasVideo || entry.kind == StreamKind::Video;
     }
     m_anyKey = false;
@@ -108,10 +110,13 @@ void TsDemuxer::append(Stream& stream, const TsPacket& packet) {
     stream.finder.put(packet.payload(), packet.payloadSize());
 }
 
+/// Without pictures that are known as such a client begins with sound, and without sound with any unit:
+/// motion JPEG and what else goes as private data needs nothing that comes before it.
 bool TsDemuxer::isKey(const Stream& stream) {
     const uint64_t since_us = m_time_us - m_lastKey_us;
     if (!m_hasVideo) {
-        return stream.entry.kind == StreamKind::Audio && (!m_anyKey || since_us >= kSoundKeyInterval_us);
+        const bool leads = stream.entry.kind == StreamKind::Audio || !m_hasSound;
+        return leads && (!m_anyKey || since_us >= kSoundKeyInterval_us);
     }
     return stream.entry.kind == StreamKind::Video &&
            (stream.key || stream.finder.isKeyFrame() || since_us >= kLongestGroup_us);

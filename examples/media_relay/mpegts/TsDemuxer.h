@@ -85,6 +85,7 @@ private:
     ProgramMap m_map;
     bool m_hasMap = false;
     bool m_hasVideo = false;
+    bool m_hasSound = false;
     std::map<unsigned, Stream> m_streams;  // by PID
     unsigned m_associationCounter = 0;
     unsigned m_mapCounter = 0;
