@@ -75,6 +75,9 @@ public:
     /// /stats.json.
     std::string json();
 
+    /// /metrics: what the library counts, and what the relay does.
+    std::string metrics();
+
     /// /history.json.
     std::string historyJson() { return m_history.json(); }
 

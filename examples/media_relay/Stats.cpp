@@ -5,6 +5,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include <Reticor/Stats.h>
+
 #include "media_relay/Relay.h"
 
 namespace relay {
@@ -166,6 +168,27 @@ std::string Relay::json() {
         {"max_clients", m_options.maxClients},
         {"max_lag_ms", m_options.maxLag_ms}};
     return all.dump() + "\n";
+}
+
+std::string Relay::metrics() {
+    Orvex::Reticor::CStats stats;
+    std::string text;
+    if (stats.Take() == 0) {
+        text.resize(stats.toPrometheus(nullptr, 0));
+        stats.toPrometheus(text.data(), text.size());
+    }
+    const auto add = [&text](const char* name, uint64_t value) {
+        text += std::string("# TYPE media_relay_") + name + " counter\nmedia_relay_" + name + " " +
+                std::to_string(value) + "\n";
+    };
+    CGuard guard(m_mutex);
+    add("requests_total", m_counters.requests);
+    add("bad_requests_total", m_counters.bad);
+    add("refused_total", m_counters.refused);
+    add("left_total", m_counters.left);
+    add("stalled_total", m_counters.stalled);
+    add("turned_away_total", m_listener != nullptr ? m_listener->turnedAway() : 0);
+    return text;
 }
 
 }  // namespace relay

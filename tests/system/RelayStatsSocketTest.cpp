@@ -72,3 +72,17 @@ TEST(RelayStatsSocket, APathThatIsTakenEndsTheRelayWithTheReason) {
     EXPECT_NE(std::string::npos, text.find("can't serve at " + path + ", ")) << text;
     EXPECT_EQ(0, ::rmdir(path.c_str())) << "what was there is left alone";
 }
+
+TEST(RelayStatsSocket, MetricsAreServedToo) {
+    const RelayProgram relay({"--size", "160x120"});
+    const Viewer viewer(relay, "/live.mjpg");
+    EXPECT_EVENTUALLY(relay.stats()["clients"].size() == 1);
+    EXPECT_EQ("HTTP/1.1 404 Not Found", statusOf(relay.get("/nothing")));
+    const std::string answer = relay.get("/metrics");
+    EXPECT_NE(std::string::npos, answer.find("Content-Type: text/plain; version=0.0.4; charset=utf-8\r\n"))
+        << answer;
+    EXPECT_NE(std::string::npos, answer.find("\nreticor_build_info{"));
+    EXPECT_NE(std::string::npos, answer.find("\nreticor_pool_workers{pool=\"0\"} "));
+    EXPECT_NE(std::string::npos, answer.find("\n# TYPE media_relay_bad_requests_total counter\n"
+                                             "media_relay_bad_requests_total 1\n"));
+}

@@ -172,6 +172,8 @@ void Session::serve(const HttpRequest& request) {
         answer(200, "text/html; charset=utf-8", kPage);
     } else if (request.path == "/stats.json") {
         answer(200, "application/json", m_relay.json());
+    } else if (request.path == "/metrics") {
+        answer(200, "text/plain; version=0.0.4; charset=utf-8", m_relay.metrics());
     } else if (request.path == "/history.json") {
         answer(200, "application/json", m_relay.historyJson());
     } else if (isHlsPath(request.path)) {
