@@ -40,8 +40,6 @@ struct MemTables {
         uint64_t shared = 0;      ///< and in the shared one.
     };
     using FreeByClass = std::array<FreeBlocks, CLASS_COUNT - 1>;
-    /// Looks at all tables while their owners use them. Any thread.
-    static FreeByClass CountFree();
 
     /// Guards `sm_key` and `sm_tables`.
     static Infra::CMutex sm_key_mutex;
@@ -59,5 +57,8 @@ struct MemTables {
     /// changed, under `sm_pool_mutex`.
     static mem_head* sm_shared;
 };
+
+/// Looks at all tables while their owners use them. Any thread.
+MemTables::FreeByClass count_free_blocks();
 
 }  // namespace Orvex::Reticor

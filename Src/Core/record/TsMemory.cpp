@@ -268,21 +268,21 @@ __attribute__((noinline)) void do_free(mem_head* table, void* p, bool lock) {
 
 }  // namespace
 
-MemTables::FreeByClass MemTables::CountFree() {
-    FreeByClass found;
+MemTables::FreeByClass count_free_blocks() {
+    MemTables::FreeByClass found;
     for (size_t index = 0; index < found.size(); ++index) {
-        found[index].bytes_each = TEMPLATE[index].m_size;
+        found[index].bytes_each = MemTables::TEMPLATE[index].m_size;
     }
     {
-        Infra::CGuard guard(sm_key_mutex);
-        for (ThreadTable* table = sm_tables; table != nullptr; table = table->next) {
+        Infra::CGuard guard(MemTables::sm_key_mutex);
+        for (ThreadTable* table = MemTables::sm_tables; table != nullptr; table = table->next) {
             for (size_t index = 0; index < found.size(); ++index) {
                 found[index].of_threads += free_blocks(table->classes()[index]);
             }
         }
     }
-    Infra::CGuard guard(sm_pool_mutex);
-    const mem_head* const shared = __atomic_load_n(&sm_shared, __ATOMIC_ACQUIRE);
+    Infra::CGuard guard(MemTables::sm_pool_mutex);
+    const mem_head* const shared = __atomic_load_n(&MemTables::sm_shared, __ATOMIC_ACQUIRE);
     for (size_t index = 0; shared != nullptr && index < found.size(); ++index) {
         found[index].shared = free_blocks(shared[index]);
     }

@@ -1,5 +1,5 @@
-// MemoryRows: what a snapshot has of memory.
-#include "Core/stats/Snapshot.h"
+// MemoryRows: free records, recycled blocks by size, frames of media.
+#include "Core/stats/MemoryRows.h"
 
 #include "Core/record/EventFreeList.h"
 #include "Core/record/MemTables.h"
@@ -19,12 +19,12 @@ MemoryStats row_of(const char* kind, uint64_t pieces, uint64_t piece_bytes) {
 
 }  // namespace
 
-void Snapshot::gather_memory() {
+void add_memory_rows(const MediaRows& media, std::vector<MemoryStats>& memory) {
     const RestingRecords records = count_resting_records();
     memory.push_back(row_of("free_records", records.listed, sizeof(CEvent)));
     memory.push_back(row_of("thread_records", records.stocked, sizeof(CEvent)));
     memory.push_back(row_of("reserved_records", records.reserved, sizeof(CEvent)));
-    const MemTables::FreeByClass blocks = MemTables::CountFree();
+    const MemTables::FreeByClass blocks = count_free_blocks();
     for (const MemTables::FreeBlocks& each : blocks) {
         if (each.of_threads != 0) {
             memory.push_back(row_of("thread_blocks", each.of_threads, each.bytes_each));

@@ -21,6 +21,7 @@
 #include "Core/pool/ThreadPool.h"
 #include "Core/service/NetTimer.h"
 #include "Core/stats/Alarms.h"
+#include "Core/stats/MemoryRows.h"
 #include "Core/stats/StuckWatch.h"
 
 namespace Orvex::Reticor {
@@ -164,7 +165,7 @@ bool Snapshot::Gather() {
         gather_classes();
         ObjectRoll::read(objects);
         MediaSource::Ask(media);
-        gather_memory();
+        add_memory_rows(media, memory);
         Alarms::gather(pools, alarms);
     } catch (const std::bad_alloc&) {
         return false;

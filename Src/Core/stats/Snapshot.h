@@ -29,7 +29,6 @@ private:
     void gather_pools();
     void gather_threads();
     void gather_classes();
-    void gather_memory();  // after media
 };
 
 }  // namespace Orvex::Reticor

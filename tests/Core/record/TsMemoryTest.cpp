@@ -676,7 +676,7 @@ TEST_F(TsMemory, AnyMixOfBothWaysMatchesQueuesByClass) {
 // ---- how much is kept -------------------------------------------------------------------------------------
 
 uint64_t keptOf(unsigned int size, bool shared = false) {
-    const auto all = Orvex::Reticor::MemTables::CountFree();
+    const auto all = Orvex::Reticor::count_free_blocks();
     const auto& one = all[static_cast<std::size_t>(smallestClass(size))];
     EXPECT_EQ(classSizes()[static_cast<std::size_t>(smallestClass(size))], one.bytes_each);
     return shared ? one.shared : one.of_threads;
