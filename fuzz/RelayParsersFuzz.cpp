@@ -15,6 +15,9 @@
 #include "media_relay/mpegts/TsDemuxer.h"
 #include "media_relay/mpegts/TsFramer.h"
 #include "media_relay/mpegts/TsSections.h"
+#include "media_relay/rtsp/RtpMuxer.h"
+#include "media_relay/rtsp/Transport.h"
+#include "rtsp_options/Request.h"
 
 using namespace relay;
 
@@ -90,6 +93,18 @@ void driveBytes(const uint8_t* data, size_t size) {
     demuxer.flush();
 }
 
+/// As the relay does when a client of RTSP watches; each packet must say how long it is.
+struct RtpSink : RtpMuxer::Sink {
+    void onPackets(RtpUnit&& unit) override {
+        for (const RtpPacket& packet : unit.packets) {
+            if (packet.size() < 16 || packet.size() > 16 + RtpTrack::MOST_PAYLOAD ||
+                (packet[2] * 256U + packet[3]) + RtpTrack::FRAMING != packet.size()) {
+                std::abort();
+            }
+        }
+    }
+};
+
 /// Packets of a programme with pictures and sound, whose heads and first bytes are those of the input.
 void drivePackets(const uint8_t* data, size_t size) {
     std::vector<uint8_t> map{2,    0xB0, 0,    0,    7,    0xC1, 0,    0,    0xE1, 0x00, 0xF0,
@@ -135,6 +150,8 @@ void driveUnits(const uint8_t* data, size_t size) {
     }
     Mp4Sink mp4;
     Remuxer remuxer(mp4);
+    RtpSink rtp;
+    RtpMuxer muxer(rtp);
     ProgramMap map;
     map.streams.push_back({1, StreamKind::Video, kVideos[data[0] % 3], 0});
     map.streams.push_back({2, StreamKind::Audio, data[0] % 2 == 0 ? Codec::Aac : Codec::Opus, data[1] % 4U});
@@ -142,6 +159,7 @@ void driveUnits(const uint8_t* data, size_t size) {
         map.streams.erase(map.streams.begin());
     }
     remuxer.begin(map);
+    muxer.begin(map);
     data += 2;
     size -= 2;
     while (size >= 4) {
@@ -154,10 +172,13 @@ void driveUnits(const uint8_t* data, size_t size) {
         unit.packets.insert(unit.packets.end(), data + 4, data + 4 + part);
         unit.packets.resize(kTsPacketSize, 0);
         remuxer.put(unit);
+        muxer.put(unit);
+        muxer.makeReports(size, "name");
         data += 4 + part;
         size -= 4 + part;
     }
     remuxer.flush();
+    makeSdp("name", "rtsp://host/name", false, muxer.describe());
 }
 
 void driveTables(const uint8_t* data, size_t size) {
@@ -182,6 +203,24 @@ void driveRequest(const uint8_t* data, size_t size) {
     if (status == 200 && (request.path.empty() || request.path[0] != '/')) {
         std::abort();
     }
+}
+
+/// A request of RTSP, and the same bytes as reports of receivers.
+void driveRtsp(const uint8_t* data, size_t size) {
+    const std::string text(reinterpret_cast<const char*>(data), size);
+    const size_t length = rtsp::headLength(text);
+    if (length > text.size()) {
+        std::abort();
+    }
+    const std::string head = text.substr(0, length);
+    if (length != 0 && rtsp::parse(head).good && head.find("RTSP/") == std::string::npos) {
+        std::abort();
+    }
+    const Transport transport = chooseTransport(length != 0 ? rtsp::header(head, "Transport") : text);
+    if (transport.kind == Transport::UDP && (transport.port == 0 || transport.reportPort == 0)) {
+        std::abort();
+    }
+    readReceptions(data, size);
 }
 
 /// Fragments whose times the input says, and after each a request for what comes of them.
@@ -225,8 +264,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size == 0) {
         return 0;
     }
-    constexpr void (*kDrivers[])(const uint8_t*, size_t) = {driveBytes,   drivePackets, driveTables,
-                                                            driveRequest, driveUnits,   driveHls};
-    kDrivers[data[0] % 6](data + 1, size - 1);
+    constexpr void (*kDrivers[])(const uint8_t*, size_t) = {
+        driveBytes, drivePackets, driveTables, driveRequest, driveUnits, driveHls, driveRtsp};
+    kDrivers[data[0] % 7](data + 1, size - 1);
     return 0;
 }
