@@ -76,6 +76,9 @@ public:
         EXPECT_THAT(answerTo("PLAY", m_url + "/"), StartsWith("RTSP/1.0 200 OK"));
     }
 
+    /// Packets that came, and were not asked for.
+    size_t kept() const { return m_kept.size(); }
+
     /// What came before the last answer is not looked at any more.
     void forget() { m_kept.clear(); }
 
@@ -226,6 +229,7 @@ TEST_F(RelayRtsp, PlaysOverTheConnectionAndAnswersBetweenTwoPictures) {
     RtspClient client(m_port);
     client.play(2);
     const Interleaved report = client.packet(1);
+    EXPECT_EQ(0U, client.kept()) << "nothing came before it";
     EXPECT_EQ('\xC8', report.bytes.at(1)) << "the clocks come before the first picture";
     EXPECT_EQ('\xC8', client.packet(3).bytes.at(1));
     Interleaved last = client.packet();
