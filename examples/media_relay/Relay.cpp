@@ -13,9 +13,9 @@
 #include <Infra/Log.h>
 #include <Infra/Time.h>
 
-#include "media_relay/TestSource.h"
-#include "media_relay/TsSource.h"
 #include "media_relay/http/Session.h"
+#include "media_relay/input/TestSource.h"
+#include "media_relay/input/TsSource.h"
 #include "media_relay/rtsp/RtspSession.h"
 
 namespace relay {
@@ -165,13 +165,13 @@ void Relay::startSource(int fd) {
     if (m_options.isTest()) {
         source = TestSource::Create(m_roster, m_stream, *this, m_options);
     } else {
+        const TsOutputs outputs{m_stream, m_mp4, m_options.rtspPort < 0 ? nullptr : &m_rtsp,
+                                m_options.multicastIp.empty() ? nullptr : &m_multicast};
         TsSource::Setup setup;
         setup.fd = fd;
         setup.loop = m_options.loop;
         setup.program = m_options.program;
-        setup.multicast = m_options.multicastIp.empty() ? nullptr : &m_multicast;
-        setup.rtsp = m_options.rtspPort < 0 ? nullptr : &m_rtsp;
-        source = TsSource::Create(m_roster, m_stream, m_mp4, *this, setup);
+        source = TsSource::Create(m_roster, outputs, *this, setup);
     }
     source->start(m_options.speed);
 }

@@ -15,11 +15,11 @@
 #include "media_relay/Mp4Output.h"
 #include "media_relay/MulticastOutput.h"
 #include "media_relay/Options.h"
-#include "media_relay/Source.h"
 #include "media_relay/figures/History.h"
 #include "media_relay/figures/PoolWork.h"
 #include "media_relay/hls/Waker.h"
 #include "media_relay/http/Listener.h"
+#include "media_relay/input/Source.h"
 #include "media_relay/rtsp/RtspOutput.h"
 
 namespace relay {

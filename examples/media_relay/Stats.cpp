@@ -155,6 +155,8 @@ std::string Relay::json() {
         {"bytes", totals.bytes},
         {"skipped_bytes", m_source.skipped},
         {"damaged_packets", m_source.damaged},
+        {"lost_packets", m_source.lost},
+        {"state", m_source.state},
         {"clock_jumps", m_source.jumps},
         {"rounds", m_source.rounds}};
     all["totals"] = {

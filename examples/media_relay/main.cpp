@@ -17,7 +17,7 @@
 #include <Reticor/NetThread.h>
 
 #include "media_relay/Relay.h"
-#include "media_relay/TsSource.h"
+#include "media_relay/input/TsSource.h"
 
 using namespace relay;
 using Orvex::Reticor::CNetThread;

@@ -11,6 +11,7 @@
 #include "media_relay/mpegts/TsClock.h"
 #include "media_relay/mpegts/TsDemuxer.h"
 #include "media_relay/mpegts/TsFramer.h"
+#include "media_relay/mpegts/TsLosses.h"
 #include "media_relay/mpegts/TsSections.h"
 
 using namespace relay;
@@ -138,6 +139,33 @@ bool isKey(Codec codec, const Bytes& bytes) {
 }
 
 }  // namespace
+
+TEST(TsLosses, CountsThePacketsThatTheCountersMiss) {
+    TsLosses losses;
+    const auto put = [&](unsigned pid, unsigned counter) {
+        losses.put(TsPacket(packet(pid, counter, false, {}).data()));
+        return losses.lost();
+    };
+    put(kVideoPid, 14);
+    EXPECT_EQ(0U, put(kVideoPid, 15));
+    EXPECT_EQ(0U, put(kVideoPid, 0)) << "it comes round";
+    EXPECT_EQ(0U, put(kVideoPid, 0)) << "a packet may be sent twice";
+    EXPECT_EQ(0U, put(kAudioPid, 9)) << "each stream counts for itself";
+    EXPECT_EQ(2U, put(kVideoPid, 3));
+    EXPECT_EQ(put(kTsNullPid, 1), put(kTsNullPid, 5));
+    Bytes bare = packet(kVideoPid, 3, false, {});  // no payload, and the counter stays
+    bare[3] = 0x23;
+    bare[4] = 183;
+    losses.put(TsPacket(bare.data()));
+    EXPECT_EQ(2U, put(kVideoPid, 4));
+    Bytes jump = packet(kVideoPid, 9, false, {}, true);
+    jump[5] |= 0x80;
+    losses.put(TsPacket(jump.data()));
+    EXPECT_EQ(2U, put(kVideoPid, 10)) << "the stream said that it jumps";
+    losses.restart();
+    EXPECT_EQ(2U, put(kVideoPid, 5));
+    EXPECT_EQ(3U, put(kVideoPid, 7));
+}
 
 TEST(TsFramer, FindsPacketsWhateverThePieces) {
     Bytes bytes;

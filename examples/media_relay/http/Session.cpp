@@ -9,9 +9,9 @@
 
 #include <Infra/Log.h>
 
-#include "media_relay/TestSource.h"
 #include "media_relay/http/Page.h"
 #include "media_relay/http/Response.h"
+#include "media_relay/input/TestSource.h"
 
 namespace relay {
 

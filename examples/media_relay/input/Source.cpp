@@ -1,6 +1,6 @@
 // Source: its place in the roster, and its clock.
 
-#include "media_relay/Source.h"
+#include "media_relay/input/Source.h"
 
 #include "media_relay/Member.h"
 
@@ -8,8 +8,7 @@ namespace relay {
 
 using namespace Orvex::Reticor;
 
-Source::Source(Roster& roster, LiveStream& stream, SourceListener& listener)
-    : m_stream(stream), m_roster(roster), m_listener(listener) {
+Source::Source(Roster& roster, SourceListener& listener) : m_roster(roster), m_listener(listener) {
     SetReceiveMode(receiver_passive);
     m_roster.enter(GetID());
 }

@@ -1,9 +1,10 @@
 // TestSource: the test picture as motion JPEG, in real time.
 #pragma once
 
+#include "media_relay/LiveStream.h"
 #include "media_relay/Options.h"
-#include "media_relay/Source.h"
-#include "media_relay/TestPicture.h"
+#include "media_relay/input/Source.h"
+#include "media_relay/input/TestPicture.h"
 
 namespace relay {
 
@@ -25,6 +26,7 @@ private:
 
     void put(std::vector<uint8_t>&& picture, bool low);
 
+    LiveStream& m_stream;
     TestPicture m_picture;
     const unsigned m_fps;
     const bool m_twoQualities;

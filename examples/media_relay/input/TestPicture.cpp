@@ -1,6 +1,6 @@
 // TestPicture: pixels by hand, JPEG by libjpeg-turbo.
 
-#include "media_relay/TestPicture.h"
+#include "media_relay/input/TestPicture.h"
 
 #include <turbojpeg.h>
 #include <algorithm>

@@ -1,6 +1,6 @@
 // TestSource: one picture a call.
 
-#include "media_relay/TestSource.h"
+#include "media_relay/input/TestSource.h"
 
 #include <time.h>
 #include <cinttypes>
@@ -55,7 +55,8 @@ TestSource* TestSource::Create(Roster& roster, LiveStream& stream, SourceListene
 }
 
 TestSource::TestSource(Roster& roster, LiveStream& stream, SourceListener& listener, const Options& options)
-    : Source(roster, stream, listener),
+    : Source(roster, listener),
+      m_stream(stream),
       m_picture(options.width, options.height),
       m_fps(options.fps),
       m_twoQualities(options.twoQualities) {

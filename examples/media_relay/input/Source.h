@@ -1,25 +1,14 @@
-// Source: what the inputs have in common. A source is called at the pace of its media time, and hands frames
-// to the live stream.
+// Source: what the paced inputs have in common. A source is called at the pace of its media time.
 #pragma once
 
 #include <string>
 
 #include <Reticor/MediaStreamReceiver.h>
 
-#include "media_relay/LiveStream.h"
 #include "media_relay/Roster.h"
+#include "media_relay/input/SourceView.h"
 
 namespace relay {
-
-/// How an input fares.
-struct SourceView {
-    std::string kind;
-    double seconds = 0;    // of media time played
-    uint64_t skipped = 0;  // bytes that belonged to no packet
-    uint64_t damaged = 0;  // packets
-    uint64_t jumps = 0;    // of the clock
-    uint64_t rounds = 0;   // times that the input began again
-};
 
 /// Told by a source, on its own thread. Outlives it.
 class SourceListener {
@@ -40,7 +29,7 @@ public:
     void start(double speed);
 
 protected:
-    Source(Roster& roster, LiveStream& stream, SourceListener& listener);
+    Source(Roster& roster, SourceListener& listener);
 
     /// Playing goes on, with a media time that counts from now. The receiver's clock is a float: near 0 it
     /// is exact, after an hour it counts in steps of 256 us, after a day in steps of 8 ms.
@@ -51,7 +40,6 @@ protected:
 
     void tell() { m_listener.onSourceView(m_now); }
 
-    LiveStream& m_stream;
     SourceView m_now;
 
 private:
