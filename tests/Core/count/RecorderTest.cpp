@@ -14,8 +14,10 @@
 #include <cerrno>
 #include <csignal>
 #include <fstream>
+#include <functional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "Core/count/ClassRows.h"
@@ -31,6 +33,9 @@ namespace Orvex::Testing {
 namespace {
 
 using namespace Reticor;
+
+/// Called once, inside of the next ftruncate of this program.
+std::function<void()> g_inside_truncate;
 
 uint32_t ownThread() {
     return static_cast<uint32_t>(::syscall(SYS_gettid));
@@ -321,6 +326,30 @@ TEST_F(Recorder, ACrashFileThatTakesNothingLeavesErrnoAsItWas) {
     EXPECT_EQ(0, CRecorder::OpenCrashFile(nullptr));
 }
 
+// The second one would write into the middle of what the first one writes.
+TEST_F(Recorder, AThreadThatCrashesWhileAnotherOneDumpsLeavesTheFileToThat) {
+    const std::string path = folder.file("crash");
+    ASSERT_EQ(0, CRecorder::OpenCrashFile(path.c_str()));
+    CRecorder::Start();
+    meetFrom(1, 77);
+    int from_another_thread = 0;
+    int from_a_crash_in_the_dump = 0;
+    g_inside_truncate = [&] {
+        std::thread([&] {
+            errno = EDOM;
+            from_another_thread = CRecorder::DumpInCrash();
+            EXPECT_EQ(EDOM, errno);
+        }).join();
+        from_a_crash_in_the_dump = CRecorder::DumpInCrash();
+    };
+    EXPECT_EQ(0, CRecorder::DumpInCrash());
+    EXPECT_EQ(-1, from_another_thread);
+    EXPECT_EQ(-1, from_a_crash_in_the_dump);
+    expectInOrder(DumpFile(path).threads.at(0), 1, 77);
+    EXPECT_EQ(0, CRecorder::DumpInCrash()) << "nobody dumps any more";
+    EXPECT_EQ(0, CRecorder::OpenCrashFile(nullptr));
+}
+
 void crashIntoFile(const char* path) {
     CRecorder::OpenCrashFile(path);
     CRecorder::Start();
@@ -375,3 +404,10 @@ TEST_F(Recorder, NamesClassesByTheirRows) {
 
 }  // namespace
 }  // namespace Orvex::Testing
+
+extern "C" __attribute__((visibility("default"))) int ftruncate(int fd, off_t length) noexcept {
+    if (const std::function<void()> inside = std::exchange(Orvex::Testing::g_inside_truncate, nullptr)) {
+        inside();
+    }
+    return static_cast<int>(::syscall(SYS_ftruncate, fd, length));
+}
