@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include <Reticor/Export.h>
+#include <Reticor/MediaVerdicts.h>
 
 namespace Orvex::Reticor {
 
@@ -186,13 +187,14 @@ struct StuckCall {
 /// Most figures of an `ObjectStats`.
 constexpr size_t OBJECT_FIGURES = 6;
 
-/// A byte-stream sender, a file, a receiver or a tick. What they have to tell differs, so each figure has its
-/// name with it. Counters only rise, from the making of the object on.
+/// A byte-stream sender, a file, a receiver, a tick or a lane. What they have to tell differs, so each figure
+/// has its name with it. Counters only rise, from the making of the object on.
 ///
 /// "stream_sender": `waiting_bytes`, `buffer_bytes` that may wait, `sent_bytes` that the socket took and
 /// `refused_puts` for which there was no room. "file": `written_bytes` and `read_bytes` of its device,
 /// `device_errors`. "receiver": `calls` of it and `running` (1). "tick": `period_us`, `ticks` so far and
-/// `events` on it.
+/// `events` on it. "lane", of `CMediaLanes`: the number of its `buffer`, `waiting_frames` and `waiting_bytes`
+/// that no worker has taken yet, `lost_frames` and `lost_bytes` for which its bounds had no room.
 struct ObjectStats {
     uint32_t size = sizeof(ObjectStats);  ///< Bytes that the caller knows.
     uint32_t version = STATS_VERSION;     ///< For which the caller was built.
@@ -241,6 +243,29 @@ struct AlarmStats {
     uint64_t amount;    ///< Now: sockets that are left out, late timers that wait, calls that run too long.
     uint64_t most_us;   ///< How late the latest timer was, how long the longest call of now has run; else 0.
     char text[128];     ///< All of this in a sentence, in English, with an end mark.
+};
+
+/// A media buffer. What one of `CMediaLanes` has not taken yet is told by the object "lane".
+struct BufferStats {
+    uint32_t size = sizeof(BufferStats);  ///< Bytes that the caller knows.
+    uint32_t version = STATS_VERSION;     ///< For which the caller was built.
+    uint64_t buffer;                      ///< Its number, the first of the process being 1.
+    uint64_t senders;                     ///< On its list.
+    uint64_t frames;                      ///< Complete ones that it holds,
+    uint64_t bytes;                       ///< and their bytes.
+    uint64_t put_bytes;                   ///< Of frames that were ever put.
+    uint64_t held_frames;  ///< All that it has the packets of: complete ones, those that wait for senders
+    uint64_t held_bytes;   ///< that step ahead, and the one that is being filled.
+};
+
+/// Senders of media that have the same verdict.
+struct VerdictStats {
+    uint32_t size = sizeof(VerdictStats);  ///< Bytes that the caller knows.
+    uint32_t version = STATS_VERSION;      ///< For which the caller was built.
+    SenderVerdictKind kind;                ///< The verdict.
+    uint32_t reserved;                     ///< 0.
+    uint64_t senders;                      ///< That are on a buffer's list.
+    uint64_t ended;                        ///< That ever ended with it, if they were looked at until then.
 };
 
 /// How much was done between two snapshots, and how fast. Rates are by second.
@@ -304,10 +329,27 @@ public:
     size_t GetClassCount() const;
     /// The classes, those with the most calls first.
     int GetClass(size_t place, HandlerClassStats& stats) const;
-    /// How many byte-stream senders, files, receivers and ticks there were.
+    /// How many byte-stream senders, files, receivers, ticks and lanes there were.
     size_t GetObjectCount() const;
     /// The objects, the youngest first.
     int GetObject(size_t place, ObjectStats& stats) const;
+
+    /// How many media buffers there were.
+    size_t GetBufferCount() const;
+    /// Media buffers by their numbers.
+    int GetBuffer(size_t place, BufferStats& stats) const;
+    /// How many senders there were on the lists of media buffers.
+    size_t GetSenderCount() const;
+    /// Those senders, the ones that suffer most first.
+    int GetSender(size_t place, SenderVerdict& verdict) const;
+    /// How many senders of media have ended of which the last verdict is known: 32 at most.
+    size_t GetEndedSenderCount() const;
+    /// The last verdicts on those, the youngest first.
+    int GetEndedSender(size_t place, SenderVerdict& verdict) const;
+    /// How many kinds of verdicts there are; 0 of an empty snapshot.
+    size_t GetVerdictCount() const;
+    /// The kinds, each with how many senders have it, and have ended with it.
+    int GetVerdict(size_t place, VerdictStats& stats) const;
 
     /// How many rows there were of memory.
     size_t GetMemoryCount() const;

@@ -318,6 +318,19 @@ TEST(LookAtRelay, ReadsClientsAsSenders) {
     EXPECT_FALSE(row.has_left);
 }
 
+TEST(LookAtProcess, SendersThatHaveEndedComeAfterThoseThatAreThere) {
+    json all = Samples::process(1);
+    all["media_senders_ended"].push_back(Samples::sender("-9", "stalled", "stalled for 3.0 s", 3000000));
+    all["media_senders"].push_back(Samples::sender("-1", "keeps_up", "keeps up", 0));
+    const Look look = Samples::read(all);
+    ASSERT_EQ(2u, look.senders.size());
+    EXPECT_EQ("-1", look.senders[0].name);
+    EXPECT_FALSE(look.senders[0].has_left);
+    EXPECT_EQ("-9", look.senders[1].name);
+    EXPECT_TRUE(look.senders[1].has_left);
+    EXPECT_EQ("stalled for 3.0 s", look.senders[1].why);
+}
+
 TEST(LookAtRelay, ThoseThatHaveLeftComeAfterThose) {
     json all = Samples::relay();
     all["ended"].push_back(

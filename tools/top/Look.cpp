@@ -221,6 +221,10 @@ void read_process(const json& from, uint64_t now_us, Look& look) {
     read_rows(from, "classes", look.classes);
     read_rows(from, "media_buffers", look.buffers);
     read_rows(from, "media_senders", look.senders);
+    const size_t senders = look.senders.size();
+    read_rows(from, "media_senders_ended", look.senders);
+    std::for_each(look.senders.begin() + static_cast<std::ptrdiff_t>(senders), look.senders.end(),
+                  [](SenderRow& row) { row.has_left = true; });
     read_rows(from, "objects", look.objects);
     read_rows(from, "memory", look.memory);
     add_up(look.memory);

@@ -17,7 +17,8 @@ struct ObjectKind {
     struct Figure {
         const char* name;  ///< Null after the last.
         const char* help;
-        bool counter;  ///< Rises for as long as the object lives.
+        bool counter;          ///< Rises for as long as the object lives.
+        bool is_name = false;  ///< Tells something apart: figures of several objects are not added up.
     };
 
     const char* name;

@@ -37,7 +37,7 @@ void add_memory_rows(const MediaRows& media, std::vector<MemoryStats>& memory) {
     }
     if (!media.buffers.empty()) {
         MemoryStats frames = row_of("media_frames", 0, 0);
-        for (const MediaBufferRow& buffer : media.buffers) {
+        for (const BufferStats& buffer : media.buffers) {
             frames.pieces += buffer.held_frames;
             frames.bytes += buffer.held_bytes;
         }

@@ -23,6 +23,7 @@
 #include "Core/stats/Alarms.h"
 #include "Core/stats/MemoryRows.h"
 #include "Core/stats/StuckWatch.h"
+#include "Tool/judge/VerdictText.h"
 
 namespace Orvex::Reticor {
 
@@ -164,7 +165,7 @@ bool Snapshot::Gather() {
         gather_threads();
         gather_classes();
         ObjectRoll::read(objects);
-        MediaSource::Ask(media);
+        gather_media();
         add_memory_rows(media, memory);
         Alarms::gather(pools, alarms);
     } catch (const std::bad_alloc&) {
@@ -278,6 +279,18 @@ void Snapshot::gather_classes() {
         classes.push_back(stats);
     }
     std::stable_sort(classes.begin(), classes.end(), busier);
+}
+
+void Snapshot::gather_media() {
+    MediaSource::Ask(media);
+    verdicts.resize(VerdictText::KINDS);
+    for (size_t kind = 0; kind < VerdictText::KINDS; ++kind) {
+        verdicts[kind].kind = static_cast<SenderVerdictKind>(kind);
+        verdicts[kind].ended = media.ended_ever[kind];
+    }
+    for (const SenderVerdict& sender : media.senders) {
+        ++verdicts[static_cast<size_t>(sender.kind)].senders;
+    }
 }
 
 }  // namespace Orvex::Reticor

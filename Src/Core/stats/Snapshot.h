@@ -18,6 +18,7 @@ struct Snapshot {
     std::vector<HandlerClassStats> classes;
     std::vector<ObjectRow> objects;
     MediaRows media;
+    std::vector<VerdictStats> verdicts;  ///< Each kind once.
     std::vector<MemoryStats> memory;
     std::vector<AlarmStats> alarms;
 
@@ -29,6 +30,7 @@ private:
     void gather_pools();
     void gather_threads();
     void gather_classes();
+    void gather_media();
 };
 
 }  // namespace Orvex::Reticor

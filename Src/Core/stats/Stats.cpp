@@ -143,6 +143,38 @@ int CStats::GetObject(size_t place, ObjectStats& stats) const {
     return hand_out(found, stats);
 }
 
+size_t CStats::GetBufferCount() const {
+    return m_state != nullptr ? m_state->snapshot.media.buffers.size() : 0;
+}
+
+int CStats::GetBuffer(size_t place, BufferStats& stats) const {
+    return hand_out_at(m_state != nullptr ? &m_state->snapshot.media.buffers : nullptr, place, stats);
+}
+
+size_t CStats::GetSenderCount() const {
+    return m_state != nullptr ? m_state->snapshot.media.senders.size() : 0;
+}
+
+int CStats::GetSender(size_t place, SenderVerdict& verdict) const {
+    return hand_out_at(m_state != nullptr ? &m_state->snapshot.media.senders : nullptr, place, verdict);
+}
+
+size_t CStats::GetEndedSenderCount() const {
+    return m_state != nullptr ? m_state->snapshot.media.ended.size() : 0;
+}
+
+int CStats::GetEndedSender(size_t place, SenderVerdict& verdict) const {
+    return hand_out_at(m_state != nullptr ? &m_state->snapshot.media.ended : nullptr, place, verdict);
+}
+
+size_t CStats::GetVerdictCount() const {
+    return m_state != nullptr ? m_state->snapshot.verdicts.size() : 0;
+}
+
+int CStats::GetVerdict(size_t place, VerdictStats& stats) const {
+    return hand_out_at(m_state != nullptr ? &m_state->snapshot.verdicts : nullptr, place, stats);
+}
+
 size_t CStats::GetMemoryCount() const {
     return m_state != nullptr ? m_state->snapshot.memory.size() : 0;
 }

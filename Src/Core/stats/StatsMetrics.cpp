@@ -137,22 +137,34 @@ void object_families(const std::vector<ObjectRow>& objects, TextRoom& out) {
         family(all.c_str(), "gauge", "Objects of that kind.", out);
         out << all << " " << count << "\n";
         for (size_t figure = 0; figure < OBJECT_FIGURES && kind->figures[figure].name != nullptr; ++figure) {
+            if (kind->figures[figure].is_name) {
+                continue;
+            }
             family((prefix + kind->figures[figure].name).c_str(), "gauge", kind->figures[figure].help, out);
             out << prefix << kind->figures[figure].name << " " << sums[figure] << "\n";
         }
     }
 }
 
-/// Kinds are told by number, so that a name that a later version adds is not left out.
-void verdict_family(const MediaRows& media, TextRoom& out) {
-    family("reticor_media_senders", "gauge", "Senders of media, by what holds them up.", out);
-    for (uint32_t kind = 0; kind <= static_cast<uint32_t>(SenderVerdictKind::SILENT); ++kind) {
-        uint64_t count = 0;
-        for (const SenderVerdict& row : media.senders) {
-            count += static_cast<uint32_t>(row.kind) == kind ? 1 : 0;
+void verdict_families(const std::vector<VerdictStats>& verdicts, TextRoom& out) {
+    struct Family {
+        const char* name;
+        const char* type;
+        const char* help;
+        uint64_t VerdictStats::*value;
+    };
+    constexpr Family FAMILIES[] = {
+        {"reticor_media_senders", "gauge", "Senders of media, by what holds them up.",
+         &VerdictStats::senders},
+        {"reticor_media_senders_ended_total", "counter", "Senders that have ended, by the last verdict.",
+         &VerdictStats::ended},
+    };
+    for (const Family& each : FAMILIES) {
+        family(each.name, each.type, each.help, out);
+        for (const VerdictStats& row : verdicts) {
+            out << each.name << "{verdict=";
+            out.Quote(VerdictText::name(row.kind)) << "} " << row.*each.value << "\n";
         }
-        out << "reticor_media_senders{verdict=";
-        out.Quote(VerdictText::name(static_cast<SenderVerdictKind>(kind))) << "} " << count << "\n";
     }
 }
 
@@ -184,35 +196,34 @@ void drop_family(const MediaRows& media, TextRoom& out) {
     }
 }
 
-/// Only where there is media, so that others have no empty families.
-void media_families(const MediaRows& media, TextRoom& out) {
-    if (media.buffers.empty()) {
+/// Only where there is media or was, so that others have no empty families.
+void media_families(const Snapshot& snapshot, TextRoom& out) {
+    const MediaRows& media = snapshot.media;
+    if (media.buffers.empty() && media.ended.empty()) {
         return;
     }
     struct Family {
         const char* name;
         const char* type;
         const char* help;
-        uint64_t MediaBufferRow::*value;
+        uint64_t BufferStats::*value;
     };
     constexpr Family FAMILIES[] = {
-        {"reticor_media_buffer_senders", "gauge", "Senders on a media buffer's list.",
-         &MediaBufferRow::senders},
-        {"reticor_media_buffer_frames", "gauge", "Frames that a media buffer holds.",
-         &MediaBufferRow::frames},
-        {"reticor_media_buffer_bytes", "gauge", "Bytes that a media buffer holds.", &MediaBufferRow::bytes},
+        {"reticor_media_buffer_senders", "gauge", "Senders on a media buffer's list.", &BufferStats::senders},
+        {"reticor_media_buffer_frames", "gauge", "Frames that a media buffer holds.", &BufferStats::frames},
+        {"reticor_media_buffer_bytes", "gauge", "Bytes that a media buffer holds.", &BufferStats::bytes},
         {"reticor_media_buffer_held_bytes", "gauge", "The same with what waits for late clients and fills.",
-         &MediaBufferRow::held_bytes},
+         &BufferStats::held_bytes},
         {"reticor_media_buffer_put_bytes_total", "counter", "Bytes of frames that were put.",
-         &MediaBufferRow::put_bytes},
+         &BufferStats::put_bytes},
     };
     for (const Family& each : FAMILIES) {
         family(each.name, each.type, each.help, out);
-        for (const MediaBufferRow& row : media.buffers) {
+        for (const BufferStats& row : media.buffers) {
             out << each.name << "{buffer=\"" << row.buffer << "\"} " << row.*each.value << "\n";
         }
     }
-    verdict_family(media, out);
+    verdict_families(snapshot.verdicts, out);
     sender_family(
         media, "reticor_media_sender_lag_seconds", "How late a client is; of those that suffer most.",
         [](const SenderVerdict& row) { return static_cast<double>(row.lag_us) / 1e6; }, out);
@@ -299,7 +310,7 @@ void write_metrics(const Snapshot& snapshot, TextRoom& out) {
     object_families(snapshot.objects, out);
     memory_families(snapshot.memory, out);
     alarm_families(snapshot, out);
-    media_families(snapshot.media, out);
+    media_families(snapshot, out);
 }
 
 }  // namespace Orvex::Reticor

@@ -102,7 +102,7 @@ void json_of_class(const HandlerClassStats& row, TextRoom& out) {
                         << ",\"timed\":" << row.timed << ",\"time_ns\":" << row.time_ns << "}";
 }
 
-void json_of_buffer(const MediaBufferRow& row, TextRoom& out) {
+void json_of_buffer(const BufferStats& row, TextRoom& out) {
     out << "{\"buffer\":" << row.buffer << ",\"senders\":" << row.senders << ",\"frames\":" << row.frames
         << ",\"bytes\":" << row.bytes << ",\"put_bytes\":" << row.put_bytes
         << ",\"held_frames\":" << row.held_frames << ",\"held_bytes\":" << row.held_bytes << "}";
@@ -220,8 +220,37 @@ void json_of_sender(const SenderVerdict& row, TextRoom& out) {
     out << "}";
 }
 
+void json_of_verdict(const VerdictStats& row, TextRoom& out) {
+    out << "{\"verdict\":\"" << VerdictText::name(row.kind) << "\",\"senders\":" << row.senders
+        << ",\"ended\":" << row.ended << "}";
+}
+
+/// Why they were slow when they ended, the youngest first.
+void text_of_ended(const Snapshot& snapshot, TextRoom& out) {
+    if (snapshot.media.ended.empty()) {
+        return;
+    }
+    uint64_t all = 0;
+    for (const VerdictStats& row : snapshot.verdicts) {
+        all += row.ended;
+    }
+    out << "senders that have ended: " << all;
+    for (const VerdictStats& row : snapshot.verdicts) {
+        if (row.ended != 0) {
+            out << ", " << VerdictText::name(row.kind) << " " << row.ended;
+        }
+    }
+    out << "\n";
+    for (const SenderVerdict& row : snapshot.media.ended) {
+        out << row.sender;
+        out.Column(22) << row.buffer;
+        out.Column(30) << "ended";
+        out.Column(52) << row.sentence << "\n";
+    }
+}
+
 void text_of_media(const MediaRows& media, TextRoom& out) {
-    for (const MediaBufferRow& row : media.buffers) {
+    for (const BufferStats& row : media.buffers) {
         out << "media buffer " << row.buffer << ": " << row.senders << " senders, " << row.held_frames
             << " frames held, " << row.held_bytes << " bytes\n";
     }
@@ -322,6 +351,7 @@ void write_text(const Snapshot& snapshot, TextRoom& out) {
         }
     }
     text_of_media(snapshot.media, out);
+    text_of_ended(snapshot, out);
     text_of_objects(snapshot.objects, out);
     text_of_memory(snapshot.memory, out);
     out << "class";
@@ -356,6 +386,8 @@ void write_json(const Snapshot& snapshot, TextRoom& out) {
     json_list("objects", snapshot.objects, &json_of_object, out);
     json_list("media_buffers", snapshot.media.buffers, &json_of_buffer, out);
     json_list("media_senders", snapshot.media.senders, &json_of_sender, out);
+    json_list("media_senders_ended", snapshot.media.ended, &json_of_sender, out);
+    json_list("media_verdicts", snapshot.verdicts, &json_of_verdict, out);
     json_list("memory", snapshot.memory, &json_of_memory, out);
     json_list("alarms", snapshot.alarms, &json_of_alarm, out);
     out << ",\"pid\":" << process.pid << "}\n";

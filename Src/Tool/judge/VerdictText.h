@@ -1,12 +1,17 @@
 // VerdictText: a verdict in a sentence.
 #pragma once
 
+#include <cstddef>
+
 #include <Reticor/MediaVerdicts.h>
 
 namespace Orvex::Reticor {
 
 class VerdictText {
 public:
+    /// How many kinds there are.
+    static constexpr size_t KINDS = static_cast<size_t>(SenderVerdictKind::SILENT) + 1;
+
     /// One word, with underscores.
     static const char* name(SenderVerdictKind kind);
     /// Whether one client suffers more than another: those that get nothing first, then those that do not

@@ -8,10 +8,26 @@
 
 #include "Core/pool/PoolTable.h"
 #include "Core/service/Message.h"
+#include "Tool/media/MediaBufferState.h"
 
 namespace Orvex::Reticor {
 
-LaneHandler::LaneHandler(std::shared_ptr<Lane> lane, int pool) : CNetHandler(pool), m_lane(std::move(lane)) {}
+const ObjectKind LaneHandler::KIND{
+    "lane",
+    {{{"buffer", "The number of its media buffer.", false, true},
+      {"waiting_frames", "Frames that no worker of a lane has taken yet.", false},
+      {"waiting_bytes", "Their bytes.", false},
+      {"lost_frames", "Frames that lanes have lost, since more waited than may.", true},
+      {"lost_bytes", "Their bytes.", true}}}};
+
+ObjectValues LaneHandler::figures(const void* object) {
+    const auto& handler = *static_cast<const LaneHandler*>(object);
+    const LaneInbox::Stats stats = handler.m_lane->inbox().glance();
+    return {handler.m_buffer_number, stats.frames, stats.bytes, stats.lost_frames, stats.lost_bytes};
+}
+
+LaneHandler::LaneHandler(std::shared_ptr<Lane> lane, int pool)
+    : CNetHandler(pool), m_lane(std::move(lane)), m_buffer_number(m_lane->state().m_roll.number()) {}
 
 LaneHandler* LaneHandler::begin(const std::shared_ptr<Lane>& lane, int pool) {
     auto* const handler = new (std::nothrow) LaneHandler(lane, pool);
@@ -24,6 +40,7 @@ LaneHandler* LaneHandler::begin(const std::shared_ptr<Lane>& lane, int pool) {
     }
     handler->AddRef();
     lane->set_handler(handler->GetID());
+    handler->m_roll.enter(handler->GetID());
     return handler;
 }
 

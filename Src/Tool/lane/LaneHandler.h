@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "Core/count/ObjectRoll.h"
 #include "Tool/lane/Lane.h"
 
 namespace Orvex::Reticor {
@@ -26,10 +27,16 @@ public:
     int handle_close(CNetHandler* self) override;
 
 private:
+    static const ObjectKind KIND;
+
     LaneHandler(std::shared_ptr<Lane> lane, int pool);
     ~LaneHandler() override = default;
 
+    static ObjectValues figures(const void* object);
+
     const std::shared_ptr<Lane> m_lane;
+    const uint64_t m_buffer_number;
+    RollEntry m_roll{KIND, &LaneHandler::figures, this};
 };
 
 }  // namespace Orvex::Reticor

@@ -5,6 +5,8 @@
 #include <new>
 #include <utility>
 
+#include <Infra/Atomic.h>
+
 #include "Tool/frame/MediaFrame.h"
 
 namespace Orvex::Reticor {
@@ -61,16 +63,16 @@ void LaneInbox::append(const Entry& entry) {
     Line& line = m_lines[static_cast<size_t>(line_of(entry.level_word))];
     (line.first == NONE ? line.first : m_places[line.last].next) = at;
     line.last = at;
-    ++m_frames;
-    m_bytes += entry.bytes;
+    Infra::relaxedStore(m_frames, m_frames + 1);
+    Infra::relaxedStore(m_bytes, m_bytes + entry.bytes);
 }
 
 // The oldest one of the line is out of it.
 void LaneInbox::leave_line(Line& line) {
     Place& place = m_places[line.first];
     line.first = std::exchange(place.next, NONE);
-    --m_frames;
-    m_bytes -= place.entry.bytes;
+    Infra::relaxedStore(m_frames, m_frames - 1);
+    Infra::relaxedStore(m_bytes, m_bytes - place.entry.bytes);
 }
 
 LanePacket* LaneInbox::lose_first(Line& line) {
@@ -106,8 +108,8 @@ void LaneInbox::add_to_sums(int level_word, uint64_t bytes) {
 }
 
 void LaneInbox::count_lost(uint64_t bytes) {
-    ++m_lost_frames;
-    m_lost_bytes += bytes;
+    Infra::relaxedStore(m_lost_frames, m_lost_frames + 1);
+    Infra::relaxedStore(m_lost_bytes, m_lost_bytes + bytes);
 }
 
 // The first entry becomes a part of the sums; gives its frame, if that was not lost before.
@@ -185,6 +187,11 @@ LanePacket* LaneInbox::empty() {
 LaneInbox::Stats LaneInbox::stats() const {
     Infra::CGuard guard(m_mutex);
     return {m_frames, m_bytes, m_lost_frames, m_lost_bytes};
+}
+
+LaneInbox::Stats LaneInbox::glance() const INFRA_NO_THREAD_SAFETY_ANALYSIS {
+    return {Infra::relaxedLoad(m_frames), Infra::relaxedLoad(m_bytes), Infra::relaxedLoad(m_lost_frames),
+            Infra::relaxedLoad(m_lost_bytes)};
 }
 
 }  // namespace Orvex::Reticor

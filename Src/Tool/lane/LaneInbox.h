@@ -85,6 +85,8 @@ public:
     LanePacket* empty();
 
     Stats stats() const;
+    /// The same without waiting for anybody: each figure is true, but they may be of different moments.
+    Stats glance() const;
 
 private:
     static constexpr uint32_t PLACES = 4 * MOST_FRAMES;
@@ -120,12 +122,13 @@ private:
     bool m_any_sums INFRA_GUARDED_BY(m_mutex) = false;
     std::array<Sum, CHANNELS> m_sums INFRA_GUARDED_BY(m_mutex){};
     uint32_t m_ticks INFRA_GUARDED_BY(m_mutex) = 0;  ///< Before the first entry.
+    // Written with the lock held, and read without it for a glance.
     uint32_t m_frames INFRA_GUARDED_BY(m_mutex) = 0;
     uint64_t m_bytes INFRA_GUARDED_BY(m_mutex) = 0;
-    uint32_t m_most_frames INFRA_GUARDED_BY(m_mutex) = MOST_FRAMES;
-    uint64_t m_most_bytes INFRA_GUARDED_BY(m_mutex) = MOST_BYTES;
     uint64_t m_lost_frames INFRA_GUARDED_BY(m_mutex) = 0;
     uint64_t m_lost_bytes INFRA_GUARDED_BY(m_mutex) = 0;
+    uint32_t m_most_frames INFRA_GUARDED_BY(m_mutex) = MOST_FRAMES;
+    uint64_t m_most_bytes INFRA_GUARDED_BY(m_mutex) = MOST_BYTES;
     bool m_rung INFRA_GUARDED_BY(m_mutex) = false;
 };
 

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 
+#include "Tool/judge/EndedVerdicts.h"
 #include "Tool/judge/VerdictText.h"
 #include "Tool/media/MediaBufferState.h"
 #include "Tool/step/CoreRoll.h"
@@ -50,8 +51,15 @@ bool add_row(const std::shared_ptr<MediaCore>& core, HeldSenders& senders,
     state->m_frames.add_stats(stats);
     senders.add_all(*state);
     const FrameLine::Held held = state->m_frames.held();
-    rows.buffers.push_back({state->m_roll.number(), senders.all().size(), stats.frames, stats.bytes,
-                            state->m_frames.bytes_of(SenderHotState::ALL_CHANNELS), held.frames, held.bytes});
+    BufferStats row{};
+    row.buffer = state->m_roll.number();
+    row.senders = senders.all().size();
+    row.frames = stats.frames;
+    row.bytes = stats.bytes;
+    row.put_bytes = state->m_frames.bytes_of(SenderHotState::ALL_CHANNELS);
+    row.held_frames = held.frames;
+    row.held_bytes = held.bytes;
+    rows.buffers.push_back(row);
     return true;
 }
 
@@ -78,8 +86,10 @@ void MediaSnapshot::gather(MediaRows& rows) {
         add_buffer(core, rows);
     }
     std::sort(rows.buffers.begin(), rows.buffers.end(),
-              [](const MediaBufferRow& a, const MediaBufferRow& b) { return a.buffer < b.buffer; });
+              [](const BufferStats& a, const BufferStats& b) { return a.buffer < b.buffer; });
     std::sort(rows.senders.begin(), rows.senders.end(), &VerdictText::suffers_more);
+    rows.ended.resize(EndedVerdicts::MOST);
+    rows.ended.resize(EndedVerdicts::copy(rows.ended.data(), &rows.ended_ever));
 }
 
 }  // namespace Orvex::Reticor

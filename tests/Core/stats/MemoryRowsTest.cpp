@@ -104,7 +104,7 @@ TEST_F(MemoryRowsOfPool, AreAddedUpByKindInTheTextAndTheMetrics) {
 }
 
 void twoBuffers(MediaRows& rows) {
-    MediaBufferRow row;
+    BufferStats row{};
     row.held_frames = 3;
     row.held_bytes = 900;
     rows.buffers = {row, row};

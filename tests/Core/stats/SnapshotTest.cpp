@@ -286,7 +286,9 @@ TEST_F(SnapshotOfPools, MediaThatFindsNoMemoryIsNoSnapshotAndWithoutMediaThereAr
     EXPECT_FALSE(failed.Gather());
     MediaSource::Set(nullptr);
     EXPECT_TRUE(gathered().media.buffers.empty());
-    MediaSource::Set([](MediaRows& rows) { rows.buffers.push_back({4, 1, 2, 3, 5}); });
+    MediaSource::Set([](MediaRows& rows) {
+        rows.buffers.push_back({sizeof(BufferStats), 1, 4, 1, 2, 3, 5, 0, 0});
+    });
     const Snapshot snapshot = gathered();
     ASSERT_EQ(1u, snapshot.media.buffers.size());
     EXPECT_EQ(4u, snapshot.media.buffers[0].buffer);

@@ -172,8 +172,9 @@ void expectClasses(const Exposition& read, const Snapshot& from) {
     }
 }
 
-void expectMedia(const Exposition& read, const MediaRows& media) {
-    for (const MediaBufferRow& row : media.buffers) {
+void expectMedia(const Exposition& read, const Snapshot& from) {
+    const MediaRows& media = from.media;
+    for (const BufferStats& row : media.buffers) {
         const std::string which = "{buffer=\"" + std::to_string(row.buffer) + "\"}";
         EXPECT_EQ(asNumber(row.senders), read.at("reticor_media_buffer_senders" + which));
         EXPECT_EQ(asNumber(row.frames), read.at("reticor_media_buffer_frames" + which));
@@ -181,13 +182,12 @@ void expectMedia(const Exposition& read, const MediaRows& media) {
         EXPECT_EQ(asNumber(row.held_bytes), read.at("reticor_media_buffer_held_bytes" + which));
         EXPECT_EQ(asNumber(row.put_bytes), read.at("reticor_media_buffer_put_bytes_total" + which));
     }
-    for (uint32_t kind = 0; kind <= static_cast<uint32_t>(SenderVerdictKind::SILENT); ++kind) {
-        const auto same = [kind](const SenderVerdict& row) {
-            return static_cast<uint32_t>(row.kind) == kind;
-        };
-        EXPECT_EQ(std::count_if(media.senders.begin(), media.senders.end(), same),
-                  read.at(std::string("reticor_media_senders{verdict=\"") +
-                          VerdictText::name(static_cast<SenderVerdictKind>(kind)) + "\"}"));
+    EXPECT_EQ(VerdictText::KINDS, from.verdicts.size());
+    for (const VerdictStats& row : from.verdicts) {
+        const std::string which = std::string("{verdict=\"") + VerdictText::name(row.kind) + "\"}";
+        EXPECT_EQ(asNumber(row.senders), read.at("reticor_media_senders" + which));
+        EXPECT_EQ(asNumber(row.ended), read.at("reticor_media_senders_ended_total" + which));
+        EXPECT_TRUE(read.is_counter("reticor_media_senders_ended_total" + which));
     }
     for (size_t i = 0; i < media.senders.size(); ++i) {
         const SenderVerdict& row = media.senders[i];
@@ -246,8 +246,8 @@ TEST(MadeMetrics, WhatIsReadFromTheExpositionIsWhatWasInTheSnapshot) {
         expectClasses(read, from);
         expectMemory(read, from);
         expectAlarms(read, from);
-        if (!from.media.buffers.empty()) {
-            expectMedia(read, from.media);
+        if (!from.media.buffers.empty() || !from.media.ended.empty()) {
+            expectMedia(read, from);
         }
     }
 }

@@ -46,7 +46,7 @@ class StatsTexts : public SockPoolFixture {};
 // A buffer with more senders than the text and the metrics have.
 void manySenders(MediaRows& rows) {
     constexpr size_t SENDERS = MOST_SENDERS + 5;
-    rows.buffers.push_back({3, SENDERS, 7, 70000, 900000, 9, 95000});
+    rows.buffers.push_back({sizeof(BufferStats), 1, 3, SENDERS, 7, 70000, 900000, 9, 95000});
     for (size_t i = 0; i < SENDERS; ++i) {
         SenderVerdict one;
         one.kind = i == 0 ? SenderVerdictKind::STALLED : SenderVerdictKind::KEEPS_UP;
@@ -78,7 +78,7 @@ TEST_F(StatsTexts, HaveTheSendersOfMediaThatSufferMost) {
 }
 
 void oneLateSender(MediaRows& rows) {
-    rows.buffers.push_back({3, 1, 7, 70000, 900000});
+    rows.buffers.push_back({sizeof(BufferStats), 1, 3, 1, 7, 70000, 900000, 0, 0});
     SenderVerdict late;
     late.sender = -65536;
     late.buffer = 3;
@@ -111,6 +111,98 @@ TEST_F(StatsTexts, HaveTheFramesThatASenderWasNotSentByTheirCause) {
     for (const char* cause : {"too_old", "no_key", "not_chosen", "disposable"}) {
         EXPECT_EQ(0, dropped(cause)) << cause;
     }
+}
+
+// The last buffer may have gone with them.
+void twoThatHaveEnded(MediaRows& rows) {
+    SenderVerdict one;
+    one.kind = SenderVerdictKind::STALLED;
+    one.sender = -131072;
+    one.buffer = 3;
+    std::snprintf(one.sentence, sizeof one.sentence, "stalled for 3.0 s");
+    rows.ended.push_back(one);
+    one.sender = -65536;
+    one.kind = SenderVerdictKind::KEEPS_UP;
+    std::snprintf(one.sentence, sizeof one.sentence, "keeps up");
+    rows.ended.push_back(one);
+    rows.ended_ever[static_cast<size_t>(SenderVerdictKind::STALLED)] = 2;
+    rows.ended_ever[static_cast<size_t>(SenderVerdictKind::KEEPS_UP)] = 41;
+}
+
+TEST_F(StatsTexts, HaveTheSendersOfMediaThatHaveEnded) {
+    EXPECT_EQ(std::string::npos, written(&CStats::toText).find("have ended")) << "there was no media";
+    EXPECT_EQ(std::string::npos, written(&CStats::toPrometheus).find("reticor_media"));
+    MediaSource::Set(&twoThatHaveEnded);
+    const Exposition metrics(written(&CStats::toPrometheus));
+    EXPECT_EQ(2, metrics.at("reticor_media_senders_ended_total{verdict=\"stalled\"}"));
+    EXPECT_EQ(41, metrics.at("reticor_media_senders_ended_total{verdict=\"keeps_up\"}"));
+    EXPECT_EQ(0, metrics.at("reticor_media_senders_ended_total{verdict=\"silent\"}"));
+    EXPECT_EQ(0, metrics.at("reticor_media_senders{verdict=\"stalled\"}"));
+    const std::string json = written(&CStats::toJson);
+    EXPECT_NE(std::string::npos, json.find("\"media_senders_ended\":[{\"sender\":\"-131072\",\"buffer\":3,"
+                                           "\"verdict\":\"stalled\",\"why\":\"stalled for 3.0 s\""))
+        << json;
+    EXPECT_NE(std::string::npos, json.find("{\"verdict\":\"keeps_up\",\"senders\":0,\"ended\":41}")) << json;
+    const std::string text = written(&CStats::toText);
+    EXPECT_NE(std::string::npos, text.find("\nsenders that have ended: 43, keeps_up 41, stalled 2\n"
+                                           "-131072               3       ended                 "
+                                           "stalled for 3.0 s\n-65536 "))
+        << text;
+}
+
+TEST_F(StatsTexts, OfMediaAreReadByPlaceAsFarAsTheCallerKnows) {
+    CStats now;
+    BufferStats buffer;
+    SenderVerdict sender;
+    VerdictStats verdict;
+    EXPECT_EQ(
+        0U, now.GetBufferCount() + now.GetSenderCount() + now.GetEndedSenderCount() + now.GetVerdictCount());
+    EXPECT_EQ(-1, now.GetBuffer(0, buffer));
+    EXPECT_EQ(-1, now.GetSender(0, sender));
+    EXPECT_EQ(-1, now.GetEndedSender(0, sender));
+    EXPECT_EQ(-1, now.GetVerdict(0, verdict));
+    MediaSource::Set(&manySenders);
+    ASSERT_EQ(0, now.Take());
+    ASSERT_EQ(1U, now.GetBufferCount());
+    ASSERT_EQ(0, now.GetBuffer(0, buffer));
+    EXPECT_EQ(3U, buffer.buffer);
+    EXPECT_EQ(95000U, buffer.held_bytes);
+    EXPECT_EQ(-1, now.GetBuffer(1, buffer));
+    ASSERT_EQ(MOST_SENDERS + 5, now.GetSenderCount()) << "all of them";
+    ASSERT_EQ(0, now.GetSender(0, sender));
+    EXPECT_EQ(-65536, sender.sender);
+    EXPECT_STREQ("stalled for 1.5 s", sender.sentence);
+    SenderVerdict old;
+    old.size = offsetof(SenderVerdict, buffer);
+    old.buffer = 99;
+    ASSERT_EQ(0, now.GetSender(1, old));
+    EXPECT_EQ(-131072, old.sender);
+    EXPECT_EQ(99U, old.buffer) << "memory that the caller did not offer";
+    old.size = 4;
+    EXPECT_EQ(-1, now.GetSender(1, old));
+    uint64_t keeping_up = 0;
+    for (size_t place = 0; now.GetVerdict(place, verdict) == 0; ++place) {
+        keeping_up += verdict.kind == SenderVerdictKind::KEEPS_UP ? verdict.senders : 0;
+    }
+    EXPECT_EQ(MOST_SENDERS + 4, keeping_up);
+}
+
+const ObjectKind BOOKED{"shelf", {{{"room", "Where it stands.", false, true}, {"books", "On it.", false}}}};
+
+TEST_F(StatsTexts, DoNotAddUpWhatNamesSomething) {
+    RollEntry shelf(
+        BOOKED,
+        [](const void*) -> ObjectValues {
+            return {7, 100};
+        },
+        nullptr);
+    shelf.enter(-65536);
+    EXPECT_NE(
+        std::string::npos,
+        written(&CStats::toJson).find("{\"kind\":\"shelf\",\"id\":\"-65536\",\"room\":7,\"books\":100}"));
+    const Exposition metrics(written(&CStats::toPrometheus));
+    EXPECT_EQ(100, metrics.at("reticor_shelf_books"));
+    EXPECT_EQ(0U, metrics.series().count("reticor_shelf_room"));
 }
 
 // ---- byte-stream senders, files, receivers, ticks --------------------------------------------------------
@@ -309,6 +401,13 @@ void expectSender(const SenderVerdict& row, const JsonValue& json) {
     EXPECT_TRUE(json["thinned_frames"].is(row.thinned_frames));
 }
 
+void expectVerdict(const VerdictStats& row, const JsonValue& json) {
+    EXPECT_TRUE(json["verdict"].is(std::string(VerdictText::name(row.kind))));
+    EXPECT_TRUE(json["senders"].is(row.senders));
+    EXPECT_TRUE(json["ended"].is(row.ended));
+    EXPECT_EQ(3u, json.size());
+}
+
 void expectObject(const ObjectRow& row, const JsonValue& json) {
     EXPECT_TRUE(json["kind"].is(std::string(row.kind->name)));
     EXPECT_TRUE(json["id"].is(std::to_string(row.id))) << "a string";
@@ -357,7 +456,7 @@ TEST(MadeTexts, WhatIsReadFromTheJsonIsWhatWasInTheSnapshot) {
         const std::optional<JsonValue> read = JsonValue::parse(text);
         ASSERT_TRUE(read) << text;
         EXPECT_EQ(text.size() - 1, text.find('\n')) << "one line";
-        EXPECT_EQ(17u, read->size());
+        EXPECT_EQ(19u, read->size());
         EXPECT_EQ(std::to_string(from.process.pid), (*read)["pid"].text());
         EXPECT_TRUE((*read)["version"].is(uint64_t{STATS_VERSION}));
         EXPECT_TRUE((*read)["taken_us"].is(from.process.taken_us));
@@ -372,18 +471,20 @@ TEST(MadeTexts, WhatIsReadFromTheJsonIsWhatWasInTheSnapshot) {
         expectRows(from.classes, (*read)["classes"], &expectClass);
         expectRows(from.objects, (*read)["objects"], &expectObject);
         expectRows(from.media.senders, (*read)["media_senders"], &expectSender);
+        expectRows(from.media.ended, (*read)["media_senders_ended"], &expectSender);
+        expectRows(from.verdicts, (*read)["media_verdicts"], &expectVerdict);
         expectRows(from.memory, (*read)["memory"], &expectMemory);
         expectRows(from.alarms, (*read)["alarms"], &expectAlarm);
-        expectRows<MediaBufferRow>(from.media.buffers, (*read)["media_buffers"],
-                                   [](const MediaBufferRow& row, const JsonValue& json) {
-                                       EXPECT_TRUE(json["buffer"].is(row.buffer));
-                                       EXPECT_TRUE(json["senders"].is(row.senders));
-                                       EXPECT_TRUE(json["frames"].is(row.frames));
-                                       EXPECT_TRUE(json["bytes"].is(row.bytes));
-                                       EXPECT_TRUE(json["put_bytes"].is(row.put_bytes));
-                                       EXPECT_TRUE(json["held_frames"].is(row.held_frames));
-                                       EXPECT_TRUE(json["held_bytes"].is(row.held_bytes));
-                                   });
+        expectRows<BufferStats>(from.media.buffers, (*read)["media_buffers"],
+                                [](const BufferStats& row, const JsonValue& json) {
+                                    EXPECT_TRUE(json["buffer"].is(row.buffer));
+                                    EXPECT_TRUE(json["senders"].is(row.senders));
+                                    EXPECT_TRUE(json["frames"].is(row.frames));
+                                    EXPECT_TRUE(json["bytes"].is(row.bytes));
+                                    EXPECT_TRUE(json["put_bytes"].is(row.put_bytes));
+                                    EXPECT_TRUE(json["held_frames"].is(row.held_frames));
+                                    EXPECT_TRUE(json["held_bytes"].is(row.held_bytes));
+                                });
     }
 }
 

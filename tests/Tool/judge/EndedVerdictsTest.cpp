@@ -51,6 +51,25 @@ TEST(EndedVerdicts, TheOldestGoesFirst) {
     EXPECT_EQ(expected, ended());
 }
 
+TEST(EndedVerdicts, AreCountedByKindForEver) {
+    SenderVerdict room[EndedVerdicts::MOST];
+    EndedVerdicts::Ever before{};
+    EndedVerdicts::copy(room, &before);
+    SenderVerdict verdict = verdict_on(-1);
+    verdict.kind = SenderVerdictKind::SILENT;
+    for (int i = 0; i < 40; ++i) {
+        EndedVerdicts::add(verdict);
+    }
+    EndedVerdicts::add(verdict_on(-2));
+    EndedVerdicts::Ever after{};
+    EndedVerdicts::copy(room, &after);
+    EXPECT_EQ(before[static_cast<size_t>(SenderVerdictKind::SILENT)] + 40,
+              after[static_cast<size_t>(SenderVerdictKind::SILENT)]);
+    EXPECT_EQ(before[0] + 1, after[0]);
+    EXPECT_EQ(before[static_cast<size_t>(SenderVerdictKind::BURST)],
+              after[static_cast<size_t>(SenderVerdictKind::BURST)]);
+}
+
 TEST(EndedVerdicts, WholeOnesAreCopiedWhileOthersCome) {
     std::thread adds([] {
         for (int64_t i = 1; i <= 20000; ++i) {

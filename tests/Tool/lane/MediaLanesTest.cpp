@@ -11,6 +11,7 @@
 #include <Reticor/MediaBuffer.h>
 #include <Reticor/SockStream.h>
 
+#include "support/ObjectFigures.h"
 #include "support/core/SocketPair.h"
 #include "support/media/LaneStand.h"
 #include "support/socket/Allocations.h"
@@ -576,6 +577,31 @@ TEST_F(MediaLanesCalls, FiguresAreThoseOfAllLanesOrOfOne) {
     EXPECT_EQ(0, lanes.GetStats(&found, 12));
     EXPECT_EQ(12U, found.size);
     EXPECT_EQ(77U, found.senders) << "beyond what the caller has";
+}
+
+TEST_F(MediaLanesCalls, SnapshotsHaveWhatWaitsOnTheWayToEachLane) {
+    open(2);
+    ASSERT_EQ(0, lanes.SetInboxLimits(3, 1000));
+    MediaLanesState& state = MediaLanesState::of(lanes);
+    const auto figures = [&](size_t lane) { return figuresOf("lane", state.m_seats[lane].lane->handler()); };
+    EXPECT_EQ(figures(0).at("buffer") + 1, figures(1).at("buffer"));
+    const long one = state.m_seats[0].lane->handler();
+    state.m_seats[0].lane->set_handler(0);  // nobody serves it
+    for (int i = 0; i < 10; ++i) {
+        put(10);
+    }
+    EXPECT_EQ(3U, figuresOf("lane", one).at("waiting_frames"));
+    EXPECT_EQ(30U, figuresOf("lane", one).at("waiting_bytes"));
+    EXPECT_EQ(7U, figuresOf("lane", one).at("lost_frames"));
+    EXPECT_EQ(70U, figuresOf("lane", one).at("lost_bytes"));
+    EXPECT_EVENTUALLY(figures(1).at("waiting_frames") == 0);
+    state.m_seats[0].lane->set_handler(one);
+    settle();
+    EXPECT_EQ(0U, figures(0).at("waiting_frames"));
+    EXPECT_EQ(0U, figures(0).at("waiting_bytes"));
+    EXPECT_EQ(7U, figures(0).at("lost_frames"));
+    EXPECT_EQ(0, lanes.Destroy());
+    EXPECT_TRUE(figuresOf("lane", one).empty());
 }
 
 TEST_F(MediaLanesCalls, LimitsThatCannotBeAreRefusedWithALine) {

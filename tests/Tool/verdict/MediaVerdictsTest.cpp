@@ -5,7 +5,9 @@
 #include <thread>
 
 #include <Infra/Semaphore.h>
+#include <Reticor/Stats.h>
 
+#include "Core/stats/MediaSource.h"
 #include "Tool/judge/EndedVerdicts.h"
 #include "Tool/verdict/MediaSnapshot.h"
 #include "support/HandClock.h"
@@ -254,11 +256,47 @@ TEST_F(MediaVerdictsOfSenders, HaveAWindowWithinBounds) {
     EXPECT_EQ(SenderVerdictKind::KEEPS_UP, verdictOf(one).kind);
 }
 
-MediaBufferRow rowInSnapshot() {
+TEST_F(MediaVerdictsOfSenders, StayInSnapshotsWhenTheirSendersHaveEnded) {
+    const auto ended = [](SenderVerdictKind kind) {
+        CStats now;
+        EXPECT_EQ(0, now.Take());
+        VerdictStats row;
+        for (size_t place = 0; now.GetVerdict(place, row) == 0 && row.kind != kind; ++place) {
+        }
+        return row.ended;
+    };
+    MediaSource::Set(&MediaSnapshot::gather);
+    const uint64_t before = ended(SenderVerdictKind::STALLED);
+    MediaClient& stuck = joinedClient();
+    stuck.sock.setRoom(0);
+    pass(4);
+    const long id = stuck.sender->GetID();
+    CStats now;
+    ASSERT_EQ(0, now.Take());
+    SenderVerdict found;
+    ASSERT_EQ(0, now.GetSender(0, found));
+    EXPECT_EQ(id, found.sender);
+    EXPECT_EQ(SenderVerdictKind::STALLED, found.kind);
+    end(stuck);
+    ASSERT_EQ(0, now.Take());
+    EXPECT_EQ(0U, now.GetSenderCount());
+    ASSERT_EQ(0, now.GetEndedSender(0, found));
+    EXPECT_EQ(id, found.sender);
+    EXPECT_EQ(SenderVerdictKind::STALLED, found.kind);
+    EXPECT_STREQ("stalled for 3.0 s", found.sentence);
+    EXPECT_EQ(before + 1, ended(SenderVerdictKind::STALLED));
+    BufferStats buffer_row;
+    ASSERT_EQ(0, now.GetBuffer(0, buffer_row));
+    EXPECT_EQ(found.buffer, buffer_row.buffer);
+    EXPECT_EQ(4010U, buffer_row.put_bytes);
+    MediaSource::Set(nullptr);
+}
+
+BufferStats rowInSnapshot() {
     MediaRows rows;
     MediaSnapshot::gather(rows);
     EXPECT_EQ(1U, rows.buffers.size());
-    return rows.buffers.empty() ? MediaBufferRow{} : rows.buffers[0];
+    return rows.buffers.empty() ? BufferStats{} : rows.buffers[0];
 }
 
 TEST_F(MediaVerdictsOfSenders, SnapshotsHaveTheFramesThatABufferHolds) {

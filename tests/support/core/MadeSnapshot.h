@@ -11,6 +11,7 @@
 #include "Core/stats/Alarms.h"
 #include "Core/stats/Snapshot.h"
 #include "Core/stats/StatsTexts.h"
+#include "Tool/judge/VerdictText.h"
 #include "support/SeededRandom.h"
 
 namespace Orvex::Testing {
@@ -39,11 +40,21 @@ public:
             snapshot.objects.push_back({&KITE, -65536 * i, {figure(), figure()}});
         }
         for (uint64_t number = m_random.between<uint64_t>(0, 3); number > 0; --number) {
-            snapshot.media.buffers.push_back(
-                {number, figure(), figure(), figure(), figure(), figure(), figure()});
+            snapshot.media.buffers.push_back({sizeof(Reticor::BufferStats), 1, number, figure(), figure(),
+                                              figure(), figure(), figure(), figure()});
         }
         for (int i = snapshot.media.buffers.empty() ? 0 : m_random.between(0, 30); i > 0; --i) {
-            add_sender(i);
+            snapshot.media.senders.push_back(sender(i));
+        }
+        for (int i = m_random.between(0, 3); i > 0; --i) {
+            snapshot.media.ended.push_back(sender(1000 + i));
+        }
+        for (uint32_t kind = 0; kind < Reticor::VerdictText::KINDS; ++kind) {
+            Reticor::VerdictStats row{};
+            row.kind = static_cast<Reticor::SenderVerdictKind>(kind);
+            row.senders = figure();
+            row.ended = figure();
+            snapshot.verdicts.push_back(row);
         }
         for (const char* kind : {"free_records", "thread_blocks", "thread_blocks", "media_frames"}) {
             const uint64_t pieces = m_random.between<uint64_t>(0, 100000);
@@ -147,12 +158,12 @@ private:
             snapshot.alarms.push_back(alarm);
         }
     }
-    void add_sender(int number) {
+    Reticor::SenderVerdict sender(int number) {
         Reticor::SenderVerdict row;
         row.kind = static_cast<Reticor::SenderVerdictKind>(
             m_random.between(0u, static_cast<uint32_t>(Reticor::SenderVerdictKind::SILENT)));
         row.sender = -65536 * static_cast<int64_t>(number + 100);
-        row.buffer = snapshot.media.buffers.front().buffer;
+        row.buffer = 1;
         for (uint64_t Reticor::SenderVerdict::*field :
              {&Reticor::SenderVerdict::lag_us, &Reticor::SenderVerdict::lag_bytes,
               &Reticor::SenderVerdict::lag_frames, &Reticor::SenderVerdict::unsent_bytes,
@@ -164,7 +175,7 @@ private:
         row.closed_percent = m_random.between(0u, 100u);
         row.rtt_us = m_random.between(0u, UINT32_MAX);
         std::snprintf(row.sentence, sizeof row.sentence, "client %d of \"%s\"", number, name());
-        snapshot.media.senders.push_back(row);
+        return row;
     }
 
     SeededRandom& m_random;
