@@ -10,6 +10,9 @@
 
 #include "media_relay/hls/HlsOutput.h"
 #include "media_relay/http/HttpRequest.h"
+#include "media_relay/input/HttpAnswer.h"
+#include "media_relay/input/InputUrl.h"
+#include "media_relay/input/RtpReader.h"
 #include "media_relay/mp4/Remuxer.h"
 #include "media_relay/mpegts/TsClock.h"
 #include "media_relay/mpegts/TsDemuxer.h"
@@ -258,14 +261,63 @@ void driveHls(const uint8_t* data, size_t size) {
     output.end();
 }
 
+/// Packets of RTP, each as long as its first byte says. What comes out must lie within what went in.
+void driveRtp(const uint8_t* data, size_t size) {
+    RtpReader reader;
+    uint64_t now_us = 1;
+    size_t in = 0;
+    size_t out = 0;
+    while (size > 1) {
+        const size_t part = std::min<size_t>(size - 1, data[0] % 64);
+        const std::vector<uint8_t> datagram(data + 1, data + 1 + part);
+        now_us += data[0] * 100U;
+        in += part;
+        reader.put(datagram.data(), part, now_us, [&](const uint8_t* bytes, size_t length) {
+            const std::vector<uint8_t> payload(bytes, bytes + length);
+            out += payload.size();
+        });
+        data += 1 + part;
+        size -= 1 + part;
+    }
+    if (out > in) {
+        std::abort();
+    }
+}
+
+/// The answer of a server in pieces; the same bytes as the name of an input, where a redirect leads.
+void driveAnswer(const uint8_t* data, size_t size) {
+    HttpAnswer answer;
+    size_t out = 0;
+    for (size_t at = 0; at < size;) {
+        const size_t part = std::min(size - at, size_t{1} + data[at] % 64);
+        const std::string piece(reinterpret_cast<const char*>(data) + at, part);
+        answer.put(piece.data(), part, [&](const uint8_t* bytes, size_t length) {
+            const std::vector<uint8_t> body(bytes, bytes + length);
+            out += body.size();
+        });
+        at += part;
+    }
+    if (out > size || (out > 0 && answer.status() != 200)) {
+        std::abort();
+    }
+    InputUrl url;
+    parseInputUrl(answer.location(), url);
+    const bool good = parseInputUrl(std::string(reinterpret_cast<const char*>(data), size), url).empty();
+    if (good && url.kind == InputUrl::Kind::Http &&
+        (url.host.empty() || url.port == 0 || url.path.find('\r') != std::string::npos)) {
+        std::abort();
+    }
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size == 0) {
         return 0;
     }
-    constexpr void (*kDrivers[])(const uint8_t*, size_t) = {
-        driveBytes, drivePackets, driveTables, driveRequest, driveUnits, driveHls, driveRtsp};
-    kDrivers[data[0] % 7](data + 1, size - 1);
+    constexpr void (*kDrivers[])(const uint8_t*, size_t) = {driveBytes,   drivePackets, driveTables,
+                                                            driveRequest, driveUnits,   driveHls,
+                                                            driveRtsp,    driveRtp,     driveAnswer};
+    kDrivers[data[0] % 9](data + 1, size - 1);
     return 0;
 }

@@ -51,14 +51,15 @@ std::string parseSize(const std::string& text, unsigned& width, unsigned& height
 
 void addInput(CLI::App& app, Options& options, std::string& size) {
     app.add_option("--input", options.input,
-                   "file with an MPEG transport stream, - for standard input, or test for a test picture")
+                   "MPEG transport stream: a file, - for standard input, udp://[@]ADDRESS:PORT, "
+                   "rtp://[@]ADDRESS:PORT, http://HOST[:PORT]/PATH; or test for a test picture")
         ->capture_default_str();
     app.add_option("--program", options.program,
                    "number of the programme to play, of several; 0 is the first one")
         ->check(CLI::Range(0, 65535))
         ->capture_default_str();
     app.add_flag("--loop", options.loop, "play the file again and again");
-    app.add_option("--speed", options.speed, "how fast the input plays")
+    app.add_option("--speed", options.speed, "how fast a file or the test picture plays")
         ->check(CLI::Range(0.01, 100.0))
         ->capture_default_str();
     app.add_option("--size", size, "of the test picture")->capture_default_str();

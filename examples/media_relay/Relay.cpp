@@ -15,7 +15,6 @@
 
 #include "media_relay/http/Session.h"
 #include "media_relay/input/TestSource.h"
-#include "media_relay/input/TsSource.h"
 #include "media_relay/rtsp/RtspSession.h"
 
 namespace relay {
@@ -64,7 +63,7 @@ size_t terminalColumns() {
 
 }  // namespace
 
-int Relay::run(EndSignals& signals, int fd) {
+int Relay::run(EndSignals& signals, OpenInput&& input) {
     if (!m_options.multicastIp.empty() &&
         !m_multicast.open(m_options.multicastIp, m_options.multicastPort, m_options.multicastInterface,
                           m_options.multicastTtl)) {
@@ -90,7 +89,7 @@ int Relay::run(EndSignals& signals, int fd) {
             Orvex::Infra::setLogLevel(NOTICE);  // clients that hang up are not news
         }
         Ticker::Create(*this);
-        startSource(fd);
+        startSource(std::move(input));
         signals.wait();
         if (isatty(STDOUT_FILENO) != 0) {
             std::printf("\n\033[J");
@@ -98,6 +97,7 @@ int Relay::run(EndSignals& signals, int fd) {
         setListener(nullptr);
         listener->stop();
     }
+    m_inputs.stop();
     m_roster.waitUntilEmpty();
     CGuard guard(m_mutex);
     return good ? m_result : 1;
@@ -160,20 +160,14 @@ void Relay::announce(const std::string& address, const std::string& rtsp) const 
     std::fflush(stdout);
 }
 
-void Relay::startSource(int fd) {
-    Source* source = nullptr;
+void Relay::startSource(OpenInput&& input) {
     if (m_options.isTest()) {
-        source = TestSource::Create(m_roster, m_stream, *this, m_options);
-    } else {
-        const TsOutputs outputs{m_stream, m_mp4, m_options.rtspPort < 0 ? nullptr : &m_rtsp,
-                                m_options.multicastIp.empty() ? nullptr : &m_multicast};
-        TsSource::Setup setup;
-        setup.fd = fd;
-        setup.loop = m_options.loop;
-        setup.program = m_options.program;
-        source = TsSource::Create(m_roster, outputs, *this, setup);
+        TestSource::Create(m_roster, m_stream, *this, m_options)->start(m_options.speed);
+        return;
     }
-    source->start(m_options.speed);
+    const TsOutputs outputs{m_stream, m_mp4, m_options.rtspPort < 0 ? nullptr : &m_rtsp,
+                            m_options.multicastIp.empty() ? nullptr : &m_multicast};
+    m_inputs.start(std::move(input), {outputs, *this, m_options.program, m_options.loop, m_options.speed});
 }
 
 HlsOutput* Relay::hls(const std::string& name) {

@@ -19,7 +19,7 @@
 #include "media_relay/figures/PoolWork.h"
 #include "media_relay/hls/Waker.h"
 #include "media_relay/http/Listener.h"
-#include "media_relay/input/Source.h"
+#include "media_relay/input/Inputs.h"
 #include "media_relay/rtsp/RtspOutput.h"
 
 namespace relay {
@@ -44,9 +44,9 @@ public:
         m_rtsp.setUp(options.disposableFirst);
     }
 
-    /// Plays the input `fd` (none for the test picture) to whoever comes, until a signal ends it or the
+    /// Plays the input to whoever comes, until a signal ends it or the
     /// input has ended. The result is main's.
-    int run(EndSignals& signals, int fd);
+    int run(EndSignals& signals, OpenInput&& input);
 
     const Options& options() const { return m_options; }
     Roster& roster() { return m_roster; }
@@ -106,7 +106,7 @@ private:
     bool listenForRtsp(std::string& address);
     void setListener(Listener* listener);
     void admit(Orvex::Reticor::CSockStream& peer);
-    void startSource(int fd);
+    void startSource(OpenInput&& input);
     void announce(const std::string& address, const std::string& rtsp) const;
     void printStatus();
     static std::string describeWorst(const std::vector<std::shared_ptr<Client>>& clients);
@@ -115,6 +115,7 @@ private:
     const Options m_options;
     Orvex::Reticor::CPoolSet m_pools;  // ends after its sessions, which the roster waits for
     Roster m_roster;
+    Inputs m_inputs{m_roster};
     LiveStream m_stream;
     Waker m_waker{WAKE};
     Mp4Output m_mp4;

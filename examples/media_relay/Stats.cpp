@@ -156,6 +156,10 @@ std::string Relay::json() {
         {"skipped_bytes", m_source.skipped},
         {"damaged_packets", m_source.damaged},
         {"lost_packets", m_source.lost},
+        {"lost_datagrams", m_source.lostDatagrams},
+        {"late_datagrams", m_source.lateDatagrams},
+        {"bad_datagrams", m_source.badDatagrams},
+        {"connections", m_source.connections},
         {"state", m_source.state},
         {"clock_jumps", m_source.jumps},
         {"rounds", m_source.rounds}};

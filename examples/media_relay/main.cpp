@@ -10,14 +10,14 @@
 //  - CStrParser: a request is foreign text (HttpRequest, Options);
 //  - the order in which a connection ends, whatever it was doing (Session::end).
 #include <sys/resource.h>
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
+#include <string>
+#include <utility>
 
 #include <Reticor/NetThread.h>
 
 #include "media_relay/Relay.h"
-#include "media_relay/input/TsSource.h"
+#include "media_relay/input/Inputs.h"
 
 using namespace relay;
 using Orvex::Reticor::CNetThread;
@@ -41,9 +41,10 @@ int main(int argc, char** argv) {
     if (result >= 0) {
         return result;
     }
-    const int fd = options.isTest() ? -1 : TsSource::open(options.input);
-    if (!options.isTest() && fd < 0) {
-        std::fprintf(stderr, "media_relay: %s: %s\n", options.input.c_str(), std::strerror(errno));
+    OpenInput input;
+    const std::string wrong = input.open(options.input);
+    if (!wrong.empty()) {
+        std::fprintf(stderr, "media_relay: %s: %s\n", options.input.c_str(), wrong.c_str());
         return 1;
     }
     EndSignals signals;
@@ -57,7 +58,7 @@ int main(int argc, char** argv) {
     int ended = 0;
     {
         Relay relay(options);
-        ended = relay.run(signals, fd);
+        ended = relay.run(signals, std::move(input));
     }
     Orvex::Reticor::DestroyThreadPool();
     CNetThread::StopServingStats();

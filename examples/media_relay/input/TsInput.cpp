@@ -114,7 +114,8 @@ void TsInput::again() {
 void TsInput::restart() {
     m_framer.reset();
     m_losses.restart();
-    m_demuxer.flush();
+    m_demuxer.giveUpUnits();
+    ++m_rounds;
     m_jump = m_clock.isRunning();
     m_roundUnits = m_units;
     m_bytes = 0;

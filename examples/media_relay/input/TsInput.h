@@ -48,8 +48,8 @@ public:
     /// The same bytes come once more. Clock, stamps and counters go on where they were.
     void again();
 
-    /// What comes next does not follow what came last: the source has begun anew. Units under way are handed
-    /// out as they are.
+    /// What comes next does not follow what came last: the source has begun anew. Units under way are given
+    /// up, since nobody knows whether they are whole.
     void restart();
 
     /// The end of the outputs' stream, after `flush`.

@@ -154,6 +154,14 @@ void TsDemuxer::flush() {
     }
 }
 
+void TsDemuxer::giveUpUnits() {
+    for (auto& [pid, stream] : m_streams) {
+        m_givenUp += stream.open ? 1 : 0;
+        stream.open = false;
+        stream.packets = std::vector<uint8_t>();
+    }
+}
+
 std::vector<uint8_t> TsDemuxer::tables() {
     std::vector<uint8_t> packets;
     appendSection(packets, kAssociationPid, m_associationCounter, m_association);

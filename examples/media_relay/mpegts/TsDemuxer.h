@@ -45,6 +45,9 @@ public:
     /// Hands out the units under way: nothing follows them.
     void flush();
 
+    /// Forgets the units under way: what comes next does not follow them.
+    void giveUpUnits();
+
     /// Whether the tables of a programme have been read.
     bool hasProgram() const { return m_hasMap; }
 
@@ -53,7 +56,7 @@ public:
         return m_hasMap && packet.hasPcr() && packet.pid() == m_map.pcrPid;
     }
 
-    /// Units that were given up because they had no end.
+    /// Units that were given up, since they had no end.
     uint64_t givenUp() const { return m_givenUp; }
 
 private:
