@@ -50,6 +50,17 @@ if(RETICOR_BUILD_EXAMPLES)
   endif()
 endif()
 
+# reticor-bench; its peers are looked for where it is built.
+set(RETICOR_WITH_BENCH_TOOL OFF)
+if(RETICOR_WITH_EXAMPLES)
+  find_package(nlohmann_json QUIET)
+  if(nlohmann_json_FOUND)
+    set(RETICOR_WITH_BENCH_TOOL ON)
+  else()
+    reticor_leave_out(reticor-bench nlohmann-json)
+  endif()
+endif()
+
 set(RETICOR_WITH_TESTS OFF)
 if(RETICOR_BUILD_TESTS)
   find_package(GTest QUIET CONFIG)

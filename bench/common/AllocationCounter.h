@@ -1,6 +1,7 @@
 // Counts the program's heap allocations while it is asked to. It replaces malloc and its kin, so exactly one
 // source file of a program includes it, and only programs that count do. Other libraries in the program are
-// counted too, unless they bring an allocator of their own.
+// counted too, unless they bring an allocator of their own. In reticor-bench, which has many programs in it,
+// nothing is replaced, and there is no such figure.
 #pragma once
 
 #include <malloc.h>
@@ -9,6 +10,18 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+
+#ifdef RETICOR_BENCH_ONE_PROGRAM
+
+namespace Bench {
+
+inline std::uint64_t countAllocations(bool) {
+    return 0;
+}
+
+}  // namespace Bench
+
+#else
 
 extern "C" {
 // glibc's allocator under its own names, which nobody else defines.
@@ -72,3 +85,5 @@ int posix_memalign(void** result, std::size_t alignment, std::size_t size) noexc
     return *result == nullptr ? ENOMEM : 0;
 }
 }
+
+#endif
