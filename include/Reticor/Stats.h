@@ -256,6 +256,14 @@ struct BufferStats {
     uint64_t put_bytes;                   ///< Of frames that were ever put.
     uint64_t held_frames;  ///< All that it has the packets of: complete ones, those that wait for senders
     uint64_t held_bytes;   ///< that step ahead, and the one that is being filled.
+    // As in MediaBufferStats.
+    uint64_t expired_frames;  ///< Frames thrown away for their age.
+    uint64_t expired_bytes;   ///< Their bytes.
+    uint64_t debt_bytes;      ///< Frames are let go that many bytes too late.
+    uint64_t pinned_frames;   ///< Frames that cannot grow too old though no sender stands on them.
+    uint64_t pinned_bytes;    ///< Their bytes.
+    uint64_t kept_frames;     ///< Frames that wait for senders that step ahead.
+    uint64_t kept_bytes;      ///< Their bytes.
 };
 
 /// Senders of media that have the same verdict.

@@ -105,7 +105,11 @@ void json_of_class(const HandlerClassStats& row, TextRoom& out) {
 void json_of_buffer(const BufferStats& row, TextRoom& out) {
     out << "{\"buffer\":" << row.buffer << ",\"senders\":" << row.senders << ",\"frames\":" << row.frames
         << ",\"bytes\":" << row.bytes << ",\"put_bytes\":" << row.put_bytes
-        << ",\"held_frames\":" << row.held_frames << ",\"held_bytes\":" << row.held_bytes << "}";
+        << ",\"held_frames\":" << row.held_frames << ",\"held_bytes\":" << row.held_bytes
+        << ",\"expired_frames\":" << row.expired_frames << ",\"expired_bytes\":" << row.expired_bytes
+        << ",\"debt_bytes\":" << row.debt_bytes << ",\"pinned_frames\":" << row.pinned_frames
+        << ",\"pinned_bytes\":" << row.pinned_bytes << ",\"kept_frames\":" << row.kept_frames
+        << ",\"kept_bytes\":" << row.kept_bytes << "}";
 }
 
 void json_of_object(const ObjectRow& row, TextRoom& out) {

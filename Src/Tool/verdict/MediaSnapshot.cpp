@@ -49,6 +49,7 @@ bool add_row(const std::shared_ptr<MediaCore>& core, HeldSenders& senders,
     }
     MediaBufferStats stats;
     state->m_frames.add_stats(stats);
+    state->m_senders.add_stats(stats, state->m_frames.byte_discard());
     senders.add_all(*state);
     const FrameLine::Held held = state->m_frames.held();
     BufferStats row{};
@@ -59,6 +60,13 @@ bool add_row(const std::shared_ptr<MediaCore>& core, HeldSenders& senders,
     row.put_bytes = state->m_frames.bytes_of(SenderHotState::ALL_CHANNELS);
     row.held_frames = held.frames;
     row.held_bytes = held.bytes;
+    row.expired_frames = stats.expired_frames;
+    row.expired_bytes = stats.expired_bytes;
+    row.debt_bytes = stats.debt_bytes;
+    row.pinned_frames = stats.pinned_frames;
+    row.pinned_bytes = stats.pinned_bytes;
+    row.kept_frames = stats.kept_frames;
+    row.kept_bytes = stats.kept_bytes;
     rows.buffers.push_back(row);
     return true;
 }

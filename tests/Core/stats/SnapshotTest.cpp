@@ -287,7 +287,7 @@ TEST_F(SnapshotOfPools, MediaThatFindsNoMemoryIsNoSnapshotAndWithoutMediaThereAr
     MediaSource::Set(nullptr);
     EXPECT_TRUE(gathered().media.buffers.empty());
     MediaSource::Set([](MediaRows& rows) {
-        rows.buffers.push_back({sizeof(BufferStats), 1, 4, 1, 2, 3, 5, 0, 0});
+        rows.buffers.push_back({sizeof(BufferStats), 1, 4, 1, 2, 3, 5, 0, 0, 0, 0, 0, 0, 0, 0, 0});
     });
     const Snapshot snapshot = gathered();
     ASSERT_EQ(1u, snapshot.media.buffers.size());

@@ -46,7 +46,8 @@ class StatsTexts : public SockPoolFixture {};
 // A buffer with more senders than the text and the metrics have.
 void manySenders(MediaRows& rows) {
     constexpr size_t SENDERS = MOST_SENDERS + 5;
-    rows.buffers.push_back({sizeof(BufferStats), 1, 3, SENDERS, 7, 70000, 900000, 9, 95000});
+    rows.buffers.push_back(
+        {sizeof(BufferStats), 1, 3, SENDERS, 7, 70000, 900000, 9, 95000, 0, 0, 0, 0, 0, 0, 0});
     for (size_t i = 0; i < SENDERS; ++i) {
         SenderVerdict one;
         one.kind = i == 0 ? SenderVerdictKind::STALLED : SenderVerdictKind::KEEPS_UP;
@@ -78,7 +79,7 @@ TEST_F(StatsTexts, HaveTheSendersOfMediaThatSufferMost) {
 }
 
 void oneLateSender(MediaRows& rows) {
-    rows.buffers.push_back({sizeof(BufferStats), 1, 3, 1, 7, 70000, 900000, 0, 0});
+    rows.buffers.push_back({sizeof(BufferStats), 1, 3, 1, 7, 70000, 900000, 0, 0, 0, 0, 0, 0, 0, 0, 0});
     SenderVerdict late;
     late.sender = -65536;
     late.buffer = 3;
@@ -484,6 +485,13 @@ TEST(MadeTexts, WhatIsReadFromTheJsonIsWhatWasInTheSnapshot) {
                                     EXPECT_TRUE(json["put_bytes"].is(row.put_bytes));
                                     EXPECT_TRUE(json["held_frames"].is(row.held_frames));
                                     EXPECT_TRUE(json["held_bytes"].is(row.held_bytes));
+                                    EXPECT_TRUE(json["expired_frames"].is(row.expired_frames));
+                                    EXPECT_TRUE(json["expired_bytes"].is(row.expired_bytes));
+                                    EXPECT_TRUE(json["debt_bytes"].is(row.debt_bytes));
+                                    EXPECT_TRUE(json["pinned_frames"].is(row.pinned_frames));
+                                    EXPECT_TRUE(json["pinned_bytes"].is(row.pinned_bytes));
+                                    EXPECT_TRUE(json["kept_frames"].is(row.kept_frames));
+                                    EXPECT_TRUE(json["kept_bytes"].is(row.kept_bytes));
                                 });
     }
 }

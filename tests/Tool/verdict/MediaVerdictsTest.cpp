@@ -299,6 +299,32 @@ BufferStats rowInSnapshot() {
     return rows.buffers.empty() ? BufferStats{} : rows.buffers[0];
 }
 
+TEST_F(MediaVerdictsOfSenders, SnapshotsHaveWhatABufferTellsOfItself) {
+    MediaClient& late = joinedClient();
+    late.sock.setRoom(0);
+    put(1000, 1, 1);
+    late.sender->SetResumePolicy(1000);
+    MediaClient& other = joinedClient();
+    other.sock.setRoom(0);
+    for (int i = 0; i < 300; ++i) {
+        put(100, 1, i % 25 == 0 ? 1 : 10);
+    }
+    const MediaBufferStats own = buffer->GetStats();
+    const BufferStats row = rowInSnapshot();
+    EXPECT_LT(0U, own.expired_frames + own.kept_frames);
+    EXPECT_EQ(own.senders, row.senders);
+    EXPECT_EQ(own.frames, row.frames);
+    EXPECT_EQ(own.bytes, row.bytes);
+    EXPECT_EQ(own.byte_total, row.put_bytes);
+    EXPECT_EQ(own.expired_frames, row.expired_frames);
+    EXPECT_EQ(own.expired_bytes, row.expired_bytes);
+    EXPECT_EQ(own.debt_bytes, row.debt_bytes);
+    EXPECT_EQ(own.pinned_frames, row.pinned_frames);
+    EXPECT_EQ(own.pinned_bytes, row.pinned_bytes);
+    EXPECT_EQ(own.kept_frames, row.kept_frames);
+    EXPECT_EQ(own.kept_bytes, row.kept_bytes);
+}
+
 TEST_F(MediaVerdictsOfSenders, SnapshotsHaveTheFramesThatABufferHolds) {
     EXPECT_EQ(0U, rowInSnapshot().held_frames);
     MediaClient& one = joinedClient();

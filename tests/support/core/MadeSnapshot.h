@@ -41,7 +41,8 @@ public:
         }
         for (uint64_t number = m_random.between<uint64_t>(0, 3); number > 0; --number) {
             snapshot.media.buffers.push_back({sizeof(Reticor::BufferStats), 1, number, figure(), figure(),
-                                              figure(), figure(), figure(), figure()});
+                                              figure(), figure(), figure(), figure(), figure(), figure(),
+                                              figure(), figure(), figure(), figure(), figure()});
         }
         for (int i = snapshot.media.buffers.empty() ? 0 : m_random.between(0, 30); i > 0; --i) {
             snapshot.media.senders.push_back(sender(i));
