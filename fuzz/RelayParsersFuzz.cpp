@@ -5,10 +5,13 @@
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
 #include "media_relay/hls/HlsOutput.h"
+#include "media_relay/http/BodyReader.h"
+#include "media_relay/http/Credentials.h"
 #include "media_relay/http/HttpRequest.h"
 #include "media_relay/input/HttpAnswer.h"
 #include "media_relay/input/InputUrl.h"
@@ -208,6 +211,46 @@ void driveRequest(const uint8_t* data, size_t size) {
     }
 }
 
+/// Reads `text` as the body of the request, in pieces of at most that many bytes. What came of it, in words.
+std::string readBody(const HttpRequest& request, const std::string& text, size_t piece) {
+    BodyReader reader;
+    std::string body = std::to_string(reader.begin(request)) + ":";
+    size_t at = 0;
+    while (at < text.size() && !reader.hasEnded() && !reader.isBroken()) {
+        const std::string part = text.substr(at, piece);
+        std::string_view left = part;
+        for (std::string_view data = reader.take(left); !data.empty(); data = reader.take(left)) {
+            if (data.data() < part.data() || data.data() + data.size() > part.data() + part.size()) {
+                std::abort();
+            }
+            body += data;
+        }
+        at += part.size() - left.size();
+    }
+    return body + ":" + (reader.finish() ? std::to_string(at) : "broken");
+}
+
+/// A request with its body, which is the same in one piece and in many; and what the head shows to be let in.
+void driveBody(const uint8_t* data, size_t size) {
+    const std::string text(reinterpret_cast<const char*>(data), size);
+    HttpReader reader;
+    HttpRequest request;
+    if (reader.put(text.data(), text.size(), request) != 200) {
+        return;
+    }
+    Credentials credentials;
+    if (parseCredentials(request.field("authorization"), credentials) && credentials.scheme.empty()) {
+        std::abort();
+    }
+    if (findArgument(request.query, "token").size() > request.query.size()) {
+        std::abort();
+    }
+    const std::string rest = reader.takeRest();
+    if (readBody(request, rest, 1 + rest.size()) != readBody(request, rest, 1 + size % 7)) {
+        std::abort();
+    }
+}
+
 /// A request of RTSP, and the same bytes as reports of receivers.
 void driveRtsp(const uint8_t* data, size_t size) {
     const std::string text(reinterpret_cast<const char*>(data), size);
@@ -317,7 +360,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     constexpr void (*kDrivers[])(const uint8_t*, size_t) = {driveBytes,   drivePackets, driveTables,
                                                             driveRequest, driveUnits,   driveHls,
-                                                            driveRtsp,    driveRtp,     driveAnswer};
-    kDrivers[data[0] % 9](data + 1, size - 1);
+                                                            driveRtsp,    driveRtp,     driveAnswer,
+                                                            driveBody};
+    kDrivers[data[0] % 10](data + 1, size - 1);
     return 0;
 }

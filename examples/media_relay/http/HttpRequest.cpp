@@ -59,11 +59,15 @@ char small(char letter) {
     return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter - 'A' + 'a') : letter;
 }
 
+bool tellsLength(const std::string& key) {
+    return key == "content-length" || key == "transfer-encoding";
+}
+
 /// Takes "Name: value" at the cursor.
 bool parseField(CStrParser& parser, HttpRequest& request) {
     const char* const name = parser.GetString() + parser.GetCurOffset();
     const int size = parser.GetCurChar() > ' ' ? parser.ConsumeUntilinLine(':') : 0;
-    if (size < 1) {
+    if (size < 1 || name[size - 1] == ' ' || name[size - 1] == '\t') {  // servers differ in what that names
         return false;
     }
     const char* value = name + size + 1;
@@ -74,20 +78,26 @@ bool parseField(CStrParser& parser, HttpRequest& request) {
     while (value < end && (end[-1] == ' ' || end[-1] == '\t')) {
         --end;
     }
-    std::string key(name, static_cast<size_t>(size));
-    std::transform(key.begin(), key.end(), key.begin(), small);
-    request.fields[key] = std::string(value, end);
+    const std::string key = inSmallLetters(std::string(name, static_cast<size_t>(size)));
+    const auto field = request.fields.emplace(key, std::string(value, end));
+    if (!field.second) {
+        std::string& said = field.first->second;
+        said = (tellsLength(key) ? said + ", " : "") + std::string(value, end);
+    }
     return parser.GetThruEOL() > 0;
 }
 
 /// Whether the client says that it closes.
 bool saysClose(const HttpRequest& request) {
-    std::string said = request.field("connection");
-    std::transform(said.begin(), said.end(), said.begin(), small);
-    return said.find("close") != std::string::npos;
+    return inSmallLetters(request.field("connection")).find("close") != std::string::npos;
 }
 
 }  // namespace
+
+std::string inSmallLetters(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(), small);
+    return text;
+}
 
 int parseRequest(const std::string& head, HttpRequest& request) {
     CStrParser parser(head.data(), static_cast<unsigned>(head.size()));

@@ -8,10 +8,12 @@ namespace relay {
 
 struct HttpRequest {
     std::string method;
-    std::string path;                           // without a query
-    std::string query;                          // after the question mark, as it was sent
-    bool keepsAlive = false;                    // the client takes more than one answer on its connection
-    std::map<std::string, std::string> fields;  // by their names in small letters; of a repeated one the last
+    std::string path;         // without a query
+    std::string query;        // after the question mark, as it was sent
+    bool keepsAlive = false;  // the client takes more than one answer on its connection
+    /// By their names in small letters. Of a repeated one the last; of one that says how long the body is,
+    /// all with commas between them, so that nobody takes one for the whole.
+    std::map<std::string, std::string> fields;
 
     /// What stands in that line of the head; empty without one.
     std::string field(const std::string& name) const {
@@ -19,6 +21,8 @@ struct HttpRequest {
         return found == fields.end() ? "" : found->second;
     }
 };
+
+std::string inSmallLetters(std::string text);
 
 /// Collects bytes until the head of a request is whole.
 class HttpReader {

@@ -10,16 +10,26 @@ const char* reasonOf(int status) {
             return "OK";
         case 304:
             return "Not Modified";
+        case 401:
+            return "Unauthorized";
+        case 403:
+            return "Forbidden";
         case 404:
             return "Not Found";
         case 405:
             return "Method Not Allowed";
         case 408:
             return "Request Timeout";
+        case 409:
+            return "Conflict";
         case 414:
             return "URI Too Long";
+        case 417:
+            return "Expectation Failed";
         case 431:
             return "Request Header Fields Too Large";
+        case 501:
+            return "Not Implemented";
         case 503:
             return "Service Unavailable";
         default:
