@@ -358,10 +358,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size == 0) {
         return 0;
     }
-    constexpr void (*kDrivers[])(const uint8_t*, size_t) = {driveBytes,   drivePackets, driveTables,
-                                                            driveRequest, driveUnits,   driveHls,
-                                                            driveRtsp,    driveRtp,     driveAnswer,
-                                                            driveBody};
+    constexpr void (*kDrivers[])(const uint8_t*, size_t) = {
+        driveBytes, drivePackets, driveTables, driveRequest, driveUnits,
+        driveHls,   driveRtsp,    driveRtp,    driveAnswer,  driveBody};
     kDrivers[data[0] % 10](data + 1, size - 1);
     return 0;
 }
