@@ -278,10 +278,18 @@ TEST_F(HandlerHolders, ListsWhileThreadsTakeAndGiveBackAndHandlersComeAndGo) {
     std::vector<std::thread> users;
     for (int i = 0; i < 2; ++i) {
         users.emplace_back([&] {
+            // A worker that gets no processor ends none of them: the list that is walked must not grow.
+            const auto lives = std::make_shared<HandlerLife>();
+            int made = 0;
             while (goes_on) {
                 reticor_test_takes(handler);
                 reticor_test_gives_back(handler);
-                auto* brief = new TestHandler;
+                if (made - lives->deleted == 100) {
+                    std::this_thread::yield();
+                    continue;
+                }
+                ++made;
+                auto* brief = new TestHandler(0, lives);
                 brief->AddRef();
                 brief->Close();
                 reticor_test_gives_back(brief);
