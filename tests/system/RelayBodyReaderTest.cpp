@@ -135,9 +135,6 @@ TEST(BodyReader, TellsThatTheEndOfTheConnectionCameTooEarly) {
 TEST(BodyReader, RefusesHeadsThatTellTheLengthInTwoWays) {
     EXPECT_EQ(400, beginStatus("Content-Length: 5\r\nTransfer-Encoding: chunked\r\n"));
     EXPECT_EQ(400, beginStatus("Transfer-Encoding: chunked\r\nContent-Length: 5\r\n"));
-    EXPECT_EQ(400, beginStatus("Content-Length: 5\r\nContent-Length: 6\r\n"));
-    EXPECT_EQ(400, beginStatus("Content-Length: 5\r\ncontent-length: 5\r\n"));
-    EXPECT_EQ(400, beginStatus("Content-Length:\r\nContent-Length: 5\r\n"));
     for (const char* length : {"", "+5", "-5", "5x", "0x5", "5 5", "5,5", "18446744073709551616"}) {
         EXPECT_EQ(400, beginStatus(std::string("Content-Length: ") + length + "\r\n")) << length;
     }
@@ -145,10 +142,15 @@ TEST(BodyReader, RefusesHeadsThatTellTheLengthInTwoWays) {
          {"", "gzip", "gzip, chunked", "chunked, gzip", "chunked, chunked", "xchunked"}) {
         EXPECT_EQ(501, beginStatus(std::string("Transfer-Encoding: ") + coding + "\r\n")) << coding;
     }
-    EXPECT_EQ(501, beginStatus("Transfer-Encoding: chunked\r\nTransfer-Encoding: chunked\r\n"));
-    HttpRequest request;
-    EXPECT_EQ(400, parseRequest("PUT / HTTP/1.1\r\nContent-Length : 5\r\n\r\n", request));
-    EXPECT_EQ(400, parseRequest("PUT / HTTP/1.1\r\nTransfer-Encoding\t: chunked\r\n\r\n", request));
+    for (const char* lines :
+         {"Content-Length: 5\r\nContent-Length: 6\r\n",
+          "Content-Length: 5\r\nHost: a\r\ncontent-length: 5\r\n", "Content-Length:\r\nContent-Length: 5\r\n",
+          "Transfer-Encoding: chunked\r\nTransfer-Encoding: chunked\r\n",
+          "Transfer-Encoding: gzip\r\ntransfer-encoding: chunked\r\n", "Content-Length : 5\r\n",
+          "Transfer-Encoding\t: chunked\r\n"}) {
+        HttpRequest request;
+        EXPECT_EQ(400, parseRequest(std::string("PUT / HTTP/1.1\r\n") + lines + "\r\n", request)) << lines;
+    }
 }
 
 TEST(BodyReader, RefusesChunksThatCanBeReadInTwoWays) {

@@ -236,6 +236,11 @@ TEST(Digest, AgreesWithTheStandardsExample) {
               digestResponse(credentials, "GET", "Circle of Life"));
     ASSERT_TRUE(parseCredentials(text + ", algorithm=SHA-1", credentials));
     EXPECT_EQ("", digestResponse(credentials, "GET", "Circle of Life"));
+    for (const char* protection : {"", "auth-int", "AUTH"}) {
+        ASSERT_TRUE(parseCredentials(text, credentials));
+        credentials.parameters["qop"] = protection;
+        EXPECT_EQ("", digestResponse(credentials, "GET", "Circle of Life")) << protection;
+    }
 }
 
 TEST(PublishAccess, TakesTheTokenFromHeadAndQuery) {

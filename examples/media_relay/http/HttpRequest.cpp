@@ -79,11 +79,10 @@ bool parseField(CStrParser& parser, HttpRequest& request) {
         --end;
     }
     const std::string key = inSmallLetters(std::string(name, static_cast<size_t>(size)));
-    const auto field = request.fields.emplace(key, std::string(value, end));
-    if (!field.second) {
-        std::string& said = field.first->second;
-        said = (tellsLength(key) ? said + ", " : "") + std::string(value, end);
+    if (request.fields.count(key) != 0 && tellsLength(key)) {  // servers differ in which of them they believe
+        return false;
     }
+    request.fields[key] = std::string(value, end);
     return parser.GetThruEOL() > 0;
 }
 

@@ -11,8 +11,8 @@ struct HttpRequest {
     std::string path;         // without a query
     std::string query;        // after the question mark, as it was sent
     bool keepsAlive = false;  // the client takes more than one answer on its connection
-    /// By their names in small letters. Of a repeated one the last; of one that says how long the body is,
-    /// all with commas between them, so that nobody takes one for the whole.
+    /// By their names in small letters. Of a repeated one the last; one that says how long the body is comes
+    /// once.
     std::map<std::string, std::string> fields;
 
     /// What stands in that line of the head; empty without one.
