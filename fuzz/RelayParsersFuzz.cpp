@@ -128,6 +128,9 @@ void drivePackets(const uint8_t* data, size_t size) {
 
     Sink sink;
     TsDemuxer demuxer(sink);
+    if (size % 2 == 0) {
+        demuxer.endByLength();
+    }
     TsLoop loop;
     PcrClock clock;
     for (size_t at = 0; at < tables.size(); at += kTsPacketSize) {

@@ -37,7 +37,7 @@ public:
         EXPECT_EQ(0, bind(m_fd, reinterpret_cast<const sockaddr*>(&local), sizeof local));
         EXPECT_EQ(0, setsockopt(m_fd, IPPROTO_IP, IP_MULTICAST_IF, &loopback, sizeof loopback));
     }
-    ~DatagramSender() { close(m_fd); }
+    ~DatagramSender() { ::close(m_fd); }
     DatagramSender(const DatagramSender&) = delete;
     DatagramSender& operator=(const DatagramSender&) = delete;
 
@@ -67,7 +67,7 @@ int freePort() {
     socklen_t length = sizeof address;
     EXPECT_EQ(0, bind(fd, reinterpret_cast<sockaddr*>(&address), length));
     EXPECT_EQ(0, getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length));
-    close(fd);
+    ::close(fd);
     return ntohs(address.sin_port);
 }
 

@@ -8,11 +8,13 @@
 
 #include "media_relay/http/HttpRequest.h"
 #include "media_relay/mpegts/KeyFrames.h"
+#include "media_relay/mpegts/PesUnit.h"
 #include "media_relay/mpegts/TsClock.h"
 #include "media_relay/mpegts/TsDemuxer.h"
 #include "media_relay/mpegts/TsFramer.h"
 #include "media_relay/mpegts/TsLosses.h"
 #include "media_relay/mpegts/TsSections.h"
+#include "support/TsBuilder.h"
 
 using namespace relay;
 using Bytes = std::vector<uint8_t>;
@@ -57,7 +59,7 @@ Bytes clockPacket(unsigned pid, uint64_t ticks) {
     return bytes;
 }
 
-void close(Bytes& section) {
+void closeSection(Bytes& section) {
     section[2] = static_cast<uint8_t>(section.size() - 3 + 4);
     const uint32_t sum = sectionChecksum(section.data(), section.size());
     for (int shift = 24; shift >= 0; shift -= 8) {
@@ -72,7 +74,7 @@ Bytes mapSection(bool video = true) {
         section.insert(section.end(), {0x1B, 0xE1, 0x00, 0xF0, 0});
     }
     section.insert(section.end(), {0x0F, 0xE1, 0x01, 0xF0, 0});
-    close(section);
+    closeSection(section);
     return section;
 }
 
@@ -136,6 +138,13 @@ bool isKey(Codec codec, const Bytes& bytes) {
     }
     EXPECT_EQ(whole.isKeyFrame(), pieces.isKeyFrame());
     return whole.isKeyFrame();
+}
+
+/// Sound of 200 bytes with its head, in two packets.
+Bytes statedSound(unsigned counter) {
+    Bytes bytes{0, 0, 1, 0xC0, 0, 194, 0x80, 0, 0};
+    bytes.resize(200, 0x55);
+    return Orvex::Testing::packetsOf(kAudioPid, bytes, counter);
 }
 
 }  // namespace
@@ -300,6 +309,34 @@ TEST(TsDemuxer, CutsUnitsAndPutsTablesBeforeKeyFrames) {
     EXPECT_FALSE(collector.units[3].key);
 }
 
+TEST(TsDemuxer, EndsSoundByItsLengthIfAskedTo) {
+    Collector collector;
+    TsDemuxer demuxer(collector);
+    demuxer.endByLength();
+    put(demuxer, tablePackets(false));
+    put(demuxer, packet(kAudioPid, 0, false, {}));  // the rest of something
+    put(demuxer, statedSound(1));
+    ASSERT_EQ(1U, collector.units.size());
+    EXPECT_EQ(statedSound(1), collector.units[0].packets);
+    put(demuxer, clockPacket(kAudioPid, 300));  // goes with the next one
+    put(demuxer, statedSound(3));
+    ASSERT_EQ(2U, collector.units.size());
+    const Bytes expected = Orvex::Testing::operator+(clockPacket(kAudioPid, 300), statedSound(3));
+    EXPECT_EQ(expected, collector.units[1].packets);
+    PesHead head;
+    Bytes payload;
+    EXPECT_TRUE(readPesUnit(collector.units[1].packets, head, payload));
+    EXPECT_EQ(191U, payload.size());
+
+    put(demuxer, packet(kAudioPid, 5, false, {}));  // there is more of it: lengths are not to be believed
+    put(demuxer, statedSound(6));
+    EXPECT_EQ(2U, collector.units.size());
+    put(demuxer, packet(kAudioPid, 8, false, {}));
+    put(demuxer, statedSound(9));
+    ASSERT_EQ(3U, collector.units.size());
+    EXPECT_EQ(3 * kTsPacketSize, collector.units[2].packets.size());
+}
+
 TEST(TsDemuxer, LetsClientsBeginAnywhereInSoundAlone) {
     Collector collector;
     TsDemuxer demuxer(collector);
@@ -317,7 +354,7 @@ TEST(TsDemuxer, LetsClientsBeginAnywhereInSoundAlone) {
 
 TEST(TsDemuxer, LetsClientsBeginAnywhereInPrivateDataAlone) {
     Bytes map{2, 0xB0, 0, 0, kProgram, 0xC1, 0, 0, 0xE1, 0x00, 0xF0, 0, 0x06, 0xE1, 0x00, 0xF0, 0};
-    close(map);
+    closeSection(map);
     Bytes tables;
     unsigned counters[2] = {0, 0};
     appendSection(tables, 0, counters[0], makeAssociation(kProgram, kMapPid));
@@ -340,7 +377,7 @@ TEST(TsDemuxer, LetsClientsBeginAnywhereInPrivateDataAlone) {
 TEST(TsDemuxer, LetsClientsOfSoundWithPrivateDataBeginWithTheSound) {
     Bytes map{2, 0xB0, 0,    0,    kProgram, 0xC1, 0,    0,    0xE1, 0x00, 0xF0,
               0, 0x06, 0xE1, 0x00, 0xF0,     0,    0x0F, 0xE1, 0x01, 0xF0, 0};
-    close(map);
+    closeSection(map);
     Bytes tables;
     unsigned counters[2] = {0, 0};
     appendSection(tables, 0, counters[0], makeAssociation(kProgram, kMapPid));

@@ -37,7 +37,7 @@ public:
     }
     ~Origin() {
         hangUp();
-        close(m_listener);
+        ::close(m_listener);
     }
     Origin(const Origin&) = delete;
     Origin& operator=(const Origin&) = delete;
@@ -74,7 +74,7 @@ public:
 
     void hangUp() {
         if (m_peer >= 0) {
-            close(m_peer);
+            ::close(m_peer);
         }
         m_peer = -1;
     }
@@ -230,7 +230,7 @@ TEST(RelayPull, SurvivesTheRestartOfItsOrigin) {
     EXPECT_EQ(0, again.wait());
 }
 
-// It ends at once, also while it waits for a name, a connection or the next attempt.
+// It ends at once, also while it waits for an answer or for the next attempt.
 TEST(RelayPull, EndsWhileItHasNoInput) {
     Origin origin;
     RelayProgram waits({"--input", origin.url("/a")});
@@ -239,6 +239,4 @@ TEST(RelayPull, EndsWhileItHasNoInput) {
     RelayProgram refused({"--input", "http://127.0.0.1:1/a"});
     ASSERT_EVENTUALLY(pulled(refused)["state"] == "127.0.0.1 takes no connection");
     EXPECT_EQ(0, refused.end());
-    RelayProgram unknown({"--input", "http://no.such.name.invalid/a"});
-    EXPECT_EQ(0, unknown.end());
 }

@@ -23,6 +23,7 @@ LiveInput::LiveInput(Roster& roster, const Setup& setup, const std::string& kind
       m_listener(setup.listener),
       m_heard_us(CTime::getCurrentMicroSecond()) {
     m_now.kind = kind;
+    m_input.endByLength();
 }
 
 void LiveInput::begin() {

@@ -29,6 +29,9 @@ public:
     /// Of several programmes it takes the one with this number, 0 is the first one.
     explicit TsInput(const TsOutputs& outputs, unsigned program = 0);
 
+    /// For what is handed on at once: see TsDemuxer::endByLength. Before the first byte.
+    void endByLength() { m_demuxer.endByLength(); }
+
     /// Takes all of it.
     void put(const uint8_t* bytes, size_t size);
 

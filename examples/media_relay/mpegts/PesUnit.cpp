@@ -47,6 +47,14 @@ bool readPesHead(const uint8_t* bytes, size_t size, PesHead& head) {
     return true;
 }
 
+size_t statedSize(const uint8_t* bytes, size_t size) {
+    if (size < 6 || bytes[0] != 0 || bytes[1] != 0 || bytes[2] != 1) {
+        return 0;
+    }
+    const size_t stated = bytes[4] * 256U + bytes[5];
+    return stated == 0 ? 0 : stated + 6;
+}
+
 bool readPesUnit(const std::vector<uint8_t>& packets, PesHead& head, std::vector<uint8_t>& payload) {
     payload.clear();
     payload.reserve(packets.size());

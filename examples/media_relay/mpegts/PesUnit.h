@@ -28,6 +28,9 @@ struct PesHead {
 /// Reads the head that these bytes begin with. False if there is none, or not all of it.
 bool readPesHead(const uint8_t* bytes, size_t size, PesHead& head);
 
+/// How long the unit is that these bytes begin with, its head included; 0 if it does not say it.
+size_t statedSize(const uint8_t* bytes, size_t size);
+
 /// Takes the payloads of whole packets together, and the head off them. False if there is no head.
 bool readPesUnit(const std::vector<uint8_t>& packets, PesHead& head, std::vector<uint8_t>& payload);
 

@@ -2,6 +2,7 @@
 
 #include "media_relay/mpegts/TsDemuxer.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "media_relay/mpegts/PesUnit.h"
@@ -81,18 +82,40 @@ void TsDemuxer::putStream(Stream& stream, const TsPacket& packet) {
     if (packet.startsUnit()) {
         finish(stream, &packet);
         stream.open = true;
+        stream.whole = false;
         stream.key = packet.isRandomAccess();
         stream.finder.begin(stream.entry.codec);
     }
-    if (stream.open) {  // what comes before the first start has no beginning
+    if (stream.whole && packet.hasPayload()) {
+        stream.strays = true;
+    } else if (stream.open || stream.whole) {  // what comes before the first start has no beginning
         append(stream, packet);
     }
+    if (stream.open && isWhole(stream, packet)) {
+        finish(stream);
+        stream.whole = true;
+    }
+}
+
+/// Whether the unit under way ends with this packet, by what its head says. Where that once was too little,
+/// it is not believed any more.
+bool TsDemuxer::isWhole(Stream& stream, const TsPacket& packet) const {
+    if (!m_byLength || stream.entry.kind == StreamKind::Video || stream.strays) {
+        return false;
+    }
+    const size_t size = packet.payloadSize();
+    if (packet.startsUnit()) {
+        stream.missing = statedSize(packet.payload(), size);
+    }
+    const bool ends = stream.missing != 0 && size >= stream.missing;
+    stream.missing -= std::min(size, stream.missing);
+    return ends;
 }
 
 /// The clock has a PID of its own: its packets travel with the pictures.
 void TsDemuxer::putClock(const TsPacket& packet) {
     for (auto& [pid, stream] : m_streams) {
-        if (stream.open && (stream.entry.kind == StreamKind::Video || !m_hasVideo)) {
+        if ((stream.open || stream.whole) && (stream.entry.kind == StreamKind::Video || !m_hasVideo)) {
             append(stream, packet);
             return;
         }
@@ -102,7 +125,7 @@ void TsDemuxer::putClock(const TsPacket& packet) {
 void TsDemuxer::append(Stream& stream, const TsPacket& packet) {
     if (stream.packets.size() + kTsPacketSize > kMaxUnit) {
         ++m_givenUp;
-        stream.open = false;
+        stream.open = stream.whole = false;
         stream.packets = std::vector<uint8_t>();
         return;
     }
@@ -157,7 +180,7 @@ void TsDemuxer::flush() {
 void TsDemuxer::giveUpUnits() {
     for (auto& [pid, stream] : m_streams) {
         m_givenUp += stream.open ? 1 : 0;
-        stream.open = false;
+        stream.open = stream.whole = false;
         stream.packets = std::vector<uint8_t>();
     }
 }

@@ -38,6 +38,11 @@ public:
     /// Of several programmes it takes the one with this number, 0 is the first one.
     explicit TsDemuxer(Sink& sink, unsigned program = 0) : m_sink(sink), m_wanted(program) {}
 
+    /// From now on a unit is handed out as soon as it is whole, where its head says how long it is: else it
+    /// waits for the next one, which for sound may be 0.4 s. Not so pictures, since it is only then known
+    /// when the next one is decoded.
+    void endByLength() { m_byLength = true; }
+
     /// Takes a packet that is sound. `time_us` is the media time, by which units count as keys when the
     /// stream itself names none for long.
     void put(const TsPacket& packet, uint64_t time_us);
@@ -65,6 +70,9 @@ private:
         bool open = false;  // a unit is under way
         bool key = false;   // by the flag of its first packet
         KeyFrameFinder finder;
+        size_t missing = 0;   // bytes to the end of the unit, if it is known
+        bool whole = false;   // the last one ended by its length: what comes before the next belongs to that
+        bool strays = false;  // there was more of a unit than its head said
         std::vector<uint8_t> packets;
     };
 
@@ -72,6 +80,7 @@ private:
     void onMap(const std::vector<uint8_t>& section);
     void putStream(Stream& stream, const TsPacket& packet);
     void putClock(const TsPacket& packet);
+    bool isWhole(Stream& stream, const TsPacket& packet) const;
     void append(Stream& stream, const TsPacket& packet);
     void finish(Stream& stream, const TsPacket* next = nullptr);
     bool isKey(const Stream& stream);
@@ -79,6 +88,7 @@ private:
 
     Sink& m_sink;
     const unsigned m_wanted;
+    bool m_byLength = false;
     SectionReader m_associationReader;
     SectionReader m_mapReader;
     unsigned m_program = 0;
