@@ -25,6 +25,15 @@ struct Frame {
     bool disposable = false;  // no other frame needs it
 };
 
+/// What two buffers hold together.
+inline void add(Orvex::Reticor::MediaBufferStats& sum, const Orvex::Reticor::MediaBufferStats& more) {
+    sum.frames += more.frames;
+    sum.bytes += more.bytes;
+    sum.expired_frames += more.expired_frames;
+    sum.debt_bytes += more.debt_bytes;
+    sum.pinned_frames += more.pinned_frames;
+}
+
 /// The media buffer, and the list of those who wait for a frame to begin with.
 ///
 /// The buffer lets a new client in at a key frame of any channel. Here one may begin with a picture alone,

@@ -2,10 +2,14 @@
 
 #include "media_relay/Options.h"
 
+#include <algorithm>
+
 #include <CLI/CLI.hpp>
 
 #include <Reticor/PoolSet.h>
 #include <Reticor/StrParser.h>
+
+#include "media_relay/stream/StreamName.h"
 
 namespace relay {
 
@@ -47,6 +51,54 @@ std::string parseSize(const std::string& text, unsigned& width, unsigned& height
     width = x;
     height = y;
     return "";
+}
+
+/// "NAME=INPUT". The result is empty, or what is wrong.
+std::string parseStream(const std::string& text, const Options& options, StreamOption& stream) {
+    const std::string sized = "test:";  // and the size of the picture
+    const size_t sign = text.find('=');
+    if (sign == std::string::npos || sign + 1 == text.size()) {
+        return "is no NAME=INPUT";
+    }
+    stream = {text.substr(0, sign), text.substr(sign + 1), options.width, options.height};
+    std::string wrong = checkStreamName(stream.name);
+    if (!wrong.empty()) {
+        return "begins with what " + wrong;
+    }
+    if (stream.input.compare(0, sized.size(), sized) == 0) {
+        wrong = parseSize(stream.input.substr(sized.size()), stream.width, stream.height);
+        stream.input = "test";
+        return wrong.empty() ? "" : "names a picture whose size " + wrong;
+    }
+    return "";
+}
+
+/// Fills the list of all streams. The result is empty, or what is wrong.
+std::string collectStreams(const std::vector<std::string>& texts, bool withInput, Options& options) {
+    if (withInput || texts.empty()) {
+        options.streams.push_back({"live", options.input, options.width, options.height});
+    }
+    for (const std::string& text : texts) {
+        StreamOption stream;
+        std::string wrong = parseStream(text, options, stream);
+        for (const StreamOption& other : options.streams) {
+            wrong = wrong.empty() && other.name == stream.name ? "has the name of another stream" : wrong;
+            wrong = wrong.empty() && other.input == "-" && stream.input == "-"
+                        ? "reads what another stream reads"
+                        : wrong;
+        }
+        if (!wrong.empty()) {
+            return "--stream: " + text + " " + wrong;
+        }
+        options.streams.push_back(stream);
+    }
+    return "";
+}
+
+/// Whether one of the streams is a test picture, or a transport stream.
+bool hasStream(const Options& options, bool test) {
+    return std::any_of(options.streams.begin(), options.streams.end(),
+                       [&](const StreamOption& stream) { return stream.isTest() == test; });
 }
 
 void addInput(CLI::App& app, Options& options, std::string& size) {
@@ -122,6 +174,7 @@ int readOptions(int argc, char** argv, Options& options) {
     std::string target;
     std::string size = "640x360";
     std::string start = "next";
+    std::vector<std::string> streams;
     CLI::App app{"Sends one live picture to any number of clients over HTTP, whatever their speed."};
     app.add_option("--host", options.host, "address to listen on; :: is every address, IPv4 and IPv6")
         ->capture_default_str();
@@ -132,6 +185,11 @@ int readOptions(int argc, char** argv, Options& options) {
         ->check(CLI::Range(1, 1024))
         ->capture_default_str();
     addInput(app, options, size);
+    app.add_option("--stream", streams,
+                   "one more stream, by its name; an input as above, or test:WxH; without --input there are "
+                   "these alone; may be repeated")
+        ->type_name("NAME=INPUT")
+        ->allow_extra_args(false);
     addClients(app, options, start);
     app.add_option("--multicast", target, "IP:PORT that the transport stream is sent to over UDP as well");
     app.add_option("--multicast-if", options.multicastInterface, "IPv4 address of the interface for that");
@@ -147,12 +205,15 @@ int readOptions(int argc, char** argv, Options& options) {
     std::string wrong;
     if (!target.empty()) {
         wrong = parseTarget(target, options.multicastIp, options.multicastPort);
-        wrong = wrong.empty() && options.isTest() ? "needs a transport stream as --input" : wrong;
+        wrong = wrong.empty() && options.input == "test" ? "needs a transport stream as --input" : wrong;
         wrong = wrong.empty() ? wrong : "--multicast: " + target + " " + wrong;
     }
     if (wrong.empty()) {
         wrong = parseSize(size, options.width, options.height);
         wrong = wrong.empty() ? wrong : "--size: " + size + " " + wrong;
+    }
+    if (wrong.empty()) {
+        wrong = collectStreams(streams, app.count("--input") != 0, options);
     }
     options.burst = start == "burst";
     if (wrong.empty() && options.pools != 0 && options.maxClients > options.pools * PER_POOL) {
@@ -164,10 +225,10 @@ int readOptions(int argc, char** argv, Options& options) {
     if (wrong.empty() && options.maxLag_ms == 0 && (options.burst || options.disposableFirst)) {
         wrong = "--start burst and --disposable-first need a --max-lag";
     }
-    if (wrong.empty() && options.rtspPort >= 0 && options.isTest()) {
+    if (wrong.empty() && options.rtspPort >= 0 && !hasStream(options, false)) {
         wrong = "--rtsp needs a transport stream as --input";
     }
-    if (wrong.empty() && options.twoQualities && (!options.isTest() || options.maxLag_ms == 0)) {
+    if (wrong.empty() && options.twoQualities && (!hasStream(options, true) || options.maxLag_ms == 0)) {
         wrong = "--two-qualities needs the test picture and a --max-lag";
     }
     if (wrong.empty() && options.strictLag && options.disposableFirst) {

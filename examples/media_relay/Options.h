@@ -2,15 +2,27 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 namespace relay {
+
+/// A stream by its name, and what it plays.
+struct StreamOption {
+    std::string name;
+    std::string input;
+    unsigned width = 0;  // of the test picture
+    unsigned height = 0;
+
+    bool isTest() const { return input == "test"; }
+};
 
 struct Options {
     std::string host = "127.0.0.1";
     unsigned short port = 7009;
     int rtspPort = -1;  // 0 is any that is free, -1 none
     unsigned threads = 1;
-    std::string input = "test";  // "test", "-", or the name of a file
+    std::string input = "test";         // "test", "-", or the name of a file
+    std::vector<StreamOption> streams;  // all of them, the one of `input` first
     bool loop = false;
     unsigned program = 0;  // of several in the input; 0: the first one
     double speed = 1.0;
@@ -36,8 +48,6 @@ struct Options {
     bool twoQualities = false;  // of the test picture
     std::string statsPath;      // of the statistics socket; empty: none
     bool verbose = false;
-
-    bool isTest() const { return input == "test"; }
 };
 
 /// Fills `options`. If the program is to go on, the result is -1; else it is main's.

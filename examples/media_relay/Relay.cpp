@@ -26,10 +26,9 @@ using Orvex::Infra::CTime;
 namespace {
 
 constexpr int64_t kTick_us = History::PERIOD_MS * 1000;
-constexpr uint64_t kDrain_us = 5000000;  // for clients to get what is left, once the input has ended
-constexpr size_t kMembers = 4090;        // a pool watches 4095 sockets for reading
-constexpr size_t kLeft = 64;             // clients that have gone, for the last verdicts on them
-constexpr size_t kWorst = 5;             // clients that the terminal shows
+constexpr size_t kMembers = 4090;  // a pool watches 4095 sockets for reading
+constexpr size_t kLeft = 64;       // clients that have gone, for the last verdicts on them
+constexpr size_t kWorst = 5;       // clients that the terminal shows
 
 /// Calls Relay::tick.
 class Ticker : public Member {
@@ -63,10 +62,24 @@ size_t terminalColumns() {
 
 }  // namespace
 
-int Relay::run(EndSignals& signals, OpenInput&& input) {
-    if (!m_options.multicastIp.empty() &&
-        !m_multicast.open(m_options.multicastIp, m_options.multicastPort, m_options.multicastInterface,
-                          m_options.multicastTtl)) {
+void sortBySuffering(std::vector<std::shared_ptr<Client>>& clients) {
+    std::map<int64_t, size_t> places;
+    const auto place = [](void* context, const SenderVerdict& verdict) {
+        auto& found = *static_cast<std::map<int64_t, size_t>*>(context);
+        found.emplace(verdict.sender, found.size());
+        return true;
+    };
+    CMediaVerdicts::List(place, &places);
+    const auto placeOf = [&](const std::shared_ptr<Client>& client) {
+        const auto found = places.find(client->sender()->GetID());
+        return found != places.end() ? found->second : places.size();
+    };
+    std::stable_sort(clients.begin(), clients.end(),
+                     [&](const auto& a, const auto& b) { return placeOf(a) < placeOf(b); });
+}
+
+int Relay::run(EndSignals& signals, std::vector<OpenInput>&& inputs) {
+    if (!makeStreams()) {
         return 1;
     }
     if (m_options.pools != 0 && m_pools.Create(m_options.pools, m_options.threads) != 0) {
@@ -89,18 +102,36 @@ int Relay::run(EndSignals& signals, OpenInput&& input) {
             Orvex::Infra::setLogLevel(NOTICE);  // clients that hang up are not news
         }
         Ticker::Create(*this);
-        startSource(std::move(input));
+        for (size_t i = 0; i < inputs.size(); ++i) {
+            startSource(m_options.streams[i], std::move(inputs[i]));
+        }
         signals.wait();
         if (isatty(STDOUT_FILENO) != 0) {
             std::printf("\n\033[J");
         }
+        m_streams.close();
         setListener(nullptr);
         listener->stop();
     }
     m_inputs.stop();
     m_roster.waitUntilEmpty();
-    CGuard guard(m_mutex);
-    return good ? m_result : 1;
+    const auto streams = m_streams.list();
+    const bool failed =
+        std::any_of(streams.begin(), streams.end(), [](const auto& stream) { return stream->hasFailed(); });
+    return good && !failed ? 0 : 1;
+}
+
+/// Streams are there before clients are.
+bool Relay::makeStreams() {
+    std::string wrong;
+    for (const StreamOption& option : m_options.streams) {
+        const auto kind = option.isTest() ? Stream::Kind::PICTURES : Stream::Kind::TRANSPORT;
+        if (m_streams.make(option.name, kind, wrong) == nullptr) {
+            std::fprintf(stderr, "media_relay: %s %s\n", option.name.c_str(), wrong.c_str());
+            return false;
+        }
+    }
+    return m_options.multicastIp.empty() || m_streams.first()->openMulticast(m_options);
 }
 
 /// Fills `address`. True also if nobody wants it.
@@ -110,7 +141,7 @@ bool Relay::listenForRtsp(std::string& address) {
     }
     const CSockAddrStorage local(m_options.host.c_str(), static_cast<unsigned short>(m_options.rtspPort));
     Listener* const listener =
-        m_rtsp.datagrams().open(m_roster, m_options.host)
+        m_streams.openDatagrams(m_roster)
             ? Listener::Open(m_roster, local, kMembers, m_options.maxPerAddress,
                              [this](CSockStream& peer) { RtspSession::Create(*this, peer); })
             : nullptr;
@@ -150,29 +181,31 @@ void Relay::setListener(Listener* listener) {
     m_listener = listener;
 }
 
-void Relay::announce(const std::string& address, const std::string& rtsp) const {
+void Relay::announce(const std::string& address, const std::string& rtsp) {
     std::printf("listening on %s\n", address.c_str());
     std::printf("page: http://%s/\n", address.c_str());
-    std::printf("live: http://%s/%s\n", address.c_str(), m_options.isTest() ? "live.mjpg" : "live.ts");
-    if (!rtsp.empty()) {
-        std::printf("rtsp: rtsp://%s/live\n", rtsp.c_str());
+    const char* title = "live";
+    for (const auto& stream : m_streams.list()) {
+        std::printf("%s: http://%s%s\n", title, address.c_str(), stream->livePath().c_str());
+        if (!rtsp.empty() && !stream->isTest()) {
+            std::printf("rtsp: rtsp://%s/%s\n", rtsp.c_str(), stream->name().c_str());
+        }
+        title = "stream";
     }
     std::fflush(stdout);
 }
 
-void Relay::startSource(OpenInput&& input) {
-    if (m_options.isTest()) {
-        TestSource::Create(m_roster, m_stream, *this, m_options)->start(m_options.speed);
+void Relay::startSource(const StreamOption& option, OpenInput&& input) {
+    const auto stream = m_streams.find(option.name);
+    if (!stream->isTest()) {
+        m_inputs.start(std::move(input),
+                       {stream->outputs(), *stream, m_options.program, m_options.loop, m_options.speed});
         return;
     }
-    const TsOutputs outputs{m_stream, m_mp4, m_options.rtspPort < 0 ? nullptr : &m_rtsp,
-                            m_options.multicastIp.empty() ? nullptr : &m_multicast};
-    m_inputs.start(std::move(input), {outputs, *this, m_options.program, m_options.loop, m_options.speed});
-}
-
-HlsOutput* Relay::hls(const std::string& name) {
-    const bool fits = name == "live" && !m_options.isTest() && m_mp4.refusal().empty();
-    return fits ? &m_mp4.hls() : nullptr;
+    Options picture = m_options;
+    picture.width = option.width;
+    picture.height = option.height;
+    TestSource::Create(m_roster, stream->live(), *stream, picture)->start(m_options.speed);
 }
 
 void Relay::count(uint64_t Counters::*counter) {
@@ -194,28 +227,14 @@ void Relay::givePlace() {
     --m_watching;
 }
 
-/// Of all outputs.
+/// Of all streams.
 std::vector<std::shared_ptr<Client>> Relay::clients() {
-    std::vector<std::shared_ptr<Client>> clients = m_stream.clients();
-    for (LiveStream* const output : {&m_mp4.stream(), &m_rtsp.stream()}) {
-        const std::vector<std::shared_ptr<Client>> more = output->clients();
+    std::vector<std::shared_ptr<Client>> clients;
+    for (const auto& stream : m_streams.list()) {
+        const std::vector<std::shared_ptr<Client>> more = stream->clients();
         clients.insert(clients.end(), more.begin(), more.end());
     }
     return clients;
-}
-
-/// What all outputs hold.
-MediaBufferStats Relay::bufferStats() {
-    MediaBufferStats stats = m_stream.bufferStats();
-    for (LiveStream* const output : {&m_mp4.stream(), &m_rtsp.stream()}) {
-        const MediaBufferStats more = output->bufferStats();
-        stats.frames += more.frames;
-        stats.bytes += more.bytes;
-        stats.expired_frames += more.expired_frames;
-        stats.debt_bytes += more.debt_bytes;
-        stats.pinned_frames += more.pinned_frames;
-    }
-    return stats;
 }
 
 unsigned Relay::takeNumber() {
@@ -231,54 +250,21 @@ void Relay::noteLeft(const Client& client) {
     }
 }
 
-/// Those that suffer most first; whoever still waits for its first frame comes last.
-std::vector<std::shared_ptr<Client>> Relay::clientsBySuffering() {
-    std::map<int64_t, size_t> places;
-    const auto place = [](void* context, const SenderVerdict& verdict) {
-        auto& found = *static_cast<std::map<int64_t, size_t>*>(context);
-        found.emplace(verdict.sender, found.size());
-        return true;
-    };
-    CMediaVerdicts::List(place, &places);
-    std::vector<std::shared_ptr<Client>> clients = this->clients();
-    const auto placeOf = [&](const std::shared_ptr<Client>& client) {
-        const auto found = places.find(client->sender()->GetID());
-        return found != places.end() ? found->second : places.size();
-    };
-    std::stable_sort(clients.begin(), clients.end(),
-                     [&](const auto& a, const auto& b) { return placeOf(a) < placeOf(b); });
-    return clients;
-}
-
-void Relay::onSourceView(const SourceView& view) {
-    CGuard guard(m_mutex);
-    m_source = view;
-}
-
-void Relay::onSourceEnd(const std::string& error) {
-    if (!error.empty()) {
-        std::fprintf(stderr, "media_relay: %s\n", error.c_str());
-    }
-    CGuard guard(m_mutex);
-    m_ended_us = CTime::getCurrentMicroSecond();
-    m_result = error.empty() ? 0 : 1;
-}
-
+/// A stream that has ended waits for the others.
 bool Relay::isOver() {
-    uint64_t ended_us = 0;
-    {
-        CGuard guard(m_mutex);
-        ended_us = m_ended_us;
-    }
-    const bool drained = m_stream.isDrained() && m_mp4.stream().isDrained() && m_rtsp.stream().isDrained();
-    return ended_us != 0 && (drained || CTime::getCurrentMicroSecond() > ended_us + kDrain_us);
+    const auto streams = m_streams.list();
+    return std::all_of(streams.begin(), streams.end(), [](const auto& stream) { return stream->isOver(); });
 }
 
 void Relay::tick() {
     for (const auto& client : clients()) {
         client->sample();
     }
-    m_history.take(bufferStats(), clientsBySuffering());
+    for (const auto& stream : m_streams.list()) {
+        auto clients = stream->clients();
+        sortBySuffering(clients);
+        stream->history().take(stream->bufferStats(), clients);
+    }
     if (!m_signalled && isOver()) {
         m_signalled = true;
         kill(getpid(), SIGTERM);  // main waits for a signal, whoever sends it
@@ -293,11 +279,17 @@ void Relay::tick() {
 }
 
 void Relay::printStatus() {
-    const MediaBufferStats buffer = bufferStats();
-    const LiveStream::Totals totals = m_stream.totals();
+    MediaBufferStats buffer;
+    uint64_t frames = 0;
+    for (const auto& stream : m_streams.list()) {
+        add(buffer, stream->bufferStats());
+        frames += stream->live().totals().frames;
+    }
+    const double seconds = m_streams.first()->view().seconds;
     double rate = 0;
     uint64_t lost = 0;
-    const std::vector<std::shared_ptr<Client>> clients = clientsBySuffering();
+    std::vector<std::shared_ptr<Client>> clients = this->clients();
+    sortBySuffering(clients);
     for (const auto& client : clients) {
         const Client::View view = client->view();
         rate += view.rate;
@@ -308,11 +300,11 @@ void Relay::printStatus() {
     std::printf(
         "\r\033[J%7.1f s  %ju frames/s  %zu clients  %.2f MB/s out  buffer %u frames, %.2f MB  "
         "dropped %ju frames, %ju clients%s",
-        m_source.seconds, static_cast<uintmax_t>(totals.frames - m_lastFrames), clients.size(), rate / 1e6,
-        buffer.frames, static_cast<double>(buffer.bytes) / 1e6, static_cast<uintmax_t>(lost),
+        seconds, static_cast<uintmax_t>(frames - m_lastFrames), clients.size(), rate / 1e6, buffer.frames,
+        static_cast<double>(buffer.bytes) / 1e6, static_cast<uintmax_t>(lost),
         static_cast<uintmax_t>(m_counters.stalled), worst.c_str());
     std::fflush(stdout);
-    m_lastFrames = totals.frames;
+    m_lastFrames = frames;
 }
 
 /// Below the status line, to which the cursor comes back.

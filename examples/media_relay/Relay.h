@@ -1,4 +1,4 @@
-// Relay: the whole of the program but its doors: the live stream, its input, and the counters.
+// Relay: the whole of the program but its doors: the streams, their inputs, and the counters.
 #pragma once
 
 #include <deque>
@@ -11,16 +11,12 @@
 #include <nlohmann/json_fwd.hpp>
 
 #include "media_relay/EndSignals.h"
-#include "media_relay/LiveStream.h"
-#include "media_relay/Mp4Output.h"
-#include "media_relay/MulticastOutput.h"
 #include "media_relay/Options.h"
-#include "media_relay/figures/History.h"
 #include "media_relay/figures/PoolWork.h"
 #include "media_relay/hls/Waker.h"
 #include "media_relay/http/Listener.h"
 #include "media_relay/input/Inputs.h"
-#include "media_relay/rtsp/RtspOutput.h"
+#include "media_relay/stream/Streams.h"
 
 namespace relay {
 
@@ -33,34 +29,27 @@ struct Counters {
     uint64_t stalled = 0;  // live clients that were dropped, since they took nothing
 };
 
-class Relay : public SourceListener {
+/// Those that suffer most first; whoever still waits for its first frame comes last.
+void sortBySuffering(std::vector<std::shared_ptr<Client>>& clients);
+
+class Relay {
 public:
     static constexpr unsigned WAKE = 102;  // message to a Session: what it waits for is there
 
-    explicit Relay(const Options& options) : m_options(options) {
-        m_stream.setUp(options.burst, options.disposableFirst);
-        m_mp4.setUp(options.maxLag_ms != 0, options.disposableFirst);
-        m_mp4.hls().setWake([this](long client) { m_waker.wake(client); });
-        m_rtsp.setUp(options.disposableFirst);
-    }
+    explicit Relay(const Options& options) : m_options(options) {}
 
-    /// Plays the input to whoever comes, until a signal ends it or the
-    /// input has ended. The result is main's.
-    int run(EndSignals& signals, OpenInput&& input);
+    /// Plays the inputs, one for each stream of the options, to whoever comes, until a signal ends it or all
+    /// streams have ended. The result is main's.
+    int run(EndSignals& signals, std::vector<OpenInput>&& inputs);
 
     const Options& options() const { return m_options; }
     Roster& roster() { return m_roster; }
-    LiveStream& stream() { return m_stream; }
-    Mp4Output& mp4() { return m_mp4; }
-    RtspOutput& rtsp() { return m_rtsp; }
+    Streams& streams() { return m_streams; }
 
     /// Sets up what writes a live stream to `sock`, whose handler is `owner`; that one gets the message
     /// `skipped` when the client has missed something.
     void prepare(Orvex::Reticor::CMediaStreamSender& sender, Orvex::Reticor::CSockStream& sock, long owner,
                  unsigned skipped) const;
-
-    /// The stream of that name; null if there is none, or none that can be fetched so.
-    HlsOutput* hls(const std::string& name);
 
     /// A place for a live client, of those that may be there at a time. False if all are taken.
     bool takePlace();
@@ -72,23 +61,17 @@ public:
     /// A number for a client, which no other one has had.
     unsigned takeNumber();
 
-    /// /stats.json.
-    std::string json();
+    /// /stats.json, of that stream above all.
+    std::string json(Stream& stream);
 
     /// /metrics: what the library counts, and what the relay does.
     std::string metrics();
-
-    /// /history.json.
-    std::string historyJson() { return m_history.json(); }
 
     /// A live client goes: what its last verdict is known by.
     void noteLeft(const Client& client);
 
     /// Every half second, on a worker.
     void tick();
-
-    void onSourceView(const SourceView& view) override;
-    void onSourceEnd(const std::string& error) override;
 
 private:
     /// A client that has gone, by its sender's id.
@@ -99,15 +82,14 @@ private:
     };
 
     std::vector<std::shared_ptr<Client>> clients();
-    Orvex::Reticor::MediaBufferStats bufferStats();
-    std::vector<std::shared_ptr<Client>> clientsBySuffering();
     nlohmann::json describeEnded();
-    nlohmann::json describeViewers();
+    nlohmann::json describeStreams();
     bool listenForRtsp(std::string& address);
     void setListener(Listener* listener);
     void admit(Orvex::Reticor::CSockStream& peer);
-    void startSource(OpenInput&& input);
-    void announce(const std::string& address, const std::string& rtsp) const;
+    bool makeStreams();
+    void startSource(const StreamOption& option, OpenInput&& input);
+    void announce(const std::string& address, const std::string& rtsp);
     void printStatus();
     static std::string describeWorst(const std::vector<std::shared_ptr<Client>>& clients);
     bool isOver();
@@ -116,19 +98,12 @@ private:
     Orvex::Reticor::CPoolSet m_pools;  // ends after its sessions, which the roster waits for
     Roster m_roster;
     Inputs m_inputs{m_roster};
-    LiveStream m_stream;
     Waker m_waker{WAKE};
-    Mp4Output m_mp4;
-    RtspOutput m_rtsp;
-    MulticastOutput m_multicast;
-    History m_history;
+    Streams m_streams{m_options, m_waker};
     PoolWork m_work;
 
     Orvex::Infra::CMutex m_mutex;  // innermost
     Counters m_counters INFRA_GUARDED_BY(m_mutex);
-    SourceView m_source INFRA_GUARDED_BY(m_mutex);
-    uint64_t m_ended_us INFRA_GUARDED_BY(m_mutex) = 0;  // when the input ended; 0 while it plays
-    int m_result INFRA_GUARDED_BY(m_mutex) = 0;
     unsigned m_watching INFRA_GUARDED_BY(m_mutex) = 0;  // places that are taken
     unsigned m_lastNumber INFRA_GUARDED_BY(m_mutex) = 0;
     std::deque<Left> m_left INFRA_GUARDED_BY(m_mutex);  // the youngest first

@@ -78,6 +78,64 @@ json describe(const MediaBufferStats& buffer) {
             {"pinned_frames", buffer.pinned_frames}};
 }
 
+/// How an input fares.
+json describe(const SourceView& view) {
+    return {{"kind", view.kind},
+            {"seconds", view.seconds},
+            {"skipped_bytes", view.skipped},
+            {"damaged_packets", view.damaged},
+            {"lost_packets", view.lost},
+            {"lost_datagrams", view.lostDatagrams},
+            {"late_datagrams", view.lateDatagrams},
+            {"bad_datagrams", view.badDatagrams},
+            {"connections", view.connections},
+            {"state", view.state},
+            {"clock_jumps", view.jumps},
+            {"rounds", view.rounds}};
+}
+
+/// A stream's input, and where clients find what it is made into.
+json describeInput(Stream& stream) {
+    const LiveStream::Totals totals = stream.live().totals();
+    const std::string refusal = stream.isTest() ? "" : stream.mp4().refusal();
+    const bool plays = !stream.isTest() && refusal.empty();
+    json input = describe(stream.view());
+    input["live"] = stream.livePath();
+    input["mp4"] = plays ? json("/" + stream.name() + ".mp4") : json();
+    input["hls"] = plays ? json("/hls/" + stream.name() + ".m3u8") : json();
+    input["known"] = stream.mp4().isKnown();
+    input["refusal"] = refusal;
+    input["codecs"] = stream.mp4().codecs();
+    input["edge_seconds"] = stream.mp4().edge_s();
+    input["ended"] = stream.hasEnded();
+    input["frames"] = totals.frames;
+    input["key_frames"] = totals.keyFrames;
+    input["bytes"] = totals.bytes;
+    return input;
+}
+
+/// The clients of RTSP, and what they say of what they get.
+json describeViewers(Stream& stream) {
+    json rows = json::array();
+    for (const auto& viewer : stream.rtsp().viewers()) {
+        json tracks = json::array();
+        for (size_t track = 0; track < RtspViewer::TRACKS; ++track) {
+            const RtspViewer::Reception reception = viewer->reception(track);
+            if (reception.known) {
+                tracks.push_back({{"track", track},
+                                  {"lost_percent", 100 * reception.lost},
+                                  {"lost_packets", reception.lostInAll},
+                                  {"jitter_ms", reception.jitter_ms}});
+            }
+        }
+        rows.push_back({{"number", viewer->number()},
+                        {"address", viewer->ip()},
+                        {"transport", viewer->kind() == Transport::TCP ? "tcp" : "udp"},
+                        {"reports", tracks}});
+    }
+    return rows;
+}
+
 }  // namespace
 
 /// How the last clients fared when they left, the youngest first.
@@ -103,76 +161,50 @@ nlohmann::json Relay::describeEnded() {
     return rows;
 }
 
-/// The clients of RTSP, and what they say of what they get.
-nlohmann::json Relay::describeViewers() {
+/// All streams, in short.
+nlohmann::json Relay::describeStreams() {
     nlohmann::json rows = nlohmann::json::array();
-    for (const auto& viewer : m_rtsp.viewers()) {
-        nlohmann::json tracks = nlohmann::json::array();
-        for (size_t track = 0; track < RtspViewer::TRACKS; ++track) {
-            const RtspViewer::Reception reception = viewer->reception(track);
-            if (reception.known) {
-                tracks.push_back({{"track", track},
-                                  {"lost_percent", 100 * reception.lost},
-                                  {"lost_packets", reception.lostInAll},
-                                  {"jitter_ms", reception.jitter_ms}});
-            }
-        }
-        rows.push_back({{"number", viewer->number()},
-                        {"address", viewer->ip()},
-                        {"transport", viewer->kind() == Transport::TCP ? "tcp" : "udp"},
-                        {"reports", tracks}});
+    for (const auto& stream : m_streams.list()) {
+        const SourceView view = stream->view();
+        rows.push_back({{"name", stream->name()},
+                        {"kind", view.kind},
+                        {"live", stream->livePath()},
+                        {"clients", stream->clients().size()},
+                        {"ended", stream->hasEnded()},
+                        {"input", describe(view)}});
     }
     return rows;
 }
 
-std::string Relay::json() {
+std::string Relay::json(Stream& stream) {
+    auto watching = stream.clients();
+    sortBySuffering(watching);
     nlohmann::json clients = nlohmann::json::array();
-    for (const auto& client : clientsBySuffering()) {
+    for (const auto& client : watching) {
         clients.push_back(describe(*client, modeOf(m_options)));
     }
-    const nlohmann::json ended = describeEnded();
-    const LiveStream::Totals totals = m_stream.totals();
-    const std::string refusal = m_options.isTest() ? "" : m_mp4.refusal();
-    nlohmann::json all{{"clients", clients}, {"buffer", describe(bufferStats())}};
-    all["ended"] = ended;
-    all["hls"] = describe(m_mp4.hls().figures());
-    all["rtsp"] = describeViewers();
+    nlohmann::json all{{"clients", clients}, {"buffer", describe(stream.bufferStats())}};
+    all["stream"] = stream.name();
+    all["streams"] = describeStreams();
+    all["ended"] = describeEnded();
+    all["hls"] = describe(stream.mp4().hls().figures());
+    all["rtsp"] = describeViewers(stream);
     all["work"] = m_work.json();
+    all["input"] = describeInput(stream);
+    uint64_t ever = 0;
+    for (const auto& one : m_streams.list()) {
+        ever += one->clientsEver();
+    }
     CGuard guard(m_mutex);
-    all["input"] = {
-        {"kind", m_source.kind},
-        {"live", m_options.isTest() ? "/live.mjpg" : "/live.ts"},
-        {"mp4", m_options.isTest() || !refusal.empty() ? nullptr : nlohmann::json("/live.mp4")},
-        {"hls", m_options.isTest() || !refusal.empty() ? nullptr : nlohmann::json("/hls/live.m3u8")},
-        {"known", m_mp4.isKnown()},
-        {"refusal", refusal},
-        {"codecs", m_mp4.codecs()},
-        {"edge_seconds", m_mp4.edge_s()},
-        {"seconds", m_source.seconds},
-        {"ended", m_ended_us != 0},
-        {"frames", totals.frames},
-        {"key_frames", totals.keyFrames},
-        {"bytes", totals.bytes},
-        {"skipped_bytes", m_source.skipped},
-        {"damaged_packets", m_source.damaged},
-        {"lost_packets", m_source.lost},
-        {"lost_datagrams", m_source.lostDatagrams},
-        {"late_datagrams", m_source.lateDatagrams},
-        {"bad_datagrams", m_source.badDatagrams},
-        {"connections", m_source.connections},
-        {"state", m_source.state},
-        {"clock_jumps", m_source.jumps},
-        {"rounds", m_source.rounds}};
-    all["totals"] = {
-        {"clients", totals.clients + m_mp4.stream().totals().clients + m_rtsp.stream().totals().clients},
-        {"left", m_counters.left},
-        {"stalled", m_counters.stalled},
-        {"refused", m_counters.refused},
-        {"requests", m_counters.requests},
-        {"bad_requests", m_counters.bad},
-        {"turned_away", m_listener != nullptr ? m_listener->turnedAway() : 0},
-        {"max_clients", m_options.maxClients},
-        {"max_lag_ms", m_options.maxLag_ms}};
+    all["totals"] = {{"clients", ever},
+                     {"left", m_counters.left},
+                     {"stalled", m_counters.stalled},
+                     {"refused", m_counters.refused},
+                     {"requests", m_counters.requests},
+                     {"bad_requests", m_counters.bad},
+                     {"turned_away", m_listener != nullptr ? m_listener->turnedAway() : 0},
+                     {"max_clients", m_options.maxClients},
+                     {"max_lag_ms", m_options.maxLag_ms}};
     return all.dump() + "\n";
 }
 

@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include <Reticor/NetThread.h>
 
@@ -41,11 +42,14 @@ int main(int argc, char** argv) {
     if (result >= 0) {
         return result;
     }
-    OpenInput input;
-    const std::string wrong = input.open(options.input);
-    if (!wrong.empty()) {
-        std::fprintf(stderr, "media_relay: %s: %s\n", options.input.c_str(), wrong.c_str());
-        return 1;
+    std::vector<OpenInput> inputs;
+    for (const StreamOption& stream : options.streams) {
+        inputs.emplace_back();
+        const std::string wrong = inputs.back().open(stream.input);
+        if (!wrong.empty()) {
+            std::fprintf(stderr, "media_relay: %s: %s\n", stream.input.c_str(), wrong.c_str());
+            return 1;
+        }
     }
     EndSignals signals;
     raiseDescriptorLimit();
@@ -58,7 +62,7 @@ int main(int argc, char** argv) {
     int ended = 0;
     {
         Relay relay(options);
-        ended = relay.run(signals, std::move(input));
+        ended = relay.run(signals, std::move(inputs));
     }
     Orvex::Reticor::DestroyThreadPool();
     CNetThread::StopServingStats();

@@ -37,6 +37,19 @@ std::string liveHead(bool test) {
            "\r\n";
 }
 
+/// The stream whose name stands in the arguments, the first one if there is none; null if it is not there.
+std::shared_ptr<Stream> streamOf(const std::string& query, Streams& streams) {
+    const std::string key = "stream=";
+    for (size_t at = 0; at < query.size();) {
+        const size_t end = std::min(query.find('&', at), query.size());
+        if (query.compare(at, key.size(), key) == 0) {
+            return streams.find(query.substr(at + key.size(), end - at - key.size()));
+        }
+        at = end + 1;
+    }
+    return streams.first();
+}
+
 }  // namespace
 
 Session::Session(Relay& relay, CPoolSet::Place place)
@@ -132,7 +145,9 @@ void Session::fetch(const HttpRequest& request) {
         goOn(m_hls.refuse(status, request, m_sock));
         return;
     }
-    const HlsClient::Step step = m_hls.begin(m_relay.hls(asked.stream), asked, request, GetID(), m_sock);
+    m_stream = m_relay.streams().find(asked.stream);
+    HlsOutput* const output = m_stream != nullptr ? m_stream->hls() : nullptr;
+    const HlsClient::Step step = m_hls.begin(output, asked, request, GetID(), m_sock);
     if (step == HlsClient::Step::WAIT) {
         limit(m_hls.patience_us());
     }
@@ -164,32 +179,51 @@ void Session::goOn(HlsClient::Step step) {
 
 void Session::serve(const HttpRequest& request) {
     m_withBody = request.method != "HEAD";
-    const bool test = m_relay.options().isTest();
-    const char* const live = test ? "/live.mjpg" : "/live.ts";
     if (m_withBody && request.method != "GET") {
         fail(405);
     } else if (request.path == "/") {
         answer(200, "text/html; charset=utf-8", kPage);
-    } else if (request.path == "/stats.json") {
-        answer(200, "application/json", m_relay.json());
+    } else if (request.path == "/stats.json" || request.path == "/history.json") {
+        const auto stream = streamOf(request.query, m_relay.streams());
+        if (stream == nullptr) {
+            fail(404);
+        } else {
+            const bool history = request.path == "/history.json";
+            answer(200, "application/json", history ? stream->history().json() : m_relay.json(*stream));
+        }
     } else if (request.path == "/metrics") {
         answer(200, "text/plain; version=0.0.4; charset=utf-8", m_relay.metrics());
-    } else if (request.path == "/history.json") {
-        answer(200, "application/json", m_relay.historyJson());
     } else if (isHlsPath(request.path)) {
         fetch(request);
-    } else if (request.path == live) {
-        watch(m_relay.stream(), test ? "multipart/x-mixed-replace" : "video/mp2t", liveHead(test));
-    } else if (request.path == "/live.mp4" && !test) {
-        watchMp4();
-    } else {
+    } else if (!serveStream(request)) {
         fail(404);
     }
 }
 
+/// "/NAME.mjpg", "/NAME.ts" or "/NAME.mp4". False if there is no such stream.
+bool Session::serveStream(const HttpRequest& request) {
+    const size_t dot = request.path.rfind('.');
+    const auto stream = dot == std::string::npos || dot == 0
+                            ? nullptr
+                            : m_relay.streams().find(request.path.substr(1, dot - 1));
+    if (stream == nullptr) {
+        return false;
+    }
+    const bool test = stream->isTest();
+    if (request.path == stream->livePath()) {
+        watch(stream, stream->live(), test ? "multipart/x-mixed-replace" : "video/mp2t", liveHead(test));
+    } else if (request.path == "/" + stream->name() + ".mp4" && !test) {
+        watchMp4(stream);
+    } else {
+        return false;
+    }
+    return true;
+}
+
 /// An empty head is one that the stream sends itself. Once the head of the answer is out, the socket is
 /// written to by the media sender alone.
-void Session::watch(LiveStream& stream, const char* type, const std::string& head) {
+void Session::watch(const std::shared_ptr<Stream>& stream, LiveStream& output, const char* type,
+                    const std::string& head) {
     if (!m_withBody) {
         answer(200, type, "");
         return;
@@ -203,10 +237,11 @@ void Session::watch(LiveStream& stream, const char* type, const std::string& hea
     const auto client = std::make_shared<Client>(sender, m_relay.takeNumber(), m_peer,
                                                  options.twoQualities ? options.maxLag_ms / 2 : 0);
     m_relay.prepare(*sender, m_sock, GetID(), kSkipped);
-    stream.join(client);
+    output.join(client);
     m_state = State::Watching;
     m_client = client;
-    m_stream = &stream;
+    m_stream = stream;
+    m_output = &output;
     const int sent = head.empty() ? 0 : m_sock.Send(head.data(), static_cast<unsigned>(head.size()));
     if (sent < 0) {
         end();
@@ -214,13 +249,13 @@ void Session::watch(LiveStream& stream, const char* type, const std::string& hea
     }
     sender->SendOtherData(head.data() + sent,
                           static_cast<int>(head.size()) - sent);  // before the first frame
-    stream.begin(client);
+    output.begin(client);
 }
 
-void Session::watchMp4() {
-    const std::string refusal = m_relay.mp4().refusal();
+void Session::watchMp4(const std::shared_ptr<Stream>& stream) {
+    const std::string refusal = stream->mp4().refusal();
     if (refusal.empty()) {
-        watch(m_relay.mp4().stream(), "video/mp4", "");
+        watch(stream, stream->mp4().stream(), "video/mp4", "");
         return;
     }
     m_relay.count(&Counters::bad);
@@ -338,7 +373,7 @@ void Session::abandon() {
 void Session::release() {
     if (m_client != nullptr) {
         m_relay.noteLeft(*m_client);
-        m_stream->leave(m_client);
+        m_output->leave(m_client);
         m_relay.givePlace();
         m_relay.count(&Counters::left);
         m_client->sender()->Detach();

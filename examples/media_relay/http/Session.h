@@ -54,8 +54,10 @@ private:
     void fetch(const HttpRequest& request) INFRA_REQUIRES(m_mutex);
     void goOn(HlsClient::Step step) INFRA_REQUIRES(m_mutex);
     void serve(const HttpRequest& request) INFRA_REQUIRES(m_mutex);
-    void watch(LiveStream& stream, const char* type, const std::string& head) INFRA_REQUIRES(m_mutex);
-    void watchMp4() INFRA_REQUIRES(m_mutex);
+    bool serveStream(const HttpRequest& request) INFRA_REQUIRES(m_mutex);
+    void watch(const std::shared_ptr<Stream>& stream, LiveStream& output, const char* type,
+               const std::string& head) INFRA_REQUIRES(m_mutex);
+    void watchMp4(const std::shared_ptr<Stream>& stream) INFRA_REQUIRES(m_mutex);
     void answer(int status, const char* type, std::string_view body) INFRA_REQUIRES(m_mutex);
     void fail(int status) INFRA_REQUIRES(m_mutex);
     void awaitClose() INFRA_REQUIRES(m_mutex);
@@ -83,7 +85,8 @@ private:
     long m_timer INFRA_GUARDED_BY(m_mutex) = 0;                                 // of the present state
     Orvex::Reticor::CStreamSender* m_page INFRA_GUARDED_BY(m_mutex) = nullptr;  // a reference is ours
     std::shared_ptr<Client> m_client INFRA_GUARDED_BY(m_mutex);                 // while watching
-    LiveStream* m_stream INFRA_GUARDED_BY(m_mutex) = nullptr;                   // and what
+    std::shared_ptr<Stream> m_stream INFRA_GUARDED_BY(m_mutex);                 // that it watches or fetches
+    LiveStream* m_output INFRA_GUARDED_BY(m_mutex) = nullptr;                   // of it, while watching
 };
 
 }  // namespace relay

@@ -46,6 +46,20 @@ std::string baseOf(const Request& request) {
     return url;
 }
 
+/// What stands between the host and the arguments, if there are any.
+std::string nameOf(const std::string& url) {
+    const size_t scheme = url.find("://");
+    const size_t path = url.find('/', scheme == std::string::npos ? 0 : scheme + 3);
+    if (path == std::string::npos) {
+        return "";
+    }
+    std::string name = url.substr(path + 1, std::min(url.find('?', path), url.size()) - path - 1);
+    while (!name.empty() && name.back() == '/') {
+        name.pop_back();
+    }
+    return name;
+}
+
 }  // namespace
 
 void RtspSession::Create(Relay& relay, CSockStream& peer) {
@@ -113,7 +127,9 @@ bool RtspSession::takeReport() {
     if (m_input.size() < RtpTrack::FRAMING + size) {
         return false;
     }
-    m_relay.rtsp().takeReport(*m_viewer, bytes + RtpTrack::FRAMING, size);
+    if (m_stream != nullptr) {
+        m_stream->rtsp().takeReport(*m_viewer, bytes + RtpTrack::FRAMING, size);
+    }
     m_input.erase(0, RtpTrack::FRAMING + size);
     return true;
 }
@@ -167,6 +183,13 @@ void RtspSession::serve(const Request& request, const std::string& head) {
     }
 }
 
+/// A URL without a name is that of the first stream. Null if there is none to be had by RTSP.
+std::shared_ptr<Stream> RtspSession::streamAt(const std::string& url) {
+    const std::string name = nameOf(url);
+    const auto stream = name.empty() ? m_relay.streams().first() : m_relay.streams().find(name);
+    return stream != nullptr && !stream->isTest() ? stream : nullptr;
+}
+
 /// A stream that nobody has asked for yet is looked at first: its sound tells of itself with its first
 /// frame.
 void RtspSession::describe(const Request& request, bool now) {
@@ -175,7 +198,12 @@ void RtspSession::describe(const Request& request, bool now) {
                                          : Answer{406, "Not Acceptable", "", ""});
         return;
     }
-    const std::vector<SdpTrack> tracks = m_relay.rtsp().describe(now);
+    const auto stream = streamAt(request.url);
+    if (stream == nullptr) {
+        give(request, {404, "Not Found", "", ""});
+        return;
+    }
+    const std::vector<SdpTrack> tracks = stream->rtsp().describe(now);
     if (tracks.empty() && !now) {
         m_waiting = std::make_unique<Request>(request);
         m_looks = 0;
@@ -198,8 +226,9 @@ void RtspSession::setUp(const Request& request, const std::string& head) {
     const std::string url = baseOf(request);
     const size_t at = url.rfind(PART);
     const std::string number = at == std::string::npos ? "" : url.substr(at + sizeof PART - 1);
-    const size_t count = m_relay.rtsp().describe(true).size();
-    if (number.size() != 1 || number[0] < '0' ||
+    const auto stream = streamAt(url.substr(0, at));
+    const size_t count = stream != nullptr ? stream->rtsp().describe(true).size() : 0;
+    if (stream == nullptr || number.size() != 1 || number[0] < '0' ||
         static_cast<size_t>(number[0] - '0') >= std::max<size_t>(count, 1)) {
         give(request, {404, "Not Found", "", ""});
         return;
@@ -214,14 +243,19 @@ void RtspSession::setUp(const Request& request, const std::string& head) {
         give(request, {461, "Unsupported Transport", "", ""});
         return;
     }
+    if (m_viewer->kind() != Transport::NONE && m_stream != stream) {  // a session plays one stream
+        give(request, {459, "Aggregate Operation Not Allowed", "", ""});
+        return;
+    }
     const auto track = static_cast<size_t>(number[0] - '0');
     if (m_viewer->kind() == Transport::NONE) {
-        m_relay.rtsp().enter(m_viewer);
+        m_stream = stream;
+        m_stream->rtsp().enter(m_viewer);
     }
     m_viewer->setTrack(track, transport);
     std::string way = "RTP/AVP;unicast;client_port=" + std::to_string(transport.port) + "-" +
                       std::to_string(transport.reportPort);
-    const unsigned port = m_relay.rtsp().datagrams().port();
+    const unsigned port = m_stream->rtsp().datagrams().port();
     way += ";server_port=" + std::to_string(port) + "-" + std::to_string(port + 1);
     if (transport.kind == Transport::TCP) {  // of the stream, and not of the client: all get the same bytes
         way = "RTP/AVP/TCP;unicast;interleaved=" + std::to_string(2 * track) + "-" +
@@ -254,7 +288,7 @@ void RtspSession::play(const Request& request) {
     }
     m_playing = true;
     if (m_viewer->kind() == Transport::UDP) {
-        m_relay.rtsp().datagrams().play(m_viewer);
+        m_stream->rtsp().datagrams().play(m_viewer);
     } else {
         watch();
     }
@@ -265,8 +299,8 @@ void RtspSession::watch() {
     CMediaStreamSender* const sender = CMediaStreamSender::Create();
     m_client = std::make_shared<Client>(sender, m_viewer->number(), m_peer, 0);
     m_relay.prepare(*sender, m_sock, GetID(), kSkipped);
-    m_relay.rtsp().stream().join(m_client);
-    m_relay.rtsp().stream().begin(m_client);
+    m_stream->rtsp().stream().join(m_client);
+    m_stream->rtsp().stream().begin(m_client);
 }
 
 void RtspSession::pause(const Request& request) {
@@ -286,13 +320,13 @@ bool RtspSession::stopWatching() {
         return true;
     }
     m_playing = false;
-    m_relay.rtsp().datagrams().stop(*m_viewer);
+    m_stream->rtsp().datagrams().stop(*m_viewer);
     m_relay.givePlace();
     if (m_client == nullptr) {
         return true;
     }
     m_relay.noteLeft(*m_client);
-    m_relay.rtsp().stream().leave(m_client);
+    m_stream->rtsp().stream().leave(m_client);
     char tail[kMostTail];
     CMediaStreamSender* const sender = m_client->sender();
     const int size = sender->GetTailPacket(tail, sizeof tail);
@@ -319,7 +353,7 @@ void RtspSession::give(const Request& request, Answer answer) {
         return;
     }
     const std::string text = rtsp::toText(answer, request.cseq);
-    const bool sent = m_client != nullptr ? m_relay.rtsp().stream().sendBetween(m_client, text, &m_sock)
+    const bool sent = m_client != nullptr ? m_stream->rtsp().stream().sendBetween(m_client, text, &m_sock)
                                           : m_sock.Send(text.data(), static_cast<unsigned>(text.size())) ==
                                                 static_cast<int>(text.size());
     if (!sent) {
@@ -347,8 +381,8 @@ int64_t RtspSession::handle_timeout(long id) {
     }
     if (id == m_patience && m_waiting != nullptr) {
         ++m_looks;
-        const std::vector<SdpTrack> tracks = m_relay.rtsp().describe(false);
-        if (tracks.empty() && m_looks < kLooks) {
+        const auto stream = streamAt(m_waiting->url);
+        if (stream != nullptr && stream->rtsp().describe(false).empty() && m_looks < kLooks) {
             return 0;
         }
         const std::unique_ptr<Request> request = std::move(m_waiting);
@@ -404,10 +438,12 @@ int RtspSession::end() {
     }
     if (m_client != nullptr) {
         m_relay.noteLeft(*m_client);
-        m_relay.rtsp().stream().leave(m_client);
+        m_stream->rtsp().stream().leave(m_client);
         m_client->sender()->Detach();
     }
-    m_relay.rtsp().leave(m_viewer);
+    if (m_stream != nullptr) {
+        m_stream->rtsp().leave(m_viewer);
+    }
     RemoveSock(m_sock);
     m_sock.Close();
     if (m_client != nullptr) {

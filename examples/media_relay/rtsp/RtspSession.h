@@ -47,6 +47,7 @@ private:
     void play(const rtsp::Request& request) INFRA_REQUIRES(m_mutex);
     void pause(const rtsp::Request& request) INFRA_REQUIRES(m_mutex);
     void give(const rtsp::Request& request, rtsp::Answer answer) INFRA_REQUIRES(m_mutex);
+    std::shared_ptr<Stream> streamAt(const std::string& url) INFRA_REQUIRES(m_mutex);
     std::string sessionLine() const INFRA_REQUIRES(m_mutex);
     void watch() INFRA_REQUIRES(m_mutex);
     bool stopWatching() INFRA_REQUIRES(m_mutex);
@@ -60,6 +61,7 @@ private:
     std::string m_input INFRA_GUARDED_BY(m_mutex);                   // the beginning of a request, or several
     bool m_last INFRA_GUARDED_BY(m_mutex) = false;                   // answered for the last time
     std::shared_ptr<RtspViewer> m_viewer INFRA_GUARDED_BY(m_mutex);  // from the first SETUP on
+    std::shared_ptr<Stream> m_stream INFRA_GUARDED_BY(m_mutex);      // the same
     bool m_playing INFRA_GUARDED_BY(m_mutex) = false;
     std::shared_ptr<Client> m_client INFRA_GUARDED_BY(m_mutex);          // while it plays over the connection
     long m_timer INFRA_GUARDED_BY(m_mutex) = 0;                          // looks whether it lives
