@@ -19,8 +19,9 @@ constexpr uint64_t kSample_us = 100000;  // over less a rate says nothing
 
 }  // namespace
 
-Client::Client(CMediaStreamSender* sender, unsigned number, std::string address, unsigned late_ms)
+Client::Client(CMediaStreamSender* sender, long owner, unsigned number, std::string address, unsigned late_ms)
     : m_sender(sender),
+      m_owner(owner),
       m_number(number),
       m_address(std::move(address)),
       m_since_us(CTime::getCurrentMicroSecond()),

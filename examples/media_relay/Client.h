@@ -36,14 +36,16 @@ public:
     };
 
     /// Holds a reference on the sender, whose socket and place in a buffer are its session's affair.
-    /// With `late_ms` it gets the low of two qualities when it is later than that.
-    Client(Orvex::Reticor::CMediaStreamSender* sender, unsigned number, std::string address,
+    /// `owner` is the session's handler. With `late_ms` it gets the low of two qualities when it is later
+    /// than that.
+    Client(Orvex::Reticor::CMediaStreamSender* sender, long owner, unsigned number, std::string address,
            unsigned late_ms);
     ~Client();
     Client(const Client&) = delete;
     Client& operator=(const Client&) = delete;
 
     Orvex::Reticor::CMediaStreamSender* sender() const { return m_sender; }
+    long owner() const { return m_owner; }
     unsigned number() const { return m_number; }
     const std::string& address() const { return m_address; }
 
@@ -59,6 +61,7 @@ private:
     void missed(const char* why, uint64_t frames) INFRA_REQUIRES(m_mutex);
 
     Orvex::Reticor::CMediaStreamSender* const m_sender;
+    const long m_owner;
     const unsigned m_number;
     const std::string m_address;
     const uint64_t m_since_us;

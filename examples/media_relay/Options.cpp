@@ -9,6 +9,7 @@
 #include <Reticor/PoolSet.h>
 #include <Reticor/StrParser.h>
 
+#include "media_relay/http/PublishAccess.h"
 #include "media_relay/stream/StreamName.h"
 
 namespace relay {
@@ -168,6 +169,35 @@ void addClients(CLI::App& app, Options& options, std::string& start) {
         ->capture_default_str();
 }
 
+/// What the command line says of publishing, beyond the options.
+struct Publishing {
+    std::string file;
+    std::string second = "refuse";
+};
+
+void addPublishing(CLI::App& app, Options& options, Publishing& publishing) {
+    auto* const token = app.add_option("--publish-token", options.publishToken,
+                                       "who shows this may PUT a transport stream to /publish/NAME");
+    app.add_option("--publish-token-file", publishing.file, "the same, from the first line of a file")
+        ->type_name("FILE")
+        ->excludes(token);
+    app.add_option("--publish-grace", options.publishGrace_s,
+                   "s that viewers of a publisher that was lost wait for the next one")
+        ->check(CLI::Range(0, 86400))
+        ->capture_default_str();
+    app.add_option("--publish-second", publishing.second,
+                   "a second publisher of the same name: refuse, or takeover")
+        ->check(CLI::IsMember({"refuse", "takeover"}))
+        ->capture_default_str();
+}
+
+/// The result is empty, or what is wrong.
+std::string finishPublishing(const Publishing& publishing, Options& options) {
+    options.publishTakeover = publishing.second == "takeover";
+    const std::string wrong = publishing.file.empty() ? "" : readToken(publishing.file, options.publishToken);
+    return wrong.empty() ? "" : "--publish-token-file: " + publishing.file + " " + wrong;
+}
+
 }  // namespace
 
 int readOptions(int argc, char** argv, Options& options) {
@@ -190,6 +220,8 @@ int readOptions(int argc, char** argv, Options& options) {
                    "these alone; may be repeated")
         ->type_name("NAME=INPUT")
         ->allow_extra_args(false);
+    Publishing publishing;
+    addPublishing(app, options, publishing);
     addClients(app, options, start);
     app.add_option("--multicast", target, "IP:PORT that the transport stream is sent to over UDP as well");
     app.add_option("--multicast-if", options.multicastInterface, "IPv4 address of the interface for that");
@@ -202,8 +234,8 @@ int readOptions(int argc, char** argv, Options& options) {
     app.add_flag("--verbose", options.verbose, "also log what the library logs: connections that break");
     CLI11_PARSE(app, argc, argv);
 
-    std::string wrong;
-    if (!target.empty()) {
+    std::string wrong = finishPublishing(publishing, options);
+    if (wrong.empty() && !target.empty()) {
         wrong = parseTarget(target, options.multicastIp, options.multicastPort);
         wrong = wrong.empty() && options.input == "test" ? "needs a transport stream as --input" : wrong;
         wrong = wrong.empty() ? wrong : "--multicast: " + target + " " + wrong;
@@ -225,7 +257,8 @@ int readOptions(int argc, char** argv, Options& options) {
     if (wrong.empty() && options.maxLag_ms == 0 && (options.burst || options.disposableFirst)) {
         wrong = "--start burst and --disposable-first need a --max-lag";
     }
-    if (wrong.empty() && options.rtspPort >= 0 && !hasStream(options, false)) {
+    if (wrong.empty() && options.rtspPort >= 0 && !hasStream(options, false) &&
+        options.publishToken.empty()) {
         wrong = "--rtsp needs a transport stream as --input";
     }
     if (wrong.empty() && options.twoQualities && (!hasStream(options, true) || options.maxLag_ms == 0)) {

@@ -26,6 +26,9 @@ struct Options {
     bool loop = false;
     unsigned program = 0;  // of several in the input; 0: the first one
     double speed = 1.0;
+    std::string publishToken;  // empty: nobody may publish
+    unsigned publishGrace_s = 10;
+    bool publishTakeover = false;  // a second publisher puts the first one out
     unsigned maxClients = 100;
     unsigned pools = 0;             // private ones that clients are spread over, 0: all on the public one
     unsigned maxPerAddress = 1024;  // connections of one address, 0 is no limit

@@ -192,6 +192,9 @@ void Relay::announce(const std::string& address, const std::string& rtsp) {
         }
         title = "stream";
     }
+    if (!m_options.publishToken.empty()) {
+        std::printf("publish: http://%s/publish/NAME\n", address.c_str());
+    }
     std::fflush(stdout);
 }
 
@@ -250,13 +253,17 @@ void Relay::noteLeft(const Client& client) {
     }
 }
 
-/// A stream that has ended waits for the others.
+/// A stream that has ended waits for the others, and for those that may yet be published.
 bool Relay::isOver() {
+    if (!m_options.publishToken.empty()) {
+        return false;
+    }
     const auto streams = m_streams.list();
     return std::all_of(streams.begin(), streams.end(), [](const auto& stream) { return stream->isOver(); });
 }
 
 void Relay::tick() {
+    m_publications.tick();
     for (const auto& client : clients()) {
         client->sample();
     }

@@ -16,6 +16,7 @@
 #include "media_relay/hls/Waker.h"
 #include "media_relay/http/Listener.h"
 #include "media_relay/input/Inputs.h"
+#include "media_relay/stream/Publications.h"
 #include "media_relay/stream/Streams.h"
 
 namespace relay {
@@ -45,6 +46,7 @@ public:
     const Options& options() const { return m_options; }
     Roster& roster() { return m_roster; }
     Streams& streams() { return m_streams; }
+    Publications& publications() { return m_publications; }
 
     /// Sets up what writes a live stream to `sock`, whose handler is `owner`; that one gets the message
     /// `skipped` when the client has missed something.
@@ -100,6 +102,7 @@ private:
     Inputs m_inputs{m_roster};
     Waker m_waker{WAKE};
     Streams m_streams{m_options, m_waker};
+    Publications m_publications{m_options, m_streams};
     PoolWork m_work;
 
     Orvex::Infra::CMutex m_mutex;  // innermost

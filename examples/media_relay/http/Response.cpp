@@ -24,6 +24,8 @@ const char* reasonOf(int status) {
             return "Conflict";
         case 414:
             return "URI Too Long";
+        case 415:
+            return "Unsupported Media Type";
         case 417:
             return "Expectation Failed";
         case 431:

@@ -87,16 +87,19 @@ int Session::handle_input(int) {
     char buffer[8192];
     const int got = m_sock.Recv(buffer, sizeof buffer);
     if (got < 0) {
+        stopPublishing(m_state == State::Publishing && m_body.finish());
         return end();  // the client has gone
     }
-    if (m_state == State::Reading) {
+    if (m_state == State::Publishing) {
+        takeBody({buffer, static_cast<size_t>(got)});
+    } else if (m_state == State::Reading) {
         read(buffer, static_cast<size_t>(got));
         readOn();
     } else if (m_state == State::Fetching) {
         return keepForLater(buffer, static_cast<size_t>(got));
     } else {
         m_ignored += static_cast<size_t>(got);
-        if (m_ignored > kMaxIgnored) {
+        if (m_ignored > kMaxIgnored && !m_refused) {
             return cut("it goes on talking after its request");
         }
     }
@@ -179,6 +182,11 @@ void Session::goOn(HlsClient::Step step) {
 
 void Session::serve(const HttpRequest& request) {
     m_withBody = request.method != "HEAD";
+    std::string name;
+    if ((request.method == "PUT" || request.method == "POST") && parsePublishPath(request.path, name)) {
+        publish(request);
+        return;
+    }
     if (m_withBody && request.method != "GET") {
         fail(405);
     } else if (request.path == "/") {
@@ -234,7 +242,7 @@ void Session::watch(const std::shared_ptr<Stream>& stream, LiveStream& output, c
         return;
     }
     CMediaStreamSender* const sender = CMediaStreamSender::Create();
-    const auto client = std::make_shared<Client>(sender, m_relay.takeNumber(), m_peer,
+    const auto client = std::make_shared<Client>(sender, GetID(), m_relay.takeNumber(), m_peer,
                                                  options.twoQualities ? options.maxLag_ms / 2 : 0);
     m_relay.prepare(*sender, m_sock, GetID(), kSkipped);
     output.join(client);
@@ -262,6 +270,69 @@ void Session::watchMp4(const std::shared_ptr<Stream>& stream) {
     answer(404, kPlain, refusal + "\n");
 }
 
+/// What is answered here is answered before the body comes: most publishers read nothing meanwhile.
+void Session::publish(const HttpRequest& request) {
+    const int status = m_body.begin(request);
+    if (status != 200) {
+        refuse(status, "its body cannot be read");
+        return;
+    }
+    const Publications::Entry entry = m_relay.publications().enter(request, GetID());
+    m_lines = entry.lines;
+    if (entry.status != 200) {
+        refuse(entry.status, entry.reason);
+        return;
+    }
+    m_state = State::Publishing;
+    m_publication = entry.publication;
+    limit(int64_t{m_relay.options().requestTimeout_s} * 1000000);
+    const std::string goOn = "HTTP/1.1 100 Continue\r\n\r\n";
+    if (m_body.isAwaited() &&
+        m_sock.Send(goOn.data(), static_cast<unsigned>(goOn.size())) != static_cast<int>(goOn.size())) {
+        cut("it does not take that it may go on");
+        return;
+    }
+    std::string early;
+    early.swap(m_early);
+    takeBody(early);
+}
+
+void Session::takeBody(std::string_view bytes) {
+    m_heard = true;
+    for (std::string_view piece = m_body.take(bytes); !piece.empty(); piece = m_body.take(bytes)) {
+        const Publication::Outcome outcome = m_publication->put(GetID(), piece);
+        if (outcome != Publication::Outcome::TAKEN) {
+            const bool hopeless = outcome == Publication::Outcome::HOPELESS;
+            refuse(hopeless ? 415 : 409, hopeless ? "what it publishes is no transport stream with a clock"
+                                                  : "another publisher has taken over");
+            return;
+        }
+    }
+    if (m_body.isBroken()) {
+        refuse(400, "its body cannot be read");
+    } else if (m_body.hasEnded()) {
+        stopPublishing(true);
+        answer(200, kPlain, "");
+    }
+}
+
+/// Publishers seldom read answers before they have sent all: it is read on for a moment, so that the answer
+/// arrives, and then the connection is reset.
+void Session::refuse(int status, const std::string& reason) {
+    stopPublishing(false);
+    m_refused = true;
+    m_relay.count(&Counters::bad);
+    tell("refused", std::to_string(status) + " " + reasonOf(status) + ": " + reason);
+    answer(status, kPlain, std::to_string(status) + " " + reasonOf(status) + ": " + reason + "\n");
+}
+
+void Session::stopPublishing(bool whole) {
+    if (m_publication != nullptr) {
+        m_publication->leave(GetID(), whole);
+        m_publication.reset();
+    }
+}
+
 void Session::fail(int status) {
     m_relay.count(status == 503 ? &Counters::refused : &Counters::bad);
     tell("refused", status == 503
@@ -276,6 +347,7 @@ void Session::answer(int status, const char* type, std::string_view body) {
     std::string text = responseHead(status, type);
     text += "Content-Length: " + std::to_string(body.size()) + "\r\n";
     text += status == 405 ? "Allow: GET, HEAD\r\n" : status == 503 ? "Retry-After: 10\r\n" : "";
+    text += m_lines;
     text += "\r\n";
     text += m_withBody ? body : "";
     m_page = CStreamSender::Create();
@@ -320,12 +392,21 @@ int64_t Session::handle_timeout(long id) {
     } else if (m_state == State::Reading) {
         m_relay.count(&Counters::requests);
         fail(408);
+    } else if (m_state == State::Publishing && m_heard) {
+        m_heard = false;
+        limit(int64_t{m_relay.options().requestTimeout_s} * 1000000);
+    } else if (m_state == State::Publishing) {
+        abandon();
+        cut("it publishes nothing");
     } else if (m_state == State::Fetching && m_hls.isWaiting()) {
         goOn(m_hls.goOn(true, m_sock));
         readOn();
     } else if (m_state == State::Answering || m_state == State::Fetching) {
         cut("it has not taken its answer");
     } else if (m_state == State::Lingering) {
+        if (m_refused) {
+            abandon();
+        }
         cut("it has its answer, and does not close");
     }
     return -1;
@@ -350,6 +431,9 @@ int Session::handle_message(long, unsigned int msg, long attach) {
         readOn();
     } else if (msg == kSkipped && m_client != nullptr) {
         m_client->skipped(MediaSkip::of(attach));
+    } else if (msg == kStop && m_state == State::Publishing) {
+        abandon();
+        cut("it is not to publish any more");
     } else if (msg == kStop) {
         end();
     }
@@ -382,6 +466,7 @@ void Session::release() {
         m_page->Detach();
     }
     m_hls.leave();
+    stopPublishing(false);
 }
 
 int Session::end() {

@@ -15,6 +15,7 @@
 #include "media_relay/Member.h"
 #include "media_relay/Relay.h"
 #include "media_relay/hls/HlsClient.h"
+#include "media_relay/http/BodyReader.h"
 #include "media_relay/http/HttpRequest.h"
 
 namespace relay {
@@ -38,11 +39,12 @@ public:
 
 private:
     enum class State {
-        Reading,    // the request is not whole
-        Fetching,   // a piece of HTTP live streaming is on its way, or does not exist yet
-        Answering,  // a page is on its way
-        Lingering,  // all is sent; the client closes, so that no reset overtakes the answer
-        Watching,   // gets the live stream
+        Reading,     // the request is not whole
+        Fetching,    // a piece of HTTP live streaming is on its way, or does not exist yet
+        Answering,   // a page is on its way
+        Lingering,   // all is sent; the client closes, so that no reset overtakes the answer
+        Watching,    // gets the live stream
+        Publishing,  // its body is a stream
     };
 
     Session(Relay& relay, Orvex::Reticor::CPoolSet::Place place);
@@ -58,6 +60,10 @@ private:
     void watch(const std::shared_ptr<Stream>& stream, LiveStream& output, const char* type,
                const std::string& head) INFRA_REQUIRES(m_mutex);
     void watchMp4(const std::shared_ptr<Stream>& stream) INFRA_REQUIRES(m_mutex);
+    void publish(const HttpRequest& request) INFRA_REQUIRES(m_mutex);
+    void takeBody(std::string_view bytes) INFRA_REQUIRES(m_mutex);
+    void refuse(int status, const std::string& reason) INFRA_REQUIRES(m_mutex);
+    void stopPublishing(bool whole) INFRA_REQUIRES(m_mutex);
     void answer(int status, const char* type, std::string_view body) INFRA_REQUIRES(m_mutex);
     void fail(int status) INFRA_REQUIRES(m_mutex);
     void awaitClose() INFRA_REQUIRES(m_mutex);
@@ -82,7 +88,12 @@ private:
     bool m_again INFRA_GUARDED_BY(m_mutex) =
         false;  // a request was answered; the client need not send another
     HlsClient m_hls INFRA_GUARDED_BY(m_mutex);
-    long m_timer INFRA_GUARDED_BY(m_mutex) = 0;                                 // of the present state
+    std::shared_ptr<Publication> m_publication INFRA_GUARDED_BY(m_mutex);  // while publishing
+    BodyReader m_body INFRA_GUARDED_BY(m_mutex);                           // the same
+    bool m_heard INFRA_GUARDED_BY(m_mutex) = false;    // the same: something has come since the timer began
+    bool m_refused INFRA_GUARDED_BY(m_mutex) = false;  // a publisher, which may go on without reading
+    std::string m_lines INFRA_GUARDED_BY(m_mutex);     // more of them for the head of the answer
+    long m_timer INFRA_GUARDED_BY(m_mutex) = 0;        // of the present state
     Orvex::Reticor::CStreamSender* m_page INFRA_GUARDED_BY(m_mutex) = nullptr;  // a reference is ours
     std::shared_ptr<Client> m_client INFRA_GUARDED_BY(m_mutex);                 // while watching
     std::shared_ptr<Stream> m_stream INFRA_GUARDED_BY(m_mutex);                 // that it watches or fetches

@@ -297,7 +297,7 @@ void RtspSession::play(const Request& request) {
 /// From here on the socket is written to by the media sender, and by whoever sends between two frames.
 void RtspSession::watch() {
     CMediaStreamSender* const sender = CMediaStreamSender::Create();
-    m_client = std::make_shared<Client>(sender, m_viewer->number(), m_peer, 0);
+    m_client = std::make_shared<Client>(sender, GetID(), m_viewer->number(), m_peer, 0);
     m_relay.prepare(*sender, m_sock, GetID(), kSkipped);
     m_stream->rtsp().stream().join(m_client);
     m_stream->rtsp().stream().begin(m_client);
