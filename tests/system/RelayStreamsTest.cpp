@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "support/Eventually.h"
+#include "support/program/Browser.h"
 #include "support/program/RelayProgram.h"
 
 using namespace Orvex::Testing;
@@ -113,7 +114,7 @@ TEST(RelayNames, TwoTestPicturesOfDifferentSize) {
     for (const std::string path :
          {"/other.mjpg", "/small.ts", "/small.mp4", "/small", "/small.", "/.mjpg", "/hls/small.m3u8",
           "/stats.json?stream=other", "/history.json?stream=other", "/stats.json?stream="}) {
-        EXPECT_EQ("HTTP/1.1 404 Not Found", statusOf(relay.get(path))) << path;
+        EXPECT_EQ("HTTP/1.1 404 Not Found", statusOf(fetch(relay, path))) << path;
     }
     EXPECT_EQ(0, relay.end());
 }
@@ -245,6 +246,21 @@ TEST_F(RelayStreams, ShowsTheFiguresOfEach) {
     EXPECT_EVENTUALLY(watched("/history.json?stream=cam-2") == 2U);
     EXPECT_EQ(1U, watched("/history.json"));
     EXPECT_EQ(0U, watched("/history.json?stream=pic"));
+    EXPECT_EQ(0, relay.end());
+}
+
+TEST_F(RelayStreams, ThePageShowsTheStreamThatIsNamedAndLinksToTheOthers) {
+    Browser browser(relay.url("/?stream=pic"));
+    EXPECT_TRUE(browser.becomesTrue(R"(
+        (() => {
+            const image = document.getElementById("picture");
+            return image !== null && image.src.endsWith("/pic.mjpg") && image.naturalWidth === 160;
+        })())"));
+    EXPECT_EQ("/?stream=live /?stream=cam-2", browser.evaluate(R"(
+        Array.from(document.querySelectorAll("#streams a")).map(a => a.getAttribute("href")).join(" "))"));
+    Browser other(relay.url("/?stream=other"));
+    EXPECT_TRUE(other.becomesTrue(
+        R"(document.getElementById("note").textContent === "there is no stream of this name")"));
     EXPECT_EQ(0, relay.end());
 }
 
