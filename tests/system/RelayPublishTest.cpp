@@ -206,6 +206,15 @@ TEST(RelayPublish, EndsWhatIsNoStream) {
     EXPECT_TRUE(silent.wasReset());
 }
 
+TEST(RelayPublish, AsksForABodyThatWaitsForIt) {
+    const RelayProgram relay({"--publish-token", "secret"});
+    Publisher publisher(relay, kToken + "Expect: 100-continue\r\n");
+    EXPECT_EQ("HTTP/1.1 100 Continue", statusOf(publisher.receiveLine()));
+    EXPECT_EQ("\r", publisher.receiveLine());
+    Publisher refused(relay, "Expect: 100-continue\r\n");
+    EXPECT_EQ("HTTP/1.1 401 Unauthorized", statusOf(refused.receiveLine()));
+}
+
 TEST(RelayPublish, TakesWhatFfmpegAndCurlPublish) {
     const TempFolder folder;
     std::ofstream(folder.file("token")) << "secret\n";
