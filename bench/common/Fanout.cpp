@@ -68,6 +68,8 @@ FanoutOptions parseFanoutOptions(int argc, char** argv, const char* description)
     app.add_option("--burst", options.burst, "frames of one turn at full speed")->check(CLI::Range(1U, 32U));
     app.add_option("--gather", options.gathers,
                    "whether one write may take several frames, where that is a choice");
+    app.add_option("--batch", options.batch,
+                   "from so many clients on their writes are one, where that is a choice; 0: never");
     app.add_option("--max-lag", options.maxLagMs,
                    "a client that lags so many ms goes on at a key frame; 0: never");
     try {

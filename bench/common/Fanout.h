@@ -19,6 +19,7 @@ struct FanoutOptions {
     int sendBuffer = 131072;         // SO_SNDBUF of each client; 0: the system's own
     unsigned burst = 8;              // frames that are made in one turn at full speed
     bool gathers = true;             // Reticor: one write takes several frames
+    unsigned batch = 0;              // Reticor: from so many writes of a step on they are one; 0: never
     unsigned maxLagMs = 1000;        // a slower client goes on at a later key frame; 0: never
 };
 

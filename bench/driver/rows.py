@@ -9,7 +9,7 @@ from tools import Server, calls_per_request
 NAMES = {
     "epoll": "plain epoll", "libevent": "libevent", "libuv": "libuv", "asio": "asio", "tbb": "TBB",
     "gstreamer": "GStreamer", "stdio": "fwrite, fread", "posix": "pwrite, pread", "reticor": "Reticor",
-    "reticor-single": "Reticor, a write per frame", "reticor-ahead": "Reticor, reading ahead",
+    "reticor-single": "Reticor, a write per frame", "reticor-batch": "Reticor, a step's writes together", "reticor-ahead": "Reticor, reading ahead",
     "reticor-1": "one lane", "reticor-2": "two lanes", "reticor-3": "three lanes",
     "sendto": "plain sendto", "reticor-many": "Reticor, SendMany", "reticor-segments": "Reticor, SendSegments",
 }
@@ -91,7 +91,8 @@ class FanoutRow:
         return "fanout_server" if implementation.startswith("reticor") else "fanout_" + implementation
 
     def server(self, implementation):
-        return self.stream.server() + (["--gather", "false"] if implementation == "reticor-single" else [])
+        choice = {"reticor-single": ["--gather", "false"], "reticor-batch": ["--batch", 64]}
+        return self.stream.server() + choice.get(implementation, [])
 
     def measure(self, tools, implementation, scale):
         server_cpus, load_cpus = processor_each()
@@ -280,8 +281,10 @@ def all_rows(micro_programs):
         EchoRow("echo-16k-64", "16 KiB, 64 connections", 64, 64, 16384),
         SyscallRow("syscalls-1", "1 connection", 1),
         SyscallRow("syscalls-64", "64 connections", 64),
-        FanoutRow("fanout-100", "100 clients, 25 frames/s of 20 KB", Stream(25, 20000), ["--fast", 100]),
-        FanoutRow("fanout-1000", "1000 clients, 25 frames/s of 4 KB", Stream(25, 4000), ["--fast", 1000]),
+        FanoutRow("fanout-100", "100 clients, 25 frames/s of 20 KB", Stream(25, 20000), ["--fast", 100],
+                  implementations=[*FANOUT, "reticor-batch"]),
+        FanoutRow("fanout-1000", "1000 clients, 25 frames/s of 4 KB", Stream(25, 4000), ["--fast", 1000],
+                  implementations=[*FANOUT, "reticor-batch"]),
         FanoutRow("fanout-slow", "25 frames/s of 20 KB; 70 fast clients, 20 that read 100 KB/s, 10 that never read",
                   Stream(25, 20000), ["--fast", 70, "--slow", 20, "--stuck", 10], settle=5, seconds=1.6),
         FanoutRow("fanout-fast", "25 frames/s of 20 KB; the 70 fast clients alone", Stream(25, 20000), ["--fast", 70],

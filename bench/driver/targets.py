@@ -89,6 +89,9 @@ def fanout(found, titles):
         yield Target(work, "server CPU per delivered frame against the better of libevent and GStreamer",
                      against(found.get(row, "reticor", cpu), peers(row, cpu), min), 1)
         yield Target(work, "p99 delay against plain epoll", found.ratio(row, p99, "reticor", "epoll"), 1)
+        together = "server CPU per delivered frame, a step's writes together, against "
+        yield Target(work, together + "plain epoll", found.ratio(row, cpu, "reticor-batch", "epoll"), limit)
+    yield Target(work, together + "a call for each", found.ratio(row, cpu, "reticor-batch", "reticor"), 0.95)
     for row, limit in (("fanout-own-100", 0.95), ("fanout-own-1000", 1), ("fanout-own-full", 1.05)):
         yield Target("Fan-out, " + titles.get(row, row), "server CPU per delivered frame against plain epoll",
                      found.ratio(row, cpu, "reticor", "epoll"), limit)

@@ -4,6 +4,8 @@
 #include <time.h>
 #include <unistd.h>
 #include <atomic>
+#include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -124,7 +126,12 @@ class Viewer;
 class Delivery {
 public:
     Delivery(const Bench::FanoutOptions& options, const Bench::PayloadTable& table)
-        : m_options(options), m_table(table), m_pace(options.fps) {}
+        : m_options(options), m_table(table), m_pace(options.fps) {
+        if (options.batch != 0 && m_buffer.SetWriteBatch(options.batch) != 0) {
+            std::perror("SetWriteBatch");
+            std::exit(1);
+        }
+    }
     Delivery(const Delivery&) = delete;
     Delivery& operator=(const Delivery&) = delete;
 

@@ -187,6 +187,9 @@ public:
     /// CMediaBuffer::SetStartCache of each lane, and so are the bounds those of each. The same packets are
     /// held by all. Result as above.
     int SetStartCache(unsigned keep_ms, unsigned long long most_bytes);
+    /// CMediaBuffer::SetWriteBatch of each lane. 0; -1 with errno if the kernel refuses, and the lanes before
+    /// the first one that has none keep theirs; -1 inside a call-back, or without lanes.
+    int SetWriteBatch(unsigned least);
     /// How many frames, 1 to 1024, and bytes, above 0, may wait in each inbox: 1024 and 64 MiB at the start.
     /// A single frame may be longer. 0; -1 for other numbers, with a line at level 2, or without lanes.
     int SetInboxLimits(unsigned int frames, unsigned long long bytes);

@@ -112,6 +112,7 @@ TEST_F(MediaGuide, AReaderWithAFullSocketGetsTheRestWhenItHasRoom) {
     const std::string big(300000, 'b');
     putAccessUnit(buffer, "head", big, levelOfPicture(true));
     EXPECT_EQ("head" + big, read(4 + big.size()));
+    saveCalls(buffer);
     putBurst(buffer, {"one", "two"});
     EXPECT_EQ("unitoneunittwo", read(14));
     reader->end();

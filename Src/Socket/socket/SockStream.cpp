@@ -18,6 +18,7 @@
 #include "Socket/address/SockAddrRecord.h"
 #include "Socket/address/SockError.h"
 #include "Socket/socket/SockOptions.h"
+#include "Socket/socket/SocketWriter.h"
 
 namespace Orvex::Reticor {
 
@@ -151,6 +152,25 @@ int CSockStream::WriteV(const struct iovec* vector, int count) {
         return static_cast<int>(sent);
     }
     return is_try_again(errno) ? 0 : SOCK_FAILED("send failed! %s\n");
+}
+
+int answer_of_write(CSock& sock, int result) {
+    if (result >= 0) {
+        return result;
+    }
+    errno = -result;
+    if (is_try_again(errno)) {
+        return 0;
+    }
+    if (Infra::logEnabled(2)) {
+        constexpr const char* WRITE_NAME =
+            "int Orvex::Reticor::CSockStream::WriteV(const iovec*, int)";  // a part of the line
+        Infra::Detail::logMember(2, __FILE__, WRITE_NAME, __LINE__, &sock, "%s : send failed! %s\n",
+                                 Infra::Detail::FunctionName(WRITE_NAME).text(),
+                                 GetSockErrorText(errno).c_str());
+    }
+    errno = -result;
+    return -1;
 }
 
 int CSockStream::Recv(char* buf, unsigned len) {

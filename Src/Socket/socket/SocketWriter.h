@@ -36,4 +36,8 @@ private:
     const uint32_t m_type;
 };
 
+/// What CSockStream::WriteV would have given for a write that was made in another way, with its line if that
+/// failed: `result` is the bytes, or the error, negative. errno is then set.
+int answer_of_write(CSock& sock, int result);
+
 }  // namespace Orvex::Reticor

@@ -275,6 +275,19 @@ int CMediaLanes::SetStartCache(unsigned keep_ms, unsigned long long most_bytes) 
     return 0;
 }
 
+int CMediaLanes::SetWriteBatch(unsigned least) {
+    if (m_state == nullptr || !may_wait(this)) {
+        return -1;
+    }
+    int result = 0;
+    m_state->for_each([&](Lane& lane) {
+        if (result == 0) {
+            result = lane.buffer().SetWriteBatch(least);
+        }
+    });
+    return result;
+}
+
 int CMediaLanes::SetInboxLimits(unsigned int frames, unsigned long long bytes) {
     if (m_state == nullptr || frames == 0 || frames > LaneInbox::MOST_FRAMES || bytes == 0) {
         INFRA_LOG(2, "CMediaLanes, an inbox has 1 to %u frames, not %u, and bytes\n", LaneInbox::MOST_FRAMES,

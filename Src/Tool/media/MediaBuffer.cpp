@@ -3,12 +3,17 @@
 
 #include <algorithm>
 #include <cassert>
+#include <cerrno>
 #include <cstddef>
 #include <cstring>
+#include <memory>
 #include <new>
+#include <utility>
 
 #include <Infra/Log.h>
 
+#include "Socket/address/SockError.h"
+#include "Tool/batch/WriteRing.h"
 #include "Tool/frame/MediaTrace.h"
 #include "Tool/media/MediaBufferState.h"
 
@@ -203,6 +208,26 @@ void CMediaBuffer::Flush() {
         m_state->set_hold(false);
     }
     put(nullptr, 0, MEDIA_MARK_LAST, 0, false);
+}
+
+int CMediaBuffer::SetWriteBatch(unsigned least) {
+    if (m_state == nullptr) {
+        return fail_with(ENOMEM);
+    }
+    std::unique_ptr<StepBatch::Room> room;
+    if (least != 0) {
+        std::unique_ptr<BatchWriter_IF> ring = WriteRing::make();
+        if (ring == nullptr) {
+            return -1;
+        }
+        room.reset(new (std::nothrow) StepBatch::Room{std::move(ring)});
+        if (room == nullptr) {
+            return fail_with(ENOMEM);
+        }
+    }
+    const CoreGuard guard(*m_state->m_core);
+    m_state->m_batch.set(room, least);
+    return 0;
 }
 
 void CMediaBuffer::EnableAutoSend() {

@@ -247,13 +247,19 @@ std::optional<uint64_t> MediaBufferState::give_turns() {
     m_shares.begin_step();
     bool some_catch_up = false;
     CFrame* const offered = m_frames.current();
+    const bool batches = m_batch.on() && !m_holds && !printing;
+    if (batches) {
+        m_batch.begin(m_senders.first(), offered);
+    }
     for (SenderRecord *record = m_senders.first(), *before = nullptr; record != nullptr;) {
         record->fetch_next();
         policy_only = policy_only && record->has_policy();
         if (record->wants_keep() != record->m_keeps) {
             change_mode(*record);
         }
-        const Place place = record->m_leaving ? Place::NONE : place_of(*record);
+        int answer = 0;
+        const bool written = batches && m_batch.take(*record, answer);
+        const Place place = written ? Place::HERE : record->m_leaving ? Place::NONE : place_of(*record);
         if (place == Place::NONE) {
             before = record;
             record = record->m_next;
@@ -264,7 +270,9 @@ std::optional<uint64_t> MediaBufferState::give_turns() {
             some_catch_up = true;
             waits = true;
         }
-        const TurnEnd end = waits ? TurnEnd::DONE : give_turn(*record, offered);
+        const TurnEnd end = written ? give_written(*record, *offered, answer)
+                            : waits ? TurnEnd::DONE
+                                    : give_turn(*record, offered);
         if (place == Place::REST) {
             record->stay_out();
         }
@@ -348,6 +356,15 @@ TurnEnd MediaBufferState::give_turn(SenderRecord& record, CFrame* offered) {
     if (printing) {
         MediaTrace::sender_ends(&m_owner, record.m_owner,
                                 is_failure(end) ? -1 : static_cast<long long>(record.m_send_total));
+    }
+    return end;
+}
+
+TurnEnd MediaBufferState::give_written(SenderRecord& record, CFrame& offered, int answer) {
+    MediaSending turn(record);
+    const TurnEnd end = turn.run_written(offered, answer);
+    if (end != TurnEnd::DONE) {
+        turn.report();
     }
     return end;
 }

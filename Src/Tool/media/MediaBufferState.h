@@ -13,6 +13,7 @@
 #include "Tool/media/MediaSending.h"
 #include "Tool/media/SenderLine.h"
 #include "Tool/media/StartShares.h"
+#include "Tool/media/StepBatch.h"
 #include "Tool/media/WaitingSenders.h"
 #include "Tool/step/AutoSend.h"
 #include "Tool/step/CoreRoll.h"
@@ -129,6 +130,7 @@ struct MediaBufferState : SendTarget_IF, StepEnd_IF {
     bool m_held INFRA_GUARDED_BY(CORE_MUTEX) = false;
     bool m_send_ready INFRA_GUARDED_BY(CORE_MUTEX) = true;
     StartShares m_shares INFRA_GUARDED_BY(CORE_MUTEX);
+    StepBatch m_batch INFRA_GUARDED_BY(CORE_MUTEX);
     uint64_t m_started INFRA_GUARDED_BY(CORE_MUTEX) = 0;  ///< Senders that have begun with the start cache.
     BurstBook m_bursts INFRA_GUARDED_BY(CORE_MUTEX);
     /// The last one: readers find the buffer from here on.
@@ -150,6 +152,9 @@ private:
     /// One that has not joined can stand at the first frame of the stream all the same, where its position
     /// is 0: that frame is held, or it has come from another buffer and was blocked there.
     Place place_of(SenderRecord& record) INFRA_REQUIRES(CORE_MUTEX) {
+        if (record.m_leaving) {
+            return Place::NONE;
+        }
         const bool stands =
             (m_held || record.m_start.m_moved) && record.m_joined && record.m_frame != nullptr;
         return record.has_joined() || stands ? Place::HERE : join(record);
@@ -159,6 +164,9 @@ private:
     void call_movers() INFRA_REQUIRES(CORE_MUTEX);
     bool goes_with_this_step(SenderRecord& record);
     TurnEnd give_turn(SenderRecord& record, CFrame* offered) INFRA_REQUIRES(CORE_MUTEX);
+    /// The turn of one to which the frame on offer was written with others; `answer` is that of its socket.
+    __attribute__((noinline)) TurnEnd give_written(SenderRecord& record, CFrame& offered, int answer)
+        INFRA_REQUIRES(CORE_MUTEX);
     /// The turns of those that catch up, after the others.
     __attribute__((noinline)) bool give_shares(CFrame* offered) INFRA_REQUIRES(CORE_MUTEX);
     TurnEnd give_share(SenderRecord& record, CFrame* offered) INFRA_REQUIRES(CORE_MUTEX);

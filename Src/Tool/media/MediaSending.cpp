@@ -50,9 +50,21 @@ TurnEnd MediaSending::run(CFrame* frame) {
         MediaTrace::turn_begins(m_record.m_owner, frame);
     }
     m_bytes_before = m_record.m_stats.bytes;
-    Progress progress = m_record.at_boundary() ? choose_frame(*m_stream, frame) : Progress::MORE;
+    return finish(*m_stream, m_record.at_boundary() ? choose_frame(*m_stream, frame) : Progress::MORE);
+}
+
+TurnEnd MediaSending::run_written(CFrame& frame, int answer) {
+    CSock* const m_stream = Infra::relaxedLoad(m_record.m_stream);
+    assert(m_stream != NULL);
+    m_bytes_before = m_record.m_stats.bytes;
+    m_record.set_waits(frame, false);
+    m_record.take_frame(&frame);
+    return finish(*m_stream, note_answer(*m_stream, answer));
+}
+
+inline TurnEnd MediaSending::finish(CSock& stream, Progress progress) {
     while (progress == Progress::MORE) {
-        progress = write_frame(*m_stream);
+        progress = write_frame(stream);
     }
     m_record.settle();
     if (!is_failure(m_end)) {
@@ -131,7 +143,10 @@ MediaSending::Progress MediaSending::write_frame(CSock& stream) {
             return write_gathered(stream, gather);
         }
     }
-    const int written = write_rest(stream, frame, m_record.m_iovec_index, m_record.m_iovec_offset);
+    return note_answer(stream, write_rest(stream, frame, m_record.m_iovec_index, m_record.m_iovec_offset));
+}
+
+inline MediaSending::Progress MediaSending::note_answer(CSock& stream, int written) {
     if (written <= 0) {
         return written == 0 ? note_nothing_written() : note_failed();
     }

@@ -30,6 +30,10 @@ public:
     /// Writes what the socket takes, `frame` being the frame on offer. The sender must have a socket.
     TurnEnd run(CFrame* frame) INFRA_REQUIRES(CORE_MUTEX);
 
+    /// The same for one that has caught up, and to whose socket the frame on offer was written already;
+    /// `answer` is what became of that: bytes, 0 if it took nothing, negative if it failed.
+    TurnEnd run_written(CFrame& frame, int answer) INFRA_REQUIRES(CORE_MUTEX);
+
     /// Says how the turn ended, if it did not end well: in the log as the sender, and once to whoever waits
     /// for it. Here, since the lines name this file, and the sender as their object.
     void report() INFRA_REQUIRES(CORE_MUTEX);
@@ -52,6 +56,7 @@ private:
     /// What a part of a turn came to, besides its end.
     enum class Progress { OVER, MORE };
 
+    TurnEnd finish(CSock& stream, Progress progress) INFRA_REQUIRES(CORE_MUTEX);
     Progress choose_frame(CSock& stream, CFrame* frame) INFRA_REQUIRES(CORE_MUTEX);
     Progress write_frame(CSock& stream) INFRA_REQUIRES(CORE_MUTEX);
     // Apart from what senders whose frames go out one by one, each in one write, go through.
@@ -60,6 +65,7 @@ private:
         INFRA_REQUIRES(CORE_MUTEX);
     __attribute__((noinline)) bool gathers(CSock& stream, FrameGather& gather) INFRA_REQUIRES(CORE_MUTEX);
     CFrame* after_gathered(FrameGather& gather, CFrame* after) INFRA_REQUIRES(CORE_MUTEX);
+    Progress note_answer(CSock& stream, int written) INFRA_REQUIRES(CORE_MUTEX);
     Progress note_failed() INFRA_REQUIRES(CORE_MUTEX);
     Progress note_nothing_written() INFRA_REQUIRES(CORE_MUTEX);
     Progress go_on_after_frames(CSock& stream) INFRA_REQUIRES(CORE_MUTEX);

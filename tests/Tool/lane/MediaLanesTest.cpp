@@ -3,6 +3,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
 #include <functional>
 #include <set>
 #include <utility>
@@ -67,6 +71,7 @@ TEST_F(MediaLanesCalls, WithoutLanesWhatHasAResultRefuses) {
     EXPECT_EQ(-1, lanes.SetDisposableLevel(7));
     EXPECT_EQ(-1, lanes.SetKeepLimits(1, 1));
     EXPECT_EQ(-1, lanes.SetStartCache(1, 1));
+    EXPECT_EQ(-1, lanes.SetWriteBatch(1));
     EXPECT_EQ(-1, lanes.SetInboxLimits(1, 1));
     EXPECT_EQ(-1, lanes.GetStats(&found, sizeof found));
     EXPECT_EQ(-1, lanes.Destroy());
@@ -537,6 +542,23 @@ TEST_F(MediaLanesCalls, NewClientBeginsAtOnceWithTheStartCacheOfItsLane) {
     EXPECT_EQ(1, packets.front().releases);
 }
 
+TEST_F(MediaLanesCalls, EachLaneHandsItsWritesOverTogether) {
+    open(2);
+    if (lanes.SetWriteBatch(1) != 0) {
+        std::printf("left out: the kernel refuses io_uring: %s\n", std::strerror(errno));
+        return;
+    }
+    const auto batching = [&]() INFRA_NO_THREAD_SAFETY_ANALYSIS {  // the lanes are at rest
+        int count = 0;
+        MediaLanesState::of(lanes).for_each(
+            [&](Lane& lane) INFRA_NO_THREAD_SAFETY_ANALYSIS { count += lane.state().m_batch.on() ? 1 : 0; });
+        return count;
+    };
+    EXPECT_EQ(2, batching());
+    EXPECT_EQ(0, lanes.SetWriteBatch(0));
+    EXPECT_EQ(0, batching());
+}
+
 TEST_F(MediaLanesCalls, ClearLetsEverythingGoAndTheLanesGoOn) {
     open(2);
     CodeTap tap;
@@ -632,13 +654,14 @@ TEST_F(MediaLanesCalls, WhatWouldWaitForLanesIsRefusedInsideACallBack) {
                    lanes.SetKeepLimits(1, 1),
                    lanes.SetDisposableLevel(1),
                    lanes.SetStartCache(1, 1),
+                   lanes.SetWriteBatch(1),
                    lanes.GetStats(&found, sizeof found)};
     };
     viewer.sender->AttachSendProc({&Procedure::run, &procedure});
     LogCapture log(2);
     send(10);
-    EXPECT_EQ(std::vector<int>(8, -1), results);
-    EXPECT_EQ(8U, log.countMatching(2, "CMediaLanes.*not inside a call-back\n")) << log.dump();
+    EXPECT_EQ(std::vector<int>(9, -1), results);
+    EXPECT_EQ(9U, log.countMatching(2, "CMediaLanes.*not inside a call-back\n")) << log.dump();
     viewer.sender->DetachSendProc();
 }
 

@@ -7,6 +7,7 @@
 #include "support/media/KeeperModel.h"
 #include "support/media/MediaFixture.h"
 #include "support/media/MediaModel.h"
+#include "support/media/PlainBatch.h"
 
 namespace Orvex::Testing {
 
@@ -33,6 +34,7 @@ struct Pair {
     std::vector<std::tuple<int, int, int>> finished;
     std::map<const CMediaPacket*, int>* numbers = nullptr;
     bool used = false;
+    bool asks = true;  // It hears of each frame.
 
     void on_finished(CMediaPacket* packet, int arg, int len) {
         finished.emplace_back(packet == nullptr ? -1 : numbers->at(packet), arg, len);
@@ -63,6 +65,7 @@ protected:
 
     void new_round() {
         drop_pairs();
+        batched += buffer ? PlainBatch::writesOf(*buffer) : 0;
         buffer.reset();
         for (const TestPacket& made : packets) {
             ASSERT_EQ(1, made.releases);
@@ -76,11 +79,17 @@ protected:
         mood = {random.oneIn(3), random.oneIn(4),         random.oneIn(2),
                 random.oneIn(3), random.between(2u, 12u), random.oneIn(2) ? 1 : random.between(2, 8)};
         const int clients_now = random.between(1, 5);
+        if (batches) {
+            PlainBatch::set(*buffer, random.between<std::size_t>(1, 3));
+        }
         for (int i = 0; i < clients_now; ++i) {
             pairs.push_back(std::make_unique<Pair>());
             Pair& pair = *pairs.back();
             pair.numbers = &numbers;
-            pair.real.sender->AttachSendProc({&Pair::on_finished, &pair});
+            pair.asks = !batches || random.oneIn(6);
+            if (pair.asks) {
+                pair.real.sender->AttachSendProc({&Pair::on_finished, &pair});
+            }
             model.everybody.push_back(&pair.model);
         }
     }
@@ -243,7 +252,9 @@ protected:
         ASSERT_EQ(real.m_channel_mask, s.mask);
         ASSERT_EQ(real.m_lost_mask, s.lost);
         ASSERT_EQ(real.m_list != nullptr, s.listed);
-        ASSERT_EQ(pair.finished, s.finished);
+        if (pair.asks) {
+            ASSERT_EQ(pair.finished, s.finished);
+        }
     }
 
     void compare() {
@@ -289,6 +300,27 @@ protected:
         }
     }
 
+    void run_rounds() {
+        for (int round = 0; round < ROUNDS && !HasFatalFailure(); ++round) {
+            new_round();
+            for (int step = 0; step < STEPS && !HasFatalFailure(); ++step) {
+                one_step();
+                if (!HasFatalFailure()) {
+                    compare();
+                }
+                if (HasFatalFailure()) {
+                    FAIL() << "round " << round << ", step " << step;
+                }
+            }
+            compare_messages();
+        }
+        if (!HasFatalFailure()) {
+            new_round();
+        }
+    }
+
+    bool batches = false;  // The writes of a step are made together, where they are certain.
+    uint64_t batched = 0;
     SeededRandom random;
     LogCapture quiet{1};
     Mood mood{};
@@ -298,22 +330,14 @@ protected:
 };
 
 TEST_F(MediaBufferModel, AgreesWithThePlainOneInEveryByteAndCounter) {
-    for (int round = 0; round < ROUNDS && !HasFatalFailure(); ++round) {
-        new_round();
-        for (int step = 0; step < STEPS && !HasFatalFailure(); ++step) {
-            one_step();
-            if (!HasFatalFailure()) {
-                compare();
-            }
-            if (HasFatalFailure()) {
-                FAIL() << "round " << round << ", step " << step;
-            }
-        }
-        compare_messages();
-    }
-    if (!HasFatalFailure()) {
-        new_round();
-    }
+    run_rounds();
+    EXPECT_EQ(0U, batched);
+}
+
+TEST_F(MediaBufferModel, AgreesWithItWhenTheWritesOfAStepAreMadeTogether) {
+    batches = true;
+    run_rounds();
+    EXPECT_GT(batched, 1000U);
 }
 
 // The same with senders beside them that step ahead. To the plain model, and so to all that the others get,
@@ -522,6 +546,18 @@ protected:
         }
     }
 
+    void run_mixed_rounds() {
+        for (int round = 0; round < ROUNDS && !HasFatalFailure(); ++round) {
+            run_round(round);
+        }
+        if (!HasFatalFailure()) {
+            EXPECT_GT(skips, 100U) << "they did step ahead";
+            EXPECT_GT(left_out, 100U);
+            drop_keepers();
+            new_round();
+        }
+    }
+
     HandClock clock;
     KeeperStream stream;
     std::vector<std::unique_ptr<Keeper>> keepers;
@@ -533,15 +569,13 @@ protected:
 };
 
 TEST_F(MediaMixedModel, WhoeverStepsAheadChangesNothingForTheOthers) {
-    for (int round = 0; round < ROUNDS && !HasFatalFailure(); ++round) {
-        run_round(round);
-    }
-    if (!HasFatalFailure()) {
-        EXPECT_GT(skips, 100U) << "they did step ahead";
-        EXPECT_GT(left_out, 100U);
-        drop_keepers();
-        new_round();
-    }
+    run_mixed_rounds();
+}
+
+TEST_F(MediaMixedModel, NorDoesItWhenTheWritesOfAStepAreMadeTogether) {
+    batches = true;
+    run_mixed_rounds();
+    EXPECT_GT(batched, 1000U);
 }
 
 // And with frames held for those that come and come again.
@@ -554,17 +588,27 @@ protected:
         buffer->SetStartCache(keep_ms, stream.start_bytes);
         model.keepers_begin_with_cache = true;
     }
+
+    void run_start_rounds() {
+        uint64_t starts = 0;
+        for (int round = 0; round < ROUNDS / 3 && !HasFatalFailure(); ++round) {
+            run_round(round);
+            MediaStartStats stats;
+            buffer->GetStartStats(&stats);
+            starts += stats.starts;
+        }
+        EXPECT_GT(starts, 100U);
+    }
 };
 
 TEST_F(MediaStartModel, WhoeverBeginsWithTheCacheChangesNothingForTheOthers) {
-    uint64_t starts = 0;
-    for (int round = 0; round < ROUNDS / 3 && !HasFatalFailure(); ++round) {
-        run_round(round);
-        MediaStartStats stats;
-        buffer->GetStartStats(&stats);
-        starts += stats.starts;
-    }
-    EXPECT_GT(starts, 100U);
+    run_start_rounds();
+}
+
+TEST_F(MediaStartModel, NorDoesItWhenTheWritesOfAStepAreMadeTogether) {
+    batches = true;
+    run_start_rounds();
+    EXPECT_GT(batched, 1000U);
 }
 
 }  // namespace Orvex::Testing

@@ -1,5 +1,5 @@
 // ResumePolicy: where a sender with a limit of lag goes on, from its place and the frame alone.
-#include "Tool/media/ResumePolicy.h"
+#include "Tool/media/FrameChoice.h"
 
 #include "support/media/MediaFixture.h"
 
