@@ -12,7 +12,8 @@ import gdb
 VERSION = 1
 MAGIC = b"reticor layout"
 CALLS = ["", "handle_input", "handle_output", "handle_exception", "handle_input_timeout", "handle_output_timeout",
-         "handle_timeout", "handle_message", "handle_close"]
+         "handle_timeout", "handle_message", "handle_close", "handle_stream_input", "handle_stream_write",
+         "handle_passive_input", "file task"]
 # A list of a damaged process could lead in a circle.
 MOST = 10_000_000
 

@@ -22,7 +22,11 @@ constexpr const char* CALL_NAMES[] = {"",
                                       "handle_output_timeout",
                                       "handle_timeout",
                                       "handle_message",
-                                      "handle_close"};
+                                      "handle_close",
+                                      "handle_stream_input",
+                                      "handle_stream_write",
+                                      "handle_passive_input",
+                                      "file task"};
 constexpr int CALL_TIMEOUT = 6;
 constexpr int CALL_MESSAGE = 7;
 constexpr int CALL_CLOSE = 8;

@@ -17,7 +17,11 @@ const char* call_name(CallKind kind) {
                                             "handle_output_timeout",
                                             "handle_timeout",
                                             "handle_message",
-                                            "handle_close"};
+                                            "handle_close",
+                                            "handle_stream_input",
+                                            "handle_stream_write",
+                                            "handle_passive_input",
+                                            "file task"};
     static_assert(sizeof(NAMES) / sizeof(NAMES[0]) == static_cast<size_t>(CallKind::COUNT), "one for each");
     return kind < CallKind::COUNT ? NAMES[static_cast<size_t>(kind)] : "";
 }

@@ -32,10 +32,14 @@ enum class CallKind : uint8_t {
     TIMEOUT,
     MESSAGE,
     CLOSE,
+    STREAM_INPUT,
+    STREAM_WRITE,
+    PASSIVE_INPUT,
+    FILE_TASK,
     COUNT
 };
 
-/// "handle_input" and so on; empty for NONE.
+/// "handle_input" and so on, "file task" for what a file has done on a worker; empty for NONE.
 const char* call_name(CallKind kind);
 
 /// What is counted for a class of handlers. 32 bytes, so that a row is found by a shift.

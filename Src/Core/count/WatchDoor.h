@@ -21,6 +21,15 @@ public:
         }
     }
 
+    /// On a thread that is no worker, after it has set `shown`: either the watch sees that before it sleeps,
+    /// or this sees that it sleeps.
+    static void KnockAfter(std::atomic<uint64_t>& shown) {
+        shown.fetch_add(0, std::memory_order_seq_cst);
+        if (__builtin_expect(sm_parked.load(std::memory_order_seq_cst), 0)) {
+            wake();
+        }
+    }
+
     static void SetParked(bool parked) { sm_parked.store(parked, std::memory_order_seq_cst); }
     /// Until somebody knocks.
     static void Rest() { sm_knocks.pend(); }

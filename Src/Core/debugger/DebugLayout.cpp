@@ -160,7 +160,7 @@ constexpr uint32_t ENTRIES = 0 RETICOR_LAYOUT(RETICOR_ONE);
 static_assert(sizeof(Layout) == 24 + 32 * ENTRIES, "every entry has 32 bytes: a name and 64 bits");
 // What the script takes for granted: the names of calls, and that a base class comes first.
 static_assert(static_cast<int>(CallKind::INPUT) == 1 && static_cast<int>(CallKind::CLOSE) == 8 &&
-              static_cast<int>(CallKind::COUNT) == 9);
+              static_cast<int>(CallKind::FILE_TASK) == 12 && static_cast<int>(CallKind::COUNT) == 13);
 static_assert(ThreadCounts::KIND_SHIFT == 56);
 static_assert(!std::is_polymorphic_v<HandlerInternal> && !std::is_polymorphic_v<SenderRecord>);
 

@@ -6,6 +6,7 @@
 #include "Core/count/Points.h"
 #include "Core/count/ThreadCounts.h"
 #include "Core/count/Timing.h"
+#include "Core/count/WatchDoor.h"
 #include "Core/handle/HandlerInternal.h"
 
 namespace Orvex::Reticor {
@@ -31,6 +32,19 @@ public:
 
 private:
     ThreadCounts& m_counts;
+};
+
+/// The same on a thread of the library that is no worker, as those of files and receivers: it has counters of
+/// its own from then on. The watch looks at the queues of workers before it sleeps, so such a thread shows
+/// its call first, and knocks then.
+class LoneCallMark {
+public:
+    LoneCallMark(CNetHandler& handler, CallKind kind) : m_mark((ThreadCounts::Attach(-1), handler), kind) {
+        WatchDoor::KnockAfter(ThreadCounts::Mine().m_call);
+    }
+
+private:
+    const CallMark m_mark;
 };
 
 /// Around a call that is timed, beside the other one.

@@ -120,7 +120,7 @@ void StuckWatch::SetHook(Hook hook, void* context) {
 bool StuckWatch::anybody_awake() {
     bool awake = false;
     ThreadCounts::ForEach([&](const ThreadCounts& block) {
-        awake = awake || block.m_call.load(std::memory_order_relaxed) != 0;
+        awake = awake || block.m_call.load(std::memory_order_seq_cst) != 0;
     });
     for (int index = 0; !awake && index < PoolSlot::LIMIT; ++index) {
         if (const PoolLease pool{index}) {

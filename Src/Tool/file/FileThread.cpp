@@ -8,6 +8,7 @@
 #include <Reticor/NFile.h>
 
 #include "Core/count/Points.h"
+#include "Core/handle/CallMark.h"
 #include "Core/service/Message.h"
 #include "Tool/file/NFileState.h"
 #include "Tool/task/FileTaskQueue.h"
@@ -47,7 +48,9 @@ PassResult close(const FileTask& task) {
     return PassResult::done;
 }
 
+// A device that hangs is seen as a call of the file. Whoever closes the file may end it meanwhile.
 PassResult run(const FileTask& task) {
+    const LoneCallMark mark(*task.m_file, CallKind::FILE_TASK);
     DeviceSide& device = CNFile::State::of(*task.m_file).m_device;
     switch (task.m_type) {
         case FILE_TASK_WRITE:

@@ -11,6 +11,7 @@
 #include <Infra/Time.h>
 #include <Reticor/R3.h>
 
+#include "Core/handle/CallMark.h"
 #include "Core/handle/ClassName.h"
 #include "Core/service/Message.h"
 #include "R3/print/FuncBox.h"
@@ -45,6 +46,11 @@ public:
 
 private:
     bool receive_paced(long long& result);
+    template <typename Result>
+    Result marked(CallKind kind, Result (CMediaStreamReceiver::*call)()) {
+        const LoneCallMark mark(m_receiver, kind);
+        return (m_receiver.*call)();
+    }
     void print(const char* moment);
     void tell_failure(long id);
 };
@@ -59,12 +65,12 @@ void CMediaStreamReceiver::Turn::turn() {
         case receiver_write:
             INFRA_PROMISE(HANDLER);
             m_calls.Increment();
-            result = m_receiver.handle_stream_write();
+            result = marked(CallKind::STREAM_WRITE, &CMediaStreamReceiver::handle_stream_write);
             break;
         case receiver_active:
             INFRA_PROMISE(HANDLER);
             m_calls.Increment();
-            result = m_receiver.handle_stream_input();
+            result = marked(CallKind::STREAM_INPUT, &CMediaStreamReceiver::handle_stream_input);
             break;
         default:
             if (!receive_paced(result)) {
@@ -98,7 +104,7 @@ bool CMediaStreamReceiver::Turn::receive_paced(long long& result) {
             return false;
         }
         m_calls.Increment();
-        result = m_receiver.handle_passive_input();
+        result = marked(CallKind::PASSIVE_INPUT, &CMediaStreamReceiver::handle_passive_input);
         Infra::CGuard guard(m_mutex);
         if (result < 1 || m_state.load(std::memory_order_relaxed) != RECEIVER_RUNNING) {
             return true;

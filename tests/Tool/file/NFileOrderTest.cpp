@@ -1,6 +1,7 @@
 // CNFile: the order in which bytes reach the device and come back, when passes, loads and calls meet.
 #include <Reticor/NFile.h>
 
+#include "support/StuckNotes.h"
 #include "support/file/FileWorld.h"
 
 namespace Orvex::Reticor {
@@ -66,6 +67,27 @@ TEST_F(NFileOrder, ALoadDoesNotOvertakeTheWriteThatItDependsOn) {
     drain();
     EXPECT_EQ("0123456789", read(*file, 10));
     EXPECT_EQ(1, disk->most_inside) << "one pass at a time: nobody moves the position of another";
+    closed(file);
+}
+
+TEST_F(NFileOrder, ADeviceThatHangsIsNamedAsWorkOfItsFile) {
+    Testing::StuckNotes notes(20);
+    CNFile* const file = open(newGatedDevice());
+    EXPECT_EQ(10, write(*file, "0123456789"));
+    EXPECT_EQ(0, file->Seek(0, 0));
+    std::thread worker([] { step(); });
+    ASSERT_TRUE(gate.awaitArrivals(1));
+    EXPECT_EVENTUALLY(notes.calls().size() == 1);
+    for (const StuckCall& call : notes.calls()) {
+        EXPECT_STREQ("file task", call.call);
+        EXPECT_STREQ("Orvex::Reticor::CNFile", call.class_name);
+        EXPECT_EQ(file->GetID(), call.handler);
+        EXPECT_EQ(-1, call.pool);
+        EXPECT_EQ(0u, call.spins);
+    }
+    gate.open();
+    worker.join();
+    drain();
     closed(file);
 }
 

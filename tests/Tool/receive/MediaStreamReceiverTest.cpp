@@ -8,11 +8,14 @@
 #include <cstdio>
 #include <cstring>
 #include <limits>
+#include <thread>
 
 #include "R3/print/FuncBox.h"
 #include "Tool/receive/ReceiverGroup.h"
 #include "support/LogCapture.h"
 #include "support/ObjectFigures.h"
+#include "support/StuckNotes.h"
+#include "support/core/Gate.h"
 #include "support/debug/DaemonStandIn.h"
 #include "support/media/ReceiverStand.h"
 
@@ -50,6 +53,35 @@ protected:
         return units;
     }
 };
+
+// ---- Calls that do not come back -----------------------------------------------------------------------
+
+TEST_F(MediaStreamReceiver, ACallThatHangsIsNamed) {
+    struct Way {
+        receiver_mode mode;
+        const char* name;
+    };
+    for (const Way& way :
+         {Way{receiver_active, "handle_stream_input"}, Way{receiver_write, "handle_stream_write"},
+          Way{receiver_passive, "handle_passive_input"}}) {
+        StuckNotes notes(20);
+        Gate gate;
+        TestReceiver* const receiver = start(way.mode);
+        receiver->on_input = receiver->on_write = [&] { return gate.pass(), -1; };
+        receiver->on_passive = [&] { return gate.pass(), -1LL; };
+        std::thread ticking([this] { tick(); });
+        EXPECT_TRUE(gate.awaitArrivals(1));
+        EXPECT_EVENTUALLY((clock.advanceUs(1000), notes.calls().size() == 1));
+        for (const StuckCall& call : notes.calls()) {
+            EXPECT_STREQ(way.name, call.call);
+            EXPECT_EQ(receiver->GetID(), call.handler);
+        }
+        gate.open();
+        ticking.join();
+        receiver->Close();
+        tick();
+    }
+}
 
 // ---- Modes and results ---------------------------------------------------------------------------------
 
