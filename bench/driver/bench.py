@@ -163,6 +163,7 @@ def main():
     path = options.out / "results.json"
     results = stored(path)
     failures = []
+    chosen = []
     if not options.render:
         chosen = select(rows, options.rows)
         measuring = Measuring(tools, rows_module.QUICK if options.quick else rows_module.FULL, options.runs)
@@ -171,7 +172,8 @@ def main():
         failures = measuring.failures
         path.write_text(json.dumps(results, indent=1, sort_keys=True) + "\n")
     report.write(results, [row.name for row in rows], options.out)
-    print((options.out / "README.md").read_text() if options.quick else f"written: {options.out / 'README.md'}")
+    print(report.measured(results, [row.name for row in chosen]))
+    print(f"written: {options.out / 'README.md'}")
     if failures:
         sys.exit("script/bench: not everything could be measured:\n" + "\n".join(failures))
 

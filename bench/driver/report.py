@@ -26,6 +26,7 @@ FANOUT_COLUMNS = [
 SYSCALL_COLUMNS = [("all", "all", "{:.2f}", True)] + [(kind, kind, "{:.2f}", False) for kind in KINDS]
 TABLES = {
     "echo": ("epoll", ECHO_COLUMNS),
+    "kit": ("asio", ECHO_COLUMNS),
     "syscalls": ("epoll", SYSCALL_COLUMNS),
     "fanout": ("epoll", FANOUT_COLUMNS),
     "fanout-counts": ("epoll", SYSCALL_COLUMNS + [("allocations", "allocations", "{:.4f}", False),
@@ -71,6 +72,9 @@ HEADINGS = {
              "The rows on one processor leave that out and compare the length of the path. Above 4000 connections "
              "Reticor spreads them over a CPoolSet. Memory per connection is what the server's own grew by until "
              "each was served once, without the kernel's."),
+    "kit": ("The server kit", "The echo of above by a lambda for each connection and by a coroutine for each, beside a handler "
+            "class (Reticor) and asio's call-backs and coroutines; ratios in brackets are to asio's call-backs. How to read "
+            "them is in [kit.md](kit.md)."),
     "syscalls": ("System calls per request", "Counted by `{counter}` on the server's threads while the load runs, in "
                  "runs of their own, since counting slows what is counted."),
     "fanout": ("Fan-out", "One producer, one delivery thread, many clients on the loopback device; the server has one "
@@ -141,13 +145,25 @@ def write(results, order, directory):
     rows = {name: results["rows"][name] for name in names}
     medians = medians_of(results)
     pictures = plots.draw(medians, {name: row["title"] for name, row in rows.items()}, directory)
-    page = ["# Benchmarks", "", *preface(rows), "", *target_table(medians, rows)]
-    for group in ("echo", "syscalls", "fanout", "fanout-counts", "lanes", "messages", "datagrams", "timers", "ticks", "files",
-                  "micro"):
+    page = ["# Benchmarks", "", *preface(rows), "", *tables(rows, medians, pictures)]
+    (directory / "README.md").write_text("\n".join(page) + "\n")
+
+
+def measured(results, names):
+    """What is to be shown of these rows alone, as text."""
+    rows = {name: results["rows"][name] for name in names if name in results["rows"]}
+    return "\n".join(tables(rows, medians_of({"rows": rows}), {}))
+
+
+def tables(rows, medians, pictures):
+    """The lines of the targets that these rows have, and of their tables, by group."""
+    lines = target_table(medians, rows)
+    for group in ("echo", "kit", "syscalls", "fanout", "fanout-counts", "lanes", "messages", "datagrams", "timers", "ticks",
+                  "files", "micro"):
         members = {name: row for name, row in rows.items() if row["group"] == group}
         if members:
-            page += ["", *section(group, members, medians, pictures.get(group, []))]
-    (directory / "README.md").write_text("\n".join(page) + "\n")
+            lines += ["", *section(group, members, medians, pictures.get(group, []))]
+    return lines
 
 
 def distinct(values):

@@ -11,9 +11,11 @@ NAMES = {
     "gstreamer": "GStreamer", "stdio": "fwrite, fread", "posix": "pwrite, pread", "reticor": "Reticor",
     "reticor-single": "Reticor, a write per frame", "reticor-batch": "Reticor, a step's writes together", "reticor-ahead": "Reticor, reading ahead",
     "reticor-1": "one lane", "reticor-2": "two lanes", "reticor-3": "three lanes",
+    "asio-coroutines": "asio, coroutines", "kit": "the kit", "kit-coroutines": "the kit, coroutines",
     "sendto": "plain sendto", "reticor-many": "Reticor, SendMany", "reticor-segments": "Reticor, SendSegments",
 }
 ECHO = ["epoll", "libevent", "libuv", "asio", "reticor"]
+KIT = ["asio", "asio-coroutines", "reticor", "kit", "kit-coroutines"]
 FANOUT = ["epoll", "libevent", "gstreamer", "reticor"]
 DATAGRAMS = ["sendto", "libuv", "asio", "reticor", "reticor-many", "reticor-segments"]
 
@@ -54,9 +56,23 @@ class EchoRow:
         return "echo_" + implementation
 
     def measure(self, tools, implementation, scale):
-        with Server(tools, "echo_" + implementation, "--threads", 2, "--pools", self.pools, cpus=self.cpus) as server:
+        with Server(tools, self.program(implementation), "--threads", 2, "--pools", self.pools,
+                    cpus=self.cpus) as server:
             return tools.json("echo_load", "--port", server.port, "--server-pid", server.pid, *self.load,
                               "--seconds", scale.seconds, "--warm-up", scale.warm_up, cpus=self.cpus)
+
+
+class KitRow(EchoRow):
+    """The same echo by lambdas and by coroutines of the kit, beside a handler class and beside asio's two ways."""
+    group = "kit"
+
+    def __init__(self, name, title, connections, active, size, one_cpu=False):
+        super().__init__(name, title, connections, active, size, one_cpu)
+        self.implementations = KIT
+
+    def program(self, implementation):
+        return {"kit-coroutines": "echo_coroutines", "asio-coroutines": "echo_asio_coroutines"}.get(
+            implementation, "echo_" + implementation)
 
 
 class SyscallRow:
@@ -279,6 +295,11 @@ def all_rows(micro_programs):
         EchoRow("echo-64b-10000-64", "64 B, 10,000 connections, 64 of them active", 10000, 64, 64),
         EchoRow("echo-64b-16000-64", "64 B, 16,000 connections, 64 of them active", 16000, 64, 64),
         EchoRow("echo-16k-64", "16 KiB, 64 connections", 64, 64, 16384),
+        KitRow("kit-64b-1", "64 B, 1 connection", 1, 1, 64),
+        KitRow("kit-64b-1-one-cpu", "64 B, 1 connection, server and load on one processor", 1, 1, 64, True),
+        KitRow("kit-64b-64", "64 B, 64 connections", 64, 64, 64),
+        KitRow("kit-64b-1000", "64 B, 1000 connections", 1000, 1000, 64),
+        KitRow("kit-64b-4000-16", "64 B, 4000 connections, 16 of them active", 4000, 16, 64),
         SyscallRow("syscalls-1", "1 connection", 1),
         SyscallRow("syscalls-64", "64 connections", 64),
         FanoutRow("fanout-100", "100 clients, 25 frames/s of 20 KB", Stream(25, 20000), ["--fast", 100],

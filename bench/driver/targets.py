@@ -38,7 +38,7 @@ class Medians:
 def reached(medians, titles):
     """All targets of which the figures are there."""
     found = Medians(medians)
-    targets = [*echo(found, titles), *syscalls(found, titles), *fanout(found, titles), *messages(found), *datagrams(found),
+    targets = [*echo(found, titles), *kit(found, titles), *syscalls(found, titles), *fanout(found, titles), *messages(found), *datagrams(found),
                *timers(found), *ticks(found), *files(found), *micro(found)]
     return [target for target in targets if target.reached is not None]
 
@@ -64,6 +64,23 @@ def echo(found, titles):
     yield Target("Echo, 4000 open against 16 open, 16 active", "requests/s",
                  found.ratio("echo-64b-4000-16", "requests_per_s", "reticor", "reticor", "echo-64b-16-16"), 0.95,
                  at_least=True)
+
+
+# With 1000 active connections the figures are only shown.
+KIT_ROWS = ["kit-64b-1", "kit-64b-64", "kit-64b-4000-16"]
+
+
+def kit(found, titles):
+    for row in KIT_ROWS:
+        work = "Kit, " + titles.get(row, row)
+        for own, peer, what in (("kit", "asio", "the kit's lambdas against asio's call-backs"),
+                                ("kit", "asio-coroutines", "the kit's lambdas against asio's coroutines"),
+                                ("kit-coroutines", "asio-coroutines", "the kit's coroutines against asio's")):
+            yield Target(work, "requests/s, " + what, found.ratio(row, "requests_per_s", own, peer), 1, at_least=True)
+        yield Target(work, "requests/s, a handler class against the kit's lambdas",
+                     found.ratio(row, "requests_per_s", "reticor", "kit"), 1.05)
+        yield Target(work, "server CPU per request, the kit's lambdas against a handler class",
+                     found.ratio(row, "server_cpu_us_per_request", "kit", "reticor"), 1.05)
 
 
 def syscalls(found, titles):

@@ -2,6 +2,9 @@
 // members of an exported class inside the library.
 #pragma once
 
+static_assert(sizeof(long) == 8 && sizeof(void*) == 8,
+              "Reticor is for 64-bit systems: ids, times and what a message carries are long");
+
 #if defined(__GNUC__)
 #define RETICOR_API __attribute__((visibility("default")))
 #define RETICOR_HIDDEN __attribute__((visibility("hidden")))

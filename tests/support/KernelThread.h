@@ -13,6 +13,19 @@
 
 namespace Orvex::Testing {
 
+// Numbers of system calls as /proc tells them. Below an emulator stands a kernel of another machine, with its
+// own numbers; and younger machines have only one of the two calls that wait in epoll(7).
+#if defined(RETICOR_TEST_EMULATED_ON_X86_64)
+constexpr long KERNEL_FUTEX = 202;
+constexpr long KERNEL_EPOLL_WAIT = 281;  // epoll_pwait, which an emulator takes for both
+#elif defined(SYS_epoll_wait)
+constexpr long KERNEL_FUTEX = SYS_futex;
+constexpr long KERNEL_EPOLL_WAIT = SYS_epoll_wait;
+#else
+constexpr long KERNEL_FUTEX = SYS_futex;
+constexpr long KERNEL_EPOLL_WAIT = SYS_epoll_pwait;
+#endif
+
 inline int kernelThreadId() {
     return static_cast<int>(::syscall(SYS_gettid));
 }
@@ -24,7 +37,7 @@ inline std::ifstream openTaskFile(int thread_id, const char* file) {
 // Whether the thread is asleep in futex(2), where the locks, the semaphore and pause() wait.
 inline bool sleepsInFutex(int thread_id) {
     long number = -1;
-    return static_cast<bool>(openTaskFile(thread_id, "syscall") >> number) && number == SYS_futex;
+    return static_cast<bool>(openTaskFile(thread_id, "syscall") >> number) && number == KERNEL_FUTEX;
 }
 
 // How often the thread went to sleep of its own accord.

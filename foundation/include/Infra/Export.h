@@ -3,6 +3,9 @@
 // INFRA_CONSTINIT in front of a static object makes the compiler refuse a start-up initialiser.
 #pragma once
 
+static_assert(sizeof(long) == 8 && sizeof(void*) == 8,
+              "Infra and Reticor are for 64-bit systems: ids, times and what a message carries are long");
+
 #if defined(__GNUC__)
 #define INFRA_API __attribute__((visibility("default")))
 #define INFRA_HIDDEN __attribute__((visibility("hidden")))

@@ -4,7 +4,6 @@
 #include <pthread.h>
 #include <signal.h>
 #include <sys/ioctl.h>
-#include <sys/syscall.h>
 
 #include <atomic>
 #include <numeric>
@@ -19,13 +18,6 @@
 
 namespace Orvex::Testing {
 namespace {
-
-// The call that a waiting poller sleeps in. Younger machines have only one of the two.
-#if defined(SYS_epoll_wait)
-constexpr long EPOLL_WAIT = SYS_epoll_wait;
-#else
-constexpr long EPOLL_WAIT = SYS_epoll_pwait;
-#endif
 
 using namespace Reticor;
 
@@ -313,7 +305,7 @@ public:
 private:
     bool sleepsInEpoll() const {
         long number = -1;
-        return static_cast<bool>(openTaskFile(m_id, "syscall") >> number) && number == EPOLL_WAIT;
+        return static_cast<bool>(openTaskFile(m_id, "syscall") >> number) && number == KERNEL_EPOLL_WAIT;
     }
 
     std::atomic<int> m_id{0};

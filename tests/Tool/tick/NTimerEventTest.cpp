@@ -197,9 +197,10 @@ TEST_F(NTimerEvent, CloseMayBeCalledAgainWhileTheEventIsReferredTo) {
 
 template <typename Member>
 std::size_t slotOf(Member member) {
-    std::ptrdiff_t offset = 0;  // of the entry in the virtual table, plus 1
+    // Of the entry in the virtual table, plus 1 where that tells it from a function.
+    std::ptrdiff_t offset = 0;
     std::memcpy(&offset, &member, sizeof offset);
-    return static_cast<std::size_t>(offset - 1) / sizeof(void*);
+    return static_cast<std::size_t>(offset) / sizeof(void*);
 }
 
 TEST(NTimerSlots, StandInTheirOrder) {
