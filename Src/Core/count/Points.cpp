@@ -18,6 +18,9 @@
 #include <sys/sdt.h>
 #if defined(__clang__)
 #pragma clang diagnostic ignored "-Wgnu-zero-variadic-macro-arguments"  // of the header's macros
+#if __clang_major__ >= 19
+#pragma clang diagnostic ignored "-Wc++20-extensions"  // the same warning's newer name
+#endif
 #endif
 #endif
 #endif
