@@ -91,7 +91,7 @@ private:
 TEST(DefaultSinkModel, EachPlaceHasItsLinesOfASecondAndTheRestIsTold) {
     SeededRandom random;
     HandClock clock;
-    SmallPipe pipe;
+    SmallPipe pipe(SmallPipe::ROOMY);
     PlacesModel model;
     unsigned int limit = 100;
     for (int i = 0; i < 3000 && !testing::Test::HasFailure(); ++i) {

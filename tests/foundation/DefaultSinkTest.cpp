@@ -128,7 +128,7 @@ TEST(DefaultSink, CountsWhatItDropsAndSaysSoWhereItWas) {
 }
 
 TEST(DefaultSink, OnePlaceWritesAHundredLinesInASecond) {
-    SmallPipe standard_error;
+    SmallPipe standard_error(SmallPipe::ROOMY);
     HandClock clock;
     std::string all;
     for (int i = 0; i < 150; ++i) {
@@ -153,7 +153,7 @@ TEST(DefaultSink, OnePlaceWritesAHundredLinesInASecond) {
 }
 
 TEST(DefaultSink, TheNumberLeftOutIsSaidWithoutAFurtherLine) {
-    SmallPipe standard_error;
+    SmallPipe standard_error(SmallPipe::ROOMY);
     HandClock clock;
     for (int i = 0; i < 101; ++i) {
         say(7, "x");
@@ -174,7 +174,7 @@ public:
 };
 
 TEST(DefaultSink, OneLineASecondOfAPlaceIfThatIsWanted) {
-    SmallPipe standard_error;
+    SmallPipe standard_error(SmallPipe::ROOMY);
     HandClock clock;
     const LimitOfOne limit;
     for (int i = 0; i < 5; ++i) {
@@ -195,7 +195,7 @@ TEST(DefaultSink, OneLineASecondOfAPlaceIfThatIsWanted) {
 }
 
 TEST(DefaultSink, NoLimitIfThatIsWanted) {
-    SmallPipe standard_error;
+    SmallPipe standard_error(SmallPipe::ROOMY);
     HandClock clock;
     setLogLimit(0);
     std::string all;
@@ -210,7 +210,7 @@ TEST(DefaultSink, NoLimitIfThatIsWanted) {
 // What was left out before is told, with which a new second begins for its place: one of no lines, so that
 // all of its next ones were left out.
 TEST(DefaultSink, ALimitThatComesAfterNoneHoldsFromItsFirstLineOn) {
-    SmallPipe standard_error;
+    SmallPipe standard_error(SmallPipe::ROOMY);
     HandClock clock;
     setLogLimit(1);
     say(7, "first");
@@ -228,7 +228,7 @@ TEST(DefaultSink, ALimitThatComesAfterNoneHoldsFromItsFirstLineOn) {
 
 // A long one is cut by as much, and still ends its line.
 TEST(DefaultSink, LinesCarryTheTimeIfThatIsWanted) {
-    SmallPipe standard_error;
+    SmallPipe standard_error(SmallPipe::ROOMY);
     EXPECT_FALSE(setLogTime(true));
     const time_t before = ::time(nullptr);
     say(7, "text");

@@ -82,7 +82,7 @@ TEST(LogLines, TheResultIsTheLengthOfTheTextAsTheSinkGotIt) {
 
 // It gets one newline of its own, but the caller is told of what it has written.
 TEST(LogLines, TheResultDoesNotCountTheNewlineThatIsAdded) {
-    SmallPipe pipe;
+    SmallPipe pipe(SmallPipe::ROOMY);
     EXPECT_EQ(4, logFilter(2, "", "f.cpp", "", 1, "", "four"));
     EXPECT_EQ(2047, logFilter(2, "", "f.cpp", "", 1, "", "%5000d", 1));
     const std::string written = pipe.read();
@@ -150,7 +150,7 @@ TEST(LogLines, ASinkWithoutAFunctionIsTheDefaultOne) {
 
 // A place without a file is one like any other.
 TEST(LogLines, LinesWithoutAFileHaveTheirLimitToo) {
-    SmallPipe pipe;
+    SmallPipe pipe(SmallPipe::ROOMY);
     HandClock clock;
     const unsigned int limit = setLogLimit(1);
     logFilter(2, nullptr, nullptr, nullptr, 7, nullptr, "first\n");
@@ -169,7 +169,7 @@ TEST(LogLines, LinesWithoutAFileHaveTheirLimitToo) {
 TEST(LogLines, OfSeveralThreadsAreWhole) {
     constexpr int THREADS = 4;
     constexpr int LINES = 300;
-    SmallPipe pipe;
+    SmallPipe pipe(SmallPipe::ROOMY);
     const unsigned int limit = setLogLimit(0);
     std::atomic<int> done{0};
     std::vector<std::thread> threads;
@@ -208,7 +208,7 @@ TEST(LogLines, OfSeveralThreadsAreWhole) {
 }
 
 TEST(LogLines, TheTimeIsOneForEachLineAlsoOfNotices) {
-    SmallPipe pipe;
+    SmallPipe pipe(SmallPipe::ROOMY);
     const bool before = setLogTime(true);
     EXPECT_TRUE(setLogTime(true));
     logFilter(2, "", "f.cpp", "", 1, "", "first\nstill the first\n");
