@@ -259,7 +259,7 @@ std::optional<uint64_t> MediaBufferState::give_turns() {
         }
         int answer = 0;
         const bool written = batches && m_batch.take(*record, answer);
-        const Place place = written ? Place::HERE : record->m_leaving ? Place::NONE : place_of(*record);
+        const Place place = written ? Place::HERE : place_of(*record);
         if (place == Place::NONE) {
             before = record;
             record = record->m_next;
